@@ -1,0 +1,63 @@
+# What every target of this project has in common: the language level, warnings as errors and hidden symbols.
+# Flags belong to targets; nothing is written to CMAKE_CXX_FLAGS. Sanitizers and optimisation are the presets' choice.
+
+set(CLOUDPROVIDER_SANITIZE "" CACHE STRING "Value for -fsanitize=, empty for none")
+
+function(house_target target)
+    get_target_property(type ${target} TYPE)
+    target_compile_features(${target} PUBLIC cxx_std_20)
+    set_target_properties(${target} PROPERTIES
+        CXX_EXTENSIONS OFF
+        CXX_VISIBILITY_PRESET hidden
+        VISIBILITY_INLINES_HIDDEN ON
+        POSITION_INDEPENDENT_CODE ON)
+    if(NOT type STREQUAL "EXECUTABLE")
+        set_target_properties(${target} PROPERTIES VERIFY_INTERFACE_HEADER_SETS ON)
+    endif()
+    target_compile_options(${target} PRIVATE
+        -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align -Wunused
+        -Wconversion -Wsign-conversion -Wnull-dereference -Wdouble-promotion -Wformat=2 -Werror)
+    if(CLOUDPROVIDER_SANITIZE)
+        # Public, so that every executable that links a sanitized library is linked with its runtime.
+        target_compile_options(${target} PUBLIC
+            $<BUILD_INTERFACE:-fsanitize=${CLOUDPROVIDER_SANITIZE};-fno-omit-frame-pointer;-fno-sanitize-recover=all>)
+        target_link_options(${target} PUBLIC $<BUILD_INTERFACE:-fsanitize=${CLOUDPROVIDER_SANITIZE}>)
+    endif()
+endfunction()
+
+# house_add_test(NAME SOURCES file… [LIBRARIES target…] [INCLUDES folder…])
+# One test program per component; each of its cases becomes a CTest case of its own. A case that takes longer than
+# the time limit hangs, and is ended.
+function(house_add_test name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LIBRARIES;INCLUDES" ${ARGN})
+    if(NOT BUILD_TESTING)
+        return()
+    endif()
+    add_executable(${name} ${ARG_SOURCES})
+    house_target(${name})
+    target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} GTest::gmock GTest::gtest GTest::gtest_main)
+    target_include_directories(${name} PRIVATE ${ARG_INCLUDES})
+    include(GoogleTest)
+    gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+    foreach(source IN LISTS ARG_SOURCES)
+        cmake_path(ABSOLUTE_PATH source BASE_DIRECTORY "${CMAKE_CURRENT_SOURCE_DIR}" NORMALIZE)
+        set_property(GLOBAL APPEND PROPERTY HOUSE_TEST_FILES "${source}")
+    endforeach()
+endfunction()
+
+# A test file that no target names would silently never run.
+function(house_check_test_files)
+    if(NOT BUILD_TESTING)
+        return()
+    endif()
+    file(GLOB_RECURSE files CONFIGURE_DEPENDS
+        "${PROJECT_SOURCE_DIR}/foundation/test/*.cpp"
+        "${PROJECT_SOURCE_DIR}/storage/*/test/*.cpp"
+        "${PROJECT_SOURCE_DIR}/tools/*/test/*.cpp")
+    get_property(named GLOBAL PROPERTY HOUSE_TEST_FILES)
+    foreach(file IN LISTS files)
+        if(NOT file IN_LIST named)
+            message(FATAL_ERROR "${file} is in no test target")
+        endif()
+    endforeach()
+endfunction()
