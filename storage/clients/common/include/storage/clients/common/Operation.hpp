@@ -1,0 +1,42 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <iosfwd>
+#include <string_view>
+
+namespace storage::clients
+{
+
+/// The operations of a CloudClient, in the interface's order.
+enum class Operation : std::size_t
+{
+    GetObjectInfo,
+    ValidateObjectName,
+    ListObjects,
+    DeleteObject,
+    GetObjectRange,
+    PutObject,
+    GetObjectParts,
+    CreateMultipartUpload,
+    UploadPart,
+    CopyPart,
+    AbortMultipartUpload,
+    CompleteMultipartUpload
+};
+
+/// Every operation, for tables and loops; the value of an Operation is its place here.
+constexpr std::array allOperations{Operation::GetObjectInfo, Operation::ValidateObjectName, Operation::ListObjects,
+    Operation::DeleteObject, Operation::GetObjectRange, Operation::PutObject, Operation::GetObjectParts,
+    Operation::CreateMultipartUpload, Operation::UploadPart, Operation::CopyPart, Operation::AbortMultipartUpload,
+    Operation::CompleteMultipartUpload};
+
+static_assert(allOperations.back() == Operation{allOperations.size() - 1});
+
+/// The operation as CloudClient spells it: "uploadPart". Valid for the whole run of the program.
+std::string_view name(Operation operation) noexcept;
+
+/// Print the name.
+std::ostream& operator<<(std::ostream& out, Operation operation);
+
+} // namespace storage::clients

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstddef>
+#include <iosfwd>
+#include <map>
+
+namespace storage::clients
+{
+
+/// A set of part indexes, kept as ranges so that a file of many parts costs one entry.
+///
+/// Memory is bounded: once `maxRanges` separate ranges are held, an index that would need another is left out and
+/// complete() says so. A plain value; concurrent changes need the caller's lock.
+class PartIndexes
+{
+public:
+    static constexpr std::size_t maxRanges = 1024; // scattered changes in a file of 10,000 parts, the most that S3 has
+
+    /// Add one index. Adding it again changes nothing.
+    void insert(std::size_t index);
+
+    bool contains(std::size_t index) const;
+    bool empty() const noexcept { return m_ranges.empty(); }
+
+    /// False when an index was left out to bound the memory.
+    bool complete() const noexcept { return m_complete; }
+
+    bool operator==(const PartIndexes&) const = default;
+
+    /// Print as "0-5,7,9-12", with ",..." behind when not complete().
+    friend std::ostream& operator<<(std::ostream& out, const PartIndexes& indexes);
+
+private:
+    std::map<std::size_t, std::size_t> m_ranges; // first index -> last index; neither touching nor overlapping
+    bool m_complete = true;
+};
+
+} // namespace storage::clients
