@@ -1,0 +1,61 @@
+# What `cmake --install` leaves behind: the programs, the libraries with their headers, the CMake package
+# `cloudprovider` and two pkg-config files. Everything finds its neighbours relative to itself, so that an installed
+# tree can be moved.
+
+include(CMakePackageConfigHelpers)
+
+set(libraries foundation cloudprovider)
+set(stores
+    cloudprovider_clients_common
+    cloudprovider_local
+    cloudprovider_memory
+    cloudprovider_stores)
+set(programs cloudfs)
+foreach(list libraries stores programs) # until every folder has its targets
+    foreach(target IN LISTS ${list})
+        if(NOT TARGET ${target})
+            list(REMOVE_ITEM ${list} ${target})
+        endif()
+    endforeach()
+endforeach()
+
+set_target_properties(${libraries} PROPERTIES
+    VERSION ${PROJECT_VERSION}
+    SOVERSION ${PROJECT_VERSION_MAJOR}
+    INSTALL_RPATH "$ORIGIN")
+
+file(RELATIVE_PATH libdir_from_bindir "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
+if(programs)
+    set_target_properties(${programs} PROPERTIES INSTALL_RPATH "$ORIGIN/${libdir_from_bindir}")
+endif()
+
+install(TARGETS ${libraries} ${stores} ${programs}
+    EXPORT cloudprovider
+    FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+
+set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/cloudprovider")
+install(EXPORT cloudprovider
+    FILE cloudproviderTargets.cmake
+    NAMESPACE cloudprovider::
+    DESTINATION "${package_dir}")
+
+configure_package_config_file(cmake/cloudproviderConfig.cmake.in
+    "${CMAKE_CURRENT_BINARY_DIR}/package/cloudproviderConfig.cmake"
+    INSTALL_DESTINATION "${package_dir}"
+    NO_SET_AND_CHECK_MACRO NO_CHECK_REQUIRED_COMPONENTS_MACRO)
+write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/package/cloudproviderConfigVersion.cmake"
+    COMPATIBILITY SameMajorVersion)
+install(FILES
+    "${CMAKE_CURRENT_BINARY_DIR}/package/cloudproviderConfig.cmake"
+    "${CMAKE_CURRENT_BINARY_DIR}/package/cloudproviderConfigVersion.cmake"
+    DESTINATION "${package_dir}")
+
+# pkg-config works out the prefix from where the file itself lies.
+file(RELATIVE_PATH prefix_from_pcdir
+    "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
+string(REGEX REPLACE "/$" "" prefix_from_pcdir "${prefix_from_pcdir}")
+foreach(module cloudprovider cloudprovider-stores)
+    configure_file(cmake/${module}.pc.in "${CMAKE_CURRENT_BINARY_DIR}/package/${module}.pc" @ONLY)
+    install(FILES "${CMAKE_CURRENT_BINARY_DIR}/package/${module}.pc"
+        DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+endforeach()
