@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Use the library as a stranger would: compile each public header alone, install the release build to a temporary
+# folder, and from there build and run a small program, found once by CMake and once by pkg-config.
+#
+# Usage: scripts/check-package.sh
+set -euo pipefail
+# shellcheck source=scripts/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+scripts/install-deps.sh
+build release
+build release all_verify_interface_header_sets
+
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+quietly build/logs/install.log cmake --install build/release --prefix "$scratch/built"
+# Somewhere else than it was installed to: nothing in an installed tree may name its own place.
+mv "$scratch/built" "$scratch/installed"
+prefix=$scratch/installed
+
+quietly build/logs/consumer-cmake.log cmake -S cmake/consumer -B "$scratch/by-cmake" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_PREFIX_PATH="$prefix"
+quietly build/logs/consumer-cmake.log cmake --build "$scratch/by-cmake"
+quietly build/logs/consumer-run.log timeout 60 "$scratch/by-cmake/consumer"
+
+by_pkg_config()
+{
+    export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
+    # shellcheck disable=SC2046 # flags are words
+    g++ -std=c++20 -Wall -Wextra -Werror $(pkg-config --cflags cloudprovider-stores) cmake/consumer/main.cpp \
+        -o "$scratch/by-pkg-config" $(pkg-config --libs cloudprovider-stores) -Wl,-rpath,"$prefix/lib" &&
+        timeout 60 "$scratch/by-pkg-config"
+}
+quietly build/logs/consumer-pkg-config.log by_pkg_config
+
+quietly build/logs/installed-cloudfs.log timeout 60 "$prefix/bin/cloudfs" --version

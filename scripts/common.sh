@@ -1,0 +1,35 @@
+# shellcheck shell=bash
+# What the scripts beside this file share; sourced, not run.
+
+# The project's own folder, wherever it was cloned to, is where every script works.
+cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit
+root=$PWD
+
+# Compilations are remembered where ccache is installed, across clones too: paths below the root do not count.
+if command -v ccache >/dev/null; then
+    export CMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER-ccache}
+    export CCACHE_BASEDIR=${CCACHE_BASEDIR-$root} CCACHE_NOHASHDIR=${CCACHE_NOHASHDIR-true}
+fi
+
+# quietly LOG COMMAND…: run a command with its output in LOG; show the end of LOG only if the command fails.
+quietly()
+{
+    local log=$1 status=0
+    shift
+    mkdir -p "$(dirname "$log")"
+    "$@" >"$log" 2>&1 </dev/null || status=$?
+    if ((status != 0)); then
+        tail -n 100 "$log" >&2
+        echo "failed: $* (status $status, whole output in $log)" >&2
+    fi
+    return "$status"
+}
+
+# build PRESET [TARGET…]: configure and build.
+build()
+{
+    local preset=$1 log=build/logs/$1
+    shift
+    quietly "$log-configure.log" cmake --preset "$preset"
+    quietly "$log-build.log" cmake --build --preset "$preset" ${1:+--target "$@"}
+}

@@ -1,0 +1,63 @@
+#!/usr/bin/env bash
+# Install what building, testing, checking and measuring need on Debian 12. Does nothing when all of it is there.
+#
+# Usage: scripts/install-deps.sh        as root, or as a user who may use sudo
+set -euo pipefail
+
+packages=(
+    # building
+    g++ cmake ninja-build
+    libboost-dev libboost-date-time-dev libboost-filesystem-dev libboost-iostreams-dev
+    libboost-log-dev libboost-system-dev libboost-thread-dev
+    libcli11-dev libfmt-dev libsqlite3-dev
+    # testing: the second compiler, its sanitizer runtimes, and the consumer of the installed package
+    libgtest-dev libgmock-dev
+    clang-14 libclang-rt-14-dev
+    pkg-config
+    # checking: git names the files that are ours
+    clang-format-14 clang-tidy-14 git
+    # measuring
+    libbenchmark-dev
+)
+
+if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
+    echo "install-deps: needs Debian's package tools; elsewhere, install these by hand: ${packages[*]}" >&2
+    exit 1
+fi
+
+installed=$(dpkg-query -W -f='${db:Status-Status} ${Package}\n' "${packages[@]}" 2>/dev/null || true)
+missing=()
+for package in "${packages[@]}"; do
+    if ! grep -qxF "installed $package" <<<"$installed"; then
+        missing+=("$package")
+    fi
+done
+if ((${#missing[@]} == 0)); then
+    exit 0
+fi
+
+as_root=()
+if ((EUID != 0)); then
+    if ! command -v sudo >/dev/null; then
+        echo "install-deps: needs root to install: ${missing[*]}" >&2
+        exit 1
+    fi
+    as_root=(sudo)
+    [[ -t 0 ]] || as_root+=(-n) # nobody is there to type a password
+fi
+
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+apt()
+{
+    # A package manager that runs already is waited for; a mirror that stumbles is asked again.
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+        apt-get -q -y -o DPkg::Lock::Timeout=300 -o Acquire::Retries=3 "$@" </dev/null >>"$log" 2>&1
+}
+
+echo "Installing ${#missing[@]} Debian packages: ${missing[*]}"
+if ! { apt update && apt install --no-install-recommends "${missing[@]}"; }; then
+    tail -n 40 "$log" >&2
+    echo "install-deps: could not install: ${missing[*]}" >&2
+    exit 1
+fi

@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Install what is missing, build, and run all tests. Quiet but for failures, ending in the summary of the tests.
+#
+# Usage: scripts/test.sh [PRESET]       release (default), debug, asan or tsan
+set -euo pipefail
+# shellcheck source=scripts/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+preset=${1:-release}
+
+scripts/install-deps.sh
+build "$preset"
+
+# Each test has a time limit of its own; this one bounds them all together.
+stop_time=$(date -d '+25 minutes' '+%H:%M:%S %z')
+log=build/logs/$preset-test.log
+status=0
+ctest --preset "$preset" -j "$(nproc)" --stop-time "$stop_time" >"$log" 2>&1 </dev/null || status=$?
+if ((status != 0)); then
+    # What passed is of no interest; neither are the lines that only announce a test.
+    grep -vE '^ *Start +[0-9]+: |^ *[0-9]+/[0-9]+ Test +#[0-9]+: .* +Passed +[0-9.]+ sec$' "$log" || true
+    exit "$status"
+fi
+sed -n '/ tests passed, /,$p' "$log"
