@@ -1,0 +1,79 @@
+#include <storage/clients/common/Content.hpp>
+#include <storage/clients/common/KeyRules.hpp>
+#include <storage/clients/common/PartRules.hpp>
+
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <gtest/gtest.h>
+
+// What the conformance suite asks of every store through its interface is not asked again here: this is what cannot be
+// seen from there.
+
+namespace storage::clients
+{
+
+namespace
+{
+
+using cloudprovider::InvalidLocationException;
+using cloudprovider::PartInfo;
+using cloudprovider::UnknownErrorException;
+
+TEST(KeyRulesTest, JudgesTheEdgesOfUtf8)
+{
+    for (const char* key : {"\x7F", "\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80", "\xED\x9F\xBF", "\xEE\x80\x80",
+             "\xEF\xBF\xBD", "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF", "a\t\n\r"})
+    {
+        EXPECT_NO_THROW(checkKey(key)) << quoted(key);
+    }
+    for (const char* key : {"\x80", "\xBF", "\xC1\xBF", "\xC2", "\xC2\x41", "\xE0\x9F\xBF", "\xED\xA0\x80",
+             "\xED\xBF\xBF", "\xE2\x82", "\xEF\xBF\xBE", "\xEF\xBF\xBF", "\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80",
+             "\xF8\x88\x80\x80\x80", "\xFF", "a\x1F", "\x0B"})
+    {
+        EXPECT_THROW(checkKey(key), InvalidLocationException) << quoted(key);
+    }
+}
+
+TEST(KeyRulesTest, NamesKeyAndReasonOnOneLine)
+{
+    try
+    {
+        checkKey("a\n\xFF");
+        FAIL() << "a key that is not UTF-8 was taken";
+    }
+    catch (const InvalidLocationException& e)
+    {
+        EXPECT_EQ(e.detail(), R"(key "a\x0A\xFF" is refused: it is not UTF-8 at byte 2)");
+    }
+    EXPECT_EQ(quoted(std::string(500, 'x')), '"' + std::string(200, 'x') + "...\"");
+}
+
+TEST(PartRulesTest, CopiesOnlyWhatLiesWithinAPartOfThatTag)
+{
+    constexpr std::size_t huge = ~std::size_t{0};
+    const std::vector<PartInfo> stored{{0, 0, 10, "a"}, {1, 10, 10, "b"}};
+    for (const PartInfo& part :
+        {PartInfo{5, 0, 10, "a"}, {0, 3, 7, "a"}, {1, 12, 8, "b"}, {0, 5, 10, ""}, {0, 20, 0, ""}})
+    {
+        EXPECT_NO_THROW(checkCopySource("k", part, stored)) << part;
+    }
+    for (const PartInfo& part : {PartInfo{0, 0, 10, "b"}, {0, 5, 10, "a"}, {0, 0, 20, "a"}, {0, 11, 10, ""},
+             {0, 1, huge, ""}, {0, huge, 2, ""}, {0, 0, 10, "c"}})
+    {
+        EXPECT_THROW(checkCopySource("k", part, stored), UnknownErrorException) << part;
+    }
+    EXPECT_NO_THROW(checkCopySource("k", PartInfo{}, {}));
+    EXPECT_THROW(checkCopySource("k", {0, 0, 1, ""}, {}), UnknownErrorException);
+}
+
+TEST(ContentTest, UnderstandsRangesAtTheEndOfTheNumbers)
+{
+    constexpr std::uint64_t huge = ~std::uint64_t{0};
+    EXPECT_THROW(resolveRange("k", 0, huge, 10), UnknownErrorException);
+    EXPECT_THROW(resolveRange("k", huge, huge, 10), UnknownErrorException);
+    EXPECT_EQ(resolveRange("k", huge, huge - 1, 10).size, 0U);
+}
+
+} // namespace
+
+} // namespace storage::clients
