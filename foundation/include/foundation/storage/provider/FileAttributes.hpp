@@ -1,0 +1,37 @@
+#pragma once
+
+#include <foundation/storage/provider/fsp.hpp>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
+#include <optional>
+
+namespace foundation::storage::provider
+{
+
+/// What is known of a file.
+class FileAttributes
+{
+public:
+    /// @param size          in bytes; none if the provider cannot tell
+    /// @param lastModified  UTC; not_a_date_time if the provider cannot tell
+    FileAttributes(std::optional<unsigned long> size, boost::posix_time::ptime lastModified, bool writable)
+        : m_size(size)
+        , m_lastModified(lastModified)
+        , m_writable(writable)
+    {
+    }
+
+    const std::optional<unsigned long>& size() const noexcept { return m_size; }
+    const boost::posix_time::ptime& lastModified() const noexcept { return m_lastModified; }
+    bool isWritable() const noexcept { return m_writable; }
+
+    friend bool operator==(const FileAttributes&, const FileAttributes&) = default;
+
+private:
+    std::optional<unsigned long> m_size;
+    boost::posix_time::ptime m_lastModified;
+    bool m_writable;
+};
+
+} // namespace foundation::storage::provider

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <foundation/storage/provider/FileAttributes.hpp>
+#include <foundation/storage/provider/FolderAttributes.hpp>
+
+#include <string>
+#include <utility>
+#include <variant>
+
+namespace foundation::storage::provider
+{
+
+/// One line of a folder's listing.
+class FolderEntry
+{
+public:
+    /// @param name  unescaped and relative to the listed folder; a recursive listing's names hold separators, and no
+    ///              name ends in one. StorageIRI::getChild makes the entry's IRI from it.
+    FolderEntry(std::u16string name, FileAttributes attributes)
+        : m_name(std::move(name))
+        , m_attributes(std::move(attributes))
+    {
+    }
+
+    FolderEntry(std::u16string name, FolderAttributes attributes)
+        : m_name(std::move(name))
+        , m_attributes(std::move(attributes))
+    {
+    }
+
+    const std::u16string& name() const noexcept { return m_name; }
+    bool isFolder() const noexcept { return std::holds_alternative<FolderAttributes>(m_attributes); }
+
+    /// @throws std::bad_variant_access if the entry is a folder
+    const FileAttributes& fileAttributes() const { return std::get<FileAttributes>(m_attributes); }
+
+    /// @throws std::bad_variant_access if the entry is a file
+    const FolderAttributes& folderAttributes() const { return std::get<FolderAttributes>(m_attributes); }
+
+    friend bool operator==(const FolderEntry&, const FolderEntry&) = default;
+
+private:
+    std::u16string m_name;
+    std::variant<FileAttributes, FolderAttributes> m_attributes;
+};
+
+} // namespace foundation::storage::provider

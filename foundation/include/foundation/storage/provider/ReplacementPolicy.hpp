@@ -1,0 +1,18 @@
+#pragma once
+
+#include <foundation/storage/provider/fsp.hpp>
+
+#include <cstdint>
+
+namespace foundation::storage::provider
+{
+
+/// What a move or a copy does when the destination is an existing file. Other values can be represented; a provider
+/// says through IProvider::supportsReplacementPolicy which ones it knows.
+enum class ReplacementPolicy : std::uint32_t
+{
+    Fail = 0,    ///< fail with ErrorCode::AlreadyExists
+    Replace = 1, ///< replace the file
+};
+
+} // namespace foundation::storage::provider
