@@ -3,7 +3,6 @@
 #include <storage/cloudprovider/CloudClient.hpp>
 
 #include <algorithm>
-#include <concepts>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -15,19 +14,13 @@ namespace storage::clients
 
 /// A place in a store's keys in ascending byte order, which listPage() moves forward.
 template <typename T>
-concept KeyCursor = requires(T cursor, const T& place, const std::string& key)
+concept KeyCursor = requires(T cursor, const std::string& key)
 {
-    {cursor.seek(key)}; // to the first key that is not less
-    {cursor.next()};    // to the key behind; only when not at the end
-    {
-        place.atEnd()
-        } -> std::convertible_to<bool>; // behind the last key
-    {
-        place.key()
-        } -> std::convertible_to<std::string_view>; // valid until the cursor moves
-    {
-        place.entry()
-        } -> std::same_as<cloudprovider::ObjectEntry>; // of the object here
+    cursor.seek(key); // to the first key that is not less
+    cursor.next();    // to the key behind; asked only when not at the end
+    cursor.atEnd();   // bool: behind the last key
+    cursor.key();     // like a std::string_view, valid until the cursor moves
+    cursor.entry();   // ObjectEntry of the object here
 };
 
 /// The least string that is greater than every key that begins with `prefix`; empty when there is none, which no

@@ -1,0 +1,169 @@
+#include <storage/clients/memory/MemoryClient.hpp>
+
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <future>
+#include <latch>
+#include <sstream>
+
+// The controls that other tests rely on. What the client does as a store is the conformance suite's.
+
+namespace storage::clients
+{
+
+namespace
+{
+
+using namespace cloudprovider;
+using testing::ElementsAre;
+
+class MemoryClientTest : public testing::Test
+{
+protected:
+    // Whether putting under the key fails.
+    bool failsToPut(const std::string& key)
+    {
+        try
+        {
+            std::istringstream in("x");
+            store.putObject(key, in, 1);
+            return false;
+        }
+        catch (const UnknownErrorException& e)
+        {
+            EXPECT_EQ(e.detail(), "putObject of \"" + key + "\": injected fault");
+            return true;
+        }
+    }
+
+    MemoryClient store;
+};
+
+TEST_F(MemoryClientTest, FailsTheCallThatTheFaultNames)
+{
+    store.faults().inject({.call = 3});
+    store.faults().inject({.operation = Operation::PutObject, .call = 3});
+    EXPECT_FALSE(failsToPut("a"));
+    store.getObjectInfo("a");
+    EXPECT_TRUE(failsToPut("b")) << "third call of all";
+    EXPECT_TRUE(failsToPut("c")) << "third put: the failed one was a call too";
+    EXPECT_FALSE(failsToPut("d")) << "a fault strikes once";
+
+    store.faults().inject({.operation = Operation::PutObject});
+    EXPECT_TRUE(failsToPut("e"));
+    EXPECT_TRUE(failsToPut("f")) << "every put, until cleared";
+    EXPECT_NO_THROW(store.getObjectInfo("a"));
+    store.faults().clearFaults();
+    EXPECT_FALSE(failsToPut("g"));
+    EXPECT_THAT(store.keys(), ElementsAre("a", "d", "g"));
+}
+
+TEST_F(MemoryClientTest, LosesTheAnswerAfterTheEffect)
+{
+    store.faults().inject({.call = 1,
+        .moment = Fault::Moment::AfterEffect,
+        .failure = std::make_exception_ptr(PermissionDeniedException("No"))});
+    EXPECT_THROW(store.createMultipartUpload("k", "t"), PermissionDeniedException);
+    ASSERT_EQ(store.openUploads().size(), 1U) << "the store has done it";
+    EXPECT_EQ(store.openUploads()[0].key, "k");
+    EXPECT_EQ(store.openUploads()[0].tag, "t");
+
+    std::istringstream bytes("abc");
+    store.uploadPart("k", store.openUploads()[0].uploadId, {4, 0, 3, ""}, bytes);
+    EXPECT_THAT(store.openUploads()[0].parts, ElementsAre(4U));
+}
+
+TEST_F(MemoryClientTest, HoldsNothingWhileAHookWaits)
+{
+    std::latch inside(1);
+    std::latch release(1);
+    store.faults().setHook(
+        [&](Operation operation, const std::string& key)
+        {
+            if (operation == Operation::DeleteObject && key == "gate")
+            {
+                inside.count_down();
+                release.wait();
+            }
+        });
+    store.put("gate", "x");
+    auto waiting = std::async(std::launch::async, [&] { store.deleteObject("gate"); });
+    inside.wait();
+    EXPECT_FALSE(failsToPut("a")) << "other calls go on";
+    EXPECT_TRUE(store.get("gate").has_value()) << "the call has not been done yet";
+    store.faults().setHook({});
+    release.count_down();
+    waiting.get();
+    EXPECT_FALSE(store.get("gate").has_value());
+}
+
+TEST_F(MemoryClientTest, DeliversShortWithoutAWord)
+{
+    store.put("k", "0123456789");
+    const auto read = [&](std::uint64_t first, std::uint64_t last)
+    {
+        std::ostringstream out;
+        store.getObjectRange("k", out, first, last);
+        return out.str();
+    };
+    store.setDownloadLimit(4);
+    EXPECT_EQ(read(0, 0), "0123");
+    EXPECT_EQ(read(5, 9), "5678");
+    store.setDownloadLimit();
+    EXPECT_EQ(read(5, 9), "56789");
+}
+
+TEST_F(MemoryClientTest, PagesAsItIsTold)
+{
+    for (const char* key : {"a", "b", "c", "d", "e"})
+    {
+        store.put(key, "");
+    }
+    store.setPageSize(2);
+    store.setEmptyPages(2);
+    std::vector<std::size_t> sizes;
+    std::string token;
+    do
+    {
+        sizes.push_back(store.listObjects("", token, {}).size());
+    } while (!token.empty() && sizes.size() < 100);
+    EXPECT_THAT(sizes, ElementsAre(0U, 0U, 2U, 0U, 0U, 2U, 0U, 0U, 1U));
+}
+
+TEST_F(MemoryClientTest, CountsCallsAndWhatTheyMoved)
+{
+    store.put("k", "0123456789"); // not counted
+    const std::string id = store.createMultipartUpload("k", "");
+    const PartInfo stored = store.getObjectParts("k").at(0);
+    const std::string copied = store.copyPart("k", id, stored);
+    std::istringstream bytes("abc");
+    const std::string sent = store.uploadPart("k", id, {7, 0, 3, ""}, bytes);
+    std::istringstream tooShort("abc");
+    EXPECT_THROW(store.uploadPart("k", id, {8, 0, 5, ""}, tooShort), UnknownErrorException);
+    store.completeMultipartUpload("k", id, {{0, 0, 10, copied}, {7, 10, 3, sent}});
+    std::ostringstream out;
+    store.getObjectRange("k", out, 8, 11);
+    EXPECT_EQ(out.str(), "89ab");
+
+    out.str("");
+    out << store.callSnapshot();
+    EXPECT_EQ(out.str(),
+        "getObjectRange 1 (4 B), getObjectParts 1, createMultipartUpload 1, uploadPart 2 (3 B; parts 7), "
+        "copyPart 1 (10 B; parts 0), completeMultipartUpload 1");
+}
+
+TEST(MemoryClientClockTest, StampsWithTheClockItIsGiven)
+{
+    const boost::posix_time::ptime noon(boost::gregorian::date(2020, 1, 2), boost::posix_time::hours(12));
+    MemoryClient store([&] { return noon; });
+    store.put("k", "");
+    EXPECT_EQ(store.getObjectInfo("k").lastModified, noon);
+}
+
+} // namespace
+
+} // namespace storage::clients
