@@ -102,8 +102,7 @@ public:
     /// The range (0, 0) means the whole object. A range whose last byte lies before its first is empty: nothing is
     /// written. Every byte asked for is delivered or the call throws; a range that ends beyond the object has failed.
     /// @throws ResourceNotFoundException when there is no such object
-    virtual void getObjectRange(
-        const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last) = 0;
+    virtual void getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last) = 0;
 
     /// Store the whole of `content` under the key, replacing what stood there in one step.
     ///

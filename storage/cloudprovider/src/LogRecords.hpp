@@ -1,0 +1,76 @@
+#pragma once
+
+#include <storage/cloudprovider/Logger.hpp>
+
+#include <foundation/log/Severity.hpp>
+
+#include <source_location>
+#include <sstream>
+
+/// The records that every operation writes, in one form. Nothing is formatted when the logger's mask says no.
+namespace storage::cloudprovider
+{
+
+/// The function that writes a record: its full signature and where it stands.
+struct CallSite
+{
+    const char* signature;
+    const char* source; ///< path of the source file without its extension
+    unsigned line;
+
+    consteval CallSite(const char* functionSignature, const char* sourceFile,
+        std::source_location location = std::source_location::current())
+        : signature(functionSignature)
+        , source(sourceFile)
+        , line(location.line())
+    {
+    }
+};
+
+/// An argument or a result with its name; borrows the value.
+template <typename T>
+struct Named
+{
+    const char* name;
+    const T& value;
+};
+
+template <typename T>
+Named<T> named(const char* name, const T& value)
+{
+    return {name, value};
+}
+
+namespace detail
+{
+template <typename... Values>
+[[gnu::noinline, gnu::cold]] void writeRecord(const CallSite& site, const Named<Values>&... values)
+{
+    std::ostringstream text;
+    text << site.signature << " (" << site.source << ':' << site.line << ')';
+    ((text << ' ' << values.name << '=' << values.value), ...);
+    getLogger().write(foundation::log::severity::detail, text.str());
+}
+} // namespace detail
+
+/// Record that a function begins, with its arguments.
+template <typename... Values>
+void logEntry(const CallSite& site, const Named<Values>&... arguments)
+{
+    if (getLogger().isEnabled(foundation::log::severity::detail))
+    {
+        detail::writeRecord(site, arguments...);
+    }
+}
+
+/// Record what a function results in.
+template <typename T>
+void logResult(const CallSite& site, const Named<T>& result)
+{
+    logEntry(site, result);
+}
+
+/// Record the exception that is being handled, with its type, origin where known, and text. Call inside a catch block.
+void logCaughtException();
+
+} // namespace storage::cloudprovider
