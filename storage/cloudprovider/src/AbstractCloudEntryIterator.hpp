@@ -1,0 +1,115 @@
+#pragma once
+
+#include "ErrorTranslation.hpp"
+#include "LogRecords.hpp"
+
+#include <storage/cloudprovider/CloudClient.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+#include <storage/cloudprovider/utils.hpp>
+
+#include <foundation/storage/provider/IFolderEntryIterator.hpp>
+#include <foundation/storage/provider/StorageIRI.hpp>
+
+#include <fl/i18n.hpp>
+
+#include <deque>
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace storage::cloudprovider
+{
+
+/// Pages through the keys below a folder as the caller advances; the class T says what each key means.
+///
+/// Fetches as soon as the last entry at hand is taken, and no further than one entry. Clones share the m_client alone.
+/// One thread at a time may use an iterator.
+template <typename T>
+class AbstractCloudEntryIterator : public foundation::storage::provider::IClonableFolderEntryIterator<T>
+{
+public:
+    foundation::storage::provider::FolderEntry getCurrent() const override { return m_current.value(); }
+
+    bool hasNext() const override { return !m_pending.empty(); }
+
+    void next() override
+    {
+        m_current = std::move(m_pending.front());
+        m_pending.pop_front();
+        if (m_pending.empty())
+        {
+            fetch(false);
+        }
+    }
+
+protected:
+    AbstractCloudEntryIterator(foundation::storage::provider::StorageIRI folder, CloudClientSharedPtr store)
+        : m_iri(std::move(folder))
+        , m_client(std::move(store))
+    {
+    }
+
+    /// Tell where the store is to group keys; empty: nowhere.
+    virtual std::string delimiter() const = 0;
+
+    /// Queue what one listed object means.
+    /// @param name  the key below the folder; not empty
+    virtual void processEntry(std::string name, const ObjectEntry& entry) = 0;
+
+    void queueFile(const std::string& name, const ObjectEntry& entry)
+    {
+        m_pending.emplace_back(fl::i18n::utf8_to_ustring(name),
+            foundation::storage::provider::FileAttributes(entry.size, entry.lastModified, true));
+    }
+
+    void queueFolder(const std::string& name, const boost::posix_time::ptime& lastModified)
+    {
+        m_pending.emplace_back(
+            fl::i18n::utf8_to_ustring(name), foundation::storage::provider::FolderAttributes(lastModified, true));
+    }
+
+    /// Fetch until an entry is at hand or the listing ends. The final class calls it when it is complete, as the first
+    /// fetch; a folder that does not exist is noticed then.
+    void fetch(bool first)
+    {
+        try
+        {
+            const std::string prefix = utils::ensureTrailingSlash(utils::iriToKey(m_iri));
+            const ListOptions options{delimiter(), -1};
+            for (; first || !m_continuationToken.empty(); first = false)
+            {
+                const std::vector<ObjectEntry> page = m_client->listObjects(prefix, m_continuationToken, options);
+                if (first && page.empty() && !m_client->getObjectInfo(prefix).exists)
+                {
+                    throw ResourceNotFoundException();
+                }
+                for (const ObjectEntry& entry : page)
+                {
+                    std::string name = entry.key.substr(prefix.size());
+                    if (!name.empty()) // empty: the folder's own marker
+                    {
+                        processEntry(std::move(name), entry);
+                    }
+                }
+                if (!m_pending.empty())
+                {
+                    return;
+                }
+            }
+        }
+        catch (...)
+        {
+            logCaughtException();
+            translateCurrentException(m_iri);
+        }
+    }
+
+private:
+    std::optional<foundation::storage::provider::FolderEntry> m_current; // empty until the first next()
+    std::deque<foundation::storage::provider::FolderEntry> m_pending;    // fetched and not handed out yet
+    std::string m_continuationToken;                                     // empty: there is no further page
+    foundation::storage::provider::StorageIRI m_iri;
+    CloudClientSharedPtr m_client;
+};
+
+} // namespace storage::cloudprovider

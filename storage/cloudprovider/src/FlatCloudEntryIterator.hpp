@@ -1,0 +1,35 @@
+#pragma once
+
+#include "AbstractCloudEntryIterator.hpp"
+
+#include <cstdint>
+
+namespace storage::cloudprovider
+{
+
+/// Which entries of a folder are listed.
+enum class ListFilter : std::uint32_t
+{
+    FilesOnly = 0,
+    FoldersOnly = 1,
+    All = 2,
+};
+
+/// Lists one level of a folder: the store groups keys at the separator, and each group is a folder.
+class FlatCloudEntryIterator : public AbstractCloudEntryIterator<FlatCloudEntryIterator>
+{
+public:
+    /// Fetch the first entry at once.
+    /// @throws foundation::storage::provider::Exception  there is no such folder, or the store failed
+    FlatCloudEntryIterator(
+        foundation::storage::provider::StorageIRI folder, CloudClientSharedPtr store, ListFilter filter);
+
+protected:
+    std::string delimiter() const override;
+    void processEntry(std::string name, const ObjectEntry& entry) override;
+
+private:
+    ListFilter m_filter;
+};
+
+} // namespace storage::cloudprovider

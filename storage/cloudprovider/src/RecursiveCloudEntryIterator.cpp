@@ -1,0 +1,52 @@
+#include "RecursiveCloudEntryIterator.hpp"
+
+#include <boost/date_time/microsec_time_clock.hpp>
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
+namespace storage::cloudprovider
+{
+
+RecursiveCloudEntryIterator::RecursiveCloudEntryIterator(
+    foundation::storage::provider::StorageIRI folder, CloudClientSharedPtr store)
+    : AbstractCloudEntryIterator(std::move(folder), std::move(store))
+{
+    fetch(true);
+}
+
+std::string RecursiveCloudEntryIterator::delimiter() const
+{
+    return {};
+}
+
+void RecursiveCloudEntryIterator::processEntry(std::string name, const ObjectEntry& entry)
+{
+    if (!utils::hasTrailingSlash(name))
+    {
+        addParentFolders(name);
+        queueFile(name, entry);
+        return;
+    }
+    name.pop_back();
+    if (m_seenFolders.insert(name).second)
+    {
+        addParentFolders(name);
+        queueFolder(name, entry.lastModified);
+    }
+}
+
+void RecursiveCloudEntryIterator::addParentFolders(std::string path)
+{
+    const std::size_t separator = path.rfind('/');
+    if (separator == std::string::npos)
+    {
+        return;
+    }
+    path.resize(separator);
+    if (m_seenFolders.insert(path).second)
+    {
+        addParentFolders(path);
+        queueFolder(path, boost::posix_time::microsec_clock::universal_time());
+    }
+}
+
+} // namespace storage::cloudprovider
