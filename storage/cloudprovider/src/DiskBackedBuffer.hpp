@@ -1,0 +1,42 @@
+#pragma once
+
+#include "DiskFile.hpp"
+#include "InternalExport.hpp"
+
+#include <storage/cloudprovider/Buffer.hpp>
+
+#include <boost/iostreams/device/mapped_file.hpp>
+
+#include <memory>
+
+namespace storage::cloudprovider
+{
+
+/// A buffer whose bytes are a temporary file, mapped into memory while the buffer is open.
+class CLOUDPROVIDER_INTERNAL DiskBackedBuffer : public Buffer
+{
+public:
+    /// Create the temporary file; nothing is mapped yet.
+    /// @throws UnknownErrorException
+    explicit DiskBackedBuffer(std::size_t size);
+    ~DiskBackedBuffer() override;
+
+    std::size_t size() const override;
+
+    /// Map the whole file. Touching bytes that were not reserved may end the process when the disk is full.
+    /// @throws whatever the mapping library throws
+    void open() override;
+    bool isOpen() const override;
+    const char* data() const override;
+    char* data() override;
+    void close() override;
+    void reserve(std::size_t bytes) override;
+
+private:
+    boost::iostreams::mapped_file m_mapping;
+    const std::size_t m_size;
+    std::unique_ptr<detail::DiskFile> m_file;
+    std::size_t m_reserved = 0; // bytes from the start that have storage
+};
+
+} // namespace storage::cloudprovider

@@ -1,0 +1,141 @@
+#include "DiskFile.hpp"
+
+#include "LogRecords.hpp"
+
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <boost/filesystem/operations.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <string>
+#include <sys/uio.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace storage::cloudprovider::detail
+{
+
+namespace
+{
+
+constexpr const char* source = "src/DiskBackedBufferFactory";
+
+/// Closes a descriptor at the end of its scope. Nothing is buffered in it, so closing has no failure to report.
+class Descriptor
+{
+public:
+    explicit Descriptor(int descriptor)
+        : m_descriptor(descriptor)
+    {
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor() { ::close(m_descriptor); }
+
+    int get() const { return m_descriptor; }
+
+private:
+    const int m_descriptor;
+};
+
+[[noreturn]] void throwError(const std::string& what, int error)
+{
+    throw UnknownErrorException(what + ": " + std::generic_category().message(error));
+}
+
+} // namespace
+
+DiskFile::DiskFile(std::size_t size)
+{
+    try
+    {
+        const auto path = fl::filesystem::tmpnam({}, {}, {});
+        if (!path.empty())
+        {
+            m_path = fl::filesystem::detail::make_native_form(path, true);
+        }
+        fl::filesystem::basic_ofstream<char>(m_path).close();
+    }
+    catch (const std::exception& exception)
+    {
+        throw UnknownErrorException(std::string("creating a temporary file: ") + exception.what());
+    }
+    updateFileSize(size);
+}
+
+DiskFile::~DiskFile()
+{
+    try
+    {
+        fl::filesystem::remove(m_path);
+    }
+    catch (const std::exception&)
+    {
+        if (getLogger().isEnabled(foundation::log::severity::warning))
+        {
+            getLogger().write(foundation::log::severity::warning, "Failed to delete DiskFile " + accessPath());
+        }
+    }
+}
+
+void DiskFile::updateFileSize(std::size_t newSizeInBytes)
+{
+    logEntry(CallSite("void storage::cloudprovider::detail::DiskFile::updateFileSize(size_t)", source),
+        named("newSizeInBytes", newSizeInBytes));
+    try
+    {
+        boost::filesystem::resize_file(accessPath(), std::max<std::size_t>(newSizeInBytes, 1));
+    }
+    catch (const std::exception& exception)
+    {
+        throw UnknownErrorException(std::string("sizing a temporary file: ") + exception.what());
+    }
+}
+
+void DiskFile::fillWithZeros(std::size_t first, std::size_t last)
+{
+    // Plain writes rather than fallocate(): they also put the pages into the page cache, many at a time, and a mapped
+    // page that is there costs a quarter of one that is made at its first touch. One small block serves every write.
+    static const std::array<char, 64 * 1024> zeros{};
+
+    const std::string path = accessPath();
+    const int opened = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    if (opened < 0)
+    {
+        throwError("opening temporary file \"" + path + "\"", errno);
+    }
+    const Descriptor file(opened);
+    while (first < last)
+    {
+        std::array<iovec, 128> blocks{};
+        std::size_t count = 0;
+        for (std::size_t offset = first; offset < last && count < blocks.size(); ++count)
+        {
+            blocks[count].iov_base = const_cast<char*>(zeros.data());
+            blocks[count].iov_len = std::min(zeros.size(), last - offset);
+            offset += blocks[count].iov_len;
+        }
+        const ssize_t written =
+            ::pwritev(file.get(), blocks.data(), static_cast<int>(count), static_cast<off_t>(first));
+        if (written < 0 && errno == EINTR)
+        {
+            continue;
+        }
+        if (written <= 0)
+        {
+            throwError("making room for " + std::to_string(last - first) + " bytes in temporary file \"" + path + "\"",
+                written < 0 ? errno : ENOSPC);
+        }
+        first += static_cast<std::size_t>(written);
+    }
+}
+
+std::string DiskFile::accessPath() const
+{
+    return fl::filesystem::detail::make_access_form(fl::filesystem::detail::to_filesystem(m_path)).string();
+}
+
+} // namespace storage::cloudprovider::detail
