@@ -1,0 +1,319 @@
+#include "OpenPartBuffer.hpp"
+
+#include "LogRecords.hpp"
+
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <boost/iostreams/device/array.hpp>
+#include <boost/iostreams/stream_buffer.hpp>
+
+#include <algorithm>
+#include <cstring>
+#include <ostream>
+
+namespace storage::cloudprovider
+{
+
+namespace
+{
+constexpr const char* source = "storage/cloudprovider/src/OpenPartBuffer";
+} // namespace
+
+OpenPartBuffer::OpenPartBuffer(
+    PartInfo info, LocalDataVersion version, bool isLastPart, OpenFileContextSharedPtr context)
+    : m_info(std::move(info))
+    , m_localDataVersion(version)
+    , m_offset(m_info.Offset)
+    , m_maxSize(isLastPart && m_info.Size <= context->partSize ? context->partSize : m_info.Size)
+    , m_context(std::move(context))
+{
+    logEntry(CallSite("storage::cloudprovider::OpenPartBuffer::OpenPartBuffer(PartInfo, LocalDataVersion, bool, "
+                      "OpenFileContextSharedPtr)",
+                 source),
+        named("m_info", m_info), named("m_localDataVersion", m_localDataVersion));
+}
+
+OpenPartBuffer::~OpenPartBuffer() = default;
+
+std::size_t OpenPartBuffer::size() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_info.Size;
+}
+
+std::size_t OpenPartBuffer::end() const
+{
+    return m_offset + size();
+}
+
+void OpenPartBuffer::open()
+{
+    logEntry(CallSite("virtual void storage::cloudprovider::OpenPartBuffer::open()", source));
+    if (incrementOpenCount())
+    {
+        return;
+    }
+    try
+    {
+        if (localDataVersion() == LocalDataVersion::CLOUD)
+        {
+            download();
+        }
+        else
+        {
+            createBlank();
+        }
+    }
+    catch (...)
+    {
+        decrementOpenCount();
+        throw;
+    }
+}
+
+bool OpenPartBuffer::isOpen() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_openCount != 0;
+}
+
+const char* OpenPartBuffer::data() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_buffer ? std::as_const(*m_buffer).data() : nullptr;
+}
+
+char* OpenPartBuffer::data()
+{
+    const std::lock_guard lock(m_mutex);
+    return m_buffer ? m_buffer->data() : nullptr;
+}
+
+void OpenPartBuffer::close()
+{
+    decrementOpenCount();
+}
+
+bool OpenPartBuffer::incrementOpenCount()
+{
+    logEntry(CallSite("bool storage::cloudprovider::OpenPartBuffer::incrementOpenCount()", source));
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [this] { return m_openCount == 0 || m_buffer; });
+    if (m_openCount == 0 && m_buffer)
+    {
+        try
+        {
+            m_buffer->open();
+        }
+        catch (...)
+        {
+            m_changed.notify_one(); // whoever waits next tries for itself
+            throw;
+        }
+    }
+    ++m_openCount;
+    m_changed.notify_one();
+    return m_buffer != nullptr;
+}
+
+void OpenPartBuffer::decrementOpenCount()
+{
+    logEntry(CallSite("void storage::cloudprovider::OpenPartBuffer::decrementOpenCount()", source));
+    const std::lock_guard lock(m_mutex);
+    --m_openCount;
+    if (m_openCount == 0 && m_buffer)
+    {
+        m_buffer->close();
+    }
+    m_changed.notify_one();
+}
+
+BufferPtr OpenPartBuffer::buildOpenBuffer(std::size_t usedBytes) const
+{
+    // As long as the capacity, so that the part can grow in place.
+    BufferPtr buffer = m_context->bufferFactory->build(m_maxSize);
+    buffer->open();
+    buffer->reserve(usedBytes);
+    return buffer;
+}
+
+void OpenPartBuffer::download()
+{
+    logEntry(CallSite("void storage::cloudprovider::OpenPartBuffer::download()", source));
+    // The part has one opener, this one, so that its size cannot change meanwhile.
+    const PartInfo part = info();
+    BufferPtr buffer = buildOpenBuffer(part.Size);
+    boost::iostreams::stream_buffer<boost::iostreams::basic_array<char>> memory(buffer->data(), part.Size);
+    std::ostream out(&memory);
+    out.exceptions(std::ios_base::badbit); // more bytes than the part has must not pass unseen
+
+    bool wholeObject = false;
+    {
+        const std::lock_guard lock(m_mutex);
+        wholeObject = m_singlePartFile;
+    }
+    m_context->client->getObjectRange(
+        m_context->key, out, wholeObject ? 0 : part.Offset, wholeObject ? 0 : part.Offset + part.Size - 1);
+
+    const std::streamoff received = out.tellp();
+    if (received != static_cast<std::streamoff>(part.Size))
+    {
+        throw UnknownErrorException("downloading part " + std::to_string(part.Index) + " of \"" + m_context->key +
+                                    "\": expected " + std::to_string(part.Size) + " bytes, the store sent " +
+                                    std::to_string(std::max<std::streamoff>(received, 0)));
+    }
+    setOpenBuffer(std::move(buffer));
+}
+
+void OpenPartBuffer::createBlank()
+{
+    logEntry(CallSite("void storage::cloudprovider::OpenPartBuffer::createBlank()", source));
+    const std::size_t used = size();
+    BufferPtr buffer = buildOpenBuffer(used);
+    std::memset(buffer->data(), 0, used);
+    setOpenBuffer(std::move(buffer));
+}
+
+void OpenPartBuffer::setOpenBuffer(BufferPtr buffer)
+{
+    const std::lock_guard lock(m_mutex);
+    buffer->reserve(m_info.Size); // a new part may have grown over a gap while its zeros were being made
+    m_buffer = std::move(buffer);
+    m_changed.notify_one();
+}
+
+std::size_t OpenPartBuffer::growTo(std::size_t newSize)
+{
+    const std::size_t oldSize = m_info.Size;
+    if (newSize > oldSize)
+    {
+        if (m_buffer)
+        {
+            m_buffer->reserve(newSize);
+        }
+        m_info.Size = newSize;
+    }
+    return oldSize;
+}
+
+void OpenPartBuffer::increaseSizeToMax()
+{
+    logEntry(CallSite("void storage::cloudprovider::OpenPartBuffer::increaseSizeToMax()", source));
+    const std::lock_guard lock(m_mutex);
+    if (growTo(m_maxSize) < m_maxSize)
+    {
+        m_localDataVersion = LocalDataVersion::NEW; // in the same hold: an upload may begin at any moment
+    }
+}
+
+std::size_t OpenPartBuffer::increaseSize(std::size_t amount)
+{
+    logEntry(CallSite("const size_t storage::cloudprovider::OpenPartBuffer::increaseSize(size_t)", source),
+        named("amount", amount));
+    const std::lock_guard lock(m_mutex);
+    return growTo(std::min(m_maxSize, m_info.Size + amount));
+}
+
+std::size_t OpenPartBuffer::increaseSize(std::size_t amount, std::size_t offset)
+{
+    logEntry(CallSite("const size_t storage::cloudprovider::OpenPartBuffer::increaseSize(size_t, size_t)", source),
+        named("amount", amount), named("offset", offset));
+    const std::lock_guard lock(m_mutex);
+    return growTo(std::min(m_maxSize, offset + amount));
+}
+
+void OpenPartBuffer::markModified()
+{
+    logEntry(CallSite("void storage::cloudprovider::OpenPartBuffer::markModified()", source));
+    const std::lock_guard lock(m_mutex);
+    m_localDataVersion = LocalDataVersion::NEW;
+}
+
+PartInfo OpenPartBuffer::markUploading()
+{
+    logEntry(CallSite("PartInfo storage::cloudprovider::OpenPartBuffer::markUploading()", source));
+    const std::lock_guard lock(m_mutex);
+    m_localDataVersion = LocalDataVersion::SCHEDULED_UPLOAD;
+    return m_info;
+}
+
+void OpenPartBuffer::markUploaded()
+{
+    logEntry(CallSite("void storage::cloudprovider::OpenPartBuffer::markUploaded()", source));
+    const std::lock_guard lock(m_mutex);
+    if (m_localDataVersion != LocalDataVersion::NEW)
+    {
+        m_localDataVersion = LocalDataVersion::CLOUD;
+    }
+}
+
+void OpenPartBuffer::discardIfUnmodified()
+{
+    logEntry(CallSite("void storage::cloudprovider::OpenPartBuffer::discardIfUnmodified()", source));
+    incrementOpenCount();
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_buffer && m_openCount == 1 && m_localDataVersion == LocalDataVersion::CLOUD)
+        {
+            m_buffer->close();
+            m_buffer.reset();
+        }
+    }
+    decrementOpenCount();
+}
+
+bool OpenPartBuffer::openIfModified()
+{
+    logEntry(CallSite("bool storage::cloudprovider::OpenPartBuffer::openIfModified()", source));
+    const bool loaded = incrementOpenCount();
+    if (localDataVersion() != LocalDataVersion::NEW)
+    {
+        decrementOpenCount();
+        return false;
+    }
+    if (!loaded)
+    {
+        try
+        {
+            createBlank();
+        }
+        catch (...)
+        {
+            decrementOpenCount();
+            throw;
+        }
+    }
+    return true;
+}
+
+void OpenPartBuffer::setTag(std::string tag)
+{
+    const std::lock_guard lock(m_mutex);
+    m_info.Tag = std::move(tag);
+}
+
+void OpenPartBuffer::setSinglePartFile(bool single)
+{
+    const std::lock_guard lock(m_mutex);
+    m_singlePartFile = single;
+}
+
+PartInfo OpenPartBuffer::info() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_info;
+}
+
+LocalDataVersion OpenPartBuffer::localDataVersion() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_localDataVersion;
+}
+
+OpenPartBuffer::View OpenPartBuffer::view()
+{
+    const std::lock_guard lock(m_mutex);
+    return {m_buffer ? m_buffer->data() : nullptr, m_info.Size};
+}
+
+} // namespace storage::cloudprovider
