@@ -1,0 +1,218 @@
+#include "MultipartUploadManager.hpp"
+
+#include "LogRecords.hpp"
+
+#include <boost/iostreams/device/array.hpp>
+#include <boost/iostreams/stream_buffer.hpp>
+
+#include <algorithm>
+#include <istream>
+#include <utility>
+
+namespace storage::cloudprovider
+{
+
+namespace
+{
+constexpr const char* source = "storage/cloudprovider/src/MultipartUploadManager";
+} // namespace
+
+MultipartUploadManager::MultipartUploadManager(OpenFileContextSharedPtr context)
+    : m_context(std::move(context))
+{
+    logEntry(CallSite(
+        "storage::cloudprovider::MultipartUploadManager::MultipartUploadManager(OpenFileContextSharedPtr)", source));
+}
+
+MultipartUploadManager::~MultipartUploadManager()
+{
+    logEntry(CallSite("storage::cloudprovider::MultipartUploadManager::~MultipartUploadManager()", source));
+    try
+    {
+        cancel();
+    }
+    catch (...)
+    {
+        logCaughtException();
+    }
+}
+
+void MultipartUploadManager::asyncUploadPart(PartInfo info, BufferSharedPtr buffer, DoneCallback onDone)
+{
+    logEntry(CallSite("void storage::cloudprovider::MultipartUploadManager::asyncUploadPart(PartInfo, "
+                      "BufferSharedPtr, F)",
+        source));
+    enqueueAndDrain({std::move(info), std::move(buffer), false, std::move(onDone)});
+}
+
+void MultipartUploadManager::asyncReusePart(PartInfo info, DoneCallback onDone)
+{
+    logEntry(CallSite("void storage::cloudprovider::MultipartUploadManager::asyncReusePart(PartInfo, F)", source));
+    enqueueAndDrain({std::move(info), nullptr, false, std::move(onDone)});
+}
+
+std::string MultipartUploadManager::uploadPart(const PartInfo& info, const char* data)
+{
+    logEntry(CallSite(
+        "std::string storage::cloudprovider::MultipartUploadManager::uploadPart(PartInfo, const char *)", source));
+    const std::string uploadId = getUploadId();
+    boost::iostreams::stream_buffer<boost::iostreams::basic_array_source<char>> memory(data, info.Size);
+    std::istream content(&memory);
+    std::string tag = m_context->client->uploadPart(m_context->key, uploadId, info, content);
+    setLastTag(tag);
+    return tag;
+}
+
+std::string MultipartUploadManager::reusePart(const PartInfo& info)
+{
+    logEntry(CallSite("std::string storage::cloudprovider::MultipartUploadManager::reusePart(PartInfo)", source));
+    const std::string uploadId = getUploadId();
+    return m_context->client->copyPart(m_context->key, uploadId, info);
+}
+
+void MultipartUploadManager::rerunFailedUploads()
+{
+    logEntry(CallSite("void storage::cloudprovider::MultipartUploadManager::rerunFailedUploads()", source));
+    processQueue();
+}
+
+void MultipartUploadManager::joinUploads()
+{
+    logEntry(CallSite("void storage::cloudprovider::MultipartUploadManager::joinUploads()", source));
+    rerunFailedUploads();
+}
+
+void MultipartUploadManager::complete(const std::vector<PartInfo>& parts)
+{
+    logEntry(CallSite(
+        "void storage::cloudprovider::MultipartUploadManager::complete(const std::vector<PartInfo> &)", source));
+    const std::lock_guard lock(m_mutex);
+    if (m_uploadId)
+    {
+        m_context->client->completeMultipartUpload(m_context->key, *m_uploadId, parts);
+        m_uploadId.reset();
+    }
+}
+
+void MultipartUploadManager::cancel()
+{
+    logEntry(CallSite("void storage::cloudprovider::MultipartUploadManager::cancel()", source));
+    const std::lock_guard lock(m_mutex);
+    if (!m_uploadId)
+    {
+        return;
+    }
+    m_context->client->abortMultipartUpload(m_context->key, *m_uploadId);
+    m_uploadId.reset();
+    m_queue.clear(); // waiting tasks hold no opened buffers
+}
+
+void MultipartUploadManager::setLastTag(std::string tag)
+{
+    const std::lock_guard lock(m_mutex);
+    m_lastTag = std::move(tag);
+}
+
+bool MultipartUploadManager::isUploading() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_uploadId.has_value();
+}
+
+std::string MultipartUploadManager::getUploadId()
+{
+    logEntry(CallSite("std::string storage::cloudprovider::MultipartUploadManager::getUploadId()", source));
+    const std::lock_guard lock(m_mutex);
+    if (!m_uploadId)
+    {
+        m_uploadId = m_context->client->createMultipartUpload(m_context->key, m_lastTag);
+    }
+    return *m_uploadId;
+}
+
+void MultipartUploadManager::enqueueAndDrain(UploadTask task)
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        std::erase_if(m_queue, [&](const UploadTask& waiting) { return waiting.info.Index == task.info.Index; });
+        m_queue.push_back(std::move(task));
+    }
+    try
+    {
+        processQueue();
+    }
+    catch (...)
+    {
+        logCaughtException();
+    }
+}
+
+void MultipartUploadManager::processQueue()
+{
+    while (std::optional<UploadTask> task = takeNextTask())
+    {
+        try
+        {
+            run(*task);
+        }
+        catch (...)
+        {
+            putBack(std::move(*task));
+            throw;
+        }
+        const std::lock_guard lock(m_mutex);
+        m_partsInFlight.erase(task->info.Index);
+    }
+}
+
+std::optional<MultipartUploadManager::UploadTask> MultipartUploadManager::takeNextTask()
+{
+    const std::lock_guard lock(m_mutex);
+    // A part in flight is left to the thread that sends it: that thread looks here again when it is done.
+    const auto next = std::find_if(m_queue.begin(), m_queue.end(),
+        [this](const UploadTask& task) { return !m_partsInFlight.contains(task.info.Index); });
+    if (next == m_queue.end())
+    {
+        return std::nullopt;
+    }
+    UploadTask task = std::move(*next);
+    m_queue.erase(next);
+    m_partsInFlight.insert(task.info.Index);
+    return task;
+}
+
+void MultipartUploadManager::run(UploadTask& task)
+{
+    if (!task.buffer)
+    {
+        task.onDone(reusePart(task.info));
+        return;
+    }
+    task.buffer->open();
+    task.bufferOpened = true;
+    const std::string tag = uploadPart(task.info, task.buffer->data());
+    task.buffer->close();
+    task.bufferOpened = false;
+    task.onDone(tag);
+}
+
+void MultipartUploadManager::putBack(UploadTask task)
+{
+    const BufferSharedPtr opened = std::exchange(task.bufferOpened, false) ? task.buffer : nullptr;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_partsInFlight.erase(task.info.Index);
+        const bool superseded = std::any_of(m_queue.begin(), m_queue.end(),
+            [&](const UploadTask& waiting) { return waiting.info.Index == task.info.Index; });
+        if (!superseded)
+        {
+            m_queue.push_back(std::move(task));
+        }
+    }
+    if (opened)
+    {
+        opened->close(); // last, because it may throw, and the task must not be lost
+    }
+}
+
+} // namespace storage::cloudprovider
