@@ -1,0 +1,333 @@
+#include "OpenPartManager.hpp"
+
+#include "LogRecords.hpp"
+
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <boost/iostreams/device/array.hpp>
+#include <boost/iostreams/stream_buffer.hpp>
+
+#include <algorithm>
+#include <istream>
+#include <shared_mutex>
+
+namespace storage::cloudprovider
+{
+
+namespace
+{
+
+constexpr const char* source = "storage/cloudprovider/src/OpenPartManager";
+
+/// Closes a part at the end of its scope.
+class PartCloser
+{
+public:
+    explicit PartCloser(OpenPartBuffer& part)
+        : m_part(part)
+    {
+    }
+    PartCloser(const PartCloser&) = delete;
+    PartCloser& operator=(const PartCloser&) = delete;
+    ~PartCloser() { m_part.close(); }
+
+private:
+    OpenPartBuffer& m_part;
+};
+
+} // namespace
+
+OpenPartManager::OpenPartManager(OpenFileContextSharedPtr context)
+    : m_partCache(context->downloadedPartCacheLimit)
+    , m_uploadManager(std::make_unique<MultipartUploadManager>(context))
+    , m_context(std::move(context))
+{
+    logEntry(CallSite("storage::cloudprovider::OpenPartManager::OpenPartManager(OpenFileContextSharedPtr)", source));
+    addNewPartTo(m_parts);
+    m_parts.front()->setSinglePartFile(true);
+}
+
+OpenPartManager::~OpenPartManager()
+{
+    logEntry(CallSite("storage::cloudprovider::OpenPartManager::~OpenPartManager()", source));
+}
+
+void OpenPartManager::initPreserveExisting(bool requirePresent)
+{
+    logEntry(CallSite("void storage::cloudprovider::OpenPartManager::initPreserveExisting(bool)", source),
+        named("requirePresent", requirePresent));
+    std::vector<PartInfo> stored;
+    try
+    {
+        stored = m_context->client->getObjectParts(m_context->key);
+    }
+    catch (const ResourceNotFoundException&)
+    {
+        if (requirePresent)
+        {
+            throw;
+        }
+        return; // a new file
+    }
+    if (stored.empty())
+    {
+        stored.emplace_back();
+    }
+
+    const std::lock_guard lock(m_partsMutex);
+    m_parts.clear();
+    m_parts.reserve(stored.size());
+    for (const PartInfo& part : stored)
+    {
+        const bool isLastPart = part.Index + 1 == stored.size();
+        m_parts.push_back(std::make_shared<OpenPartBuffer>(part, LocalDataVersion::CLOUD, isLastPart, m_context));
+    }
+    m_parts.front()->setSinglePartFile(m_parts.size() == 1);
+    m_uploadManager->setLastTag(m_parts.front()->info().Tag);
+}
+
+std::size_t OpenPartManager::getFileSize() const
+{
+    logEntry(CallSite("size_t storage::cloudprovider::OpenPartManager::getFileSize() const", source));
+    const std::lock_guard lock(m_partsMutex);
+    return m_parts.back()->end();
+}
+
+std::size_t OpenPartManager::findPartIndex(std::size_t fileOffset) const
+{
+    constexpr CallSite site("size_t storage::cloudprovider::OpenPartManager::findPartIndex(size_t) const", source);
+    logEntry(site, named("fileOffset", fileOffset));
+    const std::lock_guard lock(m_partsMutex);
+    const auto covering = std::upper_bound(m_parts.begin(), m_parts.end(), fileOffset,
+        [](std::size_t offset, const OpenPartBufferSharedPtr& part)
+        { return part->offset() + part->capacity() > offset; });
+    std::size_t partIndex = m_parts.size();
+    if (covering != m_parts.end())
+    {
+        partIndex = (*covering)->info().Index;
+    }
+    else if (m_context->partSize != 0)
+    {
+        const OpenPartBuffer& last = *m_parts.back();
+        partIndex += (fileOffset - (last.offset() + last.capacity())) / m_context->partSize;
+    }
+    logResult(site, named("partIndex", partIndex));
+    return partIndex;
+}
+
+void OpenPartManager::addNewPartTo(std::vector<OpenPartBufferSharedPtr>& parts) const
+{
+    logEntry(CallSite("void storage::cloudprovider::OpenPartManager::addNewPartTo(std::vector<std::shared_ptr<"
+                      "OpenPartBuffer>> &) const",
+        source));
+    PartInfo info;
+    info.Index = parts.size();
+    info.Offset = parts.empty() ? 0 : parts.back()->end();
+    parts.push_back(std::make_shared<OpenPartBuffer>(std::move(info), LocalDataVersion::NEW, true, m_context));
+}
+
+std::unique_ptr<OpenPartDevice> OpenPartManager::openPart(std::size_t fileOffset, bool createIfNonExistent)
+{
+    logEntry(CallSite("std::unique_ptr<OpenPartDevice> storage::cloudprovider::OpenPartManager::openPart(size_t, bool)",
+                 source),
+        named("fileOffset", fileOffset), named("createIfNonExistent", createIfNonExistent));
+    const std::shared_lock streamLock(m_streamLock);
+    const std::size_t index = findPartIndex(fileOffset);
+    if (createIfNonExistent)
+    {
+        extendTo(fileOffset);
+    }
+    OpenPartBufferSharedPtr part;
+    {
+        const std::lock_guard lock(m_partsMutex);
+        if (!createIfNonExistent && m_parts.back()->end() <= fileOffset)
+        {
+            return nullptr;
+        }
+        part = m_parts.at(index);
+    }
+    m_partCache.removePart(part);
+    part->open();
+    const std::size_t position = std::min(part->capacity(), fileOffset - part->offset());
+    return std::make_unique<OpenPartDevice>(OpenPartDevice{position, std::move(part)});
+}
+
+void OpenPartManager::extendTo(std::size_t fileOffset)
+{
+    for (;;)
+    {
+        OpenPartBufferSharedPtr last;
+        {
+            const std::lock_guard lock(m_partsMutex);
+            last = m_parts.back();
+        }
+        if (last->offset() + last->capacity() > fileOffset)
+        {
+            return;
+        }
+        if (m_context->partSize == 0)
+        {
+            throw UnsupportedOperationException("writing \"" + m_context->key + "\" at offset " +
+                                                std::to_string(fileOffset) +
+                                                ": the file cannot grow, its parts have a size of 0");
+        }
+        const bool grows = last->size() < last->capacity();
+        if (!grows || last->localDataVersion() == LocalDataVersion::NEW)
+        {
+            appendPart(last);
+            continue;
+        }
+        // The store knows the bytes as a part of its old size: they are loaded, so that the part can be sent again with
+        // the gap behind them.
+        m_partCache.removePart(last);
+        last->open();
+        const PartCloser closer(*last);
+        appendPart(last);
+    }
+}
+
+void OpenPartManager::appendPart(const OpenPartBufferSharedPtr& last)
+{
+    const std::lock_guard lock(m_partsMutex);
+    if (m_parts.back() != last)
+    {
+        return; // another thread was faster
+    }
+    if (getLogger().isEnabled(foundation::log::severity::progress))
+    {
+        getLogger().write(
+            foundation::log::severity::progress, "Adding new part with index " + std::to_string(m_parts.size()));
+    }
+    last->increaseSizeToMax();
+    addNewPartTo(m_parts);
+    m_parts.front()->setSinglePartFile(false);
+}
+
+void OpenPartManager::closePart(std::unique_ptr<OpenPartDevice> device)
+{
+    logEntry(
+        CallSite("void storage::cloudprovider::OpenPartManager::closePart(std::unique_ptr<OpenPartDevice>)", source));
+    const std::shared_lock streamLock(m_streamLock);
+    const OpenPartBufferSharedPtr part = std::move(device->m_part);
+    device.reset();
+    part->close();
+    if (part->isOpen())
+    {
+        return;
+    }
+    if (part->localDataVersion() == LocalDataVersion::NEW)
+    {
+        scheduleUpload(part);
+        return;
+    }
+    for (const OpenPartBufferSharedPtr& evicted : m_partCache.addPart(part, part->capacity()))
+    {
+        evicted->discardIfUnmodified();
+    }
+}
+
+void OpenPartManager::rerunFailedUploads()
+{
+    logEntry(CallSite("void storage::cloudprovider::OpenPartManager::rerunFailedUploads()", source));
+    const std::shared_lock streamLock(m_streamLock);
+    m_uploadManager->rerunFailedUploads();
+}
+
+void OpenPartManager::registerByteStream()
+{
+    logEntry(CallSite("void storage::cloudprovider::OpenPartManager::registerByteStream()", source));
+    const std::unique_lock streamLock(m_streamLock);
+    ++m_byteStreamCount;
+}
+
+void OpenPartManager::unregisterByteStream()
+{
+    logEntry(CallSite("void storage::cloudprovider::OpenPartManager::unregisterByteStream()", source));
+    const std::unique_lock streamLock(m_streamLock);
+    --m_byteStreamCount;
+    if (m_byteStreamCount == 0)
+    {
+        flushParts(); // under the lock: no part is opened or closed meanwhile
+    }
+}
+
+void OpenPartManager::scheduleUpload(const OpenPartBufferSharedPtr& part)
+{
+    logEntry(CallSite(
+        "void storage::cloudprovider::OpenPartManager::scheduleUpload(std::shared_ptr<OpenPartBuffer>)", source));
+    {
+        const std::lock_guard lock(m_partsMutex);
+        if (m_parts.size() < 2)
+        {
+            return; // written whole at the flush
+        }
+    }
+    m_uploadManager->asyncUploadPart(
+        part->markUploading(), part, [part](const std::string& tag) { part->setTag(tag); });
+}
+
+void OpenPartManager::flushParts()
+{
+    logEntry(CallSite("void storage::cloudprovider::OpenPartManager::flushParts()", source));
+    const std::vector<OpenPartBufferSharedPtr> flushed = parts();
+    if (flushed.size() == 1)
+    {
+        flushSinglePartFile(*flushed.front());
+        return;
+    }
+    for (const OpenPartBufferSharedPtr& part : flushed)
+    {
+        if (part->localDataVersion() == LocalDataVersion::NEW)
+        {
+            scheduleUpload(part);
+        }
+    }
+    if (!m_uploadManager->isUploading())
+    {
+        // Nothing was changed, or the store would not open an upload: either way the stored object stays as it is.
+        return;
+    }
+    for (const OpenPartBufferSharedPtr& part : flushed)
+    {
+        if (part->localDataVersion() == LocalDataVersion::CLOUD)
+        {
+            m_uploadManager->asyncReusePart(part->info(), [part](const std::string& tag) { part->setTag(tag); });
+        }
+    }
+    m_uploadManager->joinUploads();
+
+    std::vector<PartInfo> records;
+    records.reserve(flushed.size());
+    std::transform(flushed.begin(), flushed.end(), std::back_inserter(records),
+        [](const OpenPartBufferSharedPtr& part) { return part->info(); });
+    m_uploadManager->complete(records);
+    for (const OpenPartBufferSharedPtr& part : flushed)
+    {
+        part->markUploaded();
+    }
+}
+
+void OpenPartManager::flushSinglePartFile(OpenPartBuffer& part)
+{
+    logEntry(CallSite(
+        "void storage::cloudprovider::OpenPartManager::flushSinglePartFile(std::shared_ptr<OpenPartBuffer>)", source));
+    if (!part.openIfModified())
+    {
+        return;
+    }
+    const PartCloser closer(part);
+    // The part stays NEW: whoever opens the file before its streams are all gone finds it unwritten and writes it
+    // again, which is one put too many at most and never one too few.
+    const OpenPartBuffer::View bytes = part.view();
+    boost::iostreams::stream_buffer<boost::iostreams::basic_array_source<char>> memory(bytes.data, bytes.size);
+    std::istream content(&memory);
+    m_context->client->putObject(m_context->key, content, bytes.size);
+}
+
+std::vector<OpenPartBufferSharedPtr> OpenPartManager::parts() const
+{
+    const std::lock_guard lock(m_partsMutex);
+    return m_parts;
+}
+
+} // namespace storage::cloudprovider
