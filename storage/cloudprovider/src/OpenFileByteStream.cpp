@@ -1,0 +1,294 @@
+#include "OpenFileByteStream.hpp"
+
+#include "ErrorTranslation.hpp"
+#include "LogRecords.hpp"
+
+#include <foundation/storage/provider/ByteStreamFailure.hpp>
+
+#include <boost/numeric/conversion/cast.hpp>
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <limits>
+
+namespace storage::cloudprovider
+{
+
+namespace fsp = foundation::storage::provider;
+
+namespace
+{
+
+constexpr const char* source = "storage/cloudprovider/src/OpenFileByteStream";
+
+/// Run the body of a stream operation; whatever it throws leaves as the operation's own failure.
+template <typename Failure, typename Body>
+auto mapStreamError(Body body)
+{
+    try
+    {
+        return body();
+    }
+    catch (...)
+    {
+        throw Failure(errorCodeOfCurrentException());
+    }
+}
+
+/// Refuse an operation on a closed stream.
+template <typename Failure>
+void requireOpen(const OpenPartManager* partManager)
+{
+    if (partManager == nullptr)
+    {
+        throw Failure(fsp::ErrorCode(fsp::ErrorCode::Unknown, "the stream is closed"));
+    }
+}
+
+} // namespace
+
+OpenFileByteStream::OpenFileByteStream(
+    std::shared_ptr<OpenPartManager> partManager, fsp::ByteStreamWritePosition position)
+    : m_writeAtOffset(position)
+    , m_partManager(std::move(partManager))
+{
+    m_partManager->registerByteStream();
+}
+
+OpenFileByteStream::~OpenFileByteStream()
+{
+    try
+    {
+        OpenFileByteStream::doClose();
+    }
+    catch (...)
+    {
+        logCaughtException();
+    }
+}
+
+std::streamsize OpenFileByteStream::doRead(char* s, std::streamsize n)
+{
+    static constexpr CallSite site(
+        "virtual std::streamsize storage::cloudprovider::OpenFileByteStream::doRead(char *, std::streamsize)", source);
+    logEntry(site, named("n", n));
+    requireOpen<fsp::ByteStreamReadFailure>(m_partManager.get());
+    return mapStreamError<fsp::ByteStreamReadFailure>(
+        [&]
+        {
+            dropInvalidPart();
+            std::streamsize bytesRead = 0;
+            while (!m_atEnd && bytesRead < n)
+            {
+                if (!m_device)
+                {
+                    openPartAtOffset(false);
+                    continue;
+                }
+                bytesRead += static_cast<std::streamsize>(
+                    readFromPart(s + bytesRead, boost::numeric_cast<std::size_t>(n - bytesRead)));
+                if (bytesRead < n)
+                {
+                    closeCurrentPart();
+                }
+            }
+            const std::streamsize result = m_atEnd && bytesRead == 0 ? -1 : bytesRead;
+            logResult(site, named("bytesRead", result));
+            return result;
+        });
+}
+
+std::streamsize OpenFileByteStream::doWrite(const char* s, std::streamsize n)
+{
+    static constexpr CallSite site(
+        "virtual std::streamsize storage::cloudprovider::OpenFileByteStream::doWrite(const char *, std::streamsize)",
+        source);
+    logEntry(site, named("n", n));
+    requireOpen<fsp::ByteStreamWriteFailure>(m_partManager.get());
+    return mapStreamError<fsp::ByteStreamWriteFailure>(
+        [&]
+        {
+            dropInvalidPart();
+            m_partManager->rerunFailedUploads();
+            std::streamsize bytesWritten = 0;
+            while (!m_atEnd && bytesWritten < n)
+            {
+                if (!m_device)
+                {
+                    openPartAtOffset(true);
+                    continue;
+                }
+                bytesWritten += static_cast<std::streamsize>(
+                    writeIntoPart(s + bytesWritten, boost::numeric_cast<std::size_t>(n - bytesWritten)));
+                if (bytesWritten < n)
+                {
+                    closeCurrentPart(); // full
+                }
+            }
+            const std::streamsize result = m_atEnd && bytesWritten == 0 ? -1 : bytesWritten;
+            logResult(site, named("bytesWritten", result));
+            return result;
+        });
+}
+
+std::streampos OpenFileByteStream::doSeek(const stream_offset off, const std::ios_base::seekdir way)
+{
+    static constexpr CallSite site("virtual std::streampos storage::cloudprovider::OpenFileByteStream::doSeek(const "
+                                   "stream_offset, const std::ios_base::seekdir)",
+        source);
+    logEntry(site, named("off", off), named("way", static_cast<int>(way)));
+    requireOpen<fsp::ByteStreamSeekFailure>(m_partManager.get());
+    return mapStreamError<fsp::ByteStreamSeekFailure>(
+        [&]
+        {
+            if (way == std::ios_base::beg)
+            {
+                m_fileOffset = 0;
+            }
+            else if (way != std::ios_base::cur)
+            {
+                m_fileOffset = m_partManager->getFileSize();
+            }
+            if (off < 0)
+            {
+                // The lowest offset has no positive counterpart; it stays as it is, and the cast refuses it.
+                const stream_offset negated = off == std::numeric_limits<stream_offset>::min() ? off : -off;
+                const auto back = boost::numeric_cast<std::uint64_t>(negated);
+                m_fileOffset = m_fileOffset > back ? m_fileOffset - back : 0;
+            }
+            else
+            {
+                m_fileOffset += static_cast<std::uint64_t>(off);
+            }
+            m_atEnd = false;
+            if (m_device)
+            {
+                const OpenPartBuffer& part = *m_device->m_part;
+                if (m_fileOffset >= part.offset() && m_fileOffset < part.offset() + part.capacity())
+                {
+                    m_device->m_partOffset = m_fileOffset - part.offset();
+                }
+                else
+                {
+                    closeCurrentPart();
+                }
+            }
+            logResult(site, named("m_fileOffset", m_fileOffset));
+            return std::streampos(static_cast<std::streamoff>(m_fileOffset));
+        });
+}
+
+void OpenFileByteStream::doClose()
+{
+    logEntry(CallSite("virtual void storage::cloudprovider::OpenFileByteStream::doClose()", source));
+    std::exception_ptr firstFailure;
+    if (m_device)
+    {
+        try
+        {
+            m_partManager->closePart(std::move(m_device));
+        }
+        catch (...)
+        {
+            logCaughtException();
+            firstFailure = std::current_exception();
+        }
+        m_device.reset();
+    }
+    if (m_partManager)
+    {
+        try
+        {
+            m_partManager->unregisterByteStream();
+        }
+        catch (...)
+        {
+            logCaughtException();
+            if (!firstFailure)
+            {
+                firstFailure = std::current_exception();
+            }
+        }
+        m_partManager.reset();
+    }
+    if (firstFailure)
+    {
+        mapStreamError<fsp::ByteStreamCloseFailure>([&] { std::rethrow_exception(firstFailure); });
+    }
+}
+
+void OpenFileByteStream::dropInvalidPart()
+{
+    if (m_device && m_device->m_part->localDataVersion() == LocalDataVersion::INVALID)
+    {
+        closeCurrentPart();
+    }
+}
+
+void OpenFileByteStream::closeCurrentPart()
+{
+    if (m_device)
+    {
+        m_partManager->closePart(std::move(m_device));
+        m_device.reset();
+    }
+}
+
+void OpenFileByteStream::openPartAtOffset(bool createIfNonExistent)
+{
+    if (createIfNonExistent && appends())
+    {
+        m_fileOffset = m_partManager->getFileSize();
+    }
+    m_device = m_partManager->openPart(m_fileOffset, createIfNonExistent);
+    m_atEnd = !m_device;
+}
+
+bool OpenFileByteStream::appends() const
+{
+    return m_writeAtOffset == fsp::ByteStreamWritePosition::Append;
+}
+
+std::size_t OpenFileByteStream::readFromPart(char* s, std::size_t remaining)
+{
+    const OpenPartBuffer::View part = m_device->m_part->view();
+    std::size_t& position = m_device->m_partOffset;
+    if (part.size <= position)
+    {
+        return 0;
+    }
+    const std::size_t count = std::min(part.size - position, remaining);
+    std::memcpy(s, part.data + position, count);
+    position += count;
+    m_fileOffset += count;
+    return count;
+}
+
+std::size_t OpenFileByteStream::writeIntoPart(const char* s, std::size_t remaining)
+{
+    OpenPartBuffer& part = *m_device->m_part;
+    std::size_t& position = m_device->m_partOffset;
+    if (appends())
+    {
+        position = part.increaseSize(remaining);
+    }
+    else
+    {
+        part.increaseSize(remaining, position);
+    }
+    const OpenPartBuffer::View bytes = part.view();
+    std::size_t count = 0;
+    if (bytes.size > position)
+    {
+        count = std::min(bytes.size - position, remaining);
+        std::memcpy(bytes.data + position, s, count);
+        position += count;
+        part.markModified();
+    }
+    // An appending stream is at the end of the part, which others may have moved meanwhile.
+    m_fileOffset = appends() ? part.end() : m_fileOffset + count;
+    return count;
+}
+
+} // namespace storage::cloudprovider

@@ -1,0 +1,146 @@
+#include <storage/cloudprovider/OpenFileManager.hpp>
+
+#include "LogRecords.hpp"
+#include "OpenFileByteStream.hpp"
+#include "OpenFileContext.hpp"
+#include "OpenPartManager.hpp"
+#include "RestrictedByteStream.hpp"
+
+#include <storage/cloudprovider/CloudExceptions.hpp>
+#include <storage/cloudprovider/DiskBackedBufferFactory.hpp>
+#include <storage/cloudprovider/utils.hpp>
+
+#include <fl/i18n.hpp>
+
+namespace storage::cloudprovider
+{
+
+namespace fsp = foundation::storage::provider;
+
+namespace
+{
+
+constexpr const char* source = "src/OpenFileManager";
+
+std::shared_ptr<OpenPartManager> buildPartManager(const fsp::StorageIRI& iri, fsp::ByteStreamCreate create,
+    fsp::ByteStreamTruncate truncate, const CloudClientSharedPtr& client)
+{
+    const auto partManager = std::make_shared<OpenPartManager>(
+        std::make_shared<OpenFileContext>(iri, client, std::make_unique<DiskBackedBufferFactory>()));
+    const bool mustExist = create == fsp::ByteStreamCreate::MustExist;
+    if (truncate == fsp::ByteStreamTruncate::Keep)
+    {
+        partManager->initPreserveExisting(mustExist);
+    }
+    else if (mustExist)
+    {
+        if (!client->getObjectInfo(utils::iriToKey(iri)).exists)
+        {
+            throw ResourceNotFoundException();
+        }
+    }
+    else
+    {
+        client->validateObjectName(fl::i18n::ustring_to_utf8(iri.getName()));
+    }
+    return partManager;
+}
+
+} // namespace
+
+OpenFileManager::OpenFileManager() = default;
+
+OpenFileManager::~OpenFileManager() = default;
+
+OpenFileManager& globalOpenFileManager()
+{
+    static OpenFileManager manager;
+    return manager;
+}
+
+bool OpenFileManager::isOpen(fsp::StorageIRI iri)
+{
+    const std::lock_guard lock(m_mutex);
+    const auto entry = m_entries.find(iri);
+    return entry != m_entries.end() && !entry->second.isStale();
+}
+
+std::shared_ptr<OpenPartManager> OpenFileManager::open(
+    fsp::StorageIRI iri, fsp::ByteStreamCreate create, fsp::ByteStreamTruncate truncate, CloudClientSharedPtr client)
+{
+    {
+        std::unique_lock lock(m_mutex);
+        m_openingEnded.wait(lock,
+            [&]
+            {
+                const auto entry = m_entries.find(iri);
+                return entry == m_entries.end() || !entry->second.opening;
+            });
+        OpenFileEntry& entry = m_entries[iri];
+        if (std::shared_ptr<OpenPartManager> open = entry.partManager.lock())
+        {
+            return open;
+        }
+        entry.opening = true;
+        std::erase_if(m_entries, [](const auto& other) { return other.second.isStale(); });
+    }
+    std::shared_ptr<OpenPartManager> partManager;
+    try
+    {
+        partManager = buildPartManager(iri, create, truncate, client);
+    }
+    catch (...)
+    {
+        endOpening(iri, nullptr);
+        throw;
+    }
+    endOpening(iri, partManager);
+    return partManager;
+}
+
+void OpenFileManager::endOpening(const fsp::StorageIRI& iri, std::shared_ptr<OpenPartManager> partManager)
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        if (partManager)
+        {
+            m_entries[iri] = {partManager, false};
+        }
+        else
+        {
+            m_entries.erase(iri);
+        }
+    }
+    // All of them: they wait for different files, and waking one could wake the wrong one.
+    m_openingEnded.notify_all();
+}
+
+fsp::ByteStreamPtr OpenFileManager::openReadOnly(fsp::StorageIRI iri, CloudClientSharedPtr client)
+{
+    logEntry(CallSite("fsp::ByteStreamPtr storage::cloudprovider::OpenFileManager::openReadOnly(fsp::StorageIRI, "
+                      "CloudClientSharedPtr)",
+                 source),
+        named("iri", iri));
+    auto partManager =
+        open(std::move(iri), fsp::ByteStreamCreate::MustExist, fsp::ByteStreamTruncate::Keep, std::move(client));
+    return std::make_unique<ReadOnlyByteStream>(
+        std::make_unique<OpenFileByteStream>(std::move(partManager), fsp::ByteStreamWritePosition::AtOffset));
+}
+
+fsp::ByteStreamPtr OpenFileManager::openReadWrite(
+    fsp::StorageIRI iri, const fsp::ByteStreamOpenOptions& options, CloudClientSharedPtr client)
+{
+    logEntry(CallSite("fsp::ByteStreamPtr storage::cloudprovider::OpenFileManager::openReadWrite(StorageIRI, const "
+                      "fsp::ByteStreamOpenOptions &, CloudClientSharedPtr)",
+                 source),
+        named("iri", iri), named("options", options));
+    auto partManager = open(std::move(iri), options.create, options.truncate, std::move(client));
+    auto stream = std::make_unique<OpenFileByteStream>(std::move(partManager), options.writePosition);
+    if (options.readAccess == fsp::ByteStreamReadAccess::None)
+    {
+        return std::make_unique<WriteOnlyByteStream>(std::move(stream));
+    }
+    return stream;
+}
+
+} // namespace storage::cloudprovider

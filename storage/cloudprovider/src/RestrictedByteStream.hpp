@@ -1,0 +1,48 @@
+#pragma once
+
+#include "InternalExport.hpp"
+
+#include <foundation/storage/provider/ByteStream.hpp>
+
+namespace storage::cloudprovider
+{
+
+/// Owns a stream and passes every operation on; the base of streams that refuse one.
+class RestrictedByteStream : public foundation::storage::provider::ByteStream
+{
+public:
+    explicit RestrictedByteStream(foundation::storage::provider::ByteStreamPtr inner);
+
+protected:
+    using stream_offset = foundation::storage::provider::stream_offset;
+
+    std::streamsize doRead(char* s, std::streamsize n) override;
+    std::streamsize doWrite(const char* s, std::streamsize n) override;
+    std::streampos doSeek(const stream_offset off, const std::ios_base::seekdir way) override;
+    void doClose() override;
+
+private:
+    const foundation::storage::provider::ByteStreamPtr m_inner;
+};
+
+/// Refuses writes, without touching the file or the position.
+class ReadOnlyByteStream : public RestrictedByteStream
+{
+public:
+    using RestrictedByteStream::RestrictedByteStream;
+
+protected:
+    std::streamsize doWrite(const char* s, std::streamsize n) override;
+};
+
+/// Refuses reads, without touching the file or the position.
+class WriteOnlyByteStream : public RestrictedByteStream
+{
+public:
+    using RestrictedByteStream::RestrictedByteStream;
+
+protected:
+    std::streamsize doRead(char* s, std::streamsize n) override;
+};
+
+} // namespace storage::cloudprovider
