@@ -1,0 +1,499 @@
+#include <storage/cloudprovider/CloudProvider.hpp>
+
+#include "ErrorTranslation.hpp"
+#include "FlatCloudEntryIterator.hpp"
+#include "LogRecords.hpp"
+#include "RecursiveCloudEntryIterator.hpp"
+
+#include <storage/cloudprovider/CloudExceptions.hpp>
+#include <storage/cloudprovider/OpenFileManager.hpp>
+#include <storage/cloudprovider/utils.hpp>
+
+#include <foundation/interrupt/utInterruptState.hpp>
+#include <foundation/storage/provider/GenericByteStreamDevice.hpp>
+#include <foundation/usm/Context.hpp>
+
+#include <array>
+#include <sstream>
+
+namespace storage::cloudprovider
+{
+
+namespace fsp = foundation::storage::provider;
+
+namespace
+{
+
+constexpr const char* source = "src/CloudProvider";
+
+fsp::StorageIRI getResolvedIRI(const fsp::StorageIRI& iri)
+{
+    logEntry(CallSite("fsp::StorageIRI storage::cloudprovider::(anonymous namespace)::getResolvedIRI(const "
+                      "fsp::StorageIRI &)",
+                 source),
+        named("iri", iri));
+    try
+    {
+        return iri.getResolvedIRI();
+    }
+    catch (...)
+    {
+        logCaughtException();
+        translateCurrentException(iri);
+    }
+}
+
+/// Run an operation on the resolved IRI; whatever it throws leaves as the framework's Exception about that IRI.
+template <typename Body>
+auto runOperation(const CallSite& site, const fsp::StorageIRI& iri, Body body)
+{
+    logEntry(site, named("iri", iri));
+    const fsp::StorageIRI resolved = getResolvedIRI(iri);
+    try
+    {
+        return body(resolved);
+    }
+    catch (...)
+    {
+        logCaughtException();
+        translateCurrentException(resolved);
+    }
+}
+
+/// The same for an operation on two IRIs.
+/// @param body  takes both and a pointer, which it keeps on the IRI that its present step is about
+template <typename Body>
+void runTransfer(
+    const CallSite& site, const char* firstName, const fsp::StorageIRI& first, const fsp::StorageIRI& second, Body body)
+{
+    logEntry(site, named(firstName, first));
+    const fsp::StorageIRI resolvedFirst = getResolvedIRI(first);
+    const fsp::StorageIRI resolvedSecond = getResolvedIRI(second);
+    const fsp::StorageIRI* concerned = &resolvedFirst;
+    try
+    {
+        body(resolvedFirst, resolvedSecond, concerned);
+    }
+    catch (...)
+    {
+        logCaughtException();
+        translateCurrentException(*concerned);
+    }
+}
+
+/// Log the entry of an operation that no store has, and refuse it.
+[[noreturn]] void refuse(const CallSite& site, const char* iriName, const fsp::StorageIRI& iri)
+{
+    logEntry(site, named(iriName, iri));
+    throw fsp::Exception(fsp::ErrorCode::Unsupported, iri);
+}
+
+std::string fileKey(const fsp::StorageIRI& iri)
+{
+    return utils::iriToKey(iri);
+}
+
+std::string folderKey(const fsp::StorageIRI& iri)
+{
+    return utils::ensureTrailingSlash(utils::iriToKey(iri));
+}
+
+void putEmptyObject(CloudClient& client, const std::string& key)
+{
+    std::istringstream nothing;
+    client.putObject(key, nothing, 0);
+}
+
+/// Tell whether any object lies under a folder's key, its own marker included.
+bool hasObjectBelow(CloudClient& client, const std::string& folder)
+{
+    std::string token;
+    return !client.listObjects(folder, token, ListOptions{"", 1}).empty();
+}
+
+/// List all that lies below a folder. Can be interrupted between pages.
+std::vector<ObjectEntry> listEntries(CloudClient& client, const fsp::StorageIRI& iri, const std::string& delimiter)
+{
+    const std::string prefix = folderKey(iri);
+    const ListOptions options{delimiter, -1};
+    std::vector<ObjectEntry> entries;
+    std::string token;
+    do
+    {
+        std::vector<ObjectEntry> page = client.listObjects(prefix, token, options);
+        entries.insert(entries.end(), std::make_move_iterator(page.begin()), std::make_move_iterator(page.end()));
+        if (foundation::usm::isRequiredContextActive())
+        {
+            utInterruptState::ThrowIfInterruptPending();
+        }
+    } while (!token.empty());
+    return entries;
+}
+
+/// Copy one stream to its end into another, then close both and look at the result.
+/// @param concerned  set to the IRI of the stream that is being used
+void copyStream(fsp::ByteStreamPtr reader, const fsp::StorageIRI& sourceIri, fsp::ByteStreamPtr writer,
+    const fsp::StorageIRI& destinationIri, const fsp::StorageIRI*& concerned)
+{
+    fsp::GenericByteStreamDevice from(std::move(reader));
+    fsp::GenericByteStreamDevice to(std::move(writer));
+    std::array<char, 4096> chunk{};
+    for (;;)
+    {
+        concerned = &sourceIri;
+        const std::streamsize count = from.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+        if (count < 0)
+        {
+            break;
+        }
+        concerned = &destinationIri;
+        to.write(chunk.data(), count);
+    }
+    from.close();
+    concerned = &destinationIri;
+    to.close(); // here the contents reach the store
+}
+
+} // namespace
+
+CloudProvider::CloudProvider(CloudClientSharedPtr client, FolderPolicy policy, bool checkFolderOnCopy)
+    : m_client(std::move(client))
+    , m_folderPolicy(policy)
+    , m_checkFolderOnCopy(checkFolderOnCopy)
+{
+}
+
+CloudProvider::~CloudProvider() = default;
+
+std::shared_ptr<CloudProvider> buildCloudProvider(
+    std::shared_ptr<CloudClient> client, FolderPolicy policy, bool checkFolderOnCopy)
+{
+    return std::make_shared<CloudProvider>(std::move(client), policy, checkFolderOnCopy);
+}
+
+void CloudProvider::doCreateFile(const StorageIRI& iri) const
+{
+    runOperation(
+        CallSite("virtual void storage::cloudprovider::CloudProvider::doCreateFile(const StorageIRI &) const", source),
+        iri,
+        [this](const StorageIRI& resolved)
+        {
+            const std::string key = fileKey(resolved);
+            if (m_client->getObjectInfo(key).exists)
+            {
+                throw ResourceAlreadyExistsException();
+            }
+            putEmptyObject(*m_client, key);
+        });
+}
+
+void CloudProvider::doCreateFolder(const StorageIRI& iri) const
+{
+    runOperation(
+        CallSite(
+            "virtual void storage::cloudprovider::CloudProvider::doCreateFolder(const StorageIRI &) const", source),
+        iri,
+        [this](const StorageIRI& resolved)
+        {
+            if (m_folderPolicy != FolderPolicy::MarkerObjects)
+            {
+                throw UnsupportedOperationException();
+            }
+            if (resolved.hasParent() && !folderExists(resolved.getParent()))
+            {
+                throw ResourceNotFoundException();
+            }
+            const std::string marker = folderKey(resolved);
+            if (m_client->getObjectInfo(fileKey(resolved)).exists || m_client->getObjectInfo(marker).exists)
+            {
+                throw ResourceAlreadyExistsException();
+            }
+            putEmptyObject(*m_client, marker);
+        });
+}
+
+bool CloudProvider::doFileExists(const StorageIRI& iri) const
+{
+    return runOperation(
+        CallSite("virtual bool storage::cloudprovider::CloudProvider::doFileExists(const StorageIRI &) const", source),
+        iri,
+        [this](const StorageIRI& resolved)
+        {
+            const std::string key = fileKey(resolved);
+            return !key.empty() && m_client->getObjectInfo(key).exists;
+        });
+}
+
+bool CloudProvider::doFolderExists(const StorageIRI& iri) const
+{
+    return runOperation(
+        CallSite(
+            "virtual bool storage::cloudprovider::CloudProvider::doFolderExists(const StorageIRI &) const", source),
+        iri,
+        [this](const StorageIRI& resolved)
+        {
+            const std::string folder = folderKey(resolved);
+            const bool found = hasObjectBelow(*m_client, folder);
+            return found || folder.empty();
+        });
+}
+
+void CloudProvider::doRemoveFile(const StorageIRI& iri) const
+{
+    runOperation(
+        CallSite("virtual void storage::cloudprovider::CloudProvider::doRemoveFile(const StorageIRI &) const", source),
+        iri,
+        [this](const StorageIRI& resolved)
+        {
+            if (globalOpenFileManager().isOpen(resolved))
+            {
+                throw ResourceInUseException();
+            }
+            m_client->deleteObject(fileKey(resolved));
+        });
+}
+
+void CloudProvider::doMoveFile(
+    const StorageIRI& oldIri, const StorageIRI& newIri, const ReplacementPolicy& policy) const
+{
+    runTransfer(CallSite("virtual void storage::cloudprovider::CloudProvider::doMoveFile(const StorageIRI &, const "
+                         "StorageIRI &, const fsp::ReplacementPolicy &) const",
+                    source),
+        "old_iri", oldIri, newIri,
+        [&](const StorageIRI& from, const StorageIRI& to, const StorageIRI*& concerned)
+        {
+            if (globalOpenFileManager().isOpen(from))
+            {
+                throw fsp::Exception(fsp::ErrorCode::InUse, from);
+            }
+            if (!supportsReplacementPolicy(policy))
+            {
+                throw fsp::Exception(fsp::ErrorCode::Unsupported, from);
+            }
+            if ((policy == ReplacementPolicy::Fail && fileExists(to)) || folderExists(to))
+            {
+                throw fsp::Exception(fsp::ErrorCode::AlreadyExists, to);
+            }
+            if (fileKey(from) == fileKey(to))
+            {
+                // Its own copy would be what is removed in the end.
+                getFileAttributes(from);
+                return;
+            }
+            fsp::ByteStreamPtr reader = openReadOnlyStream(from);
+            fsp::ByteStreamPtr writer =
+                openStream(to, {fsp::ByteStreamReadAccess::None, fsp::ByteStreamCreate::IfMissing,
+                                   fsp::ByteStreamTruncate::Discard, fsp::ByteStreamWritePosition::AtOffset});
+            copyStream(std::move(reader), from, std::move(writer), to, concerned);
+            removeFile(from);
+        });
+}
+
+void CloudProvider::doRemoveFolder(const StorageIRI& iri) const
+{
+    runOperation(
+        CallSite(
+            "virtual void storage::cloudprovider::CloudProvider::doRemoveFolder(const StorageIRI &) const", source),
+        iri,
+        [this](const StorageIRI& resolved)
+        {
+            const std::vector<ObjectEntry> entries = listEntries(*m_client, resolved, "/");
+            if (entries.empty())
+            {
+                throw ResourceNotFoundException();
+            }
+            const std::string marker = folderKey(resolved);
+            if (m_folderPolicy != FolderPolicy::MarkerObjects || entries.size() > 1 || entries.front().key != marker)
+            {
+                throw FolderNotEmptyException();
+            }
+            m_client->deleteObject(marker);
+        });
+}
+
+void CloudProvider::doRemoveFolderRecursively(const StorageIRI& iri) const
+{
+    runOperation(CallSite("virtual void storage::cloudprovider::CloudProvider::doRemoveFolderRecursively(const "
+                          "StorageIRI &) const",
+                     source),
+        iri,
+        [this](const StorageIRI& resolved)
+        {
+            const std::vector<ObjectEntry> entries = listEntries(*m_client, resolved, "");
+            if (entries.empty())
+            {
+                throw ResourceNotFoundException();
+            }
+            for (const ObjectEntry& entry : entries)
+            {
+                // About the folder itself, not the entry: a stream opened under the folder's own name protects it.
+                if (globalOpenFileManager().isOpen(resolved))
+                {
+                    throw ResourceInUseException();
+                }
+                m_client->deleteObject(entry.key);
+            }
+        });
+}
+
+void CloudProvider::doMoveFolder(
+    const StorageIRI& oldIri, const StorageIRI& /*newIri*/, const ReplacementPolicy& /*policy*/) const
+{
+    refuse(CallSite("virtual void storage::cloudprovider::CloudProvider::doMoveFolder(const StorageIRI &, const "
+                    "StorageIRI &, const fsp::ReplacementPolicy &) const",
+               source),
+        "old_iri", oldIri);
+}
+
+fsp::FileAttributes CloudProvider::doGetFileAttributes(const StorageIRI& iri) const
+{
+    return runOperation(CallSite("virtual fsp::FileAttributes "
+                                 "storage::cloudprovider::CloudProvider::doGetFileAttributes(const StorageIRI &) const",
+                            source),
+        iri,
+        [this](const StorageIRI& resolved)
+        {
+            const std::string key = fileKey(resolved);
+            const ObjectInfo info = key.empty() ? ObjectInfo() : m_client->getObjectInfo(key);
+            if (!info.exists)
+            {
+                throw ResourceNotFoundException();
+            }
+            return fsp::FileAttributes(info.size, info.lastModified, true);
+        });
+}
+
+fsp::FolderAttributes CloudProvider::doGetFolderAttributes(const StorageIRI& iri) const
+{
+    return runOperation(
+        CallSite("virtual fsp::FolderAttributes storage::cloudprovider::CloudProvider::doGetFolderAttributes(const "
+                 "StorageIRI &) const",
+            source),
+        iri,
+        [this](const StorageIRI& resolved)
+        {
+            const std::string folder = folderKey(resolved);
+            if (m_folderPolicy == FolderPolicy::MarkerObjects && !folder.empty()) // the root has no marker
+            {
+                const ObjectInfo marker = m_client->getObjectInfo(folder);
+                if (marker.exists)
+                {
+                    return fsp::FolderAttributes(marker.lastModified, true);
+                }
+            }
+            if (!hasObjectBelow(*m_client, folder) && !folder.empty())
+            {
+                throw ResourceNotFoundException();
+            }
+            return fsp::FolderAttributes(boost::posix_time::not_a_date_time, true);
+        });
+}
+
+fsp::ByteStreamPtr CloudProvider::doOpenStream(const StorageIRI& iri, const fsp::ByteStreamOpenOptions& options) const
+{
+    return runOperation(CallSite("virtual fsp::ByteStreamPtr storage::cloudprovider::CloudProvider::doOpenStream(const "
+                                 "StorageIRI &, const fsp::ByteStreamOpenOptions &) const",
+                            source),
+        iri,
+        [&](const StorageIRI& resolved) { return globalOpenFileManager().openReadWrite(resolved, options, m_client); });
+}
+
+fsp::ByteStreamPtr CloudProvider::doOpenReadOnlyStream(const StorageIRI& iri) const
+{
+    return runOperation(
+        CallSite("virtual fsp::ByteStreamPtr "
+                 "storage::cloudprovider::CloudProvider::doOpenReadOnlyStream(const StorageIRI &) const",
+            source),
+        iri, [this](const StorageIRI& resolved) { return globalOpenFileManager().openReadOnly(resolved, m_client); });
+}
+
+fsp::FolderEntryIteratorPtr CloudProvider::doListAll(const StorageIRI& iri) const
+{
+    return runOperation(CallSite("virtual fsp::FolderEntryIteratorPtr "
+                                 "storage::cloudprovider::CloudProvider::doListAll(const StorageIRI &) const",
+                            source),
+        iri,
+        [this](const StorageIRI& resolved) -> fsp::FolderEntryIteratorPtr
+        { return std::make_unique<FlatCloudEntryIterator>(resolved, m_client, ListFilter::All); });
+}
+
+fsp::FolderEntryIteratorPtr CloudProvider::doListFiles(const StorageIRI& iri) const
+{
+    return runOperation(CallSite("virtual fsp::FolderEntryIteratorPtr "
+                                 "storage::cloudprovider::CloudProvider::doListFiles(const StorageIRI &) const",
+                            source),
+        iri,
+        [this](const StorageIRI& resolved) -> fsp::FolderEntryIteratorPtr
+        { return std::make_unique<FlatCloudEntryIterator>(resolved, m_client, ListFilter::FilesOnly); });
+}
+
+fsp::FolderEntryIteratorPtr CloudProvider::doListFolders(const StorageIRI& iri) const
+{
+    return runOperation(CallSite("virtual fsp::FolderEntryIteratorPtr "
+                                 "storage::cloudprovider::CloudProvider::doListFolders(const StorageIRI &) const",
+                            source),
+        iri,
+        [this](const StorageIRI& resolved) -> fsp::FolderEntryIteratorPtr
+        { return std::make_unique<FlatCloudEntryIterator>(resolved, m_client, ListFilter::FoldersOnly); });
+}
+
+fsp::FolderEntryIteratorPtr CloudProvider::doListAllRecursive(const StorageIRI& iri) const
+{
+    return runOperation(CallSite("virtual fsp::FolderEntryIteratorPtr "
+                                 "storage::cloudprovider::CloudProvider::doListAllRecursive(const StorageIRI &) const",
+                            source),
+        iri,
+        [this](const StorageIRI& resolved) -> fsp::FolderEntryIteratorPtr
+        { return std::make_unique<RecursiveCloudEntryIterator>(resolved, m_client); });
+}
+
+void CloudProvider::doCopyFile(
+    const StorageIRI& sourceIri, const StorageIRI& destination, const ReplacementPolicy& policy) const
+{
+    runTransfer(CallSite("virtual void storage::cloudprovider::CloudProvider::doCopyFile(const StorageIRI &, const "
+                         "StorageIRI &, const fsp::ReplacementPolicy &) const",
+                    source),
+        "iri", sourceIri, destination,
+        [&](const StorageIRI& from, const StorageIRI& to, const StorageIRI*& concerned)
+        {
+            // Unlike a move, a copy refuses an existing file for the policies 0 and 4 and takes every other value.
+            const bool refusesExisting = (static_cast<std::uint32_t>(policy) | 4U) == 4U;
+            if ((fileExists(to) && refusesExisting) || (m_checkFolderOnCopy && folderExists(to)))
+            {
+                throw fsp::Exception(fsp::ErrorCode::AlreadyExists, to);
+            }
+            if (fileKey(from) == fileKey(to))
+            {
+                getFileAttributes(from);
+                return;
+            }
+            fsp::ByteStreamPtr reader = openReadOnlyStream(from);
+            fsp::ByteStreamPtr writer =
+                openStream(to, {fsp::ByteStreamReadAccess::Allowed, fsp::ByteStreamCreate::IfMissing,
+                                   fsp::ByteStreamTruncate::Discard, fsp::ByteStreamWritePosition::AtOffset});
+            copyStream(std::move(reader), from, std::move(writer), to, concerned);
+        });
+}
+
+void CloudProvider::doSetLastModified(const StorageIRI& iri, const boost::posix_time::ptime& /*time*/) const
+{
+    refuse(CallSite("virtual void storage::cloudprovider::CloudProvider::doSetLastModified(const StorageIRI &, const "
+                    "boost::posix_time::ptime &) const",
+               source),
+        "iri", iri);
+}
+
+void CloudProvider::doSetWritable(const StorageIRI& iri, const bool /*writable*/) const
+{
+    refuse(CallSite("virtual void storage::cloudprovider::CloudProvider::doSetWritable(const StorageIRI &, const bool) "
+                    "const",
+               source),
+        "iri", iri);
+}
+
+bool CloudProvider::doSupportsReplacementPolicy(const ReplacementPolicy& policy) const
+{
+    return static_cast<std::uint32_t>(policy) < 2;
+}
+
+} // namespace storage::cloudprovider
