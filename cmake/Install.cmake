@@ -7,6 +7,7 @@ include(CMakePackageConfigHelpers)
 set(libraries foundation cloudprovider)
 set(stores
     cloudprovider_clients_common
+    cloudprovider_decorators
     cloudprovider_local
     cloudprovider_memory
     cloudprovider_stores)
