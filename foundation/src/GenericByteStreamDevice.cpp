@@ -1,6 +1,6 @@
 #include <foundation/storage/provider/GenericByteStreamDevice.hpp>
 
-#include <foundation/storage/provider/ByteStreamFailure.hpp>
+#include "copyBytes.hpp"
 
 #include <utility>
 
@@ -24,15 +24,8 @@ std::streamsize GenericByteStreamDevice::read(char* s, std::streamsize n)
 
 std::streamsize GenericByteStreamDevice::write(const char* s, std::streamsize n)
 {
-    std::streamsize written = 0;
-    while (written < n)
-    {
-        const std::streamsize count = m_stream->write(s + written, n - written);
-        if (count <= 0)
-            throw ByteStreamWriteFailure(ErrorCode(ErrorCode::Unknown, "the stream takes no more bytes"));
-        written += count;
-    }
-    return written;
+    writeAll(*m_stream, s, n);
+    return n;
 }
 
 std::streampos GenericByteStreamDevice::seek(stream_offset off, std::ios_base::seekdir way)

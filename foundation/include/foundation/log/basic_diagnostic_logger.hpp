@@ -56,7 +56,8 @@ private:
     struct Implementation;
 
     std::atomic<std::uint32_t> m_enabled;
-    const std::unique_ptr<Implementation> m_implementation;
+    const std::string m_channel;
+    const std::unique_ptr<Implementation> m_implementation; // null if built while static objects are destroyed
 };
 
 /// Receives one record. Calls are serialised over all channels. It may log itself; it must not wait for another thread

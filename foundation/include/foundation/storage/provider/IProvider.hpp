@@ -49,56 +49,65 @@ public:
     IProvider& operator=(const IProvider&) = delete;
 
     /// Create an empty file. ErrorCode::AlreadyExists if there is one.
-    void createFile(const StorageIRI& iri) const;
+    void createFile(const StorageIRI& iri) const { doCreateFile(iri); }
 
     /// Create a folder in an existing one. ErrorCode::AlreadyExists if there is a file or folder of that name.
-    void createFolder(const StorageIRI& iri) const;
+    void createFolder(const StorageIRI& iri) const { doCreateFolder(iri); }
 
     /// Create a folder and every folder above it that is missing. That some or all exist is no failure.
     ///
     /// Default: folderExists from the innermost outwards, then createFolder from the outermost missing one inwards. A
     /// folder that somebody else creates meanwhile is taken as it is. After a failure the outer folders remain.
-    void createFolderRecursive(const StorageIRI& iri) const;
+    void createFolderRecursive(const StorageIRI& iri) const { doCreateFolderRecursive(iri); }
 
     /// Tell whether there is a file. That there is none is no failure.
-    bool fileExists(const StorageIRI& iri) const;
+    bool fileExists(const StorageIRI& iri) const { return doFileExists(iri); }
 
     /// Tell whether there is a folder. That there is none is no failure.
-    bool folderExists(const StorageIRI& iri) const;
+    bool folderExists(const StorageIRI& iri) const { return doFolderExists(iri); }
 
     /// Remove a file.
-    void removeFile(const StorageIRI& iri) const;
+    void removeFile(const StorageIRI& iri) const { doRemoveFile(iri); }
 
     /// Move a file. `policy` says what happens to an existing file at `newIri`.
-    void moveFile(const StorageIRI& oldIri, const StorageIRI& newIri, const ReplacementPolicy& policy) const;
+    void moveFile(const StorageIRI& oldIri, const StorageIRI& newIri, const ReplacementPolicy& policy) const
+    {
+        doMoveFile(oldIri, newIri, policy);
+    }
 
     /// Remove an empty folder. ErrorCode::FolderNotEmpty if it is not.
-    void removeFolder(const StorageIRI& iri) const;
+    void removeFolder(const StorageIRI& iri) const { doRemoveFolder(iri); }
 
     /// Remove a folder and everything in it.
-    void removeFolderRecursively(const StorageIRI& iri) const;
+    void removeFolderRecursively(const StorageIRI& iri) const { doRemoveFolderRecursively(iri); }
 
     /// Move a folder with everything in it.
-    void moveFolder(const StorageIRI& oldIri, const StorageIRI& newIri, const ReplacementPolicy& policy) const;
+    void moveFolder(const StorageIRI& oldIri, const StorageIRI& newIri, const ReplacementPolicy& policy) const
+    {
+        doMoveFolder(oldIri, newIri, policy);
+    }
 
     /// Describe a file. ErrorCode::NotFound if there is none.
-    FileAttributes getFileAttributes(const StorageIRI& iri) const;
+    FileAttributes getFileAttributes(const StorageIRI& iri) const { return doGetFileAttributes(iri); }
 
     /// Describe a folder. ErrorCode::NotFound if there is none.
-    FolderAttributes getFolderAttributes(const StorageIRI& iri) const;
+    FolderAttributes getFolderAttributes(const StorageIRI& iri) const { return doGetFolderAttributes(iri); }
 
     /// Open a file for writing, and for reading too if the options ask for it. The caller owns the stream and closes
     /// it.
-    ByteStreamPtr openStream(const StorageIRI& iri, const ByteStreamOpenOptions& options) const;
+    ByteStreamPtr openStream(const StorageIRI& iri, const ByteStreamOpenOptions& options) const
+    {
+        return doOpenStream(iri, options);
+    }
 
     /// Open an existing file for reading. The caller owns the stream.
-    ByteStreamPtr openReadOnlyStream(const StorageIRI& iri) const;
+    ByteStreamPtr openReadOnlyStream(const StorageIRI& iri) const { return doOpenReadOnlyStream(iri); }
 
     /// Open a stream for the whole new contents of a file, which are put in place only when the stream is closed. A
     /// stream that is destroyed without a close leaves the file as it was.
     ///
     /// Default: openTransactionalStreamAtScratchLocation in the system's temporary folder.
-    ByteStreamPtr openTransactionalStream(const StorageIRI& iri) const;
+    ByteStreamPtr openTransactionalStream(const StorageIRI& iri) const { return doOpenTransactionalStream(iri); }
 
     /// The same, with the new contents kept in `scratchFolder` until the close.
     ///
@@ -108,86 +117,127 @@ public:
     /// gives with ByteStreamTruncate::Discard, and closes it: whether the target changes in one step is up to that
     /// stream. When the copy fails, the close throws, and the target is whatever the provider leaves after a failed
     /// write. The provider must outlive the stream.
-    ByteStreamPtr openTransactionalStreamAtScratchLocation(
-        const StorageIRI& iri, const StorageIRI& scratchFolder) const;
+    ByteStreamPtr openTransactionalStreamAtScratchLocation(const StorageIRI& iri, const StorageIRI& scratchFolder) const
+    {
+        return doOpenTransactionalStreamAtScratchLocation(iri, scratchFolder);
+    }
 
     // Listings. The iterator's names are relative to the listed folder; the order is the provider's.
     //
-    // Wildcards: only entries whose last name matches `pattern` as a whole, case included: "*" is any run of
+    // Wildcards: only entries whose last name matches `pattern` as a whole, case included. "*" is any run of
     // characters,
-    // "?" is any one character, "[a-z0]" one of a set, "[!a-z]" one outside of it. A "]" first in a set stands for
-    // itself; a "[" without an end is an ordinary character. Default: the plain listing, filtered. Matching takes time
-    // proportional to pattern times name at worst.
+    // "?" is any one character, "[a-z0]" is one of a set, "[!a-z]" or "[^a-z]" is one outside of it. A "]" that comes
+    // first in a set stands for itself; a "[" without an end is an ordinary character. The time for one name is at
+    // worst proportional to the pattern's length times the name's. Default: the plain listing, filtered.
     //
     // NamesOnly: the attributes of the entries are not to be looked at, which may save the provider fetching them;
     // name() and isFolder() hold. Default: the listing with attributes.
 
-    FolderEntryIteratorPtr listAll(const StorageIRI& iri) const;
-    FolderEntryIteratorPtr listAllWildcards(const StorageIRI& iri, const std::u16string& pattern) const;
-    FolderEntryIteratorPtr listFiles(const StorageIRI& iri) const;
-    FolderEntryIteratorPtr listFilesWildcards(const StorageIRI& iri, const std::u16string& pattern) const;
-    FolderEntryIteratorPtr listFolders(const StorageIRI& iri) const;
-    FolderEntryIteratorPtr listFoldersWildcards(const StorageIRI& iri, const std::u16string& pattern) const;
-    FolderEntryIteratorPtr listAllNamesOnly(const StorageIRI& iri) const;
-    FolderEntryIteratorPtr listAllNamesOnlyWildcards(const StorageIRI& iri, const std::u16string& pattern) const;
-    FolderEntryIteratorPtr listFoldersNamesOnly(const StorageIRI& iri) const;
-    FolderEntryIteratorPtr listFoldersNamesOnlyWildcards(const StorageIRI& iri, const std::u16string& pattern) const;
-    FolderEntryIteratorPtr listFilesNamesOnly(const StorageIRI& iri) const;
-    FolderEntryIteratorPtr listFilesNamesOnlyWildcards(const StorageIRI& iri, const std::u16string& pattern) const;
-    FolderEntryIteratorPtr listAllRecursive(const StorageIRI& iri) const;
-    FolderEntryIteratorPtr listAllRecursiveWildcards(const StorageIRI& iri, const std::u16string& pattern) const;
-    FolderEntryIteratorPtr listAllRecursiveNamesOnly(const StorageIRI& iri) const;
+    FolderEntryIteratorPtr listAll(const StorageIRI& iri) const { return doListAll(iri); }
+    FolderEntryIteratorPtr listAllWildcards(const StorageIRI& iri, const std::u16string& pattern) const
+    {
+        return doListAllWildcards(iri, pattern);
+    }
+    FolderEntryIteratorPtr listFiles(const StorageIRI& iri) const { return doListFiles(iri); }
+    FolderEntryIteratorPtr listFilesWildcards(const StorageIRI& iri, const std::u16string& pattern) const
+    {
+        return doListFilesWildcards(iri, pattern);
+    }
+    FolderEntryIteratorPtr listFolders(const StorageIRI& iri) const { return doListFolders(iri); }
+    FolderEntryIteratorPtr listFoldersWildcards(const StorageIRI& iri, const std::u16string& pattern) const
+    {
+        return doListFoldersWildcards(iri, pattern);
+    }
+    FolderEntryIteratorPtr listAllNamesOnly(const StorageIRI& iri) const { return doListAllNamesOnly(iri); }
+    FolderEntryIteratorPtr listAllNamesOnlyWildcards(const StorageIRI& iri, const std::u16string& pattern) const
+    {
+        return doListAllNamesOnlyWildcards(iri, pattern);
+    }
+    FolderEntryIteratorPtr listFoldersNamesOnly(const StorageIRI& iri) const { return doListFoldersNamesOnly(iri); }
+    FolderEntryIteratorPtr listFoldersNamesOnlyWildcards(const StorageIRI& iri, const std::u16string& pattern) const
+    {
+        return doListFoldersNamesOnlyWildcards(iri, pattern);
+    }
+    FolderEntryIteratorPtr listFilesNamesOnly(const StorageIRI& iri) const { return doListFilesNamesOnly(iri); }
+    FolderEntryIteratorPtr listFilesNamesOnlyWildcards(const StorageIRI& iri, const std::u16string& pattern) const
+    {
+        return doListFilesNamesOnlyWildcards(iri, pattern);
+    }
+    FolderEntryIteratorPtr listAllRecursive(const StorageIRI& iri) const { return doListAllRecursive(iri); }
+    FolderEntryIteratorPtr listAllRecursiveWildcards(const StorageIRI& iri, const std::u16string& pattern) const
+    {
+        return doListAllRecursiveWildcards(iri, pattern);
+    }
+    FolderEntryIteratorPtr listAllRecursiveNamesOnly(const StorageIRI& iri) const
+    {
+        return doListAllRecursiveNamesOnly(iri);
+    }
     FolderEntryIteratorPtr listAllRecursiveNamesOnlyWildcards(
-        const StorageIRI& iri, const std::u16string& pattern) const;
+        const StorageIRI& iri, const std::u16string& pattern) const
+    {
+        return doListAllRecursiveNamesOnlyWildcards(iri, pattern);
+    }
 
     /// Copy a file within this provider. `policy` says what happens to an existing file at `destination`.
-    void copyFile(const StorageIRI& source, const StorageIRI& destination, const ReplacementPolicy& policy) const;
+    void copyFile(const StorageIRI& source, const StorageIRI& destination, const ReplacementPolicy& policy) const
+    {
+        doCopyFile(source, destination, policy);
+    }
 
     /// Copy a file so that `destination` does not change before all of `source` was read.
     ///
     /// Default: a copy through openTransactionalStream. ErrorCode::AlreadyExists if the policy is Fail and there is a
     /// file at `destination`, ErrorCode::Unsupported for a policy that supportsReplacementPolicy does not know.
-    void copyFileAtomic(const StorageIRI& source, const StorageIRI& destination, const ReplacementPolicy& policy) const;
+    void copyFileAtomic(const StorageIRI& source, const StorageIRI& destination, const ReplacementPolicy& policy) const
+    {
+        doCopyFileAtomic(source, destination, policy);
+    }
 
     /// @param lastModified  UTC
-    void setLastModified(const StorageIRI& iri, const boost::posix_time::ptime& lastModified) const;
-    void setWritable(const StorageIRI& iri, const bool writable) const;
+    void setLastModified(const StorageIRI& iri, const boost::posix_time::ptime& lastModified) const
+    {
+        doSetLastModified(iri, lastModified);
+    }
+    void setWritable(const StorageIRI& iri, const bool writable) const { doSetWritable(iri, writable); }
 
     // Change notification: refused unless a provider brings it, together with the way to receive the events.
-    void publishFolderEventsFor(const StorageIRI& iri) const;
-    void publishFileEventsFor(const StorageIRI& iri) const;
-    void stopPublishingEventsFor(const StorageIRI& iri) const;
-    void startChangePollingMechanism(const StorageIRI& iri) const;
-    void stopChangePollingMechanism(const StorageIRI& iri) const;
+    void publishFolderEventsFor(const StorageIRI& iri) const { doPublishFolderEventsFor(iri); }
+    void publishFileEventsFor(const StorageIRI& iri) const { doPublishFileEventsFor(iri); }
+    void stopPublishingEventsFor(const StorageIRI& iri) const { doStopPublishingEventsFor(iri); }
+    void startChangePollingMechanism(const StorageIRI& iri) const { doStartChangePollingMechanism(iri); }
+    void stopChangePollingMechanism(const StorageIRI& iri) const { doStopChangePollingMechanism(iri); }
 
     /// Tell whether moves and copies understand `policy`. Default: the policies that ReplacementPolicy names.
-    bool supportsReplacementPolicy(const ReplacementPolicy& policy) const;
+    bool supportsReplacementPolicy(const ReplacementPolicy& policy) const
+    {
+        return doSupportsReplacementPolicy(policy);
+    }
 
     /// Give the order of this provider's locations. Default: that of StorageIRI.
-    PathComparator getPathComparator() const;
+    PathComparator getPathComparator() const { return doGetPathComparator(); }
 
     /// Give the one location among several spellings of it. Default: StorageIRI::getResolvedIRI.
-    StorageIRI getCanonicalLocation(const StorageIRI& iri) const;
+    StorageIRI getCanonicalLocation(const StorageIRI& iri) const { return doGetCanonicalLocation(iri); }
 
     /// Default: FilenameSensitivity::CaseSensitive.
-    FilenameSensitivity getFilenameSensitivity() const;
+    FilenameSensitivity getFilenameSensitivity() const { return doGetFilenameSensitivity(); }
 
     /// Let go of what the provider holds, before it is destroyed. Default: nothing.
-    void shutdown() const;
+    void shutdown() const { doShutdown(); }
 
     /// Tell whether there is a file or a folder. Default: fileExists, then folderExists.
-    bool exists(const StorageIRI& iri) const;
+    bool exists(const StorageIRI& iri) const { return doExists(iri); }
 
     /// Tell what there is; of a file and a folder of one name, the file. Default: fileExists, then folderExists.
-    ResourceKind existsExtended(const StorageIRI& iri) const;
+    ResourceKind existsExtended(const StorageIRI& iri) const { return doExistsExtended(iri); }
 
     /// Describe a file or a folder without knowing which. ErrorCode::NotFound if there is neither.
     ///
     /// Default: existsExtended, then getFileAttributes or getFolderAttributes.
-    ExtendedAttributes getExtendedAttributes(const StorageIRI& iri) const;
+    ExtendedAttributes getExtendedAttributes(const StorageIRI& iri) const { return doGetExtendedAttributes(iri); }
 
     /// Tell how much room the store behind `iri` has.
-    ProviderStorageInfo getProviderStorageInfo(const StorageIRI& iri) const;
+    ProviderStorageInfo getProviderStorageInfo(const StorageIRI& iri) const { return doGetProviderStorageInfo(iri); }
 
     /// Make an existing file exactly `size` bytes long, cutting it or filling it up with zeros.
     ///
@@ -195,10 +245,10 @@ public:
     /// zeros, the present size changes nothing. Cutting to anything else is refused with ErrorCode::Unsupported, since
     /// writing the kept part anew would lose it if the writing failed; so is a file whose size the provider cannot
     /// tell.
-    void truncateToSize(const StorageIRI& iri, std::uint64_t size) const;
+    void truncateToSize(const StorageIRI& iri, std::uint64_t size) const { doTruncateToSize(iri, size); }
 
     /// Tell how many bytes the provider's local caches of `iri` take.
-    std::uint64_t getProviderCacheUsage(const StorageIRI& iri) const;
+    std::uint64_t getProviderCacheUsage(const StorageIRI& iri) const { return doGetProviderCacheUsage(iri); }
 
 protected:
     IProvider() = default;

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "WildcardPattern.hpp"
+
+#include <foundation/storage/provider/IFolderEntryIterator.hpp>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace foundation::storage::provider
+{
+
+/// Give only those entries of another iterator whose last name matches a pattern.
+class FilteredEntryIterator : public IClonableFolderEntryIterator<FilteredEntryIterator>
+{
+public:
+    /// @param inner  not null; at its start
+    FilteredEntryIterator(FolderEntryIteratorPtr inner, const std::u16string& pattern);
+    FilteredEntryIterator(const FilteredEntryIterator& other);
+
+    FolderEntry getCurrent() const override;
+    bool hasNext() const override;
+    void next() override;
+
+private:
+    void findNext();
+
+    const std::shared_ptr<const WildcardPattern> m_pattern; // shared by clones
+    const FolderEntryIteratorPtr m_inner;
+    std::optional<FolderEntry> m_current;
+    std::optional<FolderEntry> m_next; // found ahead, since only then hasNext() is known
+};
+
+} // namespace foundation::storage::provider

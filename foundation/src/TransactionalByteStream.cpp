@@ -1,0 +1,100 @@
+#include "TransactionalByteStream.hpp"
+
+#include "copyBytes.hpp"
+
+#include <foundation/storage/provider/ByteStreamFailure.hpp>
+
+#include <memory>
+#include <utility>
+
+namespace foundation::storage::provider
+{
+
+namespace
+{
+
+boost::iostreams::file_descriptor openUnnamedFile(const fl::filesystem::path& folder)
+{
+    const fl::filesystem::path file = fl::filesystem::tmpnam(folder);
+    try
+    {
+        boost::iostreams::file_descriptor result(
+            file.native(), std::ios_base::in | std::ios_base::out | std::ios_base::binary);
+        fl::filesystem::remove(file);
+        return result;
+    }
+    catch (const std::ios_base::failure&)
+    {
+        fl::filesystem::remove(file);
+        throw;
+    }
+}
+
+/// Run one operation and turn whatever the temporary file throws, out of room for instance, into Failure.
+template <class Failure, class Operation>
+auto translated(Operation operation)
+{
+    try
+    {
+        return operation();
+    }
+    catch (const std::ios_base::failure& failure)
+    {
+        throw Failure(ErrorCode(ErrorCode::Unknown, std::string("temporary file: ") + failure.what()));
+    }
+}
+
+} // namespace
+
+TransactionalByteStream::TransactionalByteStream(
+    const IProvider& provider, StorageIRI target, const fl::filesystem::path& scratchFolder)
+    : m_provider(provider)
+    , m_target(std::move(target))
+    , m_scratch(openUnnamedFile(scratchFolder))
+{
+}
+
+TransactionalByteStream::~TransactionalByteStream() = default;
+
+std::streamsize TransactionalByteStream::doRead(char* s, std::streamsize n)
+{
+    return translated<ByteStreamReadFailure>([&] { return m_scratch.read(s, n); });
+}
+
+std::streamsize TransactionalByteStream::doWrite(const char* s, std::streamsize n)
+{
+    return translated<ByteStreamWriteFailure>([&] { return m_scratch.write(s, n); });
+}
+
+std::streampos TransactionalByteStream::doSeek(const stream_offset off, const std::ios_base::seekdir way)
+{
+    return translated<ByteStreamSeekFailure>([&] { return m_scratch.seek(off, way); });
+}
+
+void TransactionalByteStream::doClose()
+{
+    if (!m_scratch.is_open())
+        return;
+
+    // Closed whatever happens: a second try would write over what the first one left.
+    boost::iostreams::file_descriptor scratch = std::exchange(m_scratch, boost::iostreams::file_descriptor());
+    try
+    {
+        scratch.seek(0, std::ios_base::beg);
+        const ByteStreamPtr target =
+            m_provider.openStream(m_target, {ByteStreamReadAccess::None, ByteStreamCreate::IfMissing,
+                                                ByteStreamTruncate::Discard, ByteStreamWritePosition::AtOffset});
+        copyBytes(scratch, *target);
+        target->close();
+    }
+    catch (const ByteStreamFailure& failure)
+    {
+        throw ByteStreamCloseFailure(failure.reason());
+    }
+    catch (const std::ios_base::failure& failure)
+    {
+        throw ByteStreamCloseFailure(ErrorCode(ErrorCode::Unknown, std::string("temporary file: ") + failure.what()));
+    }
+}
+
+} // namespace foundation::storage::provider

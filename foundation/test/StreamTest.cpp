@@ -1,0 +1,124 @@
+#include "SmallProvider.hpp"
+
+#include <foundation/storage/provider/GenericByteStreamDevice.hpp>
+
+#include <gtest/gtest.h>
+
+#include <boost/iostreams/copy.hpp>
+#include <boost/iostreams/stream.hpp>
+
+#include <sstream>
+#include <string>
+
+namespace
+{
+
+using fsp::ErrorCode;
+
+constexpr fsp::ByteStreamOpenOptions keepAll{fsp::ByteStreamReadAccess::Allowed, fsp::ByteStreamCreate::MustExist,
+    fsp::ByteStreamTruncate::Keep, fsp::ByteStreamWritePosition::AtOffset};
+
+std::shared_ptr<fsp::ByteStream> streamOn(std::string& file, bool failing = false)
+{
+    return std::make_shared<SmallStream>(&file, keepAll, failing);
+}
+
+TEST(GenericByteStreamDeviceTest, CopiesShareOneStreamThatSeeksAndCloses)
+{
+    std::string file = "abcdef";
+    fsp::GenericByteStreamDevice device(streamOn(file));
+    fsp::GenericByteStreamDevice other = device;
+    char two[2] = {};
+    EXPECT_EQ(device.seek(2, std::ios_base::beg), 2);
+    EXPECT_EQ(other.read(two, 2), 2);
+    EXPECT_EQ(std::string(two, 2), "cd");
+    EXPECT_EQ(device.write("XY", 2), 2);
+    EXPECT_EQ(other.read(two, 2), -1);
+    EXPECT_EQ(file, "abcdef") << "not closed yet";
+    other.close();
+    EXPECT_EQ(file, "abcdXY");
+}
+
+TEST(GenericByteStreamDeviceTest, ServesBoostStreamsAndCopies)
+{
+    const std::string content(10'000, 'c');
+    std::string source = content;
+    std::string destination;
+    boost::iostreams::copy(
+        fsp::GenericByteStreamDevice(streamOn(source)), fsp::GenericByteStreamDevice(streamOn(destination)), 4096);
+    EXPECT_EQ(destination, content) << "written in short pieces, and closed";
+
+    boost::iostreams::stream<fsp::GenericByteStreamDevice> stream(streamOn(destination));
+    stream.seekg(-2, std::ios_base::end);
+    stream << "end";
+    stream.close();
+    EXPECT_EQ(destination, content.substr(2) + "end");
+}
+
+TEST(GenericByteStreamDeviceTest, RefusedBytesAreAFailureAndNeverLeftOut)
+{
+    std::string source = "abc";
+    std::string destination;
+    EXPECT_THROW(boost::iostreams::copy(fsp::GenericByteStreamDevice(streamOn(source)),
+                     fsp::GenericByteStreamDevice(streamOn(destination, true))),
+        fsp::ByteStreamWriteFailure);
+}
+
+template <class Failure>
+void expectFailure(const std::string& name)
+{
+    try
+    {
+        throw Failure(ErrorCode(ErrorCode::InUse, "cause"));
+    }
+    catch (const std::ios_base::failure& failure)
+    {
+        EXPECT_EQ(std::string(failure.what()).substr(0, name.size()), name);
+        EXPECT_EQ(failure.code(), std::error_code(1, std::iostream_category()));
+        const auto& reason = dynamic_cast<const fsp::ByteStreamFailure&>(failure).reason();
+        EXPECT_EQ(reason, ErrorCode::InUse);
+        EXPECT_EQ(reason.detail(), "cause");
+    }
+}
+
+TEST(ByteStreamFailureTest, AreStandardStreamFailuresWithAReason)
+{
+    expectFailure<fsp::ByteStreamReadFailure>("ByteStreamReadFailure");
+    expectFailure<fsp::ByteStreamWriteFailure>("ByteStreamWriteFailure");
+    expectFailure<fsp::ByteStreamSeekFailure>("ByteStreamSeekFailure");
+    expectFailure<fsp::ByteStreamCloseFailure>("ByteStreamCloseFailure");
+}
+
+template <class Value>
+std::string printed(const Value& value)
+{
+    std::ostringstream stream;
+    stream << value;
+    return stream.str();
+}
+
+TEST(PrintingTest, NamesWhatPeopleRead)
+{
+    EXPECT_EQ(printed(fsp::ByteStreamOpenOptions{}),
+        "{readAccess=None, create=IfMissing, truncate=Discard, writePosition=Append}");
+    EXPECT_EQ(printed(keepAll), "{readAccess=Allowed, create=MustExist, truncate=Keep, writePosition=AtOffset}");
+    EXPECT_EQ(printed(fsp::ByteStreamOpenOptions{fsp::ByteStreamReadAccess(7)}),
+        "{readAccess=7, create=IfMissing, truncate=Discard, writePosition=Append}");
+
+    const std::pair<ErrorCode, std::string> codes[] = {{ErrorCode(0), "FolderNotEmpty"},
+        {ErrorCode(1), "InvalidLocation"}, {ErrorCode(2), "PermissionDenied"}, {ErrorCode(3), "AlreadyExists"},
+        {ErrorCode(4), "NotFound"}, {ErrorCode(5), "ErrorCode 5"}, {ErrorCode(6), "InUse"},
+        {ErrorCode(9, "text"), "Unknown: text"}, {ErrorCode(11), "Unsupported"}};
+    for (const auto& [code, text] : codes)
+        EXPECT_EQ(printed(code), text);
+
+    const fsp::StorageIRI iri(u"x://h/a b");
+    const fsp::Exception exception(ErrorCode(ErrorCode::NotFound, "no\nbucket"), iri);
+    EXPECT_STREQ(exception.what(), "NotFound: x://h/a%20b: no bucket");
+    EXPECT_STREQ(fsp::Exception(ErrorCode::InUse, iri).what(), "InUse: x://h/a%20b");
+    EXPECT_EQ(exception.errorCode(), ErrorCode(4));
+    EXPECT_NE(exception.errorCode(), ErrorCode::InUse);
+    EXPECT_EQ(exception.iri(), iri);
+}
+
+} // namespace
