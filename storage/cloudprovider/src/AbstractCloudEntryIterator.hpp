@@ -34,7 +34,7 @@ public:
 
     void next() override
     {
-        m_current = std::move(m_pending.front());
+        m_current.emplace(std::move(m_pending.front()));
         m_pending.pop_front();
         if (m_pending.empty())
         {
