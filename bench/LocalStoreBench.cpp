@@ -1,0 +1,244 @@
+// The embedded store, beside SQLite's own inserts and plain files with the same durability.
+//
+// Everything lies below $TMPDIR, so that both sides use one disk.
+
+#include <storage/clients/local/LocalClient.hpp>
+
+#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+#include <sqlite3.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <istream>
+#include <memory>
+#include <ostream>
+#include <sstream>
+#include <stdexcept>
+#include <streambuf>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+
+using storage::clients::LocalClient;
+using storage::cloudprovider::ListOptions;
+using storage::cloudprovider::PartInfo;
+
+constexpr std::size_t smallSize = 4096;
+constexpr std::size_t largeSize = 256 * 1024 * 1024;
+constexpr std::size_t partSize = 5 * 1024 * 1024;
+
+void check(bool ok, const char* what)
+{
+    if (!ok)
+    {
+        throw std::runtime_error(what);
+    }
+}
+
+/// A folder that is removed in the end.
+class ScratchFolder
+{
+public:
+    ScratchFolder()
+    {
+        std::string path = (std::filesystem::temp_directory_path() / "bench-XXXXXX").string();
+        check(::mkdtemp(path.data()) != nullptr, "temporary folder");
+        m_path = path;
+    }
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+    ~ScratchFolder()
+    {
+        std::error_code ignored; // nothing depends on it
+        std::filesystem::remove_all(m_path, ignored);
+    }
+
+    const std::filesystem::path& path() const { return m_path; }
+
+private:
+    std::filesystem::path m_path;
+};
+
+/// Reads and writes a run of bytes without copying it.
+class Bytes : public std::streambuf
+{
+public:
+    Bytes(char* bytes, std::size_t size)
+    {
+        setg(bytes, bytes, bytes + size);
+        setp(bytes, bytes + size);
+    }
+};
+
+std::vector<char>& largeContent()
+{
+    static std::vector<char> content(largeSize, 'x');
+    return content;
+}
+
+void putLarge(LocalClient& client)
+{
+    const std::string upload = client.createMultipartUpload("large", "");
+    std::vector<PartInfo> parts;
+    for (std::size_t offset = 0; offset < largeSize; offset += partSize)
+    {
+        PartInfo part{offset / partSize, offset, std::min(partSize, largeSize - offset), ""};
+        Bytes bytes(largeContent().data() + offset, part.Size);
+        std::istream content(&bytes);
+        part.Tag = client.uploadPart("large", upload, part, content);
+        parts.push_back(std::move(part));
+    }
+    client.completeMultipartUpload("large", upload, parts);
+}
+
+void putSmallLocal(benchmark::State& state)
+{
+    const ScratchFolder folder;
+    LocalClient client(folder.path() / "store");
+    std::string content(smallSize, 'x');
+    std::size_t number = 0;
+    for (auto _ : state)
+    {
+        Bytes bytes(content.data(), content.size());
+        std::istream stream(&bytes);
+        client.putObject(fmt::format("small/{:08}", number++), stream, content.size());
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+void putSmallSqlite(benchmark::State& state)
+{
+    const ScratchFolder folder;
+    sqlite3* database = nullptr;
+    check(sqlite3_open((folder.path() / "plain.db").c_str(), &database) == SQLITE_OK, "opening");
+    check(sqlite3_exec(database,
+              "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL;"
+              "CREATE TABLE objects(key TEXT PRIMARY KEY, content BLOB) WITHOUT ROWID",
+              nullptr, nullptr, nullptr) == SQLITE_OK,
+        "schema");
+    sqlite3_stmt* insert = nullptr;
+    check(sqlite3_prepare_v2(database, "INSERT INTO objects VALUES(?1, ?2)", -1, &insert, nullptr) == SQLITE_OK,
+        "preparing");
+    const std::string content(smallSize, 'x');
+    std::size_t number = 0;
+    for (auto _ : state)
+    {
+        const std::string key = fmt::format("small/{:08}", number++);
+        sqlite3_bind_text(insert, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+        sqlite3_bind_blob(insert, 2, content.data(), static_cast<int>(content.size()), SQLITE_STATIC);
+        check(sqlite3_step(insert) == SQLITE_DONE, "inserting");
+        sqlite3_reset(insert);
+    }
+    sqlite3_finalize(insert);
+    sqlite3_close(database);
+    state.SetItemsProcessed(state.iterations());
+}
+
+void largeInLocal(benchmark::State& state)
+{
+    const ScratchFolder folder;
+    LocalClient client(folder.path() / "store");
+    largeContent();
+    for (auto _ : state)
+    {
+        putLarge(client);
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(largeSize));
+}
+
+/// Write the content as `cp` does, in calls of 128 KiB, and sync file and folder.
+void largeInFile(benchmark::State& state)
+{
+    const ScratchFolder folder;
+    const std::string path = folder.path() / "large";
+    constexpr std::size_t callSize = 128 * 1024;
+    for (auto _ : state)
+    {
+        const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        for (std::size_t done = 0; done < largeSize; done += callSize)
+        {
+            check(::write(file, largeContent().data() + done, callSize) == static_cast<ssize_t>(callSize), "writing");
+        }
+        check(::fsync(file) == 0, "syncing");
+        ::close(file);
+        const int directory = ::open(folder.path().c_str(), O_RDONLY | O_DIRECTORY);
+        check(::fsync(directory) == 0, "syncing the folder");
+        ::close(directory);
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(largeSize));
+}
+
+void largeOutLocal(benchmark::State& state)
+{
+    const ScratchFolder folder;
+    LocalClient client(folder.path() / "store");
+    putLarge(client);
+    std::vector<char>& target = largeContent();
+    for (auto _ : state)
+    {
+        Bytes bytes(target.data(), target.size());
+        std::ostream out(&bytes);
+        client.getObjectRange("large", out, 0, 0);
+        check(out.good(), "reading");
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(largeSize));
+}
+
+void largeOutFile(benchmark::State& state)
+{
+    const ScratchFolder folder;
+    const std::string path = folder.path() / "large";
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "w+"), &std::fclose);
+    check(std::fwrite(largeContent().data(), 1, largeSize, file.get()) == largeSize, "writing");
+    check(std::fflush(file.get()) == 0, "flushing");
+    constexpr std::size_t callSize = 128 * 1024;
+    for (auto _ : state)
+    {
+        for (std::size_t done = 0; done < largeSize; done += callSize)
+        {
+            check(::pread(::fileno(file.get()), largeContent().data() + done, callSize, static_cast<off_t>(done)) ==
+                      static_cast<ssize_t>(callSize),
+                "reading");
+        }
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(largeSize));
+}
+
+void listAboveMillion(benchmark::State& state)
+{
+    const ScratchFolder folder;
+    LocalClient client(folder.path() / "store");
+    const auto keys = static_cast<int>(state.range(0));
+    for (int i = 0; i < keys; ++i)
+    {
+        std::istringstream nothing;
+        client.putObject(fmt::format("top/{:04}/{:06}", i % 1000, i / 1000), nothing, 0);
+    }
+    for (auto _ : state)
+    {
+        std::string token;
+        std::size_t entries = 0;
+        do
+        {
+            entries += client.listObjects("top/", token, ListOptions{"/", -1}).size();
+        } while (!token.empty());
+        check(entries == 1000, "a listing of other than 1,000 groups");
+    }
+    state.SetItemsProcessed(state.iterations() * 1000);
+}
+
+BENCHMARK(putSmallLocal)->UseRealTime();
+BENCHMARK(putSmallSqlite)->UseRealTime();
+BENCHMARK(largeInLocal)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(largeInFile)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(largeOutLocal)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(largeOutFile)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(listAboveMillion)->Arg(10'000)->Arg(1'000'000)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+} // namespace
