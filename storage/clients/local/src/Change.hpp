@@ -1,0 +1,49 @@
+#pragma once
+
+#include "ContentFiles.hpp"
+#include "Database.hpp"
+#include "StagedContent.hpp"
+
+#include <cstdint>
+#include <vector>
+
+namespace storage::clients::local
+{
+
+/// A change of the index together with the files that it adds and drops: both happen, or neither.
+///
+/// New files take their place before the change is committed, and dropped ones go after it, so that the index never
+/// names a file that is not there. A crash in between leaves files that it does not name.
+class Change
+{
+public:
+    Change(Database& database, ContentFiles& files);
+    Change(const Change&) = delete;
+    Change& operator=(const Change&) = delete;
+    ~Change();
+
+    Connection& index() { return *m_writing; }
+
+    /// A number that nothing in the store has or had.
+    std::int64_t newNumber();
+
+    /// Add a content with one reference, which the caller stores.
+    std::int64_t add(StagedContent& content);
+
+    /// Count one more reference, which the caller stores.
+    void share(std::int64_t content);
+
+    /// Count one reference less, which the caller has removed. The content goes with its last one.
+    void release(std::int64_t content);
+
+    /// @throws Failure; the change has not happened
+    void commit();
+
+private:
+    Database::Writing m_writing;
+    ContentFiles& m_files;
+    std::vector<FileName> m_added;   // to be removed unless this is committed
+    std::vector<FileName> m_dropped; // to be removed once it is
+};
+
+} // namespace storage::clients::local

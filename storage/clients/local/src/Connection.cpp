@@ -1,0 +1,163 @@
+#include "Connection.hpp"
+
+#include "Failure.hpp"
+
+#include <sqlite3.h>
+
+#include <chrono>
+#include <thread>
+
+namespace storage::clients::local
+{
+
+namespace
+{
+
+[[noreturn]] void failAs(sqlite3* handle, int code)
+{
+    throw indexFailure(code, sqlite3_system_errno(handle), sqlite3_errmsg(handle));
+}
+
+// SQLite's own handler waits up to 100 ms between two looks, many times what a commit takes.
+int waitForTurn(void*, int looks)
+{
+    using namespace std::chrono_literals;
+    constexpr auto pause = 1ms;
+    constexpr auto longest = 60s; // far more than the longest transaction; so long a wait means that somebody hangs
+    if (looks * pause >= longest)
+    {
+        return 0;
+    }
+    std::this_thread::sleep_for(pause);
+    return 1;
+}
+
+} // namespace
+
+Query::~Query()
+{
+    reset();
+}
+
+bool Query::next()
+{
+    const int code = sqlite3_step(m_statement);
+    if (code != SQLITE_ROW && code != SQLITE_DONE)
+    {
+        fail(code);
+    }
+    return code == SQLITE_ROW;
+}
+
+void Query::bind(std::int64_t value)
+{
+    if (const int code = sqlite3_bind_int64(m_statement, ++m_bound, value); code != SQLITE_OK)
+    {
+        fail(code);
+    }
+}
+
+void Query::bind(Blob value)
+{
+    // A null pointer would bind NULL, also with a length of 0.
+    const char* bytes = value.bytes.empty() ? "" : value.bytes.data();
+    if (const int code = sqlite3_bind_blob64(m_statement, ++m_bound, bytes, value.bytes.size(), SQLITE_STATIC);
+        code != SQLITE_OK)
+    {
+        fail(code);
+    }
+}
+
+void Query::bind(std::nullptr_t)
+{
+    if (const int code = sqlite3_bind_null(m_statement, ++m_bound); code != SQLITE_OK)
+    {
+        fail(code);
+    }
+}
+
+void Query::reset() noexcept
+{
+    sqlite3_reset(m_statement); // its result repeats what next() has reported
+    m_bound = 0;
+}
+
+std::int64_t Query::integer(int column) const
+{
+    return sqlite3_column_int64(m_statement, column);
+}
+
+std::string_view Query::bytes(int column) const
+{
+    const auto* bytes = static_cast<const char*>(sqlite3_column_blob(m_statement, column));
+    return {bytes, static_cast<std::size_t>(sqlite3_column_bytes(m_statement, column))};
+}
+
+bool Query::isNull(int column) const
+{
+    return sqlite3_column_type(m_statement, column) == SQLITE_NULL;
+}
+
+void Query::fail(int code) const
+{
+    failAs(sqlite3_db_handle(m_statement), code);
+}
+
+Connection::Connection(const std::filesystem::path& file)
+{
+    // Each connection serves one thread at a time, so that it needs no mutex of its own.
+    constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
+    if (const int code = sqlite3_open_v2(file.c_str(), &m_handle, flags, nullptr); code != SQLITE_OK)
+    {
+        const Failure failure = indexFailure(code, m_handle ? sqlite3_system_errno(m_handle) : 0, sqlite3_errstr(code));
+        sqlite3_close(m_handle);
+        throw failure;
+    }
+    sqlite3_busy_handler(m_handle, waitForTurn, nullptr);
+}
+
+Connection::~Connection()
+{
+    for (const auto& [sql, statement] : m_statements)
+    {
+        sqlite3_finalize(statement);
+    }
+    sqlite3_close(m_handle);
+}
+
+void Connection::execute(const char* sql)
+{
+    if (const int code = sqlite3_exec(m_handle, sql, nullptr, nullptr, nullptr); code != SQLITE_OK)
+    {
+        failAs(m_handle, code);
+    }
+}
+
+void Connection::keepFilesOnClose()
+{
+    sqlite3_db_config(m_handle, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+}
+
+bool Connection::rollBack() noexcept
+{
+    // Some errors have ended the transaction already.
+    return sqlite3_get_autocommit(m_handle) != 0 ||
+           sqlite3_exec(m_handle, "ROLLBACK", nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+sqlite3_stmt* Connection::prepared(std::string_view sql)
+{
+    sqlite3_stmt*& statement = m_statements[sql];
+    if (statement == nullptr)
+    {
+        const int code = sqlite3_prepare_v3(
+            m_handle, sql.data(), static_cast<int>(sql.size()), SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
+        if (code != SQLITE_OK)
+        {
+            failAs(m_handle, code);
+        }
+    }
+    return statement;
+}
+
+} // namespace storage::clients::local

@@ -1,0 +1,181 @@
+#include "ContentFiles.hpp"
+
+#include "Failure.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+namespace storage::clients::local
+{
+
+namespace
+{
+
+std::filesystem::path madeFolder(const std::filesystem::path& path)
+{
+    makeFolders(path);
+    return path;
+}
+
+// Numbers in front and behind the "-" of a file's name.
+template <typename Front>
+bool parse(std::string_view text, Front& front, int base, std::uint64_t& behind, int baseBehind)
+{
+    const char* const end = text.data() + text.size();
+    const auto [dash, error] = std::from_chars(text.data(), end, front, base);
+    if (error != std::errc() || dash == end || *dash != '-')
+    {
+        return false;
+    }
+    const auto [rest, errorBehind] = std::from_chars(dash + 1, end, behind, baseBehind);
+    return errorBehind == std::errc() && rest == end;
+}
+
+} // namespace
+
+IncomingFile::IncomingFile(ContentFiles& files, std::filesystem::path path)
+    : m_files(files)
+    , m_path(std::move(path))
+    , m_file(createFile(m_path))
+{
+}
+
+IncomingFile::IncomingFile(IncomingFile&& other) noexcept
+    : m_files(other.m_files)
+    , m_path(std::move(other.m_path))
+    , m_file(std::move(other.m_file))
+{
+    other.m_path.clear();
+}
+
+IncomingFile::~IncomingFile()
+{
+    if (!m_path.empty() && removeFile(m_path) != 0)
+    {
+        m_files.leaveForCollection();
+    }
+}
+
+void IncomingFile::append(const char* bytes, std::uint64_t size)
+{
+    writeFile(m_file, m_path, bytes, size);
+}
+
+void IncomingFile::append(
+    const FileHandle& from, const std::filesystem::path& fromPath, std::uint64_t offset, std::uint64_t size)
+{
+    copyFile(from, fromPath, offset, m_file, m_path, size);
+}
+
+void IncomingFile::sync()
+{
+    syncFile(m_file, m_path);
+}
+
+ContentFiles::ContentFiles(const std::filesystem::path& directory)
+    : m_incoming(madeFolder(directory / "incoming"))
+    , m_contents(madeFolder(directory / "contents"))
+    , m_sessions(madeFolder(directory / "sessions"))
+    , m_contentsFolder(openFolder(m_contents))
+    , m_session(m_sessions)
+{
+}
+
+IncomingFile ContentFiles::create()
+{
+    m_session.begin();
+    return {*this, m_incoming / fmt::format("{}-{}", fileNameOf(m_session.number()), ++m_created)};
+}
+
+FileName ContentFiles::publish(IncomingFile& file, std::int64_t content)
+{
+    const FileName name{content, m_session.number()};
+    const std::filesystem::path place = path(name);
+    if (std::rename(file.m_path.c_str(), place.c_str()) != 0)
+    {
+        throw systemFailure("renaming to \"" + place.native() + '"', errno);
+    }
+    file.m_path.clear();
+    try
+    {
+        syncFile(m_contentsFolder, m_contents);
+    }
+    catch (const Failure&)
+    {
+        remove(name);
+        throw;
+    }
+    return name;
+}
+
+std::optional<FileHandle> ContentFiles::open(FileName name, std::uint64_t size) const
+{
+    std::optional<FileHandle> file = openFile(path(name));
+    if (file)
+    {
+        if (const std::uint64_t found = fileSize(*file, path(name)); found != size)
+        {
+            throw Failure(fmt::format(
+                "the store is damaged: \"{}\" has {} bytes instead of {}", path(name).native(), found, size));
+        }
+    }
+    return file;
+}
+
+std::filesystem::path ContentFiles::path(FileName name) const
+{
+    return m_contents / fmt::format("{}-{}", name.content, fileNameOf(name.session));
+}
+
+void ContentFiles::remove(FileName name) noexcept
+{
+    if (removeFile(path(name)) != 0)
+    {
+        leaveForCollection();
+    }
+}
+
+std::vector<FileName> ContentFiles::list() const
+{
+    std::vector<FileName> names;
+    for (const auto& entry : std::filesystem::directory_iterator(m_contents))
+    {
+        FileName name;
+        if (parse(entry.path().filename().native(), name.content, 10, name.session, 16))
+        {
+            names.push_back(name);
+        }
+    }
+    return names;
+}
+
+void ContentFiles::forget(const std::vector<Session::Ended>& sessions)
+{
+    for (const auto& entry : std::filesystem::directory_iterator(m_incoming))
+    {
+        std::uint64_t session = 0;
+        std::uint64_t number = 0;
+        const bool ended = parse(entry.path().filename().native(), session, 16, number, 10) &&
+                           std::any_of(sessions.begin(), sessions.end(),
+                               [&](const Session::Ended& candidate) { return candidate.number == session; });
+        if (ended)
+        {
+            if (const int error = removeFile(entry.path()); error != 0)
+            {
+                throw systemFailure("removing \"" + entry.path().native() + '"', error);
+            }
+        }
+    }
+    for (const Session::Ended& session : sessions)
+    {
+        removeFile(session.mark); // one that stays is found again by the next who opens the store
+    }
+}
+
+} // namespace storage::clients::local

@@ -1,0 +1,59 @@
+#include "Database.hpp"
+
+#include "Schema.hpp"
+
+namespace storage::clients::local
+{
+
+Database::Database(std::filesystem::path file)
+    : m_file(std::move(file))
+{
+}
+
+Database::Lease Database::borrow()
+{
+    {
+        const std::lock_guard lock(m_poolMutex);
+        if (!m_idle.empty())
+        {
+            Lease lease(m_idle.back().release(), Return{this});
+            m_idle.pop_back();
+            return lease;
+        }
+        m_idle.reserve(++m_connections);
+    }
+    auto connection = std::make_unique<Connection>(m_file);
+    configure(*connection);
+    return {connection.release(), Return{this}};
+}
+
+void Database::giveBack(Connection* connection) noexcept
+{
+    std::unique_ptr<Connection> returned(connection);
+    // Closing is what ends a transaction that cannot be rolled back.
+    if (returned->rollBack())
+    {
+        const std::lock_guard lock(m_poolMutex);
+        m_idle.push_back(std::move(returned));
+    }
+}
+
+Database::Reading::Reading(Database& database)
+    : m_connection(database.borrow())
+{
+    m_connection->run("BEGIN");
+}
+
+Database::Writing::Writing(Database& database)
+    : m_turn(database.m_turn)
+    , m_connection(database.borrow())
+{
+    m_connection->run("BEGIN IMMEDIATE");
+}
+
+void Database::Writing::commit()
+{
+    m_connection->run("COMMIT");
+}
+
+} // namespace storage::clients::local

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace storage::clients::local
+{
+
+/// What goes wrong inside the store, as a reason in words. LocalClient adds operation, key and directory and turns it
+/// into one of the cloud exceptions.
+class Failure : public std::runtime_error
+{
+public:
+    enum class Kind
+    {
+        NotFound,         ///< no such object or upload
+        NotAStore,        ///< the directory is something else
+        PermissionDenied, ///< the system refuses access
+        NoSpace,          ///< the disk is full, or the user's share of it
+        Other
+    };
+
+    Failure(Kind kind, const std::string& reason)
+        : std::runtime_error(reason)
+        , m_kind(kind)
+    {
+    }
+
+    explicit Failure(const std::string& reason)
+        : Failure(Kind::Other, reason)
+    {
+    }
+
+    Kind kind() const noexcept { return m_kind; }
+
+private:
+    Kind m_kind;
+};
+
+/// The failure of a system call.
+///
+/// @param doing  what was tried and on what: "writing contents/12"
+/// @param error  its errno
+Failure systemFailure(const std::string& doing, int error);
+
+/// The failure of SQLite.
+///
+/// @param code     extended result code
+/// @param error    the errno behind it, 0 when there is none
+/// @param message  SQLite's own words
+Failure indexFailure(int code, int error, const std::string& message);
+
+} // namespace storage::clients::local

@@ -1,0 +1,126 @@
+#include "Objects.hpp"
+
+#include "Failure.hpp"
+
+#include <boost/date_time/gregorian/gregorian_types.hpp>
+
+namespace storage::clients::local
+{
+
+namespace
+{
+
+const boost::posix_time::ptime& epoch()
+{
+    static const boost::posix_time::ptime time(boost::gregorian::date(1970, 1, 1));
+    return time;
+}
+
+} // namespace
+
+std::string tagOf(std::int64_t number)
+{
+    return std::to_string(number);
+}
+
+std::int64_t toMicroseconds(const boost::posix_time::ptime& time)
+{
+    return (time - epoch()).total_microseconds();
+}
+
+boost::posix_time::ptime fromMicroseconds(std::int64_t microseconds)
+{
+    return epoch() + boost::posix_time::microseconds(microseconds);
+}
+
+std::optional<StoredObject> findObject(Connection& index, const std::string& key)
+{
+    Query query = index.query("SELECT id, size, modified FROM objects WHERE key = ?", Blob{key});
+    if (!query.next())
+    {
+        return std::nullopt;
+    }
+    return StoredObject{
+        query.integer(0), static_cast<std::uint64_t>(query.integer(1)), fromMicroseconds(query.integer(2))};
+}
+
+StoredObject requireObject(Connection& index, const std::string& key)
+{
+    if (const std::optional<StoredObject> object = findObject(index, key))
+    {
+        return *object;
+    }
+    throw Failure(Failure::Kind::NotFound, "there is no such object");
+}
+
+std::vector<StoredPart> findParts(Connection& index, std::int64_t object, std::uint64_t first, std::uint64_t last)
+{
+    Query query = index.query("SELECT part.offset, content.size, content.id FROM object_parts AS part"
+                              " LEFT JOIN contents AS content ON content.id = part.content"
+                              " WHERE part.object = ?1 AND part.offset <= ?3 AND part.offset >= coalesce("
+                              "(SELECT offset FROM object_parts WHERE object = ?1 AND offset <= ?2"
+                              " ORDER BY offset DESC LIMIT 1), 0)"
+                              " ORDER BY part.offset",
+        object, static_cast<std::int64_t>(first), static_cast<std::int64_t>(last));
+    std::vector<StoredPart> parts;
+    while (query.next())
+    {
+        if (query.isNull(2))
+        {
+            throw Failure("the store is damaged: the index has lost a part of the object");
+        }
+        parts.push_back({query.integer(2), static_cast<std::uint64_t>(query.integer(0)),
+            static_cast<std::uint64_t>(query.integer(1))});
+    }
+    return parts;
+}
+
+std::vector<cloudprovider::PartInfo> describe(const std::vector<StoredPart>& parts)
+{
+    std::vector<cloudprovider::PartInfo> infos;
+    infos.reserve(parts.size());
+    for (const StoredPart& part : parts)
+    {
+        infos.push_back({infos.size(), part.offset, part.size, tagOf(part.content)});
+    }
+    return infos;
+}
+
+void putObject(Change& change, const std::string& key, StagedContent& content)
+{
+    const std::int64_t object = change.newNumber();
+    if (content.size() > 0) // an object without bytes has no parts
+    {
+        change.index().run("INSERT INTO object_parts VALUES (?, 0, ?)", object, change.add(content));
+    }
+    placeObject(change, key, object, content.size());
+}
+
+void placeObject(Change& change, const std::string& key, std::int64_t object, std::uint64_t size)
+{
+    removeObject(change, key);
+    change.index().run("INSERT INTO objects VALUES (?, ?, ?, ?)", Blob{key}, object, static_cast<std::int64_t>(size),
+        toMicroseconds(boost::posix_time::microsec_clock::universal_time()));
+}
+
+void removeObject(Change& change, const std::string& key)
+{
+    const std::optional<StoredObject> object = findObject(change.index(), key);
+    if (!object)
+    {
+        return;
+    }
+    change.index().run("DELETE FROM objects WHERE key = ?", Blob{key});
+    std::vector<std::int64_t> contents;
+    Query parts = change.index().query("DELETE FROM object_parts WHERE object = ? RETURNING content", object->number);
+    while (parts.next())
+    {
+        contents.push_back(parts.integer(0));
+    }
+    for (const std::int64_t content : contents)
+    {
+        change.release(content);
+    }
+}
+
+} // namespace storage::clients::local

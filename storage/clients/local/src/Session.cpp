@@ -1,0 +1,102 @@
+#include "Session.hpp"
+
+#include "Failure.hpp"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <charconv>
+
+#include <sys/random.h>
+#include <sys/stat.h>
+
+namespace storage::clients::local
+{
+
+namespace
+{
+
+std::uint64_t chooseNumber()
+{
+    std::uint64_t number = 0;
+    if (::getrandom(&number, sizeof(number), 0) != sizeof(number))
+    {
+        throw systemFailure("choosing a session number", errno);
+    }
+    return number;
+}
+
+// A mark is removed under its lock, so that whoever gets the lock afterwards holds a file that is no more.
+bool isRemoved(const FileHandle& file)
+{
+    struct stat status = {};
+    return ::fstat(file.get(), &status) == 0 && status.st_nlink == 0;
+}
+
+} // namespace
+
+Session::Session(std::filesystem::path folder)
+    : m_folder(std::move(folder))
+    , m_number(chooseNumber())
+{
+}
+
+Session::~Session()
+{
+    if (m_lock.get() >= 0 && !m_leaveMark)
+    {
+        removeFile(mark()); // a mark that stays costs the next one who opens the store a look, no more
+    }
+}
+
+void Session::begin()
+{
+    const std::lock_guard lock(m_mutex);
+    while (m_lock.get() < 0)
+    {
+        FileHandle file = createFile(mark());
+        // Somebody who collects may have found it unlocked, and removes it then.
+        if (tryLockFile(file, mark()) && !isRemoved(file))
+        {
+            syncFile(openFolder(m_folder), m_folder);
+            m_lock = std::move(file);
+        }
+        else
+        {
+            removeFile(mark());
+        }
+    }
+}
+
+std::vector<Session::Ended> Session::findEnded(const std::filesystem::path& folder)
+{
+    std::vector<Ended> ended;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+    {
+        const std::string name = entry.path().filename();
+        std::uint64_t number = 0;
+        const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number, 16);
+        if (error != std::errc() || name != fileNameOf(number))
+        {
+            continue; // not ours
+        }
+        std::optional<FileHandle> file = openFile(entry.path());
+        if (file && tryLockFile(*file, entry.path()) && !isRemoved(*file))
+        {
+            ended.push_back({entry.path(), number, std::move(*file)});
+        }
+    }
+    return ended;
+}
+
+std::filesystem::path Session::mark() const
+{
+    return m_folder / fileNameOf(m_number);
+}
+
+std::string fileNameOf(std::uint64_t number)
+{
+    return fmt::format("{:016x}", number);
+}
+
+} // namespace storage::clients::local

@@ -1,0 +1,81 @@
+#include "StagedContent.hpp"
+
+#include "Files.hpp"
+
+#include <storage/clients/common/Content.hpp>
+
+#include <algorithm>
+#include <vector>
+
+namespace storage::clients::local
+{
+
+namespace
+{
+
+constexpr std::uint64_t chunkSize = 1024 * 1024; // bytes taken from a stream at once
+
+} // namespace
+
+StagedContent::StagedContent(ContentFiles& files, std::uint64_t size, bool inFile)
+    : m_size(size)
+{
+    if (inFile)
+    {
+        m_file.emplace(files.create());
+    }
+}
+
+void StagedContent::receive(const std::string& key, std::istream& content)
+{
+    if (!m_file)
+    {
+        m_bytes.resize(m_size);
+        readContent(key, content, m_bytes.data(), m_size);
+        return;
+    }
+    std::vector<char> chunk(std::min(chunkSize, m_size));
+    for (std::uint64_t rest = m_size; rest > 0;)
+    {
+        const std::uint64_t count = std::min<std::uint64_t>(chunk.size(), rest);
+        readContent(key, content, chunk.data(), count);
+        m_file->append(chunk.data(), count);
+        rest -= count;
+    }
+    finish();
+}
+
+void StagedContent::append(std::string_view bytes)
+{
+    if (m_file)
+    {
+        m_file->append(bytes.data(), bytes.size());
+    }
+    else
+    {
+        m_bytes += bytes;
+    }
+}
+
+void StagedContent::append(
+    const FileHandle& from, const std::filesystem::path& fromPath, std::uint64_t offset, std::uint64_t size)
+{
+    if (m_file)
+    {
+        m_file->append(from, fromPath, offset, size);
+        return;
+    }
+    const std::size_t end = m_bytes.size();
+    m_bytes.resize(end + size);
+    readFile(from, fromPath, m_bytes.data() + end, size, offset);
+}
+
+void StagedContent::finish()
+{
+    if (m_file)
+    {
+        m_file->sync();
+    }
+}
+
+} // namespace storage::clients::local

@@ -1,0 +1,112 @@
+#include "Uploads.hpp"
+
+#include "Failure.hpp"
+#include "Objects.hpp"
+
+#include <storage/clients/common/PartRules.hpp>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
+#include <charconv>
+#include <optional>
+
+namespace storage::clients::local
+{
+
+namespace
+{
+
+struct UploadPart
+{
+    std::int64_t content = 0;
+    std::uint64_t size = 0;
+};
+
+std::optional<UploadPart> findPart(Connection& index, std::int64_t upload, std::size_t part)
+{
+    Query query = index.query("SELECT content.id, content.size FROM upload_parts AS part"
+                              " JOIN contents AS content ON content.id = part.content"
+                              " WHERE part.upload = ? AND part.number = ?",
+        upload, static_cast<std::int64_t>(part));
+    if (!query.next())
+    {
+        return std::nullopt;
+    }
+    return UploadPart{query.integer(0), static_cast<std::uint64_t>(query.integer(1))};
+}
+
+} // namespace
+
+std::int64_t beginUpload(Change& change, const std::string& key)
+{
+    const std::int64_t upload = change.newNumber();
+    change.index().run("INSERT INTO uploads VALUES (?, ?, ?)", upload, Blob{key},
+        toMicroseconds(boost::posix_time::microsec_clock::universal_time()));
+    return upload;
+}
+
+std::int64_t requireUpload(Connection& index, const std::string& key, const std::string& id)
+{
+    std::int64_t upload = 0;
+    const auto [end, error] = std::from_chars(id.data(), id.data() + id.size(), upload);
+    if (error != std::errc() || end != id.data() + id.size() ||
+        !index.query("SELECT 1 FROM uploads WHERE id = ? AND key = ?", upload, Blob{key}).next())
+    {
+        throw Failure(Failure::Kind::NotFound, "there is no such upload: " + id);
+    }
+    return upload;
+}
+
+void setUploadPart(Change& change, std::int64_t upload, std::size_t part, std::int64_t content)
+{
+    const std::optional<UploadPart> before = findPart(change.index(), upload, part);
+    change.index().run(
+        "INSERT OR REPLACE INTO upload_parts VALUES (?, ?, ?)", upload, static_cast<std::int64_t>(part), content);
+    if (before)
+    {
+        change.release(before->content);
+    }
+}
+
+void endUpload(Change& change, std::int64_t upload)
+{
+    std::vector<std::int64_t> contents;
+    Query parts = change.index().query("DELETE FROM upload_parts WHERE upload = ? RETURNING content", upload);
+    while (parts.next())
+    {
+        contents.push_back(parts.integer(0));
+    }
+    for (const std::int64_t content : contents)
+    {
+        change.release(content);
+    }
+    change.index().run("DELETE FROM uploads WHERE id = ?", upload);
+}
+
+std::uint64_t completeUpload(
+    Change& change, const std::string& key, std::int64_t upload, const std::vector<cloudprovider::PartInfo>& parts)
+{
+    Connection& index = change.index();
+    checkPartList(key, parts,
+        [&](std::size_t part) -> std::optional<SentPart>
+        {
+            const std::optional<UploadPart> sent = findPart(index, upload, part);
+            return sent ? std::optional(SentPart{tagOf(sent->content), sent->size}) : std::nullopt;
+        });
+
+    // The object takes over the upload's number, and of the parts that are listed the references, too.
+    std::uint64_t size = 0;
+    for (const cloudprovider::PartInfo& part : parts)
+    {
+        const UploadPart sent = findPart(index, upload, part.Index).value();
+        index.run("INSERT INTO object_parts VALUES (?, ?, ?)", upload, static_cast<std::int64_t>(size), sent.content);
+        index.run(
+            "DELETE FROM upload_parts WHERE upload = ? AND number = ?", upload, static_cast<std::int64_t>(part.Index));
+        size += sent.size;
+    }
+    endUpload(change, upload);
+    placeObject(change, key, upload, size);
+    return size;
+}
+
+} // namespace storage::clients::local
