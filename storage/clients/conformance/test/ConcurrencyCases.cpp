@@ -1,7 +1,5 @@
 #include <storage/clients/conformance/CloudClientConformance.hpp>
 
-#include <gmock/gmock.h>
-
 #include <atomic>
 #include <sstream>
 
@@ -11,7 +9,6 @@ namespace storage::clients::conformance
 {
 
 using namespace cloudprovider;
-using testing::ElementsAre;
 
 TEST_P(CloudClientConformance, ReadersSeeTheOldOrTheNewObjectAndNothingElse)
 {

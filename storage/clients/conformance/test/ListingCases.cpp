@@ -65,7 +65,7 @@ TEST_P(CloudClientConformance, ListsWhatASortedMapHolds)
 {
     std::mt19937 random = randomNumbers();
     std::map<std::string, std::uint64_t> objects;
-    std::vector<std::string> prefixes{"", "", "missing/"};
+    std::vector<std::string> prefixes{"missing/"};
     for (int i = 0; i < 150; ++i)
     {
         const std::string key = randomKey(random);
@@ -80,7 +80,8 @@ TEST_P(CloudClientConformance, ListsWhatASortedMapHolds)
     }
     for (int i = 0; i < 100; ++i)
     {
-        const std::string& prefix = prefixes[random() % prefixes.size()];
+        // Half of them at the root, where the large groups are.
+        const std::string prefix = random() % 2 == 0 ? "" : prefixes[random() % prefixes.size()];
         const ListOptions options{random() % 3 == 0 ? "" : "/", static_cast<std::int32_t>(random() % 8) - 1};
         if (options.maxKeys == 0)
         {

@@ -10,7 +10,6 @@ namespace storage::clients::conformance
 {
 
 using namespace cloudprovider;
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace
@@ -80,13 +79,16 @@ TEST_P(CloudClientConformance, ARefusedCompletionLeavesObjectAndUpload)
     const PartInfo replaced = upload("k", id, 0, partContent(1));
     const PartInfo first = upload("k", id, 0, bytes);
     const PartInfo second = upload("k", id, 1, "end");
+    const PartInfo empty = upload("k", id, 4, "");
+    const PartInfo behindEmpty = upload("k", id, 5, "x");
     PartInfo wrongTag = second;
     wrongTag.Tag = first.Tag;
     PartInfo neverSent = second;
     neverSent.Index = 2;
     const std::pair<const char*, std::vector<PartInfo>> rows[] = {{"a tag of a replaced part", {replaced, second}},
         {"the tag of another part", {first, wrongTag}}, {"a part that was never sent", {first, second, neverSent}},
-        {"descending indexes", {second, first}}, {"one index twice", {first, first}}, {"no parts", {}}};
+        {"descending indexes", {second, first}}, {"one index twice", {first, first}}, {"no parts", {}},
+        {"a part without bytes before the last", {first, empty, behindEmpty}}};
     for (const auto& [fault, parts] : rows)
     {
         EXPECT_THROW(client().completeMultipartUpload("k", id, parts), CloudException) << fault;

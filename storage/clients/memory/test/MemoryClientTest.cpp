@@ -54,9 +54,10 @@ TEST_F(MemoryClientTest, FailsTheCallThatTheFaultNames)
     EXPECT_FALSE(failsToPut("d")) << "a fault strikes once";
 
     store.faults().inject({.operation = Operation::PutObject});
-    EXPECT_TRUE(failsToPut("e"));
+    store.faults().inject({.failure = std::make_exception_ptr(PermissionDeniedException("No"))});
+    EXPECT_TRUE(failsToPut("e")) << "the first added of two faults is thrown";
     EXPECT_TRUE(failsToPut("f")) << "every put, until cleared";
-    EXPECT_NO_THROW(store.getObjectInfo("a"));
+    EXPECT_THROW(store.getObjectInfo("a"), PermissionDeniedException);
     store.faults().clearFaults();
     EXPECT_FALSE(failsToPut("g"));
     EXPECT_THAT(store.keys(), ElementsAre("a", "d", "g"));
@@ -160,8 +161,10 @@ TEST(MemoryClientClockTest, StampsWithTheClockItIsGiven)
 {
     const boost::posix_time::ptime noon(boost::gregorian::date(2020, 1, 2), boost::posix_time::hours(12));
     MemoryClient store([&] { return noon; });
-    store.put("k", "");
-    EXPECT_EQ(store.getObjectInfo("k").lastModified, noon);
+    store.put("k/", "");
+    EXPECT_EQ(store.getObjectInfo("k/").lastModified, noon);
+    std::string token;
+    EXPECT_EQ(store.listObjects("", token, {"/", -1}).at(0).lastModified, noon) << "a group has its own object's time";
 }
 
 } // namespace

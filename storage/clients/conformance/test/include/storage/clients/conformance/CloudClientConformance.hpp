@@ -59,9 +59,11 @@ std::ostream& operator<<(std::ostream& out, const Subject& subject);
 /// Random cases print their seed; --gtest_random_seed=SEED repeats it.
 class CloudClientConformance : public ::testing::TestWithParam<Subject>
 {
+public:
+    ~CloudClientConformance() override;
+
 protected:
     CloudClientConformance();
-    ~CloudClientConformance() override;
 
     const Capabilities& capabilities() const { return m_capabilities; }
     cloudprovider::CloudClient& client() { return m_harness->client(); }
