@@ -1,0 +1,23 @@
+#pragma once
+
+#include <storage/cloudprovider/CloudClient.hpp>
+
+#include <memory>
+#include <string>
+
+namespace storage::clients
+{
+
+/// Open the store that a URL names.
+///
+/// - `local:DIR`  a durable store in a directory, see LocalClient; it is made when it is missing
+/// - `local:`     the same in `cloudfs` below $XDG_DATA_HOME, or below ~/.local/share when that is not set
+/// - `memory:`    a new empty store of this process alone, see MemoryClient
+///
+/// Credentials never stand in a URL, where other users of the machine could read them: one that holds any is refused.
+/// From any thread, as long as nobody changes the environment meanwhile.
+/// @throws InvalidLocationException for every other URL, with the forms above in its detail
+/// @throws what the store's own constructor throws
+std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url);
+
+} // namespace storage::clients

@@ -1,0 +1,78 @@
+#include <storage/clients/stores/OpenStore.hpp>
+
+#include <storage/clients/local/LocalClient.hpp>
+#include <storage/clients/memory/MemoryClient.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string_view>
+
+namespace storage::clients
+{
+
+namespace
+{
+
+using cloudprovider::InvalidLocationException;
+
+[[noreturn]] void refuse(const std::string& reason)
+{
+    throw InvalidLocationException(
+        "Invalid store", reason + "; a store is named by local:DIR, local: (the default directory) or memory:");
+}
+
+/// The value of a variable that holds a directory. Relative ones are to be ignored, as if they were not set.
+std::filesystem::path directoryFrom(const char* variable)
+{
+    const char* value = std::getenv(variable);
+    const std::filesystem::path path(value == nullptr ? "" : value);
+    return path.is_absolute() ? path : std::filesystem::path();
+}
+
+std::filesystem::path defaultDirectory()
+{
+    if (const auto data = directoryFrom("XDG_DATA_HOME"); !data.empty())
+    {
+        return data / "cloudfs";
+    }
+    if (const auto home = directoryFrom("HOME"); !home.empty())
+    {
+        return home / ".local" / "share" / "cloudfs";
+    }
+    refuse("neither XDG_DATA_HOME nor HOME names a directory");
+}
+
+bool holdsCredentials(const std::string& url)
+{
+    const std::size_t begin = url.find("://");
+    return begin != std::string::npos &&
+           url.substr(begin + 3, url.find('/', begin + 3) - begin - 3).find('@') != std::string::npos;
+}
+
+} // namespace
+
+std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url)
+{
+    constexpr std::string_view local = "local:";
+    if (url.starts_with(local))
+    {
+        const std::string directory = url.substr(local.size());
+        return std::make_shared<LocalClient>(directory.empty() ? defaultDirectory() : std::filesystem::path(directory));
+    }
+    if (url == "memory:")
+    {
+        return std::make_shared<MemoryClient>();
+    }
+    if (holdsCredentials(url))
+    {
+        refuse("credentials do not belong into a store's URL");
+    }
+    if (url.starts_with("s3:"))
+    {
+        refuse("no S3 support in this build");
+    }
+    refuse("no such kind of store");
+}
+
+} // namespace storage::clients

@@ -1,0 +1,99 @@
+#include <storage/clients/stores/OpenStore.hpp>
+
+#include <storage/clients/local/LocalClient.hpp>
+#include <storage/clients/memory/MemoryClient.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+namespace storage::clients
+{
+
+namespace
+{
+
+using cloudprovider::InvalidLocationException;
+using testing::HasSubstr;
+
+/// Sets variables of the environment and gives a directory, both for one test.
+class OpenStoreTest : public testing::Test
+{
+protected:
+    OpenStoreTest()
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "open-store-XXXXXX").string();
+        directory = mkdtemp(name.data());
+        set("HOME", directory / "home");
+        set("XDG_DATA_HOME", "");
+    }
+    ~OpenStoreTest() override { std::filesystem::remove_all(directory); }
+
+    static void set(const char* variable, const std::filesystem::path& value) { setenv(variable, value.c_str(), 1); }
+
+    std::filesystem::path directory;
+};
+
+TEST_F(OpenStoreTest, OpensEachKindOfStore)
+{
+    EXPECT_NE(std::dynamic_pointer_cast<MemoryClient>(openStore("memory:")), nullptr);
+    EXPECT_NE(std::dynamic_pointer_cast<LocalClient>(openStore("local:" + (directory / "a@b").string())), nullptr);
+    EXPECT_TRUE(std::filesystem::exists(directory / "a@b"));
+}
+
+TEST_F(OpenStoreTest, FindsTheDefaultDirectory)
+{
+    openStore("local:");
+    EXPECT_TRUE(std::filesystem::exists(directory / "home/.local/share/cloudfs"));
+    set("XDG_DATA_HOME", "relative"); // to be ignored
+    openStore("local:");
+    EXPECT_FALSE(std::filesystem::exists("relative"));
+    set("XDG_DATA_HOME", directory / "data");
+    openStore("local:");
+    EXPECT_TRUE(std::filesystem::exists(directory / "data/cloudfs"));
+    set("XDG_DATA_HOME", "");
+    set("HOME", "");
+    EXPECT_THROW(openStore("local:"), InvalidLocationException);
+}
+
+struct Refusal
+{
+    const char* name;
+    const char* url;
+    const char* reason;
+};
+
+class RefusedStoreTest : public testing::TestWithParam<Refusal>
+{
+};
+
+TEST_P(RefusedStoreTest, SaysWhyAndWhatWouldDo)
+{
+    try
+    {
+        openStore(GetParam().url);
+        FAIL() << "opened";
+    }
+    catch (const InvalidLocationException& exception)
+    {
+        const std::string detail = exception.detail().value_or("");
+        EXPECT_THAT(detail, HasSubstr(GetParam().reason));
+        EXPECT_THAT(detail, HasSubstr("local:DIR"));
+        EXPECT_THAT(detail, Not(HasSubstr("secret")));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Urls, RefusedStoreTest,
+    testing::Values(Refusal{"empty", "", "no such kind"}, Refusal{"unknown", "ftp://host/x", "no such kind"},
+        Refusal{"memoryWithName", "memory:x", "no such kind"}, Refusal{"notBuilt", "s3://bucket", "no S3 support"},
+        Refusal{"credentials", "s3://user:secret@bucket/path", "credentials"}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+} // namespace
+
+} // namespace storage::clients
