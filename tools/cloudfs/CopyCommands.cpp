@@ -1,0 +1,85 @@
+#include "Commands.hpp"
+#include "Failure.hpp"
+
+#include <foundation/storage/provider/ReplacementPolicy.hpp>
+
+#include <memory>
+#include <string>
+
+namespace cloudfs
+{
+
+namespace
+{
+
+struct Options
+{
+    std::string source;
+    std::string destination;
+    bool force = false;
+
+    fsp::ReplacementPolicy policy() const
+    {
+        return force ? fsp::ReplacementPolicy::Replace : fsp::ReplacementPolicy::Fail;
+    }
+};
+
+struct Places
+{
+    StorePath source;
+    StorePath destination;
+};
+
+Places checkedPlaces(const Session& session, const Options& options)
+{
+    const StorePath source = StorePath::parse(options.source);
+    session.requireFile(source);
+    const StorePath destination = StorePath::parse(options.destination).resolveFile(source.name());
+    session.requireNoFileAbove(destination);
+    session.requireVacant(destination, options.force);
+    return {source, destination};
+}
+
+void copy(const Session& session, const Options& options)
+{
+    const auto [source, destination] = checkedPlaces(session, options);
+    if (source.iri() == destination.iri())
+    {
+        return; // replacing a file by itself changes nothing
+    }
+    session.at(destination,
+        [&, from = source.iri(), to = destination.iri()] { session.provider().copyFile(from, to, options.policy()); });
+    session.requireCommitted(destination);
+}
+
+void move(const Session& session, const Options& options)
+{
+    const auto [source, destination] = checkedPlaces(session, options);
+    session.at(destination,
+        [&, from = source.iri(), to = destination.iri()] { session.provider().moveFile(from, to, options.policy()); });
+    session.requireCommitted(destination);
+}
+
+CLI::App* addCommand(CLI::App& app, Options& options, const char* name, const char* description)
+{
+    auto* command = app.add_subcommand(name, description);
+    command->add_option("SRC", options.source, "An existing file")->required();
+    command->add_option("DST", options.destination, "Its new path; one that ends in \"/\" is a folder to put it into")
+        ->required();
+    command->add_flag("-f", options.force, "Replace an existing file");
+    return command;
+}
+
+} // namespace
+
+void addCopyCommands(CLI::App& app, Session& session)
+{
+    const auto copied = std::make_shared<Options>();
+    addCommand(app, *copied, "cp", "Copy a file within the store")
+        ->callback([&session, copied] { copy(session, *copied); });
+    const auto moved = std::make_shared<Options>();
+    addCommand(app, *moved, "mv", "Move a file within the store; a file moved onto itself stays as it is")
+        ->callback([&session, moved] { move(session, *moved); });
+}
+
+} // namespace cloudfs

@@ -1,0 +1,48 @@
+#include "Commands.hpp"
+#include "Transfer.hpp"
+
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <string>
+
+namespace cloudfs
+{
+
+namespace
+{
+
+void edit(
+    const Session& session, const std::string& argument, std::uint64_t offset, fsp::ByteStreamWritePosition position)
+{
+    const StorePath path = StorePath::parse(argument);
+    session.requireFile(path);
+    LocalSource source = LocalSource::standardInput();
+    Progress progress;
+    upload(session, path,
+        {fsp::ByteStreamReadAccess::None, fsp::ByteStreamCreate::MustExist, fsp::ByteStreamTruncate::Keep, position},
+        offset, source, progress);
+}
+
+} // namespace
+
+void addEditCommands(CLI::App& app, Session& session)
+{
+    const auto path = std::make_shared<std::string>();
+    const auto offset = std::make_shared<std::uint64_t>(0);
+    constexpr auto furthest = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+
+    auto* write = app.add_subcommand("write", "Write standard input over bytes of an existing file");
+    write->add_option("PATH", *path, "An existing file")->required();
+    write->add_option("--offset", *offset, "Bytes from the start of the file; a gap beyond its end reads as zeros")
+        ->required()
+        ->check(CLI::Range(std::uint64_t{0}, furthest));
+    write->callback(
+        [&session, path, offset] { edit(session, *path, *offset, fsp::ByteStreamWritePosition::AtOffset); });
+
+    auto* append = app.add_subcommand("append", "Write standard input at the end of an existing file");
+    append->add_option("PATH", *path, "An existing file")->required();
+    append->callback([&session, path] { edit(session, *path, 0, fsp::ByteStreamWritePosition::Append); });
+}
+
+} // namespace cloudfs

@@ -1,0 +1,109 @@
+#include "Failure.hpp"
+
+#include "Text.hpp"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace cloudfs
+{
+
+using namespace storage::cloudprovider;
+
+namespace
+{
+
+fsp::ErrorCode codeOfSystemError(int error)
+{
+    switch (error)
+    {
+    case ENOENT:
+    case ENOTDIR:
+        return fsp::ErrorCode::NotFound;
+    case EEXIST:
+        return fsp::ErrorCode::AlreadyExists;
+    case EACCES:
+    case EPERM:
+    case EROFS:
+        return fsp::ErrorCode::PermissionDenied;
+    case EISDIR:
+    case ELOOP:
+    case ENAMETOOLONG:
+        return fsp::ErrorCode::InvalidLocation;
+    default:
+        return fsp::ErrorCode::Unknown;
+    }
+}
+
+fsp::ErrorCode codeOfStoreFailure(const CloudException& exception)
+{
+    if (dynamic_cast<const InvalidLocationException*>(&exception) != nullptr)
+    {
+        return fsp::ErrorCode::InvalidLocation;
+    }
+    if (dynamic_cast<const PermissionDeniedException*>(&exception) != nullptr ||
+        dynamic_cast<const InvalidCredentialsException*>(&exception) != nullptr)
+    {
+        return fsp::ErrorCode::PermissionDenied;
+    }
+    if (dynamic_cast<const ResourceNotFoundException*>(&exception) != nullptr)
+    {
+        return fsp::ErrorCode::NotFound;
+    }
+    return fsp::ErrorCode::Unknown;
+}
+
+} // namespace
+
+Failure::Failure(const std::string& path, const std::string& reason, const fsp::ErrorCode& code)
+    : std::runtime_error(text::printable(fmt::format("{}: {} (code {} {})", path, reason, code.value(), code.name())))
+    , m_code(code)
+{
+}
+
+Failure Failure::ofSystem(const std::string& path, int error)
+{
+    return {path, std::generic_category().message(error), codeOfSystemError(error)};
+}
+
+Failure Failure::ofStore(const std::string& path, const CloudException& exception)
+{
+    return {path, exception.detail().value_or(exception.what()), codeOfStoreFailure(exception)};
+}
+
+std::string defaultReason(const fsp::ErrorCode& code)
+{
+    if (code == fsp::ErrorCode::FolderNotEmpty)
+    {
+        return "the folder is not empty";
+    }
+    if (code == fsp::ErrorCode::InvalidLocation)
+    {
+        return "no valid name";
+    }
+    if (code == fsp::ErrorCode::PermissionDenied)
+    {
+        return "permission denied";
+    }
+    if (code == fsp::ErrorCode::AlreadyExists)
+    {
+        return "exists already";
+    }
+    if (code == fsp::ErrorCode::NotFound)
+    {
+        return "no such file or folder";
+    }
+    if (code == fsp::ErrorCode::InUse)
+    {
+        return "is open";
+    }
+    if (code == fsp::ErrorCode::Unsupported)
+    {
+        return "this store cannot do that";
+    }
+    return "the store failed without a reason; -v shows its records";
+}
+
+} // namespace cloudfs

@@ -1,0 +1,93 @@
+#include "Interrupt.hpp"
+
+#include <storage/clients/decorators/CancellableClient.hpp>
+
+#include <foundation/interrupt/utInterruptState.hpp>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <poll.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace cloudfs::interrupt
+{
+
+namespace
+{
+
+std::atomic<int> caughtSignal{0};
+static_assert(std::atomic<int>::is_always_lock_free, "a signal handler sets it");
+
+// One byte is written by the handler and never read, so that every later poll() returns at once: a signal that comes
+// between a check and the wait is not lost.
+std::array<int, 2> wakeUp{-1, -1};
+
+extern "C" void onSignal(int signal)
+{
+    const int savedError = errno;
+    caughtSignal = signal;
+    utInterruptState::RequestInterrupt();
+    storage::clients::CancellableClient::cancelAll();
+    [[maybe_unused]] const auto written = ::write(wakeUp[1], "", 1);
+    errno = savedError;
+}
+
+} // namespace
+
+void install()
+{
+    if (::pipe2(wakeUp.data(), O_CLOEXEC | O_NONBLOCK) != 0)
+    {
+        throw std::system_error(errno, std::generic_category(), "pipe");
+    }
+    struct sigaction action = {};
+    action.sa_handler = onSignal;
+    action.sa_flags = static_cast<int>(SA_RESETHAND); // no SA_RESTART: a blocking call is to return
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
+    std::signal(SIGPIPE, SIG_IGN); // dying of it would leave temporary files behind
+}
+
+void blockSignalsInThisThread()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+bool isPending() noexcept
+{
+    return caughtSignal != 0;
+}
+
+void throwIfPending()
+{
+    if (isPending())
+    {
+        throw Interrupted();
+    }
+}
+
+int exitStatus() noexcept
+{
+    return 128 + caughtSignal;
+}
+
+void waitUntilReady(int descriptor, short events)
+{
+    std::array<pollfd, 2> watched{pollfd{descriptor, events, 0}, pollfd{wakeUp[0], POLLIN, 0}};
+    do
+    {
+        throwIfPending();
+        // A descriptor that cannot be polled is reported as ready, and the read or write says what is wrong with it.
+    } while (::poll(watched.data(), watched.size(), -1) < 0 && errno == EINTR);
+    throwIfPending();
+}
+
+} // namespace cloudfs::interrupt

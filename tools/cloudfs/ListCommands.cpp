@@ -1,0 +1,134 @@
+#include "Commands.hpp"
+#include "Failure.hpp"
+#include "Interrupt.hpp"
+#include "StandardOutput.hpp"
+#include "Text.hpp"
+
+#include <storage/clients/common/CallCounters.hpp>
+
+#include <fl/i18n.hpp>
+
+#include <fmt/format.h>
+
+#include <memory>
+#include <string>
+
+namespace cloudfs
+{
+
+namespace
+{
+
+struct ListOptions
+{
+    std::string path = "/";
+    bool details = false;
+    bool recursive = false;
+    bool filesOnly = false;
+    bool foldersOnly = false;
+};
+
+std::string entryLine(const std::string& name, const fsp::FolderEntry& entry, bool details)
+{
+    const std::string shown =
+        (StandardOutput::isTerminal() ? text::printable(name) : name) + (entry.isFolder() ? "/" : "");
+    if (!details)
+    {
+        return shown;
+    }
+    const auto size = entry.isFolder() ? std::nullopt : entry.fileAttributes().size();
+    const auto& time =
+        entry.isFolder() ? entry.folderAttributes().lastModified() : entry.fileAttributes().lastModified();
+    return fmt::format(
+        "{:>10}  {}  {}", size ? storage::clients::formatBytes(*size) : "-", text::shortTime(time), shown);
+}
+
+fsp::FolderEntryIteratorPtr openListing(const Session& session, const StorePath& path, const ListOptions& options)
+{
+    const fsp::IProvider& provider = session.provider();
+    if (options.recursive)
+    {
+        return provider.listAllRecursive(path.iri());
+    }
+    if (options.filesOnly)
+    {
+        return provider.listFiles(path.iri());
+    }
+    return options.foldersOnly ? provider.listFolders(path.iri()) : provider.listAll(path.iri());
+}
+
+void list(const Session& session, const ListOptions& options)
+{
+    const StorePath path = StorePath::parse(options.path);
+    StandardOutput output;
+    if (!path.namesFolder() && session.at(path, [&] { return session.provider().fileExists(path.iri()); }))
+    {
+        const auto attributes = session.at(path, [&] { return session.provider().getFileAttributes(path.iri()); });
+        if (!options.foldersOnly)
+        {
+            output.line(entryLine(path.name(), fsp::FolderEntry(u"", attributes), options.details));
+        }
+        output.flush();
+        return;
+    }
+    session.at(path,
+        [&]
+        {
+            const auto entries = openListing(session, path, options);
+            while (entries->hasNext())
+            {
+                interrupt::throwIfPending();
+                entries->next();
+                const fsp::FolderEntry entry = entries->getCurrent();
+                if (entry.isFolder() ? !options.filesOnly : !options.foldersOnly)
+                {
+                    output.line(entryLine(fl::i18n::ustring_to_utf8(entry.name()), entry, options.details));
+                }
+            }
+        });
+    output.flush();
+}
+
+void describe(const Session& session, const std::string& argument)
+{
+    const StorePath path = StorePath::parse(argument);
+    StandardOutput output;
+    output.line("Path:     " + (StandardOutput::isTerminal() ? text::printable(path.text()) : path.text()));
+    if (!path.namesFolder() && session.at(path, [&] { return session.provider().fileExists(path.iri()); }))
+    {
+        const auto file = session.at(path, [&] { return session.provider().getFileAttributes(path.iri()); });
+        const auto size = file.size().value_or(0);
+        output.line("Kind:     file");
+        output.line(fmt::format(
+            "Size:     {} bytes{}", size, size < 1024 ? "" : " (" + storage::clients::formatBytes(size) + ")"));
+        output.line("Modified: " + text::fullTime(file.lastModified()));
+    }
+    else
+    {
+        const auto folder = session.at(path, [&] { return session.provider().getFolderAttributes(path.iri()); });
+        output.line("Kind:     folder");
+        output.line("Modified: " + text::fullTime(folder.lastModified()));
+    }
+    output.flush();
+}
+
+} // namespace
+
+void addListCommands(CLI::App& app, Session& session)
+{
+    const auto options = std::make_shared<ListOptions>();
+    auto* ls = app.add_subcommand("ls", "List a folder; folders end in \"/\"");
+    ls->add_option("PATH", options->path, "A folder, or one file")->capture_default_str();
+    ls->add_flag("-l", options->details, "With size and time of change");
+    ls->add_flag("-R", options->recursive, "With everything below it");
+    auto* files = ls->add_flag("--files", options->filesOnly, "Files only");
+    ls->add_flag("--folders", options->foldersOnly, "Folders only")->excludes(files);
+    ls->callback([&session, options] { list(session, *options); });
+
+    const auto described = std::make_shared<std::string>();
+    auto* stat = app.add_subcommand("stat", "Describe a file or a folder");
+    stat->add_option("PATH", *described, "What to describe")->required();
+    stat->callback([&session, described] { describe(session, *described); });
+}
+
+} // namespace cloudfs

@@ -1,0 +1,111 @@
+#include "LocalSource.hpp"
+
+#include "Failure.hpp"
+#include "Interrupt.hpp"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace cloudfs
+{
+
+namespace
+{
+
+int openForReading(const std::string& path)
+{
+    while (true)
+    {
+        const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+        if (descriptor >= 0)
+        {
+            return descriptor;
+        }
+        if (errno != EINTR)
+        {
+            throw Failure::ofSystem(path, errno);
+        }
+        interrupt::throwIfPending();
+    }
+}
+
+struct stat statusOf(int descriptor, const std::string& path)
+{
+    struct stat status = {};
+    if (::fstat(descriptor, &status) != 0)
+    {
+        throw Failure::ofSystem(path, errno);
+    }
+    return status;
+}
+
+} // namespace
+
+LocalSource::LocalSource(const std::string& path)
+    : m_path(path)
+    , m_descriptor(openForReading(path))
+{
+    const struct stat status = statusOf(m_descriptor, m_path);
+    if (S_ISDIR(status.st_mode))
+    {
+        ::close(m_descriptor);
+        throw Failure(m_path, "is a folder; -r puts a whole tree", fsp::ErrorCode::InvalidLocation);
+    }
+    if (S_ISREG(status.st_mode))
+    {
+        m_size = static_cast<std::uint64_t>(status.st_size);
+        ::posix_fadvise(m_descriptor, 0, 0, POSIX_FADV_SEQUENTIAL); // a hint: whether it is taken does not matter
+    }
+}
+
+LocalSource::LocalSource()
+    : m_path("standard input")
+    , m_descriptor(STDIN_FILENO)
+{
+}
+
+LocalSource::~LocalSource()
+{
+    if (m_descriptor != STDIN_FILENO)
+    {
+        ::close(m_descriptor);
+    }
+}
+
+std::size_t LocalSource::read(char* buffer, std::size_t size)
+{
+    while (true)
+    {
+        interrupt::waitUntilReady(m_descriptor, POLLIN);
+        const ssize_t count = ::read(m_descriptor, buffer, size);
+        if (count > 0)
+        {
+            m_read += static_cast<std::uint64_t>(count);
+            return static_cast<std::size_t>(count);
+        }
+        if (count == 0)
+        {
+            requireUncut();
+            return 0;
+        }
+        if (errno != EINTR && errno != EAGAIN)
+        {
+            throw Failure::ofSystem(m_path, errno);
+        }
+    }
+}
+
+void LocalSource::requireUncut() const
+{
+    // Some files of the system claim a size that they never had, and go on claiming it; those are whole.
+    if (m_size && m_read < *m_size && static_cast<std::uint64_t>(statusOf(m_descriptor, m_path).st_size) < *m_size)
+    {
+        throw Failure(m_path, "became shorter while it was read", fsp::ErrorCode::Unknown);
+    }
+}
+
+} // namespace cloudfs

@@ -1,0 +1,146 @@
+#include "LocalTarget.hpp"
+
+#include "Failure.hpp"
+#include "Interrupt.hpp"
+
+#include <fmt/format.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <memory>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace cloudfs
+{
+
+namespace
+{
+
+/// Where a path leads after all its symbolic links; the path itself while there is nothing.
+std::string followed(const std::string& path)
+{
+    const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr), &std::free);
+    return real ? std::string(real.get()) : path;
+}
+
+} // namespace
+
+LocalTarget::LocalTarget(const std::string& path, bool replace)
+    : m_name(path)
+    , m_replace(replace)
+    , m_path(followed(path))
+{
+    struct stat status = {};
+    if (::stat(m_path.c_str(), &status) != 0)
+    {
+        if (errno != ENOENT)
+        {
+            throw Failure::ofSystem(m_name, errno);
+        }
+        createTemporary();
+    }
+    else if (S_ISDIR(status.st_mode))
+    {
+        throw Failure(m_name, "is a folder", fsp::ErrorCode::AlreadyExists);
+    }
+    else if (!S_ISREG(status.st_mode))
+    {
+        m_descriptor = ::open(m_path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
+    }
+    else if (!m_replace)
+    {
+        throw Failure(m_name, "exists already; -f replaces it", fsp::ErrorCode::AlreadyExists);
+    }
+    else
+    {
+        createTemporary();
+    }
+    if (m_descriptor < 0)
+    {
+        throw Failure::ofSystem(m_name, errno);
+    }
+}
+
+void LocalTarget::createTemporary()
+{
+    // In the same folder, so that the last step is a rename.
+    static std::atomic<unsigned> counter{0};
+    const std::string folder = m_path.substr(0, m_path.rfind('/') + 1);
+    do
+    {
+        m_temporary = fmt::format("{}.cloudfs-{}-{}", folder, ::getpid(), counter++);
+        m_descriptor = ::open(m_temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    } while (m_descriptor < 0 && errno == EEXIST);
+    if (m_descriptor < 0)
+    {
+        m_temporary.clear();
+    }
+}
+
+LocalTarget::~LocalTarget()
+{
+    if (m_descriptor >= 0)
+    {
+        ::close(m_descriptor);
+    }
+    if (!m_temporary.empty() && ::unlink(m_temporary.c_str()) != 0)
+    {
+        fmt::print(stderr, "cloudfs: {}\n", Failure::ofSystem(m_temporary, errno).what());
+    }
+}
+
+void LocalTarget::write(const char* data, std::size_t size)
+{
+    while (size > 0)
+    {
+        interrupt::waitUntilReady(m_descriptor, POLLOUT);
+        const ssize_t written = ::write(m_descriptor, data, size);
+        if (written < 0)
+        {
+            if (errno == EINTR || errno == EAGAIN)
+            {
+                continue;
+            }
+            throw Failure::ofSystem(m_name, errno);
+        }
+        data += written;
+        size -= static_cast<std::size_t>(written);
+    }
+}
+
+void LocalTarget::commit()
+{
+    const int descriptor = m_descriptor;
+    m_descriptor = -1;
+    if (::close(descriptor) != 0) // some file systems say only now that the disk is full
+    {
+        throw Failure::ofSystem(m_name, errno);
+    }
+    if (m_temporary.empty())
+    {
+        return;
+    }
+    const char* from = m_temporary.c_str();
+    const char* to = m_path.c_str();
+    const unsigned flags = m_replace ? 0U : static_cast<unsigned>(RENAME_NOREPLACE);
+    int failed = ::renameat2(AT_FDCWD, from, AT_FDCWD, to, flags);
+    if (failed != 0 && errno == EINVAL)
+    {
+        // A file system that cannot refuse while it renames: ask first, which is the best it offers.
+        errno = EEXIST;
+        failed = ::access(to, F_OK) == 0 ? -1 : std::rename(from, to);
+    }
+    if (failed != 0)
+    {
+        throw Failure::ofSystem(m_name, errno);
+    }
+    m_temporary.clear();
+}
+
+} // namespace cloudfs

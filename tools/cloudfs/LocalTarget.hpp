@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace cloudfs
+{
+
+/// Writes a local file that appears whole or not at all: under a temporary name beside it until commit(). What exists
+/// and is no regular file, such as a device or a pipe, is written directly. One thread at a time.
+class LocalTarget
+{
+public:
+    /// @param path     a symbolic link stands for the file that it leads to
+    /// @param replace  an existing file is replaced; otherwise it is refused, both now and at the commit
+    /// @throws Failure
+    LocalTarget(const std::string& path, bool replace);
+
+    LocalTarget(const LocalTarget&) = delete;
+    LocalTarget& operator=(const LocalTarget&) = delete;
+
+    /// Remove what was written, unless it was committed.
+    ~LocalTarget();
+
+    /// @throws Failure; interrupt::Interrupted
+    void write(const char* data, std::size_t size);
+
+    /// Put the file in its place.
+    ///
+    /// @throws Failure; the file that stood there stands there still
+    void commit();
+
+private:
+    void createTemporary();
+
+    const std::string m_name; // as the user knows it, for messages
+    const bool m_replace;
+    std::string m_path;      // where the file is to stand
+    std::string m_temporary; // empty: written directly, or committed
+    int m_descriptor = -1;
+};
+
+} // namespace cloudfs

@@ -1,0 +1,92 @@
+#include "LocalTree.hpp"
+
+#include "Failure.hpp"
+#include "Interrupt.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <sys/stat.h>
+#include <system_error>
+#include <vector>
+
+namespace cloudfs
+{
+
+namespace
+{
+
+std::vector<std::string> sortedNames(const std::string& folder, LocalTreeVisitor& visitor)
+{
+    std::vector<std::string> names;
+    std::error_code error;
+    std::filesystem::directory_iterator entry(folder, error);
+    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error))
+    {
+        names.push_back(entry->path().filename().native());
+    }
+    if (error)
+    {
+        visitor.leaveOut(Failure::ofSystem(folder, error.value()));
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+void visit(const std::string& folder, const std::string& prefix, LocalTreeVisitor& visitor)
+{
+    for (const std::string& entry : sortedNames(folder, visitor))
+    {
+        interrupt::throwIfPending();
+        const std::string local = folder + "/" + entry;
+        const std::string name = prefix + entry;
+        struct stat link = {};
+        struct stat status = {};
+        if (::lstat(local.c_str(), &link) != 0 || ::stat(local.c_str(), &status) != 0)
+        {
+            visitor.leaveOut(Failure::ofSystem(local, errno)); // unreadable, or a link that leads nowhere
+        }
+        else if (S_ISREG(status.st_mode))
+        {
+            visitor.visitFile(local, name, static_cast<std::uint64_t>(status.st_size));
+        }
+        else if (S_ISDIR(link.st_mode))
+        {
+            if (visitor.enterFolder(local, name))
+            {
+                visit(local, name + "/", visitor);
+            }
+        }
+        else
+        {
+            const char* reason = S_ISDIR(status.st_mode) ? "left out: a symbolic link to a folder"
+                                                         : "left out: neither a file nor a folder";
+            visitor.leaveOut({local, reason, fsp::ErrorCode::Unsupported});
+        }
+    }
+}
+
+} // namespace
+
+void walkLocalTree(const std::string& folder, LocalTreeVisitor& visitor)
+{
+    visit(folder, "", visitor);
+}
+
+bool isLocalFolder(const std::string& path)
+{
+    struct stat status = {};
+    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+std::string lastName(std::string path)
+{
+    while (path.ends_with('/'))
+    {
+        path.pop_back();
+    }
+    std::string name = path.substr(path.rfind('/') + 1);
+    return name == "." || name == ".." ? std::string() : name;
+}
+
+} // namespace cloudfs

@@ -1,0 +1,97 @@
+#include "Progress.hpp"
+
+#include <storage/clients/common/CallCounters.hpp>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdio>
+#include <unistd.h>
+
+namespace cloudfs
+{
+
+using storage::clients::formatBytes;
+
+namespace
+{
+
+constexpr auto delay = std::chrono::milliseconds(500);    // what is over by then needs no bar
+constexpr auto interval = std::chrono::milliseconds(100); // faster than this nobody reads
+
+} // namespace
+
+Progress::Progress(bool wanted)
+    : m_enabled(wanted && ::isatty(STDERR_FILENO) == 1 && ::isatty(STDOUT_FILENO) == 1)
+    , m_nextPaint(m_begin + delay)
+{
+}
+
+Progress::~Progress()
+{
+    erase();
+}
+
+void Progress::expect(std::uint64_t bytes)
+{
+    const std::lock_guard lock(m_mutex);
+    m_expected += bytes;
+}
+
+void Progress::completeExpectation()
+{
+    const std::lock_guard lock(m_mutex);
+    m_expectedAll = true;
+}
+
+void Progress::advance(std::uint64_t bytes)
+{
+    const std::lock_guard lock(m_mutex);
+    m_done += bytes;
+    const auto now = Clock::now();
+    if (m_enabled && now >= m_nextPaint)
+    {
+        m_nextPaint = now + interval;
+        paint(now);
+    }
+}
+
+void Progress::report(const std::string& text)
+{
+    const std::lock_guard lock(m_mutex);
+    erase();
+    fmt::print(stderr, "cloudfs: {}\n", text);
+}
+
+void Progress::paint(Clock::time_point now)
+{
+    const double seconds = std::chrono::duration<double>(now - m_begin).count();
+    const double rate = static_cast<double>(m_done) / seconds;
+    std::string bar;
+    if (m_expectedAll && m_expected > 0)
+    {
+        constexpr std::size_t width = 24;
+        const double share = std::min(1.0, static_cast<double>(m_done) / static_cast<double>(m_expected));
+        const auto filled = static_cast<std::size_t>(share * width);
+        const double left = rate > 0 ? static_cast<double>(m_expected) * (1 - share) / rate : 0;
+        const auto wait = static_cast<unsigned long>(left + 0.5);
+        bar = fmt::format("[{:#<{}}{:.<{}}] {:3.0f}%  {}:{:02} left  ", "", filled, "", width - filled, share * 100,
+            wait / 60, wait % 60);
+    }
+    fmt::print(stderr, "\r{}{}  {}/s\x1b[K", bar, formatBytes(m_done), formatBytes(static_cast<std::uint64_t>(rate)));
+    std::fflush(stderr);
+    m_painted = true;
+}
+
+void Progress::erase()
+{
+    if (m_painted)
+    {
+        fmt::print(stderr, "\r\x1b[K");
+        std::fflush(stderr);
+        m_painted = false;
+    }
+}
+
+} // namespace cloudfs

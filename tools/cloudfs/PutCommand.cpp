@@ -1,0 +1,157 @@
+#include "Batch.hpp"
+#include "Commands.hpp"
+#include "Failure.hpp"
+#include "LocalSource.hpp"
+#include "LocalTree.hpp"
+#include "Transfer.hpp"
+
+#include <memory>
+#include <string>
+
+namespace cloudfs
+{
+
+namespace
+{
+
+struct Options
+{
+    std::string local;
+    std::string path;
+    bool recursive = false;
+    bool force = false;
+    unsigned jobs = 1;
+};
+
+void putFile(const Session& session, const Options& options, LocalSource& source, const StorePath& path)
+{
+    session.requireNoFileAbove(path);
+    session.requireVacant(path, options.force);
+    Progress progress;
+    progress.expect(source.size().value_or(0));
+    progress.completeExpectation();
+    upload(session, path, wholeFile, 0, source, progress);
+}
+
+/// Puts a folder of the machine with everything in it. Folders are created by the walking thread, in front of the files
+/// in them, which go to the batch.
+class TreePut : public LocalTreeVisitor
+{
+public:
+    TreePut(const Session& session, const Options& options, const StorePath& target)
+        : m_session(session)
+        , m_options(options)
+        , m_target(target)
+        , m_batch(options.jobs, m_progress)
+    {
+    }
+
+    bool run()
+    {
+        m_session.requireNoFileAbove(m_target);
+        makeFolder(m_target);
+        walkLocalTree(m_options.local, *this);
+        m_progress.completeExpectation();
+        return m_batch.finish();
+    }
+
+private:
+    bool enterFolder(const std::string&, const std::string& name) override
+    {
+        return m_batch.attempt([&] { makeFolder(m_target.child(name)); });
+    }
+
+    void visitFile(const std::string& local, const std::string& name, std::uint64_t size) override
+    {
+        m_progress.expect(size);
+        m_batch.submit(
+            [this, local, name]
+            {
+                const StorePath path = m_target.child(name);
+                m_session.requireVacant(path, m_options.force);
+                LocalSource source(local);
+                upload(m_session, path, wholeFile, 0, source, m_progress);
+            });
+    }
+
+    void leaveOut(const Failure& reason) override { m_batch.reportFailure(reason.what()); }
+
+    void makeFolder(const StorePath& path) const
+    {
+        const fsp::IProvider& provider = m_session.provider();
+        if (m_session.at(path, [&] { return provider.fileExists(path.iri()); }))
+        {
+            throw Failure(path.text(), "is a file, not a folder", fsp::ErrorCode::AlreadyExists);
+        }
+        if (m_session.folderPolicy == storage::cloudprovider::FolderPolicy::MarkerObjects)
+        {
+            m_session.at(path, [&] { provider.createFolderRecursive(path.iri()); });
+        }
+    }
+
+    const Session& m_session;
+    const Options& m_options;
+    const StorePath m_target;
+    Progress m_progress;
+    Batch m_batch; // last: its tasks use the members above
+};
+
+void put(Session& session, const Options& options)
+{
+    StorePath path = StorePath::parse(options.path);
+    const std::string name = lastName(options.local);
+    if (options.local == "-")
+    {
+        if (path.namesFolder())
+        {
+            throw Failure(path.text(), "names a folder; standard input needs the name of a file",
+                fsp::ErrorCode::InvalidLocation);
+        }
+        LocalSource source = LocalSource::standardInput();
+        putFile(session, options, source, path);
+    }
+    else if (options.recursive && isLocalFolder(options.local))
+    {
+        // A tree such as "." has no name to keep: its contents go into the folder itself.
+        if (!TreePut(session, options, name.empty() ? path : path.resolveFile(name)).run())
+        {
+            session.noteFailure();
+        }
+    }
+    else
+    {
+        LocalSource source(options.local);
+        putFile(session, options, source, path.resolveFile(name));
+    }
+}
+
+} // namespace
+
+void addPutCommand(CLI::App& app, Session& session)
+{
+    const auto options = std::make_shared<Options>();
+    auto* command = app.add_subcommand("put", "Copy a file or a tree of this machine into the store");
+    command->footer(
+        "A PATH that ends in \"/\" is a folder in which LOCAL keeps its name; any other PATH is the new name.\n"
+        "A file may be put into a folder that does not exist. With -r missing folders are created, symbolic\n"
+        "links to files are followed, and what cannot be stored (links to folders, devices, names that are\n"
+        "not UTF-8 or end in a dot) is reported and left out.");
+    command->add_option("LOCAL", options->local, "A file, a folder with -r, or - for standard input")->required();
+    command->add_option("PATH", options->path, "Where it goes")->required();
+    auto* recursive = command->add_flag("-r", options->recursive, "Copy a folder with everything in it");
+    command->add_option("-j", options->jobs, "Files in flight at a time, with -r")
+        ->check(CLI::Range(1, 64))
+        ->capture_default_str();
+    command->add_flag("-f", options->force, "Replace existing files");
+    command->callback(
+        [&session, options, recursive]
+        {
+            if (options->local == "-" && options->recursive)
+            {
+                throw CLI::ValidationError(recursive->get_name(), "standard input is not a tree");
+            }
+            put(session, *options);
+        });
+}
+
+} // namespace cloudfs

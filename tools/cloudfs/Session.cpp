@@ -1,0 +1,158 @@
+#include "Session.hpp"
+
+#include "Diagnostics.hpp"
+#include "Failure.hpp"
+#include "Interrupt.hpp"
+#include "StandardOutput.hpp"
+
+#include <storage/clients/common/CallCounters.hpp>
+#include <storage/clients/stores/OpenStore.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+#include <storage/cloudprovider/utils.hpp>
+
+#include <fl/i18n.hpp>
+
+#include <foundation/storage/provider/ByteStreamFailure.hpp>
+#include <foundation/storage/provider/Exception.hpp>
+
+#include <exception>
+#include <iostream>
+
+namespace cloudfs
+{
+
+using storage::cloudprovider::CloudException;
+
+void Session::open()
+{
+    diagnostics::install(verbose);
+    try
+    {
+        m_store = storage::clients::openStore(storeUrl);
+    }
+    catch (const CloudException& exception)
+    {
+        // A URL that may hold a password is not repeated, since the line may end up in a log.
+        throw Failure::ofStore(storeUrl.find('@') == std::string::npos ? storeUrl : "--store", exception);
+    }
+    // What is cancelled is no failure of the store, so the recorder stands behind.
+    m_recorder = std::make_shared<storage::clients::FailureRecordingClient>(m_store);
+    m_client = std::make_shared<storage::clients::CancellableClient>(m_recorder);
+    m_provider = storage::cloudprovider::buildCloudProvider(m_client, folderPolicy, true);
+}
+
+void Session::rethrowAsFailure(const StorePath& path) const
+{
+    try
+    {
+        throw;
+    }
+    catch (const fsp::Exception& exception)
+    {
+        // It names the path itself: of a copy, for example, the one of the two that is concerned.
+        const std::string concerned = fl::i18n::ustring_to_utf8(exception.iri().getPath());
+        throw Failure(concerned, reasonFor(concerned, exception.errorCode()), exception.errorCode());
+    }
+    catch (const fsp::ByteStreamFailure& exception)
+    {
+        throw Failure(path.text(), reasonFor(path.text(), exception.reason()), exception.reason());
+    }
+    // Everything else says by itself what it concerns.
+}
+
+std::string Session::reasonFor(const std::string& path, const fsp::ErrorCode& code) const
+{
+    const auto caught = diagnostics::takeCaughtReason();
+    if (code.detail())
+    {
+        return *code.detail();
+    }
+    if (!(code == fsp::ErrorCode::Unknown))
+    {
+        return defaultReason(code);
+    }
+    const std::string key = path.substr(1);
+    for (const std::string& recorded : {key, storage::cloudprovider::utils::ensureTrailingSlash(key)})
+    {
+        try
+        {
+            if (const auto failure = m_recorder->takeFailure(recorded))
+            {
+                std::rethrow_exception(failure);
+            }
+        }
+        catch (const CloudException& exception)
+        {
+            return exception.detail().value_or(exception.what());
+        }
+        catch (const std::exception& exception)
+        {
+            return exception.what();
+        }
+    }
+    return caught.value_or(defaultReason(code));
+}
+
+void Session::requireCommitted(const StorePath& path) const
+{
+    try
+    {
+        if (const auto failure = m_recorder->takeFailure(path.key()))
+        {
+            std::rethrow_exception(failure);
+        }
+    }
+    catch (const CloudException& exception)
+    {
+        throw Failure::ofStore(path.text(), exception);
+    }
+}
+
+void Session::requireFile(const StorePath& path) const
+{
+    const bool isFile = !path.namesFolder() && at(path, [&] { return provider().fileExists(path.iri()); });
+    if (isFile)
+    {
+        return;
+    }
+    if (at(path, [&] { return provider().folderExists(path.iri()); }))
+    {
+        throw Failure(path.text(), "is a folder", fsp::ErrorCode::InvalidLocation);
+    }
+    throw Failure(path.text(), path.namesFolder() ? "no such folder" : "no such file", fsp::ErrorCode::NotFound);
+}
+
+void Session::requireVacant(const StorePath& path, bool replace) const
+{
+    if (at(path, [&] { return provider().folderExists(path.iri()); }))
+    {
+        throw Failure(path.text(), "is a folder", fsp::ErrorCode::AlreadyExists);
+    }
+    if (!replace && at(path, [&] { return provider().fileExists(path.iri()); }))
+    {
+        throw Failure(path.text(), "exists already; -f replaces it", fsp::ErrorCode::AlreadyExists);
+    }
+}
+
+void Session::requireNoFileAbove(const StorePath& path) const
+{
+    for (StorePath place = path; !place.isRoot();)
+    {
+        place = place.parent();
+        if (!place.isRoot() && at(place, [&] { return provider().fileExists(place.iri()); }))
+        {
+            throw Failure(place.text(), "is a file, not a folder", fsp::ErrorCode::AlreadyExists);
+        }
+    }
+}
+
+void Session::printCounters() const
+{
+    const auto* counters = dynamic_cast<const storage::clients::StoreCounters*>(m_store.get());
+    if (verbose && counters != nullptr)
+    {
+        std::cerr << "cloudfs: store calls: " << counters->callSnapshot() << std::endl;
+    }
+}
+
+} // namespace cloudfs

@@ -1,0 +1,65 @@
+#include "StandardOutput.hpp"
+
+#include "Failure.hpp"
+#include "Interrupt.hpp"
+
+#include <cerrno>
+#include <poll.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace cloudfs
+{
+
+void StandardOutput::write(const char* data, std::size_t size)
+{
+    flush();
+    while (size > 0)
+    {
+        interrupt::waitUntilReady(STDOUT_FILENO, POLLOUT);
+        const ssize_t written = ::write(STDOUT_FILENO, data, size);
+        if (written < 0)
+        {
+            if (errno == EINTR || errno == EAGAIN)
+            {
+                continue;
+            }
+            if (errno == EPIPE)
+            {
+                throw ReaderGone();
+            }
+            throw Failure::ofSystem("standard output", errno);
+        }
+        data += written;
+        size -= static_cast<std::size_t>(written);
+    }
+}
+
+void StandardOutput::line(std::string_view text)
+{
+    constexpr std::size_t enough = 64 * 1024; // a system call per line would cost more than the listing
+    m_pending += text;
+    m_pending += '\n';
+    if (m_pending.size() >= enough || isTerminal())
+    {
+        flush();
+    }
+}
+
+void StandardOutput::flush()
+{
+    std::string pending;
+    pending.swap(m_pending);
+    if (!pending.empty())
+    {
+        write(pending.data(), pending.size());
+    }
+}
+
+bool StandardOutput::isTerminal()
+{
+    static const bool answer = ::isatty(STDOUT_FILENO) == 1;
+    return answer;
+}
+
+} // namespace cloudfs

@@ -1,0 +1,95 @@
+#include "Transfer.hpp"
+
+#include "Failure.hpp"
+#include "Interrupt.hpp"
+
+#include <foundation/storage/provider/ByteStream.hpp>
+
+#include <fmt/format.h>
+
+#include <ios>
+#include <memory>
+
+namespace cloudfs
+{
+
+namespace
+{
+
+constexpr std::size_t blockSize = 1024 * 1024; // large enough that the calls per block do not count
+
+void writeAll(fsp::ByteStream& stream, const StorePath& path, const char* data, std::size_t size)
+{
+    while (size > 0)
+    {
+        const std::streamsize written = stream.write(data, static_cast<std::streamsize>(size));
+        if (written <= 0)
+        {
+            throw Failure(path.text(), "the file takes no more bytes", fsp::ErrorCode::Unknown);
+        }
+        data += written;
+        size -= static_cast<std::size_t>(written);
+    }
+}
+
+} // namespace
+
+void upload(const Session& session, const StorePath& path, const fsp::ByteStreamOpenOptions& options,
+    std::uint64_t offset, LocalSource& source, Progress& progress)
+{
+    auto stream = session.at(path, [&] { return session.provider().openStream(path.iri(), options); });
+    try
+    {
+        session.at(path,
+            [&]
+            {
+                stream->seek(static_cast<fsp::stream_offset>(offset), std::ios_base::beg);
+                const auto block = std::make_unique_for_overwrite<char[]>(blockSize);
+                while (const std::size_t size = source.read(block.get(), blockSize))
+                {
+                    writeAll(*stream, path, block.get(), size);
+                    progress.advance(size);
+                }
+            });
+        interrupt::throwIfPending();
+    }
+    catch (...)
+    {
+        // A stream can only be closed, and closing commits: forbid that first.
+        const auto forbidden = session.client().cancel(path.key());
+        stream.reset();
+        throw;
+    }
+    session.at(path, [&] { stream->close(); });
+    session.requireCommitted(path);
+}
+
+void download(const Session& session, const StorePath& path, const Sink& sink, Progress& progress)
+{
+    session.at(path,
+        [&]
+        {
+            const auto stream = session.provider().openReadOnlyStream(path.iri());
+            // What the stream says, not what the store says now: the file may have been replaced since it was opened.
+            const std::streamoff size = stream->seek(0, std::ios_base::end);
+            stream->seek(0, std::ios_base::beg);
+            const auto block = std::make_unique_for_overwrite<char[]>(blockSize);
+            std::streamoff done = 0;
+            while (done < size)
+            {
+                interrupt::throwIfPending();
+                const std::streamsize count = stream->read(block.get(), blockSize);
+                if (count <= 0)
+                {
+                    throw Failure(
+                        path.text(), fmt::format("ended after {} of {} bytes", done, size), fsp::ErrorCode::Unknown);
+                }
+                sink(block.get(), static_cast<std::size_t>(count));
+                progress.advance(static_cast<std::uint64_t>(count));
+                done += count;
+            }
+            stream->close();
+        });
+}
+
+} // namespace cloudfs
