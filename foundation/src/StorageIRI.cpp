@@ -5,7 +5,9 @@
 #include <fl/i18n.hpp>
 
 #include <algorithm>
-#include <array>
+#include <cstddef>
+#include <iterator>
+#include <new>
 #include <optional>
 #include <ostream>
 #include <stdexcept>
@@ -273,8 +275,9 @@ StorageIRI StorageIRI::fromUtf8(std::string_view text)
 const StorageIRI::Representation& StorageIRI::representation() const noexcept
 {
     // Never destroyed: IRIs may be compared and printed until the process ends.
-    static const Representation& empty = *new Representation();
-    return m_representation ? *m_representation : empty;
+    alignas(Representation) static std::byte place[sizeof(Representation)];
+    static const Representation* const empty = new (place) Representation();
+    return m_representation ? *m_representation : *empty;
 }
 
 const StorageIRI::Representation& StorageIRI::wellFormed() const

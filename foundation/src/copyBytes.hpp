@@ -3,13 +3,14 @@
 #include <foundation/storage/provider/ByteStream.hpp>
 #include <foundation/storage/provider/ByteStreamFailure.hpp>
 
+#include <cstddef>
 #include <ios>
 #include <vector>
 
 namespace foundation::storage::provider
 {
 
-inline constexpr std::streamsize copyChunk = 64 * 1024; // bytes; larger ones copy no faster from the page cache
+inline constexpr std::streamsize copyChunk = 64L * 1024; // bytes; larger ones copy no faster from the page cache
 
 /// Write all `n` bytes.
 ///

@@ -20,21 +20,6 @@ using ::testing::ElementsAre;
 const StorageIRI root(u"x://h");
 const std::string bigContent(200'000, 'b');
 
-/// Run what must throw an Exception and give its code.
-ErrorCode codeOf(const std::function<void()>& operation, const StorageIRI& expectedIri)
-{
-    try
-    {
-        operation();
-    }
-    catch (const fsp::Exception& exception)
-    {
-        EXPECT_EQ(exception.iri(), expectedIri);
-        return exception.errorCode();
-    }
-    return ErrorCode(-1, "nothing was thrown");
-}
-
 std::vector<std::u16string> namesOf(fsp::IFolderEntryIterator& it)
 {
     std::vector<std::u16string> names;
@@ -100,33 +85,29 @@ TEST_F(ProviderDefaultsTest, DescribesWhateverIsThere)
 TEST_F(ProviderDefaultsTest, FiltersEveryListingByTheLastName)
 {
     m_provider.nodes = {{u"/ab", ""}, {u"/ac", std::nullopt}, {u"/b", std::nullopt}, {u"/b/aa", ""}, {u"/b/c", ""}};
-    const std::u16string pattern = u"a*";
-    using Listing = std::function<fsp::FolderEntryIteratorPtr()>;
-    const auto expect = [](const Listing& plain, const Listing& filtered, const std::vector<std::u16string>& all,
-                            const std::vector<std::u16string>& matching)
+    using P = fsp::IProvider;
+    using Names = std::vector<std::u16string>;
+    struct Row
     {
-        EXPECT_EQ(namesOf(*plain()), all);
-        EXPECT_EQ(namesOf(*filtered()), matching);
+        fsp::FolderEntryIteratorPtr (P::*plain)(const StorageIRI&) const;
+        fsp::FolderEntryIteratorPtr (P::*filtered)(const StorageIRI&, const std::u16string&) const;
+        fsp::FolderEntryIteratorPtr (P::*filteredNames)(const StorageIRI&, const std::u16string&) const;
+        Names all, matching;
     };
-    const auto& p = m_provider;
-    const std::vector<std::u16string> all{u"ab", u"ac", u"b"};
-    const std::vector<std::u16string> recursive{u"ab", u"ac", u"b", u"b/aa", u"b/c"};
-    expect([&] { return p.listAllNamesOnly(root); }, [&] { return p.listAllWildcards(root, pattern); }, all,
-        {u"ab", u"ac"});
-    expect([&] { return p.listAllNamesOnly(root); }, [&] { return p.listAllNamesOnlyWildcards(root, pattern); }, all,
-        {u"ab", u"ac"});
-    expect([&] { return p.listFilesNamesOnly(root); }, [&] { return p.listFilesWildcards(root, pattern); }, {u"ab"},
-        {u"ab"});
-    expect([&] { return p.listFilesNamesOnly(root); }, [&] { return p.listFilesNamesOnlyWildcards(root, pattern); },
-        {u"ab"}, {u"ab"});
-    expect([&] { return p.listFoldersNamesOnly(root); }, [&] { return p.listFoldersWildcards(root, pattern); },
-        {u"ac", u"b"}, {u"ac"});
-    expect([&] { return p.listFoldersNamesOnly(root); }, [&] { return p.listFoldersNamesOnlyWildcards(root, pattern); },
-        {u"ac", u"b"}, {u"ac"});
-    expect([&] { return p.listAllRecursiveNamesOnly(root); },
-        [&] { return p.listAllRecursiveWildcards(root, pattern); }, recursive, {u"ab", u"ac", u"b/aa"});
-    expect([&] { return p.listAllRecursiveNamesOnly(root); },
-        [&] { return p.listAllRecursiveNamesOnlyWildcards(root, pattern); }, recursive, {u"ab", u"ac", u"b/aa"});
+    const std::u16string pattern = u"a*";
+    const P& p = m_provider;
+    for (const Row& row : std::vector<Row>{{&P::listAllNamesOnly, &P::listAllWildcards, &P::listAllNamesOnlyWildcards,
+                                               {u"ab", u"ac", u"b"}, {u"ab", u"ac"}},
+             {&P::listFilesNamesOnly, &P::listFilesWildcards, &P::listFilesNamesOnlyWildcards, {u"ab"}, {u"ab"}},
+             {&P::listFoldersNamesOnly, &P::listFoldersWildcards, &P::listFoldersNamesOnlyWildcards, {u"ac", u"b"},
+                 {u"ac"}},
+             {&P::listAllRecursiveNamesOnly, &P::listAllRecursiveWildcards, &P::listAllRecursiveNamesOnlyWildcards,
+                 {u"ab", u"ac", u"b", u"b/aa", u"b/c"}, {u"ab", u"ac", u"b/aa"}}})
+    {
+        EXPECT_EQ(namesOf(*(p.*row.plain)(root)), row.all);
+        EXPECT_EQ(namesOf(*(p.*row.filtered)(root, pattern)), row.matching);
+        EXPECT_EQ(namesOf(*(p.*row.filteredNames)(root, pattern)), row.matching);
+    }
 
     const auto it = p.listAllRecursiveWildcards(root, pattern);
     it->next();

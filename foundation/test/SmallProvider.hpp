@@ -3,6 +3,8 @@
 #include <foundation/storage/provider/ByteStreamFailure.hpp>
 #include <foundation/storage/provider/IProvider.hpp>
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstring>
 #include <map>
@@ -181,3 +183,19 @@ private:
         return std::make_unique<SmallIterator>(std::move(entries));
     }
 };
+
+/// Run what must throw an Exception and give its code; look at the IRI that it names unless `iri` is empty.
+template <class Operation>
+fsp::ErrorCode codeOf(Operation operation, const fsp::StorageIRI& iri = {})
+{
+    try
+    {
+        operation();
+    }
+    catch (const fsp::Exception& exception)
+    {
+        EXPECT_TRUE(iri == fsp::StorageIRI() || exception.iri() == iri) << exception.what();
+        return exception.errorCode();
+    }
+    return fsp::ErrorCode(-1, "nothing was thrown");
+}

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,6 +22,11 @@ struct Form
     const char* parent; // null: none
     const char* utf8;
 };
+
+void PrintTo(const Form& form, std::ostream* stream)
+{
+    *stream << form.name;
+}
 
 class StorageIRIFormTest : public ::testing::TestWithParam<Form>
 {
@@ -70,6 +76,11 @@ struct Fault
     std::u16string text;
     const char* utf8;
 };
+
+void PrintTo(const Fault& fault, std::ostream* stream)
+{
+    *stream << fault.name;
+}
 
 class StorageIRIFaultTest : public ::testing::TestWithParam<Fault>
 {

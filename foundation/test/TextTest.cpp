@@ -31,8 +31,9 @@ TEST(TextTest, RefusesIllFormedUtf8)
 
 TEST(TextTest, RefusesUnpairedSurrogates)
 {
-    for (const std::u16string& bad : {std::u16string{0xd800}, std::u16string{0xdc00}, std::u16string{u'a', 0xdbff, u'b'},
-             std::u16string{0xd800, 0xd800, 0xdc00}, std::u16string{0xd800, 0xdc00, 0xdc00}})
+    for (const std::u16string& bad :
+        {std::u16string{0xd800}, std::u16string{0xdc00}, std::u16string{u'a', 0xdbff, u'b'},
+            std::u16string{0xd800, 0xd800, 0xdc00}, std::u16string{0xd800, 0xdc00, 0xdc00}})
         EXPECT_THROW(fl::i18n::ustring_to_utf8(bad), std::range_error) << ::testing::PrintToString(bad);
 }
 

@@ -16,15 +16,15 @@ class FolderEntry
 public:
     /// @param name  unescaped and relative to the listed folder; a recursive listing's names hold separators, and no
     ///              name ends in one. StorageIRI::getChild makes the entry's IRI from it.
-    FolderEntry(std::u16string name, FileAttributes attributes)
+    FolderEntry(std::u16string name, const FileAttributes& attributes)
         : m_name(std::move(name))
-        , m_attributes(std::move(attributes))
+        , m_attributes(attributes)
     {
     }
 
-    FolderEntry(std::u16string name, FolderAttributes attributes)
+    FolderEntry(std::u16string name, const FolderAttributes& attributes)
         : m_name(std::move(name))
-        , m_attributes(std::move(attributes))
+        , m_attributes(attributes)
     {
     }
 
