@@ -4,7 +4,6 @@
 
 #include <foundation/log/Severity.hpp>
 
-#include <source_location>
 #include <sstream>
 
 /// The records that every operation writes, in one form. Nothing is formatted when the logger's mask says no.
@@ -18,11 +17,12 @@ struct CallSite
     const char* source; ///< path of the source file without its extension
     unsigned line;
 
+    // The line comes from the builtin, because clang 14 cannot evaluate std::source_location here.
     consteval CallSite(const char* functionSignature, const char* sourceFile,
-        std::source_location location = std::source_location::current())
+        unsigned callLine = static_cast<unsigned>(__builtin_LINE()))
         : signature(functionSignature)
         , source(sourceFile)
-        , line(location.line())
+        , line(callLine)
     {
     }
 };
