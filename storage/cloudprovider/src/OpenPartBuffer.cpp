@@ -4,6 +4,7 @@
 
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
+#include <boost/iostreams/concepts.hpp>
 #include <boost/iostreams/device/array.hpp>
 #include <boost/iostreams/stream_buffer.hpp>
 
@@ -16,7 +17,59 @@ namespace storage::cloudprovider
 
 namespace
 {
+
 constexpr const char* source = "storage/cloudprovider/src/OpenPartBuffer";
+
+/// Keeps the first byte that it is sent and drops the rest.
+class FirstByteSink : public boost::iostreams::sink
+{
+public:
+    FirstByteSink(char* byte, std::size_t& received)
+        : m_byte(byte)
+        , m_received(received)
+    {
+    }
+
+    std::streamsize write(const char* s, std::streamsize n)
+    {
+        if (m_received == 0 && n > 0)
+        {
+            *m_byte = *s;
+            m_received = 1;
+        }
+        return n;
+    }
+
+private:
+    char* m_byte;
+    std::size_t& m_received;
+};
+
+/// Download the range into memory of `size` bytes. More bytes than that are a failure.
+/// @return the number of bytes that came
+std::size_t downloadRange(
+    const OpenFileContext& context, char* data, std::size_t size, std::uint64_t first, std::uint64_t last)
+{
+    boost::iostreams::stream_buffer<boost::iostreams::basic_array<char>> memory(data, size);
+    std::ostream out(&memory);
+    out.exceptions(std::ios_base::badbit); // a surplus must not pass unseen
+    context.client->getObjectRange(context.key, out, first, last);
+    return static_cast<std::size_t>(std::max<std::streamoff>(out.tellp(), 0));
+}
+
+/// Download the first byte of an object that has more. The range that names this byte alone means the whole object, so
+/// that is what comes.
+/// @return the number of bytes kept, 1 unless the store sent none
+std::size_t downloadFirstByte(const OpenFileContext& context, char* byte)
+{
+    std::size_t received = 0;
+    boost::iostreams::stream_buffer<FirstByteSink> sink(FirstByteSink(byte, received));
+    std::ostream out(&sink);
+    context.client->getObjectRange(context.key, out, 0, 0);
+    out.flush();
+    return received;
+}
+
 } // namespace
 
 OpenPartBuffer::OpenPartBuffer(
@@ -143,24 +196,21 @@ void OpenPartBuffer::download()
     // The part has one opener, this one, so that its size cannot change meanwhile.
     const PartInfo part = info();
     BufferPtr buffer = buildOpenBuffer(part.Size);
-    boost::iostreams::stream_buffer<boost::iostreams::basic_array<char>> memory(buffer->data(), part.Size);
-    std::ostream out(&memory);
-    out.exceptions(std::ios_base::badbit); // more bytes than the part has must not pass unseen
-
     bool wholeObject = false;
     {
         const std::lock_guard lock(m_mutex);
         wholeObject = m_singlePartFile;
     }
-    m_context->client->getObjectRange(
-        m_context->key, out, wholeObject ? 0 : part.Offset, wholeObject ? 0 : part.Offset + part.Size - 1);
-
-    const std::streamoff received = out.tellp();
-    if (received != static_cast<std::streamoff>(part.Size))
+    const bool firstByteOfMany = !wholeObject && part.Offset == 0 && part.Size == 1;
+    const std::size_t received =
+        firstByteOfMany ? downloadFirstByte(*m_context, buffer->data())
+                        : downloadRange(*m_context, buffer->data(), part.Size, wholeObject ? 0 : part.Offset,
+                              wholeObject ? 0 : part.Offset + part.Size - 1);
+    if (received != part.Size)
     {
         throw UnknownErrorException("downloading part " + std::to_string(part.Index) + " of \"" + m_context->key +
                                     "\": expected " + std::to_string(part.Size) + " bytes, the store sent " +
-                                    std::to_string(std::max<std::streamoff>(received, 0)));
+                                    std::to_string(received));
     }
     setOpenBuffer(std::move(buffer));
 }
