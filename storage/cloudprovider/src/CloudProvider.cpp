@@ -135,6 +135,7 @@ std::vector<ObjectEntry> listEntries(CloudClient& client, const fsp::StorageIRI&
 void copyStream(fsp::ByteStreamPtr reader, const fsp::StorageIRI& sourceIri, fsp::ByteStreamPtr writer,
     const fsp::StorageIRI& destinationIri, const fsp::StorageIRI*& concerned)
 {
+    fsp::ByteStream& destination = *writer;
     fsp::GenericByteStreamDevice from(std::move(reader));
     fsp::GenericByteStreamDevice to(std::move(writer));
     std::array<char, 4096> chunk{};
@@ -151,6 +152,9 @@ void copyStream(fsp::ByteStreamPtr reader, const fsp::StorageIRI& sourceIri, fsp
     }
     from.close();
     concerned = &destinationIri;
+    // Repeats uploads that failed. Closing alone would not tell when the store would not even open an upload, and a
+    // move would then remove the only copy.
+    destination.write(chunk.data(), 0);
     to.close(); // here the contents reach the store
 }
 
