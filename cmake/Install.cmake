@@ -12,13 +12,6 @@ set(stores
     cloudprovider_memory
     cloudprovider_stores)
 set(programs cloudfs)
-foreach(list libraries stores programs) # until every folder has its targets
-    foreach(target IN LISTS ${list})
-        if(NOT TARGET ${target})
-            list(REMOVE_ITEM ${list} ${target})
-        endif()
-    endforeach()
-endforeach()
 
 set_target_properties(${libraries} PROPERTIES
     VERSION ${PROJECT_VERSION}
@@ -26,9 +19,7 @@ set_target_properties(${libraries} PROPERTIES
     INSTALL_RPATH "$ORIGIN")
 
 file(RELATIVE_PATH libdir_from_bindir "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
-if(programs)
-    set_target_properties(${programs} PROPERTIES INSTALL_RPATH "$ORIGIN/${libdir_from_bindir}")
-endif()
+set_target_properties(${programs} PROPERTIES INSTALL_RPATH "$ORIGIN/${libdir_from_bindir}")
 
 install(TARGETS ${libraries} ${stores} ${programs}
     EXPORT cloudprovider

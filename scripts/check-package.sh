@@ -18,19 +18,28 @@ quietly build/logs/install.log cmake --install build/release --prefix "$scratch/
 mv "$scratch/built" "$scratch/installed"
 prefix=$scratch/installed
 
-quietly build/logs/consumer-cmake.log cmake -S cmake/consumer -B "$scratch/by-cmake" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-    -DCMAKE_PREFIX_PATH="$prefix"
-quietly build/logs/consumer-cmake.log cmake --build "$scratch/by-cmake"
-quietly build/logs/consumer-run.log timeout 60 "$scratch/by-cmake/consumer"
+consume()
+{
+    timeout 60 "$1" memory: && timeout 60 "$1" "local:$scratch/store"
+}
+
+by_cmake()
+{
+    cmake -S cmake/consumer -B "$scratch/by-cmake" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_PREFIX_PATH="$prefix" &&
+        cmake --build "$scratch/by-cmake" &&
+        consume "$scratch/by-cmake/consumer"
+}
+quietly build/logs/package-by-cmake.log by_cmake
 
 by_pkg_config()
 {
     export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
     # shellcheck disable=SC2046 # flags are words
-    g++ -std=c++20 -Wall -Wextra -Werror $(pkg-config --cflags cloudprovider-stores) cmake/consumer/main.cpp \
-        -o "$scratch/by-pkg-config" $(pkg-config --libs cloudprovider-stores) -Wl,-rpath,"$prefix/lib" &&
-        timeout 60 "$scratch/by-pkg-config"
+    g++ -std=c++20 $(pkg-config --cflags cloudprovider-stores) cmake/consumer/main.cpp -o "$scratch/by-pkg-config" \
+        $(pkg-config --libs cloudprovider-stores) -Wl,-rpath,"$prefix/lib" &&
+        consume "$scratch/by-pkg-config"
 }
-quietly build/logs/consumer-pkg-config.log by_pkg_config
+quietly build/logs/package-by-pkg-config.log by_pkg_config
 
-quietly build/logs/installed-cloudfs.log timeout 60 "$prefix/bin/cloudfs" --version
+# The installed command line reads what the consumer wrote.
+quietly build/logs/package-cloudfs.log timeout 60 "$prefix/bin/cloudfs" --store "local:$scratch/store" stat /folder/greeting.txt
