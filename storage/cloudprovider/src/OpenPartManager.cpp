@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <istream>
 #include <shared_mutex>
+#include <utility>
 
 namespace storage::cloudprovider
 {
@@ -19,20 +20,39 @@ namespace
 
 constexpr const char* source = "storage/cloudprovider/src/OpenPartManager";
 
-/// Closes a part at the end of its scope.
+/// Closes a part at the end of its scope, when something else has failed: then a failure to close is logged only.
 class PartCloser
 {
 public:
     explicit PartCloser(OpenPartBuffer& part)
-        : m_part(part)
+        : m_part(&part)
     {
     }
     PartCloser(const PartCloser&) = delete;
     PartCloser& operator=(const PartCloser&) = delete;
-    ~PartCloser() { m_part.close(); }
+    ~PartCloser()
+    {
+        try
+        {
+            close();
+        }
+        catch (...)
+        {
+            logCaughtException();
+        }
+    }
+
+    /// Close the part now and report a failure.
+    void close()
+    {
+        if (OpenPartBuffer* const part = std::exchange(m_part, nullptr))
+        {
+            part->close();
+        }
+    }
 
 private:
-    OpenPartBuffer& m_part;
+    OpenPartBuffer* m_part; // null once closed
 };
 
 } // namespace
@@ -181,8 +201,9 @@ void OpenPartManager::extendTo(std::size_t fileOffset)
         // the gap behind them.
         m_partCache.removePart(last);
         last->open();
-        const PartCloser closer(*last);
+        PartCloser closer(*last);
         appendPart(last);
+        closer.close();
     }
 }
 
@@ -315,13 +336,14 @@ void OpenPartManager::flushSinglePartFile(OpenPartBuffer& part)
     {
         return;
     }
-    const PartCloser closer(part);
+    PartCloser closer(part);
     // The part stays NEW: whoever opens the file before its streams are all gone finds it unwritten and writes it
     // again, which is one put too many at most and never one too few.
     const OpenPartBuffer::View bytes = part.view();
     boost::iostreams::stream_buffer<boost::iostreams::basic_array_source<char>> memory(bytes.data, bytes.size);
     std::istream content(&memory);
     m_context->client->putObject(m_context->key, content, bytes.size);
+    closer.close();
 }
 
 std::vector<OpenPartBufferSharedPtr> OpenPartManager::parts() const
