@@ -152,8 +152,9 @@ void copyStream(fsp::ByteStreamPtr reader, const fsp::StorageIRI& sourceIri, fsp
     }
     from.close();
     concerned = &destinationIri;
-    // Repeats uploads that failed. Closing alone would not tell when the store would not even open an upload, and a
-    // move would then remove the only copy.
+    // Closing alone would not tell when the store would not even open an upload, and a move would then remove the only
+    // copy. Leaving the last part sends it, if the file has several; an empty write repeats what failed, and throws.
+    destination.seek(0, std::ios_base::beg);
     destination.write(chunk.data(), 0);
     to.close(); // here the contents reach the store
 }
