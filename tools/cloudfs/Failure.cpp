@@ -103,7 +103,7 @@ std::string defaultReason(const fsp::ErrorCode& code)
     {
         return "this store cannot do that";
     }
-    return "the store failed without a reason; -v shows its records";
+    return "failed";
 }
 
 } // namespace cloudfs

@@ -30,9 +30,8 @@ struct Options
     unsigned jobs = 1;
 };
 
-void getFile(const Session& session, const StorePath& path, const std::string& local, bool force, Progress& progress)
+void getFile(const Session& session, const StorePath& path, LocalTarget& target, Progress& progress)
 {
-    LocalTarget target(local, force);
     download(
         session, path, [&](const char* data, std::size_t size) { target.write(data, size); }, progress);
     target.commit();
@@ -115,8 +114,12 @@ private:
         requireFolderAbove(name);
         const StorePath path = m_source.child(name);
         m_progress.expect(entry.fileAttributes().size().value_or(0));
-        m_batch.submit([this, path, local = m_target + "/" + name]
-            { getFile(m_session, path, local, m_options.force, m_progress); });
+        m_batch.submit(
+            [this, path, local = m_target + "/" + name]
+            {
+                LocalTarget target(local, m_options.force, LocalTarget::Place::InTree);
+                getFile(m_session, path, target, m_progress);
+            });
     }
 
     void requireFolderAbove(const std::string& name) const
@@ -164,7 +167,8 @@ void get(Session& session, const Options& options)
         Progress progress;
         progress.expect(attributes.size().value_or(0));
         progress.completeExpectation();
-        getFile(session, path, local, options.force, progress);
+        LocalTarget target(local, options.force, LocalTarget::Place::Named);
+        getFile(session, path, target, progress);
         return;
     }
     if (!session.at(path, [&] { return session.provider().folderExists(path.iri()); }))

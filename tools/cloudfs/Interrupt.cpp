@@ -47,8 +47,15 @@ void install()
     struct sigaction action = {};
     action.sa_handler = onSignal;
     action.sa_flags = static_cast<int>(SA_RESETHAND); // no SA_RESTART: a blocking call is to return
-    ::sigaction(SIGINT, &action, nullptr);
-    ::sigaction(SIGTERM, &action, nullptr);
+    for (const int signal : {SIGINT, SIGTERM})
+    {
+        struct sigaction inherited = {};
+        ::sigaction(signal, nullptr, &inherited);
+        if (inherited.sa_handler != SIG_IGN) // a shell lets what runs in the background ignore Ctrl-C
+        {
+            ::sigaction(signal, &action, nullptr);
+        }
+    }
     std::signal(SIGPIPE, SIG_IGN); // dying of it would leave temporary files behind
 }
 

@@ -22,7 +22,7 @@ namespace cloudfs
 namespace
 {
 
-/// Where a path leads after all its symbolic links; the path itself while there is nothing.
+/// Where a path leads after all its symbolic links; the path itself while that is nowhere.
 std::string followed(const std::string& path)
 {
     const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr), &std::free);
@@ -31,29 +31,30 @@ std::string followed(const std::string& path)
 
 } // namespace
 
-LocalTarget::LocalTarget(const std::string& path, bool replace)
+LocalTarget::LocalTarget(const std::string& path, bool replace, Place place)
     : m_name(path)
     , m_replace(replace)
-    , m_path(followed(path))
+    , m_path(place == Place::Named ? followed(path) : path)
 {
     struct stat status = {};
-    if (::stat(m_path.c_str(), &status) != 0)
+    const bool exists = ::lstat(m_path.c_str(), &status) == 0;
+    if (!exists && errno != ENOENT)
     {
-        if (errno != ENOENT)
-        {
-            throw Failure::ofSystem(m_name, errno);
-        }
-        createTemporary();
+        throw Failure::ofSystem(m_name, errno);
     }
-    else if (S_ISDIR(status.st_mode))
+    if (exists && S_ISDIR(status.st_mode))
     {
         throw Failure(m_name, "is a folder", fsp::ErrorCode::AlreadyExists);
     }
-    else if (!S_ISREG(status.st_mode))
+    if (exists && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode))
     {
+        if (place == Place::InTree)
+        {
+            throw Failure(m_name, "is neither a file nor a folder", fsp::ErrorCode::AlreadyExists);
+        }
         m_descriptor = ::open(m_path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
     }
-    else if (!m_replace)
+    else if (exists && !m_replace)
     {
         throw Failure(m_name, "exists already; -f replaces it", fsp::ErrorCode::AlreadyExists);
     }

@@ -6,15 +6,21 @@
 namespace cloudfs
 {
 
-/// Writes a local file that appears whole or not at all: under a temporary name beside it until commit(). What exists
-/// and is no regular file, such as a device or a pipe, is written directly. One thread at a time.
+/// Writes a local file that appears whole or not at all: under a temporary name beside it until commit(). One thread at
+/// a time.
 class LocalTarget
 {
 public:
-    /// @param path     a symbolic link stands for the file that it leads to
+    /// What may stand where the file is to go.
+    enum class Place
+    {
+        Named, ///< by the user: a link stands for what it leads to, and a device or a pipe is written directly
+        InTree ///< found while a tree is copied: a link is replaced, not followed, and nothing but files is written
+    };
+
     /// @param replace  an existing file is replaced; otherwise it is refused, both now and at the commit
     /// @throws Failure
-    LocalTarget(const std::string& path, bool replace);
+    LocalTarget(const std::string& path, bool replace, Place place);
 
     LocalTarget(const LocalTarget&) = delete;
     LocalTarget& operator=(const LocalTarget&) = delete;

@@ -135,7 +135,7 @@ void addPutCommand(CLI::App& app, Session& session)
         "A PATH that ends in \"/\" is a folder in which LOCAL keeps its name; any other PATH is the new name.\n"
         "A file may be put into a folder that does not exist. With -r missing folders are created, symbolic\n"
         "links to files are followed, and what cannot be stored (links to folders, devices, names that are\n"
-        "not UTF-8 or end in a dot) is reported and left out.");
+        "not UTF-8 or end in a dot) is reported and left out. With --folders prefix empty folders are not kept.");
     command->add_option("LOCAL", options->local, "A file, a folder with -r, or - for standard input")->required();
     command->add_option("PATH", options->path, "Where it goes")->required();
     auto* recursive = command->add_flag("-r", options->recursive, "Copy a folder with everything in it");

@@ -15,13 +15,36 @@
 #include <foundation/storage/provider/ByteStreamFailure.hpp>
 #include <foundation/storage/provider/Exception.hpp>
 
+#include <fmt/format.h>
+
 #include <exception>
+#include <filesystem>
 #include <iostream>
+#include <system_error>
 
 namespace cloudfs
 {
 
 using storage::cloudprovider::CloudException;
+
+namespace
+{
+
+/// When the store refused nothing, what failed is a temporary file. Nothing more specific reaches us.
+std::string localBufferReason()
+{
+    std::error_code error;
+    const std::filesystem::path folder = std::filesystem::temp_directory_path(error);
+    if (error)
+    {
+        return "no folder for temporary files: " + error.message();
+    }
+    const auto space = std::filesystem::space(folder, error);
+    return fmt::format("a temporary file in {} failed ({} free there)", folder.native(),
+        error ? "unknown" : storage::clients::formatBytes(space.available));
+}
+
+} // namespace
 
 void Session::open()
 {
@@ -62,7 +85,6 @@ void Session::rethrowAsFailure(const StorePath& path) const
 
 std::string Session::reasonFor(const std::string& path, const fsp::ErrorCode& code) const
 {
-    const auto caught = diagnostics::takeCaughtReason();
     if (code.detail())
     {
         return *code.detail();
@@ -90,7 +112,7 @@ std::string Session::reasonFor(const std::string& path, const fsp::ErrorCode& co
             return exception.what();
         }
     }
-    return caught.value_or(defaultReason(code));
+    return localBufferReason();
 }
 
 void Session::requireCommitted(const StorePath& path) const
