@@ -27,7 +27,7 @@ struct Options
     std::string local;
     bool recursive = false;
     bool force = false;
-    unsigned jobs = 1;
+    unsigned jobs = 4;
 };
 
 void getFile(const Session& session, const StorePath& path, LocalTarget& target, Progress& progress)

@@ -20,7 +20,7 @@ struct Options
     std::string path;
     bool recursive = false;
     bool force = false;
-    unsigned jobs = 1;
+    unsigned jobs = 4; // a durable store waits for the disk; several files share the wait
 };
 
 void putFile(const Session& session, const Options& options, LocalSource& source, const StorePath& path)
