@@ -5,9 +5,11 @@
 namespace storage::clients::local
 {
 
-Change::Change(Database& database, ContentFiles& files)
-    : m_writing(database)
+Change::Change(Database& database, ContentFiles& files, Durability durability)
+    : m_durability(durability)
+    , m_database(database)
     , m_files(files)
+    , m_writing(std::in_place, database, durability)
 {
 }
 
@@ -21,14 +23,16 @@ Change::~Change()
 
 std::int64_t Change::newNumber()
 {
-    Query query = index().query("UPDATE store SET next_id = next_id + 1 RETURNING next_id - 1");
-    if (!query.next())
+    if (!m_nextNumber)
     {
-        throw Failure("the index is damaged: it has lost its count");
+        Query query = index().query("SELECT next_id FROM store");
+        if (!query.next())
+        {
+            throw Failure("the index is damaged: it has lost its count");
+        }
+        m_nextNumber = query.integer(0);
     }
-    const std::int64_t number = query.integer(0);
-    query.next(); // the update is done when the query has ended
-    return number;
+    return (*m_nextNumber)++;
 }
 
 std::int64_t Change::add(StagedContent& content)
@@ -40,6 +44,7 @@ std::int64_t Change::add(StagedContent& content)
         m_added.reserve(m_added.size() + 1);
         const FileName name = m_files.publish(*content.file(), number);
         m_added.push_back(name);
+        m_filesToSync = true;
         index().run("INSERT INTO contents (id, refs, size, session) VALUES (?, 1, ?, ?)", number, size,
             static_cast<std::int64_t>(name.session));
     }
@@ -58,28 +63,40 @@ void Change::share(std::int64_t content)
 
 void Change::release(std::int64_t content)
 {
-    Query last = index().query("DELETE FROM contents WHERE id = ? AND refs = 1 RETURNING session", content);
-    if (!last.next())
+    Query query = index().query("SELECT refs, session FROM contents WHERE id = ?", content);
+    if (!query.next())
+    {
+        return; // damage, which reading reports; an object that has it can still be replaced and removed
+    }
+    if (query.integer(0) > 1)
     {
         index().run("UPDATE contents SET refs = refs - 1 WHERE id = ?", content);
         return;
     }
-    if (!last.isNull(0))
+    if (!query.isNull(1))
     {
-        m_dropped.push_back({content, static_cast<std::uint64_t>(last.integer(0))});
+        m_dropped.push_back({content, static_cast<std::uint64_t>(query.integer(1))});
     }
-    last.next();
+    index().run("DELETE FROM contents WHERE id = ?", content);
 }
 
 void Change::commit()
 {
+    if (m_nextNumber)
+    {
+        index().run("UPDATE store SET next_id = ?", *m_nextNumber);
+    }
+    if (m_filesToSync && m_durability == Durability::Lasting)
+    {
+        m_files.syncPlaces();
+    }
     if (!m_dropped.empty())
     {
         m_files.expectRemoval();
     }
     try
     {
-        m_writing.commit();
+        m_writing->commit();
     }
     catch (const Failure& failure)
     {
@@ -92,6 +109,28 @@ void Change::commit()
         throw;
     }
     m_added.clear();
+    m_writing.reset();
+    removeDropped();
+}
+
+void Change::removeDropped()
+{
+    if (!m_dropped.empty() && m_durability == Durability::Provisional)
+    {
+        // A loss of power could undo this change and bring back the rows that name these files. A lasting change that
+        // follows, whichever, rules that out.
+        try
+        {
+            Change barrier(m_database, m_files, Durability::Lasting);
+            barrier.newNumber();
+            barrier.commit();
+        }
+        catch (const Failure&)
+        {
+            m_files.leaveForCollection();
+            throw;
+        }
+    }
     for (const FileName name : m_dropped)
     {
         m_files.remove(name);

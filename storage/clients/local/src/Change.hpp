@@ -5,6 +5,7 @@
 #include "StagedContent.hpp"
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace storage::clients::local
@@ -17,15 +18,18 @@ namespace storage::clients::local
 class Change
 {
 public:
-    Change(Database& database, ContentFiles& files);
+    Change(Database& database, ContentFiles& files, Durability durability);
     Change(const Change&) = delete;
     Change& operator=(const Change&) = delete;
     ~Change();
 
-    Connection& index() { return *m_writing; }
+    Connection& index() { return **m_writing; }
 
     /// A number that nothing in the store has or had.
     std::int64_t newNumber();
+
+    /// Make the files of earlier, provisional changes last if this one does.
+    void includeEarlierFiles() { m_filesToSync = true; }
 
     /// Add a content with one reference, which the caller stores.
     std::int64_t add(StagedContent& content);
@@ -40,10 +44,16 @@ public:
     void commit();
 
 private:
-    Database::Writing m_writing;
+    void removeDropped();
+
+    const Durability m_durability;
+    Database& m_database;
     ContentFiles& m_files;
-    std::vector<FileName> m_added;   // to be removed unless this is committed
-    std::vector<FileName> m_dropped; // to be removed once it is
+    std::optional<Database::Writing> m_writing; // empty once it is committed
+    bool m_filesToSync = false;
+    std::optional<std::int64_t> m_nextNumber; // empty: none was asked for
+    std::vector<FileName> m_added;            // to be removed unless this is committed
+    std::vector<FileName> m_dropped;          // to be removed once it is
 };
 
 } // namespace storage::clients::local

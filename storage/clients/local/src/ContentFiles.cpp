@@ -102,16 +102,12 @@ FileName ContentFiles::publish(IncomingFile& file, std::int64_t content)
         throw systemFailure("renaming to \"" + place.native() + '"', errno);
     }
     file.m_path.clear();
-    try
-    {
-        syncFile(m_contentsFolder, m_contents);
-    }
-    catch (const Failure&)
-    {
-        remove(name);
-        throw;
-    }
     return name;
+}
+
+void ContentFiles::syncPlaces() const
+{
+    syncFile(m_contentsFolder, m_contents);
 }
 
 std::optional<FileHandle> ContentFiles::open(FileName name, std::uint64_t size) const

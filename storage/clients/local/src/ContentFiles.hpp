@@ -63,9 +63,12 @@ public:
 
     IncomingFile create();
 
-    /// Give a synced file its place, for good. To be called inside the change that adds the content, so that nobody who
-    /// holds the index against changes ever sees a file that is yet to be named.
+    /// Give a synced file its place. To be called inside the change that adds the content, so that nobody who holds the
+    /// index against changes ever sees a file that is yet to be named.
     FileName publish(IncomingFile& file, std::int64_t content);
+
+    /// Make the places of all files last that were published before.
+    void syncPlaces() const;
 
     /// Open for reading; nothing when the file is not there.
     ///

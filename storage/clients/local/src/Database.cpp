@@ -1,7 +1,5 @@
 #include "Database.hpp"
 
-#include "Schema.hpp"
-
 namespace storage::clients::local
 {
 
@@ -22,9 +20,7 @@ Database::Lease Database::borrow()
         }
         m_idle.reserve(++m_connections);
     }
-    auto connection = std::make_unique<Connection>(m_file);
-    configure(*connection);
-    return {connection.release(), Return{this}};
+    return {new Connection(m_file), Return{this}};
 }
 
 void Database::giveBack(Connection* connection) noexcept
@@ -44,10 +40,13 @@ Database::Reading::Reading(Database& database)
     m_connection->run("BEGIN");
 }
 
-Database::Writing::Writing(Database& database)
+Database::Writing::Writing(Database& database, Durability durability)
     : m_turn(database.m_turn)
     , m_connection(database.borrow())
 {
+    // Whether a commit waits for the disk. It cannot be changed inside a transaction.
+    m_connection->execute(
+        durability == Durability::Lasting ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
     m_connection->run("BEGIN IMMEDIATE");
 }
 

@@ -12,6 +12,13 @@
 namespace storage::clients::local
 {
 
+/// What a change survives once it is committed.
+enum class Durability
+{
+    Lasting,    ///< the end of the process and a loss of power
+    Provisional ///< the end of the process; after a loss of power it may be undone, but not if a lasting one followed
+};
+
 /// The index as all threads of one client use it: a pool of connections, of which each transaction borrows one.
 ///
 /// Readers never wait, neither for each other nor for a writer. Writers take turns: those of this client by a mutex,
@@ -48,11 +55,11 @@ public:
     class Writing
     {
     public:
-        explicit Writing(Database& database);
+        Writing(Database& database, Durability durability);
         Writing(const Writing&) = delete;
         Writing& operator=(const Writing&) = delete;
 
-        /// Make the change last, also through a loss of power.
+        /// Make the change visible, and as durable as was asked for.
         ///
         /// @throws Failure; nothing of the change is visible then. If its kind is not NoSpace, the disk may hold the
         ///         change all the same, and a crash that follows may bring it back.

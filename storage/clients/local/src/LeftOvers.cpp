@@ -34,7 +34,7 @@ void collectLeftOvers(Database& database, ContentFiles& files)
     {
         // Whoever is just putting a file in its place does so inside a change. While this one waits nobody does, and
         // what is not named now never will be.
-        Database::Writing index(database);
+        Database::Writing index(database, Durability::Lasting);
         std::erase_if(suspects, [&](FileName name) { return isNamed(*index, name); });
         files.expectRemoval();
         for (const FileName name : suspects)

@@ -34,6 +34,7 @@ using cloudprovider::ObjectInfo;
 using cloudprovider::PartInfo;
 using local::Change;
 using local::Database;
+using local::Durability;
 using local::Failure;
 using local::Piece;
 using local::StagedContent;
@@ -178,7 +179,7 @@ void LocalClient::deleteObject(const std::string& key)
     perform(Operation::DeleteObject, key,
         [&]
         {
-            Change change(*m_index, *m_files);
+            Change change(*m_index, *m_files, Durability::Lasting);
             removeObject(change, key);
             change.commit();
         });
@@ -217,7 +218,7 @@ void LocalClient::putObject(const std::string& key, std::istream& content, std::
             checkKey(key);
             StagedContent staged = stage(size);
             staged.receive(key, content);
-            Change change(*m_index, *m_files);
+            Change change(*m_index, *m_files, Durability::Lasting);
             local::putObject(change, key, staged);
             change.commit();
             m_counters.countBytes(Operation::PutObject, size);
@@ -240,7 +241,7 @@ std::string LocalClient::createMultipartUpload(const std::string& key, const std
         [&]
         {
             checkKey(key);
-            Change change(*m_index, *m_files);
+            Change change(*m_index, *m_files, Durability::Provisional);
             const std::int64_t upload = local::beginUpload(change, key);
             change.commit();
             return std::to_string(upload);
@@ -279,7 +280,7 @@ void LocalClient::abortMultipartUpload(const std::string& key, const std::string
     perform(Operation::AbortMultipartUpload, key,
         [&]
         {
-            Change change(*m_index, *m_files);
+            Change change(*m_index, *m_files, Durability::Lasting);
             endUpload(change, local::requireUpload(change.index(), key, uploadId));
             change.commit();
         });
@@ -291,7 +292,7 @@ void LocalClient::completeMultipartUpload(
     perform(Operation::CompleteMultipartUpload, key,
         [&]
         {
-            Change change(*m_index, *m_files);
+            Change change(*m_index, *m_files, Durability::Lasting);
             completeUpload(change, key, local::requireUpload(change.index(), key, uploadId), parts);
             change.commit();
         });
@@ -310,7 +311,7 @@ StagedContent LocalClient::stage(std::uint64_t size)
 std::string LocalClient::storePart(Operation operation, const std::string& key, const std::string& uploadId,
     const PartInfo& part, StagedContent& content)
 {
-    Change change(*m_index, *m_files);
+    Change change(*m_index, *m_files, Durability::Provisional);
     const std::int64_t upload = local::requireUpload(change.index(), key, uploadId);
     const std::int64_t stored = change.add(content);
     setUploadPart(change, upload, part.Index, stored);
@@ -322,7 +323,7 @@ std::string LocalClient::storePart(Operation operation, const std::string& key, 
 std::optional<std::string> LocalClient::sharePart(
     const std::string& key, const std::string& uploadId, const PartInfo& part)
 {
-    Change change(*m_index, *m_files);
+    Change change(*m_index, *m_files, Durability::Provisional);
     const std::int64_t upload = local::requireUpload(change.index(), key, uploadId);
     const std::vector<StoredPart> source = findSource(change.index(), key, part);
     const auto same = std::find_if(source.begin(), source.end(),

@@ -110,13 +110,15 @@ void removeObject(Change& change, const std::string& key)
     {
         return;
     }
-    change.index().run("DELETE FROM objects WHERE key = ?", Blob{key});
+    // Asked for first and not returned by the deletion, for which SQLite would make a temporary table every time.
     std::vector<std::int64_t> contents;
-    Query parts = change.index().query("DELETE FROM object_parts WHERE object = ? RETURNING content", object->number);
+    Query parts = change.index().query("SELECT content FROM object_parts WHERE object = ?", object->number);
     while (parts.next())
     {
         contents.push_back(parts.integer(0));
     }
+    change.index().run("DELETE FROM object_parts WHERE object = ?", object->number);
+    change.index().run("DELETE FROM objects WHERE key = ?", Blob{key});
     for (const std::int64_t content : contents)
     {
         change.release(content);

@@ -1,5 +1,6 @@
 #include "Schema.hpp"
 
+#include "Connection.hpp"
 #include "Failure.hpp"
 #include "Files.hpp"
 
@@ -67,6 +68,7 @@ std::int64_t number(Connection& connection, std::string_view question)
 void create(Connection& connection)
 {
     connection.execute("PRAGMA journal_mode = WAL");
+    connection.execute("PRAGMA synchronous = FULL");
     connection.execute("BEGIN IMMEDIATE");
     connection.execute(createTables);
     connection.execute(fmt::format("PRAGMA application_id = {}", applicationId).c_str());
@@ -100,7 +102,6 @@ void prepareIndex(const std::filesystem::path& directory)
 
     Connection connection(file);
     connection.keepFilesOnClose(); // a store that is refused stays as it is
-    configure(connection);
     const std::int64_t application = number(connection, "PRAGMA application_id");
     if (application == 0 && number(connection, "SELECT count(*) FROM sqlite_schema") == 0)
     {
@@ -121,11 +122,6 @@ void prepareIndex(const std::filesystem::path& directory)
         throw Failure(
             fmt::format("the store has version {}, this program knows version {} only", version, schemaVersion));
     }
-}
-
-void configure(Connection& connection)
-{
-    connection.execute("PRAGMA synchronous = FULL"); // a change that was reported outlives a loss of power
 }
 
 } // namespace storage::clients::local

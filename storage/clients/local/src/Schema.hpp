@@ -1,7 +1,5 @@
 #pragma once
 
-#include "Connection.hpp"
-
 #include <filesystem>
 
 namespace storage::clients::local
@@ -16,8 +14,5 @@ std::filesystem::path indexFile(const std::filesystem::path& directory);
 /// @throws Failure, and leaves the directory as it is: it has other content, another program's or a damaged index, or
 ///         one of a later version
 void prepareIndex(const std::filesystem::path& directory);
-
-/// Set what every connection needs and the index does not remember.
-void configure(Connection& connection);
 
 } // namespace storage::clients::local

@@ -71,7 +71,7 @@ void setUploadPart(Change& change, std::int64_t upload, std::size_t part, std::i
 void endUpload(Change& change, std::int64_t upload)
 {
     std::vector<std::int64_t> contents;
-    Query parts = change.index().query("DELETE FROM upload_parts WHERE upload = ? RETURNING content", upload);
+    Query parts = change.index().query("SELECT content FROM upload_parts WHERE upload = ?", upload);
     while (parts.next())
     {
         contents.push_back(parts.integer(0));
@@ -80,6 +80,7 @@ void endUpload(Change& change, std::int64_t upload)
     {
         change.release(content);
     }
+    change.index().run("DELETE FROM upload_parts WHERE upload = ?", upload);
     change.index().run("DELETE FROM uploads WHERE id = ?", upload);
 }
 
@@ -93,6 +94,8 @@ std::uint64_t completeUpload(
             const std::optional<UploadPart> sent = findPart(index, upload, part);
             return sent ? std::optional(SentPart{tagOf(sent->content), sent->size}) : std::nullopt;
         });
+
+    change.includeEarlierFiles();
 
     // The object takes over the upload's number, and of the parts that are listed the references, too.
     std::uint64_t size = 0;

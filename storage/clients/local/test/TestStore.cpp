@@ -157,6 +157,7 @@ void checkStore(const std::filesystem::path& store)
 
 int startProcess(const std::function<void()>& task)
 {
+    std::cout.flush(); // or the child prints it again
     const pid_t process = ::fork();
     if (process != 0)
     {

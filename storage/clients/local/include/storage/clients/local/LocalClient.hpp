@@ -26,7 +26,8 @@ class StagedContent;
 /// beside it.
 ///
 /// Durability: an operation that returns is on the disk and outlives a crash or a loss of power. One that is cut short
-/// by either has happened or has not; what it leaves behind is removed when a client next opens the store.
+/// by either has happened or has not; what it leaves behind is removed when a client next opens the store. What was
+/// sent for an upload outlives a crash at once, and a loss of power only when the upload is completed.
 ///
 /// Sharing: any number of threads, clients and processes on this machine may use one directory at the same time. Reads
 /// never wait; writers take turns at the index, but not while contents are moved. The directory must be on a disk of
