@@ -15,7 +15,7 @@ check_format()
 check_tidy()
 {
     git ls-files -z '*.cpp' ':!:*/test/*' ':!:bench/*' ':!:cmake/*' |
-        xargs -0 -r -n 1 -P "$(nproc)" clang-tidy-14 --quiet -p build/release
+        xargs -0 -r -n 1 -P "$(nproc)" clang-tidy-14 --quiet -p build/tsan
 }
 
 what=${1:-all}
@@ -32,6 +32,7 @@ if [[ $what != tidy ]]; then
     quietly build/logs/format.log check_format
 fi
 if [[ $what != format ]]; then
-    quietly build/logs/release-configure.log cmake --preset release # writes the commands that the sources compile with
+    # The preset of the compiler that clang-tidy is part of knows how each source is compiled.
+    quietly build/logs/tsan-configure.log cmake --preset tsan
     quietly build/logs/tidy.log check_tidy
 fi
