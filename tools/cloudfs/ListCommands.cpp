@@ -30,8 +30,7 @@ struct ListOptions
 
 std::string entryLine(const std::string& name, const fsp::FolderEntry& entry, bool details)
 {
-    const std::string shown =
-        (StandardOutput::isTerminal() ? text::printable(name) : name) + (entry.isFolder() ? "/" : "");
+    std::string shown = (StandardOutput::isTerminal() ? text::printable(name) : name) + (entry.isFolder() ? "/" : "");
     if (!details)
     {
         return shown;

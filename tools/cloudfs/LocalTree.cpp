@@ -3,6 +3,8 @@
 #include "Failure.hpp"
 #include "Interrupt.hpp"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
@@ -38,7 +40,7 @@ void visit(const std::string& folder, const std::string& prefix, LocalTreeVisito
     for (const std::string& entry : sortedNames(folder, visitor))
     {
         interrupt::throwIfPending();
-        const std::string local = folder + "/" + entry;
+        const std::string local = fmt::format("{}/{}", folder, entry);
         const std::string name = prefix + entry;
         struct stat link = {};
         struct stat status = {};

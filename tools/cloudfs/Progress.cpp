@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <cstdio>
 #include <unistd.h>
@@ -75,7 +76,7 @@ void Progress::paint(Clock::time_point now)
         const double share = std::min(1.0, static_cast<double>(m_done) / static_cast<double>(m_expected));
         const auto filled = static_cast<std::size_t>(share * width);
         const double left = rate > 0 ? static_cast<double>(m_expected) * (1 - share) / rate : 0;
-        const auto wait = static_cast<unsigned long>(left + 0.5);
+        const auto wait = std::lround(left);
         bar = fmt::format("[{:#<{}}{:.<{}}] {:3.0f}%  {}:{:02} left  ", "", filled, "", width - filled, share * 100,
             wait / 60, wait % 60);
     }

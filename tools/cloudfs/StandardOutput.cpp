@@ -37,7 +37,7 @@ void StandardOutput::write(const char* data, std::size_t size)
 
 void StandardOutput::line(std::string_view text)
 {
-    constexpr std::size_t enough = 64 * 1024; // a system call per line would cost more than the listing
+    constexpr std::size_t enough = 65536; // a system call per line would cost more than the listing
     m_pending += text;
     m_pending += '\n';
     if (m_pending.size() >= enough || isTerminal())

@@ -16,7 +16,7 @@ namespace cloudfs
 namespace
 {
 
-constexpr std::size_t blockSize = 1024 * 1024; // large enough that the calls per block do not count
+constexpr std::size_t blockSize = std::size_t{1024} * 1024; // large enough that the calls per block do not count
 
 void writeAll(fsp::ByteStream& stream, const StorePath& path, const char* data, std::size_t size)
 {
