@@ -24,7 +24,7 @@ void ProviderRegistry::registerProvider(const StorageIRI& root, std::shared_ptr<
 {
     const StorageIRI key = rootOf(root);
     const std::unique_lock lock(m_mutex);
-    if (!m_providers.emplace(key, std::move(provider)).second)
+    if (!m_providers.try_emplace(key, std::move(provider)).second)
         throw Exception(ErrorCode(ErrorCode::AlreadyExists, "another provider serves this scheme and authority"), root);
 }
 

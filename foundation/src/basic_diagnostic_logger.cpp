@@ -63,7 +63,15 @@ public:
     {
         const std::lock_guard lock(m_mutex);
         const auto sink = m_sink; // the sink may replace itself
-        (*sink)(level, channel, message);
+        try
+        {
+            (*sink)(level, channel, message);
+        }
+        catch (const std::exception& failure)
+        {
+            // Who logs is often closing something or being destroyed, and has to come to its end.
+            writeToStandardError(level, channel, std::string(message) + " (log sink failed: " + failure.what() + ")");
+        }
     }
 
     void setSink(Sink sink)

@@ -49,7 +49,7 @@ public:
     /// Write a record, unless `severity` is not enabled.
     ///
     /// @param message  UTF-8; may have several lines
-    /// @throws what the sink throws
+    /// A record whose sink throws a standard exception goes to standard error instead.
     void write(std::uint32_t severity, std::string_view message);
 
 private:

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <foundation/Export.hpp>
+#include <foundation/storage/provider/ByteStreamFailure.hpp>
 #include <foundation/storage/provider/fsp.hpp>
 
 #include <boost/iostreams/positioning.hpp>

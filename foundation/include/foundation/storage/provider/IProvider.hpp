@@ -124,11 +124,10 @@ public:
 
     // Listings. The iterator's names are relative to the listed folder; the order is the provider's.
     //
-    // Wildcards: only entries whose last name matches `pattern` as a whole, case included. "*" is any run of
-    // characters,
-    // "?" is any one character, "[a-z0]" is one of a set, "[!a-z]" or "[^a-z]" is one outside of it. A "]" that comes
-    // first in a set stands for itself; a "[" without an end is an ordinary character. The time for one name is at
-    // worst proportional to the pattern's length times the name's. Default: the plain listing, filtered.
+    // Wildcards: only entries whose last name matches `pattern` as a whole, case included. "*" is any
+    // run of characters, "?" is any one character, "[a-z0]" is one of a set, "[!a-z]" or "[^a-z]" is one outside of it.
+    // A "]" that comes first in a set stands for itself; a "[" without an end is an ordinary character. The time for
+    // one name is at worst proportional to the pattern's length times the name's. Default: the plain listing, filtered.
     //
     // NamesOnly: the attributes of the entries are not to be looked at, which may save the provider fetching them;
     // name() and isFolder() hold. Default: the listing with attributes.

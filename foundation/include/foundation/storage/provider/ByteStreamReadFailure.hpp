@@ -1,0 +1,3 @@
+#pragma once
+
+#include <foundation/storage/provider/ByteStreamFailure.hpp>
