@@ -2,6 +2,8 @@
 
 #include "LogRecords.hpp"
 
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
 #include <algorithm>
 
 namespace storage::cloudprovider
@@ -68,9 +70,35 @@ void DiskBackedBuffer::reserve(std::size_t bytes)
     // file pays for its own pages alone.
     constexpr std::size_t page = 4096;
     const std::size_t wholePages = (bytes + page - 1) / page * page;
-    const std::size_t target = std::min(std::max(wholePages, 2 * m_reserved), m_size);
-    m_file->fillWithZeros(m_reserved, target);
-    m_reserved = target;
+    const std::size_t needed = std::min(wholePages, m_size);
+    const std::size_t generous = std::min(std::max(wholePages, 2 * m_reserved), m_size);
+    try
+    {
+        reserveUpTo(generous);
+    }
+    catch (const UnknownErrorException&)
+    {
+        if (needed == generous)
+        {
+            throw;
+        }
+        logCaughtException();
+        reserveUpTo(needed); // the disk may have room for this much
+    }
+}
+
+void DiskBackedBuffer::reserveUpTo(std::size_t end)
+{
+    try
+    {
+        m_file->fillWithZeros(m_reserved, end);
+    }
+    catch (...)
+    {
+        m_file->release(m_reserved, end); // others are short of room too
+        throw;
+    }
+    m_reserved = end;
 }
 
 } // namespace storage::cloudprovider

@@ -33,6 +33,8 @@ public:
     void reserve(std::size_t bytes) override;
 
 private:
+    void reserveUpTo(std::size_t end);
+
     boost::iostreams::mapped_file m_mapping;
     const std::size_t m_size;
     std::unique_ptr<detail::DiskFile> m_file;

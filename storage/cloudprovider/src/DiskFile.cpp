@@ -48,7 +48,7 @@ private:
 
 } // namespace
 
-DiskFile::DiskFile(std::size_t size)
+DiskFile::DiskFile()
 {
     try
     {
@@ -63,6 +63,11 @@ DiskFile::DiskFile(std::size_t size)
     {
         throw UnknownErrorException(std::string("creating a temporary file: ") + exception.what());
     }
+}
+
+DiskFile::DiskFile(std::size_t size)
+    : DiskFile() // from here on the destructor runs, so a file that cannot be sized is deleted
+{
     updateFileSize(size);
 }
 
@@ -130,6 +135,18 @@ void DiskFile::fillWithZeros(std::size_t first, std::size_t last)
                 written < 0 ? errno : ENOSPC);
         }
         first += static_cast<std::size_t>(written);
+    }
+}
+
+void DiskFile::release(std::size_t first, std::size_t last) noexcept
+{
+    const int opened = ::open(m_path.native().c_str(), O_WRONLY | O_CLOEXEC);
+    if (opened >= 0)
+    {
+        const Descriptor file(opened);
+        // A disk that cannot make holes keeps the room until the file goes, which harms nobody's bytes.
+        static_cast<void>(::fallocate(file.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(first),
+            static_cast<off_t>(last - first)));
     }
 }
 

@@ -30,13 +30,18 @@ public:
     void updateFileSize(std::size_t newSizeInBytes);
 
     /// Write zeros over bytes [first, last), so that the disk has room for them.
-    /// @throws UnknownErrorException when it has not
+    /// @throws UnknownErrorException when it has not; what was written by then takes room until release()
     void fillWithZeros(std::size_t first, std::size_t last);
+
+    /// Give the room of bytes [first, last) back, as far as the disk can do that. They read as zeros.
+    void release(std::size_t first, std::size_t last) noexcept;
 
     /// Return the path in the form that system calls take.
     std::string accessPath() const;
 
 private:
+    DiskFile(); // creates the file, empty
+
     fl::filesystem::basic_path<char, char16_t> m_path; // empty if no name could be made
 };
 
