@@ -37,18 +37,27 @@ MultipartUploadManager::~MultipartUploadManager()
     }
 }
 
-void MultipartUploadManager::asyncUploadPart(PartInfo info, BufferSharedPtr buffer, DoneCallback onDone)
+void MultipartUploadManager::asyncUploadPart(
+    const RecordSource& takeRecord, BufferSharedPtr buffer, DoneCallback onDone)
 {
     logEntry(CallSite("void storage::cloudprovider::MultipartUploadManager::asyncUploadPart(PartInfo, "
                       "BufferSharedPtr, F)",
         source));
-    enqueueAndDrain({std::move(info), std::move(buffer), false, std::move(onDone)});
+    {
+        const std::lock_guard lock(m_mutex);
+        enqueue({takeRecord(), std::move(buffer), false, std::move(onDone)});
+    }
+    drainLoggingFailure();
 }
 
 void MultipartUploadManager::asyncReusePart(PartInfo info, DoneCallback onDone)
 {
     logEntry(CallSite("void storage::cloudprovider::MultipartUploadManager::asyncReusePart(PartInfo, F)", source));
-    enqueueAndDrain({std::move(info), nullptr, false, std::move(onDone)});
+    {
+        const std::lock_guard lock(m_mutex);
+        enqueue({std::move(info), nullptr, false, std::move(onDone)});
+    }
+    drainLoggingFailure();
 }
 
 std::string MultipartUploadManager::uploadPart(const PartInfo& info, const char* data)
@@ -130,13 +139,14 @@ std::string MultipartUploadManager::getUploadId()
     return *m_uploadId;
 }
 
-void MultipartUploadManager::enqueueAndDrain(UploadTask task)
+void MultipartUploadManager::enqueue(UploadTask task)
 {
-    {
-        const std::lock_guard lock(m_mutex);
-        std::erase_if(m_queue, [&](const UploadTask& waiting) { return waiting.info.Index == task.info.Index; });
-        m_queue.push_back(std::move(task));
-    }
+    std::erase_if(m_queue, [&](const UploadTask& waiting) { return waiting.info.Index == task.info.Index; });
+    m_queue.push_back(std::move(task));
+}
+
+void MultipartUploadManager::drainLoggingFailure()
+{
     try
     {
         processQueue();
@@ -175,9 +185,9 @@ std::optional<MultipartUploadManager::UploadTask> MultipartUploadManager::takeNe
     {
         return std::nullopt;
     }
+    m_partsInFlight.insert(next->info.Index);
     UploadTask task = std::move(*next);
     m_queue.erase(next);
-    m_partsInFlight.insert(task.info.Index);
     return task;
 }
 
@@ -188,6 +198,8 @@ void MultipartUploadManager::run(UploadTask& task)
         task.onDone(reusePart(task.info));
         return;
     }
+    // First, so that the flush knows of an upload, and tells of what failed, when the bytes cannot even be mapped.
+    getUploadId();
     task.buffer->open();
     task.bufferOpened = true;
     const std::string tag = uploadPart(task.info, task.buffer->data());

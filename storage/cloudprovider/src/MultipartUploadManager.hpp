@@ -34,6 +34,10 @@ public:
     /// Called with the tag that the store gave the part, on the thread that sent it, without a lock.
     using DoneCallback = std::function<void(const std::string& tag)>;
 
+    /// Gives the part as it is to be sent. Called once, before anything is sent, while the queue is locked: what is
+    /// queued later was taken later.
+    using RecordSource = std::function<PartInfo()>;
+
     explicit MultipartUploadManager(OpenFileContextSharedPtr context);
     MultipartUploadManager(const MultipartUploadManager&) = delete;
     MultipartUploadManager& operator=(const MultipartUploadManager&) = delete;
@@ -43,10 +47,10 @@ public:
 
     /// Queue a part's bytes for sending, then drain the queue.
     ///
-    /// @param info    the part as it is to be sent; `buffer` holds at least its Size bytes when it is open
-    /// @param buffer  opened for the transfer and closed after it
+    /// @param takeRecord  may lock the part and must not call this object
+    /// @param buffer      opened for the transfer and closed after it; holds the record's Size bytes when it is open
     /// Never throws for a failed transfer: it is logged, and the part stays queued.
-    void asyncUploadPart(PartInfo info, BufferSharedPtr buffer, DoneCallback onDone);
+    void asyncUploadPart(const RecordSource& takeRecord, BufferSharedPtr buffer, DoneCallback onDone);
 
     /// Queue a part for being copied by the store from the stored object, then drain the queue, in the same way.
     void asyncReusePart(PartInfo info, DoneCallback onDone);
@@ -88,7 +92,8 @@ private:
         DoneCallback onDone;
     };
 
-    void enqueueAndDrain(UploadTask task);
+    void enqueue(UploadTask task); // m_mutex is held
+    void drainLoggingFailure();
     void processQueue();
     std::optional<UploadTask> takeNextTask();
     void run(UploadTask& task);
@@ -103,8 +108,9 @@ private:
     std::deque<UploadTask> m_queue;        // oldest first; at most one task of a part
     std::set<std::size_t> m_partsInFlight; // indexes of the parts that some thread is transferring
 
-    // Taken alone. Held while the upload is opened, completed or aborted: two first parts must not open two uploads.
-    // Released during transfers and while a callback runs.
+    // Nothing but a part's mutex is locked while this one is held, and no part's is held when it is taken. Held while
+    // the upload is opened, completed or aborted: two first parts must not open two uploads. Released during transfers
+    // and while a DoneCallback runs.
     mutable std::mutex m_mutex;
 };
 

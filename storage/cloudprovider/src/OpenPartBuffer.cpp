@@ -50,7 +50,8 @@ private:
 std::size_t downloadRange(
     const OpenFileContext& context, char* data, std::size_t size, std::uint64_t first, std::uint64_t last)
 {
-    boost::iostreams::stream_buffer<boost::iostreams::basic_array<char>> memory(data, size);
+    // A sink, not a device for both ways: that one counts its position in an int.
+    boost::iostreams::stream_buffer<boost::iostreams::basic_array_sink<char>> memory(data, size);
     std::ostream out(&memory);
     out.exceptions(std::ios_base::badbit); // a surplus must not pass unseen
     context.client->getObjectRange(context.key, out, first, last);
@@ -75,6 +76,7 @@ std::size_t downloadFirstByte(const OpenFileContext& context, char* byte)
 OpenPartBuffer::OpenPartBuffer(
     PartInfo info, LocalDataVersion version, bool isLastPart, OpenFileContextSharedPtr context)
     : m_info(std::move(info))
+    , m_storedTag(m_info.Tag)
     , m_localDataVersion(version)
     , m_offset(m_info.Offset)
     , m_maxSize(isLastPart && m_info.Size <= context->partSize ? context->partSize : m_info.Size)
@@ -294,6 +296,7 @@ void OpenPartBuffer::markUploaded()
     if (m_localDataVersion != LocalDataVersion::NEW)
     {
         m_localDataVersion = LocalDataVersion::CLOUD;
+        m_storedTag = m_info.Tag;
     }
 }
 
@@ -352,6 +355,14 @@ PartInfo OpenPartBuffer::info() const
 {
     const std::lock_guard lock(m_mutex);
     return m_info;
+}
+
+PartInfo OpenPartBuffer::storedInfo() const
+{
+    const std::lock_guard lock(m_mutex);
+    PartInfo stored = m_info;
+    stored.Tag = m_storedTag;
+    return stored;
 }
 
 LocalDataVersion OpenPartBuffer::localDataVersion() const

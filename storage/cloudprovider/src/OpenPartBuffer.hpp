@@ -108,6 +108,11 @@ public:
     void setSinglePartFile(bool single);
 
     PartInfo info() const;
+
+    /// Return the record with the tag that the part has in the stored object. The tag in info() may be one that an
+    /// upload gave which was not completed.
+    PartInfo storedInfo() const;
+
     LocalDataVersion localDataVersion() const;
 
     /// Return the loaded bytes; data is null when there are none.
@@ -128,7 +133,8 @@ private:
 
     // Guarded by m_mutex.
     PartInfo m_info;
-    BufferPtr m_buffer; // empty while the bytes are not loaded
+    std::string m_storedTag; // of the part in the stored object
+    BufferPtr m_buffer;      // empty while the bytes are not loaded
     std::size_t m_openCount = 0;
     LocalDataVersion m_localDataVersion;
     bool m_singlePartFile = false;

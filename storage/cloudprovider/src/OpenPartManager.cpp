@@ -94,6 +94,7 @@ void OpenPartManager::initPreserveExisting(bool requirePresent)
         stored.emplace_back();
     }
 
+    m_uploadManager->setLastTag(stored.front().Tag);
     const std::lock_guard lock(m_partsMutex);
     m_parts.clear();
     m_parts.reserve(stored.size());
@@ -103,7 +104,6 @@ void OpenPartManager::initPreserveExisting(bool requirePresent)
         m_parts.push_back(std::make_shared<OpenPartBuffer>(part, LocalDataVersion::CLOUD, isLastPart, m_context));
     }
     m_parts.front()->setSinglePartFile(m_parts.size() == 1);
-    m_uploadManager->setLastTag(m_parts.front()->info().Tag);
 }
 
 std::size_t OpenPartManager::getFileSize() const
@@ -117,19 +117,22 @@ std::size_t OpenPartManager::findPartIndex(std::size_t fileOffset) const
 {
     constexpr CallSite site("size_t storage::cloudprovider::OpenPartManager::findPartIndex(size_t) const", source);
     logEntry(site, named("fileOffset", fileOffset));
-    const std::lock_guard lock(m_partsMutex);
-    const auto covering = std::upper_bound(m_parts.begin(), m_parts.end(), fileOffset,
-        [](std::size_t offset, const OpenPartBufferSharedPtr& part)
-        { return part->offset() + part->capacity() > offset; });
-    std::size_t partIndex = m_parts.size();
-    if (covering != m_parts.end())
+    std::size_t partIndex = 0;
     {
-        partIndex = (*covering)->info().Index;
-    }
-    else if (m_context->partSize != 0)
-    {
-        const OpenPartBuffer& last = *m_parts.back();
-        partIndex += (fileOffset - (last.offset() + last.capacity())) / m_context->partSize;
+        const std::lock_guard lock(m_partsMutex);
+        const auto covering = std::upper_bound(m_parts.begin(), m_parts.end(), fileOffset,
+            [](std::size_t offset, const OpenPartBufferSharedPtr& part)
+            { return part->offset() + part->capacity() > offset; });
+        partIndex = m_parts.size();
+        if (covering != m_parts.end())
+        {
+            partIndex = (*covering)->info().Index;
+        }
+        else if (m_context->partSize != 0)
+        {
+            const OpenPartBuffer& last = *m_parts.back();
+            partIndex += (fileOffset - (last.offset() + last.capacity())) / m_context->partSize;
+        }
     }
     logResult(site, named("partIndex", partIndex));
     return partIndex;
@@ -167,9 +170,10 @@ std::unique_ptr<OpenPartDevice> OpenPartManager::openPart(std::size_t fileOffset
         part = m_parts.at(index);
     }
     m_partCache.removePart(part);
-    part->open();
     const std::size_t position = std::min(part->capacity(), fileOffset - part->offset());
-    return std::make_unique<OpenPartDevice>(OpenPartDevice{position, std::move(part)});
+    auto device = std::make_unique<OpenPartDevice>(OpenPartDevice{position, part});
+    part->open();
+    return device;
 }
 
 void OpenPartManager::extendTo(std::size_t fileOffset)
@@ -209,19 +213,22 @@ void OpenPartManager::extendTo(std::size_t fileOffset)
 
 void OpenPartManager::appendPart(const OpenPartBufferSharedPtr& last)
 {
-    const std::lock_guard lock(m_partsMutex);
-    if (m_parts.back() != last)
+    std::size_t index = 0;
     {
-        return; // another thread was faster
+        const std::lock_guard lock(m_partsMutex);
+        if (m_parts.back() != last)
+        {
+            return; // another thread was faster
+        }
+        last->increaseSizeToMax();
+        index = m_parts.size();
+        addNewPartTo(m_parts);
+        m_parts.front()->setSinglePartFile(false);
     }
     if (getLogger().isEnabled(foundation::log::severity::progress))
     {
-        getLogger().write(
-            foundation::log::severity::progress, "Adding new part with index " + std::to_string(m_parts.size()));
+        getLogger().write(foundation::log::severity::progress, "Adding new part with index " + std::to_string(index));
     }
-    last->increaseSizeToMax();
-    addNewPartTo(m_parts);
-    m_parts.front()->setSinglePartFile(false);
 }
 
 void OpenPartManager::closePart(std::unique_ptr<OpenPartDevice> device)
@@ -243,7 +250,14 @@ void OpenPartManager::closePart(std::unique_ptr<OpenPartDevice> device)
     }
     for (const OpenPartBufferSharedPtr& evicted : m_partCache.addPart(part, part->capacity()))
     {
-        evicted->discardIfUnmodified();
+        try
+        {
+            evicted->discardIfUnmodified();
+        }
+        catch (...)
+        {
+            logCaughtException(); // it costs room until the file is closed, and the part given back is none the worse
+        }
     }
 }
 
@@ -284,7 +298,7 @@ void OpenPartManager::scheduleUpload(const OpenPartBufferSharedPtr& part)
         }
     }
     m_uploadManager->asyncUploadPart(
-        part->markUploading(), part, [part](const std::string& tag) { part->setTag(tag); });
+        [&part] { return part->markUploading(); }, part, [part](const std::string& tag) { part->setTag(tag); });
 }
 
 void OpenPartManager::flushParts()
@@ -312,7 +326,7 @@ void OpenPartManager::flushParts()
     {
         if (part->localDataVersion() == LocalDataVersion::CLOUD)
         {
-            m_uploadManager->asyncReusePart(part->info(), [part](const std::string& tag) { part->setTag(tag); });
+            m_uploadManager->asyncReusePart(part->storedInfo(), [part](const std::string& tag) { part->setTag(tag); });
         }
     }
     m_uploadManager->joinUploads();

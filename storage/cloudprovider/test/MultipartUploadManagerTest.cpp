@@ -23,7 +23,7 @@ protected:
     void upload(std::size_t index, const std::string& content = "ab")
     {
         buffers.push_back(std::make_shared<TestBuffer>(content, faults));
-        manager->asyncUploadPart({index, 2 * index, 2, ""}, buffers.back(), remember(index));
+        manager->asyncUploadPart([=] { return PartInfo{index, 2 * index, 2, ""}; }, buffers.back(), remember(index));
     }
 
     MultipartUploadManager::DoneCallback remember(std::size_t index)
@@ -148,10 +148,22 @@ TEST_F(MultipartUploadManagerTest, EmptyCallbackIsAFailureLikeAnyOther)
     manager->cancel();
     const auto buffer = std::make_shared<TestBuffer>("ab", faults);
     log.take(0);
-    EXPECT_NO_THROW(manager->asyncUploadPart({0, 0, 2, ""}, buffer, nullptr));
+    EXPECT_NO_THROW(manager->asyncUploadPart([] { return PartInfo{0, 0, 2, ""}; }, buffer, nullptr));
     EXPECT_THAT(log.take(16), ElementsAre(testing::HasSubstr("bad_function_call")));
     EXPECT_THROW(manager->rerunFailedUploads(), std::bad_function_call) << "and it stays queued";
     EXPECT_FALSE(buffer->isOpen());
+}
+
+TEST_F(MultipartUploadManagerTest, BytesThatCannotBeMappedFailTheFlush)
+{
+    faults.onOpen = std::make_exception_ptr(UnknownErrorException("no address space"));
+    upload(0);
+    EXPECT_TRUE(manager->isUploading()) << "or the flush would take it for a file without changes";
+    EXPECT_EQ(outcome([&] { manager->joinUploads(); }), "no address space");
+    faults.onOpen = nullptr;
+    manager->joinUploads();
+    manager->complete(records());
+    EXPECT_EQ(store->get("k"), "ab");
 }
 
 TEST_F(MultipartUploadManagerTest, NewerBytesOfAPartReplaceThoseThatWait)

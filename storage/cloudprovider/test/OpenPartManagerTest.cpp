@@ -259,6 +259,19 @@ TEST_F(OpenPartManagerTest, SinglePartStaysNewAndIsPutAgain)
     EXPECT_THAT(store->takeCalls(), ElementsAre("putObject 'k' 2", "putObject 'k' 2", "putObject 'k' 2"));
 }
 
+TEST_F(OpenPartManagerTest, FailedFlushOfSeveralPartsCanBeRepeated)
+{
+    const auto parts = openStored({"abcd", "efgh", "ij"});
+    parts->registerByteStream();
+    write(*parts, 4, "E");
+    fail(Operation::CompleteMultipartUpload, 1, std::make_exception_ptr(PermissionDeniedException("refused")));
+    EXPECT_EQ(outcome([&] { parts->unregisterByteStream(); }), "refused");
+    EXPECT_EQ(store->get("k"), "abcdefghij");
+    parts->registerByteStream();
+    EXPECT_NO_THROW(parts->unregisterByteStream()) << "unchanged parts are copied by their tags in the stored object";
+    EXPECT_EQ(store->get("k"), "abcdEfghij");
+}
+
 TEST_F(OpenPartManagerTest, FlushedPartsOfSeveralAreTheStores)
 {
     const auto parts = openStored({"abcd", "efgh"});

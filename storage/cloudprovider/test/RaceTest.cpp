@@ -288,7 +288,11 @@ TEST_P(HeldCallTest, ANewerUploadOfOnePartWins)
         buffer->open();
         std::memcpy(buffer->data(), bytes.data(), bytes.size());
         buffer->close();
-        uploads.asyncUploadPart({0, 0, bytes.size(), ""}, buffer, [&](const std::string& tag) { tags.push_back(tag); });
+        uploads.asyncUploadPart(
+            [&] {
+                return PartInfo{0, 0, bytes.size(), ""};
+            },
+            buffer, [&](const std::string& tag) { tags.push_back(tag); });
     };
     Gate& gate = hold(Operation::UploadPart);
     run("old", [&] { upload("old"); });
@@ -302,6 +306,37 @@ TEST_P(HeldCallTest, ANewerUploadOfOnePartWins)
     ASSERT_THAT(tags, SizeIs(fails ? 1 : 2)) << "the bytes in the middle were never sent";
     uploads.complete({{0, 0, 7, tags.back()}});
     EXPECT_EQ(store->get("file"), "newest!");
+}
+
+TEST_F(RaceTest, RecordsAreQueuedInTheOrderInWhichTheyAreTaken)
+{
+    const OpenFileContextSharedPtr context = contextOf("file");
+    MultipartUploadManager uploads(context);
+    const BufferSharedPtr buffer = context->bufferFactory->build(2);
+    std::string lastTag;
+    const auto upload = [&](const MultipartUploadManager::RecordSource& takeRecord)
+    { uploads.asyncUploadPart(takeRecord, buffer, [&](const std::string& tag) { lastTag = tag; }); };
+    std::promise<void> taken;
+    std::promise<void> mayGoOn;
+    run("smaller",
+        [&]
+        {
+            upload(
+                [&]
+                {
+                    taken.set_value();
+                    mayGoOn.get_future().wait();
+                    return PartInfo{0, 0, 1, ""};
+                });
+        });
+    taken.get_future().wait();
+    run("grown", [&] { upload([] { return PartInfo{0, 0, 2, ""}; }); });
+    waitUntilAsleep("grown");
+    mayGoOn.set_value();
+    join();
+    uploads.joinUploads();
+    uploads.complete({{0, 0, 2, lastTag}});
+    EXPECT_EQ(store->get("file"), std::string(2, '\0'));
 }
 
 TEST_P(HeldCallTest, TwoFirstPartsOpenOneUpload)

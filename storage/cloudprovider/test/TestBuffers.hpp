@@ -12,6 +12,7 @@ namespace storage::cloudprovider
 struct BufferFaults
 {
     std::exception_ptr onBuild;
+    std::exception_ptr onOpen;
     std::exception_ptr onClose;
 
     static void raise(const std::exception_ptr& failure)
@@ -34,7 +35,11 @@ public:
     }
 
     std::size_t size() const override { return m_bytes.size(); }
-    void open() override { m_isOpen = true; }
+    void open() override
+    {
+        BufferFaults::raise(m_faults.onOpen);
+        m_isOpen = true;
+    }
     bool isOpen() const override { return m_isOpen; }
     const char* data() const override { return m_isOpen ? m_bytes.data() : nullptr; }
     char* data() override { return m_isOpen ? m_bytes.data() : nullptr; }
