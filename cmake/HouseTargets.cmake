@@ -57,6 +57,7 @@ function(house_check_test_files)
     file(GLOB_RECURSE files CONFIGURE_DEPENDS
         "${PROJECT_SOURCE_DIR}/foundation/test/*.cpp"
         "${PROJECT_SOURCE_DIR}/storage/*/test/*.cpp"
+        "${PROJECT_SOURCE_DIR}/storage/clients/*/test/*.cpp"
         "${PROJECT_SOURCE_DIR}/tools/*/test/*.cpp")
     get_property(named GLOBAL PROPERTY HOUSE_TEST_FILES)
     foreach(file IN LISTS files)

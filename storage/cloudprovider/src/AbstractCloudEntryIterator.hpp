@@ -22,7 +22,7 @@ namespace storage::cloudprovider
 
 /// Pages through the keys below a folder as the caller advances; the class T says what each key means.
 ///
-/// Fetches as soon as the last entry at hand is taken, and no further than one entry. Clones share the m_client alone.
+/// Fetches as soon as the last entry at hand is taken, and no further than one entry. Clones share the client alone.
 /// One thread at a time may use an iterator.
 template <typename T>
 class AbstractCloudEntryIterator : public foundation::storage::provider::IClonableFolderEntryIterator<T>

@@ -15,6 +15,7 @@
 
 #include <array>
 #include <sstream>
+#include <utility>
 
 namespace storage::cloudprovider
 {
@@ -48,10 +49,11 @@ template <typename Body>
 auto runOperation(const CallSite& site, const fsp::StorageIRI& iri, Body body)
 {
     logEntry(site, named("iri", iri));
-    const fsp::StorageIRI resolved = getResolvedIRI(iri);
+    fsp::StorageIRI resolved = iri;
     try
     {
-        return body(resolved);
+        resolved = getResolvedIRI(iri);
+        return body(std::as_const(resolved));
     }
     catch (...)
     {
@@ -67,12 +69,16 @@ void runTransfer(
     const CallSite& site, const char* firstName, const fsp::StorageIRI& first, const fsp::StorageIRI& second, Body body)
 {
     logEntry(site, named(firstName, first));
-    const fsp::StorageIRI resolvedFirst = getResolvedIRI(first);
-    const fsp::StorageIRI resolvedSecond = getResolvedIRI(second);
+    fsp::StorageIRI resolvedFirst = first;
+    fsp::StorageIRI resolvedSecond = second;
     const fsp::StorageIRI* concerned = &resolvedFirst;
     try
     {
-        body(resolvedFirst, resolvedSecond, concerned);
+        resolvedFirst = getResolvedIRI(first);
+        concerned = &resolvedSecond;
+        resolvedSecond = getResolvedIRI(second);
+        concerned = &resolvedFirst;
+        body(std::as_const(resolvedFirst), std::as_const(resolvedSecond), concerned);
     }
     catch (...)
     {
@@ -284,6 +290,12 @@ void CloudProvider::doMoveFile(
                 // Its own copy would be what is removed in the end.
                 getFileAttributes(from);
                 return;
+            }
+            if (globalOpenFileManager().isOpen(to))
+            {
+                // The copy would be shared with the streams that are open there, and be in their hands alone when the
+                // source is removed.
+                throw fsp::Exception(fsp::ErrorCode::InUse, to);
             }
             fsp::ByteStreamPtr reader = openReadOnlyStream(from);
             fsp::ByteStreamPtr writer =

@@ -32,6 +32,7 @@ auto mapStreamError(Body body)
     }
     catch (...)
     {
+        logCaughtException();
         throw Failure(errorCodeOfCurrentException());
     }
 }
@@ -194,7 +195,6 @@ void OpenFileByteStream::doClose()
             logCaughtException();
             firstFailure = std::current_exception();
         }
-        m_device.reset();
     }
     if (m_partManager)
     {
@@ -214,7 +214,14 @@ void OpenFileByteStream::doClose()
     }
     if (firstFailure)
     {
-        mapStreamError<fsp::ByteStreamCloseFailure>([&] { std::rethrow_exception(firstFailure); });
+        try
+        {
+            std::rethrow_exception(firstFailure);
+        }
+        catch (...) // logged where it was caught first
+        {
+            throw fsp::ByteStreamCloseFailure(errorCodeOfCurrentException());
+        }
     }
 }
 
@@ -231,7 +238,6 @@ void OpenFileByteStream::closeCurrentPart()
     if (m_device)
     {
         m_partManager->closePart(std::move(m_device));
-        m_device.reset();
     }
 }
 

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "InternalExport.hpp"
-
 #include <foundation/storage/provider/ByteStream.hpp>
 
 namespace storage::cloudprovider

@@ -54,7 +54,7 @@ std::u16string canonicalize(const std::u16string& path)
 
 std::string iriToKey(const foundation::storage::provider::StorageIRI& iri)
 {
-    const std::u16string path = iri.hasPath() ? std::u16string(iri.getPath()) : std::u16string();
+    const std::u16string path = iri.hasPath() ? iri.getPath() : std::u16string();
     return fl::i18n::ustring_to_utf8(removeLeadingSlash(canonicalize(path)));
 }
 

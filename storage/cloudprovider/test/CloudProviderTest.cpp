@@ -371,7 +371,10 @@ TEST_F(CloudProviderTest, OpenFilesAreNeitherRemovedNorMoved)
         EXPECT_EQ(removeFile("a").run(*provider), "6 cloud://store/a");
         EXPECT_EQ(moveFile("a", "b", 6U).run(*provider), "6 cloud://store/a") << "before the policy is looked at";
         EXPECT_THAT(store->takeCalls(), IsEmpty());
+        EXPECT_EQ(moveFile("d/a", "a", 1U).run(*provider), "6 cloud://store/a")
+            << "the only copy would be in the hands of the stream that is open there";
     }
+    EXPECT_EQ(keys(), "a d/a d/b");
     const Action removeTree = removeFolderRecursively("d");
     fsp::ByteStreamPtr stream;
     store->faults().setHook(

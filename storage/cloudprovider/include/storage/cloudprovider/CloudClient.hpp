@@ -60,8 +60,9 @@ CLOUDPROVIDER_EXPORT std::ostream& operator<<(std::ostream& out, const PartInfo&
 /// operation leaves the store as it was, or as if the operation had succeeded; never in between.
 ///
 /// Threads: the provider, every iterator and every open file share one instance and call it from any thread at the
-/// same time; uploadPart(), copyPart() and getObjectRange() run concurrently even for one key. No call is made under
-/// a lock of the provider, except the three that open and end a multipart upload, which run one at a time per upload.
+/// same time; uploadPart(), copyPart() and getObjectRange() run concurrently even for one key. Calls about an open file
+/// are made under locks of that file, which its streams take too: a client must not use streams of the file that it is
+/// called for.
 ///
 /// Ownership: arguments are borrowed until the call returns; streams must not be kept.
 class CLOUDPROVIDER_EXPORT CloudClient
@@ -70,7 +71,6 @@ public:
     CloudClient() = default;
     CloudClient(const CloudClient&) = delete;
     CloudClient& operator=(const CloudClient&) = delete;
-    virtual ~CloudClient() = default;
 
     /// Tell whether an object exists under exactly this key, and describe it.
     ///
@@ -79,6 +79,8 @@ public:
 
     /// Refuse a file name that the store could not keep, before anything is written.
     ///
+    /// Asked when a file is opened to be written afresh. Other ways to create an object do not ask, so putObject() and
+    /// createMultipartUpload() judge for themselves.
     /// @param name  the last segment of the path, UTF-8, without "/"
     /// @throws InvalidLocationException with the reason in its detail; returning accepts the name
     virtual void validateObjectName(const std::string& name) = 0;
@@ -134,7 +136,8 @@ public:
 
     /// Let the store take bytes [Offset, Offset + Size) of the object now under the key as the part with this Index.
     ///
-    /// @param part  as getObjectParts() gave it. A client that can tell must fail when the object has changed since.
+    /// @param part  as getObjectParts() gave it, or with the tag that this client returned for the part in an upload
+    ///              completed since. A client that can tell must fail when the object has changed.
     /// @return the tag that completeMultipartUpload() must be given for this part
     virtual std::string copyPart(const std::string& key, const std::string& uploadId, const PartInfo& part) = 0;
 
@@ -148,6 +151,8 @@ public:
     ///               never sent or its tag is not the one of its last upload.
     virtual void completeMultipartUpload(
         const std::string& key, const std::string& uploadId, const std::vector<PartInfo>& parts) = 0;
+
+    virtual ~CloudClient() = default;
 };
 
 using CloudClientSharedPtr = std::shared_ptr<CloudClient>;

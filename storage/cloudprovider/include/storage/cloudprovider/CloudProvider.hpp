@@ -15,7 +15,8 @@ namespace storage::cloudprovider
 enum class FolderPolicy : std::uint32_t
 {
     MarkerObjects = 0, ///< a folder has an empty object under its key; it can be created, be empty and carry a time
-    KeyPrefixes = 1,   ///< a folder is what the keys below it imply; it cannot be created and is never empty
+    KeyPrefixes = 1,   ///< a folder is what the keys below it imply; it cannot be created and is never empty. Any
+                       ///< other value means the same
 };
 
 /// A flat object store as a tree of files and folders.
@@ -27,9 +28,14 @@ enum class FolderPolicy : std::uint32_t
 ///
 /// - A file is one object. It can be created where no parent folder exists: the parent is implied from then on.
 /// - Files are read and written through streams (openStream, openReadOnlyStream); see OpenFileManager.
-/// - Removing a file that is missing is no failure; removing or moving one that is open is (InUse).
+/// - Removing a file that is missing is no failure; removing or moving one that is open is (InUse). Open files go by
+///   their IRI: a stream under another spelling of the same key is not seen.
 /// - Moving and copying read and write the contents through streams. A failed copy may leave a partial destination, but
 ///   never removes its source. Moving or copying a file onto itself changes nothing.
+/// - A move refuses a destination that is a folder (AlreadyExists), one that is a file under ReplacementPolicy::Fail
+///   (AlreadyExists), one that is open (InUse), and policies that it does not know (Unsupported). A copy refuses an
+///   existing file under the policies 0 and 4, and a folder if the provider was built to check; onto a file that is
+///   open it writes into what the streams there share, and the last of them to close stores it.
 /// - Recursive removal stops at the first failure and keeps what it had removed.
 /// - Folders cannot be moved; times and permissions cannot be set (Unsupported).
 /// - Listings fetch a page at a time while the caller advances; the first page is fetched by the call itself.

@@ -17,8 +17,9 @@ namespace storage::cloudprovider
 
 class OpenPartManager;
 
-/// The registry of open files: all streams of a process on one file share one OpenPartManager, and so one set of parts,
-/// one upload and one view of the contents.
+/// The registry of open files: all streams of a process on one IRI share one OpenPartManager, and so one set of parts,
+/// one upload and one view of the contents. Two IRIs that make the same key are two files here: a host uses one
+/// spelling.
 ///
 /// The registry only observes: the streams own the part manager, and the file is closed when the last of them closes.
 /// Any thread may call any operation. Neither the store nor a part manager is called while the registry's lock is held,
@@ -48,14 +49,14 @@ public:
         foundation::storage::provider::ByteStreamCreate create,
         foundation::storage::provider::ByteStreamTruncate truncate, CloudClientSharedPtr client);
 
-    /// Open an existing file for reading. Writes to the stream are refused.
+    /// Open an existing file for reading. Writes to the stream are refused. Throws like open().
     foundation::storage::provider::ByteStreamPtr openReadOnly(
         foundation::storage::provider::StorageIRI iri, CloudClientSharedPtr client);
 
     /// Open a file for writing, and for reading too when the options allow it.
     ///
     /// The contents reach the store when the last stream on the file is closed. Close the stream explicitly: a stream
-    /// that is destroyed unclosed is closed then, and a failure can only be logged.
+    /// that is destroyed unclosed is closed then, and a failure can only be logged. Throws like open().
     foundation::storage::provider::ByteStreamPtr openReadWrite(foundation::storage::provider::StorageIRI iri,
         const foundation::storage::provider::ByteStreamOpenOptions& options, CloudClientSharedPtr client);
 

@@ -34,7 +34,7 @@ CLOUDPROVIDER_EXPORT std::u16string canonicalize(const std::u16string& path);
 /// Make the key of the file that the IRI names: its canonical path without the leading "/", in UTF-8.
 ///
 /// Only the path counts; an IRI without one gives the empty key, which is the root's.
-/// @throws whatever fl::i18n::ustring_to_utf8 throws for text that is no UTF-16
+/// @throws foundation::storage::provider::Exception for an IRI that is malformed
 CLOUDPROVIDER_EXPORT std::string iriToKey(const foundation::storage::provider::StorageIRI& iri);
 
 /// Return the path without its first character if that is "/".
