@@ -123,7 +123,8 @@ auto LocalClient::perform(Operation operation, const std::string& key, Body body
 }
 
 LocalClient::LocalClient(const std::filesystem::path& directory, std::uint64_t largestInIndex)
-    : m_directory(std::filesystem::absolute(directory))
+    : m_directory(translated(
+          [&] { return std::filesystem::absolute(directory); }, [] { return std::string("opening a local store"); }))
     , m_largestInIndex(largestInIndex)
 {
     translated(

@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <sstream>
 
 #include <fcntl.h>
@@ -87,6 +88,12 @@ struct Refusal
     const char* reason;
 };
 
+// The row's name alone in the names of the cases.
+void PrintTo(const Refusal& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class RefusalTest : public ::testing::TestWithParam<Refusal>
 {
 };
@@ -160,6 +167,11 @@ struct Damage
     std::function<void(const std::filesystem::path& store)> inflict;
     const char* reason;
 };
+
+void PrintTo(const Damage& row, std::ostream* out)
+{
+    *out << row.name;
+}
 
 class DamageTest : public ::testing::TestWithParam<Damage>
 {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <vector>
 
 namespace storage::clients::test
@@ -40,6 +41,12 @@ TEST_P(SharedUseTest, ProcessesWriteTheSameAndOtherKeys)
                     }
                 }
             }));
+    }
+    // Whoever finds the mark of a dead client collects what it left, and nothing of those that live.
+    for (int opened = 0; opened < 60; ++opened)
+    {
+        const LocalClient client(folder.store());
+        std::ofstream(folder.store() / "sessions" / "00000000000000ff");
     }
     for (const int process : processes)
     {
