@@ -17,7 +17,7 @@ packages=(
     # checking: git names the files that are ours
     clang-format-14 clang-tidy-14 git
     # measuring
-    libbenchmark-dev
+    libbenchmark-dev time
 )
 
 if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
