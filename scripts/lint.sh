@@ -14,8 +14,10 @@ check_format()
 
 check_tidy()
 {
+    # It counts what it found in headers of others, only to say no more about it.
     git ls-files -z '*.cpp' ':!:*/test/*' ':!:bench/*' ':!:cmake/*' |
-        xargs -0 -r -n 1 -P "$(nproc)" clang-tidy-14 --quiet -p build/tsan
+        xargs -0 -r -n 1 -P "$(nproc)" clang-tidy-14 --quiet -p build/tsan 2>&1 |
+        { grep -vE '^[0-9]+ warnings? generated\.$' || true; }
 }
 
 what=${1:-all}

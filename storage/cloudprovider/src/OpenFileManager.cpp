@@ -25,7 +25,7 @@ constexpr const char* source = "src/OpenFileManager";
 std::shared_ptr<OpenPartManager> buildPartManager(const fsp::StorageIRI& iri, fsp::ByteStreamCreate create,
     fsp::ByteStreamTruncate truncate, const CloudClientSharedPtr& client)
 {
-    const auto partManager = std::make_shared<OpenPartManager>(
+    auto partManager = std::make_shared<OpenPartManager>(
         std::make_shared<OpenFileContext>(iri, client, std::make_unique<DiskBackedBufferFactory>()));
     const bool mustExist = create == fsp::ByteStreamCreate::MustExist;
     if (truncate == fsp::ByteStreamTruncate::Keep)
