@@ -2,7 +2,6 @@
 #include "Transfer.hpp"
 
 #include <cstdint>
-#include <limits>
 #include <memory>
 #include <string>
 
@@ -30,7 +29,7 @@ void addEditCommands(CLI::App& app, Session& session)
 {
     const auto path = std::make_shared<std::string>();
     const auto offset = std::make_shared<std::uint64_t>(0);
-    constexpr auto furthest = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+    constexpr std::uint64_t furthest = 5ULL << 40; // no store takes larger objects, and a gap costs its size
 
     auto* write = app.add_subcommand("write", "Write standard input over bytes of an existing file");
     write->add_option("PATH", *path, "An existing file")->required();
