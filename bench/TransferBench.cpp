@@ -234,11 +234,20 @@ void transfer(benchmark::State& state, void (*run)(BenchStore&))
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(fileSize));
 }
 
-BENCHMARK_CAPTURE(transfer, WriteProvider, writeThroughProvider)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK_CAPTURE(transfer, WriteByHand, writeByHand)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK_CAPTURE(transfer, WriteBestLoop, writeBestLoop)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK_CAPTURE(transfer, ReadProvider, readThroughProvider)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK_CAPTURE(transfer, ReadByHand, readByHand)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK_CAPTURE(transfer, ReadBestLoop, readBestLoop)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_CAPTURE(transfer, WriteProvider, writeThroughProvider)
+    ->Unit(benchmark::kMillisecond)
+    ->MinWarmUpTime(1)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(transfer, WriteByHand, writeByHand)->Unit(benchmark::kMillisecond)->MinWarmUpTime(1)->UseRealTime();
+BENCHMARK_CAPTURE(transfer, WriteBestLoop, writeBestLoop)
+    ->Unit(benchmark::kMillisecond)
+    ->MinWarmUpTime(1)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(transfer, ReadProvider, readThroughProvider)
+    ->Unit(benchmark::kMillisecond)
+    ->MinWarmUpTime(1)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(transfer, ReadByHand, readByHand)->Unit(benchmark::kMillisecond)->MinWarmUpTime(1)->UseRealTime();
+BENCHMARK_CAPTURE(transfer, ReadBestLoop, readBestLoop)->Unit(benchmark::kMillisecond)->MinWarmUpTime(1)->UseRealTime();
 
 } // namespace
