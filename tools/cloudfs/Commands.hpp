@@ -15,5 +15,6 @@ void addPutCommand(CLI::App& app, Session& session);     // put
 void addGetCommands(CLI::App& app, Session& session);    // get, cat
 void addEditCommands(CLI::App& app, Session& session);   // write, append
 void addCopyCommands(CLI::App& app, Session& session);   // cp, mv
+void addUploadCommands(CLI::App& app, Session& session); // uploads list, uploads abort
 
 } // namespace cloudfs

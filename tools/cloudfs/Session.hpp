@@ -33,6 +33,9 @@ public:
     const fsp::IProvider& provider() const noexcept { return *m_provider; }
     storage::clients::CancellableClient& client() const noexcept { return *m_client; }
 
+    /// The store itself, which may offer more than a CloudClient must.
+    storage::cloudprovider::CloudClient& store() const noexcept { return *m_store; }
+
     /// Make a call, and turn whatever it throws into a Failure about this path with the best reason there is.
     template <typename Call>
     auto at(const StorePath& path, Call call) const

@@ -53,6 +53,7 @@ int run(int argc, char** argv)
     addGetCommands(app, session);
     addEditCommands(app, session);
     addCopyCommands(app, session);
+    addUploadCommands(app, session);
     try
     {
         app.parse(argc, argv);

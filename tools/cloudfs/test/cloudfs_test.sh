@@ -290,6 +290,36 @@ test_interrupt()
     [[ -z $(find target buffers -type f) ]] || fail "left behind: $(find target buffers -type f)"
 }
 
+# A program that is killed cannot end its upload.
+test_uploads()
+{
+    mkfifo source log
+    ZV_CLOUD_PART_SIZE_OVERRIDE=16384 "$program" -v put - /killed <source 2>log &
+    local pid=$! begun=0 line
+    exec 3>source 4<log
+    bytes 100000 >&3
+    while ((begun < 2)) && read -r line <&4; do # when the second part begins, the first is in the store
+        [[ $line != *::uploadPart* ]] || begun=$((begun + 1))
+    done
+    kill -s KILL $pid
+    wait $pid
+    exec 3>&- 4<&-
+    expect 0 '' uploads list
+    [[ $(<out) =~ ^20.*\ \ /killed$ ]] || fail "listed: $(<out)"
+    expect 0 '' uploads list --older-than 1h
+    printed ''
+    expect 2 '.*--older-than.*' uploads abort
+    expect 2 '.*--older-than.*' uploads abort --older-than 5
+    expect 0 '' uploads abort --older-than 1h
+    printed ''
+    expect 0 '' uploads abort --older-than 0s
+    [[ $(<out) =~ ^aborted\ .*\ \ /killed$ ]] || fail "printed: $(<out)"
+    expect 0 '' uploads list
+    printed ''
+    rm -f buffers/* # of the killed program
+    nothing_left
+}
+
 test_failing_source()
 {
     echo old | expect 0 '' put - /file

@@ -1,5 +1,7 @@
 #include <storage/clients/conformance/CloudClientConformance.hpp>
 
+#include <storage/clients/common/UploadInventory.hpp>
+
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -196,6 +198,31 @@ TEST_P(CloudClientConformance, DoesNotCopyFromAnObjectThatChangedOrWent)
     EXPECT_THROW(copy("k", id, 0, stored[0]), ResourceNotFoundException);
     client().completeMultipartUpload("k", id, {upload("k", id, 0, "new")});
     EXPECT_EQ(get("k"), "new") << "a failed copy leaves the upload usable";
+}
+
+TEST_P(CloudClientConformance, OpenUploadsAreToldOldestFirst)
+{
+    auto* const inventory = dynamic_cast<UploadInventory*>(&client());
+    if (inventory == nullptr)
+    {
+        GTEST_SKIP() << "the client does not tell which uploads are open";
+    }
+    const auto pending = [&]
+    {
+        std::vector<std::string> uploads;
+        for (const PendingUpload& upload : inventory->pendingUploads())
+        {
+            EXPECT_FALSE(upload.created.is_special());
+            uploads.push_back(upload.key + " " + upload.uploadId);
+        }
+        return uploads;
+    };
+    const std::string second = client().createMultipartUpload("z", "");
+    const std::string first = client().createMultipartUpload("a", "");
+    EXPECT_EQ(pending(), (std::vector<std::string>{"z " + second, "a " + first}));
+    client().abortMultipartUpload("z", second);
+    client().completeMultipartUpload("a", first, {upload("a", first, 0, "x")});
+    EXPECT_EQ(pending(), std::vector<std::string>());
 }
 
 } // namespace storage::clients::conformance

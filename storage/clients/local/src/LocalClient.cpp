@@ -299,6 +299,17 @@ void LocalClient::completeMultipartUpload(
         });
 }
 
+std::vector<PendingUpload> LocalClient::pendingUploads()
+{
+    return translated(
+        [&]
+        {
+            Database::Reading index(*m_index);
+            return local::listUploads(*index);
+        },
+        [&] { return fmt::format("listing the open uploads in \"{}\"", m_directory.native()); });
+}
+
 CallSnapshot LocalClient::callSnapshot() const
 {
     return m_counters.snapshot();

@@ -57,6 +57,18 @@ std::int64_t requireUpload(Connection& index, const std::string& key, const std:
     return upload;
 }
 
+std::vector<PendingUpload> listUploads(Connection& index)
+{
+    std::vector<PendingUpload> uploads;
+    Query query = index.query("SELECT id, key, created FROM uploads ORDER BY created, id");
+    while (query.next())
+    {
+        uploads.push_back(
+            {std::string(query.bytes(1)), std::to_string(query.integer(0)), fromMicroseconds(query.integer(2))});
+    }
+    return uploads;
+}
+
 void setUploadPart(Change& change, std::int64_t upload, std::size_t part, std::int64_t content)
 {
     const std::optional<UploadPart> before = findPart(change.index(), upload, part);

@@ -2,6 +2,7 @@
 
 #include "Change.hpp"
 
+#include <storage/clients/common/UploadInventory.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
 
 #include <cstdint>
@@ -23,6 +24,9 @@ std::int64_t beginUpload(Change& change, const std::string& key);
 ///
 /// @throws Failure when there is none of this number for this key
 std::int64_t requireUpload(Connection& index, const std::string& key, const std::string& id);
+
+/// List all that are open, in the order in which they began.
+std::vector<PendingUpload> listUploads(Connection& index);
 
 /// Make the content the part, in place of what was sent for it before. One reference of it is the upload's from now on.
 void setUploadPart(Change& change, std::int64_t upload, std::size_t part, std::int64_t content);

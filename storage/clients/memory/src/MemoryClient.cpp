@@ -144,7 +144,7 @@ std::string MemoryClient::createMultipartUpload(const std::string& key, const st
         [&]
         {
             checkKey(key);
-            return m_store->openUpload(key, tag);
+            return m_store->openUpload(key, tag, m_clock());
         });
 }
 
@@ -214,6 +214,16 @@ bool MemoryClient::remove(const std::string& key)
 std::vector<std::string> MemoryClient::keys() const
 {
     return m_store->keys();
+}
+
+std::vector<PendingUpload> MemoryClient::pendingUploads()
+{
+    std::vector<PendingUpload> pending;
+    for (OpenUpload& upload : openUploads())
+    {
+        pending.push_back({std::move(upload.key), std::move(upload.uploadId), upload.created});
+    }
+    return pending;
 }
 
 std::vector<OpenUpload> MemoryClient::openUploads() const

@@ -175,11 +175,11 @@ std::vector<std::string> MemoryStore::keys() const
     return result;
 }
 
-std::string MemoryStore::openUpload(const std::string& key, const std::string& tag)
+std::string MemoryStore::openUpload(const std::string& key, const std::string& tag, Time now)
 {
     const std::unique_lock lock(m_mutex);
     std::string uploadId = text(++m_lastNumber);
-    m_uploads.emplace(uploadId, Upload{key, tag, {}});
+    m_uploads.emplace(uploadId, Upload{key, tag, now, {}});
     return uploadId;
 }
 
@@ -265,7 +265,7 @@ std::vector<OpenUpload> MemoryStore::openUploads() const
     std::vector<OpenUpload> result;
     for (const auto& [uploadId, upload] : m_uploads)
     {
-        OpenUpload open{upload.key, uploadId, upload.tag, {}};
+        OpenUpload open{upload.key, uploadId, upload.tag, {}, upload.created};
         for (const auto& [index, part] : upload.parts)
         {
             open.parts.push_back(index);

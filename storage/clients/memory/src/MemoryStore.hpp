@@ -59,7 +59,7 @@ public:
     std::vector<std::string> keys() const;
 
     /// @return the identifier
-    std::string openUpload(const std::string& key, const std::string& tag);
+    std::string openUpload(const std::string& key, const std::string& tag, Time now);
 
     /// @throws ResourceNotFoundException when the key has no such upload
     void checkUpload(const std::string& key, const std::string& uploadId) const;
@@ -97,6 +97,7 @@ private:
     {
         std::string key;
         std::string tag;
+        Time created;
         std::map<std::size_t, SentBytes> parts; // by index
     };
 

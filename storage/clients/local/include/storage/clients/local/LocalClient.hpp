@@ -2,6 +2,7 @@
 
 #include <storage/clients/common/CallCounters.hpp>
 #include <storage/clients/common/Operation.hpp>
+#include <storage/clients/common/UploadInventory.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
 
 #include <cstdint>
@@ -50,7 +51,7 @@ class StagedContent;
 /// Failures: a full disk, damage and everything else that is not the caller's doing are UnknownErrorException; a file
 /// of another size than it was stored with is damage, and nothing is served in its place. Refused access is
 /// PermissionDeniedException. Keys that checkKey() refuses cannot be stored: InvalidLocationException.
-class LocalClient final : public cloudprovider::CloudClient, public StoreCounters
+class LocalClient final : public cloudprovider::CloudClient, public StoreCounters, public UploadInventory
 {
 public:
     /// Contents up to this size live in the index, larger ones in files of their own.
@@ -91,6 +92,7 @@ public:
         const std::vector<cloudprovider::PartInfo>& parts) override;
 
     CallSnapshot callSnapshot() const override;
+    std::vector<PendingUpload> pendingUploads() override;
 
 private:
     template <typename Body>

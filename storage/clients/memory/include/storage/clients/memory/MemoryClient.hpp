@@ -2,6 +2,7 @@
 
 #include <storage/clients/common/CallCounters.hpp>
 #include <storage/clients/common/FaultPlan.hpp>
+#include <storage/clients/common/UploadInventory.hpp>
 
 #include <storage/cloudprovider/CloudClient.hpp>
 
@@ -28,6 +29,7 @@ struct OpenUpload
     std::string uploadId;
     std::string tag;                ///< as createMultipartUpload() was given it
     std::vector<std::size_t> parts; ///< indexes held, ascending
+    boost::posix_time::ptime created;
 };
 
 /// An object store in memory, for tests, examples and measurements: the whole contract of CloudClient, and controls
@@ -43,7 +45,7 @@ struct OpenUpload
 ///
 /// Threads: everything, the controls included, may be called at any time from any thread. No lock is held while content
 /// streams, hooks or clocks of others run.
-class MemoryClient : public cloudprovider::CloudClient, public StoreCounters
+class MemoryClient : public cloudprovider::CloudClient, public StoreCounters, public UploadInventory
 {
 public:
     using Clock = std::function<boost::posix_time::ptime()>;
@@ -74,6 +76,7 @@ public:
         const std::vector<cloudprovider::PartInfo>& parts) override;
 
     CallSnapshot callSnapshot() const override;
+    std::vector<PendingUpload> pendingUploads() override;
 
     // Behind the caller's back: neither counted nor subject to faults, hooks and delays.
 

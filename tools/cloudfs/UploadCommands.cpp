@@ -1,0 +1,105 @@
+#include "Commands.hpp"
+#include "Failure.hpp"
+#include "Text.hpp"
+
+#include <storage/clients/common/UploadInventory.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <fmt/format.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace cloudfs
+{
+
+namespace
+{
+
+using storage::clients::PendingUpload;
+
+constexpr std::int64_t longestAge = 100LL * 365 * 24 * 3600; // seconds; times before that cannot be told
+
+std::vector<PendingUpload> uploadsOlderThan(const Session& session, std::int64_t seconds)
+{
+    auto* const inventory = dynamic_cast<storage::clients::UploadInventory*>(&session.store());
+    if (inventory == nullptr)
+    {
+        throw Failure(session.storeUrl, "this store cannot tell which uploads are open", fsp::ErrorCode::Unsupported);
+    }
+    std::vector<PendingUpload> uploads = inventory->pendingUploads();
+    const auto youngest = boost::posix_time::microsec_clock::universal_time() - boost::posix_time::seconds(seconds);
+    std::erase_if(uploads, [&](const PendingUpload& upload) { return upload.created > youngest; });
+    return uploads;
+}
+
+void list(const Session& session, std::int64_t seconds)
+{
+    for (const PendingUpload& upload : uploadsOlderThan(session, seconds))
+    {
+        fmt::print("{}  {}  /{}\n", text::fullTime(upload.created), text::printable(upload.uploadId),
+            text::printable(upload.key));
+    }
+}
+
+void abort(const Session& session, std::int64_t seconds)
+{
+    for (const PendingUpload& upload : uploadsOlderThan(session, seconds))
+    {
+        try
+        {
+            session.store().abortMultipartUpload(upload.key, upload.uploadId);
+        }
+        catch (const storage::cloudprovider::ResourceNotFoundException&)
+        {
+            continue; // it ended meanwhile, which is as good
+        }
+        fmt::print("aborted  {}  /{}\n", text::printable(upload.uploadId), text::printable(upload.key));
+    }
+}
+
+CLI::Option* addAge(CLI::App& command, std::int64_t& seconds)
+{
+    const std::map<std::string, std::int64_t> units{{"s", 1}, {"m", 60}, {"h", 3600}, {"d", 24 * 3600}};
+    return command.add_option("--older-than", seconds, "Leave out what is younger: a number with s, m, h or d")
+        ->transform(CLI::AsNumberWithUnit(units, CLI::AsNumberWithUnit::UNIT_REQUIRED, "AGE"))
+        ->check(CLI::Range(std::int64_t{0}, longestAge).description(""));
+}
+
+/// Run a command, and turn what the store throws into a Failure about the store.
+void run(const Session& session, std::int64_t seconds, void (*command)(const Session&, std::int64_t))
+{
+    try
+    {
+        command(session, seconds);
+    }
+    catch (const storage::cloudprovider::CloudException& exception)
+    {
+        throw Failure::ofStore(session.storeUrl, exception);
+    }
+}
+
+} // namespace
+
+void addUploadCommands(CLI::App& app, Session& session)
+{
+    auto* uploads = app.add_subcommand("uploads", "Look after uploads in parts that a crash left open");
+    uploads->require_subcommand(1);
+    uploads->footer("An upload that is still being sent is open, too: choose an age that no transfer takes.");
+    const auto age = std::make_shared<std::int64_t>(0);
+
+    auto* listed = uploads->add_subcommand("list", "List open uploads: when each began, its identifier, its file");
+    addAge(*listed, *age);
+    listed->callback([&session, age] { run(session, *age, list); });
+
+    auto* aborted = uploads->add_subcommand("abort", "End open uploads and drop what was sent");
+    addAge(*aborted, *age)->required();
+    aborted->callback([&session, age] { run(session, *age, abort); });
+}
+
+} // namespace cloudfs
