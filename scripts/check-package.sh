@@ -31,15 +31,26 @@ by_cmake()
 }
 quietly build/logs/package-by-cmake.log by_cmake
 
+export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
 by_pkg_config()
 {
-    export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
     # shellcheck disable=SC2046 # flags are words
     g++ -std=c++20 $(pkg-config --cflags cloudprovider-stores) cmake/consumer/main.cpp -o "$scratch/by-pkg-config" \
         $(pkg-config --libs cloudprovider-stores) -Wl,-rpath,"$prefix/lib" &&
         consume "$scratch/by-pkg-config"
 }
 quietly build/logs/package-by-pkg-config.log by_pkg_config
+
+# The host that the documentation shows.
+documented_host()
+{
+    sed -n '/^```cpp$/,/^```$/{/^```/d;p}' docs/embedding.md | sed "s#/var/tmp/example-store#$scratch/example#" >"$scratch/host.cpp"
+    # shellcheck disable=SC2046 # flags are words
+    g++ -std=c++20 $(pkg-config --cflags cloudprovider-stores) "$scratch/host.cpp" -o "$scratch/host" \
+        $(pkg-config --libs cloudprovider-stores) -Wl,-rpath,"$prefix/lib" &&
+        [[ $(timeout 60 "$scratch/host") == cloud://example/greetings/hello.txt ]]
+}
+quietly build/logs/package-documented-host.log documented_host
 
 # The installed command line reads what the consumer wrote.
 quietly build/logs/package-cloudfs.log timeout 60 "$prefix/bin/cloudfs" --store "local:$scratch/store" stat /folder/greeting.txt

@@ -67,6 +67,7 @@ CLI::Option* addAge(CLI::App& command, std::int64_t& seconds)
 {
     const std::map<std::string, std::int64_t> units{{"s", 1}, {"m", 60}, {"h", 3600}, {"d", 24 * 3600}};
     return command.add_option("--older-than", seconds, "Leave out what is younger: a number with s, m, h or d")
+        ->type_name("")
         ->transform(CLI::AsNumberWithUnit(units, CLI::AsNumberWithUnit::UNIT_REQUIRED, "AGE"))
         ->check(CLI::Range(std::int64_t{0}, longestAge).description(""));
 }
