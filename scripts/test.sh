@@ -22,8 +22,8 @@ if ((status == 124)); then
     echo "test: the tests were ended because they took more than 25 minutes"
     exit 1
 elif ((status != 0)); then
-    # What passed is of no interest; neither are the lines that only announce a test.
-    grep -vE '^ *Start +[0-9]+: |^ *[0-9]+/[0-9]+ Test +#[0-9]+: .* +Passed +[0-9.]+ sec$' "$log" || true
+    # What passed or was skipped is of no interest; neither are the lines that only announce a test.
+    grep -vE '^ *Start +[0-9]+: |^ *[0-9]+/[0-9]+ Test +#[0-9]+: .*(\*\*\*Skipped| Passed) +[0-9.]+ sec$' "$log" || true
     exit "$status"
 fi
 sed -n '/ tests passed, /,$p' "$log"
