@@ -99,7 +99,7 @@ struct Script
         stream ? attempt([&] { stream->close(); }) : void();
     }
 
-    const CloudProvider& provider;
+    const fsp::IProvider& provider;
     const std::size_t unit; // a part has 16 of it
     const bool givesUp;
     std::string content;    // of the file, as the caller believes it to be

@@ -1,7 +1,10 @@
 #pragma once
 
+#include "OpenFileContext.hpp"
+
 #include <storage/clients/memory/MemoryClient.hpp>
 #include <storage/cloudprovider/CloudProvider.hpp>
+#include <storage/cloudprovider/DiskBackedBufferFactory.hpp>
 #include <storage/cloudprovider/Logger.hpp>
 
 #include <foundation/storage/provider/ByteStreamFailure.hpp>
@@ -190,16 +193,26 @@ private:
 };
 
 /// A provider over a store in memory.
-class FileTest : public testing::Test
+template <typename Store>
+class StoreFixture : public testing::Test
 {
 protected:
-    FileTest() { getLogger().setEnabledSeverities(0); } // failures are what these tests are full of
+    StoreFixture()
+    {
+        unsetenv(partSizeVariable);
+        unsetenv(cacheVariable);
+    }
+
+    ~StoreFixture() override { getLogger().setEnabledSeverities(m_severities); }
+
+    static constexpr const char* partSizeVariable = "ZV_CLOUD_PART_SIZE_OVERRIDE";
+    static constexpr const char* cacheVariable = "ZV_CLOUD_DOWNLOADED_PART_CACHE_OVERRIDE";
 
     /// Choose the sizes of files that are opened from now on. Call while no other thread runs.
     static void setSizes(std::size_t part, std::size_t cache)
     {
-        setenv("ZV_CLOUD_PART_SIZE_OVERRIDE", std::to_string(part).c_str(), 1);
-        setenv("ZV_CLOUD_DOWNLOADED_PART_CACHE_OVERRIDE", std::to_string(cache).c_str(), 1);
+        setenv(partSizeVariable, std::to_string(part).c_str(), 1);
+        setenv(cacheVariable, std::to_string(cache).c_str(), 1);
     }
 
     /// Store an object in parts of the given sizes, without the provider.
@@ -230,9 +243,25 @@ protected:
         return sizes;
     }
 
+    OpenFileContextSharedPtr contextOf(const std::string& key,
+        std::unique_ptr<BufferFactory> buffers = std::make_unique<DiskBackedBufferFactory>()) const
+    {
+        return std::make_shared<OpenFileContext>(iriOf(key), store, std::move(buffers));
+    }
+
     const PrivateTempFolder temp;
-    const std::shared_ptr<clients::MemoryClient> store = std::make_shared<clients::MemoryClient>();
-    const std::shared_ptr<CloudProvider> provider = buildCloudProvider(store, FolderPolicy::MarkerObjects, true);
+    const std::shared_ptr<Store> store = std::make_shared<Store>();
+    const std::shared_ptr<fsp::IProvider> provider = buildCloudProvider(store, FolderPolicy::MarkerObjects, true);
+
+private:
+    const std::uint32_t m_severities = getLogger().enabledSeverities();
+};
+
+/// Whole files and trees. Failures are what these tests are full of, and nobody reads a log of them.
+class FileTest : public StoreFixture<clients::MemoryClient>
+{
+protected:
+    FileTest() { getLogger().setEnabledSeverities(0); }
 };
 
 } // namespace storage::cloudprovider

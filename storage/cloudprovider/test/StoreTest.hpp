@@ -1,136 +1,89 @@
 #pragma once
 
-#include "OpenFileContext.hpp"
-#include "TestStore.hpp"
+#include "FileTestSupport.hpp"
 
 #include <storage/cloudprovider/CloudExceptions.hpp>
-#include <storage/cloudprovider/DiskBackedBufferFactory.hpp>
-#include <storage/cloudprovider/Logger.hpp>
-
-#include <foundation/storage/provider/ByteStream.hpp>
-#include <foundation/storage/provider/ByteStreamFailure.hpp>
-#include <foundation/storage/provider/Exception.hpp>
+#include <storage/cloudprovider/utils.hpp>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <memory>
-#include <optional>
+#include <functional>
+#include <sstream>
 #include <string>
-#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace storage::cloudprovider
 {
 
-namespace fsp = foundation::storage::provider;
-using Lines = TestStore::Lines;
+using clients::Operation;
 
-/// Sets a variable of the environment for a scope; nothing unsets it.
-class ScopedVariable
+/// The memory store, which also notes every call: "listObjects d/ '/' -1; getObjectRange d/k 4 7". Everything in it was
+/// stored 5 seconds after 1970 began. Use it from one thread.
+class TestStore : public clients::MemoryClient
 {
 public:
-    ScopedVariable(const char* name, const std::optional<std::string>& value)
-        : m_name(name)
+    TestStore()
+        : MemoryClient([] { return utils::long2Ptime(5000); })
     {
-        if (const char* old = std::getenv(name))
+        const auto note = [this](Operation operation, const std::string& key)
         {
-            m_old = old;
-        }
-        set(value);
-    }
-    ScopedVariable(const ScopedVariable&) = delete;
-    ScopedVariable& operator=(const ScopedVariable&) = delete;
-    ~ScopedVariable() { set(m_old); }
-
-private:
-    void set(const std::optional<std::string>& value)
-    {
-        value ? ::setenv(m_name, value->c_str(), 1) : ::unsetenv(m_name);
+            m_calls += m_calls.empty() ? "" : "; ";
+            m_calls += std::string(clients::name(operation)) + " " + key + std::exchange(m_arguments, "");
+            onCall ? onCall(operation) : void();
+        };
+        faults().setHook(note);
     }
 
-    const char* const m_name;
-    std::optional<std::string> m_old;
-};
+    /// Give the calls since the last time.
+    std::string takeCalls() { return std::exchange(m_calls, {}); }
 
-/// Takes the log for a scope. Entry records are off at first.
-class LogCapture
-{
-public:
-    LogCapture()
-    {
-        foundation::log::setSink(
-            [this](std::uint32_t severity, std::string_view, std::string_view text) {
-                m_records.push_back({severity, std::string(text)});
-            });
-    }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-    ~LogCapture()
-    {
-        foundation::log::setSink({});
-        getLogger().setEnabledSeverities(m_mask);
-    }
+    /// Runs at the beginning of every call.
+    std::function<void(Operation)> onCall;
 
-    /// Give the records of one severity since the last time, and forget all.
-    Lines take(std::uint32_t severity)
+    /// If there are any, what listings give instead of the objects' keys; the tokens are page numbers.
+    std::vector<std::vector<ObjectEntry>> pages;
+
+    std::vector<ObjectEntry> listObjects(
+        const std::string& prefix, std::string& continuationToken, const ListOptions& options) override
     {
-        Lines texts;
-        for (Record& record : std::exchange(m_records, {}))
+        m_arguments = " '" + options.delimiter + "' " + std::to_string(options.maxKeys);
+        std::string ignored;
+        auto page = MemoryClient::listObjects(prefix, pages.empty() ? continuationToken : ignored, options);
+        if (!pages.empty())
         {
-            if (record.severity == severity)
-            {
-                texts.push_back(std::move(record.text));
-            }
+            const std::size_t number = continuationToken.empty() ? 0 : std::stoul(continuationToken);
+            continuationToken = number + 1 < pages.size() ? std::to_string(number + 1) : "";
+            page = pages.at(number);
         }
-        return texts;
+        return page;
+    }
+
+    void getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last) override
+    {
+        m_arguments = " " + std::to_string(first) + " " + std::to_string(last);
+        MemoryClient::getObjectRange(key, out, first, last);
     }
 
 private:
-    struct Record
-    {
-        std::uint32_t severity;
-        std::string text;
-    };
-
-    const std::uint32_t m_mask = getLogger().enabledSeverities();
-    std::vector<Record> m_records;
+    std::string m_calls;
+    std::string m_arguments; // of the call that is about to begin, behind its key
 };
 
-inline fsp::StorageIRI iri(const std::string& path)
-{
-    return fsp::StorageIRI::fromUtf8("cloud://store/" + path);
-}
-
-/// Tell in one line what an action gave or threw: "4 cloud://store/a", "6 (why) cloud://store/a",
-/// "ByteStreamReadFailure 9", "Cloud Resource not found".
+/// Tell in one line what came of an action: "done", "NotFound: mem://test/a", "ByteStreamReadFailure: InUse: detail".
 template <typename Action>
 std::string outcome(const Action& action)
 {
-    const auto text = [](const fsp::ErrorCode& code)
-    { return std::to_string(code.value()) + (code.detail() ? " (" + *code.detail() + ")" : ""); };
     try
     {
-        if constexpr (std::is_void_v<decltype(action())>)
-        {
-            action();
-            return "done";
-        }
-        else
-        {
-            return action();
-        }
-    }
-    catch (const fsp::Exception& exception)
-    {
-        return text(exception.errorCode()) + " " + exception.iri().toUtf8();
+        action();
+        return "done";
     }
     catch (const fsp::ByteStreamFailure& failure)
     {
-        const std::string what = failure.what();
-        EXPECT_EQ(failure.code(), std::error_code(1, std::iostream_category()));
-        return what.substr(0, what.find(':')) + " " + text(failure.reason());
+        std::ostringstream text;
+        text << std::string(failure.what(), std::strchr(failure.what(), ':')) << ": " << failure.reason();
+        return text.str();
     }
     catch (const std::exception& exception)
     {
@@ -138,63 +91,39 @@ std::string outcome(const Action& action)
     }
 }
 
-/// Read everything from the stream's position, 7 bytes at a time.
-inline std::string readAll(fsp::ByteStream& stream)
-{
-    std::string all;
-    char block[7];
-    for (std::streamsize count = 0; (count = stream.read(block, sizeof block)) >= 0;)
-    {
-        all.append(block, static_cast<std::size_t>(count));
-    }
-    return all;
-}
-
-/// A store, and the log.
-class StoreTest : public ::testing::Test
+/// A store that is asked call by call, and the log.
+class StoreTest : public StoreFixture<TestStore>
 {
 protected:
-    /// Describe the file "k" with sizes of choice.
-    OpenFileContextSharedPtr context(std::uint64_t partSize, std::uint64_t cacheLimit = 100,
-        std::unique_ptr<BufferFactory> buffers = std::make_unique<DiskBackedBufferFactory>()) const
+    StoreTest()
     {
-        const ScopedVariable first("ZV_CLOUD_PART_SIZE_OVERRIDE", std::to_string(partSize));
-        const ScopedVariable second("ZV_CLOUD_DOWNLOADED_PART_CACHE_OVERRIDE", std::to_string(cacheLimit));
-        return std::make_shared<OpenFileContext>(iri("k"), store, std::move(buffers));
+        foundation::log::setSink([this](std::uint32_t severity, std::string_view, std::string_view text)
+            { m_records.emplace_back(severity, text); });
     }
+    ~StoreTest() override { foundation::log::setSink({}); }
 
-    /// Store an object in parts, unseen.
-    void putParts(const std::string& key, const std::vector<std::string>& contents) const
+    /// Give the records of one severity since the last time, and forget all.
+    std::vector<std::string> takeLog(std::uint32_t severity)
     {
-        clients::MemoryClient& client = *store;
-        const std::string upload = client.MemoryClient::createMultipartUpload(key, "");
-        std::vector<PartInfo> parts;
-        std::size_t offset = 0;
-        for (const std::string& content : contents)
+        std::vector<std::string> texts;
+        for (const auto& [level, text] : std::exchange(m_records, {}))
         {
-            std::istringstream in(content);
-            PartInfo part{parts.size(), offset, content.size(), ""};
-            part.Tag = client.MemoryClient::uploadPart(key, upload, part, in);
-            offset += part.Size;
-            parts.push_back(part);
+            level == severity ? texts.push_back(text) : void();
         }
-        client.MemoryClient::completeMultipartUpload(key, upload, parts);
+        return texts;
     }
 
     /// Let calls of an operation fail: the n-th from now, or all.
-    void fail(clients::Operation operation, std::uint64_t call = 0, std::exception_ptr failure = nullptr) const
+    void fail(Operation operation, std::uint64_t call = 0, std::exception_ptr failure = nullptr) const
     {
         store->faults().inject({.operation = operation, .call = call, .failure = std::move(failure)});
     }
 
-    LogCapture log;
-    const std::shared_ptr<TestStore> store = std::make_shared<TestStore>();
-};
+    /// What a store says that refuses something.
+    const std::exception_ptr refused = std::make_exception_ptr(PermissionDeniedException("refused", "why"));
 
-/// Names table rows by their `name`.
-struct RowName
-{
-    std::string operator()(const auto& info) const { return info.param.name; }
+private:
+    std::vector<std::pair<std::uint32_t, std::string>> m_records;
 };
 
 } // namespace storage::cloudprovider

@@ -16,23 +16,20 @@ namespace
 TEST(UtilsTest, CanonicalizeTidiesTextAndResolvesNothing)
 {
     const std::pair<const char16_t*, const char16_t*> rows[] = {{u"", u""}, {u"/", u"/"}, {u"./", u"/"}, {u"/.", u"/"},
-        {u"././x", u"/x"}, {u"a/./b", u"a/b"}, {u"./a", u"/a"}, {u"/./a", u"/a"}, {u"/a/b/.", u"/a/b/"},
-        {u"a/../b", u"a/./b"}, {u"a/..", u"a/."}, {u"..", u"."}, {u"...", u".."}, {u"a./b", u"a/b"}, {u"x.", u"x"},
-        {u".", u""}, {u"//a//b//", u"/a/b/"}, {u"a//./b", u"a/b"}, {u".a/..b/c.d", u".a/..b/c.d"},
-        {u"\\ .\u00e9/\u65e5.", u"\\ .\u00e9/\u65e5"}, {u"a..", u"a."}, {u"a../b", u"a./b"}, {u"/", u"/"}};
+        {u"././x", u"/x"}, {u"a/./b", u"a/b"}, {u"/./a", u"/a"}, {u"/a/b/.", u"/a/b/"}, {u"a/../b", u"a/./b"},
+        {u"a/..", u"a/."}, {u"..", u"."}, {u"...", u".."}, {u"a./b", u"a/b"}, {u"x.", u"x"}, {u".", u""},
+        {u"//a//b//", u"/a/b/"}, {u"a//./b", u"a/b"}, {u".a/..b/c.d", u".a/..b/c.d"}, {u"\\ \u65e5.", u"\\ \u65e5"}};
     for (const auto& [path, canonical] : rows)
     {
-        const std::u16string given(path);
-        EXPECT_EQ(canonicalize(given), canonical) << testing::PrintToString(given);
+        EXPECT_EQ(canonicalize(path), canonical) << testing::PrintToString(std::u16string(path));
     }
 }
 
 TEST(UtilsTest, KeysAreTheCanonicalPathOnly)
 {
-    const std::pair<const char*, const char*> rows[] = {{"cloud://store", ""}, {"cloud://store/", ""},
-        {"cloud://store//", ""}, {"cloud://store/.", ""}, {"cloud://other/data/./x.csv", "data/x.csv"},
-        {"x://y/reports//2020/", "reports/2020/"}, {"cloud://store/a%20b/\xC3\xA9", "a b/\xC3\xA9"},
-        {"cloud://store//a", "a"}, {"cloud://store/%F0%9F%98%80", "\xF0\x9F\x98\x80"}};
+    const std::pair<const char*, const char*> rows[] = {{"cloud://store", ""}, {"cloud://store//", ""},
+        {"cloud://store/.", ""}, {"cloud://other/data/./x.csv", "data/x.csv"},
+        {"x://y/reports//2020/", "reports/2020/"}, {"cloud://store/a%20b/\xC3\xA9", "a b/\xC3\xA9"}};
     for (const auto& [iri, key] : rows)
     {
         EXPECT_EQ(iriToKey(foundation::storage::provider::StorageIRI::fromUtf8(iri)), key) << iri;
@@ -42,37 +39,28 @@ TEST(UtilsTest, KeysAreTheCanonicalPathOnly)
 
 TEST(UtilsTest, SlashesComeAndGoOneAtATime)
 {
-    EXPECT_EQ(separator(), u'/');
-    EXPECT_EQ(dot(), u'.');
     EXPECT_EQ(removeLeadingSlash(u"//a"), u"/a");
-    EXPECT_EQ(removeLeadingSlash(u"a/"), u"a/");
     EXPECT_EQ(removeLeadingSlash(u""), u"");
     EXPECT_EQ(addLeadingSlash(u""), u"/");
     EXPECT_EQ(addLeadingSlash(u"/a"), u"/a");
     EXPECT_EQ(addLeadingSlash(u"a"), u"/a");
     EXPECT_EQ(removeTrailingSlash(u"a//"), u"a/");
-    EXPECT_EQ(removeTrailingSlash(u"/a"), u"/a");
     EXPECT_EQ(removeTrailingSlash(u""), u"");
-    EXPECT_EQ(ensureTrailingSlash(""), "");
-    EXPECT_EQ(ensureTrailingSlash("a"), "a/");
-    EXPECT_EQ(ensureTrailingSlash("a/"), "a/");
-    EXPECT_FALSE(hasTrailingSlash(""));
+    EXPECT_EQ(ensureTrailingSlash("") + ensureTrailingSlash("a") + ensureTrailingSlash("b/"), "a/b/");
     EXPECT_TRUE(hasTrailingSlash("/"));
     EXPECT_FALSE(hasTrailingSlash("/a"));
 }
 
 TEST(UtilsTest, TimesFromDoublesLoseTheFractionOfASecond)
 {
-    const std::pair<double, const char*> rows[] = {{0.0, "1970-01-01T00:00:00"}, {1999.0, "1970-01-01T00:00:01"},
-        {999.9, "1970-01-01T00:00:00"}, {-999.0, "1970-01-01T00:00:00"}, {-1500.0, "1969-12-31T23:59:59"},
-        {1600000000123.0, "2020-09-13T12:26:40"}, {253402300799999.0, "9999-12-31T23:59:59"}};
+    const std::pair<double, const char*> rows[] = {{1999.0, "1970-01-01T00:00:01"}, {-999.0, "1970-01-01T00:00:00"},
+        {-1500.0, "1969-12-31T23:59:59"}, {253402300799999.0, "9999-12-31T23:59:59"}};
     for (const auto& [milliseconds, time] : rows)
     {
         EXPECT_EQ(to_iso_extended_string(double2Ptime(milliseconds)), time) << milliseconds;
     }
     // 2^57 seconds are a count of microseconds of which 64 bits keep the lowest number: Boost's negative infinity.
     EXPECT_TRUE(double2Ptime(0x1p57 * 1000).is_neg_infinity());
-    EXPECT_TRUE(double2Ptime(-0x1p57 * 1000).is_neg_infinity());
     EXPECT_FALSE(double2Ptime(0x1p56 * 1000).is_special());
 }
 
@@ -80,7 +68,6 @@ TEST(UtilsTest, TimesFromIntegersKeepTheMilliseconds)
 {
     EXPECT_EQ(to_iso_extended_string(long2Ptime(1999)), "1970-01-01T00:00:01.999000");
     EXPECT_EQ(to_iso_extended_string(long2Ptime(-1)), "1969-12-31T23:59:59.999000");
-    EXPECT_EQ(to_iso_extended_string(long2Ptime(1600000000123)), "2020-09-13T12:26:40.123000");
     EXPECT_EQ(long2Ptime(std::numeric_limits<long long>::min()), long2Ptime(0)) << "the product wraps around to 0";
     EXPECT_FALSE(long2Ptime(1LL << 60).is_special()) << "the lowest count is a time like any other here";
 }
