@@ -10,10 +10,15 @@ packages=(
     libboost-dev libboost-date-time-dev libboost-filesystem-dev libboost-iostreams-dev
     libboost-log-dev libboost-system-dev libboost-thread-dev
     libcli11-dev libfmt-dev libsqlite3-dev
+    # building the client for object gateways: HTTP, hashes and signatures, XML
+    libcurl4-openssl-dev libssl-dev libpugixml-dev
     # testing: the second compiler, its sanitizer runtimes, and the consumer of the installed package
     libgtest-dev libgmock-dev
     clang-14 libclang-rt-14-dev
     pkg-config
+    # testing that client: a gateway with its monitor and storage daemon, and what asks it for a bucket
+    ceph-base ceph-common ceph-mon ceph-osd radosgw
+    curl
     # checking: git names the files that are ours
     clang-format-14 clang-tidy-14 git
     # measuring
