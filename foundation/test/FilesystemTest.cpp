@@ -17,29 +17,14 @@ namespace
 
 namespace fs = boost::filesystem;
 
-/// Sets the umask for the length of a scope.
-class Umask
-{
-public:
-    explicit Umask(::mode_t mask)
-        : m_former(::umask(mask))
-    {
-    }
-    ~Umask() { ::umask(m_former); }
-    Umask(const Umask&) = delete;
-    Umask& operator=(const Umask&) = delete;
-
-private:
-    const ::mode_t m_former;
-};
-
 TEST(FilesystemTest, TemporaryFilesAreFreshEmptyAndPrivateWhateverTheUmask)
 {
     std::set<std::string> names;
     for (const ::mode_t mask : {0777U, 0077U, 0U})
     {
-        const Umask umask(mask);
+        const ::mode_t former = ::umask(mask);
         const fl::filesystem::path file = fl::filesystem::tmpnam({}, {}, {});
+        ::umask(former);
         const fs::path real = fl::filesystem::detail::make_access_form(fl::filesystem::detail::to_filesystem(file));
         struct ::stat status = {};
         ASSERT_EQ(::lstat(file.native().c_str(), &status), 0);

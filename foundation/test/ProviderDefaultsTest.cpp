@@ -60,54 +60,36 @@ TEST_F(ProviderDefaultsTest, CreatesMissingFoldersOutermostFirst)
 
 TEST_F(ProviderDefaultsTest, DescribesWhateverIsThere)
 {
-    m_provider.nodes[u"/file"] = "abc";
-    m_provider.nodes[u"/folder"] = std::nullopt;
+    using fsp::ResourceKind;
+    m_provider.nodes = {{u"/file", "abc"}, {u"/folder", std::nullopt}};
     const StorageIRI folder = root.getChild(u"folder");
     const StorageIRI missing = root.getChild(u"missing");
-    EXPECT_TRUE(m_provider.exists(m_file));
     EXPECT_TRUE(m_provider.exists(folder));
-    EXPECT_FALSE(m_provider.exists(missing));
-    EXPECT_EQ(m_provider.existsExtended(m_file), fsp::ResourceKind::File);
-    EXPECT_EQ(m_provider.existsExtended(folder), fsp::ResourceKind::Folder);
-    EXPECT_EQ(m_provider.existsExtended(missing), fsp::ResourceKind::None);
-    EXPECT_EQ(
-        m_provider.getExtendedAttributes(m_file), (fsp::ExtendedAttributes{fsp::ResourceKind::File, 3, {}, true}));
+    EXPECT_EQ(m_provider.existsExtended(m_file), ResourceKind::File);
+    EXPECT_EQ(m_provider.existsExtended(missing), ResourceKind::None);
+    EXPECT_EQ(m_provider.getExtendedAttributes(m_file), (fsp::ExtendedAttributes{ResourceKind::File, 3, {}, true}));
     EXPECT_EQ(m_provider.getExtendedAttributes(folder),
-        (fsp::ExtendedAttributes{fsp::ResourceKind::Folder, std::nullopt, {}, false}));
+        (fsp::ExtendedAttributes{ResourceKind::Folder, std::nullopt, {}, false}));
     EXPECT_EQ(codeOf([&] { m_provider.getExtendedAttributes(missing); }, missing), ErrorCode::NotFound);
-    EXPECT_EQ(m_provider.getCanonicalLocation(m_file), m_file);
     EXPECT_TRUE(m_provider.getPathComparator()(m_file, folder));
     EXPECT_FALSE(m_provider.getPathComparator()(folder, m_file));
-    EXPECT_EQ(m_provider.getFilenameSensitivity(), fsp::FilenameSensitivity::CaseSensitive);
-    m_provider.shutdown();
 }
 
 TEST_F(ProviderDefaultsTest, FiltersEveryListingByTheLastName)
 {
     m_provider.nodes = {{u"/ab", ""}, {u"/ac", std::nullopt}, {u"/b", std::nullopt}, {u"/b/aa", ""}, {u"/b/c", ""}};
-    using P = fsp::IProvider;
-    using Names = std::vector<std::u16string>;
-    struct Row
-    {
-        fsp::FolderEntryIteratorPtr (P::*plain)(const StorageIRI&) const;
-        fsp::FolderEntryIteratorPtr (P::*filtered)(const StorageIRI&, const std::u16string&) const;
-        fsp::FolderEntryIteratorPtr (P::*filteredNames)(const StorageIRI&, const std::u16string&) const;
-        Names all, matching;
-    };
     const std::u16string pattern = u"a*";
-    const P& p = m_provider;
-    for (const Row& row : std::vector<Row>{{&P::listAllNamesOnly, &P::listAllWildcards, &P::listAllNamesOnlyWildcards,
-                                               {u"ab", u"ac", u"b"}, {u"ab", u"ac"}},
-             {&P::listFilesNamesOnly, &P::listFilesWildcards, &P::listFilesNamesOnlyWildcards, {u"ab"}, {u"ab"}},
-             {&P::listFoldersNamesOnly, &P::listFoldersWildcards, &P::listFoldersNamesOnlyWildcards, {u"ac", u"b"},
-                 {u"ac"}},
-             {&P::listAllRecursiveNamesOnly, &P::listAllRecursiveWildcards, &P::listAllRecursiveNamesOnlyWildcards,
-                 {u"ab", u"ac", u"b", u"b/aa", u"b/c"}, {u"ab", u"ac", u"b/aa"}}})
-    {
-        EXPECT_EQ(namesOf(*(p.*row.plain)(root)), row.all);
-        EXPECT_EQ(namesOf(*(p.*row.filtered)(root, pattern)), row.matching);
-        EXPECT_EQ(namesOf(*(p.*row.filteredNames)(root, pattern)), row.matching);
-    }
+    const fsp::IProvider& p = m_provider;
+    EXPECT_THAT(namesOf(*p.listAllNamesOnly(root)), ElementsAre(u"ab", u"ac", u"b"));
+    EXPECT_THAT(namesOf(*p.listAllWildcards(root, pattern)), ElementsAre(u"ab", u"ac"));
+    EXPECT_THAT(namesOf(*p.listAllNamesOnlyWildcards(root, pattern)), ElementsAre(u"ab", u"ac"));
+    EXPECT_THAT(namesOf(*p.listFilesNamesOnly(root)), ElementsAre(u"ab"));
+    EXPECT_THAT(namesOf(*p.listFilesNamesOnlyWildcards(root, pattern)), ElementsAre(u"ab"));
+    EXPECT_THAT(namesOf(*p.listFoldersNamesOnly(root)), ElementsAre(u"ac", u"b"));
+    EXPECT_THAT(namesOf(*p.listFoldersWildcards(root, pattern)), ElementsAre(u"ac"));
+    EXPECT_THAT(namesOf(*p.listFoldersNamesOnlyWildcards(root, pattern)), ElementsAre(u"ac"));
+    EXPECT_THAT(namesOf(*p.listAllRecursiveNamesOnly(root)), ElementsAre(u"ab", u"ac", u"b", u"b/aa", u"b/c"));
+    EXPECT_THAT(namesOf(*p.listAllRecursiveNamesOnlyWildcards(root, pattern)), ElementsAre(u"ab", u"ac", u"b/aa"));
 
     const auto it = p.listAllRecursiveWildcards(root, pattern);
     it->next();
@@ -117,41 +99,31 @@ TEST_F(ProviderDefaultsTest, FiltersEveryListingByTheLastName)
     EXPECT_THAT(namesOf(*clone), ElementsAre(u"ac", u"b/aa"));
 }
 
-struct Glob
-{
-    const char16_t* pattern;
-    std::vector<std::u16string> matching;
-    std::vector<std::u16string> others;
-};
-
 TEST_F(ProviderDefaultsTest, MatchesGlobs)
 {
     const std::u16string many(5000, u'a');
-    for (const Glob& glob : std::vector<Glob>{
-             {u"", {u""}, {u"a"}},
-             {u"*", {u"", u"a", many}, {}},
+    struct Glob
+    {
+        const char16_t* pattern;
+        std::vector<std::u16string> matching;
+        std::vector<std::u16string> others;
+    };
+    for (const Glob& glob : std::vector<Glob>{{u"", {u""}, {u"a"}}, {u"*", {u"", u"a", many}, {}},
              {u"?", {u"a", u"?", u"\U0001f600"}, {u"", u"ab"}},
              {u"a*b*c", {u"abc", u"axbxbxc", u"abcbc"}, {u"ac", u"abcd", u"acb", u"Abc"}},
-             {u"*.tx?", {u".txt", u"a.b.txx"}, {u"a.tx", u"txt"}},
              {u"[a-cx]", {u"a", u"b", u"c", u"x"}, {u"d", u"-", u"", u"ab"}},
              {u"[!a-c]", {u"d", u"!", u"\U0001f600"}, {u"a", u"c", u""}},
-             {u"[^a]*", {u"b", u"ba", u"^"}, {u"a", u"ab", u""}},
-             {u"[]a]", {u"]", u"a"}, {u"[", u"[]a]"}},
-             {u"[!]a]", {u"b"}, {u"]", u"a"}},
-             {u"[a-]", {u"a", u"-"}, {u"b"}},
-             {u"[*?]", {u"*", u"?"}, {u"a"}},
-             {u"[\u00e4\U0001f600]", {u"\u00e4", u"\U0001f600"}, {u"a", u"\U0001f601"}},
-             {u"a[b", {u"a[b"}, {u"ab"}},
+             {u"[^a]*", {u"b", u"ba", u"^"}, {u"a", u"ab", u""}}, {u"[]a]", {u"]", u"a"}, {u"[", u"[]a]"}},
+             {u"[!]a]", {u"b"}, {u"]", u"a"}}, {u"[a-]", {u"a", u"-"}, {u"b"}}, {u"a[b", {u"a[b"}, {u"ab"}},
              {u"[]", {u"[]"}, {u"", u"]"}},
              // Exponential matchers do not come back from this one.
-             {u"a*a*a*a*a*a*a*a*a*a*a*a*b", {many + u"b"}, {many}},
-         })
+             {u"a*a*a*a*a*a*a*a*a*a*a*a*b", {many + u"b"}, {many}}})
     {
-        SmallProvider provider;
+        m_provider.nodes.clear();
         for (const auto* names : {&glob.matching, &glob.others})
             for (const auto& name : *names)
-                provider.nodes[u"/" + name] = "";
-        EXPECT_THAT(namesOf(*provider.listFilesWildcards(root, glob.pattern)),
+                m_provider.nodes[u"/" + name] = "";
+        EXPECT_THAT(namesOf(*m_provider.listFilesWildcards(root, glob.pattern)),
             ::testing::UnorderedElementsAreArray(glob.matching))
             << ::testing::PrintToString(glob.pattern);
     }
@@ -160,47 +132,40 @@ TEST_F(ProviderDefaultsTest, MatchesGlobs)
 TEST_F(ProviderDefaultsTest, TransactionalStreamsReplaceTheFileWhenClosed)
 {
     m_provider.nodes[u"/file"] = "old";
-    const auto folder = boost::filesystem::temp_directory_path() / boost::filesystem::unique_path("fl %%%%");
-    boost::filesystem::create_directory(folder);
-    const StorageIRI scratch = StorageIRI(u"file:///").getChild(fl::filesystem::path(folder.string()).u16string());
-
     m_provider.openTransactionalStream(m_file)->write("dropped", 7);
-    EXPECT_EQ(m_provider.nodes[u"/file"], "old");
-
-    const auto stream = m_provider.openTransactionalStreamAtScratchLocation(m_file, scratch);
+    const auto stream = m_provider.openTransactionalStream(m_file);
     EXPECT_EQ(stream->write(bigContent.data(), 200'000), 200'000);
     EXPECT_EQ(stream->seek(-1, std::ios_base::end), 199'999);
-    EXPECT_EQ(stream->write("X", 1), 1);
     char last = ' ';
-    EXPECT_EQ(stream->read(&last, 1), -1);
-    stream->seek(-1, std::ios_base::cur);
     EXPECT_EQ(stream->read(&last, 1), 1);
-    EXPECT_EQ(last, 'X');
+    EXPECT_EQ(stream->read(&last, 1), -1);
     EXPECT_THROW(stream->seek(-1, std::ios_base::beg), fsp::ByteStreamSeekFailure);
     EXPECT_EQ(m_provider.nodes[u"/file"], "old");
     stream->close();
-    EXPECT_EQ(m_provider.nodes[u"/file"], bigContent.substr(1) + 'X');
-    stream->close();
+    EXPECT_EQ(m_provider.nodes[u"/file"], bigContent);
     EXPECT_THROW(stream->write("x", 1), fsp::ByteStreamWriteFailure);
-    EXPECT_TRUE(boost::filesystem::is_empty(folder));
-    boost::filesystem::remove(folder);
 
-    EXPECT_EQ(codeOf([&] { m_provider.openTransactionalStreamAtScratchLocation(m_file, scratch); }, m_file),
-        ErrorCode::Unknown)
-        << "the scratch folder is gone";
-    EXPECT_EQ(codeOf([&] { m_provider.openTransactionalStreamAtScratchLocation(m_file, root); }, root),
-        ErrorCode::InvalidLocation);
+    m_provider.failingStreams = true;
+    const auto failing = m_provider.openTransactionalStream(m_file);
+    failing->write("new", 3);
+    EXPECT_THROW(failing->close(), fsp::ByteStreamCloseFailure);
+    failing->close();
+    EXPECT_EQ(m_provider.nodes[u"/file"], bigContent);
 }
 
-TEST_F(ProviderDefaultsTest, TransactionalStreamsReportAFailedCopyWhenClosed)
+TEST_F(ProviderDefaultsTest, TransactionsLeaveNothingWhereTheyKeepTheirBytes)
 {
     m_provider.nodes[u"/file"] = "old";
-    m_provider.failingStreams = true;
-    const auto stream = m_provider.openTransactionalStream(m_file);
-    stream->write("new", 3);
-    EXPECT_THROW(stream->close(), fsp::ByteStreamCloseFailure);
-    stream->close();
-    EXPECT_EQ(m_provider.nodes[u"/file"], "old");
+    const auto folder = boost::filesystem::temp_directory_path() / boost::filesystem::unique_path("fl %%%%");
+    boost::filesystem::create_directory(folder);
+    const StorageIRI scratch = StorageIRI(u"file:///").getChild(fl::filesystem::path(folder.string()).u16string());
+    const auto open = [&](const StorageIRI& place)
+    { m_provider.openTransactionalStreamAtScratchLocation(m_file, place); };
+    open(scratch);
+    EXPECT_TRUE(boost::filesystem::is_empty(folder));
+    boost::filesystem::remove(folder);
+    EXPECT_EQ(codeOf([&] { open(scratch); }, m_file), ErrorCode::Unknown) << "the scratch folder is gone";
+    EXPECT_EQ(codeOf([&] { open(root); }, root), ErrorCode::InvalidLocation);
 }
 
 TEST_F(ProviderDefaultsTest, CopiesAtomically)
@@ -247,20 +212,11 @@ TEST_F(ProviderDefaultsTest, RefusesWhatNobodyImplements)
     class : public fsp::IProvider
     {
     } const p;
-    const auto policy = fsp::ReplacementPolicy::Replace;
     using Refused = std::vector<std::function<void()>>;
-    for (const auto& operation : Refused{[&] { p.createFile(m_file); }, [&] { p.createFolder(m_file); },
-             [&] { p.fileExists(m_file); }, [&] { p.folderExists(m_file); }, [&] { p.removeFile(m_file); },
-             [&] { p.moveFile(m_file, root, policy); }, [&] { p.removeFolder(m_file); },
-             [&] { p.removeFolderRecursively(m_file); }, [&] { p.moveFolder(m_file, root, policy); },
-             [&] { p.getFileAttributes(m_file); }, [&] { p.getFolderAttributes(m_file); },
-             [&] { p.openStream(m_file, {}); }, [&] { p.openReadOnlyStream(m_file); }, [&] { p.listAll(m_file); },
-             [&] { p.listFiles(m_file); }, [&] { p.listFolders(m_file); }, [&] { p.listAllRecursive(m_file); },
-             [&] { p.copyFile(m_file, root, policy); }, [&] { p.setLastModified(m_file, {}); },
-             [&] { p.setWritable(m_file, true); }, [&] { p.publishFolderEventsFor(m_file); },
-             [&] { p.publishFileEventsFor(m_file); }, [&] { p.stopPublishingEventsFor(m_file); },
-             [&] { p.startChangePollingMechanism(m_file); }, [&] { p.stopChangePollingMechanism(m_file); },
-             [&] { p.getProviderStorageInfo(m_file); }, [&] { p.getProviderCacheUsage(m_file); }})
+    for (const auto& operation : Refused{[&] { p.createFile(m_file); }, [&] { p.fileExists(m_file); },
+             [&] { p.moveFile(m_file, root, {}); }, [&] { p.getFolderAttributes(m_file); },
+             [&] { p.openStream(m_file, {}); }, [&] { p.listAll(m_file); }, [&] { p.setLastModified(m_file, {}); },
+             [&] { p.publishFileEventsFor(m_file); }, [&] { p.getProviderCacheUsage(m_file); }})
         EXPECT_EQ(codeOf(operation, m_file), ErrorCode::Unsupported);
 }
 

@@ -146,12 +146,9 @@ protected:
                                      fsp::ByteStreamTruncate::Keep, fsp::ByteStreamWritePosition::AtOffset});
     }
 
-    fsp::FolderEntryIteratorPtr doListAll(const fsp::StorageIRI&) const override { return list(true, true, false); }
-    fsp::FolderEntryIteratorPtr doListFiles(const fsp::StorageIRI&) const override { return list(true, false, false); }
-    fsp::FolderEntryIteratorPtr doListFolders(const fsp::StorageIRI&) const override
-    {
-        return list(false, true, false);
-    }
+    fsp::FolderEntryIteratorPtr doListAll(const fsp::StorageIRI&) const override { return list(true, true); }
+    fsp::FolderEntryIteratorPtr doListFiles(const fsp::StorageIRI&) const override { return list(true, false); }
+    fsp::FolderEntryIteratorPtr doListFolders(const fsp::StorageIRI&) const override { return list(false, true); }
     fsp::FolderEntryIteratorPtr doListAllRecursive(const fsp::StorageIRI&) const override
     {
         return list(true, true, true);
@@ -167,7 +164,7 @@ private:
     }
 
     /// List below the root.
-    fsp::FolderEntryIteratorPtr list(bool files, bool folders, bool recursive) const
+    fsp::FolderEntryIteratorPtr list(bool files, bool folders, bool recursive = false) const
     {
         std::vector<fsp::FolderEntry> entries;
         for (const auto& [path, bytes] : nodes)

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <boost/iostreams/copy.hpp>
-#include <boost/iostreams/stream.hpp>
 
 #include <sstream>
 #include <string>
@@ -39,46 +38,29 @@ TEST(GenericByteStreamDeviceTest, CopiesShareOneStreamThatSeeksAndCloses)
     EXPECT_EQ(file, "abcdXY");
 }
 
-TEST(GenericByteStreamDeviceTest, ServesBoostStreamsAndCopies)
+TEST(GenericByteStreamDeviceTest, ServesBoostCopiesAndLeavesNoByteOut)
 {
     const std::string content(10'000, 'c');
     std::string source = content;
     std::string destination;
-    boost::iostreams::copy(
-        fsp::GenericByteStreamDevice(streamOn(source)), fsp::GenericByteStreamDevice(streamOn(destination)), 4096);
+    const auto copy = [&](bool failing)
+    {
+        boost::iostreams::copy(fsp::GenericByteStreamDevice(streamOn(source)),
+            fsp::GenericByteStreamDevice(streamOn(destination, failing)), 4096);
+    };
+    copy(false);
     EXPECT_EQ(destination, content) << "written in short pieces, and closed";
-
-    boost::iostreams::stream<fsp::GenericByteStreamDevice> stream(streamOn(destination));
-    stream.seekg(-2, std::ios_base::end);
-    stream << "end";
-    stream.close();
-    EXPECT_EQ(destination, content.substr(2) + "end");
-}
-
-TEST(GenericByteStreamDeviceTest, RefusedBytesAreAFailureAndNeverLeftOut)
-{
-    std::string source = "abc";
-    std::string destination;
-    EXPECT_THROW(boost::iostreams::copy(fsp::GenericByteStreamDevice(streamOn(source)),
-                     fsp::GenericByteStreamDevice(streamOn(destination, true))),
-        fsp::ByteStreamWriteFailure);
+    EXPECT_THROW(copy(true), fsp::ByteStreamWriteFailure) << "refused bytes are a failure";
 }
 
 template <class Failure>
 void expectFailure(const std::string& name)
 {
-    try
-    {
-        throw Failure(ErrorCode(ErrorCode::InUse, "cause"));
-    }
-    catch (const std::ios_base::failure& failure)
-    {
-        EXPECT_EQ(std::string(failure.what()).substr(0, name.size()), name);
-        EXPECT_EQ(failure.code(), std::error_code(1, std::iostream_category()));
-        const auto& reason = dynamic_cast<const fsp::ByteStreamFailure&>(failure).reason();
-        EXPECT_EQ(reason, ErrorCode::InUse);
-        EXPECT_EQ(reason.detail(), "cause");
-    }
+    const Failure failure(ErrorCode(ErrorCode::InUse, "cause"));
+    const std::ios_base::failure& standard = failure;
+    EXPECT_EQ(std::string(standard.what()).substr(0, name.size()), name);
+    EXPECT_EQ(standard.code(), std::error_code(1, std::iostream_category()));
+    EXPECT_EQ(failure.reason().detail(), "cause");
 }
 
 TEST(ByteStreamFailureTest, AreStandardStreamFailuresWithAReason)
@@ -99,8 +81,6 @@ std::string printed(const Value& value)
 
 TEST(PrintingTest, NamesWhatPeopleRead)
 {
-    EXPECT_EQ(printed(fsp::ByteStreamOpenOptions{}),
-        "{readAccess=None, create=IfMissing, truncate=Discard, writePosition=Append}");
     EXPECT_EQ(printed(keepAll), "{readAccess=Allowed, create=MustExist, truncate=Keep, writePosition=AtOffset}");
     EXPECT_EQ(printed(fsp::ByteStreamOpenOptions{fsp::ByteStreamReadAccess(7)}),
         "{readAccess=7, create=IfMissing, truncate=Discard, writePosition=Append}");
@@ -115,10 +95,6 @@ TEST(PrintingTest, NamesWhatPeopleRead)
     const fsp::StorageIRI iri(u"x://h/a b");
     const fsp::Exception exception(ErrorCode(ErrorCode::NotFound, "no\nbucket"), iri);
     EXPECT_STREQ(exception.what(), "NotFound: x://h/a%20b: no bucket");
-    EXPECT_STREQ(fsp::Exception(ErrorCode::InUse, iri).what(), "InUse: x://h/a%20b");
-    EXPECT_EQ(exception.errorCode(), ErrorCode(4));
-    EXPECT_NE(exception.errorCode(), ErrorCode::InUse);
-    EXPECT_EQ(exception.iri(), iri);
 }
 
 } // namespace
