@@ -24,30 +24,22 @@ TEST(CallCountersTest, PrintsWhatAPersonAsks)
 {
     CallCounters counters;
     EXPECT_EQ(printed(counters.snapshot()), "no calls");
-
     counters.countCall(Operation::CompleteMultipartUpload);
     counters.countCall(Operation::PutObject);
     counters.countBytes(Operation::PutObject, 1000);
     counters.countCall(Operation::UploadPart);
     counters.countPart(Operation::UploadPart, 6, 5U << 20);
-    for (const std::size_t index : {12U, 0U, 2U, 1U, 3U, 9U, 8U, 10U, 11U, 7U, 5U, 4U})
+    for (const std::size_t index : {12U, 0U, 2U, 1U, 3U, 9U})
     {
         counters.countCall(Operation::CopyPart);
         counters.countPart(Operation::CopyPart, index, 5U << 20);
     }
-    counters.countCall(Operation::DeleteObject);
-    EXPECT_EQ(printed(counters.snapshot()), "deleteObject 1, putObject 1 (1000 B), uploadPart 1 (5.0 MiB; parts 6), "
-                                            "copyPart 12 (60.0 MiB; parts 0-5,7-12), completeMultipartUpload 1");
-    EXPECT_EQ(counters.snapshot().totalCalls(), 16U);
-}
-
-TEST(CallCountersTest, FormatsBytesAtTheEdgesOfUnits)
-{
-    EXPECT_EQ(formatBytes(0), "0 B");
-    EXPECT_EQ(formatBytes(1023), "1023 B");
-    EXPECT_EQ(formatBytes(1024), "1.0 KiB");
-    EXPECT_EQ(formatBytes((1U << 20) - 1), "1.0 MiB");
-    EXPECT_EQ(formatBytes(~std::uint64_t{0}), "16.0 EiB");
+    EXPECT_EQ(printed(counters.snapshot()), "putObject 1 (1000 B), uploadPart 1 (5.0 MiB; parts 6), "
+                                            "copyPart 6 (30.0 MiB; parts 0-3,9,12), completeMultipartUpload 1");
+    EXPECT_EQ(counters.snapshot().totalCalls(), 9U);
+    EXPECT_EQ(formatBytes(1023) + ", " + formatBytes(1024) + ", " + formatBytes((1U << 20) - 1) + ", " +
+                  formatBytes(~std::uint64_t{0}),
+        "1023 B, 1.0 KiB, 1.0 MiB, 16.0 EiB");
 }
 
 TEST(PartIndexesTest, HoldsWhatASetHolds)

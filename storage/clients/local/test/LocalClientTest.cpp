@@ -9,7 +9,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <ostream>
 #include <sstream>
 
 #include <fcntl.h>
@@ -81,187 +80,109 @@ void makeStore(const std::filesystem::path& store)
     put(client, "large", content(2, 500'000));
 }
 
-struct Refusal
-{
-    const char* name;
-    std::function<void(const std::filesystem::path& store)> prepare;
-    std::function<std::string(const std::function<void()>& call)> detail;
-    const char* reason;
-};
-
-// The row's name alone in the names of the cases.
-void PrintTo(const Refusal& row, std::ostream* out)
-{
-    *out << row.name;
-}
-
-class RefusalTest : public ::testing::TestWithParam<Refusal>
-{
-};
-
 } // namespace
 
-TEST_P(RefusalTest, TellsWhyAndLeavesTheDirectoryAsItIs)
+TEST(LocalClientTest, RefusesOtherDirectoriesAndLeavesThemAsTheyAre)
 {
-    const TestFolder folder;
-    GetParam().prepare(folder.store());
-    const auto before = tree(folder.path());
-    const std::string detail = GetParam().detail([&] { LocalClient client(folder.store()); });
-    EXPECT_THAT(detail, HasSubstr(GetParam().reason));
-    EXPECT_THAT(detail, HasSubstr("opening the local store \"" + folder.store().native() + '"'));
-    EXPECT_EQ(tree(folder.path()), before);
-}
-
-INSTANTIATE_TEST_SUITE_P(LocalClient, RefusalTest,
-    ::testing::Values(Refusal{"file", [](const auto& store) { write(store, "no directory"); },
-                          detailOf<InvalidLocationException>, "is not a directory"},
-        Refusal{"otherContent",
-            [](const auto& store)
-            {
-                std::filesystem::create_directory(store);
-                write(store / "letter.txt", "mine");
-            },
-            detailOf<InvalidLocationException>, "is no store: it has other content"},
-        Refusal{"indexWithoutContents",
-            [](const auto& store)
-            {
-                makeStore(store);
-                std::filesystem::remove(store / "index.sqlite");
-            },
-            detailOf<InvalidLocationException>, "is no store: it has other content"},
-        Refusal{"anotherProgramsDatabase",
-            [](const auto& store)
-            {
-                std::filesystem::create_directory(store);
-                runSql(store, "CREATE TABLE cookies (name)");
-            },
-            detailOf<InvalidLocationException>, "its index is another program's"},
-        Refusal{"noDatabase",
-            [](const auto& store)
-            {
-                makeStore(store);
-                write(store / "index.sqlite", content(3, 8192));
-            },
-            detailOf<UnknownErrorException>, "the index is damaged"},
-        Refusal{"emptiedIndex",
-            [](const auto& store)
-            {
-                makeStore(store);
-                write(store / "index.sqlite", "");
-            },
-            detailOf<UnknownErrorException>, "the index is damaged: it is empty"},
-        Refusal{"laterVersion",
-            [](const auto& store)
-            {
-                makeStore(store);
-                runSql(store, "PRAGMA user_version = 2");
-            },
-            detailOf<UnknownErrorException>, "has version 2, this program knows version 1"}),
-    [](const auto& row) { return std::string(row.param.name); });
-
-namespace
-{
-
-struct Damage
-{
-    const char* name;
-    std::function<void(const std::filesystem::path& store)> inflict;
-    const char* reason;
-};
-
-void PrintTo(const Damage& row, std::ostream* out)
-{
-    *out << row.name;
-}
-
-class DamageTest : public ::testing::TestWithParam<Damage>
-{
-};
-
-std::filesystem::path contentFile(const std::filesystem::path& store)
-{
-    return store / "contents" / files(store / "contents").at(0);
-}
-
-} // namespace
-
-TEST_P(DamageTest, IsReportedAndNothingIsServedInPlaceOfTheBytes)
-{
-    const TestFolder folder;
-    makeStore(folder.store());
-    GetParam().inflict(folder.store());
-    LocalClient client(folder.store());
-    std::ostringstream out;
-    const std::string detail = detailOf<UnknownErrorException>([&] { client.getObjectRange("large", out, 0, 0); });
-    EXPECT_THAT(detail, HasSubstr("getObjectRange \"large\""));
-    EXPECT_THAT(detail, HasSubstr("damaged"));
-    EXPECT_THAT(detail, HasSubstr(GetParam().reason));
-    EXPECT_EQ(out.str(), "");
-}
-
-INSTANTIATE_TEST_SUITE_P(LocalClient, DamageTest,
-    ::testing::Values(
-        Damage{"missingFile", [](const auto& store) { std::filesystem::remove(contentFile(store)); }, "there is no"},
-        Damage{"shortFile", [](const auto& store) { std::filesystem::resize_file(contentFile(store), 499'999); },
-            "has 499999 bytes instead of 500000"},
-        Damage{"longFile", [](const auto& store) { std::filesystem::resize_file(contentFile(store), 500'001); },
-            "has 500001 bytes instead of 500000"},
-        Damage{"lostContent", [](const auto& store) { runSql(store, "DELETE FROM contents WHERE data IS NULL"); },
-            "lost a part"},
-        Damage{"lostPart",
-            [](const auto& store) { runSql(store, "UPDATE object_parts SET offset = 9 WHERE content = 4"); }, "lost"},
-        Damage{"overwrittenPages",
-            [](const auto& store)
-            {
-                std::fstream index(store / "index.sqlite", std::ios::in | std::ios::out | std::ios::binary);
-                index.seekp(8192);
-                index << content(3, std::filesystem::file_size(store / "index.sqlite") - 8192);
-            },
-            "the index is damaged"}),
-    [](const auto& row) { return std::string(row.param.name); });
-
-namespace
-{
-
-// Lets the process be somebody whom the system refuses things, until it goes.
-class OrdinaryUser
-{
-public:
-    OrdinaryUser() { become(65534); }
-    OrdinaryUser(const OrdinaryUser&) = delete;
-    OrdinaryUser& operator=(const OrdinaryUser&) = delete;
-    ~OrdinaryUser() { become(0); }
-
-private:
-    void become(uid_t user)
+    using Path = std::filesystem::path;
+    using Prepare = std::function<void(const Path& store)>;
+    const auto cookies = [](const Path& store)
     {
-        if (m_root)
+        std::filesystem::create_directory(store);
+        runSql(store, "CREATE TABLE cookies (name)");
+    };
+    const auto letter = [](const Path& store)
+    {
+        std::filesystem::create_directory(store);
+        write(store / "letter.txt", "mine");
+    };
+    const auto changed = [](const std::function<void(const Path& index)>& change)
+    {
+        return [=](const Path& store)
         {
-            EXPECT_EQ(::seteuid(user), 0);
-        }
+            makeStore(store);
+            change(store / "index.sqlite");
+        };
+    };
+    const std::tuple<Prepare, bool, const char*> rows[] = {// how it came about, whether it is a store, the reason
+        {[](const Path& store) { write(store, "no directory"); }, false, "is not a directory"},
+        {letter, false, "is no store: it has other content"},
+        {changed([](const Path& index) { std::filesystem::remove(index); }), false,
+            "is no store: it has other content"},
+        {cookies, false, "its index is another program's"},
+        {changed([](const Path& index) { write(index, content(3, 8192)); }), true, "the index is damaged"},
+        {changed([](const Path& index) { write(index, ""); }), true, "the index is damaged: it is empty"},
+        {changed([](const Path& index) { runSql(index.parent_path(), "PRAGMA user_version = 2"); }), true,
+            "has version 2, this program knows version 1"}};
+    for (const auto& [prepare, isStore, reason] : rows)
+    {
+        SCOPED_TRACE(reason);
+        const TestFolder folder;
+        prepare(folder.store());
+        const auto before = tree(folder.path());
+        const auto open = [&] { LocalClient client(folder.store()); };
+        const std::string detail =
+            isStore ? detailOf<UnknownErrorException>(open) : detailOf<InvalidLocationException>(open);
+        EXPECT_THAT(detail, HasSubstr(reason));
+        EXPECT_THAT(detail, HasSubstr("opening the local store \"" + folder.store().native() + '"'));
+        EXPECT_EQ(tree(folder.path()), before);
     }
+}
 
-    const bool m_root = ::getuid() == 0;
-};
-
-} // namespace
+TEST(LocalClientTest, ReportsDamageAndServesNothingInPlaceOfTheBytes)
+{
+    using Path = std::filesystem::path;
+    const auto file = [](const Path& store) { return store / "contents" / files(store / "contents").at(0); };
+    const auto overwritePages = [](const Path& store)
+    {
+        std::fstream index(store / "index.sqlite", std::ios::in | std::ios::out | std::ios::binary);
+        index.seekp(8192);
+        index << content(3, std::filesystem::file_size(store / "index.sqlite") - 8192);
+    };
+    const std::pair<std::function<void(const Path& store)>, const char*> rows[] = {
+        {[&](const Path& store) { std::filesystem::remove(file(store)); }, "there is no"},
+        {[&](const Path& store) { std::filesystem::resize_file(file(store), 499'999); },
+            "499999 bytes instead of 500000"},
+        {[&](const Path& store) { std::filesystem::resize_file(file(store), 500'001); },
+            "500001 bytes instead of 500000"},
+        {[](const Path& store) { runSql(store, "DELETE FROM contents WHERE data IS NULL"); }, "lost a part"},
+        {[](const Path& store) { runSql(store, "UPDATE object_parts SET offset = 9 WHERE content = 4"); }, "lost"},
+        {overwritePages, "the index is damaged"}};
+    for (const auto& [inflict, reason] : rows)
+    {
+        SCOPED_TRACE(reason);
+        const TestFolder folder;
+        makeStore(folder.store());
+        inflict(folder.store());
+        LocalClient client(folder.store());
+        std::ostringstream out;
+        const std::string detail = detailOf<UnknownErrorException>([&] { client.getObjectRange("large", out, 0, 0); });
+        EXPECT_THAT(detail, HasSubstr("getObjectRange \"large\""));
+        EXPECT_THAT(detail, HasSubstr("damaged"));
+        EXPECT_THAT(detail, HasSubstr(reason));
+        EXPECT_EQ(out.str(), "");
+    }
+}
 
 TEST(LocalClientTest, RefusedAccessIsPermissionDenied)
 {
     const TestFolder folder;
     makeStore(folder.store());
-    const auto allow = [&](mode_t mode) { ASSERT_EQ(::chmod(folder.store().c_str(), mode), 0); };
+    const auto openAsOrdinaryUser = [&](const std::filesystem::path& store)
+    {
+        const bool isRoot = ::getuid() == 0; // whom the system refuses nothing
+        EXPECT_EQ(isRoot ? ::seteuid(65534) : 0, 0);
+        const std::string detail = detailOf<PermissionDeniedException>([&] { LocalClient client(store); });
+        EXPECT_EQ(isRoot ? ::seteuid(0) : 0, 0);
+        return detail;
+    };
     for (const mode_t mode : {0000U, 0444U})
     {
-        allow(mode);
-        const OrdinaryUser user;
-        EXPECT_THAT(detailOf<PermissionDeniedException>([&] { LocalClient client(folder.store()); }),
-            HasSubstr("Permission denied"));
+        ASSERT_EQ(::chmod(folder.store().c_str(), mode), 0);
+        EXPECT_THAT(openAsOrdinaryUser(folder.store()), HasSubstr("Permission denied"));
     }
     ASSERT_EQ(::chmod(folder.path().c_str(), 0555), 0);
-    const OrdinaryUser user;
-    EXPECT_THAT(detailOf<PermissionDeniedException>([&] { LocalClient client(folder.path() / "new" / "store"); }),
-        HasSubstr("creating"));
+    EXPECT_THAT(openAsOrdinaryUser(folder.path() / "new" / "store"), HasSubstr("creating"));
 }
 
 TEST(LocalClientTest, OnlyItsUserHasAccess)
