@@ -25,6 +25,9 @@ struct Capabilities
     std::size_t leastPartSize = 1;    ///< bytes that a part which is not the last must have
     std::string noStaleCopyDetection; ///< why copyPart() does not notice that the object has changed
     std::string noSubrangeCopies;     ///< why copyPart() takes whole stored parts only
+    std::string noKeptParts;          ///< why getObjectParts() does not answer with the parts that were written
+    std::string noDroppedParts;       ///< why every part that was sent must be listed
+    std::string noSharedUploads;      ///< why an upload belongs to the instance that began it
 };
 
 /// One fresh, empty store and the way to it. Destroying the harness destroys the store.
@@ -46,7 +49,7 @@ public:
 struct Subject
 {
     const char* name;
-    std::function<std::unique_ptr<Harness>()> makeHarness;
+    std::function<std::unique_ptr<Harness>()> makeHarness; ///< null result: the store cannot be had here
 };
 
 /// Print the name, which CTest makes a part of the case's name.
@@ -64,6 +67,7 @@ public:
 
 protected:
     CloudClientConformance();
+    void SetUp() override;
 
     const Capabilities& capabilities() const { return m_capabilities; }
     cloudprovider::CloudClient& client() { return m_harness->client(); }
