@@ -1,0 +1,114 @@
+#include "CredentialsDocument.hpp"
+
+#define BOOST_BIND_GLOBAL_PLACEHOLDERS // json_parser.hpp still uses them, and Boost.Bind says so at every compilation
+#include <boost/property_tree/json_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
+
+#include <charconv>
+#include <sstream>
+#include <string_view>
+
+namespace storage::clients::s3
+{
+
+namespace
+{
+
+using Document = boost::property_tree::ptree;
+
+CredentialsDocumentFault badExpiry()
+{
+    return CredentialsDocumentFault("its time of expiry is none");
+}
+
+/// Takes digits and the mark after them off the front of the text.
+int takeNumber(std::string_view& text, std::size_t digits, std::string_view marks)
+{
+    int number = -1;
+    if (text.size() < digits ||
+        std::from_chars(text.data(), text.data() + digits, number).ptr != text.data() + digits || number < 0)
+    {
+        throw badExpiry();
+    }
+    text.remove_prefix(digits);
+    if (!marks.empty())
+    {
+        if (text.empty() || marks.find(text.front()) == marks.npos)
+        {
+            throw badExpiry();
+        }
+        text.remove_prefix(1);
+    }
+    return number;
+}
+
+/// A time as RFC 3339 writes it, fractions of a second dropped: "2024-05-01T12:34:56Z".
+std::chrono::sys_seconds readTime(std::string_view text)
+{
+    using namespace std::chrono;
+    const year y{takeNumber(text, 4, "-")};
+    const month m{static_cast<unsigned>(takeNumber(text, 2, "-"))};
+    const day d{static_cast<unsigned>(takeNumber(text, 2, "Tt "))};
+    const hours hour{takeNumber(text, 2, ":")};
+    const minutes minute{takeNumber(text, 2, ":")};
+    const seconds second{takeNumber(text, 2, "")};
+    if (text.starts_with('.'))
+    {
+        text.remove_prefix(std::min(text.find_first_not_of("0123456789", 1), text.size()));
+    }
+    minutes offset{0};
+    if (text.starts_with('+') || text.starts_with('-'))
+    {
+        const int sign = text.front() == '-' ? -1 : 1;
+        text.remove_prefix(1);
+        const hours offsetHours{takeNumber(text, 2, ":")};
+        offset = sign * (offsetHours + minutes{takeNumber(text, 2, "")});
+    }
+    else if (text.starts_with('Z') || text.starts_with('z'))
+    {
+        text.remove_prefix(1);
+    }
+    else
+    {
+        throw badExpiry();
+    }
+    const year_month_day date{y, m, d};
+    if (!date.ok() || hour > 23h || minute > 59min || second > 60s || !text.empty())
+    {
+        throw badExpiry();
+    }
+    return sys_days(date) + hour + minute + second - offset;
+}
+
+} // namespace
+
+IssuedCredentials readCredentialsDocument(const std::string& text)
+{
+    Document document;
+    try
+    {
+        std::istringstream stream(text);
+        boost::property_tree::read_json(stream, document);
+    }
+    catch (const boost::property_tree::json_parser_error&)
+    {
+        throw CredentialsDocumentFault("it is no JSON");
+    }
+    if (const auto code = document.get<std::string>("Code", "Success"); code != "Success")
+    {
+        throw CredentialsDocumentFault("it reports " + code);
+    }
+    IssuedCredentials issued{{document.get<std::string>("AccessKeyId", ""),
+        document.get<std::string>("SecretAccessKey", ""), document.get<std::string>("Token", "")}};
+    if (issued.credentials.keyId.empty() || issued.credentials.secret.empty())
+    {
+        throw CredentialsDocumentFault("it has no keys");
+    }
+    if (const auto expiry = document.get_optional<std::string>("Expiration"))
+    {
+        issued.expiry = readTime(*expiry);
+    }
+    return issued;
+}
+
+} // namespace storage::clients::s3

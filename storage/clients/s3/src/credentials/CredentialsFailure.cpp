@@ -1,0 +1,16 @@
+#include "CredentialsFailure.hpp"
+
+namespace storage::clients::s3
+{
+
+cloudprovider::InvalidCredentialsException invalidCredentials(const std::string& detail)
+{
+    return cloudprovider::InvalidCredentialsException("Credentials missing or unusable", detail);
+}
+
+TransientException credentialsDelayed(const std::string& detail)
+{
+    return TransientException("Credentials not available at the moment", detail);
+}
+
+} // namespace storage::clients::s3

@@ -1,0 +1,103 @@
+#include "MachineCredentials.hpp"
+
+#include "CredentialsFailure.hpp"
+
+#include <boost/algorithm/string/predicate.hpp>
+
+#include <string_view>
+
+namespace storage::clients::s3
+{
+
+namespace
+{
+
+using namespace std::chrono_literals;
+
+constexpr auto deadline = 2s;
+constexpr const char* tokenLifetime = "60"; // seconds; one look needs it, the next takes a new one
+constexpr const char* roles = "/latest/meta-data/iam/security-credentials/";
+
+std::string endpointOf(const Environment& environment)
+{
+    std::string endpoint = environment["AWS_EC2_METADATA_SERVICE_ENDPOINT"];
+    if (endpoint.empty())
+    {
+        return "http://169.254.169.254";
+    }
+    endpoint.erase(endpoint.find_last_not_of('/') + 1);
+    return endpoint;
+}
+
+std::string firstLine(std::string_view text)
+{
+    return std::string(text.substr(0, text.find_first_of("\r\n")));
+}
+
+/// Whether what the service said may become a part of the next address.
+bool isRoleName(std::string_view text)
+{
+    constexpr std::string_view letters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+=,.@_-";
+    return !text.empty() && text.find_first_not_of(letters) == text.npos;
+}
+
+} // namespace
+
+MachineCredentials::MachineCredentials(const Environment& environment)
+    : m_isDisabled(boost::algorithm::iequals(environment["AWS_EC2_METADATA_DISABLED"], "true"))
+    , m_endpoint(endpointOf(environment))
+    , m_service("the machine's metadata service", deadline)
+{
+}
+
+CredentialsPlace::Finding MachineCredentials::look()
+{
+    if (m_isDisabled)
+    {
+        return NoCredentials{"AWS_EC2_METADATA_DISABLED is set"};
+    }
+    try
+    {
+        return ask();
+    }
+    catch (const HttpFailure& failure)
+    {
+        const std::string detail = m_service.name() + " does not answer: " + failure.what();
+        if (failure.kind() == HttpFailure::Kind::Unreachable && !m_hasAnswered)
+        {
+            return NoCredentials{detail};
+        }
+        if (failure.isTransient())
+        {
+            throw credentialsDelayed(detail);
+        }
+        throw invalidCredentials(detail);
+    }
+}
+
+CredentialsPlace::Finding MachineCredentials::ask()
+{
+    HttpHeaders request;
+    request.add("X-aws-ec2-metadata-token-ttl-seconds", tokenLifetime);
+    const HttpResponse token = m_service.send("PUT", m_endpoint + "/latest/api/token", request);
+    m_hasAnswered = true;
+    if (token.status != 200)
+    {
+        return NoCredentials{m_service.name() + " gives no token: status " + std::to_string(token.status)};
+    }
+    HttpHeaders headers;
+    headers.add("X-aws-ec2-metadata-token", firstLine(token.body));
+    const HttpResponse role = m_service.send("GET", m_endpoint + roles, headers);
+    if (role.status == 404)
+    {
+        return NoCredentials{m_service.name() + " has no role for this machine"};
+    }
+    const std::string name = firstLine(role.body);
+    if (role.status != 200 || !isRoleName(name))
+    {
+        throw invalidCredentials(m_service.name() + " names no role: status " + std::to_string(role.status));
+    }
+    return m_service.read(m_service.send("GET", m_endpoint + roles + name, headers));
+}
+
+} // namespace storage::clients::s3

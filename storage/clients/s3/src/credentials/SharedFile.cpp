@@ -1,0 +1,171 @@
+#include "SharedFile.hpp"
+
+#include "CredentialsFailure.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <fstream>
+#include <optional>
+#include <string_view>
+#include <system_error>
+
+namespace storage::clients::s3
+{
+
+namespace
+{
+
+constexpr std::string_view blanks = " \t\r";
+
+std::string_view trimmed(std::string_view text)
+{
+    const std::size_t begin = text.find_first_not_of(blanks);
+    return begin == text.npos ? std::string_view() : text.substr(begin, text.find_last_not_of(blanks) + 1 - begin);
+}
+
+bool isComment(std::string_view text)
+{
+    return text.starts_with('#') || text.starts_with(';');
+}
+
+std::string_view withoutComment(std::string_view value)
+{
+    for (std::size_t at = value.find_first_of(blanks); at != value.npos; at = value.find_first_of(blanks, at + 1))
+    {
+        if (isComment(value.substr(at + 1)))
+        {
+            return value.substr(0, at);
+        }
+    }
+    return value;
+}
+
+std::string lowerCase(std::string_view text)
+{
+    std::string result(text);
+    std::transform(result.begin(), result.end(), result.begin(),
+        [](char letter) { return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter; });
+    return result;
+}
+
+/// The profile that a section holds; nothing when it is another kind of section.
+std::optional<std::string> profileName(SharedFile::Kind kind, std::string_view section)
+{
+    constexpr std::string_view prefix = "profile";
+    if (kind == SharedFile::Kind::Credentials || section == "default")
+    {
+        return std::string(section);
+    }
+    if (section.starts_with(prefix) && trimmed(section.substr(prefix.size(), 1)).empty())
+    {
+        return std::string(trimmed(section.substr(prefix.size())));
+    }
+    return std::nullopt;
+}
+
+class Parser
+{
+public:
+    explicit Parser(SharedFile::Kind kind)
+        : m_kind(kind)
+    {
+    }
+
+    /// @return what is wrong with the line; empty when nothing is
+    std::string_view take(std::string_view line)
+    {
+        const std::string_view text = trimmed(line);
+        if (text.empty() || isComment(text))
+        {
+            return {};
+        }
+        const std::size_t indent = line.find_first_not_of(blanks);
+        if (indent > m_indent)
+        {
+            return {};
+        }
+        return text.starts_with('[') ? takeSection(text) : takeSetting(text, indent);
+    }
+
+    std::map<std::string, Profile, std::less<>> takeProfiles() { return std::move(m_profiles); }
+
+private:
+    static constexpr std::size_t noSetting = std::string_view::npos; // no line is indented deeper
+
+    std::string_view takeSection(std::string_view text)
+    {
+        const std::size_t end = text.find(']');
+        const std::string_view rest = end == text.npos ? text : trimmed(text.substr(end + 1));
+        if (!rest.empty() && !isComment(rest))
+        {
+            return "a section is written [NAME]";
+        }
+        const auto name = profileName(m_kind, trimmed(text.substr(1, end - 1)));
+        m_profile = name ? &m_profiles[*name] : &m_ignored;
+        m_indent = noSetting;
+        return {};
+    }
+
+    std::string_view takeSetting(std::string_view text, std::size_t indent)
+    {
+        const std::size_t sign = text.find('=');
+        if (sign == text.npos || sign == 0)
+        {
+            return "this is neither a section nor a setting";
+        }
+        if (m_profile == nullptr)
+        {
+            return "a setting before the first section";
+        }
+        const std::string_view value = trimmed(withoutComment(text.substr(sign + 1)));
+        m_profile->insert_or_assign(lowerCase(trimmed(text.substr(0, sign))), std::string(value));
+        m_indent = indent;
+        return {};
+    }
+
+    const SharedFile::Kind m_kind;
+    std::map<std::string, Profile, std::less<>> m_profiles;
+    Profile m_ignored;
+    Profile* m_profile = nullptr; // of the section that the lines are in
+    std::size_t m_indent = noSetting;
+};
+
+[[noreturn]] void failReading(const SharedFile& file, int error)
+{
+    throw invalidCredentials(
+        "reading " + file.path.string() + ": " + std::generic_category().message(error == 0 ? EIO : error));
+}
+
+} // namespace
+
+std::map<std::string, Profile, std::less<>> readProfiles(const SharedFile& file)
+{
+    errno = 0;
+    std::ifstream content(file.path, std::ios::binary);
+    if (!content.is_open())
+    {
+        const int error = errno;
+        if (error == ENOENT || error == ENOTDIR)
+        {
+            return {};
+        }
+        failReading(file, error);
+    }
+    Parser parser(file.kind);
+    std::string line;
+    for (std::size_t number = 1; std::getline(content, line); ++number)
+    {
+        if (const std::string_view fault = parser.take(line); !fault.empty())
+        {
+            throw invalidCredentials(
+                file.path.string() + ", line " + std::to_string(number) + ": " + std::string(fault));
+        }
+    }
+    if (content.bad())
+    {
+        failReading(file, errno);
+    }
+    return parser.takeProfiles();
+}
+
+} // namespace storage::clients::s3
