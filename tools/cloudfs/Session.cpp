@@ -6,6 +6,7 @@
 #include "StandardOutput.hpp"
 
 #include <storage/clients/common/CallCounters.hpp>
+#include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/stores/OpenStore.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 #include <storage/cloudprovider/utils.hpp>
@@ -170,7 +171,7 @@ void Session::requireNoFileAbove(const StorePath& path) const
 
 void Session::printCounters() const
 {
-    const auto* counters = dynamic_cast<const storage::clients::StoreCounters*>(m_store.get());
+    const auto* counters = storage::clients::findInterface<const storage::clients::StoreCounters>(*m_store);
     if (verbose && counters != nullptr)
     {
         std::cerr << "cloudfs: store calls: " << counters->callSnapshot() << std::endl;

@@ -3,6 +3,7 @@
 #include "Text.hpp"
 
 #include <storage/clients/common/UploadInventory.hpp>
+#include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
@@ -27,7 +28,7 @@ constexpr std::int64_t longestAge = 100LL * 365 * 24 * 3600; // seconds; times b
 
 std::vector<PendingUpload> uploadsOlderThan(const Session& session, std::int64_t seconds)
 {
-    auto* const inventory = dynamic_cast<storage::clients::UploadInventory*>(&session.store());
+    auto* const inventory = storage::clients::findInterface<storage::clients::UploadInventory>(session.store());
     if (inventory == nullptr)
     {
         throw Failure(session.storeUrl, "this store cannot tell which uploads are open", fsp::ErrorCode::Unsupported);

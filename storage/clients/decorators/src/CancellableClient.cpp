@@ -12,12 +12,12 @@ using namespace storage::cloudprovider;
 namespace
 {
 
-std::atomic<bool> everythingCancelled{false};
+std::atomic<bool> allCancelled{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets it");
 
 void requireNotInterrupted(const std::string& key)
 {
-    if (everythingCancelled)
+    if (allCancelled)
     {
         throw UnknownErrorException("Interrupted", "refusing to change \"" + key + "\" after an interrupt");
     }
@@ -44,7 +44,12 @@ CancellableClient::Cancellation::~Cancellation()
 
 void CancellableClient::cancelAll() noexcept
 {
-    everythingCancelled = true;
+    allCancelled = true;
+}
+
+bool CancellableClient::everythingCancelled() noexcept
+{
+    return allCancelled;
 }
 
 void CancellableClient::requireNotCancelled(const std::string& key) const

@@ -1,8 +1,14 @@
+#include <storage/clients/common/TransientException.hpp>
 #include <storage/clients/conformance/CloudClientConformance.hpp>
 #include <storage/clients/decorators/CancellableClient.hpp>
 #include <storage/clients/decorators/FailureRecordingClient.hpp>
+#include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
 
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <exception>
 #include <memory>
 
 namespace storage::clients
@@ -25,6 +31,40 @@ private:
     Decorator m_client{m_store};
 };
 
+/// A store that fails every call of one thread once, in turn before it and after it has had its effect.
+class UnreliableHarness : public conformance::Harness
+{
+public:
+    UnreliableHarness()
+    {
+        m_store->faults().setHook(
+            [this](Operation operation, const std::string&)
+            {
+                const unsigned phase = ++m_calls.at(static_cast<std::size_t>(operation)) % 4;
+                if (phase == 1)
+                {
+                    throw TransientException("Busy");
+                }
+                // To the store in memory an upload that has ended is not there, so what ended it must not be repeated.
+                // And content that has arrived must not have become shorter when it arrives once more.
+                if (phase == 2 && operation != Operation::AbortMultipartUpload &&
+                    operation != Operation::CompleteMultipartUpload && operation != Operation::GetObjectRange)
+                {
+                    m_store->faults().inject({operation, 1, Fault::Moment::AfterEffect, m_lostAnswer});
+                }
+            });
+    }
+
+    cloudprovider::CloudClient& client() override { return m_client; }
+
+private:
+    const std::exception_ptr m_lostAnswer = std::make_exception_ptr(TransientException("Answer lost"));
+    std::array<std::atomic<unsigned>, allOperations.size()> m_calls{};
+    const std::shared_ptr<MemoryClient> m_store = std::make_shared<MemoryClient>();
+    RetryingClient m_client{m_store, {.firstDelay = std::chrono::milliseconds(0)}};
+};
+
+CLOUD_CLIENT_CONFORMANCE(Retrying, [] { return std::make_unique<UnreliableHarness>(); });
 CLOUD_CLIENT_CONFORMANCE(Cancellable, [] { return std::make_unique<DecoratorHarness<CancellableClient>>(); });
 CLOUD_CLIENT_CONFORMANCE(FailureRecording, [] { return std::make_unique<DecoratorHarness<FailureRecordingClient>>(); });
 

@@ -1,5 +1,6 @@
 #include <storage/clients/decorators/CancellableClient.hpp>
 #include <storage/clients/decorators/FailureRecordingClient.hpp>
+#include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
@@ -127,6 +128,16 @@ TEST_P(DecoratorTest, RemembersAFailureUntilItIsTakenOrMended)
     std::istringstream content("new");
     client.putObject("a", content, 3);
     EXPECT_EQ(client.takeFailure("a"), nullptr);
+}
+
+TEST(FindInterfaceTest, LooksBehindEveryDecorator)
+{
+    const auto store = std::make_shared<MemoryClient>();
+    CancellableClient client(std::make_shared<FailureRecordingClient>(store));
+    EXPECT_EQ(findInterface<UploadInventory>(client), store.get());
+    EXPECT_EQ(findInterface<const StoreCounters>(*store), store.get());
+    EXPECT_NE(findInterface<FailureRecordingClient>(client), nullptr);
+    EXPECT_EQ(findInterface<std::istream>(client), nullptr);
 }
 
 INSTANTIATE_TEST_SUITE_P(StoringCalls, DecoratorTest, testing::ValuesIn(storingCalls),

@@ -76,7 +76,7 @@ private:
     PartIndexes m_copiedParts;       // guarded by m_partsMutex
 };
 
-/// What a client offers beside CloudClient when it counts its calls. A host finds out with dynamic_cast.
+/// What a client offers beside CloudClient when it counts its calls. A host finds out with findInterface().
 class StoreCounters
 {
 public:

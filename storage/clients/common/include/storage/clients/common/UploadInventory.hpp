@@ -17,7 +17,7 @@ struct PendingUpload
 };
 
 /// What a client offers beside CloudClient when it can tell which uploads are open, those of other processes and of
-/// processes that have ended included. A host finds out with dynamic_cast.
+/// processes that have ended included. A host finds out with findInterface().
 class UploadInventory
 {
 public:

@@ -46,6 +46,9 @@ public:
     /// For the handler of an interrupt: async-signal-safe. Deletions are included so that the removal of a tree stops.
     static void cancelAll() noexcept;
 
+    /// Whether cancelAll() was called, for those who wait on the store's behalf. From any thread.
+    static bool everythingCancelled() noexcept;
+
     void deleteObject(const std::string& key) override;
     void putObject(const std::string& key, std::istream& content, std::uint64_t size) override;
     std::string createMultipartUpload(const std::string& key, const std::string& tag) override;

@@ -37,7 +37,7 @@ public:
     void completeMultipartUpload(const std::string& key, const std::string& uploadId,
         const std::vector<cloudprovider::PartInfo>& parts) override;
 
-protected:
+    /// The client behind. For those who look for what else it offers; calls belong to this one.
     cloudprovider::CloudClient& inner() const noexcept { return *m_inner; }
 
 private:

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace storage::clients
+{
+
+/// A failure that may pass by itself, of a call that may be made again.
+///
+/// A client throws it only where both hold:
+/// - Time may cure it: the store is busy or asks to slow down (429, 5xx), or the connection could not be opened, was
+///   reset or stalled.
+/// - The same call with the same arguments is safe: whatever the failed one has done in the store, the repeated one
+///   ends as if it had been the only one.
+///
+/// The second is the client's word for each operation, since it alone knows its store:
+///
+/// | operation                             | why it may be made again                                                |
+/// |---------------------------------------|-------------------------------------------------------------------------|
+/// | getObjectInfo, validateObjectName,    | they change nothing                                                     |
+/// | listObjects, getObjectRange,          |                                                                         |
+/// | getObjectParts                        |                                                                         |
+/// | deleteObject                          | a missing object is no failure                                          |
+/// | putObject                             | the same bytes again; of several writers the last one wins              |
+/// | createMultipartUpload                 | an upload whose identifier was lost stays open without parts; nothing   |
+/// |                                       | but an UploadInventory shows it                                         |
+/// | uploadPart, copyPart                  | the same Index again replaces                                           |
+/// | abortMultipartUpload                  | only if an upload that is gone counts as aborted after such a failure   |
+/// | completeMultipartUpload               | only if, after such a failure, the client asks the store what has       |
+/// |                                       | become of it before it completes again or reports a failure             |
+///
+/// The last two depend on what went before, and a client cannot tell a repeated call from a new one: it remembers the
+/// identifiers of uploads whose end it could not see.
+///
+/// To a host that does not repeat calls it is an UnknownErrorException like any other.
+class TransientException : public cloudprovider::UnknownErrorException
+{
+public:
+    /// @param retryAfter  how long the store asked to be left alone; empty: it did not say
+    explicit TransientException(const std::string& message, std::optional<std::string> detail = std::nullopt,
+        std::optional<std::chrono::milliseconds> retryAfter = std::nullopt)
+        : UnknownErrorException(message, std::move(detail))
+        , m_retryAfter(retryAfter)
+    {
+    }
+
+    std::optional<std::chrono::milliseconds> retryAfter() const noexcept { return m_retryAfter; }
+
+private:
+    std::optional<std::chrono::milliseconds> m_retryAfter;
+};
+
+} // namespace storage::clients
