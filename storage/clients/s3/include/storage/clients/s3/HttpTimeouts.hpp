@@ -1,0 +1,26 @@
+#pragma once
+
+#include <chrono>
+
+namespace storage::clients::s3
+{
+
+/// How long one request may take. A request that runs into one of these has failed and may be repeated.
+struct HttpTimeouts
+{
+    /// Name resolution, connecting and the TLS handshake together.
+    std::chrono::milliseconds connect{10'000};
+
+    /// A request is given up when fewer than `stallBytesPerSecond` bytes moved, on average, for so long; time in which
+    /// the store thinks before it answers counts.
+    std::chrono::seconds stallWindow{30};
+    long stallBytesPerSecond = 64;
+
+    /// The same for copies and completions, where the store is silent while it moves bytes of its own.
+    std::chrono::seconds storeWorkWindow{300};
+
+    /// The whole of one request, however steadily its bytes come.
+    std::chrono::seconds request{3'600};
+};
+
+} // namespace storage::clients::s3

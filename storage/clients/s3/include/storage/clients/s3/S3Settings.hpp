@@ -1,0 +1,55 @@
+#pragma once
+
+#include <storage/clients/s3/Credentials.hpp>
+#include <storage/clients/s3/HttpTimeouts.hpp>
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace storage::clients::s3
+{
+
+/// What an endpoint is known to do beyond what every one does. Where nothing is known nothing is relied on: the client
+/// then asks once more instead, which costs a request.
+struct EndpointCapabilities
+{
+    /// `x-amz-copy-source-if-match` keeps a part from being copied from another version of the object.
+    bool conditionalCopies = false;
+
+    /// `If-Match` keeps a completion from replacing another version of the object.
+    bool conditionalCompletion = false;
+
+    bool operator==(const EndpointCapabilities&) const = default;
+};
+
+/// Where a bucket is, and how to talk to it.
+struct S3Settings
+{
+    std::string bucket;
+    std::string endpoint;          ///< http://HOST:PORT or https://HOST; empty: that of the region
+    std::string region;            ///< what requests are signed for
+    std::optional<bool> pathStyle; ///< the bucket stands in the path, not in the host name; nothing: as the names allow
+    EndpointCapabilities capabilities = {};
+    HttpTimeouts timeouts = {};
+    std::filesystem::path authorities = {}; ///< PEM file in place of the system's certificate authorities
+    std::shared_ptr<CredentialsSource> credentials = nullptr; ///< null: defaultCredentials()
+
+    /// Asked about once a second during a request, from the thread that waits for it: true ends requests that began
+    /// before it became true, while later ones, which clean up, go through. Null: nothing interrupts.
+    std::function<bool()> interrupted = nullptr;
+};
+
+/// Read a store's URL: `s3://BUCKET?endpoint=URL&region=REGION&path-style=1`.
+///
+/// All parameters may be left out; values may be percent-encoded. Further ones: `profile=NAME` of the shared files,
+/// `anonymous=1`, `ca-file=PATH`, and `conditional-copies=1` and `conditional-completion=1` for what the endpoint can
+/// do. The endpoint defaults to the variables AWS_ENDPOINT_URL_S3 and AWS_ENDPOINT_URL, the region to defaultRegion(),
+/// else us-east-1.
+/// @throws cloudprovider::InvalidLocationException whose detail says what is wrong; it never repeats what may be a
+/// secret
+S3Settings parseS3Url(const std::string& url);
+
+} // namespace storage::clients::s3

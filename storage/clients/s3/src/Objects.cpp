@@ -1,0 +1,321 @@
+#include "Objects.hpp"
+
+#include "PartCutting.hpp"
+
+#include "protocol/Answers.hpp"
+#include "protocol/Times.hpp"
+
+#include <storage/clients/common/Content.hpp>
+#include <storage/clients/common/KeyRules.hpp>
+#include <storage/clients/common/TransientException.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <fmt/format.h>
+
+#include <charconv>
+#include <string_view>
+
+namespace storage::clients::s3
+{
+
+using namespace cloudprovider;
+
+namespace
+{
+
+std::optional<std::uint64_t> readNumber(std::string_view text)
+{
+    std::uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size() && !text.empty() ? std::optional(number)
+                                                                                     : std::nullopt;
+}
+
+std::optional<std::uint64_t> lengthOf(const HttpResponse& response)
+{
+    const std::string* const field = response.headers.find("Content-Length");
+    return field == nullptr ? std::nullopt : readNumber(*field);
+}
+
+/// Whether no store can hold such a key. A lookup that says so by itself finds nothing, and that is no failure.
+bool isBeyondEveryStore(const std::string& key)
+{
+    return key.size() > maxKeyBytes;
+}
+
+/// The object is not the version that was asked for; nothing of it was taken.
+struct OtherVersion
+{
+};
+
+[[noreturn]] void throwBeyondEnd(const std::string& key, std::uint64_t first, std::uint64_t last)
+{
+    throw UnknownErrorException("Invalid range",
+        fmt::format("bytes {} to {} of {} end beyond the object, which has become shorter", first, last, quoted(key)));
+}
+
+/// Hands the bytes of one good answer on, once its head has shown that they are those asked for.
+class RangeReceiver
+{
+public:
+    RangeReceiver(const S3Request& request, FailureContext context, std::ostream& out, std::optional<Version> version,
+        std::optional<ByteRange> range)
+        : m_key(request.key)
+        , m_context(std::move(context))
+        , m_out(out)
+        , m_version(std::move(version))
+        , m_range(range)
+    {
+    }
+
+    void take(const HttpResponse& head, std::string_view bytes)
+    {
+        if (!m_expected)
+        {
+            check(head);
+        }
+        writeContent(m_key, m_out, bytes.data(), bytes.size());
+        m_received += bytes.size();
+    }
+
+    std::uint64_t finish() const
+    {
+        if (!m_expected || m_received != *m_expected)
+        {
+            throwBroken(m_context, fmt::format("{} bytes came instead of {}", m_received, m_expected.value_or(0)));
+        }
+        return m_received;
+    }
+
+private:
+    void check(const HttpResponse& head)
+    {
+        const std::string* const tag = head.headers.find("ETag");
+        const auto length = lengthOf(head);
+        if (tag == nullptr || !length)
+        {
+            throwBroken(m_context, "the answer lacks the entity tag or its length"); // an error document, perhaps
+        }
+        if (m_version && unquotedTag(*tag) != m_version->tag)
+        {
+            throw OtherVersion();
+        }
+        if (m_range)
+        {
+            if (head.status != 206)
+            {
+                throw UnsupportedOperationException(m_context.action + " failed: the store ignores ranges");
+            }
+            const std::string* const place = head.headers.find("Content-Range");
+            const std::uint64_t last = m_range->offset + m_range->size - 1;
+            if (place == nullptr || !place->starts_with(fmt::format("bytes {}-{}/", m_range->offset, last)) ||
+                *length != m_range->size)
+            {
+                throwBeyondEnd(m_key, m_range->offset, last);
+            }
+        }
+        m_expected = *length;
+    }
+
+    const std::string& m_key;
+    const FailureContext m_context;
+    std::ostream& m_out;
+    const std::optional<Version> m_version;
+    const std::optional<ByteRange> m_range;
+    std::optional<std::uint64_t> m_expected; // bytes; set once the head was found to be right
+    std::uint64_t m_received = 0;
+};
+
+} // namespace
+
+std::optional<ObjectInfo> Objects::info(Operation operation, const std::string& key)
+{
+    if (isBeyondEveryStore(key))
+    {
+        return std::nullopt;
+    }
+    const S3Request request{operation, key, "HEAD"};
+    const HttpResponse response = m_requester.send(request, {400, 401, 403, 404});
+    if (response.status == 404)
+    {
+        if (!m_requester.sawBucket())
+        {
+            explainRefusal(request); // or a misspelt bucket would look like an empty one
+        }
+        return std::nullopt;
+    }
+    if (response.status >= 400)
+    {
+        explainRefusal(request);
+        throwAnswered(m_requester.contextOf(request), response);
+    }
+    const auto size = lengthOf(response);
+    const std::string* const tag = response.headers.find("ETag");
+    const std::string* const time = response.headers.find("Last-Modified");
+    if (!size || tag == nullptr || time == nullptr)
+    {
+        throwBroken(m_requester.contextOf(request), "the answer lacks length, entity tag or time");
+    }
+    return ObjectInfo{true, unquotedTag(*tag), *size, readHttpTime(*time)};
+}
+
+/// An answer to HEAD has no document that says why; the same question asked with GET has.
+void Objects::explainRefusal(S3Request request)
+{
+    request.method = "GET";
+    request.headers.add("Range", "bytes=0-0");
+    try
+    {
+        m_requester.send(request, {416});
+    }
+    catch (const ResourceNotFoundException&)
+    {
+        m_requester.setSawBucket(); // only the object is missing
+    }
+}
+
+std::vector<ObjectEntry> Objects::list(const std::string& prefix, std::string& token, const ListOptions& options)
+{
+    for (;;)
+    {
+        S3Request request{Operation::ListObjects, "", "GET"};
+        request.query = {{"list-type", "2"}, {"encoding-type", "url"}, {"prefix", prefix}};
+        if (!options.delimiter.empty())
+        {
+            request.query.emplace_back("delimiter", options.delimiter);
+        }
+        if (options.maxKeys > 0)
+        {
+            request.query.emplace_back("max-keys", std::to_string(options.maxKeys));
+        }
+        if (!token.empty())
+        {
+            request.query.emplace_back("continuation-token", token);
+        }
+        ListingPage page = m_requester.sendAndRead(request, readListing);
+        if (page.entries.empty() && page.nextToken == token && !token.empty())
+        {
+            throwBroken(m_requester.contextOf(request), "the listing does not go on");
+        }
+        token = std::move(page.nextToken);
+        if (!page.entries.empty() || token.empty())
+        {
+            return std::move(page.entries);
+        }
+    }
+}
+
+void Objects::remove(const std::string& key)
+{
+    if (key.empty() || isBeyondEveryStore(key)) // an empty key would be the bucket
+    {
+        return;
+    }
+    const KnownVersions::Write write(m_versions, key);
+    const S3Request request{Operation::DeleteObject, key, "DELETE"};
+    const HttpResponse response = m_requester.send(request, {404});
+    if (response.status == 404 && readError(response.body).code == "NoSuchBucket")
+    {
+        throwAnswered(m_requester.contextOf(request), response);
+    }
+}
+
+std::uint64_t Objects::read(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last)
+{
+    if (last < first)
+    {
+        return 0;
+    }
+    if (key.empty() || isBeyondEveryStore(key)) // an empty key would be a listing
+    {
+        throw ResourceNotFoundException("getObjectRange of " + quoted(key) + " failed: there is no such object");
+    }
+    const KnownVersions::Observation observation(m_versions, key);
+    const auto version = m_versions.current(key);
+    const bool isWhole = first == 0 && last == 0;
+    const auto range = isWhole ? std::nullopt : std::optional(ByteRange{first, last - first + 1});
+    if (const auto size = readVersion(Operation::GetObjectRange, key, out, range, version))
+    {
+        return *size;
+    }
+    // A whole object in one answer is one version in any case. When it was this process that replaced it meanwhile,
+    // the one that is there now will do.
+    if (isWhole && observation.sawWrite())
+    {
+        if (const auto size = readVersion(Operation::GetObjectRange, key, out, range, std::nullopt))
+        {
+            return *size;
+        }
+    }
+    throwChanged(m_requester.contextOf({Operation::GetObjectRange, key, "GET"}));
+}
+
+std::optional<std::uint64_t> Objects::readVersion(Operation operation, const std::string& key, std::ostream& out,
+    const std::optional<ByteRange>& range, const std::optional<Version>& version)
+{
+    S3Request request{operation, key, "GET"};
+    if (range)
+    {
+        request.headers.add("Range", fmt::format("bytes={}-{}", range->offset, range->offset + range->size - 1));
+    }
+    if (version)
+    {
+        request.headers.add("If-Match", quotedTag(version->tag));
+    }
+    RangeReceiver receiver(request, m_requester.contextOf(request), out, version, range);
+    try
+    {
+        const HttpResponse response = m_requester.send(
+            request, {412, 416}, [&](const HttpResponse& head, std::string_view bytes) { receiver.take(head, bytes); });
+        if (response.status == 412)
+        {
+            return std::nullopt;
+        }
+        if (response.status == 416 && range)
+        {
+            throwBeyondEnd(key, range->offset, range->offset + range->size - 1);
+        }
+        return receiver.finish();
+    }
+    catch (const OtherVersion&)
+    {
+        return std::nullopt;
+    }
+}
+
+void Objects::put(const std::string& key, std::istream& content, std::uint64_t size)
+{
+    checkKey(key);
+    KnownVersions::Write write(m_versions, key);
+    try
+    {
+        StreamBody body(key, content, size);
+        S3Request request{Operation::PutObject, key, "PUT"};
+        request.body = &body;
+        const HttpResponse response = m_requester.send(request);
+        write.succeeded({m_requester.sentTag(request, response), size});
+    }
+    catch (const TransientException&)
+    {
+        throw; // it may have been stored all the same
+    }
+    catch (...)
+    {
+        write.changedNothing();
+        throw;
+    }
+}
+
+std::vector<PartInfo> Objects::parts(const std::string& key)
+{
+    KnownVersions::Observation observation(m_versions, key);
+    const auto object = info(Operation::GetObjectParts, key);
+    if (!object)
+    {
+        throw ResourceNotFoundException("getObjectParts of " + quoted(key) + " failed: there is no such object");
+    }
+    observation.opened({object->tag, object->size});
+    return cutIntoParts(object->size, object->tag);
+}
+
+} // namespace storage::clients::s3

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "KnownVersions.hpp"
+
+#include "protocol/Requester.hpp"
+
+#include <storage/clients/common/Content.hpp>
+#include <storage/cloudprovider/CloudClient.hpp>
+
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace storage::clients::s3
+{
+
+/// Whole objects of a bucket: what there is, its bytes, its removal. The operations are those of CloudClient.
+class Objects
+{
+public:
+    Objects(Requester& requester, KnownVersions& versions)
+        : m_requester(requester)
+        , m_versions(versions)
+    {
+    }
+
+    /// @param operation  on whose behalf, for messages
+    /// @return nothing when there is no such object
+    std::optional<cloudprovider::ObjectInfo> info(Operation operation, const std::string& key);
+
+    std::vector<cloudprovider::ObjectEntry> list(
+        const std::string& prefix, std::string& token, const cloudprovider::ListOptions& options);
+
+    void remove(const std::string& key);
+
+    /// @return bytes written
+    std::uint64_t read(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last);
+
+    /// Read from one version of an object.
+    ///
+    /// @param operation  on whose behalf, for messages
+    /// @param range      not empty; nothing: the whole object
+    /// @param version    nothing: any
+    /// @return bytes written; nothing when the object is not that version
+    std::optional<std::uint64_t> readVersion(Operation operation, const std::string& key, std::ostream& out,
+        const std::optional<ByteRange>& range, const std::optional<Version>& version);
+
+    void put(const std::string& key, std::istream& content, std::uint64_t size);
+
+    std::vector<cloudprovider::PartInfo> parts(const std::string& key);
+
+private:
+    void explainRefusal(S3Request request);
+
+    Requester& m_requester;
+    KnownVersions& m_versions;
+};
+
+} // namespace storage::clients::s3

@@ -1,0 +1,25 @@
+#include "PartCutting.hpp"
+
+#include <algorithm>
+
+namespace storage::clients::s3
+{
+
+std::vector<cloudprovider::PartInfo> cutIntoParts(std::uint64_t objectSize, const std::string& tag)
+{
+    constexpr std::uint64_t step = 1 << 20; // sizes that a person recognises
+    const std::uint64_t fitting = (objectSize / (mostParts / 2) / step + 1) * step;
+    const std::uint64_t partSize = std::max<std::uint64_t>(leastPartSize, fitting);
+    std::vector<cloudprovider::PartInfo> parts;
+    parts.reserve(objectSize / partSize + 1);
+    std::uint64_t offset = 0;
+    do
+    {
+        const std::uint64_t size = std::min(partSize, objectSize - offset);
+        parts.push_back({parts.size(), offset, size, tag});
+        offset += size;
+    } while (offset < objectSize);
+    return parts;
+}
+
+} // namespace storage::clients::s3

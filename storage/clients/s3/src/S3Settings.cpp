@@ -1,0 +1,139 @@
+#include <storage/clients/s3/S3Settings.hpp>
+
+#include "protocol/BucketAddress.hpp"
+#include "signing/UriEncoding.hpp"
+
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/split.hpp>
+
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <string_view>
+#include <vector>
+
+namespace storage::clients::s3
+{
+
+namespace
+{
+
+[[noreturn]] void refuse(const std::string& reason)
+{
+    throw cloudprovider::InvalidLocationException(
+        "Invalid store", reason + "; the form is s3://BUCKET?endpoint=URL&region=REGION&path-style=1");
+}
+
+bool readFlag(const std::string& name, const std::string& value)
+{
+    if (value != "0" && value != "1")
+    {
+        refuse("\"" + name + "\" must be 0 or 1");
+    }
+    return value == "1";
+}
+
+std::string fromEnvironment(std::initializer_list<const char*> variables)
+{
+    for (const char* variable : variables)
+    {
+        const char* value = std::getenv(variable);
+        if (value != nullptr && *value != '\0')
+        {
+            return value;
+        }
+    }
+    return {};
+}
+
+std::map<std::string, std::string> readParameters(std::string_view query)
+{
+    std::map<std::string, std::string> parameters;
+    std::vector<std::string> pairs;
+    boost::algorithm::split(pairs, query, boost::algorithm::is_any_of("&"));
+    for (const std::string& pair : pairs)
+    {
+        const std::size_t equals = pair.find('=');
+        if (pair.empty())
+        {
+            continue;
+        }
+        // Values are no form data: a "+" in a path is a plus.
+        std::string value = equals == std::string::npos ? "" : pair.substr(equals + 1);
+        for (std::size_t plus = 0; (plus = value.find('+', plus)) != std::string::npos;)
+        {
+            value.replace(plus, 1, "%2B");
+        }
+        if (!parameters.emplace(pair.substr(0, equals), uriDecode(value)).second)
+        {
+            refuse("\"" + pair.substr(0, equals) + "\" is given twice");
+        }
+    }
+    return parameters;
+}
+
+} // namespace
+
+S3Settings parseS3Url(const std::string& url)
+{
+    constexpr std::string_view scheme = "s3://";
+    if (!url.starts_with(scheme))
+    {
+        refuse("not an s3:// URL");
+    }
+    const std::size_t question = url.find('?');
+    S3Settings settings;
+    settings.bucket = url.substr(scheme.size(), question == std::string::npos ? question : question - scheme.size());
+    if (settings.bucket.ends_with('/'))
+    {
+        settings.bucket.pop_back();
+    }
+    if (settings.bucket.find('@') != std::string::npos)
+    {
+        refuse("credentials do not belong into a store's URL");
+    }
+    std::string profile;
+    bool anonymous = false;
+    const std::map<std::string_view, std::function<void(const std::string& name, const std::string& value)>> known{
+        {"endpoint", [&](const auto&, const auto& value) { settings.endpoint = value; }},
+        {"region", [&](const auto&, const auto& value) { settings.region = value; }},
+        {"path-style", [&](const auto& name, const auto& value) { settings.pathStyle = readFlag(name, value); }},
+        {"profile", [&](const auto&, const auto& value) { profile = value; }},
+        {"anonymous", [&](const auto& name, const auto& value) { anonymous = readFlag(name, value); }},
+        {"ca-file", [&](const auto&, const auto& value) { settings.authorities = value; }},
+        {"conditional-copies", [&](const auto& name, const auto& value)
+            { settings.capabilities.conditionalCopies = readFlag(name, value); }},
+        {"conditional-completion", [&](const auto& name, const auto& value)
+            { settings.capabilities.conditionalCompletion = readFlag(name, value); }}};
+    if (question != std::string::npos)
+    {
+        for (const auto& [name, value] : readParameters(std::string_view(url).substr(question + 1)))
+        {
+            const auto parameter = known.find(name);
+            if (parameter == known.end())
+            {
+                refuse("an S3 store has no parameter \"" + name + "\"");
+            }
+            parameter->second(name, value);
+        }
+    }
+    if (settings.endpoint.empty())
+    {
+        settings.endpoint = fromEnvironment({"AWS_ENDPOINT_URL_S3", "AWS_ENDPOINT_URL"});
+    }
+    if (settings.region.empty())
+    {
+        settings.region = defaultRegion(profile);
+    }
+    if (settings.region.empty())
+    {
+        settings.region = "us-east-1";
+    }
+    settings.credentials = anonymous ? anonymousCredentials() : defaultCredentials(profile);
+    const BucketAddress valid(settings);
+    return settings;
+}
+
+} // namespace storage::clients::s3

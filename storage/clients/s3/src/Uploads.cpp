@@ -1,0 +1,142 @@
+#include "Uploads.hpp"
+
+#include <storage/clients/common/KeyRules.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <fmt/format.h>
+
+#include <random>
+#include <utility>
+
+namespace storage::clients::s3
+{
+
+namespace
+{
+
+constexpr std::size_t mostFinished = 4'096; // a file that is still open has ended its last upload not long ago
+
+std::string newPrefix()
+{
+    std::random_device random;
+    return fmt::format("upload-{:08x}{:08x}-", random(), random());
+}
+
+} // namespace
+
+std::string Upload::storeId(const std::function<std::string()>& open)
+{
+    const std::lock_guard opening(m_openingMutex);
+    std::string id = storeIdIfOpen();
+    if (id.empty())
+    {
+        id = open();
+        const std::lock_guard lock(m_mutex);
+        m_storeId = id;
+    }
+    return id;
+}
+
+std::string Upload::storeIdIfOpen() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_storeId;
+}
+
+void Upload::setPart(std::size_t index, Part part)
+{
+    const std::lock_guard lock(m_mutex);
+    m_parts[index] = std::move(part);
+}
+
+std::optional<Upload::Part> Upload::part(std::size_t index) const
+{
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_parts.find(index);
+    return found == m_parts.end() ? std::nullopt : std::optional(found->second);
+}
+
+bool Upload::endInDoubt() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_endInDoubt;
+}
+
+void Upload::setEndInDoubt()
+{
+    const std::lock_guard lock(m_mutex);
+    m_endInDoubt = true;
+}
+
+Uploads::Uploads()
+    : m_prefix(newPrefix())
+{
+}
+
+std::string Uploads::begin(const std::string& key, const std::string& base)
+{
+    const std::lock_guard lock(m_mutex);
+    std::string id = m_prefix + std::to_string(++m_count);
+    m_open.emplace(id, std::make_shared<Upload>(key, base));
+    return id;
+}
+
+std::shared_ptr<Upload> Uploads::find(const std::string& key, const std::string& id) const
+{
+    const std::lock_guard lock(m_mutex);
+    const auto open = m_open.find(id);
+    if (open == m_open.end() || open->second->key() != key)
+    {
+        throw cloudprovider::ResourceNotFoundException("no upload " + quoted(id) + " of " + quoted(key) + " is open");
+    }
+    return open->second;
+}
+
+void Uploads::finish(const std::string& id, const std::string& version)
+{
+    const std::lock_guard lock(m_mutex);
+    m_open.erase(id);
+    if (m_finished.emplace(id, version).second)
+    {
+        m_finishedInOrder.push_back(id);
+    }
+    if (m_finished.size() > mostFinished)
+    {
+        m_finished.erase(m_finishedInOrder.front());
+        m_finishedInOrder.pop_front();
+    }
+}
+
+std::optional<std::string> Uploads::ownIdOf(const std::string& storeId) const
+{
+    const std::lock_guard lock(m_mutex);
+    for (const auto& [id, upload] : m_open)
+    {
+        if (upload->storeIdIfOpen() == storeId)
+        {
+            return id;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> Uploads::versionOf(const std::string& tag) const
+{
+    if (!isOwn(tag))
+    {
+        return tag;
+    }
+    const std::string id = tag.substr(0, tag.find(':'));
+    const std::lock_guard lock(m_mutex);
+    if (const auto finished = m_finished.find(id); finished != m_finished.end())
+    {
+        return finished->second;
+    }
+    if (const auto open = m_open.find(id); open != m_open.end())
+    {
+        return open->second->base();
+    }
+    return std::nullopt;
+}
+
+} // namespace storage::clients::s3

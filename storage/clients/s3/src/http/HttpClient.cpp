@@ -1,0 +1,404 @@
+#include "HttpClient.hpp"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <array>
+#include <exception>
+#include <new>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace storage::clients::s3
+{
+
+namespace
+{
+
+constexpr std::size_t maxUnused = 64;             // connections; more than that at once are opened and closed again
+constexpr std::size_t largestKeptBody = 64 << 20; // bytes; a listing of 1,000 long keys has 2 MiB
+constexpr long bufferSize = 256 * 1024;           // bytes; fewer and larger pieces cost less
+
+/// The library is never torn down: threads of the host may still use it while the process ends.
+void initialiseOnce()
+{
+    static const CURLcode result = curl_global_init(CURL_GLOBAL_DEFAULT);
+    if (result != CURLE_OK)
+    {
+        throw std::runtime_error(curl_easy_strerror(result));
+    }
+}
+
+HttpFailure::Kind kindOf(CURLcode code, bool connected)
+{
+    switch (code)
+    {
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY:
+    case CURLE_COULDNT_CONNECT:
+    case CURLE_SSL_CONNECT_ERROR: // the other side speaks no TLS, or another one
+        return HttpFailure::Kind::Unreachable;
+    case CURLE_OPERATION_TIMEDOUT:
+        return connected ? HttpFailure::Kind::Stalled : HttpFailure::Kind::Unreachable;
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+    case CURLE_SSL_ISSUER_ERROR:
+        return HttpFailure::Kind::Certificate;
+    case CURLE_ABORTED_BY_CALLBACK:
+        return HttpFailure::Kind::Interrupted;
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_URL_MALFORMAT:
+        return HttpFailure::Kind::Invalid;
+    case CURLE_UNSUPPORTED_PROTOCOL: // of the address, or of an answer without a head
+        return connected ? HttpFailure::Kind::Broken : HttpFailure::Kind::Invalid;
+    default:
+        return HttpFailure::Kind::Broken;
+    }
+}
+
+} // namespace
+
+struct HttpClient::Connection
+{
+    Connection()
+        : handle(curl_easy_init())
+    {
+        if (handle == nullptr)
+        {
+            throw std::bad_alloc();
+        }
+    }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+    ~Connection() { curl_easy_cleanup(handle); }
+
+    CURL* const handle; // keeps the connection of its last request
+};
+
+/// One request under way: what the library calls back.
+class HttpClient::Transfer
+{
+public:
+    Transfer(CURL* handle, const Settings& settings, const HttpRequest& request, const Receiver& receiver)
+        : m_handle(handle)
+        , m_request(request)
+        , m_receiver(receiver)
+    {
+        curl_easy_reset(m_handle); // connections stay
+        set(CURLOPT_ERRORBUFFER, m_message.data());
+        set(CURLOPT_NOSIGNAL, 1L);
+        set(CURLOPT_URL, request.url.c_str());
+        set(CURLOPT_PATH_AS_IS, 1L);
+        set(CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_1_1);
+        set(CURLOPT_PROTOCOLS_STR, "http,https");
+        set(CURLOPT_BUFFERSIZE, bufferSize);
+        set(CURLOPT_UPLOAD_BUFFERSIZE, bufferSize);
+        if (!settings.authorities.empty())
+        {
+            set(CURLOPT_CAINFO, settings.authorities.c_str());
+        }
+        if (request.direct)
+        {
+            set(CURLOPT_PROXY, "");
+        }
+        setLimits(settings.timeouts);
+        watchInterrupts(settings.interrupted);
+        setMethod();
+        for (const HttpHeaders::Field& field : request.headers)
+        {
+            // A field without a value is written with a semicolon, or the library would leave it out.
+            addField(field.value.empty() ? field.name + ";" : field.name + ": " + field.value);
+        }
+        addField("Expect:"); // stores answer at once; waiting for their leave costs a round trip
+        set(CURLOPT_HTTPHEADER, m_fields);
+        set(CURLOPT_HEADERFUNCTION, &onHeader);
+        set(CURLOPT_HEADERDATA, this);
+        set(CURLOPT_WRITEFUNCTION, &onBody);
+        set(CURLOPT_WRITEDATA, this);
+    }
+    Transfer(const Transfer&) = delete;
+    Transfer& operator=(const Transfer&) = delete;
+    ~Transfer()
+    {
+        curl_easy_setopt(m_handle, CURLOPT_ERRORBUFFER, nullptr); // the handle, which lives on, may still write there
+        curl_slist_free_all(m_fields);
+    }
+
+    HttpResponse run()
+    {
+        CURLcode code = runOnce();
+        if (code == CURLE_SEND_ERROR && isKept() && !m_delivered)
+        {
+            // The other side closed the connection while the request went out, so it has not got the whole of it. The
+            // library repeats by itself only what fails later.
+            code = runOnce();
+        }
+        if (m_thrown)
+        {
+            std::rethrow_exception(m_thrown);
+        }
+        if (code != CURLE_OK)
+        {
+            curl_off_t connectTime = 0;
+            curl_easy_getinfo(m_handle, CURLINFO_PRETRANSFER_TIME_T, &connectTime);
+            throw HttpFailure(
+                kindOf(code, connectTime > 0), m_message[0] != '\0' ? m_message.data() : curl_easy_strerror(code));
+        }
+        if (m_response.status == 0)
+        {
+            throw HttpFailure(HttpFailure::Kind::Broken, "the answer ended within its head"); // which curl lets pass
+        }
+        if (m_receiver && isReceived() && !m_delivered)
+        {
+            m_receiver(m_response, {});
+        }
+        return std::move(m_response);
+    }
+
+private:
+    CURLcode runOnce()
+    {
+        if (m_request.body != nullptr)
+        {
+            m_request.body->rewind();
+        }
+        return curl_easy_perform(m_handle);
+    }
+
+    /// Whether the last run was over a connection that an earlier request had opened.
+    bool isKept() const
+    {
+        long opened = 0;
+        curl_easy_getinfo(m_handle, CURLINFO_NUM_CONNECTS, &opened);
+        return opened == 0;
+    }
+
+    template <typename Value>
+    void set(CURLoption option, Value value)
+    {
+        const CURLcode code = curl_easy_setopt(m_handle, option, value);
+        if (code != CURLE_OK)
+        {
+            throw HttpFailure(HttpFailure::Kind::Invalid, curl_easy_strerror(code));
+        }
+    }
+
+    void setLimits(const HttpTimeouts& timeouts)
+    {
+        const auto deadline = m_request.deadline.value_or(timeouts.request);
+        set(CURLOPT_TIMEOUT_MS, static_cast<long>(deadline.count()));
+        set(CURLOPT_CONNECTTIMEOUT_MS,
+            static_cast<long>(std::min<std::chrono::milliseconds>(timeouts.connect, deadline).count()));
+        set(CURLOPT_LOW_SPEED_LIMIT, timeouts.stallBytesPerSecond);
+        set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(m_request.stallWindow.value_or(timeouts.stallWindow).count()));
+    }
+
+    void watchInterrupts(const std::function<bool()>& interrupted)
+    {
+        // What begins after the interrupt cleans up, and must get through.
+        if (interrupted && !interrupted())
+        {
+            m_interrupted = interrupted;
+            set(CURLOPT_XFERINFOFUNCTION, &onProgress);
+            set(CURLOPT_XFERINFODATA, this);
+            set(CURLOPT_NOPROGRESS, 0L);
+        }
+    }
+
+    void setMethod()
+    {
+        if (m_request.method == "HEAD")
+        {
+            set(CURLOPT_NOBODY, 1L);
+            return;
+        }
+        const bool sendsBody = m_request.body != nullptr || m_request.method == "PUT" || m_request.method == "POST";
+        if (sendsBody)
+        {
+            set(CURLOPT_UPLOAD, 1L);
+            set(CURLOPT_INFILESIZE_LARGE,
+                static_cast<curl_off_t>(m_request.body == nullptr ? 0 : m_request.body->size()));
+            set(CURLOPT_READFUNCTION, &onRead);
+            set(CURLOPT_READDATA, this);
+            set(CURLOPT_SEEKFUNCTION, &onSeek);
+            set(CURLOPT_SEEKDATA, this);
+        }
+        set(CURLOPT_CUSTOMREQUEST, m_request.method.c_str());
+    }
+
+    void addField(const std::string& line)
+    {
+        curl_slist* const longer = curl_slist_append(m_fields, line.c_str());
+        if (longer == nullptr)
+        {
+            throw std::bad_alloc();
+        }
+        m_fields = longer;
+    }
+
+    bool isReceived() const noexcept { return m_response.status == 200 || m_response.status == 206; }
+
+    /// Run what may throw behind a callback of C; an exception waits until the library has returned.
+    template <typename Body>
+    static std::size_t guarded(void* self, std::size_t failure, Body&& body) noexcept
+    {
+        auto& transfer = *static_cast<Transfer*>(self);
+        try
+        {
+            return body(transfer);
+        }
+        catch (...)
+        {
+            transfer.m_thrown = std::current_exception();
+            return failure;
+        }
+    }
+
+    /// Called about once a second, also while nothing moves. @return non-zero to end the request
+    static int onProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) noexcept
+    {
+        return static_cast<int>(
+            guarded(self, 1, [](Transfer& transfer) -> std::size_t { return transfer.m_interrupted() ? 1 : 0; }));
+    }
+
+    static std::size_t onRead(char* target, std::size_t size, std::size_t count, void* self) noexcept
+    {
+        return guarded(self, CURL_READFUNC_ABORT,
+            [&](Transfer& transfer) -> std::size_t
+            { return transfer.m_request.body == nullptr ? 0 : transfer.m_request.body->read(target, size * count); });
+    }
+
+    static int onSeek(void* self, curl_off_t offset, int origin) noexcept
+    {
+        if (offset != 0 || origin != SEEK_SET)
+        {
+            return CURL_SEEKFUNC_CANTSEEK;
+        }
+        const auto result = guarded(self, CURL_SEEKFUNC_FAIL,
+            [](Transfer& transfer) -> std::size_t
+            {
+                if (transfer.m_request.body != nullptr)
+                {
+                    transfer.m_request.body->rewind();
+                }
+                return CURL_SEEKFUNC_OK;
+            });
+        return static_cast<int>(result);
+    }
+
+    static std::size_t onHeader(char* bytes, std::size_t size, std::size_t count, void* self) noexcept
+    {
+        return guarded(self, 0,
+            [&](Transfer& transfer)
+            {
+                transfer.takeHeaderLine({bytes, size * count});
+                return size * count;
+            });
+    }
+
+    static std::size_t onBody(char* bytes, std::size_t size, std::size_t count, void* self) noexcept
+    {
+        return guarded(self, 0,
+            [&](Transfer& transfer)
+            {
+                transfer.takeBody({bytes, size * count});
+                return size * count;
+            });
+    }
+
+    void takeHeaderLine(std::string_view line)
+    {
+        while (!line.empty() && (line.back() == '\r' || line.back() == '\n'))
+        {
+            line.remove_suffix(1);
+        }
+        if (line.starts_with("HTTP/"))
+        {
+            m_response = {}; // an interim answer does not count
+            return;
+        }
+        if (line.empty())
+        {
+            long status = 0;
+            curl_easy_getinfo(m_handle, CURLINFO_RESPONSE_CODE, &status);
+            m_response.status = static_cast<int>(status);
+            return;
+        }
+        const std::size_t colon = line.find(':');
+        if (colon != std::string_view::npos)
+        {
+            std::string_view value = line.substr(colon + 1);
+            value.remove_prefix(std::min(value.find_first_not_of(" \t"), value.size()));
+            m_response.headers.add(std::string(line.substr(0, colon)), std::string(value));
+        }
+    }
+
+    void takeBody(std::string_view bytes)
+    {
+        if (m_receiver && isReceived())
+        {
+            m_delivered = true;
+            m_receiver(m_response, bytes);
+            return;
+        }
+        if (bytes.size() > largestKeptBody - m_response.body.size())
+        {
+            throw HttpFailure(HttpFailure::Kind::Broken, "the answer is longer than any should be");
+        }
+        m_response.body += bytes;
+    }
+
+    CURL* const m_handle;
+    const HttpRequest& m_request;
+    const Receiver& m_receiver;
+    curl_slist* m_fields = nullptr;
+    std::array<char, CURL_ERROR_SIZE> m_message{};
+    HttpResponse m_response;
+    bool m_delivered = false;
+    std::function<bool()> m_interrupted;
+    std::exception_ptr m_thrown;
+};
+
+HttpClient::HttpClient(Settings settings)
+    : m_settings(std::move(settings))
+{
+    initialiseOnce();
+}
+
+HttpClient::~HttpClient() = default;
+
+HttpResponse HttpClient::perform(const HttpRequest& request, const Receiver& receiver)
+{
+    // After a failure the handle goes with its connection, on which the rest of an old answer may still be under way.
+    std::unique_ptr<Connection> connection = take();
+    HttpResponse response = Transfer(connection->handle, m_settings, request, receiver).run();
+    giveBack(std::move(connection));
+    return response;
+}
+
+std::unique_ptr<HttpClient::Connection> HttpClient::take()
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        if (!m_unused.empty())
+        {
+            std::unique_ptr<Connection> connection = std::move(m_unused.back());
+            m_unused.pop_back();
+            return connection;
+        }
+    }
+    return std::make_unique<Connection>();
+}
+
+void HttpClient::giveBack(std::unique_ptr<Connection> connection)
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_unused.size() < maxUnused)
+    {
+        m_unused.push_back(std::move(connection));
+    }
+}
+
+} // namespace storage::clients::s3

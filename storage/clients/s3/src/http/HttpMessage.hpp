@@ -1,0 +1,54 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace storage::clients::s3
+{
+
+class RequestBody;
+
+/// The fields of a request or an answer, in order. Names compare without case.
+class HttpHeaders
+{
+public:
+    struct Field
+    {
+        std::string name;
+        std::string value;
+    };
+
+    void add(std::string name, std::string value) { m_fields.push_back({std::move(name), std::move(value)}); }
+
+    /// The value of the last field of that name; nothing when there is none. Valid until the headers change.
+    const std::string* find(std::string_view name) const;
+
+    auto begin() const { return m_fields.begin(); }
+    auto end() const { return m_fields.end(); }
+
+private:
+    std::vector<Field> m_fields;
+};
+
+struct HttpRequest
+{
+    std::string method; ///< GET, HEAD, PUT, POST or DELETE
+    std::string url;    ///< absolute, http or https, percent-encoded; sent as it stands, "." segments included
+    HttpHeaders headers = {};
+    RequestBody* body = nullptr;                            ///< borrowed during the call; null: none
+    std::optional<std::chrono::seconds> stallWindow = {};   ///< in place of the client's own
+    std::optional<std::chrono::milliseconds> deadline = {}; ///< for the whole request, in place of the client's own
+    bool direct = false;                                    ///< never through a proxy
+};
+
+struct HttpResponse
+{
+    int status = 0;
+    HttpHeaders headers = {};
+    std::string body; ///< empty when a receiver took it
+};
+
+} // namespace storage::clients::s3

@@ -1,0 +1,175 @@
+#include "Answers.hpp"
+
+#include "Times.hpp"
+
+#include "signing/UriEncoding.hpp"
+
+#include <pugixml.hpp>
+
+#include <algorithm>
+#include <iterator>
+#include <sstream>
+#include <string_view>
+
+namespace storage::clients::s3
+{
+
+namespace
+{
+
+std::string textOf(const pugi::xml_node& parent, const char* name)
+{
+    return parent.child(name).text().as_string();
+}
+
+ErrorAnswer errorIn(const pugi::xml_node& root)
+{
+    return {textOf(root, "Code"), textOf(root, "Message"), textOf(root, "RequestId"), textOf(root, "Region"),
+        textOf(root, "Endpoint")};
+}
+
+/// A document whose root has been checked.
+class Document
+{
+public:
+    Document(const std::string& text, const char* rootName)
+    {
+        // Keys may consist of blanks, and an end of line in a key is one.
+        const auto result = m_document.load_buffer(
+            text.data(), text.size(), (pugi::parse_default | pugi::parse_ws_pcdata_single) & ~pugi::parse_eol);
+        const pugi::xml_node root = m_document.document_element();
+        if (result && std::string_view(root.name()) == "Error")
+        {
+            throw ErrorInAnswer(errorIn(root));
+        }
+        if (!result || std::string_view(root.name()) != rootName)
+        {
+            throw BrokenAnswer(std::string("the answer is no ") + rootName + " document");
+        }
+    }
+
+    pugi::xml_node root() const { return m_document.document_element(); }
+
+    std::string required(const char* name) const
+    {
+        std::string text = textOf(root(), name);
+        if (text.empty())
+        {
+            throw BrokenAnswer(std::string("the answer lacks ") + name);
+        }
+        return text;
+    }
+
+    /// Keys come encoded when the answer says so.
+    std::string key(const pugi::xml_node& parent, const char* name) const
+    {
+        const std::string text = textOf(parent, name);
+        return textOf(root(), "EncodingType") == "url" ? uriDecode(text) : text;
+    }
+
+    /// A page always says so: one without contents is no empty listing.
+    bool isTruncated() const { return required("IsTruncated") == "true"; }
+
+private:
+    pugi::xml_document m_document;
+};
+
+} // namespace
+
+ErrorAnswer readError(const std::string& document)
+{
+    pugi::xml_document parsed;
+    const bool isError = parsed.load_buffer(document.data(), document.size()) &&
+                         std::string_view(parsed.document_element().name()) == "Error";
+    return isError ? errorIn(parsed.document_element()) : ErrorAnswer();
+}
+
+ListingPage readListing(const std::string& document)
+{
+    const Document answer(document, "ListBucketResult");
+    ListingPage page;
+    std::vector<cloudprovider::ObjectEntry> groups;
+    for (const pugi::xml_node& node : answer.root().children("Contents"))
+    {
+        page.entries.push_back({answer.key(node, "Key"), node.child("Size").text().as_ullong(),
+            readIsoTime(textOf(node, "LastModified"))});
+    }
+    for (const pugi::xml_node& node : answer.root().children("CommonPrefixes"))
+    {
+        groups.push_back({answer.key(node, "Prefix"), 0, {}});
+    }
+    // The two lists are each in order.
+    std::vector<cloudprovider::ObjectEntry> merged;
+    merged.reserve(page.entries.size() + groups.size());
+    std::merge(page.entries.begin(), page.entries.end(), groups.begin(), groups.end(), std::back_inserter(merged),
+        [](const auto& a, const auto& b) { return a.key < b.key; });
+    page.entries = std::move(merged);
+    if (answer.isTruncated())
+    {
+        page.nextToken = answer.required("NextContinuationToken");
+    }
+    return page;
+}
+
+UploadsPage readUploads(const std::string& document)
+{
+    const Document answer(document, "ListMultipartUploadsResult");
+    UploadsPage page;
+    for (const pugi::xml_node& node : answer.root().children("Upload"))
+    {
+        page.uploads.push_back(
+            {answer.key(node, "Key"), textOf(node, "UploadId"), readIsoTime(textOf(node, "Initiated"))});
+    }
+    if (answer.isTruncated())
+    {
+        page.nextKey = answer.key(answer.root(), "NextKeyMarker");
+        page.nextUploadId = answer.required("NextUploadIdMarker");
+    }
+    return page;
+}
+
+std::string readNewUpload(const std::string& document)
+{
+    return Document(document, "InitiateMultipartUploadResult").required("UploadId");
+}
+
+std::string readCopiedPart(const std::string& document)
+{
+    return unquotedTag(Document(document, "CopyPartResult").required("ETag"));
+}
+
+std::string readCompletion(const std::string& document)
+{
+    return unquotedTag(textOf(Document(document, "CompleteMultipartUploadResult").root(), "ETag"));
+}
+
+std::string writeCompletion(const std::vector<std::pair<std::size_t, std::string>>& parts)
+{
+    pugi::xml_document document;
+    pugi::xml_node root = document.append_child("CompleteMultipartUpload");
+    for (const auto& [number, tag] : parts)
+    {
+        pugi::xml_node part = root.append_child("Part");
+        part.append_child("PartNumber").text() = static_cast<unsigned long long>(number);
+        part.append_child("ETag").text() = quotedTag(tag).c_str();
+    }
+    std::ostringstream out;
+    document.save(out, "", pugi::format_raw);
+    return std::move(out).str();
+}
+
+std::string unquotedTag(std::string tag)
+{
+    if (tag.size() >= 2 && tag.front() == '"' && tag.back() == '"')
+    {
+        return tag.substr(1, tag.size() - 2);
+    }
+    return tag;
+}
+
+std::string quotedTag(const std::string& tag)
+{
+    return tag.starts_with("W/") ? tag : '"' + tag + '"';
+}
+
+} // namespace storage::clients::s3

@@ -1,0 +1,109 @@
+#include "BucketAddress.hpp"
+
+#include "signing/UriEncoding.hpp"
+
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <boost/algorithm/string/case_conv.hpp>
+#include <boost/algorithm/string/predicate.hpp>
+
+#include <algorithm>
+#include <cctype>
+#include <regex>
+
+namespace storage::clients::s3
+{
+
+namespace
+{
+
+[[noreturn]] void refuse(const std::string& reason)
+{
+    throw cloudprovider::InvalidLocationException(
+        "Invalid store", reason + "; the form is s3://BUCKET?endpoint=URL&region=REGION&path-style=1");
+}
+
+/// Whether the bucket may stand in a host name: a certificate for the endpoint covers one more label, and an address
+/// of numbers takes none.
+bool fitsIntoHostName(const std::string& bucket, const std::string& endpointHost)
+{
+    static const std::regex label("[a-z0-9]([a-z0-9-]*[a-z0-9])?");
+    static const std::regex number(R"((\d+\.){3}\d+(:\d+)?|\[.*)");
+    return std::regex_match(bucket, label) && !std::regex_match(endpointHost, number);
+}
+
+/// It becomes a part of a host name.
+void requireRegion(const std::string& region)
+{
+    static const std::regex form("[A-Za-z0-9-]{1,63}");
+    if (!std::regex_match(region, form))
+    {
+        refuse("\"" + region + "\" is no name of a region");
+    }
+}
+
+} // namespace
+
+BucketAddress::BucketAddress(const S3Settings& settings)
+    : m_bucket(settings.bucket)
+    , m_region(settings.region)
+    , m_scheme("https")
+{
+    const bool isName =
+        m_bucket.size() >= 3 && m_bucket.size() <= 255 &&
+        std::all_of(m_bucket.begin(), m_bucket.end(),
+            [](unsigned char c) { return std::isalnum(c) != 0 || c == '-' || c == '.' || c == '_' || c == ':'; });
+    if (!isName || m_bucket == "..")
+    {
+        refuse("\"" + m_bucket + "\" is no name of a bucket");
+    }
+    requireRegion(m_region);
+    if (!settings.endpoint.empty())
+    {
+        static const std::regex form(
+            R"((https?)://([A-Za-z0-9.-]+|\[[0-9A-Fa-f:.]+\])(:\d{1,5})?(/[^?#]*)?)", std::regex::icase);
+        std::smatch match;
+        if (!std::regex_match(settings.endpoint, match, form))
+        {
+            refuse("the endpoint must be like https://HOST or http://HOST:PORT"); // it may hold a password
+        }
+        m_scheme = boost::algorithm::to_lower_copy(match.str(1));
+        m_endpointHost = boost::algorithm::to_lower_copy(match.str(2));
+        if (match.str(3) != (m_scheme == "https" ? ":443" : ":80"))
+        {
+            m_endpointHost += match.str(3);
+        }
+        m_basePath = match.str(4);
+        while (m_basePath.ends_with('/'))
+        {
+            m_basePath.pop_back();
+        }
+    }
+    m_pathStyle = settings.pathStyle.value_or(!fitsIntoHostName(m_bucket, m_endpointHost));
+}
+
+BucketAddress BucketAddress::inRegion(std::string region) const
+{
+    requireRegion(region);
+    BucketAddress address = *this;
+    address.m_region = std::move(region);
+    return address;
+}
+
+std::string BucketAddress::host() const
+{
+    const std::string endpoint = m_endpointHost.empty() ? "s3." + m_region + ".amazonaws.com" : m_endpointHost;
+    return m_pathStyle ? endpoint : m_bucket + "." + endpoint;
+}
+
+std::string BucketAddress::path(std::string_view key) const
+{
+    return m_basePath + (m_pathStyle ? "/" + uriEncode(m_bucket) : "") + "/" + uriEncodePath(key);
+}
+
+std::string BucketAddress::origin() const
+{
+    return m_scheme + "://" + host();
+}
+
+} // namespace storage::clients::s3

@@ -1,0 +1,140 @@
+#include "Requester.hpp"
+
+#include "signing/Hashing.hpp"
+#include "signing/RequestSigner.hpp"
+
+#include <storage/clients/common/KeyRules.hpp>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <ctime>
+
+namespace storage::clients::s3
+{
+
+namespace
+{
+
+const std::string hashOfNothing = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+
+bool saysExpired(const std::string& code)
+{
+    return code == "ExpiredToken" || code == "TokenRefreshRequired" || code == "InvalidToken";
+}
+
+/// A store that has begun to answer can tell of a failure only in the document.
+bool hidesFailure(const S3Request& request, const HttpResponse& response)
+{
+    const bool isShort = request.method == "PUT" || request.method == "DELETE";
+    return isShort && !readError(response.body).code.empty();
+}
+
+} // namespace
+
+Requester::Requester(const S3Settings& settings)
+    : m_credentials(settings.credentials ? settings.credentials : defaultCredentials())
+    , m_http({settings.timeouts, settings.authorities, settings.interrupted})
+    , m_storeWorkWindow(settings.timeouts.storeWorkWindow)
+    , m_address(settings)
+{
+}
+
+std::string Requester::sentTag(const S3Request& request, const HttpResponse& response)
+{
+    const std::string* const tag = response.headers.find("ETag");
+    if (tag == nullptr || tag->empty())
+    {
+        throwBroken(contextOf(request), "the answer lacks the entity tag");
+    }
+    return unquotedTag(*tag);
+}
+
+BucketAddress Requester::address()
+{
+    const std::lock_guard lock(m_mutex);
+    return m_address;
+}
+
+FailureContext Requester::contextOf(const S3Request& request)
+{
+    const std::lock_guard lock(m_mutex);
+    return {std::string(name(request.operation)) + (request.key.empty() ? "" : " of " + quoted(request.key)),
+        m_address.bucket(), m_address.origin(), m_lastKeyId, m_wasReached};
+}
+
+HttpResponse Requester::send(
+    const S3Request& request, std::initializer_list<int> accepted, const HttpClient::Receiver& receiver)
+{
+    const auto isGood = [&](const HttpResponse& response)
+    {
+        return (response.status / 100 == 2 && !hidesFailure(request, response)) ||
+               std::find(accepted.begin(), accepted.end(), response.status) != accepted.end();
+    };
+    try
+    {
+        BucketAddress asked = address();
+        HttpResponse response = sendOnce(request, asked, receiver);
+        if (!isGood(response) && followsRegion(response, asked))
+        {
+            response = sendOnce(request, address(), receiver);
+        }
+        else if (!isGood(response) && saysExpired(readError(response.body).code))
+        {
+            m_credentials->refresh();
+            response = sendOnce(request, asked, receiver);
+        }
+        if (isGood(response))
+        {
+            m_sawBucket = m_sawBucket || response.status / 100 == 2;
+            return response;
+        }
+        throwAnswered(contextOf(request), response);
+    }
+    catch (const HttpFailure& failure)
+    {
+        throwUnanswered(contextOf(request), failure);
+    }
+}
+
+HttpResponse Requester::sendOnce(
+    const S3Request& request, const BucketAddress& address, const HttpClient::Receiver& receiver)
+{
+    const SigningContext context{address.host(), address.path(request.key), encodeQuery(request.query),
+        request.body == nullptr ? hashOfNothing : sha256Hex(*request.body), address.region(), std::time(nullptr)};
+    HttpRequest http{request.method,
+        address.origin() + context.path + (context.query.empty() ? "" : "?" + context.query), request.headers,
+        request.body};
+    if (request.storeWorks)
+    {
+        http.stallWindow = m_storeWorkWindow;
+    }
+    const Credentials credentials = m_credentials->credentials();
+    sign(http, context, credentials);
+    {
+        const std::lock_guard lock(m_mutex);
+        m_lastKeyId = credentials.keyId;
+    }
+    HttpResponse response = m_http.perform(http, receiver);
+    m_wasReached = true;
+    return response;
+}
+
+bool Requester::followsRegion(const HttpResponse& response, const BucketAddress& asked)
+{
+    if (response.status != 301 && response.status != 307 && response.status != 400)
+    {
+        return false;
+    }
+    const std::string* const field = response.headers.find("x-amz-bucket-region");
+    const std::string region = field != nullptr ? *field : readError(response.body).region;
+    if (region.empty() || region == asked.region())
+    {
+        return false;
+    }
+    const std::lock_guard lock(m_mutex);
+    m_address = m_address.inRegion(region);
+    return true;
+}
+
+} // namespace storage::clients::s3

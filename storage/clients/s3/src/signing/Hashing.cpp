@@ -1,0 +1,112 @@
+#include "Hashing.hpp"
+
+#include "http/RequestBody.hpp"
+
+#include <boost/algorithm/hex.hpp>
+
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+
+#include <array>
+#include <iterator>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <vector>
+
+namespace storage::clients::s3
+{
+
+namespace
+{
+
+void require(bool succeeded)
+{
+    if (!succeeded)
+    {
+        throw std::runtime_error("the hash functions of OpenSSL are not available");
+    }
+}
+
+class Digest
+{
+public:
+    explicit Digest(const EVP_MD* kind)
+        : m_context(EVP_MD_CTX_new(), &EVP_MD_CTX_free)
+    {
+        require(m_context && EVP_DigestInit_ex(m_context.get(), kind, nullptr) == 1);
+    }
+
+    void add(std::string_view bytes) { require(EVP_DigestUpdate(m_context.get(), bytes.data(), bytes.size()) == 1); }
+
+    std::string finish()
+    {
+        std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+        unsigned size = 0;
+        require(EVP_DigestFinal_ex(m_context.get(), digest.data(), &size) == 1);
+        return {digest.begin(), digest.begin() + size};
+    }
+
+private:
+    const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> m_context;
+};
+
+} // namespace
+
+std::string sha256Hex(std::string_view text)
+{
+    Digest digest(EVP_sha256());
+    digest.add(text);
+    return toHex(digest.finish());
+}
+
+std::string sha256Hex(RequestBody& body)
+{
+    Digest digest(EVP_sha256());
+    std::vector<char> piece(64 * 1024);
+    body.rewind();
+    while (const std::size_t count = body.read(piece.data(), piece.size()))
+    {
+        digest.add({piece.data(), count});
+    }
+    return toHex(digest.finish());
+}
+
+std::string hmacSha256(std::string_view key, std::string_view text)
+{
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+    unsigned size = 0;
+    require(HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),
+                reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest.data(), &size) != nullptr);
+    return {digest.begin(), digest.begin() + size};
+}
+
+std::string md5(std::string_view text)
+{
+    Digest digest(EVP_md5());
+    digest.add(text);
+    return digest.finish();
+}
+
+std::string toHex(std::string_view bytes)
+{
+    std::string digits;
+    boost::algorithm::hex_lower(bytes, std::back_inserter(digits));
+    return digits;
+}
+
+std::string fromHex(std::string_view digits)
+{
+    std::string bytes;
+    try
+    {
+        boost::algorithm::unhex(digits, std::back_inserter(bytes));
+    }
+    catch (const boost::algorithm::hex_decode_error&)
+    {
+        return {}; // an entity tag need not be hexadecimal
+    }
+    return bytes;
+}
+
+} // namespace storage::clients::s3

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace storage::clients::s3
+{
+
+class RequestBody;
+
+/// SHA-256 of the text, as 64 lower-case hexadecimal digits.
+std::string sha256Hex(std::string_view text);
+
+/// The same of a body, read once from its start.
+std::string sha256Hex(RequestBody& body);
+
+/// HMAC with SHA-256: 32 bytes.
+std::string hmacSha256(std::string_view key, std::string_view text);
+
+/// MD5 of the text: 16 bytes.
+std::string md5(std::string_view text);
+
+/// Two lower-case hexadecimal digits for each byte.
+std::string toHex(std::string_view bytes);
+
+/// The bytes that hexadecimal digits stand for; empty when they are none.
+std::string fromHex(std::string_view digits);
+
+} // namespace storage::clients::s3

@@ -1,0 +1,74 @@
+#include "RequestSigner.hpp"
+
+#include "Hashing.hpp"
+
+#include <boost/algorithm/string/case_conv.hpp>
+#include <boost/algorithm/string/trim_all.hpp>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <map>
+
+namespace storage::clients::s3
+{
+
+namespace
+{
+
+constexpr std::string_view algorithm = "AWS4-HMAC-SHA256";
+constexpr std::string_view service = "s3";
+
+/// Fields by lower-case name with blanks joined, as both sides write them before they compare.
+std::map<std::string, std::string> canonicalFields(const HttpRequest& request, const std::string& host)
+{
+    std::map<std::string, std::string> fields{{"host", host}};
+    for (const HttpHeaders::Field& field : request.headers)
+    {
+        fields[boost::algorithm::to_lower_copy(field.name)] = boost::algorithm::trim_all_copy(field.value);
+    }
+    return fields;
+}
+
+std::string signingKey(const std::string& secret, const std::string& day, const std::string& region)
+{
+    const std::string dayKey = hmacSha256("AWS4" + secret, day);
+    const std::string regionKey = hmacSha256(dayKey, region);
+    return hmacSha256(hmacSha256(regionKey, service), "aws4_request");
+}
+
+} // namespace
+
+void sign(HttpRequest& request, const SigningContext& context, const Credentials& credentials)
+{
+    request.headers.add("x-amz-content-sha256", context.payloadHash);
+    if (credentials.isAnonymous())
+    {
+        return;
+    }
+    const std::tm utc = fmt::gmtime(context.time);
+    const std::string time = fmt::format("{:%Y%m%dT%H%M%SZ}", utc);
+    const std::string day = time.substr(0, 8);
+    request.headers.add("x-amz-date", time);
+    if (!credentials.sessionToken.empty())
+    {
+        request.headers.add("x-amz-security-token", credentials.sessionToken);
+    }
+
+    std::string fields;
+    std::string names;
+    for (const auto& [name, value] : canonicalFields(request, context.host))
+    {
+        fields += name + ':' + value + '\n';
+        names += (names.empty() ? "" : ";") + name;
+    }
+    const std::string canonical = fmt::format(
+        "{}\n{}\n{}\n{}\n{}\n{}", request.method, context.path, context.query, fields, names, context.payloadHash);
+    const std::string scope = fmt::format("{}/{}/{}/aws4_request", day, context.region, service);
+    const std::string toSign = fmt::format("{}\n{}\n{}\n{}", algorithm, time, scope, sha256Hex(canonical));
+    const std::string signature = toHex(hmacSha256(signingKey(credentials.secret, day, context.region), toSign));
+    request.headers.add("Authorization", fmt::format("{} Credential={}/{},SignedHeaders={},Signature={}", algorithm,
+                                             credentials.keyId, scope, names, signature));
+}
+
+} // namespace storage::clients::s3

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "http/HttpMessage.hpp"
+
+#include <storage/clients/s3/Credentials.hpp>
+
+#include <ctime>
+#include <string>
+
+namespace storage::clients::s3
+{
+
+/// What a signature covers besides the fields of the request.
+struct SigningContext
+{
+    std::string host;        ///< as the Host field has it
+    std::string path;        ///< encoded, from the first "/"
+    std::string query;       ///< encodeQuery()'s; empty: none
+    std::string payloadHash; ///< SHA-256 of the body in hexadecimal
+    std::string region;
+    std::time_t time = 0; ///< of sending
+};
+
+/// Add the fields that tell the store who asks: the signature, version 4, over every field that the request has, the
+/// host, the time and the hash of the body. With anonymous credentials only the hash is added.
+void sign(HttpRequest& request, const SigningContext& context, const Credentials& credentials);
+
+} // namespace storage::clients::s3

@@ -1,0 +1,302 @@
+#include "FaultProxy.hpp"
+#include "Gateway.hpp"
+#include "TestCertificate.hpp"
+
+#include "protocol/Requester.hpp"
+#include "signing/Hashing.hpp"
+
+#include <storage/clients/common/TransientException.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+#include <storage/cloudprovider/CloudProvider.hpp>
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+// What the gateway does where endpoints differ, and what the client makes of it.
+
+namespace storage::clients::s3::test
+{
+
+namespace
+{
+
+using namespace cloudprovider;
+using namespace clients::test;
+namespace http = boost::beast::http;
+
+const std::string otherTag = "\"00000000000000000000000000000000\"";
+
+/// Asks the endpoint without the client, about an object "key".
+class Asker
+{
+public:
+    Asker() { ask(Operation::PutObject, "PUT", {}, {}, "content"); }
+
+    HttpResponse ask(Operation operation, const std::string& method, const QueryParameters& query = {},
+        const std::vector<HttpHeaders::Field>& fields = {}, const std::string& text = {})
+    {
+        TextBody body(text);
+        S3Request request{operation, "key", method, query};
+        for (const auto& field : fields)
+        {
+            request.headers.add(field.name, field.value);
+        }
+        request.body = text.empty() ? nullptr : &body;
+        return m_requester.send(request, {400, 404, 412});
+    }
+
+    std::string tag() { return *ask(Operation::GetObjectInfo, "HEAD").headers.find("ETag"); }
+
+    std::string begin() { return readNewUpload(ask(Operation::CreateMultipartUpload, "POST", {{"uploads", ""}}).body); }
+
+    std::string sendPart(const std::string& upload, const std::string& number)
+    {
+        const auto sent =
+            ask(Operation::UploadPart, "PUT", {{"partNumber", number}, {"uploadId", upload}}, {}, "part " + number);
+        return unquotedTag(*sent.headers.find("ETag"));
+    }
+
+    HttpResponse complete(
+        const std::string& upload, const std::string& partTag, const std::vector<HttpHeaders::Field>& fields = {})
+    {
+        return ask(Operation::CompleteMultipartUpload, "POST", {{"uploadId", upload}}, fields,
+            writeCompletion({{1, partTag}}));
+    }
+
+    std::string source(const std::string& path) const { return "/" + m_bucket.settings().bucket + "/" + path; }
+
+private:
+    const GatewayBucket m_bucket;
+    Requester m_requester{m_bucket.settings()};
+};
+
+struct Fact
+{
+    const char* name;
+    bool (*holds)(Asker&);
+    bool here; // on this gateway
+};
+
+const std::vector<Fact> facts{
+    {"reads of another version are refused",
+        [](Asker& asker)
+        {
+            return asker.ask(Operation::GetObjectRange, "GET", {}, {{"If-Match", otherTag}}).status == 412 &&
+                   asker.ask(Operation::GetObjectRange, "GET", {}, {{"If-Match", asker.tag()}}).status == 200;
+        },
+        true},
+    {"capability conditionalCopies",
+        [](Asker& asker)
+        {
+            return asker
+                       .ask(Operation::CopyPart, "PUT", {{"partNumber", "1"}, {"uploadId", asker.begin()}},
+                           {{"x-amz-copy-source", asker.source("key")}, {"x-amz-copy-source-if-match", otherTag}})
+                       .status == 412;
+        },
+        EndpointCapabilities().conditionalCopies},
+    {"the source of a copy is decoded once",
+        [](Asker& asker)
+        {
+            return asker
+                       .ask(Operation::CopyPart, "PUT", {{"partNumber", "1"}, {"uploadId", asker.begin()}},
+                           {{"x-amz-copy-source", asker.source("k%2565y")}})
+                       .status == 404;
+        },
+        false},
+    {"capability conditionalCompletion",
+        [](Asker& asker)
+        {
+            const std::string upload = asker.begin();
+            return asker.complete(upload, asker.sendPart(upload, "1"), {{"If-Match", otherTag}}).status == 412;
+        },
+        EndpointCapabilities().conditionalCompletion},
+    {"a completed object's tag is the hash of the parts' hashes",
+        [](Asker& asker)
+        {
+            const std::string upload = asker.begin();
+            const std::string part = asker.sendPart(upload, "1");
+            asker.complete(upload, part);
+            return unquotedTag(asker.tag()) == toHex(md5(fromHex(part))) + "-1";
+        },
+        true},
+    {"a completion tells the tag",
+        [](Asker& asker)
+        {
+            const std::string upload = asker.begin();
+            return !readCompletion(asker.complete(upload, asker.sendPart(upload, "1")).body).empty();
+        },
+        false},
+    {"a completion may be repeated",
+        [](Asker& asker)
+        {
+            const std::string upload = asker.begin();
+            const std::string part = asker.sendPart(upload, "1");
+            return asker.complete(upload, part).status == 200 && asker.complete(upload, part).status == 200;
+        },
+        true},
+    {"parts that are not listed are dropped",
+        [](Asker& asker)
+        {
+            const std::string upload = asker.begin();
+            asker.sendPart(upload, "2");
+            return asker.complete(upload, asker.sendPart(upload, "1")).status == 200;
+        },
+        false},
+};
+
+TEST(EndpointTest, IsWhatTheClientTakesItFor)
+{
+    REQUIRE_GATEWAY();
+    for (const Fact& fact : facts)
+    {
+        Asker asker;
+        EXPECT_EQ(fact.holds(asker), fact.here)
+            << fact.name << ": this gateway is another one; see EndpointCapabilities and what relies on this";
+    }
+}
+
+std::string read(CloudClient& client, const std::string& key)
+{
+    std::ostringstream out;
+    client.getObjectRange(key, out, 0, 0);
+    return out.str();
+}
+
+TEST(EndpointTest, KeysOfEveryByteClassSurvive)
+{
+    REQUIRE_GATEWAY();
+    std::vector<std::string> keys{" ", ".", "..", "../up", "./here", "/leading", "//", "a b", "a%20b", "a+b", "a//b",
+        "100%", "%zz", "%2F%20", "folder/", "tab\tline\nreturn\r", "\x7f", "\"quotes' & <tags>", "?q=1&r#s[]",
+        "~-_.*!$()|,;:@=", "\u00e9\u65e5\u672c", "\U0001f600", std::string(1024, 'k')};
+    std::sort(keys.begin(), keys.end());
+    const GatewayBucket bucket;
+    S3Client client(bucket.settings());
+    for (const std::string& key : keys)
+    {
+        std::istringstream content("of " + key);
+        client.putObject(key, content, key.size() + 3);
+    }
+    std::vector<std::string> listed;
+    std::string token;
+    do
+    {
+        for (const auto& entry : client.listObjects("", token, {"", 2}))
+        {
+            listed.push_back(entry.key);
+        }
+    } while (!token.empty());
+    EXPECT_EQ(listed, keys);
+    for (const std::string& key : keys)
+    {
+        SCOPED_TRACE(key);
+        EXPECT_EQ(client.getObjectInfo(key).size, key.size() + 3);
+        EXPECT_EQ(read(client, key), "of " + key);
+        PartInfo part = client.getObjectParts(key).at(0);
+        const std::string upload = client.createMultipartUpload(key, part.Tag);
+        part.Tag = client.copyPart(key, upload, part);
+        client.completeMultipartUpload(key, upload, {part});
+        EXPECT_THAT(client.getObjectInfo(key).tag, testing::EndsWith("-1"));
+        EXPECT_EQ(read(client, key), "of " + key);
+        client.deleteObject(key);
+        EXPECT_FALSE(client.getObjectInfo(key).exists);
+    }
+}
+
+TEST(EndpointTest, ALookIntoALargeObjectMovesOnePart)
+{
+    REQUIRE_GATEWAY();
+    constexpr std::size_t size = 256 << 20;
+    constexpr std::streamoff middle = size / 2 - 300;
+    const std::string mark(1024, 'm');
+    const std::string path = testing::TempDir() + "large-object";
+    {
+        std::ofstream file(path, std::ios::binary); // sparse
+        file.seekp(middle);
+        file << mark;
+    }
+    std::filesystem::resize_file(path, size);
+    const GatewayBucket bucket;
+    const auto client = std::make_shared<S3Client>(bucket.settings());
+    std::ifstream content(path, std::ios::binary);
+    client->putObject("large", content, size);
+    std::filesystem::remove(path);
+
+    const auto provider = buildCloudProvider(client, FolderPolicy::MarkerObjects, false);
+    const auto stream =
+        provider->openReadOnlyStream(foundation::storage::provider::StorageIRI::fromUtf8("s3endpoint://test/large"));
+    std::string bytes(mark.size(), '?');
+    stream->seek(middle, std::ios_base::beg);
+    EXPECT_EQ(stream->read(bytes.data(), static_cast<std::streamsize>(bytes.size())), mark.size());
+    EXPECT_EQ(bytes, mark);
+    const auto& reads = client->callSnapshot()[Operation::GetObjectRange];
+    EXPECT_EQ(reads.calls, 1U);
+    EXPECT_LE(reads.bytes, 5U << 20U);
+}
+
+TEST(EndpointTest, EightThreadsOpenOneUploadWithTheirFirstPart)
+{
+    REQUIRE_GATEWAY();
+    const GatewayBucket bucket;
+    FaultProxy proxy(bucket.settings().endpoint);
+    S3Settings settings = bucket.settings();
+    settings.endpoint = proxy.url();
+    S3Client client(settings);
+    const std::string upload = client.createMultipartUpload("key", "");
+    client.abortMultipartUpload("key", client.createMultipartUpload("key", ""));
+    EXPECT_THAT(proxy.seen(), testing::IsEmpty());
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < 8; ++i)
+    {
+        threads.emplace_back(
+            [&, i]
+            {
+                std::istringstream content("part");
+                client.uploadPart("key", upload, {i, 4 * i, 4, ""}, content);
+            });
+    }
+    for (std::thread& thread : threads)
+    {
+        thread.join();
+    }
+    const auto seen = proxy.seen();
+    EXPECT_EQ(seen.size(), 9U);
+    EXPECT_EQ(std::count_if(seen.begin(), seen.end(),
+                  [](const auto& request) { return request.head.method() == http::verb::post; }),
+        1);
+}
+
+TEST(EndpointTest, NoListingStopsAtAnEmptyPage)
+{
+    const auto answer = [](const Request& request)
+    {
+        const std::string target(request.target());
+        const char next = target.find("continuation-token=a") != std::string::npos   ? 'b'
+                          : target.find("continuation-token=b") != std::string::npos ? 'c'
+                          : target.find("prefix=loop") != std::string::npos          ? 'b'
+                                                                                     : 'a';
+        const bool isLast = next == 'c' && target.find("prefix=loop") == std::string::npos;
+        return Reply{.body = std::string("<ListBucketResult><IsTruncated>") +
+                             (isLast ? "false</IsTruncated><Contents><Key>k</Key><Size>1</Size></Contents>"
+                                     : "true</IsTruncated><NextContinuationToken>" +
+                                           std::string(1, std::min(next, 'b')) + "</NextContinuationToken>") +
+                             "</ListBucketResult>"};
+    };
+    LoopbackServer server(answer);
+    S3Client client(parseS3Url("s3://bucket?anonymous=1&endpoint=" + server.url()));
+    std::string token;
+    const auto page = client.listObjects("", token, {});
+    ASSERT_THAT(page, testing::SizeIs(1));
+    EXPECT_EQ(page.front().key, "k");
+    EXPECT_EQ(token, "");
+    EXPECT_EQ(server.requests().size(), 3U);
+    EXPECT_THROW(client.listObjects("loop/", token, {}), TransientException) << "a token that leads to itself";
+}
+
+} // namespace
+
+} // namespace storage::clients::s3::test

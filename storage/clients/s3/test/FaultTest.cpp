@@ -1,0 +1,383 @@
+#include "FaultProxy.hpp"
+#include "FileSession.hpp"
+#include "Gateway.hpp"
+
+#include <storage/clients/common/TransientException.hpp>
+#include <storage/clients/decorators/RetryingClient.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <sstream>
+#include <thread>
+
+// Everything that can go wrong between client and store, at each request of each operation. Whatever it is: an object
+// is the old one or the new one; what was called done is in the store; what is called worth repeating can be repeated.
+
+namespace storage::clients::s3::test
+{
+
+namespace
+{
+
+using namespace cloudprovider;
+using namespace clients::test;
+namespace http = boost::beast::http;
+using Contents = std::optional<std::string>; // nothing: no object
+
+const std::string old = "the old content";
+const std::string fresh = "the new and longer content";
+
+/// One call of an operation, and what it needs.
+struct Scene
+{
+    CloudClient& client;
+    const std::string key;
+    std::string upload = {};
+    PartInfo part = {0, 0, fresh.size(), ""};
+
+    void beginUpload() { upload = client.createMultipartUpload(key, client.getObjectParts(key).at(0).Tag); }
+    void sendPart()
+    {
+        std::istringstream content(fresh);
+        part.Tag = client.uploadPart(key, upload, part, content);
+    }
+    void complete() { client.completeMultipartUpload(key, upload, {part}); }
+};
+
+struct Row
+{
+    Operation operation;
+    std::function<void(Scene&)> run;
+    Contents outcome = old; // what is stored afterwards
+    std::function<void(Scene&)> prepare = [](Scene&) {};
+    std::function<void(Scene&)> verify = [](Scene&) {}; // that it was done, where the object does not show it
+    Contents verified = outcome;                        // what is stored after that
+};
+
+void readAll(Scene& scene)
+{
+    std::ostringstream out;
+    try
+    {
+        scene.client.getObjectRange(scene.key, out, 0, old.size() - 1);
+    }
+    catch (const CloudException&)
+    {
+        EXPECT_TRUE(old.starts_with(out.str())) << "wrong bytes were handed out: " << out.str();
+        throw;
+    }
+    EXPECT_EQ(out.str(), old);
+}
+
+const std::vector<Row> rows{
+    {Operation::GetObjectInfo, [](Scene& s) { EXPECT_EQ(s.client.getObjectInfo(s.key).size, old.size()); }},
+    {Operation::ValidateObjectName, [](Scene& s) { s.client.validateObjectName("name"); }},
+    {Operation::ListObjects,
+        [](Scene& s)
+        {
+            std::string token;
+            const auto page = s.client.listObjects(s.key.substr(0, s.key.find('/') + 1), token, {});
+            ASSERT_THAT(page, testing::SizeIs(1));
+            EXPECT_EQ(page.front().key, s.key);
+        }},
+    {Operation::DeleteObject, [](Scene& s) { s.client.deleteObject(s.key); }, std::nullopt},
+    {Operation::GetObjectRange, readAll, old, [](Scene& s) { s.client.getObjectParts(s.key); }},
+    {Operation::PutObject,
+        [](Scene& s)
+        {
+            std::istringstream content(fresh);
+            s.client.putObject(s.key, content, fresh.size());
+        },
+        fresh},
+    {Operation::GetObjectParts, [](Scene& s) { EXPECT_EQ(s.client.getObjectParts(s.key).at(0).Size, old.size()); }},
+    {Operation::CreateMultipartUpload, [](Scene& s) { s.client.createMultipartUpload(s.key, ""); }},
+    {Operation::UploadPart, &Scene::sendPart, old, &Scene::beginUpload, &Scene::complete, fresh},
+    {Operation::CopyPart, [](Scene& s) { s.part.Tag = s.client.copyPart(s.key, s.upload, s.part); }, old,
+        [](Scene& s)
+        {
+            s.beginUpload();
+            s.part = s.client.getObjectParts(s.key).at(0);
+        },
+        [](Scene& s)
+        {
+            s.complete();
+            EXPECT_THAT(s.client.getObjectInfo(s.key).tag, testing::EndsWith("-1")) << "not made of parts";
+        }},
+    {Operation::AbortMultipartUpload, [](Scene& s) { s.client.abortMultipartUpload(s.key, s.upload); }, old,
+        [](Scene& s)
+        {
+            s.beginUpload();
+            s.sendPart();
+        },
+        [](Scene& s) { EXPECT_THROW(s.complete(), ResourceNotFoundException); }},
+    {Operation::CompleteMultipartUpload, &Scene::complete, fresh,
+        [](Scene& s)
+        {
+            s.beginUpload();
+            s.sendPart();
+        }},
+};
+
+/// Waits take no time, but count.
+class VirtualTime
+{
+public:
+    RetryClock clock()
+    {
+        return {[this] { return std::chrono::steady_clock::now() + slept(); },
+            [this](RetryClock::Duration time) { m_slept += time.count(); }, uniformJitter};
+    }
+    RetryClock::Duration slept() const { return RetryClock::Duration(m_slept); }
+
+private:
+    std::atomic<RetryClock::Duration::rep> m_slept = 0;
+};
+
+constexpr std::chrono::milliseconds shortBudget(500);
+
+enum class Mode
+{
+    BareOnce,     // the client itself, one request struck
+    RetryOnce,    // repeating calls, one request struck
+    RetryForGood, // repeating calls, every request struck from one on
+};
+
+const char* name(Mode mode)
+{
+    return std::array{"BareOnce", "RetryOnce", "RetryForGood"}.at(static_cast<std::size_t>(mode));
+}
+
+class FaultTest : public testing::TestWithParam<Fault>
+{
+protected:
+    void SetUp() override
+    {
+        REQUIRE_GATEWAY();
+        m_bucket.emplace();
+        m_direct.emplace(m_bucket->settings());
+    }
+
+    const Fault fault = GetParam();
+    const bool isMoved = fault == Fault::Moved301 || fault == Fault::Moved307;
+    const bool isHopeless = fault == Fault::Precondition412 || fault == Fault::Denied403;
+
+    Contents stored(const std::string& key)
+    {
+        if (!m_direct->getObjectInfo(key).exists)
+        {
+            return std::nullopt;
+        }
+        std::ostringstream out;
+        m_direct->getObjectRange(key, out, 0, 0);
+        return out.str();
+    }
+
+    void store(const std::string& key, const std::string& bytes)
+    {
+        std::istringstream content(bytes);
+        m_direct->putObject(key, content, bytes.size());
+    }
+
+    S3Settings settingsFor(const FaultProxy& proxy) const
+    {
+        S3Settings settings = m_bucket->settings();
+        settings.endpoint = proxy.url();
+        if (fault == Fault::StallBefore || fault == Fault::StallAfter) // on a busy machine others take a while, too
+        {
+            settings.timeouts.stallWindow = settings.timeouts.storeWorkWindow = std::chrono::seconds(1);
+        }
+        return settings;
+    }
+
+    FaultProxy::Plan strike(std::size_t first, bool forGood) const
+    {
+        return [this, first, forGood](const Request&, std::size_t number)
+        { return number == first || (forGood && number > first) ? fault : Fault::None; };
+    }
+
+    /// @return whether there was a request of that number
+    bool strikeRequest(const Row& row, std::size_t n, Mode mode)
+    {
+        FaultProxy proxy(m_bucket->settings().endpoint, mode != Mode::BareOnce);
+        VirtualTime time;
+        const auto bare = std::make_shared<S3Client>(settingsFor(proxy));
+        const std::chrono::milliseconds budget = mode == Mode::RetryForGood ? shortBudget : std::chrono::minutes(1);
+        RetryingClient retrying(bare, {.firstDelay = std::chrono::milliseconds(20), .budget = budget}, time.clock());
+        CloudClient& client = mode == Mode::BareOnce ? static_cast<CloudClient&>(*bare) : retrying;
+        Scene scene{client, std::string(name(row.operation)) + name(mode) + "/key"};
+        store(scene.key, old);
+        row.prepare(scene);
+
+        proxy.setPlan(strike(n, mode == Mode::RetryForGood));
+        bool failed = false;
+        try
+        {
+            row.run(scene);
+        }
+        catch (const CloudException& exception)
+        {
+            failed = true;
+            const std::string text = std::string(exception.what()) + ": " + exception.detail().value_or("");
+            EXPECT_EQ(dynamic_cast<const TransientException*>(&exception) != nullptr, !isMoved && !isHopeless) << text;
+            EXPECT_EQ(dynamic_cast<const PermissionDeniedException*>(&exception) != nullptr, fault == Fault::Denied403)
+                << text;
+            EXPECT_EQ(dynamic_cast<const InvalidLocationException*>(&exception) != nullptr, isMoved) << text;
+            EXPECT_THAT(text, testing::HasSubstr(std::string(name(row.operation))));
+        }
+        const auto seen = proxy.seen();
+        const bool reached = seen.size() >= n;
+        const bool struck = proxy.struck() > 0;
+        const bool isEnd = row.operation == Operation::CompleteMultipartUpload &&
+                           std::any_of(seen.begin(), seen.end(),
+                               [](const auto& request)
+                               { return request.fault != Fault::None && request.head.method() == http::verb::post; });
+        proxy.setPlan({});
+
+        const Contents now = stored(scene.key);
+        EXPECT_TRUE(now == row.outcome || (failed && now == old)) << now.value_or("nothing") << " is stored";
+        if (mode == Mode::RetryForGood)
+        {
+            EXPECT_LE(time.slept(), shortBudget);
+            EXPECT_TRUE(failed || !struck || (isEnd && isAfter(fault))) << "done although nothing got through";
+        }
+        else
+        {
+            const bool isRepeated = mode == Mode::RetryOnce || isMoved || (isEnd && isAfter(fault));
+            EXPECT_EQ(failed, struck && (isHopeless || !isRepeated)) << "of " << seen.size() << " requests";
+        }
+        if (mode == Mode::BareOnce && isEnd && isAfter(fault))
+        {
+            EXPECT_EQ(std::count_if(seen.begin(), seen.end(),
+                          [](const auto& request) { return request.head.method() == http::verb::post; }),
+                1)
+                << "completed again without a look";
+        }
+        if (mode == Mode::RetryOnce && fault == Fault::SlowDown503)
+        {
+            EXPECT_EQ(time.slept() >= std::chrono::seconds(1), struck) << "Retry-After was not obeyed";
+        }
+        if (isMoved && mode != Mode::RetryForGood && struck)
+        {
+            EXPECT_THAT(std::string(seen.at(n).head["Authorization"]), testing::HasSubstr("/elsewhere/s3/"));
+        }
+        failed ? row.run(scene) : void();
+        EXPECT_EQ(stored(scene.key), row.outcome) << "after the repeated call";
+        row.verify(scene);
+        EXPECT_EQ(stored(scene.key), row.verified) << "later";
+        if (row.operation == Operation::AbortMultipartUpload)
+        {
+            EXPECT_THAT(m_direct->pendingUploads(),
+                testing::Not(testing::Contains(testing::Field(&PendingUpload::key, scene.key))));
+        }
+        return reached;
+    }
+
+    void strikeOperation(const Row& row, Mode mode)
+    {
+        const bool sends =
+            row.operation != Operation::ValidateObjectName && row.operation != Operation::CreateMultipartUpload;
+        bool reached = true;
+        for (std::size_t n = 1; reached; ++n)
+        {
+            SCOPED_TRACE(testing::Message()
+                         << name(fault) << " at " << row.operation << ", request " << n << ", mode " << name(mode));
+            try
+            {
+                reached = strikeRequest(row, n, mode);
+                EXPECT_TRUE(n > 1 || reached == sends);
+            }
+            catch (const CloudException& exception)
+            {
+                ADD_FAILURE() << exception.what() << ": " << exception.detail().value_or("");
+                return;
+            }
+        }
+    }
+
+    std::optional<GatewayBucket> m_bucket;
+
+private:
+    std::optional<S3Client> m_direct; // past the proxy
+};
+
+TEST_P(FaultTest, LosesNothingAtAnyOperation)
+{
+    std::vector<std::thread> threads; // since stalls take their time
+    for (const Row& row : rows)
+    {
+        for (const Mode mode : {Mode::BareOnce, Mode::RetryOnce, Mode::RetryForGood})
+        {
+            threads.emplace_back([&, mode] { strikeOperation(row, mode); });
+        }
+    }
+    for (std::thread& thread : threads)
+    {
+        thread.join();
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Faults, FaultTest, testing::ValuesIn(allFaults), [](const auto& row) { return std::string(name(row.param)); });
+
+/// Whole files, as a host writes them.
+class FileFaultTest : public FaultTest
+{
+protected:
+    /// @return whether there was a request of that number
+    bool strikeRequest(std::size_t n, bool forGood, bool patches)
+    {
+        std::string whole(2 * partSize + 1000, 'a');
+        std::string before = old;
+        if (patches)
+        {
+            before = whole;
+            whole.replace(partSize + 100, fresh.size(), fresh);
+        }
+        store("file", before);
+        FaultProxy proxy(m_bucket->settings().endpoint);
+        VirtualTime time;
+        const auto client = std::make_shared<RetryingClient>(std::make_shared<S3Client>(settingsFor(proxy)),
+            RetryPolicy{.budget = forGood ? shortBudget : std::chrono::minutes(1)}, time.clock());
+        proxy.setPlan(strike(n, forGood));
+        FileSession session(client);
+        session.open(patches ? fsp::ByteStreamTruncate::Keep : fsp::ByteStreamTruncate::Discard);
+        patches ? session.write(partSize + 100, fresh) : session.write(0, whole);
+        session.close();
+        const bool succeeded = session.succeeded();
+        const bool reached = proxy.seen().size() >= n;
+        const Contents now = stored("file");
+        EXPECT_TRUE(now == whole || (!succeeded && now == before)) << "neither old nor new, or called written and not";
+        EXPECT_TRUE(succeeded || forGood) << "one failure was enough";
+        EXPECT_TRUE(succeeded || proxy.struck() > 0) << "failed untouched";
+        return reached;
+    }
+};
+
+TEST_P(FileFaultTest, WritesWhatItReportsAsWritten)
+{
+    for (const bool patches : {false, true})
+    {
+        for (const bool forGood : {false, true})
+        {
+            bool reached = true;
+            for (std::size_t n = 1; reached && !HasFailure(); ++n)
+            {
+                SCOPED_TRACE(testing::Message() << name(fault) << (forGood ? " from request " : " at request ") << n
+                                                << (patches ? " of a patch" : " of a new file"));
+                reached = strikeRequest(n, forGood, patches);
+                EXPECT_TRUE(reached || n > (patches ? 7 : 5)) << "too few requests for three parts";
+            }
+        }
+    }
+}
+
+// Others are no different to whoever repeats, and each run moves 20 MiB.
+INSTANTIATE_TEST_SUITE_P(Faults, FileFaultTest,
+    testing::Values(Fault::ResetBefore, Fault::ResetAfter, Fault::ErrorUnder200),
+    [](const auto& row) { return std::string(name(row.param)); });
+
+} // namespace
+
+} // namespace storage::clients::s3::test

@@ -1,0 +1,96 @@
+#pragma once
+
+#include <storage/cloudprovider/CloudProvider.hpp>
+#include <storage/cloudprovider/Logger.hpp>
+
+#include <foundation/storage/provider/ByteStreamFailure.hpp>
+#include <foundation/storage/provider/Exception.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+namespace storage::clients::s3::test
+{
+
+namespace fsp = foundation::storage::provider;
+
+constexpr std::size_t partSize = 5 << 20; // bytes; least that the store takes
+
+/// A host that works on the file "file" of a store through the provider, in small parts, and may fail at it.
+///
+/// One at a time, and while no other thread runs: it changes the environment.
+class FileSession
+{
+public:
+    explicit FileSession(cloudprovider::CloudClientSharedPtr client)
+        : m_provider(
+              cloudprovider::buildCloudProvider(std::move(client), cloudprovider::FolderPolicy::MarkerObjects, false))
+    {
+        cloudprovider::getLogger().setEnabledSeverities(0); // failures are what these tests are full of
+        setenv("ZV_CLOUD_PART_SIZE_OVERRIDE", std::to_string(partSize).c_str(), 1);
+    }
+    FileSession(const FileSession&) = delete;
+    FileSession& operator=(const FileSession&) = delete;
+    ~FileSession()
+    {
+        cloudprovider::getLogger().setEnabledSeverities(m_severities);
+        unsetenv("ZV_CLOUD_PART_SIZE_OVERRIDE");
+    }
+
+    /// Do something unless there is no file open, and note whether it failed.
+    template <typename Step>
+    void attempt(Step step)
+    {
+        try
+        {
+            m_stream ? step(*m_stream) : void();
+        }
+        catch (const fsp::ByteStreamFailure&)
+        {
+            m_succeeded = false;
+        }
+    }
+
+    void open(fsp::ByteStreamTruncate truncate)
+    {
+        try
+        {
+            m_stream = m_provider->openStream(fsp::StorageIRI::fromUtf8("s3://test/file"),
+                {fsp::ByteStreamReadAccess::Allowed, fsp::ByteStreamCreate::IfMissing, truncate,
+                    fsp::ByteStreamWritePosition::AtOffset});
+        }
+        catch (const fsp::Exception&)
+        {
+            m_succeeded = false;
+        }
+    }
+
+    void write(std::size_t offset, const std::string& bytes)
+    {
+        attempt(
+            [&](fsp::ByteStream& stream)
+            {
+                stream.seek(static_cast<std::streamoff>(offset), std::ios_base::beg);
+                stream.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+            });
+    }
+
+    void close()
+    {
+        attempt([](fsp::ByteStream& stream) { stream.close(); });
+    }
+
+    /// Whether nothing has failed until now.
+    bool succeeded() const noexcept { return m_succeeded; }
+
+private:
+    const std::uint32_t m_severities = cloudprovider::getLogger().enabledSeverities();
+    const std::shared_ptr<fsp::IProvider> m_provider;
+    fsp::ByteStreamPtr m_stream;
+    bool m_succeeded = true;
+};
+
+} // namespace storage::clients::s3::test
