@@ -10,6 +10,7 @@ set(stores
     cloudprovider_decorators
     cloudprovider_local
     cloudprovider_memory
+    cloudprovider_s3
     cloudprovider_stores)
 set(programs cloudfs)
 

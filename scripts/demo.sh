@@ -1,23 +1,44 @@
 #!/usr/bin/env bash
 # Show the library at work: a real tree of files and one large file go into a durable store and come back.
 #
-# Usage: scripts/demo.sh        installs what is missing, builds, runs; leaves nothing behind but build/
+# Usage: scripts/demo.sh [local|gateway]
+#
+# The store is a directory, or a bucket of an object gateway that is brought up on loopback and stopped in the end.
+# Installs what is missing, builds, runs; leaves nothing behind but build/.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+kind=${1:-local}
+if [[ $kind != local && $kind != gateway ]]; then
+    echo "usage: scripts/demo.sh [local|gateway]" >&2
+    exit 2
+fi
 
 scripts/install-deps.sh
 echo "Building (quietly; the output goes to build/logs) …"
 build release cloudfs
 
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+clean_up()
+{
+    [[ $kind == local ]] || scripts/gateway.sh stop >/dev/null
+    rm -rf "$work"
+}
+trap clean_up EXIT
 trap 'exit 130' INT TERM
 mkdir "$work/tmp"
 export TMPDIR=$work/tmp # the provider's temporary files, so that nothing outlives an interrupted run
 step=0
 
-cloudfs() { "$root/build/release/tools/cloudfs/cloudfs" --store "local:$work/store" "$@"; }
+store=local:$work/store
+if [[ $kind == gateway ]]; then
+    export CLOUDFS_GATEWAY_DIR=$work/gateway # beside one that somebody else has running
+    scripts/gateway.sh start >/dev/null
+    eval "$(scripts/gateway.sh env)"
+    store="s3://$CLOUDFS_TEST_S3_BUCKET?endpoint=$CLOUDFS_TEST_S3_ENDPOINT&path-style=1"
+fi
+cloudfs() { "$root/build/release/tools/cloudfs/cloudfs" --store "$store" "$@"; }
 
 # begin … say TEXT…: do a step, and report it with its time.
 begin() { began=$(date +%s%N); }
@@ -61,7 +82,7 @@ size=$(stat -c %s "$large")
 sum() { sha256sum | cut -d ' ' -f 1; }
 
 echo
-echo "Store: a new one in a temporary folder"
+echo "Store: a new one, ${store/$work/in a temporary folder}"
 begin
 cloudfs put -r "$tree" /tree
 say "put $tree: $count files, $(du -sh --apparent-size "$tree" | cut -f 1)"

@@ -25,7 +25,9 @@ constexpr int readerGone = 128 + 13; // as if SIGPIPE had ended the program
 
 void addGlobalOptions(CLI::App& app, Session& session)
 {
-    app.add_option("--store", session.storeUrl, "local:DIR (local: is $XDG_DATA_HOME/cloudfs) or memory:")
+    app.add_option("--store", session.storeUrl,
+           "local:DIR (local: is $XDG_DATA_HOME/cloudfs), memory: or "
+           "s3://BUCKET?endpoint=URL&region=REGION&path-style=1")
         ->capture_default_str();
     app.add_option("--folders", session.folderPolicy,
            "marker: folders are objects of their own; prefix: folders are what the files imply")

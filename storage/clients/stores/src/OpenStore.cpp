@@ -1,7 +1,11 @@
 #include <storage/clients/stores/OpenStore.hpp>
 
+#include <storage/clients/decorators/CancellableClient.hpp>
+#include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/clients/local/LocalClient.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
+#include <storage/clients/s3/S3Client.hpp>
+#include <storage/clients/s3/S3Settings.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <cstdlib>
@@ -19,7 +23,8 @@ using cloudprovider::InvalidLocationException;
 [[noreturn]] void refuse(const std::string& reason)
 {
     throw InvalidLocationException(
-        "Invalid store", reason + "; a store is named by local:DIR, local: (the default directory) or memory:");
+        "Invalid store", reason + "; a store is named by local:DIR, local: (the default directory), memory: or "
+                                  "s3://BUCKET?endpoint=URL&region=REGION&path-style=1");
 }
 
 /// The value of a variable that holds a directory. Relative ones are to be ignored, as if they were not set.
@@ -43,13 +48,6 @@ std::filesystem::path defaultDirectory()
     refuse("neither XDG_DATA_HOME nor HOME names a directory");
 }
 
-bool holdsCredentials(const std::string& url)
-{
-    const std::size_t begin = url.find("://");
-    return begin != std::string::npos &&
-           url.substr(begin + 3, url.find('/', begin + 3) - begin - 3).find('@') != std::string::npos;
-}
-
 } // namespace
 
 std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url)
@@ -64,13 +62,11 @@ std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url)
     {
         return std::make_shared<MemoryClient>();
     }
-    if (holdsCredentials(url))
-    {
-        refuse("credentials do not belong into a store's URL");
-    }
     if (url.starts_with("s3:"))
     {
-        refuse("no S3 support in this build");
+        s3::S3Settings settings = s3::parseS3Url(url);
+        settings.interrupted = &CancellableClient::everythingCancelled;
+        return std::make_shared<RetryingClient>(std::make_shared<S3Client>(settings));
     }
     refuse("no such kind of store");
 }
