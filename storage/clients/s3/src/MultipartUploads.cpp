@@ -108,7 +108,8 @@ std::string MultipartUploads::copy(const std::string& key, const std::string& id
         return sendBody(*upload, id, part, bytes, source.tag);
     }
     request.query = partQuery(key, part, openAtStore(*upload));
-    request.headers.add("x-amz-copy-source", fmt::format("/{}/{}", uriEncode(m_requester.bucket()), uriEncodePath(key)));
+    request.headers.add(
+        "x-amz-copy-source", fmt::format("/{}/{}", uriEncode(m_requester.bucket()), uriEncodePath(key)));
     request.headers.add("x-amz-copy-source-if-match", quotedTag(source.tag));
     if (part.Size < source.size) // small objects may only be copied whole
     {
