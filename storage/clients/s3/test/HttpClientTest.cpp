@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -191,6 +192,20 @@ TEST_F(HttpClientTest, ServesManyThreads)
     }
     EXPECT_EQ(server.requests().size(), 160U);
     EXPECT_LE(server.connections(), 8U);
+}
+
+TEST_F(HttpClientTest, AnInterruptEndsWhatBeganBeforeIt)
+{
+    std::atomic<bool> interrupted = false;
+    LoopbackServer server(
+        [&](const Request& request)
+        {
+            interrupted = true;
+            return request.target() == "/silent" ? Reply::stall() : echo(request);
+        });
+    HttpClient interruptible({.interrupted = [&] { return interrupted.load(); }});
+    EXPECT_EQ(failureOf(interruptible, {.method = "GET", .url = server.url() + "/silent"}), Kind::Interrupted);
+    EXPECT_EQ(failureOf(interruptible, {.method = "DELETE", .url = server.url()}), std::nullopt);
 }
 
 TEST_F(HttpClientTest, ChecksCertificatesAgainstTheAuthoritiesGiven)
