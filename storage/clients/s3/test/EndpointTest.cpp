@@ -233,7 +233,8 @@ TEST(EndpointTest, ALookIntoALargeObjectMovesOnePart)
     stream->seek(middle, std::ios_base::beg);
     EXPECT_EQ(stream->read(bytes.data(), static_cast<std::streamsize>(bytes.size())), mark.size());
     EXPECT_EQ(bytes, mark);
-    const auto& reads = client->callSnapshot()[Operation::GetObjectRange];
+    const CallSnapshot calls = client->callSnapshot();
+    const auto& reads = calls[Operation::GetObjectRange];
     EXPECT_EQ(reads.calls, 1U);
     EXPECT_LE(reads.bytes, 5U << 20U);
 }
