@@ -1,10 +1,11 @@
 #include "MultipartUploads.hpp"
 
-#include "PartCutting.hpp"
+#include "Parallel.hpp"
 
 #include "protocol/Answers.hpp"
 #include "signing/Hashing.hpp"
 
+#include <storage/clients/common/Content.hpp>
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/common/PartRules.hpp>
 #include <storage/clients/common/TransientException.hpp>
@@ -23,17 +24,6 @@ using namespace cloudprovider;
 
 namespace
 {
-
-QueryParameters partQuery(const std::string& key, const PartInfo& part, const std::string& storeId)
-{
-    if (part.Index >= mostParts)
-    {
-        throw UnknownErrorException("Too many parts",
-            fmt::format("{} has no room for part {}: the store takes {} parts of an object; write it in larger parts",
-                quoted(key), part.Index + 1, mostParts));
-    }
-    return {{"partNumber", std::to_string(part.Index + 1)}, {"uploadId", storeId}};
-}
 
 /// The entity tag of an object made of parts: the hash of their hashes. Stores that tag parts otherwise make another,
 /// and tell it with the completion.
@@ -57,12 +47,12 @@ std::string joinedTag(const std::vector<std::pair<std::size_t, std::string>>& pa
 std::string MultipartUploads::create(const std::string& key, const std::string& tag)
 {
     checkKey(key);
-    return m_uploads.begin(key, m_uploads.versionOf(tag).value_or(""));
+    return m_uploads.begin(key, tag);
 }
 
 std::string MultipartUploads::openAtStore(Upload& upload)
 {
-    return upload.storeId(
+    return upload.openedStoreId(
         [&]
         {
             S3Request request{Operation::CreateMultipartUpload, upload.key(), "POST"};
@@ -71,65 +61,54 @@ std::string MultipartUploads::openAtStore(Upload& upload)
         });
 }
 
+UploadLimits MultipartUploads::limitsFor(const std::string& key) const
+{
+    UploadLimits limits{.equalParts = m_capabilities.equalParts, .pinnedCopies = m_capabilities.conditionalCopies};
+    if (!m_capabilities.copiesAnyKey && key.find('%') != std::string::npos)
+    {
+        limits.largestCopy = 0; // a store that decodes the name twice would copy another object without a word
+    }
+    return limits;
+}
+
 std::string MultipartUploads::send(
     const std::string& key, const std::string& id, const PartInfo& part, std::istream& content)
 {
     const auto upload = m_uploads.find(key, id);
+    if (part.Index >= mostParts)
+    {
+        throw UnknownErrorException("Too many parts",
+            fmt::format("{} has no room for part {}: the store takes {} parts of an object; write it in larger parts",
+                quoted(key), part.Index + 1, mostParts));
+    }
+    if (!upload->isNew() && part.Size < leastPartSize && !m_capabilities.equalParts)
+    {
+        std::string bytes(part.Size, '\0');
+        readContent(key, content, bytes.data(), bytes.size());
+        return Uploads::partTag(id, upload->hold(part.Index, bytes));
+    }
     StreamBody body(key, content, part.Size);
-    return sendBody(*upload, id, part, body);
+    const std::string tag = sendBody(*upload, part.Index + 1, body);
+    upload->setPart(part.Index, {PartPlace::Store, tag, part.Size});
+    return Uploads::partTag(id, tag);
 }
 
-std::string MultipartUploads::sendBody(
-    Upload& upload, const std::string& id, const PartInfo& part, RequestBody& body, const std::string& copiedVersion)
+std::string MultipartUploads::sendBody(Upload& upload, std::size_t number, RequestBody& body)
 {
     S3Request request{Operation::UploadPart, upload.key(), "PUT"};
-    request.query = partQuery(upload.key(), part, openAtStore(upload));
+    request.query = {{"partNumber", std::to_string(number)}, {"uploadId", openAtStore(upload)}};
     request.body = &body;
     const HttpResponse response = m_requester.send(request);
-    const std::string tag = m_requester.sentTag(request, response);
-    upload.setPart(part.Index, {tag, part.Size, copiedVersion});
-    return Uploads::partTag(id, tag);
+    return m_requester.sentTag(request, response);
 }
 
 std::string MultipartUploads::copy(const std::string& key, const std::string& id, const PartInfo& part)
 {
     const auto upload = m_uploads.find(key, id);
-    S3Request request{Operation::CopyPart, key, "PUT"};
-    const Version source = requireSource(part, request);
-    if (part.Size == 0)
-    {
-        TextBody nothing{std::string()}; // which no range stands for
-        return sendBody(*upload, id, part, nothing);
-    }
-    if (key.find('%') != std::string::npos)
-    {
-        // Some stores decode the name of the source twice, and would copy from another object without a word.
-        TextBody bytes(readSource(key, part, source));
-        return sendBody(*upload, id, part, bytes, source.tag);
-    }
-    request.query = partQuery(key, part, openAtStore(*upload));
-    request.headers.add(
-        "x-amz-copy-source", fmt::format("/{}/{}", uriEncode(m_requester.bucket()), uriEncodePath(key)));
-    request.headers.add("x-amz-copy-source-if-match", quotedTag(source.tag));
-    if (part.Size < source.size) // small objects may only be copied whole
-    {
-        request.headers.add(
-            "x-amz-copy-source-range", fmt::format("bytes={}-{}", part.Offset, part.Offset + part.Size - 1));
-    }
-    request.storeWorks = true;
-    const std::string tag = m_requester.sendAndRead(request, readCopiedPart);
-    upload->setPart(part.Index, {tag, part.Size, source.tag});
+    const Version source = requireSource(part, {Operation::CopyPart, key, "PUT"});
+    const std::string tag = fmt::format("copy-{}-{}", source.tag, part.Offset);
+    upload->setPart(part.Index, {PartPlace::Object, tag, part.Size, part.Offset, source});
     return Uploads::partTag(id, tag);
-}
-
-std::string MultipartUploads::readSource(const std::string& key, const PartInfo& part, const Version& source)
-{
-    std::ostringstream bytes;
-    if (!m_objects.readVersion(Operation::CopyPart, key, bytes, ByteRange{part.Offset, part.Size}, source))
-    {
-        throwChanged(m_requester.contextOf({Operation::CopyPart, key, "GET"}));
-    }
-    return std::move(bytes).str();
 }
 
 /// @return the version that the part is copied from, as it is known to be stored
@@ -171,7 +150,7 @@ void MultipartUploads::abort(const std::string& key, const std::string& id)
         return;
     }
     const auto upload = m_uploads.find(key, id);
-    if (const std::string storeId = upload->storeIdIfOpen(); !storeId.empty())
+    if (const std::string storeId = upload->storeId(); !storeId.empty())
     {
         S3Request request{Operation::AbortMultipartUpload, key, "DELETE"};
         request.query = {{"uploadId", storeId}};
@@ -211,12 +190,12 @@ void MultipartUploads::abortOfOthers(const std::string& key, const std::string& 
 void MultipartUploads::complete(const std::string& key, const std::string& id, const std::vector<PartInfo>& parts)
 {
     const auto upload = m_uploads.find(key, id);
-    const Plan completion = plan(*upload, id, parts);
+    const Completion completion = prepare(*upload, id, parts);
     KnownVersions::Write write(m_versions, key);
     std::string tag;
     try
     {
-        tag = endUpload(*upload, completion);
+        tag = endUpload(*upload, completion, makeParts(*upload, completion));
     }
     catch (...)
     {
@@ -228,12 +207,12 @@ void MultipartUploads::complete(const std::string& key, const std::string& id, c
     }
     if (!tag.empty())
     {
-        write.succeeded({tag, completion.size});
+        write.succeeded({tag, completion.plan.size});
     }
     m_uploads.finish(id, tag);
 }
 
-MultipartUploads::Plan MultipartUploads::plan(
+MultipartUploads::Completion MultipartUploads::prepare(
     const Upload& upload, const std::string& id, const std::vector<PartInfo>& parts)
 {
     checkPartList(upload.key(), parts,
@@ -242,78 +221,151 @@ MultipartUploads::Plan MultipartUploads::plan(
             const auto part = upload.part(index);
             return part ? std::optional(SentPart{Uploads::partTag(id, part->tag), part->size}) : std::nullopt;
         });
-    Plan plan;
-    std::string copiedVersion;
+    Completion completion;
+    std::vector<FilePart> file;
     for (const PartInfo& listed : parts)
     {
         const Upload::Part part = upload.part(listed.Index).value();
-        plan.parts.emplace_back(listed.Index + 1, part.tag);
-        plan.size += part.size;
-        if (part.copiedVersion.empty())
+        file.push_back({listed.Index, part.place, part.size, part.offset});
+        if (part.place != PartPlace::Object)
         {
             continue;
         }
-        if (!copiedVersion.empty() && copiedVersion != part.copiedVersion)
+        if (!completion.source.tag.empty() && completion.source.tag != part.source.tag)
         {
             throwChanged(m_requester.contextOf({Operation::CompleteMultipartUpload, upload.key(), "POST"}));
         }
-        copiedVersion = part.copiedVersion;
+        completion.source = part.source;
     }
-    plan.newTag = joinedTag(plan.parts);
-    plan.replaces = copiedVersion;
-    if (copiedVersion.empty() && !upload.base().empty())
+    completion.plan = planUpload(file, limitsFor(upload.key()));
+    completion.replaces = completion.source.tag;
+    if (completion.source.tag.empty() && !upload.base().empty())
     {
         // What this process has written since the file was opened is no change by somebody else.
         const auto current = m_versions.current(upload.key());
         const bool isOurs = current && m_versions.descends(upload.key(), current->tag, upload.base());
-        plan.replaces = isOurs ? current->tag : upload.base();
+        completion.replaces = isOurs ? current->tag : upload.base();
     }
-    return plan;
+    return completion;
+}
+
+/// Have the store make what it does not have yet.
+MultipartUploads::NumberedTags MultipartUploads::makeParts(Upload& upload, const Completion& completion)
+{
+    NumberedTags tags;
+    std::vector<std::function<void()>> tasks;
+    tags.reserve(completion.plan.parts.size()); // tasks refer to its elements
+    for (const PlannedPart& part : completion.plan.parts)
+    {
+        tags.emplace_back(part.number, "");
+        if (part.how == PlannedPart::How::Keep)
+        {
+            tags.back().second = upload.part(part.number - 1).value().tag;
+        }
+        else if (const auto made = upload.made(part))
+        {
+            tags.back().second = *made;
+        }
+        else
+        {
+            tasks.emplace_back(
+                [&, &tag = tags.back().second]
+                {
+                    tag = makePart(upload, part, completion.source);
+                    upload.setMade(part, tag);
+                });
+        }
+    }
+    runParallel(m_transfers, tasks);
+    return tags;
+}
+
+std::string MultipartUploads::makePart(Upload& upload, const PlannedPart& part, const Version& source)
+{
+    if (part.how == PlannedPart::How::Send)
+    {
+        TextBody body(gather(upload, part, source));
+        return sendBody(upload, part.number, body);
+    }
+    const PlannedBytes& range = part.bytes.front();
+    S3Request request{Operation::CopyPart, upload.key(), "PUT"};
+    request.query = {{"partNumber", std::to_string(part.number)}, {"uploadId", openAtStore(upload)}};
+    request.headers.add(
+        "x-amz-copy-source", fmt::format("/{}/{}", uriEncode(m_requester.bucket()), uriEncodePath(upload.key())));
+    request.headers.add("x-amz-copy-source-if-match", quotedTag(source.tag));
+    if (range.size < source.size) // small objects may only be copied whole
+    {
+        request.headers.add(
+            "x-amz-copy-source-range", fmt::format("bytes={}-{}", range.offset, range.offset + range.size - 1));
+    }
+    request.storeWorks = true;
+    return m_requester.sendAndRead(request, readCopiedPart);
+}
+
+/// The bytes of a part that goes over the wire.
+std::string MultipartUploads::gather(const Upload& upload, const PlannedPart& part, const Version& source)
+{
+    std::string all;
+    all.reserve(part.size);
+    for (const PlannedBytes& bytes : part.bytes)
+    {
+        if (bytes.place == PartPlace::Client)
+        {
+            all += upload.held(bytes);
+            continue;
+        }
+        std::ostringstream read;
+        if (!m_objects.readVersion(
+                Operation::CopyPart, upload.key(), read, ByteRange{bytes.offset, bytes.size}, source))
+        {
+            throwChanged(m_requester.contextOf({Operation::CopyPart, upload.key(), "GET"}));
+        }
+        all += read.view();
+    }
+    return all;
 }
 
 /// @return the new object's entity tag
-std::string MultipartUploads::endUpload(Upload& upload, const Plan& plan)
+std::string MultipartUploads::endUpload(Upload& upload, const Completion& completion, const NumberedTags& parts)
 {
     S3Request request{Operation::CompleteMultipartUpload, upload.key(), "POST"};
+    const std::string newTag = joinedTag(parts);
     const auto isDone = [&](const std::optional<ObjectInfo>& stored)
-    { return upload.endInDoubt() && stored && !plan.newTag.empty() && stored->tag == plan.newTag; };
+    { return upload.endInDoubt() && stored && !newTag.empty() && stored->tag == newTag; };
 
-    const bool isConditional = m_capabilities.conditionalCopies && m_capabilities.conditionalCompletion;
-    if (upload.endInDoubt() || (!plan.replaces.empty() && !isConditional))
+    const bool looksAgain =
+        !completion.replaces.empty() && (completion.plan.looksAgain || !m_capabilities.conditionalCompletion);
+    if (upload.endInDoubt() || looksAgain)
     {
         // After the last copy: if the object is still that version, everything copied came from it.
         const auto stored = m_objects.info(request.operation, request.key);
         if (isDone(stored))
         {
-            return plan.newTag;
+            return newTag;
         }
-        if (!plan.replaces.empty() && (!stored || stored->tag != plan.replaces))
+        if (!completion.replaces.empty() && (!stored || stored->tag != completion.replaces))
         {
-            throwChanged(m_requester.contextOf(request));
+            upload.endInDoubt() ? throwUnknownEnd(request) : throwChanged(m_requester.contextOf(request));
         }
     }
 
-    TextBody body(writeCompletion(plan.parts));
-    request.query = {{"uploadId", upload.storeIdIfOpen()}};
+    TextBody body(writeCompletion(parts));
+    request.query = {{"uploadId", upload.storeId()}};
     request.body = &body;
     request.storeWorks = true;
-    if (!plan.replaces.empty() && m_capabilities.conditionalCompletion)
+    if (!completion.replaces.empty() && m_capabilities.conditionalCompletion)
     {
-        request.headers.add("If-Match", quotedTag(plan.replaces));
+        request.headers.add("If-Match", quotedTag(completion.replaces));
     }
     try
     {
         const std::string tag = m_requester.sendAndRead(request, readCompletion);
-        return tag.empty() ? plan.newTag : tag;
+        return tag.empty() ? newTag : tag;
     }
     catch (const TransientException&)
     {
         upload.setEndInDoubt();
-        if (isDone(m_objects.info(request.operation, request.key)))
-        {
-            return plan.newTag;
-        }
-        if (isOpenAtStore(upload))
+        if (!isGone(upload)) // asked first: an upload goes when its object has come, not before
         {
             throw;
         }
@@ -321,22 +373,46 @@ std::string MultipartUploads::endUpload(Upload& upload, const Plan& plan)
     catch (const ResourceNotFoundException&)
     {
         upload.setEndInDoubt();
-        if (isDone(m_objects.info(request.operation, request.key)))
+    }
+    catch (const UnknownErrorException&)
+    {
+        // A request whose connection broke may have been sent twice unseen, and the second refused for what the first
+        // has done.
+        upload.setEndInDoubt();
+        if (!isDone(m_objects.info(request.operation, request.key)))
         {
-            return plan.newTag;
+            throw;
         }
     }
-    throw UnknownErrorException("Outcome unknown", m_requester.contextOf(request).action +
-                                                       " failed: the upload is gone, and the object under the key is "
-                                                       "not the one that it makes; somebody has aborted "
-                                                       "it, or replaced the object at once");
+    if (isDone(m_objects.info(request.operation, request.key)))
+    {
+        return newTag;
+    }
+    throwUnknownEnd(request);
 }
 
-bool MultipartUploads::isOpenAtStore(const Upload& upload)
+void MultipartUploads::throwUnknownEnd(const S3Request& request)
+{
+    throw UnknownErrorException("Outcome unknown",
+        m_requester.contextOf(request).action +
+            " failed: the answer was lost, the upload is gone, and the object under the key is not the one that it "
+            "should make; somebody has aborted it or replaced the object at once, or the store tags objects its own "
+            "way");
+}
+
+/// Whether the store is known to have the upload no more. A question that fails tells nothing.
+bool MultipartUploads::isGone(const Upload& upload)
 {
     S3Request request{Operation::CompleteMultipartUpload, upload.key(), "GET"};
-    request.query = {{"uploadId", upload.storeIdIfOpen()}, {"max-parts", "1"}};
-    return m_requester.send(request, {404}).status != 404;
+    request.query = {{"uploadId", upload.storeId()}, {"max-parts", "1"}};
+    try
+    {
+        return m_requester.send(request, {404}).status == 404;
+    }
+    catch (const CloudException&)
+    {
+        return false;
+    }
 }
 
 std::vector<PendingUpload> MultipartUploads::pending()

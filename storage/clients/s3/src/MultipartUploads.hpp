@@ -2,6 +2,7 @@
 
 #include "KnownVersions.hpp"
 #include "Objects.hpp"
+#include "UploadPlan.hpp"
 #include "Uploads.hpp"
 
 #include "protocol/Requester.hpp"
@@ -21,15 +22,20 @@ namespace storage::clients::s3
 {
 
 /// Objects that are written in parts. The operations are those of CloudClient.
+///
+/// Parts that the store takes as they are go to it at once. Copies, and small parts of a file that had other content
+/// before, are only noted: the completion knows what stands beside them, and makes few requests of all, several at a
+/// time.
 class MultipartUploads
 {
 public:
-    MultipartUploads(
-        Requester& requester, KnownVersions& versions, Objects& objects, const EndpointCapabilities& capabilities)
+    MultipartUploads(Requester& requester, KnownVersions& versions, Objects& objects,
+        const EndpointCapabilities& capabilities, std::size_t transfers)
         : m_requester(requester)
         , m_versions(versions)
         , m_objects(objects)
         , m_capabilities(capabilities)
+        , m_transfers(transfers)
     {
     }
 
@@ -43,28 +49,32 @@ public:
 
 private:
     /// What a completion is about to do.
-    struct Plan
+    struct Completion
     {
-        std::vector<std::pair<std::size_t, std::string>> parts; ///< numbers and entity tags
-        std::uint64_t size = 0;                                 ///< bytes of the new object
-        std::string newTag;   ///< that the new object will have; empty: not known beforehand
+        UploadPlan plan;
+        Version source;       ///< of the object that unchanged bytes are taken from; no tag: of none
         std::string replaces; ///< entity tag of the object that it is made from; empty: whatever is there
     };
+    using NumberedTags = std::vector<std::pair<std::size_t, std::string>>;
 
     std::string openAtStore(Upload& upload);
-    std::string sendBody(Upload& upload, const std::string& id, const cloudprovider::PartInfo& part, RequestBody& body,
-        const std::string& copiedVersion = {});
-    std::string readSource(const std::string& key, const cloudprovider::PartInfo& part, const Version& source);
+    std::string sendBody(Upload& upload, std::size_t number, RequestBody& body);
     Version requireSource(const cloudprovider::PartInfo& part, const S3Request& request);
-    Plan plan(const Upload& upload, const std::string& id, const std::vector<cloudprovider::PartInfo>& parts);
-    std::string endUpload(Upload& upload, const Plan& plan);
-    bool isOpenAtStore(const Upload& upload);
+    UploadLimits limitsFor(const std::string& key) const;
+    Completion prepare(const Upload& upload, const std::string& id, const std::vector<cloudprovider::PartInfo>& parts);
+    NumberedTags makeParts(Upload& upload, const Completion& completion);
+    std::string makePart(Upload& upload, const PlannedPart& part, const Version& source);
+    std::string gather(const Upload& upload, const PlannedPart& part, const Version& source);
+    std::string endUpload(Upload& upload, const Completion& completion, const NumberedTags& parts);
+    [[noreturn]] void throwUnknownEnd(const S3Request& request);
+    bool isGone(const Upload& upload);
     void abortOfOthers(const std::string& key, const std::string& storeId);
 
     Requester& m_requester;
     KnownVersions& m_versions;
     Objects& m_objects;
     const EndpointCapabilities m_capabilities;
+    const std::size_t m_transfers; // at a time, in one completion
     Uploads m_uploads;
     std::mutex m_mutex;                    // innermost
     std::set<std::string> m_abortsInDoubt; // guarded by m_mutex; uploads of others whose abort got no answer

@@ -315,7 +315,7 @@ std::vector<PartInfo> Objects::parts(const std::string& key)
         throw ResourceNotFoundException("getObjectParts of " + quoted(key) + " failed: there is no such object");
     }
     observation.opened({object->tag, object->size});
-    return cutIntoParts(object->size, object->tag);
+    return cutIntoParts(object->size, object->tag, m_partSize);
 }
 
 } // namespace storage::clients::s3

@@ -19,9 +19,11 @@ namespace storage::clients::s3
 class Objects
 {
 public:
-    Objects(Requester& requester, KnownVersions& versions)
+    /// @param partSize  bytes; what stored objects are cut into
+    Objects(Requester& requester, KnownVersions& versions, std::uint64_t partSize)
         : m_requester(requester)
         , m_versions(versions)
+        , m_partSize(partSize)
     {
     }
 
@@ -55,6 +57,7 @@ private:
 
     Requester& m_requester;
     KnownVersions& m_versions;
+    const std::uint64_t m_partSize;
 };
 
 } // namespace storage::clients::s3

@@ -1,15 +1,25 @@
 #include "PartCutting.hpp"
 
+#include "UploadPlan.hpp"
+
 #include <algorithm>
 
 namespace storage::clients::s3
 {
 
-std::vector<cloudprovider::PartInfo> cutIntoParts(std::uint64_t objectSize, const std::string& tag)
+std::vector<cloudprovider::PartInfo> cutIntoParts(
+    std::uint64_t objectSize, const std::string& tag, std::uint64_t partSize)
 {
     constexpr std::uint64_t step = 1 << 20; // sizes that a person recognises
-    const std::uint64_t fitting = (objectSize / (mostParts / 2) / step + 1) * step;
-    const std::uint64_t partSize = std::max<std::uint64_t>(leastPartSize, fitting);
+    const std::uint64_t most = mostParts / 2;
+    if (objectSize > most * partSize)
+    {
+        partSize = (objectSize / most / step + 1) * step;
+    }
+    if (objectSize < leastPartSize + partSize)
+    {
+        partSize = std::max<std::uint64_t>(partSize, leastPartSize);
+    }
     std::vector<cloudprovider::PartInfo> parts;
     parts.reserve(objectSize / partSize + 1);
     std::uint64_t offset = 0;

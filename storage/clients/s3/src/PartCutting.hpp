@@ -2,7 +2,6 @@
 
 #include <storage/cloudprovider/CloudClient.hpp>
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -10,15 +9,14 @@
 namespace storage::clients::s3
 {
 
-constexpr std::size_t mostParts = 10'000;            ///< of one object
-constexpr std::size_t leastPartSize = 5 << 20;       ///< bytes; of every part but the last
-constexpr std::uint64_t largestObject = 5ULL << 40U; ///< bytes
-
-/// Cut a stored object into parts, however it was written: a copy takes any range of it.
+/// Cut a stored object into parts, however it was written: a read or a copy takes any range of it.
 ///
-/// Parts are as small as the store allows, so that touching a byte moves little. Of a large object they are larger, so
-/// that they come to half of the parts that the store takes at most: the others are left for what is appended.
+/// Parts are of `partSize` bytes, so that touching a byte moves little. Of a large object they are larger, so that they
+/// come to half of the parts that the store takes at most: the others are left for what is appended. Of one that is
+/// hardly larger than a part must be at least, they are no smaller than that: the unchanged ones before the last would
+/// otherwise not fill a part of the new object.
 /// @return at least one part; one of no bytes for an empty object
-std::vector<cloudprovider::PartInfo> cutIntoParts(std::uint64_t objectSize, const std::string& tag);
+std::vector<cloudprovider::PartInfo> cutIntoParts(
+    std::uint64_t objectSize, const std::string& tag, std::uint64_t partSize);
 
 } // namespace storage::clients::s3

@@ -3,10 +3,13 @@
 #include "KnownVersions.hpp"
 #include "MultipartUploads.hpp"
 #include "Objects.hpp"
+#include "UploadPlan.hpp"
 
 #include "protocol/Requester.hpp"
 
 #include <storage/clients/common/KeyRules.hpp>
+
+#include <algorithm>
 
 namespace storage::clients
 {
@@ -23,8 +26,11 @@ constexpr std::size_t mostKnownVersions = 16'384; // files open at once
 S3Client::S3Client(const s3::S3Settings& settings)
     : m_requester(std::make_unique<s3::Requester>(settings))
     , m_versions(std::make_unique<s3::KnownVersions>(mostKnownVersions))
-    , m_objects(std::make_unique<s3::Objects>(*m_requester, *m_versions))
-    , m_uploads(std::make_unique<s3::MultipartUploads>(*m_requester, *m_versions, *m_objects, settings.capabilities))
+    , m_objects(std::make_unique<s3::Objects>(*m_requester, *m_versions,
+          settings.capabilities.equalParts ? std::max<std::uint64_t>(settings.partSize, s3::leastPartSize)
+                                           : settings.partSize))
+    , m_uploads(std::make_unique<s3::MultipartUploads>(
+          *m_requester, *m_versions, *m_objects, settings.capabilities, settings.transfers))
 {
 }
 

@@ -106,7 +106,11 @@ S3Settings parseS3Url(const std::string& url)
         {"conditional-copies", [&](const auto& name, const auto& value)
             { settings.capabilities.conditionalCopies = readFlag(name, value); }},
         {"conditional-completion", [&](const auto& name, const auto& value)
-            { settings.capabilities.conditionalCompletion = readFlag(name, value); }}};
+            { settings.capabilities.conditionalCompletion = readFlag(name, value); }},
+        {"copies-any-key",
+            [&](const auto& name, const auto& value) { settings.capabilities.copiesAnyKey = readFlag(name, value); }},
+        {"equal-parts",
+            [&](const auto& name, const auto& value) { settings.capabilities.equalParts = readFlag(name, value); }}};
     if (question != std::string::npos)
     {
         for (const auto& [name, value] : readParameters(std::string_view(url).substr(question + 1)))

@@ -24,22 +24,19 @@ std::string newPrefix()
 
 } // namespace
 
-std::string Upload::storeId(const std::function<std::string()>& open)
+std::string Upload::openedStoreId(const std::function<std::string()>& open)
 {
-    const std::lock_guard opening(m_openingMutex);
-    std::string id = storeIdIfOpen();
-    if (id.empty())
+    const std::lock_guard lock(m_openingMutex);
+    if (m_storeId.empty())
     {
-        id = open();
-        const std::lock_guard lock(m_mutex);
-        m_storeId = id;
+        m_storeId = open();
     }
-    return id;
+    return m_storeId;
 }
 
-std::string Upload::storeIdIfOpen() const
+std::string Upload::storeId() const
 {
-    const std::lock_guard lock(m_mutex);
+    const std::lock_guard lock(m_openingMutex);
     return m_storeId;
 }
 
@@ -47,6 +44,34 @@ void Upload::setPart(std::size_t index, Part part)
 {
     const std::lock_guard lock(m_mutex);
     m_parts[index] = std::move(part);
+    m_made.clear();
+}
+
+std::string Upload::hold(std::size_t index, const std::string& bytes)
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        m_parts.erase(index); // its bytes may be lost when the new ones find no room
+    }
+    m_held.write(index, bytes);
+    const std::lock_guard lock(m_mutex);
+    std::string tag = fmt::format("held-{}", ++m_heldCount);
+    m_parts[index] = {PartPlace::Client, tag, bytes.size()};
+    m_made.clear();
+    return tag;
+}
+
+void Upload::setMade(const PlannedPart& part, const std::string& tag)
+{
+    const std::lock_guard lock(m_mutex);
+    m_made[part.number] = {part, tag};
+}
+
+std::optional<std::string> Upload::made(const PlannedPart& part) const
+{
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_made.find(part.number);
+    return found == m_made.end() || found->second.first != part ? std::nullopt : std::optional(found->second.second);
 }
 
 std::optional<Upload::Part> Upload::part(std::size_t index) const
@@ -73,11 +98,12 @@ Uploads::Uploads()
 {
 }
 
-std::string Uploads::begin(const std::string& key, const std::string& base)
+std::string Uploads::begin(const std::string& key, const std::string& tag)
 {
+    const std::string base = versionOf(tag).value_or("");
     const std::lock_guard lock(m_mutex);
     std::string id = m_prefix + std::to_string(++m_count);
-    m_open.emplace(id, std::make_shared<Upload>(key, base));
+    m_open.emplace(id, std::make_shared<Upload>(key, base, tag.empty()));
     return id;
 }
 
@@ -109,10 +135,14 @@ void Uploads::finish(const std::string& id, const std::string& version)
 
 std::optional<std::string> Uploads::ownIdOf(const std::string& storeId) const
 {
-    const std::lock_guard lock(m_mutex);
-    for (const auto& [id, upload] : m_open)
+    const auto open = [&]
     {
-        if (upload->storeIdIfOpen() == storeId)
+        const std::lock_guard lock(m_mutex);
+        return m_open;
+    }();
+    for (const auto& [id, upload] : open) // one that is just being opened makes this wait
+    {
+        if (upload->storeId() == storeId)
         {
             return id;
         }

@@ -1,5 +1,9 @@
 #pragma once
 
+#include "HeldParts.hpp"
+#include "KnownVersions.hpp"
+#include "UploadPlan.hpp"
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -10,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 namespace storage::clients::s3
 {
@@ -21,33 +26,48 @@ class Upload
 public:
     struct Part
     {
-        std::string tag;           ///< entity tag
-        std::size_t size = 0;      ///< bytes
-        std::string copiedVersion; ///< entity tag of the object that it was copied from; empty: it was sent
+        PartPlace place = PartPlace::Store;
+        std::string tag;          ///< tells what was last sent for its index; of Store: the entity tag
+        std::size_t size = 0;     ///< bytes
+        std::uint64_t offset = 0; ///< of Object: where it begins in the stored object
+        Version source = {};      ///< of Object
     };
 
-    Upload(std::string key, std::string base)
+    /// @param base   entity tag of the object that the new one is made from; empty: unknown, or of none
+    /// @param isNew  it is made from none
+    Upload(std::string key, std::string base, bool isNew)
         : m_key(std::move(key))
         , m_base(std::move(base))
+        , m_isNew(isNew)
     {
     }
 
     const std::string& key() const noexcept { return m_key; }
 
-    /// Entity tag of the object that the new one is made from; empty: of none.
     const std::string& base() const noexcept { return m_base; }
+    bool isNew() const noexcept { return m_isNew; }
 
     /// The store's own identifier.
     ///
     /// @param open  opens the upload at the store and returns its identifier; called once, unless it throws: whoever
     ///              comes next then tries again
-    std::string storeId(const std::function<std::string()>& open);
+    std::string openedStoreId(const std::function<std::string()>& open);
 
-    /// The store's own identifier; empty as long as nothing was sent.
-    std::string storeIdIfOpen() const;
+    /// The same, without opening; empty as long as the store has not heard of the upload. Waits while it is opened.
+    std::string storeId() const;
 
     void setPart(std::size_t index, Part part);
     std::optional<Part> part(std::size_t index) const;
+
+    /// Keep a part's bytes here.
+    /// @return its tag
+    std::string hold(std::size_t index, const std::string& bytes);
+    std::string held(const PlannedBytes& bytes) const { return m_held.read(bytes.index, bytes.offset, bytes.size); }
+
+    /// Remember what the store has made of a planned part, for the case that the completion fails and is repeated.
+    void setMade(const PlannedPart& part, const std::string& tag);
+    /// @return its entity tag; nothing when it is still to be made
+    std::optional<std::string> made(const PlannedPart& part) const;
 
     /// Whether an earlier request to end the upload was sent and its answer lost.
     bool endInDoubt() const;
@@ -56,10 +76,14 @@ public:
 private:
     const std::string m_key;
     const std::string m_base;
-    std::mutex m_openingMutex;  // held while the store opens the upload, so that the others wait; before m_mutex
-    mutable std::mutex m_mutex; // innermost; guards everything below
-    std::string m_storeId;
+    const bool m_isNew;
+    HeldParts m_held{leastPartSize};
+    mutable std::mutex m_openingMutex;   // held while the store opens the upload; before m_mutex
+    std::string m_storeId;               // guarded by m_openingMutex
+    mutable std::mutex m_mutex;          // innermost; guards everything below
     std::map<std::size_t, Part> m_parts; // by index
+    std::map<std::size_t, std::pair<PlannedPart, std::string>> m_made; // by number; as long as no part is sent anew
+    std::uint64_t m_heldCount = 0;
     bool m_endInDoubt = false;
 };
 
@@ -69,8 +93,9 @@ class Uploads
 public:
     Uploads();
 
-    /// Begin one. @return its identifier, which no store makes
-    std::string begin(const std::string& key, const std::string& base);
+    /// Begin one that is made from the object of which a part has that tag; empty: from none.
+    /// @return its identifier, which no store makes
+    std::string begin(const std::string& key, const std::string& tag);
 
     /// @return the open upload
     /// @throws cloudprovider::ResourceNotFoundException when there is none of that identifier for the key
@@ -94,7 +119,7 @@ public:
 
 private:
     const std::string m_prefix; // of the identifiers of this instance
-    mutable std::mutex m_mutex; // before an Upload's own; guards everything below
+    mutable std::mutex m_mutex; // innermost; guards everything below
     std::uint64_t m_count = 0;
     std::unordered_map<std::string, std::shared_ptr<Upload>> m_open;
     std::unordered_map<std::string, std::string> m_finished; // entity tags

@@ -99,7 +99,7 @@ const std::vector<Fact> facts{
                        .status == 412;
         },
         EndpointCapabilities().conditionalCopies},
-    {"the source of a copy is decoded once",
+    {"capability copiesAnyKey",
         [](Asker& asker)
         {
             return asker
@@ -107,7 +107,7 @@ const std::vector<Fact> facts{
                            {{"x-amz-copy-source", asker.source("k%2565y")}})
                        .status == 404;
         },
-        false},
+        EndpointCapabilities().copiesAnyKey},
     {"capability conditionalCompletion",
         [](Asker& asker)
         {
@@ -211,7 +211,7 @@ TEST(EndpointTest, ALookIntoALargeObjectMovesOnePart)
 {
     REQUIRE_GATEWAY();
     constexpr std::size_t size = 256 << 20;
-    constexpr std::streamoff middle = size / 2 - 300;
+    constexpr std::streamoff middle = size / 2 + 300;
     const std::string mark(1024, 'm');
     const std::string path = testing::TempDir() + "large-object";
     {
@@ -236,7 +236,7 @@ TEST(EndpointTest, ALookIntoALargeObjectMovesOnePart)
     const CallSnapshot calls = client->callSnapshot();
     const auto& reads = calls[Operation::GetObjectRange];
     EXPECT_EQ(reads.calls, 1U);
-    EXPECT_LE(reads.bytes, 5U << 20U);
+    EXPECT_LE(reads.bytes, 1U << 20U);
 }
 
 TEST(EndpointTest, EightThreadsOpenOneUploadWithTheirFirstPart)

@@ -37,12 +37,15 @@ struct Scene
     std::string upload = {};
     PartInfo part = {0, 0, fresh.size(), ""};
 
+    void beginNew() { upload = client.createMultipartUpload(key, ""); }
     void beginUpload() { upload = client.createMultipartUpload(key, client.getObjectParts(key).at(0).Tag); }
     void sendPart()
     {
         std::istringstream content(fresh);
         part.Tag = client.uploadPart(key, upload, part, content);
     }
+    void findPart() { part = client.getObjectParts(key).at(0); }
+    void copyPart() { part.Tag = client.copyPart(key, upload, part); }
     void complete() { client.completeMultipartUpload(key, upload, {part}); }
 };
 
@@ -93,22 +96,18 @@ const std::vector<Row> rows{
         fresh},
     {Operation::GetObjectParts, [](Scene& s) { EXPECT_EQ(s.client.getObjectParts(s.key).at(0).Size, old.size()); }},
     {Operation::CreateMultipartUpload, [](Scene& s) { s.client.createMultipartUpload(s.key, ""); }},
-    {Operation::UploadPart, &Scene::sendPart, old, &Scene::beginUpload, &Scene::complete, fresh},
-    {Operation::CopyPart, [](Scene& s) { s.part.Tag = s.client.copyPart(s.key, s.upload, s.part); }, old,
+    {Operation::UploadPart, &Scene::sendPart, old, // of a new object; others send when they are completed
+        &Scene::beginNew, &Scene::complete, fresh},
+    {Operation::CopyPart, &Scene::copyPart, old,
         [](Scene& s)
         {
             s.beginUpload();
-            s.part = s.client.getObjectParts(s.key).at(0);
-        },
-        [](Scene& s)
-        {
-            s.complete();
-            EXPECT_THAT(s.client.getObjectInfo(s.key).tag, testing::EndsWith("-1")) << "not made of parts";
+            s.findPart();
         }},
     {Operation::AbortMultipartUpload, [](Scene& s) { s.client.abortMultipartUpload(s.key, s.upload); }, old,
         [](Scene& s)
         {
-            s.beginUpload();
+            s.beginNew();
             s.sendPart();
         },
         [](Scene& s) { EXPECT_THROW(s.complete(), ResourceNotFoundException); }},
@@ -118,6 +117,14 @@ const std::vector<Row> rows{
             s.beginUpload();
             s.sendPart();
         }},
+    {Operation::CompleteMultipartUpload, &Scene::complete, old,
+        [](Scene& s)
+        {
+            s.beginUpload();
+            s.findPart();
+            s.copyPart();
+        },
+        [](Scene& s) { EXPECT_THAT(s.client.getObjectInfo(s.key).tag, testing::EndsWith("-1")) << "not copied"; }},
 };
 
 /// Waits take no time, but count.
@@ -206,7 +213,8 @@ protected:
         const std::chrono::milliseconds budget = mode == Mode::RetryForGood ? shortBudget : std::chrono::minutes(1);
         RetryingClient retrying(bare, {.firstDelay = std::chrono::milliseconds(20), .budget = budget}, time.clock());
         CloudClient& client = mode == Mode::BareOnce ? static_cast<CloudClient&>(*bare) : retrying;
-        Scene scene{client, std::string(name(row.operation)) + name(mode) + "/key"};
+        Scene scene{
+            client, std::string(name(row.operation)) + std::to_string(&row - rows.data()) + name(mode) + "/key"};
         store(scene.key, old);
         row.prepare(scene);
 
@@ -229,10 +237,13 @@ protected:
         const auto seen = proxy.seen();
         const bool reached = seen.size() >= n;
         const bool struck = proxy.struck() > 0;
-        const bool isEnd = row.operation == Operation::CompleteMultipartUpload &&
-                           std::any_of(seen.begin(), seen.end(),
-                               [](const auto& request)
-                               { return request.fault != Fault::None && request.head.method() == http::verb::post; });
+        const auto isCompletion = [](const auto& request)
+        {
+            return request.head.method() == http::verb::post &&
+                   request.head.target().find("uploadId=") != boost::string_view::npos;
+        };
+        const bool isEnd = std::any_of(seen.begin(), seen.end(),
+            [&](const auto& request) { return request.fault != Fault::None && isCompletion(request); });
         proxy.setPlan({});
 
         const Contents now = stored(scene.key);
@@ -249,10 +260,7 @@ protected:
         }
         if (mode == Mode::BareOnce && isEnd && isAfter(fault))
         {
-            EXPECT_EQ(std::count_if(seen.begin(), seen.end(),
-                          [](const auto& request) { return request.head.method() == http::verb::post; }),
-                1)
-                << "completed again without a look";
+            EXPECT_EQ(std::count_if(seen.begin(), seen.end(), isCompletion), 1) << "completed again without a look";
         }
         if (mode == Mode::RetryOnce && fault == Fault::SlowDown503)
         {
@@ -277,8 +285,8 @@ protected:
 
     void strikeOperation(const Row& row, Mode mode)
     {
-        const bool sends =
-            row.operation != Operation::ValidateObjectName && row.operation != Operation::CreateMultipartUpload;
+        const bool sends = row.operation != Operation::CopyPart && row.operation != Operation::ValidateObjectName &&
+                           row.operation != Operation::CreateMultipartUpload;
         bool reached = true;
         for (std::size_t n = 1; reached; ++n)
         {

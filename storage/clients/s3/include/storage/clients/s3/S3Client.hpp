@@ -26,10 +26,19 @@ class Requester;
 /// - An object is never a mixture of two versions. Ranges are read, and unchanged parts copied, from the version that
 ///   getObjectParts() last answered for the key, or that this client has written since; when somebody else has changed
 ///   the object, the read or the completion fails. putObject() replaces whatever is there: the last writer wins.
-/// - getObjectParts() cuts any object by rule, however it was written, into parts that may be copied on their own.
+/// - getObjectParts() cuts any object by rule, however it was written, into parts that are small enough to be read
+/// alone.
 /// - createMultipartUpload() only notes the upload. The store hears of it with the first part, so that a failure to
 ///   open one is that part's, and is reported. An upload belongs to the instance that began it;
 ///   abortMultipartUpload() also takes the identifiers of others, as pendingUploads() tells them.
+/// - copyPart() only notes the copy, and so does uploadPart() with a part below 5 MiB when the file had other content
+///   before, whose bytes wait in a temporary file. completeMultipartUpload() sees the whole file: it joins unchanged
+///   neighbours into large copies, sends what is too small together with what stands beside it, several requests at a
+///   time, and completes then.
+/// - So the failure of a copy or of a small part is the completion's. It leaves the object as it was and the upload
+/// open
+///   with all its parts: the completion may be repeated, and makes only what is still missing, or the upload aborted.
+///   Until then what the store has made takes room there.
 /// - A completion whose answer was lost is looked into before it is repeated or called failed.
 /// - What may pass is thrown as TransientException and may be repeated, by RetryingClient for example; nothing is
 ///   repeated here.
@@ -39,7 +48,8 @@ class Requester;
 ///
 /// Keys have at most 1,024 bytes, objects 5 TiB in 10,000 parts of at least 5 MiB each but the last.
 /// Threads: all operations may be called from any thread at the same time; each waits for the store on its own
-/// connection. No thread is started. Only one process-wide thing is used: the initialisation of libcurl.
+/// connection. A completion runs its requests on threads of its own, which end before it returns; no other thread is
+/// started. Only one process-wide thing is used: the initialisation of libcurl.
 class S3Client : public cloudprovider::CloudClient, public StoreCounters, public UploadInventory
 {
 public:

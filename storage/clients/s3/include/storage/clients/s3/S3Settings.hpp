@@ -22,6 +22,13 @@ struct EndpointCapabilities
     /// `If-Match` keeps a completion from replacing another version of the object.
     bool conditionalCompletion = false;
 
+    /// The name of a copy's source is decoded once, as it should be, so that a key with "%" names no other object.
+    /// Otherwise the bytes of such objects are read and sent again.
+    bool copiesAnyKey = false;
+
+    /// All parts of an object but the last must have one size. Parts are then neither joined nor smaller than 5 MiB.
+    bool equalParts = false;
+
     bool operator==(const EndpointCapabilities&) const = default;
 };
 
@@ -34,6 +41,8 @@ struct S3Settings
     std::optional<bool> pathStyle; ///< the bucket stands in the path, not in the host name; nothing: as the names allow
     EndpointCapabilities capabilities = {};
     HttpTimeouts timeouts = {};
+    std::size_t transfers = 8;              ///< requests that one completion makes at a time; at least 1
+    std::uint64_t partSize = 1 << 20;       ///< bytes of the parts that stored objects are read in; at least 64 KiB
     std::filesystem::path authorities = {}; ///< PEM file in place of the system's certificate authorities
     std::shared_ptr<CredentialsSource> credentials = nullptr; ///< null: defaultCredentials()
 
@@ -45,9 +54,9 @@ struct S3Settings
 /// Read a store's URL: `s3://BUCKET?endpoint=URL&region=REGION&path-style=1`.
 ///
 /// All parameters may be left out; values may be percent-encoded. Further ones: `profile=NAME` of the shared files,
-/// `anonymous=1`, `ca-file=PATH`, and `conditional-copies=1` and `conditional-completion=1` for what the endpoint can
-/// do. The endpoint defaults to the variables AWS_ENDPOINT_URL_S3 and AWS_ENDPOINT_URL, the region to defaultRegion(),
-/// else us-east-1.
+/// `anonymous=1`, `ca-file=PATH`, and `conditional-copies=1`, `conditional-completion=1`, `copies-any-key=1` and
+/// `equal-parts=1` for what the endpoint can do. The endpoint defaults to the variables AWS_ENDPOINT_URL_S3 and
+/// AWS_ENDPOINT_URL, the region to defaultRegion(), else us-east-1.
 /// @throws cloudprovider::InvalidLocationException whose detail says what is wrong; it never repeats what may be a
 /// secret
 S3Settings parseS3Url(const std::string& url);

@@ -1,0 +1,139 @@
+#include "LoopbackServer.hpp"
+
+#include "signing/Hashing.hpp"
+
+#include <storage/clients/s3/S3Client.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <mutex>
+#include <sstream>
+
+// A request whose kept connection breaks is sent again by the transport, unseen: a completion may arrive twice. What
+// the second one is answered says nothing about the first.
+
+namespace storage::clients::s3
+{
+
+namespace
+{
+
+using test::LoopbackServer;
+using test::Reply;
+using test::Request;
+
+const std::string bytes = "new";
+const std::string partTag = toHex(md5(bytes));
+const std::string newTag = toHex(md5(md5(bytes))) + "-1";
+
+/// A store of one object that does what the first completion asks for, and loses the answer.
+class ForgetfulStore
+{
+public:
+    ForgetfulStore(Reply second, std::string made)
+        : m_second(std::move(second))
+        , m_made(std::move(made))
+    {
+    }
+
+    Reply operator()(const Request& request)
+    {
+        const std::lock_guard lock(m_mutex);
+        const std::string target(request.target());
+        const bool isOfUpload = target.find("uploadId=") != std::string::npos;
+        switch (request.method())
+        {
+        case boost::beast::http::verb::head:
+            return {.fields = {{"ETag", '"' + m_stored + '"'}, {"Last-Modified", "Sat, 01 Jan 2022 00:00:00 GMT"}}};
+        case boost::beast::http::verb::put:
+            return {.fields = {{"ETag", '"' + partTag + '"'}}};
+        case boost::beast::http::verb::get:
+            return {.status = 404, .body = "<Error><Code>NoSuchUpload</Code></Error>"};
+        default:
+            break;
+        }
+        if (!isOfUpload)
+        {
+            return {.body = "<InitiateMultipartUploadResult><UploadId>1</UploadId></InitiateMultipartUploadResult>"};
+        }
+        m_conditions.emplace_back(request["If-Match"]);
+        if (m_conditions.size() > 1)
+        {
+            return m_second;
+        }
+        m_stored = m_made;
+        return Reply::raw("", Reply::Then::Close);
+    }
+
+    std::vector<std::string> conditions() const
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_conditions;
+    }
+
+private:
+    const Reply m_second;
+    const std::string m_made;
+    mutable std::mutex m_mutex;
+    std::string m_stored = "old";
+    std::vector<std::string> m_conditions; // of the completions
+};
+
+struct Second
+{
+    const char* name;
+    Reply reply;
+};
+
+class CompletionTest : public testing::TestWithParam<Second>
+{
+};
+
+TEST_P(CompletionTest, IsLookedIntoWhenItHasArrivedTwice)
+{
+    for (const bool isConditional : {false, true})
+    {
+        for (const std::string& made : {newTag, std::string("theirs")})
+        {
+            ForgetfulStore store(GetParam().reply, made);
+            LoopbackServer server([&](const Request& request) { return store(request); });
+            S3Client client({.bucket = "bucket",
+                .endpoint = server.url(),
+                .region = "us-east-1",
+                .pathStyle = true,
+                .capabilities = {.conditionalCompletion = isConditional},
+                .credentials = anonymousCredentials()});
+            const std::string upload = client.createMultipartUpload("key", "old");
+            std::istringstream content(bytes);
+            const std::string tag = client.uploadPart("key", upload, {0, 0, bytes.size(), ""}, content);
+            const auto complete = [&] { client.completeMultipartUpload("key", upload, {{0, 0, bytes.size(), tag}}); };
+            SCOPED_TRACE(testing::Message() << "stored " << made << ", conditional " << isConditional);
+            if (made == newTag)
+            {
+                EXPECT_NO_THROW(complete());
+            }
+            else
+            {
+                EXPECT_THROW(complete(), cloudprovider::CloudException);
+            }
+            EXPECT_EQ(store.conditions(), std::vector<std::string>(2, isConditional ? "\"old\"" : ""));
+            const auto requests = server.requests();
+            const bool looked = std::any_of(requests.begin(), requests.begin() + 3,
+                [](const Request& request) { return request.method() == boost::beast::http::verb::head; });
+            EXPECT_EQ(looked, !isConditional) << "before the completion";
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Answers, CompletionTest,
+    testing::Values(Second{"gone", {404, {}, "<Error><Code>NoSuchUpload</Code></Error>"}},
+        Second{"failed", {500, {}, "<Error><Code>InternalError</Code></Error>"}},
+        Second{"changed", {412, {}, "<Error><Code>PreconditionFailed</Code></Error>"}},
+        Second{"lost", Reply::raw("", Reply::Then::Close)}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+} // namespace
+
+} // namespace storage::clients::s3

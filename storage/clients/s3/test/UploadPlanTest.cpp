@@ -1,0 +1,268 @@
+#include "UploadPlan.hpp"
+#include "PartCutting.hpp"
+
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <random>
+
+namespace storage::clients::s3
+{
+
+namespace
+{
+
+using How = PlannedPart::How;
+constexpr std::uint64_t mebi = 1 << 20;
+constexpr std::uint64_t gibi = 1 << 30;
+
+std::optional<UploadPlan> tryPlan(const std::vector<FilePart>& file, const UploadLimits& limits)
+{
+    try
+    {
+        return planUpload(file, limits);
+    }
+    catch (const cloudprovider::UnsupportedOperationException&)
+    {
+        return std::nullopt;
+    }
+}
+
+/// Where the bytes of a file, or of the object that a plan makes, come from: in order, neighbours joined.
+class Origin
+{
+public:
+    void add(PartPlace place, std::size_t index, std::uint64_t offset, std::uint64_t size)
+    {
+        if (!m_runs.empty() && m_runs.back().place == place && m_runs.back().index == index &&
+            m_runs.back().offset + m_runs.back().size == offset)
+        {
+            m_runs.back().size += size;
+        }
+        else if (size > 0)
+        {
+            m_runs.push_back({place, index, offset, size});
+        }
+    }
+    bool operator==(const Origin&) const = default;
+
+private:
+    std::vector<PlannedBytes> m_runs;
+};
+
+Origin originOf(const std::vector<FilePart>& file)
+{
+    Origin origin;
+    for (const FilePart& part : file)
+    {
+        const bool isObject = part.place == PartPlace::Object;
+        origin.add(part.place, isObject ? 0 : part.index, isObject ? part.offset : 0, part.size);
+    }
+    return origin;
+}
+
+Origin originOf(const UploadPlan& plan)
+{
+    Origin origin;
+    for (const PlannedPart& part : plan.parts)
+    {
+        if (part.how == How::Keep)
+        {
+            origin.add(PartPlace::Store, part.number - 1, 0, part.size);
+        }
+        for (const PlannedBytes& bytes : part.bytes)
+        {
+            origin.add(bytes.place, bytes.index, bytes.offset, bytes.size);
+        }
+    }
+    return origin;
+}
+
+void expectWithin(const UploadLimits& limits, const std::vector<FilePart>& file, const UploadPlan& plan)
+{
+    const auto largest = std::max_element(
+        file.begin(), file.end(), [](const FilePart& a, const FilePart& b) { return a.size < b.size; });
+    bool copies = false;
+    std::uint64_t size = 0;
+    for (std::size_t i = 0; i < plan.parts.size(); ++i)
+    {
+        const PlannedPart& part = plan.parts[i];
+        const bool isLast = i + 1 == plan.parts.size();
+        std::uint64_t sum = 0;
+        for (const PlannedBytes& bytes : part.bytes)
+        {
+            sum += bytes.size;
+        }
+        EXPECT_EQ(sum, part.how == How::Keep ? 0 : part.size);
+        EXPECT_TRUE(part.size >= limits.leastPart || isLast) << "part of " << part.size << " bytes";
+        EXPECT_GT(part.number, i == 0 ? 0 : plan.parts[i - 1].number);
+        EXPECT_LE(part.number, limits.mostParts);
+        if (part.how == How::Copy)
+        {
+            copies = true;
+            EXPECT_LE(part.size, limits.largestCopy);
+            ASSERT_EQ(part.bytes.size(), 1U);
+            EXPECT_EQ(part.bytes[0].place, PartPlace::Object);
+        }
+        if (part.how == How::Send && !limits.equalParts)
+        {
+            EXPECT_LT(part.size, 3 * std::max(limits.leastPart, largest->size)) << "more than memory should hold";
+        }
+        if (limits.equalParts && !isLast)
+        {
+            EXPECT_EQ(part.size, plan.parts[0].size);
+        }
+        size += part.size;
+    }
+    EXPECT_EQ(plan.size, size);
+    EXPECT_EQ(plan.looksAgain, copies && !limits.pinnedCopies);
+}
+
+TEST(UploadPlanTest, KeepsToEveryLimitAndLosesNoByte)
+{
+    std::mt19937 random(1);
+    const auto roll = [&](std::uint64_t most) { return std::uniform_int_distribution<std::uint64_t>(0, most)(random); };
+    int planned = 0;
+    for (int round = 0; round < 20'000 && !testing::Test::HasFailure(); ++round)
+    {
+        UploadLimits limits{.leastPart = 1 + roll(20), .mostParts = 1 + roll(40)};
+        limits.largestCopy = roll(4) == 0 ? 0 : 2 * limits.leastPart + roll(100);
+        limits.equalParts = roll(5) == 0;
+        limits.pinnedCopies = roll(1) == 0;
+        const std::uint64_t common = 1 + roll(30);
+        std::vector<FilePart> file;
+        std::uint64_t objectEnd = 0;
+        for (std::size_t i = 0, count = 1 + roll(30); i < count; ++i)
+        {
+            const auto place = static_cast<PartPlace>(roll(9) < 6 ? 2 : roll(1));
+            const bool isLast = i + 1 == count;
+            const std::uint64_t size = isLast                               ? roll(common)
+                                       : roll(3) == 0 && !limits.equalParts ? 1 + roll(60)
+                                                                            : common;
+            file.push_back({i, place, size, objectEnd});
+            objectEnd += size + (roll(9) == 0 ? 1 : 0); // ranges need not touch
+        }
+        SCOPED_TRACE(testing::Message() << "round " << round);
+        if (const auto plan = tryPlan(file, limits))
+        {
+            ++planned;
+            expectWithin(limits, file, *plan);
+            EXPECT_EQ(originOf(*plan), originOf(file));
+        }
+    }
+    EXPECT_GT(planned, 5'000);
+}
+
+/// A stored object as the provider opens it, the parts from `first` to `last` changed, and bytes appended.
+std::vector<FilePart> patched(
+    std::uint64_t objectSize, std::uint64_t partSize, std::size_t first, std::size_t last, std::uint64_t appended)
+{
+    std::vector<FilePart> file;
+    for (const auto& part : cutIntoParts(objectSize, "tag", partSize))
+    {
+        const bool isChanged = part.Index >= first && part.Index <= last;
+        file.push_back({part.Index, isChanged ? PartPlace::Client : PartPlace::Object, part.Size, part.Offset});
+    }
+    while (appended > 0)
+    {
+        // The last part grows to the size of new ones first.
+        FilePart& end = file.back();
+        const std::uint64_t grown =
+            std::min(appended, leastPartSize - std::min<std::uint64_t>(end.size, leastPartSize));
+        end.place = grown > 0 ? PartPlace::Client : end.place;
+        end.size += grown;
+        appended -= grown;
+        if (appended > 0)
+        {
+            file.push_back({end.index + 1, PartPlace::Client, 0, 0});
+        }
+    }
+    for (FilePart& part : file)
+    {
+        const bool isSent = part.place == PartPlace::Client && part.size >= leastPartSize;
+        part.place = isSent ? PartPlace::Store : part.place;
+    }
+    return file;
+}
+
+TEST(UploadPlanTest, PlansEveryPatchOfAnObjectAsItIsCut)
+{
+    std::mt19937_64 random(2);
+    const auto roll = [&](std::uint64_t most) { return std::uniform_int_distribution<std::uint64_t>(0, most)(random); };
+    for (int round = 0; round < 300 && !testing::Test::HasFailure(); ++round)
+    {
+        const std::uint64_t cut = std::array{mebi / 16, mebi / 4, mebi, 5 * mebi, 7 * mebi}.at(roll(4));
+        const std::uint64_t size = std::array{30 * mebi, 6 * mebi, 600 * mebi, 40 * gibi, 4000 * gibi}.at(roll(4));
+        const std::uint64_t objectSize = 1 + roll(size - 1);
+        const std::size_t count = cutIntoParts(objectSize, "", cut).size();
+        const std::size_t first = roll(count);
+        const auto file =
+            patched(objectSize, cut, first, first + (roll(1) == 0 ? 0 : roll(20)), roll(3) * roll(9 * mebi));
+        for (const std::uint64_t copies : {largestCopy, std::uint64_t()})
+        {
+            const UploadLimits limits{.mostParts = copies == 0 ? 1'000'000 : mostParts, .largestCopy = copies};
+            if (copies == 0 && objectSize > gibi)
+            {
+                continue; // a list that nobody waits for
+            }
+            SCOPED_TRACE(testing::Message() << count << " parts, changed from " << first << ", of " << objectSize
+                                            << " bytes in parts of " << cut << ", round " << round);
+            const auto plan = tryPlan(file, limits);
+            ASSERT_TRUE(plan);
+            expectWithin(limits, file, *plan);
+            EXPECT_EQ(originOf(*plan), originOf(file));
+        }
+    }
+}
+
+TEST(UploadPlanTest, ASmallPatchOfALargeObjectTakesFewRequests)
+{
+    const UploadPlan middle = planUpload(patched(10 * gibi, mebi, 1706, 1706, 0), {});
+    EXPECT_LE(middle.parts.size(), 3U); // and one each to open, to read what is sent along, to look, and to complete
+    const UploadPlan append = planUpload(patched(256 * mebi, mebi, 999, 999, 1024), {});
+    ASSERT_EQ(append.parts.size(), 2U);
+    EXPECT_EQ(append.parts[0].size, 255 * mebi);
+    EXPECT_EQ(append.parts[1].size, mebi + 1024);
+}
+
+TEST(UploadPlanTest, EqualPartsAreNeverJoined)
+{
+    const UploadLimits limits{.equalParts = true, .pinnedCopies = true};
+    const UploadPlan plan = planUpload(patched(22 * mebi, 5 * mebi, 2, 2, 0), limits);
+    ASSERT_EQ(plan.parts.size(), 5U);
+    EXPECT_EQ(plan.parts[0].how, How::Copy);
+    EXPECT_EQ(plan.parts[2].how, How::Keep); // a part of 5 MiB was sent at once
+    EXPECT_THROW(
+        planUpload(patched(22 * mebi, 7 * mebi, 9, 9, 9 * mebi), limits), cloudprovider::UnsupportedOperationException);
+}
+
+TEST(PartCuttingTest, LeavesRoomForGrowthAndCutsNothingTooSmall)
+{
+    for (const std::uint64_t cut : {mebi / 16, mebi / 4, mebi, 5 * mebi})
+    {
+        for (const std::uint64_t size : {std::uint64_t(0), std::uint64_t(1), cut, 5 * mebi, 5 * mebi + 1, 6 * mebi,
+                 5000 * cut, 5000 * cut + 1, 25 * gibi, 5000 * gibi, largestObject})
+        {
+            const auto parts = cutIntoParts(size, "tag", cut);
+            EXPECT_LE(parts.size(), mostParts / 2);
+            std::uint64_t end = 0;
+            for (const auto& part : parts)
+            {
+                EXPECT_EQ(part.Offset, end);
+                EXPECT_TRUE(part.Size == parts[0].Size || &part == &parts.back());
+                end += part.Size;
+            }
+            EXPECT_EQ(end, size);
+            const std::uint64_t beforeLast = parts.back().Offset;
+            EXPECT_TRUE(beforeLast == 0 || beforeLast >= leastPartSize) << size << " bytes";
+        }
+    }
+}
+
+} // namespace
+
+} // namespace storage::clients::s3
