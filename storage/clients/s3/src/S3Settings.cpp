@@ -8,6 +8,9 @@
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
 
+#include <fmt/format.h>
+
+#include <charconv>
 #include <cstdlib>
 #include <functional>
 #include <map>
@@ -33,6 +36,17 @@ bool readFlag(const std::string& name, const std::string& value)
         refuse("\"" + name + "\" must be 0 or 1");
     }
     return value == "1";
+}
+
+std::uint64_t readNumber(const std::string& name, const std::string& value, std::uint64_t least, std::uint64_t most)
+{
+    std::uint64_t number = 0;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
+    if (error != std::errc() || end != value.data() + value.size() || number < least || number > most)
+    {
+        refuse(fmt::format("\"{}\" must be a number from {} to {}", name, least, most));
+    }
+    return number;
 }
 
 std::string fromEnvironment(std::initializer_list<const char*> variables)
@@ -100,6 +114,10 @@ S3Settings parseS3Url(const std::string& url)
         {"endpoint", [&](const auto&, const auto& value) { settings.endpoint = value; }},
         {"region", [&](const auto&, const auto& value) { settings.region = value; }},
         {"path-style", [&](const auto& name, const auto& value) { settings.pathStyle = readFlag(name, value); }},
+        {"transfers",
+            [&](const auto& name, const auto& value) { settings.transfers = readNumber(name, value, 1, 64); }},
+        {"memory",
+            [&](const auto& name, const auto& value) { settings.memory = readNumber(name, value, 0, 1ULL << 40U); }},
         {"profile", [&](const auto&, const auto& value) { profile = value; }},
         {"anonymous", [&](const auto& name, const auto& value) { anonymous = readFlag(name, value); }},
         {"ca-file", [&](const auto&, const auto& value) { settings.authorities = value; }},

@@ -4,7 +4,6 @@
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <algorithm>
-#include <cstring>
 #include <istream>
 
 namespace storage::clients::s3
@@ -18,7 +17,7 @@ constexpr std::streamoff unseekable = -1;
 std::size_t readFrom(const std::string& text, std::uint64_t& position, char* target, std::size_t capacity)
 {
     const std::size_t count = std::min<std::size_t>(capacity, text.size() - position);
-    std::memcpy(target, text.data() + position, count);
+    std::copy_n(text.data() + position, count, target);
     position += count;
     return count;
 }

@@ -59,8 +59,8 @@ void sign(HttpRequest& request, const SigningContext& context, const Credentials
     std::string names;
     for (const auto& [name, value] : canonicalFields(request, context.host))
     {
-        fields += name + ':' + value + '\n';
-        names += (names.empty() ? "" : ";") + name;
+        fields += fmt::format("{}:{}\n", name, value);
+        names += fmt::format("{}{}", names.empty() ? "" : ";", name);
     }
     const std::string canonical = fmt::format(
         "{}\n{}\n{}\n{}\n{}\n{}", request.method, context.path, context.query, fields, names, context.payloadHash);

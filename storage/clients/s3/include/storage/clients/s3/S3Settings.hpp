@@ -41,8 +41,9 @@ struct S3Settings
     std::optional<bool> pathStyle; ///< the bucket stands in the path, not in the host name; nothing: as the names allow
     EndpointCapabilities capabilities = {};
     HttpTimeouts timeouts = {};
-    std::size_t transfers = 8;              ///< requests that one completion makes at a time; at least 1
-    std::uint64_t partSize = 1 << 20;       ///< bytes of the parts that stored objects are read in; at least 64 KiB
+    std::size_t transfers = 8;        ///< requests at a time: of one completion here, of what openStore() adds; 1 to 64
+    std::uint64_t memory = 64 << 20;  ///< bytes; of the buffers that openStore() adds, not used here
+    std::uint64_t partSize = 1 << 20; ///< bytes of the parts that stored objects are read in; at least 64 KiB
     std::filesystem::path authorities = {}; ///< PEM file in place of the system's certificate authorities
     std::shared_ptr<CredentialsSource> credentials = nullptr; ///< null: defaultCredentials()
 
@@ -53,7 +54,8 @@ struct S3Settings
 
 /// Read a store's URL: `s3://BUCKET?endpoint=URL&region=REGION&path-style=1`.
 ///
-/// All parameters may be left out; values may be percent-encoded. Further ones: `profile=NAME` of the shared files,
+/// All parameters may be left out; values may be percent-encoded. Further ones: `transfers=N`, `memory=BYTES`,
+/// `profile=NAME` of the shared files,
 /// `anonymous=1`, `ca-file=PATH`, and `conditional-copies=1`, `conditional-completion=1`, `copies-any-key=1` and
 /// `equal-parts=1` for what the endpoint can do. The endpoint defaults to the variables AWS_ENDPOINT_URL_S3 and
 /// AWS_ENDPOINT_URL, the region to defaultRegion(), else us-east-1.
