@@ -130,24 +130,23 @@ private:
 
 std::optional<ObjectInfo> Objects::info(Operation operation, const std::string& key)
 {
-    if (isBeyondEveryStore(key))
+    if (key.empty() || isBeyondEveryStore(key)) // an empty key would be the bucket
     {
         return std::nullopt;
     }
     const S3Request request{operation, key, "HEAD"};
-    const HttpResponse response = m_requester.send(request, {400, 401, 403, 404});
+    HttpResponse response = m_requester.send(request, {400, 401, 403, 404});
+    if (response.status >= 400 && (response.status != 404 || !m_requester.sawBucket())) // or the bucket is misspelt
+    {
+        if (!existsByGet(request))
+        {
+            return std::nullopt;
+        }
+        response = m_requester.send(request, {404}); // what was wrong has been mended meanwhile
+    }
     if (response.status == 404)
     {
-        if (!m_requester.sawBucket())
-        {
-            explainRefusal(request); // or a misspelt bucket would look like an empty one
-        }
         return std::nullopt;
-    }
-    if (response.status >= 400)
-    {
-        explainRefusal(request);
-        throwAnswered(m_requester.contextOf(request), response);
     }
     const auto size = lengthOf(response);
     const std::string* const tag = response.headers.find("ETag");
@@ -159,18 +158,30 @@ std::optional<ObjectInfo> Objects::info(Operation operation, const std::string& 
     return ObjectInfo{true, unquotedTag(*tag), *size, readHttpTime(*time)};
 }
 
-/// An answer to HEAD has no document that says why; the same question asked with GET has.
-void Objects::explainRefusal(S3Request request)
+/// Ask with GET what HEAD was refused. Only then is there a document that says why, from which the bucket is followed
+/// into its region and expired credentials are known as such.
+///
+/// @return whether there is such an object
+bool Objects::existsByGet(S3Request request)
 {
     request.method = "GET";
     request.headers.add("Range", "bytes=0-0");
-    try
+    const HttpResponse response = m_requester.send(request, {404, 416});
+    if (response.status != 404)
     {
-        m_requester.send(request, {416});
+        return true;
     }
-    catch (const ResourceNotFoundException&)
+    requireMissingKey(request, response);
+    m_requester.setSawBucket();
+    return false;
+}
+
+/// Throw unless a 404 means that the object, and nothing else, is missing.
+void Objects::requireMissingKey(const S3Request& request, const HttpResponse& response)
+{
+    if (readError(response.body).code != "NoSuchKey")
     {
-        m_requester.setSawBucket(); // only the object is missing
+        throwAnswered(m_requester.contextOf(request), response);
     }
 }
 
@@ -214,9 +225,9 @@ void Objects::remove(const std::string& key)
     const KnownVersions::Write write(m_versions, key);
     const S3Request request{Operation::DeleteObject, key, "DELETE"};
     const HttpResponse response = m_requester.send(request, {404});
-    if (response.status == 404 && readError(response.body).code == "NoSuchBucket")
+    if (response.status == 404)
     {
-        throwAnswered(m_requester.contextOf(request), response);
+        requireMissingKey(request, response);
     }
 }
 

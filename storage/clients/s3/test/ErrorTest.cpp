@@ -57,6 +57,16 @@ void list(S3Client& client)
     client.listObjects("a/", token, {});
 }
 
+void remove(S3Client& client)
+{
+    client.deleteObject("a/key");
+}
+
+void cutRoot(S3Client& client)
+{
+    client.getObjectParts("");
+}
+
 void read(S3Client& client)
 {
     std::ostringstream out;
@@ -125,6 +135,11 @@ const std::vector<ErrorRow> errors{
         refusal(403, "RequestTimeTooSkewed")},
     {"notSupported", nobody, put, isA<UnsupportedOperationException>, {"putObject", "501 NotImplemented"},
         refusal(501, "NotImplemented")},
+    {"webServer", nobody, getInfo, isA<InvalidLocationException>,
+        {"getObjectInfo", "answered 404", "no answer of an S3"}, Reply{404, {}, "<html>"}},
+    {"webServerAskedToRemove", nobody, remove, isA<InvalidLocationException>, {"deleteObject", "answered 404"},
+        Reply{404, {}, "<html>"}},
+    {"partsOfTheRoot", nobody, cutRoot, isA<ResourceNotFoundException>, {"no such object"}, Reply{200}},
     {"certificateOfAStranger", nobody, put, isA<InvalidLocationException>, {"putObject", "certificate", "ca-file"},
         Reply(), "IP:127.0.0.1"},
 };

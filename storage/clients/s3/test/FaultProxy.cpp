@@ -47,6 +47,10 @@ std::optional<Reply> replyInstead(Fault fault)
         return errorReply(301, "PermanentRedirect", {{"x-amz-bucket-region", "elsewhere"}});
     case Fault::Moved307:
         return errorReply(307, "TemporaryRedirect", {{"x-amz-bucket-region", "elsewhere"}});
+    case Fault::Moved400:
+        return errorReply(400, "AuthorizationHeaderMalformed", {{"x-amz-bucket-region", "elsewhere"}});
+    case Fault::Expired400:
+        return errorReply(400, "ExpiredToken");
     default:
         return std::nullopt;
     }
@@ -105,7 +109,7 @@ const char* name(Fault fault)
 {
     static constexpr std::array names{"None", "ResetBefore", "ResetAfter", "StallBefore", "StallAfter", "CutBodyAfter",
         "InternalError500", "SlowDown503", "TooMany429", "ErrorUnder200", "Precondition412", "Denied403", "Moved301",
-        "Moved307", "GarbageAfter", "CutDocumentAfter", "HollowAfter"};
+        "Moved307", "Moved400", "Expired400", "GarbageAfter", "CutDocumentAfter", "HollowAfter"};
     return names.at(static_cast<std::size_t>(fault));
 }
 

@@ -73,23 +73,31 @@ HttpResponse Requester::send(
     };
     try
     {
-        BucketAddress asked = address();
-        HttpResponse response = sendOnce(request, asked, receiver);
-        if (!isGood(response) && followsRegion(response, asked))
+        bool isMoved = false;
+        bool isRenewed = false;
+        for (;;)
         {
-            response = sendOnce(request, address(), receiver);
+            const BucketAddress asked = address();
+            HttpResponse response = sendOnce(request, asked, receiver);
+            if (isGood(response))
+            {
+                m_sawBucket = m_sawBucket || response.status / 100 == 2;
+                return response;
+            }
+            if (!isMoved && followsRegion(response, asked))
+            {
+                isMoved = true;
+            }
+            else if (!isRenewed && saysExpired(readError(response.body).code))
+            {
+                m_credentials->refresh();
+                isRenewed = true;
+            }
+            else
+            {
+                throwAnswered(contextOf(request), response);
+            }
         }
-        else if (!isGood(response) && saysExpired(readError(response.body).code))
-        {
-            m_credentials->refresh();
-            response = sendOnce(request, asked, receiver);
-        }
-        if (isGood(response))
-        {
-            m_sawBucket = m_sawBucket || response.status / 100 == 2;
-            return response;
-        }
-        throwAnswered(contextOf(request), response);
     }
     catch (const HttpFailure& failure)
     {

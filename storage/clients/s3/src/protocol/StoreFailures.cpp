@@ -120,6 +120,10 @@ Row rowFor(int status, const std::string& code)
             return row;
         }
     }
+    if (status == 404 && code.empty())
+    {
+        return {"", Meaning::BadLocation, "this is no answer of an S3 store; check the endpoint"};
+    }
     return {"", meaningOf(status), ""};
 }
 
