@@ -16,7 +16,7 @@ namespace storage::clients::s3
 namespace
 {
 
-const std::string hashOfNothing = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+constexpr const char* hashOfNothing = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
 
 bool saysExpired(const std::string& code)
 {
