@@ -60,8 +60,10 @@ BucketAddress::BucketAddress(const S3Settings& settings)
     requireRegion(m_region);
     if (!settings.endpoint.empty())
     {
+        // A path of these characters has one form only, which both sides sign.
         static const std::regex form(
-            R"((https?)://([A-Za-z0-9.-]+|\[[0-9A-Fa-f:.]+\])(:\d{1,5})?(/[^?#]*)?)", std::regex::icase);
+            R"((https?)://([a-z0-9.-]+|\[[0-9a-f:.]+\])(:\d{1,5})?(/([a-z0-9._~/-]|%[0-9a-f]{2})*)?)",
+            std::regex::icase);
         std::smatch match;
         if (!std::regex_match(settings.endpoint, match, form))
         {
