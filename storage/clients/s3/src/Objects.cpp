@@ -12,7 +12,6 @@
 
 #include <fmt/format.h>
 
-#include <charconv>
 #include <string_view>
 
 namespace storage::clients::s3
@@ -22,14 +21,6 @@ using namespace cloudprovider;
 
 namespace
 {
-
-std::optional<std::uint64_t> readNumber(std::string_view text)
-{
-    std::uint64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size() && !text.empty() ? std::optional(number)
-                                                                                     : std::nullopt;
-}
 
 std::optional<std::uint64_t> lengthOf(const HttpResponse& response)
 {
@@ -42,6 +33,9 @@ bool isBeyondEveryStore(const std::string& key)
 {
     return key.size() > maxKeyBytes;
 }
+
+/// In a row. Each may stand for some thousand keys that are gone, so one listing may well have many.
+constexpr unsigned mostEmptyPages = 1000;
 
 /// The object is not the version that was asked for; nothing of it was taken.
 struct OtherVersion
@@ -78,11 +72,12 @@ public:
         m_received += bytes.size();
     }
 
-    std::uint64_t finish() const
+    std::uint64_t finish(const HttpResponse& response) const
     {
         if (!m_expected || m_received != *m_expected)
         {
-            throwBroken(m_context, fmt::format("{} bytes came instead of {}", m_received, m_expected.value_or(0)));
+            throwBroken(
+                m_context, response, fmt::format("{} bytes came instead of {}", m_received, m_expected.value_or(0)));
         }
         return m_received;
     }
@@ -94,7 +89,7 @@ private:
         const auto length = lengthOf(head);
         if (tag == nullptr || !length)
         {
-            throwBroken(m_context, "the answer lacks the entity tag or its length"); // an error document, perhaps
+            throwBroken(m_context, head, "the answer lacks the entity tag or its length"); // an error document, perhaps
         }
         if (m_version && unquotedTag(*tag) != m_version->tag)
         {
@@ -153,7 +148,7 @@ std::optional<ObjectInfo> Objects::info(Operation operation, const std::string& 
     const std::string* const time = response.headers.find("Last-Modified");
     if (!size || tag == nullptr || time == nullptr)
     {
-        throwBroken(m_requester.contextOf(request), "the answer lacks length, entity tag or time");
+        throwBroken(m_requester.contextOf(request), response, "the answer lacks length, entity tag or time");
     }
     return ObjectInfo{true, unquotedTag(*tag), *size, readHttpTime(*time)};
 }
@@ -187,7 +182,7 @@ void Objects::requireMissingKey(const S3Request& request, const HttpResponse& re
 
 std::vector<ObjectEntry> Objects::list(const std::string& prefix, std::string& token, const ListOptions& options)
 {
-    for (;;)
+    for (unsigned pages = 0;;)
     {
         S3Request request{Operation::ListObjects, "", "GET"};
         request.query = {{"list-type", "2"}, {"encoding-type", "url"}, {"prefix", prefix}};
@@ -203,11 +198,16 @@ std::vector<ObjectEntry> Objects::list(const std::string& prefix, std::string& t
         {
             request.query.emplace_back("continuation-token", token);
         }
-        ListingPage page = m_requester.sendAndRead(request, readListing);
-        if (page.entries.empty() && page.nextToken == token && !token.empty())
-        {
-            throwBroken(m_requester.contextOf(request), "the listing does not go on");
-        }
+        ListingPage page = m_requester.sendAndRead(request,
+            [&](const std::string& document)
+            {
+                ListingPage read = readListing(document);
+                if ((!token.empty() && read.nextToken == token) || ++pages > mostEmptyPages)
+                {
+                    throw BrokenAnswer("the listing does not go on");
+                }
+                return read;
+            });
         token = std::move(page.nextToken);
         if (!page.entries.empty() || token.empty())
         {
@@ -286,7 +286,7 @@ std::optional<std::uint64_t> Objects::readVersion(Operation operation, const std
         {
             throwBeyondEnd(key, range->offset, range->offset + range->size - 1);
         }
-        return receiver.finish();
+        return receiver.finish(response);
     }
     catch (const OtherVersion&)
     {

@@ -2,6 +2,7 @@
 
 #include "signing/UriEncoding.hpp"
 
+#include <storage/clients/common/KeyRules.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <boost/algorithm/string/case_conv.hpp>
@@ -38,7 +39,7 @@ void requireRegion(const std::string& region)
     static const std::regex form("[A-Za-z0-9-]{1,63}");
     if (!std::regex_match(region, form))
     {
-        refuse("\"" + region + "\" is no name of a region");
+        refuse(quoted(region) + " is no name of a region"); // a store may have named it
     }
 }
 

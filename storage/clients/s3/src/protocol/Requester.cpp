@@ -27,7 +27,7 @@ bool saysExpired(const std::string& code)
 bool hidesFailure(const S3Request& request, const HttpResponse& response)
 {
     const bool isShort = request.method == "PUT" || request.method == "DELETE";
-    return isShort && !readError(response.body).code.empty();
+    return isShort && isError(response.body);
 }
 
 } // namespace
@@ -45,7 +45,7 @@ std::string Requester::sentTag(const S3Request& request, const HttpResponse& res
     const std::string* const tag = response.headers.find("ETag");
     if (tag == nullptr || tag->empty())
     {
-        throwBroken(contextOf(request), "the answer lacks the entity tag");
+        throwBroken(contextOf(request), response, "the answer lacks the entity tag");
     }
     return unquotedTag(*tag);
 }
