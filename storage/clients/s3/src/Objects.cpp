@@ -4,6 +4,7 @@
 
 #include "protocol/Answers.hpp"
 #include "protocol/Times.hpp"
+#include "signing/Hashing.hpp"
 
 #include <storage/clients/common/Content.hpp>
 #include <storage/clients/common/KeyRules.hpp>
@@ -48,6 +49,17 @@ struct OtherVersion
         fmt::format("bytes {} to {} of {} end beyond the object, which has become shorter", first, last, quoted(key)));
 }
 
+/// The MD5 of an object's bytes; empty where its tag is something else: that of an object made of parts, or encrypted
+/// with a key of somebody's own.
+std::string hashIn(const HttpResponse& head, const std::string& tag)
+{
+    const std::string* const encryption = head.headers.find("x-amz-server-side-encryption");
+    const bool hasKey = head.headers.find("x-amz-server-side-encryption-customer-algorithm") != nullptr ||
+                        (encryption != nullptr && *encryption != "AES256");
+    const std::string hash = fromHex(tag);
+    return hasKey || hash.size() != 16 ? "" : hash;
+}
+
 /// Hands the bytes of one good answer on, once its head has shown that they are those asked for.
 class RangeReceiver
 {
@@ -68,16 +80,24 @@ public:
         {
             check(head);
         }
+        if (m_hash)
+        {
+            m_hash->add(bytes);
+        }
         writeContent(m_key, m_out, bytes.data(), bytes.size());
         m_received += bytes.size();
     }
 
-    std::uint64_t finish(const HttpResponse& response) const
+    std::uint64_t finish(const HttpResponse& response)
     {
         if (!m_expected || m_received != *m_expected)
         {
             throwBroken(
                 m_context, response, fmt::format("{} bytes came instead of {}", m_received, m_expected.value_or(0)));
+        }
+        if (m_hash && m_hash->finish() != m_expectedHash)
+        {
+            throwBroken(m_context, response, "the bytes are not those that the entity tag stands for");
         }
         return m_received;
     }
@@ -110,6 +130,17 @@ private:
             }
         }
         m_expected = *length;
+        m_expectedHash = isWhole(head) ? hashIn(head, unquotedTag(*tag)) : "";
+        if (!m_expectedHash.empty())
+        {
+            m_hash.emplace();
+        }
+    }
+
+    bool isWhole(const HttpResponse& head) const
+    {
+        return !m_range ||
+               *head.headers.find("Content-Range") == fmt::format("bytes 0-{}/{}", m_range->size - 1, m_range->size);
     }
 
     const std::string& m_key;
@@ -119,6 +150,8 @@ private:
     const std::optional<ByteRange> m_range;
     std::optional<std::uint64_t> m_expected; // bytes; set once the head was found to be right
     std::uint64_t m_received = 0;
+    std::string m_expectedHash;
+    std::optional<Md5> m_hash; // of what was received, where the answer tells what it should be
 };
 
 } // namespace

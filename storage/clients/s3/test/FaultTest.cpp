@@ -2,6 +2,8 @@
 #include "FileSession.hpp"
 #include "Gateway.hpp"
 
+#include "protocol/Requester.hpp"
+
 #include <storage/clients/common/TransientException.hpp>
 #include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
@@ -351,6 +353,45 @@ TEST_P(FaultTest, LosesNothingAtAnyOperation)
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, FaultTest, testing::ValuesIn(allFaults), [](const auto& row) { return std::string(name(row.param)); });
+
+TEST(DamageTest, IsNoticedOnTheWayToTheStoreAndInWhatIsReadWhole)
+{
+    REQUIRE_GATEWAY();
+    const GatewayBucket bucket;
+    S3Request publish{Operation::PutObject, "", "PUT", {{"acl", ""}}};
+    publish.headers.add("x-amz-acl", "public-read-write");
+    Requester(bucket.settings()).send(publish);
+    FaultProxy proxy(bucket.settings().endpoint);
+    VirtualTime time;
+    const auto strikeFirst = [&](Fault fault)
+    { proxy.setPlan([=](const Request&, std::size_t number) { return number == 1 ? fault : Fault::None; }); };
+    std::shared_ptr<S3Client> bare;
+    std::unique_ptr<RetryingClient> retrying;
+    for (const auto& credentials : {anonymousCredentials(), bucket.settings().credentials})
+    {
+        SCOPED_TRACE(credentials->credentials().keyId);
+        S3Settings settings = bucket.settings();
+        settings.endpoint = proxy.url();
+        settings.credentials = credentials;
+        bare = std::make_shared<S3Client>(settings);
+        retrying = std::make_unique<RetryingClient>(bare, RetryPolicy(), time.clock());
+        std::istringstream content(fresh);
+        strikeFirst(Fault::FlippedBefore);
+        EXPECT_THROW(bare->putObject("key", content, fresh.size()), TransientException);
+        content.seekg(0);
+        strikeFirst(Fault::FlippedBefore);
+        retrying->putObject("key", content, fresh.size());
+    }
+    for (const std::uint64_t last : {std::uint64_t{0}, fresh.size() - 1}) // both mean all of it
+    {
+        std::ostringstream damaged, whole;
+        strikeFirst(Fault::FlippedAfter);
+        EXPECT_THROW(bare->getObjectRange("key", damaged, 0, last), TransientException);
+        strikeFirst(Fault::FlippedAfter);
+        retrying->getObjectRange("key", whole, 0, last);
+        EXPECT_EQ(whole.str(), fresh);
+    }
+}
 
 /// Whole files, as a host writes them.
 class FileFaultTest : public FaultTest

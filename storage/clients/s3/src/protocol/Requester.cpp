@@ -118,6 +118,10 @@ HttpResponse Requester::sendOnce(
         http.stallWindow = m_storeWorkWindow;
     }
     const Credentials credentials = m_credentials->credentials();
+    if (credentials.isAnonymous() && request.body != nullptr)
+    {
+        http.headers.add("Content-MD5", toBase64(md5(*request.body))); // the other hash is checked with the signature
+    }
     sign(http, context, credentials);
     {
         const std::lock_guard lock(m_mutex);
