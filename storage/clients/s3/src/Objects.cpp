@@ -4,6 +4,7 @@
 
 #include "protocol/Answers.hpp"
 #include "protocol/Times.hpp"
+#include "signing/Hashing.hpp"
 
 #include <storage/clients/common/Content.hpp>
 #include <storage/clients/common/KeyRules.hpp>
@@ -12,7 +13,6 @@
 
 #include <fmt/format.h>
 
-#include <charconv>
 #include <string_view>
 
 namespace storage::clients::s3
@@ -22,14 +22,6 @@ using namespace cloudprovider;
 
 namespace
 {
-
-std::optional<std::uint64_t> readNumber(std::string_view text)
-{
-    std::uint64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size() && !text.empty() ? std::optional(number)
-                                                                                     : std::nullopt;
-}
 
 std::optional<std::uint64_t> lengthOf(const HttpResponse& response)
 {
@@ -43,6 +35,9 @@ bool isBeyondEveryStore(const std::string& key)
     return key.size() > maxKeyBytes;
 }
 
+/// In a row. Each may stand for some thousand keys that are gone, so one listing may well have many.
+constexpr unsigned mostEmptyPages = 1000;
+
 /// The object is not the version that was asked for; nothing of it was taken.
 struct OtherVersion
 {
@@ -52,6 +47,17 @@ struct OtherVersion
 {
     throw UnknownErrorException("Invalid range",
         fmt::format("bytes {} to {} of {} end beyond the object, which has become shorter", first, last, quoted(key)));
+}
+
+/// The MD5 of an object's bytes; empty where its tag is something else: that of an object made of parts, or encrypted
+/// with a key of somebody's own.
+std::string hashIn(const HttpResponse& head, const std::string& tag)
+{
+    const std::string* const encryption = head.headers.find("x-amz-server-side-encryption");
+    const bool hasKey = head.headers.find("x-amz-server-side-encryption-customer-algorithm") != nullptr ||
+                        (encryption != nullptr && *encryption != "AES256");
+    const std::string hash = fromHex(tag);
+    return hasKey || hash.size() != 16 ? "" : hash;
 }
 
 /// Hands the bytes of one good answer on, once its head has shown that they are those asked for.
@@ -74,15 +80,24 @@ public:
         {
             check(head);
         }
+        if (m_hash)
+        {
+            m_hash->add(bytes);
+        }
         writeContent(m_key, m_out, bytes.data(), bytes.size());
         m_received += bytes.size();
     }
 
-    std::uint64_t finish() const
+    std::uint64_t finish(const HttpResponse& response)
     {
         if (!m_expected || m_received != *m_expected)
         {
-            throwBroken(m_context, fmt::format("{} bytes came instead of {}", m_received, m_expected.value_or(0)));
+            throwBroken(
+                m_context, response, fmt::format("{} bytes came instead of {}", m_received, m_expected.value_or(0)));
+        }
+        if (m_hash && m_hash->finish() != m_expectedHash)
+        {
+            throwBroken(m_context, response, "the bytes are not those that the entity tag stands for");
         }
         return m_received;
     }
@@ -94,7 +109,7 @@ private:
         const auto length = lengthOf(head);
         if (tag == nullptr || !length)
         {
-            throwBroken(m_context, "the answer lacks the entity tag or its length"); // an error document, perhaps
+            throwBroken(m_context, head, "the answer lacks the entity tag or its length"); // an error document, perhaps
         }
         if (m_version && unquotedTag(*tag) != m_version->tag)
         {
@@ -115,6 +130,17 @@ private:
             }
         }
         m_expected = *length;
+        m_expectedHash = isWhole(head) ? hashIn(head, unquotedTag(*tag)) : "";
+        if (!m_expectedHash.empty())
+        {
+            m_hash.emplace();
+        }
+    }
+
+    bool isWhole(const HttpResponse& head) const
+    {
+        return !m_range ||
+               *head.headers.find("Content-Range") == fmt::format("bytes 0-{}/{}", m_range->size - 1, m_range->size);
     }
 
     const std::string& m_key;
@@ -124,59 +150,72 @@ private:
     const std::optional<ByteRange> m_range;
     std::optional<std::uint64_t> m_expected; // bytes; set once the head was found to be right
     std::uint64_t m_received = 0;
+    std::string m_expectedHash;
+    std::optional<Md5> m_hash; // of what was received, where the answer tells what it should be
 };
 
 } // namespace
 
 std::optional<ObjectInfo> Objects::info(Operation operation, const std::string& key)
 {
-    if (isBeyondEveryStore(key))
+    if (key.empty() || isBeyondEveryStore(key)) // an empty key would be the bucket
     {
         return std::nullopt;
     }
     const S3Request request{operation, key, "HEAD"};
-    const HttpResponse response = m_requester.send(request, {400, 401, 403, 404});
+    HttpResponse response = m_requester.send(request, {400, 401, 403, 404});
+    if (response.status >= 400 && (response.status != 404 || !m_requester.sawBucket())) // or the bucket is misspelt
+    {
+        if (!existsByGet(request))
+        {
+            return std::nullopt;
+        }
+        response = m_requester.send(request, {404}); // what was wrong has been mended meanwhile
+    }
     if (response.status == 404)
     {
-        if (!m_requester.sawBucket())
-        {
-            explainRefusal(request); // or a misspelt bucket would look like an empty one
-        }
         return std::nullopt;
-    }
-    if (response.status >= 400)
-    {
-        explainRefusal(request);
-        throwAnswered(m_requester.contextOf(request), response);
     }
     const auto size = lengthOf(response);
     const std::string* const tag = response.headers.find("ETag");
     const std::string* const time = response.headers.find("Last-Modified");
     if (!size || tag == nullptr || time == nullptr)
     {
-        throwBroken(m_requester.contextOf(request), "the answer lacks length, entity tag or time");
+        throwBroken(m_requester.contextOf(request), response, "the answer lacks length, entity tag or time");
     }
     return ObjectInfo{true, unquotedTag(*tag), *size, readHttpTime(*time)};
 }
 
-/// An answer to HEAD has no document that says why; the same question asked with GET has.
-void Objects::explainRefusal(S3Request request)
+/// Ask with GET what HEAD was refused. Only then is there a document that says why, from which the bucket is followed
+/// into its region and expired credentials are known as such.
+///
+/// @return whether there is such an object
+bool Objects::existsByGet(S3Request request)
 {
     request.method = "GET";
     request.headers.add("Range", "bytes=0-0");
-    try
+    const HttpResponse response = m_requester.send(request, {404, 416});
+    if (response.status != 404)
     {
-        m_requester.send(request, {416});
+        return true;
     }
-    catch (const ResourceNotFoundException&)
+    requireMissingKey(request, response);
+    m_requester.setSawBucket();
+    return false;
+}
+
+/// Throw unless a 404 means that the object, and nothing else, is missing.
+void Objects::requireMissingKey(const S3Request& request, const HttpResponse& response)
+{
+    if (readError(response.body).code != "NoSuchKey")
     {
-        m_requester.setSawBucket(); // only the object is missing
+        throwAnswered(m_requester.contextOf(request), response);
     }
 }
 
 std::vector<ObjectEntry> Objects::list(const std::string& prefix, std::string& token, const ListOptions& options)
 {
-    for (;;)
+    for (unsigned pages = 0;;)
     {
         S3Request request{Operation::ListObjects, "", "GET"};
         request.query = {{"list-type", "2"}, {"encoding-type", "url"}, {"prefix", prefix}};
@@ -192,11 +231,16 @@ std::vector<ObjectEntry> Objects::list(const std::string& prefix, std::string& t
         {
             request.query.emplace_back("continuation-token", token);
         }
-        ListingPage page = m_requester.sendAndRead(request, readListing);
-        if (page.entries.empty() && page.nextToken == token && !token.empty())
-        {
-            throwBroken(m_requester.contextOf(request), "the listing does not go on");
-        }
+        ListingPage page = m_requester.sendAndRead(request,
+            [&](const std::string& document)
+            {
+                ListingPage read = readListing(document);
+                if ((!token.empty() && read.nextToken == token) || ++pages > mostEmptyPages)
+                {
+                    throw BrokenAnswer("the listing does not go on");
+                }
+                return read;
+            });
         token = std::move(page.nextToken);
         if (!page.entries.empty() || token.empty())
         {
@@ -214,9 +258,9 @@ void Objects::remove(const std::string& key)
     const KnownVersions::Write write(m_versions, key);
     const S3Request request{Operation::DeleteObject, key, "DELETE"};
     const HttpResponse response = m_requester.send(request, {404});
-    if (response.status == 404 && readError(response.body).code == "NoSuchBucket")
+    if (response.status == 404)
     {
-        throwAnswered(m_requester.contextOf(request), response);
+        requireMissingKey(request, response);
     }
 }
 
@@ -275,7 +319,7 @@ std::optional<std::uint64_t> Objects::readVersion(Operation operation, const std
         {
             throwBeyondEnd(key, range->offset, range->offset + range->size - 1);
         }
-        return receiver.finish();
+        return receiver.finish(response);
     }
     catch (const OtherVersion&)
     {

@@ -53,7 +53,8 @@ public:
     std::vector<cloudprovider::PartInfo> parts(const std::string& key);
 
 private:
-    void explainRefusal(S3Request request);
+    bool existsByGet(S3Request request);
+    void requireMissingKey(const S3Request& request, const HttpResponse& response);
 
     Requester& m_requester;
     KnownVersions& m_versions;

@@ -1,6 +1,7 @@
 #include "Gateway.hpp"
 #include "LoopbackServer.hpp"
 
+#include <storage/clients/common/TransientException.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <gmock/gmock.h>
@@ -57,6 +58,21 @@ void list(S3Client& client)
     client.listObjects("a/", token, {});
 }
 
+void remove(S3Client& client)
+{
+    client.deleteObject("a/key");
+}
+
+void listUploads(S3Client& client)
+{
+    client.pendingUploads();
+}
+
+void cutRoot(S3Client& client)
+{
+    client.getObjectParts("");
+}
+
 void read(S3Client& client)
 {
     std::ostringstream out;
@@ -91,12 +107,28 @@ void misspell(S3Settings& settings)
     settings.bucket = "no-such-bucket";
 }
 
-Reply refusal(int status, const std::string& code)
+Reply reply(int status, const std::string& document)
 {
-    return {status, {{"Date", "Sat, 01 Jan 2022 00:00:00 GMT"}, {"x-amz-request-id", "tx-1"}},
-        "<Error><Code>" + code + "</Code></Error>"};
+    return {status, {{"Date", "Sat, 01 Jan 2022 00:00:00 GMT"}, {"x-amz-request-id", "tx-1"}}, document};
 }
 
+Reply refusal(int status, const std::string& code)
+{
+    return reply(status, "<Error><Code>" + code + "</Code></Error>");
+}
+
+Reply listing(const std::string& contents)
+{
+    return reply(200,
+        "<ListBucketResult><IsTruncated>false</IsTruncated><Contents>" + contents + "</Contents></ListBucketResult>");
+}
+
+Reply uploads(const std::string& contents)
+{
+    return reply(200, "<ListMultipartUploadsResult>" + contents + "</ListMultipartUploadsResult>");
+}
+
+const std::string longText(100'000, 'x');
 const auto asIs = [](S3Settings&) {};
 const auto nobody = signedBy("AKIDNOBODY", secret);
 
@@ -125,6 +157,34 @@ const std::vector<ErrorRow> errors{
         refusal(403, "RequestTimeTooSkewed")},
     {"notSupported", nobody, put, isA<UnsupportedOperationException>, {"putObject", "501 NotImplemented"},
         refusal(501, "NotImplemented")},
+    {"webServer", nobody, getInfo, isA<InvalidLocationException>,
+        {"getObjectInfo", "answered 404", "no answer of an S3"}, Reply{404, {}, "<html>"}},
+    {"webServerAskedToRemove", nobody, remove, isA<InvalidLocationException>, {"deleteObject", "answered 404"},
+        Reply{404, {}, "<html>"}},
+    {"partsOfTheRoot", nobody, cutRoot, isA<ResourceNotFoundException>, {"no such object"}, Reply{200}},
+    {"emptyErrorUnder200", nobody, remove, isA<UnknownErrorException>, {"deleteObject", "answered 200, request tx-1"},
+        reply(200, "<Error><Message/></Error>")},
+    {"changed", nobody, put, isA<UnknownErrorException>,
+        {"412 PreconditionFailed, request tx-1; somebody has changed or removed the object"},
+        refusal(412, "PreconditionFailed")},
+    {"noTag", nobody, put, isA<TransientException>, {"answered 200, request tx-1; the answer lacks the entity tag"},
+        reply(200, "")},
+    {"entryWithoutKey", nobody, list, isA<TransientException>, {"200, request tx-1", "lacks Key"},
+        listing("<Size>1</Size>")},
+    {"entryWithoutSize", nobody, list, isA<TransientException>, {"lacks Size"}, listing("<Key>k</Key>")},
+    {"entryOfNoSize", nobody, list, isA<TransientException>, {"no number as Size"},
+        listing("<Key>k</Key><Size>1 MB</Size>")},
+    {"uploadsWithoutMarker", nobody, listUploads, isA<TransientException>, {"lacks NextKeyMarker"},
+        uploads("<IsTruncated>true</IsTruncated><NextUploadIdMarker>u</NextUploadIdMarker>")},
+    {"uploadOfNoAge", nobody, listUploads, isA<TransientException>, {"no time as Initiated"},
+        uploads("<IsTruncated>false</IsTruncated><Upload><Key>k</Key><UploadId>u</UploadId>"
+                "<Initiated>2026-11-21T10:50:54+00:00</Initiated></Upload>")},
+    {"longTexts", nobody, put, isA<UnknownErrorException>, {"answered 400 C\\x0AC", "(M\\x0AM", "request R\\x0AR"},
+        Reply{400, {},
+            "<Error><Code>C\nC" + longText + "</Code><Message>M\nM" + longText + "</Message><RequestId>R\nR" +
+                longText + "</RequestId></Error>"}},
+    {"longRegion", nobody, put, isA<InvalidLocationException>, {"R\\x0AR"},
+        Reply{400, {}, "<Error><Region>R\nR" + longText + "</Region></Error>"}},
     {"certificateOfAStranger", nobody, put, isA<InvalidLocationException>, {"putObject", "certificate", "ca-file"},
         Reply(), "IP:127.0.0.1"},
 };
@@ -165,6 +225,8 @@ TEST_P(ErrorTest, SaysWhatIsWrongAndNoSecret)
         {
             EXPECT_THAT(text, testing::HasSubstr(said));
         }
+        EXPECT_LT(text.size(), 1000U);
+        EXPECT_EQ(text.find('\n'), std::string::npos) << text;
         EXPECT_TRUE(used.secret.empty() || text.find(used.secret) == std::string::npos) << text;
         EXPECT_EQ(text.find(sessionToken), std::string::npos) << text;
     }

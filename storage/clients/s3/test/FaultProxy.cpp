@@ -47,9 +47,23 @@ std::optional<Reply> replyInstead(Fault fault)
         return errorReply(301, "PermanentRedirect", {{"x-amz-bucket-region", "elsewhere"}});
     case Fault::Moved307:
         return errorReply(307, "TemporaryRedirect", {{"x-amz-bucket-region", "elsewhere"}});
+    case Fault::Moved400:
+        return errorReply(400, "AuthorizationHeaderMalformed", {{"x-amz-bucket-region", "elsewhere"}});
+    case Fault::Expired400:
+        return errorReply(400, "ExpiredToken");
     default:
         return std::nullopt;
     }
+}
+
+/// @return false: there is none
+bool flipABit(std::string& bytes)
+{
+    if (!bytes.empty())
+    {
+        bytes[bytes.size() / 2] ^= 1;
+    }
+    return !bytes.empty();
 }
 
 /// Spoil the store's answer.
@@ -83,6 +97,8 @@ bool spoil(Fault fault, const Request& request, Reply& reply)
         reply.body = isDocument ? std::regex_replace(reply.body, contents, "$1<$2/>") : reply.body;
         return isDocument || tags > 0;
     }
+    case Fault::FlippedAfter:
+        return !isDocument && flipABit(reply.body);
     default:
         return false;
     }
@@ -105,7 +121,8 @@ const char* name(Fault fault)
 {
     static constexpr std::array names{"None", "ResetBefore", "ResetAfter", "StallBefore", "StallAfter", "CutBodyAfter",
         "InternalError500", "SlowDown503", "TooMany429", "ErrorUnder200", "Precondition412", "Denied403", "Moved301",
-        "Moved307", "GarbageAfter", "CutDocumentAfter", "HollowAfter"};
+        "Moved307", "Moved400", "Expired400", "GarbageAfter", "CutDocumentAfter", "HollowAfter", "FlippedBefore",
+        "FlippedAfter"};
     return names.at(static_cast<std::size_t>(fault));
 }
 
@@ -156,10 +173,13 @@ Reply FaultProxy::answer(const Request& request)
     bool struck = reply.has_value();
     if (!reply)
     {
-        reply = forward(request);
+        Request sent = request;
+        const bool isDamaged = fault == Fault::FlippedBefore && flipABit(sent.body());
+        reply = forward(sent);
         Reply spoilt = *reply;
         struck = spoil(fault, request, spoilt);
         reply = struck ? spoilt : *reply;
+        struck = struck || isDamaged;
     }
     if (!m_keepsConnections && reply->then == Reply::Then::Keep)
     {

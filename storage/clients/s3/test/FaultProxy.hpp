@@ -29,15 +29,20 @@ enum class Fault
     Denied403,
     Moved301, ///< to the region "elsewhere"
     Moved307,
+    Moved400,
+    Expired400,       ///< the credentials
     GarbageAfter,     ///< instead of HTTP
     CutDocumentAfter, ///< transferred whole
-    HollowAfter       ///< a document without contents, or an answer without an entity tag
+    HollowAfter,      ///< a document without contents, or an answer without an entity tag
+    FlippedBefore,    ///< one bit of the body, on its way to the store
+    FlippedAfter      ///< one bit of an object; only who reads the whole of it can tell
 };
 
+/// Those that no operation may take for a success.
 inline constexpr std::array allFaults{Fault::ResetBefore, Fault::ResetAfter, Fault::StallBefore, Fault::StallAfter,
     Fault::CutBodyAfter, Fault::InternalError500, Fault::SlowDown503, Fault::TooMany429, Fault::ErrorUnder200,
-    Fault::Precondition412, Fault::Denied403, Fault::Moved301, Fault::Moved307, Fault::GarbageAfter,
-    Fault::CutDocumentAfter, Fault::HollowAfter};
+    Fault::Precondition412, Fault::Denied403, Fault::Moved301, Fault::Moved307, Fault::Moved400, Fault::Expired400,
+    Fault::GarbageAfter, Fault::CutDocumentAfter, Fault::HollowAfter, Fault::FlippedBefore};
 
 const char* name(Fault fault);
 

@@ -2,6 +2,8 @@
 #include "FileSession.hpp"
 #include "Gateway.hpp"
 
+#include "protocol/Requester.hpp"
+
 #include <storage/clients/common/TransientException.hpp>
 #include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
@@ -142,6 +144,24 @@ private:
     std::atomic<RetryClock::Duration::rep> m_slept = 0;
 };
 
+/// Credentials that stay what they are, and count who wants new ones.
+class RenewedCredentials : public CredentialsSource
+{
+public:
+    explicit RenewedCredentials(Credentials credentials)
+        : m_credentials(std::move(credentials))
+    {
+    }
+
+    Credentials credentials() override { return m_credentials; }
+    void refresh() override { ++m_renewals; }
+    int renewals() const { return m_renewals; }
+
+private:
+    const Credentials m_credentials;
+    std::atomic<int> m_renewals = 0;
+};
+
 constexpr std::chrono::milliseconds shortBudget(500);
 
 enum class Mode
@@ -167,7 +187,8 @@ protected:
     }
 
     const Fault fault = GetParam();
-    const bool isMoved = fault == Fault::Moved301 || fault == Fault::Moved307;
+    const bool isMoved = fault == Fault::Moved301 || fault == Fault::Moved307 || fault == Fault::Moved400;
+    const bool isCured = isMoved || fault == Fault::Expired400; // by the client itself
     const bool isHopeless = fault == Fault::Precondition412 || fault == Fault::Denied403;
 
     Contents stored(const std::string& key)
@@ -200,8 +221,15 @@ protected:
 
     FaultProxy::Plan strike(std::size_t first, bool forGood) const
     {
-        return [this, first, forGood](const Request&, std::size_t number)
-        { return number == first || (forGood && number > first) ? fault : Fault::None; };
+        // An answer to HEAD has no document that says what is wrong with the asker, who is wrong again the next time.
+        const bool needsDocument = fault == Fault::Denied403 || fault == Fault::Moved400 || fault == Fault::Expired400;
+        const auto isTold = std::make_shared<std::atomic<bool>>(!needsDocument);
+        return [=, this](const Request& request, std::size_t number)
+        {
+            const bool strikes = number == first || (number > first && (forGood || !*isTold));
+            *isTold = *isTold || (strikes && request.method() != http::verb::head);
+            return strikes ? fault : Fault::None;
+        };
     }
 
     /// @return whether there was a request of that number
@@ -209,7 +237,10 @@ protected:
     {
         FaultProxy proxy(m_bucket->settings().endpoint, mode != Mode::BareOnce);
         VirtualTime time;
-        const auto bare = std::make_shared<S3Client>(settingsFor(proxy));
+        S3Settings settings = settingsFor(proxy);
+        const auto credentials = std::make_shared<RenewedCredentials>(settings.credentials->credentials());
+        settings.credentials = credentials;
+        const auto bare = std::make_shared<S3Client>(settings);
         const std::chrono::milliseconds budget = mode == Mode::RetryForGood ? shortBudget : std::chrono::minutes(1);
         RetryingClient retrying(bare, {.firstDelay = std::chrono::milliseconds(20), .budget = budget}, time.clock());
         CloudClient& client = mode == Mode::BareOnce ? static_cast<CloudClient&>(*bare) : retrying;
@@ -228,7 +259,7 @@ protected:
         {
             failed = true;
             const std::string text = std::string(exception.what()) + ": " + exception.detail().value_or("");
-            EXPECT_EQ(dynamic_cast<const TransientException*>(&exception) != nullptr, !isMoved && !isHopeless) << text;
+            EXPECT_EQ(dynamic_cast<const TransientException*>(&exception) != nullptr, !isCured && !isHopeless) << text;
             EXPECT_EQ(dynamic_cast<const PermissionDeniedException*>(&exception) != nullptr, fault == Fault::Denied403)
                 << text;
             EXPECT_EQ(dynamic_cast<const InvalidLocationException*>(&exception) != nullptr, isMoved) << text;
@@ -255,7 +286,7 @@ protected:
         }
         else
         {
-            const bool isRepeated = mode == Mode::RetryOnce || isMoved || (isEnd && isAfter(fault));
+            const bool isRepeated = mode == Mode::RetryOnce || isCured || (isEnd && isAfter(fault));
             EXPECT_EQ(failed, struck && (isHopeless || !isRepeated)) << "of " << seen.size() << " requests";
         }
         if (mode == Mode::BareOnce && isEnd && isAfter(fault))
@@ -269,8 +300,9 @@ protected:
         }
         if (isMoved && mode != Mode::RetryForGood && struck)
         {
-            EXPECT_THAT(std::string(seen.at(n).head["Authorization"]), testing::HasSubstr("/elsewhere/s3/"));
+            EXPECT_THAT(std::string(seen.back().head["Authorization"]), testing::HasSubstr("/elsewhere/s3/"));
         }
+        EXPECT_EQ(credentials->renewals() > 0, fault == Fault::Expired400 && struck);
         failed ? row.run(scene) : void();
         EXPECT_EQ(stored(scene.key), row.outcome) << "after the repeated call";
         row.verify(scene);
@@ -329,6 +361,45 @@ TEST_P(FaultTest, LosesNothingAtAnyOperation)
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, FaultTest, testing::ValuesIn(allFaults), [](const auto& row) { return std::string(name(row.param)); });
+
+TEST(DamageTest, IsNoticedOnTheWayToTheStoreAndInWhatIsReadWhole)
+{
+    REQUIRE_GATEWAY();
+    const GatewayBucket bucket;
+    S3Request publish{Operation::PutObject, "", "PUT", {{"acl", ""}}};
+    publish.headers.add("x-amz-acl", "public-read-write");
+    Requester(bucket.settings()).send(publish);
+    FaultProxy proxy(bucket.settings().endpoint);
+    VirtualTime time;
+    const auto strikeFirst = [&](Fault fault)
+    { proxy.setPlan([=](const Request&, std::size_t number) { return number == 1 ? fault : Fault::None; }); };
+    std::shared_ptr<S3Client> bare;
+    std::unique_ptr<RetryingClient> retrying;
+    for (const auto& credentials : {anonymousCredentials(), bucket.settings().credentials})
+    {
+        SCOPED_TRACE(credentials->credentials().keyId);
+        S3Settings settings = bucket.settings();
+        settings.endpoint = proxy.url();
+        settings.credentials = credentials;
+        bare = std::make_shared<S3Client>(settings);
+        retrying = std::make_unique<RetryingClient>(bare, RetryPolicy(), time.clock());
+        std::istringstream content(fresh);
+        strikeFirst(Fault::FlippedBefore);
+        EXPECT_THROW(bare->putObject("key", content, fresh.size()), TransientException);
+        content.seekg(0);
+        strikeFirst(Fault::FlippedBefore);
+        retrying->putObject("key", content, fresh.size());
+    }
+    for (const std::uint64_t last : {std::uint64_t{0}, fresh.size() - 1}) // both mean all of it
+    {
+        std::ostringstream damaged, whole;
+        strikeFirst(Fault::FlippedAfter);
+        EXPECT_THROW(bare->getObjectRange("key", damaged, 0, last), TransientException);
+        strikeFirst(Fault::FlippedAfter);
+        retrying->getObjectRange("key", whole, 0, last);
+        EXPECT_EQ(whole.str(), fresh);
+    }
+}
 
 /// Whole files, as a host writes them.
 class FileFaultTest : public FaultTest

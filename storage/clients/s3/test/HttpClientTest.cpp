@@ -223,6 +223,18 @@ TEST_F(HttpClientTest, ChecksCertificatesAgainstTheAuthoritiesGiven)
     std::filesystem::remove(path);
 }
 
+TEST_F(HttpClientTest, LetsNoFieldBecomeTwo)
+{
+    LoopbackServer server(echo);
+    for (const char control : {'\r', '\n', '\0', '\x7F'})
+    {
+        HttpRequest request{.method = "GET", .url = server.url()};
+        request.headers.add("If-Match", std::string("\"tag") + control + "X-Other: 1\"");
+        EXPECT_EQ(failureOf(client, request), Kind::Invalid);
+    }
+    EXPECT_EQ(server.requests().size(), 0U);
+}
+
 TEST_F(HttpClientTest, TellsWhoCannotBeReached)
 {
     const std::string gone = LoopbackServer(echo).url();

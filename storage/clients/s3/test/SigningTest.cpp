@@ -1,9 +1,12 @@
+#include "http/HttpClient.hpp"
 #include "signing/Hashing.hpp"
 #include "signing/RequestSigner.hpp"
 #include "signing/UriEncoding.hpp"
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <iostream>
 #include <utility>
 #include <vector>
 
@@ -72,6 +75,24 @@ TEST(SigningTest, SignsASessionTokenAndNothingForAnonymous)
     HttpRequest anonymous{"GET", "", {}};
     sign(anonymous, context, {});
     EXPECT_EQ(anonymous.headers.find("Authorization"), nullptr);
+}
+
+TEST(SigningTest, OrdersParametersByName)
+{
+    EXPECT_EQ(encodeQuery({{"a-b", "1"}, {"b", "2"}, {"a", "4"}, {"a", "3"}}), "a=3&a=4&a-b=1&b=2");
+}
+
+TEST(SigningTest, GoesOnWhileTheProcessEnds)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // a process in which nothing is initialised yet
+    const auto end = []
+    {
+        std::atexit([] { std::cerr << sha256Hex("") << '.'; }); // runs after what is registered later
+        const HttpClient client({});
+        EXPECT_EQ(md5("").size(), 16U);
+        std::exit(0);
+    };
+    EXPECT_EXIT(end(), testing::ExitedWithCode(0), "e3b0c44298fc1c14");
 }
 
 TEST(SigningTest, EncodesEveryByteSoThatItComesBack)

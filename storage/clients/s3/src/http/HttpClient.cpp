@@ -1,6 +1,7 @@
 #include "HttpClient.hpp"
 
 #include <curl/curl.h>
+#include <openssl/crypto.h>
 
 #include <algorithm>
 #include <array>
@@ -21,10 +22,15 @@ constexpr std::size_t maxUnused = 64;             // connections; more than that
 constexpr std::size_t largestKeptBody = 64 << 20; // bytes; a listing of 1,000 long keys has 2 MiB
 constexpr long bufferSize = 256 * 1024;           // bytes; fewer and larger pieces cost less
 
-/// The library is never torn down: threads of the host may still use it while the process ends.
+/// Nothing is ever torn down: threads and static objects of the host may still send requests while the process ends.
+/// Where the host has used OpenSSL before, its own choice stands.
 void initialiseOnce()
 {
-    static const CURLcode result = curl_global_init(CURL_GLOBAL_DEFAULT);
+    static const CURLcode result = []
+    {
+        OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+        return curl_global_init(CURL_GLOBAL_DEFAULT);
+    }();
     if (result != CURLE_OK)
     {
         throw std::runtime_error(curl_easy_strerror(result));
@@ -98,6 +104,7 @@ public:
         if (!settings.authorities.empty())
         {
             set(CURLOPT_CAINFO, settings.authorities.c_str());
+            set(CURLOPT_CAPATH, nullptr); // the system's folder would count beside the file
         }
         if (request.direct)
         {
@@ -108,6 +115,7 @@ public:
         setMethod();
         for (const HttpHeaders::Field& field : request.headers)
         {
+            requireOneLine(field);
             // A field without a value is written with a semicolon, or the library would leave it out.
             addField(field.value.empty() ? field.name + ";" : field.name + ": " + field.value);
         }
@@ -226,6 +234,16 @@ private:
             set(CURLOPT_SEEKDATA, this);
         }
         set(CURLOPT_CUSTOMREQUEST, m_request.method.c_str());
+    }
+
+    /// The library sends an end of line as it is, and what follows would be a field of its own.
+    static void requireOneLine(const HttpHeaders::Field& field)
+    {
+        const auto isControl = [](char letter) { return (letter >= 0 && letter < ' ') || letter == 0x7F; };
+        if (std::any_of(field.value.begin(), field.value.end(), isControl))
+        {
+            throw HttpFailure(HttpFailure::Kind::Invalid, "the field " + field.name + " has a control character");
+        }
     }
 
     void addField(const std::string& line)

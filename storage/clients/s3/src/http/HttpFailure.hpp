@@ -17,7 +17,8 @@ public:
         Stalled,     ///< connected, and then too slow or silent
         Broken,      ///< the connection ended early, or what came is no HTTP
         Interrupted, ///< the host wanted it to end
-        Invalid      ///< the request cannot be made: a malformed address, a file of authorities that cannot be read
+        Invalid      ///< the request cannot be made: a malformed address, a control character in a field, a file of
+                     ///< authorities that cannot be read
     };
 
     /// @param what  what went wrong, for people, without the URL's query

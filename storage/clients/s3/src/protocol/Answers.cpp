@@ -7,9 +7,9 @@
 #include <pugixml.hpp>
 
 #include <algorithm>
+#include <charconv>
 #include <iterator>
 #include <sstream>
-#include <string_view>
 
 namespace storage::clients::s3
 {
@@ -22,10 +22,46 @@ std::string textOf(const pugi::xml_node& parent, const char* name)
     return parent.child(name).text().as_string();
 }
 
+std::string requiredText(const pugi::xml_node& parent, const char* name)
+{
+    std::string text = textOf(parent, name);
+    if (text.empty())
+    {
+        throw BrokenAnswer(std::string("the answer lacks ") + name);
+    }
+    return text;
+}
+
+std::uint64_t requiredNumber(const pugi::xml_node& parent, const char* name)
+{
+    const auto number = readNumber(requiredText(parent, name));
+    if (!number)
+    {
+        throw BrokenAnswer(std::string("the answer has no number as ") + name);
+    }
+    return *number;
+}
+
+boost::posix_time::ptime requiredTime(const pugi::xml_node& parent, const char* name)
+{
+    const auto time = readIsoTime(requiredText(parent, name));
+    if (time.is_special())
+    {
+        throw BrokenAnswer(std::string("the answer has no time as ") + name);
+    }
+    return time;
+}
+
 ErrorAnswer errorIn(const pugi::xml_node& root)
 {
     return {textOf(root, "Code"), textOf(root, "Message"), textOf(root, "RequestId"), textOf(root, "Region"),
         textOf(root, "Endpoint")};
+}
+
+bool isError(pugi::xml_document& parsed, const std::string& document)
+{
+    return parsed.load_buffer(document.data(), document.size()) &&
+           std::string_view(parsed.document_element().name()) == "Error";
 }
 
 /// A document whose root has been checked.
@@ -50,20 +86,12 @@ public:
 
     pugi::xml_node root() const { return m_document.document_element(); }
 
-    std::string required(const char* name) const
-    {
-        std::string text = textOf(root(), name);
-        if (text.empty())
-        {
-            throw BrokenAnswer(std::string("the answer lacks ") + name);
-        }
-        return text;
-    }
+    std::string required(const char* name) const { return requiredText(root(), name); }
 
-    /// Keys come encoded when the answer says so.
+    /// Keys come encoded when the answer says so. The empty one is none.
     std::string key(const pugi::xml_node& parent, const char* name) const
     {
-        const std::string text = textOf(parent, name);
+        const std::string text = requiredText(parent, name);
         return textOf(root(), "EncodingType") == "url" ? uriDecode(text) : text;
     }
 
@@ -76,12 +104,23 @@ private:
 
 } // namespace
 
+std::optional<std::uint64_t> readNumber(std::string_view text)
+{
+    std::uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size() ? std::optional(number) : std::nullopt;
+}
+
 ErrorAnswer readError(const std::string& document)
 {
     pugi::xml_document parsed;
-    const bool isError = parsed.load_buffer(document.data(), document.size()) &&
-                         std::string_view(parsed.document_element().name()) == "Error";
-    return isError ? errorIn(parsed.document_element()) : ErrorAnswer();
+    return isError(parsed, document) ? errorIn(parsed.document_element()) : ErrorAnswer();
+}
+
+bool isError(const std::string& document)
+{
+    pugi::xml_document parsed;
+    return isError(parsed, document);
 }
 
 ListingPage readListing(const std::string& document)
@@ -91,8 +130,8 @@ ListingPage readListing(const std::string& document)
     std::vector<cloudprovider::ObjectEntry> groups;
     for (const pugi::xml_node& node : answer.root().children("Contents"))
     {
-        page.entries.push_back({answer.key(node, "Key"), node.child("Size").text().as_ullong(),
-            readIsoTime(textOf(node, "LastModified"))});
+        page.entries.push_back(
+            {answer.key(node, "Key"), requiredNumber(node, "Size"), readIsoTime(textOf(node, "LastModified"))});
     }
     for (const pugi::xml_node& node : answer.root().children("CommonPrefixes"))
     {
@@ -118,10 +157,11 @@ UploadsPage readUploads(const std::string& document)
     for (const pugi::xml_node& node : answer.root().children("Upload"))
     {
         page.uploads.push_back(
-            {answer.key(node, "Key"), textOf(node, "UploadId"), readIsoTime(textOf(node, "Initiated"))});
+            {answer.key(node, "Key"), requiredText(node, "UploadId"), requiredTime(node, "Initiated")});
     }
     if (answer.isTruncated())
     {
+        // Nobody asks for encoding here: stores differ in whether that means this marker, too.
         page.nextKey = answer.key(answer.root(), "NextKeyMarker");
         page.nextUploadId = answer.required("NextUploadIdMarker");
     }

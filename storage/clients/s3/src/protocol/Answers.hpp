@@ -3,8 +3,11 @@
 #include <storage/clients/common/UploadInventory.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
 
+#include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -45,8 +48,14 @@ private:
     ErrorAnswer m_error;
 };
 
+/// Read a number of digits; nothing when it is something else.
+std::optional<std::uint64_t> readNumber(std::string_view text);
+
 /// Read an error document; all fields are empty when it is none.
 ErrorAnswer readError(const std::string& document);
+
+/// Whether it is an error document, even one that says nothing.
+bool isError(const std::string& document);
 
 // Each of the following throws BrokenAnswer or ErrorInAnswer.
 

@@ -2,6 +2,7 @@
 
 #include "signing/UriEncoding.hpp"
 
+#include <storage/clients/common/KeyRules.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <boost/algorithm/string/case_conv.hpp>
@@ -38,7 +39,7 @@ void requireRegion(const std::string& region)
     static const std::regex form("[A-Za-z0-9-]{1,63}");
     if (!std::regex_match(region, form))
     {
-        refuse("\"" + region + "\" is no name of a region");
+        refuse(quoted(region) + " is no name of a region"); // a store may have named it
     }
 }
 
@@ -60,8 +61,10 @@ BucketAddress::BucketAddress(const S3Settings& settings)
     requireRegion(m_region);
     if (!settings.endpoint.empty())
     {
+        // A path of these characters has one form only, which both sides sign.
         static const std::regex form(
-            R"((https?)://([A-Za-z0-9.-]+|\[[0-9A-Fa-f:.]+\])(:\d{1,5})?(/[^?#]*)?)", std::regex::icase);
+            R"((https?)://([a-z0-9.-]+|\[[0-9a-f:.]+\])(:\d{1,5})?(/([a-z0-9._~/-]|%[0-9a-f]{2})*)?)",
+            std::regex::icase);
         std::smatch match;
         if (!std::regex_match(settings.endpoint, match, form))
         {

@@ -16,7 +16,7 @@ namespace storage::clients::s3
 namespace
 {
 
-const std::string hashOfNothing = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+constexpr const char* hashOfNothing = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
 
 bool saysExpired(const std::string& code)
 {
@@ -27,7 +27,7 @@ bool saysExpired(const std::string& code)
 bool hidesFailure(const S3Request& request, const HttpResponse& response)
 {
     const bool isShort = request.method == "PUT" || request.method == "DELETE";
-    return isShort && !readError(response.body).code.empty();
+    return isShort && isError(response.body);
 }
 
 } // namespace
@@ -45,7 +45,7 @@ std::string Requester::sentTag(const S3Request& request, const HttpResponse& res
     const std::string* const tag = response.headers.find("ETag");
     if (tag == nullptr || tag->empty())
     {
-        throwBroken(contextOf(request), "the answer lacks the entity tag");
+        throwBroken(contextOf(request), response, "the answer lacks the entity tag");
     }
     return unquotedTag(*tag);
 }
@@ -73,23 +73,31 @@ HttpResponse Requester::send(
     };
     try
     {
-        BucketAddress asked = address();
-        HttpResponse response = sendOnce(request, asked, receiver);
-        if (!isGood(response) && followsRegion(response, asked))
+        bool isMoved = false;
+        bool isRenewed = false;
+        for (;;)
         {
-            response = sendOnce(request, address(), receiver);
+            const BucketAddress asked = address();
+            HttpResponse response = sendOnce(request, asked, receiver);
+            if (isGood(response))
+            {
+                m_sawBucket = m_sawBucket || response.status / 100 == 2;
+                return response;
+            }
+            if (!isMoved && followsRegion(response, asked))
+            {
+                isMoved = true;
+            }
+            else if (!isRenewed && saysExpired(readError(response.body).code))
+            {
+                m_credentials->refresh();
+                isRenewed = true;
+            }
+            else
+            {
+                throwAnswered(contextOf(request), response);
+            }
         }
-        else if (!isGood(response) && saysExpired(readError(response.body).code))
-        {
-            m_credentials->refresh();
-            response = sendOnce(request, asked, receiver);
-        }
-        if (isGood(response))
-        {
-            m_sawBucket = m_sawBucket || response.status / 100 == 2;
-            return response;
-        }
-        throwAnswered(contextOf(request), response);
     }
     catch (const HttpFailure& failure)
     {
@@ -110,6 +118,10 @@ HttpResponse Requester::sendOnce(
         http.stallWindow = m_storeWorkWindow;
     }
     const Credentials credentials = m_credentials->credentials();
+    if (credentials.isAnonymous() && request.body != nullptr)
+    {
+        http.headers.add("Content-MD5", toBase64(md5(*request.body))); // the other hash is checked with the signature
+    }
     sign(http, context, credentials);
     {
         const std::lock_guard lock(m_mutex);

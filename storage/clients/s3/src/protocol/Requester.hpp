@@ -60,7 +60,7 @@ public:
         }
         catch (const BrokenAnswer& broken)
         {
-            throwBroken(contextOf(request), broken.what());
+            throwBroken(contextOf(request), response, broken.what());
         }
     }
 

@@ -2,6 +2,7 @@
 
 #include "Times.hpp"
 
+#include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/common/TransientException.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
@@ -43,6 +44,7 @@ struct Row
     std::string_view hint; ///< what to do about it; may be empty
 };
 
+constexpr std::string_view changed = "somebody has changed or removed the object since it was opened";
 constexpr std::string_view chooseOther = "check the credentials that the environment and the shared files give";
 
 constexpr std::array rows{
@@ -120,7 +122,30 @@ Row rowFor(int status, const std::string& code)
             return row;
         }
     }
+    if (status == 404 && code.empty())
+    {
+        return {"", Meaning::BadLocation, "this is no answer of an S3 store; check the endpoint"};
+    }
     return {"", meaningOf(status), ""};
+}
+
+/// What a store wrote, as a message may show it: on one line, and cut when it is long.
+std::string shown(const std::string& text)
+{
+    const std::string inQuotes = quoted(text);
+    return inQuotes.substr(1, inQuotes.size() - 2);
+}
+
+/// What was asked, and who answered what.
+std::string failureBy(const FailureContext& context, const HttpResponse& response, const ErrorAnswer& error)
+{
+    const std::string* const header = response.headers.find("x-amz-request-id");
+    const std::string requestId = header != nullptr ? *header : error.requestId;
+    std::string text = fmt::format("{} failed: {} answered {}", context.action, context.origin, response.status);
+    text += error.code.empty() ? "" : " " + shown(error.code);
+    text += error.message.empty() || error.message == error.code ? "" : " (" + shown(error.message) + ")";
+    text += requestId.empty() ? "" : ", request " + shown(requestId);
+    return text;
 }
 
 std::string skewHint(const HttpResponse& response)
@@ -140,8 +165,8 @@ std::string redirectHint(const HttpResponse& response, const ErrorAnswer& error,
 {
     const std::string* const region = response.headers.find("x-amz-bucket-region");
     const std::string place = region == nullptr ? error.region : *region;
-    return std::string(hint) + (place.empty() ? "" : "; the bucket is in " + place) +
-           (error.endpoint.empty() ? "" : ", at " + error.endpoint);
+    return std::string(hint) + (place.empty() ? "" : "; the bucket is in " + shown(place)) +
+           (error.endpoint.empty() ? "" : ", at " + shown(error.endpoint));
 }
 
 std::optional<std::chrono::milliseconds> retryAfter(const HttpResponse& response)
@@ -188,12 +213,12 @@ void throwAnswered(const FailureContext& context, const HttpResponse& response, 
         hint = "no credentials were given";
     }
 
-    const std::string* const header = response.headers.find("x-amz-request-id");
-    const std::string requestId = header != nullptr ? *header : error.requestId;
-    std::string detail = fmt::format("{} failed: {} answered {}", context.action, context.origin, response.status);
-    detail += error.code.empty() ? "" : " " + error.code;
-    detail += error.message.empty() || error.message == error.code ? "" : " (" + error.message + ")";
-    detail += requestId.empty() ? "" : ", request " + requestId;
+    else if (row.meaning == Meaning::Changed)
+    {
+        hint = changed;
+    }
+
+    std::string detail = failureBy(context, response, error);
     detail += row.code == "NoSuchBucket" ? "; bucket \"" + context.bucket + "\"" : "";
     detail += row.meaning == Meaning::Denied && !context.keyId.empty() ? "; key id " + context.keyId : "";
     detail += hint.empty() ? "" : "; " + hint;
@@ -212,7 +237,7 @@ void throwAnswered(const FailureContext& context, const HttpResponse& response, 
     case Meaning::NotSupported:
         throw UnsupportedOperationException(detail);
     case Meaning::Changed:
-        throwChanged(context);
+        throw UnknownErrorException("Object changed", detail);
     case Meaning::Passing:
         throw TransientException("Store busy", detail, retryAfter(response));
     case Meaning::Other:
@@ -246,15 +271,14 @@ void throwUnanswered(const FailureContext& context, const HttpFailure& failure)
     throw TransientException("Store unreachable", detail);
 }
 
-void throwBroken(const FailureContext& context, const std::string& reason)
+void throwBroken(const FailureContext& context, const HttpResponse& response, const std::string& reason)
 {
-    throw TransientException("Broken answer", fmt::format("{} failed: {}: {}", context.action, context.origin, reason));
+    throw TransientException("Broken answer", failureBy(context, response, {}) + "; " + reason);
 }
 
 void throwChanged(const FailureContext& context)
 {
-    throw UnknownErrorException(
-        "Object changed", context.action + " failed: somebody has changed or removed the object since it was opened");
+    throw UnknownErrorException("Object changed", fmt::format("{} failed: {}", context.action, changed));
 }
 
 } // namespace storage::clients::s3

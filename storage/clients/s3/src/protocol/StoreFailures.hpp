@@ -30,8 +30,8 @@ struct FailureContext
 /// Throw what it means that there was no whole answer.
 [[noreturn]] void throwUnanswered(const FailureContext& context, const HttpFailure& failure);
 
-/// Throw that the answer makes no sense, which a repeated request may cure.
-[[noreturn]] void throwBroken(const FailureContext& context, const std::string& reason);
+/// Throw that an answer makes no sense, which a repeated request may cure.
+[[noreturn]] void throwBroken(const FailureContext& context, const HttpResponse& response, const std::string& reason);
 
 /// Throw that the object is no longer the one that the caller knows.
 [[noreturn]] void throwChanged(const FailureContext& context);

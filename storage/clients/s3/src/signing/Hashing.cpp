@@ -28,6 +28,8 @@ void require(bool succeeded)
     }
 }
 
+} // namespace
+
 class Digest
 {
 public:
@@ -51,6 +53,21 @@ private:
     const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> m_context;
 };
 
+namespace
+{
+
+std::string hashOf(RequestBody& body, const EVP_MD* kind)
+{
+    Digest digest(kind);
+    std::vector<char> piece(64 * 1024);
+    body.rewind();
+    while (const std::size_t count = body.read(piece.data(), piece.size()))
+    {
+        digest.add({piece.data(), count});
+    }
+    return digest.finish();
+}
+
 } // namespace
 
 std::string sha256Hex(std::string_view text)
@@ -62,14 +79,7 @@ std::string sha256Hex(std::string_view text)
 
 std::string sha256Hex(RequestBody& body)
 {
-    Digest digest(EVP_sha256());
-    std::vector<char> piece(64 * 1024);
-    body.rewind();
-    while (const std::size_t count = body.read(piece.data(), piece.size()))
-    {
-        digest.add({piece.data(), count});
-    }
-    return toHex(digest.finish());
+    return toHex(hashOf(body, EVP_sha256()));
 }
 
 std::string hmacSha256(std::string_view key, std::string_view text)
@@ -86,6 +96,37 @@ std::string md5(std::string_view text)
     Digest digest(EVP_md5());
     digest.add(text);
     return digest.finish();
+}
+
+std::string md5(RequestBody& body)
+{
+    return hashOf(body, EVP_md5());
+}
+
+Md5::Md5()
+    : m_digest(std::make_unique<Digest>(EVP_md5()))
+{
+}
+
+Md5::~Md5() = default;
+
+void Md5::add(std::string_view bytes)
+{
+    m_digest->add(bytes);
+}
+
+std::string Md5::finish()
+{
+    return m_digest->finish();
+}
+
+std::string toBase64(std::string_view bytes)
+{
+    std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0'); // with the zero that is written behind it
+    const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+        reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
+    text.resize(static_cast<std::size_t>(length));
+    return text;
 }
 
 std::string toHex(std::string_view bytes)

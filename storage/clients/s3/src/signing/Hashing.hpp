@@ -1,11 +1,13 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 
 namespace storage::clients::s3
 {
 
+class Digest;
 class RequestBody;
 
 /// SHA-256 of the text, as 64 lower-case hexadecimal digits.
@@ -19,6 +21,28 @@ std::string hmacSha256(std::string_view key, std::string_view text);
 
 /// MD5 of the text: 16 bytes.
 std::string md5(std::string_view text);
+
+/// The same of a body, read once from its start.
+std::string md5(RequestBody& body);
+
+/// The same of bytes that come piece by piece.
+class Md5
+{
+public:
+    Md5();
+    ~Md5();
+
+    void add(std::string_view bytes);
+
+    /// Call once, at the end.
+    std::string finish();
+
+private:
+    const std::unique_ptr<Digest> m_digest;
+};
+
+/// As fields of requests have bytes.
+std::string toBase64(std::string_view bytes);
 
 /// Two lower-case hexadecimal digits for each byte.
 std::string toHex(std::string_view bytes);

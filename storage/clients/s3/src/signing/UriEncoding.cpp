@@ -66,17 +66,17 @@ std::string uriDecode(std::string_view text)
 
 std::string encodeQuery(const QueryParameters& parameters)
 {
-    std::vector<std::string> pairs;
+    QueryParameters pairs;
     pairs.reserve(parameters.size());
     for (const auto& [name, value] : parameters)
     {
-        pairs.push_back(uriEncode(name) + '=' + uriEncode(value));
+        pairs.emplace_back(uriEncode(name), uriEncode(value));
     }
     std::sort(pairs.begin(), pairs.end());
     std::string query;
-    for (const std::string& pair : pairs)
+    for (const auto& [name, value] : pairs)
     {
-        query += (query.empty() ? "" : "&") + pair;
+        query += (query.empty() ? "" : "&") + name + '=' + value;
     }
     return query;
 }

@@ -13,7 +13,7 @@ struct PendingUpload
 {
     std::string key;
     std::string uploadId;             ///< what abortMultipartUpload() takes
-    boost::posix_time::ptime created; ///< UTC
+    boost::posix_time::ptime created; ///< UTC; always a time: its age decides whether an upload may be aborted
 };
 
 /// What a client offers beside CloudClient when it can tell which uploads are open, those of other processes and of
