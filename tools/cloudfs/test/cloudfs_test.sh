@@ -60,13 +60,15 @@ printed() { [[ $(<out) == "$1" ]] || fail "printed \"$(<out)\" instead of \"$1\"
 
 same() { cmp "$1" "$2" >&2 || fail "$1 and $2 differ"; }
 
-# nothing_left: no content of an unfinished upload, no buffer, no half file.
+# nothing_left: no unfinished upload, no buffer, no half file.
 nothing_left()
 {
     local left
     left=$(find buffers -type f; find . -name '.cloudfs-*')
     [[ $store != local: ]] || left+=$(find cloudfs/incoming cloudfs/contents -type f)
     [[ -z $left ]] || fail "left behind: $left"
+    expect 0 '' uploads list
+    printed ''
 }
 
 # bytes SIZE: the same bytes at every call, without a short period.

@@ -33,7 +33,9 @@ namespace http = boost::beast::http;
 
 const std::string otherTag = "\"00000000000000000000000000000000\"";
 
-/// Asks the endpoint without the client, about an object "key".
+constexpr std::size_t leastPart = 5 << 20; // bytes, of one that is not the last
+
+/// Asks the endpoint without the client, about an object "key" unless told otherwise.
 class Asker
 {
 public:
@@ -43,7 +45,7 @@ public:
         const std::vector<HttpHeaders::Field>& fields = {}, const std::string& text = {})
     {
         TextBody body(text);
-        S3Request request{operation, "key", method, query};
+        S3Request request{operation, key, method, query};
         for (const auto& field : fields)
         {
             request.headers.add(field.name, field.value);
@@ -52,15 +54,31 @@ public:
         return m_requester.send(request, {400, 404, 412});
     }
 
+    /// @return the status of a put of other content
+    int put(const std::vector<HttpHeaders::Field>& fields)
+    {
+        return ask(Operation::PutObject, "PUT", {}, fields, "other").status;
+    }
+
     std::string tag() { return *ask(Operation::GetObjectInfo, "HEAD").headers.find("ETag"); }
 
     std::string begin() { return readNewUpload(ask(Operation::CreateMultipartUpload, "POST", {{"uploads", ""}}).body); }
 
-    std::string sendPart(const std::string& upload, const std::string& number)
+    std::string sendPart(const std::string& upload, const std::string& number, const std::string& text = "part")
     {
-        const auto sent =
-            ask(Operation::UploadPart, "PUT", {{"partNumber", number}, {"uploadId", upload}}, {}, "part " + number);
+        const auto sent = ask(Operation::UploadPart, "PUT", {{"partNumber", number}, {"uploadId", upload}}, {}, text);
         return unquotedTag(*sent.headers.find("ETag"));
+    }
+
+    /// Make the object of two parts, of which the second is short. @return the status
+    int join(std::size_t firstSize, std::size_t secondNumber)
+    {
+        const std::string upload = begin();
+        const std::string first = sendPart(upload, "1", std::string(firstSize, 'x'));
+        const std::string second = sendPart(upload, std::to_string(secondNumber));
+        return ask(Operation::CompleteMultipartUpload, "POST", {{"uploadId", upload}}, {},
+            writeCompletion({{1, first}, {secondNumber, second}}))
+            .status;
     }
 
     HttpResponse complete(
@@ -69,6 +87,8 @@ public:
         return ask(Operation::CompleteMultipartUpload, "POST", {{"uploadId", upload}}, fields,
             writeCompletion({{1, partTag}}));
     }
+
+    std::string key = "key";
 
     std::string source(const std::string& path) const { return "/" + m_bucket.settings().bucket + "/" + path; }
 
@@ -141,6 +161,60 @@ const std::vector<Fact> facts{
             return asker.complete(upload, part).status == 200 && asker.complete(upload, part).status == 200;
         },
         true},
+    {"a put keeps another version, by a tag in quotes",
+        [](Asker& asker) {
+            return asker.put({{"If-Match", otherTag}}) == 412 && asker.put({{"If-Match", asker.tag()}}) == 200;
+        },
+        false},
+    {"a put keeps another version, by a bare tag",
+        [](Asker& asker)
+        {
+            return asker.put({{"If-Match", unquotedTag(otherTag)}}) == 412 &&
+                   asker.put({{"If-Match", unquotedTag(asker.tag())}}) == 200;
+        },
+        true},
+    {"HEAD tells of the parts of an object",
+        [](Asker& asker)
+        {
+            return asker.join(leastPart, 2) == 200 &&
+                   *asker.ask(Operation::GetObjectInfo, "HEAD", {{"partNumber", "2"}}).headers.find("Content-Length") ==
+                       "4";
+        },
+        false},
+    {"GET reads a part of an object",
+        [](Asker& asker)
+        {
+            return asker.join(leastPart, 2) == 200 &&
+                   asker.ask(Operation::GetObjectRange, "GET", {{"partNumber", "2"}}).body == "part";
+        },
+        false},
+    {"GetObjectAttributes tells of an object",
+        [](Asker& asker)
+        {
+            const auto answer =
+                asker.ask(Operation::GetObjectInfo, "GET", {{"attributes", ""}}, {{"x-amz-object-attributes", "ETag"}});
+            return answer.body.find("GetObjectAttributesResponse") != std::string::npos;
+        },
+        false},
+    {"a wrong Content-MD5 is refused",
+        [](Asker& asker) {
+            return asker.put({{"Content-MD5", toBase64(md5("content"))}}) == 400;
+        },
+        true},
+    {"a wrong x-amz-checksum is refused",
+        [](Asker& asker) {
+            return asker.put({{"x-amz-checksum-crc32", "AAAAAA=="}}) == 400;
+        },
+        false},
+    {"a part before the last may be short", [](Asker& asker) { return asker.join(leastPart - 1, 2) == 200; }, false},
+    {"numbers of parts may have gaps", [](Asker& asker) { return asker.join(leastPart, 3) == 200; }, true},
+    {"a key may have 1,025 bytes",
+        [](Asker& asker)
+        {
+            asker.key.resize(1025, 'k');
+            return asker.put({}) == 200;
+        },
+        false},
     {"parts that are not listed are dropped",
         [](Asker& asker)
         {

@@ -19,9 +19,19 @@ namespace fsp = foundation::storage::provider;
 
 constexpr std::size_t partSize = 5 << 20; // bytes; least that the store takes
 
-/// A host that works on the file "file" of a store through the provider, in small parts, and may fail at it.
+/// Makes the provider write in small parts as long as it lives.
 ///
-/// One at a time, and while no other thread runs: it changes the environment.
+/// Begins and ends while no other thread runs: it changes the environment.
+class SmallParts
+{
+public:
+    SmallParts() { setenv("ZV_CLOUD_PART_SIZE_OVERRIDE", std::to_string(partSize).c_str(), 1); }
+    SmallParts(const SmallParts&) = delete;
+    SmallParts& operator=(const SmallParts&) = delete;
+    ~SmallParts() { unsetenv("ZV_CLOUD_PART_SIZE_OVERRIDE"); }
+};
+
+/// A host that works on the file "file" of a store through the provider, and may fail at it. One at a time.
 class FileSession
 {
 public:
@@ -30,15 +40,10 @@ public:
               cloudprovider::buildCloudProvider(std::move(client), cloudprovider::FolderPolicy::MarkerObjects, false))
     {
         cloudprovider::getLogger().setEnabledSeverities(0); // failures are what these tests are full of
-        setenv("ZV_CLOUD_PART_SIZE_OVERRIDE", std::to_string(partSize).c_str(), 1);
     }
     FileSession(const FileSession&) = delete;
     FileSession& operator=(const FileSession&) = delete;
-    ~FileSession()
-    {
-        cloudprovider::getLogger().setEnabledSeverities(m_severities);
-        unsetenv("ZV_CLOUD_PART_SIZE_OVERRIDE");
-    }
+    ~FileSession() { cloudprovider::getLogger().setEnabledSeverities(m_severities); }
 
     /// Do something unless there is no file open, and note whether it failed.
     template <typename Step>

@@ -240,10 +240,12 @@ TEST_F(HttpClientTest, TellsWhoCannotBeReached)
     const std::string gone = LoopbackServer(echo).url();
     EXPECT_EQ(failureOf(client, {.method = "GET", .url = gone}), Kind::Unreachable);
     EXPECT_EQ(failureOf(client, {.method = "GET", .url = "file:///"}), Kind::Invalid);
-    LoopbackServer server(echo);
-    ::setenv("http_proxy", gone.c_str(), 1);
-    EXPECT_EQ(failureOf(client, {.method = "GET", .url = server.url()}), Kind::Unreachable);
-    EXPECT_EQ(failureOf(client, {.method = "GET", .url = server.url(), .direct = true}), std::nullopt);
+    ::setenv("http_proxy", gone.c_str(), 1); // while no other thread runs
+    {
+        LoopbackServer server(echo);
+        EXPECT_EQ(failureOf(client, {.method = "GET", .url = server.url()}), Kind::Unreachable);
+        EXPECT_EQ(failureOf(client, {.method = "GET", .url = server.url(), .direct = true}), std::nullopt);
+    }
     ::unsetenv("http_proxy");
 }
 

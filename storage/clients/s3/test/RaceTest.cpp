@@ -155,6 +155,7 @@ TEST_P(RaceTest, TheObjectIsWhollyTheirsOrWhollyOurs)
 {
     REQUIRE_GATEWAY();
     const auto [change, size] = GetParam();
+    const SmallParts smallParts;
     const GatewayBucket bucket;
     OtherProcess other(bucket.settings());
     S3Client direct(bucket.settings());
