@@ -98,6 +98,16 @@ protected:
     cloudprovider::PartInfo copy(
         const std::string& key, const std::string& uploadId, std::size_t index, const cloudprovider::PartInfo& source);
 
+    /// Expect that a copy never becomes a part of an object: its call fails, or, where that only begins the copy, the
+    /// completion that lists it does, and leaves the upload open.
+    template <typename Failure>
+    void expectNoCopy(const std::string& key, const std::string& uploadId, std::size_t index,
+        const cloudprovider::PartInfo& source, const char* why)
+    {
+        EXPECT_THROW(client().completeMultipartUpload(key, uploadId, {copy(key, uploadId, index, source)}), Failure)
+            << why;
+    }
+
     /// Run task(0) … task(count - 1) at the same time. What one throws fails the case.
     static void atOnce(std::size_t count, const std::function<void(std::size_t)>& task);
 
