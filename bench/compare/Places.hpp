@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+/// Where in a file to read, from a list of offsets, and where to write what was read.
+class Places
+{
+public:
+    Places(const std::string& list, std::string output)
+        : m_output(std::move(output))
+    {
+        std::ifstream lines(list);
+        for (std::uint64_t place = 0; lines >> place;)
+        {
+            m_places.push_back(place);
+        }
+        if (m_places.empty() || !lines.eof())
+        {
+            throw std::runtime_error("no list of offsets: " + list);
+        }
+    }
+
+    /// Reads up to `wanted` bytes at `place`; returns how many, and none or fewer at the end of the file.
+    using Read = std::function<std::ptrdiff_t(std::uint64_t place, char* data, std::size_t wanted)>;
+
+    /// Read `size` bytes at each place, in order.
+    /// @throws std::runtime_error if the file ends before that or the output takes no more
+    void readEach(std::size_t size, const Read& read) const
+    {
+        std::ofstream output(m_output, std::ios::binary);
+        std::vector<char> piece(size);
+        for (const std::uint64_t place : m_places)
+        {
+            for (std::size_t done = 0; done < size;)
+            {
+                const std::ptrdiff_t count = read(place + done, piece.data() + done, size - done);
+                if (count <= 0)
+                {
+                    throw std::runtime_error("nothing to read at " + std::to_string(place + done));
+                }
+                done += static_cast<std::size_t>(count);
+            }
+            output.write(piece.data(), static_cast<std::streamsize>(size));
+        }
+        output.close();
+        if (!output)
+        {
+            throw std::runtime_error("cannot write " + m_output);
+        }
+    }
+
+private:
+    std::vector<std::uint64_t> m_places;
+    std::string m_output;
+};

@@ -1,0 +1,69 @@
+// Read pieces of one file, one after the other, at places that a list names.
+//
+// Usage: random_reads SIZE PLACES OUTPUT FILE              of a mounted file system
+//        random_reads SIZE PLACES OUTPUT STORE_URL PATH    of a store, through the provider
+//
+// PLACES holds one offset a line. The pieces, of SIZE bytes each, go to OUTPUT in that order.
+
+#include "Places.hpp"
+
+#include <foundation/storage/provider/IProvider.hpp>
+#include <storage/clients/stores/OpenStore.hpp>
+#include <storage/cloudprovider/CloudProvider.hpp>
+
+#include <fcntl.h>
+#include <iostream>
+#include <system_error>
+#include <unistd.h>
+
+namespace
+{
+
+namespace fsp = foundation::storage::provider;
+using namespace storage::cloudprovider;
+
+void readFromStore(const std::string& url, const std::string& path, std::size_t size, const Places& places)
+{
+    const auto provider = buildCloudProvider(storage::clients::openStore(url), FolderPolicy::KeyPrefixes, false);
+    const auto stream = provider->openReadOnlyStream(fsp::StorageIRI::fromUtf8("bench://store" + path));
+    places.readEach(size,
+        [&](std::uint64_t place, char* data, std::size_t wanted)
+        {
+            stream->seek(static_cast<fsp::stream_offset>(place), std::ios_base::beg);
+            return stream->read(data, static_cast<std::streamsize>(wanted));
+        });
+    stream->close();
+}
+
+void readFromFile(const char* path, std::size_t size, const Places& places)
+{
+    const int file = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (file < 0)
+    {
+        throw std::system_error(errno, std::generic_category(), path);
+    }
+    places.readEach(size, [&](std::uint64_t place, char* data, std::size_t wanted)
+        { return ::pread(file, data, wanted, static_cast<off_t>(place)); });
+    ::close(file);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+try
+{
+    if (argc != 5 && argc != 6)
+    {
+        std::cerr << "usage: random_reads SIZE PLACES OUTPUT FILE | STORE_URL PATH" << std::endl;
+        return 2;
+    }
+    const Places places(argv[2], argv[3]);
+    argc == 5 ? readFromFile(argv[4], std::stoul(argv[1]), places)
+              : readFromStore(argv[4], argv[5], std::stoul(argv[1]), places);
+    return 0;
+}
+catch (const std::exception& failure)
+{
+    std::cerr << "random_reads: " << failure.what() << std::endl;
+    return 1;
+}
