@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Install what building, testing, checking and measuring need on Debian 12. Does nothing when all of it is there.
 #
-# Usage: scripts/install-deps.sh        as root, or as a user who may use sudo
+# Usage: scripts/install-deps.sh [compare]        as root, or as a user who may use sudo
+#
+# With "compare" also the tools that bench/compare.sh measures us beside, and what draws its chart.
 set -euo pipefail
 
 packages=(
@@ -24,6 +26,14 @@ packages=(
     # measuring
     libbenchmark-dev time
 )
+case ${1:-} in
+    '') ;;
+    compare) packages+=(fuse3 libgdal-dev python3 python3-matplotlib rclone s3fs) ;;
+    *)
+        echo "usage: scripts/install-deps.sh [compare]" >&2
+        exit 2
+        ;;
+esac
 
 if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
     echo "install-deps: needs Debian's package tools; elsewhere, install these by hand: ${packages[*]}" >&2

@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Measure the command line and the provider beside rclone, s3fs, GDAL and curl on one object gateway, which is brought up
+# on loopback for it: wall and processor time, memory, requests and bytes, each with and without a delay of 20 ms. Every
+# byte is checked.
+#
+# Usage: bench/compare.sh [RUNS [WORK…]] [--tools A,B] [--delays MS,MS]     medians of RUNS runs (5) of W1 to W9 (all)
+#
+# `scripts/install-deps.sh compare` installs the others; one that is missing is left out. Local files are kept in memory,
+# 4 GiB of it, unless TMPDIR says otherwise. Figures, tables and chart go to build/bench/compare.{jsonl,md,svg}.
+set -euo pipefail
+# shellcheck source=scripts/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/../scripts/common.sh"
+
+programs=build/compare
+results=build/bench/compare
+configure()
+{
+    cmake -S . -B "$programs" -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF -DCLOUDPROVIDER_COMPARE=ON
+}
+quietly build/logs/compare-configure.log configure
+quietly build/logs/compare-build.log cmake --build "$programs"
+
+export TMPDIR=${TMPDIR:-/dev/shm} PYTHONDONTWRITEBYTECODE=1
+export CLOUDFS_GATEWAY_DIR=$root/$programs/gateway
+export CLOUDFS_GATEWAY_SIZE=${CLOUDFS_GATEWAY_SIZE:-8} # deleted objects count for a minute
+/usr/bin/python3 bench/compare/compare.py "$@" --programs "$programs" --figures "$results.jsonl"
+
+chart=(--chart "$results.svg")
+if ! /usr/bin/python3 -c 'import matplotlib' 2>/dev/null; then
+    echo "compare: no chart without python3-matplotlib" >&2
+    chart=()
+fi
+/usr/bin/python3 bench/compare/report.py "${chart[@]}" "$results.jsonl" | tee "$results.md"

@@ -1,0 +1,297 @@
+#!/usr/bin/python3
+"""Measure the command line and the provider beside other tools; bench/compare.sh builds what this needs and calls it."""
+
+import argparse
+import filecmp
+import json
+import os
+import random
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+import tools
+from measure import Failed, Proxy, Run
+
+ROOT = Path(__file__).resolve().parents[2]
+MIB = 1024 * 1024
+BIG, WHOLE = 256 * MIB, 1024 * MIB
+TOOLS = [tool.name for tool in (tools.Ours, tools.Rclone, tools.RcloneMount, tools.S3fs, tools.Gdal, tools.Curl)]
+MIDDLE = BIG // 2 + 4096  # no boundary of anybody's parts
+
+
+class Aside:
+    """Stands where a Run stands, and measures nothing."""
+
+    def __init__(self, folder):
+        self.folder = folder
+        folder.mkdir()
+
+    def call(self, command, stdout=None):
+        with open(stdout or os.devnull, "wb") as sink:
+            subprocess.run([str(word) for word in command], stdin=subprocess.DEVNULL, stdout=sink, check=True, timeout=300)
+
+
+class Gateway:
+    """The store itself: brought up empty, filled, and looked into by somebody who is not compared."""
+
+    def __init__(self, scratch):
+        self._script("start")
+        environment = dict(re.findall(r"export (\w+)=(.*)", self._script("env")))
+        # The tools see nothing of the user's own settings for stores and proxies.
+        for name in os.environ:
+            if name.upper().startswith(("AWS", "RCLONE_")) or name.upper().endswith("_PROXY"):
+                del os.environ[name]
+        os.environ.update(environment)
+        self.endpoint = environment["CLOUDFS_TEST_S3_ENDPOINT"].removeprefix("http://")
+        self.bucket = environment["CLOUDFS_TEST_S3_BUCKET"]
+        self.keys = environment["AWS_ACCESS_KEY_ID"], environment["AWS_SECRET_ACCESS_KEY"]
+        self.curl = tools.Curl(self.endpoint, self.bucket, None, *self.keys)
+        shutil.rmtree(scratch / "aside", ignore_errors=True)
+        self.aside = Aside(scratch / "aside")
+
+    @staticmethod
+    def _script(command):
+        return subprocess.run([ROOT / "scripts/gateway.sh", command], stdout=subprocess.PIPE, text=True, check=True, timeout=300).stdout
+
+    def put(self, local, key):
+        self.curl.write(self.aside, local, key)
+
+    def put_names(self, prefix, names, local):
+        self.curl.many(self.aside, [[("upload-file", local), ("url", self.curl.url(f"{prefix}/{name}"))] for name in names])
+
+    def holds(self, key, local):
+        back = self.aside.folder / "back"
+        self.curl.read(self.aside, key, back)
+        same = filecmp.cmp(back, local, shallow=False)
+        back.unlink()
+        return same
+
+    def holds_all(self, prefix, folder):
+        back = self.aside.folder / "all"
+        self.curl.read_all(self.aside, prefix, os.listdir(folder), back)
+        same = same_folders(back, folder)
+        shutil.rmtree(back)
+        return same
+
+    def tag(self, key):
+        return self.curl.tag(self.aside, key)
+
+    def clear(self, prefix):
+        self.curl.clear(self.aside, prefix)
+
+    def stop(self):
+        self._script("stop")
+
+
+def same_folders(left, right):
+    names = os.listdir(right)
+    return sorted(os.listdir(left)) == sorted(names) and filecmp.cmpfiles(left, right, names, shallow=False)[1:] == ([], [])
+
+
+class Material:
+    """What is written and read, the same bytes in every comparison."""
+
+    def __init__(self, folder):
+        source = random.Random(20)
+        self.big, self.whole, self.patch, self.small = (folder / name for name in ("big", "whole", "patch", "small"))
+        self.patch.write_bytes(source.randbytes(1024))
+        for path, size in ((self.big, BIG), (self.whole, WHOLE)):
+            with open(path, "wb") as target:
+                for _ in range(size // (16 * MIB)):
+                    target.write(source.randbytes(16 * MIB))
+        self.small.mkdir()
+        for number in range(500):
+            (self.small / f"{number:03}").write_bytes(source.randbytes(4096))
+        self.patched, self.appended = folder / "patched", folder / "appended"
+        for changed, place in ((self.patched, MIDDLE), (self.appended, BIG)):
+            shutil.copyfile(self.big, changed)
+            with open(changed, "r+b") as target:
+                target.seek(place)
+                target.write(self.patch.read_bytes())
+        self.tree = [f"{folder:03}/{name:03}" for folder in range(100) for name in range(200)]
+        self.level = [f"{name:04}" for name in range(2000)]
+        self.places, self.picked = folder / "places", folder / "picked"
+        places = [source.randrange(BIG - 64 * 1024) for _ in range(1000)]
+        self.places.write_text("\n".join(map(str, places)))
+        self._cut(self.big, places, 64 * 1024, self.picked)
+        self.place, self.glimpse = folder / "place", folder / "glimpse"
+        self.place.write_text(str(WHOLE // 2))
+        self._cut(self.whole, [WHOLE // 2], 1024, self.glimpse)
+
+    @staticmethod
+    def _cut(path, places, size, target):
+        with open(path, "rb") as source, open(target, "wb") as pieces:
+            for place in places:
+                source.seek(place)
+                pieces.write(source.read(size))
+
+
+class Works:
+    """The kinds of work. Each prepares the store, has a tool do it, and returns whether every byte is right."""
+
+    def __init__(self, gateway, material):
+        self._gateway = gateway
+        self._material = material
+        m = material
+        # In the order of the rows: name, title, what the store holds beforehand, the work.
+        self.rows = [
+            ("W1", "write 256 MiB", [], self._write),
+            ("W2", "read 256 MiB", ["big"], self._read),
+            ("W3", "create 500 files of 4 KiB", [], self._write_all),
+            ("W4", "read 500 files of 4 KiB", ["small"], self._read_all),
+            ("W5a", "list 20,000 objects in 100 folders", ["tree"], self._list("list_all", "tree", m.tree)),
+            ("W5b", "list 2,000 objects in one folder", ["level"], self._list("list_level", "level", m.level)),
+            ("W6", "change 1 KiB inside 256 MiB", [], self._change("patch", [MIDDLE], m.patched)),
+            ("W7", "1,000 random reads of 64 KiB in 256 MiB", ["big"], self._pick("big", 64 * 1024, m.places, m.picked)),
+            ("W8", "read 1 KiB inside 1 GiB", ["whole"], self._pick("whole", 1024, m.place, m.glimpse)),
+            ("W9", "append 1 KiB to 256 MiB", [], self._change("append", [], m.appended)),
+        ]
+
+    def fill(self, what):
+        if what in ("big", "whole"):
+            self._gateway.put(getattr(self._material, what), what)
+        elif what == "small":
+            self._gateway.curl.write_all(self._gateway.aside, self._material.small, "small")
+        else:
+            self._gateway.put_names(what, getattr(self._material, what), self._material.patch)
+
+    def _write(self, tool, run):
+        self._gateway.clear("made")
+        tool.write(run, self._material.big, "made")
+        return self._gateway.holds("made", self._material.big)
+
+    def _read(self, tool, run):
+        tool.read(run, "big", run.folder / "back")
+        return filecmp.cmp(run.folder / "back", self._material.big, shallow=False)
+
+    def _write_all(self, tool, run):
+        self._gateway.clear("made")
+        tool.write_all(run, self._material.small, "made")
+        return self._gateway.holds_all("made", self._material.small)
+
+    def _read_all(self, tool, run):
+        tool.read_all(run, "small", os.listdir(self._material.small), run.folder / "back")
+        return same_folders(run.folder / "back", self._material.small)
+
+    @staticmethod
+    def _list(method, prefix, names):
+        def work(tool, run):
+            out = run.folder / "names"
+            getattr(tool, method)(run, prefix, out, names)
+            return sorted(out.read_text().split()) == names
+        return work
+
+    def _change(self, method, place, expected):
+        def work(tool, run):
+            self._gateway.put(self._material.big, "changed")  # whole again, whatever the tool before has left
+            getattr(tool, method)(run, "changed", *place, self._material.patch)
+            return self._gateway.holds("changed", expected)
+        return work
+
+    @staticmethod
+    def _pick(key, size, places, expected):
+        def work(tool, run):
+            out = run.folder / "pieces"
+            tool.pick(run, key, size, places, out)
+            return filecmp.cmp(out, expected, shallow=False)
+        return work
+
+
+def measure(tool, work, proxy, folder):
+    """One run's figures, or why there are none."""
+    run = Run(proxy, folder)
+    try:
+        right = work(tool, run)
+    except NotImplementedError:
+        return {"cannot": True}
+    except Failed as reason:
+        return {"failed": str(reason)}
+    finally:
+        figures = run.end()
+    return figures if right else {"failed": "wrong bytes"}
+
+
+def known(names):
+    names = list(names)
+
+    def check(name):
+        if name not in names:
+            raise argparse.ArgumentTypeError(f"{name} is none of {', '.join(names)}")
+        return name
+    return check
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, prog="bench/compare.sh")
+    parser.add_argument("runs", nargs="?", type=int, default=5, metavar="RUNS", help="of which the medians are shown (5)")
+    parser.add_argument("works", nargs="*", metavar="WORK", help="W1 to W9; all by default",
+                        type=known(f"W{number}" for number in range(1, 10)))
+    parser.add_argument("--tools", help="names with commas between them; all by default",
+                        type=lambda names: list(map(known(TOOLS), names.split(","))), default=TOOLS)
+    parser.add_argument("--delays", default="0,20", help="milliseconds added to each request (0,20)")
+    parser.add_argument("--programs", type=Path, required=True, help=argparse.SUPPRESS)
+    parser.add_argument("--figures", type=Path, required=True, help=argparse.SUPPRESS)
+    options = parser.parse_args()
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))  # not without ending what was started
+
+    options.figures.parent.mkdir(parents=True, exist_ok=True)
+    with tempfile.TemporaryDirectory() as scratch, open(options.figures, "w") as figures:
+        scratch = Path(scratch)
+        material = Material(scratch)
+        for delay in map(int, options.delays.split(",")):
+            # A new one each time: what was deleted stays in its memory for a while, and makes it slower.
+            Gateway._script("stop")
+            gateway = Gateway(scratch)
+            try:
+                compare(gateway, material, delay, options, scratch, figures)
+            finally:
+                gateway.stop()
+
+
+def compare(gateway, material, delay, options, scratch, figures):
+    proxy = Proxy(options.programs / "bench/compare/delay_proxy", gateway.endpoint.rsplit(":", 1)[1])
+    common = proxy.endpoint, gateway.bucket, options.programs
+    contenders = [tools.Ours(*common), tools.Rclone(*common), tools.RcloneMount(*common, gateway.tag), tools.S3fs(*common),
+                  tools.Gdal(*common), tools.Curl(*common, *gateway.keys)]
+    contenders = [tool for tool in contenders if tool.name in options.tools]
+    for tool in [tool for tool in contenders if tool.missing()]:
+        print(f"{tool.name} is left out: {tool.missing()}", file=sys.stderr)
+        contenders.remove(tool)
+
+    works = Works(gateway, material)
+    proxy.delay(delay)
+    filled = set()
+    for name, title, wanted, work in works.rows:
+        if options.works and name[:2] not in options.works:
+            continue
+        for what in set(wanted) - filled:
+            works.fill(what)
+            filled.add(what)
+        able = list(contenders)
+        for number in range(options.runs):
+            for tool in list(able):  # in turns, so that a change of the machine's mood meets all
+                result = measure(tool, work, proxy, scratch / "run")
+                if "wall" not in result:
+                    able.remove(tool)
+                row = {"work": name, "title": title, "delay": delay, "tool": tool.name, "run": number, **result}
+                print(json.dumps(row), file=figures, flush=True)
+                show(row)
+    proxy.close()
+
+
+def show(row):
+    if "wall" in row:
+        text = (f"{row['wall']:8.3f} s {row['cpu']:7.3f} s cpu {row['peak'] / MIB:6.0f} MiB {row['requests']:6} requests "
+                f"{row['sent'] / MIB:8.2f} + {row['received'] / MIB:8.2f} MiB")
+    else:
+        text = "cannot" if "cannot" in row else "failed: " + row["failed"]
+    print(f"{row['delay']:2} ms {row['work']:3} {row['tool']:12} {text}", file=sys.stderr)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,367 @@
+"""The tools that are compared, each with the settings that served it best.
+
+A tool overrides the methods of Tool for the work that it can do. Keys and prefixes are names in the bucket, local things
+are paths. All of them keep JOBS small files in flight.
+"""
+
+import contextlib
+import hashlib
+import hmac
+import re
+import shutil
+import time
+import urllib.parse
+from pathlib import Path
+
+JOBS = 16
+MIB = 1024 * 1024
+
+
+class Tool:
+    name = ""
+    program = ""  # what must be installed
+
+    def __init__(self, endpoint, bucket, programs):
+        self.endpoint = endpoint  # HOST:PORT
+        self.bucket = bucket
+        self.programs = programs  # the folder of those that are built here
+
+    def missing(self):
+        return None if shutil.which(self.program) else f"{self.program} is not installed"
+
+    def _cannot(self, run, *_):
+        raise NotImplementedError
+
+    write = read = write_all = read_all = list_all = list_level = patch = append = pick = _cannot
+
+
+class Curl(Tool):
+    """The floor: the requests that the work cannot do without, and nothing else. It does not hash what it sends."""
+
+    name = "curl"
+    program = "curl"
+
+    def __init__(self, endpoint, bucket, programs, key_id, secret):
+        super().__init__(endpoint, bucket, programs)
+        self._key_id, self._secret = key_id, secret
+        common = {"fail": "", "silent": "", "show-error": "", "no-progress-meter": "", "globoff": "", "max-time": "280",
+                  "aws-sigv4": "aws:amz:us-east-1:s3", "user": f"{key_id}:{secret}",
+                  "header": "x-amz-content-sha256: UNSIGNED-PAYLOAD"}
+        self._options = [word for name, value in common.items() for word in ("--" + name, value) if word]
+        self._config = "".join(f'{name} = "{value}"\n' if value else f"{name}\n" for name, value in common.items())
+        self._parallel = ["--parallel", "--parallel-immediate", "--parallel-max", str(JOBS)]
+
+    def url(self, key="", **query):
+        # Sorted, as the signature wants them; curl signs what it is given.
+        words = sorted((name.replace("_", "-"), str(value)) for name, value in query.items())
+        return f"http://{self.endpoint}/{self.bucket}/{key}" + ("?" if words else "") + "&".join(
+            name + "=" + urllib.parse.quote(value, safe="") for name, value in words)
+
+    def curl(self, run, *words, **files):
+        run.call(["curl", *self._options, *words], **files)
+
+    def many(self, run, pairs, *words):
+        """One program for many transfers; pairs of option and value, an URL last in each transfer."""
+        config = run.folder / "transfers"
+        config.write_text("".join(f'{option} = "{value}"\n' for pair in pairs for option, value in pair))
+        self.curl(run, *words, *self._parallel, "--config", config)
+
+    def write(self, run, local, key):
+        self.curl(run, "--upload-file", local, self.url(key))
+
+    def read(self, run, key, local):
+        self.curl(run, "--output", local, self.url(key))
+
+    def write_all(self, run, folder, prefix):
+        self.many(run, [[("upload-file", file), ("url", self.url(f"{prefix}/{file.name}"))]
+                        for file in Path(folder).iterdir()])
+
+    def read_all(self, run, prefix, names, folder):
+        Path(folder).mkdir()
+        self.many(run, [[("output", f"{folder}/{name}"), ("url", self.url(f"{prefix}/{name}"))] for name in names])
+
+    # The pages follow one another, as the name that begins one is known from the page before.
+    def list_all(self, run, prefix, out, names):
+        starts = [""] + names[999:-1:1000]
+        self.curl(run, *(self.url(list_type=2, prefix=prefix + "/", **({"start_after": f"{prefix}/{start}"} if start else {}))
+                         for start in starts), stdout=out)
+        keys = re.findall("<Key>(.*?)</Key>", Path(out).read_text())
+        Path(out).write_text("\n".join(key.removeprefix(prefix + "/") for key in keys))
+
+    list_level = list_all
+
+    # Everything before and behind one part is copied by the store. The part is the least that a store takes.
+    def patch(self, run, key, offset, local):
+        size, least = 256 * MIB, 5 * MIB
+        first = offset - least // 2
+        piece, answer = run.folder / "piece", run.folder / "answer"
+        self.curl(run, *self._parallel, "--request", "POST", "--output", answer, self.url(key, uploads=""), "--next",
+                  *self._options, "--range", f"{first}-{first + least - 1}", "--output", piece, self.url(key))
+        with run.timing(), open(piece, "r+b") as target:
+            target.seek(offset - first)
+            target.write(Path(local).read_bytes())
+        self._replace(run, key, answer, [(0, first - 1), piece, (first + least, size - 1)])
+
+    def append(self, run, key, local):
+        answer = run.folder / "answer"
+        self.curl(run, "--request", "POST", "--output", answer, self.url(key, uploads=""))
+        self._replace(run, key, answer, [(0, 256 * MIB - 1), local])
+
+    def _replace(self, run, key, answer, parts):
+        upload = re.search("<UploadId>(.*?)</UploadId>", answer.read_text())[1]
+        words = []
+        for number, part in enumerate(parts, 1):
+            query = {"partNumber": number, "uploadId": upload}
+            words += ["--next"] if words else []
+            if isinstance(part, tuple):
+                words += ["--fail", "--silent", "--show-error", "--request", "PUT", "--output", f"{answer}{number}"]
+                for header in self._copy_headers(key, part, query):
+                    words += ["--header", header]
+            else:
+                words += [*self._options, "--upload-file", part, "--dump-header", f"{answer}{number}"]
+            words.append(self.url(key, **query))
+        self.curl(run, *self._parallel, *words)
+        tags = [re.search("([0-9a-f]{32})", Path(f"{answer}{number + 1}").read_text().split("ETag", 1)[-1])[1]
+                for number in range(len(parts))]
+        body = "".join(f"<Part><PartNumber>{number}</PartNumber><ETag>{tag}</ETag></Part>" for number, tag in enumerate(tags, 1))
+        self.curl(run, "--request", "POST", "--data", f"<CompleteMultipartUpload>{body}</CompleteMultipartUpload>",
+                  self.url(key, uploadId=upload))
+
+    # Debian's curl sorts the two headers of a copied range wrongly, and with it the signature would be wrong.
+    def _copy_headers(self, key, span, query):
+        now = time.strftime("%Y%m%dT%H%M%SZ", time.gmtime())
+        headers = {"host": self.endpoint, "x-amz-content-sha256": "UNSIGNED-PAYLOAD", "x-amz-copy-source": f"/{self.bucket}/{key}",
+                   "x-amz-copy-source-range": f"bytes={span[0]}-{span[1]}", "x-amz-date": now}
+        lines = [f"{name}:{value}" for name, value in headers.items()]
+        scope = [now[:8], "us-east-1", "s3", "aws4_request"]
+        request = "\n".join(["PUT", f"/{self.bucket}/{key}", self.url(**query).partition("?")[2], *lines, "", ";".join(headers),
+                             "UNSIGNED-PAYLOAD"])
+        digest = ("AWS4" + self._secret).encode()
+        for word in [*scope, "\n".join(["AWS4-HMAC-SHA256", now, "/".join(scope), hashlib.sha256(request.encode()).hexdigest()])]:
+            digest = hmac.digest(digest, word.encode(), "sha256")
+        credential = "/".join([self._key_id, *scope])
+        return [*lines, "content-length: 0", f"authorization: AWS4-HMAC-SHA256 Credential={credential}, "
+                f"SignedHeaders={';'.join(headers)}, Signature={digest.hex()}"]
+
+    def pick(self, run, key, size, places, out):
+        config = run.folder / "ranges"
+        config.write_text("next\n".join(
+            f'{self._config}range = "{place}-{int(place) + size - 1}"\nurl = "{self.url(key)}"\n'
+            for place in Path(places).read_text().split()))
+        run.call(["curl", "--config", config], stdout=out)
+
+    # The rest is for the comparison itself.
+
+    def tag(self, run, key):
+        head = run.folder / "head"
+        self.curl(run, "--head", self.url(key), stdout=head)
+        return re.search('ETag: "(.*)"', head.read_text())[1]
+
+    def clear(self, run, prefix):
+        """Remove all objects whose keys begin so."""
+        page = run.folder / "page"
+        while True:
+            self.curl(run, self.url(list_type=2, prefix=prefix), stdout=page)
+            keys = re.findall("<Key>(.*?)</Key>", page.read_text())
+            if not keys:
+                return
+            self.many(run, [[("url", self.url(key))] for key in keys], "--request", "DELETE")
+
+
+class Ours(Tool):
+    name = "cloudfs"
+
+    def missing(self):
+        return None
+
+    def _url(self):
+        return f"s3://{self.bucket}?endpoint=http://{self.endpoint}&path-style=1"
+
+    def _cloudfs(self, run, *words, **files):
+        run.call([self.programs / "tools/cloudfs/cloudfs", "--store", self._url(), *words], **files)
+
+    def write(self, run, local, key):
+        self._cloudfs(run, "put", local, key)
+
+    def read(self, run, key, local):
+        self._cloudfs(run, "get", key, local)
+
+    def write_all(self, run, folder, prefix):
+        self._cloudfs(run, "put", "-r", "-j", JOBS, folder, prefix)
+
+    def read_all(self, run, prefix, names, folder):
+        self._cloudfs(run, "get", "-r", "-j", JOBS, prefix, folder)
+
+    def list_all(self, run, prefix, out, names):
+        self._cloudfs(run, "ls", "-R", "--files", prefix, stdout=out)
+
+    def list_level(self, run, prefix, out, names):
+        self._cloudfs(run, "ls", "--files", prefix, stdout=out)
+
+    def patch(self, run, key, offset, local):
+        self._cloudfs(run, "write", key, "--offset", offset, stdin=local)
+
+    def append(self, run, key, local):
+        self._cloudfs(run, "append", key, stdin=local)
+
+    def pick(self, run, key, size, places, out):
+        run.call([self.programs / "bench/compare/random_reads", size, places, out, self._url(), "/" + key])
+
+
+class Rclone(Tool):
+    name = program = "rclone"
+
+    def _rclone(self, run, *words, **files):
+        run.call(["rclone", *words], **files, **self._settings())
+
+    def _settings(self):
+        return {"RCLONE_CONFIG": "", "RCLONE_CONFIG_GW_TYPE": "s3", "RCLONE_CONFIG_GW_PROVIDER": "Ceph",
+                "RCLONE_CONFIG_GW_ENV_AUTH": "true", "RCLONE_CONFIG_GW_ENDPOINT": f"http://{self.endpoint}",
+                # None of the questions that the others do not ask either.
+                "RCLONE_S3_NO_CHECK_BUCKET": "true", "RCLONE_S3_NO_HEAD": "true", "RCLONE_USE_SERVER_MODTIME": "true",
+                # One put is a little faster than parts, and takes half the memory.
+                "RCLONE_S3_UPLOAD_CUTOFF": "2Gi", "RCLONE_S3_CHUNK_SIZE": "16Mi", "RCLONE_S3_DISABLE_CHECKSUM": "true", "RCLONE_TRANSFERS": str(JOBS), "RCLONE_CHECKERS": str(JOBS)}
+
+    def _path(self, key):
+        return f"gw:{self.bucket}/{key}"
+
+    def write(self, run, local, key):
+        self._rclone(run, "copyto", "--no-check-dest", local, self._path(key))
+
+    def read(self, run, key, local):
+        self._rclone(run, "cat", "--buffer-size", "0", self._path(key), stdout=local)  # faster than copyto, even with 4 streams
+
+    def write_all(self, run, folder, prefix):
+        self._rclone(run, "copy", "--no-check-dest", folder, self._path(prefix))
+
+    def read_all(self, run, prefix, names, folder):
+        self._rclone(run, "copy", "--no-check-dest", self._path(prefix), folder)
+
+    def list_all(self, run, prefix, out, names):
+        self._rclone(run, "lsf", "-R", "--fast-list", "--files-only", self._path(prefix), stdout=out)
+
+    def list_level(self, run, prefix, out, names):
+        self._rclone(run, "lsf", "--files-only", self._path(prefix), stdout=out)
+
+    def pick(self, run, key, size, places, out):
+        places = Path(places).read_text().split()
+        if len(places) > 1:
+            self._cannot(run)  # but by starting it for each read
+        self._rclone(run, "cat", "--offset", places[0], "--count", size, self._path(key), stdout=out)
+
+
+class Mount(Tool):
+    """A file system; what works on it are the system's own programs."""
+
+    def write(self, run, local, key):
+        with self.mounted(run, "stream") as place:
+            run.call(["dd", f"if={local}", f"of={place}/{key}", "bs=1M"])
+
+    def read(self, run, key, local):
+        with self.mounted(run, "stream") as place:
+            run.call(["dd", f"if={place}/{key}", f"of={local}", "bs=1M"])
+
+    def write_all(self, run, folder, prefix):
+        with self.mounted(run, "stream") as place:
+            run.call(["mkdir", place / prefix])
+            run.call(["sh", "-c", f"find {folder} -type f | xargs -P {JOBS} -n 16 cp -t {place}/{prefix}"])
+
+    def read_all(self, run, prefix, names, folder):
+        Path(folder).mkdir()
+        with self.mounted(run, "stream") as place:
+            run.call(["sh", "-c", f"find {place}/{prefix} -type f | xargs -P {JOBS} -n 16 cp -t {folder}"])
+
+    def list_all(self, run, prefix, out, names):
+        with self.mounted(run, "stream") as place:
+            run.call(["find", place / prefix, "-type", "f", "-printf", "%P\n"], stdout=out)
+
+    list_level = list_all
+
+    def patch(self, run, key, offset, local):
+        with self.mounted(run, "edit") as place, self.stored(run, key):
+            run.call(["dd", f"if={local}", f"of={place}/{key}", "bs=1K", "conv=notrunc", f"seek={offset // 1024}"])
+
+    def append(self, run, key, local):
+        with self.mounted(run, "edit") as place, self.stored(run, key):
+            run.call(["dd", f"if={local}", f"of={place}/{key}", "bs=1K", "conv=notrunc", "oflag=append"])
+
+    def pick(self, run, key, size, places, out):
+        with self.mounted(run, "pick") as place:
+            run.call([self.programs / "bench/compare/random_reads", size, places, out, place / key])
+
+    def stored(self, run, key):
+        """Around a change: ends when the store has it. It does when the file is closed."""
+        return contextlib.nullcontext()
+
+
+class RcloneMount(Mount):
+    name = "rclone mount"
+    program = "rclone"
+
+    def __init__(self, endpoint, bucket, programs, tag):
+        super().__init__(endpoint, bucket, programs)
+        self._settings = Rclone(endpoint, bucket, programs)._settings()
+        self._tag = tag  # asks the store itself for the tag of a key
+        self._modes = {
+            "stream": ["--vfs-cache-mode", "off", "--vfs-read-wait", "200ms"],  # else reads out of order begin new requests
+            "edit": ["--vfs-cache-mode", "writes", "--vfs-write-back", "0"],
+            "pick": ["--vfs-cache-mode", "full", "--vfs-read-chunk-size", "1Mi", "--buffer-size", "0"]}
+
+    def mounted(self, run, mode):
+        return run.mounted(["rclone", "mount", "--no-modtime", "--no-checksum", "--poll-interval", "0", "--cache-dir", run.folder / "cache",
+                            *self._modes[mode], f"gw:{self.bucket}"], **self._settings)
+
+    # It sends what was changed after the file was closed.
+    @contextlib.contextmanager
+    def stored(self, run, key):
+        before = self._tag(key)
+        yield
+        with run.timing():
+            while self._tag(key) == before:
+                time.sleep(0.05)
+
+
+class S3fs(Mount):
+    name = program = "s3fs"
+
+    def mounted(self, run, mode):
+        options = ["use_path_request_style", f"url=http://{self.endpoint}", "endpoint=us-east-1", f"tmpdir={run.folder}",
+                   "listobjectsv2", "enable_noobj_cache"]  # larger or more parts at a time were no faster
+        return run.mounted(["s3fs", self.bucket, "-f", "-o", ",".join(options)])
+
+
+class Gdal(Tool):
+    name = "GDAL"
+
+    def missing(self):
+        return None if (self.programs / "bench/compare/gdal_driver").exists() else "libgdal-dev was not there to build with"
+
+    def _gdal(self, run, *words, stdout=None, **settings):
+        run.call([self.programs / "bench/compare/gdal_driver", *words], stdout=stdout, AWS_S3_ENDPOINT=self.endpoint, AWS_HTTPS="NO",
+                 AWS_VIRTUAL_HOSTING="FALSE", GDAL_DISABLE_READDIR_ON_OPEN="EMPTY_DIR", **settings)
+
+    def _path(self, key):
+        return f"/vsis3/{self.bucket}/{key}"
+
+    def write(self, run, local, key):
+        self._gdal(run, "write", local, self._path(key))
+
+    def read(self, run, key, local):
+        self._gdal(run, "read", self._path(key), local)
+
+    def write_all(self, run, folder, prefix):
+        self._gdal(run, "write-all", folder, self._path(prefix), JOBS)
+
+    def read_all(self, run, prefix, names, folder):
+        self._gdal(run, "read-all", self._path(prefix), folder, JOBS)
+
+    def list_all(self, run, prefix, out, names):
+        self._gdal(run, "list-all", self._path(prefix), stdout=out)
+
+    def list_level(self, run, prefix, out, names):
+        self._gdal(run, "list", self._path(prefix), stdout=out)
+
+    def pick(self, run, key, size, places, out):
+        # Smaller pieces move less and take longer.
+        self._gdal(run, "pick", size, places, out, self._path(key), CPL_VSIL_CURL_CHUNK_SIZE=str(128 * 1024),
+                   CPL_VSIL_CURL_CACHE_SIZE=str(64 * MIB))
