@@ -2,6 +2,7 @@
 #include <storage/clients/conformance/CloudClientConformance.hpp>
 #include <storage/clients/decorators/CancellableClient.hpp>
 #include <storage/clients/decorators/FailureRecordingClient.hpp>
+#include <storage/clients/decorators/PipelinedUploadClient.hpp>
 #include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
 
@@ -10,6 +11,7 @@
 #include <chrono>
 #include <exception>
 #include <memory>
+#include <utility>
 
 namespace storage::clients
 {
@@ -29,6 +31,17 @@ public:
 private:
     const std::shared_ptr<MemoryClient> m_store = std::make_shared<MemoryClient>();
     Decorator m_client{m_store};
+};
+
+/// With buffers for two small parts, so that callers wait, and large parts find none.
+template <std::size_t transfers>
+class Pipelined : public PipelinedUploadClient
+{
+public:
+    explicit Pipelined(std::shared_ptr<cloudprovider::CloudClient> inner)
+        : PipelinedUploadClient(std::move(inner), {.transfers = transfers, .memory = 250})
+    {
+    }
 };
 
 /// A store that fails every call of one thread once, in turn before it and after it has had its effect.
@@ -67,6 +80,8 @@ private:
 CLOUD_CLIENT_CONFORMANCE(Retrying, [] { return std::make_unique<UnreliableHarness>(); });
 CLOUD_CLIENT_CONFORMANCE(Cancellable, [] { return std::make_unique<DecoratorHarness<CancellableClient>>(); });
 CLOUD_CLIENT_CONFORMANCE(FailureRecording, [] { return std::make_unique<DecoratorHarness<FailureRecordingClient>>(); });
+CLOUD_CLIENT_CONFORMANCE(PipelinedUpload, [] { return std::make_unique<DecoratorHarness<Pipelined<4>>>(); });
+CLOUD_CLIENT_CONFORMANCE(SingleUpload, [] { return std::make_unique<DecoratorHarness<Pipelined<1>>>(); });
 
 } // namespace
 

@@ -1,0 +1,99 @@
+#include "BufferPool.hpp"
+
+#include <utility>
+
+namespace storage::clients
+{
+
+BufferPool::Lease::Lease(BufferPool& pool, Chunks chunk)
+    : m_pool(pool)
+    , m_chunk(std::move(chunk))
+{
+}
+
+BufferPool::Lease::~Lease()
+{
+    if (m_chunk.empty())
+    {
+        return;
+    }
+    setParked(false);
+    const std::lock_guard lock(m_pool.m_mutex);
+    m_pool.m_lentBytes -= m_chunk.front().capacity;
+    m_pool.m_freeBytes += m_chunk.front().capacity;
+    m_pool.m_free.splice(m_pool.m_free.end(), m_chunk);
+    m_pool.m_changed.notify_all();
+}
+
+void BufferPool::Lease::setParked(bool parked)
+{
+    if (std::exchange(m_isParked, parked) == parked)
+    {
+        return;
+    }
+    const std::uint64_t capacity = m_chunk.front().capacity;
+    const std::lock_guard lock(m_pool.m_mutex);
+    m_pool.m_parkedBytes = parked ? m_pool.m_parkedBytes + capacity : m_pool.m_parkedBytes - capacity;
+    m_pool.m_changed.notify_all();
+}
+
+BufferPool::BufferPool(std::uint64_t limit)
+    : m_limit(limit)
+{
+}
+
+std::optional<BufferPool::Lease> BufferPool::acquire(std::size_t size)
+{
+    std::unique_lock lock(m_mutex);
+    const auto isInVain = [&] { return size > m_limit - m_parkedBytes; };
+    m_changed.wait(lock, [&] { return isInVain() || size <= m_limit - m_lentBytes; });
+    if (isInVain())
+    {
+        return std::nullopt;
+    }
+    return Lease(*this, take(size));
+}
+
+void BufferPool::trim()
+{
+    Chunks dropped; // freed when the lock is gone
+    const std::lock_guard lock(m_mutex);
+    dropped.swap(m_free);
+    m_freeBytes = 0;
+}
+
+BufferPool::Chunks BufferPool::take(std::size_t size)
+{
+    Chunks chunk;
+    if (const auto fitting = bestFree(size); fitting != m_free.end())
+    {
+        chunk.splice(chunk.end(), m_free, fitting);
+        m_freeBytes -= chunk.front().capacity;
+    }
+    else
+    {
+        for (; size > m_limit - m_lentBytes - m_freeBytes; m_free.pop_front())
+        {
+            m_freeBytes -= m_free.front().capacity;
+        }
+        chunk.push_back({std::make_unique_for_overwrite<char[]>(size), size});
+    }
+    m_lentBytes += chunk.front().capacity;
+    return chunk;
+}
+
+/// The smallest free buffer that has the size; the end: there is none
+BufferPool::Chunks::iterator BufferPool::bestFree(std::size_t size)
+{
+    auto best = m_free.end();
+    for (auto chunk = m_free.begin(); chunk != m_free.end(); ++chunk)
+    {
+        if (chunk->capacity >= size && (best == m_free.end() || chunk->capacity < best->capacity))
+        {
+            best = chunk;
+        }
+    }
+    return best;
+}
+
+} // namespace storage::clients

@@ -1,0 +1,82 @@
+#include "WorkerThreads.hpp"
+
+#include <storage/cloudprovider/Logger.hpp>
+
+#include <foundation/log/Severity.hpp>
+
+#include <string>
+#include <system_error>
+#include <utility>
+
+namespace storage::clients
+{
+
+WorkerThreads::WorkerThreads(std::size_t most)
+    : m_most(most)
+{
+}
+
+WorkerThreads::~WorkerThreads()
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        m_isEnding = true;
+        m_changed.notify_all();
+    }
+    for (std::thread& thread : m_threads)
+    {
+        thread.join();
+    }
+}
+
+void WorkerThreads::post(std::function<void()> task)
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_tasks.size() >= m_idle && m_threads.size() < m_most)
+    {
+        startThread();
+    }
+    m_tasks.push_back(std::move(task));
+    m_changed.notify_one();
+}
+
+void WorkerThreads::startThread()
+{
+    try
+    {
+        m_threads.emplace_back([this] { work(); });
+    }
+    catch (const std::system_error& failure)
+    {
+        if (m_threads.empty())
+        {
+            throw;
+        }
+        cloudprovider::getLogger().write(foundation::log::severity::warning,
+            "Going on with " + std::to_string(m_threads.size()) + " threads, no further one starts: " + failure.what());
+    }
+}
+
+void WorkerThreads::work()
+{
+    std::unique_lock lock(m_mutex);
+    for (;;)
+    {
+        ++m_idle;
+        m_changed.wait(lock, [this] { return m_isEnding || !m_tasks.empty(); });
+        --m_idle;
+        if (m_tasks.empty())
+        {
+            return;
+        }
+        {
+            const auto task = std::move(m_tasks.front());
+            m_tasks.pop_front();
+            lock.unlock();
+            task();
+        } // what the task holds is gone before the next one begins
+        lock.lock();
+    }
+}
+
+} // namespace storage::clients
