@@ -76,7 +76,10 @@ std::string encodeQuery(const QueryParameters& parameters)
     std::string query;
     for (const auto& [name, value] : pairs)
     {
-        query += (query.empty() ? "" : "&") + name + '=' + value;
+        query += query.empty() ? "" : "&";
+        query += name;
+        query += '=';
+        query += value;
     }
     return query;
 }
