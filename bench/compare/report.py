@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Turn the figures of bench/compare.sh into tables, and with --chart into a picture.
+"""Turn the figures of bench/compare.sh into tables, and with --chart into a picture if there is more than one tool.
 
 Usage: report.py [--chart FILE.svg] FIGURES…     of several figures for the same, those of the last file count
 """
@@ -111,7 +111,7 @@ def main():
     options = parser.parse_args()
     figures = Figures(options.figures)
     print("\n".join(tables(figures)))
-    if options.chart:
+    if options.chart and len(figures.tools) > 1:
         draw(figures, options.chart)
 
 
