@@ -3,8 +3,10 @@
 #include "Failure.hpp"
 #include "LocalSource.hpp"
 #include "LocalTree.hpp"
+#include "Occupants.hpp"
 #include "Transfer.hpp"
 
+#include <map>
 #include <memory>
 #include <string>
 
@@ -64,17 +66,35 @@ private:
     void visitFile(const std::string& local, const std::string& name, std::uint64_t size) override
     {
         m_progress.expect(size);
-        m_batch.submit(
-            [this, local, name]
+        m_batch.attempt(
+            [&]
             {
                 const StorePath path = m_target.child(name);
-                m_session.requireVacant(path, m_options.force);
-                LocalSource source(local);
-                upload(m_session, path, wholeFile, 0, source, m_progress);
+                m_batch.submit(
+                    [this, local, path, occupants = occupantsOf(path.parent())]
+                    {
+                        occupants->requireVacant(path, m_options.force);
+                        LocalSource source(local);
+                        upload(m_session, path, wholeFile, 0, source, m_progress);
+                    });
             });
     }
 
     void leaveOut(const Failure& reason) override { m_batch.reportFailure(reason.what()); }
+
+    /// Those of a folder that the walk is in.
+    std::shared_ptr<const Occupants> occupantsOf(const StorePath& folder)
+    {
+        const auto isDone = [&](const std::string& text)
+        { return folder.text() != text && !folder.text().starts_with(text == "/" ? text : text + '/'); };
+        std::erase_if(m_occupants, [&](const auto& entry) { return isDone(entry.first); });
+        auto& occupants = m_occupants[folder.text()];
+        if (!occupants)
+        {
+            occupants = std::make_shared<Occupants>(m_session, folder);
+        }
+        return occupants;
+    }
 
     void makeFolder(const StorePath& path) const
     {
@@ -92,6 +112,7 @@ private:
     const Session& m_session;
     const Options& m_options;
     const StorePath m_target;
+    std::map<std::string, std::shared_ptr<const Occupants>> m_occupants; // of the folders that the walk is in, by text
     Progress m_progress;
     Batch m_batch; // last: its tasks use the members above
 };

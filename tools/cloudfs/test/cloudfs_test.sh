@@ -209,6 +209,12 @@ test_trees()
     expect 0 '' put -r tree /all/
     fs ls /all/tree | grep -qx 'empty/' || fail "an empty folder was lost"
 
+    # What stands in a folder is asked for once, not for each file.
+    mkdir many
+    touch many/{1..40}
+    fs -v put -r many /many 2>err || fail "$(<err)"
+    [[ $(<err) =~ 'getObjectInfo '([0-9]+) ]] && ((BASH_REMATCH[1] < 10)) || fail "$(tail -n 1 err)"
+
     # A second time every file is a conflict, named and left alone; -f replaces.
     echo new >tree/nothing
     fs put -r -j 3 tree /tree1 2>err && fail "conflicts were ignored"

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "StorePath.hpp"
+
+#include <map>
+#include <string>
+
+namespace cloudfs
+{
+
+class Session;
+
+/// What stands in one folder of the store, listed once for all files that are put into it.
+///
+/// Safe to read from any thread.
+class Occupants
+{
+public:
+    /// List the folder, unless it has so many entries that asking for single files is cheaper.
+    Occupants(const Session& session, const StorePath& folder);
+
+    /// As Session::requireVacant(), for a file of this folder.
+    void requireVacant(const StorePath& file, bool replace) const;
+
+private:
+    const Session& m_session;
+    std::map<std::string, bool> m_isFolder; // by name
+    bool m_isKnown = false;                 // m_isFolder is complete
+};
+
+} // namespace cloudfs
