@@ -3,6 +3,7 @@
 #include <storage/clients/decorators/CancellableClient.hpp>
 #include <storage/clients/decorators/FailureRecordingClient.hpp>
 #include <storage/clients/decorators/PipelinedUploadClient.hpp>
+#include <storage/clients/decorators/ReadAheadClient.hpp>
 #include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
 
@@ -80,6 +81,7 @@ private:
 CLOUD_CLIENT_CONFORMANCE(Retrying, [] { return std::make_unique<UnreliableHarness>(); });
 CLOUD_CLIENT_CONFORMANCE(Cancellable, [] { return std::make_unique<DecoratorHarness<CancellableClient>>(); });
 CLOUD_CLIENT_CONFORMANCE(FailureRecording, [] { return std::make_unique<DecoratorHarness<FailureRecordingClient>>(); });
+CLOUD_CLIENT_CONFORMANCE(ReadAhead, [] { return std::make_unique<DecoratorHarness<ReadAheadClient>>(); });
 CLOUD_CLIENT_CONFORMANCE(PipelinedUpload, [] { return std::make_unique<DecoratorHarness<Pipelined<4>>>(); });
 CLOUD_CLIENT_CONFORMANCE(SingleUpload, [] { return std::make_unique<DecoratorHarness<Pipelined<1>>>(); });
 

@@ -1,0 +1,137 @@
+#include "FetchedObject.hpp"
+
+#include <boost/container_hash/hash.hpp>
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace storage::clients
+{
+
+void FetchedObject::learn(const std::vector<cloudprovider::PartInfo>& parts, std::uint64_t generation)
+{
+    const std::uint64_t size = parts.empty() ? 0 : parts.back().Offset + parts.back().Size;
+    std::size_t tags = 0;
+    for (const cloudprovider::PartInfo& part : parts)
+    {
+        boost::hash_combine(tags, part.Size);
+        boost::hash_combine(tags, part.Tag);
+    }
+    if (size == m_size && tags == m_tags)
+    {
+        return;
+    }
+    const bool isCertain = generation == m_generation && m_writers == 0;
+    forget();
+    if (isCertain)
+    {
+        m_size = size;
+        m_tags = tags;
+    }
+}
+
+void FetchedObject::forget()
+{
+    m_size = 0;
+    m_tags = 0;
+    ++m_generation;
+    m_streams = {};
+    for (const auto& [offset, block] : m_blocks)
+    {
+        block->state = FetchedBlock::State::Gone;
+    }
+    m_blocks.clear();
+}
+
+void FetchedObject::beginWrite()
+{
+    ++m_writers;
+    forget();
+}
+
+void FetchedObject::endWrite()
+{
+    --m_writers;
+    forget(); // so that parts that were asked for meanwhile are not learnt
+}
+
+std::vector<FetchedBlockPtr> FetchedObject::addMissing(
+    std::uint64_t from, std::uint64_t to, std::uint64_t piece, MemoryBudget& budget)
+{
+    std::vector<FetchedBlockPtr> added;
+    for (std::uint64_t at = firstMissing(from); at < to; at = firstMissing(at))
+    {
+        const auto next = m_blocks.upper_bound(at);
+        const std::uint64_t end = next == m_blocks.end() ? to : std::min(to, next->first);
+        auto block = std::make_shared<FetchedBlock>(ByteRange{at, std::min(piece, end - at)}, budget);
+        if (block->memory.size() == 0)
+        {
+            break;
+        }
+        m_blocks.emplace(at, block);
+        added.push_back(std::move(block));
+    }
+    return added;
+}
+
+std::uint64_t FetchedObject::firstMissing(std::uint64_t from) const
+{
+    for (auto block = blockAt(from); block != m_blocks.end(); block = blockAt(from))
+    {
+        from = block->second->range.offset + block->second->range.size;
+    }
+    return from;
+}
+
+std::vector<FetchedBlockPtr> FetchedObject::blocksOf(const ByteRange& range) const
+{
+    std::vector<FetchedBlockPtr> blocks;
+    const std::uint64_t end = range.offset + range.size;
+    if (firstMissing(range.offset) >= end)
+    {
+        for (auto block = blockAt(range.offset); block != m_blocks.end() && block->first < end; ++block)
+        {
+            blocks.push_back(block->second);
+        }
+    }
+    return blocks;
+}
+
+void FetchedObject::trim()
+{
+    for (auto block = m_blocks.begin(); block != m_blocks.end();)
+    {
+        if (block->second->readers == 0 && !m_streams.wants(block->second->range))
+        {
+            block->second->state = FetchedBlock::State::Gone;
+            block = m_blocks.erase(block);
+        }
+        else
+        {
+            ++block;
+        }
+    }
+}
+
+void FetchedObject::fail(FetchedBlock& block)
+{
+    block.state = FetchedBlock::State::Gone;
+    m_blocks.erase(block.range.offset);
+    m_streams.closeAll();
+    trim();
+}
+
+FetchedObject::Blocks::const_iterator FetchedObject::blockAt(std::uint64_t offset) const
+{
+    const auto next = m_blocks.upper_bound(offset);
+    if (next == m_blocks.begin())
+    {
+        return m_blocks.end();
+    }
+    const auto block = std::prev(next);
+    const bool isInside = offset - block->first < block->second->range.size;
+    return isInside ? block : m_blocks.end();
+}
+
+} // namespace storage::clients

@@ -1,0 +1,56 @@
+#include "ReadAhead.hpp"
+
+#include <storage/clients/decorators/ReadAheadClient.hpp>
+
+#include <utility>
+
+namespace storage::clients
+{
+
+using cloudprovider::PartInfo;
+
+ReadAheadClient::ReadAheadClient(std::shared_ptr<cloudprovider::CloudClient> inner, ReadAheadSettings settings)
+    : ForwardingClient(std::move(inner))
+    , m_readAhead(std::make_unique<ReadAhead>(this->inner(), settings))
+{
+}
+
+ReadAheadClient::~ReadAheadClient() = default;
+
+void ReadAheadClient::deleteObject(const std::string& key)
+{
+    const ReadAhead::Write write(*m_readAhead, key);
+    ForwardingClient::deleteObject(key);
+}
+
+void ReadAheadClient::getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last)
+{
+    const bool isWhole = first == 0 && last == 0;
+    if (isWhole || last < first || !m_readAhead->read(key, out, {first, last - first + 1}))
+    {
+        ForwardingClient::getObjectRange(key, out, first, last);
+    }
+}
+
+void ReadAheadClient::putObject(const std::string& key, std::istream& content, std::uint64_t size)
+{
+    const ReadAhead::Write write(*m_readAhead, key);
+    ForwardingClient::putObject(key, content, size);
+}
+
+std::vector<PartInfo> ReadAheadClient::getObjectParts(const std::string& key)
+{
+    ReadAhead::Opening opening(*m_readAhead, key);
+    auto parts = ForwardingClient::getObjectParts(key);
+    opening.succeeded(parts);
+    return parts;
+}
+
+void ReadAheadClient::completeMultipartUpload(
+    const std::string& key, const std::string& uploadId, const std::vector<PartInfo>& parts)
+{
+    const ReadAhead::Write write(*m_readAhead, key);
+    ForwardingClient::completeMultipartUpload(key, uploadId, parts);
+}
+
+} // namespace storage::clients

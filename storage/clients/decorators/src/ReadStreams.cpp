@@ -1,0 +1,92 @@
+#include "ReadStreams.hpp"
+
+#include <algorithm>
+
+namespace storage::clients
+{
+
+ReadStreams::Ahead ReadStreams::advance(
+    const ByteRange& read, std::uint64_t now, std::uint64_t mostAhead, std::uint64_t wholePiece)
+{
+    const auto multiple = [&read](std::uint64_t bytes)
+    { return std::max(bytes / read.size, std::uint64_t{1}) * read.size; };
+    const auto stream = match(read, multiple(mostAhead));
+    stream->position = read.offset + read.size;
+    stream->lastRead = now;
+    // Readers in step share one window: who reaches the place of another has read what that one read.
+    for (const Stream& other : m_streams)
+    {
+        if (other.position == stream->position)
+        {
+            stream->window = std::max(stream->window, other.window);
+            stream->inARow = std::max(stream->inARow, other.inARow);
+        }
+    }
+    std::rotate(m_streams.begin(), stream, stream + 1);
+    const Stream& front = m_streams.front();
+    // Half a window: while the reader waits for one half, the other is on its way.
+    return {front.position, front.window, multiple(std::min(wholePiece, front.window / 2))};
+}
+
+/// The stream that the range belongs to, with its new window; the position is still the old one.
+ReadStreams::Streams::iterator ReadStreams::match(const ByteRange& read, std::uint64_t mostAhead)
+{
+    const auto next = std::find_if(
+        m_streams.begin(), m_streams.end(), [&](const Stream& stream) { return stream.position == read.offset; });
+    if (next != m_streams.end())
+    {
+        ++next->inARow;
+        const unsigned enough = next == m_streams.begin() ? 2 : 3;
+        const bool isOpen = next->window != 0;
+        next->window = isOpen ? std::min(next->window * 2, mostAhead) : next->inARow >= enough ? read.size : 0;
+        return next;
+    }
+    const auto jump = std::find_if(m_streams.begin(), m_streams.end(),
+        [&](const Stream& stream)
+        { return stream.position < read.offset && read.offset - stream.position < stream.window; });
+    if (jump != m_streams.end())
+    {
+        *jump = Stream{.inARow = 1};
+        return jump;
+    }
+    if (m_streams.size() == mostStreams)
+    {
+        m_streams.pop_back();
+    }
+    return m_streams.insert(m_streams.end(), Stream{.inARow = 1});
+}
+
+bool ReadStreams::wants(const ByteRange& range) const
+{
+    return std::any_of(m_streams.begin(), m_streams.end(),
+        [&](const Stream& stream)
+        {
+            return stream.window != 0 && range.offset < stream.position + stream.window &&
+                   stream.position < range.offset + range.size;
+        });
+}
+
+std::size_t ReadStreams::active() const
+{
+    return static_cast<std::size_t>(
+        std::count_if(m_streams.begin(), m_streams.end(), [](const Stream& stream) { return stream.window != 0; }));
+}
+
+void ReadStreams::closeIdle(std::uint64_t since)
+{
+    for (Stream& stream : m_streams)
+    {
+        stream.window = stream.lastRead < since ? 0 : stream.window;
+    }
+}
+
+void ReadStreams::closeAll()
+{
+    for (Stream& stream : m_streams)
+    {
+        stream.window = 0;
+        stream.inARow = 1;
+    }
+}
+
+} // namespace storage::clients
