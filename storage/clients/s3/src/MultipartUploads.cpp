@@ -57,6 +57,7 @@ std::string MultipartUploads::openAtStore(Upload& upload)
         {
             S3Request request{Operation::CreateMultipartUpload, upload.key(), "POST"};
             request.query = {{"uploads", ""}};
+            request.finishes = true; // an upload whose identifier got lost could not be aborted
             return m_requester.sendAndRead(request, readNewUpload);
         });
 }

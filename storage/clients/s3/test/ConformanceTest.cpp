@@ -1,3 +1,4 @@
+#include "FileSession.hpp"
 #include "Gateway.hpp"
 
 #include <storage/clients/conformance/CloudClientConformance.hpp>
@@ -11,7 +12,7 @@ namespace
 class S3Harness : public conformance::Harness
 {
 public:
-    explicit S3Harness(bool pathStyle)
+    S3Harness(bool pathStyle, bool worksAhead)
         : m_settings(m_bucket.settings())
     {
         if (!pathStyle)
@@ -19,10 +20,11 @@ public:
             m_settings.pathStyle = false;
             m_settings.endpoint.replace(m_settings.endpoint.find("127.0.0.1"), 9, "localhost");
         }
-        m_client = std::make_unique<S3Client>(m_settings);
+        m_client = std::make_shared<S3Client>(m_settings);
+        m_client = worksAhead ? s3::test::workingAhead(m_client) : m_client;
     }
 
-    S3Client& client() override { return *m_client; }
+    cloudprovider::CloudClient& client() override { return *m_client; }
     cloudprovider::CloudClientSharedPtr openAnother() override { return std::make_shared<S3Client>(m_settings); }
 
     conformance::Capabilities capabilities() const override
@@ -34,20 +36,20 @@ public:
 private:
     const s3::test::GatewayBucket m_bucket;
     s3::S3Settings m_settings;
-    std::unique_ptr<S3Client> m_client;
+    cloudprovider::CloudClientSharedPtr m_client;
 };
 
-std::unique_ptr<conformance::Harness> makeHarness(bool pathStyle)
+std::unique_ptr<conformance::Harness> makeHarness(bool pathStyle, bool worksAhead)
 {
     if (!s3::test::GatewayBucket::isAvailable())
     {
         return nullptr; // the case is skipped
     }
-    return std::make_unique<S3Harness>(pathStyle);
+    return std::make_unique<S3Harness>(pathStyle, worksAhead);
 }
 
-CLOUD_CLIENT_CONFORMANCE(S3, [] { return makeHarness(true); });
-CLOUD_CLIENT_CONFORMANCE(S3VirtualHost, [] { return makeHarness(false); });
+CLOUD_CLIENT_CONFORMANCE(S3, [] { return makeHarness(true, false); });
+CLOUD_CLIENT_CONFORMANCE(S3VirtualHostWorkingAhead, [] { return makeHarness(false, true); });
 
 } // namespace
 

@@ -427,7 +427,7 @@ protected:
         const auto client = std::make_shared<RetryingClient>(std::make_shared<S3Client>(settingsFor(proxy)),
             RetryPolicy{.budget = forGood ? shortBudget : std::chrono::minutes(1)}, time.clock());
         proxy.setPlan(strike(n, forGood));
-        FileSession session(client);
+        FileSession session(workingAhead(client));
         session.open(patches ? fsp::ByteStreamTruncate::Keep : fsp::ByteStreamTruncate::Discard);
         patches ? session.write(partSize + 100, fresh) : session.write(0, whole);
         session.close();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <storage/clients/decorators/PipelinedUploadClient.hpp>
+#include <storage/clients/decorators/ReadAheadClient.hpp>
 #include <storage/cloudprovider/CloudProvider.hpp>
 #include <storage/cloudprovider/Logger.hpp>
 
@@ -11,6 +13,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace storage::clients::s3::test
 {
@@ -30,6 +33,12 @@ public:
     SmallParts& operator=(const SmallParts&) = delete;
     ~SmallParts() { unsetenv("ZV_CLOUD_PART_SIZE_OVERRIDE"); }
 };
+
+/// Everything that a store is wrapped in when it is opened by URL, above what repeats calls.
+inline cloudprovider::CloudClientSharedPtr workingAhead(cloudprovider::CloudClientSharedPtr client)
+{
+    return std::make_shared<ReadAheadClient>(std::make_shared<PipelinedUploadClient>(std::move(client)));
+}
 
 /// A host that works on the file "file" of a store through the provider, and may fail at it. One at a time.
 class FileSession

@@ -206,6 +206,10 @@ TEST_F(HttpClientTest, AnInterruptEndsWhatBeganBeforeIt)
     HttpClient interruptible({.interrupted = [&] { return interrupted.load(); }});
     EXPECT_EQ(failureOf(interruptible, {.method = "GET", .url = server.url() + "/silent"}), Kind::Interrupted);
     EXPECT_EQ(failureOf(interruptible, {.method = "DELETE", .url = server.url()}), std::nullopt);
+    interrupted = false;
+    EXPECT_EQ(failureOf(interruptible,
+                  {.method = "GET", .url = server.url() + "/silent", .stallWindow = 2s, .finishes = true}),
+        Kind::Stalled);
 }
 
 TEST_F(HttpClientTest, ChecksCertificatesAgainstTheAuthoritiesGiven)

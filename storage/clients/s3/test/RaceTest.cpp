@@ -175,7 +175,7 @@ TEST_P(RaceTest, TheObjectIsWhollyTheirsOrWhollyOurs)
             });
         S3Settings settings = bucket.settings();
         settings.endpoint = proxy.url();
-        FileSession session(std::make_shared<S3Client>(settings));
+        FileSession session(workingAhead(std::make_shared<S3Client>(settings)));
         std::set<char> read; // whose bytes
         session.open(fsp::ByteStreamTruncate::Keep);
         for (const std::size_t offset : {std::size_t{0}, size - 100})

@@ -1,6 +1,8 @@
 #include <storage/clients/stores/OpenStore.hpp>
 
 #include <storage/clients/decorators/CancellableClient.hpp>
+#include <storage/clients/decorators/PipelinedUploadClient.hpp>
+#include <storage/clients/decorators/ReadAheadClient.hpp>
 #include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/clients/local/LocalClient.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
@@ -66,7 +68,13 @@ std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url)
     {
         s3::S3Settings settings = s3::parseS3Url(url);
         settings.interrupted = &CancellableClient::everythingCancelled;
-        return std::make_shared<RetryingClient>(std::make_shared<S3Client>(settings));
+        // From the store upwards: whoever works ahead of its caller is spared what a repetition cures.
+        const auto retrying = std::make_shared<RetryingClient>(std::make_shared<S3Client>(settings));
+        const auto pipelined = std::make_shared<PipelinedUploadClient>(
+            retrying, PipelineSettings{.transfers = settings.transfers, .memory = settings.memory / 2});
+        return std::make_shared<ReadAheadClient>(
+            pipelined, ReadAheadSettings{.transfers = settings.transfers == 1 ? 0 : settings.transfers,
+                           .memory = settings.memory / 2});
     }
     refuse("no such kind of store");
 }

@@ -206,7 +206,7 @@ private:
     void watchInterrupts(const std::function<bool()>& interrupted)
     {
         // What begins after the interrupt cleans up, and must get through.
-        if (interrupted && !interrupted())
+        if (interrupted && !m_request.finishes && !interrupted())
         {
             m_interrupted = interrupted;
             set(CURLOPT_XFERINFOFUNCTION, &onProgress);

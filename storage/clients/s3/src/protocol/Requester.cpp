@@ -113,6 +113,7 @@ HttpResponse Requester::sendOnce(
     HttpRequest http{request.method,
         address.origin() + context.path + (context.query.empty() ? "" : "?" + context.query), request.headers,
         request.body};
+    http.finishes = request.finishes;
     if (request.storeWorks)
     {
         http.stallWindow = m_storeWorkWindow;

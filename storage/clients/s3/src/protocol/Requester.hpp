@@ -27,6 +27,7 @@ struct S3Request
     QueryParameters query = {};
     HttpHeaders headers = {};
     RequestBody* body = nullptr; ///< borrowed; null: none
+    bool finishes = false;       ///< an interrupt waits for its end
     bool storeWorks = false;     ///< the store moves bytes of its own before it answers
 };
 

@@ -48,7 +48,8 @@ struct S3Settings
     std::shared_ptr<CredentialsSource> credentials = nullptr; ///< null: defaultCredentials()
 
     /// Asked about once a second during a request, from the thread that waits for it: true ends requests that began
-    /// before it became true, while later ones, which clean up, go through. Null: nothing interrupts.
+    /// before it became true, but for the opening of an upload; later ones, which clean up, go through. Null: nothing
+    /// interrupts.
     std::function<bool()> interrupted = nullptr;
 };
 

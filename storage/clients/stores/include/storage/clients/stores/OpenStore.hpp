@@ -14,7 +14,9 @@ namespace storage::clients
 /// - `local:`     the same in `cloudfs` below $XDG_DATA_HOME, or below ~/.local/share when that is not set
 /// - `memory:`    a new empty store of this process alone, see MemoryClient
 /// - `s3://BUCKET?endpoint=URL&region=REGION&path-style=1`  a bucket, see s3::parseS3Url() and S3Client;
-///   calls are repeated, see RetryingClient. What a store offers beside CloudClient is found with findInterface().
+///   calls are repeated, see RetryingClient, parts are sent and fetched several at a time, `transfers=N`, with buffers
+///   of `memory=BYTES`, one half each, see PipelinedUploadClient and ReadAheadClient; `transfers=1` turns both off.
+///   What a store offers beside CloudClient is found with findInterface().
 ///
 /// Credentials never stand in a URL, where other users of the machine could read them: one that holds any is refused.
 /// From any thread, as long as nobody changes the environment meanwhile.
