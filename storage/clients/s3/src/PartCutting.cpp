@@ -21,7 +21,7 @@ std::vector<cloudprovider::PartInfo> cutIntoParts(
         partSize = std::max<std::uint64_t>(partSize, leastPartSize);
     }
     std::vector<cloudprovider::PartInfo> parts;
-    parts.reserve(objectSize / partSize + 1);
+    parts.reserve(objectSize / partSize + 2);
     std::uint64_t offset = 0;
     do
     {
@@ -29,6 +29,10 @@ std::vector<cloudprovider::PartInfo> cutIntoParts(
         parts.push_back({parts.size(), offset, size, tag});
         offset += size;
     } while (offset < objectSize);
+    if (parts.size() > 1 && partSize < leastPartSize)
+    {
+        parts.push_back({parts.size(), offset, 0, tag});
+    }
     return parts;
 }
 
