@@ -264,8 +264,9 @@ ReadAhead::ObjectPtr ReadAhead::findOrAdd(const std::string& key)
     return m_objects.front();
 }
 
-/// Give back a pointer. An object of which nothing is known, and which nobody works on, makes room for others.
-void ReadAhead::release(ObjectPtr object)
+/// Called before a pointer goes. An object of which nothing is known, and which nobody else works on, makes room for
+/// others.
+void ReadAhead::release(const ObjectPtr& object)
 {
     const bool isUnused = object.use_count() == 2; // here and in the list
     const auto entry = m_byKey.find(object->key());
@@ -292,7 +293,7 @@ ReadAhead::Opening::~Opening()
         m_object->forget();
         m_owner.m_settled.notify_all();
     }
-    m_owner.release(std::move(m_object));
+    m_owner.release(m_object);
 }
 
 void ReadAhead::Opening::succeeded(const std::vector<PartInfo>& parts)
@@ -317,7 +318,7 @@ ReadAhead::Write::~Write()
     const std::lock_guard lock(m_owner.m_mutex);
     m_object->endWrite();
     m_owner.m_settled.notify_all();
-    m_owner.release(std::move(m_object));
+    m_owner.release(m_object);
 }
 
 } // namespace storage::clients

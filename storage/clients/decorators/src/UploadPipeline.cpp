@@ -70,7 +70,7 @@ UploadPipeline::~UploadPipeline()
 
 std::string UploadPipeline::create(const std::string& key, const std::string& tag)
 {
-    const std::string id = m_inner.createMultipartUpload(key, baseTag(tag));
+    std::string id = m_inner.createMultipartUpload(key, baseTag(tag));
     const std::lock_guard lock(m_mutex);
     m_uploads.insert_or_assign({key, id}, std::make_shared<Upload>(Upload{key, id}));
     return id;

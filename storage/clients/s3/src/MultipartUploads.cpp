@@ -330,7 +330,7 @@ std::string MultipartUploads::gather(const Upload& upload, const PlannedPart& pa
 std::string MultipartUploads::endUpload(Upload& upload, const Completion& completion, const NumberedTags& parts)
 {
     S3Request request{Operation::CompleteMultipartUpload, upload.key(), "POST"};
-    const std::string newTag = joinedTag(parts);
+    std::string newTag = joinedTag(parts);
     const auto isDone = [&](const std::optional<ObjectInfo>& stored)
     { return upload.endInDoubt() && stored && !newTag.empty() && stored->tag == newTag; };
 
