@@ -264,9 +264,8 @@ ReadAhead::ObjectPtr ReadAhead::findOrAdd(const std::string& key)
     return m_objects.front();
 }
 
-/// Called before a pointer goes. An object of which nothing is known, and which nobody else works on, makes room for
-/// others.
-void ReadAhead::release(const ObjectPtr& object)
+/// Take a pointer back. An object of which nothing is known, and which nobody else works on, makes room for others.
+void ReadAhead::release(ObjectPtr& object)
 {
     const bool isUnused = object.use_count() == 2; // here and in the list
     const auto entry = m_byKey.find(object->key());
@@ -275,6 +274,7 @@ void ReadAhead::release(const ObjectPtr& object)
         m_objects.erase(entry->second);
         m_byKey.erase(entry);
     }
+    object.reset();
 }
 
 ReadAhead::Opening::Opening(ReadAhead& owner, const std::string& key)

@@ -78,7 +78,7 @@ private:
     // All of these are called under m_mutex.
     ObjectPtr find(const std::string& key);
     ObjectPtr findOrAdd(const std::string& key);
-    void release(const ObjectPtr& object);
+    void release(ObjectPtr& object);
     void fetchAhead(const ObjectPtr& object, const ReadStreams::Ahead& ahead);
     void queue(const ObjectPtr& object, std::uint64_t from, std::uint64_t to, std::uint64_t piece);
     void closeIdleWindows();
