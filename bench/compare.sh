@@ -3,7 +3,9 @@
 # on loopback for it: wall and processor time, memory, requests and bytes, each with and without a delay of 20 ms. Every
 # byte is checked.
 #
-# Usage: bench/compare.sh [RUNS [WORK…]] [--tools A,B] [--delays MS,MS]     medians of RUNS runs (5) of W1 to W9 (all)
+# Usage: bench/compare.sh [RUNS [WORK…]] [--tools A,B] [--delays MS,MS] [--parameters P=V&P=V]
+#
+# Medians of RUNS runs (5) of W1 to W9 (all); the parameters are added to the URL of our own store.
 #
 # `scripts/install-deps.sh compare` installs the others; one that is missing is left out. Local files are kept in memory,
 # 4 GiB of it, unless TMPDIR says otherwise. Figures, tables and chart go to build/bench/compare.{jsonl,md,svg}.

@@ -234,6 +234,7 @@ def main():
     parser.add_argument("--tools", help="names with commas between them; all by default",
                         type=lambda names: list(map(known(TOOLS), names.split(","))), default=TOOLS)
     parser.add_argument("--delays", default="0,20", help="milliseconds added to each request (0,20)")
+    parser.add_argument("--parameters", default="", help="of the URL of our own store, such as part-size=262144")
     parser.add_argument("--programs", type=Path, required=True, help=argparse.SUPPRESS)
     parser.add_argument("--figures", type=Path, required=True, help=argparse.SUPPRESS)
     options = parser.parse_args()
@@ -256,7 +257,7 @@ def main():
 def compare(gateway, material, delay, options, scratch, figures):
     proxy = Proxy(options.programs / "bench/compare/delay_proxy", gateway.endpoint.rsplit(":", 1)[1])
     common = proxy.endpoint, gateway.bucket, options.programs
-    contenders = [tools.Ours(*common), tools.Rclone(*common), tools.RcloneMount(*common, gateway.tag), tools.S3fs(*common),
+    contenders = [tools.Ours(*common, options.parameters), tools.Rclone(*common), tools.RcloneMount(*common, gateway.tag), tools.S3fs(*common),
                   tools.Gdal(*common), tools.Curl(*common, *gateway.keys)]
     contenders = [tool for tool in contenders if tool.name in options.tools]
     for tool in [tool for tool in contenders if tool.missing()]:

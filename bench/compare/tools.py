@@ -171,11 +171,15 @@ class Curl(Tool):
 class Ours(Tool):
     name = "cloudfs"
 
+    def __init__(self, endpoint, bucket, programs, parameters):
+        super().__init__(endpoint, bucket, programs)
+        self._parameters = parameters
+
     def missing(self):
         return None
 
     def _url(self):
-        return f"s3://{self.bucket}?endpoint=http://{self.endpoint}&path-style=1"
+        return f"s3://{self.bucket}?endpoint=http://{self.endpoint}&path-style=1&{self._parameters}"
 
     def _cloudfs(self, run, *words, **files):
         run.call([self.programs / "tools/cloudfs/cloudfs", "--store", self._url(), *words], **files)

@@ -132,7 +132,10 @@ void CloudClientConformance::atOnce(std::size_t count, const std::function<void(
     }
     for (std::future<void>& one : running)
     {
-        EXPECT_NO_THROW(one.get());
+        EXPECT_NO_THROW(
+            try { one.get(); } catch (const CloudException& failure) {
+                ADD_FAILURE() << failure.what() << ": " << failure.detail().value_or("");
+            });
     }
 }
 

@@ -239,7 +239,6 @@ TEST_F(PipelinedUploadClientTest, TheLastTransferOfAPartCounts)
     auto sending = std::async(std::launch::async, [&] { return send(0, std::string(40, 'x')); }); // has no buffer
     store->setOpen(true);
     const PartInfo last = sending.get();
-    EXPECT_EQ(calls(Operation::UploadPart), 5U) << "expected the second, which had not begun, to be dropped";
     stale.push_back(send(1, "other part"));
     stale.back().Index = 0;
     for (const PartInfo& part : stale)
@@ -247,6 +246,7 @@ TEST_F(PipelinedUploadClientTest, TheLastTransferOfAPartCounts)
         EXPECT_THROW(complete({part}), UnknownErrorException) << part;
         EXPECT_FALSE(store->get("k"));
     }
+    EXPECT_EQ(calls(Operation::UploadPart), 6U) << "expected the second, which had not begun, to be dropped";
     complete({last});
     EXPECT_EQ(store->get("k"), std::string(40, 'x'));
 }

@@ -1,10 +1,10 @@
 #include "Objects.hpp"
 
 #include "PartCutting.hpp"
+#include "RangeReceiver.hpp"
 
 #include "protocol/Answers.hpp"
 #include "protocol/Times.hpp"
-#include "signing/Hashing.hpp"
 
 #include <storage/clients/common/Content.hpp>
 #include <storage/clients/common/KeyRules.hpp>
@@ -13,7 +13,9 @@
 
 #include <fmt/format.h>
 
+#include <sstream>
 #include <string_view>
+#include <utility>
 
 namespace storage::clients::s3
 {
@@ -23,136 +25,22 @@ using namespace cloudprovider;
 namespace
 {
 
-std::optional<std::uint64_t> lengthOf(const HttpResponse& response)
-{
-    const std::string* const field = response.headers.find("Content-Length");
-    return field == nullptr ? std::nullopt : readNumber(*field);
-}
-
 /// Whether no store can hold such a key. A lookup that says so by itself finds nothing, and that is no failure.
 bool isBeyondEveryStore(const std::string& key)
 {
     return key.size() > maxKeyBytes;
 }
 
+/// Bytes that are asked for when a file is opened: no more than arrive in the same round trip as the head of an answer.
+constexpr ByteRange beginning{0, 16 << 10};
+
+std::string rangeField(const ByteRange& range)
+{
+    return fmt::format("bytes={}-{}", range.offset, range.offset + range.size - 1);
+}
+
 /// In a row. Each may stand for some thousand keys that are gone, so one listing may well have many.
 constexpr unsigned mostEmptyPages = 1000;
-
-/// The object is not the version that was asked for; nothing of it was taken.
-struct OtherVersion
-{
-};
-
-[[noreturn]] void throwBeyondEnd(const std::string& key, std::uint64_t first, std::uint64_t last)
-{
-    throw UnknownErrorException("Invalid range",
-        fmt::format("bytes {} to {} of {} end beyond the object, which has become shorter", first, last, quoted(key)));
-}
-
-/// The MD5 of an object's bytes; empty where its tag is something else: that of an object made of parts, or encrypted
-/// with a key of somebody's own.
-std::string hashIn(const HttpResponse& head, const std::string& tag)
-{
-    const std::string* const encryption = head.headers.find("x-amz-server-side-encryption");
-    const bool hasKey = head.headers.find("x-amz-server-side-encryption-customer-algorithm") != nullptr ||
-                        (encryption != nullptr && *encryption != "AES256");
-    const std::string hash = fromHex(tag);
-    return hasKey || hash.size() != 16 ? "" : hash;
-}
-
-/// Hands the bytes of one good answer on, once its head has shown that they are those asked for.
-class RangeReceiver
-{
-public:
-    RangeReceiver(const S3Request& request, FailureContext context, std::ostream& out, std::optional<Version> version,
-        std::optional<ByteRange> range)
-        : m_key(request.key)
-        , m_context(std::move(context))
-        , m_out(out)
-        , m_version(std::move(version))
-        , m_range(range)
-    {
-    }
-
-    void take(const HttpResponse& head, std::string_view bytes)
-    {
-        if (!m_expected)
-        {
-            check(head);
-        }
-        if (m_hash)
-        {
-            m_hash->add(bytes);
-        }
-        writeContent(m_key, m_out, bytes.data(), bytes.size());
-        m_received += bytes.size();
-    }
-
-    std::uint64_t finish(const HttpResponse& response)
-    {
-        if (!m_expected || m_received != *m_expected)
-        {
-            throwBroken(
-                m_context, response, fmt::format("{} bytes came instead of {}", m_received, m_expected.value_or(0)));
-        }
-        if (m_hash && m_hash->finish() != m_expectedHash)
-        {
-            throwBroken(m_context, response, "the bytes are not those that the entity tag stands for");
-        }
-        return m_received;
-    }
-
-private:
-    void check(const HttpResponse& head)
-    {
-        const std::string* const tag = head.headers.find("ETag");
-        const auto length = lengthOf(head);
-        if (tag == nullptr || !length)
-        {
-            throwBroken(m_context, head, "the answer lacks the entity tag or its length"); // an error document, perhaps
-        }
-        if (m_version && unquotedTag(*tag) != m_version->tag)
-        {
-            throw OtherVersion();
-        }
-        if (m_range)
-        {
-            if (head.status != 206)
-            {
-                throw UnsupportedOperationException(m_context.action + " failed: the store ignores ranges");
-            }
-            const std::string* const place = head.headers.find("Content-Range");
-            const std::uint64_t last = m_range->offset + m_range->size - 1;
-            if (place == nullptr || !place->starts_with(fmt::format("bytes {}-{}/", m_range->offset, last)) ||
-                *length != m_range->size)
-            {
-                throwBeyondEnd(m_key, m_range->offset, last);
-            }
-        }
-        m_expected = *length;
-        m_expectedHash = isWhole(head) ? hashIn(head, unquotedTag(*tag)) : "";
-        if (!m_expectedHash.empty())
-        {
-            m_hash.emplace();
-        }
-    }
-
-    bool isWhole(const HttpResponse& head) const
-    {
-        return !m_range ||
-               *head.headers.find("Content-Range") == fmt::format("bytes 0-{}/{}", m_range->size - 1, m_range->size);
-    }
-
-    const std::string& m_key;
-    const FailureContext m_context;
-    std::ostream& m_out;
-    const std::optional<Version> m_version;
-    const std::optional<ByteRange> m_range;
-    std::optional<std::uint64_t> m_expected; // bytes; set once the head was found to be right
-    std::uint64_t m_received = 0;
-    std::string m_expectedHash;
-    std::optional<Md5> m_hash; // of what was received, where the answer tells what it should be
-};
 
 } // namespace
 
@@ -278,6 +166,14 @@ std::uint64_t Objects::read(const std::string& key, std::ostream& out, std::uint
     const auto version = m_versions.current(key);
     const bool isWhole = first == 0 && last == 0;
     const auto range = isWhole ? std::nullopt : std::optional(ByteRange{first, last - first + 1});
+    if (version && first == 0 && (isWhole || last + 1 == version->size))
+    {
+        if (const auto content = m_contents.take(key, version->tag))
+        {
+            writeContent(key, out, content->data(), content->size());
+            return content->size();
+        }
+    }
     if (const auto size = readVersion(Operation::GetObjectRange, key, out, range, version))
     {
         return *size;
@@ -300,13 +196,13 @@ std::optional<std::uint64_t> Objects::readVersion(Operation operation, const std
     S3Request request{operation, key, "GET"};
     if (range)
     {
-        request.headers.add("Range", fmt::format("bytes={}-{}", range->offset, range->offset + range->size - 1));
+        request.headers.add("Range", rangeField(*range));
     }
     if (version)
     {
         request.headers.add("If-Match", quotedTag(version->tag));
     }
-    RangeReceiver receiver(request, m_requester.contextOf(request), out, version, range);
+    RangeReceiver receiver(key, m_requester.contextOf(request), out, range, version);
     try
     {
         const HttpResponse response = m_requester.send(
@@ -317,7 +213,7 @@ std::optional<std::uint64_t> Objects::readVersion(Operation operation, const std
         }
         if (response.status == 416 && range)
         {
-            throwBeyondEnd(key, range->offset, range->offset + range->size - 1);
+            throwBeyondEnd(key, *range);
         }
         return receiver.finish(response);
     }
@@ -353,13 +249,42 @@ void Objects::put(const std::string& key, std::istream& content, std::uint64_t s
 std::vector<PartInfo> Objects::parts(const std::string& key)
 {
     KnownVersions::Observation observation(m_versions, key);
-    const auto object = info(Operation::GetObjectParts, key);
+    const auto object = key.empty() || isBeyondEveryStore(key) ? std::nullopt : lookInto(key);
     if (!object)
     {
         throw ResourceNotFoundException("getObjectParts of " + quoted(key) + " failed: there is no such object");
     }
-    observation.opened({object->tag, object->size});
+    observation.opened(*object);
     return cutIntoParts(object->size, object->tag, m_partSize);
+}
+
+/// Ask what an object is with its first bytes, and keep them if they are all: whoever opens a file reads it, mostly.
+///
+/// @return nothing when there is no such object
+std::optional<Version> Objects::lookInto(const std::string& key)
+{
+    S3Request request{Operation::GetObjectParts, key, "GET"};
+    request.headers.add("Range", rangeField(beginning));
+    std::ostringstream content;
+    RangeReceiver receiver(
+        key, m_requester.contextOf(request), content, beginning, std::nullopt, RangeReceiver::End::Anywhere);
+    const HttpResponse response = m_requester.send(
+        request, {404, 416}, [&](const HttpResponse& head, std::string_view bytes) { receiver.take(head, bytes); });
+    if (response.status == 404)
+    {
+        requireMissingKey(request, response);
+        return std::nullopt;
+    }
+    if (response.status == 416) // it has no first byte
+    {
+        const auto object = info(Operation::GetObjectParts, key);
+        return object ? std::optional(Version{object->tag, object->size}) : std::nullopt;
+    }
+    if (receiver.finish(response) == receiver.object().size)
+    {
+        m_contents.keep(key, receiver.object().tag, std::move(content).str());
+    }
+    return receiver.object();
 }
 
 } // namespace storage::clients::s3

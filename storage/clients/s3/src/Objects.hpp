@@ -1,6 +1,7 @@
 #pragma once
 
 #include "KnownVersions.hpp"
+#include "SmallContents.hpp"
 
 #include "protocol/Requester.hpp"
 
@@ -54,10 +55,12 @@ public:
 
 private:
     bool existsByGet(S3Request request);
+    std::optional<Version> lookInto(const std::string& key);
     void requireMissingKey(const S3Request& request, const HttpResponse& response);
 
     Requester& m_requester;
     KnownVersions& m_versions;
+    SmallContents m_contents;
     const std::uint64_t m_partSize;
 };
 

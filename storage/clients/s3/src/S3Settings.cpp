@@ -118,6 +118,8 @@ S3Settings parseS3Url(const std::string& url)
             [&](const auto& name, const auto& value) { settings.transfers = readNumber(name, value, 1, 64); }},
         {"memory",
             [&](const auto& name, const auto& value) { settings.memory = readNumber(name, value, 0, 1ULL << 40U); }},
+        {"part-size", [&](const auto& name, const auto& value)
+            { settings.partSize = readNumber(name, value, 64 << 10, 1 << 30); }},
         {"profile", [&](const auto&, const auto& value) { profile = value; }},
         {"anonymous", [&](const auto& name, const auto& value) { anonymous = readFlag(name, value); }},
         {"ca-file", [&](const auto&, const auto& value) { settings.authorities = value; }},

@@ -315,6 +315,42 @@ TEST(EndpointTest, ALookIntoALargeObjectMovesOnePart)
     EXPECT_LE(reads.bytes, 1U << 20U);
 }
 
+TEST(EndpointTest, ASmallObjectComesWithItsParts)
+{
+    REQUIRE_GATEWAY();
+    const GatewayBucket bucket;
+    FaultProxy proxy(bucket.settings().endpoint);
+    S3Settings settings = bucket.settings();
+    settings.endpoint = proxy.url();
+    S3Client client(settings);
+    S3Client other(bucket.settings());
+    const auto put = [](CloudClient& writer, const std::string& bytes)
+    {
+        std::istringstream content(bytes);
+        writer.putObject("key", content, bytes.size());
+    };
+    for (const auto& [size, requests] : {std::pair(1U, 1U), {15U << 10U, 1U}, {16U << 10U, 1U}, {(16U << 10U) + 1, 2U}})
+    {
+        SCOPED_TRACE(size);
+        put(other, std::string(size, 'a'));
+        proxy.setPlan({});
+        client.getObjectParts("key");
+        std::ostringstream out;
+        client.getObjectRange("key", out, 0, size - 1);
+        EXPECT_EQ(out.str(), std::string(size, 'a'));
+        EXPECT_EQ(proxy.seen().size(), requests);
+    }
+    // It is handed out once, as what it was when it was opened, and never in place of what was written here since.
+    put(client, "mine");
+    client.getObjectParts("key");
+    put(other, "theirs");
+    EXPECT_EQ(read(client, "key"), "mine");
+    EXPECT_THROW(read(client, "key"), CloudException);
+    client.getObjectParts("key");
+    put(client, "mine again");
+    EXPECT_EQ(read(client, "key"), "mine again");
+}
+
 TEST(EndpointTest, EightThreadsOpenOneUploadWithTheirFirstPart)
 {
     REQUIRE_GATEWAY();

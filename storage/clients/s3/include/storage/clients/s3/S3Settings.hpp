@@ -43,7 +43,7 @@ struct S3Settings
     HttpTimeouts timeouts = {};
     std::size_t transfers = 8;        ///< requests at a time: of one completion here, of what openStore() adds; 1 to 64
     std::uint64_t memory = 64 << 20;  ///< bytes; of the buffers that openStore() adds, not used here
-    std::uint64_t partSize = 1 << 20; ///< bytes of the parts that stored objects are read in; at least 64 KiB
+    std::uint64_t partSize = 1 << 20; ///< bytes of the parts that stored objects are read in; 64 KiB to 1 GiB
     std::filesystem::path authorities = {}; ///< PEM file in place of the system's certificate authorities
     std::shared_ptr<CredentialsSource> credentials = nullptr; ///< null: defaultCredentials()
 
@@ -56,10 +56,9 @@ struct S3Settings
 /// Read a store's URL: `s3://BUCKET?endpoint=URL&region=REGION&path-style=1`.
 ///
 /// All parameters may be left out; values may be percent-encoded. Further ones: `transfers=N`, `memory=BYTES`,
-/// `profile=NAME` of the shared files,
-/// `anonymous=1`, `ca-file=PATH`, and `conditional-copies=1`, `conditional-completion=1`, `copies-any-key=1` and
-/// `equal-parts=1` for what the endpoint can do. The endpoint defaults to the variables AWS_ENDPOINT_URL_S3 and
-/// AWS_ENDPOINT_URL, the region to defaultRegion(), else us-east-1.
+/// `part-size=BYTES`, `profile=NAME` of the shared files, `anonymous=1`, `ca-file=PATH`, and `conditional-copies=1`,
+/// `conditional-completion=1`, `copies-any-key=1` and `equal-parts=1` for what the endpoint can do. The endpoint
+/// defaults to the variables AWS_ENDPOINT_URL_S3 and AWS_ENDPOINT_URL, the region to defaultRegion(), else us-east-1.
 /// @throws cloudprovider::InvalidLocationException whose detail says what is wrong; it never repeats what may be a
 /// secret
 S3Settings parseS3Url(const std::string& url);

@@ -1,0 +1,143 @@
+#include "RangeReceiver.hpp"
+
+#include "protocol/Answers.hpp"
+
+#include <storage/clients/common/KeyRules.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <ostream>
+#include <utility>
+
+namespace storage::clients::s3
+{
+
+using namespace cloudprovider;
+
+namespace
+{
+
+/// The MD5 of an object's bytes; empty where its tag is something else: that of an object made of parts, or encrypted
+/// with a key of somebody's own.
+std::string hashIn(const HttpResponse& head, const std::string& tag)
+{
+    const std::string* const encryption = head.headers.find("x-amz-server-side-encryption");
+    const bool hasKey = head.headers.find("x-amz-server-side-encryption-customer-algorithm") != nullptr ||
+                        (encryption != nullptr && *encryption != "AES256");
+    const std::string hash = fromHex(tag);
+    return hasKey || hash.size() != 16 ? "" : hash;
+}
+
+} // namespace
+
+void throwBeyondEnd(const std::string& key, const ByteRange& range)
+{
+    throw UnknownErrorException(
+        "Invalid range", fmt::format("bytes {} to {} of {} end beyond the object, which has become shorter",
+                             range.offset, range.offset + range.size - 1, quoted(key)));
+}
+
+std::optional<std::uint64_t> lengthOf(const HttpResponse& response)
+{
+    const std::string* const field = response.headers.find("Content-Length");
+    return field == nullptr ? std::nullopt : readNumber(*field);
+}
+
+RangeReceiver::RangeReceiver(const std::string& key, FailureContext context, std::ostream& out,
+    std::optional<ByteRange> range, std::optional<Version> version, End end)
+    : m_key(key)
+    , m_context(std::move(context))
+    , m_out(out)
+    , m_range(range)
+    , m_version(std::move(version))
+    , m_end(end)
+{
+}
+
+void RangeReceiver::take(const HttpResponse& head, std::string_view bytes)
+{
+    if (!m_expected)
+    {
+        check(head);
+    }
+    if (m_hash)
+    {
+        m_hash->add(bytes);
+    }
+    writeContent(m_key, m_out, bytes.data(), bytes.size());
+    m_received += bytes.size();
+}
+
+std::uint64_t RangeReceiver::finish(const HttpResponse& response)
+{
+    if (!m_expected || m_received != *m_expected)
+    {
+        throwBroken(
+            m_context, response, fmt::format("{} bytes came instead of {}", m_received, m_expected.value_or(0)));
+    }
+    if (m_hash && m_hash->finish() != m_expectedHash)
+    {
+        throwBroken(m_context, response, "the bytes are not those that the entity tag stands for");
+    }
+    return m_received;
+}
+
+void RangeReceiver::check(const HttpResponse& head)
+{
+    const std::string* const tag = head.headers.find("ETag");
+    const auto length = lengthOf(head);
+    if (tag == nullptr || !length)
+    {
+        throwBroken(m_context, head, "the answer lacks the entity tag or its length"); // an error document, perhaps
+    }
+    m_object = {unquotedTag(*tag), *length};
+    if (m_version && m_object.tag != m_version->tag)
+    {
+        throw OtherVersion();
+    }
+    if (m_range)
+    {
+        checkRange(head, *length);
+    }
+    m_expected = *length;
+    m_expectedHash = m_object.size == *length ? hashIn(head, m_object.tag) : "";
+    if (!m_expectedHash.empty())
+    {
+        m_hash.emplace();
+    }
+}
+
+void RangeReceiver::checkRange(const HttpResponse& head, std::uint64_t length)
+{
+    if (head.status != 206)
+    {
+        if (m_end == End::Anywhere && m_range->offset == 0 && length <= m_range->size)
+        {
+            return; // the whole object
+        }
+        throw UnsupportedOperationException(m_context.action + " failed: the store ignores ranges");
+    }
+    const std::string* const field = head.headers.find("Content-Range");
+    const std::string_view place = field == nullptr ? "" : std::string_view(*field);
+    const auto objectSize = readNumber(place.substr(place.find('/') + 1)); // all of it when there is no slash
+    if (!objectSize)
+    {
+        throwBroken(m_context, head, "the answer lacks the size of the object");
+    }
+    const std::uint64_t asked = m_range->offset + m_range->size;
+    const std::uint64_t end = m_end == End::Anywhere ? std::min(asked, *objectSize) : asked;
+    if (end > *objectSize)
+    {
+        throwBeyondEnd(m_key, *m_range);
+    }
+    if (length != end - m_range->offset ||
+        place != fmt::format("bytes {}-{}/{}", m_range->offset, end - 1, *objectSize))
+    {
+        throwBroken(m_context, head, "the answer has other bytes than were asked for");
+    }
+    m_object.size = *objectSize;
+}
+
+} // namespace storage::clients::s3
