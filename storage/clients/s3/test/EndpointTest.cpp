@@ -312,7 +312,7 @@ TEST(EndpointTest, ALookIntoALargeObjectMovesOnePart)
     const CallSnapshot calls = client->callSnapshot();
     const auto& reads = calls[Operation::GetObjectRange];
     EXPECT_EQ(reads.calls, 1U);
-    EXPECT_LE(reads.bytes, 1U << 20U);
+    EXPECT_LE(reads.bytes, 256U << 10U);
 }
 
 TEST(EndpointTest, ASmallObjectComesWithItsParts)

@@ -221,7 +221,7 @@ TEST(UploadPlanTest, PlansEveryPatchOfAnObjectAsItIsCut)
 
 TEST(UploadPlanTest, ASmallPatchOfALargeObjectTakesFewRequests)
 {
-    const UploadPlan middle = planUpload(patched(10 * gibi, mebi, 1706, 1706, 0), {});
+    const UploadPlan middle = planUpload(patched(10 * gibi, mebi, 2275, 2275, 0), {});
     EXPECT_LE(middle.parts.size(), 3U); // and one each to open, to read what is sent along, to look, and to complete
     const UploadPlan append = planUpload(patched(256 * mebi, mebi, 999, 999, 1024), {});
     ASSERT_EQ(append.parts.size(), 2U);
