@@ -58,8 +58,11 @@ void BufferPool::trim()
 {
     Chunks dropped; // freed when the lock is gone
     const std::lock_guard lock(m_mutex);
-    dropped.swap(m_free);
-    m_freeBytes = 0;
+    if (m_lentBytes == 0)
+    {
+        dropped.swap(m_free);
+        m_freeBytes = 0;
+    }
 }
 
 BufferPool::Chunks BufferPool::take(std::size_t size)

@@ -52,7 +52,7 @@ public:
     /// @return nothing, when waiting is in vain: even with everything given back that is not parked there would be less
     std::optional<Lease> acquire(std::size_t size);
 
-    /// Give the memory of free buffers back to the system.
+    /// Give the memory of free buffers back to the system, unless others are on loan: more will be borrowed then.
     void trim();
 
 private:

@@ -117,8 +117,9 @@ void UploadPipeline::abort(const std::string& key, const std::string& id)
     }
     {
         Lock lock(m_mutex);
-        dropWaiting(*upload, lock);
+        dropUnstored(*upload, lock);
         waitUntilIdle(*upload, lock);
+        dropUnstored(*upload, lock); // what has failed meanwhile; should the abort fail, nobody may ask for it any more
     }
     try
     {
@@ -303,24 +304,27 @@ void UploadPipeline::finish(const UploadPtr& upload, std::size_t index, const Lo
     m_changed.notify_all();
 }
 
-/// Forget a transfer that has not begun; others stay what they are.
+/// Forget a transfer that has not begun or has failed; others stay what they are.
 void UploadPipeline::drop(Upload& upload, Transfer& transfer, const Lock&)
 {
-    if (transfer.state == Transfer::State::Waiting)
+    const bool isWaiting = transfer.state == Transfer::State::Waiting;
+    if (isWaiting || transfer.state == Transfer::State::Failed)
     {
         transfer.state = Transfer::State::Dropped;
         transfer.bytes.reset();
-        --upload.unfinished;
+        upload.unfinished -= isWaiting ? 1 : 0;
         m_changed.notify_all();
     }
 }
 
-void UploadPipeline::dropWaiting(Upload& upload, const Lock& lock)
+/// Forget all transfers but those that run or have been stored.
+void UploadPipeline::dropUnstored(Upload& upload, const Lock& lock)
 {
     for (const auto& [index, transfer] : upload.parts)
     {
         drop(upload, *transfer, lock);
     }
+    m_buffers.trim();
 }
 
 void UploadPipeline::waitUntilIdle(const Upload& upload, Lock& lock)
@@ -359,9 +363,15 @@ std::string UploadPipeline::storedTag(const Upload& upload, const PartInfo& part
                         "last upload",
                 quoted(upload.key), part.Index, quoted(part.Tag)));
     }
-    if (transfer->state != Transfer::State::Stored)
+    if (transfer->state == Transfer::State::Failed)
     {
         std::rethrow_exception(transfer->failure);
+    }
+    if (transfer->state == Transfer::State::Dropped)
+    {
+        throw UnknownErrorException("Invalid parts",
+            fmt::format("completing the upload of {}: part {} was dropped by an abort, which then failed",
+                quoted(upload.key), part.Index));
     }
     return transfer->innerTag;
 }
@@ -417,7 +427,7 @@ std::string UploadPipeline::sourceTag(const std::string& tag)
 void UploadPipeline::end(Upload& upload)
 {
     const Lock lock(m_mutex);
-    dropWaiting(upload, lock);
+    dropUnstored(upload, lock);
     for (const auto& [index, transfer] : upload.parts)
     {
         if (transfer->state == Transfer::State::Stored)
@@ -427,10 +437,6 @@ void UploadPipeline::end(Upload& upload)
     }
     upload.parts.clear();
     m_uploads.erase({upload.key, upload.id});
-    if (m_uploads.empty())
-    {
-        m_buffers.trim();
-    }
 }
 
 } // namespace storage::clients

@@ -84,7 +84,7 @@ private:
     std::string perform(const Upload& upload, Transfer& transfer);
     void finish(const UploadPtr& upload, std::size_t index, const Lock& lock);
     void drop(Upload& upload, Transfer& transfer, const Lock& lock);
-    void dropWaiting(Upload& upload, const Lock& lock);
+    void dropUnstored(Upload& upload, const Lock& lock);
     void waitUntilIdle(const Upload& upload, Lock& lock);
     void retryFailed(const UploadPtr& upload, const std::vector<cloudprovider::PartInfo>& parts, Lock& lock);
     std::string storedTag(const Upload& upload, const cloudprovider::PartInfo& part, const Lock& lock) const;

@@ -255,12 +255,14 @@ TEST_F(PipelinedUploadClientTest, AbortDropsWhatHasNotBegunAndWaitsForTheRest)
 {
     begin(2, 50);
     store->setOpen(false);
+    PartInfo last;
     for (std::size_t i = 0; i < 5; ++i)
     {
-        send(i, "some bytes");
+        last = send(i, "some bytes");
     }
     store->awaitInside(2);
     const std::string aborted = std::exchange(upload, client->createMultipartUpload("k", ""));
+    store->faults().inject({.operation = Operation::UploadPart, .call = 1}); // of the two that are under way
     store->faults().inject({.operation = Operation::AbortMultipartUpload, .call = 1});
     auto aborting = std::async(std::launch::async, [&] { client->abortMultipartUpload("k", aborted); });
     const PartInfo part = send(0, "new bytes"); // finds a buffer when three parts were dropped
@@ -271,6 +273,9 @@ TEST_F(PipelinedUploadClientTest, AbortDropsWhatHasNotBegunAndWaitsForTheRest)
     EXPECT_EQ(calls(Operation::UploadPart), 3U);
 
     upload = client->createMultipartUpload("k", "");
+    await(send(0, std::string(50, 'x')));
+    EXPECT_FALSE(store->wasSentHere(0)) << "expected all buffers back";
+    EXPECT_THROW(client->completeMultipartUpload("k", aborted, {last}), UnknownErrorException);
     store->abortMultipartUpload("k", upload);
     EXPECT_THROW(client->abortMultipartUpload("k", upload), ResourceNotFoundException);
     const std::uint64_t aborts = calls(Operation::AbortMultipartUpload);

@@ -32,7 +32,7 @@ struct PipelineSettings
 ///
 /// Memory: uploadPart() waits while the buffers are all in use. A part that is larger than all of them together, or
 /// that finds too many kept for failed parts, is sent on the caller's thread without a copy. Memory is given back to
-/// the system when no upload is open.
+/// the system when an upload ends and no other one has a part in the buffers.
 ///
 /// Failures: a transfer that failed keeps its bytes. What it threw is thrown once by the next uploadPart() or
 /// copyPart() of the upload, which then takes nothing and may be made again. completeMultipartUpload() tries the failed
@@ -40,8 +40,10 @@ struct PipelineSettings
 /// and completing may be tried again. So an upload is complete only with every part as it was last sent. A part whose
 /// bytes cannot be read from the caller's stream fails its own call and leaves the part as it was.
 ///
-/// abortMultipartUpload() drops what has not begun and waits for what is under way, which takes as long as a transfer
-/// may take below. Destruction aborts every upload that is still open; what fails then is logged.
+/// abortMultipartUpload() drops what has not begun or has failed and waits for what is under way, which takes as long
+/// as a transfer may take below. If the client below then fails to abort, the upload stays open and may be aborted again;
+/// completing it with a part that was dropped fails with UnknownErrorException until that part is sent anew. Destruction
+/// aborts every upload that is still open; what fails then is logged.
 ///
 /// Tags: an own tag stands for the real one in copyPart() and createMultipartUpload() too, where the real one is known:
 /// for the last 20,000 parts of uploads that have ended. A copyPart() with another own tag fails with
