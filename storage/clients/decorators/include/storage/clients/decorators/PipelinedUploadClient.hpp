@@ -35,15 +35,16 @@ struct PipelineSettings
 /// the system when an upload ends and no other one has a part in the buffers.
 ///
 /// Failures: a transfer that failed keeps its bytes. What it threw is thrown once by the next uploadPart() or
-/// copyPart() of the upload, which then takes nothing and may be made again. completeMultipartUpload() tries the failed
-/// parts that are listed once more, and throws what that throws before anything is completed; the upload stays open,
-/// and completing may be tried again. So an upload is complete only with every part as it was last sent. A part whose
-/// bytes cannot be read from the caller's stream fails its own call and leaves the part as it was.
+/// copyPart() of the upload, which then takes nothing and may be made again; of several that failed since the last such
+/// report, only the first is told there. completeMultipartUpload() tries the failed parts that are listed once more,
+/// and throws what that throws before anything is completed; the upload stays open, and completing may be tried again.
+/// So an upload is complete only with every part as it was last sent. A part whose bytes cannot be read from the
+/// caller's stream fails its own call and leaves the part as it was.
 ///
 /// abortMultipartUpload() drops what has not begun or has failed and waits for what is under way, which takes as long
-/// as a transfer may take below. If the client below then fails to abort, the upload stays open and may be aborted again;
-/// completing it with a part that was dropped fails with UnknownErrorException until that part is sent anew. Destruction
-/// aborts every upload that is still open; what fails then is logged.
+/// as a transfer may take below. If the client below then fails to abort, the upload stays open and may be aborted
+/// again; completing it with a part that was dropped fails with UnknownErrorException until that part is sent anew.
+/// Destruction aborts every upload that is still open; what fails then is logged.
 ///
 /// Tags: an own tag stands for the real one in copyPart() and createMultipartUpload() too, where the real one is known:
 /// for the last 20,000 parts of uploads that have ended. A copyPart() with another own tag fails with
