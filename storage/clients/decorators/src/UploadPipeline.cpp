@@ -84,11 +84,11 @@ std::string UploadPipeline::send(
     {
         return m_inner.uploadPart(key, id, part, content);
     }
-    std::optional<BufferPool::Lease> bytes = m_buffers.acquire(part.Size);
+    std::optional<BufferPool::Lease> bytes = m_threads.start() ? m_buffers.acquire(part.Size) : std::nullopt;
     reportFailure(*upload);
     if (!bytes)
     {
-        return sendHere(upload, part, content);
+        return transferHere(upload, part.Index, [&] { return m_inner.uploadPart(key, id, part, content); });
     }
     readContent(key, content, bytes->data(), part.Size);
     return enqueue(upload, part, std::move(bytes));
@@ -104,6 +104,10 @@ std::string UploadPipeline::copy(const std::string& key, const std::string& id, 
         return m_inner.copyPart(key, id, source);
     }
     reportFailure(*upload);
+    if (!m_threads.start())
+    {
+        return transferHere(upload, part.Index, [&] { return m_inner.copyPart(key, id, source); });
+    }
     return enqueue(upload, source, std::nullopt);
 }
 
@@ -173,38 +177,39 @@ void UploadPipeline::reportFailure(Upload& upload)
     }
 }
 
-/// Send a part from the caller's stream. Its tag is that of the client below, as there is nothing to wait for. If it
+/// Transfer a part on the caller's thread. Its tag is that of the client below, as there is nothing to wait for. If it
 /// fails, an earlier transfer of the part stands.
-std::string UploadPipeline::sendHere(const UploadPtr& upload, const PartInfo& part, std::istream& content)
+template <typename Call>
+std::string UploadPipeline::transferHere(const UploadPtr& upload, std::size_t index, Call call)
 {
     Lock lock(m_mutex);
     TransferPtr earlier;
     m_changed.wait(lock,
         [&]
         {
-            earlier = newest(*upload, part.Index);
+            earlier = newest(*upload, index);
             const bool waits = earlier && earlier->state == Transfer::State::Waiting;
-            return !waits && !upload->running.contains(part.Index);
+            return !waits && !upload->running.contains(index);
         });
-    upload->running.insert(part.Index);
+    upload->running.insert(index);
     ++upload->unfinished;
     lock.unlock();
     std::string tag;
     std::exception_ptr failure;
     try
     {
-        tag = m_inner.uploadPart(upload->key, upload->id, part, content);
+        tag = call();
     }
     catch (...)
     {
         failure = std::current_exception();
     }
     lock.lock();
-    if (!failure && newest(*upload, part.Index) == earlier)
+    if (!failure && newest(*upload, index) == earlier)
     {
-        upload->parts.erase(part.Index);
+        upload->parts.erase(index);
     }
-    finish(upload, part.Index, lock);
+    finish(upload, index, lock);
     if (failure)
     {
         std::rethrow_exception(failure);

@@ -76,7 +76,8 @@ private:
     // A lock as argument says that m_mutex is held, as it must be for newest() too; the others take it themselves.
     UploadPtr find(const std::string& key, const std::string& id);
     void reportFailure(Upload& upload);
-    std::string sendHere(const UploadPtr& upload, const cloudprovider::PartInfo& part, std::istream& content);
+    template <typename Call>
+    std::string transferHere(const UploadPtr& upload, std::size_t index, Call call);
     std::string enqueue(
         const UploadPtr& upload, const cloudprovider::PartInfo& part, std::optional<BufferPool::Lease> bytes);
     void post(const UploadPtr& upload, const TransferPtr& transfer);

@@ -10,6 +10,8 @@
 
 #include <gmock/gmock.h>
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <condition_variable>
 #include <cstdlib>
@@ -198,6 +200,25 @@ TEST_F(PipelinedUploadClientTest, OneTransferIsTheCallersOwn)
     EXPECT_TRUE(store->wasSentHere(0));
     store->completeMultipartUpload("k", upload, {part});
     EXPECT_EQ(store->get("k"), "bytes") << "expected the store's own tag";
+}
+
+TEST_F(PipelinedUploadClientTest, WithoutThreadsEverythingIsTheCallersOwn)
+{
+    store->put("k", "old");
+    begin(4);
+    pthread_attr_t usual;
+    ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
+    pthread_attr_t impossible = usual;
+    ASSERT_EQ(pthread_attr_setstacksize(&impossible, std::size_t{1} << 60U), 0);
+    ASSERT_EQ(pthread_setattr_default_np(&impossible), 0);
+    const PartInfo sent = send(0, "new");
+    const PartInfo copied = copy({1, 0, 3, storedTag()});
+    ASSERT_EQ(pthread_setattr_default_np(&usual), 0);
+    EXPECT_TRUE(store->wasSentHere(0));
+    EXPECT_TRUE(store->wasSentHere(1));
+    complete({sent, copied, send(2, "newer")});
+    EXPECT_FALSE(store->wasSentHere(2)) << "there are threads again";
+    EXPECT_EQ(store->get("k"), "newoldnewer");
 }
 
 TEST_F(PipelinedUploadClientTest, HoldsNoMoreBytesThanAllowed)

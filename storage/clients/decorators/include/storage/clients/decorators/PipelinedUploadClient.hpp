@@ -52,9 +52,9 @@ struct PipelineSettings
 /// waits for that part if it is on its way, and otherwise tells the client below no tag.
 ///
 /// Threads: any, at the same time. Own threads start when they are needed first, at most one for each transfer, and end
-/// with the client; calls of the client below come from them too. No lock is held meanwhile. Besides CloudExceptions a
-/// call may throw std::bad_alloc for want of memory and std::system_error if no thread can be started. Destroy it when
-/// no call is under way.
+/// with the client; calls of the client below come from them too. No lock is held meanwhile. Where not even one can be
+/// started, parts are sent and copied on the caller's thread. Besides CloudExceptions a call may throw std::bad_alloc
+/// for want of memory. Destroy it when no call is under way.
 class PipelinedUploadClient : public ForwardingClient
 {
 public:
