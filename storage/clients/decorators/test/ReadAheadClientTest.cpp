@@ -191,13 +191,14 @@ TEST_F(ReadAheadClientTest, FetchesNothingThatNobodyIsExpectedToAskFor)
         std::ostringstream out;
         client->getObjectRange(row.name, out, 3, 2);
         EXPECT_THROW(client->getObjectRange(row.name, out, 39 * size, 40 * size), UnknownErrorException);
+        EXPECT_THROW(client->getObjectRange(row.name, out, 0, UINT64_MAX), UnknownErrorException);
 
         const std::string last = std::string(row.name) + "/last"; // the one thread comes to it after everything else
         open(last);
         readOld({0, 1}, last);
         watched->asked(last, 3);
         Ranges expected = row.ranges;
-        expected.insert(expected.end(), {3 / size, 39});
+        expected.insert(expected.end(), {3 / size, 39, 0});
         EXPECT_EQ(watched->asked(row.name), expected);
     }
 }
