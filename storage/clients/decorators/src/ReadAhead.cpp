@@ -26,6 +26,10 @@ namespace
 
 constexpr std::size_t mostObjects = 256; // more files than are read at a time; few enough to go through them all
 
+// For how many turns of every reader a window stays open that is not read: a slow reader is to keep what was fetched.
+constexpr std::uint64_t turnsInPlenty = 64;
+constexpr std::uint64_t turnsInNeed = 4; // when others want the memory
+
 constexpr std::uint64_t leastWorthARequest = 4 << 20; // bytes that take longer to arrive than a distant store to answer
 
 /// The reason of the exception that is being handled.
@@ -98,6 +102,10 @@ std::vector<FetchedBlockPtr> ReadAhead::obtain(const std::string& key, const Byt
         return {};
     }
     const auto ahead = object->streams().advance(range, ++m_reads, m_mostAhead, m_wholePiece);
+    if (m_reads % turnsInPlenty == 0) // not always, as all objects are looked at
+    {
+        closeIdleWindows(turnsInPlenty);
+    }
     if (object->firstMissing(range.offset) != range.offset)
     {
         queue(object, range.offset, ahead.offset, range.size); // the rest, if its begin is there already
@@ -148,7 +156,7 @@ try
     auto blocks = object->addMissing(from, to, piece, m_budget);
     if (object->firstMissing(from) < to)
     {
-        closeIdleWindows();
+        closeIdleWindows(turnsInNeed);
         std::ranges::copy(object->addMissing(from, to, piece, m_budget), std::back_inserter(blocks));
     }
     for (const FetchedBlockPtr& added : blocks)
@@ -171,14 +179,14 @@ catch (...)
 }
 
 /// Take the memory of readers that others have long overtaken.
-void ReadAhead::closeIdleWindows()
+void ReadAhead::closeIdleWindows(std::uint64_t turns)
 {
     std::size_t active = 0;
     for (const ObjectPtr& object : m_objects)
     {
         active += object->streams().active();
     }
-    const std::uint64_t patience = 8 + 4 * active; // reads: about four turns of every reader
+    const std::uint64_t patience = turns * (2 + active); // reads; those who have no window yet take turns too
     for (const ObjectPtr& object : m_objects)
     {
         object->streams().closeIdle(m_reads - std::min(m_reads, patience));

@@ -81,7 +81,7 @@ private:
     void release(ObjectPtr& object);
     void fetchAhead(const ObjectPtr& object, const ReadStreams::Ahead& ahead);
     void queue(const ObjectPtr& object, std::uint64_t from, std::uint64_t to, std::uint64_t piece);
-    void closeIdleWindows();
+    void closeIdleWindows(std::uint64_t turns);
     void fetch(FetchedObject& object, FetchedBlock& block, std::unique_lock<std::mutex>& lock);
 
     std::vector<FetchedBlockPtr> obtain(const std::string& key, const ByteRange& range);

@@ -278,6 +278,19 @@ TEST_F(ReadAheadClientTest, StaysWithinItsMemoryAndTakesItFromTheIdle)
     watched->asked("other", 3);
 }
 
+TEST_F(ReadAheadClientTest, DropsWhatAReaderLeftWhenOthersHaveReadOnForLong)
+{
+    open("left");
+    readOld({0, 1, 2}, "left");
+    watched->asked("left", 5); // 3 and 4 are on their way
+    readOld(Ranges(100, 20));
+    readOld({3}, "left");
+    EXPECT_THAT(watched->asked("left"), Contains(3).Times(1)) << "expected some patience, as there is memory";
+    readOld(Ranges(400, 20));
+    readOld({4}, "left");
+    EXPECT_THAT(watched->asked("left"), Contains(4).Times(2));
+}
+
 TEST_F(ReadAheadClientTest, AFailureClosesTheWindow)
 {
     store->faults().setHook([reader = std::this_thread::get_id()](Operation, const std::string&)
