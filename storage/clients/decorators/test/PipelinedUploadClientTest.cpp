@@ -1,3 +1,5 @@
+#include "Threads.hpp"
+
 #include <storage/clients/common/TransientException.hpp>
 #include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/decorators/PipelinedUploadClient.hpp>
@@ -15,9 +17,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <cstdlib>
-#include <filesystem>
 #include <future>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -28,8 +28,6 @@
 #include <utility>
 #include <vector>
 
-extern "C" [[gnu::weak]] void __tsan_init(); // not null under ThreadSanitizer
-
 namespace storage::clients
 {
 
@@ -38,16 +36,6 @@ namespace
 
 using namespace cloudprovider;
 namespace fsp = foundation::storage::provider;
-
-/// Wait until this process has so many threads, of which one that was joined may be there for a moment more.
-void awaitThreads(std::ptrdiff_t count)
-{
-    const auto now = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
-    while (__tsan_init == nullptr && now() != count) // the sanitizer has a thread too, and tells of those that are left
-    {
-        std::this_thread::yield();
-    }
-}
 
 /// A store in memory whose transfers pass a gate, open at first, and are watched while they are inside.
 class GatedStore : public MemoryClient

@@ -1,3 +1,4 @@
+#include "Threads.hpp"
 #include "WatchedClient.hpp"
 
 #include <storage/clients/decorators/FindInterface.hpp>
@@ -43,6 +44,11 @@ protected:
     using Ranges = std::vector<std::uint64_t>;
 
     ReadAheadClientTest() { decorate({.transfers = 1, .memory = 100 * size}); }
+    ~ReadAheadClientTest() override
+    {
+        client.reset();
+        awaitThreads(1);
+    }
 
     /// Begin anew, with "k" open.
     void decorate(const ReadAheadSettings& settings)
@@ -333,6 +339,7 @@ TEST_F(ReadAheadClientTest, AFileIsReadRightOrNotAtAllWhateverFails)
         {
             EXPECT_LE(call, 5U) << "expected only what the reader itself asks for to fail it: " << failure.what();
         }
+        awaitThreads(1);
         struck = store->callSnapshot().totalCalls() - before >= call;
         store->faults().clearFaults();
     }
