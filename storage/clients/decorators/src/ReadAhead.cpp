@@ -66,7 +66,7 @@ ReadAhead::ReadAhead(CloudClient& inner, const ReadAheadSettings& settings)
     : m_inner(inner)
     , m_mostAhead(settings.memory / 4 * 3) // so that one reader leaves room for the beginnings of another
     , m_wholePiece(std::min(leastWorthARequest, settings.memory / std::max(settings.transfers, std::size_t{1})))
-    , m_budget(settings.transfers == 0 ? 0 : settings.memory)
+    , m_buffers(settings.transfers == 0 ? 0 : settings.memory)
     , m_threads(std::max(settings.transfers, std::size_t{1}))
 {
 }
@@ -87,7 +87,7 @@ bool ReadAhead::read(const std::string& key, std::ostream& out, const ByteRange&
     {
         const std::uint64_t begin = std::max(range.offset, block->range.offset);
         const std::uint64_t end = std::min(range.offset + range.size, block->range.offset + block->range.size);
-        writeContent(key, out, block->bytes.get() + (begin - block->range.offset), end - begin);
+        writeContent(key, out, block->bytes.data() + (begin - block->range.offset), end - begin);
     }
     return !blocks.empty();
 }
@@ -153,11 +153,11 @@ void ReadAhead::fetchAhead(const ObjectPtr& object, const ReadStreams::Ahead& ah
 void ReadAhead::queue(const ObjectPtr& object, std::uint64_t from, std::uint64_t to, std::uint64_t piece)
 try
 {
-    auto blocks = object->addMissing(from, to, piece, m_budget);
+    auto blocks = object->addMissing(from, to, piece, m_buffers);
     if (object->firstMissing(from) < to)
     {
         closeIdleWindows(turnsInNeed);
-        std::ranges::copy(object->addMissing(from, to, piece, m_budget), std::back_inserter(blocks));
+        std::ranges::copy(object->addMissing(from, to, piece, m_buffers), std::back_inserter(blocks));
     }
     for (const FetchedBlockPtr& added : blocks)
     {
@@ -202,7 +202,7 @@ void ReadAhead::fetch(FetchedObject& object, FetchedBlock& block, std::unique_lo
     bool isComplete = false;
     try
     {
-        block.bytes = download(object.key(), block.range);
+        download(object.key(), block.range, block.bytes.data());
         isComplete = true;
     }
     catch (...)
@@ -225,10 +225,9 @@ void ReadAhead::fetch(FetchedObject& object, FetchedBlock& block, std::unique_lo
     m_settled.notify_all();
 }
 
-std::unique_ptr<char[]> ReadAhead::download(const std::string& key, const ByteRange& range)
+void ReadAhead::download(const std::string& key, const ByteRange& range, char* bytes)
 {
-    auto bytes = std::make_unique_for_overwrite<char[]>(range.size);
-    boost::iostreams::stream_buffer<boost::iostreams::basic_array_sink<char>> memory(bytes.get(), range.size);
+    boost::iostreams::stream_buffer<boost::iostreams::basic_array_sink<char>> memory(bytes, range.size);
     std::ostream out(&memory);
     out.exceptions(std::ios_base::badbit); // a surplus must not pass unseen
     m_inner.getObjectRange(key, out, range.offset, range.offset + range.size - 1);
@@ -236,7 +235,6 @@ std::unique_ptr<char[]> ReadAhead::download(const std::string& key, const ByteRa
     {
         throw UnknownErrorException("Content too short", fmt::format("the store sent {} bytes", received));
     }
-    return bytes;
 }
 
 ReadAhead::ObjectPtr ReadAhead::find(const std::string& key)

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "BufferPool.hpp"
 #include "FetchedObject.hpp"
-#include "MemoryBudget.hpp"
 #include "ReadStreams.hpp"
 #include "WorkerThreads.hpp"
 
@@ -85,12 +85,12 @@ private:
     void fetch(FetchedObject& object, FetchedBlock& block, std::unique_lock<std::mutex>& lock);
 
     std::vector<FetchedBlockPtr> obtain(const std::string& key, const ByteRange& range);
-    std::unique_ptr<char[]> download(const std::string& key, const ByteRange& range);
+    void download(const std::string& key, const ByteRange& range, char* bytes);
 
     cloudprovider::CloudClient& m_inner;
     const std::uint64_t m_mostAhead;  // bytes of one window
     const std::uint64_t m_wholePiece; // bytes of one block, unless a reader asks for more at once
-    MemoryBudget m_budget;            // outlives the blocks
+    BufferPool m_buffers;             // outlives the blocks
 
     // Lock order: the lock of m_threads may be taken when this one is held, never the other way.
     std::mutex m_mutex;                // guards what follows, but for m_threads, and what the objects hold

@@ -329,7 +329,6 @@ void UploadPipeline::dropUnstored(Upload& upload, const Lock& lock)
     {
         drop(upload, *transfer, lock);
     }
-    m_buffers.trim();
 }
 
 void UploadPipeline::waitUntilIdle(const Upload& upload, Lock& lock)

@@ -32,7 +32,7 @@ struct PipelineSettings
 ///
 /// Memory: uploadPart() waits while the buffers are all in use. A part that is larger than all of them together, or
 /// that finds too many kept for failed parts, is sent on the caller's thread without a copy. Memory is given back to
-/// the system when an upload ends and no other one has a part in the buffers.
+/// the system when no part is on its way or kept.
 ///
 /// Failures: a transfer that failed keeps its bytes. What it threw is thrown once by the next uploadPart() or
 /// copyPart() of the upload, which then takes nothing and may be made again; of several that failed since the last such
