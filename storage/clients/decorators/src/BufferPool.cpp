@@ -18,10 +18,16 @@ BufferPool::Lease::~Lease()
         return;
     }
     setParked(false);
+    Chunks dropped; // freed when the lock is gone
     const std::lock_guard lock(m_pool.m_mutex);
     m_pool.m_lentBytes -= m_chunk.front().capacity;
     m_pool.m_freeBytes += m_chunk.front().capacity;
     m_pool.m_free.splice(m_pool.m_free.end(), m_chunk);
+    if (m_pool.m_lentBytes == 0)
+    {
+        dropped.swap(m_pool.m_free);
+        m_pool.m_freeBytes = 0;
+    }
     m_pool.m_changed.notify_all();
 }
 
@@ -54,12 +60,14 @@ std::optional<BufferPool::Lease> BufferPool::acquire(std::size_t size)
     return Lease(*this, take(size));
 }
 
-void BufferPool::trim()
+std::optional<BufferPool::Lease> BufferPool::tryAcquire(std::size_t size)
 {
-    Chunks dropped; // freed when the lock is gone
     const std::lock_guard lock(m_mutex);
-    dropped.swap(m_free);
-    m_freeBytes = 0;
+    if (size > m_limit - m_lentBytes)
+    {
+        return std::nullopt;
+    }
+    return Lease(*this, take(size));
 }
 
 BufferPool::Chunks BufferPool::take(std::size_t size)
@@ -82,13 +90,14 @@ BufferPool::Chunks BufferPool::take(std::size_t size)
     return chunk;
 }
 
-/// The smallest free buffer that has the size; the end: there is none
+/// The smallest free buffer that has the size, and not much more; the end: there is none
 BufferPool::Chunks::iterator BufferPool::bestFree(std::size_t size)
 {
     auto best = m_free.end();
     for (auto chunk = m_free.begin(); chunk != m_free.end(); ++chunk)
     {
-        if (chunk->capacity >= size && (best == m_free.end() || chunk->capacity < best->capacity))
+        const bool fits = chunk->capacity >= size && chunk->capacity / 2 <= size; // a small one is not to take it all
+        if (fits && (best == m_free.end() || chunk->capacity < best->capacity))
         {
             best = chunk;
         }

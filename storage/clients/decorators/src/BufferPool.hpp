@@ -11,8 +11,9 @@
 namespace storage::clients
 {
 
-/// Buffers of bounded size together. What is given back is used again, so that a long upload allocates no more than
-/// the bound, however many bytes go through. Safe for concurrent calls.
+/// Buffers of bounded size together. What is given back is used again while others are on loan, so that a long transfer
+/// allocates no more than the bound, however many bytes go through. With the last one all memory goes back to the
+/// system. Safe for concurrent calls.
 class BufferPool
 {
     struct Chunk
@@ -52,8 +53,8 @@ public:
     /// @return nothing, when waiting is in vain: even with everything given back that is not parked there would be less
     std::optional<Lease> acquire(std::size_t size);
 
-    /// Give the memory of free buffers back to the system.
-    void trim();
+    /// Borrow at least `size` bytes, whose values are left as they are, if that needs no waiting.
+    std::optional<Lease> tryAcquire(std::size_t size);
 
 private:
     Chunks take(std::size_t size);

@@ -57,18 +57,20 @@ void FetchedObject::endWrite()
 }
 
 std::vector<FetchedBlockPtr> FetchedObject::addMissing(
-    std::uint64_t from, std::uint64_t to, std::uint64_t piece, MemoryBudget& budget)
+    std::uint64_t from, std::uint64_t to, std::uint64_t piece, BufferPool& buffers)
 {
     std::vector<FetchedBlockPtr> added;
     for (std::uint64_t at = firstMissing(from); at < to; at = firstMissing(at))
     {
         const auto next = m_blocks.upper_bound(at);
         const std::uint64_t end = next == m_blocks.end() ? to : std::min(to, next->first);
-        auto block = std::make_shared<FetchedBlock>(ByteRange{at, std::min(piece, end - at)}, budget);
-        if (block->memory.size() == 0)
+        const ByteRange range{at, std::min(piece, end - at)};
+        auto buffer = buffers.tryAcquire(range.size);
+        if (!buffer)
         {
             break;
         }
+        auto block = std::make_shared<FetchedBlock>(range, std::move(*buffer));
         m_blocks.emplace(at, block);
         added.push_back(std::move(block));
     }

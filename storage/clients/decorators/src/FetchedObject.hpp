@@ -1,6 +1,6 @@
 #pragma once
 
-#include "MemoryBudget.hpp"
+#include "BufferPool.hpp"
 #include "ReadStreams.hpp"
 
 #include <storage/clients/common/Content.hpp>
@@ -28,19 +28,18 @@ struct FetchedBlock
         Gone ///< failed or dropped: whoever waits for it must ask the store
     };
 
-    FetchedBlock(const ByteRange& wanted, MemoryBudget& budget)
+    FetchedBlock(const ByteRange& wanted, BufferPool::Lease buffer)
         : range(wanted)
-        , memory(budget, wanted.size)
+        , bytes(std::move(buffer))
     {
     }
 
     bool isSettled() const { return state == State::Ready || state == State::Gone; }
 
     const ByteRange range;
-    const MemoryBudget::Share memory; ///< of size 0: the block must not be
     State state = State::Queued;
-    unsigned readers = 0;          ///< calls that will read it
-    std::unique_ptr<char[]> bytes; ///< written by the one who set Fetching; constant once Ready
+    unsigned readers = 0;    ///< calls that will read it
+    BufferPool::Lease bytes; ///< written by the one who set Fetching; constant once Ready
 };
 
 using FetchedBlockPtr = std::shared_ptr<FetchedBlock>;
@@ -81,9 +80,9 @@ public:
 
     /// Add blocks for those bytes in [from, to) that no block has, each of `piece` bytes at most.
     ///
-    /// @return the new blocks, all Queued; they end early when the budget does
+    /// @return the new blocks, all Queued; they end early when there is no buffer left
     std::vector<FetchedBlockPtr> addMissing(
-        std::uint64_t from, std::uint64_t to, std::uint64_t piece, MemoryBudget& budget);
+        std::uint64_t from, std::uint64_t to, std::uint64_t piece, BufferPool& buffers);
 
     /// The first byte from `from` on that no block has.
     std::uint64_t firstMissing(std::uint64_t from) const;

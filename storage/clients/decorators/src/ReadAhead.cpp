@@ -26,6 +26,10 @@ namespace
 
 constexpr std::size_t mostObjects = 256; // more files than are read at a time; few enough to go through them all
 
+// For how many turns of every reader a window stays open that is not read: a slow reader is to keep what was fetched.
+constexpr std::uint64_t turnsInPlenty = 64;
+constexpr std::uint64_t turnsInNeed = 4; // when others want the memory
+
 constexpr std::uint64_t leastWorthARequest = 4 << 20; // bytes that take longer to arrive than a distant store to answer
 
 /// The reason of the exception that is being handled.
@@ -62,7 +66,7 @@ ReadAhead::ReadAhead(CloudClient& inner, const ReadAheadSettings& settings)
     : m_inner(inner)
     , m_mostAhead(settings.memory / 4 * 3) // so that one reader leaves room for the beginnings of another
     , m_wholePiece(std::min(leastWorthARequest, settings.memory / std::max(settings.transfers, std::size_t{1})))
-    , m_budget(settings.transfers == 0 ? 0 : settings.memory)
+    , m_buffers(settings.transfers == 0 ? 0 : settings.memory)
     , m_threads(std::max(settings.transfers, std::size_t{1}))
 {
 }
@@ -83,7 +87,7 @@ bool ReadAhead::read(const std::string& key, std::ostream& out, const ByteRange&
     {
         const std::uint64_t begin = std::max(range.offset, block->range.offset);
         const std::uint64_t end = std::min(range.offset + range.size, block->range.offset + block->range.size);
-        writeContent(key, out, block->bytes.get() + (begin - block->range.offset), end - begin);
+        writeContent(key, out, block->bytes.data() + (begin - block->range.offset), end - begin);
     }
     return !blocks.empty();
 }
@@ -98,6 +102,10 @@ std::vector<FetchedBlockPtr> ReadAhead::obtain(const std::string& key, const Byt
         return {};
     }
     const auto ahead = object->streams().advance(range, ++m_reads, m_mostAhead, m_wholePiece);
+    if (m_reads % turnsInPlenty == 0) // not always, as all objects are looked at
+    {
+        closeIdleWindows(turnsInPlenty);
+    }
     if (object->firstMissing(range.offset) != range.offset)
     {
         queue(object, range.offset, ahead.offset, range.size); // the rest, if its begin is there already
@@ -145,11 +153,11 @@ void ReadAhead::fetchAhead(const ObjectPtr& object, const ReadStreams::Ahead& ah
 void ReadAhead::queue(const ObjectPtr& object, std::uint64_t from, std::uint64_t to, std::uint64_t piece)
 try
 {
-    auto blocks = object->addMissing(from, to, piece, m_budget);
+    auto blocks = object->addMissing(from, to, piece, m_buffers);
     if (object->firstMissing(from) < to)
     {
-        closeIdleWindows();
-        std::ranges::copy(object->addMissing(from, to, piece, m_budget), std::back_inserter(blocks));
+        closeIdleWindows(turnsInNeed);
+        std::ranges::copy(object->addMissing(from, to, piece, m_buffers), std::back_inserter(blocks));
     }
     for (const FetchedBlockPtr& added : blocks)
     {
@@ -171,14 +179,14 @@ catch (...)
 }
 
 /// Take the memory of readers that others have long overtaken.
-void ReadAhead::closeIdleWindows()
+void ReadAhead::closeIdleWindows(std::uint64_t turns)
 {
     std::size_t active = 0;
     for (const ObjectPtr& object : m_objects)
     {
         active += object->streams().active();
     }
-    const std::uint64_t patience = 8 + 4 * active; // reads: about four turns of every reader
+    const std::uint64_t patience = turns * (2 + active); // reads; those who have no window yet take turns too
     for (const ObjectPtr& object : m_objects)
     {
         object->streams().closeIdle(m_reads - std::min(m_reads, patience));
@@ -194,7 +202,7 @@ void ReadAhead::fetch(FetchedObject& object, FetchedBlock& block, std::unique_lo
     bool isComplete = false;
     try
     {
-        block.bytes = download(object.key(), block.range);
+        download(object.key(), block.range, block.bytes.data());
         isComplete = true;
     }
     catch (...)
@@ -217,10 +225,9 @@ void ReadAhead::fetch(FetchedObject& object, FetchedBlock& block, std::unique_lo
     m_settled.notify_all();
 }
 
-std::unique_ptr<char[]> ReadAhead::download(const std::string& key, const ByteRange& range)
+void ReadAhead::download(const std::string& key, const ByteRange& range, char* bytes)
 {
-    auto bytes = std::make_unique_for_overwrite<char[]>(range.size);
-    boost::iostreams::stream_buffer<boost::iostreams::basic_array_sink<char>> memory(bytes.get(), range.size);
+    boost::iostreams::stream_buffer<boost::iostreams::basic_array_sink<char>> memory(bytes, range.size);
     std::ostream out(&memory);
     out.exceptions(std::ios_base::badbit); // a surplus must not pass unseen
     m_inner.getObjectRange(key, out, range.offset, range.offset + range.size - 1);
@@ -228,7 +235,6 @@ std::unique_ptr<char[]> ReadAhead::download(const std::string& key, const ByteRa
     {
         throw UnknownErrorException("Content too short", fmt::format("the store sent {} bytes", received));
     }
-    return bytes;
 }
 
 ReadAhead::ObjectPtr ReadAhead::find(const std::string& key)

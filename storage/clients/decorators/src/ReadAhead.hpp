@@ -1,7 +1,7 @@
 #pragma once
 
+#include "BufferPool.hpp"
 #include "FetchedObject.hpp"
-#include "MemoryBudget.hpp"
 #include "ReadStreams.hpp"
 #include "WorkerThreads.hpp"
 
@@ -81,16 +81,16 @@ private:
     void release(ObjectPtr& object);
     void fetchAhead(const ObjectPtr& object, const ReadStreams::Ahead& ahead);
     void queue(const ObjectPtr& object, std::uint64_t from, std::uint64_t to, std::uint64_t piece);
-    void closeIdleWindows();
+    void closeIdleWindows(std::uint64_t turns);
     void fetch(FetchedObject& object, FetchedBlock& block, std::unique_lock<std::mutex>& lock);
 
     std::vector<FetchedBlockPtr> obtain(const std::string& key, const ByteRange& range);
-    std::unique_ptr<char[]> download(const std::string& key, const ByteRange& range);
+    void download(const std::string& key, const ByteRange& range, char* bytes);
 
     cloudprovider::CloudClient& m_inner;
     const std::uint64_t m_mostAhead;  // bytes of one window
     const std::uint64_t m_wholePiece; // bytes of one block, unless a reader asks for more at once
-    MemoryBudget m_budget;            // outlives the blocks
+    BufferPool m_buffers;             // outlives the blocks
 
     // Lock order: the lock of m_threads may be taken when this one is held, never the other way.
     std::mutex m_mutex;                // guards what follows, but for m_threads, and what the objects hold

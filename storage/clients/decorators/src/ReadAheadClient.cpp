@@ -26,7 +26,8 @@ void ReadAheadClient::deleteObject(const std::string& key)
 void ReadAheadClient::getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last)
 {
     const bool isWhole = first == 0 && last == 0;
-    if (isWhole || last < first || !m_readAhead->read(key, out, {first, last - first + 1}))
+    const std::uint64_t size = last - first + 1; // 0: more than a number can tell, or nothing
+    if (isWhole || last < first || size == 0 || !m_readAhead->read(key, out, {first, size}))
     {
         ForwardingClient::getObjectRange(key, out, first, last);
     }

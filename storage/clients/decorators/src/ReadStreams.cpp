@@ -19,7 +19,7 @@ ReadStreams::Ahead ReadStreams::advance(
         if (other.position == stream->position)
         {
             stream->window = std::max(stream->window, other.window);
-            stream->inARow = std::max(stream->inARow, other.inARow);
+            stream->toGo = std::min(stream->toGo, other.toGo);
         }
     }
     std::rotate(m_streams.begin(), stream, stream + 1);
@@ -35,25 +35,25 @@ ReadStreams::Streams::iterator ReadStreams::match(const ByteRange& read, std::ui
         m_streams.begin(), m_streams.end(), [&](const Stream& stream) { return stream.position == read.offset; });
     if (next != m_streams.end())
     {
-        ++next->inARow;
-        const unsigned enough = next == m_streams.begin() ? 2 : 3;
+        next->toGo = std::max(next->toGo, 1U) - 1;
         const bool isOpen = next->window != 0;
-        next->window = isOpen ? std::min(next->window * 2, mostAhead) : next->inARow >= enough ? read.size : 0;
+        next->window = isOpen ? std::min(next->window * 2, mostAhead) : next->toGo == 0 ? read.size : 0;
         return next;
     }
+    const Stream begun{.toGo = read.offset == 0 ? 1U : 2U};
     const auto jump = std::find_if(m_streams.begin(), m_streams.end(),
         [&](const Stream& stream)
         { return stream.position < read.offset && read.offset - stream.position < stream.window; });
     if (jump != m_streams.end())
     {
-        *jump = Stream{.inARow = 1};
+        *jump = begun;
         return jump;
     }
     if (m_streams.size() == mostStreams)
     {
         m_streams.pop_back();
     }
-    return m_streams.insert(m_streams.end(), Stream{.inARow = 1});
+    return m_streams.insert(m_streams.end(), begun);
 }
 
 bool ReadStreams::wants(const ByteRange& range) const
@@ -85,7 +85,7 @@ void ReadStreams::closeAll()
     for (Stream& stream : m_streams)
     {
         stream.window = 0;
-        stream.inARow = 1;
+        stream.toGo = 1;
     }
 }
 

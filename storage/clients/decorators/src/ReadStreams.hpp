@@ -11,10 +11,11 @@ namespace storage::clients
 
 /// Guesses from the ranges read of one object which of its readers go on, and how far ahead it pays to fetch for each.
 ///
-/// A stream is the place where a reader stopped. A range that begins there goes on with it. The second range in a row
-/// opens a window of that size behind it, which every further one doubles. When ranges from elsewhere came in between,
-/// only the third does: with several streams about, random ranges follow one of them by chance. Whoever leaves the
-/// place loses the window: at once by a jump into it, else after as many other beginnings as there are streams.
+/// A stream is the place where a reader stopped. A range that begins there goes on with it. Of a stream that began
+/// where the object does, the second range in a row opens a window of that size behind it, which every further one
+/// doubles. Of one that began elsewhere only the third does: a single look across two parts is two ranges, and with
+/// several streams about, random ranges follow one of them by chance. Whoever leaves the place loses the window: at
+/// once by a jump into it, else after as many other beginnings as there are streams.
 ///
 /// Calculates only: no threads, no locks, no bytes.
 class ReadStreams
@@ -56,7 +57,7 @@ private:
     {
         std::uint64_t position = 0; // where the next range would begin
         std::uint64_t window = 0;   // bytes from there; 0: closed
-        unsigned inARow = 0;        // ranges read
+        unsigned toGo = 0;          // ranges that must follow before a window opens
         std::uint64_t lastRead = 0; // its number
     };
     using Streams = std::vector<Stream>;

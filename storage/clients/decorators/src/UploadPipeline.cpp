@@ -84,11 +84,11 @@ std::string UploadPipeline::send(
     {
         return m_inner.uploadPart(key, id, part, content);
     }
-    std::optional<BufferPool::Lease> bytes = m_buffers.acquire(part.Size);
+    std::optional<BufferPool::Lease> bytes = m_threads.start() ? m_buffers.acquire(part.Size) : std::nullopt;
     reportFailure(*upload);
     if (!bytes)
     {
-        return sendHere(upload, part, content);
+        return transferHere(upload, part.Index, [&] { return m_inner.uploadPart(key, id, part, content); });
     }
     readContent(key, content, bytes->data(), part.Size);
     return enqueue(upload, part, std::move(bytes));
@@ -104,6 +104,10 @@ std::string UploadPipeline::copy(const std::string& key, const std::string& id, 
         return m_inner.copyPart(key, id, source);
     }
     reportFailure(*upload);
+    if (!m_threads.start())
+    {
+        return transferHere(upload, part.Index, [&] { return m_inner.copyPart(key, id, source); });
+    }
     return enqueue(upload, source, std::nullopt);
 }
 
@@ -117,8 +121,9 @@ void UploadPipeline::abort(const std::string& key, const std::string& id)
     }
     {
         Lock lock(m_mutex);
-        dropWaiting(*upload, lock);
+        dropUnstored(*upload, lock);
         waitUntilIdle(*upload, lock);
+        dropUnstored(*upload, lock); // what has failed meanwhile; should the abort fail, nobody may ask for it any more
     }
     try
     {
@@ -172,38 +177,39 @@ void UploadPipeline::reportFailure(Upload& upload)
     }
 }
 
-/// Send a part from the caller's stream. Its tag is that of the client below, as there is nothing to wait for. If it
+/// Transfer a part on the caller's thread. Its tag is that of the client below, as there is nothing to wait for. If it
 /// fails, an earlier transfer of the part stands.
-std::string UploadPipeline::sendHere(const UploadPtr& upload, const PartInfo& part, std::istream& content)
+template <typename Call>
+std::string UploadPipeline::transferHere(const UploadPtr& upload, std::size_t index, Call call)
 {
     Lock lock(m_mutex);
     TransferPtr earlier;
     m_changed.wait(lock,
         [&]
         {
-            earlier = newest(*upload, part.Index);
+            earlier = newest(*upload, index);
             const bool waits = earlier && earlier->state == Transfer::State::Waiting;
-            return !waits && !upload->running.contains(part.Index);
+            return !waits && !upload->running.contains(index);
         });
-    upload->running.insert(part.Index);
+    upload->running.insert(index);
     ++upload->unfinished;
     lock.unlock();
     std::string tag;
     std::exception_ptr failure;
     try
     {
-        tag = m_inner.uploadPart(upload->key, upload->id, part, content);
+        tag = call();
     }
     catch (...)
     {
         failure = std::current_exception();
     }
     lock.lock();
-    if (!failure && newest(*upload, part.Index) == earlier)
+    if (!failure && newest(*upload, index) == earlier)
     {
-        upload->parts.erase(part.Index);
+        upload->parts.erase(index);
     }
-    finish(upload, part.Index, lock);
+    finish(upload, index, lock);
     if (failure)
     {
         std::rethrow_exception(failure);
@@ -303,19 +309,21 @@ void UploadPipeline::finish(const UploadPtr& upload, std::size_t index, const Lo
     m_changed.notify_all();
 }
 
-/// Forget a transfer that has not begun; others stay what they are.
+/// Forget a transfer that has not begun or has failed; others stay what they are.
 void UploadPipeline::drop(Upload& upload, Transfer& transfer, const Lock&)
 {
-    if (transfer.state == Transfer::State::Waiting)
+    const bool isWaiting = transfer.state == Transfer::State::Waiting;
+    if (isWaiting || transfer.state == Transfer::State::Failed)
     {
         transfer.state = Transfer::State::Dropped;
         transfer.bytes.reset();
-        --upload.unfinished;
+        upload.unfinished -= isWaiting ? 1 : 0;
         m_changed.notify_all();
     }
 }
 
-void UploadPipeline::dropWaiting(Upload& upload, const Lock& lock)
+/// Forget all transfers but those that run or have been stored.
+void UploadPipeline::dropUnstored(Upload& upload, const Lock& lock)
 {
     for (const auto& [index, transfer] : upload.parts)
     {
@@ -359,9 +367,15 @@ std::string UploadPipeline::storedTag(const Upload& upload, const PartInfo& part
                         "last upload",
                 quoted(upload.key), part.Index, quoted(part.Tag)));
     }
-    if (transfer->state != Transfer::State::Stored)
+    if (transfer->state == Transfer::State::Failed)
     {
         std::rethrow_exception(transfer->failure);
+    }
+    if (transfer->state == Transfer::State::Dropped)
+    {
+        throw UnknownErrorException("Invalid parts",
+            fmt::format("completing the upload of {}: part {} was dropped by an abort, which then failed",
+                quoted(upload.key), part.Index));
     }
     return transfer->innerTag;
 }
@@ -417,7 +431,7 @@ std::string UploadPipeline::sourceTag(const std::string& tag)
 void UploadPipeline::end(Upload& upload)
 {
     const Lock lock(m_mutex);
-    dropWaiting(upload, lock);
+    dropUnstored(upload, lock);
     for (const auto& [index, transfer] : upload.parts)
     {
         if (transfer->state == Transfer::State::Stored)
@@ -427,10 +441,6 @@ void UploadPipeline::end(Upload& upload)
     }
     upload.parts.clear();
     m_uploads.erase({upload.key, upload.id});
-    if (m_uploads.empty())
-    {
-        m_buffers.trim();
-    }
 }
 
 } // namespace storage::clients

@@ -76,7 +76,8 @@ private:
     // A lock as argument says that m_mutex is held, as it must be for newest() too; the others take it themselves.
     UploadPtr find(const std::string& key, const std::string& id);
     void reportFailure(Upload& upload);
-    std::string sendHere(const UploadPtr& upload, const cloudprovider::PartInfo& part, std::istream& content);
+    template <typename Call>
+    std::string transferHere(const UploadPtr& upload, std::size_t index, Call call);
     std::string enqueue(
         const UploadPtr& upload, const cloudprovider::PartInfo& part, std::optional<BufferPool::Lease> bytes);
     void post(const UploadPtr& upload, const TransferPtr& transfer);
@@ -84,7 +85,7 @@ private:
     std::string perform(const Upload& upload, Transfer& transfer);
     void finish(const UploadPtr& upload, std::size_t index, const Lock& lock);
     void drop(Upload& upload, Transfer& transfer, const Lock& lock);
-    void dropWaiting(Upload& upload, const Lock& lock);
+    void dropUnstored(Upload& upload, const Lock& lock);
     void waitUntilIdle(const Upload& upload, Lock& lock);
     void retryFailed(const UploadPtr& upload, const std::vector<cloudprovider::PartInfo>& parts, Lock& lock);
     std::string storedTag(const Upload& upload, const cloudprovider::PartInfo& part, const Lock& lock) const;

@@ -29,6 +29,21 @@ WorkerThreads::~WorkerThreads()
     }
 }
 
+bool WorkerThreads::start()
+try
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_threads.empty())
+    {
+        startThread();
+    }
+    return true;
+}
+catch (const std::system_error&)
+{
+    return false; // the log has it
+}
+
 void WorkerThreads::post(std::function<void()> task)
 {
     const std::lock_guard lock(m_mutex);
@@ -48,12 +63,12 @@ void WorkerThreads::startThread()
     }
     catch (const std::system_error& failure)
     {
+        cloudprovider::getLogger().write(foundation::log::severity::warning,
+            "Going on with " + std::to_string(m_threads.size()) + " threads, no further one starts: " + failure.what());
         if (m_threads.empty())
         {
             throw;
         }
-        cloudprovider::getLogger().write(foundation::log::severity::warning,
-            "Going on with " + std::to_string(m_threads.size()) + " threads, no further one starts: " + failure.what());
     }
 }
 

@@ -24,9 +24,14 @@ public:
     /// Run what was posted, then end the threads.
     ~WorkerThreads();
 
+    /// Start the first thread, unless there is one.
+    /// @return false: none can be had
+    bool start();
+
     /// Have a task run.
     /// @param task  must not throw
-    /// @throws std::system_error when not even one thread can be had; the task will not run then
+    /// @throws std::system_error when not even one thread can be had, never after start() has been true; the task will
+    ///         not run then
     void post(std::function<void()> task);
 
 private:

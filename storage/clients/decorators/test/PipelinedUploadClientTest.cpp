@@ -1,3 +1,5 @@
+#include "Threads.hpp"
+
 #include <storage/clients/common/TransientException.hpp>
 #include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/decorators/PipelinedUploadClient.hpp>
@@ -10,12 +12,12 @@
 
 #include <gmock/gmock.h>
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <condition_variable>
 #include <cstdlib>
-#include <filesystem>
 #include <future>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -26,8 +28,6 @@
 #include <utility>
 #include <vector>
 
-extern "C" [[gnu::weak]] void __tsan_init(); // not null under ThreadSanitizer
-
 namespace storage::clients
 {
 
@@ -36,16 +36,6 @@ namespace
 
 using namespace cloudprovider;
 namespace fsp = foundation::storage::provider;
-
-/// Wait until this process has so many threads, of which one that was joined may be there for a moment more.
-void awaitThreads(std::ptrdiff_t count)
-{
-    const auto now = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
-    while (__tsan_init == nullptr && now() != count) // the sanitizer has a thread too, and tells of those that are left
-    {
-        std::this_thread::yield();
-    }
-}
 
 /// A store in memory whose transfers pass a gate, open at first, and are watched while they are inside.
 class GatedStore : public MemoryClient
@@ -200,6 +190,25 @@ TEST_F(PipelinedUploadClientTest, OneTransferIsTheCallersOwn)
     EXPECT_EQ(store->get("k"), "bytes") << "expected the store's own tag";
 }
 
+TEST_F(PipelinedUploadClientTest, WithoutThreadsEverythingIsTheCallersOwn)
+{
+    store->put("k", "old");
+    begin(4);
+    pthread_attr_t usual;
+    ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
+    pthread_attr_t impossible = usual;
+    ASSERT_EQ(pthread_attr_setstacksize(&impossible, std::size_t{1} << 60U), 0);
+    ASSERT_EQ(pthread_setattr_default_np(&impossible), 0);
+    const PartInfo sent = send(0, "new");
+    const PartInfo copied = copy({1, 0, 3, storedTag()});
+    ASSERT_EQ(pthread_setattr_default_np(&usual), 0);
+    EXPECT_TRUE(store->wasSentHere(0));
+    EXPECT_TRUE(store->wasSentHere(1));
+    complete({sent, copied, send(2, "newer")});
+    EXPECT_FALSE(store->wasSentHere(2)) << "there are threads again";
+    EXPECT_EQ(store->get("k"), "newoldnewer");
+}
+
 TEST_F(PipelinedUploadClientTest, HoldsNoMoreBytesThanAllowed)
 {
     begin(4, 25);
@@ -255,12 +264,14 @@ TEST_F(PipelinedUploadClientTest, AbortDropsWhatHasNotBegunAndWaitsForTheRest)
 {
     begin(2, 50);
     store->setOpen(false);
+    PartInfo last;
     for (std::size_t i = 0; i < 5; ++i)
     {
-        send(i, "some bytes");
+        last = send(i, "some bytes");
     }
     store->awaitInside(2);
     const std::string aborted = std::exchange(upload, client->createMultipartUpload("k", ""));
+    store->faults().inject({.operation = Operation::UploadPart, .call = 1}); // of the two that are under way
     store->faults().inject({.operation = Operation::AbortMultipartUpload, .call = 1});
     auto aborting = std::async(std::launch::async, [&] { client->abortMultipartUpload("k", aborted); });
     const PartInfo part = send(0, "new bytes"); // finds a buffer when three parts were dropped
@@ -271,6 +282,9 @@ TEST_F(PipelinedUploadClientTest, AbortDropsWhatHasNotBegunAndWaitsForTheRest)
     EXPECT_EQ(calls(Operation::UploadPart), 3U);
 
     upload = client->createMultipartUpload("k", "");
+    await(send(0, std::string(50, 'x')));
+    EXPECT_FALSE(store->wasSentHere(0)) << "expected all buffers back";
+    EXPECT_THROW(client->completeMultipartUpload("k", aborted, {last}), UnknownErrorException);
     store->abortMultipartUpload("k", upload);
     EXPECT_THROW(client->abortMultipartUpload("k", upload), ResourceNotFoundException);
     const std::uint64_t aborts = calls(Operation::AbortMultipartUpload);

@@ -1,3 +1,4 @@
+#include "Threads.hpp"
 #include "WatchedClient.hpp"
 
 #include <storage/clients/decorators/FindInterface.hpp>
@@ -43,6 +44,11 @@ protected:
     using Ranges = std::vector<std::uint64_t>;
 
     ReadAheadClientTest() { decorate({.transfers = 1, .memory = 100 * size}); }
+    ~ReadAheadClientTest() override
+    {
+        client.reset();
+        awaitThreads(1);
+    }
 
     /// Begin anew, with "k" open.
     void decorate(const ReadAheadSettings& settings)
@@ -162,7 +168,8 @@ TEST_F(ReadAheadClientTest, FetchesNothingThatNobodyIsExpectedToAskFor)
         {"one in the middle", {20}},
         {"one at the begin", {0}},
         {"random ones", {20, 5, 30, 1, 10, 21, 33}},
-        {"the last ones", {38, 39}},
+        {"one look across two parts", {20, 21}},
+        {"the last ones", {37, 38, 39}},
         {"unknown size", {0, 1, 2, 3},
             [&](const std::string& key) { client->deleteObject(key), store->put(key, version(1)); }},
         {"doubtful size", {0, 1, 2, 3},
@@ -191,13 +198,14 @@ TEST_F(ReadAheadClientTest, FetchesNothingThatNobodyIsExpectedToAskFor)
         std::ostringstream out;
         client->getObjectRange(row.name, out, 3, 2);
         EXPECT_THROW(client->getObjectRange(row.name, out, 39 * size, 40 * size), UnknownErrorException);
+        EXPECT_THROW(client->getObjectRange(row.name, out, 0, UINT64_MAX), UnknownErrorException);
 
         const std::string last = std::string(row.name) + "/last"; // the one thread comes to it after everything else
         open(last);
         readOld({0, 1}, last);
         watched->asked(last, 3);
         Ranges expected = row.ranges;
-        expected.insert(expected.end(), {3 / size, 39});
+        expected.insert(expected.end(), {3 / size, 39, 0});
         EXPECT_EQ(watched->asked(row.name), expected);
     }
 }
@@ -276,6 +284,19 @@ TEST_F(ReadAheadClientTest, StaysWithinItsMemoryAndTakesItFromTheIdle)
     watched->asked("other", 3);
 }
 
+TEST_F(ReadAheadClientTest, DropsWhatAReaderLeftWhenOthersHaveReadOnForLong)
+{
+    open("left");
+    readOld({0, 1, 2}, "left");
+    watched->asked("left", 5); // 3 and 4 are on their way
+    readOld(Ranges(100, 20));
+    readOld({3}, "left");
+    EXPECT_THAT(watched->asked("left"), Contains(3).Times(1)) << "expected some patience, as there is memory";
+    readOld(Ranges(400, 20));
+    readOld({4}, "left");
+    EXPECT_THAT(watched->asked("left"), Contains(4).Times(2));
+}
+
 TEST_F(ReadAheadClientTest, AFailureClosesTheWindow)
 {
     store->faults().setHook([reader = std::this_thread::get_id()](Operation, const std::string&)
@@ -318,6 +339,7 @@ TEST_F(ReadAheadClientTest, AFileIsReadRightOrNotAtAllWhateverFails)
         {
             EXPECT_LE(call, 5U) << "expected only what the reader itself asks for to fail it: " << failure.what();
         }
+        awaitThreads(1);
         struck = store->callSnapshot().totalCalls() - before >= call;
         store->faults().clearFaults();
     }

@@ -32,16 +32,19 @@ struct PipelineSettings
 ///
 /// Memory: uploadPart() waits while the buffers are all in use. A part that is larger than all of them together, or
 /// that finds too many kept for failed parts, is sent on the caller's thread without a copy. Memory is given back to
-/// the system when no upload is open.
+/// the system when no part is on its way or kept.
 ///
 /// Failures: a transfer that failed keeps its bytes. What it threw is thrown once by the next uploadPart() or
-/// copyPart() of the upload, which then takes nothing and may be made again. completeMultipartUpload() tries the failed
-/// parts that are listed once more, and throws what that throws before anything is completed; the upload stays open,
-/// and completing may be tried again. So an upload is complete only with every part as it was last sent. A part whose
-/// bytes cannot be read from the caller's stream fails its own call and leaves the part as it was.
+/// copyPart() of the upload, which then takes nothing and may be made again; of several that failed since the last such
+/// report, only the first is told there. completeMultipartUpload() tries the failed parts that are listed once more,
+/// and throws what that throws before anything is completed; the upload stays open, and completing may be tried again.
+/// So an upload is complete only with every part as it was last sent. A part whose bytes cannot be read from the
+/// caller's stream fails its own call and leaves the part as it was.
 ///
-/// abortMultipartUpload() drops what has not begun and waits for what is under way, which takes as long as a transfer
-/// may take below. Destruction aborts every upload that is still open; what fails then is logged.
+/// abortMultipartUpload() drops what has not begun or has failed and waits for what is under way, which takes as long
+/// as a transfer may take below. If the client below then fails to abort, the upload stays open and may be aborted
+/// again; completing it with a part that was dropped fails with UnknownErrorException until that part is sent anew.
+/// Destruction aborts every upload that is still open; what fails then is logged.
 ///
 /// Tags: an own tag stands for the real one in copyPart() and createMultipartUpload() too, where the real one is known:
 /// for the last 20,000 parts of uploads that have ended. A copyPart() with another own tag fails with
@@ -49,9 +52,9 @@ struct PipelineSettings
 /// waits for that part if it is on its way, and otherwise tells the client below no tag.
 ///
 /// Threads: any, at the same time. Own threads start when they are needed first, at most one for each transfer, and end
-/// with the client; calls of the client below come from them too. No lock is held meanwhile. Besides CloudExceptions a
-/// call may throw std::bad_alloc for want of memory and std::system_error if no thread can be started. Destroy it when
-/// no call is under way.
+/// with the client; calls of the client below come from them too. No lock is held meanwhile. Where not even one can be
+/// started, parts are sent and copied on the caller's thread. Besides CloudExceptions a call may throw std::bad_alloc
+/// for want of memory. Destroy it when no call is under way.
 class PipelinedUploadClient : public ForwardingClient
 {
 public:

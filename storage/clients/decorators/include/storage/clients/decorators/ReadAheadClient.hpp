@@ -26,11 +26,13 @@ struct ReadAheadSettings
 
 /// Fetch what a sequential reader will ask for next, on threads of its own, while the reader is still busy.
 ///
-/// A reader is sequential from the second range on that begins where the one before it ended; from the third, when the
-/// object is read in other places too. So neither a look into the middle of an object nor the first range of one
-/// fetches anything ahead. The window begins with one range, is doubled by each that follows, and closes when the
-/// reader turns elsewhere. Up to 8 readers of one object are told apart; those in step share what is fetched. What was
-/// read by all of them is dropped, and what nobody comes for is when others need the memory.
+/// A reader that begins where the object does is sequential from the second range on that begins where the one before
+/// it ended; one that begins elsewhere from the third. So neither a look into the middle of an object, even one across
+/// two parts, nor the first range of an object fetches anything ahead. The window begins with one range, is doubled by
+/// each that follows, and closes when the reader turns elsewhere. Up to 8 readers of one object are told apart; those
+/// in step share what is fetched. What was read by all of them is dropped, and what nobody comes for is when others
+/// have read some hundreds of ranges meanwhile, or need the memory. So as long as nobody else reads, what the last
+/// readers have left stays, within `memory`.
 ///
 /// Only objects are fetched ahead of which getObjectParts() has told the size, through this client and after its last
 /// write; of more than 256 those not used for longest are forgotten. The whole object (0, 0) and ranges that nobody
