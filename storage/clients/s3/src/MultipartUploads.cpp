@@ -192,25 +192,39 @@ void MultipartUploads::complete(const std::string& key, const std::string& id, c
 {
     const auto upload = m_uploads.find(key, id);
     const Completion completion = prepare(*upload, id, parts);
-    KnownVersions::Write write(m_versions, key);
-    std::string tag;
+    const std::size_t madeBefore = upload->madeCount();
     try
     {
-        tag = endUpload(*upload, completion, makeParts(*upload, completion));
+        m_uploads.finish(id, makeObject(*upload, completion));
+    }
+    catch (const TransientException& failure)
+    {
+        const bool gotFurther = upload->madeCount() > madeBefore; // never more often than there are planned parts
+        throw TransientException(failure.what(), failure.detail(), failure.retryAfter(), gotFurther);
+    }
+}
+
+/// @return the new object's entity tag
+std::string MultipartUploads::makeObject(Upload& upload, const Completion& completion)
+{
+    KnownVersions::Write write(m_versions, upload.key());
+    try
+    {
+        std::string tag = endUpload(upload, completion, makeParts(upload, completion));
+        if (!tag.empty())
+        {
+            write.succeeded({tag, completion.plan.size});
+        }
+        return tag;
     }
     catch (...)
     {
-        if (!upload->endInDoubt())
+        if (!upload.endInDoubt())
         {
             write.changedNothing();
         }
         throw;
     }
-    if (!tag.empty())
-    {
-        write.succeeded({tag, completion.plan.size});
-    }
-    m_uploads.finish(id, tag);
 }
 
 MultipartUploads::Completion MultipartUploads::prepare(

@@ -25,7 +25,7 @@ namespace storage::clients::s3
 ///
 /// Parts that the store takes as they are go to it at once. Copies, and small parts of a file that had other content
 /// before, are only noted: the completion knows what stands beside them, and makes few requests of all, several at a
-/// time.
+/// time. What it has made stays when it fails, so that a repeated one makes only what is missing.
 class MultipartUploads
 {
 public:
@@ -62,6 +62,7 @@ private:
     Version requireSource(const cloudprovider::PartInfo& part, const S3Request& request);
     UploadLimits limitsFor(const std::string& key) const;
     Completion prepare(const Upload& upload, const std::string& id, const std::vector<cloudprovider::PartInfo>& parts);
+    std::string makeObject(Upload& upload, const Completion& completion);
     NumberedTags makeParts(Upload& upload, const Completion& completion);
     std::string makePart(Upload& upload, const PlannedPart& part, const Version& source);
     std::string gather(const Upload& upload, const PlannedPart& part, const Version& source);

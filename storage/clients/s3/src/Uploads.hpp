@@ -68,6 +68,7 @@ public:
     void setMade(const PlannedPart& part, const std::string& tag);
     /// @return its entity tag; nothing when it is still to be made
     std::optional<std::string> made(const PlannedPart& part) const;
+    std::size_t madeCount() const;
 
     /// Whether an earlier request to end the upload was sent and its answer lost.
     bool endInDoubt() const;

@@ -2,12 +2,14 @@
 
 #include "signing/Hashing.hpp"
 
+#include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/clients/s3/S3Client.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <sstream>
 
@@ -27,6 +29,15 @@ using test::Request;
 const std::string bytes = "new";
 const std::string partTag = toHex(md5(bytes));
 const std::string newTag = toHex(md5(md5(bytes))) + "-1";
+
+S3Settings settingsFor(const LoopbackServer& server)
+{
+    return {.bucket = "bucket",
+        .endpoint = server.url(),
+        .region = "us-east-1",
+        .pathStyle = true,
+        .credentials = anonymousCredentials()};
+}
 
 /// A store of one object that does what the first completion asks for, and loses the answer.
 class ForgetfulStore
@@ -99,12 +110,9 @@ TEST_P(CompletionTest, IsLookedIntoWhenItHasArrivedTwice)
         {
             ForgetfulStore store(GetParam().reply, made);
             LoopbackServer server([&](const Request& request) { return store(request); });
-            S3Client client({.bucket = "bucket",
-                .endpoint = server.url(),
-                .region = "us-east-1",
-                .pathStyle = true,
-                .capabilities = {.conditionalCompletion = isConditional},
-                .credentials = anonymousCredentials()});
+            S3Settings settings = settingsFor(server);
+            settings.capabilities.conditionalCompletion = isConditional;
+            S3Client client(settings);
             const std::string upload = client.createMultipartUpload("key", "old");
             std::istringstream content(bytes);
             const std::string tag = client.uploadPart("key", upload, {0, 0, bytes.size(), ""}, content);
@@ -133,6 +141,73 @@ INSTANTIATE_TEST_SUITE_P(Answers, CompletionTest,
         Second{"changed", {412, {}, "<Error><Code>PreconditionFailed</Code></Error>"}},
         Second{"lost", Reply::raw("", Reply::Then::Close)}),
     [](const auto& row) { return std::string(row.param.name); });
+
+constexpr std::uint64_t gibi = 1 << 30;
+
+bool isCopy(const Request& request)
+{
+    return request.count("x-amz-copy-source") > 0;
+}
+
+/// A store of one object, which has as many bytes as it is told to say.
+class LargeObject
+{
+public:
+    explicit LargeObject(std::uint64_t size)
+        : m_size(size)
+    {
+    }
+
+    Reply operator()(const Request& request) const
+    {
+        switch (request.method())
+        {
+        case boost::beast::http::verb::head:
+            return {.fields = {{"ETag", "\"old\""}, {"Last-Modified", "Sat, 01 Jan 2022 00:00:00 GMT"},
+                        {"Content-Length", std::to_string(m_size)}}};
+        case boost::beast::http::verb::put:
+            return {.fields = {{"ETag", '"' + partTag + '"'}},
+                .body = isCopy(request) ? "<CopyPartResult><ETag>" + partTag + "</ETag></CopyPartResult>" : ""};
+        default:
+            return {
+                .body = request.target().find("uploadId=") == boost::beast::string_view::npos
+                            ? "<InitiateMultipartUploadResult><UploadId>1</UploadId></InitiateMultipartUploadResult>"
+                            : "<CompleteMultipartUploadResult><ETag>new</ETag></CompleteMultipartUploadResult>"};
+        }
+    }
+
+private:
+    const std::uint64_t m_size;
+};
+
+/// Make a new object of the bytes of the old one.
+void copyAll(cloudprovider::CloudClient& client, std::uint64_t size)
+{
+    const std::string upload = client.createMultipartUpload("key", "old");
+    cloudprovider::PartInfo part{0, 0, size, "old"};
+    part.Tag = client.copyPart("key", upload, part);
+    client.completeMultipartUpload("key", upload, {part});
+}
+
+TEST(LongCompletionTest, IsGivenNewPatienceForWhatItMadeAndMakesNothingTwice)
+{
+    std::atomic<int> seconds = 0;
+    std::atomic<int> copies = 0;
+    const LargeObject store(12 * gibi);
+    LoopbackServer server(
+        [&](const Request& request)
+        {
+            seconds += isCopy(request) ? 121 : 0; // longer than anybody waits
+            return isCopy(request) && ++copies == 2 ? Reply{.status = 503} : store(request);
+        });
+    S3Settings settings = settingsFor(server);
+    settings.transfers = 1;
+    const auto now = [&] { return std::chrono::steady_clock::time_point(std::chrono::seconds(seconds)); };
+    RetryingClient client(
+        std::make_shared<S3Client>(settings), {}, {now, [](auto) {}, [](auto) { return RetryClock::Duration(0); }});
+    EXPECT_NO_THROW(copyAll(client, 12 * gibi));
+    EXPECT_EQ(copies, 3 + 1);
+}
 
 } // namespace
 
