@@ -314,6 +314,7 @@ std::string MultipartUploads::makePart(Upload& upload, const PlannedPart& part, 
             "x-amz-copy-source-range", fmt::format("bytes={}-{}", range.offset, range.offset + range.size - 1));
     }
     request.storeWorks = true;
+    request.storeMoves = range.size * m_transfers; // as many copies of about this size may be under way
     return m_requester.sendAndRead(request, readCopiedPart);
 }
 

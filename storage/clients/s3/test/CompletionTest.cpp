@@ -209,6 +209,24 @@ TEST(LongCompletionTest, IsGivenNewPatienceForWhatItMadeAndMakesNothingTwice)
     EXPECT_EQ(copies, 3 + 1);
 }
 
+TEST(LongCompletionTest, WaitsLongerForLargerCopies)
+{
+    const LargeObject store(gibi);
+    LoopbackServer server(
+        [&](const Request& request)
+        {
+            Reply reply = store(request);
+            reply.pause = std::chrono::milliseconds(isCopy(request) ? 30 : 0); // some seconds for all of its bytes
+            return reply;
+        });
+    S3Settings settings = settingsFor(server);
+    settings.timeouts.stallBytesPerSecond = 1 << 20;
+    settings.timeouts.storeWorkWindow = std::chrono::seconds(1);
+    settings.timeouts.storeBytesPerSecond = 1 << 20;
+    S3Client client(settings);
+    EXPECT_NO_THROW(copyAll(client, gibi));
+}
+
 } // namespace
 
 } // namespace storage::clients::s3
