@@ -11,10 +11,12 @@
 #include <storage/clients/common/TransientException.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
+#include <boost/iostreams/device/array.hpp>
+#include <boost/iostreams/stream_buffer.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <sstream>
+#include <ostream>
 #include <utility>
 
 namespace storage::clients::s3
@@ -268,7 +270,9 @@ MultipartUploads::Completion MultipartUploads::prepare(
 MultipartUploads::NumberedTags MultipartUploads::makeParts(Upload& upload, const Completion& completion)
 {
     NumberedTags tags;
-    std::vector<std::function<void()>> tasks;
+    Tasks copies;
+    Tasks sends;
+    std::uint64_t largestSend = 1;              // bytes, all of which are in memory
     tags.reserve(completion.plan.parts.size()); // tasks refer to its elements
     for (const PlannedPart& part : completion.plan.parts)
     {
@@ -283,6 +287,9 @@ MultipartUploads::NumberedTags MultipartUploads::makeParts(Upload& upload, const
         }
         else
         {
+            const bool isSent = part.how == PlannedPart::How::Send;
+            largestSend = std::max(largestSend, isSent ? part.size : 0);
+            Tasks& tasks = isSent ? sends : copies;
             tasks.emplace_back(
                 [&, &tag = tags.back().second]
                 {
@@ -291,7 +298,7 @@ MultipartUploads::NumberedTags MultipartUploads::makeParts(Upload& upload, const
                 });
         }
     }
-    runParallel(m_transfers, tasks);
+    runParallel(m_transfers, copies, std::max<std::size_t>(m_memory / largestSend, 1), sends);
     return tags;
 }
 
@@ -321,22 +328,25 @@ std::string MultipartUploads::makePart(Upload& upload, const PlannedPart& part, 
 /// The bytes of a part that goes over the wire.
 std::string MultipartUploads::gather(const Upload& upload, const PlannedPart& part, const Version& source)
 {
-    std::string all;
-    all.reserve(part.size);
+    std::string all(part.size, '\0');
+    char* target = all.data();
     for (const PlannedBytes& bytes : part.bytes)
     {
         if (bytes.place == PartPlace::Client)
         {
-            all += upload.held(bytes);
-            continue;
+            upload.readHeld(bytes, target);
         }
-        std::ostringstream read;
-        if (!m_objects.readVersion(
-                Operation::CopyPart, upload.key(), read, ByteRange{bytes.offset, bytes.size}, source))
+        else
         {
-            throwChanged(m_requester.contextOf({Operation::CopyPart, upload.key(), "GET"}));
+            boost::iostreams::stream_buffer<boost::iostreams::basic_array_sink<char>> memory(target, bytes.size);
+            std::ostream out(&memory);
+            if (!m_objects.readVersion(
+                    Operation::CopyPart, upload.key(), out, ByteRange{bytes.offset, bytes.size}, source))
+            {
+                throwChanged(m_requester.contextOf({Operation::CopyPart, upload.key(), "GET"}));
+            }
         }
-        all += read.view();
+        target += bytes.size;
     }
     return all;
 }

@@ -29,13 +29,13 @@ namespace storage::clients::s3
 class MultipartUploads
 {
 public:
-    MultipartUploads(Requester& requester, KnownVersions& versions, Objects& objects,
-        const EndpointCapabilities& capabilities, std::size_t transfers)
+    MultipartUploads(Requester& requester, KnownVersions& versions, Objects& objects, const S3Settings& settings)
         : m_requester(requester)
         , m_versions(versions)
         , m_objects(objects)
-        , m_capabilities(capabilities)
-        , m_transfers(transfers)
+        , m_capabilities(settings.capabilities)
+        , m_transfers(settings.transfers)
+        , m_memory(settings.memory / 2)
     {
     }
 
@@ -76,6 +76,7 @@ private:
     Objects& m_objects;
     const EndpointCapabilities m_capabilities;
     const std::size_t m_transfers; // at a time, in one completion
+    const std::uint64_t m_memory;  // bytes, of what one completion sends at a time
     Uploads m_uploads;
     std::mutex m_mutex;                    // innermost
     std::set<std::string> m_abortsInDoubt; // guarded by m_mutex; uploads of others whose abort got no answer

@@ -227,6 +227,25 @@ TEST(LongCompletionTest, WaitsLongerForLargerCopies)
     EXPECT_NO_THROW(copyAll(client, gibi));
 }
 
+TEST(LongCompletionTest, SendsOnePartAtATimeWhereMemoryHasNoRoomForTwo)
+{
+    LoopbackServer server(LargeObject(0));
+    S3Settings settings = settingsFor(server);
+    settings.memory = 18 << 20;
+    S3Client client(settings);
+    const std::string upload = client.createMultipartUpload("key", "old");
+    std::vector<cloudprovider::PartInfo> parts;
+    for (std::size_t i = 0; i < 5; ++i) // three parts of the new object
+    {
+        std::istringstream content(std::string(3 << 20, 'x'));
+        parts.push_back({i, 0, 3 << 20, ""});
+        parts.back().Tag = client.uploadPart("key", upload, parts.back(), content);
+    }
+    client.completeMultipartUpload("key", upload, parts);
+    EXPECT_EQ(server.requests().size(), 6U);
+    EXPECT_EQ(server.connections(), 1U);
+}
+
 } // namespace
 
 } // namespace storage::clients::s3
