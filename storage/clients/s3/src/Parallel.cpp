@@ -5,6 +5,7 @@
 #include <exception>
 #include <future>
 #include <mutex>
+#include <system_error>
 
 namespace storage::clients::s3
 {
@@ -43,7 +44,14 @@ void runParallel(std::size_t threads, const Tasks& tasks, std::size_t heavyAtOnc
     std::vector<std::future<void>> helpers;
     for (std::size_t i = 1; i < std::min(threads, tasks.size() + heavyTasks.size()); ++i)
     {
-        helpers.push_back(std::async(std::launch::async, work, i < heavyAtOnce));
+        try
+        {
+            helpers.push_back(std::async(std::launch::async, work, i < heavyAtOnce));
+        }
+        catch (const std::system_error&)
+        {
+            break; // the machine has no more to give, and those that there are do everything
+        }
     }
     work(true);
     for (const std::future<void>& helper : helpers)

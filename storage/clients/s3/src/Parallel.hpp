@@ -11,7 +11,8 @@ using Tasks = std::vector<std::function<void()>>;
 
 /// Run tasks at the same time, each kind in its order, and wait for their end.
 ///
-/// After a failure no further task begins; the failure is thrown when those under way have ended.
+/// Fewer run at once where threads cannot be had. After a failure no further task begins; the failure is thrown when
+/// those under way have ended.
 /// @param threads      most tasks that run at once; the caller's own thread runs some
 /// @param heavyAtOnce  most of the heavy ones that do; 1 at least
 void runParallel(std::size_t threads, const Tasks& tasks, std::size_t heavyAtOnce, const Tasks& heavyTasks);
