@@ -204,6 +204,14 @@ void MultipartUploads::complete(const std::string& key, const std::string& id, c
         const bool gotFurther = upload->madeCount() > madeBefore; // never more often than there are planned parts
         throw TransientException(failure.what(), failure.detail(), failure.retryAfter(), gotFurther);
     }
+    catch (...)
+    {
+        if (!upload->endInDoubt()) // else it was all right, and tells whether the object has come
+        {
+            upload->forgetMade(); // it may be of another version than the one found when all this is tried again
+        }
+        throw;
+    }
 }
 
 /// @return the new object's entity tag

@@ -25,7 +25,7 @@ namespace storage::clients::s3
 ///
 /// Parts that the store takes as they are go to it at once. Copies, and small parts of a file that had other content
 /// before, are only noted: the completion knows what stands beside them, and makes few requests of all, several at a
-/// time. What it has made stays when it fails, so that a repeated one makes only what is missing.
+/// time. What it has made stays when it fails in passing, so that a repeated one makes only what is missing.
 class MultipartUploads
 {
 public:

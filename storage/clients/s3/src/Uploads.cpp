@@ -80,6 +80,12 @@ std::size_t Upload::madeCount() const
     return m_made.size();
 }
 
+void Upload::forgetMade()
+{
+    const std::lock_guard lock(m_mutex);
+    m_made.clear();
+}
+
 std::optional<Upload::Part> Upload::part(std::size_t index) const
 {
     const std::lock_guard lock(m_mutex);

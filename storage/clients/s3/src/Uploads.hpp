@@ -72,6 +72,7 @@ public:
     /// @return its entity tag; nothing when it is still to be made
     std::optional<std::string> made(const PlannedPart& part) const;
     std::size_t madeCount() const;
+    void forgetMade();
 
     /// Whether an earlier request to end the upload was sent and its answer lost.
     bool endInDoubt() const;

@@ -8,6 +8,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <mutex>
@@ -149,7 +150,7 @@ bool isCopy(const Request& request)
     return request.count("x-amz-copy-source") > 0;
 }
 
-/// A store of one object, which has as many bytes as it is told to say.
+/// A store of one object, which has as many bytes as it is told to say. Conditions on copies are ignored.
 class LargeObject
 {
 public:
@@ -158,12 +159,19 @@ public:
     {
     }
 
+    void setTag(const std::string& tag)
+    {
+        const std::lock_guard lock(m_mutex);
+        m_tag = tag;
+    }
+
     Reply operator()(const Request& request) const
     {
+        const std::lock_guard lock(m_mutex);
         switch (request.method())
         {
         case boost::beast::http::verb::head:
-            return {.fields = {{"ETag", "\"old\""}, {"Last-Modified", "Sat, 01 Jan 2022 00:00:00 GMT"},
+            return {.fields = {{"ETag", '"' + m_tag + '"'}, {"Last-Modified", "Sat, 01 Jan 2022 00:00:00 GMT"},
                         {"Content-Length", std::to_string(m_size)}}};
         case boost::beast::http::verb::put:
             return {.fields = {{"ETag", '"' + partTag + '"'}},
@@ -178,6 +186,8 @@ public:
 
 private:
     const std::uint64_t m_size;
+    mutable std::mutex m_mutex;
+    std::string m_tag = "old";
 };
 
 /// Make a new object of the bytes of the old one.
@@ -229,7 +239,8 @@ TEST(LongCompletionTest, WaitsLongerForLargerCopies)
 
 TEST(LongCompletionTest, SendsOnePartAtATimeWhereMemoryHasNoRoomForTwo)
 {
-    LoopbackServer server(LargeObject(0));
+    const LargeObject store(0);
+    LoopbackServer server([&](const Request& request) { return store(request); });
     S3Settings settings = settingsFor(server);
     settings.memory = 18 << 20;
     S3Client client(settings);
@@ -244,6 +255,22 @@ TEST(LongCompletionTest, SendsOnePartAtATimeWhereMemoryHasNoRoomForTwo)
     client.completeMultipartUpload("key", upload, parts);
     EXPECT_EQ(server.requests().size(), 6U);
     EXPECT_EQ(server.connections(), 1U);
+}
+
+TEST(LongCompletionTest, TakesNothingThatWasMadeOfAnotherVersion)
+{
+    LargeObject store(gibi);
+    LoopbackServer server([&](const Request& request) { return store(request); });
+    S3Client client(settingsFor(server));
+    const std::string upload = client.createMultipartUpload("key", "old");
+    cloudprovider::PartInfo part{0, 0, gibi, "old"};
+    part.Tag = client.copyPart("key", upload, part);
+    store.setTag("theirs");
+    EXPECT_THROW(client.completeMultipartUpload("key", upload, {part}), cloudprovider::UnknownErrorException);
+    store.setTag("old");
+    EXPECT_NO_THROW(client.completeMultipartUpload("key", upload, {part}));
+    const auto requests = server.requests();
+    EXPECT_EQ(std::count_if(requests.begin(), requests.end(), isCopy), 2);
 }
 
 } // namespace
