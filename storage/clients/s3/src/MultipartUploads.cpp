@@ -217,10 +217,12 @@ void MultipartUploads::complete(const std::string& key, const std::string& id, c
 /// @return the new object's entity tag
 std::string MultipartUploads::makeObject(Upload& upload, const Completion& completion)
 {
+    const NumberedTags parts = makeParts(upload, completion);
+    // Not before: parts may take minutes and change no object, and what is opened meanwhile should be pinned as ever.
     KnownVersions::Write write(m_versions, upload.key());
     try
     {
-        std::string tag = endUpload(upload, completion, makeParts(upload, completion));
+        std::string tag = endUpload(upload, completion, parts);
         if (!tag.empty())
         {
             write.succeeded({tag, completion.plan.size});

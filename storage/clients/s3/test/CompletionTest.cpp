@@ -6,11 +6,13 @@
 #include <storage/clients/s3/S3Client.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <mutex>
 #include <sstream>
 
@@ -173,6 +175,9 @@ public:
         case boost::beast::http::verb::head:
             return {.fields = {{"ETag", '"' + m_tag + '"'}, {"Last-Modified", "Sat, 01 Jan 2022 00:00:00 GMT"},
                         {"Content-Length", std::to_string(m_size)}}};
+        case boost::beast::http::verb::get:
+            return request["If-Match"].empty() || request["If-Match"] == '"' + m_tag + '"' ? read(request)
+                                                                                           : Reply{.status = 412};
         case boost::beast::http::verb::put:
             return {.fields = {{"ETag", '"' + partTag + '"'}},
                 .body = isCopy(request) ? "<CopyPartResult><ETag>" + partTag + "</ETag></CopyPartResult>" : ""};
@@ -185,6 +190,18 @@ public:
     }
 
 private:
+    Reply read(const Request& request) const
+    {
+        unsigned long first = 0;
+        unsigned long last = 0;
+        std::sscanf(std::string(request["Range"]).c_str(), "bytes=%lu-%lu", &first, &last);
+        last = std::min(last, m_size - 1);
+        return {.status = 206,
+            .fields = {{"ETag", '"' + m_tag + '"'},
+                {"Content-Range", fmt::format("bytes {}-{}/{}", first, last, m_size)}},
+            .body = std::string(last - first + 1, 'x')};
+    }
+
     const std::uint64_t m_size;
     mutable std::mutex m_mutex;
     std::string m_tag = "old";
@@ -271,6 +288,28 @@ TEST(LongCompletionTest, TakesNothingThatWasMadeOfAnotherVersion)
     EXPECT_NO_THROW(client.completeMultipartUpload("key", upload, {part}));
     const auto requests = server.requests();
     EXPECT_EQ(std::count_if(requests.begin(), requests.end(), isCopy), 2);
+}
+
+TEST(LongCompletionTest, LeavesReadersPinnedWhoOpenTheObjectMeanwhile)
+{
+    LargeObject store(gibi);
+    S3Client* reader = nullptr;
+    LoopbackServer server(
+        [&](const Request& request)
+        {
+            if (!isCopy(request))
+            {
+                return store(request);
+            }
+            reader->getObjectParts("key");
+            return Reply{.status = 400};
+        });
+    S3Client client(settingsFor(server));
+    reader = &client;
+    EXPECT_THROW(copyAll(client, gibi), cloudprovider::UnknownErrorException);
+    store.setTag("theirs");
+    std::ostringstream out;
+    EXPECT_THROW(client.getObjectRange("key", out, 0, 9), cloudprovider::UnknownErrorException);
 }
 
 } // namespace
