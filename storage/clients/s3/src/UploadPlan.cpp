@@ -296,14 +296,23 @@ std::vector<PlannedPart> planJoined(const std::vector<FilePart>& file, const Upl
 
 UploadPlan planUpload(const std::vector<FilePart>& file, const UploadLimits& limits)
 {
-    UploadPlan plan{limits.equalParts ? planEqual(file, limits) : planJoined(file, limits)};
+    UploadPlan plan;
+    for (const FilePart& part : file)
+    {
+        plan.size += part.size;
+    }
+    if (plan.size > limits.largestObject)
+    {
+        refuse(
+            fmt::format("they have {} bytes together, and an object has {} at most", plan.size, limits.largestObject));
+    }
+    plan.parts = limits.equalParts ? planEqual(file, limits) : planJoined(file, limits);
     if (plan.parts.back().number > limits.mostParts)
     {
         refuse(fmt::format("{} of them, and it takes {}", plan.parts.back().number, limits.mostParts));
     }
     for (const PlannedPart& part : plan.parts)
     {
-        plan.size += part.size;
         if (part.size < limits.leastPart && &part != &plan.parts.back())
         {
             refuse(fmt::format(

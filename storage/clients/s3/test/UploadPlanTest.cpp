@@ -119,6 +119,7 @@ void expectWithin(const UploadLimits& limits, const UploadPlan& plan, std::uint6
         size += part.size;
     }
     EXPECT_EQ(plan.size, size);
+    EXPECT_LE(plan.size, limits.largestObject);
     EXPECT_EQ(plan.looksAgain, copies && !limits.pinnedCopies);
 }
 
@@ -129,6 +130,7 @@ TEST(UploadPlanTest, KeepsToEveryLimitAndLosesNoByte)
     for (int round = 0; round < 20'000 && !testing::Test::HasFailure(); ++round)
     {
         UploadLimits limits{.leastPart = 1 + roll(20), .mostParts = 1 + roll(40)};
+        limits.largestObject = 1 + roll(1'000);
         limits.largestCopy = roll(4) == 0 ? 0 : 2 * limits.leastPart + roll(100);
         limits.equalParts = roll(5) == 0;
         limits.pinnedCopies = roll(1) == 0;
@@ -139,6 +141,7 @@ TEST(UploadPlanTest, KeepsToEveryLimitAndLosesNoByte)
         std::vector<FilePart> file;
         std::uint64_t objectEnd = 0;
         std::uint64_t largest = 0;
+        std::uint64_t total = 0;
         for (std::size_t i = 0, count = 1 + roll(isLegal ? std::min<std::uint64_t>(limits.mostParts - 1, 30) : 30);
              i < count; ++i)
         {
@@ -150,10 +153,11 @@ TEST(UploadPlanTest, KeepsToEveryLimitAndLosesNoByte)
             file.push_back({i, place, size, objectEnd});
             objectEnd += size + (roll(9) == 0 ? 1 : 0); // ranges need not touch
             largest = std::max(largest, size);
+            total += size;
         }
         SCOPED_TRACE(testing::Message() << "round " << round);
         const auto plan = tryPlan(file, limits);
-        EXPECT_TRUE(plan || !isLegal);
+        EXPECT_TRUE(plan || !isLegal || total > limits.largestObject);
         if (plan)
         {
             expectWithin(limits, *plan, isLegal ? 2 * largest : std::numeric_limits<std::uint64_t>::max());
