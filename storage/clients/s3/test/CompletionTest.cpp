@@ -1,3 +1,4 @@
+#include "FileSession.hpp"
 #include "LoopbackServer.hpp"
 
 #include "signing/Hashing.hpp"
@@ -25,9 +26,9 @@ namespace storage::clients::s3
 namespace
 {
 
-using test::LoopbackServer;
-using test::Reply;
-using test::Request;
+using clients::test::LoopbackServer;
+using clients::test::Reply;
+using clients::test::Request;
 
 const std::string bytes = "new";
 const std::string partTag = toHex(md5(bytes));
@@ -310,6 +311,38 @@ TEST(LongCompletionTest, LeavesReadersPinnedWhoOpenTheObjectMeanwhile)
     store.setTag("theirs");
     std::ostringstream out;
     EXPECT_THROW(client.getObjectRange("key", out, 0, 9), cloudprovider::UnknownErrorException);
+}
+
+TEST(LongCompletionTest, ASmallPatchOfALargeFileTakesFewRequestsFromOpenToClose)
+{
+    const struct
+    {
+        std::uint64_t offset;
+        std::size_t requests; // to open, to read, to begin, to read and send what the store takes no less than, to end
+        std::size_t copies;
+    } rows[] = {
+        {0, 6, 2}, {3 * gibi, 6, 3}, {5 * gibi, 6, 2}, {6 * gibi, 6, 3},
+        {10 * gibi - 1024, 5, 2}, // the last part may be small
+    };
+    for (const bool isConditional : {true, false})
+    {
+        for (const auto& row : rows)
+        {
+            SCOPED_TRACE(testing::Message() << "at " << row.offset << ", conditional " << isConditional);
+            const LargeObject store(10 * gibi);
+            LoopbackServer server([&](const Request& request) { return store(request); });
+            S3Settings settings = settingsFor(server);
+            settings.capabilities.conditionalCopies = settings.capabilities.conditionalCompletion = isConditional;
+            test::FileSession session(test::workingAhead(std::make_shared<S3Client>(settings)));
+            session.open(test::fsp::ByteStreamTruncate::Keep);
+            session.write(row.offset, std::string(1024, 'y'));
+            session.close();
+            EXPECT_TRUE(session.succeeded());
+            const auto requests = server.requests();
+            EXPECT_EQ(requests.size(), row.requests + row.copies + (isConditional ? 0 : 1)); // one to look again
+            EXPECT_EQ(std::count_if(requests.begin(), requests.end(), isCopy), row.copies);
+        }
+    }
 }
 
 } // namespace
