@@ -53,6 +53,7 @@ struct RetryingClient::Tries
     const Operation operation;
     const std::string& key;
     const std::chrono::steady_clock::time_point begin;
+    std::chrono::steady_clock::time_point budgetBegin;
     Duration nextBound; // most that the next wait takes
     unsigned failed = 0;
 };
@@ -73,7 +74,8 @@ auto RetryingClient::retrying(Operation operation, const std::string& key, Call 
 template <typename Call, typename Rewind>
 auto RetryingClient::retrying(Operation operation, const std::string& key, Call call, Rewind rewind) const
 {
-    Tries tries{operation, key, m_clock.now(), std::min(m_policy.firstDelay, m_policy.maxDelay)};
+    const auto begin = m_clock.now();
+    Tries tries{operation, key, begin, begin, firstBound()};
     for (;;)
     {
         try
@@ -92,15 +94,25 @@ auto RetryingClient::retrying(Operation operation, const std::string& key, Call 
     }
 }
 
+Duration RetryingClient::firstBound() const
+{
+    return std::min(m_policy.firstDelay, m_policy.maxDelay);
+}
+
 void RetryingClient::waitForNext(Tries& tries, const TransientException& failure) const
 {
+    if (failure.gotFurther())
+    {
+        tries.budgetBegin = m_clock.now();
+        tries.nextBound = firstBound();
+    }
     const Duration jitter = m_clock.jitter(tries.nextBound);
     const Duration maxDelay = m_policy.maxDelay;
     tries.nextBound = tries.nextBound < maxDelay / 2 ? tries.nextBound * 2 : maxDelay;
 
     // Compared in milliseconds first, since a store may ask for more than a Duration can hold.
     const auto asked = std::max(failure.retryAfter().value_or(std::chrono::milliseconds(0)), {});
-    const Duration left = m_policy.budget - (m_clock.now() - tries.begin);
+    const Duration left = m_policy.budget - (m_clock.now() - tries.budgetBegin);
     if (asked > std::chrono::floor<std::chrono::milliseconds>(left) || jitter > left - asked)
     {
         giveUp(tries, failure, fmt::format("another wait would exceed the limit of {} s", seconds(m_policy.budget)));

@@ -59,6 +59,7 @@ TEST_F(RetryingClientTest, WaitsThenGivesUp)
         std::optional<milliseconds> retryAfter;
         std::vector<int> tries; // ms after the call began
         std::string summary;
+        std::size_t furthering = 0; // tries, the first ones, that get further
     } rows[] = {
         {"doubles", {100ms, 1s, 3500ms}, 0ms, {}, {0, 100, 300, 700, 1500, 2500, 3500}, "try 7, 3.5"},
         {"begins at the maximum", {5s, 1s, 2s}, 0ms, {}, {0, 1000, 2000}, "try 3, 2.0"},
@@ -67,6 +68,8 @@ TEST_F(RetryingClientTest, WaitsThenGivesUp)
         {"is asked for too much", {1ms, 1ms, 12s}, 0ms, 12s, {0}, "try 1, 0.0"},
         {"is asked for more than can be counted", {1ms, 1ms, 12s}, 0ms, milliseconds::max(), {0}, "try 1, 0.0"},
         {"is asked for less than nothing", {100ms, 20s, 300ms}, 0ms, -5s, {0, 100, 300}, "try 3, 0.3"},
+        {"begins anew after getting further", {100ms, 20s, 300ms}, 0ms, {}, {0, 100, 200, 300, 500}, "try 5, 0.5", 3},
+        {"got further for long", {100ms, 20s, 300ms}, 400ms, {}, {0, 500, 1000}, "try 3, 1.4", 2},
     };
     for (const auto& row : rows)
     {
@@ -78,7 +81,7 @@ TEST_F(RetryingClientTest, WaitsThenGivesUp)
             {
                 tries.push_back(static_cast<int>((time - begin) / 1ms));
                 time += row.tryTakes;
-                throw TransientException("Busy", "store busy", row.retryAfter);
+                throw TransientException("Busy", "store busy", row.retryAfter, tries.size() <= row.furthering);
             });
         EXPECT_THAT([&] { RetryingClient(store, row.policy, clock()).deleteObject("a"); },
             Throws<TransientException>(

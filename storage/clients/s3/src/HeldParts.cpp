@@ -64,25 +64,23 @@ void HeldParts::write(std::size_t index, const std::string& bytes)
     }
 }
 
-std::string HeldParts::read(std::size_t index, std::uint64_t offset, std::uint64_t size) const
+void HeldParts::read(std::size_t index, std::uint64_t offset, char* target, std::uint64_t size) const
 {
     const int file = [&]
     {
         const std::lock_guard lock(m_mutex);
         return m_file;
     }();
-    std::string bytes(size, '\0');
     for (std::size_t taken = 0; taken < size;)
     {
         const ssize_t count =
-            ::pread(file, bytes.data() + taken, size - taken, static_cast<off_t>(index * m_slot + offset + taken));
+            ::pread(file, target + taken, size - taken, static_cast<off_t>(index * m_slot + offset + taken));
         if (count == 0 || (count < 0 && errno != EINTR))
         {
             throwFailed("reading");
         }
         taken += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
     }
-    return bytes;
 }
 
 } // namespace storage::clients::s3

@@ -29,7 +29,7 @@ public:
     void write(std::size_t index, const std::string& bytes);
 
     /// @throws cloudprovider::UnknownErrorException when the file cannot be read
-    std::string read(std::size_t index, std::uint64_t offset, std::uint64_t size) const;
+    void read(std::size_t index, std::uint64_t offset, char* target, std::uint64_t size) const;
 
 private:
     int openedFile();

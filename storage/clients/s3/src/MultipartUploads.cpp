@@ -11,10 +11,12 @@
 #include <storage/clients/common/TransientException.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
+#include <boost/iostreams/device/array.hpp>
+#include <boost/iostreams/stream_buffer.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <sstream>
+#include <ostream>
 #include <utility>
 
 namespace storage::clients::s3
@@ -192,25 +194,49 @@ void MultipartUploads::complete(const std::string& key, const std::string& id, c
 {
     const auto upload = m_uploads.find(key, id);
     const Completion completion = prepare(*upload, id, parts);
-    KnownVersions::Write write(m_versions, key);
-    std::string tag;
+    const std::size_t madeBefore = upload->madeCount();
     try
     {
-        tag = endUpload(*upload, completion, makeParts(*upload, completion));
+        m_uploads.finish(id, makeObject(*upload, completion));
+    }
+    catch (const TransientException& failure)
+    {
+        const bool gotFurther = upload->madeCount() > madeBefore; // never more often than there are planned parts
+        throw TransientException(failure.what(), failure.detail(), failure.retryAfter(), gotFurther);
     }
     catch (...)
     {
-        if (!upload->endInDoubt())
+        if (!upload->endInDoubt()) // else it was all right, and tells whether the object has come
+        {
+            upload->forgetMade(); // it may be of another version than the one found when all this is tried again
+        }
+        throw;
+    }
+}
+
+/// @return the new object's entity tag
+std::string MultipartUploads::makeObject(Upload& upload, const Completion& completion)
+{
+    const NumberedTags parts = makeParts(upload, completion);
+    // Not before: parts may take minutes and change no object, and what is opened meanwhile should be pinned as ever.
+    KnownVersions::Write write(m_versions, upload.key());
+    try
+    {
+        std::string tag = endUpload(upload, completion, parts);
+        if (!tag.empty())
+        {
+            write.succeeded({tag, completion.plan.size});
+        }
+        return tag;
+    }
+    catch (...)
+    {
+        if (!upload.endInDoubt())
         {
             write.changedNothing();
         }
         throw;
     }
-    if (!tag.empty())
-    {
-        write.succeeded({tag, completion.plan.size});
-    }
-    m_uploads.finish(id, tag);
 }
 
 MultipartUploads::Completion MultipartUploads::prepare(
@@ -254,7 +280,9 @@ MultipartUploads::Completion MultipartUploads::prepare(
 MultipartUploads::NumberedTags MultipartUploads::makeParts(Upload& upload, const Completion& completion)
 {
     NumberedTags tags;
-    std::vector<std::function<void()>> tasks;
+    Tasks copies;
+    Tasks sends;
+    std::uint64_t largestSend = 1;              // bytes, all of which are in memory
     tags.reserve(completion.plan.parts.size()); // tasks refer to its elements
     for (const PlannedPart& part : completion.plan.parts)
     {
@@ -269,6 +297,9 @@ MultipartUploads::NumberedTags MultipartUploads::makeParts(Upload& upload, const
         }
         else
         {
+            const bool isSent = part.how == PlannedPart::How::Send;
+            largestSend = std::max(largestSend, isSent ? part.size : 0);
+            Tasks& tasks = isSent ? sends : copies;
             tasks.emplace_back(
                 [&, &tag = tags.back().second]
                 {
@@ -277,7 +308,7 @@ MultipartUploads::NumberedTags MultipartUploads::makeParts(Upload& upload, const
                 });
         }
     }
-    runParallel(m_transfers, tasks);
+    runParallel(m_transfers, copies, std::max<std::size_t>(m_memory / largestSend, 1), sends);
     return tags;
 }
 
@@ -300,28 +331,32 @@ std::string MultipartUploads::makePart(Upload& upload, const PlannedPart& part, 
             "x-amz-copy-source-range", fmt::format("bytes={}-{}", range.offset, range.offset + range.size - 1));
     }
     request.storeWorks = true;
+    request.storeMoves = range.size * m_transfers; // as many copies of about this size may be under way
     return m_requester.sendAndRead(request, readCopiedPart);
 }
 
 /// The bytes of a part that goes over the wire.
 std::string MultipartUploads::gather(const Upload& upload, const PlannedPart& part, const Version& source)
 {
-    std::string all;
-    all.reserve(part.size);
+    std::string all(part.size, '\0');
+    char* target = all.data();
     for (const PlannedBytes& bytes : part.bytes)
     {
         if (bytes.place == PartPlace::Client)
         {
-            all += upload.held(bytes);
-            continue;
+            upload.readHeld(bytes, target);
         }
-        std::ostringstream read;
-        if (!m_objects.readVersion(
-                Operation::CopyPart, upload.key(), read, ByteRange{bytes.offset, bytes.size}, source))
+        else
         {
-            throwChanged(m_requester.contextOf({Operation::CopyPart, upload.key(), "GET"}));
+            boost::iostreams::stream_buffer<boost::iostreams::basic_array_sink<char>> memory(target, bytes.size);
+            std::ostream out(&memory);
+            if (!m_objects.readVersion(
+                    Operation::CopyPart, upload.key(), out, ByteRange{bytes.offset, bytes.size}, source))
+            {
+                throwChanged(m_requester.contextOf({Operation::CopyPart, upload.key(), "GET"}));
+            }
         }
-        all += read.view();
+        target += bytes.size;
     }
     return all;
 }

@@ -25,17 +25,17 @@ namespace storage::clients::s3
 ///
 /// Parts that the store takes as they are go to it at once. Copies, and small parts of a file that had other content
 /// before, are only noted: the completion knows what stands beside them, and makes few requests of all, several at a
-/// time.
+/// time. What it has made stays when it fails in passing, so that a repeated one makes only what is missing.
 class MultipartUploads
 {
 public:
-    MultipartUploads(Requester& requester, KnownVersions& versions, Objects& objects,
-        const EndpointCapabilities& capabilities, std::size_t transfers)
+    MultipartUploads(Requester& requester, KnownVersions& versions, Objects& objects, const S3Settings& settings)
         : m_requester(requester)
         , m_versions(versions)
         , m_objects(objects)
-        , m_capabilities(capabilities)
-        , m_transfers(transfers)
+        , m_capabilities(settings.capabilities)
+        , m_transfers(settings.transfers)
+        , m_memory(settings.memory / 2)
     {
     }
 
@@ -62,6 +62,7 @@ private:
     Version requireSource(const cloudprovider::PartInfo& part, const S3Request& request);
     UploadLimits limitsFor(const std::string& key) const;
     Completion prepare(const Upload& upload, const std::string& id, const std::vector<cloudprovider::PartInfo>& parts);
+    std::string makeObject(Upload& upload, const Completion& completion);
     NumberedTags makeParts(Upload& upload, const Completion& completion);
     std::string makePart(Upload& upload, const PlannedPart& part, const Version& source);
     std::string gather(const Upload& upload, const PlannedPart& part, const Version& source);
@@ -75,6 +76,7 @@ private:
     Objects& m_objects;
     const EndpointCapabilities m_capabilities;
     const std::size_t m_transfers; // at a time, in one completion
+    const std::uint64_t m_memory;  // bytes, of what one completion sends at a time
     Uploads m_uploads;
     std::mutex m_mutex;                    // innermost
     std::set<std::string> m_abortsInDoubt; // guarded by m_mutex; uploads of others whose abort got no answer

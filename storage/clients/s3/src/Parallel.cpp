@@ -5,37 +5,55 @@
 #include <exception>
 #include <future>
 #include <mutex>
+#include <system_error>
 
 namespace storage::clients::s3
 {
 
-void runParallel(std::size_t threads, const std::vector<std::function<void()>>& tasks)
+void runParallel(std::size_t threads, const Tasks& tasks, std::size_t heavyAtOnce, const Tasks& heavyTasks)
 {
     std::atomic<std::size_t> next = 0;
+    std::atomic<std::size_t> nextHeavy = 0;
+    std::atomic<bool> hasFailed = false;
     std::mutex mutex;
     std::exception_ptr failure; // guarded by mutex; the first
-    const auto work = [&]
+    const auto run = [&](const Tasks& list, std::atomic<std::size_t>& at)
     {
-        for (std::size_t i = next++; i < tasks.size(); i = next++)
+        for (std::size_t i = at++; i < list.size() && !hasFailed; i = at++)
         {
             try
             {
-                tasks[i]();
+                list[i]();
             }
             catch (...)
             {
-                next = tasks.size();
+                hasFailed = true;
                 const std::lock_guard lock(mutex);
                 failure = failure ? failure : std::current_exception();
             }
         }
     };
-    std::vector<std::future<void>> helpers;
-    for (std::size_t i = 1; i < std::min(threads, tasks.size()); ++i)
+    const auto work = [&](bool takesHeavy)
     {
-        helpers.push_back(std::async(std::launch::async, work));
+        if (takesHeavy)
+        {
+            run(heavyTasks, nextHeavy);
+        }
+        run(tasks, next);
+    };
+    std::vector<std::future<void>> helpers;
+    for (std::size_t i = 1; i < std::min(threads, tasks.size() + heavyTasks.size()); ++i)
+    {
+        try
+        {
+            helpers.push_back(std::async(std::launch::async, work, i < heavyAtOnce));
+        }
+        catch (const std::system_error&)
+        {
+            break; // the machine has no more to give, and those that there are do everything
+        }
     }
-    work();
+    work(true);
     for (const std::future<void>& helper : helpers)
     {
         helper.wait();

@@ -7,10 +7,14 @@
 namespace storage::clients::s3
 {
 
-/// Run tasks at the same time, in order of their beginning, and wait for their end.
+using Tasks = std::vector<std::function<void()>>;
+
+/// Run tasks at the same time, each kind in its order, and wait for their end.
 ///
-/// After a failure no further task begins; the failure is thrown when those under way have ended.
-/// @param threads  most that run at once, the caller's own among them
-void runParallel(std::size_t threads, const std::vector<std::function<void()>>& tasks);
+/// Fewer run at once where threads cannot be had. After a failure no further task begins; the failure is thrown when
+/// those under way have ended.
+/// @param threads      most tasks that run at once; the caller's own thread runs some
+/// @param heavyAtOnce  most of the heavy ones that do; 1 at least
+void runParallel(std::size_t threads, const Tasks& tasks, std::size_t heavyAtOnce, const Tasks& heavyTasks);
 
 } // namespace storage::clients::s3

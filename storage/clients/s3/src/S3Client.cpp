@@ -29,8 +29,7 @@ S3Client::S3Client(const s3::S3Settings& settings)
     , m_objects(std::make_unique<s3::Objects>(*m_requester, *m_versions,
           settings.capabilities.equalParts ? std::max<std::uint64_t>(settings.partSize, s3::leastPartSize)
                                            : settings.partSize))
-    , m_uploads(std::make_unique<s3::MultipartUploads>(
-          *m_requester, *m_versions, *m_objects, settings.capabilities, settings.transfers))
+    , m_uploads(std::make_unique<s3::MultipartUploads>(*m_requester, *m_versions, *m_objects, settings))
 {
 }
 

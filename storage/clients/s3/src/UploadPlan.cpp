@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 namespace storage::clients::s3
 {
@@ -77,18 +78,15 @@ Row takeFront(Row& row, std::uint64_t size)
 class Stretch
 {
 public:
-    Stretch(const UploadLimits& limits, bool isLast)
+    /// @param room  most parts that it may have
+    Stretch(const UploadLimits& limits, bool isLast, std::size_t room)
         : m_limits(limits)
         , m_isLast(isLast)
-        , m_sendSize(limits.leastPart)
+        , m_room(room)
     {
     }
 
-    void add(const FilePart& part)
-    {
-        append(m_bytes, bytesOf(part));
-        m_sendSize = std::max(m_sendSize, part.size);
-    }
+    void add(const FilePart& part) { append(m_bytes, bytesOf(part)); }
 
     std::vector<PlannedPart> plan()
     {
@@ -109,7 +107,7 @@ public:
             fillFromBefore();
         }
         send();
-        return std::move(m_parts);
+        return cut();
     }
 
 private:
@@ -130,30 +128,16 @@ private:
         else if (bytes.size > 0)
         {
             send();
-            copy(bytes);
+            m_parts.push_back({0, How::Copy, bytes.size, {bytes}});
         }
     }
 
-    /// As few copies as it takes, of about the same size.
-    void copy(PlannedBytes bytes)
-    {
-        for (std::uint64_t left = (bytes.size + m_limits.largestCopy - 1) / m_limits.largestCopy; left > 0; --left)
-        {
-            const std::uint64_t size = (bytes.size + left - 1) / left;
-            m_parts.push_back({0, How::Copy, size, {{bytes.place, bytes.index, bytes.offset, size}}});
-            bytes.offset += size;
-            bytes.size -= size;
-        }
-    }
-
-    /// In parts that are small, so that they need little memory on their way, but no more than the file has.
     void send()
     {
-        while (!m_unsent.empty())
+        if (!m_unsent.empty())
         {
-            const std::uint64_t left = sizeOf(m_unsent);
-            const std::uint64_t size = left < 2 * m_sendSize ? left : m_sendSize;
-            m_parts.push_back({0, How::Send, size, takeFront(m_unsent, size)});
+            const std::uint64_t size = sizeOf(m_unsent);
+            m_parts.push_back({0, How::Send, size, std::exchange(m_unsent, {})});
         }
     }
 
@@ -185,12 +169,61 @@ private:
         }
     }
 
+    /// Make each part as many as it takes, of about the same size.
+    std::vector<PlannedPart> cut()
+    {
+        const std::uint64_t sendSize = leastSendSize();
+        std::vector<PlannedPart> pieces;
+        for (PlannedPart& part : m_parts)
+        {
+            for (std::uint64_t left = piecesOf(part, sendSize); left > 0; --left)
+            {
+                const std::uint64_t size = (part.size + left - 1) / left;
+                pieces.push_back({0, part.how, size, takeFront(part.bytes, size)});
+                part.size -= size;
+            }
+        }
+        return pieces;
+    }
+
+    /// Copies are as few as may be; what is sent is small, since it takes memory on its way.
+    std::uint64_t piecesOf(const PlannedPart& part, std::uint64_t sendSize) const
+    {
+        return part.how == How::Copy ? (part.size + m_limits.largestCopy - 1) / m_limits.largestCopy
+                                     : std::max<std::uint64_t>(part.size / sendSize, 1);
+    }
+
+    /// @return bytes, which any that is cut has at least, so that there are no more parts than there is room for
+    std::uint64_t leastSendSize() const
+    {
+        std::uint64_t largest = 0;
+        for (const PlannedPart& part : m_parts)
+        {
+            largest = std::max(largest, part.how == How::Send ? part.size : 0);
+        }
+        const auto count = [this](std::uint64_t size)
+        {
+            std::uint64_t pieces = 0;
+            for (const PlannedPart& part : m_parts)
+            {
+                pieces += piecesOf(part, size);
+            }
+            return pieces;
+        };
+        std::uint64_t size = m_limits.leastPart;
+        while (size < largest && count(size) > m_room)
+        {
+            size += size / 8 + 1;
+        }
+        return size;
+    }
+
     const UploadLimits& m_limits;
     const bool m_isLast;
-    std::uint64_t m_sendSize; // bytes
+    const std::size_t m_room; // parts
     Row m_bytes;
-    Row m_unsent; // planned to be sent with what follows
-    std::vector<PlannedPart> m_parts;
+    Row m_unsent;                     // planned to be sent with what follows
+    std::vector<PlannedPart> m_parts; // each as large as it can be
 };
 
 /// Each part of the file by itself.
@@ -230,14 +263,16 @@ std::vector<PlannedPart> planJoined(const std::vector<FilePart>& file, const Upl
     {
         const auto sent =
             std::find_if(next, file.end(), [](const FilePart& part) { return part.place == PartPlace::Store; });
-        Stretch stretch(limits, sent == file.end());
+        const std::size_t used = parts.empty() ? 0 : parts.back().number;
+        const std::size_t end = sent == file.end() ? limits.mostParts : sent->index;
+        Stretch stretch(limits, sent == file.end(), std::max(end, used) - used);
         for (; next != sent; ++next)
         {
             stretch.add(*next);
         }
         for (PlannedPart& part : stretch.plan())
         {
-            part.number = parts.empty() ? 1 : parts.back().number + 1;
+            part.number = (parts.empty() ? 0 : parts.back().number) + 1;
             parts.push_back(std::move(part));
         }
         if (sent != file.end())
@@ -261,14 +296,23 @@ std::vector<PlannedPart> planJoined(const std::vector<FilePart>& file, const Upl
 
 UploadPlan planUpload(const std::vector<FilePart>& file, const UploadLimits& limits)
 {
-    UploadPlan plan{limits.equalParts ? planEqual(file, limits) : planJoined(file, limits)};
+    UploadPlan plan;
+    for (const FilePart& part : file)
+    {
+        plan.size += part.size;
+    }
+    if (plan.size > limits.largestObject)
+    {
+        refuse(
+            fmt::format("they have {} bytes together, and an object has {} at most", plan.size, limits.largestObject));
+    }
+    plan.parts = limits.equalParts ? planEqual(file, limits) : planJoined(file, limits);
     if (plan.parts.back().number > limits.mostParts)
     {
         refuse(fmt::format("{} of them, and it takes {}", plan.parts.back().number, limits.mostParts));
     }
     for (const PlannedPart& part : plan.parts)
     {
-        plan.size += part.size;
         if (part.size < limits.leastPart && &part != &plan.parts.back())
         {
             refuse(fmt::format(

@@ -18,6 +18,7 @@ struct UploadLimits
 {
     std::uint64_t leastPart = leastPartSize; ///< bytes of every part but the last; at least 1
     std::size_t mostParts = s3::mostParts;
+    std::uint64_t largestObject = s3::largestObject; ///< bytes
     std::uint64_t largestCopy = s3::largestCopy; ///< bytes that are copied as one part, 2 * leastPart at least; 0: none
     bool equalParts = false;                     ///< all parts but the last must have one size
     bool pinnedCopies = false;                   ///< a copy is refused when the object is another version

@@ -74,6 +74,18 @@ std::optional<std::string> Upload::made(const PlannedPart& part) const
     return found == m_made.end() || found->second.first != part ? std::nullopt : std::optional(found->second.second);
 }
 
+std::size_t Upload::madeCount() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_made.size();
+}
+
+void Upload::forgetMade()
+{
+    const std::lock_guard lock(m_mutex);
+    m_made.clear();
+}
+
 std::optional<Upload::Part> Upload::part(std::size_t index) const
 {
     const std::lock_guard lock(m_mutex);

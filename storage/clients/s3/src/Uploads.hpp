@@ -62,12 +62,17 @@ public:
     /// Keep a part's bytes here.
     /// @return its tag
     std::string hold(std::size_t index, const std::string& bytes);
-    std::string held(const PlannedBytes& bytes) const { return m_held.read(bytes.index, bytes.offset, bytes.size); }
+    void readHeld(const PlannedBytes& bytes, char* target) const
+    {
+        m_held.read(bytes.index, bytes.offset, target, bytes.size);
+    }
 
     /// Remember what the store has made of a planned part, for the case that the completion fails and is repeated.
     void setMade(const PlannedPart& part, const std::string& tag);
     /// @return its entity tag; nothing when it is still to be made
     std::optional<std::string> made(const PlannedPart& part) const;
+    std::size_t madeCount() const;
+    void forgetMade();
 
     /// Whether an earlier request to end the upload was sent and its answer lost.
     bool endInDoubt() const;

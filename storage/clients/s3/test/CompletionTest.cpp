@@ -1,13 +1,19 @@
+#include "FileSession.hpp"
 #include "LoopbackServer.hpp"
 
 #include "signing/Hashing.hpp"
 
+#include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/clients/s3/S3Client.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstdio>
 #include <mutex>
 #include <sstream>
 
@@ -20,13 +26,22 @@ namespace storage::clients::s3
 namespace
 {
 
-using test::LoopbackServer;
-using test::Reply;
-using test::Request;
+using clients::test::LoopbackServer;
+using clients::test::Reply;
+using clients::test::Request;
 
 const std::string bytes = "new";
 const std::string partTag = toHex(md5(bytes));
 const std::string newTag = toHex(md5(md5(bytes))) + "-1";
+
+S3Settings settingsFor(const LoopbackServer& server)
+{
+    return {.bucket = "bucket",
+        .endpoint = server.url(),
+        .region = "us-east-1",
+        .pathStyle = true,
+        .credentials = anonymousCredentials()};
+}
 
 /// A store of one object that does what the first completion asks for, and loses the answer.
 class ForgetfulStore
@@ -99,12 +114,9 @@ TEST_P(CompletionTest, IsLookedIntoWhenItHasArrivedTwice)
         {
             ForgetfulStore store(GetParam().reply, made);
             LoopbackServer server([&](const Request& request) { return store(request); });
-            S3Client client({.bucket = "bucket",
-                .endpoint = server.url(),
-                .region = "us-east-1",
-                .pathStyle = true,
-                .capabilities = {.conditionalCompletion = isConditional},
-                .credentials = anonymousCredentials()});
+            S3Settings settings = settingsFor(server);
+            settings.capabilities.conditionalCompletion = isConditional;
+            S3Client client(settings);
             const std::string upload = client.createMultipartUpload("key", "old");
             std::istringstream content(bytes);
             const std::string tag = client.uploadPart("key", upload, {0, 0, bytes.size(), ""}, content);
@@ -133,6 +145,205 @@ INSTANTIATE_TEST_SUITE_P(Answers, CompletionTest,
         Second{"changed", {412, {}, "<Error><Code>PreconditionFailed</Code></Error>"}},
         Second{"lost", Reply::raw("", Reply::Then::Close)}),
     [](const auto& row) { return std::string(row.param.name); });
+
+constexpr std::uint64_t gibi = 1 << 30;
+
+bool isCopy(const Request& request)
+{
+    return request.count("x-amz-copy-source") > 0;
+}
+
+/// A store of one object, which has as many bytes as it is told to say. Conditions on copies are ignored.
+class LargeObject
+{
+public:
+    explicit LargeObject(std::uint64_t size)
+        : m_size(size)
+    {
+    }
+
+    void setTag(const std::string& tag)
+    {
+        const std::lock_guard lock(m_mutex);
+        m_tag = tag;
+    }
+
+    Reply operator()(const Request& request) const
+    {
+        const std::lock_guard lock(m_mutex);
+        switch (request.method())
+        {
+        case boost::beast::http::verb::head:
+            return {.fields = {{"ETag", '"' + m_tag + '"'}, {"Last-Modified", "Sat, 01 Jan 2022 00:00:00 GMT"},
+                        {"Content-Length", std::to_string(m_size)}}};
+        case boost::beast::http::verb::get:
+            return request["If-Match"].empty() || request["If-Match"] == '"' + m_tag + '"' ? read(request)
+                                                                                           : Reply{.status = 412};
+        case boost::beast::http::verb::put:
+            return {.fields = {{"ETag", '"' + partTag + '"'}},
+                .body = isCopy(request) ? "<CopyPartResult><ETag>" + partTag + "</ETag></CopyPartResult>" : ""};
+        default:
+            return {
+                .body = request.target().find("uploadId=") == boost::beast::string_view::npos
+                            ? "<InitiateMultipartUploadResult><UploadId>1</UploadId></InitiateMultipartUploadResult>"
+                            : "<CompleteMultipartUploadResult><ETag>new</ETag></CompleteMultipartUploadResult>"};
+        }
+    }
+
+private:
+    Reply read(const Request& request) const
+    {
+        unsigned long first = 0;
+        unsigned long last = 0;
+        std::sscanf(std::string(request["Range"]).c_str(), "bytes=%lu-%lu", &first, &last);
+        last = std::min(last, m_size - 1);
+        return {.status = 206,
+            .fields = {{"ETag", '"' + m_tag + '"'},
+                {"Content-Range", fmt::format("bytes {}-{}/{}", first, last, m_size)}},
+            .body = std::string(last - first + 1, 'x')};
+    }
+
+    const std::uint64_t m_size;
+    mutable std::mutex m_mutex;
+    std::string m_tag = "old";
+};
+
+/// Make a new object of the bytes of the old one.
+void copyAll(cloudprovider::CloudClient& client, std::uint64_t size)
+{
+    const std::string upload = client.createMultipartUpload("key", "old");
+    cloudprovider::PartInfo part{0, 0, size, "old"};
+    part.Tag = client.copyPart("key", upload, part);
+    client.completeMultipartUpload("key", upload, {part});
+}
+
+TEST(LongCompletionTest, IsGivenNewPatienceForWhatItMadeAndMakesNothingTwice)
+{
+    std::atomic<int> seconds = 0;
+    std::atomic<int> copies = 0;
+    const LargeObject store(12 * gibi);
+    LoopbackServer server(
+        [&](const Request& request)
+        {
+            seconds += isCopy(request) ? 121 : 0; // longer than anybody waits
+            return isCopy(request) && ++copies == 2 ? Reply{.status = 503} : store(request);
+        });
+    S3Settings settings = settingsFor(server);
+    settings.transfers = 1;
+    const auto now = [&] { return std::chrono::steady_clock::time_point(std::chrono::seconds(seconds)); };
+    RetryingClient client(
+        std::make_shared<S3Client>(settings), {}, {now, [](auto) {}, [](auto) { return RetryClock::Duration(0); }});
+    EXPECT_NO_THROW(copyAll(client, 12 * gibi));
+    EXPECT_EQ(copies, 3 + 1);
+}
+
+TEST(LongCompletionTest, WaitsLongerForLargerCopies)
+{
+    const LargeObject store(gibi);
+    LoopbackServer server(
+        [&](const Request& request)
+        {
+            Reply reply = store(request);
+            reply.pause = std::chrono::milliseconds(isCopy(request) ? 30 : 0); // some seconds for all of its bytes
+            return reply;
+        });
+    S3Settings settings = settingsFor(server);
+    settings.timeouts.stallBytesPerSecond = 1 << 20;
+    settings.timeouts.storeWorkWindow = std::chrono::seconds(1);
+    settings.timeouts.storeBytesPerSecond = 1 << 20;
+    S3Client client(settings);
+    EXPECT_NO_THROW(copyAll(client, gibi));
+}
+
+TEST(LongCompletionTest, SendsOnePartAtATimeWhereMemoryHasNoRoomForTwo)
+{
+    const LargeObject store(0);
+    LoopbackServer server([&](const Request& request) { return store(request); });
+    S3Settings settings = settingsFor(server);
+    settings.memory = 18 << 20;
+    S3Client client(settings);
+    const std::string upload = client.createMultipartUpload("key", "old");
+    std::vector<cloudprovider::PartInfo> parts;
+    for (std::size_t i = 0; i < 5; ++i) // three parts of the new object
+    {
+        std::istringstream content(std::string(3 << 20, 'x'));
+        parts.push_back({i, 0, 3 << 20, ""});
+        parts.back().Tag = client.uploadPart("key", upload, parts.back(), content);
+    }
+    client.completeMultipartUpload("key", upload, parts);
+    EXPECT_EQ(server.requests().size(), 6U);
+    EXPECT_EQ(server.connections(), 1U);
+}
+
+TEST(LongCompletionTest, TakesNothingThatWasMadeOfAnotherVersion)
+{
+    LargeObject store(gibi);
+    LoopbackServer server([&](const Request& request) { return store(request); });
+    S3Client client(settingsFor(server));
+    const std::string upload = client.createMultipartUpload("key", "old");
+    cloudprovider::PartInfo part{0, 0, gibi, "old"};
+    part.Tag = client.copyPart("key", upload, part);
+    store.setTag("theirs");
+    EXPECT_THROW(client.completeMultipartUpload("key", upload, {part}), cloudprovider::UnknownErrorException);
+    store.setTag("old");
+    EXPECT_NO_THROW(client.completeMultipartUpload("key", upload, {part}));
+    const auto requests = server.requests();
+    EXPECT_EQ(std::count_if(requests.begin(), requests.end(), isCopy), 2);
+}
+
+TEST(LongCompletionTest, LeavesReadersPinnedWhoOpenTheObjectMeanwhile)
+{
+    LargeObject store(gibi);
+    S3Client* reader = nullptr;
+    LoopbackServer server(
+        [&](const Request& request)
+        {
+            if (!isCopy(request))
+            {
+                return store(request);
+            }
+            reader->getObjectParts("key");
+            return Reply{.status = 400};
+        });
+    S3Client client(settingsFor(server));
+    reader = &client;
+    EXPECT_THROW(copyAll(client, gibi), cloudprovider::UnknownErrorException);
+    store.setTag("theirs");
+    std::ostringstream out;
+    EXPECT_THROW(client.getObjectRange("key", out, 0, 9), cloudprovider::UnknownErrorException);
+}
+
+TEST(LongCompletionTest, ASmallPatchOfALargeFileTakesFewRequestsFromOpenToClose)
+{
+    const struct
+    {
+        std::uint64_t offset;
+        std::size_t requests; // to open, to read, to begin, to read and send what the store takes no less than, to end
+        std::size_t copies;
+    } rows[] = {
+        {0, 6, 2}, {3 * gibi, 6, 3}, {5 * gibi, 6, 2}, {6 * gibi, 6, 3},
+        {10 * gibi - 1024, 5, 2}, // the last part may be small
+    };
+    for (const bool isConditional : {true, false})
+    {
+        for (const auto& row : rows)
+        {
+            SCOPED_TRACE(testing::Message() << "at " << row.offset << ", conditional " << isConditional);
+            const LargeObject store(10 * gibi);
+            LoopbackServer server([&](const Request& request) { return store(request); });
+            S3Settings settings = settingsFor(server);
+            settings.capabilities.conditionalCopies = settings.capabilities.conditionalCompletion = isConditional;
+            test::FileSession session(test::workingAhead(std::make_shared<S3Client>(settings)));
+            session.open(test::fsp::ByteStreamTruncate::Keep);
+            session.write(row.offset, std::string(1024, 'y'));
+            session.close();
+            EXPECT_TRUE(session.succeeded());
+            const auto requests = server.requests();
+            EXPECT_EQ(requests.size(), row.requests + row.copies + (isConditional ? 0 : 1)); // one to look again
+            EXPECT_EQ(std::count_if(requests.begin(), requests.end(), isCopy), row.copies);
+        }
+    }
+}
 
 } // namespace
 

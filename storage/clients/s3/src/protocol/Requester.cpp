@@ -35,7 +35,7 @@ bool hidesFailure(const S3Request& request, const HttpResponse& response)
 Requester::Requester(const S3Settings& settings)
     : m_credentials(settings.credentials ? settings.credentials : defaultCredentials())
     , m_http({settings.timeouts, settings.authorities, settings.interrupted})
-    , m_storeWorkWindow(settings.timeouts.storeWorkWindow)
+    , m_timeouts(settings.timeouts)
     , m_address(settings)
 {
 }
@@ -116,7 +116,8 @@ HttpResponse Requester::sendOnce(
     http.finishes = request.finishes;
     if (request.storeWorks)
     {
-        http.stallWindow = m_storeWorkWindow;
+        http.stallWindow =
+            m_timeouts.storeWorkWindow + std::chrono::seconds(request.storeMoves / m_timeouts.storeBytesPerSecond);
     }
     const Credentials credentials = m_credentials->credentials();
     if (credentials.isAnonymous() && request.body != nullptr)

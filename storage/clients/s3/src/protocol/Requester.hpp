@@ -26,9 +26,10 @@ struct S3Request
     std::string method;
     QueryParameters query = {};
     HttpHeaders headers = {};
-    RequestBody* body = nullptr; ///< borrowed; null: none
-    bool finishes = false;       ///< an interrupt waits for its end
-    bool storeWorks = false;     ///< the store moves bytes of its own before it answers
+    RequestBody* body = nullptr;  ///< borrowed; null: none
+    bool finishes = false;        ///< an interrupt waits for its end
+    bool storeWorks = false;      ///< the store moves bytes of its own before it answers
+    std::uint64_t storeMoves = 0; ///< how many, with those of requests beside this one; 0: few
 };
 
 /// Signs requests to one bucket, sends them, and tells good answers from failures.
@@ -84,7 +85,7 @@ private:
 
     const std::shared_ptr<CredentialsSource> m_credentials;
     HttpClient m_http;
-    const std::chrono::seconds m_storeWorkWindow;
+    const HttpTimeouts m_timeouts;
     std::atomic<bool> m_wasReached = false;
     std::atomic<bool> m_sawBucket = false;
     std::mutex m_mutex;      // innermost; never held during a request

@@ -37,22 +37,30 @@ namespace storage::clients
 /// The last two depend on what went before, and a client cannot tell a repeated call from a new one: it remembers the
 /// identifiers of uploads whose end it could not see.
 ///
+/// A call that does its work in many steps, and need not repeat those that are done, says whether it got further than
+/// before: whoever repeats it then begins to be patient anew. Nothing may be got further with forever, so a client says
+/// so only of steps whose number is fixed.
+///
 /// To a host that does not repeat calls it is an UnknownErrorException like any other.
 class TransientException : public cloudprovider::UnknownErrorException
 {
 public:
     /// @param retryAfter  how long the store asked to be left alone; empty: it did not say
+    /// @param gotFurther  the call has done something for good that the next one need not do
     explicit TransientException(const std::string& message, std::optional<std::string> detail = std::nullopt,
-        std::optional<std::chrono::milliseconds> retryAfter = std::nullopt)
+        std::optional<std::chrono::milliseconds> retryAfter = std::nullopt, bool gotFurther = false)
         : UnknownErrorException(message, std::move(detail))
         , m_retryAfter(retryAfter)
+        , m_gotFurther(gotFurther)
     {
     }
 
     std::optional<std::chrono::milliseconds> retryAfter() const noexcept { return m_retryAfter; }
+    bool gotFurther() const noexcept { return m_gotFurther; }
 
 private:
     std::optional<std::chrono::milliseconds> m_retryAfter;
+    bool m_gotFurther;
 };
 
 } // namespace storage::clients

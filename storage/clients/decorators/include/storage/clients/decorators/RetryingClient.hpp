@@ -22,7 +22,8 @@ struct RetryPolicy
 {
     std::chrono::milliseconds firstDelay{100}; ///< most that the first wait takes; doubled for each that follows
     std::chrono::milliseconds maxDelay = std::chrono::seconds(20); ///< what doubling ends at
-    std::chrono::milliseconds budget = std::chrono::minutes(2); ///< no wait ends later than this after the call began
+    std::chrono::milliseconds budget = std::chrono::minutes(2); ///< no wait ends later than this after the call began,
+                                                                ///< or after the last try that got further
 };
 
 /// A span of 0 to `most`, both included, any as likely as any other. From any thread.
@@ -44,7 +45,8 @@ struct RetryClock
 /// failed together do not return together. A store that said how long to wait is left alone for that long plus the same
 /// random time. A wait that would end beyond the budget is not begun. CancellableClient::cancelAll() ends waits
 /// within a tenth of a second. The budget does not end a try that is under way: how long one may take is the limit of
-/// the client below.
+/// the client below. A try that failed but got further, as its TransientException says, is no sign that the call is in
+/// vain: the waits begin again with the first, and so does the budget.
 ///
 /// Who gives up throws the last failure, again as TransientException, whose detail adds to the store's own how many
 /// tries there were, in what time, and why there is none to follow. Everything else that a call throws passes at once.
@@ -88,6 +90,7 @@ private:
     template <typename Call, typename Rewind>
     auto retrying(Operation operation, const std::string& key, Call call, Rewind rewind) const;
 
+    RetryClock::Duration firstBound() const;
     void waitForNext(Tries& tries, const TransientException& failure) const;
     bool sleep(RetryClock::Duration time) const;
     [[noreturn]] void giveUp(const Tries& tries, const TransientException& failure, const std::string& whyNoMore) const;

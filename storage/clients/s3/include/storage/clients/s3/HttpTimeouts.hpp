@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 
 namespace storage::clients::s3
 {
@@ -16,8 +17,11 @@ struct HttpTimeouts
     std::chrono::seconds stallWindow{30};
     long stallBytesPerSecond = 64;
 
-    /// The same for copies and completions, where the store is silent while it moves bytes of its own.
+    /// The same for copies and completions, where the store is silent while it moves bytes of its own. A copy gets the
+    /// time on top that its bytes, and as many for each of the copies beside it, take at `storeBytesPerSecond`, which
+    /// is not 0.
     std::chrono::seconds storeWorkWindow{300};
+    std::uint64_t storeBytesPerSecond = 16 << 20;
 
     /// The whole of one request, however steadily its bytes come.
     std::chrono::seconds request{3'600};

@@ -41,9 +41,10 @@ struct S3Settings
     std::optional<bool> pathStyle; ///< the bucket stands in the path, not in the host name; nothing: as the names allow
     EndpointCapabilities capabilities = {};
     HttpTimeouts timeouts = {};
-    std::size_t transfers = 8;        ///< requests at a time: of one completion here, of what openStore() adds; 1 to 64
-    std::uint64_t memory = 64 << 20;  ///< bytes; of the buffers that openStore() adds, not used here
-    std::uint64_t partSize = 256 << 10; ///< bytes of the parts that stored objects are read in; 64 KiB to 1 GiB
+    std::size_t transfers = 8;       ///< requests at a time: of one completion here, of what openStore() adds; 1 to 64
+    std::uint64_t memory = 64 << 20; ///< bytes; of the buffers that openStore() adds. What one completion sends at a
+                                     ///< time takes up to half as many here, and never less than one part's
+    std::uint64_t partSize = 256 << 10;     ///< bytes of the parts that stored objects are read in; 64 KiB to 1 GiB
     std::filesystem::path authorities = {}; ///< PEM file in place of the system's certificate authorities
     std::shared_ptr<CredentialsSource> credentials = nullptr; ///< null: defaultCredentials()
 
