@@ -1,3 +1,5 @@
+#include "awaitThreads.hpp"
+
 #include <storage/clients/common/TransientException.hpp>
 #include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/decorators/PipelinedUploadClient.hpp>
@@ -13,9 +15,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <cstdlib>
-#include <filesystem>
 #include <future>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -26,8 +26,6 @@
 #include <utility>
 #include <vector>
 
-extern "C" [[gnu::weak]] void __tsan_init(); // not null under ThreadSanitizer
-
 namespace storage::clients
 {
 
@@ -35,17 +33,8 @@ namespace
 {
 
 using namespace cloudprovider;
+using test::awaitThreads;
 namespace fsp = foundation::storage::provider;
-
-/// Wait until this process has so many threads, of which one that was joined may be there for a moment more.
-void awaitThreads(std::ptrdiff_t count)
-{
-    const auto now = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
-    while (__tsan_init == nullptr && now() != count) // the sanitizer has a thread too, and tells of those that are left
-    {
-        std::this_thread::yield();
-    }
-}
 
 /// A store in memory whose transfers pass a gate, open at first, and are watched while they are inside.
 class GatedStore : public MemoryClient
