@@ -14,7 +14,8 @@ namespace cloudfs
 namespace
 {
 
-constexpr std::size_t mostListed = 10'000; // entries; a page of a listing has 1,000
+constexpr std::size_t mostListed = 10'000;   // entries; a page of a listing has 1,000
+constexpr std::uint64_t largeFile = 5 << 20; // bytes; what has more is sent in several parts
 
 } // namespace
 
@@ -41,12 +42,16 @@ Occupants::Occupants(const Session& session, const StorePath& folder)
         });
 }
 
-void Occupants::requireVacant(const StorePath& file, bool replace) const
+void Occupants::requireVacant(const StorePath& file, bool replace, std::uint64_t size) const
 {
     const auto entry = m_isFolder.find(file.name());
     if (!m_isKnown || (entry != m_isFolder.end() && (entry->second || !replace)))
     {
         m_session.requireVacant(file, replace); // which knows what to say
+    }
+    else if (!replace && size > largeFile)
+    {
+        m_session.requireNoFile(file);
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include "StorePath.hpp"
 
+#include <cstdint>
 #include <map>
 #include <string>
 
@@ -12,6 +13,8 @@ class Session;
 
 /// What stands in one folder of the store, listed once for all files that are put into it.
 ///
+/// A file that somebody else stores there later is not seen, and replaced by one of the same name. Only in front of a
+/// large file, whose upload takes many requests, is one more spent on looking again.
 /// Safe to read from any thread.
 class Occupants
 {
@@ -20,7 +23,9 @@ public:
     Occupants(const Session& session, const StorePath& folder);
 
     /// As Session::requireVacant(), for a file of this folder.
-    void requireVacant(const StorePath& file, bool replace) const;
+    ///
+    /// @param size  bytes that it will have
+    void requireVacant(const StorePath& file, bool replace, std::uint64_t size) const;
 
 private:
     const Session& m_session;

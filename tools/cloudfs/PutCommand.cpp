@@ -71,9 +71,9 @@ private:
             {
                 const StorePath path = m_target.child(name);
                 m_batch.submit(
-                    [this, local, path, occupants = occupantsOf(path.parent())]
+                    [this, local, path, size, occupants = occupantsOf(path.parent())]
                     {
-                        occupants->requireVacant(path, m_options.force);
+                        occupants->requireVacant(path, m_options.force, size);
                         LocalSource source(local);
                         upload(m_session, path, wholeFile, 0, source, m_progress);
                     });
@@ -156,7 +156,10 @@ void addPutCommand(CLI::App& app, Session& session)
         "A PATH that ends in \"/\" is a folder in which LOCAL keeps its name; any other PATH is the new name.\n"
         "A file may be put into a folder that does not exist. With -r missing folders are created, symbolic\n"
         "links to files are followed, and what cannot be stored (links to folders, devices, names that are\n"
-        "not UTF-8 or end in a dot) is reported and left out. With --folders prefix empty folders are not kept.");
+        "not UTF-8 or end in a dot) is reported and left out. With --folders prefix empty folders are not kept.\n"
+        "With -r, what stands in a folder of the store is looked up once, when the first file for it comes: what\n"
+        "somebody else stores there later may be replaced, even without -f. Files above 5 MiB are looked for\n"
+        "again when their turn comes.");
     command->add_option("LOCAL", options->local, "A file, a folder with -r, or - for standard input")->required();
     command->add_option("PATH", options->path, "Where it goes")->required();
     auto* recursive = command->add_flag("-r", options->recursive, "Copy a folder with everything in it");

@@ -151,7 +151,15 @@ void Session::requireVacant(const StorePath& path, bool replace) const
     {
         throw Failure(path.text(), "is a folder", fsp::ErrorCode::AlreadyExists);
     }
-    if (!replace && at(path, [&] { return provider().fileExists(path.iri()); }))
+    if (!replace)
+    {
+        requireNoFile(path);
+    }
+}
+
+void Session::requireNoFile(const StorePath& path) const
+{
+    if (at(path, [&] { return provider().fileExists(path.iri()); }))
     {
         throw Failure(path.text(), "exists already; -f replaces it", fsp::ErrorCode::AlreadyExists);
     }

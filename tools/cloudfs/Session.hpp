@@ -63,6 +63,9 @@ public:
     /// @throws Failure if the path is a folder, or a file while `replace` is false
     void requireVacant(const StorePath& path, bool replace) const;
 
+    /// @throws Failure if there is such a file
+    void requireNoFile(const StorePath& path) const;
+
     /// @throws Failure if one of the folders above this path is a file, which the store itself would not mind
     void requireNoFileAbove(const StorePath& path) const;
 

@@ -308,6 +308,31 @@ test_interrupted_get()
     [[ -z $(find target buffers -type f) ]] || fail "left behind: $(find target buffers -type f)"
 }
 
+# A large file is looked for once more, long after its folder was listed.
+test_put_beside_others()
+{
+    local status=0
+    mkdir tree
+    bytes 12000000 >tree/first
+    truncate -s 6M tree/second
+    mkfifo log
+    ZV_CLOUD_PART_SIZE_OVERRIDE=16384 "$program" --store "$store" -v put -r -j 1 tree /tree 2>log &
+    local pid=$!
+    exec 3<log
+    while read -r line <&3 && [[ $line != *doWrite* ]]; do :; done # of the first file: the folder is listed
+    echo theirs | expect 0 '' put - /tree/second
+    cat <&3 >log.rest # let it go on
+    wait $pid || status=$?
+    exec 3<&-
+    ((status == 1)) || fail "exit $status instead of 1"
+    [[ $(grep -v '^cloudfs: \[' log.rest) == *'/tree/second: exists already'* ]] || fail "said: $(tail -n 2 log.rest)"
+    expect 0 '' cat /tree/second
+    printed theirs
+    expect 0 '' put -rf tree /tree
+    expect 0 '' get -r /tree back
+    diff -r tree back >&2 || fail "-f did not replace"
+}
+
 # A program that is killed cannot end its upload.
 test_uploads()
 {

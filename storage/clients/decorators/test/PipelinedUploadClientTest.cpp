@@ -1,4 +1,4 @@
-#include "Threads.hpp"
+#include "awaitThreads.hpp"
 
 #include <storage/clients/common/TransientException.hpp>
 #include <storage/clients/decorators/FindInterface.hpp>
@@ -35,6 +35,7 @@ namespace
 {
 
 using namespace cloudprovider;
+using test::awaitThreads;
 namespace fsp = foundation::storage::provider;
 
 /// A store in memory whose transfers pass a gate, open at first, and are watched while they are inside.

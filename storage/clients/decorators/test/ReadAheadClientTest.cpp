@@ -1,4 +1,4 @@
-#include "Threads.hpp"
+#include "awaitThreads.hpp"
 #include "WatchedClient.hpp"
 
 #include <storage/clients/decorators/FindInterface.hpp>
@@ -25,6 +25,7 @@ namespace
 {
 
 using namespace cloudprovider;
+using test::awaitThreads;
 using namespace testing;
 using foundation::storage::provider::StorageIRI;
 

@@ -159,6 +159,21 @@ std::size_t FaultProxy::struck() const
         std::count_if(m_seen.begin(), m_seen.end(), [](const Seen& seen) { return seen.fault != Fault::None; }));
 }
 
+std::uint64_t FaultProxy::largestRange() const
+{
+    static const std::regex form("bytes=([0-9]+)-([0-9]+)");
+    std::uint64_t largest = 0;
+    for (const Seen& request : seen())
+    {
+        const std::string range(request.head["Range"]);
+        if (std::smatch match; std::regex_match(range, match, form))
+        {
+            largest = std::max<std::uint64_t>(largest, std::stoull(match.str(2)) - std::stoull(match.str(1)) + 1);
+        }
+    }
+    return largest;
+}
+
 Reply FaultProxy::answer(const Request& request)
 {
     Plan plan;

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -79,6 +80,9 @@ public:
 
     /// How many requests something went wrong with.
     std::size_t struck() const;
+
+    /// Bytes of the largest range that was asked for; 0: none was.
+    std::uint64_t largestRange() const;
 
 private:
     Reply answer(const Request& request);

@@ -1,11 +1,8 @@
-#include "FaultProxy.hpp"
-#include "FileSession.hpp"
-#include "Gateway.hpp"
+#include "StruckBucket.hpp"
 
 #include "protocol/Requester.hpp"
 
 #include <storage/clients/common/TransientException.hpp>
-#include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <gmock/gmock.h>
@@ -26,7 +23,6 @@ namespace
 using namespace cloudprovider;
 using namespace clients::test;
 namespace http = boost::beast::http;
-using Contents = std::optional<std::string>; // nothing: no object
 
 const std::string old = "the old content";
 const std::string fresh = "the new and longer content";
@@ -134,21 +130,6 @@ const std::vector<Row> rows{
         [](Scene& s) { EXPECT_THAT(s.client.getObjectInfo(s.key).tag, testing::EndsWith("-1")) << "not copied"; }},
 };
 
-/// Waits take no time, but count.
-class VirtualTime
-{
-public:
-    RetryClock clock()
-    {
-        return {[this] { return std::chrono::steady_clock::now() + slept(); },
-            [this](RetryClock::Duration time) { m_slept += time.count(); }, uniformJitter};
-    }
-    RetryClock::Duration slept() const { return RetryClock::Duration(m_slept); }
-
-private:
-    std::atomic<RetryClock::Duration::rep> m_slept = 0;
-};
-
 /// Credentials that stay what they are, and count who wants new ones.
 class RenewedCredentials : public CredentialsSource
 {
@@ -167,7 +148,6 @@ private:
     std::atomic<int> m_renewals = 0;
 };
 
-constexpr std::chrono::milliseconds shortBudget(500);
 constexpr std::chrono::seconds longestTry(30); // several stalls of a second each, on a machine that has other work
 
 enum class Mode
@@ -182,61 +162,17 @@ const char* name(Mode mode)
     return std::array{"BareOnce", "RetryOnce", "RetryForGood"}.at(static_cast<std::size_t>(mode));
 }
 
-class FaultTest : public testing::TestWithParam<Fault>
+class FaultTest : public StruckBucket, public testing::WithParamInterface<Fault>
 {
 protected:
-    void SetUp() override
+    FaultTest()
+        : StruckBucket(GetParam())
     {
-        REQUIRE_GATEWAY();
-        m_bucket.emplace();
-        m_direct.emplace(m_bucket->settings());
     }
 
-    const Fault fault = GetParam();
     const bool isMoved = fault == Fault::Moved301 || fault == Fault::Moved307 || fault == Fault::Moved400;
     const bool isCured = isMoved || fault == Fault::Expired400; // by the client itself
     const bool isHopeless = fault == Fault::Precondition412 || fault == Fault::Denied403;
-
-    Contents stored(const std::string& key)
-    {
-        if (!m_direct->getObjectInfo(key).exists)
-        {
-            return std::nullopt;
-        }
-        std::ostringstream out;
-        m_direct->getObjectRange(key, out, 0, 0);
-        return out.str();
-    }
-
-    void store(const std::string& key, const std::string& bytes)
-    {
-        std::istringstream content(bytes);
-        m_direct->putObject(key, content, bytes.size());
-    }
-
-    S3Settings settingsFor(const FaultProxy& proxy) const
-    {
-        S3Settings settings = m_bucket->settings();
-        settings.endpoint = proxy.url();
-        if (fault == Fault::StallBefore || fault == Fault::StallAfter) // on a busy machine others take a while, too
-        {
-            settings.timeouts.stallWindow = settings.timeouts.storeWorkWindow = std::chrono::seconds(1);
-        }
-        return settings;
-    }
-
-    FaultProxy::Plan strike(std::size_t first, bool forGood) const
-    {
-        // An answer to HEAD has no document that says what is wrong with the asker, who is wrong again the next time.
-        const bool needsDocument = fault == Fault::Denied403 || fault == Fault::Moved400 || fault == Fault::Expired400;
-        const auto isTold = std::make_shared<std::atomic<bool>>(!needsDocument);
-        return [=, this](const Request& request, std::size_t number)
-        {
-            const bool strikes = number == first || (number > first && (forGood || !*isTold));
-            *isTold = *isTold || (strikes && request.method() != http::verb::head);
-            return strikes ? fault : Fault::None;
-        };
-    }
 
     /// @return whether there was a request of that number
     bool strikeRequest(const Row& row, std::size_t n, Mode mode)
@@ -345,11 +281,6 @@ protected:
             }
         }
     }
-
-    std::optional<GatewayBucket> m_bucket;
-
-private:
-    std::optional<S3Client> m_direct; // past the proxy
 };
 
 TEST_P(FaultTest, LosesNothingAtAnyOperation)
@@ -409,65 +340,6 @@ TEST(DamageTest, IsNoticedOnTheWayToTheStoreAndInWhatIsReadWhole)
         EXPECT_EQ(whole.str(), fresh);
     }
 }
-
-/// Whole files, as a host writes them.
-class FileFaultTest : public FaultTest
-{
-protected:
-    const SmallParts smallParts;
-
-    /// @return whether there was a request of that number
-    bool strikeRequest(std::size_t n, bool forGood, bool patches)
-    {
-        std::string whole(2 * partSize + 1000, 'a');
-        std::string before = old;
-        if (patches)
-        {
-            before = whole;
-            whole.replace(partSize + 100, fresh.size(), fresh);
-        }
-        store("file", before);
-        FaultProxy proxy(m_bucket->settings().endpoint);
-        VirtualTime time;
-        const auto client = std::make_shared<RetryingClient>(std::make_shared<S3Client>(settingsFor(proxy)),
-            RetryPolicy{.budget = forGood ? shortBudget : std::chrono::minutes(1)}, time.clock());
-        proxy.setPlan(strike(n, forGood));
-        FileSession session(workingAhead(client));
-        session.open(patches ? fsp::ByteStreamTruncate::Keep : fsp::ByteStreamTruncate::Discard);
-        patches ? session.write(partSize + 100, fresh) : session.write(0, whole);
-        session.close();
-        const bool succeeded = session.succeeded();
-        const bool reached = proxy.seen().size() >= n;
-        const Contents now = stored("file");
-        EXPECT_TRUE(now == whole || (!succeeded && now == before)) << "neither old nor new, or called written and not";
-        EXPECT_TRUE(succeeded || forGood) << "one failure was enough";
-        EXPECT_TRUE(succeeded || proxy.struck() > 0) << "failed untouched";
-        return reached;
-    }
-};
-
-TEST_P(FileFaultTest, WritesWhatItReportsAsWritten)
-{
-    for (const bool patches : {false, true})
-    {
-        for (const bool forGood : {false, true})
-        {
-            bool reached = true;
-            for (std::size_t n = 1; reached && !HasFailure(); ++n)
-            {
-                SCOPED_TRACE(testing::Message() << name(fault) << (forGood ? " from request " : " at request ") << n
-                                                << (patches ? " of a patch" : " of a new file"));
-                reached = strikeRequest(n, forGood, patches);
-                EXPECT_TRUE(reached || n > (patches ? 7 : 5)) << "too few requests for three parts";
-            }
-        }
-    }
-}
-
-// Others are no different to whoever repeats, and each run moves 20 MiB.
-INSTANTIATE_TEST_SUITE_P(Faults, FileFaultTest,
-    testing::Values(Fault::ResetBefore, Fault::ResetAfter, Fault::ErrorUnder200),
-    [](const auto& row) { return std::string(name(row.param)); });
 
 } // namespace
 

@@ -8,9 +8,11 @@
 #include <foundation/storage/provider/ByteStreamFailure.hpp>
 #include <foundation/storage/provider/Exception.hpp>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <utility>
@@ -34,10 +36,33 @@ public:
     ~SmallParts() { unsetenv("ZV_CLOUD_PART_SIZE_OVERRIDE"); }
 };
 
-/// Everything that a store is wrapped in when it is opened by URL, above what repeats calls.
-inline cloudprovider::CloudClientSharedPtr workingAhead(cloudprovider::CloudClientSharedPtr client)
+/// What works ahead of its caller, above a client.
+enum class Ahead
 {
-    return std::make_shared<ReadAheadClient>(std::make_shared<PipelinedUploadClient>(std::move(client)));
+    Nothing,
+    Uploads,
+    Reads,
+    Both ///< as when a store is opened by URL
+};
+
+inline const char* name(Ahead ahead)
+{
+    return std::array{"Bare", "Pipelined", "ReadAhead", "Whole"}.at(static_cast<std::size_t>(ahead));
+}
+
+inline bool readsAhead(Ahead ahead)
+{
+    return ahead == Ahead::Reads || ahead == Ahead::Both;
+}
+
+inline cloudprovider::CloudClientSharedPtr workingAhead(
+    cloudprovider::CloudClientSharedPtr client, Ahead ahead = Ahead::Both)
+{
+    if (ahead == Ahead::Uploads || ahead == Ahead::Both)
+    {
+        client = std::make_shared<PipelinedUploadClient>(std::move(client));
+    }
+    return readsAhead(ahead) ? std::make_shared<ReadAheadClient>(std::move(client)) : client;
 }
 
 /// A host that works on the file "file" of a store through the provider, and may fail at it. One at a time.
@@ -80,6 +105,25 @@ public:
         {
             m_succeeded = false;
         }
+    }
+
+    /// Read from begin to end, little by little.
+    ///
+    /// @return what came until something failed
+    std::string readAll()
+    {
+        std::string all;
+        attempt(
+            [&](fsp::ByteStream& stream)
+            {
+                std::string some(64 << 10, '\0');
+                stream.seek(0, std::ios_base::beg);
+                for (std::streamsize count = 0; (count = stream.read(some.data(), std::ssize(some))) > 0;)
+                {
+                    all.append(some, 0, static_cast<std::size_t>(count));
+                }
+            });
+        return all;
     }
 
     void write(std::size_t offset, const std::string& bytes)
