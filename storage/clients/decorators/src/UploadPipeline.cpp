@@ -84,9 +84,9 @@ std::string UploadPipeline::send(
     {
         return m_inner.uploadPart(key, id, part, content);
     }
-    std::optional<BufferPool::Lease> bytes = m_threads.start() ? m_buffers.acquire(part.Size) : std::nullopt;
+    std::optional<BufferPool::Lease> bytes = m_buffers.acquire(part.Size);
     reportFailure(*upload);
-    if (!bytes)
+    if (!bytes || !m_threads.start())
     {
         return transferHere(upload, part.Index, [&] { return m_inner.uploadPart(key, id, part, content); });
     }

@@ -60,6 +60,7 @@ void WorkerThreads::startThread()
     try
     {
         m_threads.emplace_back([this] { work(); });
+        ++m_idle;
     }
     catch (const std::system_error& failure)
     {
@@ -77,7 +78,6 @@ void WorkerThreads::work()
     std::unique_lock lock(m_mutex);
     for (;;)
     {
-        ++m_idle;
         m_changed.wait(lock, [this] { return m_isEnding || !m_tasks.empty(); });
         --m_idle;
         if (m_tasks.empty())
@@ -91,6 +91,7 @@ void WorkerThreads::work()
             task();
         } // what the task holds is gone before the next one begins
         lock.lock();
+        ++m_idle;
     }
 }
 

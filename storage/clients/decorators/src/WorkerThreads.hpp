@@ -42,7 +42,7 @@ private:
     std::mutex m_mutex; // innermost: not held while a task runs; guards all that follows
     std::condition_variable m_changed;
     std::deque<std::function<void()>> m_tasks;
-    std::size_t m_idle = 0; // threads that wait for a task
+    std::size_t m_idle = 0; // threads that wait for a task, or are about to
     bool m_isEnding = false;
     std::vector<std::thread> m_threads;
 };

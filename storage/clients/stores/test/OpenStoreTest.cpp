@@ -165,7 +165,7 @@ protected:
 TEST_F(GatewayStoreTest, CutsObjectsAsTheUrlSays)
 {
     constexpr std::size_t size = 6 << 20;
-    const std::map<std::string, std::uint64_t> rows{{"", 1 << 20}, {"part-size=65536", 65536}};
+    const std::map<std::string, std::uint64_t> rows{{"", 256 << 10}, {"part-size=65536", 65536}};
     for (const auto& [parameters, partSize] : rows)
     {
         open(parameters);
