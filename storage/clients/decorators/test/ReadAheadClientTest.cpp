@@ -1,5 +1,5 @@
-#include "awaitThreads.hpp"
 #include "WatchedClient.hpp"
+#include "awaitThreads.hpp"
 
 #include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/decorators/ReadAheadClient.hpp>
