@@ -13,6 +13,7 @@
 
 #include <fmt/format.h>
 
+#include <limits>
 #include <sstream>
 #include <string_view>
 #include <utility>
@@ -161,6 +162,10 @@ std::uint64_t Objects::read(const std::string& key, std::ostream& out, std::uint
     if (key.empty() || isBeyondEveryStore(key)) // an empty key would be a listing
     {
         throw ResourceNotFoundException("getObjectRange of " + quoted(key) + " failed: there is no such object");
+    }
+    if (last == std::numeric_limits<std::uint64_t>::max()) // no object has it, and sums with it would wrap
+    {
+        throwBeyondEnd(key, {first, last - first + 1});
     }
     const KnownVersions::Observation observation(m_versions, key);
     const auto version = m_versions.current(key);

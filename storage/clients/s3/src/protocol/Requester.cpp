@@ -119,6 +119,10 @@ HttpResponse Requester::sendOnce(
         http.stallWindow =
             m_timeouts.storeWorkWindow + std::chrono::seconds(request.storeMoves / m_timeouts.storeBytesPerSecond);
     }
+    if (request.storeMoves > 0)
+    {
+        http.deadline = std::max(m_timeouts.request, *http.stallWindow);
+    }
     const Credentials credentials = m_credentials->credentials();
     if (credentials.isAnonymous() && request.body != nullptr)
     {

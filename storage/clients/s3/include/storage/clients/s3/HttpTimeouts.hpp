@@ -23,7 +23,7 @@ struct HttpTimeouts
     std::chrono::seconds storeWorkWindow{300};
     std::uint64_t storeBytesPerSecond = 16 << 20;
 
-    /// The whole of one request, however steadily its bytes come.
+    /// The whole of one request, however steadily its bytes come; a copy may take its window where that is longer.
     std::chrono::seconds request{3'600};
 };
 

@@ -26,8 +26,11 @@ class Requester;
 /// - An object is never a mixture of two versions. Ranges are read, and unchanged parts copied, from the version that
 ///   getObjectParts() last answered for the key, or that this client has written since; when somebody else has changed
 ///   the object, the read or the completion fails. putObject() replaces whatever is there: the last writer wins.
-/// - getObjectParts() cuts any object by rule, however it was written, into parts that are small enough to be read
-/// alone.
+/// - An object of at most 16 KiB comes with its parts: the next read of the whole gets it as it was opened. The 128
+/// that
+///   were opened last are kept until then, 2 MiB at most.
+/// - getObjectParts() cuts any object by rule, however it was written, into parts that are small enough to be read on
+///   their own.
 /// - createMultipartUpload() only notes the upload. The store hears of it with the first part, so that a failure to
 ///   open one is that part's, and is reported. An upload belongs to the instance that began it;
 ///   abortMultipartUpload() also takes the identifiers of others, as pendingUploads() tells them.
@@ -36,9 +39,8 @@ class Requester;
 ///   neighbours into large copies, sends what is too small together with what stands beside it, several requests at a
 ///   time, and completes then.
 /// - So the failure of a copy or of a small part is the completion's. It leaves the object as it was and the upload
-/// open
-///   with all its parts: the completion may be repeated, and makes only what is still missing, or the upload aborted.
-///   Until then what the store has made takes room there.
+///   open with all its parts: the completion may be repeated, which after a failure that may pass makes only what is
+///   missing, or the upload aborted. Until then what the store has made takes room there.
 /// - A completion whose answer was lost is looked into before it is repeated or called failed.
 /// - What may pass is thrown as TransientException and may be repeated, by RetryingClient for example; nothing is
 ///   repeated here.
