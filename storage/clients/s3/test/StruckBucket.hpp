@@ -79,7 +79,7 @@ protected:
     {
         S3Settings settings = m_bucket->settings();
         settings.endpoint = proxy.url();
-        settings.partSize = 1 << 20; // fewer requests, as each of them is struck
+        settings.partSize = 1 << 20;                                   // fewer requests, as each of them is struck
         if (fault == Fault::StallBefore || fault == Fault::StallAfter) // on a busy machine others take a while, too
         {
             settings.timeouts.stallWindow = settings.timeouts.storeWorkWindow = std::chrono::seconds(1);
