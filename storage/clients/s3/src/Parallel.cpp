@@ -1,5 +1,11 @@
 #include "Parallel.hpp"
 
+#include <storage/cloudprovider/Logger.hpp>
+
+#include <foundation/log/Severity.hpp>
+
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <atomic>
 #include <exception>
@@ -48,9 +54,11 @@ void runParallel(std::size_t threads, const Tasks& tasks, std::size_t heavyAtOnc
         {
             helpers.push_back(std::async(std::launch::async, work, i < heavyAtOnce));
         }
-        catch (const std::system_error&)
+        catch (const std::system_error& reason) // those that there are do everything
         {
-            break; // the machine has no more to give, and those that there are do everything
+            cloudprovider::getLogger().write(foundation::log::severity::warning,
+                fmt::format("Going on with {} threads, no further one starts: {}", i, reason.what()));
+            break;
         }
     }
     work(true);

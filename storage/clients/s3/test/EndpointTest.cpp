@@ -320,9 +320,7 @@ TEST(EndpointTest, ASmallObjectComesWithItsParts)
     REQUIRE_GATEWAY();
     const GatewayBucket bucket;
     FaultProxy proxy(bucket.settings().endpoint);
-    S3Settings settings = bucket.settings();
-    settings.endpoint = proxy.url();
-    S3Client client(settings);
+    S3Client client(bucket.settingsThrough(proxy.url()));
     S3Client other(bucket.settings());
     const auto put = [](CloudClient& writer, const std::string& bytes)
     {
@@ -356,9 +354,7 @@ TEST(EndpointTest, EightThreadsOpenOneUploadWithTheirFirstPart)
     REQUIRE_GATEWAY();
     const GatewayBucket bucket;
     FaultProxy proxy(bucket.settings().endpoint);
-    S3Settings settings = bucket.settings();
-    settings.endpoint = proxy.url();
-    S3Client client(settings);
+    S3Client client(bucket.settingsThrough(proxy.url()));
     const std::string upload = client.createMultipartUpload("key", "");
     client.abortMultipartUpload("key", client.createMultipartUpload("key", ""));
     EXPECT_THAT(proxy.seen(), testing::IsEmpty());

@@ -318,8 +318,7 @@ TEST(DamageTest, IsNoticedOnTheWayToTheStoreAndInWhatIsReadWhole)
     for (const auto& credentials : {anonymousCredentials(), bucket.settings().credentials})
     {
         SCOPED_TRACE(credentials->credentials().keyId);
-        S3Settings settings = bucket.settings();
-        settings.endpoint = proxy.url();
+        S3Settings settings = bucket.settingsThrough(proxy.url());
         settings.credentials = credentials;
         bare = std::make_shared<S3Client>(settings);
         retrying = std::make_unique<RetryingClient>(bare, RetryPolicy(), time.clock());

@@ -29,6 +29,14 @@ public:
 
     const S3Settings& settings() const noexcept { return m_settings; }
 
+    /// The same, reached through what stands in front of the gateway.
+    S3Settings settingsThrough(const std::string& endpoint) const
+    {
+        S3Settings settings = m_settings;
+        settings.endpoint = endpoint;
+        return settings;
+    }
+
 private:
     S3Settings m_settings;
 };

@@ -175,8 +175,7 @@ TEST_P(RaceTest, TheObjectIsWhollyTheirsOrWhollyOurs)
                 number == n ? other.change(change, size) : void();
                 return Fault::None;
             });
-        S3Settings settings = bucket.settings();
-        settings.endpoint = proxy.url();
+        S3Settings settings = bucket.settingsThrough(proxy.url());
         settings.partSize = 1 << 20; // fewer requests, as each of them is raced
         auto session = std::make_unique<FileSession>(workingAhead(std::make_shared<S3Client>(settings), ahead));
         session->open(fsp::ByteStreamTruncate::Keep);

@@ -77,8 +77,7 @@ protected:
 
     S3Settings settingsFor(const FaultProxy& proxy) const
     {
-        S3Settings settings = m_bucket->settings();
-        settings.endpoint = proxy.url();
+        S3Settings settings = m_bucket->settingsThrough(proxy.url());
         settings.partSize = 1 << 20;                                   // fewer requests, as each of them is struck
         if (fault == Fault::StallBefore || fault == Fault::StallAfter) // on a busy machine others take a while, too
         {
