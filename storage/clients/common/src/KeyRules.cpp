@@ -42,9 +42,10 @@ Character firstCharacter(std::string_view text)
         }
         codePoint = codePoint << 6 | (byteAt(i) & 0x3F);
     }
-    constexpr std::uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000}; // by length: fewer would be an overlong form
+    constexpr std::uint32_t minCodePoints[] = {
+        0, 0, 0x80, 0x800, 0x10000}; // by length: fewer would be an overlong form
     const bool surrogate = codePoint >= 0xD800 && codePoint <= 0xDFFF;
-    if (codePoint < least[bytes] || surrogate || codePoint > 0x10FFFF)
+    if (codePoint < minCodePoints[bytes] || surrogate || codePoint > 0x10FFFF)
     {
         return {};
     }
@@ -107,10 +108,10 @@ void checkObjectName(const std::string& name)
 
 std::string quoted(const std::string& key)
 {
-    constexpr std::size_t longest = 200; // bytes; enough to recognise a key, and still one line
+    constexpr std::size_t maxLength = 200; // bytes; enough to recognise a key, and still one line
     std::string result = "\"";
     std::string_view rest = key;
-    while (!rest.empty() && key.size() - rest.size() < longest)
+    while (!rest.empty() && key.size() - rest.size() < maxLength)
     {
         const Character character = firstCharacter(rest);
         if (character.bytes != 0 && character.codePoint >= 0x20 && character.codePoint != 0x7F)

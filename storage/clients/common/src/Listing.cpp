@@ -3,7 +3,7 @@
 namespace storage::clients
 {
 
-std::string firstBeyond(std::string prefix)
+std::string prefixEnd(std::string prefix)
 {
     while (!prefix.empty() && static_cast<unsigned char>(prefix.back()) == 0xFF)
     {

@@ -52,7 +52,7 @@ std::string CloudClientConformance::content(std::size_t size, unsigned seed)
 
 std::string CloudClientConformance::partContent(unsigned seed) const
 {
-    return content(std::max<std::size_t>(m_capabilities.leastPartSize, 100) + seed, seed);
+    return content(std::max<std::size_t>(m_capabilities.minPartSize, 100) + seed, seed);
 }
 
 void CloudClientConformance::put(const std::string& key, const std::string& content)

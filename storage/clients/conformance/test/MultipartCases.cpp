@@ -24,7 +24,7 @@ namespace
 testing::AssertionResult areCut(
     const std::vector<PartInfo>& parts, std::vector<std::size_t> sizes, const Capabilities& capabilities)
 {
-    if (!capabilities.noKeptParts.empty())
+    if (!capabilities.noPartBoundaries.empty())
     {
         const std::size_t total = std::accumulate(sizes.begin(), sizes.end(), std::size_t{0});
         sizes.clear();
@@ -61,7 +61,7 @@ TEST_P(CloudClientConformance, JoinsThePartsThatAreListed)
     // In any order, with gaps between the indexes, and one that is not wanted in the end.
     const PartInfo lastPart = upload("k", id, 7, last);
     const PartInfo firstPart = upload("k", id, 0, first);
-    if (capabilities().noDroppedParts.empty())
+    if (capabilities().noUnlistedParts.empty())
     {
         upload("k", id, 1, partContent(4));
     }
@@ -106,7 +106,7 @@ TEST_P(CloudClientConformance, ARefusedCompletionLeavesObjectAndUpload)
     std::vector<std::pair<const char*, std::vector<PartInfo>>> rows{{"a tag of a replaced part", {replaced, second}},
         {"the tag of another part", {first, wrongTag}}, {"a part that was never sent", {first, second, neverSent}},
         {"descending indexes", {second, first}}, {"one index twice", {first, first}}, {"no parts", {}}};
-    if (capabilities().noDroppedParts.empty())
+    if (capabilities().noUnlistedParts.empty())
     {
         rows.push_back(
             {"a part without bytes before the last", {first, upload("k", id, 4, ""), upload("k", id, 5, "x")}});

@@ -101,7 +101,7 @@ Duration RetryingClient::firstBound() const
 
 void RetryingClient::waitForNext(Tries& tries, const TransientException& failure) const
 {
-    if (failure.gotFurther())
+    if (failure.madeProgress())
     {
         tries.budgetBegin = m_clock.now();
         tries.nextBound = firstBound();

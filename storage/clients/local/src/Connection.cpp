@@ -1,6 +1,6 @@
 #include "Connection.hpp"
 
-#include "Failure.hpp"
+#include "StoreError.hpp"
 
 #include <sqlite3.h>
 
@@ -15,11 +15,11 @@ namespace
 
 [[noreturn]] void failAs(sqlite3* handle, int code)
 {
-    throw indexFailure(code, sqlite3_system_errno(handle), sqlite3_errmsg(handle));
+    throw sqliteError(code, sqlite3_system_errno(handle), sqlite3_errmsg(handle));
 }
 
 // SQLite's own handler waits up to 100 ms between two looks, many times what a commit takes.
-int waitForTurn(void*, int looks)
+int waitForLock(void*, int looks)
 {
     using namespace std::chrono_literals;
     constexpr auto pause = 1ms;
@@ -109,11 +109,11 @@ Connection::Connection(const std::filesystem::path& file)
     constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
     if (const int code = sqlite3_open_v2(file.c_str(), &m_handle, flags, nullptr); code != SQLITE_OK)
     {
-        const Failure failure = indexFailure(code, m_handle ? sqlite3_system_errno(m_handle) : 0, sqlite3_errstr(code));
+        const StoreError error = sqliteError(code, m_handle ? sqlite3_system_errno(m_handle) : 0, sqlite3_errstr(code));
         sqlite3_close(m_handle);
-        throw failure;
+        throw error;
     }
-    sqlite3_busy_handler(m_handle, waitForTurn, nullptr);
+    sqlite3_busy_handler(m_handle, waitForLock, nullptr);
 }
 
 Connection::~Connection()

@@ -39,7 +39,7 @@ public:
     /// Go to the next row, the first one at first.
     ///
     /// @return whether there is one
-    /// @throws Failure
+    /// @throws StoreError
     bool next();
 
     /// Begin again with other parameters.
@@ -72,7 +72,7 @@ class Connection
 public:
     /// Open the index, and create nothing that is missing.
     ///
-    /// @throws Failure
+    /// @throws StoreError
     explicit Connection(const std::filesystem::path& file);
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;

@@ -1,6 +1,6 @@
 #include "ContentFiles.hpp"
 
-#include "Failure.hpp"
+#include "StoreError.hpp"
 
 #include <fmt/format.h>
 
@@ -58,7 +58,7 @@ IncomingFile::~IncomingFile()
 {
     if (!m_path.empty() && removeFile(m_path) != 0)
     {
-        m_files.leaveForCollection();
+        m_files.leaveOrphans();
     }
 }
 
@@ -83,29 +83,29 @@ ContentFiles::ContentFiles(const std::filesystem::path& directory)
     , m_contents(madeFolder(directory / "contents"))
     , m_sessions(madeFolder(directory / "sessions"))
     , m_contentsFolder(openFolder(m_contents))
-    , m_session(m_sessions)
+    , m_sessionLock(m_sessions)
 {
 }
 
 IncomingFile ContentFiles::create()
 {
-    m_session.begin();
-    return {*this, m_incoming / fmt::format("{}-{}", fileNameOf(m_session.number()), ++m_created)};
+    m_sessionLock.acquire();
+    return {*this, m_incoming / fmt::format("{}-{}", fileNameOf(m_sessionLock.number()), ++m_created)};
 }
 
 FileName ContentFiles::publish(IncomingFile& file, std::int64_t content)
 {
-    const FileName name{content, m_session.number()};
+    const FileName name{content, m_sessionLock.number()};
     const std::filesystem::path place = path(name);
     if (std::rename(file.m_path.c_str(), place.c_str()) != 0)
     {
-        throw systemFailure("renaming to \"" + place.native() + '"', errno);
+        throw systemError("renaming to \"" + place.native() + '"', errno);
     }
     file.m_path.clear();
     return name;
 }
 
-void ContentFiles::syncPlaces() const
+void ContentFiles::syncContentsFolder() const
 {
     syncFile(m_contentsFolder, m_contents);
 }
@@ -117,7 +117,7 @@ std::optional<FileHandle> ContentFiles::open(FileName name, std::uint64_t size) 
     {
         if (const std::uint64_t found = fileSize(*file, path(name)); found != size)
         {
-            throw Failure(fmt::format(
+            throw StoreError(fmt::format(
                 "the store is damaged: \"{}\" has {} bytes instead of {}", path(name).native(), found, size));
         }
     }
@@ -133,7 +133,7 @@ void ContentFiles::remove(FileName name) noexcept
 {
     if (removeFile(path(name)) != 0)
     {
-        leaveForCollection();
+        leaveOrphans();
     }
 }
 
@@ -151,7 +151,7 @@ std::vector<FileName> ContentFiles::list() const
     return names;
 }
 
-void ContentFiles::forget(const std::vector<Session::Ended>& sessions)
+void ContentFiles::removeSessions(const std::vector<SessionLock::Dead>& sessions)
 {
     for (const auto& entry : std::filesystem::directory_iterator(m_incoming))
     {
@@ -159,18 +159,18 @@ void ContentFiles::forget(const std::vector<Session::Ended>& sessions)
         std::uint64_t number = 0;
         const bool ended = parse(entry.path().filename().native(), session, 16, number, 10) &&
                            std::any_of(sessions.begin(), sessions.end(),
-                               [&](const Session::Ended& candidate) { return candidate.number == session; });
+                               [&](const SessionLock::Dead& candidate) { return candidate.number == session; });
         if (ended)
         {
             if (const int error = removeFile(entry.path()); error != 0)
             {
-                throw systemFailure("removing \"" + entry.path().native() + '"', error);
+                throw systemError("removing \"" + entry.path().native() + '"', error);
             }
         }
     }
-    for (const Session::Ended& session : sessions)
+    for (const SessionLock::Dead& session : sessions)
     {
-        removeFile(session.mark); // one that stays is found again by the next who opens the store
+        removeFile(session.path); // one that stays is found again by the next who opens the store
     }
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Files.hpp"
-#include "Session.hpp"
+#include "SessionLock.hpp"
 
 #include <atomic>
 #include <cstdint>
@@ -50,7 +50,7 @@ private:
 ///
 ///     contents/<content>-<session>    as the index names them
 ///     incoming/<session>-<number>     being written
-///     sessions/<session>              see Session
+///     sessions/<session>              see SessionLock
 ///
 /// Safe for concurrent calls on one instance, and for any number of instances and processes on one store.
 class ContentFiles
@@ -58,7 +58,7 @@ class ContentFiles
 public:
     /// Make the folders that are missing.
     ///
-    /// @throws Failure, as everything here
+    /// @throws StoreError, as everything here
     explicit ContentFiles(const std::filesystem::path& directory);
 
     IncomingFile create();
@@ -68,32 +68,32 @@ public:
     FileName publish(IncomingFile& file, std::int64_t content);
 
     /// Make the places of all files last that were published before.
-    void syncPlaces() const;
+    void syncContentsFolder() const;
 
     /// Open for reading; nothing when the file is not there.
     ///
-    /// @throws Failure also when it is there with another size than it had
+    /// @throws StoreError also when it is there with another size than it had
     std::optional<FileHandle> open(FileName name, std::uint64_t size) const;
 
     std::filesystem::path path(FileName name) const;
 
     /// Prepare remove(). To be called before the change that drops a content is committed.
-    void expectRemoval() { m_session.begin(); }
+    void prepareRemoval() { m_sessionLock.acquire(); }
 
     /// Remove a file that no content has. What cannot be removed is left for collection.
     void remove(FileName name) noexcept;
 
     /// Leave this session's files, as far as the index does not name them, to those who open the store later.
-    void leaveForCollection() noexcept { m_session.leaveForCollection(); }
+    void leaveOrphans() noexcept { m_sessionLock.keepFile(); }
 
-    /// Find sessions whose clients were ended in the middle of things; see Session::findEnded().
-    std::vector<Session::Ended> findEnded() const { return Session::findEnded(m_sessions); }
+    /// Find sessions whose clients were ended in the middle of things; see SessionLock::findDead().
+    std::vector<SessionLock::Dead> findDeadSessions() const { return SessionLock::findDead(m_sessions); }
 
     /// List the files in their places, whether a content has them or not.
     std::vector<FileName> list() const;
 
     /// Remove what these sessions were writing, and then their marks.
-    void forget(const std::vector<Session::Ended>& sessions);
+    void removeSessions(const std::vector<SessionLock::Dead>& sessions);
 
 private:
     friend class IncomingFile;
@@ -102,7 +102,7 @@ private:
     const std::filesystem::path m_contents;
     const std::filesystem::path m_sessions;
     const FileHandle m_contentsFolder;
-    Session m_session;
+    SessionLock m_sessionLock;
     std::atomic<std::uint64_t> m_created = 0;
 };
 

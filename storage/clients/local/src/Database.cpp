@@ -34,23 +34,23 @@ void Database::giveBack(Connection* connection) noexcept
     }
 }
 
-Database::Reading::Reading(Database& database)
+Database::ReadTransaction::ReadTransaction(Database& database)
     : m_connection(database.borrow())
 {
     m_connection->run("BEGIN");
 }
 
-Database::Writing::Writing(Database& database, Durability durability)
-    : m_turn(database.m_turn)
+Database::WriteTransaction::WriteTransaction(Database& database, Durability durability)
+    : m_writerMutex(database.m_writerMutex)
     , m_connection(database.borrow())
 {
     // Whether a commit waits for the disk. It cannot be changed inside a transaction.
     m_connection->execute(
-        durability == Durability::Lasting ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
+        durability == Durability::Synced ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
     m_connection->run("BEGIN IMMEDIATE");
 }
 
-void Database::Writing::commit()
+void Database::WriteTransaction::commit()
 {
     m_connection->run("COMMIT");
 }

@@ -15,8 +15,8 @@ namespace storage::clients::local
 /// What a change survives once it is committed.
 enum class Durability
 {
-    Lasting,    ///< the end of the process and a loss of power
-    Provisional ///< the end of the process; after a loss of power it may be undone, but not if a lasting one followed
+    Synced,  ///< the end of the process and a loss of power
+    Deferred ///< the end of the process; after a loss of power it may be undone, but not if a lasting one followed
 };
 
 /// The index as all threads of one client use it: a pool of connections, of which each transaction borrows one.
@@ -37,12 +37,12 @@ public:
     explicit Database(std::filesystem::path file);
 
     /// A view of one state of the index, until it ends. To be kept short: it holds up the tidying of the log.
-    class Reading
+    class ReadTransaction
     {
     public:
-        explicit Reading(Database& database);
-        Reading(const Reading&) = delete;
-        Reading& operator=(const Reading&) = delete;
+        explicit ReadTransaction(Database& database);
+        ReadTransaction(const ReadTransaction&) = delete;
+        ReadTransaction& operator=(const ReadTransaction&) = delete;
 
         Connection& operator*() const { return *m_connection; }
         Connection* operator->() const { return m_connection.get(); }
@@ -52,16 +52,16 @@ public:
     };
 
     /// The one change of the index that is under way; undone unless it is committed.
-    class Writing
+    class WriteTransaction
     {
     public:
-        Writing(Database& database, Durability durability);
-        Writing(const Writing&) = delete;
-        Writing& operator=(const Writing&) = delete;
+        WriteTransaction(Database& database, Durability durability);
+        WriteTransaction(const WriteTransaction&) = delete;
+        WriteTransaction& operator=(const WriteTransaction&) = delete;
 
         /// Make the change visible, and as durable as was asked for.
         ///
-        /// @throws Failure; nothing of the change is visible then. If its kind is not NoSpace, the disk may hold the
+        /// @throws StoreError; nothing of the change is visible then. If its kind is not NoSpace, the disk may hold the
         ///         change all the same, and a crash that follows may bring it back.
         void commit();
 
@@ -69,7 +69,7 @@ public:
         Connection* operator->() const { return m_connection.get(); }
 
     private:
-        const std::unique_lock<std::mutex> m_turn;
+        const std::unique_lock<std::mutex> m_writerMutex;
         const Lease m_connection;
     };
 
@@ -80,7 +80,7 @@ private:
     const std::filesystem::path m_file;
 
     // Lock order: a writer's turn, then SQLite's locks; the pool's mutex is innermost.
-    std::mutex m_turn;
+    std::mutex m_writerMutex;
     std::mutex m_poolMutex;
     std::size_t m_connections = 0;                   // guarded by m_poolMutex; as many as were ever busy together
     std::vector<std::unique_ptr<Connection>> m_idle; // guarded by m_poolMutex; has room for all of them

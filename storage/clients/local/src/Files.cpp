@@ -1,6 +1,6 @@
 #include "Files.hpp"
 
-#include "Failure.hpp"
+#include "StoreError.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -25,12 +25,12 @@ constexpr std::uint64_t copyBuffer = 256 * 1024; // bytes; larger ones are not f
 [[noreturn]] void fail(const char* doing, const std::filesystem::path& path)
 {
     const int error = errno;
-    throw systemFailure(std::string(doing) + " \"" + path.native() + '"', error);
+    throw systemError(std::string(doing) + " \"" + path.native() + '"', error);
 }
 
 // Repeats a call that a signal has cut short.
 template <typename Call>
-auto repeat(Call call)
+auto retryInterrupted(Call call)
 {
     auto result = call();
     while (result < 0 && errno == EINTR)
@@ -41,7 +41,7 @@ auto repeat(Call call)
 }
 
 // Whether the two files cannot be copied by copy_file_range(), in the words of the kernels and disks that lack it.
-bool lacksCopying(int error)
+bool lacksKernelCopy(int error)
 {
     return error == EXDEV || error == ENOSYS || error == EOPNOTSUPP || error == EINVAL || error == EPERM;
 }
@@ -63,7 +63,7 @@ void makeFolders(const std::filesystem::path& path)
     {
         if (!S_ISDIR(status.st_mode))
         {
-            throw Failure(Failure::Kind::NotAStore, '"' + path.native() + "\" is not a directory");
+            throw StoreError(StoreError::Kind::NotAStore, '"' + path.native() + "\" is not a directory");
         }
         return;
     }
@@ -89,7 +89,7 @@ void makeFolders(const std::filesystem::path& path)
 
 FileHandle openFolder(const std::filesystem::path& path)
 {
-    FileHandle folder(repeat([&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    FileHandle folder(retryInterrupted([&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
     if (folder.get() < 0)
     {
         fail("opening", path);
@@ -99,7 +99,8 @@ FileHandle openFolder(const std::filesystem::path& path)
 
 FileHandle createFile(const std::filesystem::path& path)
 {
-    FileHandle file(repeat([&] { return ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, fileMode); }));
+    FileHandle file(
+        retryInterrupted([&] { return ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, fileMode); }));
     if (file.get() < 0)
     {
         fail("creating", path);
@@ -109,7 +110,7 @@ FileHandle createFile(const std::filesystem::path& path)
 
 std::optional<FileHandle> openFile(const std::filesystem::path& path)
 {
-    FileHandle file(repeat([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
+    FileHandle file(retryInterrupted([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
     if (file.get() < 0)
     {
         if (errno == ENOENT)
@@ -123,7 +124,7 @@ std::optional<FileHandle> openFile(const std::filesystem::path& path)
 
 void lockFile(const FileHandle& file, const std::filesystem::path& path)
 {
-    if (repeat([&] { return ::flock(file.get(), LOCK_EX); }) != 0)
+    if (retryInterrupted([&] { return ::flock(file.get(), LOCK_EX); }) != 0)
     {
         fail("locking", path);
     }
@@ -144,7 +145,7 @@ bool tryLockFile(const FileHandle& file, const std::filesystem::path& path)
 
 void syncFile(const FileHandle& file, const std::filesystem::path& path)
 {
-    if (repeat([&] { return ::fsync(file.get()); }) != 0)
+    if (retryInterrupted([&] { return ::fsync(file.get()); }) != 0)
     {
         fail("syncing", path);
     }
@@ -164,7 +165,7 @@ void writeFile(const FileHandle& file, const std::filesystem::path& path, const 
 {
     while (size > 0)
     {
-        const ssize_t written = repeat([&] { return ::write(file.get(), bytes, size); });
+        const ssize_t written = retryInterrupted([&] { return ::write(file.get(), bytes, size); });
         if (written < 0)
         {
             fail("writing", path);
@@ -179,14 +180,15 @@ void readFile(
 {
     while (size > 0)
     {
-        const ssize_t read = repeat([&] { return ::pread(file.get(), target, size, static_cast<off_t>(offset)); });
+        const ssize_t read =
+            retryInterrupted([&] { return ::pread(file.get(), target, size, static_cast<off_t>(offset)); });
         if (read < 0)
         {
             fail("reading", path);
         }
         if (read == 0)
         {
-            throw Failure("the store is damaged: \"" + path.native() + "\" ends early");
+            throw StoreError("the store is damaged: \"" + path.native() + "\" ends early");
         }
         target += read;
         offset += static_cast<std::uint64_t>(read);
@@ -203,8 +205,8 @@ void copyFile(const FileHandle& from, const std::filesystem::path& fromPath, std
     {
         const auto rest = static_cast<std::size_t>(end - position);
         const ssize_t copied =
-            repeat([&] { return ::copy_file_range(from.get(), &position, to.get(), nullptr, rest, 0); });
-        if (copied < 0 && !lacksCopying(errno))
+            retryInterrupted([&] { return ::copy_file_range(from.get(), &position, to.get(), nullptr, rest, 0); });
+        if (copied < 0 && !lacksKernelCopy(errno))
         {
             fail("writing", toPath);
         }

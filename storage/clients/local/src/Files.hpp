@@ -38,7 +38,7 @@ private:
     int m_descriptor = -1;
 };
 
-// Thin layers over the system's calls. Paths are there for the messages, too. All throw Failure.
+// Thin layers over the system's calls. Paths are there for the messages, too. All throw StoreError.
 
 /// Make the folder and those above it that are missing, for this user alone, and sync them.
 void makeFolders(const std::filesystem::path& path);

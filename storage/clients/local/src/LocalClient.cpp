@@ -1,15 +1,15 @@
 #include <storage/clients/local/LocalClient.hpp>
 
-#include "Change.hpp"
 #include "ContentFiles.hpp"
 #include "Database.hpp"
-#include "Failure.hpp"
 #include "KeyIndexCursor.hpp"
-#include "LeftOvers.hpp"
 #include "Objects.hpp"
-#include "Pieces.hpp"
+#include "OrphanCollector.hpp"
 #include "Schema.hpp"
+#include "Segments.hpp"
 #include "StagedContent.hpp"
+#include "StoreError.hpp"
+#include "StoreTransaction.hpp"
 #include "Uploads.hpp"
 
 #include <storage/clients/common/Content.hpp>
@@ -32,35 +32,35 @@ namespace storage::clients
 using cloudprovider::ObjectEntry;
 using cloudprovider::ObjectInfo;
 using cloudprovider::PartInfo;
-using local::Change;
 using local::Database;
 using local::Durability;
-using local::Failure;
-using local::Piece;
+using local::Segment;
 using local::StagedContent;
 using local::StoredObject;
 using local::StoredPart;
+using local::StoreError;
+using local::StoreTransaction;
 
 namespace
 {
 
-constexpr std::size_t pageSize = 1000;                                          // entries; about 100 KiB of keys
-constexpr std::uint64_t readBuffer = 256 * 1024;                                // bytes; larger ones are not faster
-constexpr std::uint64_t wholeObject = std::numeric_limits<std::int64_t>::max(); // the last offset that SQLite knows
+constexpr std::size_t pageSize = 1000;                                        // entries; about 100 KiB of keys
+constexpr std::uint64_t readBuffer = 256 * 1024;                              // bytes; larger ones are not faster
+constexpr std::uint64_t maxOffset = std::numeric_limits<std::int64_t>::max(); // the last offset that SQLite knows
 
-[[noreturn]] void throwCloud(const Failure& failure, const std::string& doing)
+[[noreturn]] void throwCloudException(const StoreError& error, const std::string& doing)
 {
-    const std::string detail = doing + ": " + failure.what();
-    switch (failure.kind())
+    const std::string detail = doing + ": " + error.what();
+    switch (error.kind())
     {
-    case Failure::Kind::NotFound:
+    case StoreError::Kind::NotFound:
         throw cloudprovider::ResourceNotFoundException(detail);
-    case Failure::Kind::NotAStore:
+    case StoreError::Kind::NotAStore:
         throw cloudprovider::InvalidLocationException("Not a local store", detail);
-    case Failure::Kind::PermissionDenied:
+    case StoreError::Kind::PermissionDenied:
         throw cloudprovider::PermissionDeniedException("Access to the local store refused", detail);
-    case Failure::Kind::NoSpace:
-    case Failure::Kind::Other:
+    case StoreError::Kind::NoSpace:
+    case StoreError::Kind::Other:
         break;
     }
     throw cloudprovider::UnknownErrorException("Local store failed", detail);
@@ -68,34 +68,35 @@ constexpr std::uint64_t wholeObject = std::numeric_limits<std::int64_t>::max(); 
 
 // The one place where what goes wrong inside the store becomes what its users see.
 template <typename Body, typename Doing>
-auto translated(Body body, Doing doing)
+auto translateErrors(Body body, Doing doing)
 {
     try
     {
         return body();
     }
-    catch (const Failure& failure)
+    catch (const StoreError& error)
     {
-        throwCloud(failure, doing());
+        throwCloudException(error, doing());
     }
     catch (const std::filesystem::filesystem_error& error)
     {
-        throwCloud(local::systemFailure("reading \"" + error.path1().native() + '"', error.code().value()), doing());
+        throwCloudException(
+            local::systemError("reading \"" + error.path1().native() + '"', error.code().value()), doing());
     }
 }
 
-void writePiece(const std::string& key, Piece& piece, std::ostream& out)
+void writeSegment(const std::string& key, Segment& segment, std::ostream& out)
 {
-    if (piece.path.empty())
+    if (segment.path.empty())
     {
-        writeContent(key, out, piece.bytes.data(), piece.size);
+        writeContent(key, out, segment.bytes.data(), segment.size);
         return;
     }
-    std::vector<char> buffer(std::min(readBuffer, piece.size));
-    for (std::uint64_t done = 0; done < piece.size;)
+    std::vector<char> buffer(std::min(readBuffer, segment.size));
+    for (std::uint64_t done = 0; done < segment.size;)
     {
-        const std::uint64_t count = std::min<std::uint64_t>(buffer.size(), piece.size - done);
-        local::readFile(piece.file, piece.path, buffer.data(), count, piece.offset + done);
+        const std::uint64_t count = std::min<std::uint64_t>(buffer.size(), segment.size - done);
+        local::readFile(segment.file, segment.path, buffer.data(), count, segment.offset + done);
         writeContent(key, out, buffer.data(), count);
         done += count;
     }
@@ -104,11 +105,11 @@ void writePiece(const std::string& key, Piece& piece, std::ostream& out)
 // Find the parts of the object that a part is to be copied from, and see that they are still what was asked for.
 std::vector<StoredPart> findSource(local::Connection& index, const std::string& key, const PartInfo& part)
 {
-    const std::uint64_t first = std::min<std::uint64_t>(part.Offset, wholeObject);
+    const std::uint64_t first = std::min<std::uint64_t>(part.Offset, maxOffset);
     const std::uint64_t rest = part.Size == 0 ? 0 : part.Size - 1;
-    const std::uint64_t last = rest < wholeObject - first ? first + rest : wholeObject;
+    const std::uint64_t last = rest < maxOffset - first ? first + rest : maxOffset;
     std::vector<StoredPart> source = findParts(index, requireObject(index, key).number, first, last);
-    checkCopySource(key, part, describe(source));
+    checkCopySource(key, part, toPartInfos(source));
     return source;
 }
 
@@ -118,23 +119,23 @@ template <typename Body>
 auto LocalClient::perform(Operation operation, const std::string& key, Body body)
 {
     m_counters.countCall(operation);
-    return translated(
+    return translateErrors(
         body, [&] { return fmt::format("{} {} in \"{}\"", name(operation), quoted(key), m_directory.native()); });
 }
 
-LocalClient::LocalClient(const std::filesystem::path& directory, std::uint64_t largestInIndex)
-    : m_directory(translated(
+LocalClient::LocalClient(const std::filesystem::path& directory, std::uint64_t maxInlineSize)
+    : m_directory(translateErrors(
           [&] { return std::filesystem::absolute(directory); }, [] { return std::string("opening a local store"); }))
-    , m_largestInIndex(largestInIndex)
+    , m_maxInlineSize(maxInlineSize)
 {
-    translated(
+    translateErrors(
         [&]
         {
             local::makeFolders(m_directory);
             local::prepareIndex(m_directory);
             m_index = std::make_unique<Database>(local::indexFile(m_directory));
             m_files = std::make_unique<local::ContentFiles>(m_directory);
-            local::collectLeftOvers(*m_index, *m_files);
+            local::collectOrphans(*m_index, *m_files);
         },
         [&] { return fmt::format("opening the local store \"{}\"", m_directory.native()); });
 }
@@ -150,7 +151,7 @@ ObjectInfo LocalClient::getObjectInfo(const std::string& key)
             {
                 return {true, {}, 0, {}};
             }
-            Database::Reading index(*m_index);
+            Database::ReadTransaction index(*m_index);
             const std::optional<StoredObject> object = findObject(*index, key);
             return object ? ObjectInfo{true, local::tagOf(object->number), object->size, object->modified}
                           : ObjectInfo{};
@@ -169,7 +170,7 @@ std::vector<ObjectEntry> LocalClient::listObjects(
     return perform(Operation::ListObjects, prefix,
         [&]
         {
-            Database::Reading index(*m_index);
+            Database::ReadTransaction index(*m_index);
             local::KeyIndexCursor cursor(*index);
             return listPage(cursor, prefix, continuationToken, options, pageSize);
         });
@@ -180,9 +181,9 @@ void LocalClient::deleteObject(const std::string& key)
     perform(Operation::DeleteObject, key,
         [&]
         {
-            Change change(*m_index, *m_files, Durability::Lasting);
-            removeObject(change, key);
-            change.commit();
+            StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
+            removeObject(transaction, key);
+            transaction.commit();
         });
 }
 
@@ -193,15 +194,15 @@ void LocalClient::getObjectRange(const std::string& key, std::ostream& out, std:
         {
             const auto find = [&]
             {
-                Database::Reading index(*m_index);
+                Database::ReadTransaction index(*m_index);
                 return requireObject(*index, key);
             };
             for (;;)
             {
                 const StoredObject object = find();
                 const ByteRange range = resolveRange(key, first, last, object.size);
-                if (readPieces(*m_index, *m_files, object.number, range.offset, range.offset + range.size,
-                        [&](Piece& piece) { writePiece(key, piece, out); }))
+                if (readSegments(*m_index, *m_files, object.number, range.offset, range.offset + range.size,
+                        [&](Segment& segment) { writeSegment(key, segment, out); }))
                 {
                     m_counters.countBytes(Operation::GetObjectRange, range.size);
                     return;
@@ -219,9 +220,9 @@ void LocalClient::putObject(const std::string& key, std::istream& content, std::
             checkKey(key);
             StagedContent staged = stage(size);
             staged.receive(key, content);
-            Change change(*m_index, *m_files, Durability::Lasting);
-            local::putObject(change, key, staged);
-            change.commit();
+            StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
+            local::putObject(transaction, key, staged);
+            transaction.commit();
             m_counters.countBytes(Operation::PutObject, size);
         });
 }
@@ -231,8 +232,8 @@ std::vector<PartInfo> LocalClient::getObjectParts(const std::string& key)
     return perform(Operation::GetObjectParts, key,
         [&]
         {
-            Database::Reading index(*m_index);
-            return describe(findParts(*index, requireObject(*index, key).number, 0, wholeObject));
+            Database::ReadTransaction index(*m_index);
+            return toPartInfos(findParts(*index, requireObject(*index, key).number, 0, maxOffset));
         });
 }
 
@@ -242,9 +243,9 @@ std::string LocalClient::createMultipartUpload(const std::string& key, const std
         [&]
         {
             checkKey(key);
-            Change change(*m_index, *m_files, Durability::Provisional);
-            const std::int64_t upload = local::beginUpload(change, key);
-            change.commit();
+            StoreTransaction transaction(*m_index, *m_files, Durability::Deferred);
+            const std::int64_t upload = local::beginUpload(transaction, key);
+            transaction.commit();
             return std::to_string(upload);
         });
 }
@@ -257,7 +258,7 @@ std::string LocalClient::uploadPart(
         {
             {
                 // Asked first, too: an upload that is no more is told before all bytes are taken.
-                Database::Reading index(*m_index);
+                Database::ReadTransaction index(*m_index);
                 local::requireUpload(*index, key, uploadId);
             }
             StagedContent staged = stage(part.Size);
@@ -281,9 +282,9 @@ void LocalClient::abortMultipartUpload(const std::string& key, const std::string
     perform(Operation::AbortMultipartUpload, key,
         [&]
         {
-            Change change(*m_index, *m_files, Durability::Lasting);
-            endUpload(change, local::requireUpload(change.index(), key, uploadId));
-            change.commit();
+            StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
+            endUpload(transaction, local::requireUpload(transaction.index(), key, uploadId));
+            transaction.commit();
         });
 }
 
@@ -293,18 +294,18 @@ void LocalClient::completeMultipartUpload(
     perform(Operation::CompleteMultipartUpload, key,
         [&]
         {
-            Change change(*m_index, *m_files, Durability::Lasting);
-            completeUpload(change, key, local::requireUpload(change.index(), key, uploadId), parts);
-            change.commit();
+            StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
+            completeUpload(transaction, key, local::requireUpload(transaction.index(), key, uploadId), parts);
+            transaction.commit();
         });
 }
 
 std::vector<PendingUpload> LocalClient::pendingUploads()
 {
-    return translated(
+    return translateErrors(
         [&]
         {
-            Database::Reading index(*m_index);
+            Database::ReadTransaction index(*m_index);
             return local::listUploads(*index);
         },
         [&] { return fmt::format("listing the open uploads in \"{}\"", m_directory.native()); });
@@ -317,17 +318,17 @@ CallSnapshot LocalClient::callSnapshot() const
 
 StagedContent LocalClient::stage(std::uint64_t size)
 {
-    return {*m_files, size, size > m_largestInIndex};
+    return {*m_files, size, size > m_maxInlineSize};
 }
 
 std::string LocalClient::storePart(Operation operation, const std::string& key, const std::string& uploadId,
     const PartInfo& part, StagedContent& content)
 {
-    Change change(*m_index, *m_files, Durability::Provisional);
-    const std::int64_t upload = local::requireUpload(change.index(), key, uploadId);
-    const std::int64_t stored = change.add(content);
-    setUploadPart(change, upload, part.Index, stored);
-    change.commit();
+    StoreTransaction transaction(*m_index, *m_files, Durability::Deferred);
+    const std::int64_t upload = local::requireUpload(transaction.index(), key, uploadId);
+    const std::int64_t stored = transaction.add(content);
+    setUploadPart(transaction, upload, part.Index, stored);
+    transaction.commit();
     m_counters.countPart(operation, part.Index, part.Size);
     return local::tagOf(stored);
 }
@@ -335,18 +336,18 @@ std::string LocalClient::storePart(Operation operation, const std::string& key, 
 std::optional<std::string> LocalClient::sharePart(
     const std::string& key, const std::string& uploadId, const PartInfo& part)
 {
-    Change change(*m_index, *m_files, Durability::Provisional);
-    const std::int64_t upload = local::requireUpload(change.index(), key, uploadId);
-    const std::vector<StoredPart> source = findSource(change.index(), key, part);
+    StoreTransaction transaction(*m_index, *m_files, Durability::Deferred);
+    const std::int64_t upload = local::requireUpload(transaction.index(), key, uploadId);
+    const std::vector<StoredPart> source = findSource(transaction.index(), key, part);
     const auto same = std::find_if(source.begin(), source.end(),
         [&](const StoredPart& stored) { return stored.offset == part.Offset && stored.size == part.Size; });
     if (same == source.end())
     {
         return std::nullopt;
     }
-    change.share(same->content);
-    setUploadPart(change, upload, part.Index, same->content);
-    change.commit();
+    transaction.share(same->content);
+    setUploadPart(transaction, upload, part.Index, same->content);
+    transaction.commit();
     m_counters.countPart(Operation::CopyPart, part.Index, part.Size);
     return local::tagOf(same->content);
 }
@@ -357,21 +358,21 @@ std::string LocalClient::copyRange(const std::string& key, const std::string& up
     {
         const StoredObject object = [&]
         {
-            Database::Reading index(*m_index);
+            Database::ReadTransaction index(*m_index);
             findSource(*index, key, part);
             return requireObject(*index, key);
         }();
         StagedContent staged = stage(part.Size);
-        const bool whole = readPieces(*m_index, *m_files, object.number, part.Offset, part.Offset + part.Size,
-            [&](Piece& piece)
+        const bool whole = readSegments(*m_index, *m_files, object.number, part.Offset, part.Offset + part.Size,
+            [&](Segment& segment)
             {
-                if (piece.path.empty())
+                if (segment.path.empty())
                 {
-                    staged.append(piece.bytes);
+                    staged.append(segment.bytes);
                 }
                 else
                 {
-                    staged.append(piece.file, piece.path, piece.offset, piece.size);
+                    staged.append(segment.file, segment.path, segment.offset, segment.size);
                 }
             });
         if (whole)

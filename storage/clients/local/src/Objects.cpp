@@ -1,6 +1,6 @@
 #include "Objects.hpp"
 
-#include "Failure.hpp"
+#include "StoreError.hpp"
 
 #include <boost/date_time/gregorian/gregorian_types.hpp>
 
@@ -50,7 +50,7 @@ StoredObject requireObject(Connection& index, const std::string& key)
     {
         return *object;
     }
-    throw Failure(Failure::Kind::NotFound, "there is no such object");
+    throw StoreError(StoreError::Kind::NotFound, "there is no such object");
 }
 
 std::vector<StoredPart> findParts(Connection& index, std::int64_t object, std::uint64_t first, std::uint64_t last)
@@ -67,7 +67,7 @@ std::vector<StoredPart> findParts(Connection& index, std::int64_t object, std::u
     {
         if (query.isNull(2))
         {
-            throw Failure("the store is damaged: the index has lost a part of the object");
+            throw StoreError("the store is damaged: the index has lost a part of the object");
         }
         parts.push_back({query.integer(2), static_cast<std::uint64_t>(query.integer(0)),
             static_cast<std::uint64_t>(query.integer(1))});
@@ -75,7 +75,7 @@ std::vector<StoredPart> findParts(Connection& index, std::int64_t object, std::u
     return parts;
 }
 
-std::vector<cloudprovider::PartInfo> describe(const std::vector<StoredPart>& parts)
+std::vector<cloudprovider::PartInfo> toPartInfos(const std::vector<StoredPart>& parts)
 {
     std::vector<cloudprovider::PartInfo> infos;
     infos.reserve(parts.size());
@@ -86,42 +86,42 @@ std::vector<cloudprovider::PartInfo> describe(const std::vector<StoredPart>& par
     return infos;
 }
 
-void putObject(Change& change, const std::string& key, StagedContent& content)
+void putObject(StoreTransaction& transaction, const std::string& key, StagedContent& content)
 {
-    const std::int64_t object = change.newNumber();
+    const std::int64_t object = transaction.newNumber();
     if (content.size() > 0) // an object without bytes has no parts
     {
-        change.index().run("INSERT INTO object_parts VALUES (?, 0, ?)", object, change.add(content));
+        transaction.index().run("INSERT INTO object_parts VALUES (?, 0, ?)", object, transaction.add(content));
     }
-    placeObject(change, key, object, content.size());
+    placeObject(transaction, key, object, content.size());
 }
 
-void placeObject(Change& change, const std::string& key, std::int64_t object, std::uint64_t size)
+void placeObject(StoreTransaction& transaction, const std::string& key, std::int64_t object, std::uint64_t size)
 {
-    removeObject(change, key);
-    change.index().run("INSERT INTO objects VALUES (?, ?, ?, ?)", Blob{key}, object, static_cast<std::int64_t>(size),
-        toMicroseconds(boost::posix_time::microsec_clock::universal_time()));
+    removeObject(transaction, key);
+    transaction.index().run("INSERT INTO objects VALUES (?, ?, ?, ?)", Blob{key}, object,
+        static_cast<std::int64_t>(size), toMicroseconds(boost::posix_time::microsec_clock::universal_time()));
 }
 
-void removeObject(Change& change, const std::string& key)
+void removeObject(StoreTransaction& transaction, const std::string& key)
 {
-    const std::optional<StoredObject> object = findObject(change.index(), key);
+    const std::optional<StoredObject> object = findObject(transaction.index(), key);
     if (!object)
     {
         return;
     }
     // Asked for first and not returned by the deletion, for which SQLite would make a temporary table every time.
     std::vector<std::int64_t> contents;
-    Query parts = change.index().query("SELECT content FROM object_parts WHERE object = ?", object->number);
+    Query parts = transaction.index().query("SELECT content FROM object_parts WHERE object = ?", object->number);
     while (parts.next())
     {
         contents.push_back(parts.integer(0));
     }
-    change.index().run("DELETE FROM object_parts WHERE object = ?", object->number);
-    change.index().run("DELETE FROM objects WHERE key = ?", Blob{key});
+    transaction.index().run("DELETE FROM object_parts WHERE object = ?", object->number);
+    transaction.index().run("DELETE FROM objects WHERE key = ?", Blob{key});
     for (const std::int64_t content : contents)
     {
-        change.release(content);
+        transaction.release(content);
     }
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Change.hpp"
+#include "StoreTransaction.hpp"
 
 #include <storage/cloudprovider/CloudClient.hpp>
 
@@ -39,7 +39,7 @@ boost::posix_time::ptime fromMicroseconds(std::int64_t microseconds);
 
 std::optional<StoredObject> findObject(Connection& index, const std::string& key);
 
-/// As findObject(); a missing object is a Failure.
+/// As findObject(); a missing object is a StoreError.
 StoredObject requireObject(Connection& index, const std::string& key);
 
 /// List the parts of one version of an object, in order, from the one that has the byte at `first` or the last one
@@ -47,15 +47,15 @@ StoredObject requireObject(Connection& index, const std::string& key);
 std::vector<StoredPart> findParts(Connection& index, std::int64_t object, std::uint64_t first, std::uint64_t last);
 
 /// The parts as they are shown outside the store, with the tags of their contents; counted from 0.
-std::vector<cloudprovider::PartInfo> describe(const std::vector<StoredPart>& parts);
+std::vector<cloudprovider::PartInfo> toPartInfos(const std::vector<StoredPart>& parts);
 
 /// Make the content an object of one part, in place of what stands under the key.
-void putObject(Change& change, const std::string& key, StagedContent& content);
+void putObject(StoreTransaction& transaction, const std::string& key, StagedContent& content);
 
 /// Make this the object under the key, in place of what stood there. Its parts are in the index already.
-void placeObject(Change& change, const std::string& key, std::int64_t object, std::uint64_t size);
+void placeObject(StoreTransaction& transaction, const std::string& key, std::int64_t object, std::uint64_t size);
 
 /// Remove the object under the key, if there is one, with its parts.
-void removeObject(Change& change, const std::string& key);
+void removeObject(StoreTransaction& transaction, const std::string& key);
 
 } // namespace storage::clients::local

@@ -1,8 +1,8 @@
 #include "Schema.hpp"
 
 #include "Connection.hpp"
-#include "Failure.hpp"
 #include "Files.hpp"
+#include "StoreError.hpp"
 
 #include <fmt/format.h>
 
@@ -93,7 +93,8 @@ void prepareIndex(const std::filesystem::path& directory)
     {
         if (!std::filesystem::is_empty(directory))
         {
-            throw Failure(Failure::Kind::NotAStore, "the directory is no store: it has other content and no index");
+            throw StoreError(
+                StoreError::Kind::NotAStore, "the directory is no store: it has other content and no index");
         }
         // SQLite would let others read it. No connection has the file open yet, whose locks closing it would drop.
         createFile(file);
@@ -109,17 +110,17 @@ void prepareIndex(const std::filesystem::path& directory)
         // was cut short. Beginning anew would collect the contents.
         if (std::filesystem::exists(directory / "contents"))
         {
-            throw Failure("the index is damaged: it is empty, and there are contents");
+            throw StoreError("the index is damaged: it is empty, and there are contents");
         }
         create(connection);
     }
     else if (application != applicationId)
     {
-        throw Failure(Failure::Kind::NotAStore, "the directory is no store: its index is another program's");
+        throw StoreError(StoreError::Kind::NotAStore, "the directory is no store: its index is another program's");
     }
     else if (const std::int64_t version = number(connection, "PRAGMA user_version"); version != schemaVersion)
     {
-        throw Failure(
+        throw StoreError(
             fmt::format("the store has version {}, this program knows version {} only", version, schemaVersion));
     }
 }

@@ -1,7 +1,7 @@
 #include "Uploads.hpp"
 
-#include "Failure.hpp"
 #include "Objects.hpp"
+#include "StoreError.hpp"
 
 #include <storage/clients/common/PartRules.hpp>
 
@@ -37,10 +37,10 @@ std::optional<UploadPart> findPart(Connection& index, std::int64_t upload, std::
 
 } // namespace
 
-std::int64_t beginUpload(Change& change, const std::string& key)
+std::int64_t beginUpload(StoreTransaction& transaction, const std::string& key)
 {
-    const std::int64_t upload = change.newNumber();
-    change.index().run("INSERT INTO uploads VALUES (?, ?, ?)", upload, Blob{key},
+    const std::int64_t upload = transaction.newNumber();
+    transaction.index().run("INSERT INTO uploads VALUES (?, ?, ?)", upload, Blob{key},
         toMicroseconds(boost::posix_time::microsec_clock::universal_time()));
     return upload;
 }
@@ -52,7 +52,7 @@ std::int64_t requireUpload(Connection& index, const std::string& key, const std:
     if (error != std::errc() || end != id.data() + id.size() ||
         !index.query("SELECT 1 FROM uploads WHERE id = ? AND key = ?", upload, Blob{key}).next())
     {
-        throw Failure(Failure::Kind::NotFound, "there is no such upload: " + id);
+        throw StoreError(StoreError::Kind::NotFound, "there is no such upload: " + id);
     }
     return upload;
 }
@@ -69,37 +69,37 @@ std::vector<PendingUpload> listUploads(Connection& index)
     return uploads;
 }
 
-void setUploadPart(Change& change, std::int64_t upload, std::size_t part, std::int64_t content)
+void setUploadPart(StoreTransaction& transaction, std::int64_t upload, std::size_t part, std::int64_t content)
 {
-    const std::optional<UploadPart> before = findPart(change.index(), upload, part);
-    change.index().run(
+    const std::optional<UploadPart> before = findPart(transaction.index(), upload, part);
+    transaction.index().run(
         "INSERT OR REPLACE INTO upload_parts VALUES (?, ?, ?)", upload, static_cast<std::int64_t>(part), content);
     if (before)
     {
-        change.release(before->content);
+        transaction.release(before->content);
     }
 }
 
-void endUpload(Change& change, std::int64_t upload)
+void endUpload(StoreTransaction& transaction, std::int64_t upload)
 {
     std::vector<std::int64_t> contents;
-    Query parts = change.index().query("SELECT content FROM upload_parts WHERE upload = ?", upload);
+    Query parts = transaction.index().query("SELECT content FROM upload_parts WHERE upload = ?", upload);
     while (parts.next())
     {
         contents.push_back(parts.integer(0));
     }
     for (const std::int64_t content : contents)
     {
-        change.release(content);
+        transaction.release(content);
     }
-    change.index().run("DELETE FROM upload_parts WHERE upload = ?", upload);
-    change.index().run("DELETE FROM uploads WHERE id = ?", upload);
+    transaction.index().run("DELETE FROM upload_parts WHERE upload = ?", upload);
+    transaction.index().run("DELETE FROM uploads WHERE id = ?", upload);
 }
 
-std::uint64_t completeUpload(
-    Change& change, const std::string& key, std::int64_t upload, const std::vector<cloudprovider::PartInfo>& parts)
+std::uint64_t completeUpload(StoreTransaction& transaction, const std::string& key, std::int64_t upload,
+    const std::vector<cloudprovider::PartInfo>& parts)
 {
-    Connection& index = change.index();
+    Connection& index = transaction.index();
     checkPartList(key, parts,
         [&](std::size_t part) -> std::optional<SentPart>
         {
@@ -107,7 +107,7 @@ std::uint64_t completeUpload(
             return sent ? std::optional(SentPart{tagOf(sent->content), sent->size}) : std::nullopt;
         });
 
-    change.includeEarlierFiles();
+    transaction.syncEarlierFiles();
 
     // The object takes over the upload's number, and of the parts that are listed the references, too.
     std::uint64_t size = 0;
@@ -119,8 +119,8 @@ std::uint64_t completeUpload(
             "DELETE FROM upload_parts WHERE upload = ? AND number = ?", upload, static_cast<std::int64_t>(part.Index));
         size += sent.size;
     }
-    endUpload(change, upload);
-    placeObject(change, key, upload, size);
+    endUpload(transaction, upload);
+    placeObject(transaction, key, upload, size);
     return size;
 }
 

@@ -11,9 +11,9 @@ namespace
 class LocalHarness : public conformance::Harness
 {
 public:
-    explicit LocalHarness(std::uint64_t largestInIndex)
-        : m_largestInIndex(largestInIndex)
-        , m_client(m_folder.store(), largestInIndex)
+    explicit LocalHarness(std::uint64_t maxInlineSize)
+        : m_maxInlineSize(maxInlineSize)
+        , m_client(m_folder.store(), maxInlineSize)
     {
     }
 
@@ -23,16 +23,16 @@ public:
 
     cloudprovider::CloudClientSharedPtr openAnother() override
     {
-        return std::make_shared<LocalClient>(m_folder.store(), m_largestInIndex);
+        return std::make_shared<LocalClient>(m_folder.store(), m_maxInlineSize);
     }
 
 private:
-    const std::uint64_t m_largestInIndex;
+    const std::uint64_t m_maxInlineSize;
     const test::TestFolder m_folder;
     LocalClient m_client;
 };
 
-CLOUD_CLIENT_CONFORMANCE(LocalIndex, [] { return std::make_unique<LocalHarness>(LocalClient::defaultLargestInIndex); });
+CLOUD_CLIENT_CONFORMANCE(LocalIndex, [] { return std::make_unique<LocalHarness>(LocalClient::defaultMaxInlineSize); });
 CLOUD_CLIENT_CONFORMANCE(LocalFiles, [] { return std::make_unique<LocalHarness>(test::everythingInFiles); });
 
 } // namespace

@@ -63,7 +63,7 @@ TEST_P(SharedUseTest, ProcessesWriteTheSameAndOtherKeys)
     checkStore(folder.store());
 }
 
-INSTANTIATE_TEST_SUITE_P(Local, SharedUseTest, ::testing::Values(everythingInFiles, LocalClient::defaultLargestInIndex),
+INSTANTIATE_TEST_SUITE_P(Local, SharedUseTest, ::testing::Values(everythingInFiles, LocalClient::defaultMaxInlineSize),
     [](const auto& row) { return row.param == everythingInFiles ? "contentsInFiles" : "contentsInTheIndex"; });
 
 } // namespace storage::clients::test

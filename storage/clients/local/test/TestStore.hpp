@@ -12,7 +12,7 @@
 namespace storage::clients::test
 {
 
-constexpr std::uint64_t everythingInFiles = 0; // for LocalClient's largestInIndex
+constexpr std::uint64_t everythingInFiles = 0; // for LocalClient's maxInlineSize
 
 /// A directory of its own, removed with all that is in it.
 class TestFolder

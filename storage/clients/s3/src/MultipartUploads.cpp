@@ -201,8 +201,8 @@ void MultipartUploads::complete(const std::string& key, const std::string& id, c
     }
     catch (const TransientException& failure)
     {
-        const bool gotFurther = upload->madeCount() > madeBefore; // never more often than there are planned parts
-        throw TransientException(failure.what(), failure.detail(), failure.retryAfter(), gotFurther);
+        const bool madeProgress = upload->madeCount() > madeBefore; // never more often than there are planned parts
+        throw TransientException(failure.what(), failure.detail(), failure.retryAfter(), madeProgress);
     }
     catch (...)
     {

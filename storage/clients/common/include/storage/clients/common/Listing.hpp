@@ -25,7 +25,7 @@ concept KeyCursor = requires(T cursor, const std::string& key)
 
 /// The least string that is greater than every key that begins with `prefix`; empty when there is none, which no
 /// UTF-8 prefix but the empty one comes to.
-std::string firstBeyond(std::string prefix);
+std::string prefixEnd(std::string prefix);
 
 /// The group that a key is listed as: up to and with the first delimiter after the prefix; empty when the key is listed
 /// itself.
@@ -67,7 +67,7 @@ std::vector<cloudprovider::ObjectEntry> listPage(Cursor& cursor, const std::stri
         cursor.next();
         if (inListing() && std::string_view(cursor.key()).starts_with(entry.key))
         {
-            cursor.seek(firstBeyond(entry.key));
+            cursor.seek(prefixEnd(entry.key));
         }
         page.push_back(std::move(entry));
     }
@@ -78,7 +78,7 @@ std::vector<cloudprovider::ObjectEntry> listPage(Cursor& cursor, const std::stri
     }
     const std::string& last = page.back().key;
     const bool isGroup = !groupOf(last, prefix.size(), options.delimiter).empty();
-    token = isGroup ? firstBeyond(last) : last + '\0';
+    token = isGroup ? prefixEnd(last) : last + '\0';
     return page;
 }
 

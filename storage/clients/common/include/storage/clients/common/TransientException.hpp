@@ -46,21 +46,21 @@ class TransientException : public cloudprovider::UnknownErrorException
 {
 public:
     /// @param retryAfter  how long the store asked to be left alone; empty: it did not say
-    /// @param gotFurther  the call has done something for good that the next one need not do
+    /// @param madeProgress  the call has done something for good that the next one need not do
     explicit TransientException(const std::string& message, std::optional<std::string> detail = std::nullopt,
-        std::optional<std::chrono::milliseconds> retryAfter = std::nullopt, bool gotFurther = false)
+        std::optional<std::chrono::milliseconds> retryAfter = std::nullopt, bool madeProgress = false)
         : UnknownErrorException(message, std::move(detail))
         , m_retryAfter(retryAfter)
-        , m_gotFurther(gotFurther)
+        , m_madeProgress(madeProgress)
     {
     }
 
     std::optional<std::chrono::milliseconds> retryAfter() const noexcept { return m_retryAfter; }
-    bool gotFurther() const noexcept { return m_gotFurther; }
+    bool madeProgress() const noexcept { return m_madeProgress; }
 
 private:
     std::optional<std::chrono::milliseconds> m_retryAfter;
-    bool m_gotFurther;
+    bool m_madeProgress;
 };
 
 } // namespace storage::clients

@@ -59,7 +59,7 @@ public:
     /// A file costs two more syncs and a rename: on ext4 an object of 4 KiB takes 0.2 ms in the index and 0.7 ms in a
     /// file, one of 64 KiB 0.5 ms and 3 ms. The index wins up to 1 MiB and more, but it writes each byte twice, while
     /// all other writers wait, and it never shrinks; at 64 KiB most of the gain is had.
-    static constexpr std::uint64_t defaultLargestInIndex = 64 * 1024;
+    static constexpr std::uint64_t defaultMaxInlineSize = 64 * 1024;
 
     /// Open the store in a directory, which is made, with those above it, when it is missing. Only this user gets
     /// access to what is made. An empty directory becomes an empty store.
@@ -68,8 +68,8 @@ public:
     /// @throws PermissionDeniedException when it cannot be made, read or written
     /// @throws UnknownErrorException when the index is damaged, or written by a later version of this program
     /// A directory that is refused is left as it is.
-    /// @param largestInIndex  bytes; concerns what this client stores, and may differ from one client to the next
-    explicit LocalClient(const std::filesystem::path& directory, std::uint64_t largestInIndex = defaultLargestInIndex);
+    /// @param maxInlineSize  bytes; concerns what this client stores, and may differ from one client to the next
+    explicit LocalClient(const std::filesystem::path& directory, std::uint64_t maxInlineSize = defaultMaxInlineSize);
 
     /// No call may be in progress.
     ~LocalClient() override;
@@ -109,7 +109,7 @@ private:
     std::string copyRange(const std::string& key, const std::string& uploadId, const cloudprovider::PartInfo& part);
 
     const std::filesystem::path m_directory; // absolute
-    const std::uint64_t m_largestInIndex;
+    const std::uint64_t m_maxInlineSize;
     CallCounters m_counters;
     std::unique_ptr<local::Database> m_index;     // constant after construction
     std::unique_ptr<local::ContentFiles> m_files; // constant after construction

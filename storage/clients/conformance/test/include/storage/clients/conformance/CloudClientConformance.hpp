@@ -22,11 +22,11 @@ namespace storage::clients::conformance
 /// can at times.
 struct Capabilities
 {
-    std::size_t leastPartSize = 1;    ///< bytes that a part which is not the last must have
+    std::size_t minPartSize = 1;      ///< bytes that a part which is not the last must have
     std::string noStaleCopyDetection; ///< why copyPart() does not notice that the object has changed
     std::string noSubrangeCopies;     ///< why copyPart() takes whole stored parts only
-    std::string noKeptParts;          ///< why getObjectParts() does not answer with the parts that were written
-    std::string noDroppedParts;       ///< why every part that was sent must be listed
+    std::string noPartBoundaries;     ///< why getObjectParts() does not answer with the parts that were written
+    std::string noUnlistedParts;      ///< why every part that was sent must be listed
     std::string noSharedUploads;      ///< why an upload belongs to the instance that began it
 };
 

@@ -10,7 +10,7 @@ namespace storage::clients::local
 /// told apart by marks that are locked, and by taking a turn at the index.
 ///
 /// Costs a look into one folder when there is nothing to do, else a look at every file.
-/// @throws Failure; what is left is collected the next time
-void collectLeftOvers(Database& database, ContentFiles& files);
+/// @throws StoreError; what is left is collected the next time
+void collectOrphans(Database& database, ContentFiles& files);
 
 } // namespace storage::clients::local

@@ -8,7 +8,7 @@ namespace storage::clients::local
 
 /// What goes wrong inside the store, as a reason in words. LocalClient adds operation, key and directory and turns it
 /// into one of the cloud exceptions.
-class Failure : public std::runtime_error
+class StoreError : public std::runtime_error
 {
 public:
     enum class Kind
@@ -20,14 +20,14 @@ public:
         Other
     };
 
-    Failure(Kind kind, const std::string& reason)
+    StoreError(Kind kind, const std::string& reason)
         : std::runtime_error(reason)
         , m_kind(kind)
     {
     }
 
-    explicit Failure(const std::string& reason)
-        : Failure(Kind::Other, reason)
+    explicit StoreError(const std::string& reason)
+        : StoreError(Kind::Other, reason)
     {
     }
 
@@ -41,13 +41,13 @@ private:
 ///
 /// @param doing  what was tried and on what: "writing contents/12"
 /// @param error  its errno
-Failure systemFailure(const std::string& doing, int error);
+StoreError systemError(const std::string& doing, int error);
 
 /// The failure of SQLite.
 ///
 /// @param code     extended result code
 /// @param error    the errno behind it, 0 when there is none
 /// @param message  SQLite's own words
-Failure indexFailure(int code, int error, const std::string& message);
+StoreError sqliteError(int code, int error, const std::string& message);
 
 } // namespace storage::clients::local

@@ -1,6 +1,6 @@
-#include "Session.hpp"
+#include "SessionLock.hpp"
 
-#include "Failure.hpp"
+#include "StoreError.hpp"
 
 #include <fmt/format.h>
 
@@ -21,7 +21,7 @@ std::uint64_t chooseNumber()
     std::uint64_t number = 0;
     if (::getrandom(&number, sizeof(number), 0) != sizeof(number))
     {
-        throw systemFailure("choosing a session number", errno);
+        throw systemError("choosing a session number", errno);
     }
     return number;
 }
@@ -35,42 +35,42 @@ bool isRemoved(const FileHandle& file)
 
 } // namespace
 
-Session::Session(std::filesystem::path folder)
+SessionLock::SessionLock(std::filesystem::path folder)
     : m_folder(std::move(folder))
     , m_number(chooseNumber())
 {
 }
 
-Session::~Session()
+SessionLock::~SessionLock()
 {
-    if (m_lock.get() >= 0 && !m_leaveMark)
+    if (m_file.get() >= 0 && !m_keepFile)
     {
-        removeFile(mark()); // a mark that stays costs the next one who opens the store a look, no more
+        removeFile(path()); // a mark that stays costs the next one who opens the store a look, no more
     }
 }
 
-void Session::begin()
+void SessionLock::acquire()
 {
     const std::lock_guard lock(m_mutex);
-    while (m_lock.get() < 0)
+    while (m_file.get() < 0)
     {
-        FileHandle file = createFile(mark());
+        FileHandle file = createFile(path());
         // Somebody who collects may have found it unlocked, and removes it then.
-        if (tryLockFile(file, mark()) && !isRemoved(file))
+        if (tryLockFile(file, path()) && !isRemoved(file))
         {
             syncFile(openFolder(m_folder), m_folder);
-            m_lock = std::move(file);
+            m_file = std::move(file);
         }
         else
         {
-            removeFile(mark());
+            removeFile(path());
         }
     }
 }
 
-std::vector<Session::Ended> Session::findEnded(const std::filesystem::path& folder)
+std::vector<SessionLock::Dead> SessionLock::findDead(const std::filesystem::path& folder)
 {
-    std::vector<Ended> ended;
+    std::vector<Dead> ended;
     for (const auto& entry : std::filesystem::directory_iterator(folder))
     {
         const std::string name = entry.path().filename();
@@ -89,7 +89,7 @@ std::vector<Session::Ended> Session::findEnded(const std::filesystem::path& fold
     return ended;
 }
 
-std::filesystem::path Session::mark() const
+std::filesystem::path SessionLock::path() const
 {
     return m_folder / fileNameOf(m_number);
 }

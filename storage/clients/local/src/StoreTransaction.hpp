@@ -15,21 +15,21 @@ namespace storage::clients::local
 ///
 /// New files take their place before the change is committed, and dropped ones go after it, so that the index never
 /// names a file that is not there. A crash in between leaves files that it does not name.
-class Change
+class StoreTransaction
 {
 public:
-    Change(Database& database, ContentFiles& files, Durability durability);
-    Change(const Change&) = delete;
-    Change& operator=(const Change&) = delete;
-    ~Change();
+    StoreTransaction(Database& database, ContentFiles& files, Durability durability);
+    StoreTransaction(const StoreTransaction&) = delete;
+    StoreTransaction& operator=(const StoreTransaction&) = delete;
+    ~StoreTransaction();
 
-    Connection& index() { return **m_writing; }
+    Connection& index() { return **m_index; }
 
     /// A number that nothing in the store has or had.
     std::int64_t newNumber();
 
     /// Make the files of earlier, provisional changes last if this one does.
-    void includeEarlierFiles() { m_filesToSync = true; }
+    void syncEarlierFiles() { m_filesToSync = true; }
 
     /// Add a content with one reference, which the caller stores.
     std::int64_t add(StagedContent& content);
@@ -40,7 +40,7 @@ public:
     /// Count one reference less, which the caller has removed. The content goes with its last one.
     void release(std::int64_t content);
 
-    /// @throws Failure; the change has not happened
+    /// @throws StoreError; the change has not happened
     void commit();
 
 private:
@@ -49,7 +49,7 @@ private:
     const Durability m_durability;
     Database& m_database;
     ContentFiles& m_files;
-    std::optional<Database::Writing> m_writing; // empty once it is committed
+    std::optional<Database::WriteTransaction> m_index; // empty once it is committed
     bool m_filesToSync = false;
     std::optional<std::int64_t> m_nextNumber; // empty: none was asked for
     std::vector<FileName> m_added;            // to be removed unless this is committed

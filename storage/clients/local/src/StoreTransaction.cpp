@@ -1,19 +1,19 @@
-#include "Change.hpp"
+#include "StoreTransaction.hpp"
 
-#include "Failure.hpp"
+#include "StoreError.hpp"
 
 namespace storage::clients::local
 {
 
-Change::Change(Database& database, ContentFiles& files, Durability durability)
+StoreTransaction::StoreTransaction(Database& database, ContentFiles& files, Durability durability)
     : m_durability(durability)
     , m_database(database)
     , m_files(files)
-    , m_writing(std::in_place, database, durability)
+    , m_index(std::in_place, database, durability)
 {
 }
 
-Change::~Change()
+StoreTransaction::~StoreTransaction()
 {
     for (const FileName name : m_added)
     {
@@ -21,21 +21,21 @@ Change::~Change()
     }
 }
 
-std::int64_t Change::newNumber()
+std::int64_t StoreTransaction::newNumber()
 {
     if (!m_nextNumber)
     {
         Query query = index().query("SELECT next_id FROM store");
         if (!query.next())
         {
-            throw Failure("the index is damaged: it has lost its count");
+            throw StoreError("the index is damaged: it has lost its count");
         }
         m_nextNumber = query.integer(0);
     }
     return (*m_nextNumber)++;
 }
 
-std::int64_t Change::add(StagedContent& content)
+std::int64_t StoreTransaction::add(StagedContent& content)
 {
     const std::int64_t number = newNumber();
     const auto size = static_cast<std::int64_t>(content.size());
@@ -56,12 +56,12 @@ std::int64_t Change::add(StagedContent& content)
     return number;
 }
 
-void Change::share(std::int64_t content)
+void StoreTransaction::share(std::int64_t content)
 {
     index().run("UPDATE contents SET refs = refs + 1 WHERE id = ?", content);
 }
 
-void Change::release(std::int64_t content)
+void StoreTransaction::release(std::int64_t content)
 {
     Query query = index().query("SELECT refs, session FROM contents WHERE id = ?", content);
     if (!query.next())
@@ -80,54 +80,54 @@ void Change::release(std::int64_t content)
     index().run("DELETE FROM contents WHERE id = ?", content);
 }
 
-void Change::commit()
+void StoreTransaction::commit()
 {
     if (m_nextNumber)
     {
         index().run("UPDATE store SET next_id = ?", *m_nextNumber);
     }
-    if (m_filesToSync && m_durability == Durability::Lasting)
+    if (m_filesToSync && m_durability == Durability::Synced)
     {
-        m_files.syncPlaces();
+        m_files.syncContentsFolder();
     }
     if (!m_dropped.empty())
     {
-        m_files.expectRemoval();
+        m_files.prepareRemoval();
     }
     try
     {
-        m_writing->commit();
+        m_index->commit();
     }
-    catch (const Failure& failure)
+    catch (const StoreError& error)
     {
         // The disk may have taken the change although it says that it failed, and would name these files again.
-        if (failure.kind() != Failure::Kind::NoSpace)
+        if (error.kind() != StoreError::Kind::NoSpace)
         {
-            m_files.leaveForCollection();
+            m_files.leaveOrphans();
             m_added.clear();
         }
         throw;
     }
     m_added.clear();
-    m_writing.reset();
+    m_index.reset();
     removeDropped();
 }
 
-void Change::removeDropped()
+void StoreTransaction::removeDropped()
 {
-    if (!m_dropped.empty() && m_durability == Durability::Provisional)
+    if (!m_dropped.empty() && m_durability == Durability::Deferred)
     {
         // A loss of power could undo this change and bring back the rows that name these files. A lasting change that
         // follows, whichever, rules that out.
         try
         {
-            Change barrier(m_database, m_files, Durability::Lasting);
+            StoreTransaction barrier(m_database, m_files, Durability::Synced);
             barrier.newNumber();
             barrier.commit();
         }
-        catch (const Failure&)
+        catch (const StoreError&)
         {
-            m_files.leaveForCollection();
+            m_files.leaveOrphans();
             throw;
         }
     }

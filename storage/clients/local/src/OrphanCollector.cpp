@@ -1,4 +1,4 @@
-#include "LeftOvers.hpp"
+#include "OrphanCollector.hpp"
 
 #include <algorithm>
 
@@ -18,31 +18,31 @@ bool isNamed(Connection& index, FileName name)
 
 } // namespace
 
-void collectLeftOvers(Database& database, ContentFiles& files)
+void collectOrphans(Database& database, ContentFiles& files)
 {
-    const std::vector<Session::Ended> ended = files.findEnded();
+    const std::vector<SessionLock::Dead> ended = files.findDeadSessions();
     if (ended.empty())
     {
         return;
     }
     std::vector<FileName> suspects = files.list();
     {
-        Database::Reading index(database);
+        Database::ReadTransaction index(database);
         std::erase_if(suspects, [&](FileName name) { return isNamed(*index, name); });
     }
     if (!suspects.empty())
     {
         // Whoever is just putting a file in its place does so inside a change. While this one waits nobody does, and
         // what is not named now never will be.
-        Database::Writing index(database, Durability::Lasting);
+        Database::WriteTransaction index(database, Durability::Synced);
         std::erase_if(suspects, [&](FileName name) { return isNamed(*index, name); });
-        files.expectRemoval();
+        files.prepareRemoval();
         for (const FileName name : suspects)
         {
             files.remove(name);
         }
     }
-    files.forget(ended);
+    files.removeSessions(ended);
 }
 
 } // namespace storage::clients::local

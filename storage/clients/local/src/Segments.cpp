@@ -1,6 +1,6 @@
-#include "Pieces.hpp"
+#include "Segments.hpp"
 
-#include "Failure.hpp"
+#include "StoreError.hpp"
 
 #include <algorithm>
 #include <optional>
@@ -12,19 +12,19 @@ namespace storage::clients::local
 namespace
 {
 
-// Pieces opened together. Bounds the descriptors of one reader, whatever the object's number of parts, and its memory
-// for pieces that are not in files.
-constexpr std::int64_t piecesAtOnce = 16;
+// Segments opened together. Bounds the descriptors of one reader, whatever the object's number of parts, and its memory
+// for segments that are not in files.
+constexpr std::int64_t maxOpenSegments = 16;
 
-// A piece whose file is not opened yet.
-struct Found
+// A segment whose file is not opened yet.
+struct LocatedSegment
 {
-    Piece piece;
+    Segment segment;
     FileName name;
     std::uint64_t fileSize = 0;
 };
 
-std::vector<Found> findPieces(
+std::vector<LocatedSegment> locateSegments(
     Connection& index, const ContentFiles& files, std::int64_t object, std::uint64_t offset, std::uint64_t end)
 {
     Query query = index.query("SELECT part.offset, content.size, content.id, content.session, content.data"
@@ -33,8 +33,8 @@ std::vector<Found> findPieces(
                               " (SELECT offset FROM object_parts WHERE object = ?1 AND offset <= ?2"
                               " ORDER BY offset DESC LIMIT 1)"
                               " ORDER BY part.offset LIMIT ?4",
-        object, static_cast<std::int64_t>(offset), static_cast<std::int64_t>(end), piecesAtOnce);
-    std::vector<Found> found;
+        object, static_cast<std::int64_t>(offset), static_cast<std::int64_t>(end), maxOpenSegments);
+    std::vector<LocatedSegment> found;
     std::uint64_t position = offset;
     while (position < end && query.next())
     {
@@ -42,27 +42,27 @@ std::vector<Found> findPieces(
         const auto size = static_cast<std::uint64_t>(query.integer(1));
         if (query.isNull(2) || begin > position || position >= begin + size)
         {
-            throw Failure("the store is damaged: the index has lost a part of the object");
+            throw StoreError("the store is damaged: the index has lost a part of the object");
         }
-        Found next;
+        LocatedSegment next;
         next.fileSize = size;
-        next.piece.offset = position - begin;
-        next.piece.size = std::min(end, begin + size) - position;
+        next.segment.offset = position - begin;
+        next.segment.size = std::min(end, begin + size) - position;
         if (query.isNull(3))
         {
             const std::string_view bytes = query.bytes(4);
             if (bytes.size() != size)
             {
-                throw Failure("the store is damaged: the index has lost bytes of the object");
+                throw StoreError("the store is damaged: the index has lost bytes of the object");
             }
-            next.piece.bytes = bytes.substr(next.piece.offset, next.piece.size);
+            next.segment.bytes = bytes.substr(next.segment.offset, next.segment.size);
         }
         else
         {
             next.name = {query.integer(2), static_cast<std::uint64_t>(query.integer(3))};
-            next.piece.path = files.path(next.name);
+            next.segment.path = files.path(next.name);
         }
-        position += next.piece.size;
+        position += next.segment.size;
         found.push_back(std::move(next));
     }
     return found;
@@ -70,30 +70,30 @@ std::vector<Found> findPieces(
 
 bool exists(Database& database, std::int64_t object)
 {
-    Database::Reading index(database);
+    Database::ReadTransaction index(database);
     return index->query("SELECT 1 FROM object_parts WHERE object = ?", object).next();
 }
 
-// Find and open the next pieces; nothing when the version was replaced.
-std::optional<std::vector<Found>> openPieces(
+// Find and open the next segments; nothing when the version was replaced.
+std::optional<std::vector<LocatedSegment>> openSegments(
     Database& database, const ContentFiles& files, std::int64_t object, std::uint64_t offset, std::uint64_t end)
 {
-    std::vector<Found> found = [&]
+    std::vector<LocatedSegment> found = [&]
     {
-        Database::Reading index(database);
-        return findPieces(*index, files, object, offset, end);
+        Database::ReadTransaction index(database);
+        return locateSegments(*index, files, object, offset, end);
     }();
     if (found.empty())
     {
         if (exists(database, object))
         {
-            throw Failure("the store is damaged: the index has lost the end of the object");
+            throw StoreError("the store is damaged: the index has lost the end of the object");
         }
         return std::nullopt;
     }
-    for (Found& next : found)
+    for (LocatedSegment& next : found)
     {
-        if (next.piece.path.empty())
+        if (next.segment.path.empty())
         {
             continue;
         }
@@ -103,36 +103,36 @@ std::optional<std::vector<Found>> openPieces(
             // Files go after the change that drops them, so a version that is still there lost it otherwise.
             if (exists(database, object))
             {
-                throw Failure("the store is damaged: there is no \"" + next.piece.path.native() + '"');
+                throw StoreError("the store is damaged: there is no \"" + next.segment.path.native() + '"');
             }
             return std::nullopt;
         }
-        next.piece.file = std::move(*file);
+        next.segment.file = std::move(*file);
     }
     return found;
 }
 
 } // namespace
 
-bool readPieces(Database& database, const ContentFiles& files, std::int64_t object, std::uint64_t offset,
-    std::uint64_t end, const std::function<void(Piece&)>& take)
+bool readSegments(Database& database, const ContentFiles& files, std::int64_t object, std::uint64_t offset,
+    std::uint64_t end, const std::function<void(Segment&)>& take)
 {
     bool begun = false;
     while (offset < end)
     {
-        std::optional<std::vector<Found>> found = openPieces(database, files, object, offset, end);
+        std::optional<std::vector<LocatedSegment>> found = openSegments(database, files, object, offset, end);
         if (!found)
         {
             if (begun)
             {
-                throw Failure("the object was replaced while it was being read");
+                throw StoreError("the object was replaced while it was being read");
             }
             return false;
         }
-        for (Found& next : *found)
+        for (LocatedSegment& next : *found)
         {
-            take(next.piece);
-            offset += next.piece.size;
+            take(next.segment);
+            offset += next.segment.size;
             begun = true;
         }
     }
