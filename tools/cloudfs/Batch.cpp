@@ -1,6 +1,6 @@
 #include "Batch.hpp"
 
-#include "Failure.hpp"
+#include "CommandError.hpp"
 #include "Interrupt.hpp"
 #include "Text.hpp"
 
@@ -46,10 +46,10 @@ bool Batch::attempt(const Task& task)
         task();
         return true;
     }
-    catch (const Failure& failure)
+    catch (const CommandError& error)
     {
         interrupt::throwIfPending(); // then it failed for that reason
-        reportFailure(failure.what());
+        reportFailure(error.what());
     }
     catch (const std::exception& exception)
     {

@@ -1,5 +1,5 @@
+#include "CommandError.hpp"
 #include "Commands.hpp"
-#include "Failure.hpp"
 
 #include <foundation/storage/provider/ReplacementPolicy.hpp>
 
@@ -30,34 +30,34 @@ struct Places
     StorePath destination;
 };
 
-Places checkedPlaces(const Session& session, const Options& options)
+Places checkedPlaces(const CommandContext& context, const Options& options)
 {
     const StorePath source = StorePath::parse(options.source);
-    session.requireFile(source);
+    context.requireFile(source);
     const StorePath destination = StorePath::parse(options.destination).resolveFile(source.name());
-    session.requireNoFileAbove(destination);
-    session.requireVacant(destination, options.force);
+    context.requireNoParentIsFile(destination);
+    context.requireCanStore(destination, options.force);
     return {source, destination};
 }
 
-void copy(const Session& session, const Options& options)
+void copy(const CommandContext& context, const Options& options)
 {
-    const auto [source, destination] = checkedPlaces(session, options);
+    const auto [source, destination] = checkedPlaces(context, options);
     if (source.iri() == destination.iri())
     {
         return; // replacing a file by itself changes nothing
     }
-    session.at(destination,
-        [&, from = source.iri(), to = destination.iri()] { session.provider().copyFile(from, to, options.policy()); });
-    session.requireCommitted(destination);
+    context.translateErrors(destination,
+        [&, from = source.iri(), to = destination.iri()] { context.provider().copyFile(from, to, options.policy()); });
+    context.requireCommitted(destination);
 }
 
-void move(const Session& session, const Options& options)
+void move(const CommandContext& context, const Options& options)
 {
-    const auto [source, destination] = checkedPlaces(session, options);
-    session.at(destination,
-        [&, from = source.iri(), to = destination.iri()] { session.provider().moveFile(from, to, options.policy()); });
-    session.requireCommitted(destination);
+    const auto [source, destination] = checkedPlaces(context, options);
+    context.translateErrors(destination,
+        [&, from = source.iri(), to = destination.iri()] { context.provider().moveFile(from, to, options.policy()); });
+    context.requireCommitted(destination);
 }
 
 CLI::App* addCommand(CLI::App& app, Options& options, const char* name, const char* description)
@@ -72,14 +72,14 @@ CLI::App* addCommand(CLI::App& app, Options& options, const char* name, const ch
 
 } // namespace
 
-void addCopyCommands(CLI::App& app, Session& session)
+void addCopyCommands(CLI::App& app, CommandContext& context)
 {
     const auto copied = std::make_shared<Options>();
     addCommand(app, *copied, "cp", "Copy a file within the store")
-        ->callback([&session, copied] { copy(session, *copied); });
+        ->callback([&context, copied] { copy(context, *copied); });
     const auto moved = std::make_shared<Options>();
     addCommand(app, *moved, "mv", "Move a file within the store; a file moved onto itself stays as it is")
-        ->callback([&session, moved] { move(session, *moved); });
+        ->callback([&context, moved] { move(context, *moved); });
 }
 
 } // namespace cloudfs

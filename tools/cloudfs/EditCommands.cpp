@@ -11,21 +11,21 @@ namespace cloudfs
 namespace
 {
 
-void edit(
-    const Session& session, const std::string& argument, std::uint64_t offset, fsp::ByteStreamWritePosition position)
+void edit(const CommandContext& context, const std::string& argument, std::uint64_t offset,
+    fsp::ByteStreamWritePosition position)
 {
     const StorePath path = StorePath::parse(argument);
-    session.requireFile(path);
+    context.requireFile(path);
     LocalSource source = LocalSource::standardInput();
     Progress progress;
-    upload(session, path,
+    upload(context, path,
         {fsp::ByteStreamReadAccess::None, fsp::ByteStreamCreate::MustExist, fsp::ByteStreamTruncate::Keep, position},
         offset, source, progress);
 }
 
 } // namespace
 
-void addEditCommands(CLI::App& app, Session& session)
+void addEditCommands(CLI::App& app, CommandContext& context)
 {
     const auto path = std::make_shared<std::string>();
     const auto offset = std::make_shared<std::uint64_t>(0);
@@ -37,11 +37,11 @@ void addEditCommands(CLI::App& app, Session& session)
         ->required()
         ->check(CLI::Range(std::uint64_t{0}, furthest));
     write->callback(
-        [&session, path, offset] { edit(session, *path, *offset, fsp::ByteStreamWritePosition::AtOffset); });
+        [&context, path, offset] { edit(context, *path, *offset, fsp::ByteStreamWritePosition::AtOffset); });
 
     auto* append = app.add_subcommand("append", "Write standard input at the end of an existing file");
     append->add_option("PATH", *path, "An existing file")->required();
-    append->callback([&session, path] { edit(session, *path, 0, fsp::ByteStreamWritePosition::Append); });
+    append->callback([&context, path] { edit(context, *path, 0, fsp::ByteStreamWritePosition::Append); });
 }
 
 } // namespace cloudfs

@@ -1,6 +1,6 @@
 #include "Batch.hpp"
+#include "CommandError.hpp"
 #include "Commands.hpp"
-#include "Failure.hpp"
 #include "Interrupt.hpp"
 #include "LocalTarget.hpp"
 #include "LocalTree.hpp"
@@ -30,20 +30,20 @@ struct Options
     unsigned jobs = 4;
 };
 
-void getFile(const Session& session, const StorePath& path, LocalTarget& target, Progress& progress)
+void getFile(const CommandContext& context, const StorePath& path, LocalTarget& target, Progress& progress)
 {
     download(
-        session, path, [&](const char* data, std::size_t size) { target.write(data, size); }, progress);
+        context, path, [&](const char* data, std::size_t size) { target.write(data, size); }, progress);
     target.commit();
 }
 
-void printFile(const Session& session, const StorePath& path)
+void printFile(const CommandContext& context, const StorePath& path)
 {
-    session.requireFile(path);
+    context.requireFile(path);
     StandardOutput output;
     Progress progress(false);
     download(
-        session, path, [&](const char* data, std::size_t size) { output.write(data, size); }, progress);
+        context, path, [&](const char* data, std::size_t size) { output.write(data, size); }, progress);
 }
 
 /// Gets a folder of the store with everything in it. Local folders are created by the listing thread, in front of the
@@ -51,11 +51,11 @@ void printFile(const Session& session, const StorePath& path)
 ///
 /// Nothing is written outside of the target: each name must be a plain one, and each folder a real one, not a symbolic
 /// link that somebody left in its place.
-class TreeGet
+class TreeDownload
 {
 public:
-    TreeGet(const Session& session, const Options& options, const StorePath& source, std::string target)
-        : m_session(session)
+    TreeDownload(const CommandContext& context, const Options& options, const StorePath& source, std::string target)
+        : m_context(context)
         , m_options(options)
         , m_source(source)
         , m_target(std::move(target))
@@ -67,13 +67,13 @@ public:
     {
         if (::mkdir(m_target.c_str(), 0777) != 0 && !isLocalFolder(m_target))
         {
-            throw Failure::ofSystem(m_target, errno);
+            throw CommandError::fromErrno(m_target, errno);
         }
         m_folders.insert("");
-        m_session.at(m_source,
+        m_context.translateErrors(m_source,
             [&]
             {
-                const auto entries = m_session.provider().listAllRecursive(m_source.iri());
+                const auto entries = m_context.provider().listAllRecursive(m_source.iri());
                 while (entries->hasNext())
                 {
                     interrupt::throwIfPending();
@@ -83,7 +83,7 @@ public:
                     m_batch.attempt([&] { entry.isFolder() ? makeFolder(name) : submitFile(name, entry); });
                 }
             });
-        m_progress.completeExpectation();
+        m_progress.markTotalFinal();
         return m_batch.finish();
     }
 
@@ -99,11 +99,11 @@ private:
             struct stat status = {};
             if (error != EEXIST || ::lstat(local.c_str(), &status) != 0)
             {
-                throw Failure::ofSystem(local, error);
+                throw CommandError::fromErrno(local, error);
             }
             if (!S_ISDIR(status.st_mode))
             {
-                throw Failure(local, "stands where a folder is to go", fsp::ErrorCode::AlreadyExists);
+                throw CommandError(local, "stands where a folder is to go", fsp::ErrorCode::AlreadyExists);
             }
         }
         m_folders.insert(name);
@@ -113,12 +113,12 @@ private:
     {
         requireFolderAbove(name);
         const StorePath path = m_source.child(name);
-        m_progress.expect(entry.fileAttributes().size().value_or(0));
+        m_progress.addToTotal(entry.fileAttributes().size().value_or(0));
         m_batch.submit(
             [this, path, local = m_target + "/" + name]
             {
-                LocalTarget target(local, m_options.force, LocalTarget::Place::InTree);
-                getFile(m_session, path, target, m_progress);
+                LocalTarget target(local, m_options.force, LocalTarget::Destination::InsideTree);
+                getFile(m_context, path, target, m_progress);
             });
     }
 
@@ -127,11 +127,12 @@ private:
         const std::size_t end = name.rfind('/');
         if (m_folders.count(end == std::string::npos ? "" : name.substr(0, end)) == 0)
         {
-            throw Failure(m_source.text() + "/" + name, "left out with its folder", fsp::ErrorCode::InvalidLocation);
+            throw CommandError(
+                m_source.text() + "/" + name, "left out with its folder", fsp::ErrorCode::InvalidLocation);
         }
     }
 
-    const Session& m_session;
+    const CommandContext& m_context;
     const Options& m_options;
     const StorePath m_source;
     const std::string m_target;
@@ -146,44 +147,43 @@ std::string localDestination(const Options& options, const StorePath& source)
     return into ? options.local + (options.local.ends_with('/') ? "" : "/") + source.name() : options.local;
 }
 
-void get(Session& session, const Options& options)
+void get(CommandContext& context, const Options& options)
 {
     const StorePath path = StorePath::parse(options.path);
     if (options.local == "-")
     {
-        printFile(session, path);
+        printFile(context, path);
         return;
     }
     const std::string local = localDestination(options, path);
-    const bool isFile =
-        !path.namesFolder() && session.at(path, [&] { return session.provider().fileExists(path.iri()); });
+    const bool isFile = !path.namesFolder() && context.fileExists(path);
     if (isFile || !options.recursive)
     {
         if (!isFile)
         {
-            session.requireFile(path);
+            context.requireFile(path);
         }
-        const auto attributes = session.at(path, [&] { return session.provider().getFileAttributes(path.iri()); });
+        const auto attributes = context.fileAttributes(path);
         Progress progress;
-        progress.expect(attributes.size().value_or(0));
-        progress.completeExpectation();
-        LocalTarget target(local, options.force, LocalTarget::Place::Named);
-        getFile(session, path, target, progress);
+        progress.addToTotal(attributes.size().value_or(0));
+        progress.markTotalFinal();
+        LocalTarget target(local, options.force, LocalTarget::Destination::NamedByUser);
+        getFile(context, path, target, progress);
         return;
     }
-    if (!session.at(path, [&] { return session.provider().folderExists(path.iri()); }))
+    if (!context.folderExists(path))
     {
-        throw Failure(path.text(), "no such file or folder", fsp::ErrorCode::NotFound);
+        throw CommandError(path.text(), "no such file or folder", fsp::ErrorCode::NotFound);
     }
-    if (!TreeGet(session, options, path, local).run())
+    if (!TreeDownload(context, options, path, local).run())
     {
-        session.noteFailure();
+        context.markFailed();
     }
 }
 
 } // namespace
 
-void addGetCommands(CLI::App& app, Session& session)
+void addGetCommands(CLI::App& app, CommandContext& context)
 {
     const auto options = std::make_shared<Options>();
     auto* command = app.add_subcommand("get", "Copy a file or a tree of the store to this machine");
@@ -197,19 +197,19 @@ void addGetCommands(CLI::App& app, Session& session)
         ->capture_default_str();
     command->add_flag("-f", options->force, "Replace existing files");
     command->callback(
-        [&session, options, recursive]
+        [&context, options, recursive]
         {
             if (options->local == "-" && options->recursive)
             {
                 throw CLI::ValidationError(recursive->get_name(), "a tree cannot go to standard output");
             }
-            get(session, *options);
+            get(context, *options);
         });
 
     const auto path = std::make_shared<std::string>();
     auto* cat = app.add_subcommand("cat", "Write a file to standard output");
     cat->add_option("PATH", *path, "An existing file")->required();
-    cat->callback([&session, path] { printFile(session, StorePath::parse(*path)); });
+    cat->callback([&context, path] { printFile(context, StorePath::parse(*path)); });
 }
 
 } // namespace cloudfs

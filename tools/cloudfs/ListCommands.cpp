@@ -1,5 +1,5 @@
+#include "CommandError.hpp"
 #include "Commands.hpp"
-#include "Failure.hpp"
 #include "Interrupt.hpp"
 #include "StandardOutput.hpp"
 #include "Text.hpp"
@@ -42,9 +42,10 @@ std::string entryLine(const std::string& name, const fsp::FolderEntry& entry, bo
         "{:>10}  {}  {}", size ? storage::clients::formatBytes(*size) : "-", text::shortTime(time), shown);
 }
 
-fsp::FolderEntryIteratorPtr openListing(const Session& session, const StorePath& path, const ListOptions& options)
+fsp::FolderEntryIteratorPtr openListing(
+    const CommandContext& context, const StorePath& path, const ListOptions& options)
 {
-    const fsp::IProvider& provider = session.provider();
+    const fsp::IProvider& provider = context.provider();
     if (options.recursive)
     {
         return provider.listAllRecursive(path.iri());
@@ -56,13 +57,13 @@ fsp::FolderEntryIteratorPtr openListing(const Session& session, const StorePath&
     return options.foldersOnly ? provider.listFolders(path.iri()) : provider.listAll(path.iri());
 }
 
-void list(const Session& session, const ListOptions& options)
+void list(const CommandContext& context, const ListOptions& options)
 {
     const StorePath path = StorePath::parse(options.path);
     StandardOutput output;
-    if (!path.namesFolder() && session.at(path, [&] { return session.provider().fileExists(path.iri()); }))
+    if (!path.namesFolder() && context.fileExists(path))
     {
-        const auto attributes = session.at(path, [&] { return session.provider().getFileAttributes(path.iri()); });
+        const auto attributes = context.fileAttributes(path);
         if (!options.foldersOnly)
         {
             output.line(entryLine(path.name(), fsp::FolderEntry(u"", attributes), options.details));
@@ -70,10 +71,10 @@ void list(const Session& session, const ListOptions& options)
         output.flush();
         return;
     }
-    session.at(path,
+    context.translateErrors(path,
         [&]
         {
-            const auto entries = openListing(session, path, options);
+            const auto entries = openListing(context, path, options);
             while (entries->hasNext())
             {
                 interrupt::throwIfPending();
@@ -88,14 +89,14 @@ void list(const Session& session, const ListOptions& options)
     output.flush();
 }
 
-void describe(const Session& session, const std::string& argument)
+void describe(const CommandContext& context, const std::string& argument)
 {
     const StorePath path = StorePath::parse(argument);
     StandardOutput output;
     output.line("Path:     " + (StandardOutput::isTerminal() ? text::printable(path.text()) : path.text()));
-    if (!path.namesFolder() && session.at(path, [&] { return session.provider().fileExists(path.iri()); }))
+    if (!path.namesFolder() && context.fileExists(path))
     {
-        const auto file = session.at(path, [&] { return session.provider().getFileAttributes(path.iri()); });
+        const auto file = context.fileAttributes(path);
         const auto size = file.size().value_or(0);
         output.line("Kind:     file");
         output.line(fmt::format(
@@ -104,7 +105,8 @@ void describe(const Session& session, const std::string& argument)
     }
     else
     {
-        const auto folder = session.at(path, [&] { return session.provider().getFolderAttributes(path.iri()); });
+        const auto folder =
+            context.translateErrors(path, [&] { return context.provider().getFolderAttributes(path.iri()); });
         output.line("Kind:     folder");
         output.line("Modified: " + text::fullTime(folder.lastModified()));
     }
@@ -113,7 +115,7 @@ void describe(const Session& session, const std::string& argument)
 
 } // namespace
 
-void addListCommands(CLI::App& app, Session& session)
+void addListCommands(CLI::App& app, CommandContext& context)
 {
     const auto options = std::make_shared<ListOptions>();
     auto* ls = app.add_subcommand("ls", "List a folder; folders end in \"/\"");
@@ -122,12 +124,12 @@ void addListCommands(CLI::App& app, Session& session)
     ls->add_flag("-R", options->recursive, "With everything below it");
     auto* files = ls->add_flag("--files", options->filesOnly, "Files only");
     ls->add_flag("--folders", options->foldersOnly, "Folders only")->excludes(files);
-    ls->callback([&session, options] { list(session, *options); });
+    ls->callback([&context, options] { list(context, *options); });
 
     const auto described = std::make_shared<std::string>();
     auto* stat = app.add_subcommand("stat", "Describe a file or a folder");
     stat->add_option("PATH", *described, "What to describe")->required();
-    stat->callback([&session, described] { describe(session, *described); });
+    stat->callback([&context, described] { describe(context, *described); });
 }
 
 } // namespace cloudfs

@@ -1,6 +1,6 @@
 #include "LocalSource.hpp"
 
-#include "Failure.hpp"
+#include "CommandError.hpp"
 #include "Interrupt.hpp"
 
 #include <cerrno>
@@ -27,7 +27,7 @@ int openForReading(const std::string& path)
         }
         if (errno != EINTR)
         {
-            throw Failure::ofSystem(path, errno);
+            throw CommandError::fromErrno(path, errno);
         }
         interrupt::throwIfPending();
     }
@@ -38,7 +38,7 @@ struct stat statusOf(int descriptor, const std::string& path)
     struct stat status = {};
     if (::fstat(descriptor, &status) != 0)
     {
-        throw Failure::ofSystem(path, errno);
+        throw CommandError::fromErrno(path, errno);
     }
     return status;
 }
@@ -53,7 +53,7 @@ LocalSource::LocalSource(const std::string& path)
     if (S_ISDIR(status.st_mode))
     {
         ::close(m_descriptor);
-        throw Failure(m_path, "is a folder; -r puts a whole tree", fsp::ErrorCode::InvalidLocation);
+        throw CommandError(m_path, "is a folder; -r puts a whole tree", fsp::ErrorCode::InvalidLocation);
     }
     if (S_ISREG(status.st_mode))
     {
@@ -89,22 +89,22 @@ std::size_t LocalSource::read(char* buffer, std::size_t size)
         }
         if (count == 0)
         {
-            requireUncut();
+            requireNotTruncated();
             return 0;
         }
         if (errno != EINTR && errno != EAGAIN)
         {
-            throw Failure::ofSystem(m_path, errno);
+            throw CommandError::fromErrno(m_path, errno);
         }
     }
 }
 
-void LocalSource::requireUncut() const
+void LocalSource::requireNotTruncated() const
 {
     // Some files of the system claim a size that they never had, and go on claiming it; those are whole.
     if (m_size && m_read < *m_size && static_cast<std::uint64_t>(statusOf(m_descriptor, m_path).st_size) < *m_size)
     {
-        throw Failure(m_path, "became shorter while it was read", fsp::ErrorCode::Unknown);
+        throw CommandError(m_path, "became shorter while it was read", fsp::ErrorCode::Unknown);
     }
 }
 

@@ -14,7 +14,7 @@ class LocalSource
 public:
     /// Open a file, or whatever else can be read: a named pipe is waited for.
     ///
-    /// @throws Failure, also for a folder; interrupt::Interrupted
+    /// @throws CommandError, also for a folder; interrupt::Interrupted
     explicit LocalSource(const std::string& path);
 
     /// Read standard input, which is left open.
@@ -27,7 +27,8 @@ public:
     /// Fill the buffer with up to `size` bytes.
     ///
     /// @return the number of bytes; 0 at the end
-    /// @throws Failure, also when the file turns out shorter than it was: what was read is then not what anybody wrote.
+    /// @throws CommandError, also when the file turns out shorter than it was: what was read is then not what anybody
+    /// wrote.
     ///         A file that has grown is read to its new end. interrupt::Interrupted
     std::size_t read(char* buffer, std::size_t size);
 
@@ -37,7 +38,7 @@ public:
 private:
     LocalSource();
 
-    void requireUncut() const;
+    void requireNotTruncated() const;
 
     const std::string m_path;
     const int m_descriptor;

@@ -1,6 +1,6 @@
 #include "LocalTarget.hpp"
 
-#include "Failure.hpp"
+#include "CommandError.hpp"
 #include "Interrupt.hpp"
 
 #include <fmt/format.h>
@@ -31,32 +31,32 @@ std::string followed(const std::string& path)
 
 } // namespace
 
-LocalTarget::LocalTarget(const std::string& path, bool replace, Place place)
+LocalTarget::LocalTarget(const std::string& path, bool replace, Destination destination)
     : m_name(path)
     , m_replace(replace)
-    , m_path(place == Place::Named ? followed(path) : path)
+    , m_path(destination == Destination::NamedByUser ? followed(path) : path)
 {
     struct stat status = {};
     const bool exists = ::lstat(m_path.c_str(), &status) == 0;
     if (!exists && errno != ENOENT)
     {
-        throw Failure::ofSystem(m_name, errno);
+        throw CommandError::fromErrno(m_name, errno);
     }
     if (exists && S_ISDIR(status.st_mode))
     {
-        throw Failure(m_name, "is a folder", fsp::ErrorCode::AlreadyExists);
+        throw CommandError(m_name, "is a folder", fsp::ErrorCode::AlreadyExists);
     }
     if (exists && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode))
     {
-        if (place == Place::InTree)
+        if (destination == Destination::InsideTree)
         {
-            throw Failure(m_name, "is neither a file nor a folder", fsp::ErrorCode::AlreadyExists);
+            throw CommandError(m_name, "is neither a file nor a folder", fsp::ErrorCode::AlreadyExists);
         }
         m_descriptor = ::open(m_path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
     }
     else if (exists && !m_replace)
     {
-        throw Failure(m_name, "exists already; -f replaces it", fsp::ErrorCode::AlreadyExists);
+        throw CommandError(m_name, "exists already; -f replaces it", fsp::ErrorCode::AlreadyExists);
     }
     else
     {
@@ -64,7 +64,7 @@ LocalTarget::LocalTarget(const std::string& path, bool replace, Place place)
     }
     if (m_descriptor < 0)
     {
-        throw Failure::ofSystem(m_name, errno);
+        throw CommandError::fromErrno(m_name, errno);
     }
 }
 
@@ -92,7 +92,7 @@ LocalTarget::~LocalTarget()
     }
     if (!m_temporary.empty() && ::unlink(m_temporary.c_str()) != 0)
     {
-        fmt::print(stderr, "cloudfs: {}\n", Failure::ofSystem(m_temporary, errno).what());
+        fmt::print(stderr, "cloudfs: {}\n", CommandError::fromErrno(m_temporary, errno).what());
     }
 }
 
@@ -108,7 +108,7 @@ void LocalTarget::write(const char* data, std::size_t size)
             {
                 continue;
             }
-            throw Failure::ofSystem(m_name, errno);
+            throw CommandError::fromErrno(m_name, errno);
         }
         data += written;
         size -= static_cast<std::size_t>(written);
@@ -121,7 +121,7 @@ void LocalTarget::commit()
     m_descriptor = -1;
     if (::close(descriptor) != 0) // some file systems say only now that the disk is full
     {
-        throw Failure::ofSystem(m_name, errno);
+        throw CommandError::fromErrno(m_name, errno);
     }
     if (m_temporary.empty())
     {
@@ -139,7 +139,7 @@ void LocalTarget::commit()
     }
     if (failed != 0)
     {
-        throw Failure::ofSystem(m_name, errno);
+        throw CommandError::fromErrno(m_name, errno);
     }
     m_temporary.clear();
 }

@@ -12,15 +12,15 @@ class LocalTarget
 {
 public:
     /// What may stand where the file is to go.
-    enum class Place
+    enum class Destination
     {
-        Named, ///< by the user: a link stands for what it leads to, and a device or a pipe is written directly
-        InTree ///< found while a tree is copied: a link is replaced, not followed, and nothing but files is written
+        NamedByUser, ///< by the user: a link stands for what it leads to, and a device or a pipe is written directly
+        InsideTree ///< found while a tree is copied: a link is replaced, not followed, and nothing but files is written
     };
 
     /// @param replace  an existing file is replaced; otherwise it is refused, both now and at the commit
-    /// @throws Failure
-    LocalTarget(const std::string& path, bool replace, Place place);
+    /// @throws CommandError
+    LocalTarget(const std::string& path, bool replace, Destination destination);
 
     LocalTarget(const LocalTarget&) = delete;
     LocalTarget& operator=(const LocalTarget&) = delete;
@@ -28,12 +28,12 @@ public:
     /// Remove what was written, unless it was committed.
     ~LocalTarget();
 
-    /// @throws Failure; interrupt::Interrupted
+    /// @throws CommandError; interrupt::Interrupted
     void write(const char* data, std::size_t size);
 
     /// Put the file in its place.
     ///
-    /// @throws Failure; the file that stood there stands there still
+    /// @throws CommandError; the file that stood there stands there still
     void commit();
 
 private:

@@ -1,6 +1,6 @@
 #include "LocalTree.hpp"
 
-#include "Failure.hpp"
+#include "CommandError.hpp"
 #include "Interrupt.hpp"
 
 #include <fmt/format.h>
@@ -29,7 +29,7 @@ std::vector<std::string> sortedNames(const std::string& folder, LocalTreeVisitor
     }
     if (error)
     {
-        visitor.leaveOut(Failure::ofSystem(folder, error.value()));
+        visitor.reportSkipped(CommandError::fromErrno(folder, error.value()));
     }
     std::sort(names.begin(), names.end());
     return names;
@@ -46,7 +46,7 @@ void visit(const std::string& folder, const std::string& prefix, LocalTreeVisito
         struct stat status = {};
         if (::lstat(local.c_str(), &link) != 0 || ::stat(local.c_str(), &status) != 0)
         {
-            visitor.leaveOut(Failure::ofSystem(local, errno)); // unreadable, or a link that leads nowhere
+            visitor.reportSkipped(CommandError::fromErrno(local, errno)); // unreadable, or a link that leads nowhere
         }
         else if (S_ISREG(status.st_mode))
         {
@@ -63,7 +63,7 @@ void visit(const std::string& folder, const std::string& prefix, LocalTreeVisito
         {
             const char* reason = S_ISDIR(status.st_mode) ? "left out: a symbolic link to a folder"
                                                          : "left out: neither a file nor a folder";
-            visitor.leaveOut({local, reason, fsp::ErrorCode::Unsupported});
+            visitor.reportSkipped({local, reason, fsp::ErrorCode::Unsupported});
         }
     }
 }
@@ -81,7 +81,7 @@ bool isLocalFolder(const std::string& path)
     return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-std::string lastName(std::string path)
+std::string baseName(std::string path)
 {
     while (path.ends_with('/'))
     {

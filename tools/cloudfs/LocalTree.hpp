@@ -6,7 +6,7 @@
 namespace cloudfs
 {
 
-class Failure;
+class CommandError;
 
 /// What a walk through a local tree finds. Names are relative to the tree, with "/" between them.
 class LocalTreeVisitor
@@ -23,7 +23,7 @@ public:
     virtual void visitFile(const std::string& local, const std::string& name, std::uint64_t size) = 0;
 
     /// Something that is neither, or that cannot be looked at.
-    virtual void leaveOut(const Failure& reason) = 0;
+    virtual void reportSkipped(const CommandError& reason) = 0;
 };
 
 /// Visit everything below a folder, the entries of each folder in the order of their bytes.
@@ -36,6 +36,6 @@ void walkLocalTree(const std::string& folder, LocalTreeVisitor& visitor);
 bool isLocalFolder(const std::string& path);
 
 /// The name that a file or folder has: its last segment, or nothing for "/", "." and "..".
-std::string lastName(std::string path);
+std::string baseName(std::string path);
 
 } // namespace cloudfs

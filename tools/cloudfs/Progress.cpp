@@ -34,16 +34,16 @@ Progress::~Progress()
     erase();
 }
 
-void Progress::expect(std::uint64_t bytes)
+void Progress::addToTotal(std::uint64_t bytes)
 {
     const std::lock_guard lock(m_mutex);
-    m_expected += bytes;
+    m_total += bytes;
 }
 
-void Progress::completeExpectation()
+void Progress::markTotalFinal()
 {
     const std::lock_guard lock(m_mutex);
-    m_expectedAll = true;
+    m_totalIsFinal = true;
 }
 
 void Progress::advance(std::uint64_t bytes)
@@ -70,12 +70,12 @@ void Progress::paint(Clock::time_point now)
     const double seconds = std::chrono::duration<double>(now - m_begin).count();
     const double rate = static_cast<double>(m_done) / seconds;
     std::string bar;
-    if (m_expectedAll && m_expected > 0)
+    if (m_totalIsFinal && m_total > 0)
     {
         constexpr std::size_t width = 24;
-        const double share = std::min(1.0, static_cast<double>(m_done) / static_cast<double>(m_expected));
+        const double share = std::min(1.0, static_cast<double>(m_done) / static_cast<double>(m_total));
         const auto filled = static_cast<std::size_t>(share * width);
-        const double left = rate > 0 ? static_cast<double>(m_expected) * (1 - share) / rate : 0;
+        const double left = rate > 0 ? static_cast<double>(m_total) * (1 - share) / rate : 0;
         const auto wait = std::lround(left);
         bar = fmt::format("[{:#<{}}{:.<{}}] {:3.0f}%  {}:{:02} left  ", "", filled, "", width - filled, share * 100,
             wait / 60, wait % 60);

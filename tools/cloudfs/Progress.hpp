@@ -24,10 +24,10 @@ public:
     ~Progress();
 
     /// So many bytes are to come, beside those announced before.
-    void expect(std::uint64_t bytes);
+    void addToTotal(std::uint64_t bytes);
 
     /// Everything to come has been announced: a percentage makes sense from now on.
-    void completeExpectation();
+    void markTotalFinal();
 
     /// So many bytes went through.
     void advance(std::uint64_t bytes);
@@ -47,9 +47,9 @@ private:
     std::mutex m_mutex; // taken alone
     // guarded by m_mutex
     Clock::time_point m_nextPaint;
-    std::uint64_t m_expected = 0;
+    std::uint64_t m_total = 0;
     std::uint64_t m_done = 0;
-    bool m_expectedAll = false;
+    bool m_totalIsFinal = false;
     bool m_painted = false;
 };
 

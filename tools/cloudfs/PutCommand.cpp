@@ -1,9 +1,9 @@
 #include "Batch.hpp"
+#include "CommandError.hpp"
 #include "Commands.hpp"
-#include "Failure.hpp"
+#include "FolderSnapshot.hpp"
 #include "LocalSource.hpp"
 #include "LocalTree.hpp"
-#include "Occupants.hpp"
 #include "Transfer.hpp"
 
 #include <map>
@@ -25,23 +25,23 @@ struct Options
     unsigned jobs = 4; // a durable store waits for the disk; several files share the wait
 };
 
-void putFile(const Session& session, const Options& options, LocalSource& source, const StorePath& path)
+void putFile(const CommandContext& context, const Options& options, LocalSource& source, const StorePath& path)
 {
-    session.requireNoFileAbove(path);
-    session.requireVacant(path, options.force);
+    context.requireNoParentIsFile(path);
+    context.requireCanStore(path, options.force);
     Progress progress;
-    progress.expect(source.size().value_or(0));
-    progress.completeExpectation();
-    upload(session, path, wholeFile, 0, source, progress);
+    progress.addToTotal(source.size().value_or(0));
+    progress.markTotalFinal();
+    upload(context, path, wholeFile, 0, source, progress);
 }
 
 /// Puts a folder of the machine with everything in it. Folders are created by the walking thread, in front of the files
 /// in them, which go to the batch.
-class TreePut : public LocalTreeVisitor
+class TreeUpload : public LocalTreeVisitor
 {
 public:
-    TreePut(const Session& session, const Options& options, const StorePath& target)
-        : m_session(session)
+    TreeUpload(const CommandContext& context, const Options& options, const StorePath& target)
+        : m_context(context)
         , m_options(options)
         , m_target(target)
         , m_batch(options.jobs, m_progress)
@@ -50,10 +50,10 @@ public:
 
     bool run()
     {
-        m_session.requireNoFileAbove(m_target);
+        m_context.requireNoParentIsFile(m_target);
         makeFolder(m_target);
         walkLocalTree(m_options.local, *this);
-        m_progress.completeExpectation();
+        m_progress.markTotalFinal();
         return m_batch.finish();
     }
 
@@ -65,90 +65,91 @@ private:
 
     void visitFile(const std::string& local, const std::string& name, std::uint64_t size) override
     {
-        m_progress.expect(size);
+        m_progress.addToTotal(size);
         m_batch.attempt(
             [&]
             {
                 const StorePath path = m_target.child(name);
                 m_batch.submit(
-                    [this, local, path, size, occupants = occupantsOf(path.parent())]
+                    [this, local, path, size, snapshot = snapshotOf(path.parent())]
                     {
-                        occupants->requireVacant(path, m_options.force, size);
+                        snapshot->requireCanStore(path, m_options.force, size);
                         LocalSource source(local);
-                        upload(m_session, path, wholeFile, 0, source, m_progress);
+                        upload(m_context, path, wholeFile, 0, source, m_progress);
                     });
             });
     }
 
-    void leaveOut(const Failure& reason) override { m_batch.reportFailure(reason.what()); }
+    void reportSkipped(const CommandError& reason) override { m_batch.reportFailure(reason.what()); }
 
     /// Those of a folder that the walk is in.
-    std::shared_ptr<const Occupants> occupantsOf(const StorePath& folder)
+    std::shared_ptr<const FolderSnapshot> snapshotOf(const StorePath& folder)
     {
         const auto isDone = [&](const std::string& text)
         { return folder.text() != text && !folder.text().starts_with(text == "/" ? text : text + '/'); };
-        std::erase_if(m_occupants, [&](const auto& entry) { return isDone(entry.first); });
-        auto& occupants = m_occupants[folder.text()];
-        if (!occupants)
+        std::erase_if(m_snapshots, [&](const auto& entry) { return isDone(entry.first); });
+        auto& snapshot = m_snapshots[folder.text()];
+        if (!snapshot)
         {
-            occupants = std::make_shared<Occupants>(m_session, folder);
+            snapshot = std::make_shared<FolderSnapshot>(m_context, folder);
         }
-        return occupants;
+        return snapshot;
     }
 
     void makeFolder(const StorePath& path) const
     {
-        const fsp::IProvider& provider = m_session.provider();
-        if (m_session.at(path, [&] { return provider.fileExists(path.iri()); }))
+        const fsp::IProvider& provider = m_context.provider();
+        if (m_context.fileExists(path))
         {
-            throw Failure(path.text(), "is a file, not a folder", fsp::ErrorCode::AlreadyExists);
+            throw CommandError(path.text(), "is a file, not a folder", fsp::ErrorCode::AlreadyExists);
         }
-        if (m_session.folderPolicy == storage::cloudprovider::FolderPolicy::MarkerObjects)
+        if (m_context.folderPolicy == storage::cloudprovider::FolderPolicy::MarkerObjects)
         {
-            m_session.at(path, [&] { provider.createFolderRecursive(path.iri()); });
+            m_context.translateErrors(path, [&] { provider.createFolderRecursive(path.iri()); });
         }
     }
 
-    const Session& m_session;
+    const CommandContext& m_context;
     const Options& m_options;
     const StorePath m_target;
-    std::map<std::string, std::shared_ptr<const Occupants>> m_occupants; // of the folders that the walk is in, by text
+    std::map<std::string, std::shared_ptr<const FolderSnapshot>>
+        m_snapshots; // by path: the current folder and those above
     Progress m_progress;
     Batch m_batch; // last: its tasks use the members above
 };
 
-void put(Session& session, const Options& options)
+void put(CommandContext& context, const Options& options)
 {
     StorePath path = StorePath::parse(options.path);
-    const std::string name = lastName(options.local);
+    const std::string name = baseName(options.local);
     if (options.local == "-")
     {
         if (path.namesFolder())
         {
-            throw Failure(path.text(), "names a folder; standard input needs the name of a file",
+            throw CommandError(path.text(), "names a folder; standard input needs the name of a file",
                 fsp::ErrorCode::InvalidLocation);
         }
         LocalSource source = LocalSource::standardInput();
-        putFile(session, options, source, path);
+        putFile(context, options, source, path);
     }
     else if (options.recursive && isLocalFolder(options.local))
     {
         // A tree such as "." has no name to keep: its contents go into the folder itself.
-        if (!TreePut(session, options, name.empty() ? path : path.resolveFile(name)).run())
+        if (!TreeUpload(context, options, name.empty() ? path : path.resolveFile(name)).run())
         {
-            session.noteFailure();
+            context.markFailed();
         }
     }
     else
     {
         LocalSource source(options.local);
-        putFile(session, options, source, path.resolveFile(name));
+        putFile(context, options, source, path.resolveFile(name));
     }
 }
 
 } // namespace
 
-void addPutCommand(CLI::App& app, Session& session)
+void addPutCommand(CLI::App& app, CommandContext& context)
 {
     const auto options = std::make_shared<Options>();
     auto* command = app.add_subcommand("put", "Copy a file or a tree of this machine into the store");
@@ -168,13 +169,13 @@ void addPutCommand(CLI::App& app, Session& session)
         ->capture_default_str();
     command->add_flag("-f", options->force, "Replace existing files");
     command->callback(
-        [&session, options, recursive]
+        [&context, options, recursive]
         {
             if (options->local == "-" && options->recursive)
             {
                 throw CLI::ValidationError(recursive->get_name(), "standard input is not a tree");
             }
-            put(session, *options);
+            put(context, *options);
         });
 }
 

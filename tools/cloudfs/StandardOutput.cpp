@@ -1,6 +1,6 @@
 #include "StandardOutput.hpp"
 
-#include "Failure.hpp"
+#include "CommandError.hpp"
 #include "Interrupt.hpp"
 
 #include <cerrno>
@@ -26,9 +26,9 @@ void StandardOutput::write(const char* data, std::size_t size)
             }
             if (errno == EPIPE)
             {
-                throw ReaderGone();
+                throw BrokenPipe();
             }
-            throw Failure::ofSystem("standard output", errno);
+            throw CommandError::fromErrno("standard output", errno);
         }
         data += written;
         size -= static_cast<std::size_t>(written);

@@ -12,13 +12,13 @@ class StandardOutput
 {
 public:
     /// Thrown when the reader of a pipe has gone away. It has seen enough, so this is no failure to report.
-    struct ReaderGone
+    struct BrokenPipe
     {
     };
 
     /// Write bytes now, after everything printed before.
     ///
-    /// @throws Failure, ReaderGone or interrupt::Interrupted
+    /// @throws CommandError, BrokenPipe or interrupt::Interrupted
     void write(const char* data, std::size_t size);
 
     /// Print one line. It may wait in memory until flush(), unless somebody is looking at a terminal.

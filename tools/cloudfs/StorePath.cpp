@@ -1,6 +1,6 @@
 #include "StorePath.hpp"
 
-#include "Failure.hpp"
+#include "CommandError.hpp"
 
 #include <fl/i18n.hpp>
 
@@ -37,13 +37,15 @@ std::string decodedPath(const std::string& argument)
         const fsp::StorageIRI iri = fsp::StorageIRI::fromUtf8(argument).getResolvedIRI();
         if (iri.getAuthority() != StorePath().iri().getAuthority())
         {
-            throw Failure(argument, "the store's own address is " + iriPrefix + "/", fsp::ErrorCode::InvalidLocation);
+            throw CommandError(
+                argument, "the store's own address is " + iriPrefix + "/", fsp::ErrorCode::InvalidLocation);
         }
         return fl::i18n::ustring_to_utf8(iri.getPath());
     }
     catch (const fsp::Exception& exception)
     {
-        throw Failure(argument, exception.errorCode().detail().value_or("malformed address"), exception.errorCode());
+        throw CommandError(
+            argument, exception.errorCode().detail().value_or("malformed address"), exception.errorCode());
     }
 }
 
@@ -61,7 +63,7 @@ StorePath StorePath::parse(const std::string& argument)
     const std::string path = isIri ? decodedPath(argument) : argument;
     if (path.empty() && !isIri)
     {
-        throw Failure("\"\"", "an empty path names nothing", fsp::ErrorCode::InvalidLocation);
+        throw CommandError("\"\"", "an empty path names nothing", fsp::ErrorCode::InvalidLocation);
     }
     StorePath result;
     forEachSegment(path,
@@ -97,11 +99,11 @@ void StorePath::append(std::string_view segment, const std::string& argument)
 {
     if (segment.empty())
     {
-        throw Failure(argument, "an empty name cannot be kept in the store", fsp::ErrorCode::InvalidLocation);
+        throw CommandError(argument, "an empty name cannot be kept in the store", fsp::ErrorCode::InvalidLocation);
     }
     if (segment.ends_with('.'))
     {
-        throw Failure(
+        throw CommandError(
             argument, "a name that ends in a dot cannot be kept in the store", fsp::ErrorCode::InvalidLocation);
     }
     try
@@ -110,7 +112,7 @@ void StorePath::append(std::string_view segment, const std::string& argument)
     }
     catch (const std::range_error&)
     {
-        throw Failure(argument, "the name is not UTF-8", fsp::ErrorCode::InvalidLocation);
+        throw CommandError(argument, "the name is not UTF-8", fsp::ErrorCode::InvalidLocation);
     }
     m_text += isRoot() ? "" : "/";
     m_text += segment;

@@ -23,12 +23,12 @@ public:
 
     /// Read an argument: "/a/b", or the same place as an IRI, "cloudfs://store/a/b", whose escapes are decoded.
     ///
-    /// @throws Failure for text that is not UTF-8, a malformed IRI and a name that the store would not keep
+    /// @throws CommandError for text that is not UTF-8, a malformed IRI and a name that the store would not keep
     static StorePath parse(const std::string& argument);
 
     /// The place of a name, or of several separated by "/", in this folder.
     ///
-    /// @throws Failure as parse(), and for an empty or "." segment, so that two names never become one
+    /// @throws CommandError as parse(), and for an empty or "." segment, so that two names never become one
     StorePath child(std::string_view name) const;
 
     const fsp::StorageIRI& iri() const noexcept { return m_iri; }

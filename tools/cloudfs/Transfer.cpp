@@ -1,6 +1,6 @@
 #include "Transfer.hpp"
 
-#include "Failure.hpp"
+#include "CommandError.hpp"
 #include "Interrupt.hpp"
 
 #include <foundation/storage/provider/ByteStream.hpp>
@@ -25,7 +25,7 @@ void writeAll(fsp::ByteStream& stream, const StorePath& path, const char* data, 
         const std::streamsize written = stream.write(data, static_cast<std::streamsize>(size));
         if (written <= 0)
         {
-            throw Failure(path.text(), "the file takes no more bytes", fsp::ErrorCode::Unknown);
+            throw CommandError(path.text(), "the file takes no more bytes", fsp::ErrorCode::Unknown);
         }
         data += written;
         size -= static_cast<std::size_t>(written);
@@ -34,13 +34,13 @@ void writeAll(fsp::ByteStream& stream, const StorePath& path, const char* data, 
 
 } // namespace
 
-void upload(const Session& session, const StorePath& path, const fsp::ByteStreamOpenOptions& options,
+void upload(const CommandContext& context, const StorePath& path, const fsp::ByteStreamOpenOptions& options,
     std::uint64_t offset, LocalSource& source, Progress& progress)
 {
-    auto stream = session.at(path, [&] { return session.provider().openStream(path.iri(), options); });
+    auto stream = context.translateErrors(path, [&] { return context.provider().openStream(path.iri(), options); });
     try
     {
-        session.at(path,
+        context.translateErrors(path,
             [&]
             {
                 stream->seek(static_cast<fsp::stream_offset>(offset), std::ios_base::beg);
@@ -56,20 +56,20 @@ void upload(const Session& session, const StorePath& path, const fsp::ByteStream
     catch (...)
     {
         // A stream can only be closed, and closing commits: forbid that first.
-        const auto forbidden = session.client().cancel(path.key());
+        const auto forbidden = context.client().cancel(path.key());
         stream.reset();
         throw;
     }
-    session.at(path, [&] { stream->close(); });
-    session.requireCommitted(path);
+    context.translateErrors(path, [&] { stream->close(); });
+    context.requireCommitted(path);
 }
 
-void download(const Session& session, const StorePath& path, const Sink& sink, Progress& progress)
+void download(const CommandContext& context, const StorePath& path, const Sink& sink, Progress& progress)
 {
-    session.at(path,
+    context.translateErrors(path,
         [&]
         {
-            const auto stream = session.provider().openReadOnlyStream(path.iri());
+            const auto stream = context.provider().openReadOnlyStream(path.iri());
             // What the stream says, not what the store says now: the file may have been replaced since it was opened.
             const std::streamoff size = stream->seek(0, std::ios_base::end);
             stream->seek(0, std::ios_base::beg);
@@ -81,7 +81,7 @@ void download(const Session& session, const StorePath& path, const Sink& sink, P
                 const std::streamsize count = stream->read(block.get(), blockSize);
                 if (count <= 0)
                 {
-                    throw Failure(
+                    throw CommandError(
                         path.text(), fmt::format("ended after {} of {} bytes", done, size), fsp::ErrorCode::Unknown);
                 }
                 sink(block.get(), static_cast<std::size_t>(count));

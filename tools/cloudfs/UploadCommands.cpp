@@ -1,5 +1,5 @@
+#include "CommandError.hpp"
 #include "Commands.hpp"
-#include "Failure.hpp"
 #include "Text.hpp"
 
 #include <storage/clients/common/UploadInventory.hpp>
@@ -26,12 +26,13 @@ using storage::clients::PendingUpload;
 
 constexpr std::int64_t longestAge = 100LL * 365 * 24 * 3600; // seconds; times before that cannot be told
 
-std::vector<PendingUpload> uploadsOlderThan(const Session& session, std::int64_t seconds)
+std::vector<PendingUpload> uploadsOlderThan(const CommandContext& context, std::int64_t seconds)
 {
-    auto* const inventory = storage::clients::findInterface<storage::clients::UploadInventory>(session.store());
+    auto* const inventory = storage::clients::findInterface<storage::clients::UploadInventory>(context.store());
     if (inventory == nullptr)
     {
-        throw Failure(session.storeUrl, "this store cannot tell which uploads are open", fsp::ErrorCode::Unsupported);
+        throw CommandError(
+            context.storeUrl, "this store cannot tell which uploads are open", fsp::ErrorCode::Unsupported);
     }
     std::vector<PendingUpload> uploads = inventory->pendingUploads();
     const auto youngest = boost::posix_time::microsec_clock::universal_time() - boost::posix_time::seconds(seconds);
@@ -39,22 +40,22 @@ std::vector<PendingUpload> uploadsOlderThan(const Session& session, std::int64_t
     return uploads;
 }
 
-void list(const Session& session, std::int64_t seconds)
+void list(const CommandContext& context, std::int64_t seconds)
 {
-    for (const PendingUpload& upload : uploadsOlderThan(session, seconds))
+    for (const PendingUpload& upload : uploadsOlderThan(context, seconds))
     {
         fmt::print("{}  {}  /{}\n", text::fullTime(upload.created), text::printable(upload.uploadId),
             text::printable(upload.key));
     }
 }
 
-void abort(const Session& session, std::int64_t seconds)
+void abort(const CommandContext& context, std::int64_t seconds)
 {
-    for (const PendingUpload& upload : uploadsOlderThan(session, seconds))
+    for (const PendingUpload& upload : uploadsOlderThan(context, seconds))
     {
         try
         {
-            session.store().abortMultipartUpload(upload.key, upload.uploadId);
+            context.store().abortMultipartUpload(upload.key, upload.uploadId);
         }
         catch (const storage::cloudprovider::ResourceNotFoundException&)
         {
@@ -73,22 +74,22 @@ CLI::Option* addAge(CLI::App& command, std::int64_t& seconds)
         ->check(CLI::Range(std::int64_t{0}, longestAge).description(""));
 }
 
-/// Run a command, and turn what the store throws into a Failure about the store.
-void run(const Session& session, std::int64_t seconds, void (*command)(const Session&, std::int64_t))
+/// Run a command, and turn what the store throws into a CommandError about the store.
+void run(const CommandContext& context, std::int64_t seconds, void (*command)(const CommandContext&, std::int64_t))
 {
     try
     {
-        command(session, seconds);
+        command(context, seconds);
     }
     catch (const storage::cloudprovider::CloudException& exception)
     {
-        throw Failure::ofStore(session.storeUrl, exception);
+        throw CommandError::fromStore(context.storeUrl, exception);
     }
 }
 
 } // namespace
 
-void addUploadCommands(CLI::App& app, Session& session)
+void addUploadCommands(CLI::App& app, CommandContext& context)
 {
     auto* uploads = app.add_subcommand("uploads", "Look after uploads in parts that a crash left open");
     uploads->require_subcommand(1);
@@ -97,11 +98,11 @@ void addUploadCommands(CLI::App& app, Session& session)
 
     auto* listed = uploads->add_subcommand("list", "List open uploads: when each began, its identifier, its file");
     addAge(*listed, *age);
-    listed->callback([&session, age] { run(session, *age, list); });
+    listed->callback([&context, age] { run(context, *age, list); });
 
     auto* aborted = uploads->add_subcommand("abort", "End open uploads and drop what was sent");
     addAge(*aborted, *age)->required();
-    aborted->callback([&session, age] { run(session, *age, abort); });
+    aborted->callback([&context, age] { run(context, *age, abort); });
 }
 
 } // namespace cloudfs

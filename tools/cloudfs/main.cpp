@@ -1,5 +1,5 @@
+#include "CommandError.hpp"
 #include "Commands.hpp"
-#include "Failure.hpp"
 #include "Interrupt.hpp"
 #include "StandardOutput.hpp"
 #include "Text.hpp"
@@ -16,51 +16,51 @@
 namespace
 {
 
-using cloudfs::Session;
+using cloudfs::CommandContext;
 using storage::cloudprovider::FolderPolicy;
 
 constexpr int operationFailed = 1;
 constexpr int wrongUsage = 2;
-constexpr int readerGone = 128 + 13; // as if SIGPIPE had ended the program
+constexpr int brokenPipe = 128 + 13; // as if SIGPIPE had ended the program
 
-void addGlobalOptions(CLI::App& app, Session& session)
+void addGlobalOptions(CLI::App& app, CommandContext& context)
 {
-    app.add_option("--store", session.storeUrl,
+    app.add_option("--store", context.storeUrl,
            "local:DIR (local: is $XDG_DATA_HOME/cloudfs), memory: or "
            "s3://BUCKET?endpoint=URL&region=REGION&path-style=1")
         ->capture_default_str();
-    app.add_option("--folders", session.folderPolicy,
+    app.add_option("--folders", context.folderPolicy,
            "marker: folders are objects of their own; prefix: folders are what the files imply")
         ->transform(CLI::CheckedTransformer(std::map<std::string, FolderPolicy>{{"marker", FolderPolicy::MarkerObjects},
                                                 {"prefix", FolderPolicy::KeyPrefixes}})
                         .description("marker|prefix"))
         ->default_str("marker");
-    app.add_flag("-v", session.verbose, "Log to standard error, and tell in the end what the store was asked");
+    app.add_flag("-v", context.verbose, "Log to standard error, and tell in the end what the store was asked");
 }
 
 int run(int argc, char** argv)
 {
-    Session session;
+    CommandContext context;
     CLI::App app("Files and folders in an object store.\n"
                  "Paths begin at the root of the store; the leading \"/\" may be left out. Names are literal, without\n"
                  "escapes; an address such as cloudfs://store/a%20b is understood too.",
         "cloudfs");
     app.require_subcommand(1);
     app.fallthrough();
-    addGlobalOptions(app, session);
-    app.parse_complete_callback([&session] { session.open(); });
-    addListCommands(app, session);
-    addFolderCommands(app, session);
-    addPutCommand(app, session);
-    addGetCommands(app, session);
-    addEditCommands(app, session);
-    addCopyCommands(app, session);
-    addUploadCommands(app, session);
+    addGlobalOptions(app, context);
+    app.parse_complete_callback([&context] { context.open(); });
+    addListCommands(app, context);
+    addFolderCommands(app, context);
+    addPutCommand(app, context);
+    addGetCommands(app, context);
+    addEditCommands(app, context);
+    addCopyCommands(app, context);
+    addUploadCommands(app, context);
     try
     {
         app.parse(argc, argv);
-        session.printCounters();
-        return session.hasFailed() ? operationFailed : EXIT_SUCCESS;
+        context.printCounters();
+        return context.hasFailed() ? operationFailed : EXIT_SUCCESS;
     }
     catch (const CLI::Success& request)
     {
@@ -99,13 +99,13 @@ int main(int argc, char** argv)
     {
         return failed("");
     }
-    catch (const cloudfs::StandardOutput::ReaderGone&)
+    catch (const cloudfs::StandardOutput::BrokenPipe&)
     {
-        return readerGone;
+        return brokenPipe;
     }
-    catch (const cloudfs::Failure& failure)
+    catch (const cloudfs::CommandError& error)
     {
-        return failed(failure.what());
+        return failed(error.what());
     }
     catch (const std::exception& exception)
     {

@@ -15,20 +15,20 @@ namespace cloudfs
 ///
 /// Thrown by whatever knows best what went wrong; nothing above changes it. what() is the line, without control
 /// characters.
-class Failure : public std::runtime_error
+class CommandError : public std::runtime_error
 {
 public:
     /// @param path    a path in the store, a local path or the store's URL: what the user would look at
     /// @param reason  one clause without a full stop
-    Failure(const std::string& path, const std::string& reason, const fsp::ErrorCode& code);
+    CommandError(const std::string& path, const std::string& reason, const fsp::ErrorCode& code);
 
     /// What a system call says about a local file.
     ///
     /// @param error  the value of errno
-    static Failure ofSystem(const std::string& path, int error);
+    static CommandError fromErrno(const std::string& path, int error);
 
     /// What a store says.
-    static Failure ofStore(const std::string& path, const storage::cloudprovider::CloudException& exception);
+    static CommandError fromStore(const std::string& path, const storage::cloudprovider::CloudException& exception);
 
     /// The framework's code, for callers that treat one kind of failure in their own way.
     const fsp::ErrorCode& code() const noexcept { return m_code; }

@@ -1,8 +1,8 @@
-#include "Occupants.hpp"
+#include "FolderSnapshot.hpp"
 
-#include "Failure.hpp"
+#include "CommandContext.hpp"
+#include "CommandError.hpp"
 #include "Interrupt.hpp"
-#include "Session.hpp"
 
 #include <fl/i18n.hpp>
 
@@ -19,18 +19,18 @@ constexpr std::uint64_t largeFile = 5 << 20; // bytes; what has more is sent in 
 
 } // namespace
 
-Occupants::Occupants(const Session& session, const StorePath& folder)
-    : m_session(session)
+FolderSnapshot::FolderSnapshot(const CommandContext& context, const StorePath& folder)
+    : m_context(context)
 {
-    session.at(folder,
+    context.translateErrors(folder,
         [&]
         {
-            if (!session.provider().folderExists(folder.iri())) // as with --folders prefix, until something is in it
+            if (!context.provider().folderExists(folder.iri())) // as with --folders prefix, until something is in it
             {
                 m_isKnown = true;
                 return;
             }
-            const auto entries = session.provider().listAll(folder.iri());
+            const auto entries = context.provider().listAll(folder.iri());
             while (entries->hasNext() && m_isFolder.size() < mostListed)
             {
                 interrupt::throwIfPending();
@@ -42,16 +42,16 @@ Occupants::Occupants(const Session& session, const StorePath& folder)
         });
 }
 
-void Occupants::requireVacant(const StorePath& file, bool replace, std::uint64_t size) const
+void FolderSnapshot::requireCanStore(const StorePath& file, bool replace, std::uint64_t size) const
 {
     const auto entry = m_isFolder.find(file.name());
     if (!m_isKnown || (entry != m_isFolder.end() && (entry->second || !replace)))
     {
-        m_session.requireVacant(file, replace); // which knows what to say
+        m_context.requireCanStore(file, replace); // which knows what to say
     }
     else if (!replace && size > largeFile)
     {
-        m_session.requireNoFile(file);
+        m_context.requireNoFile(file);
     }
 }
 

@@ -18,7 +18,7 @@ namespace cloudfs
 /// One run of the program: the store that was named, the provider over it, and how the run ends.
 ///
 /// Options are set before the first use; from then on every operation may be called from any thread.
-class Session
+class CommandContext
 {
 public:
     std::string storeUrl = "local:";
@@ -27,7 +27,7 @@ public:
 
     /// Open the store. Call once, before anything below.
     ///
-    /// @throws Failure that names the store's URL
+    /// @throws CommandError that names the store's URL
     void open();
 
     const fsp::IProvider& provider() const noexcept { return *m_provider; }
@@ -36,9 +36,9 @@ public:
     /// The store itself, which may offer more than a CloudClient must.
     storage::cloudprovider::CloudClient& store() const noexcept { return *m_store; }
 
-    /// Make a call, and turn whatever it throws into a Failure about this path with the best reason there is.
+    /// Make a call, and turn whatever it throws into a CommandError about this path with the best reason there is.
     template <typename Call>
-    auto at(const StorePath& path, Call call) const
+    auto translateErrors(const StorePath& path, Call call) const
     {
         try
         {
@@ -46,38 +46,45 @@ public:
         }
         catch (...)
         {
-            rethrowAsFailure(path);
+            rethrowAsCommandError(path);
         }
     }
 
-    /// @throws Failure if the store refused something of this file that nobody was told about: the close of a file
+    /// Whether there is such a file in the store. The path may not end in "/".
+    bool fileExists(const StorePath& path) const;
+
+    bool folderExists(const StorePath& path) const;
+
+    fsp::FileAttributes fileAttributes(const StorePath& path) const;
+
+    /// @throws CommandError if the store refused something of this file that nobody was told about: the close of a file
     ///         whose upload could not be opened is no error to the provider
     void requireCommitted(const StorePath& path) const;
 
-    /// @throws Failure if there is no such file, saying so if it is a folder
+    /// @throws CommandError if there is no such file, saying so if it is a folder
     void requireFile(const StorePath& path) const;
 
     /// Make sure that a file can be created here without harm to what stands there.
     ///
     /// @param replace  an existing file is no obstacle
-    /// @throws Failure if the path is a folder, or a file while `replace` is false
-    void requireVacant(const StorePath& path, bool replace) const;
+    /// @throws CommandError if the path is a folder, or a file while `replace` is false
+    void requireCanStore(const StorePath& path, bool replace) const;
 
-    /// @throws Failure if there is such a file
+    /// @throws CommandError if there is such a file
     void requireNoFile(const StorePath& path) const;
 
-    /// @throws Failure if one of the folders above this path is a file, which the store itself would not mind
-    void requireNoFileAbove(const StorePath& path) const;
+    /// @throws CommandError if one of the folders above this path is a file, which the store itself would not mind
+    void requireNoParentIsFile(const StorePath& path) const;
 
     /// Print what the store counted, when asked to be verbose.
     void printCounters() const;
 
     /// Something failed and was reported, while other things went on.
-    void noteFailure() noexcept { m_failed = true; }
+    void markFailed() noexcept { m_failed = true; }
     bool hasFailed() const noexcept { return m_failed; }
 
 private:
-    [[noreturn]] void rethrowAsFailure(const StorePath& path) const;
+    [[noreturn]] void rethrowAsCommandError(const StorePath& path) const;
     std::string reasonFor(const std::string& path, const fsp::ErrorCode& code) const;
 
     std::shared_ptr<storage::cloudprovider::CloudClient> m_store;

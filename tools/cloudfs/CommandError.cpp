@@ -1,4 +1,4 @@
-#include "Failure.hpp"
+#include "CommandError.hpp"
 
 #include "Text.hpp"
 
@@ -57,18 +57,18 @@ fsp::ErrorCode codeOfStoreFailure(const CloudException& exception)
 
 } // namespace
 
-Failure::Failure(const std::string& path, const std::string& reason, const fsp::ErrorCode& code)
+CommandError::CommandError(const std::string& path, const std::string& reason, const fsp::ErrorCode& code)
     : std::runtime_error(text::printable(fmt::format("{}: {} (code {} {})", path, reason, code.value(), code.name())))
     , m_code(code)
 {
 }
 
-Failure Failure::ofSystem(const std::string& path, int error)
+CommandError CommandError::fromErrno(const std::string& path, int error)
 {
     return {path, std::generic_category().message(error), codeOfSystemError(error)};
 }
 
-Failure Failure::ofStore(const std::string& path, const CloudException& exception)
+CommandError CommandError::fromStore(const std::string& path, const CloudException& exception)
 {
     return {path, exception.detail().value_or(exception.what()), codeOfStoreFailure(exception)};
 }

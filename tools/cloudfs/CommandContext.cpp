@@ -1,7 +1,7 @@
-#include "Session.hpp"
+#include "CommandContext.hpp"
 
+#include "CommandError.hpp"
 #include "Diagnostics.hpp"
-#include "Failure.hpp"
 #include "Interrupt.hpp"
 #include "StandardOutput.hpp"
 
@@ -47,7 +47,7 @@ std::string localBufferReason()
 
 } // namespace
 
-void Session::open()
+void CommandContext::open()
 {
     diagnostics::install(verbose);
     try
@@ -57,7 +57,7 @@ void Session::open()
     catch (const CloudException& exception)
     {
         // A URL that may hold a password is not repeated, since the line may end up in a log.
-        throw Failure::ofStore(storeUrl.find('@') == std::string::npos ? storeUrl : "--store", exception);
+        throw CommandError::fromStore(storeUrl.find('@') == std::string::npos ? storeUrl : "--store", exception);
     }
     // What is cancelled is no failure of the store, so the recorder stands behind.
     m_recorder = std::make_shared<storage::clients::FailureRecordingClient>(m_store);
@@ -65,7 +65,7 @@ void Session::open()
     m_provider = storage::cloudprovider::buildCloudProvider(m_client, folderPolicy, true);
 }
 
-void Session::rethrowAsFailure(const StorePath& path) const
+void CommandContext::rethrowAsCommandError(const StorePath& path) const
 {
     try
     {
@@ -75,16 +75,16 @@ void Session::rethrowAsFailure(const StorePath& path) const
     {
         // It names the path itself: of a copy, for example, the one of the two that is concerned.
         const std::string concerned = fl::i18n::ustring_to_utf8(exception.iri().getPath());
-        throw Failure(concerned, reasonFor(concerned, exception.errorCode()), exception.errorCode());
+        throw CommandError(concerned, reasonFor(concerned, exception.errorCode()), exception.errorCode());
     }
     catch (const fsp::ByteStreamFailure& exception)
     {
-        throw Failure(path.text(), reasonFor(path.text(), exception.reason()), exception.reason());
+        throw CommandError(path.text(), reasonFor(path.text(), exception.reason()), exception.reason());
     }
     // Everything else says by itself what it concerns.
 }
 
-std::string Session::reasonFor(const std::string& path, const fsp::ErrorCode& code) const
+std::string CommandContext::reasonFor(const std::string& path, const fsp::ErrorCode& code) const
 {
     if (code.detail())
     {
@@ -116,7 +116,22 @@ std::string Session::reasonFor(const std::string& path, const fsp::ErrorCode& co
     return localBufferReason();
 }
 
-void Session::requireCommitted(const StorePath& path) const
+bool CommandContext::fileExists(const StorePath& path) const
+{
+    return translateErrors(path, [&] { return provider().fileExists(path.iri()); });
+}
+
+bool CommandContext::folderExists(const StorePath& path) const
+{
+    return translateErrors(path, [&] { return provider().folderExists(path.iri()); });
+}
+
+fsp::FileAttributes CommandContext::fileAttributes(const StorePath& path) const
+{
+    return translateErrors(path, [&] { return provider().getFileAttributes(path.iri()); });
+}
+
+void CommandContext::requireCommitted(const StorePath& path) const
 {
     try
     {
@@ -127,29 +142,29 @@ void Session::requireCommitted(const StorePath& path) const
     }
     catch (const CloudException& exception)
     {
-        throw Failure::ofStore(path.text(), exception);
+        throw CommandError::fromStore(path.text(), exception);
     }
 }
 
-void Session::requireFile(const StorePath& path) const
+void CommandContext::requireFile(const StorePath& path) const
 {
-    const bool isFile = !path.namesFolder() && at(path, [&] { return provider().fileExists(path.iri()); });
+    const bool isFile = !path.namesFolder() && fileExists(path);
     if (isFile)
     {
         return;
     }
-    if (at(path, [&] { return provider().folderExists(path.iri()); }))
+    if (folderExists(path))
     {
-        throw Failure(path.text(), "is a folder", fsp::ErrorCode::InvalidLocation);
+        throw CommandError(path.text(), "is a folder", fsp::ErrorCode::InvalidLocation);
     }
-    throw Failure(path.text(), path.namesFolder() ? "no such folder" : "no such file", fsp::ErrorCode::NotFound);
+    throw CommandError(path.text(), path.namesFolder() ? "no such folder" : "no such file", fsp::ErrorCode::NotFound);
 }
 
-void Session::requireVacant(const StorePath& path, bool replace) const
+void CommandContext::requireCanStore(const StorePath& path, bool replace) const
 {
-    if (at(path, [&] { return provider().folderExists(path.iri()); }))
+    if (folderExists(path))
     {
-        throw Failure(path.text(), "is a folder", fsp::ErrorCode::AlreadyExists);
+        throw CommandError(path.text(), "is a folder", fsp::ErrorCode::AlreadyExists);
     }
     if (!replace)
     {
@@ -157,27 +172,27 @@ void Session::requireVacant(const StorePath& path, bool replace) const
     }
 }
 
-void Session::requireNoFile(const StorePath& path) const
+void CommandContext::requireNoFile(const StorePath& path) const
 {
-    if (at(path, [&] { return provider().fileExists(path.iri()); }))
+    if (fileExists(path))
     {
-        throw Failure(path.text(), "exists already; -f replaces it", fsp::ErrorCode::AlreadyExists);
+        throw CommandError(path.text(), "exists already; -f replaces it", fsp::ErrorCode::AlreadyExists);
     }
 }
 
-void Session::requireNoFileAbove(const StorePath& path) const
+void CommandContext::requireNoParentIsFile(const StorePath& path) const
 {
     for (StorePath place = path; !place.isRoot();)
     {
         place = place.parent();
-        if (!place.isRoot() && at(place, [&] { return provider().fileExists(place.iri()); }))
+        if (!place.isRoot() && fileExists(place))
         {
-            throw Failure(place.text(), "is a file, not a folder", fsp::ErrorCode::AlreadyExists);
+            throw CommandError(place.text(), "is a file, not a folder", fsp::ErrorCode::AlreadyExists);
         }
     }
 }
 
-void Session::printCounters() const
+void CommandContext::printCounters() const
 {
     const auto* counters = storage::clients::findInterface<const storage::clients::StoreCounters>(*m_store);
     if (verbose && counters != nullptr)
