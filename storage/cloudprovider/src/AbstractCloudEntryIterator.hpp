@@ -20,10 +20,10 @@
 namespace storage::cloudprovider
 {
 
-/// Pages through the keys below a folder as the caller advances; the class T says what each key means.
+/// Pages through the keys below a folder as the caller advances. The derived class T turns each key into entries.
 ///
-/// Fetches as soon as the last entry at hand is taken, and no further than one entry. Clones share the client alone.
-/// One thread at a time may use an iterator.
+/// When the caller takes the last pending entry, pages are fetched until one yields an entry, and no further. A clone
+/// shares only the client with its original. One thread at a time may use an iterator.
 template <typename T>
 class AbstractCloudEntryIterator : public foundation::storage::provider::IClonableFolderEntryIterator<T>
 {
@@ -49,11 +49,11 @@ protected:
     {
     }
 
-    /// Tell where the store is to group keys; empty: nowhere.
+    /// Return the delimiter at which the store groups keys; empty: no grouping.
     virtual std::string delimiter() const = 0;
 
-    /// Queue what one listed object means.
-    /// @param name  the key below the folder; not empty
+    /// Queue the entries that one listed object stands for; this may be none.
+    /// @param name  the key relative to the folder; not empty
     virtual void processEntry(std::string name, const ObjectEntry& entry) = 0;
 
     void queueFile(const std::string& name, const ObjectEntry& entry)
@@ -68,8 +68,11 @@ protected:
             fl::i18n::utf8_to_ustring(name), foundation::storage::provider::FolderAttributes(lastModified, true));
     }
 
-    /// Fetch until an entry is at hand or the listing ends. The final class calls it when it is complete, as the first
-    /// fetch; a folder that does not exist is noticed then.
+    /// Fetch pages until an entry is pending or the listing ends.
+    ///
+    /// The constructor of the derived class calls it once with `first` set, when its members are initialised.
+    /// @param first  whether this is the first fetch, which also detects a missing folder
+    /// @throws foundation::storage::provider::Exception when the folder does not exist, or for a failure of the store
     void fetch(bool first)
     {
         try
@@ -106,7 +109,7 @@ protected:
 
 private:
     std::optional<foundation::storage::provider::FolderEntry> m_current; // empty until the first next()
-    std::deque<foundation::storage::provider::FolderEntry> m_pending;    // fetched and not handed out yet
+    std::deque<foundation::storage::provider::FolderEntry> m_pending;    // fetched, not returned yet
     std::string m_continuationToken;                                     // empty: there is no further page
     foundation::storage::provider::StorageIRI m_iri;
     CloudClientSharedPtr m_client;

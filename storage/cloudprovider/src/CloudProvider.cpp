@@ -44,7 +44,7 @@ fsp::StorageIRI getResolvedIRI(const fsp::StorageIRI& iri)
     }
 }
 
-/// Run an operation on the resolved IRI; whatever it throws leaves as the framework's Exception about that IRI.
+/// Run an operation on the resolved IRI. Translate any exception into the framework's Exception about that IRI.
 template <typename Body>
 auto runOperation(const CallSite& site, const fsp::StorageIRI& iri, Body body)
 {
@@ -63,32 +63,32 @@ auto runOperation(const CallSite& site, const fsp::StorageIRI& iri, Body body)
 }
 
 /// The same for an operation on two IRIs.
-/// @param body  takes both and a pointer, which it keeps on the IRI that its present step is about
+/// @param body  called with both resolved IRIs and a pointer, which it sets to the IRI that its current step uses
 template <typename Body>
-void runTransfer(
+void runTwoIriOperation(
     const CallSite& site, const char* firstName, const fsp::StorageIRI& first, const fsp::StorageIRI& second, Body body)
 {
     logEntry(site, named(firstName, first));
     fsp::StorageIRI resolvedFirst = first;
     fsp::StorageIRI resolvedSecond = second;
-    const fsp::StorageIRI* concerned = &resolvedFirst;
+    const fsp::StorageIRI* currentIri = &resolvedFirst;
     try
     {
         resolvedFirst = getResolvedIRI(first);
-        concerned = &resolvedSecond;
+        currentIri = &resolvedSecond;
         resolvedSecond = getResolvedIRI(second);
-        concerned = &resolvedFirst;
-        body(std::as_const(resolvedFirst), std::as_const(resolvedSecond), concerned);
+        currentIri = &resolvedFirst;
+        body(std::as_const(resolvedFirst), std::as_const(resolvedSecond), currentIri);
     }
     catch (...)
     {
         logCaughtException();
-        translateCurrentException(*concerned);
+        translateCurrentException(*currentIri);
     }
 }
 
-/// Log the entry of an operation that no store has, and refuse it.
-[[noreturn]] void refuse(const CallSite& site, const char* iriName, const fsp::StorageIRI& iri)
+/// Log the entry of an operation that the provider does not support, and throw.
+[[noreturn]] void rejectUnsupported(const CallSite& site, const char* iriName, const fsp::StorageIRI& iri)
 {
     logEntry(site, named(iriName, iri));
     throw fsp::Exception(fsp::ErrorCode::Unsupported, iri);
@@ -110,14 +110,14 @@ void putEmptyObject(CloudClient& client, const std::string& key)
     client.putObject(key, nothing, 0);
 }
 
-/// Tell whether any object lies under a folder's key, its own marker included.
+/// Return whether there is any object below a folder's key. The folder's own marker counts.
 bool hasObjectBelow(CloudClient& client, const std::string& folder)
 {
     std::string token;
     return !client.listObjects(folder, token, ListOptions{"", 1}).empty();
 }
 
-/// List all that lies below a folder. Can be interrupted between pages.
+/// List a folder completely, or one level of it with a delimiter. Can be interrupted between pages.
 std::vector<ObjectEntry> listEntries(CloudClient& client, const fsp::StorageIRI& iri, const std::string& delimiter)
 {
     const std::string prefix = folderKey(iri);
@@ -136,10 +136,10 @@ std::vector<ObjectEntry> listEntries(CloudClient& client, const fsp::StorageIRI&
     return entries;
 }
 
-/// Copy one stream to its end into another, then close both and look at the result.
-/// @param concerned  set to the IRI of the stream that is being used
+/// Copy one stream into another up to its end, then close both.
+/// @param currentIri  set to the IRI of the stream that is in use
 void copyStream(fsp::ByteStreamPtr reader, const fsp::StorageIRI& sourceIri, fsp::ByteStreamPtr writer,
-    const fsp::StorageIRI& destinationIri, const fsp::StorageIRI*& concerned)
+    const fsp::StorageIRI& destinationIri, const fsp::StorageIRI*& currentIri)
 {
     fsp::ByteStream& destination = *writer;
     fsp::GenericByteStreamDevice from(std::move(reader));
@@ -147,19 +147,20 @@ void copyStream(fsp::ByteStreamPtr reader, const fsp::StorageIRI& sourceIri, fsp
     std::array<char, 4096> chunk{};
     for (;;)
     {
-        concerned = &sourceIri;
+        currentIri = &sourceIri;
         const std::streamsize count = from.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
         if (count < 0)
         {
             break;
         }
-        concerned = &destinationIri;
+        currentIri = &destinationIri;
         to.write(chunk.data(), count);
     }
     from.close();
-    concerned = &destinationIri;
-    // Closing alone would not tell when the store would not even open an upload, and a move would then remove the only
-    // copy. Leaving the last part sends it, if the file has several; an empty write repeats what failed, and throws.
+    currentIri = &destinationIri;
+    // If no multipart upload can be opened, close() reports success, and a move would then remove the only copy.
+    // Seeking away from the last part uploads it if the file has several parts. An empty write then retries failed
+    // uploads and throws if they fail again.
     destination.seek(0, std::ios_base::beg);
     destination.write(chunk.data(), 0);
     to.close(); // here the contents reach the store
@@ -267,11 +268,12 @@ void CloudProvider::doRemoveFile(const StorageIRI& iri) const
 void CloudProvider::doMoveFile(
     const StorageIRI& oldIri, const StorageIRI& newIri, const ReplacementPolicy& policy) const
 {
-    runTransfer(CallSite("virtual void storage::cloudprovider::CloudProvider::doMoveFile(const StorageIRI &, const "
-                         "StorageIRI &, const fsp::ReplacementPolicy &) const",
-                    source),
+    runTwoIriOperation(
+        CallSite("virtual void storage::cloudprovider::CloudProvider::doMoveFile(const StorageIRI &, const "
+                 "StorageIRI &, const fsp::ReplacementPolicy &) const",
+            source),
         "old_iri", oldIri, newIri,
-        [&](const StorageIRI& from, const StorageIRI& to, const StorageIRI*& concerned)
+        [&](const StorageIRI& from, const StorageIRI& to, const StorageIRI*& currentIri)
         {
             if (globalOpenFileManager().isOpen(from))
             {
@@ -287,21 +289,21 @@ void CloudProvider::doMoveFile(
             }
             if (fileKey(from) == fileKey(to))
             {
-                // Its own copy would be what is removed in the end.
+                // A move would end by removing the copy itself.
                 getFileAttributes(from);
                 return;
             }
             if (globalOpenFileManager().isOpen(to))
             {
-                // The copy would be shared with the streams that are open there, and be in their hands alone when the
-                // source is removed.
+                // The copy would be shared with the streams that are open there and would be stored only when they
+                // close. The source would be removed before that.
                 throw fsp::Exception(fsp::ErrorCode::InUse, to);
             }
             fsp::ByteStreamPtr reader = openReadOnlyStream(from);
             fsp::ByteStreamPtr writer =
                 openStream(to, {fsp::ByteStreamReadAccess::None, fsp::ByteStreamCreate::IfMissing,
                                    fsp::ByteStreamTruncate::Discard, fsp::ByteStreamWritePosition::AtOffset});
-            copyStream(std::move(reader), from, std::move(writer), to, concerned);
+            copyStream(std::move(reader), from, std::move(writer), to, currentIri);
             removeFile(from);
         });
 }
@@ -343,7 +345,8 @@ void CloudProvider::doRemoveFolderRecursively(const StorageIRI& iri) const
             }
             for (const ObjectEntry& entry : entries)
             {
-                // About the folder itself, not the entry: a stream opened under the folder's own name protects it.
+                // Checks the folder's own IRI, not the entry's: only a stream opened under the folder's name prevents
+                // the removal.
                 if (globalOpenFileManager().isOpen(resolved))
                 {
                     throw ResourceInUseException();
@@ -356,9 +359,10 @@ void CloudProvider::doRemoveFolderRecursively(const StorageIRI& iri) const
 void CloudProvider::doMoveFolder(
     const StorageIRI& oldIri, const StorageIRI& /*newIri*/, const ReplacementPolicy& /*policy*/) const
 {
-    refuse(CallSite("virtual void storage::cloudprovider::CloudProvider::doMoveFolder(const StorageIRI &, const "
-                    "StorageIRI &, const fsp::ReplacementPolicy &) const",
-               source),
+    rejectUnsupported(
+        CallSite("virtual void storage::cloudprovider::CloudProvider::doMoveFolder(const StorageIRI &, const "
+                 "StorageIRI &, const fsp::ReplacementPolicy &) const",
+            source),
         "old_iri", oldIri);
 }
 
@@ -467,13 +471,14 @@ fsp::FolderEntryIteratorPtr CloudProvider::doListAllRecursive(const StorageIRI& 
 void CloudProvider::doCopyFile(
     const StorageIRI& sourceIri, const StorageIRI& destination, const ReplacementPolicy& policy) const
 {
-    runTransfer(CallSite("virtual void storage::cloudprovider::CloudProvider::doCopyFile(const StorageIRI &, const "
-                         "StorageIRI &, const fsp::ReplacementPolicy &) const",
-                    source),
+    runTwoIriOperation(
+        CallSite("virtual void storage::cloudprovider::CloudProvider::doCopyFile(const StorageIRI &, const "
+                 "StorageIRI &, const fsp::ReplacementPolicy &) const",
+            source),
         "iri", sourceIri, destination,
-        [&](const StorageIRI& from, const StorageIRI& to, const StorageIRI*& concerned)
+        [&](const StorageIRI& from, const StorageIRI& to, const StorageIRI*& currentIri)
         {
-            // Unlike a move, a copy refuses an existing file for the policies 0 and 4 and takes every other value.
+            // Unlike a move, a copy accepts every policy value. Only 0 and 4 refuse an existing file.
             const bool refusesExisting = (static_cast<std::uint32_t>(policy) | 4U) == 4U;
             if ((fileExists(to) && refusesExisting) || (m_checkFolderOnCopy && folderExists(to)))
             {
@@ -488,23 +493,25 @@ void CloudProvider::doCopyFile(
             fsp::ByteStreamPtr writer =
                 openStream(to, {fsp::ByteStreamReadAccess::Allowed, fsp::ByteStreamCreate::IfMissing,
                                    fsp::ByteStreamTruncate::Discard, fsp::ByteStreamWritePosition::AtOffset});
-            copyStream(std::move(reader), from, std::move(writer), to, concerned);
+            copyStream(std::move(reader), from, std::move(writer), to, currentIri);
         });
 }
 
 void CloudProvider::doSetLastModified(const StorageIRI& iri, const boost::posix_time::ptime& /*time*/) const
 {
-    refuse(CallSite("virtual void storage::cloudprovider::CloudProvider::doSetLastModified(const StorageIRI &, const "
-                    "boost::posix_time::ptime &) const",
-               source),
+    rejectUnsupported(
+        CallSite("virtual void storage::cloudprovider::CloudProvider::doSetLastModified(const StorageIRI &, const "
+                 "boost::posix_time::ptime &) const",
+            source),
         "iri", iri);
 }
 
 void CloudProvider::doSetWritable(const StorageIRI& iri, const bool /*writable*/) const
 {
-    refuse(CallSite("virtual void storage::cloudprovider::CloudProvider::doSetWritable(const StorageIRI &, const bool) "
-                    "const",
-               source),
+    rejectUnsupported(
+        CallSite("virtual void storage::cloudprovider::CloudProvider::doSetWritable(const StorageIRI &, const bool) "
+                 "const",
+            source),
         "iri", iri);
 }
 

@@ -19,7 +19,7 @@ DiskBackedBuffer::~DiskBackedBuffer()
 {
     try
     {
-        m_mapping.close(); // before the file goes, and harmless when closed
+        m_mapping.close(); // before the file is deleted; no effect on a closed mapping
     }
     catch (...)
     {
@@ -34,7 +34,7 @@ std::size_t DiskBackedBuffer::size() const
 
 void DiskBackedBuffer::open()
 {
-    // The file of an empty buffer has one byte, and mappings have at least one.
+    // A mapping has at least one byte, and so has the file of an empty buffer.
     m_mapping.open(m_file->accessPath(),
         std::ios_base::openmode(std::ios_base::in | std::ios_base::out | std::ios_base::binary),
         std::max<std::size_t>(m_size, 1), 0);
@@ -66,8 +66,8 @@ void DiskBackedBuffer::reserve(std::size_t bytes)
     {
         return;
     }
-    // Whole pages, and twice what there was: a part that grows write by write is backed in a few steps, while a small
-    // file pays for its own pages alone.
+    // Reserve whole pages, and at least double the reservation: a part that grows write by write then needs only a few
+    // reservations, and a small file uses no more than its own pages.
     constexpr std::size_t page = 4096;
     const std::size_t wholePages = (bytes + page - 1) / page * page;
     const std::size_t needed = std::min(wholePages, m_size);
@@ -83,7 +83,7 @@ void DiskBackedBuffer::reserve(std::size_t bytes)
             throw;
         }
         logCaughtException();
-        reserveUpTo(needed); // the disk may have room for this much
+        reserveUpTo(needed); // the disk may still have room for this much
     }
 }
 
@@ -95,7 +95,7 @@ void DiskBackedBuffer::reserveUpTo(std::size_t end)
     }
     catch (...)
     {
-        m_file->release(m_reserved, end); // others are short of room too
+        m_file->release(m_reserved, end); // the disk is full, and others may need this space
         throw;
     }
     m_reserved = end;

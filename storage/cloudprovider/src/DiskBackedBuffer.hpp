@@ -12,19 +12,19 @@
 namespace storage::cloudprovider
 {
 
-/// A buffer whose bytes are a temporary file, mapped into memory while the buffer is open.
+/// A buffer whose bytes are in a temporary file, which is mapped into memory while the buffer is open.
 class CLOUDPROVIDER_INTERNAL DiskBackedBuffer : public Buffer
 {
 public:
-    /// Create the temporary file; nothing is mapped yet.
+    /// Create the temporary file without mapping it.
     /// @throws UnknownErrorException
     explicit DiskBackedBuffer(std::size_t size);
     ~DiskBackedBuffer() override;
 
     std::size_t size() const override;
 
-    /// Map the whole file. Touching bytes that were not reserved may end the process when the disk is full.
-    /// @throws whatever the mapping library throws
+    /// Map the whole file. Touching a byte that is not reserved kills the process when the disk is full.
+    /// @throws std::exception of the mapping library
     void open() override;
     bool isOpen() const override;
     const char* data() const override;
@@ -38,7 +38,7 @@ private:
     boost::iostreams::mapped_file m_mapping;
     const std::size_t m_size;
     std::unique_ptr<detail::DiskFile> m_file;
-    std::size_t m_reserved = 0; // bytes from the start that have storage
+    std::size_t m_reserved = 0; // this many bytes from the start have storage
 };
 
 } // namespace storage::cloudprovider

@@ -23,7 +23,7 @@ namespace
 
 constexpr const char* source = "src/DiskBackedBufferFactory";
 
-/// Closes a descriptor at the end of its scope. Nothing is buffered in it, so closing has no failure to report.
+/// Closes a file descriptor at the end of its scope. Writes are not buffered, so a failure of close() loses nothing.
 class Descriptor
 {
 public:
@@ -66,7 +66,7 @@ DiskFile::DiskFile()
 }
 
 DiskFile::DiskFile(std::size_t size)
-    : DiskFile() // from here on the destructor runs, so a file that cannot be sized is deleted
+    : DiskFile() // after this the destructor runs even if sizing throws, and deletes the file
 {
     updateFileSize(size);
 }
@@ -102,8 +102,9 @@ void DiskFile::updateFileSize(std::size_t newSizeInBytes)
 
 void DiskFile::fillWithZeros(std::size_t first, std::size_t last)
 {
-    // Plain writes rather than fallocate(): they also put the pages into the page cache, many at a time, and a mapped
-    // page that is there costs a quarter of one that is made at its first touch. One small block serves every write.
+    // Write zeros instead of calling fallocate(): writes also fill the page cache, many pages per call. Touching a
+    // mapped page that is in the cache costs a quarter of a page that is created at the first touch. All writes share
+    // one small block of zeros.
     static const std::array<char, 64 * 1024> zeros{};
 
     const std::string path = accessPath();
@@ -131,7 +132,7 @@ void DiskFile::fillWithZeros(std::size_t first, std::size_t last)
         }
         if (written <= 0)
         {
-            throwError("making room for " + std::to_string(last - first) + " bytes in temporary file \"" + path + "\"",
+            throwError("reserving " + std::to_string(last - first) + " bytes in temporary file \"" + path + "\"",
                 written < 0 ? errno : ENOSPC);
         }
         first += static_cast<std::size_t>(written);
@@ -144,7 +145,7 @@ void DiskFile::release(std::size_t first, std::size_t last) noexcept
     if (opened >= 0)
     {
         const Descriptor file(opened);
-        // A disk that cannot make holes keeps the room until the file goes, which harms nobody's bytes.
+        // A file system without holes keeps the space allocated until the file is deleted. No data is affected.
         static_cast<void>(::fallocate(file.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(first),
             static_cast<off_t>(last - first)));
     }

@@ -9,10 +9,10 @@
 namespace storage::cloudprovider::detail
 {
 
-/// A temporary file that lives as long as this object.
+/// A temporary file that exists as long as this object.
 ///
-/// Lies in the system's temporary directory, is readable by its owner alone, and begins as a hole: it has its length at
-/// once but takes space only where it is written. Not thread-safe.
+/// It is in the system's temporary directory, has mode 0600, and is sparse: it has its full length from the start but
+/// occupies disk space only where it was written. Not thread-safe.
 class CLOUDPROVIDER_INTERNAL DiskFile
 {
 public:
@@ -25,24 +25,24 @@ public:
     /// Delete the file. A failure is logged.
     ~DiskFile();
 
-    /// Set the file's length; 0 is raised to 1, so that there is always something to map.
+    /// Set the file's length. A length of 0 becomes 1, because an empty file cannot be mapped.
     /// @throws UnknownErrorException
     void updateFileSize(std::size_t newSizeInBytes);
 
-    /// Write zeros over bytes [first, last), so that the disk has room for them.
-    /// @throws UnknownErrorException when it has not; what was written by then takes room until release()
+    /// Write zeros over bytes [first, last), which allocates disk space for them.
+    /// @throws UnknownErrorException when the disk is full; space allocated before that stays allocated until release()
     void fillWithZeros(std::size_t first, std::size_t last);
 
-    /// Give the room of bytes [first, last) back, as far as the disk can do that. They read as zeros.
+    /// Free the disk space of bytes [first, last), if the file system supports holes. The bytes then read as zeros.
     void release(std::size_t first, std::size_t last) noexcept;
 
     /// Return the path in the form that system calls take.
     std::string accessPath() const;
 
 private:
-    DiskFile(); // creates the file, empty
+    DiskFile(); // creates an empty file
 
-    fl::filesystem::basic_path<char, char16_t> m_path; // empty if no name could be made
+    fl::filesystem::basic_path<char, char16_t> m_path; // empty if no name could be generated
 };
 
 } // namespace storage::cloudprovider::detail

@@ -11,21 +11,21 @@
 namespace storage::cloudprovider
 {
 
-/// Remembers which closed parts of one file are kept loaded, and names those that are too many.
+/// Records which closed parts of one file stay loaded, and decides which to evict.
 ///
-/// It frees nothing itself. Any thread may call any operation.
+/// The cache frees no bytes itself: the caller discards the evicted parts. Any thread may call any operation.
 class CLOUDPROVIDER_INTERNAL DownloadedPartCache
 {
 public:
-    /// @param limit  bytes to keep; 0 keeps nothing
+    /// @param limit  maximum number of bytes to keep; 0 keeps nothing
     explicit DownloadedPartCache(std::uint64_t limit);
 
-    /// Keep a part, as the newest one.
-    /// @return the parts that no longer fit, oldest first; the part just added may be among them
+    /// Add a part as the newest entry.
+    /// @return the evicted parts, oldest first; the added part is among them if it alone exceeds the limit
     std::vector<OpenPartBufferSharedPtr> addPart(OpenPartBufferSharedPtr part, std::size_t bytes);
 
-    /// Forget a part, because it is in use again.
-    /// @return whether it was kept
+    /// Remove a part that is in use again.
+    /// @return whether it was in the cache
     bool removePart(const OpenPartBufferSharedPtr& part);
 
 private:

@@ -37,7 +37,7 @@ fsp::ErrorCode errorCodeOfCurrentException()
     }
     catch (const InvalidCredentialsException& exception)
     {
-        // The framework knows one refusal: who is unknown to the store is not permitted either.
+        // The framework has one code for rejected credentials and for missing permissions.
         return withDetail(fsp::ErrorCode::PermissionDenied, exception);
     }
     catch (const InvalidLocationException& exception)

@@ -6,13 +6,14 @@
 namespace storage::cloudprovider
 {
 
-/// Tell the framework's code for the exception in flight, with the cloud exception's own detail where it has one.
+/// Return the framework's code for the exception that is being handled, with the detail of a cloud exception if it has
+/// one. Call inside a catch block.
 ///
-/// A framework Exception in flight passes unchanged. Call inside a catch block.
+/// @throws foundation::storage::provider::Exception  the exception being handled, unchanged, if it is of this type
 foundation::storage::provider::ErrorCode errorCodeOfCurrentException();
 
-/// Rethrow the exception in flight as the framework's Exception about the IRI; one that is a framework Exception
-/// already passes unchanged. Call inside a catch block.
+/// Translate the exception that is being handled into the framework's Exception about the IRI and throw that. A
+/// framework Exception is rethrown unchanged. Call inside a catch block.
 [[noreturn]] void translateCurrentException(const foundation::storage::provider::StorageIRI& iri);
 
 } // namespace storage::cloudprovider

@@ -15,12 +15,12 @@ enum class ListFilter : std::uint32_t
     All = 2,
 };
 
-/// Lists one level of a folder: the store groups keys at the separator, and each group is a folder.
+/// Lists one level of a folder. The store groups keys at "/"; each group is a folder.
 class FlatCloudEntryIterator : public AbstractCloudEntryIterator<FlatCloudEntryIterator>
 {
 public:
-    /// Fetch the first entry at once.
-    /// @throws foundation::storage::provider::Exception  there is no such folder, or the store failed
+    /// Fetch the first entry.
+    /// @throws foundation::storage::provider::Exception when the folder does not exist, or for a failure of the store
     FlatCloudEntryIterator(
         foundation::storage::provider::StorageIRI folder, CloudClientSharedPtr store, ListFilter filter);
 

@@ -11,13 +11,13 @@ namespace storage::cloudprovider
 /// How the local bytes of a part relate to the store.
 enum class LocalDataVersion : std::uint32_t
 {
-    CLOUD = 0,            ///< the local bytes, if loaded, are those of the stored part
-    NEW = 1,              ///< changed, or never stored: must be uploaded
+    CLOUD = 0,            ///< the local bytes, if loaded, equal the stored part
+    NEW = 1,              ///< changed or never stored: must be uploaded
     SCHEDULED_UPLOAD = 2, ///< handed to the upload queue
-    INVALID = 3,          ///< must not be used any more
+    INVALID = 3,          ///< must not be used
 };
 
-/// Print the state's name; nothing for a value that is none.
+/// Print the name of the state, or nothing if the value is not an enumerator.
 CLOUDPROVIDER_INTERNAL std::ostream& operator<<(std::ostream& out, LocalDataVersion version);
 
 } // namespace storage::cloudprovider

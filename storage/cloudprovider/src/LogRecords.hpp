@@ -6,11 +6,11 @@
 
 #include <sstream>
 
-/// The records that every operation writes, in one form. Nothing is formatted when the logger's mask says no.
+/// The log records that every operation writes, in one format. A record whose severity is disabled is not formatted.
 namespace storage::cloudprovider
 {
 
-/// The function that writes a record: its full signature and where it stands.
+/// The function that writes a record: its full signature and its location.
 struct CallSite
 {
     const char* signature;
@@ -27,7 +27,7 @@ struct CallSite
     }
 };
 
-/// An argument or a result with its name; borrows the value.
+/// A value with its name. The value is borrowed.
 template <typename T>
 struct Named
 {
@@ -53,7 +53,7 @@ template <typename... Values>
 }
 } // namespace detail
 
-/// Record that a function begins, with its arguments.
+/// Log that a function was entered, with its arguments.
 template <typename... Values>
 void logEntry(const CallSite& site, const Named<Values>&... arguments)
 {
@@ -63,14 +63,15 @@ void logEntry(const CallSite& site, const Named<Values>&... arguments)
     }
 }
 
-/// Record what a function results in.
+/// Log the result of a function.
 template <typename T>
 void logResult(const CallSite& site, const Named<T>& result)
 {
     logEntry(site, result);
 }
 
-/// Record the exception that is being handled, with its type, origin where known, and text. Call inside a catch block.
+/// Log the exception that is being handled: its type, its text and, if known, where it was thrown. Call inside a catch
+/// block.
 void logCaughtException();
 
 } // namespace storage::cloudprovider

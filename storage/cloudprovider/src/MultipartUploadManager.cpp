@@ -47,7 +47,7 @@ void MultipartUploadManager::asyncUploadPart(
         const std::lock_guard lock(m_mutex);
         enqueue({takeRecord(), std::move(buffer), false, std::move(onDone)});
     }
-    drainLoggingFailure();
+    processQueueAndLogFailure();
 }
 
 void MultipartUploadManager::asyncReusePart(PartInfo info, DoneCallback onDone)
@@ -57,7 +57,7 @@ void MultipartUploadManager::asyncReusePart(PartInfo info, DoneCallback onDone)
         const std::lock_guard lock(m_mutex);
         enqueue({std::move(info), nullptr, false, std::move(onDone)});
     }
-    drainLoggingFailure();
+    processQueueAndLogFailure();
 }
 
 std::string MultipartUploadManager::uploadPart(const PartInfo& info, const char* data)
@@ -113,7 +113,7 @@ void MultipartUploadManager::cancel()
     }
     m_context->client->abortMultipartUpload(m_context->key, *m_uploadId);
     m_uploadId.reset();
-    m_queue.clear(); // waiting tasks hold no opened buffers
+    m_queue.clear(); // queued tasks have no open buffers
 }
 
 void MultipartUploadManager::setLastTag(std::string tag)
@@ -145,7 +145,7 @@ void MultipartUploadManager::enqueue(UploadTask task)
     m_queue.push_back(std::move(task));
 }
 
-void MultipartUploadManager::drainLoggingFailure()
+void MultipartUploadManager::processQueueAndLogFailure()
 {
     try
     {
@@ -163,11 +163,11 @@ void MultipartUploadManager::processQueue()
     {
         try
         {
-            run(*task);
+            transfer(*task);
         }
         catch (...)
         {
-            putBack(std::move(*task));
+            requeue(std::move(*task));
             throw;
         }
         const std::lock_guard lock(m_mutex);
@@ -178,7 +178,7 @@ void MultipartUploadManager::processQueue()
 std::optional<MultipartUploadManager::UploadTask> MultipartUploadManager::takeNextTask()
 {
     const std::lock_guard lock(m_mutex);
-    // A part in flight is left to the thread that sends it: that thread looks here again when it is done.
+    // Skip parts in flight: the thread that is transferring such a part comes back here when it has finished.
     const auto next = std::find_if(m_queue.begin(), m_queue.end(),
         [this](const UploadTask& task) { return !m_partsInFlight.contains(task.info.Index); });
     if (next == m_queue.end())
@@ -191,14 +191,15 @@ std::optional<MultipartUploadManager::UploadTask> MultipartUploadManager::takeNe
     return task;
 }
 
-void MultipartUploadManager::run(UploadTask& task)
+void MultipartUploadManager::transfer(UploadTask& task)
 {
     if (!task.buffer)
     {
         task.onDone(reusePart(task.info));
         return;
     }
-    // First, so that the flush knows of an upload, and tells of what failed, when the bytes cannot even be mapped.
+    // Open the upload first. If the buffer then cannot be opened, the flush sees an open upload and reports the
+    // failure.
     getUploadId();
     task.buffer->open();
     task.bufferOpened = true;
@@ -208,7 +209,7 @@ void MultipartUploadManager::run(UploadTask& task)
     task.onDone(tag);
 }
 
-void MultipartUploadManager::putBack(UploadTask task)
+void MultipartUploadManager::requeue(UploadTask task)
 {
     const BufferSharedPtr opened = std::exchange(task.bufferOpened, false) ? task.buffer : nullptr;
     {
@@ -223,7 +224,7 @@ void MultipartUploadManager::putBack(UploadTask task)
     }
     if (opened)
     {
-        opened->close(); // last, because it may throw, and the task must not be lost
+        opened->close(); // last, because it may throw and the task must not be lost
     }
 }
 

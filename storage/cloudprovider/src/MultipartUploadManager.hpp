@@ -18,24 +18,25 @@
 namespace storage::cloudprovider
 {
 
-/// Turn the parts of one open file into one multipart upload.
+/// Turns the parts of one open file into one multipart upload.
 ///
-/// Owned by the file's OpenPartManager. Starts no threads: transfers run on whichever thread drains the queue, and
-/// several threads may drain it at once. A transfer that failed waits at the back of the queue for the next drain,
-/// however often it fails, until it succeeds or cancel() clears it.
+/// Owned by the file's OpenPartManager. Starts no threads: transfers run on the threads that drain the queue, of which
+/// there may be several at once. A failed transfer goes to the back of the queue and is retried by the next drain.
+/// There is no limit to the retries: the transfer stays queued until it succeeds or cancel() clears the queue.
 ///
-/// For one part there is never more than one transfer in flight or waiting, so that the store ends with the bytes and
-/// the tag of the newest: a newer transfer takes the place of one that waits, and waits for one that is in flight.
+/// A part has at most one transfer in flight and at most one in the queue. A new transfer replaces a queued one of the
+/// same part and starts only after the one in flight has ended. The store therefore ends with the newest bytes and
+/// their tag.
 ///
 /// Any thread may call any operation.
 class CLOUDPROVIDER_INTERNAL MultipartUploadManager
 {
 public:
-    /// Called with the tag that the store gave the part, on the thread that sent it, without a lock.
+    /// Called with the tag that the store returned for the part, on the thread that transferred it, without the lock.
     using DoneCallback = std::function<void(const std::string& tag)>;
 
-    /// Gives the part as it is to be sent. Called once, before anything is sent, while the queue is locked: what is
-    /// queued later was taken later.
+    /// Returns the record of the part as it is to be uploaded. Called once, before the transfer, under the lock of the
+    /// queue. The order of the queue is therefore the order in which the records were taken.
     using RecordSource = std::function<PartInfo()>;
 
     explicit MultipartUploadManager(OpenFileContextSharedPtr context);
@@ -45,68 +46,69 @@ public:
     /// Abort an upload that was neither completed nor cancelled. A failure is logged.
     ~MultipartUploadManager();
 
-    /// Queue a part's bytes for sending, then drain the queue.
+    /// Queue the upload of a part, then drain the queue. A failed transfer is logged and stays queued; it does not
+    /// throw.
     ///
-    /// @param takeRecord  may lock the part and must not call this object
-    /// @param buffer      opened for the transfer and closed after it; holds the record's Size bytes when it is open
-    /// Never throws for a failed transfer: it is logged, and the part stays queued.
+    /// @param takeRecord  may lock the part; must not call this object
+    /// @param buffer      opened before the transfer and closed after it; while open it has at least the record's Size
+    ///                    bytes
     void asyncUploadPart(const RecordSource& takeRecord, BufferSharedPtr buffer, DoneCallback onDone);
 
-    /// Queue a part for being copied by the store from the stored object, then drain the queue, in the same way.
+    /// Queue a server-side copy of a part from the stored object, then drain the queue. Failures as in
+    /// asyncUploadPart().
     void asyncReusePart(PartInfo info, DoneCallback onDone);
 
-    /// Send one part now, opening the upload if this is its first part.
+    /// Upload one part now. Opens the multipart upload if none is open.
     /// @param data  info.Size bytes, borrowed until the call returns
-    /// @return the store's tag for the part
+    /// @return the tag that the store returned for the part
     std::string uploadPart(const PartInfo& info, const char* data);
 
-    /// Let the store copy one part now, opening the upload if this is its first part.
-    /// @return the store's tag for the part
+    /// Make the server-side copy of one part now. Opens the multipart upload if none is open.
+    /// @return the tag that the store returned for the part
     std::string reusePart(const PartInfo& info);
 
-    /// Drain the queue. The first failure ends the draining and is thrown; the part stays queued.
+    /// Drain the queue. The first failure stops this and is thrown; the failed transfer stays queued.
     void rerunFailedUploads();
 
-    /// Drain the queue for the last time before complete(). Throws like rerunFailedUploads().
+    /// Drain the queue before complete(). Throws like rerunFailedUploads().
     void joinUploads();
 
-    /// Make the parts the stored object. Does nothing when no upload is open. After a failure the upload stays open.
+    /// Complete the upload with these parts. Does nothing if no upload is open. After a failure the upload stays open.
     void complete(const std::vector<PartInfo>& parts);
 
-    /// Abort the upload and clear the queue. When no upload is open the queue stays as it is: nothing in it has reached
-    /// the store.
+    /// Abort the upload and clear the queue. Does nothing if no upload is open; the queue is not cleared either.
     void cancel();
 
-    /// Set the tag that the next upload is opened with.
+    /// Set the tag that is passed to the store when the next upload is opened.
     void setLastTag(std::string tag);
 
-    /// Tell whether an upload is open.
+    /// Return whether an upload is open.
     bool isUploading() const;
 
 private:
     struct UploadTask
     {
-        PartInfo info;          // as it was when the task was made
-        BufferSharedPtr buffer; // empty: the store copies the part
-        bool bufferOpened = false;
+        PartInfo info;             // as it was when the task was created
+        BufferSharedPtr buffer;    // null: a server-side copy
+        bool bufferOpened = false; // the task has to close the buffer
         DoneCallback onDone;
     };
 
-    void enqueue(UploadTask task); // m_mutex is held
-    void drainLoggingFailure();
+    void enqueue(UploadTask task); // requires m_mutex
+    void processQueueAndLogFailure();
     void processQueue();
     std::optional<UploadTask> takeNextTask();
-    void run(UploadTask& task);
-    void putBack(UploadTask task);
+    void transfer(UploadTask& task);
+    void requeue(UploadTask task);
     std::string getUploadId();
 
     const OpenFileContextSharedPtr m_context;
 
     // Guarded by m_mutex.
     std::optional<std::string> m_uploadId; // empty: no upload is open
-    std::string m_lastTag;
-    std::deque<UploadTask> m_queue;        // oldest first; at most one task of a part
-    std::set<std::size_t> m_partsInFlight; // indexes of the parts that some thread is transferring
+    std::string m_lastTag;                 // of the part uploaded last, or as set by setLastTag()
+    std::deque<UploadTask> m_queue;        // oldest first; at most one task per part
+    std::set<std::size_t> m_partsInFlight; // indexes of the parts that are being transferred
 
     // Nothing but a part's mutex is locked while this one is held, and no part's is held when it is taken. Held while
     // the upload is opened, completed or aborted: two first parts must not open two uploads. Released during transfers

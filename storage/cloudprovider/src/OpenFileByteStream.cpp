@@ -22,7 +22,7 @@ namespace
 
 constexpr const char* source = "storage/cloudprovider/src/OpenFileByteStream";
 
-/// Run the body of a stream operation; whatever it throws leaves as the operation's own failure.
+/// Run the body of a stream operation. Translate any exception into the operation's failure type.
 template <typename Failure, typename Body>
 auto mapStreamError(Body body)
 {
@@ -37,7 +37,7 @@ auto mapStreamError(Body body)
     }
 }
 
-/// Refuse an operation on a closed stream.
+/// Throw if the stream is closed.
 template <typename Failure>
 void requireOpen(const OpenPartManager* partManager)
 {
@@ -153,7 +153,7 @@ std::streampos OpenFileByteStream::doSeek(const stream_offset off, const std::io
             }
             if (off < 0)
             {
-                // The lowest offset has no positive counterpart; it stays as it is, and the cast refuses it.
+                // The lowest offset has no positive counterpart. It stays negative, and the cast throws.
                 const stream_offset negated = off == std::numeric_limits<stream_offset>::min() ? off : -off;
                 const auto back = boost::numeric_cast<std::uint64_t>(negated);
                 m_fileOffset = m_fileOffset > back ? m_fileOffset - back : 0;
@@ -218,7 +218,7 @@ void OpenFileByteStream::doClose()
         {
             std::rethrow_exception(firstFailure);
         }
-        catch (...) // logged where it was caught first
+        catch (...) // already logged above
         {
             throw fsp::ByteStreamCloseFailure(errorCodeOfCurrentException());
         }
@@ -243,7 +243,7 @@ void OpenFileByteStream::closeCurrentPart()
 
 void OpenFileByteStream::openPartAtOffset(bool createIfNonExistent)
 {
-    if (createIfNonExistent && appends())
+    if (createIfNonExistent && isAppending())
     {
         m_fileOffset = m_partManager->getFileSize();
     }
@@ -251,7 +251,7 @@ void OpenFileByteStream::openPartAtOffset(bool createIfNonExistent)
     m_atEnd = !m_device;
 }
 
-bool OpenFileByteStream::appends() const
+bool OpenFileByteStream::isAppending() const
 {
     return m_writeAtOffset == fsp::ByteStreamWritePosition::Append;
 }
@@ -275,7 +275,7 @@ std::size_t OpenFileByteStream::writeIntoPart(const char* s, std::size_t remaini
 {
     OpenPartBuffer& part = *m_device->m_part;
     std::size_t& position = m_device->m_partOffset;
-    if (appends())
+    if (isAppending())
     {
         position = part.increaseSize(remaining);
     }
@@ -292,8 +292,8 @@ std::size_t OpenFileByteStream::writeIntoPart(const char* s, std::size_t remaini
         position += count;
         part.markModified();
     }
-    // An appending stream is at the end of the part, which others may have moved meanwhile.
-    m_fileOffset = appends() ? part.end() : m_fileOffset + count;
+    // An appending stream moves to the end of the part, which other streams may have extended meanwhile.
+    m_fileOffset = isAppending() ? part.end() : m_fileOffset + count;
     return count;
 }
 

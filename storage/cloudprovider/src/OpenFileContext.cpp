@@ -21,7 +21,7 @@ std::uint64_t sizeFromEnvironment(const char* variable, std::uint64_t defaultSiz
     }
     catch (...)
     {
-        // A slip in the environment must not make files unreadable.
+        // A bad value in the environment must not make files unreadable.
         logCaughtException();
         return defaultSize;
     }
@@ -42,7 +42,7 @@ OpenFileContext::OpenFileContext(foundation::storage::provider::StorageIRI fileI
 
 std::uint64_t partSizeFromEnvironment()
 {
-    return sizeFromEnvironment("ZV_CLOUD_PART_SIZE_OVERRIDE", 0x500000); // the least that stores take for a part
+    return sizeFromEnvironment("ZV_CLOUD_PART_SIZE_OVERRIDE", 0x500000); // common minimum of stores for a part
 }
 
 std::uint64_t downloadedPartCacheLimitFromEnvironment()

@@ -14,11 +14,11 @@
 namespace storage::cloudprovider
 {
 
-/// What the part layer needs to know about one open file. Constant after construction: read without locks.
+/// What the part layer needs to know about one open file. Immutable, therefore read without locks.
 struct CLOUDPROVIDER_INTERNAL OpenFileContext
 {
-    /// Describe the file; the two sizes are read from the environment here and stay.
-    /// @throws whatever utils::iriToKey() throws
+    /// Compute the key and read the two sizes from the environment.
+    /// @throws foundation::storage::provider::Exception like utils::iriToKey()
     OpenFileContext(foundation::storage::provider::StorageIRI fileIri, CloudClientSharedPtr storeClient,
         std::unique_ptr<BufferFactory> factory);
 
@@ -26,18 +26,19 @@ struct CLOUDPROVIDER_INTERNAL OpenFileContext
     const std::string key;
     const CloudClientSharedPtr client;
     const std::unique_ptr<BufferFactory> bufferFactory;
-    const std::uint64_t partSize;                 // bytes that a new part can hold
-    const std::uint64_t downloadedPartCacheLimit; // bytes of closed, unmodified parts that are kept loaded
+    const std::uint64_t partSize;                 // capacity of a new part, in bytes
+    const std::uint64_t downloadedPartCacheLimit; // maximum bytes of closed, unmodified parts that stay loaded
 };
 
 using OpenFileContextSharedPtr = std::shared_ptr<OpenFileContext>;
 
-/// Return the bytes that a new part can hold: 5 MiB, or ZV_CLOUD_PART_SIZE_OVERRIDE.
+/// Return the capacity of a new part in bytes: 5 MiB, or the value of ZV_CLOUD_PART_SIZE_OVERRIDE.
 ///
-/// The variable is read at each call. Anything but a number is logged and ignored; any number is accepted, 0 included.
+/// Each call reads the variable. Any number is accepted, including 0; other text is logged and ignored.
 CLOUDPROVIDER_INTERNAL std::uint64_t partSizeFromEnvironment();
 
-/// Return the bytes of closed parts to keep: 100 MiB, or ZV_CLOUD_DOWNLOADED_PART_CACHE_OVERRIDE, read the same way.
+/// Return the maximum bytes of closed parts to keep loaded: 100 MiB, or the value of
+/// ZV_CLOUD_DOWNLOADED_PART_CACHE_OVERRIDE, which is read the same way.
 CLOUDPROVIDER_INTERNAL std::uint64_t downloadedPartCacheLimitFromEnvironment();
 
 } // namespace storage::cloudprovider

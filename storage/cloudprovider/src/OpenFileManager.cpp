@@ -70,7 +70,7 @@ std::shared_ptr<OpenPartManager> OpenFileManager::open(
 {
     {
         std::unique_lock lock(m_mutex);
-        m_openingEnded.wait(lock,
+        m_openingFinished.wait(lock,
             [&]
             {
                 const auto entry = m_entries.find(iri);
@@ -91,14 +91,14 @@ std::shared_ptr<OpenPartManager> OpenFileManager::open(
     }
     catch (...)
     {
-        endOpening(iri, nullptr);
+        finishOpening(iri, nullptr);
         throw;
     }
-    endOpening(iri, partManager);
+    finishOpening(iri, partManager);
     return partManager;
 }
 
-void OpenFileManager::endOpening(const fsp::StorageIRI& iri, std::shared_ptr<OpenPartManager> partManager)
+void OpenFileManager::finishOpening(const fsp::StorageIRI& iri, std::shared_ptr<OpenPartManager> partManager)
 {
     {
         const std::lock_guard lock(m_mutex);
@@ -111,8 +111,8 @@ void OpenFileManager::endOpening(const fsp::StorageIRI& iri, std::shared_ptr<Ope
             m_entries.erase(iri);
         }
     }
-    // All of them: they wait for different files, and waking one could wake the wrong one.
-    m_openingEnded.notify_all();
+    // Wake all waiters: they may wait for different files, and a single wake-up could reach the wrong one.
+    m_openingFinished.notify_all();
 }
 
 fsp::ByteStreamPtr OpenFileManager::openReadOnly(fsp::StorageIRI iri, CloudClientSharedPtr client)

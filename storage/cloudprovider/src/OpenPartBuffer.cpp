@@ -20,7 +20,7 @@ namespace
 
 constexpr const char* source = "storage/cloudprovider/src/OpenPartBuffer";
 
-/// Keeps the first byte that it is sent and drops the rest.
+/// A sink that keeps the first byte and discards the rest.
 class FirstByteSink : public boost::iostreams::sink
 {
 public:
@@ -45,22 +45,22 @@ private:
     std::size_t& m_received;
 };
 
-/// Download the range into memory of `size` bytes. More bytes than that are a failure.
-/// @return the number of bytes that came
+/// Download the range into memory of `size` bytes. It is an error if the store sends more.
+/// @return the number of bytes received
 std::size_t downloadRange(
     const OpenFileContext& context, char* data, std::size_t size, std::uint64_t first, std::uint64_t last)
 {
-    // A sink, not a device for both ways: that one counts its position in an int.
+    // Use basic_array_sink: basic_array, which can be read too, counts its position in an int.
     boost::iostreams::stream_buffer<boost::iostreams::basic_array_sink<char>> memory(data, size);
     std::ostream out(&memory);
-    out.exceptions(std::ios_base::badbit); // a surplus must not pass unseen
+    out.exceptions(std::ios_base::badbit); // to detect excess bytes
     context.client->getObjectRange(context.key, out, first, last);
     return static_cast<std::size_t>(std::max<std::streamoff>(out.tellp(), 0));
 }
 
-/// Download the first byte of an object that has more. The range that names this byte alone means the whole object, so
-/// that is what comes.
-/// @return the number of bytes kept, 1 unless the store sent none
+/// Download the first byte of an object that has more bytes. Its range, (0, 0), means the whole object, so the store
+/// sends all bytes and the rest is discarded.
+/// @return the number of bytes kept: 1, or 0 if the store sent none
 std::size_t downloadFirstByte(const OpenFileContext& context, char* byte)
 {
     std::size_t received = 0;
@@ -162,7 +162,7 @@ bool OpenPartBuffer::incrementOpenCount()
         }
         catch (...)
         {
-            m_changed.notify_one(); // whoever waits next tries for itself
+            m_changed.notify_one(); // the next waiting opener tries itself
             throw;
         }
     }
@@ -185,7 +185,7 @@ void OpenPartBuffer::decrementOpenCount()
 
 BufferPtr OpenPartBuffer::buildOpenBuffer(std::size_t usedBytes) const
 {
-    // As long as the capacity, so that the part can grow in place.
+    // The buffer has the part's capacity, so that the part can grow in place.
     BufferPtr buffer = m_context->bufferFactory->build(m_maxSize);
     buffer->open();
     buffer->reserve(usedBytes);
@@ -195,7 +195,7 @@ BufferPtr OpenPartBuffer::buildOpenBuffer(std::size_t usedBytes) const
 void OpenPartBuffer::download()
 {
     logEntry(CallSite("void storage::cloudprovider::OpenPartBuffer::download()", source));
-    // The part has one opener, this one, so that its size cannot change meanwhile.
+    // The size cannot change during the download: only openers change it, and this is the only one.
     const PartInfo part = info();
     BufferPtr buffer = buildOpenBuffer(part.Size);
     bool wholeObject = false;
@@ -229,7 +229,7 @@ void OpenPartBuffer::createBlank()
 void OpenPartBuffer::setOpenBuffer(BufferPtr buffer)
 {
     const std::lock_guard lock(m_mutex);
-    buffer->reserve(m_info.Size); // a new part may have grown over a gap while its zeros were being made
+    buffer->reserve(m_info.Size); // a new part may have grown over a gap since its zeros were written
     m_buffer = std::move(buffer);
     m_changed.notify_one();
 }
@@ -254,7 +254,7 @@ void OpenPartBuffer::increaseSizeToMax()
     const std::lock_guard lock(m_mutex);
     if (growTo(m_maxSize) < m_maxSize)
     {
-        m_localDataVersion = LocalDataVersion::NEW; // in the same hold: an upload may begin at any moment
+        m_localDataVersion = LocalDataVersion::NEW; // under the same lock, because an upload may begin at any time
     }
 }
 

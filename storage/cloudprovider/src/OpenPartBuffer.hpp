@@ -13,37 +13,37 @@
 namespace storage::cloudprovider
 {
 
-/// One part of an open file: its record, its local bytes, and how they relate to the store.
+/// One part of an open file: its record, its local bytes, and their state relative to the store.
 ///
-/// Shared by the byte streams that use the part, the cache of closed parts and the upload queue. The bytes are loaded
-/// when the first user opens the part, by a ranged download or as zeros, stay loaded after the last user has closed it,
-/// and are freed by discardIfUnmodified() or with the part.
+/// Shared by the byte streams that use the part, the cache of closed parts and the upload queue. The first open() loads
+/// the bytes: it downloads the part's range or creates zeros. They stay loaded after the last close(), until
+/// discardIfUnmodified() or the destructor frees them.
 ///
-/// Any thread may call any operation. The bytes behind data() are touched without a lock by everyone who has the part
-/// open; openers that write the same bytes at once must agree among themselves.
+/// Any thread may call any operation. Every opener may access the bytes behind data() without a lock; openers that
+/// write the same bytes concurrently must coordinate.
 class CLOUDPROVIDER_INTERNAL OpenPartBuffer : public Buffer
 {
 public:
-    /// The loaded bytes as they are at one moment. `data` stays valid while the part is open.
+    /// The address and number of the loaded bytes, both read under one lock. `data` stays valid while the part is open.
     struct View
     {
-        char* data;
+        char* data; ///< null if no bytes are loaded
         std::size_t size;
     };
 
-    /// Describe a part whose bytes are not loaded.
+    /// Construct a part whose bytes are not loaded.
     ///
-    /// @param isLastPart  the last part of a file may grow to the file's part size; any other keeps its size
+    /// @param isLastPart  the last part of a file can grow to the file's part size; any other part cannot grow
     OpenPartBuffer(PartInfo info, LocalDataVersion version, bool isLastPart, OpenFileContextSharedPtr context);
     ~OpenPartBuffer() override;
 
-    /// Return the number of bytes in the part; it grows, up to capacity().
+    /// Return the current number of bytes in the part, which is at most capacity().
     std::size_t size() const override;
 
-    /// Count a user, and load the bytes if nobody has.
+    /// Increment the open count, and load the bytes if they are not loaded.
     ///
-    /// Waits while another opener is loading them. When loading fails the user is not counted, and the next waiting
-    /// opener tries for itself.
+    /// Waits while another opener is loading the bytes. If that fails, the next waiting opener loads them itself. If
+    /// this call fails, the open count is unchanged.
     /// @throws CloudException from the store, or from local buffers when the disk is full
     void open() override;
     bool isOpen() const override;
@@ -51,90 +51,90 @@ public:
     const char* data() const override;
     char* data() override;
 
-    /// Count a user off. The bytes stay loaded.
+    /// Decrement the open count. The bytes stay loaded.
     void close() override;
 
-    /// Count a user without loading anything. Waits while another opener is loading.
-    /// @return whether the bytes are loaded; if not, the caller loads them or counts itself off
+    /// Increment the open count without loading the bytes. Waits while another opener is loading them.
+    /// @return whether the bytes are loaded; if not, the caller must load them or call decrementOpenCount()
     bool incrementOpenCount();
     void decrementOpenCount();
 
-    /// Load the bytes from the store. The whole object is asked for when it is this one part.
+    /// Load the bytes from the store. If the file has one part, the range requested is that of the whole object.
     /// @throws UnknownErrorException when the store sent fewer bytes than the part has
     void download();
 
     /// Load the part as zeros.
     void createBlank();
 
-    /// Install loaded bytes, with room for all that the part holds by then, and wake an opener that waits for them.
+    /// Install loaded bytes, reserve storage up to the part's current size, and wake a waiting opener.
     void setOpenBuffer(BufferPtr buffer);
 
-    /// Grow the part to its capacity. What is new reads as zeros, and a part that grew is NEW.
+    /// Grow the part to its capacity. The added bytes read as zeros. If the part grew, its state is NEW.
     ///
-    /// The bytes of a part that has any must be loaded.
+    /// If the part has any bytes, they must be loaded.
     void increaseSizeToMax();
 
-    /// Grow the part by `amount` bytes at its end, no further than its capacity.
-    /// @return the size before, which is where the caller's bytes go
-    /// @throws UnknownErrorException when the disk has no room; the part is as before
+    /// Grow the part by `amount` bytes at its end, up to its capacity.
+    /// @return the size before, which is the position for the caller's bytes
+    /// @throws UnknownErrorException when the disk is full; the part is unchanged
     std::size_t increaseSize(std::size_t amount);
 
-    /// Grow the part so that it holds `amount` bytes from `offset`, no further than its capacity; it never shrinks.
+    /// Grow the part to at least `offset` + `amount` bytes, up to its capacity. The part never shrinks.
     /// @return the size before
-    /// @throws UnknownErrorException when the disk has no room; the part is as before
+    /// @throws UnknownErrorException when the disk is full; the part is unchanged
     std::size_t increaseSize(std::size_t amount, std::size_t offset);
 
-    /// Say that the bytes differ from the store's. Call after changing them.
+    /// Set the state to NEW. Call after changing bytes.
     void markModified();
 
-    /// Say that an upload begins, and return the record that it shall carry: both at one moment, so that whatever is
-    /// written from then on makes the part NEW again.
+    /// Set the state to SCHEDULED_UPLOAD and return the record to upload. Both happen under one lock, so any later
+    /// write makes the part NEW again.
     PartInfo markUploading();
 
-    /// Say that the store has the bytes, unless they have changed again meanwhile.
+    /// Set the state to CLOUD and make the tag in info() the stored tag. Does nothing if the state is NEW, because the
+    /// bytes have changed again.
     void markUploaded();
 
-    /// Free the bytes if nobody uses the part and the store has them.
+    /// Free the bytes if the part is not open and its state is CLOUD.
     void discardIfUnmodified();
 
-    /// Open the part if it must be uploaded; a part that was never written is loaded as zeros.
-    /// @return whether it was opened, and must be closed by the caller
+    /// Open the part if its state is NEW. A part that was never written is loaded as zeros.
+    /// @return whether the part was opened; the caller must then close it
     bool openIfModified();
 
-    /// Remember the tag that the store gave the part's bytes.
+    /// Set the tag that the store returned for the part's bytes.
     void setTag(std::string tag);
 
-    /// Say whether the file consists of this one part.
+    /// Set whether this part is the whole file.
     void setSinglePartFile(bool single);
 
     PartInfo info() const;
 
-    /// Return the record with the tag that the part has in the stored object. The tag in info() may be one that an
-    /// upload gave which was not completed.
+    /// Return the record with the part's tag in the stored object. The tag in info() may belong to an upload that was
+    /// not completed.
     PartInfo storedInfo() const;
 
     LocalDataVersion localDataVersion() const;
 
-    /// Return the loaded bytes; data is null when there are none.
     View view();
 
-    /// Return the part's place in the file, which never changes.
+    /// Return the offset of the part's first byte in the file. It never changes.
     std::size_t offset() const { return m_offset; }
 
-    /// Return the largest size that the part may reach, which never changes.
+    /// Return the maximum size of the part. It never changes.
     std::size_t capacity() const { return m_maxSize; }
 
-    /// Return the offset in the file of the first byte behind the part.
+    /// Return the offset in the file just past the part's last byte.
     std::size_t end() const;
 
 private:
     BufferPtr buildOpenBuffer(std::size_t usedBytes) const;
-    std::size_t growTo(std::size_t newSize); // m_mutex is held
+    std::size_t growTo(std::size_t newSize); // requires m_mutex; returns the size before
 
     // Guarded by m_mutex.
     PartInfo m_info;
-    std::string m_storedTag; // of the part in the stored object
-    BufferPtr m_buffer;      // empty while the bytes are not loaded
+    std::string m_storedTag; // the part's tag in the stored object
+    BufferPtr m_buffer;      // null while the bytes are not loaded
     std::size_t m_openCount = 0;
     LocalDataVersion m_localDataVersion;
     bool m_singlePartFile = false;
@@ -146,7 +146,7 @@ private:
 
     // The innermost lock of the part layer: nothing is locked and no store is called while it is held.
     mutable std::mutex m_mutex;
-    std::condition_variable m_changed; // m_buffer or m_openCount changed; every woken opener wakes the next one
+    std::condition_variable m_changed; // m_buffer or m_openCount changed; a woken opener wakes the next one
 };
 
 using OpenPartBufferSharedPtr = std::shared_ptr<OpenPartBuffer>;

@@ -20,7 +20,8 @@ namespace
 
 constexpr const char* source = "storage/cloudprovider/src/OpenPartManager";
 
-/// Closes a part at the end of its scope, when something else has failed: then a failure to close is logged only.
+/// Closes a part at the end of its scope unless close() was called. The destructor runs because something else has
+/// failed, so it only logs a failure to close.
 class PartCloser
 {
 public:
@@ -42,7 +43,7 @@ public:
         }
     }
 
-    /// Close the part now and report a failure.
+    /// Close the part now. Throws when that fails.
     void close()
     {
         if (OpenPartBuffer* const part = std::exchange(m_part, nullptr))
@@ -52,7 +53,7 @@ public:
     }
 
 private:
-    OpenPartBuffer* m_part; // null once closed
+    OpenPartBuffer* m_part; // null after close()
 };
 
 } // namespace
@@ -193,32 +194,32 @@ void OpenPartManager::extendTo(std::size_t fileOffset)
         {
             throw UnsupportedOperationException("writing \"" + m_context->key + "\" at offset " +
                                                 std::to_string(fileOffset) +
-                                                ": the file cannot grow, its parts have a size of 0");
+                                                ": the file cannot grow because the part size is 0");
         }
         const bool grows = last->size() < last->capacity();
         if (!grows || last->localDataVersion() == LocalDataVersion::NEW)
         {
-            appendPart(last);
+            appendPartAfter(last);
             continue;
         }
-        // The store knows the bytes as a part of its old size: they are loaded, so that the part can be sent again with
-        // the gap behind them.
+        // The store has this part, or will have it, with its old size. Load its bytes, so that the part can be uploaded
+        // again together with the gap that follows them.
         m_partCache.removePart(last);
         last->open();
         PartCloser closer(*last);
-        appendPart(last);
+        appendPartAfter(last);
         closer.close();
     }
 }
 
-void OpenPartManager::appendPart(const OpenPartBufferSharedPtr& last)
+void OpenPartManager::appendPartAfter(const OpenPartBufferSharedPtr& last)
 {
     std::size_t index = 0;
     {
         const std::lock_guard lock(m_partsMutex);
         if (m_parts.back() != last)
         {
-            return; // another thread was faster
+            return; // another thread has appended a part
         }
         last->increaseSizeToMax();
         index = m_parts.size();
@@ -256,7 +257,8 @@ void OpenPartManager::closePart(std::unique_ptr<OpenPartDevice> device)
         }
         catch (...)
         {
-            logCaughtException(); // it costs room until the file is closed, and the part given back is none the worse
+            // The evicted part occupies disk space until the file is closed. The part being closed is not affected.
+            logCaughtException();
         }
     }
 }
@@ -282,7 +284,7 @@ void OpenPartManager::unregisterByteStream()
     --m_byteStreamCount;
     if (m_byteStreamCount == 0)
     {
-        flushParts(); // under the lock: no part is opened or closed meanwhile
+        flushParts(); // under the lock, so that no part is opened or closed meanwhile
     }
 }
 
@@ -294,7 +296,7 @@ void OpenPartManager::scheduleUpload(const OpenPartBufferSharedPtr& part)
         const std::lock_guard lock(m_partsMutex);
         if (m_parts.size() < 2)
         {
-            return; // written whole at the flush
+            return; // the flush writes the whole file
         }
     }
     m_uploadManager->asyncUploadPart(
@@ -319,7 +321,7 @@ void OpenPartManager::flushParts()
     }
     if (!m_uploadManager->isUploading())
     {
-        // Nothing was changed, or the store would not open an upload: either way the stored object stays as it is.
+        // Nothing was changed, or no upload could be opened. In both cases the stored object stays as it is.
         return;
     }
     for (const OpenPartBufferSharedPtr& part : flushed)
@@ -351,8 +353,8 @@ void OpenPartManager::flushSinglePartFile(OpenPartBuffer& part)
         return;
     }
     PartCloser closer(part);
-    // The part stays NEW: whoever opens the file before its streams are all gone finds it unwritten and writes it
-    // again, which is one put too many at most and never one too few.
+    // The part stays NEW. A stream that is opened on this part manager after the flush writes the file again when it is
+    // closed. That is at most one put too many, but never one too few.
     const OpenPartBuffer::View bytes = part.view();
     boost::iostreams::stream_buffer<boost::iostreams::basic_array_source<char>> memory(bytes.data, bytes.size);
     std::istream content(&memory);

@@ -16,71 +16,74 @@
 namespace storage::cloudprovider
 {
 
-/// What a byte stream holds while it reads or writes one part: the part, and a position in it.
+/// A byte stream's current part and its position in it.
 struct OpenPartDevice
 {
     std::size_t m_partOffset; ///< bytes from the start of the part
     OpenPartBufferSharedPtr m_part;
 };
 
-/// The parts of one open file, shared by all streams on it.
+/// The parts of one open file, shared by all its streams.
 ///
-/// Hands out the part that covers an offset and takes it back, lets the file grow part by part, uploads a modified part
-/// of a file of several parts when its last user closes it, and writes the file to the store when the last stream goes.
+/// Opens and closes the part that covers an offset and lets the file grow part by part. If the file has several parts,
+/// a modified part is uploaded when its last user closes it. When the last stream unregisters, the file is written to
+/// the store.
 ///
-/// Any thread may call any operation. Transfers run on the calling thread. Destroying the manager does not write the
-/// file; it aborts an upload that is still open.
+/// Any thread may call any operation. Transfers run on the calling thread. The destructor does not write the file; it
+/// aborts an upload that is still open.
 class CLOUDPROVIDER_INTERNAL OpenPartManager
 {
 public:
-    /// Begin with an empty new file: one part without bytes.
+    /// Start with an empty new file: one part without bytes.
     explicit OpenPartManager(OpenFileContextSharedPtr context);
     OpenPartManager(const OpenPartManager&) = delete;
     OpenPartManager& operator=(const OpenPartManager&) = delete;
     ~OpenPartManager();
 
-    /// Take over the parts of the object in the store. Call once, before any stream is registered.
+    /// Replace the parts by those of the stored object. Call at most once, before any stream is registered.
     ///
     /// @param requirePresent  whether a missing object is an error; if not, the file stays empty and new
-    /// @throws ResourceNotFoundException  the object is missing and required
+    /// @throws ResourceNotFoundException when the object is missing and required
+    /// @throws CloudException from the store
     void initPreserveExisting(bool requirePresent);
 
     /// Return the file's length in bytes.
     std::size_t getFileSize() const;
 
-    /// Return the index of the part that covers the offset; beyond the end, the index it would get if parts were added
-    /// up to there.
+    /// Return the index of the part that covers the offset. Beyond the last part, return the index that such a part
+    /// would get if parts were appended up to the offset.
     std::size_t findPartIndex(std::size_t fileOffset) const;
 
-    /// Append an empty part to the vector, behind the parts that are in it.
+    /// Append an empty part to the vector, which starts where the vector's last part ends.
     void addNewPartTo(std::vector<OpenPartBufferSharedPtr>& parts) const;
 
-    /// Open the part that covers the offset, loading its bytes if needed.
+    /// Open the part that covers the offset. Load its bytes if needed.
     ///
-    /// @param createIfNonExistent  whether the file grows up to the offset if it ends before; the gap reads as zeros
-    /// @return the part, to be given back to closePart(); empty when the file ends before the offset and may not grow
-    /// @throws UnsupportedOperationException when the file cannot grow because new parts have no room
+    /// @param createIfNonExistent  whether to extend the file to the offset if it ends before it; the gap reads as
+    ///                             zeros
+    /// @return the part, to be passed to closePart(); null if the file ends at or before the offset and must not grow
+    /// @throws UnsupportedOperationException when the file cannot grow because the part size is 0
     /// @throws CloudException from the store, or from local buffers when the disk is full
     std::unique_ptr<OpenPartDevice> openPart(std::size_t fileOffset, bool createIfNonExistent);
 
-    /// Take a part back. A modified part of a file of several parts is uploaded when nobody else has it open; a failure
-    /// of that upload is logged and the upload repeated later.
+    /// Close a part. If the file has several parts, a modified part is uploaded when its last user closes it. A failure
+    /// of that upload is logged and the upload is retried later.
     void closePart(std::unique_ptr<OpenPartDevice> device);
 
-    /// Repeat uploads that failed earlier.
-    /// @throws CloudException the first failure; the upload is repeated later again
+    /// Retry uploads that failed earlier.
+    /// @throws CloudException  the first failure; that upload is retried again later
     void rerunFailedUploads();
 
-    /// Count a stream. Waits for parts that are being opened or closed.
+    /// Register a stream. Waits until no part is being opened or closed.
     void registerByteStream();
 
-    /// Count a stream off. The last one writes the file to the store, if it was changed.
-    /// @throws CloudException the file was not written, and the stored object stands as it was
+    /// Unregister a stream. The last one writes the file to the store if it was modified.
+    /// @throws CloudException when the file was not written; the stored object is unchanged
     void unregisterByteStream();
 
 private:
     void extendTo(std::size_t fileOffset);
-    void appendPart(const OpenPartBufferSharedPtr& last);
+    void appendPartAfter(const OpenPartBufferSharedPtr& last);
     void scheduleUpload(const OpenPartBufferSharedPtr& part);
     void flushParts();
     void flushSinglePartFile(OpenPartBuffer& part);
@@ -88,7 +91,7 @@ private:
 
     std::vector<OpenPartBufferSharedPtr> m_parts; // guarded by m_partsMutex; never empty; element i has Index i
     mutable std::mutex m_partsMutex;
-    std::size_t m_byteStreamCount = 0; // guarded by m_streamLock, held exclusively
+    std::size_t m_byteStreamCount = 0; // guarded by m_streamLock, exclusive
     DownloadedPartCache m_partCache;
     const std::unique_ptr<MultipartUploadManager> m_uploadManager;
     const OpenFileContextSharedPtr m_context;
@@ -97,7 +100,7 @@ private:
     // alone. m_streamLock is shared by those who open and close parts and repeat uploads, transfers included, and
     // exclusive for registering streams and for the final flush. m_partsMutex is released before a part is loaded or
     // sent.
-    boost::shared_mutex m_streamLock; // lets waiting writers in first, which the standard one does not promise
+    boost::shared_mutex m_streamLock; // gives waiting writers precedence, which std::shared_mutex does not guarantee
 };
 
 } // namespace storage::cloudprovider

@@ -7,15 +7,15 @@
 namespace storage::cloudprovider
 {
 
-/// Lists everything below a folder, by names relative to it, and makes up the folders that keys imply.
+/// Lists everything below a folder, with names relative to it, and adds the folders that keys imply.
 ///
-/// Every folder comes once, outer ones before inner ones, each before the first entry in it. A folder that is known
-/// from a key below it before its marker comes carries the time of the listing.
+/// Each folder is listed once: before everything inside it, and after the folder that contains it. A folder whose
+/// marker comes after a key inside it has the time of the listing, not that of the marker.
 class RecursiveCloudEntryIterator : public AbstractCloudEntryIterator<RecursiveCloudEntryIterator>
 {
 public:
-    /// Fetch the first entry at once.
-    /// @throws foundation::storage::provider::Exception  there is no such folder, or the store failed
+    /// Fetch the first entry.
+    /// @throws foundation::storage::provider::Exception when the folder does not exist, or for a failure of the store
     RecursiveCloudEntryIterator(foundation::storage::provider::StorageIRI folder, CloudClientSharedPtr store);
 
 protected:

@@ -5,7 +5,7 @@
 namespace storage::cloudprovider
 {
 
-/// Owns a stream and passes every operation on; the base of streams that refuse one.
+/// Owns a stream and forwards every operation to it. Base of the streams that reject one operation.
 class RestrictedByteStream : public foundation::storage::provider::ByteStream
 {
 public:
@@ -23,7 +23,7 @@ private:
     const foundation::storage::provider::ByteStreamPtr m_inner;
 };
 
-/// Refuses writes, without touching the file or the position.
+/// Rejects writes. A rejected write does not affect the file or the position.
 class ReadOnlyByteStream : public RestrictedByteStream
 {
 public:
@@ -33,7 +33,7 @@ protected:
     std::streamsize doWrite(const char* s, std::streamsize n) override;
 };
 
-/// Refuses reads, without touching the file or the position.
+/// Rejects reads. A rejected read does not affect the file or the position.
 class WriteOnlyByteStream : public RestrictedByteStream
 {
 public:

@@ -13,7 +13,7 @@ namespace storage::cloudprovider::utils
 namespace
 {
 
-/// Copy the text without every `dropped` that stands right before a `follower`.
+/// Return the text without each `dropped` that is immediately followed by a `follower`.
 std::u16string dropBefore(const std::u16string& text, char16_t dropped, char16_t follower)
 {
     std::u16string kept;
@@ -29,9 +29,9 @@ std::u16string dropBefore(const std::u16string& text, char16_t dropped, char16_t
     return kept;
 }
 
-/// Build the time that lies `microseconds` after 1970-01-01, wrapping around as unsigned numbers do.
+/// Return the time `microseconds` after 1970-01-01, with unsigned wrap-around.
 ///
-/// Built from the tick count, because the arithmetic of durations overflows or turns extreme counts into infinities.
+/// Uses the tick count, because Boost's duration arithmetic overflows or turns extreme counts into infinities.
 boost::posix_time::ptime fromEpoch(std::uint64_t microseconds)
 {
     constexpr std::uint64_t epochTicks = 2'440'588ULL * 86'400'000'000ULL; // microseconds from tick 0 to 1970-01-01
@@ -95,7 +95,7 @@ boost::posix_time::ptime double2Ptime(double milliseconds)
 {
     constexpr auto lowest = std::numeric_limits<std::int64_t>::min();
     const double seconds = milliseconds / 1000.0;
-    // A count that 64 bits cannot hold (NaN among them) becomes the lowest one, as the processor converts it.
+    // NaN and values outside 64 bits become the lowest count, as in the processor's own conversion.
     const bool representable = seconds >= -0x1p63 && seconds < 0x1p63;
     const auto whole = representable ? static_cast<std::int64_t>(seconds) : lowest;
     const std::uint64_t microseconds = static_cast<std::uint64_t>(whole) * 1'000'000U;

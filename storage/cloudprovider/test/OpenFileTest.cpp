@@ -113,7 +113,7 @@ TEST_F(OpenFileTest, PartsOfNoSizeTakeNoBytes)
     const auto stream = openStored({6}, 0);
     EXPECT_EQ(write(*stream, "012345"), 6);
     EXPECT_EQ(outcome([&] { write(*stream, "6"); }), "ByteStreamWriteFailure: Unsupported: writing \"k\" at offset 6: "
-                                                     "the file cannot grow, its parts have a size of 0");
+                                                     "the file cannot grow because the part size is 0");
 }
 
 TEST_F(OpenFileTest, ReportsEarlierUploadsThatStillFailBeforeItWritesMore)

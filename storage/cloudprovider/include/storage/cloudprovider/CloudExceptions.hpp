@@ -10,11 +10,11 @@
 namespace storage::cloudprovider
 {
 
-/// Base of every failure that a CloudClient reports, and that the provider's own rules raise.
+/// Base of all failures that a CloudClient reports or that the provider raises itself.
 ///
-/// what() is the kind of failure in fixed words; detail(), when there is one, tells a person doing what, on which key,
-/// and why it failed. The provider hands the detail on to the framework beside the framework's error code.
-/// Values: copying is cheap enough for exceptions and never throws anything but std::bad_alloc.
+/// what() names the kind of failure. detail(), when present, is a message for people: which operation failed, on which
+/// key, and why. The provider passes the detail to the framework together with the framework's error code.
+/// Copying may throw std::bad_alloc and nothing else.
 class CLOUDPROVIDER_EXPORT CloudException : public std::runtime_error
 {
 public:
@@ -24,14 +24,14 @@ public:
     {
     }
 
-    /// The explanation given by whoever threw; empty when there is none.
+    /// The message given to the constructor, if any.
     const std::optional<std::string>& detail() const noexcept { return m_detail; }
 
 private:
     std::optional<std::string> m_detail;
 };
 
-/// Something stands already where something was to be created. Framework code 3.
+/// The file, folder or object to be created exists already. Framework code 3.
 class CLOUDPROVIDER_EXPORT ResourceAlreadyExistsException : public CloudException
 {
 public:
@@ -51,7 +51,7 @@ public:
     }
 };
 
-/// The store has no such operation. Framework code 11.
+/// The store does not support the operation. Framework code 11.
 class CLOUDPROVIDER_EXPORT UnsupportedOperationException : public CloudException
 {
 public:
@@ -71,7 +71,7 @@ public:
     }
 };
 
-/// The folder still has content. Framework code 0.
+/// The folder to be removed has content. Framework code 0.
 class CLOUDPROVIDER_EXPORT FolderNotEmptyException : public CloudException
 {
 public:
@@ -81,28 +81,29 @@ public:
     }
 };
 
-/// The store does not know who is asking. Thrown by clients only, in their own words. Framework code 2.
+/// The store rejects the credentials. Only clients throw it; they choose the message. Framework code 2.
 class CLOUDPROVIDER_EXPORT InvalidCredentialsException : public CloudException
 {
 public:
     using CloudException::CloudException;
 };
 
-/// The name or address is none that the store accepts. Thrown by clients only, in their own words. Framework code 1.
+/// The store does not accept the name or address. Only clients throw it; they choose the message. Framework code 1.
 class CLOUDPROVIDER_EXPORT InvalidLocationException : public CloudException
 {
 public:
     using CloudException::CloudException;
 };
 
-/// The store knows who is asking and refuses. Thrown by clients only, in their own words. Framework code 2.
+/// The credentials are valid but do not allow the operation. Only clients throw it; they choose the message. Framework
+/// code 2.
 class CLOUDPROVIDER_EXPORT PermissionDeniedException : public CloudException
 {
 public:
     using CloudException::CloudException;
 };
 
-/// Anything else that went wrong in the store or in local buffers, in the thrower's own words. Framework code 9.
+/// Any other failure of the store or of local buffers, with a message of its own. Framework code 9.
 class CLOUDPROVIDER_EXPORT UnknownErrorException : public CloudException
 {
 public:

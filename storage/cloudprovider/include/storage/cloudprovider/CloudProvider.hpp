@@ -11,34 +11,35 @@
 namespace storage::cloudprovider
 {
 
-/// How folders exist in the store.
+/// How the store represents folders.
 enum class FolderPolicy : std::uint32_t
 {
-    MarkerObjects = 0, ///< a folder has an empty object under its key; it can be created, be empty and carry a time
-    KeyPrefixes = 1,   ///< a folder is what the keys below it imply; it cannot be created and is never empty. Any
-                       ///< other value means the same
+    MarkerObjects = 0, ///< a folder has an empty object under its key: it can be created, can be empty and has a time
+    KeyPrefixes = 1,   ///< a folder exists while keys below it exist: it cannot be created and is never empty. Any
+                       ///< other value means the same.
 };
 
 /// A flat object store as a tree of files and folders.
 ///
-/// Operations are those of the framework's IProvider; hosts call its public ones. What is not named below keeps the
-/// framework's default. Every failure is a framework Exception that names the resolved IRI. Any thread may call any
-/// operation at any time; nothing here locks, and checks are not atomic with what follows them. A failed operation
-/// leaves the store as the client left it: nothing is rolled back.
+/// Implements the framework's IProvider; hosts call the public operations there. Operations that are not overridden
+/// here keep the framework's default. Every failure is a framework Exception that names the resolved IRI. Any thread
+/// may call any operation at any time. The provider does not lock, so a check is not atomic with the operation that
+/// follows it. Nothing is rolled back: after a failure the store is as the client left it.
 ///
-/// - A file is one object. It can be created where no parent folder exists: the parent is implied from then on.
+/// - A file is one object. It can be created without a parent folder; its key then implies the parent.
 /// - Files are read and written through streams (openStream, openReadOnlyStream); see OpenFileManager.
-/// - Removing a file that is missing is no failure; removing or moving one that is open is (InUse). Open files go by
-///   their IRI: a stream under another spelling of the same key is not seen.
-/// - Moving and copying read and write the contents through streams. A failed copy may leave a partial destination, but
-///   never removes its source. Moving or copying a file onto itself changes nothing.
-/// - A move refuses a destination that is a folder (AlreadyExists), one that is a file under ReplacementPolicy::Fail
-///   (AlreadyExists), one that is open (InUse), and policies that it does not know (Unsupported). A copy refuses an
-///   existing file under the policies 0 and 4, and a folder if the provider was built to check; onto a file that is
-///   open it writes into what the streams there share, and the last of them to close stores it.
-/// - Recursive removal stops at the first failure and keeps what it had removed.
+/// - Removing a missing file is not an error. Removing or moving an open file fails (InUse). Open files are identified
+///   by their IRI: a stream opened under another spelling of the same key is not detected.
+/// - Moving and copying read and write the contents through streams. If the copy fails, the source remains and the
+///   destination may be incomplete. Moving or copying a file onto itself changes nothing.
+/// - A move fails if the destination is a folder (AlreadyExists), is a file and the policy is ReplacementPolicy::Fail
+///   (AlreadyExists), or is open (InUse), and if the policy is unknown (Unsupported).
+/// - A copy fails if the destination is a file and the policy is 0 or 4, or if it is a folder and the provider was
+///   built to check for that (AlreadyExists). If the destination is open, the copy writes into the contents that its
+///   streams share, and the last of them to close stores the result.
+/// - Recursive removal stops at the first failure. Entries removed before that stay removed.
 /// - Folders cannot be moved; times and permissions cannot be set (Unsupported).
-/// - Listings fetch a page at a time while the caller advances; the first page is fetched by the call itself.
+/// - A listing fetches one page at a time as the caller advances. The call that returns it fetches the first page.
 class CLOUDPROVIDER_EXPORT CloudProvider : public foundation::storage::provider::IProvider
 {
 public:
@@ -84,11 +85,11 @@ private:
     const bool m_checkFolderOnCopy;
 };
 
-/// Make a provider over a store. Makes no call to the store and checks nothing.
+/// Build a provider for a store. Does not call the store and does not check the arguments.
 ///
-/// @param client             shared with every iterator, open file and upload of the provider
-/// @param policy             how folders exist
-/// @param checkFolderOnCopy  whether copying refuses a destination that is an existing folder; costs a listing a copy
+/// @param client             shared with all iterators, open files and uploads of the provider
+/// @param policy             how the store represents folders
+/// @param checkFolderOnCopy  whether copying onto an existing folder fails; costs one listing request per copy
 CLOUDPROVIDER_EXPORT std::shared_ptr<CloudProvider> buildCloudProvider(
     std::shared_ptr<CloudClient> client, FolderPolicy policy, bool checkFolderOnCopy);
 

@@ -1,4 +1,4 @@
 #pragma once
 
-/// Marks what libcloudprovider.so offers to hosts; every other symbol of it is hidden.
+/// Marks the symbols that libcloudprovider.so exports; all others are hidden.
 #define CLOUDPROVIDER_EXPORT __attribute__((visibility("default")))
