@@ -38,7 +38,7 @@ private:
     std::deque<CacheEntry> m_entries; // guarded by m_mutex; oldest first
     std::uint64_t m_total = 0;        // guarded by m_mutex; bytes of all entries
     const std::uint64_t m_limit;
-    std::mutex m_mutex; // taken alone
+    std::mutex m_mutex; // taken under the file's stream lock; no lock is taken while it is held
 };
 
 } // namespace storage::cloudprovider

@@ -110,9 +110,10 @@ private:
     std::deque<UploadTask> m_queue;        // oldest first; at most one task per part
     std::set<std::size_t> m_partsInFlight; // indexes of the parts that are being transferred
 
-    // Nothing but a part's mutex is locked while this one is held, and no part's is held when it is taken. Held while
-    // the upload is opened, completed or aborted: two first parts must not open two uploads. Released during transfers
-    // and while a DoneCallback runs.
+    // Lock order: the file's stream lock, then this one, then a part's mutex (taken by a RecordSource). The stream lock
+    // is usually held when this one is taken; the parts mutex, the cache's mutex and a part's mutex never are. Held
+    // while the upload is opened, completed or aborted, so that two first parts do not open two uploads. Not held
+    // during transfers and while a DoneCallback runs.
     mutable std::mutex m_mutex;
 };
 

@@ -144,7 +144,9 @@ private:
     const std::size_t m_maxSize;
     const OpenFileContextSharedPtr m_context;
 
-    // The innermost lock of the part layer: nothing is locked and no store is called while it is held.
+    // Innermost lock: may be taken under the stream lock, the parts mutex or the upload manager's mutex. While it is
+    // held, no other lock is taken and the store is not called. Only local storage is: the buffer is mapped, unmapped
+    // or given disk space.
     mutable std::mutex m_mutex;
     std::condition_variable m_changed; // m_buffer or m_openCount changed; a woken opener wakes the next one
 };

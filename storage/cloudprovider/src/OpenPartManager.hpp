@@ -96,10 +96,14 @@ private:
     const std::unique_ptr<MultipartUploadManager> m_uploadManager;
     const OpenFileContextSharedPtr m_context;
 
-    // Lock order: m_streamLock, m_partsMutex, a part's mutex. The cache's and the upload manager's mutex are taken
-    // alone. m_streamLock is shared by those who open and close parts and repeat uploads, transfers included, and
-    // exclusive for registering streams and for the final flush. m_partsMutex is released before a part is loaded or
-    // sent.
+    // Lock order: m_streamLock, then one of these three:
+    //   - m_partsMutex, then a part's mutex;
+    //   - the upload manager's mutex, then a part's mutex;
+    //   - the cache's mutex.
+    // m_partsMutex, the upload manager's mutex and the cache's mutex are never held together. m_partsMutex and the
+    // upload manager's mutex are also taken without m_streamLock. m_streamLock is shared while parts are opened, closed
+    // or uploaded again, including the transfers, and exclusive while a stream is registered or unregistered, including
+    // the final flush. m_partsMutex is not held while a part is loaded or uploaded.
     boost::shared_mutex m_streamLock; // gives waiting writers precedence, which std::shared_mutex does not guarantee
 };
 
