@@ -2,7 +2,7 @@
 
 #include "Parallel.hpp"
 
-#include "protocol/Answers.hpp"
+#include "protocol/Responses.hpp"
 #include "signing/Hashing.hpp"
 
 #include <storage/clients/common/Content.hpp>
@@ -49,17 +49,17 @@ std::string joinedTag(const std::vector<std::pair<std::size_t, std::string>>& pa
 std::string MultipartUploads::create(const std::string& key, const std::string& tag)
 {
     checkKey(key);
-    return m_uploads.begin(key, tag);
+    return m_registry.begin(key, tag);
 }
 
 std::string MultipartUploads::openAtStore(Upload& upload)
 {
-    return upload.openedStoreId(
+    return upload.ensureStoreId(
         [&]
         {
             S3Request request{Operation::CreateMultipartUpload, upload.key(), "POST"};
             request.query = {{"uploads", ""}};
-            request.finishes = true; // an upload whose identifier got lost could not be aborted
+            request.uninterruptible = true; // an upload whose identifier got lost could not be aborted
             return m_requester.sendAndRead(request, readNewUpload);
         });
 }
@@ -69,7 +69,7 @@ UploadLimits MultipartUploads::limitsFor(const std::string& key) const
     UploadLimits limits{.equalParts = m_capabilities.equalParts, .pinnedCopies = m_capabilities.conditionalCopies};
     if (!m_capabilities.copiesAnyKey && key.find('%') != std::string::npos)
     {
-        limits.largestCopy = 0; // a store that decodes the name twice would copy another object without a word
+        limits.maxCopySize = 0; // a store that decodes the name twice would copy another object without a word
     }
     return limits;
 }
@@ -77,23 +77,23 @@ UploadLimits MultipartUploads::limitsFor(const std::string& key) const
 std::string MultipartUploads::send(
     const std::string& key, const std::string& id, const PartInfo& part, std::istream& content)
 {
-    const auto upload = m_uploads.find(key, id);
-    if (part.Index >= mostParts)
+    const auto upload = m_registry.find(key, id);
+    if (part.Index >= maxParts)
     {
         throw UnknownErrorException("Too many parts",
             fmt::format("{} has no room for part {}: the store takes {} parts of an object; write it in larger parts",
-                quoted(key), part.Index + 1, mostParts));
+                quoted(key), part.Index + 1, maxParts));
     }
-    if (!upload->isNew() && part.Size < leastPartSize && !m_capabilities.equalParts)
+    if (!upload->isNew() && part.Size < minPartSize && !m_capabilities.equalParts)
     {
         std::string bytes(part.Size, '\0');
         readContent(key, content, bytes.data(), bytes.size());
-        return Uploads::partTag(id, upload->hold(part.Index, bytes));
+        return UploadRegistry::partTag(id, upload->spoolPart(part.Index, bytes));
     }
     StreamBody body(key, content, part.Size);
     const std::string tag = sendBody(*upload, part.Index + 1, body);
-    upload->setPart(part.Index, {PartPlace::Store, tag, part.Size});
-    return Uploads::partTag(id, tag);
+    upload->setPart(part.Index, {PartPlace::Uploaded, tag, part.Size});
+    return UploadRegistry::partTag(id, tag);
 }
 
 std::string MultipartUploads::sendBody(Upload& upload, std::size_t number, RequestBody& body)
@@ -107,20 +107,20 @@ std::string MultipartUploads::sendBody(Upload& upload, std::size_t number, Reque
 
 std::string MultipartUploads::copy(const std::string& key, const std::string& id, const PartInfo& part)
 {
-    const auto upload = m_uploads.find(key, id);
+    const auto upload = m_registry.find(key, id);
     const Version source = requireSource(part, {Operation::CopyPart, key, "PUT"});
     const std::string tag = fmt::format("copy-{}-{}", source.tag, part.Offset);
     upload->setPart(part.Index, {PartPlace::Object, tag, part.Size, part.Offset, source});
-    return Uploads::partTag(id, tag);
+    return UploadRegistry::partTag(id, tag);
 }
 
 /// @return the version that the part is copied from, as it is known to be stored
 Version MultipartUploads::requireSource(const PartInfo& part, const S3Request& request)
 {
-    const auto wanted = m_uploads.versionOf(part.Tag);
+    const auto wanted = m_registry.versionOf(part.Tag);
     if (!wanted)
     {
-        throwChanged(m_requester.contextOf(request));
+        throwObjectChanged(m_requester.contextOf(request));
     }
     std::optional<Version> stored = m_versions.current(request.key);
     if (!stored || (!wanted->empty() && stored->tag != *wanted))
@@ -134,7 +134,7 @@ Version MultipartUploads::requireSource(const PartInfo& part, const S3Request& r
     }
     if (!wanted->empty() && stored->tag != *wanted)
     {
-        throwChanged(m_requester.contextOf(request));
+        throwObjectChanged(m_requester.contextOf(request));
     }
     if (part.Offset > stored->size || part.Size > stored->size - part.Offset)
     {
@@ -147,19 +147,19 @@ Version MultipartUploads::requireSource(const PartInfo& part, const S3Request& r
 
 void MultipartUploads::abort(const std::string& key, const std::string& id)
 {
-    if (!m_uploads.isOwn(id))
+    if (!m_registry.isOwn(id))
     {
         abortOfOthers(key, id);
         return;
     }
-    const auto upload = m_uploads.find(key, id);
+    const auto upload = m_registry.find(key, id);
     if (const std::string storeId = upload->storeId(); !storeId.empty())
     {
         S3Request request{Operation::AbortMultipartUpload, key, "DELETE"};
         request.query = {{"uploadId", storeId}};
         m_requester.send(request, {404}); // an upload that is gone needs no abort
     }
-    m_uploads.finish(id, upload->base());
+    m_registry.finish(id, upload->base());
 }
 
 void MultipartUploads::abortOfOthers(const std::string& key, const std::string& storeId)
@@ -170,59 +170,59 @@ void MultipartUploads::abortOfOthers(const std::string& key, const std::string& 
     }
     S3Request request{Operation::AbortMultipartUpload, key, "DELETE"};
     request.query = {{"uploadId", storeId}};
-    const auto inDoubt = [&](bool isNow)
+    const auto setUnconfirmed = [&](bool isUnconfirmed)
     {
         const std::lock_guard lock(m_mutex);
-        return isNow ? m_abortsInDoubt.insert(storeId).second : m_abortsInDoubt.erase(storeId) != 0;
+        return isUnconfirmed ? m_unconfirmedAborts.insert(storeId).second : m_unconfirmedAborts.erase(storeId) != 0;
     };
     try
     {
         const HttpResponse response = m_requester.send(request, {404});
-        if (!inDoubt(false) && response.status == 404)
+        if (!setUnconfirmed(false) && response.status == 404)
         {
-            throwAnswered(m_requester.contextOf(request), response);
+            throwErrorResponse(m_requester.contextOf(request), response);
         }
     }
     catch (const TransientException&)
     {
-        inDoubt(true);
+        setUnconfirmed(true);
         throw;
     }
 }
 
 void MultipartUploads::complete(const std::string& key, const std::string& id, const std::vector<PartInfo>& parts)
 {
-    const auto upload = m_uploads.find(key, id);
+    const auto upload = m_registry.find(key, id);
     const Completion completion = prepare(*upload, id, parts);
-    const std::size_t madeBefore = upload->madeCount();
+    const std::size_t doneBefore = upload->doneCount();
     try
     {
-        m_uploads.finish(id, makeObject(*upload, completion));
+        m_registry.finish(id, assembleObject(*upload, completion));
     }
     catch (const TransientException& failure)
     {
-        const bool madeProgress = upload->madeCount() > madeBefore; // never more often than there are planned parts
+        const bool madeProgress = upload->doneCount() > doneBefore; // never more often than there are planned parts
         throw TransientException(failure.what(), failure.detail(), failure.retryAfter(), madeProgress);
     }
     catch (...)
     {
-        if (!upload->endInDoubt()) // else it was all right, and tells whether the object has come
+        if (!upload->isOutcomeUnknown()) // else it was all right, and tells whether the object has come
         {
-            upload->forgetMade(); // it may be of another version than the one found when all this is tried again
+            upload->forgetDone(); // it may be of another version than the one found when all this is tried again
         }
         throw;
     }
 }
 
 /// @return the new object's entity tag
-std::string MultipartUploads::makeObject(Upload& upload, const Completion& completion)
+std::string MultipartUploads::assembleObject(Upload& upload, const Completion& completion)
 {
-    const NumberedTags parts = makeParts(upload, completion);
+    const NumberedTags parts = transferParts(upload, completion);
     // Not before: parts may take minutes and change no object, and what is opened meanwhile should be pinned as ever.
     KnownVersions::Write write(m_versions, upload.key());
     try
     {
-        std::string tag = endUpload(upload, completion, parts);
+        std::string tag = finishUpload(upload, completion, parts);
         if (!tag.empty())
         {
             write.succeeded({tag, completion.plan.size});
@@ -231,7 +231,7 @@ std::string MultipartUploads::makeObject(Upload& upload, const Completion& compl
     }
     catch (...)
     {
-        if (!upload.endInDoubt())
+        if (!upload.isOutcomeUnknown())
         {
             write.changedNothing();
         }
@@ -246,7 +246,7 @@ MultipartUploads::Completion MultipartUploads::prepare(
         [&](std::size_t index) -> std::optional<SentPart>
         {
             const auto part = upload.part(index);
-            return part ? std::optional(SentPart{Uploads::partTag(id, part->tag), part->size}) : std::nullopt;
+            return part ? std::optional(SentPart{UploadRegistry::partTag(id, part->tag), part->size}) : std::nullopt;
         });
     Completion completion;
     std::vector<FilePart> file;
@@ -260,7 +260,7 @@ MultipartUploads::Completion MultipartUploads::prepare(
         }
         if (!completion.source.tag.empty() && completion.source.tag != part.source.tag)
         {
-            throwChanged(m_requester.contextOf({Operation::CompleteMultipartUpload, upload.key(), "POST"}));
+            throwObjectChanged(m_requester.contextOf({Operation::CompleteMultipartUpload, upload.key(), "POST"}));
         }
         completion.source = part.source;
     }
@@ -277,7 +277,7 @@ MultipartUploads::Completion MultipartUploads::prepare(
 }
 
 /// Have the store make what it does not have yet.
-MultipartUploads::NumberedTags MultipartUploads::makeParts(Upload& upload, const Completion& completion)
+MultipartUploads::NumberedTags MultipartUploads::transferParts(Upload& upload, const Completion& completion)
 {
     NumberedTags tags;
     Tasks copies;
@@ -291,7 +291,7 @@ MultipartUploads::NumberedTags MultipartUploads::makeParts(Upload& upload, const
         {
             tags.back().second = upload.part(part.number - 1).value().tag;
         }
-        else if (const auto made = upload.made(part))
+        else if (const auto made = upload.doneTag(part))
         {
             tags.back().second = *made;
         }
@@ -303,8 +303,8 @@ MultipartUploads::NumberedTags MultipartUploads::makeParts(Upload& upload, const
             tasks.emplace_back(
                 [&, &tag = tags.back().second]
                 {
-                    tag = makePart(upload, part, completion.source);
-                    upload.setMade(part, tag);
+                    tag = transferPart(upload, part, completion.source);
+                    upload.recordDone(part, tag);
                 });
         }
     }
@@ -312,7 +312,7 @@ MultipartUploads::NumberedTags MultipartUploads::makeParts(Upload& upload, const
     return tags;
 }
 
-std::string MultipartUploads::makePart(Upload& upload, const PlannedPart& part, const Version& source)
+std::string MultipartUploads::transferPart(Upload& upload, const PlannedPart& part, const Version& source)
 {
     if (part.how == PlannedPart::How::Send)
     {
@@ -330,8 +330,8 @@ std::string MultipartUploads::makePart(Upload& upload, const PlannedPart& part, 
         request.headers.add(
             "x-amz-copy-source-range", fmt::format("bytes={}-{}", range.offset, range.offset + range.size - 1));
     }
-    request.storeWorks = true;
-    request.storeMoves = range.size * m_transfers; // as many copies of about this size may be under way
+    request.serverSideWork = true;
+    request.serverSideBytes = range.size * m_transfers; // as many copies of about this size may be under way
     return m_requester.sendAndRead(request, readCopiedPart);
 }
 
@@ -342,9 +342,9 @@ std::string MultipartUploads::gather(const Upload& upload, const PlannedPart& pa
     char* target = all.data();
     for (const PlannedBytes& bytes : part.bytes)
     {
-        if (bytes.place == PartPlace::Client)
+        if (bytes.place == PartPlace::Spooled)
         {
-            upload.readHeld(bytes, target);
+            upload.readSpooled(bytes, target);
         }
         else
         {
@@ -353,7 +353,7 @@ std::string MultipartUploads::gather(const Upload& upload, const PlannedPart& pa
             if (!m_objects.readVersion(
                     Operation::CopyPart, upload.key(), out, ByteRange{bytes.offset, bytes.size}, source))
             {
-                throwChanged(m_requester.contextOf({Operation::CopyPart, upload.key(), "GET"}));
+                throwObjectChanged(m_requester.contextOf({Operation::CopyPart, upload.key(), "GET"}));
             }
         }
         target += bytes.size;
@@ -362,16 +362,16 @@ std::string MultipartUploads::gather(const Upload& upload, const PlannedPart& pa
 }
 
 /// @return the new object's entity tag
-std::string MultipartUploads::endUpload(Upload& upload, const Completion& completion, const NumberedTags& parts)
+std::string MultipartUploads::finishUpload(Upload& upload, const Completion& completion, const NumberedTags& parts)
 {
     S3Request request{Operation::CompleteMultipartUpload, upload.key(), "POST"};
     std::string newTag = joinedTag(parts);
     const auto isDone = [&](const std::optional<ObjectInfo>& stored)
-    { return upload.endInDoubt() && stored && !newTag.empty() && stored->tag == newTag; };
+    { return upload.isOutcomeUnknown() && stored && !newTag.empty() && stored->tag == newTag; };
 
-    const bool looksAgain =
-        !completion.replaces.empty() && (completion.plan.looksAgain || !m_capabilities.conditionalCompletion);
-    if (upload.endInDoubt() || looksAgain)
+    const bool needsVersionCheck =
+        !completion.replaces.empty() && (completion.plan.needsVersionCheck || !m_capabilities.conditionalCompletion);
+    if (upload.isOutcomeUnknown() || needsVersionCheck)
     {
         // After the last copy: if the object is still that version, everything copied came from it.
         const auto stored = m_objects.info(request.operation, request.key);
@@ -381,14 +381,15 @@ std::string MultipartUploads::endUpload(Upload& upload, const Completion& comple
         }
         if (!completion.replaces.empty() && (!stored || stored->tag != completion.replaces))
         {
-            upload.endInDoubt() ? throwUnknownEnd(request) : throwChanged(m_requester.contextOf(request));
+            upload.isOutcomeUnknown() ? throwOutcomeUnknown(request)
+                                      : throwObjectChanged(m_requester.contextOf(request));
         }
     }
 
     TextBody body(writeCompletion(parts));
     request.query = {{"uploadId", upload.storeId()}};
     request.body = &body;
-    request.storeWorks = true;
+    request.serverSideWork = true;
     if (!completion.replaces.empty() && m_capabilities.conditionalCompletion)
     {
         request.headers.add("If-Match", quotedTag(completion.replaces));
@@ -400,21 +401,21 @@ std::string MultipartUploads::endUpload(Upload& upload, const Completion& comple
     }
     catch (const TransientException&)
     {
-        upload.setEndInDoubt();
-        if (!isGone(upload)) // asked first: an upload goes when its object has come, not before
+        upload.setOutcomeUnknown();
+        if (!isUploadGone(upload)) // asked first: an upload goes when its object has come, not before
         {
             throw;
         }
     }
     catch (const ResourceNotFoundException&)
     {
-        upload.setEndInDoubt();
+        upload.setOutcomeUnknown();
     }
     catch (const UnknownErrorException&)
     {
         // A request whose connection broke may have been sent twice unseen, and the second refused for what the first
         // has done.
-        upload.setEndInDoubt();
+        upload.setOutcomeUnknown();
         if (!isDone(m_objects.info(request.operation, request.key)))
         {
             throw;
@@ -424,10 +425,10 @@ std::string MultipartUploads::endUpload(Upload& upload, const Completion& comple
     {
         return newTag;
     }
-    throwUnknownEnd(request);
+    throwOutcomeUnknown(request);
 }
 
-void MultipartUploads::throwUnknownEnd(const S3Request& request)
+void MultipartUploads::throwOutcomeUnknown(const S3Request& request)
 {
     throw UnknownErrorException("Outcome unknown",
         m_requester.contextOf(request).action +
@@ -437,7 +438,7 @@ void MultipartUploads::throwUnknownEnd(const S3Request& request)
 }
 
 /// Whether the store is known to have the upload no more. A question that fails tells nothing.
-bool MultipartUploads::isGone(const Upload& upload)
+bool MultipartUploads::isUploadGone(const Upload& upload)
 {
     S3Request request{Operation::CompleteMultipartUpload, upload.key(), "GET"};
     request.query = {{"uploadId", upload.storeId()}, {"max-parts", "1"}};
@@ -467,7 +468,7 @@ std::vector<PendingUpload> MultipartUploads::pending()
         page = m_requester.sendAndRead(request, readUploads);
         for (PendingUpload& upload : page.uploads)
         {
-            upload.uploadId = m_uploads.ownIdOf(upload.uploadId).value_or(upload.uploadId);
+            upload.uploadId = m_registry.ownIdOf(upload.uploadId).value_or(upload.uploadId);
             uploads.push_back(std::move(upload));
         }
     } while (!page.nextKey.empty());

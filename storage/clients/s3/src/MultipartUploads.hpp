@@ -3,7 +3,7 @@
 #include "KnownVersions.hpp"
 #include "Objects.hpp"
 #include "UploadPlan.hpp"
-#include "Uploads.hpp"
+#include "UploadRegistry.hpp"
 
 #include "protocol/Requester.hpp"
 
@@ -62,13 +62,13 @@ private:
     Version requireSource(const cloudprovider::PartInfo& part, const S3Request& request);
     UploadLimits limitsFor(const std::string& key) const;
     Completion prepare(const Upload& upload, const std::string& id, const std::vector<cloudprovider::PartInfo>& parts);
-    std::string makeObject(Upload& upload, const Completion& completion);
-    NumberedTags makeParts(Upload& upload, const Completion& completion);
-    std::string makePart(Upload& upload, const PlannedPart& part, const Version& source);
+    std::string assembleObject(Upload& upload, const Completion& completion);
+    NumberedTags transferParts(Upload& upload, const Completion& completion);
+    std::string transferPart(Upload& upload, const PlannedPart& part, const Version& source);
     std::string gather(const Upload& upload, const PlannedPart& part, const Version& source);
-    std::string endUpload(Upload& upload, const Completion& completion, const NumberedTags& parts);
-    [[noreturn]] void throwUnknownEnd(const S3Request& request);
-    bool isGone(const Upload& upload);
+    std::string finishUpload(Upload& upload, const Completion& completion, const NumberedTags& parts);
+    [[noreturn]] void throwOutcomeUnknown(const S3Request& request);
+    bool isUploadGone(const Upload& upload);
     void abortOfOthers(const std::string& key, const std::string& storeId);
 
     Requester& m_requester;
@@ -77,9 +77,9 @@ private:
     const EndpointCapabilities m_capabilities;
     const std::size_t m_transfers; // at a time, in one completion
     const std::uint64_t m_memory;  // bytes, of what one completion sends at a time
-    Uploads m_uploads;
-    std::mutex m_mutex;                    // innermost
-    std::set<std::string> m_abortsInDoubt; // guarded by m_mutex; uploads of others whose abort got no answer
+    UploadRegistry m_registry;
+    std::mutex m_mutex;                        // innermost
+    std::set<std::string> m_unconfirmedAborts; // guarded by m_mutex; uploads of others whose abort got no answer
 };
 
 } // namespace storage::clients::s3

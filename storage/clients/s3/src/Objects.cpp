@@ -3,7 +3,7 @@
 #include "PartCutting.hpp"
 #include "RangeReceiver.hpp"
 
-#include "protocol/Answers.hpp"
+#include "protocol/Responses.hpp"
 #include "protocol/Times.hpp"
 
 #include <storage/clients/common/Content.hpp>
@@ -27,7 +27,7 @@ namespace
 {
 
 /// Whether no store can hold such a key. A lookup that says so by itself finds nothing, and that is no failure.
-bool isBeyondEveryStore(const std::string& key)
+bool exceedsKeyLimit(const std::string& key)
 {
     return key.size() > maxKeyBytes;
 }
@@ -41,13 +41,13 @@ std::string rangeField(const ByteRange& range)
 }
 
 /// In a row. Each may stand for some thousand keys that are gone, so one listing may well have many.
-constexpr unsigned mostEmptyPages = 1000;
+constexpr unsigned maxEmptyPages = 1000;
 
 } // namespace
 
 std::optional<ObjectInfo> Objects::info(Operation operation, const std::string& key)
 {
-    if (key.empty() || isBeyondEveryStore(key)) // an empty key would be the bucket
+    if (key.empty() || exceedsKeyLimit(key)) // an empty key would be the bucket
     {
         return std::nullopt;
     }
@@ -70,7 +70,7 @@ std::optional<ObjectInfo> Objects::info(Operation operation, const std::string& 
     const std::string* const time = response.headers.find("Last-Modified");
     if (!size || tag == nullptr || time == nullptr)
     {
-        throwBroken(m_requester.contextOf(request), response, "the answer lacks length, entity tag or time");
+        throwMalformedResponse(m_requester.contextOf(request), response, "the answer lacks length, entity tag or time");
     }
     return ObjectInfo{true, unquotedTag(*tag), *size, readHttpTime(*time)};
 }
@@ -98,7 +98,7 @@ void Objects::requireMissingKey(const S3Request& request, const HttpResponse& re
 {
     if (readError(response.body).code != "NoSuchKey")
     {
-        throwAnswered(m_requester.contextOf(request), response);
+        throwErrorResponse(m_requester.contextOf(request), response);
     }
 }
 
@@ -124,9 +124,9 @@ std::vector<ObjectEntry> Objects::list(const std::string& prefix, std::string& t
             [&](const std::string& document)
             {
                 ListingPage read = readListing(document);
-                if ((!token.empty() && read.nextToken == token) || ++pages > mostEmptyPages)
+                if ((!token.empty() && read.nextToken == token) || ++pages > maxEmptyPages)
                 {
-                    throw BrokenAnswer("the listing does not go on");
+                    throw MalformedResponse("the listing does not go on");
                 }
                 return read;
             });
@@ -140,7 +140,7 @@ std::vector<ObjectEntry> Objects::list(const std::string& prefix, std::string& t
 
 void Objects::remove(const std::string& key)
 {
-    if (key.empty() || isBeyondEveryStore(key)) // an empty key would be the bucket
+    if (key.empty() || exceedsKeyLimit(key)) // an empty key would be the bucket
     {
         return;
     }
@@ -159,7 +159,7 @@ std::uint64_t Objects::read(const std::string& key, std::ostream& out, std::uint
     {
         return 0;
     }
-    if (key.empty() || isBeyondEveryStore(key)) // an empty key would be a listing
+    if (key.empty() || exceedsKeyLimit(key)) // an empty key would be a listing
     {
         throw ResourceNotFoundException("getObjectRange of " + quoted(key) + " failed: there is no such object");
     }
@@ -192,7 +192,7 @@ std::uint64_t Objects::read(const std::string& key, std::ostream& out, std::uint
             return *size;
         }
     }
-    throwChanged(m_requester.contextOf({Operation::GetObjectRange, key, "GET"}));
+    throwObjectChanged(m_requester.contextOf({Operation::GetObjectRange, key, "GET"}));
 }
 
 std::optional<std::uint64_t> Objects::readVersion(Operation operation, const std::string& key, std::ostream& out,
@@ -222,7 +222,7 @@ std::optional<std::uint64_t> Objects::readVersion(Operation operation, const std
         }
         return receiver.finish(response);
     }
-    catch (const OtherVersion&)
+    catch (const VersionMismatch&)
     {
         return std::nullopt;
     }
@@ -254,7 +254,7 @@ void Objects::put(const std::string& key, std::istream& content, std::uint64_t s
 std::vector<PartInfo> Objects::parts(const std::string& key)
 {
     KnownVersions::Observation observation(m_versions, key);
-    const auto object = key.empty() || isBeyondEveryStore(key) ? std::nullopt : lookInto(key);
+    const auto object = key.empty() || exceedsKeyLimit(key) ? std::nullopt : fetchBeginning(key);
     if (!object)
     {
         throw ResourceNotFoundException("getObjectParts of " + quoted(key) + " failed: there is no such object");
@@ -266,13 +266,13 @@ std::vector<PartInfo> Objects::parts(const std::string& key)
 /// Ask what an object is with its first bytes, and keep them if they are all: whoever opens a file reads it, mostly.
 ///
 /// @return nothing when there is no such object
-std::optional<Version> Objects::lookInto(const std::string& key)
+std::optional<Version> Objects::fetchBeginning(const std::string& key)
 {
     S3Request request{Operation::GetObjectParts, key, "GET"};
     request.headers.add("Range", rangeField(beginning));
     std::ostringstream content;
     RangeReceiver receiver(
-        key, m_requester.contextOf(request), content, beginning, std::nullopt, RangeReceiver::End::Anywhere);
+        key, m_requester.contextOf(request), content, beginning, std::nullopt, RangeReceiver::End::MayExceedObject);
     const HttpResponse response = m_requester.send(
         request, {404, 416}, [&](const HttpResponse& head, std::string_view bytes) { receiver.take(head, bytes); });
     if (response.status == 404)

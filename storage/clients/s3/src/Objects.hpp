@@ -1,7 +1,7 @@
 #pragma once
 
 #include "KnownVersions.hpp"
-#include "SmallContents.hpp"
+#include "SmallObjectCache.hpp"
 
 #include "protocol/Requester.hpp"
 
@@ -55,12 +55,12 @@ public:
 
 private:
     bool existsByGet(S3Request request);
-    std::optional<Version> lookInto(const std::string& key);
+    std::optional<Version> fetchBeginning(const std::string& key);
     void requireMissingKey(const S3Request& request, const HttpResponse& response);
 
     Requester& m_requester;
     KnownVersions& m_versions;
-    SmallContents m_contents;
+    SmallObjectCache m_contents;
     const std::uint64_t m_partSize;
 };
 

@@ -11,14 +11,14 @@ std::vector<cloudprovider::PartInfo> cutIntoParts(
     std::uint64_t objectSize, const std::string& tag, std::uint64_t partSize)
 {
     constexpr std::uint64_t step = 256 << 10; // sizes that a person recognises
-    const std::uint64_t most = mostParts / 2;
-    if (objectSize > most * partSize)
+    const std::uint64_t maxCount = maxParts / 2;
+    if (objectSize > maxCount * partSize)
     {
-        partSize = (objectSize / most / step + 1) * step;
+        partSize = (objectSize / maxCount / step + 1) * step;
     }
-    if (objectSize < leastPartSize + partSize)
+    if (objectSize < minPartSize + partSize)
     {
-        partSize = std::max<std::uint64_t>(partSize, leastPartSize);
+        partSize = std::max<std::uint64_t>(partSize, minPartSize);
     }
     std::vector<cloudprovider::PartInfo> parts;
     parts.reserve(objectSize / partSize + 2);
@@ -29,7 +29,7 @@ std::vector<cloudprovider::PartInfo> cutIntoParts(
         parts.push_back({parts.size(), offset, size, tag});
         offset += size;
     } while (offset < objectSize);
-    if (parts.size() > 1 && partSize < leastPartSize)
+    if (parts.size() > 1 && partSize < minPartSize)
     {
         parts.push_back({parts.size(), offset, 0, tag});
     }

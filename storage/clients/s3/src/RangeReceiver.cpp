@@ -1,6 +1,6 @@
 #include "RangeReceiver.hpp"
 
-#include "protocol/Answers.hpp"
+#include "protocol/Responses.hpp"
 
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
@@ -74,12 +74,12 @@ std::uint64_t RangeReceiver::finish(const HttpResponse& response)
 {
     if (!m_expected || m_received != *m_expected)
     {
-        throwBroken(
+        throwMalformedResponse(
             m_context, response, fmt::format("{} bytes came instead of {}", m_received, m_expected.value_or(0)));
     }
     if (m_hash && m_hash->finish() != m_expectedHash)
     {
-        throwBroken(m_context, response, "the bytes are not those that the entity tag stands for");
+        throwMalformedResponse(m_context, response, "the bytes are not those that the entity tag stands for");
     }
     return m_received;
 }
@@ -90,12 +90,13 @@ void RangeReceiver::check(const HttpResponse& head)
     const auto length = lengthOf(head);
     if (tag == nullptr || !length)
     {
-        throwBroken(m_context, head, "the answer lacks the entity tag or its length"); // an error document, perhaps
+        throwMalformedResponse(
+            m_context, head, "the answer lacks the entity tag or its length"); // an error document, perhaps
     }
     m_object = {unquotedTag(*tag), *length};
     if (m_version && m_object.tag != m_version->tag)
     {
-        throw OtherVersion();
+        throw VersionMismatch();
     }
     if (m_range)
     {
@@ -113,7 +114,7 @@ void RangeReceiver::checkRange(const HttpResponse& head, std::uint64_t length)
 {
     if (head.status != 206)
     {
-        if (m_end == End::Anywhere && m_range->offset == 0 && length <= m_range->size)
+        if (m_end == End::MayExceedObject && m_range->offset == 0 && length <= m_range->size)
         {
             return; // the whole object
         }
@@ -124,10 +125,10 @@ void RangeReceiver::checkRange(const HttpResponse& head, std::uint64_t length)
     const auto objectSize = readNumber(place.substr(place.find('/') + 1)); // all of it when there is no slash
     if (!objectSize)
     {
-        throwBroken(m_context, head, "the answer lacks the size of the object");
+        throwMalformedResponse(m_context, head, "the answer lacks the size of the object");
     }
     const std::uint64_t asked = m_range->offset + m_range->size;
-    const std::uint64_t end = m_end == End::Anywhere ? std::min(asked, *objectSize) : asked;
+    const std::uint64_t end = m_end == End::MayExceedObject ? std::min(asked, *objectSize) : asked;
     if (end > *objectSize)
     {
         throwBeyondEnd(m_key, *m_range);
@@ -135,7 +136,7 @@ void RangeReceiver::checkRange(const HttpResponse& head, std::uint64_t length)
     if (length != end - m_range->offset ||
         place != fmt::format("bytes {}-{}/{}", m_range->offset, end - 1, *objectSize))
     {
-        throwBroken(m_context, head, "the answer has other bytes than were asked for");
+        throwMalformedResponse(m_context, head, "the answer has other bytes than were asked for");
     }
     m_object.size = *objectSize;
 }

@@ -18,7 +18,7 @@ namespace storage::clients::s3
 {
 
 /// The object is not the version that was asked for; nothing of it was taken.
-struct OtherVersion
+struct VersionMismatch
 {
 };
 
@@ -34,17 +34,18 @@ class RangeReceiver
 public:
     enum class End
     {
-        InObject, ///< the whole range must be there
-        Anywhere  ///< what there is of it will do
+        WithinObject,   ///< the whole range must be there
+        MayExceedObject ///< what there is of it will do
     };
 
     /// @param key      outlives the receiver, as `out` does
     /// @param range    not empty; nothing: the whole object
     /// @param version  nothing: any
     RangeReceiver(const std::string& key, FailureContext context, std::ostream& out, std::optional<ByteRange> range,
-        std::optional<Version> version, End end = End::InObject);
+        std::optional<Version> version, End end = End::WithinObject);
 
-    /// @throws OtherVersion, TransientException for a broken answer, UnknownErrorException for a range that ends beyond
+    /// @throws VersionMismatch, TransientException for a broken answer, UnknownErrorException for a range that ends
+    /// beyond
     ///         the object, UnsupportedOperationException when the store ignores ranges
     void take(const HttpResponse& head, std::string_view bytes);
 

@@ -19,15 +19,15 @@ using namespace cloudprovider;
 namespace
 {
 
-constexpr std::size_t mostKnownVersions = 16'384; // files open at once
+constexpr std::size_t maxKnownVersions = 16'384; // files open at once
 
 } // namespace
 
 S3Client::S3Client(const s3::S3Settings& settings)
     : m_requester(std::make_unique<s3::Requester>(settings))
-    , m_versions(std::make_unique<s3::KnownVersions>(mostKnownVersions))
+    , m_versions(std::make_unique<s3::KnownVersions>(maxKnownVersions))
     , m_objects(std::make_unique<s3::Objects>(*m_requester, *m_versions,
-          settings.capabilities.equalParts ? std::max<std::uint64_t>(settings.partSize, s3::leastPartSize)
+          settings.capabilities.equalParts ? std::max<std::uint64_t>(settings.partSize, s3::minPartSize)
                                            : settings.partSize))
     , m_uploads(std::make_unique<s3::MultipartUploads>(*m_requester, *m_versions, *m_objects, settings))
 {

@@ -38,13 +38,13 @@ bool readFlag(const std::string& name, const std::string& value)
     return value == "1";
 }
 
-std::uint64_t readNumber(const std::string& name, const std::string& value, std::uint64_t least, std::uint64_t most)
+std::uint64_t readNumber(const std::string& name, const std::string& value, std::uint64_t min, std::uint64_t max)
 {
     std::uint64_t number = 0;
     const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
-    if (error != std::errc() || end != value.data() + value.size() || number < least || number > most)
+    if (error != std::errc() || end != value.data() + value.size() || number < min || number > max)
     {
-        refuse(fmt::format("\"{}\" must be a number from {} to {}", name, least, most));
+        refuse(fmt::format("\"{}\" must be a number from {} to {}", name, min, max));
     }
     return number;
 }

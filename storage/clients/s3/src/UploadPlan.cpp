@@ -15,7 +15,7 @@ namespace
 {
 
 using How = PlannedPart::How;
-using Row = std::vector<PlannedBytes>;
+using Segments = std::vector<PlannedBytes>;
 
 [[noreturn]] void refuse(const std::string& reason)
 {
@@ -24,14 +24,14 @@ using Row = std::vector<PlannedBytes>;
 
 PlannedBytes bytesOf(const FilePart& part)
 {
-    return part.place == PartPlace::Client ? PlannedBytes{part.place, part.index, 0, part.size}
-                                           : PlannedBytes{part.place, 0, part.offset, part.size};
+    return part.place == PartPlace::Spooled ? PlannedBytes{part.place, part.index, 0, part.size}
+                                            : PlannedBytes{part.place, 0, part.offset, part.size};
 }
 
-std::uint64_t sizeOf(const Row& row)
+std::uint64_t sizeOf(const Segments& segments)
 {
     std::uint64_t size = 0;
-    for (const PlannedBytes& bytes : row)
+    for (const PlannedBytes& bytes : segments)
     {
         size += bytes.size;
     }
@@ -39,26 +39,26 @@ std::uint64_t sizeOf(const Row& row)
 }
 
 /// Put bytes at the end of a row; ranges that continue each other become one.
-void append(Row& row, const PlannedBytes& bytes)
+void append(Segments& segments, const PlannedBytes& bytes)
 {
-    if (!row.empty() && row.back().place == PartPlace::Object && bytes.place == PartPlace::Object &&
-        row.back().offset + row.back().size == bytes.offset)
+    if (!segments.empty() && segments.back().place == PartPlace::Object && bytes.place == PartPlace::Object &&
+        segments.back().offset + segments.back().size == bytes.offset)
     {
-        row.back().size += bytes.size;
+        segments.back().size += bytes.size;
     }
     else if (bytes.size > 0)
     {
-        row.push_back(bytes);
+        segments.push_back(bytes);
     }
 }
 
 /// Cut the first `size` bytes off a row.
-Row takeFront(Row& row, std::uint64_t size)
+Segments takeFront(Segments& segments, std::uint64_t size)
 {
-    Row front;
+    Segments front;
     while (size > 0)
     {
-        PlannedBytes& first = row.front();
+        PlannedBytes& first = segments.front();
         PlannedBytes taken = first;
         taken.size = std::min(size, first.size);
         front.push_back(taken);
@@ -67,7 +67,7 @@ Row takeFront(Row& row, std::uint64_t size)
         first.size -= taken.size;
         if (first.size == 0)
         {
-            row.erase(row.begin());
+            segments.erase(segments.begin());
         }
     }
     return front;
@@ -75,11 +75,11 @@ Row takeFront(Row& row, std::uint64_t size)
 
 /// Plans the bytes between two parts that were sent, which the store takes only in parts of the least size or more;
 /// at the end of the file the last part is free.
-class Stretch
+class PartRun
 {
 public:
     /// @param room  most parts that it may have
-    Stretch(const UploadLimits& limits, bool isLast, std::size_t room)
+    PartRun(const UploadLimits& limits, bool isLast, std::size_t room)
         : m_limits(limits)
         , m_isLast(isLast)
         , m_room(room)
@@ -93,37 +93,37 @@ public:
         for (std::size_t i = 0; i < m_bytes.size(); ++i)
         {
             const PlannedBytes& bytes = m_bytes[i];
-            if (bytes.place == PartPlace::Object && m_limits.largestCopy > 0)
+            if (bytes.place == PartPlace::Object && m_limits.maxCopySize > 0)
             {
-                takeFromObject(bytes, m_isLast && i + 1 == m_bytes.size());
+                addObjectRange(bytes, m_isLast && i + 1 == m_bytes.size());
             }
             else
             {
-                append(m_unsent, bytes);
+                append(m_pending, bytes);
             }
         }
-        if (!m_isLast && !m_unsent.empty() && sizeOf(m_unsent) < m_limits.leastPart)
+        if (!m_isLast && !m_pending.empty() && sizeOf(m_pending) < m_limits.minPartSize)
         {
-            fillFromBefore();
+            fillFromPrevious();
         }
         send();
-        return cut();
+        return split();
     }
 
 private:
-    void takeFromObject(PlannedBytes bytes, bool isTail)
+    void addObjectRange(PlannedBytes bytes, bool isTail)
     {
-        const std::uint64_t unsent = sizeOf(m_unsent);
-        if (unsent > 0 && unsent < m_limits.leastPart)
+        const std::uint64_t unsent = sizeOf(m_pending);
+        if (unsent > 0 && unsent < m_limits.minPartSize)
         {
-            const std::uint64_t filling = std::min(bytes.size, m_limits.leastPart - unsent);
-            append(m_unsent, {bytes.place, bytes.index, bytes.offset, filling});
+            const std::uint64_t filling = std::min(bytes.size, m_limits.minPartSize - unsent);
+            append(m_pending, {bytes.place, bytes.index, bytes.offset, filling});
             bytes.offset += filling;
             bytes.size -= filling;
         }
-        if (bytes.size < m_limits.leastPart && !isTail)
+        if (bytes.size < m_limits.minPartSize && !isTail)
         {
-            append(m_unsent, bytes); // too few for a copy
+            append(m_pending, bytes); // too few for a copy
         }
         else if (bytes.size > 0)
         {
@@ -134,30 +134,30 @@ private:
 
     void send()
     {
-        if (!m_unsent.empty())
+        if (!m_pending.empty())
         {
-            const std::uint64_t size = sizeOf(m_unsent);
-            m_parts.push_back({0, How::Send, size, std::exchange(m_unsent, {})});
+            const std::uint64_t size = sizeOf(m_pending);
+            m_parts.push_back({0, How::Send, size, std::exchange(m_pending, {})});
         }
     }
 
     /// A rest that is too small, before a part that was sent, joins the part planned last.
-    void fillFromBefore()
+    void fillFromPrevious()
     {
         if (m_parts.empty())
         {
-            refuse(fmt::format("{} bytes stand alone before a part that was sent", sizeOf(m_unsent)));
+            refuse(fmt::format("{} bytes stand alone before a part that was sent", sizeOf(m_pending)));
         }
         PlannedPart& before = m_parts.back();
-        const std::uint64_t missing = m_limits.leastPart - sizeOf(m_unsent);
-        const bool givesSome = before.how == How::Copy && before.size >= m_limits.leastPart + missing;
-        Row kept = takeFront(before.bytes, givesSome ? before.size - missing : 0);
-        Row filled = std::move(before.bytes);
-        for (const PlannedBytes& bytes : m_unsent)
+        const std::uint64_t missing = m_limits.minPartSize - sizeOf(m_pending);
+        const bool givesSome = before.how == How::Copy && before.size >= m_limits.minPartSize + missing;
+        Segments kept = takeFront(before.bytes, givesSome ? before.size - missing : 0);
+        Segments filled = std::move(before.bytes);
+        for (const PlannedBytes& bytes : m_pending)
         {
             append(filled, bytes);
         }
-        m_unsent = std::move(filled);
+        m_pending = std::move(filled);
         if (givesSome)
         {
             before.bytes = std::move(kept);
@@ -170,9 +170,9 @@ private:
     }
 
     /// Make each part as many as it takes, of about the same size.
-    std::vector<PlannedPart> cut()
+    std::vector<PlannedPart> split()
     {
-        const std::uint64_t sendSize = leastSendSize();
+        const std::uint64_t sendSize = minSendSize();
         std::vector<PlannedPart> pieces;
         for (PlannedPart& part : m_parts)
         {
@@ -189,12 +189,12 @@ private:
     /// Copies are as few as may be; what is sent is small, since it takes memory on its way.
     std::uint64_t piecesOf(const PlannedPart& part, std::uint64_t sendSize) const
     {
-        return part.how == How::Copy ? (part.size + m_limits.largestCopy - 1) / m_limits.largestCopy
+        return part.how == How::Copy ? (part.size + m_limits.maxCopySize - 1) / m_limits.maxCopySize
                                      : std::max<std::uint64_t>(part.size / sendSize, 1);
     }
 
     /// @return bytes, which any that is cut has at least, so that there are no more parts than there is room for
-    std::uint64_t leastSendSize() const
+    std::uint64_t minSendSize() const
     {
         std::uint64_t largest = 0;
         for (const PlannedPart& part : m_parts)
@@ -210,7 +210,7 @@ private:
             }
             return pieces;
         };
-        std::uint64_t size = m_limits.leastPart;
+        std::uint64_t size = m_limits.minPartSize;
         while (size < largest && count(size) > m_room)
         {
             size += size / 8 + 1;
@@ -221,8 +221,8 @@ private:
     const UploadLimits& m_limits;
     const bool m_isLast;
     const std::size_t m_room; // parts
-    Row m_bytes;
-    Row m_unsent;                     // planned to be sent with what follows
+    Segments m_bytes;
+    Segments m_pending;               // planned to be sent with what follows
     std::vector<PlannedPart> m_parts; // each as large as it can be
 };
 
@@ -232,9 +232,9 @@ std::vector<PlannedPart> planEqual(const std::vector<FilePart>& file, const Uplo
     std::vector<PlannedPart> parts;
     for (const FilePart& part : file)
     {
-        const bool isCopied = part.place == PartPlace::Object && part.size > 0 && part.size <= limits.largestCopy;
+        const bool isCopied = part.place == PartPlace::Object && part.size > 0 && part.size <= limits.maxCopySize;
         PlannedPart planned{part.index + 1, isCopied ? How::Copy : How::Send, part.size, {}};
-        if (part.place == PartPlace::Store)
+        if (part.place == PartPlace::Uploaded)
         {
             planned.how = How::Keep;
         }
@@ -262,15 +262,15 @@ std::vector<PlannedPart> planJoined(const std::vector<FilePart>& file, const Upl
     for (auto next = file.begin(); next != file.end();)
     {
         const auto sent =
-            std::find_if(next, file.end(), [](const FilePart& part) { return part.place == PartPlace::Store; });
+            std::find_if(next, file.end(), [](const FilePart& part) { return part.place == PartPlace::Uploaded; });
         const std::size_t used = parts.empty() ? 0 : parts.back().number;
-        const std::size_t end = sent == file.end() ? limits.mostParts : sent->index;
-        Stretch stretch(limits, sent == file.end(), std::max(end, used) - used);
+        const std::size_t end = sent == file.end() ? limits.maxParts : sent->index;
+        PartRun run(limits, sent == file.end(), std::max(end, used) - used);
         for (; next != sent; ++next)
         {
-            stretch.add(*next);
+            run.add(*next);
         }
-        for (PlannedPart& part : stretch.plan())
+        for (PlannedPart& part : run.plan())
         {
             part.number = (parts.empty() ? 0 : parts.back().number) + 1;
             parts.push_back(std::move(part));
@@ -301,26 +301,26 @@ UploadPlan planUpload(const std::vector<FilePart>& file, const UploadLimits& lim
     {
         plan.size += part.size;
     }
-    if (plan.size > limits.largestObject)
+    if (plan.size > limits.maxObjectSize)
     {
         refuse(
-            fmt::format("they have {} bytes together, and an object has {} at most", plan.size, limits.largestObject));
+            fmt::format("they have {} bytes together, and an object has {} at most", plan.size, limits.maxObjectSize));
     }
     plan.parts = limits.equalParts ? planEqual(file, limits) : planJoined(file, limits);
-    if (plan.parts.back().number > limits.mostParts)
+    if (plan.parts.back().number > limits.maxParts)
     {
-        refuse(fmt::format("{} of them, and it takes {}", plan.parts.back().number, limits.mostParts));
+        refuse(fmt::format("{} of them, and it takes {}", plan.parts.back().number, limits.maxParts));
     }
     for (const PlannedPart& part : plan.parts)
     {
-        if (part.size < limits.leastPart && &part != &plan.parts.back())
+        if (part.size < limits.minPartSize && &part != &plan.parts.back())
         {
             refuse(fmt::format(
-                "part {} has {} bytes, and all but the last need {}", part.number, part.size, limits.leastPart));
+                "part {} has {} bytes, and all but the last need {}", part.number, part.size, limits.minPartSize));
         }
     }
-    plan.looksAgain = !limits.pinnedCopies && std::any_of(plan.parts.begin(), plan.parts.end(),
-                                                  [](const PlannedPart& part) { return part.how == How::Copy; });
+    plan.needsVersionCheck = !limits.pinnedCopies && std::any_of(plan.parts.begin(), plan.parts.end(),
+                                                         [](const PlannedPart& part) { return part.how == How::Copy; });
     return plan;
 }
 

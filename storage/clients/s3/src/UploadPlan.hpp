@@ -8,58 +8,59 @@
 namespace storage::clients::s3
 {
 
-constexpr std::size_t mostParts = 10'000;            ///< of one object
-constexpr std::size_t leastPartSize = 5 << 20;       ///< bytes; of every part but the last
-constexpr std::uint64_t largestObject = 5ULL << 40U; ///< bytes
-constexpr std::uint64_t largestCopy = 5ULL << 30U;   ///< bytes; of one part
+constexpr std::size_t maxParts = 10'000;             ///< of one object
+constexpr std::size_t minPartSize = 5 << 20;         ///< bytes; for every part but the last
+constexpr std::uint64_t maxObjectSize = 5ULL << 40U; ///< bytes
+constexpr std::uint64_t maxCopySize = 5ULL << 30U;   ///< bytes; of one part
 
 /// What an endpoint allows.
 struct UploadLimits
 {
-    std::uint64_t leastPart = leastPartSize; ///< bytes of every part but the last; at least 1
-    std::size_t mostParts = s3::mostParts;
-    std::uint64_t largestObject = s3::largestObject; ///< bytes
-    std::uint64_t largestCopy = s3::largestCopy; ///< bytes that are copied as one part, 2 * leastPart at least; 0: none
-    bool equalParts = false;                     ///< all parts but the last must have one size
-    bool pinnedCopies = false;                   ///< a copy is refused when the object is another version
+    std::uint64_t minPartSize = s3::minPartSize; ///< bytes, for every part but the last; at least 1
+    std::size_t maxParts = s3::maxParts;
+    std::uint64_t maxObjectSize = s3::maxObjectSize; ///< bytes
+    std::uint64_t maxCopySize =
+        s3::maxCopySize;       ///< bytes copied as one part; at least 2 * minPartSize, or 0: no copies
+    bool equalParts = false;   ///< all parts but the last must have the same size
+    bool pinnedCopies = false; ///< the store refuses a copy from another version of the object
 };
 
 /// Where the bytes of a part of the file are.
 enum class PartPlace
 {
-    Store,  ///< sent; the store has them as part Index + 1
-    Client, ///< held here, to be sent
-    Object  ///< unchanged; in the stored object that the new one replaces
+    Uploaded, ///< in the store, as part Index + 1 of the upload
+    Spooled,  ///< in the upload's spool, to be sent
+    Object    ///< unchanged; in the stored object that the new one replaces
 };
 
-/// One part of the file that becomes an object. They stand in order and without gaps.
+/// One part of the file that becomes an object. The parts of a file are in order and have no gaps between them.
 struct FilePart
 {
     std::size_t index = 0;
-    PartPlace place = PartPlace::Store;
+    PartPlace place = PartPlace::Uploaded;
     std::uint64_t size = 0;   ///< bytes
     std::uint64_t offset = 0; ///< of Object: where its bytes begin in the stored object
 };
 
-/// Bytes of one place in a row.
+/// A contiguous range of bytes in one place.
 struct PlannedBytes
 {
-    PartPlace place = PartPlace::Client; ///< Client or Object
-    std::size_t index = 0;               ///< of Client: the part of the file
-    std::uint64_t offset = 0;            ///< of Client: from the part's first byte; of Object: from the object's
+    PartPlace place = PartPlace::Spooled; ///< Spooled or Object
+    std::size_t index = 0;                ///< of Spooled: the part of the file
+    std::uint64_t offset = 0;             ///< of Spooled: from the part's first byte; of Object: from the object's
     std::uint64_t size = 0;
 
     bool operator==(const PlannedBytes&) const = default;
 };
 
-/// One part of the new object, by one request.
+/// One part of the new object; takes one request.
 struct PlannedPart
 {
     enum class How
     {
-        Keep, ///< it was sent already
+        Keep, ///< it was uploaded already
         Copy, ///< the store copies `bytes`, one range of the stored object
-        Send  ///< `bytes` go over the wire; what is of the stored object is read before
+        Send  ///< the client sends `bytes`; those of the stored object are read first
     };
 
     std::size_t number = 0; ///< from 1, ascending
@@ -74,14 +75,15 @@ struct PlannedPart
 struct UploadPlan
 {
     std::vector<PlannedPart> parts;
-    std::uint64_t size = 0;  ///< bytes of the new object
-    bool looksAgain = false; ///< the object's version must be asked for after the last copy: nothing pinned the copies
+    std::uint64_t size = 0;         ///< bytes of the new object
+    bool needsVersionCheck = false; ///< some copies were not pinned: check the object's version after the last of them
 };
 
-/// Plan few requests, of kinds that an endpoint allows, for a file of these parts.
+/// Plan as few requests as possible, of the kinds that the endpoint allows, that make an object of these parts.
 ///
-/// Unchanged neighbours become one copy. What the store would refuse as too small, a changed part of a few bytes or the
-/// unchanged bytes between two of them, is sent together with what stands beside it.
+/// Adjacent unchanged parts become one copy. Bytes that the store would refuse as a part of their own because they are
+/// too few, such as a small changed part or the unchanged bytes between two of them, are sent together with their
+/// neighbours.
 /// @throws cloudprovider::UnsupportedOperationException when no list of requests keeps to the limits
 UploadPlan planUpload(const std::vector<FilePart>& file, const UploadLimits& limits);
 

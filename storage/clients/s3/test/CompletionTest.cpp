@@ -49,7 +49,7 @@ class ForgetfulStore
 public:
     ForgetfulStore(Reply second, std::string made)
         : m_second(std::move(second))
-        , m_made(std::move(made))
+        , m_done(std::move(made))
     {
     }
 
@@ -78,7 +78,7 @@ public:
         {
             return m_second;
         }
-        m_stored = m_made;
+        m_stored = m_done;
         return Reply::raw("", Reply::Then::Close);
     }
 
@@ -90,7 +90,7 @@ public:
 
 private:
     const Reply m_second;
-    const std::string m_made;
+    const std::string m_done;
     mutable std::mutex m_mutex;
     std::string m_stored = "old";
     std::vector<std::string> m_conditions; // of the completions
@@ -249,8 +249,8 @@ TEST(LongCompletionTest, WaitsLongerForLargerCopies)
         });
     S3Settings settings = settingsFor(server);
     settings.timeouts.stallBytesPerSecond = 1 << 20;
-    settings.timeouts.storeWorkWindow = std::chrono::seconds(1);
-    settings.timeouts.storeBytesPerSecond = 1 << 20;
+    settings.timeouts.serverSideStallWindow = std::chrono::seconds(1);
+    settings.timeouts.serverSideBytesPerSecond = 1 << 20;
     S3Client client(settings);
     EXPECT_NO_THROW(copyAll(client, gibi));
 }

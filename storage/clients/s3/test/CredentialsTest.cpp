@@ -87,7 +87,7 @@ protected:
         std::filesystem::remove_all(home);
     }
 
-    std::unique_ptr<CredentialsSource> over(std::unique_ptr<CredentialsPlace> place)
+    std::unique_ptr<CredentialsSource> over(std::unique_ptr<CredentialsProvider> place)
     {
         return std::make_unique<RefreshingCredentials>(std::move(place), [this] { return now.load(); });
     }
@@ -249,23 +249,23 @@ TEST_F(CredentialsTest, CountsAServiceThatNobodyHasSeenAsMissing)
 }
 
 /// Gives credentials of an hour, numbered, unless told to fail.
-struct FakePlace : CredentialsPlace
+struct FakeProvider : CredentialsProvider
 {
-    explicit FakePlace(const std::atomic<RefreshingCredentials::TimePoint>& clock)
+    explicit FakeProvider(const std::atomic<RefreshingCredentials::TimePoint>& clock)
         : now(clock)
     {
     }
 
-    Finding look() override
+    LoadResult load() override
     {
-        const std::string id = "id" + std::to_string(++looks);
-        onLook();
+        const std::string id = "id" + std::to_string(++loads);
+        onLoad();
         return IssuedCredentials{{id, "S3CRET", ""}, now.load() + 1h};
     }
 
     const std::atomic<RefreshingCredentials::TimePoint>& now;
-    std::function<void()> onLook = [] {};
-    std::atomic<int> looks = 0;
+    std::function<void()> onLoad = [] {};
+    std::atomic<int> loads = 0;
 };
 
 class RefreshTest : public CredentialsTest
@@ -276,7 +276,7 @@ protected:
     {
         now = now.load() + time;
         const std::string outcome = outcomeOf(*refreshing);
-        return {place.looks, outcome.substr(0, outcome.find_first_of("/:"))};
+        return {place.loads, outcome.substr(0, outcome.find_first_of("/:"))};
     }
 
     void expectOnAllThreads(const char* expected)
@@ -294,12 +294,12 @@ protected:
         }
     }
 
-    static void failForNow() { throw credentialsDelayed("closed"); }
+    static void failForNow() { throw credentialsUnavailable("closed"); }
     static void failForGood() { throw invalidCredentials("none"); }
 
     std::atomic<int> asking = 0;
-    FakePlace& place = *new FakePlace(now);
-    const std::unique_ptr<CredentialsSource> refreshing = over(std::unique_ptr<CredentialsPlace>(&place));
+    FakeProvider& place = *new FakeProvider(now);
+    const std::unique_ptr<CredentialsSource> refreshing = over(std::unique_ptr<CredentialsProvider>(&place));
 };
 
 using Seen = std::pair<int, std::string>;
@@ -309,19 +309,19 @@ TEST_F(RefreshTest, FetchesAnewFiveMinutesBeforeTheExpiryAndGoesOnWhenThatFails)
     EXPECT_EQ(after(0s), Seen(1, "id1"));
     EXPECT_EQ(after(55min - 1s), Seen(1, "id1"));
     EXPECT_EQ(after(1s), Seen(2, "id2"));
-    place.onLook = failForNow;
+    place.onLoad = failForNow;
     EXPECT_EQ(after(55min), Seen(3, "id2"));
     EXPECT_THAT(log, HasSubstr("could not be replaced: closed"));
     EXPECT_EQ(after(29s), Seen(3, "id2")); // left alone for a while
     EXPECT_EQ(after(1s), Seen(4, "id2"));
     EXPECT_EQ(after(5min), Seen(5, "later"));
-    place.onLook = [] {};
+    place.onLoad = [] {};
     EXPECT_EQ(after(1s), Seen(6, "id6"));
 }
 
 TEST_F(RefreshTest, RemembersForAWhileThatThereAreNone)
 {
-    place.onLook = failForGood;
+    place.onLoad = failForGood;
     EXPECT_EQ(after(0s), Seen(1, "never"));
     EXPECT_EQ(after(59s), Seen(1, "never"));
     EXPECT_EQ(after(1s), Seen(2, "never"));
@@ -342,7 +342,7 @@ TEST_F(RefreshTest, FetchesOnceForCallersThatWereRefusedTogether)
 
 TEST_F(RefreshTest, LetsOneThreadFetchForAll)
 {
-    place.onLook = [&]
+    place.onLoad = [&]
     {
         while (asking < 8) // so that the others find one looking, and wait
         {
@@ -351,12 +351,12 @@ TEST_F(RefreshTest, LetsOneThreadFetchForAll)
     };
     expectOnAllThreads("id1/");
     now = now.load() + 55min;
-    place.onLook = [&] { expectOnAllThreads("id1/"); }; // hangs if one of them waits: the old ones are valid
+    place.onLoad = [&] { expectOnAllThreads("id1/"); }; // hangs if one of them waits: the old ones are valid
     EXPECT_EQ(after(0s), Seen(2, "id2"));
     now = now.load() + 1h;
-    place.onLook = failForNow;
+    place.onLoad = failForNow;
     expectOnAllThreads("later: ");
-    EXPECT_EQ(place.looks, 3);
+    EXPECT_EQ(place.loads, 3);
 }
 
 TEST_F(CredentialsTest, ReadsTheEnvironmentOfTheProcess)

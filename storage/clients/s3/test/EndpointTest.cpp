@@ -33,7 +33,7 @@ namespace http = boost::beast::http;
 
 const std::string otherTag = "\"00000000000000000000000000000000\"";
 
-constexpr std::size_t leastPart = 5 << 20; // bytes, of one that is not the last
+constexpr std::size_t minPartSize = 5 << 20; // bytes, of one that is not the last
 
 /// Asks the endpoint without the client, about an object "key" unless told otherwise.
 class Asker
@@ -176,7 +176,7 @@ const std::vector<Fact> facts{
     {"HEAD tells of the parts of an object",
         [](Asker& asker)
         {
-            return asker.join(leastPart, 2) == 200 &&
+            return asker.join(minPartSize, 2) == 200 &&
                    *asker.ask(Operation::GetObjectInfo, "HEAD", {{"partNumber", "2"}}).headers.find("Content-Length") ==
                        "4";
         },
@@ -184,7 +184,7 @@ const std::vector<Fact> facts{
     {"GET reads a part of an object",
         [](Asker& asker)
         {
-            return asker.join(leastPart, 2) == 200 &&
+            return asker.join(minPartSize, 2) == 200 &&
                    asker.ask(Operation::GetObjectRange, "GET", {{"partNumber", "2"}}).body == "part";
         },
         false},
@@ -206,8 +206,8 @@ const std::vector<Fact> facts{
             return asker.put({{"x-amz-checksum-crc32", "AAAAAA=="}}) == 400;
         },
         false},
-    {"a part before the last may be short", [](Asker& asker) { return asker.join(leastPart - 1, 2) == 200; }, false},
-    {"numbers of parts may have gaps", [](Asker& asker) { return asker.join(leastPart, 3) == 200; }, true},
+    {"a part before the last may be short", [](Asker& asker) { return asker.join(minPartSize - 1, 2) == 200; }, false},
+    {"numbers of parts may have gaps", [](Asker& asker) { return asker.join(minPartSize, 3) == 200; }, true},
     {"a key may have 1,025 bytes",
         [](Asker& asker)
         {

@@ -1,4 +1,4 @@
-#include "StruckBucket.hpp"
+#include "FaultyBucket.hpp"
 
 #include "protocol/Requester.hpp"
 
@@ -162,16 +162,16 @@ const char* name(Mode mode)
     return std::array{"BareOnce", "RetryOnce", "RetryForGood"}.at(static_cast<std::size_t>(mode));
 }
 
-class FaultTest : public StruckBucket, public testing::WithParamInterface<Fault>
+class FaultTest : public FaultyBucket, public testing::WithParamInterface<Fault>
 {
 protected:
     FaultTest()
-        : StruckBucket(GetParam())
+        : FaultyBucket(GetParam())
     {
     }
 
-    const bool isMoved = fault == Fault::Moved301 || fault == Fault::Moved307 || fault == Fault::Moved400;
-    const bool isCured = isMoved || fault == Fault::Expired400; // by the client itself
+    const bool hasFollowedRegion = fault == Fault::Moved301 || fault == Fault::Moved307 || fault == Fault::Moved400;
+    const bool isCured = hasFollowedRegion || fault == Fault::Expired400; // by the client itself
     const bool isHopeless = fault == Fault::Precondition412 || fault == Fault::Denied403;
 
     /// @return whether there was a request of that number
@@ -205,7 +205,7 @@ protected:
             EXPECT_EQ(dynamic_cast<const TransientException*>(&exception) != nullptr, !isCured && !isHopeless) << text;
             EXPECT_EQ(dynamic_cast<const PermissionDeniedException*>(&exception) != nullptr, fault == Fault::Denied403)
                 << text;
-            EXPECT_EQ(dynamic_cast<const InvalidLocationException*>(&exception) != nullptr, isMoved) << text;
+            EXPECT_EQ(dynamic_cast<const InvalidLocationException*>(&exception) != nullptr, hasFollowedRegion) << text;
             EXPECT_THAT(text, testing::HasSubstr(std::string(name(row.operation))));
         }
         const auto elapsed = std::chrono::steady_clock::now() - begin;
@@ -243,7 +243,7 @@ protected:
             // A second was asked for, and of that the naps count; time that passes between them is slept through.
             EXPECT_EQ(time.slept() >= std::chrono::milliseconds(500), struck) << "Retry-After was not obeyed";
         }
-        if (isMoved && mode != Mode::RetryForGood && struck)
+        if (hasFollowedRegion && mode != Mode::RetryForGood && struck)
         {
             EXPECT_THAT(std::string(seen.back().head["Authorization"]), testing::HasSubstr("/elsewhere/s3/"));
         }

@@ -1,5 +1,5 @@
+#include "FaultyBucket.hpp"
 #include "FileSession.hpp"
-#include "StruckBucket.hpp"
 #include "awaitThreads.hpp"
 
 #include <storage/clients/decorators/RetryingClient.hpp>
@@ -19,11 +19,11 @@ using clients::test::Request;
 const std::string fresh = "the new content";
 
 /// Whole files, as a host writes them.
-class FileFaultTest : public StruckBucket, public testing::WithParamInterface<std::tuple<Ahead, Fault>>
+class FileFaultTest : public FaultyBucket, public testing::WithParamInterface<std::tuple<Ahead, Fault>>
 {
 protected:
     FileFaultTest()
-        : StruckBucket(std::get<1>(GetParam()))
+        : FaultyBucket(std::get<1>(GetParam()))
     {
     }
 

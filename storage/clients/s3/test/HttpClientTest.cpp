@@ -208,7 +208,7 @@ TEST_F(HttpClientTest, AnInterruptEndsWhatBeganBeforeIt)
     EXPECT_EQ(failureOf(interruptible, {.method = "DELETE", .url = server.url()}), std::nullopt);
     interrupted = false;
     EXPECT_EQ(failureOf(interruptible,
-                  {.method = "GET", .url = server.url() + "/silent", .stallWindow = 2s, .finishes = true}),
+                  {.method = "GET", .url = server.url() + "/silent", .stallWindow = 2s, .uninterruptible = true}),
         Kind::Stalled);
 }
 
@@ -248,7 +248,7 @@ TEST_F(HttpClientTest, TellsWhoCannotBeReached)
     {
         LoopbackServer server(echo);
         EXPECT_EQ(failureOf(client, {.method = "GET", .url = server.url()}), Kind::Unreachable);
-        EXPECT_EQ(failureOf(client, {.method = "GET", .url = server.url(), .direct = true}), std::nullopt);
+        EXPECT_EQ(failureOf(client, {.method = "GET", .url = server.url(), .bypassProxy = true}), std::nullopt);
     }
     ::unsetenv("http_proxy");
 }

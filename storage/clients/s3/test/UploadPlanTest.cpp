@@ -73,7 +73,7 @@ Origin originOf(const UploadPlan& plan)
     {
         if (part.how == How::Keep)
         {
-            origin.add(PartPlace::Store, part.number - 1, 0, part.size);
+            origin.add(PartPlace::Uploaded, part.number - 1, 0, part.size);
         }
         for (const PlannedBytes& bytes : part.bytes)
         {
@@ -98,19 +98,19 @@ void expectWithin(const UploadLimits& limits, const UploadPlan& plan, std::uint6
             sum += bytes.size;
         }
         EXPECT_EQ(sum, part.how == How::Keep ? 0 : part.size);
-        EXPECT_TRUE(part.size >= limits.leastPart || isLast) << "part of " << part.size << " bytes";
+        EXPECT_TRUE(part.size >= limits.minPartSize || isLast) << "part of " << part.size << " bytes";
         EXPECT_GT(part.number, i == 0 ? 0 : plan.parts[i - 1].number);
-        EXPECT_LE(part.number, limits.mostParts);
+        EXPECT_LE(part.number, limits.maxParts);
         if (part.how == How::Copy)
         {
             copies = true;
-            EXPECT_LE(part.size, limits.largestCopy);
+            EXPECT_LE(part.size, limits.maxCopySize);
             ASSERT_EQ(part.bytes.size(), 1U);
             EXPECT_EQ(part.bytes[0].place, PartPlace::Object);
         }
         if (part.how == How::Send && !limits.equalParts)
         {
-            EXPECT_LT(part.size, std::max(2 * limits.leastPart, forced)) << "more than memory should hold";
+            EXPECT_LT(part.size, std::max(2 * limits.minPartSize, forced)) << "more than memory should hold";
         }
         if (limits.equalParts && !isLast)
         {
@@ -119,8 +119,8 @@ void expectWithin(const UploadLimits& limits, const UploadPlan& plan, std::uint6
         size += part.size;
     }
     EXPECT_EQ(plan.size, size);
-    EXPECT_LE(plan.size, limits.largestObject);
-    EXPECT_EQ(plan.looksAgain, copies && !limits.pinnedCopies);
+    EXPECT_LE(plan.size, limits.maxObjectSize);
+    EXPECT_EQ(plan.needsVersionCheck, copies && !limits.pinnedCopies);
 }
 
 TEST(UploadPlanTest, KeepsToEveryLimitAndLosesNoByte)
@@ -129,20 +129,20 @@ TEST(UploadPlanTest, KeepsToEveryLimitAndLosesNoByte)
     const auto roll = [&](std::uint64_t most) { return std::uniform_int_distribution<std::uint64_t>(0, most)(random); };
     for (int round = 0; round < 20'000 && !testing::Test::HasFailure(); ++round)
     {
-        UploadLimits limits{.leastPart = 1 + roll(20), .mostParts = 1 + roll(40)};
-        limits.largestObject = 1 + roll(1'000);
-        limits.largestCopy = roll(4) == 0 ? 0 : 2 * limits.leastPart + roll(100);
+        UploadLimits limits{.minPartSize = 1 + roll(20), .maxParts = 1 + roll(40)};
+        limits.maxObjectSize = 1 + roll(1'000);
+        limits.maxCopySize = roll(4) == 0 ? 0 : 2 * limits.minPartSize + roll(100);
         limits.equalParts = roll(5) == 0;
         limits.pinnedCopies = roll(1) == 0;
         const bool isLegal = roll(1) == 0; // as parts that the store itself has
-        const std::uint64_t least = isLegal ? limits.leastPart : 1;
-        const std::uint64_t more = isLegal && limits.largestCopy > 0 ? limits.largestCopy - least : 60;
+        const std::uint64_t least = isLegal ? limits.minPartSize : 1;
+        const std::uint64_t more = isLegal && limits.maxCopySize > 0 ? limits.maxCopySize - least : 60;
         const std::uint64_t common = least + roll(std::min<std::uint64_t>(more, 30));
         std::vector<FilePart> file;
         std::uint64_t objectEnd = 0;
         std::uint64_t largest = 0;
         std::uint64_t total = 0;
-        for (std::size_t i = 0, count = 1 + roll(isLegal ? std::min<std::uint64_t>(limits.mostParts - 1, 30) : 30);
+        for (std::size_t i = 0, count = 1 + roll(isLegal ? std::min<std::uint64_t>(limits.maxParts - 1, 30) : 30);
              i < count; ++i)
         {
             const auto place = static_cast<PartPlace>(roll(9) < 6 ? 2 : roll(1));
@@ -157,7 +157,7 @@ TEST(UploadPlanTest, KeepsToEveryLimitAndLosesNoByte)
         }
         SCOPED_TRACE(testing::Message() << "round " << round);
         const auto plan = tryPlan(file, limits);
-        EXPECT_TRUE(plan || !isLegal || total > limits.largestObject);
+        EXPECT_TRUE(plan || !isLegal || total > limits.maxObjectSize);
         if (plan)
         {
             expectWithin(limits, *plan, isLegal ? 2 * largest : std::numeric_limits<std::uint64_t>::max());
@@ -174,26 +174,25 @@ std::vector<FilePart> patched(
     for (const auto& part : cutIntoParts(objectSize, "tag", partSize))
     {
         const bool isChanged = part.Index >= first && part.Index <= last;
-        file.push_back({part.Index, isChanged ? PartPlace::Client : PartPlace::Object, part.Size, part.Offset});
+        file.push_back({part.Index, isChanged ? PartPlace::Spooled : PartPlace::Object, part.Size, part.Offset});
     }
     while (appended > 0)
     {
         // The last part grows to the size of new ones first.
         FilePart& end = file.back();
-        const std::uint64_t grown =
-            std::min(appended, leastPartSize - std::min<std::uint64_t>(end.size, leastPartSize));
-        end.place = grown > 0 ? PartPlace::Client : end.place;
+        const std::uint64_t grown = std::min(appended, minPartSize - std::min<std::uint64_t>(end.size, minPartSize));
+        end.place = grown > 0 ? PartPlace::Spooled : end.place;
         end.size += grown;
         appended -= grown;
         if (appended > 0)
         {
-            file.push_back({end.index + 1, PartPlace::Client, 0, 0});
+            file.push_back({end.index + 1, PartPlace::Spooled, 0, 0});
         }
     }
     for (FilePart& part : file)
     {
-        const bool isSent = part.place == PartPlace::Client && part.size >= leastPartSize;
-        part.place = isSent ? PartPlace::Store : part.place;
+        const bool isSent = part.place == PartPlace::Spooled && part.size >= minPartSize;
+        part.place = isSent ? PartPlace::Uploaded : part.place;
     }
     return file;
 }
@@ -211,9 +210,9 @@ TEST(UploadPlanTest, PlansEveryPatchOfAnObjectAsItIsCut)
         const std::size_t first = roll(count);
         const auto file =
             patched(objectSize, cut, first, first + (roll(1) == 0 ? 0 : roll(20)), roll(3) * roll(9 * mebi));
-        for (const std::uint64_t copies : {largestCopy, std::uint64_t()})
+        for (const std::uint64_t copies : {maxCopySize, std::uint64_t()})
         {
-            const UploadLimits limits{.largestCopy = copies};
+            const UploadLimits limits{.maxCopySize = copies};
             SCOPED_TRACE(testing::Message() << count << " parts, changed from " << first << ", of " << objectSize
                                             << " bytes in parts of " << cut << ", round " << round);
             const auto plan = tryPlan(file, limits);
@@ -248,11 +247,11 @@ TEST(PartCuttingTest, LeavesRoomForGrowthAndCutsNothingTooSmall)
     for (const std::uint64_t cut : {mebi / 16, mebi / 4, mebi, 5 * mebi})
     {
         for (const std::uint64_t size : {std::uint64_t(0), std::uint64_t(1), cut, 5 * mebi, 5 * mebi + 1, 6 * mebi,
-                 5000 * cut, 5000 * cut + 1, 25 * gibi, 5000 * gibi, largestObject})
+                 5000 * cut, 5000 * cut + 1, 25 * gibi, 5000 * gibi, maxObjectSize})
         {
             const auto parts = cutIntoParts(size, "tag", cut);
-            EXPECT_LE(parts.size(), mostParts / 2 + 1);
-            const bool hasEmptyEnd = parts.size() > 1 && parts[0].Size < leastPartSize;
+            EXPECT_LE(parts.size(), maxParts / 2 + 1);
+            const bool hasEmptyEnd = parts.size() > 1 && parts[0].Size < minPartSize;
             EXPECT_EQ(parts.back().Size == 0, hasEmptyEnd || size == 0);
             std::uint64_t end = 0;
             for (const auto& part : parts)
@@ -263,7 +262,7 @@ TEST(PartCuttingTest, LeavesRoomForGrowthAndCutsNothingTooSmall)
             }
             EXPECT_EQ(end, size);
             const std::uint64_t beforeLast = parts[parts.size() - (hasEmptyEnd ? 2 : 1)].Offset;
-            EXPECT_TRUE(beforeLast == 0 || beforeLast >= leastPartSize) << size << " bytes";
+            EXPECT_TRUE(beforeLast == 0 || beforeLast >= minPartSize) << size << " bytes";
         }
     }
 }

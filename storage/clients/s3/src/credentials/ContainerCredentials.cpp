@@ -104,7 +104,7 @@ ContainerCredentials::ContainerCredentials(Environment environment)
 {
 }
 
-CredentialsPlace::Finding ContainerCredentials::look()
+CredentialsProvider::LoadResult ContainerCredentials::load()
 {
     const auto url = address(m_environment);
     if (!url)
@@ -127,7 +127,7 @@ CredentialsPlace::Finding ContainerCredentials::look()
         const std::string detail = service.name() + " does not answer: " + failure.what();
         if (failure.isTransient())
         {
-            throw credentialsDelayed(detail);
+            throw credentialsUnavailable(detail);
         }
         throw invalidCredentials(detail);
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "CredentialsPlace.hpp"
+#include "CredentialsProvider.hpp"
 #include "Environment.hpp"
 
 #include <optional>
@@ -11,12 +11,12 @@ namespace storage::clients::s3
 class MetadataService;
 
 /// The endpoint from which the host of a container gives it credentials.
-class ContainerCredentials : public CredentialsPlace
+class ContainerCredentials : public CredentialsProvider
 {
 public:
     explicit ContainerCredentials(Environment environment);
 
-    Finding look() override;
+    LoadResult load() override;
 
     /// The address to ask; nothing when no variable names one.
     ///

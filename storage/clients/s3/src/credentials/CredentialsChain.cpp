@@ -12,23 +12,23 @@ CredentialsChain::CredentialsChain(const Environment& environment, const std::st
 {
     if (profile.empty())
     {
-        m_places.push_back(std::make_unique<EnvironmentCredentials>(environment));
+        m_providers.push_back(std::make_unique<EnvironmentCredentials>(environment));
     }
-    m_places.push_back(std::make_unique<ProfileCredentials>(environment, profile));
-    m_places.push_back(std::make_unique<ContainerCredentials>(environment));
-    m_places.push_back(std::make_unique<MachineCredentials>(environment));
+    m_providers.push_back(std::make_unique<ProfileCredentials>(environment, profile));
+    m_providers.push_back(std::make_unique<ContainerCredentials>(environment));
+    m_providers.push_back(std::make_unique<MachineCredentials>(environment));
 }
 
-CredentialsPlace::Finding CredentialsChain::look()
+CredentialsProvider::LoadResult CredentialsChain::load()
 {
     std::string reasons;
-    for (const auto& place : m_places)
+    for (const auto& provider : m_providers)
     {
-        Finding finding = place->look();
-        const auto* none = std::get_if<NoCredentials>(&finding);
+        LoadResult result = provider->load();
+        const auto* none = std::get_if<NoCredentials>(&result);
         if (none == nullptr)
         {
-            return finding;
+            return result;
         }
         reasons += (reasons.empty() ? "" : "; ") + none->reason;
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "CredentialsPlace.hpp"
+#include "CredentialsProvider.hpp"
 #include "Environment.hpp"
 
 #include <memory>
@@ -11,17 +11,17 @@ namespace storage::clients::s3
 {
 
 /// The places where defaultCredentials() looks; the first that has credentials counts.
-class CredentialsChain : public CredentialsPlace
+class CredentialsChain : public CredentialsProvider
 {
 public:
     CredentialsChain(const Environment& environment, const std::string& profile);
 
     /// @return the reasons of all places when none has any
     /// @throws what a place throws; the places after it are not asked
-    Finding look() override;
+    LoadResult load() override;
 
 private:
-    std::vector<std::unique_ptr<CredentialsPlace>> m_places;
+    std::vector<std::unique_ptr<CredentialsProvider>> m_providers;
 };
 
 } // namespace storage::clients::s3

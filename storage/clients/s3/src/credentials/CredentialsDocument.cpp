@@ -16,9 +16,9 @@ namespace
 
 using Document = boost::property_tree::ptree;
 
-CredentialsDocumentFault badExpiry()
+CredentialsDocumentError badExpiry()
 {
-    return CredentialsDocumentFault("its time of expiry is none");
+    return CredentialsDocumentError("its time of expiry is none");
 }
 
 /// Takes digits and the mark after them off the front of the text.
@@ -92,17 +92,17 @@ IssuedCredentials readCredentialsDocument(const std::string& text)
     }
     catch (const boost::property_tree::json_parser_error&)
     {
-        throw CredentialsDocumentFault("it is no JSON");
+        throw CredentialsDocumentError("it is no JSON");
     }
     if (const auto code = document.get<std::string>("Code", "Success"); code != "Success")
     {
-        throw CredentialsDocumentFault("it reports " + code);
+        throw CredentialsDocumentError("it reports " + code);
     }
     IssuedCredentials issued{{document.get<std::string>("AccessKeyId", ""),
         document.get<std::string>("SecretAccessKey", ""), document.get<std::string>("Token", "")}};
     if (issued.credentials.keyId.empty() || issued.credentials.secret.empty())
     {
-        throw CredentialsDocumentFault("it has no keys");
+        throw CredentialsDocumentError("it has no keys");
     }
     if (const auto expiry = document.get_optional<std::string>("Expiration"))
     {

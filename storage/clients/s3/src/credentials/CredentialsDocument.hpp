@@ -1,6 +1,6 @@
 #pragma once
 
-#include "CredentialsPlace.hpp"
+#include "CredentialsProvider.hpp"
 
 #include <stdexcept>
 #include <string>
@@ -9,7 +9,7 @@ namespace storage::clients::s3
 {
 
 /// An answer that holds no credentials. what() says why and has nothing of the document but its code of failure.
-class CredentialsDocumentFault : public std::runtime_error
+class CredentialsDocumentError : public std::runtime_error
 {
 public:
     using std::runtime_error::runtime_error;
@@ -17,7 +17,7 @@ public:
 
 /// Read the JSON document by which containers and machines are given credentials.
 ///
-/// @throws CredentialsDocumentFault
+/// @throws CredentialsDocumentError
 IssuedCredentials readCredentialsDocument(const std::string& text);
 
 } // namespace storage::clients::s3

@@ -8,7 +8,7 @@ cloudprovider::InvalidCredentialsException invalidCredentials(const std::string&
     return cloudprovider::InvalidCredentialsException("Credentials missing or unusable", detail);
 }
 
-TransientException credentialsDelayed(const std::string& detail)
+TransientException credentialsUnavailable(const std::string& detail)
 {
     return TransientException("Credentials not available at the moment", detail);
 }

@@ -12,6 +12,6 @@ namespace storage::clients::s3
 cloudprovider::InvalidCredentialsException invalidCredentials(const std::string& detail);
 
 /// @param detail  as above
-TransientException credentialsDelayed(const std::string& detail);
+TransientException credentialsUnavailable(const std::string& detail);
 
 } // namespace storage::clients::s3

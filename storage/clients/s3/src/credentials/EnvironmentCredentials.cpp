@@ -12,7 +12,7 @@ EnvironmentCredentials::EnvironmentCredentials(Environment environment)
 {
 }
 
-CredentialsPlace::Finding EnvironmentCredentials::look()
+CredentialsProvider::LoadResult EnvironmentCredentials::load()
 {
     const std::string& keyId = m_environment["AWS_ACCESS_KEY_ID"];
     const std::string& secret = m_environment["AWS_SECRET_ACCESS_KEY"];

@@ -1,18 +1,18 @@
 #pragma once
 
-#include "CredentialsPlace.hpp"
+#include "CredentialsProvider.hpp"
 #include "Environment.hpp"
 
 namespace storage::clients::s3
 {
 
 /// Credentials in the variables themselves.
-class EnvironmentCredentials : public CredentialsPlace
+class EnvironmentCredentials : public CredentialsProvider
 {
 public:
     explicit EnvironmentCredentials(Environment environment);
 
-    Finding look() override;
+    LoadResult load() override;
 
 private:
     const Environment m_environment;

@@ -50,7 +50,7 @@ MachineCredentials::MachineCredentials(const Environment& environment)
 {
 }
 
-CredentialsPlace::Finding MachineCredentials::look()
+CredentialsProvider::LoadResult MachineCredentials::load()
 {
     if (m_isDisabled)
     {
@@ -69,13 +69,13 @@ CredentialsPlace::Finding MachineCredentials::look()
         }
         if (failure.isTransient())
         {
-            throw credentialsDelayed(detail);
+            throw credentialsUnavailable(detail);
         }
         throw invalidCredentials(detail);
     }
 }
 
-CredentialsPlace::Finding MachineCredentials::ask()
+CredentialsProvider::LoadResult MachineCredentials::ask()
 {
     HttpHeaders request;
     request.add("X-aws-ec2-metadata-token-ttl-seconds", tokenLifetime);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "CredentialsPlace.hpp"
+#include "CredentialsProvider.hpp"
 #include "Environment.hpp"
 #include "MetadataService.hpp"
 
@@ -11,16 +11,16 @@ namespace storage::clients::s3
 
 /// The metadata service of a virtual machine, version 2: a token first, then the name of the machine's role, then the
 /// role's credentials.
-class MachineCredentials : public CredentialsPlace
+class MachineCredentials : public CredentialsProvider
 {
 public:
     explicit MachineCredentials(const Environment& environment);
 
     /// That nobody answers is no failure before the service has answered once: most machines have none.
-    Finding look() override;
+    LoadResult load() override;
 
 private:
-    Finding ask();
+    LoadResult ask();
 
     const bool m_isDisabled;
     const std::string m_endpoint;

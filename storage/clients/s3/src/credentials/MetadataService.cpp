@@ -19,11 +19,11 @@ MetadataService::MetadataService(std::string name, std::chrono::milliseconds dea
 
 HttpResponse MetadataService::send(const std::string& method, const std::string& url, const HttpHeaders& headers)
 {
-    HttpResponse answer =
-        m_client.perform({.method = method, .url = url, .headers = headers, .deadline = m_deadline, .direct = true});
+    HttpResponse answer = m_client.perform(
+        {.method = method, .url = url, .headers = headers, .deadline = m_deadline, .bypassProxy = true});
     if (answer.status == 429 || answer.status >= 500)
     {
-        throw credentialsDelayed(m_name + " answers with status " + std::to_string(answer.status));
+        throw credentialsUnavailable(m_name + " answers with status " + std::to_string(answer.status));
     }
     return answer;
 }
@@ -38,7 +38,7 @@ IssuedCredentials MetadataService::read(const HttpResponse& answer) const
     {
         return readCredentialsDocument(answer.body);
     }
-    catch (const CredentialsDocumentFault& fault)
+    catch (const CredentialsDocumentError& fault)
     {
         throw invalidCredentials("what " + m_name + " answers is no document of credentials: " + fault.what());
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "CredentialsPlace.hpp"
+#include "CredentialsProvider.hpp"
 
 #include "http/HttpClient.hpp"
 

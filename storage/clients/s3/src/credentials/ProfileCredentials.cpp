@@ -83,7 +83,7 @@ ProfileCredentials::ProfileCredentials(const Environment& environment, const std
 {
 }
 
-CredentialsPlace::Finding ProfileCredentials::look()
+CredentialsProvider::LoadResult ProfileCredentials::load()
 {
     bool exists = false;
     std::string unsupported;

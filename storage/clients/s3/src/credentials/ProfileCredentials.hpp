@@ -1,6 +1,6 @@
 #pragma once
 
-#include "CredentialsPlace.hpp"
+#include "CredentialsProvider.hpp"
 #include "Environment.hpp"
 #include "SharedFile.hpp"
 
@@ -11,14 +11,14 @@ namespace storage::clients::s3
 {
 
 /// One profile of the shared files.
-class ProfileCredentials : public CredentialsPlace
+class ProfileCredentials : public CredentialsProvider
 {
 public:
     /// @param profile  empty: the one that the environment names, else "default"
     ProfileCredentials(const Environment& environment, const std::string& profile);
 
     /// A profile that was asked for by name and is in neither file is a failure; that there is no "default" is none.
-    Finding look() override;
+    LoadResult load() override;
 
     /// Empty when the profile names none or does not exist.
     /// @throws cloudprovider::InvalidCredentialsException when a file cannot be read

@@ -15,13 +15,14 @@ namespace
 
 using namespace std::chrono_literals;
 
-constexpr std::chrono::seconds ahead = 5min;    // of the expiry; a request that is signed now may wait and be repeated
-constexpr std::chrono::seconds leastKept = 10s; // a service may give the same ones until shortly before they expire
+constexpr std::chrono::seconds refreshAhead =
+    5min; // of the expiry; a request that is signed now may wait and be repeated
+constexpr std::chrono::seconds minLifetime = 10s; // a service may give the same ones until shortly before they expire
 
 // How long a look that found nothing counts.
-constexpr std::chrono::seconds missing = 60s;            // nobody sets up credentials more often
-constexpr std::chrono::seconds unanswered = 1s;          // threads that waited together fail together
-constexpr std::chrono::seconds unansweredButValid = 30s; // there is time
+constexpr std::chrono::seconds retryMissing = 60s;          // nobody sets up credentials more often
+constexpr std::chrono::seconds retryFailed = 1s;            // threads that waited together fail together
+constexpr std::chrono::seconds retryFailedWhileValid = 30s; // there is time
 
 /// A field of a request ends at a control character, and what follows would be taken for the next one. Most often it is
 /// the end of line of the file that a variable was filled from.
@@ -40,9 +41,9 @@ void checkUsable(const Credentials& credentials)
 
 } // namespace
 
-RefreshingCredentials::RefreshingCredentials(std::unique_ptr<CredentialsPlace> place, Clock clock)
+RefreshingCredentials::RefreshingCredentials(std::unique_ptr<CredentialsProvider> provider, Clock clock)
     : m_clock(std::move(clock))
-    , m_place(std::move(place))
+    , m_provider(std::move(provider))
 {
 }
 
@@ -52,25 +53,25 @@ Credentials RefreshingCredentials::credentials()
     for (;;)
     {
         const TimePoint now = m_clock();
-        if (isValid(now) && (!isDue(now) || m_isLooking))
+        if (isValid(now) && (!isDue(now) || m_isLoading))
         {
             return m_issued->credentials;
         }
-        if (m_isLooking)
+        if (m_isLoading)
         {
-            m_looked.wait(lock);
+            m_loaded.wait(lock);
         }
         else if (!isDue(now) && m_failure)
         {
             if (m_failure->isTransient)
             {
-                throw credentialsDelayed(m_failure->detail);
+                throw credentialsUnavailable(m_failure->detail);
             }
             throw invalidCredentials(m_failure->detail);
         }
         else
         {
-            look(lock);
+            load(lock);
         }
     }
 }
@@ -78,37 +79,37 @@ Credentials RefreshingCredentials::credentials()
 void RefreshingCredentials::refresh()
 {
     const std::lock_guard lock(m_mutex);
-    const auto age = m_clock() - m_lookedAt;
-    if (!m_issued || age < 0s || age >= leastKept)
+    const auto age = m_clock() - m_loadedAt;
+    if (!m_issued || age < 0s || age >= minLifetime)
     {
         m_issued.reset();
         m_failure.reset();
-        m_patience = 0s;
+        m_reloadAfter = 0s;
     }
 }
 
-void RefreshingCredentials::look(std::unique_lock<std::mutex>& lock)
+void RefreshingCredentials::load(std::unique_lock<std::mutex>& lock)
 {
-    m_isLooking = true;
+    m_isLoading = true;
     lock.unlock();
-    Outcome outcome = outcomeOfLooking();
+    Outcome outcome = tryLoad();
     lock.lock();
-    m_isLooking = false;
-    m_looked.notify_all();
-    m_lookedAt = m_clock();
-    std::visit([this](auto& result) { keep(std::move(result), m_lookedAt); }, outcome);
+    m_isLoading = false;
+    m_loaded.notify_all();
+    m_loadedAt = m_clock();
+    std::visit([this](auto& result) { keep(std::move(result), m_loadedAt); }, outcome);
 }
 
-RefreshingCredentials::Outcome RefreshingCredentials::outcomeOfLooking() noexcept
+RefreshingCredentials::Outcome RefreshingCredentials::tryLoad() noexcept
 {
     try
     {
-        auto finding = m_place->look();
-        if (const auto* none = std::get_if<NoCredentials>(&finding))
+        auto result = m_provider->load();
+        if (const auto* none = std::get_if<NoCredentials>(&result))
         {
             return Failure{false, "no credentials: " + none->reason};
         }
-        auto& issued = std::get<IssuedCredentials>(finding);
+        auto& issued = std::get<IssuedCredentials>(result);
         checkUsable(issued.credentials);
         if (issued.expiry && *issued.expiry <= m_clock())
         {
@@ -132,7 +133,8 @@ RefreshingCredentials::Outcome RefreshingCredentials::outcomeOfLooking() noexcep
 
 void RefreshingCredentials::keep(IssuedCredentials issued, TimePoint now)
 {
-    m_patience = issued.expiry ? std::max(leastKept, *issued.expiry - ahead - now) : std::chrono::seconds::max();
+    m_reloadAfter =
+        issued.expiry ? std::max(minLifetime, *issued.expiry - refreshAhead - now) : std::chrono::seconds::max();
     m_issued = std::move(issued);
     m_failure.reset();
 }
@@ -148,11 +150,11 @@ void RefreshingCredentials::keep(Failure failure, TimePoint now)
                 "Going on with the credentials at hand, which could not be replaced: " + failure.detail);
         }
         // What is valid without end is replaced only when refresh() has dropped it, so there is an expiry.
-        m_patience = std::min(unansweredButValid, m_issued->expiry.value_or(TimePoint::max()) - now);
+        m_reloadAfter = std::min(retryFailedWhileValid, m_issued->expiry.value_or(TimePoint::max()) - now);
     }
     else
     {
-        m_patience = failure.isTransient ? unanswered : missing;
+        m_reloadAfter = failure.isTransient ? retryFailed : retryMissing;
     }
     m_failure = std::move(failure);
 }
@@ -164,8 +166,8 @@ bool RefreshingCredentials::isValid(TimePoint now) const
 
 bool RefreshingCredentials::isDue(TimePoint now) const
 {
-    const auto age = now - m_lookedAt;
-    return age < 0s || age >= m_patience; // a clock that was set back says nothing
+    const auto age = now - m_loadedAt;
+    return age < 0s || age >= m_reloadAfter; // a clock that was set back says nothing
 }
 
 RefreshingCredentials::TimePoint RefreshingCredentials::systemTime()

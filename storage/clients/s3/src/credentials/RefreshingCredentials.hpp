@@ -1,6 +1,6 @@
 #pragma once
 
-#include "CredentialsPlace.hpp"
+#include "CredentialsProvider.hpp"
 
 #include <chrono>
 #include <condition_variable>
@@ -25,7 +25,7 @@ public:
     using Clock = std::function<TimePoint()>;
 
     /// @param clock  replaced by tests
-    explicit RefreshingCredentials(std::unique_ptr<CredentialsPlace> place, Clock clock = systemTime);
+    explicit RefreshingCredentials(std::unique_ptr<CredentialsProvider> provider, Clock clock = systemTime);
 
     Credentials credentials() override;
 
@@ -42,8 +42,8 @@ private:
     using Outcome = std::variant<IssuedCredentials, Failure>;
 
     /// Look, with m_mutex released meanwhile.
-    void look(std::unique_lock<std::mutex>& lock);
-    Outcome outcomeOfLooking() noexcept; // an exception would leave the others waiting for good
+    void load(std::unique_lock<std::mutex>& lock);
+    Outcome tryLoad() noexcept; // an exception would leave the others waiting for good
     void keep(IssuedCredentials issued, TimePoint now);
     void keep(Failure failure, TimePoint now);
 
@@ -53,16 +53,16 @@ private:
     static TimePoint systemTime();
 
     const Clock m_clock;
-    const std::unique_ptr<CredentialsPlace> m_place; // used by the one thread that has set m_isLooking
+    const std::unique_ptr<CredentialsProvider> m_provider; // used by the one thread that has set m_isLoading
 
     // Innermost but for the logger's; released while a thread looks.
     std::mutex m_mutex;
-    std::condition_variable m_looked;
-    bool m_isLooking = false;                  // guarded by m_mutex, as is all below
+    std::condition_variable m_loaded;
+    bool m_isLoading = false;                  // guarded by m_mutex, as is all below
     std::optional<IssuedCredentials> m_issued; // what was found last, valid or not
     std::optional<Failure> m_failure;          // of the last look
-    TimePoint m_lookedAt{};
-    std::chrono::seconds m_patience{0}; // how long after m_lookedAt the next look is due
+    TimePoint m_loadedAt{};
+    std::chrono::seconds m_reloadAfter{0}; // how long after m_loadedAt the next look is due
 };
 
 } // namespace storage::clients::s3

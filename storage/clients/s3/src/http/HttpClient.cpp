@@ -18,9 +18,9 @@ namespace storage::clients::s3
 namespace
 {
 
-constexpr std::size_t maxUnused = 64;             // connections; more than that at once are opened and closed again
-constexpr std::size_t largestKeptBody = 64 << 20; // bytes; a listing of 1,000 long keys has 2 MiB
-constexpr long bufferSize = 256 * 1024;           // bytes; fewer and larger pieces cost less
+constexpr std::size_t maxIdle = 64;           // connections; more than that at once are opened and closed again
+constexpr std::size_t maxBodySize = 64 << 20; // bytes; a listing of 1,000 long keys has 2 MiB
+constexpr long bufferSize = 256 * 1024;       // bytes; fewer and larger pieces cost less
 
 /// Nothing is ever torn down: threads and static objects of the host may still send requests while the process ends.
 /// Where the host has used OpenSSL before, its own choice stands.
@@ -106,7 +106,7 @@ public:
             set(CURLOPT_CAINFO, settings.authorities.c_str());
             set(CURLOPT_CAPATH, nullptr); // the system's folder would count beside the file
         }
-        if (request.direct)
+        if (request.bypassProxy)
         {
             set(CURLOPT_PROXY, "");
         }
@@ -137,7 +137,7 @@ public:
     HttpResponse run()
     {
         CURLcode code = runOnce();
-        if (code == CURLE_SEND_ERROR && isKept() && !m_delivered)
+        if (code == CURLE_SEND_ERROR && isReusedConnection() && !m_delivered)
         {
             // The other side closed the connection while the request went out, so it has not got the whole of it. The
             // library repeats by itself only what fails later.
@@ -176,7 +176,7 @@ private:
     }
 
     /// Whether the last run was over a connection that an earlier request had opened.
-    bool isKept() const
+    bool isReusedConnection() const
     {
         long opened = 0;
         curl_easy_getinfo(m_handle, CURLINFO_NUM_CONNECTS, &opened);
@@ -206,7 +206,7 @@ private:
     void watchInterrupts(const std::function<bool()>& interrupted)
     {
         // What begins after the interrupt cleans up, and must get through.
-        if (interrupted && !m_request.finishes && !interrupted())
+        if (interrupted && !m_request.uninterruptible && !interrupted())
         {
             m_interrupted = interrupted;
             set(CURLOPT_XFERINFOFUNCTION, &onProgress);
@@ -361,7 +361,7 @@ private:
             m_receiver(m_response, bytes);
             return;
         }
-        if (bytes.size() > largestKeptBody - m_response.body.size())
+        if (bytes.size() > maxBodySize - m_response.body.size())
         {
             throw HttpFailure(HttpFailure::Kind::Broken, "the answer is longer than any should be");
         }
@@ -390,32 +390,32 @@ HttpClient::~HttpClient() = default;
 HttpResponse HttpClient::perform(const HttpRequest& request, const Receiver& receiver)
 {
     // After a failure the handle goes with its connection, on which the rest of an old answer may still be under way.
-    std::unique_ptr<Connection> connection = take();
+    std::unique_ptr<Connection> connection = acquire();
     HttpResponse response = Transfer(connection->handle, m_settings, request, receiver).run();
-    giveBack(std::move(connection));
+    release(std::move(connection));
     return response;
 }
 
-std::unique_ptr<HttpClient::Connection> HttpClient::take()
+std::unique_ptr<HttpClient::Connection> HttpClient::acquire()
 {
     {
         const std::lock_guard lock(m_mutex);
-        if (!m_unused.empty())
+        if (!m_idle.empty())
         {
-            std::unique_ptr<Connection> connection = std::move(m_unused.back());
-            m_unused.pop_back();
+            std::unique_ptr<Connection> connection = std::move(m_idle.back());
+            m_idle.pop_back();
             return connection;
         }
     }
     return std::make_unique<Connection>();
 }
 
-void HttpClient::giveBack(std::unique_ptr<Connection> connection)
+void HttpClient::release(std::unique_ptr<Connection> connection)
 {
     const std::lock_guard lock(m_mutex);
-    if (m_unused.size() < maxUnused)
+    if (m_idle.size() < maxIdle)
     {
-        m_unused.push_back(std::move(connection));
+        m_idle.push_back(std::move(connection));
     }
 }
 

@@ -50,12 +50,12 @@ private:
     class Transfer;
     struct Connection;
 
-    std::unique_ptr<Connection> take();
-    void giveBack(std::unique_ptr<Connection> connection);
+    std::unique_ptr<Connection> acquire();
+    void release(std::unique_ptr<Connection> connection);
 
     const Settings m_settings;
-    std::mutex m_mutex;                                // innermost; never held during a request
-    std::vector<std::unique_ptr<Connection>> m_unused; // guarded by m_mutex; the one used last is taken first
+    std::mutex m_mutex;                              // innermost; never held during a request
+    std::vector<std::unique_ptr<Connection>> m_idle; // guarded by m_mutex; the one used last is taken first
 };
 
 } // namespace storage::clients::s3

@@ -41,8 +41,8 @@ struct HttpRequest
     RequestBody* body = nullptr;                            ///< borrowed during the call; null: none
     std::optional<std::chrono::seconds> stallWindow = {};   ///< in place of the client's own
     std::optional<std::chrono::milliseconds> deadline = {}; ///< for the whole request, in place of the client's own
-    bool direct = false;                                    ///< never through a proxy
-    bool finishes = false; ///< an interrupt waits for its end, since nobody could undo half of it
+    bool bypassProxy = false;                               ///< never through a proxy
+    bool uninterruptible = false; ///< an interrupt waits for its end, since nobody could undo half of it
 };
 
 struct HttpResponse

@@ -38,8 +38,8 @@ StreamBody::StreamBody(const std::string& key, std::istream& content, std::uint6
     if (m_start == unseekable)
     {
         m_content.clear();
-        m_taken.resize(size);
-        readContent(key, m_content, m_taken.data(), size);
+        m_buffered.resize(size);
+        readContent(key, m_content, m_buffered.data(), size);
     }
 }
 
@@ -61,7 +61,7 @@ std::size_t StreamBody::read(char* target, std::size_t capacity)
 {
     if (m_start == unseekable)
     {
-        return readFrom(m_taken, m_position, target, capacity);
+        return readFrom(m_buffered, m_position, target, capacity);
     }
     const std::size_t count = std::min<std::uint64_t>(capacity, m_size - m_position);
     readContent(m_key, m_content, target, count);

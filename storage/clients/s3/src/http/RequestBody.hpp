@@ -68,7 +68,7 @@ private:
     std::istream& m_content;
     const std::uint64_t m_size;
     const std::streamoff m_start; // of the content in the stream; -1: the stream cannot be sought
-    std::string m_taken;          // the whole of it, when the stream cannot be sought
+    std::string m_buffered;       // the whole of it, when the stream cannot be sought
     std::uint64_t m_position = 0;
 };
 

@@ -18,13 +18,13 @@ namespace
 
 constexpr const char* hashOfNothing = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
 
-bool saysExpired(const std::string& code)
+bool isExpiryCode(const std::string& code)
 {
     return code == "ExpiredToken" || code == "TokenRefreshRequired" || code == "InvalidToken";
 }
 
 /// A store that has begun to answer can tell of a failure only in the document.
-bool hidesFailure(const S3Request& request, const HttpResponse& response)
+bool hasErrorDocument(const S3Request& request, const HttpResponse& response)
 {
     const bool isShort = request.method == "PUT" || request.method == "DELETE";
     return isShort && isError(response.body);
@@ -45,7 +45,7 @@ std::string Requester::sentTag(const S3Request& request, const HttpResponse& res
     const std::string* const tag = response.headers.find("ETag");
     if (tag == nullptr || tag->empty())
     {
-        throwBroken(contextOf(request), response, "the answer lacks the entity tag");
+        throwMalformedResponse(contextOf(request), response, "the answer lacks the entity tag");
     }
     return unquotedTag(*tag);
 }
@@ -68,13 +68,13 @@ HttpResponse Requester::send(
 {
     const auto isGood = [&](const HttpResponse& response)
     {
-        return (response.status / 100 == 2 && !hidesFailure(request, response)) ||
+        return (response.status / 100 == 2 && !hasErrorDocument(request, response)) ||
                std::find(accepted.begin(), accepted.end(), response.status) != accepted.end();
     };
     try
     {
-        bool isMoved = false;
-        bool isRenewed = false;
+        bool hasFollowedRegion = false;
+        bool hasRefreshed = false;
         for (;;)
         {
             const BucketAddress asked = address();
@@ -84,24 +84,24 @@ HttpResponse Requester::send(
                 m_sawBucket = m_sawBucket || response.status / 100 == 2;
                 return response;
             }
-            if (!isMoved && followsRegion(response, asked))
+            if (!hasFollowedRegion && followRegion(response, asked))
             {
-                isMoved = true;
+                hasFollowedRegion = true;
             }
-            else if (!isRenewed && saysExpired(readError(response.body).code))
+            else if (!hasRefreshed && isExpiryCode(readError(response.body).code))
             {
                 m_credentials->refresh();
-                isRenewed = true;
+                hasRefreshed = true;
             }
             else
             {
-                throwAnswered(contextOf(request), response);
+                throwErrorResponse(contextOf(request), response);
             }
         }
     }
     catch (const HttpFailure& failure)
     {
-        throwUnanswered(contextOf(request), failure);
+        throwNoResponse(contextOf(request), failure);
     }
 }
 
@@ -113,13 +113,13 @@ HttpResponse Requester::sendOnce(
     HttpRequest http{request.method,
         address.origin() + context.path + (context.query.empty() ? "" : "?" + context.query), request.headers,
         request.body};
-    http.finishes = request.finishes;
-    if (request.storeWorks)
+    http.uninterruptible = request.uninterruptible;
+    if (request.serverSideWork)
     {
-        http.stallWindow =
-            m_timeouts.storeWorkWindow + std::chrono::seconds(request.storeMoves / m_timeouts.storeBytesPerSecond);
+        http.stallWindow = m_timeouts.serverSideStallWindow +
+                           std::chrono::seconds(request.serverSideBytes / m_timeouts.serverSideBytesPerSecond);
     }
-    if (request.storeMoves > 0)
+    if (request.serverSideBytes > 0)
     {
         http.deadline = std::max(m_timeouts.request, *http.stallWindow);
     }
@@ -138,7 +138,7 @@ HttpResponse Requester::sendOnce(
     return response;
 }
 
-bool Requester::followsRegion(const HttpResponse& response, const BucketAddress& asked)
+bool Requester::followRegion(const HttpResponse& response, const BucketAddress& asked)
 {
     if (response.status != 301 && response.status != 307 && response.status != 400)
     {

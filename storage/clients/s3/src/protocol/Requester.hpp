@@ -26,10 +26,10 @@ struct S3Request
     std::string method;
     QueryParameters query = {};
     HttpHeaders headers = {};
-    RequestBody* body = nullptr;  ///< borrowed; null: none
-    bool finishes = false;        ///< an interrupt waits for its end
-    bool storeWorks = false;      ///< the store moves bytes of its own before it answers
-    std::uint64_t storeMoves = 0; ///< how many, with those of requests beside this one; 0: few
+    RequestBody* body = nullptr;       ///< borrowed; null: none
+    bool uninterruptible = false;      ///< an interrupt waits for its end
+    bool serverSideWork = false;       ///< the store moves bytes of its own before it answers
+    std::uint64_t serverSideBytes = 0; ///< how many, with those of requests beside this one; 0: few
 };
 
 /// Signs requests to one bucket, sends them, and tells good answers from failures.
@@ -56,13 +56,13 @@ public:
         {
             return read(response.body);
         }
-        catch (const ErrorInAnswer& answer)
+        catch (const ErrorResponse& answer)
         {
-            throwAnswered(contextOf(request), response, answer.error());
+            throwErrorResponse(contextOf(request), response, answer.error());
         }
-        catch (const BrokenAnswer& broken)
+        catch (const MalformedResponse& broken)
         {
-            throwBroken(contextOf(request), response, broken.what());
+            throwMalformedResponse(contextOf(request), response, broken.what());
         }
     }
 
@@ -81,7 +81,7 @@ public:
 private:
     BucketAddress address();
     HttpResponse sendOnce(const S3Request& request, const BucketAddress& address, const HttpClient::Receiver& receiver);
-    bool followsRegion(const HttpResponse& response, const BucketAddress& asked);
+    bool followRegion(const HttpResponse& response, const BucketAddress& asked);
 
     const std::shared_ptr<CredentialsSource> m_credentials;
     HttpClient m_http;

@@ -137,7 +137,7 @@ std::string shown(const std::string& text)
 }
 
 /// What was asked, and who answered what.
-std::string failureBy(const FailureContext& context, const HttpResponse& response, const ErrorAnswer& error)
+std::string failureBy(const FailureContext& context, const HttpResponse& response, const ErrorDocument& error)
 {
     const std::string* const header = response.headers.find("x-amz-request-id");
     const std::string requestId = header != nullptr ? *header : error.requestId;
@@ -161,7 +161,7 @@ std::string skewHint(const HttpResponse& response)
         "this machine's clock is {} s {} the store's; set it", std::abs(ahead), ahead < 0 ? "behind" : "ahead of");
 }
 
-std::string redirectHint(const HttpResponse& response, const ErrorAnswer& error, std::string_view hint)
+std::string redirectHint(const HttpResponse& response, const ErrorDocument& error, std::string_view hint)
 {
     const std::string* const region = response.headers.find("x-amz-bucket-region");
     const std::string place = region == nullptr ? error.region : *region;
@@ -191,12 +191,12 @@ std::optional<std::chrono::milliseconds> retryAfter(const HttpResponse& response
 
 } // namespace
 
-void throwAnswered(const FailureContext& context, const HttpResponse& response)
+void throwErrorResponse(const FailureContext& context, const HttpResponse& response)
 {
-    throwAnswered(context, response, readError(response.body));
+    throwErrorResponse(context, response, readError(response.body));
 }
 
-void throwAnswered(const FailureContext& context, const HttpResponse& response, const ErrorAnswer& error)
+void throwErrorResponse(const FailureContext& context, const HttpResponse& response, const ErrorDocument& error)
 {
     const Row row = rowFor(response.status, error.code);
     std::string hint(row.hint);
@@ -246,7 +246,7 @@ void throwAnswered(const FailureContext& context, const HttpResponse& response, 
     throw UnknownErrorException("Store error", detail);
 }
 
-void throwUnanswered(const FailureContext& context, const HttpFailure& failure)
+void throwNoResponse(const FailureContext& context, const HttpFailure& failure)
 {
     const std::string detail = fmt::format("{} failed: {}: {}", context.action, context.origin, failure.what());
     switch (failure.kind())
@@ -271,12 +271,12 @@ void throwUnanswered(const FailureContext& context, const HttpFailure& failure)
     throw TransientException("Store unreachable", detail);
 }
 
-void throwBroken(const FailureContext& context, const HttpResponse& response, const std::string& reason)
+void throwMalformedResponse(const FailureContext& context, const HttpResponse& response, const std::string& reason)
 {
     throw TransientException("Broken answer", failureBy(context, response, {}) + "; " + reason);
 }
 
-void throwChanged(const FailureContext& context)
+void throwObjectChanged(const FailureContext& context)
 {
     throw UnknownErrorException("Object changed", fmt::format("{} failed: {}", context.action, changed));
 }

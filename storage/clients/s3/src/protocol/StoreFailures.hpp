@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Answers.hpp"
+#include "Responses.hpp"
 
 #include "http/HttpFailure.hpp"
 #include "http/HttpMessage.hpp"
@@ -22,18 +22,20 @@ struct FailureContext
 
 /// Throw what an answer other than a good one means.
 /// @throws cloudprovider::CloudException, TransientException when it may pass; always one of them
-[[noreturn]] void throwAnswered(const FailureContext& context, const HttpResponse& response);
+[[noreturn]] void throwErrorResponse(const FailureContext& context, const HttpResponse& response);
 
 /// The same for an error document that came with a good status.
-[[noreturn]] void throwAnswered(const FailureContext& context, const HttpResponse& response, const ErrorAnswer& error);
+[[noreturn]] void throwErrorResponse(
+    const FailureContext& context, const HttpResponse& response, const ErrorDocument& error);
 
 /// Throw what it means that there was no whole answer.
-[[noreturn]] void throwUnanswered(const FailureContext& context, const HttpFailure& failure);
+[[noreturn]] void throwNoResponse(const FailureContext& context, const HttpFailure& failure);
 
 /// Throw that an answer makes no sense, which a repeated request may cure.
-[[noreturn]] void throwBroken(const FailureContext& context, const HttpResponse& response, const std::string& reason);
+[[noreturn]] void throwMalformedResponse(
+    const FailureContext& context, const HttpResponse& response, const std::string& reason);
 
 /// Throw that the object is no longer the one that the caller knows.
-[[noreturn]] void throwChanged(const FailureContext& context);
+[[noreturn]] void throwObjectChanged(const FailureContext& context);
 
 } // namespace storage::clients::s3

@@ -18,10 +18,10 @@ struct HttpTimeouts
     long stallBytesPerSecond = 64;
 
     /// The same for copies and completions, where the store is silent while it moves bytes of its own. A copy gets the
-    /// time on top that its bytes, and as many for each of the copies beside it, take at `storeBytesPerSecond`, which
-    /// is not 0.
-    std::chrono::seconds storeWorkWindow{300};
-    std::uint64_t storeBytesPerSecond = 16 << 20;
+    /// time on top that its bytes, and as many for each of the copies beside it, take at `serverSideBytesPerSecond`,
+    /// which is not 0.
+    std::chrono::seconds serverSideStallWindow{300};
+    std::uint64_t serverSideBytesPerSecond = 16 << 20;
 
     /// The whole of one request, however steadily its bytes come; a copy may take its window where that is longer.
     std::chrono::seconds request{3'600};

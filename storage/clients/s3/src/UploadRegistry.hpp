@@ -1,7 +1,7 @@
 #pragma once
 
-#include "HeldParts.hpp"
 #include "KnownVersions.hpp"
+#include "PartSpool.hpp"
 #include "UploadPlan.hpp"
 
 #include <cstddef>
@@ -26,7 +26,7 @@ class Upload
 public:
     struct Part
     {
-        PartPlace place = PartPlace::Store;
+        PartPlace place = PartPlace::Uploaded;
         std::string tag;          ///< tells what was last sent for its index; of Store: the entity tag
         std::size_t size = 0;     ///< bytes
         std::uint64_t offset = 0; ///< of Object: where it begins in the stored object
@@ -51,7 +51,7 @@ public:
     ///
     /// @param open  opens the upload at the store and returns its identifier; called once, unless it throws: whoever
     ///              comes next then tries again
-    std::string openedStoreId(const std::function<std::string()>& open);
+    std::string ensureStoreId(const std::function<std::string()>& open);
 
     /// The same, without opening; empty as long as the store has not heard of the upload. Waits while it is opened.
     std::string storeId() const;
@@ -61,42 +61,42 @@ public:
 
     /// Keep a part's bytes here.
     /// @return its tag
-    std::string hold(std::size_t index, const std::string& bytes);
-    void readHeld(const PlannedBytes& bytes, char* target) const
+    std::string spoolPart(std::size_t index, const std::string& bytes);
+    void readSpooled(const PlannedBytes& bytes, char* target) const
     {
-        m_held.read(bytes.index, bytes.offset, target, bytes.size);
+        m_spool.read(bytes.index, bytes.offset, target, bytes.size);
     }
 
     /// Remember what the store has made of a planned part, for the case that the completion fails and is repeated.
-    void setMade(const PlannedPart& part, const std::string& tag);
+    void recordDone(const PlannedPart& part, const std::string& tag);
     /// @return its entity tag; nothing when it is still to be made
-    std::optional<std::string> made(const PlannedPart& part) const;
-    std::size_t madeCount() const;
-    void forgetMade();
+    std::optional<std::string> doneTag(const PlannedPart& part) const;
+    std::size_t doneCount() const;
+    void forgetDone();
 
     /// Whether an earlier request to end the upload was sent and its answer lost.
-    bool endInDoubt() const;
-    void setEndInDoubt();
+    bool isOutcomeUnknown() const;
+    void setOutcomeUnknown();
 
 private:
     const std::string m_key;
     const std::string m_base;
     const bool m_isNew;
-    HeldParts m_held{leastPartSize};
+    PartSpool m_spool{minPartSize};
     mutable std::mutex m_openingMutex;   // held while the store opens the upload; before m_mutex
     std::string m_storeId;               // guarded by m_openingMutex
     mutable std::mutex m_mutex;          // innermost; guards everything below
     std::map<std::size_t, Part> m_parts; // by index
-    std::map<std::size_t, std::pair<PlannedPart, std::string>> m_made; // by number; as long as no part is sent anew
-    std::uint64_t m_heldCount = 0;
-    bool m_endInDoubt = false;
+    std::map<std::size_t, std::pair<PlannedPart, std::string>> m_done; // by number; as long as no part is sent anew
+    std::uint64_t m_spoolCount = 0;
+    bool m_isOutcomeUnknown = false;
 };
 
 /// The uploads that are open, and what has become of those that ended lately. Safe for concurrent calls.
-class Uploads
+class UploadRegistry
 {
 public:
-    Uploads();
+    UploadRegistry();
 
     /// Begin one that is made from the object of which a part has that tag; empty: from none.
     /// @return its identifier, which no store makes

@@ -24,22 +24,22 @@ struct NoCredentials
 };
 
 /// Somewhere credentials may be found. Used by one thread at a time.
-class CredentialsPlace
+class CredentialsProvider
 {
 public:
-    using Finding = std::variant<IssuedCredentials, NoCredentials>;
+    using LoadResult = std::variant<IssuedCredentials, NoCredentials>;
 
-    CredentialsPlace() = default;
-    CredentialsPlace(const CredentialsPlace&) = delete;
-    CredentialsPlace& operator=(const CredentialsPlace&) = delete;
-    virtual ~CredentialsPlace() = default;
+    CredentialsProvider() = default;
+    CredentialsProvider(const CredentialsProvider&) = delete;
+    CredentialsProvider& operator=(const CredentialsProvider&) = delete;
+    virtual ~CredentialsProvider() = default;
 
     /// Look anew.
     ///
     /// @return NoCredentials when nobody has set this place up: the next one may have some
     /// @throws cloudprovider::InvalidCredentialsException when it is set up wrongly, so that going on to the next place
     ///         would use somebody else's credentials; TransientException when it does not answer at the moment
-    virtual Finding look() = 0;
+    virtual LoadResult load() = 0;
 };
 
 } // namespace storage::clients::s3

@@ -1,4 +1,4 @@
-#include "HeldParts.hpp"
+#include "PartSpool.hpp"
 
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
@@ -25,7 +25,7 @@ namespace
 
 } // namespace
 
-HeldParts::~HeldParts()
+PartSpool::~PartSpool()
 {
     if (m_file != -1)
     {
@@ -33,7 +33,7 @@ HeldParts::~HeldParts()
     }
 }
 
-int HeldParts::openedFile()
+int PartSpool::openedFile()
 {
     const std::lock_guard lock(m_mutex);
     if (m_file == -1)
@@ -49,7 +49,7 @@ int HeldParts::openedFile()
     return m_file;
 }
 
-void HeldParts::write(std::size_t index, const std::string& bytes)
+void PartSpool::write(std::size_t index, const std::string& bytes)
 {
     const int file = openedFile();
     for (std::size_t written = 0; written < bytes.size();)
@@ -64,7 +64,7 @@ void HeldParts::write(std::size_t index, const std::string& bytes)
     }
 }
 
-void HeldParts::read(std::size_t index, std::uint64_t offset, char* target, std::uint64_t size) const
+void PartSpool::read(std::size_t index, std::uint64_t offset, char* target, std::uint64_t size) const
 {
     const int file = [&]
     {

@@ -1,4 +1,4 @@
-#include "SmallContents.hpp"
+#include "SmallObjectCache.hpp"
 
 #include <algorithm>
 #include <utility>
@@ -9,25 +9,25 @@ namespace storage::clients::s3
 namespace
 {
 
-constexpr std::size_t mostContents = 128; // more than files are opened at a time; few enough to look through
+constexpr std::size_t maxEntries = 128; // more than files are opened at a time; few enough to look through
 
 } // namespace
 
-void SmallContents::keep(const std::string& key, const std::string& tag, std::string content)
+void SmallObjectCache::keep(const std::string& key, const std::string& tag, std::string content)
 {
     const std::lock_guard lock(m_mutex);
     if (const auto entry = find(key); entry != m_entries.end())
     {
         m_entries.erase(entry);
     }
-    if (m_entries.size() == mostContents)
+    if (m_entries.size() == maxEntries)
     {
         m_entries.pop_front();
     }
     m_entries.push_back({key, tag, std::move(content)});
 }
 
-std::optional<std::string> SmallContents::take(const std::string& key, const std::string& tag)
+std::optional<std::string> SmallObjectCache::take(const std::string& key, const std::string& tag)
 {
     const std::lock_guard lock(m_mutex);
     const auto entry = find(key);
@@ -40,7 +40,7 @@ std::optional<std::string> SmallContents::take(const std::string& key, const std
     return content;
 }
 
-SmallContents::Entries::iterator SmallContents::find(const std::string& key)
+SmallObjectCache::Entries::iterator SmallObjectCache::find(const std::string& key)
 {
     return std::find_if(m_entries.begin(), m_entries.end(), [&](const Entry& entry) { return entry.key == key; });
 }

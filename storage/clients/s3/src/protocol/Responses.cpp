@@ -1,4 +1,4 @@
-#include "Answers.hpp"
+#include "Responses.hpp"
 
 #include "Times.hpp"
 
@@ -27,7 +27,7 @@ std::string requiredText(const pugi::xml_node& parent, const char* name)
     std::string text = textOf(parent, name);
     if (text.empty())
     {
-        throw BrokenAnswer(std::string("the answer lacks ") + name);
+        throw MalformedResponse(std::string("the answer lacks ") + name);
     }
     return text;
 }
@@ -37,7 +37,7 @@ std::uint64_t requiredNumber(const pugi::xml_node& parent, const char* name)
     const auto number = readNumber(requiredText(parent, name));
     if (!number)
     {
-        throw BrokenAnswer(std::string("the answer has no number as ") + name);
+        throw MalformedResponse(std::string("the answer has no number as ") + name);
     }
     return *number;
 }
@@ -47,12 +47,12 @@ boost::posix_time::ptime requiredTime(const pugi::xml_node& parent, const char* 
     const auto time = readIsoTime(requiredText(parent, name));
     if (time.is_special())
     {
-        throw BrokenAnswer(std::string("the answer has no time as ") + name);
+        throw MalformedResponse(std::string("the answer has no time as ") + name);
     }
     return time;
 }
 
-ErrorAnswer errorIn(const pugi::xml_node& root)
+ErrorDocument errorIn(const pugi::xml_node& root)
 {
     return {textOf(root, "Code"), textOf(root, "Message"), textOf(root, "RequestId"), textOf(root, "Region"),
         textOf(root, "Endpoint")};
@@ -76,11 +76,11 @@ public:
         const pugi::xml_node root = m_document.document_element();
         if (result && std::string_view(root.name()) == "Error")
         {
-            throw ErrorInAnswer(errorIn(root));
+            throw ErrorResponse(errorIn(root));
         }
         if (!result || std::string_view(root.name()) != rootName)
         {
-            throw BrokenAnswer(std::string("the answer is no ") + rootName + " document");
+            throw MalformedResponse(std::string("the answer is no ") + rootName + " document");
         }
     }
 
@@ -111,10 +111,10 @@ std::optional<std::uint64_t> readNumber(std::string_view text)
     return error == std::errc() && end == text.data() + text.size() ? std::optional(number) : std::nullopt;
 }
 
-ErrorAnswer readError(const std::string& document)
+ErrorDocument readError(const std::string& document)
 {
     pugi::xml_document parsed;
-    return isError(parsed, document) ? errorIn(parsed.document_element()) : ErrorAnswer();
+    return isError(parsed, document) ? errorIn(parsed.document_element()) : ErrorDocument();
 }
 
 bool isError(const std::string& document)

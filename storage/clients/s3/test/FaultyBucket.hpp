@@ -41,10 +41,10 @@ private:
 };
 
 /// A bucket behind a proxy that lets one kind of fault happen.
-class StruckBucket : public testing::Test
+class FaultyBucket : public testing::Test
 {
 protected:
-    explicit StruckBucket(Fault struckWith)
+    explicit FaultyBucket(Fault struckWith)
         : fault(struckWith)
     {
     }
@@ -81,7 +81,7 @@ protected:
         settings.partSize = 1 << 20;                                   // fewer requests, as each of them is struck
         if (fault == Fault::StallBefore || fault == Fault::StallAfter) // on a busy machine others take a while, too
         {
-            settings.timeouts.stallWindow = settings.timeouts.storeWorkWindow = std::chrono::seconds(1);
+            settings.timeouts.stallWindow = settings.timeouts.serverSideStallWindow = std::chrono::seconds(1);
         }
         return settings;
     }

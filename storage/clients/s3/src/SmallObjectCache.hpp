@@ -12,7 +12,7 @@ namespace storage::clients::s3
 /// Contents of small objects that came with the answer that told what they are, kept for the one read that follows.
 ///
 /// Bounded: those that nobody came for make room for newer ones. Safe for concurrent calls.
-class SmallContents
+class SmallObjectCache
 {
 public:
     /// @param tag  of the version that has this content

@@ -16,7 +16,7 @@ namespace storage::clients::s3
 {
 
 /// What an error document says; every field may be empty.
-struct ErrorAnswer
+struct ErrorDocument
 {
     std::string code;
     std::string message;
@@ -26,38 +26,38 @@ struct ErrorAnswer
 };
 
 /// A document that is not the one expected: cut off, or of another kind.
-class BrokenAnswer : public std::runtime_error
+class MalformedResponse : public std::runtime_error
 {
 public:
     using std::runtime_error::runtime_error;
 };
 
 /// Instead of what was asked for, under a good status: an error document.
-class ErrorInAnswer : public std::runtime_error
+class ErrorResponse : public std::runtime_error
 {
 public:
-    explicit ErrorInAnswer(ErrorAnswer error)
+    explicit ErrorResponse(ErrorDocument error)
         : std::runtime_error("the answer is an error document")
         , m_error(std::move(error))
     {
     }
 
-    const ErrorAnswer& error() const noexcept { return m_error; }
+    const ErrorDocument& error() const noexcept { return m_error; }
 
 private:
-    ErrorAnswer m_error;
+    ErrorDocument m_error;
 };
 
 /// Read a number of digits; nothing when it is something else.
 std::optional<std::uint64_t> readNumber(std::string_view text);
 
 /// Read an error document; all fields are empty when it is none.
-ErrorAnswer readError(const std::string& document);
+ErrorDocument readError(const std::string& document);
 
 /// Whether it is an error document, even one that says nothing.
 bool isError(const std::string& document);
 
-// Each of the following throws BrokenAnswer or ErrorInAnswer.
+// Each of the following throws MalformedResponse or ErrorResponse.
 
 struct ListingPage
 {

@@ -1,4 +1,4 @@
-#include "Uploads.hpp"
+#include "UploadRegistry.hpp"
 
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
@@ -14,7 +14,7 @@ namespace storage::clients::s3
 namespace
 {
 
-constexpr std::size_t mostFinished = 4'096; // a file that is still open has ended its last upload not long ago
+constexpr std::size_t maxFinished = 4'096; // a file that is still open has ended its last upload not long ago
 
 std::string newPrefix()
 {
@@ -24,7 +24,7 @@ std::string newPrefix()
 
 } // namespace
 
-std::string Upload::openedStoreId(const std::function<std::string()>& open)
+std::string Upload::ensureStoreId(const std::function<std::string()>& open)
 {
     const std::lock_guard lock(m_openingMutex);
     if (m_storeId.empty())
@@ -44,46 +44,46 @@ void Upload::setPart(std::size_t index, Part part)
 {
     const std::lock_guard lock(m_mutex);
     m_parts[index] = std::move(part);
-    m_made.clear();
+    m_done.clear();
 }
 
-std::string Upload::hold(std::size_t index, const std::string& bytes)
+std::string Upload::spoolPart(std::size_t index, const std::string& bytes)
 {
     {
         const std::lock_guard lock(m_mutex);
         m_parts.erase(index); // its bytes may be lost when the new ones find no room
     }
-    m_held.write(index, bytes);
+    m_spool.write(index, bytes);
     const std::lock_guard lock(m_mutex);
-    std::string tag = fmt::format("held-{}", ++m_heldCount);
-    m_parts[index] = {PartPlace::Client, tag, bytes.size()};
-    m_made.clear();
+    std::string tag = fmt::format("spooled-{}", ++m_spoolCount);
+    m_parts[index] = {PartPlace::Spooled, tag, bytes.size()};
+    m_done.clear();
     return tag;
 }
 
-void Upload::setMade(const PlannedPart& part, const std::string& tag)
+void Upload::recordDone(const PlannedPart& part, const std::string& tag)
 {
     const std::lock_guard lock(m_mutex);
-    m_made[part.number] = {part, tag};
+    m_done[part.number] = {part, tag};
 }
 
-std::optional<std::string> Upload::made(const PlannedPart& part) const
+std::optional<std::string> Upload::doneTag(const PlannedPart& part) const
 {
     const std::lock_guard lock(m_mutex);
-    const auto found = m_made.find(part.number);
-    return found == m_made.end() || found->second.first != part ? std::nullopt : std::optional(found->second.second);
+    const auto found = m_done.find(part.number);
+    return found == m_done.end() || found->second.first != part ? std::nullopt : std::optional(found->second.second);
 }
 
-std::size_t Upload::madeCount() const
+std::size_t Upload::doneCount() const
 {
     const std::lock_guard lock(m_mutex);
-    return m_made.size();
+    return m_done.size();
 }
 
-void Upload::forgetMade()
+void Upload::forgetDone()
 {
     const std::lock_guard lock(m_mutex);
-    m_made.clear();
+    m_done.clear();
 }
 
 std::optional<Upload::Part> Upload::part(std::size_t index) const
@@ -93,24 +93,24 @@ std::optional<Upload::Part> Upload::part(std::size_t index) const
     return found == m_parts.end() ? std::nullopt : std::optional(found->second);
 }
 
-bool Upload::endInDoubt() const
+bool Upload::isOutcomeUnknown() const
 {
     const std::lock_guard lock(m_mutex);
-    return m_endInDoubt;
+    return m_isOutcomeUnknown;
 }
 
-void Upload::setEndInDoubt()
+void Upload::setOutcomeUnknown()
 {
     const std::lock_guard lock(m_mutex);
-    m_endInDoubt = true;
+    m_isOutcomeUnknown = true;
 }
 
-Uploads::Uploads()
+UploadRegistry::UploadRegistry()
     : m_prefix(newPrefix())
 {
 }
 
-std::string Uploads::begin(const std::string& key, const std::string& tag)
+std::string UploadRegistry::begin(const std::string& key, const std::string& tag)
 {
     const std::string base = versionOf(tag).value_or("");
     const std::lock_guard lock(m_mutex);
@@ -119,7 +119,7 @@ std::string Uploads::begin(const std::string& key, const std::string& tag)
     return id;
 }
 
-std::shared_ptr<Upload> Uploads::find(const std::string& key, const std::string& id) const
+std::shared_ptr<Upload> UploadRegistry::find(const std::string& key, const std::string& id) const
 {
     const std::lock_guard lock(m_mutex);
     const auto open = m_open.find(id);
@@ -130,7 +130,7 @@ std::shared_ptr<Upload> Uploads::find(const std::string& key, const std::string&
     return open->second;
 }
 
-void Uploads::finish(const std::string& id, const std::string& version)
+void UploadRegistry::finish(const std::string& id, const std::string& version)
 {
     const std::lock_guard lock(m_mutex);
     m_open.erase(id);
@@ -138,14 +138,14 @@ void Uploads::finish(const std::string& id, const std::string& version)
     {
         m_finishedInOrder.push_back(id);
     }
-    if (m_finished.size() > mostFinished)
+    if (m_finished.size() > maxFinished)
     {
         m_finished.erase(m_finishedInOrder.front());
         m_finishedInOrder.pop_front();
     }
 }
 
-std::optional<std::string> Uploads::ownIdOf(const std::string& storeId) const
+std::optional<std::string> UploadRegistry::ownIdOf(const std::string& storeId) const
 {
     const auto open = [&]
     {
@@ -162,7 +162,7 @@ std::optional<std::string> Uploads::ownIdOf(const std::string& storeId) const
     return std::nullopt;
 }
 
-std::optional<std::string> Uploads::versionOf(const std::string& tag) const
+std::optional<std::string> UploadRegistry::versionOf(const std::string& tag) const
 {
     if (!isOwn(tag))
     {

@@ -12,17 +12,17 @@ namespace storage::clients::s3
 ///
 /// They would take memory without bound otherwise: a file that is rewritten in place consists of them. Safe for
 /// concurrent calls on different parts.
-class HeldParts
+class PartSpool
 {
 public:
     /// @param slot  bytes that no part exceeds
-    explicit HeldParts(std::size_t slot)
+    explicit PartSpool(std::size_t slot)
         : m_slot(slot)
     {
     }
-    HeldParts(const HeldParts&) = delete;
-    HeldParts& operator=(const HeldParts&) = delete;
-    ~HeldParts();
+    PartSpool(const PartSpool&) = delete;
+    PartSpool& operator=(const PartSpool&) = delete;
+    ~PartSpool();
 
     /// Replace a part.
     /// @throws cloudprovider::UnknownErrorException when there is no room; the part's old bytes may then be gone
