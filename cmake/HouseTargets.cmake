@@ -3,23 +3,41 @@
 
 set(CLOUDPROVIDER_SANITIZE "" CACHE STRING "Value for -fsanitize=, empty for none")
 
+include(PrecompiledHeaders)
+
+# house_target(TARGET [GROUP]): GROUP says which precompiled headers, by default "libraries" or "programs".
 function(house_target target)
     get_target_property(type ${target} TYPE)
+    set(group libraries)
+    if(ARGC GREATER 1)
+        set(group ${ARGV1})
+    elseif(type STREQUAL "EXECUTABLE")
+        set(group programs)
+    endif()
+    house_set_flags(${target} ${group})
+    house_precompile_headers(${target} ${group})
+    if(NOT type STREQUAL "EXECUTABLE")
+        set_target_properties(${target} PROPERTIES VERIFY_INTERFACE_HEADER_SETS ON)
+    endif()
+endfunction()
+
+function(house_set_flags target group)
     target_compile_features(${target} PUBLIC cxx_std_20)
     set_target_properties(${target} PROPERTIES
         CXX_EXTENSIONS OFF
         CXX_VISIBILITY_PRESET hidden
         VISIBILITY_INLINES_HIDDEN ON
         POSITION_INDEPENDENT_CODE ON)
-    if(NOT type STREQUAL "EXECUTABLE")
-        set_target_properties(${target} PROPERTIES VERIFY_INTERFACE_HEADER_SETS ON)
-    endif()
     target_compile_options(${target} PRIVATE
         -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align -Wunused
         -Wconversion -Wsign-conversion -Wnull-dereference -Wdouble-promotion -Wformat=2 -Werror
         # g++ 12 takes copies of an optional for uses of what it may not hold, and the joining of a literal and a string
         # for an overlapping copy; clang and the sanitizers see the real ones.
         $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized;-Wno-restrict>)
+    if(group STREQUAL "tests")
+        # Optimising test code takes longer than it saves, and makes g++ 12 suspect the standard library of null pointers.
+        target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-Og>)
+    endif()
     if(CLOUDPROVIDER_SANITIZE)
         # Public, so that every executable that links a sanitized library is linked with its runtime.
         target_compile_options(${target} PUBLIC
@@ -37,9 +55,7 @@ function(house_add_test name)
         return()
     endif()
     add_executable(${name} ${ARG_SOURCES})
-    house_target(${name})
-    # Optimising test code takes longer than it saves, and makes g++ 12 suspect the standard library of null pointers.
-    target_compile_options(${name} PRIVATE $<$<CONFIG:Release>:-Og>)
+    house_target(${name} tests)
     target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} GTest::gmock GTest::gtest GTest::gtest_main)
     target_include_directories(${name} PRIVATE ${ARG_INCLUDES})
     include(GoogleTest)

@@ -9,6 +9,8 @@ root=$PWD
 if command -v ccache >/dev/null; then
     export CMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER-ccache}
     export CCACHE_BASEDIR=${CCACHE_BASEDIR-$root} CCACHE_NOHASHDIR=${CCACHE_NOHASHDIR-true}
+    # Without these ccache refuses sources with precompiled headers.
+    export CCACHE_SLOPPINESS=${CCACHE_SLOPPINESS-pch_defines,time_macros}
 fi
 
 # quietly LOG COMMAND…: run a command with its output in LOG; show the end of LOG only if the command fails.
