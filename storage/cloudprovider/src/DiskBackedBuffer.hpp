@@ -1,7 +1,6 @@
 #pragma once
 
 #include "DiskFile.hpp"
-#include "InternalExport.hpp"
 
 #include <storage/cloudprovider/Buffer.hpp>
 
@@ -13,7 +12,7 @@ namespace storage::cloudprovider
 {
 
 /// A buffer whose bytes are in a temporary file, which is mapped into memory while the buffer is open.
-class CLOUDPROVIDER_INTERNAL DiskBackedBuffer : public Buffer
+class DiskBackedBuffer : public Buffer
 {
 public:
     /// Create the temporary file without mapping it.

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "InternalExport.hpp"
-
 #include <fl/filesystem.hpp>
 
 #include <cstddef>
@@ -13,7 +11,7 @@ namespace storage::cloudprovider::detail
 ///
 /// It is in the system's temporary directory, has mode 0600, and is sparse: it has its full length from the start but
 /// occupies disk space only where it was written. Not thread-safe.
-class CLOUDPROVIDER_INTERNAL DiskFile
+class DiskFile
 {
 public:
     /// Create a file of `size` bytes.

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "InternalExport.hpp"
 #include "OpenPartBuffer.hpp"
 
 #include <cstdint>
@@ -14,7 +13,7 @@ namespace storage::cloudprovider
 /// Records which closed parts of one file stay loaded, and decides which to evict.
 ///
 /// The cache frees no bytes itself: the caller discards the evicted parts. Any thread may call any operation.
-class CLOUDPROVIDER_INTERNAL DownloadedPartCache
+class DownloadedPartCache
 {
 public:
     /// @param limit  maximum number of bytes to keep; 0 keeps nothing

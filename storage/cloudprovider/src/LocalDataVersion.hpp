@@ -1,7 +1,5 @@
 #pragma once
 
-#include "InternalExport.hpp"
-
 #include <cstdint>
 #include <iosfwd>
 
@@ -18,6 +16,6 @@ enum class LocalDataVersion : std::uint32_t
 };
 
 /// Print the name of the state, or nothing if the value is not an enumerator.
-CLOUDPROVIDER_INTERNAL std::ostream& operator<<(std::ostream& out, LocalDataVersion version);
+std::ostream& operator<<(std::ostream& out, LocalDataVersion version);
 
 } // namespace storage::cloudprovider

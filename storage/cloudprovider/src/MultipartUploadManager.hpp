@@ -1,6 +1,5 @@
 #pragma once
 
-#include "InternalExport.hpp"
 #include "OpenFileContext.hpp"
 
 #include <storage/cloudprovider/Buffer.hpp>
@@ -29,7 +28,7 @@ namespace storage::cloudprovider
 /// their tag.
 ///
 /// Any thread may call any operation.
-class CLOUDPROVIDER_INTERNAL MultipartUploadManager
+class MultipartUploadManager
 {
 public:
     /// Called with the tag that the store returned for the part, on the thread that transferred it, without the lock.

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "InternalExport.hpp"
 #include "OpenPartManager.hpp"
 
 #include <foundation/storage/provider/ByteStream.hpp>
@@ -17,7 +16,7 @@ namespace storage::cloudprovider
 /// Several streams may be open on one file. Each has its own position; all share the file's part manager. The current
 /// part of a stream stays open across calls until the stream leaves it, so a small read or write costs one memcpy. One
 /// thread at a time may use a stream.
-class CLOUDPROVIDER_INTERNAL OpenFileByteStream : public foundation::storage::provider::ByteStream
+class OpenFileByteStream : public foundation::storage::provider::ByteStream
 {
 public:
     using stream_offset = foundation::storage::provider::stream_offset;

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "InternalExport.hpp"
-
 #include <storage/cloudprovider/Buffer.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
 
@@ -15,7 +13,7 @@ namespace storage::cloudprovider
 {
 
 /// What the part layer needs to know about one open file. Immutable, therefore read without locks.
-struct CLOUDPROVIDER_INTERNAL OpenFileContext
+struct OpenFileContext
 {
     /// Compute the key and read the two sizes from the environment.
     /// @throws foundation::storage::provider::Exception like utils::iriToKey()
@@ -35,10 +33,10 @@ using OpenFileContextSharedPtr = std::shared_ptr<OpenFileContext>;
 /// Return the capacity of a new part in bytes: 5 MiB, or the value of ZV_CLOUD_PART_SIZE_OVERRIDE.
 ///
 /// Each call reads the variable. Any number is accepted, including 0; other text is logged and ignored.
-CLOUDPROVIDER_INTERNAL std::uint64_t partSizeFromEnvironment();
+std::uint64_t partSizeFromEnvironment();
 
 /// Return the maximum bytes of closed parts to keep loaded: 100 MiB, or the value of
 /// ZV_CLOUD_DOWNLOADED_PART_CACHE_OVERRIDE, which is read the same way.
-CLOUDPROVIDER_INTERNAL std::uint64_t downloadedPartCacheLimitFromEnvironment();
+std::uint64_t downloadedPartCacheLimitFromEnvironment();
 
 } // namespace storage::cloudprovider

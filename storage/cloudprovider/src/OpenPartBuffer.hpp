@@ -1,6 +1,5 @@
 #pragma once
 
-#include "InternalExport.hpp"
 #include "LocalDataVersion.hpp"
 #include "OpenFileContext.hpp"
 
@@ -21,7 +20,7 @@ namespace storage::cloudprovider
 ///
 /// Any thread may call any operation. Every opener may access the bytes behind data() without a lock; openers that
 /// write the same bytes concurrently must coordinate.
-class CLOUDPROVIDER_INTERNAL OpenPartBuffer : public Buffer
+class OpenPartBuffer : public Buffer
 {
 public:
     /// The address and number of the loaded bytes, both read under one lock. `data` stays valid while the part is open.

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "DownloadedPartCache.hpp"
-#include "InternalExport.hpp"
 #include "MultipartUploadManager.hpp"
 #include "OpenFileContext.hpp"
 #include "OpenPartBuffer.hpp"
@@ -31,7 +30,7 @@ struct OpenPartDevice
 ///
 /// Any thread may call any operation. Transfers run on the calling thread. The destructor does not write the file; it
 /// aborts an upload that is still open.
-class CLOUDPROVIDER_INTERNAL OpenPartManager
+class OpenPartManager
 {
 public:
     /// Start with an empty new file: one part without bytes.
