@@ -1,15 +1,48 @@
 #!/usr/bin/env bash
-# Check the format of every C++ file, then look for faults in every source that is compiled into what we ship.
+# Check the format of every C++ file, now and in each recent commit, and search every source that is shipped for faults.
 # Tests are left to the compilers and sanitizers: analysing them would double the time and find less.
 #
-# Usage: scripts/lint.sh [format|tidy]      both by default
+# Usage: scripts/lint.sh [format|tidy|ratio]      format and tidy by default
+#
+# "ratio" prints how much test code there is for each line of code, and fails when it is more than 35 %.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 check_format()
 {
-    git ls-files -z '*.cpp' '*.hpp' | xargs -0 -r clang-format-14 --dry-run -Werror
+    local base range commit file status=0
+    git ls-files -z '*.cpp' '*.hpp' | xargs -0 -r clang-format-14 --dry-run -Werror || return
+
+    # The commits that main does not have yet; on main itself, and without an upstream, the last ones.
+    base=$(git merge-base HEAD origin/main 2>/dev/null || true)
+    range=("$base..HEAD")
+    if [[ -z $base || $base == $(git rev-parse HEAD) ]]; then
+        range=(--max-count=20 HEAD)
+    fi
+    while read -r commit; do
+        while read -r file; do
+            if ! git show "$commit:$file" | clang-format-14 --dry-run -Werror --assume-filename="$root/$file"; then
+                echo "not formatted: $file in $(git log -1 --format='%h "%s"' "$commit")"
+                status=1
+            fi
+        done < <(git diff-tree --root --no-commit-id --name-only --diff-filter=d -r "$commit" -- '*.cpp' '*.hpp')
+    done < <(git rev-list --no-merges "${range[@]}")
+    return "$status"
+}
+
+# Counted are lines that are neither blank nor only a comment. The conformance suite is test code, though it is installed.
+print_ratio()
+{
+    local most=35 tests shell code
+    tests=$(git ls-files -z '*/test/*.[ch]pp' '*/testing/*.[ch]pp' | xargs -0 -r cat | grep -cvE '^\s*(//.*)?$' || true)
+    shell=$(git ls-files -z 'tools/*/test/*.sh' | xargs -0 -r cat | grep -cvE '^\s*(#.*)?$' || true)
+    code=$(git ls-files -z '*.[ch]pp' ':!:*/test/*' ':!:*/testing/*' ':!:bench/*' ':!:cmake/*' |
+        xargs -0 -r cat | grep -cvE '^\s*(//.*)?$' || true)
+    tests=$((tests + shell))
+    printf '%d lines of test code for %d lines of code: %d.%d %% (at most %d)\n' "$tests" "$code" \
+        $((tests * 100 / code)) $((tests * 1000 / code % 10)) "$most"
+    ((tests * 100 <= most * code))
 }
 
 check_tidy()
@@ -23,8 +56,12 @@ check_tidy()
 what=${1:-all}
 case $what in
     all | format | tidy) ;;
+    ratio)
+        print_ratio
+        exit
+        ;;
     *)
-        echo "usage: scripts/lint.sh [format|tidy]" >&2
+        echo "usage: scripts/lint.sh [format|tidy|ratio]" >&2
         exit 2
         ;;
 esac
