@@ -46,7 +46,7 @@ void writeContent(const std::string& key, std::ostream& out, const char* bytes, 
     if (!out.write(bytes, static_cast<std::streamsize>(size)))
     {
         throw UnknownErrorException(
-            "Content not taken", fmt::format("reading {}: the receiver did not take {} bytes", quoted(key), size));
+            "Output failed", fmt::format("reading {}: the output stream failed to take {} bytes", quoted(key), size));
     }
 }
 

@@ -16,7 +16,7 @@ namespace
 struct Character
 {
     std::uint32_t codePoint = 0;
-    std::size_t bytes = 0; // 0: the text does not begin with a well-formed character
+    std::size_t bytes = 0; // 0: the text does not begin with a valid character
 };
 
 Character firstCharacter(std::string_view text)
@@ -42,8 +42,7 @@ Character firstCharacter(std::string_view text)
         }
         codePoint = codePoint << 6 | (byteAt(i) & 0x3F);
     }
-    constexpr std::uint32_t minCodePoints[] = {
-        0, 0, 0x80, 0x800, 0x10000}; // by length: fewer would be an overlong form
+    constexpr std::uint32_t minCodePoints[] = {0, 0, 0x80, 0x800, 0x10000}; // by length; lower ones are overlong forms
     const bool surrogate = codePoint >= 0xD800 && codePoint <= 0xDFFF;
     if (codePoint < minCodePoints[bytes] || surrogate || codePoint > 0x10FFFF)
     {
@@ -108,7 +107,7 @@ void checkObjectName(const std::string& name)
 
 std::string quoted(const std::string& key)
 {
-    constexpr std::size_t maxLength = 200; // bytes; enough to recognise a key, and still one line
+    constexpr std::size_t maxLength = 200; // bytes; enough to recognise a key in a one-line message
     std::string result = "\"";
     std::string_view rest = key;
     while (!rest.empty() && key.size() - rest.size() < maxLength)

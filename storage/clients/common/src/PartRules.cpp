@@ -50,7 +50,7 @@ void checkPartList(const std::string& key, const std::vector<PartInfo>& parts,
 
 void checkCopySource(const std::string& key, const PartInfo& part, const std::vector<PartInfo>& stored)
 {
-    // Written so that no sum of offset and size can wrap around.
+    // Without sums of offset and size, which could overflow.
     const auto holds = [&](std::size_t offset, std::size_t size)
     { return part.Offset >= offset && part.Offset - offset <= size && part.Size <= size - (part.Offset - offset); };
     const std::size_t objectSize = stored.empty() ? 0 : stored.back().Offset + stored.back().Size;

@@ -18,13 +18,13 @@ namespace
     throw sqliteError(code, sqlite3_system_errno(handle), sqlite3_errmsg(handle));
 }
 
-// SQLite's own handler waits up to 100 ms between two looks, many times what a commit takes.
-int waitForLock(void*, int looks)
+// SQLite's own handler sleeps up to 100 ms between two attempts, many times as long as a commit takes.
+int waitForLock(void*, int attempts)
 {
     using namespace std::chrono_literals;
     constexpr auto pause = 1ms;
-    constexpr auto longest = 60s; // far more than the longest transaction; so long a wait means that somebody hangs
-    if (looks * pause >= longest)
+    constexpr auto timeout = 60s; // far longer than any transaction: the process that holds the lock hangs
+    if (attempts * pause >= timeout)
     {
         return 0;
     }
@@ -78,7 +78,7 @@ void Query::bind(std::nullptr_t)
 
 void Query::reset() noexcept
 {
-    sqlite3_reset(m_statement); // its result repeats what next() has reported
+    sqlite3_reset(m_statement); // returns the error that next() has already reported
     m_bound = 0;
 }
 
@@ -105,7 +105,7 @@ void Query::fail(int code) const
 
 Connection::Connection(const std::filesystem::path& file)
 {
-    // Each connection serves one thread at a time, so that it needs no mutex of its own.
+    // Only one thread at a time uses a connection, so it needs no mutex of its own.
     constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
     if (const int code = sqlite3_open_v2(file.c_str(), &m_handle, flags, nullptr); code != SQLITE_OK)
     {
@@ -133,14 +133,14 @@ void Connection::execute(const char* sql)
     }
 }
 
-void Connection::keepFilesOnClose()
+void Connection::keepLogOnClose()
 {
     sqlite3_db_config(m_handle, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
 }
 
 bool Connection::rollBack() noexcept
 {
-    // Some errors have ended the transaction already.
+    // Some errors have already rolled the transaction back.
     return sqlite3_get_autocommit(m_handle) != 0 ||
            sqlite3_exec(m_handle, "ROLLBACK", nullptr, nullptr, nullptr) == SQLITE_OK;
 }

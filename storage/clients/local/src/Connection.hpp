@@ -13,18 +13,18 @@ struct sqlite3_stmt;
 namespace storage::clients::local
 {
 
-/// A column or parameter that holds bytes; borrowed.
+/// A parameter that holds bytes; borrowed.
 struct Blob
 {
     std::string_view bytes;
 };
 
-/// One run of a prepared statement. Gives the statement back, ready for the next run, when it ends; the statement of
-/// a Connection can be run once at a time.
+/// One run of a prepared statement. The destructor resets the statement for the next run. A statement of a Connection
+/// must not have two queries at the same time.
 class Query
 {
 public:
-    /// Bind the parameters, in order. The bytes of a Blob must live as long as the query.
+    /// Bind the parameters, in order. The bytes of a Blob must outlive the query.
     template <typename... Values>
     explicit Query(sqlite3_stmt* statement, const Values&... values)
         : m_statement(statement)
@@ -36,13 +36,13 @@ public:
     Query& operator=(const Query&) = delete;
     ~Query();
 
-    /// Go to the next row, the first one at first.
+    /// Move to the next row; the first call moves to the first one.
     ///
-    /// @return whether there is one
+    /// @return false when there are no more rows
     /// @throws StoreError
     bool next();
 
-    /// Begin again with other parameters.
+    /// Run the statement again with other parameters.
     template <typename... Values>
     void restart(const Values&... values)
     {
@@ -50,7 +50,7 @@ public:
         (bind(values), ...);
     }
 
-    // Columns of the present row, from 0 on. Bytes are valid until the query moves.
+    // Columns of the current row, numbered from 0. Bytes are valid until the query moves.
     std::int64_t integer(int column) const;
     std::string_view bytes(int column) const;
     bool isNull(int column) const;
@@ -66,11 +66,11 @@ private:
     int m_bound = 0; // parameters bound so far
 };
 
-/// One connection to the index, with the statements prepared on it. For one thread at a time.
+/// One connection to the index, with its prepared statements. To be used by one thread at a time.
 class Connection
 {
 public:
-    /// Open the index, and create nothing that is missing.
+    /// Open an existing index.
     ///
     /// @throws StoreError
     explicit Connection(const std::filesystem::path& file);
@@ -78,37 +78,39 @@ public:
     Connection& operator=(const Connection&) = delete;
     ~Connection();
 
-    /// Start a statement. `sql` is a literal: the statement stays prepared under its text. Values are integers, Blobs,
-    /// whose bytes must outlive the query, and nullptr for NULL.
+    /// Start a statement.
+    ///
+    /// @param sql     a string literal: the cache of prepared statements keeps a view of it
+    /// @param values  integers, Blobs, whose bytes must outlive the query, and nullptr for NULL
     template <typename... Values>
     Query query(std::string_view sql, const Values&... values)
     {
         return Query(prepared(sql), values...);
     }
 
-    /// Run a statement that gives no rows.
+    /// Run a statement that returns no rows.
     template <typename... Values>
     void run(std::string_view sql, const Values&... values)
     {
         query(sql, values...).next();
     }
 
-    /// Run statements that are used once and take no values, separated by ";".
+    /// Run statements without parameters, separated by ";". They are not cached.
     void execute(const char* sql);
 
-    /// Leave the files alone when the last connection closes, instead of tidying them up.
-    void keepFilesOnClose();
+    /// Leave the write-ahead log as it is when the last connection closes, instead of merging it into the index.
+    void keepLogOnClose();
 
-    /// End the open transaction, if there is one, without its effect.
+    /// Roll the open transaction back, if there is one.
     ///
-    /// @return false when that failed: only closing the connection will end it
+    /// @return false when that failed: only closing the connection ends the transaction then
     bool rollBack() noexcept;
 
 private:
     sqlite3_stmt* prepared(std::string_view sql);
 
     sqlite3* m_handle = nullptr;
-    std::unordered_map<std::string_view, sqlite3_stmt*> m_statements; // by their text
+    std::unordered_map<std::string_view, sqlite3_stmt*> m_statements; // by SQL text
 };
 
 } // namespace storage::clients::local

@@ -23,18 +23,18 @@ std::filesystem::path madeFolder(const std::filesystem::path& path)
     return path;
 }
 
-// Numbers in front and behind the "-" of a file's name.
-template <typename Front>
-bool parse(std::string_view text, Front& front, int base, std::uint64_t& behind, int baseBehind)
+// Parse two numbers with a "-" between them.
+template <typename First>
+bool parse(std::string_view text, First& first, int firstBase, std::uint64_t& second, int secondBase)
 {
     const char* const end = text.data() + text.size();
-    const auto [dash, error] = std::from_chars(text.data(), end, front, base);
+    const auto [dash, error] = std::from_chars(text.data(), end, first, firstBase);
     if (error != std::errc() || dash == end || *dash != '-')
     {
         return false;
     }
-    const auto [rest, errorBehind] = std::from_chars(dash + 1, end, behind, baseBehind);
-    return errorBehind == std::errc() && rest == end;
+    const auto [rest, secondError] = std::from_chars(dash + 1, end, second, secondBase);
+    return secondError == std::errc() && rest == end;
 }
 
 } // namespace
@@ -157,10 +157,10 @@ void ContentFiles::removeSessions(const std::vector<SessionLock::Dead>& sessions
     {
         std::uint64_t session = 0;
         std::uint64_t number = 0;
-        const bool ended = parse(entry.path().filename().native(), session, 16, number, 10) &&
-                           std::any_of(sessions.begin(), sessions.end(),
-                               [&](const SessionLock::Dead& candidate) { return candidate.number == session; });
-        if (ended)
+        const bool isDead = parse(entry.path().filename().native(), session, 16, number, 10) &&
+                            std::any_of(sessions.begin(), sessions.end(),
+                                [&](const SessionLock::Dead& candidate) { return candidate.number == session; });
+        if (isDead)
         {
             if (const int error = removeFile(entry.path()); error != 0)
             {
@@ -170,7 +170,7 @@ void ContentFiles::removeSessions(const std::vector<SessionLock::Dead>& sessions
     }
     for (const SessionLock::Dead& session : sessions)
     {
-        removeFile(session.path); // one that stays is found again by the next who opens the store
+        removeFile(session.path); // if that fails, the next client that opens the store finds the session again
     }
 }
 

@@ -12,17 +12,17 @@
 namespace storage::clients::local
 {
 
-/// What the file of a content is called by. The number alone would not do: it is given out again when the change that
-/// took it is undone, and the file may then still lie there.
+/// The name of a content's file. The content's id alone is not unique: when a transaction is rolled back, its ids are
+/// assigned again, while its files may still exist.
 struct FileName
 {
     std::int64_t content = 0;
-    std::uint64_t session = 0; // who wrote it
+    std::uint64_t session = 0; // of the client that wrote the file
 };
 
 class ContentFiles;
 
-/// A file that is being written and that no content has yet. Removed unless it is published.
+/// A file that is being written and belongs to no content yet. The destructor removes it unless it was published.
 class IncomingFile
 {
 public:
@@ -34,7 +34,7 @@ public:
     void append(
         const FileHandle& from, const std::filesystem::path& fromPath, std::uint64_t offset, std::uint64_t size);
 
-    /// Make what was written last.
+    /// Bring the bytes to the disk.
     void sync();
 
 private:
@@ -46,9 +46,9 @@ private:
     FileHandle m_file;
 };
 
-/// The files beside the index: one for each content that is not small.
+/// The files beside the index: one for each content that is not inline.
 ///
-///     contents/<content>-<session>    as the index names them
+///     contents/<content>-<session>    published; named by the index
 ///     incoming/<session>-<number>     being written
 ///     sessions/<session>              see SessionLock
 ///
@@ -56,43 +56,44 @@ private:
 class ContentFiles
 {
 public:
-    /// Make the folders that are missing.
+    /// Create the folders that are missing.
     ///
-    /// @throws StoreError, as everything here
+    /// @throws StoreError, as do all functions that are not noexcept
     explicit ContentFiles(const std::filesystem::path& directory);
 
+    /// Create a file in incoming/.
     IncomingFile create();
 
-    /// Give a synced file its place. To be called inside the change that adds the content, so that nobody who holds the
-    /// index against changes ever sees a file that is yet to be named.
+    /// Rename a synced file into contents/. Must be called inside the transaction that adds the content: then a
+    /// collector that holds a write transaction finds no file that is still to be named by the index.
     FileName publish(IncomingFile& file, std::int64_t content);
 
-    /// Make the places of all files last that were published before.
+    /// Bring the names of all published files to the disk.
     void syncContentsFolder() const;
 
-    /// Open for reading; nothing when the file is not there.
+    /// Open for reading; nullopt when there is no such file.
     ///
-    /// @throws StoreError also when it is there with another size than it had
+    /// @throws StoreError also when the file has another size
     std::optional<FileHandle> open(FileName name, std::uint64_t size) const;
 
     std::filesystem::path path(FileName name) const;
 
-    /// Prepare remove(). To be called before the change that drops a content is committed.
+    /// Prepare remove(). Must be called before the transaction that drops a content is committed.
     void prepareRemoval() { m_sessionLock.acquire(); }
 
-    /// Remove a file that no content has. What cannot be removed is left for collection.
+    /// Remove a file that belongs to no content. If that fails, it is left to the orphan collector.
     void remove(FileName name) noexcept;
 
-    /// Leave this session's files, as far as the index does not name them, to those who open the store later.
+    /// Leave files of this session that the index does not name to the orphan collector of a later client.
     void leaveOrphans() noexcept { m_sessionLock.keepFile(); }
 
-    /// Find sessions whose clients were ended in the middle of things; see SessionLock::findDead().
+    /// See SessionLock::findDead().
     std::vector<SessionLock::Dead> findDeadSessions() const { return SessionLock::findDead(m_sessions); }
 
-    /// List the files in their places, whether a content has them or not.
+    /// List the files in contents/, including orphans.
     std::vector<FileName> list() const;
 
-    /// Remove what these sessions were writing, and then their marks.
+    /// Remove what these sessions were writing, and then their lock files.
     void removeSessions(const std::vector<SessionLock::Dead>& sessions);
 
 private:

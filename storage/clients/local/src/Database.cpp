@@ -26,7 +26,7 @@ Database::Lease Database::borrow()
 void Database::giveBack(Connection* connection) noexcept
 {
     std::unique_ptr<Connection> returned(connection);
-    // Closing is what ends a transaction that cannot be rolled back.
+    // A transaction that cannot be rolled back ends when its connection is closed.
     if (returned->rollBack())
     {
         const std::lock_guard lock(m_poolMutex);
@@ -41,10 +41,10 @@ Database::ReadTransaction::ReadTransaction(Database& database)
 }
 
 Database::WriteTransaction::WriteTransaction(Database& database, Durability durability)
-    : m_writerMutex(database.m_writerMutex)
+    : m_lock(database.m_writerMutex)
     , m_connection(database.borrow())
 {
-    // Whether a commit waits for the disk. It cannot be changed inside a transaction.
+    // Whether the commit waits for the disk. SQLite does not allow a change inside a transaction.
     m_connection->execute(
         durability == Durability::Synced ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
     m_connection->run("BEGIN IMMEDIATE");

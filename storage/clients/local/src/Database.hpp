@@ -12,20 +12,20 @@
 namespace storage::clients::local
 {
 
-/// What a change survives once it is committed.
+/// What a committed transaction survives.
 enum class Durability
 {
-    Synced,  ///< the end of the process and a loss of power
-    Deferred ///< the end of the process; after a loss of power it may be undone, but not if a lasting one followed
+    Synced,  ///< a crash of the process and a loss of power
+    Deferred ///< a crash of the process; a loss of power may undo it until a later Synced transaction has committed
 };
 
-/// The index as all threads of one client use it: a pool of connections, of which each transaction borrows one.
+/// The index, shared by all threads of one client: a pool of connections. Each transaction borrows one.
 ///
-/// Readers never wait, neither for each other nor for a writer. Writers take turns: those of this client by a mutex,
-/// which is fairer than asking again and again, and those of other clients and processes by SQLite's lock.
+/// Readers never wait, neither for each other nor for a writer. Only one writer runs at a time: writers of this client
+/// wait for a mutex, which is fairer than polling, and writers of other clients and processes for SQLite's lock.
 class Database
 {
-    // Gives a connection back to the pool.
+    // Returns a connection to the pool.
     struct Return
     {
         Database* database;
@@ -36,7 +36,7 @@ class Database
 public:
     explicit Database(std::filesystem::path file);
 
-    /// A view of one state of the index, until it ends. To be kept short: it holds up the tidying of the log.
+    /// A snapshot of the index. Keep it short: SQLite cannot truncate its write-ahead log meanwhile.
     class ReadTransaction
     {
     public:
@@ -51,7 +51,7 @@ public:
         const Lease m_connection;
     };
 
-    /// The one change of the index that is under way; undone unless it is committed.
+    /// The only write transaction on the index at this time; rolled back unless it is committed.
     class WriteTransaction
     {
     public:
@@ -59,17 +59,17 @@ public:
         WriteTransaction(const WriteTransaction&) = delete;
         WriteTransaction& operator=(const WriteTransaction&) = delete;
 
-        /// Make the change visible, and as durable as was asked for.
+        /// Make the changes visible, with the requested durability.
         ///
-        /// @throws StoreError; nothing of the change is visible then. If its kind is not NoSpace, the disk may hold the
-        ///         change all the same, and a crash that follows may bring it back.
+        /// @throws StoreError; the changes are not visible then. Unless its kind is NoSpace, they may have reached the
+        ///         disk all the same, and a later crash may make them visible.
         void commit();
 
         Connection& operator*() const { return *m_connection; }
         Connection* operator->() const { return m_connection.get(); }
 
     private:
-        const std::unique_lock<std::mutex> m_writerMutex;
+        const std::unique_lock<std::mutex> m_lock;
         const Lease m_connection;
     };
 
@@ -79,11 +79,11 @@ private:
 
     const std::filesystem::path m_file;
 
-    // Lock order: a writer's turn, then SQLite's locks; the pool's mutex is innermost.
+    // Lock order: m_writerMutex, then SQLite's locks; m_poolMutex is innermost.
     std::mutex m_writerMutex;
     std::mutex m_poolMutex;
-    std::size_t m_connections = 0;                   // guarded by m_poolMutex; as many as were ever busy together
-    std::vector<std::unique_ptr<Connection>> m_idle; // guarded by m_poolMutex; has room for all of them
+    std::size_t m_connections = 0;                   // guarded by m_poolMutex; opened so far
+    std::vector<std::unique_ptr<Connection>> m_idle; // guarded by m_poolMutex; has capacity for all of them
 };
 
 } // namespace storage::clients::local

@@ -20,7 +20,7 @@ namespace
 
 constexpr mode_t folderMode = 0700;
 constexpr mode_t fileMode = 0600;
-constexpr std::uint64_t copyBuffer = 256 * 1024; // bytes; larger ones are not faster
+constexpr std::uint64_t copyBuffer = 256 * 1024; // bytes; a larger buffer is not faster
 
 [[noreturn]] void fail(const char* doing, const std::filesystem::path& path)
 {
@@ -28,7 +28,7 @@ constexpr std::uint64_t copyBuffer = 256 * 1024; // bytes; larger ones are not f
     throw systemError(std::string(doing) + " \"" + path.native() + '"', error);
 }
 
-// Repeats a call that a signal has cut short.
+// Repeats a call that a signal has interrupted.
 template <typename Call>
 auto retryInterrupted(Call call)
 {
@@ -40,7 +40,7 @@ auto retryInterrupted(Call call)
     return result;
 }
 
-// Whether the two files cannot be copied by copy_file_range(), in the words of the kernels and disks that lack it.
+// Whether copy_file_range() is not possible for two files: kernels and file systems report that differently.
 bool lacksKernelCopy(int error)
 {
     return error == EXDEV || error == ENOSYS || error == EOPNOTSUPP || error == EINVAL || error == EPERM;
@@ -52,7 +52,7 @@ FileHandle::~FileHandle()
 {
     if (m_descriptor >= 0)
     {
-        ::close(m_descriptor); // what was written was synced, so that there is nothing to report
+        ::close(m_descriptor); // errors do not matter: bytes that must not be lost were synced
     }
 }
 
@@ -78,7 +78,7 @@ void makeFolders(const std::filesystem::path& path)
     }
     if (::mkdir(path.c_str(), folderMode) != 0)
     {
-        if (errno == EEXIST) // another process was faster
+        if (errno == EEXIST) // another process has created it
         {
             return;
         }
@@ -210,7 +210,7 @@ void copyFile(const FileHandle& from, const std::filesystem::path& fromPath, std
         {
             fail("writing", toPath);
         }
-        if (copied <= 0) // 0: some kernels say so for disks that they cannot copy on
+        if (copied <= 0) // 0: some kernels return that for file systems on which they cannot copy
         {
             break;
         }

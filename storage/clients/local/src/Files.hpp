@@ -8,7 +8,7 @@
 namespace storage::clients::local
 {
 
-/// An open file or folder, closed when it goes. Empty after a move.
+/// An open file or folder; the destructor closes it. Empty after a move.
 class FileHandle
 {
 public:
@@ -38,25 +38,26 @@ private:
     int m_descriptor = -1;
 };
 
-// Thin layers over the system's calls. Paths are there for the messages, too. All throw StoreError.
+// Thin wrappers of system calls. Next to a handle, a path is for error messages only. All that are not noexcept throw
+// StoreError.
 
-/// Make the folder and those above it that are missing, for this user alone, and sync them.
+/// Create the folder and its missing parents, with access for this user only, and sync them.
 void makeFolders(const std::filesystem::path& path);
 
 FileHandle openFolder(const std::filesystem::path& path);
 
-/// Make a file that is not there yet, for this user alone, and open it for writing.
+/// Create a file, with access for this user only, and open it for writing. An existing file is an error.
 FileHandle createFile(const std::filesystem::path& path);
 
-/// Open for reading; nothing when there is no such file.
+/// Open for reading; nullopt when there is no such file.
 std::optional<FileHandle> openFile(const std::filesystem::path& path);
 
-/// Wait until nobody else holds the file or folder, and hold it until the handle goes.
+/// Lock the file or folder against all other handles until this one is closed. Wait if it is locked.
 void lockFile(const FileHandle& file, const std::filesystem::path& path);
 
-/// Hold the file if nobody else does.
+/// As lockFile(), without waiting.
 ///
-/// @return false: somebody does
+/// @return false: it is locked
 bool tryLockFile(const FileHandle& file, const std::filesystem::path& path);
 
 void syncFile(const FileHandle& file, const std::filesystem::path& path);
@@ -64,18 +65,18 @@ std::uint64_t fileSize(const FileHandle& file, const std::filesystem::path& path
 
 void writeFile(const FileHandle& file, const std::filesystem::path& path, const char* bytes, std::uint64_t size);
 
-/// Read exactly `size` bytes from `offset` on. A file that ends earlier is a failure.
+/// Read exactly `size` bytes from `offset` on. A file that ends earlier is an error.
 void readFile(
     const FileHandle& file, const std::filesystem::path& path, char* target, std::uint64_t size, std::uint64_t offset);
 
-/// Append `size` bytes from `offset` of another file: without copying them where the disk can share blocks, else
-/// inside the kernel, else by hand.
+/// Append `size` bytes from `offset` of another file. Where the file system can, blocks are shared instead of copied,
+/// or the kernel copies the bytes; else they are read and written.
 void copyFile(const FileHandle& from, const std::filesystem::path& fromPath, std::uint64_t offset, const FileHandle& to,
     const std::filesystem::path& toPath, std::uint64_t size);
 
-/// Remove the file. One that is not there is no failure.
+/// Remove the file. A missing file is no error.
 ///
-/// @return 0, else errno
+/// @return 0 or errno
 int removeFile(const std::filesystem::path& path) noexcept;
 
 } // namespace storage::clients::local

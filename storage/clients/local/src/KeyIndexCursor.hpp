@@ -10,7 +10,7 @@
 namespace storage::clients::local
 {
 
-/// A place among the keys of the index, for listPage(). Lives inside a transaction.
+/// A KeyCursor over the keys of the index, for listPage(). Must not outlive the transaction.
 class KeyIndexCursor
 {
 public:

@@ -45,8 +45,8 @@ namespace
 {
 
 constexpr std::size_t pageSize = 1000;                                        // entries; about 100 KiB of keys
-constexpr std::uint64_t readBuffer = 256 * 1024;                              // bytes; larger ones are not faster
-constexpr std::uint64_t maxOffset = std::numeric_limits<std::int64_t>::max(); // the last offset that SQLite knows
+constexpr std::uint64_t readBuffer = 256 * 1024;                              // bytes; a larger buffer is not faster
+constexpr std::uint64_t maxOffset = std::numeric_limits<std::int64_t>::max(); // the largest integer of SQLite
 
 [[noreturn]] void throwCloudException(const StoreError& error, const std::string& doing)
 {
@@ -58,7 +58,7 @@ constexpr std::uint64_t maxOffset = std::numeric_limits<std::int64_t>::max(); //
     case StoreError::Kind::NotAStore:
         throw cloudprovider::InvalidLocationException("Not a local store", detail);
     case StoreError::Kind::PermissionDenied:
-        throw cloudprovider::PermissionDeniedException("Access to the local store refused", detail);
+        throw cloudprovider::PermissionDeniedException("Access to the local store denied", detail);
     case StoreError::Kind::NoSpace:
     case StoreError::Kind::Other:
         break;
@@ -66,7 +66,7 @@ constexpr std::uint64_t maxOffset = std::numeric_limits<std::int64_t>::max(); //
     throw cloudprovider::UnknownErrorException("Local store failed", detail);
 }
 
-// The one place where what goes wrong inside the store becomes what its users see.
+// The only place where errors inside the store become exceptions of the interface.
 template <typename Body, typename Doing>
 auto translateErrors(Body body, Doing doing)
 {
@@ -102,13 +102,13 @@ void writeSegment(const std::string& key, Segment& segment, std::ostream& out)
     }
 }
 
-// Find the parts of the object that a part is to be copied from, and see that they are still what was asked for.
+// Find the parts of the object that a part is to be copied from, and check that they are those that the caller knows.
 std::vector<StoredPart> findSource(local::Connection& index, const std::string& key, const PartInfo& part)
 {
     const std::uint64_t first = std::min<std::uint64_t>(part.Offset, maxOffset);
     const std::uint64_t rest = part.Size == 0 ? 0 : part.Size - 1;
     const std::uint64_t last = rest < maxOffset - first ? first + rest : maxOffset;
-    std::vector<StoredPart> source = findParts(index, requireObject(index, key).number, first, last);
+    std::vector<StoredPart> source = findParts(index, requireObject(index, key).id, first, last);
     checkCopySource(key, part, toPartInfos(source));
     return source;
 }
@@ -147,14 +147,13 @@ ObjectInfo LocalClient::getObjectInfo(const std::string& key)
     return perform(Operation::GetObjectInfo, key,
         [&]() -> ObjectInfo
         {
-            if (key.empty()) // the root, of which there is nothing else to tell
+            if (key.empty()) // the root
             {
                 return {true, {}, 0, {}};
             }
             Database::ReadTransaction index(*m_index);
             const std::optional<StoredObject> object = findObject(*index, key);
-            return object ? ObjectInfo{true, local::tagOf(object->number), object->size, object->modified}
-                          : ObjectInfo{};
+            return object ? ObjectInfo{true, local::tagOf(object->id), object->size, object->modified} : ObjectInfo{};
         });
 }
 
@@ -201,13 +200,13 @@ void LocalClient::getObjectRange(const std::string& key, std::ostream& out, std:
             {
                 const StoredObject object = find();
                 const ByteRange range = resolveRange(key, first, last, object.size);
-                if (readSegments(*m_index, *m_files, object.number, range.offset, range.offset + range.size,
+                if (readSegments(*m_index, *m_files, object.id, range.offset, range.offset + range.size,
                         [&](Segment& segment) { writeSegment(key, segment, out); }))
                 {
                     m_counters.countBytes(Operation::GetObjectRange, range.size);
                     return;
                 }
-                // Replaced since it was found: there is a newer version, or none.
+                // The object was replaced or removed after find(); try again.
             }
         });
 }
@@ -233,7 +232,7 @@ std::vector<PartInfo> LocalClient::getObjectParts(const std::string& key)
         [&]
         {
             Database::ReadTransaction index(*m_index);
-            return toPartInfos(findParts(*index, requireObject(*index, key).number, 0, maxOffset));
+            return toPartInfos(findParts(*index, requireObject(*index, key).id, 0, maxOffset));
         });
 }
 
@@ -257,7 +256,7 @@ std::string LocalClient::uploadPart(
         [&]
         {
             {
-                // Asked first, too: an upload that is no more is told before all bytes are taken.
+                // Also checked here, so that a missing upload is reported before all bytes are transferred.
                 Database::ReadTransaction index(*m_index);
                 local::requireUpload(*index, key, uploadId);
             }
@@ -363,7 +362,7 @@ std::string LocalClient::copyRange(const std::string& key, const std::string& up
             return requireObject(*index, key);
         }();
         StagedContent staged = stage(part.Size);
-        const bool whole = readSegments(*m_index, *m_files, object.number, part.Offset, part.Offset + part.Size,
+        const bool whole = readSegments(*m_index, *m_files, object.id, part.Offset, part.Offset + part.Size,
             [&](Segment& segment)
             {
                 if (segment.path.empty())
@@ -377,10 +376,10 @@ std::string LocalClient::copyRange(const std::string& key, const std::string& up
             });
         if (whole)
         {
-            staged.finish();
+            staged.sync();
             return storePart(Operation::CopyPart, key, uploadId, part, staged);
         }
-        // Replaced since it was found: look at the newer version.
+        // The object was replaced after it was found; try again.
     }
 }
 

@@ -18,9 +18,9 @@ const boost::posix_time::ptime& epoch()
 
 } // namespace
 
-std::string tagOf(std::int64_t number)
+std::string tagOf(std::int64_t id)
 {
-    return std::to_string(number);
+    return std::to_string(id);
 }
 
 std::int64_t toMicroseconds(const boost::posix_time::ptime& time)
@@ -88,8 +88,8 @@ std::vector<cloudprovider::PartInfo> toPartInfos(const std::vector<StoredPart>& 
 
 void putObject(StoreTransaction& transaction, const std::string& key, StagedContent& content)
 {
-    const std::int64_t object = transaction.newNumber();
-    if (content.size() > 0) // an object without bytes has no parts
+    const std::int64_t object = transaction.newId();
+    if (content.size() > 0) // an empty object has no parts
     {
         transaction.index().run("INSERT INTO object_parts VALUES (?, 0, ?)", object, transaction.add(content));
     }
@@ -110,14 +110,14 @@ void removeObject(StoreTransaction& transaction, const std::string& key)
     {
         return;
     }
-    // Asked for first and not returned by the deletion, for which SQLite would make a temporary table every time.
+    // A separate query: DELETE ... RETURNING would create a temporary table on every call.
     std::vector<std::int64_t> contents;
-    Query parts = transaction.index().query("SELECT content FROM object_parts WHERE object = ?", object->number);
+    Query parts = transaction.index().query("SELECT content FROM object_parts WHERE object = ?", object->id);
     while (parts.next())
     {
         contents.push_back(parts.integer(0));
     }
-    transaction.index().run("DELETE FROM object_parts WHERE object = ?", object->number);
+    transaction.index().run("DELETE FROM object_parts WHERE object = ?", object->id);
     transaction.index().run("DELETE FROM objects WHERE key = ?", Blob{key});
     for (const std::int64_t content : contents)
     {

@@ -14,10 +14,10 @@
 namespace storage::clients::local
 {
 
-/// One version of an object; whatever replaces it has another number.
+/// One version of an object. A version that replaces it has another id.
 struct StoredObject
 {
-    std::int64_t number = 0;
+    std::int64_t id = 0;
     std::uint64_t size = 0;
     boost::posix_time::ptime modified;
 };
@@ -30,32 +30,32 @@ struct StoredPart
     std::uint64_t size = 0;
 };
 
-/// The tag that stands for an object or a content outside the store.
-std::string tagOf(std::int64_t number);
+/// The tag of an object or a content, by its id.
+std::string tagOf(std::int64_t id);
 
-// Times as the index has them.
+// Times as the index stores them: microseconds since 1970, UTC.
 std::int64_t toMicroseconds(const boost::posix_time::ptime& time);
 boost::posix_time::ptime fromMicroseconds(std::int64_t microseconds);
 
 std::optional<StoredObject> findObject(Connection& index, const std::string& key);
 
-/// As findObject(); a missing object is a StoreError.
+/// As findObject(); throws StoreError when there is no object.
 StoredObject requireObject(Connection& index, const std::string& key);
 
-/// List the parts of one version of an object, in order, from the one that has the byte at `first` or the last one
-/// before it, up to the last one that begins at `last` or before.
+/// List the parts of one version of an object that hold its bytes [first, last], in order. A range beyond the end
+/// begins with the last part.
 std::vector<StoredPart> findParts(Connection& index, std::int64_t object, std::uint64_t first, std::uint64_t last);
 
-/// The parts as they are shown outside the store, with the tags of their contents; counted from 0.
+/// The parts as clients of the store see them, with indexes from 0 and the tags of their contents.
 std::vector<cloudprovider::PartInfo> toPartInfos(const std::vector<StoredPart>& parts);
 
-/// Make the content an object of one part, in place of what stands under the key.
+/// Store an object of one part under the key, replacing the one that is there.
 void putObject(StoreTransaction& transaction, const std::string& key, StagedContent& content);
 
-/// Make this the object under the key, in place of what stood there. Its parts are in the index already.
+/// Store an object under the key, replacing the one that is there. Its parts are in the index already.
 void placeObject(StoreTransaction& transaction, const std::string& key, std::int64_t object, std::uint64_t size);
 
-/// Remove the object under the key, if there is one, with its parts.
+/// Remove the object under the key and its parts. A missing object is no error.
 void removeObject(StoreTransaction& transaction, const std::string& key);
 
 } // namespace storage::clients::local

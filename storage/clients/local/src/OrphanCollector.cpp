@@ -20,8 +20,8 @@ bool isNamed(Connection& index, FileName name)
 
 void collectOrphans(Database& database, ContentFiles& files)
 {
-    const std::vector<SessionLock::Dead> ended = files.findDeadSessions();
-    if (ended.empty())
+    const std::vector<SessionLock::Dead> dead = files.findDeadSessions();
+    if (dead.empty())
     {
         return;
     }
@@ -32,8 +32,8 @@ void collectOrphans(Database& database, ContentFiles& files)
     }
     if (!suspects.empty())
     {
-        // Whoever is just putting a file in its place does so inside a change. While this one waits nobody does, and
-        // what is not named now never will be.
+        // A client publishes a file inside the transaction that names it. This transaction excludes all others, so a
+        // file that has no name in the index now will never get one.
         Database::WriteTransaction index(database, Durability::Synced);
         std::erase_if(suspects, [&](FileName name) { return isNamed(*index, name); });
         files.prepareRemoval();
@@ -42,7 +42,7 @@ void collectOrphans(Database& database, ContentFiles& files)
             files.remove(name);
         }
     }
-    files.removeSessions(ended);
+    files.removeSessions(dead);
 }
 
 } // namespace storage::clients::local

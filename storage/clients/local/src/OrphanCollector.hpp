@@ -6,11 +6,12 @@
 namespace storage::clients::local
 {
 
-/// Remove the files of clients that were ended in the middle of things. Others may use the store meanwhile: theirs are
-/// told apart by marks that are locked, and by taking a turn at the index.
+/// Remove orphans: files that dead clients left and that the index does not name. Other clients may use the store
+/// meanwhile; their session locks protect files that they are writing, and a write transaction on the index excludes
+/// files that they are about to add.
 ///
-/// Costs a look into one folder when there is nothing to do, else a look at every file.
-/// @throws StoreError; what is left is collected the next time
+/// Lists one folder, and all content files only if a dead session is found.
+/// @throws StoreError; orphans that remain are collected by the next call
 void collectOrphans(Database& database, ContentFiles& files);
 
 } // namespace storage::clients::local

@@ -16,13 +16,13 @@ namespace storage::clients::local
 namespace
 {
 
-constexpr std::int64_t applicationId = 0x434C4653; // "CLFS"; tells our index from any other SQLite file
+constexpr std::int64_t applicationId = 0x434C4653; // "CLFS": distinguishes our index from other SQLite files
 constexpr std::int64_t schemaVersion = 1;
 
-// Keys are blobs so that SQLite compares them byte by byte. An object without bytes has no parts. The bytes of a
-// content are in `data`, or in a file if that is null; contents are never changed, so objects and uploads share them,
-// and `refs` counts the rows of both that name one. Numbers come from `store` and are never used twice: an upload's
-// becomes that of the object it is completed to.
+// Keys are blobs so that SQLite compares them byte by byte. An empty object has no parts. The bytes of a content are in
+// `data`, or in a file if `data` is null. A content never changes, so objects and uploads can share it; `refs` counts
+// the rows of object_parts and upload_parts that refer to it. Ids come from `store` and are never reused. A completed
+// upload passes its id on to the object.
 constexpr const char* createTables = R"(
     CREATE TABLE store (next_id INTEGER NOT NULL);
     INSERT INTO store VALUES (1);
@@ -41,7 +41,7 @@ constexpr const char* createTables = R"(
     CREATE TABLE uploads (
         id INTEGER PRIMARY KEY,
         key BLOB NOT NULL,
-        created INTEGER NOT NULL -- as objects.modified
+        created INTEGER NOT NULL -- like objects.modified
     );
     CREATE TABLE upload_parts (
         upload INTEGER NOT NULL,
@@ -53,14 +53,14 @@ constexpr const char* createTables = R"(
         id INTEGER PRIMARY KEY,
         refs INTEGER NOT NULL,
         size INTEGER NOT NULL,
-        session INTEGER, -- who wrote the file, part of its name
+        session INTEGER, -- of the client that wrote the file; part of its name
         data BLOB
     );
 )";
 
-std::int64_t number(Connection& connection, std::string_view question)
+std::int64_t selectInteger(Connection& connection, std::string_view sql)
 {
-    Query query = connection.query(question);
+    Query query = connection.query(sql);
     query.next();
     return query.integer(0);
 }
@@ -96,18 +96,19 @@ void prepareIndex(const std::filesystem::path& directory)
             throw StoreError(
                 StoreError::Kind::NotAStore, "the directory is no store: it has other content and no index");
         }
-        // SQLite would let others read it. No connection has the file open yet, whose locks closing it would drop.
+        // SQLite would create a file that other users can read. No connection has it open yet: closing our handle would
+        // drop the locks of such a connection.
         createFile(file);
         syncFile(folder, directory);
     }
 
     Connection connection(file);
-    connection.keepFilesOnClose(); // a store that is refused stays as it is
-    const std::int64_t application = number(connection, "PRAGMA application_id");
-    if (application == 0 && number(connection, "SELECT count(*) FROM sqlite_schema") == 0)
+    connection.keepLogOnClose(); // a store that is refused must stay unchanged
+    const std::int64_t application = selectInteger(connection, "PRAGMA application_id");
+    if (application == 0 && selectInteger(connection, "SELECT count(*) FROM sqlite_schema") == 0)
     {
-        // Contents are made after the index, so that this is an index that lost its pages and not a creation that
-        // was cut short. Beginning anew would collect the contents.
+        // The contents folder is created after the index. So this is not an interrupted creation: the index has lost
+        // its pages. A new index would make all contents orphans, which are removed.
         if (std::filesystem::exists(directory / "contents"))
         {
             throw StoreError("the index is damaged: it is empty, and there are contents");
@@ -118,7 +119,7 @@ void prepareIndex(const std::filesystem::path& directory)
     {
         throw StoreError(StoreError::Kind::NotAStore, "the directory is no store: its index is another program's");
     }
-    else if (const std::int64_t version = number(connection, "PRAGMA user_version"); version != schemaVersion)
+    else if (const std::int64_t version = selectInteger(connection, "PRAGMA user_version"); version != schemaVersion)
     {
         throw StoreError(
             fmt::format("the store has version {}, this program knows version {} only", version, schemaVersion));

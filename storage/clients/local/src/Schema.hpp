@@ -5,15 +5,14 @@
 namespace storage::clients::local
 {
 
-/// The index of the store in this directory.
+/// The path of the index of the store in this directory.
 std::filesystem::path indexFile(const std::filesystem::path& directory);
 
-/// See that the directory holds an index that this program understands, and make one if the directory is empty.
-/// Processes that do so at the same time wait for each other.
+/// Check that the directory holds an index that this program understands. Create one if the directory is empty.
+/// Processes that call this at the same time wait for each other.
 ///
-/// @throws StoreError, and leaves the directory as it is: it has other content, another program's or a damaged index,
-/// or
-///         one of a later version
+/// @throws StoreError when the directory has other content, or its index belongs to another program, is damaged, or has
+///         another version; the directory is left unchanged
 void prepareIndex(const std::filesystem::path& directory);
 
 } // namespace storage::clients::local

@@ -12,11 +12,10 @@ namespace storage::clients::local
 namespace
 {
 
-// Segments opened together. Bounds the descriptors of one reader, whatever the object's number of parts, and its memory
-// for segments that are not in files.
+// Limits the file descriptors of one reader, and its memory for inline segments, however many parts the object has.
 constexpr std::int64_t maxOpenSegments = 16;
 
-// A segment whose file is not opened yet.
+// A segment with the file that it is to be read from, which is not open yet.
 struct LocatedSegment
 {
     Segment segment;
@@ -74,7 +73,7 @@ bool exists(Database& database, std::int64_t object)
     return index->query("SELECT 1 FROM object_parts WHERE object = ?", object).next();
 }
 
-// Find and open the next segments; nothing when the version was replaced.
+// Find and open the next segments; nullopt when the version was replaced.
 std::optional<std::vector<LocatedSegment>> openSegments(
     Database& database, const ContentFiles& files, std::int64_t object, std::uint64_t offset, std::uint64_t end)
 {
@@ -100,7 +99,8 @@ std::optional<std::vector<LocatedSegment>> openSegments(
         std::optional<FileHandle> file = files.open(next.name, next.fileSize);
         if (!file)
         {
-            // Files go after the change that drops them, so a version that is still there lost it otherwise.
+            // A file is removed after the transaction that drops its content. The index still names it: it was lost
+            // otherwise.
             if (exists(database, object))
             {
                 throw StoreError("the store is damaged: there is no \"" + next.segment.path.native() + '"');

@@ -11,22 +11,23 @@
 namespace storage::clients::local
 {
 
-/// Bytes of an object that lie in one place: in a file, or here.
+/// Consecutive bytes of an object from one stored part: in a file, or in memory if they were inline in the index.
 struct Segment
 {
     std::uint64_t size = 0;
-    std::string bytes; // all of them, if path is empty
+    std::string bytes; // the bytes, if path is empty
     FileHandle file;
     std::filesystem::path path;
-    std::uint64_t offset = 0; // of the first one in the file
+    std::uint64_t offset = 0; // of the first byte in the stored part
 };
 
-/// Hand over the bytes [offset, end) of one version of an object, segment by segment and in order.
+/// Pass the bytes [offset, end) of one version of an object to `take`, one segment at a time and in order.
 ///
-/// No transaction is open while `take` runs, so it may take its time. A version that is replaced meanwhile stays
-/// readable to the end if the range touches no more than a handful of parts; the files of these are open by then.
-/// @return false: the version was replaced before anything was handed over
-/// @throws StoreError also when it was replaced later, or its bytes are damaged
+/// No transaction is open while `take` runs, so it may be slow. When the object is replaced meanwhile, a range of up to
+/// 16 parts is still read to its end: all its files are open before `take` is called.
+/// @param object  the id of the version
+/// @return false: the version was replaced before `take` was called
+/// @throws StoreError also when the version was replaced later, or its bytes are damaged
 bool readSegments(Database& database, const ContentFiles& files, std::int64_t object, std::uint64_t offset,
     std::uint64_t end, const std::function<void(Segment&)>& take);
 

@@ -26,7 +26,7 @@ std::uint64_t chooseNumber()
     return number;
 }
 
-// A mark is removed under its lock, so that whoever gets the lock afterwards holds a file that is no more.
+// A process may open a lock file, and lock it only after the owner has removed it.
 bool isRemoved(const FileHandle& file)
 {
     struct stat status = {};
@@ -45,7 +45,7 @@ SessionLock::~SessionLock()
 {
     if (m_file.get() >= 0 && !m_keepFile)
     {
-        removeFile(path()); // a mark that stays costs the next one who opens the store a look, no more
+        removeFile(path()); // if that fails, the next open searches for orphans and finds none
     }
 }
 
@@ -55,7 +55,7 @@ void SessionLock::acquire()
     while (m_file.get() < 0)
     {
         FileHandle file = createFile(path());
-        // Somebody who collects may have found it unlocked, and removes it then.
+        // A collector may have found the file before it was locked, and removes it then.
         if (tryLockFile(file, path()) && !isRemoved(file))
         {
             syncFile(openFolder(m_folder), m_folder);
@@ -70,7 +70,7 @@ void SessionLock::acquire()
 
 std::vector<SessionLock::Dead> SessionLock::findDead(const std::filesystem::path& folder)
 {
-    std::vector<Dead> ended;
+    std::vector<Dead> dead;
     for (const auto& entry : std::filesystem::directory_iterator(folder))
     {
         const std::string name = entry.path().filename();
@@ -78,15 +78,15 @@ std::vector<SessionLock::Dead> SessionLock::findDead(const std::filesystem::path
         const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number, 16);
         if (error != std::errc() || name != fileNameOf(number))
         {
-            continue; // not ours
+            continue; // not a lock file
         }
         std::optional<FileHandle> file = openFile(entry.path());
         if (file && tryLockFile(*file, entry.path()) && !isRemoved(*file))
         {
-            ended.push_back({entry.path(), number, std::move(*file)});
+            dead.push_back({entry.path(), number, std::move(*file)});
         }
     }
-    return ended;
+    return dead;
 }
 
 std::filesystem::path SessionLock::path() const

@@ -12,40 +12,42 @@
 namespace storage::clients::local
 {
 
-/// The mark of a client that may have files of which the index knows nothing yet, or no longer.
+/// The lock file of a client that may have content files that the index does not name, or no longer names.
 ///
-/// It is a file, locked as long as the client lives, and removed by a client that leaves nothing behind. A mark that
-/// nobody locks tells whoever opens the store next that a client was ended, and what its files are called.
+/// The client holds the lock as long as it lives, and removes the file in the end unless it leaves orphans. A lock file
+/// that is not locked shows the next client that opens the store that a session is dead. The file's name is the session
+/// number, which is part of the names of the session's content files.
 /// Safe for concurrent calls on one instance.
 class SessionLock
 {
 public:
-    /// Choose a number. Nothing is written before acquire(): who only reads leaves no mark.
+    /// Choose a session number. The file is created by acquire() only, so clients that only read have none.
     explicit SessionLock(std::filesystem::path folder);
     SessionLock(const SessionLock&) = delete;
     SessionLock& operator=(const SessionLock&) = delete;
     ~SessionLock();
 
-    /// Make the mark last, if that was not done before. To be called before any file is made or removed.
+    /// Create the lock file, unless that has been done, lock it and sync its folder. Must be called before any content
+    /// file is created or removed.
     ///
     /// @throws StoreError
     void acquire();
 
-    /// Leave the mark where it is: there is something to collect.
+    /// Do not remove the file in the destructor: there are orphans to collect.
     void keepFile() noexcept { m_keepFile = true; }
 
-    /// Differs from that of every other session of the store, past ones included.
+    /// Random, 64 bits: differs from the number of every other session of the store, including past ones.
     std::uint64_t number() const noexcept { return m_number; }
 
-    /// A session that was ended, held against others that want to collect after it.
+    /// A session whose client has ended without removing its lock file.
     struct Dead
     {
         std::filesystem::path path;
         std::uint64_t number = 0;
-        FileHandle file;
+        FileHandle file; // locked, so that no other client collects the same orphans
     };
 
-    /// Find the sessions whose clients are no more, except those that somebody else is collecting after.
+    /// Find the dead sessions, except those whose orphans another client is collecting.
     static std::vector<Dead> findDead(const std::filesystem::path& folder);
 
 private:
@@ -56,10 +58,10 @@ private:
     std::atomic<bool> m_keepFile = false;
 
     std::mutex m_mutex; // innermost
-    FileHandle m_file;  // guarded by m_mutex; empty: there is no mark
+    FileHandle m_file;  // guarded by m_mutex; empty: acquire() was not called
 };
 
-/// A session's number, or another of 64 bits, as file names have it: 16 hexadecimal digits.
+/// A session number as it appears in file names: 16 hexadecimal digits.
 std::string fileNameOf(std::uint64_t number);
 
 } // namespace storage::clients::local

@@ -13,7 +13,7 @@ namespace storage::clients::local
 namespace
 {
 
-constexpr std::uint64_t chunkSize = 1024 * 1024; // bytes taken from a stream at once
+constexpr std::uint64_t chunkSize = 1024 * 1024; // bytes read from a stream at a time
 
 } // namespace
 
@@ -42,7 +42,7 @@ void StagedContent::receive(const std::string& key, std::istream& content)
         m_file->append(chunk.data(), count);
         rest -= count;
     }
-    finish();
+    sync();
 }
 
 void StagedContent::append(std::string_view bytes)
@@ -70,7 +70,7 @@ void StagedContent::append(
     readFile(from, fromPath, m_bytes.data() + end, size, offset);
 }
 
-void StagedContent::finish()
+void StagedContent::sync()
 {
     if (m_file)
     {

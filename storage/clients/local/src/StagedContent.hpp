@@ -12,28 +12,28 @@
 namespace storage::clients::local
 {
 
-/// Bytes on their way into the store, of which the index knows nothing yet.
+/// A content that is being received, before it is added to the index.
 class StagedContent
 {
 public:
-    /// @param size    bytes that will be appended, exactly
-    /// @param inFile  whether they go to a file; else they are held here for the index
+    /// @param size    the number of bytes that will be appended
+    /// @param inFile  write them to a file; else keep them in memory, to be stored inline in the index
     StagedContent(ContentFiles& files, std::uint64_t size, bool inFile);
 
-    /// Take all `size` bytes of a stream.
+    /// Read all `size` bytes from a stream, and sync the file, if there is one.
     ///
-    /// @param key  for the message when the stream ends early
+    /// @param key  for the error message when the stream ends early
     void receive(const std::string& key, std::istream& content);
 
     void append(std::string_view bytes);
     void append(
         const FileHandle& from, const std::filesystem::path& fromPath, std::uint64_t offset, std::uint64_t size);
 
-    /// Bring what was appended to the disk, where there is a file.
-    void finish();
+    /// Sync the file, if there is one. To be called after the last append().
+    void sync();
 
     std::uint64_t size() const noexcept { return m_size; }
-    const std::string& bytes() const noexcept { return m_bytes; } ///< the content, if it is not in a file
+    const std::string& bytes() const noexcept { return m_bytes; } ///< the content, if it has no file
     std::optional<IncomingFile>& file() noexcept { return m_file; }
 
 private:

@@ -54,7 +54,7 @@ StoreError sqliteError(int code, int error, const std::string& message)
     case SQLITE_PERM:
     case SQLITE_READONLY:
     case SQLITE_AUTH:
-        return {StoreError::Kind::PermissionDenied, "the index refuses access: " + message};
+        return {StoreError::Kind::PermissionDenied, "access to the index denied: " + message};
     default:
         return {kindOf(error), "the index fails: " + message + (error == 0 ? "" : ": " + messageOf(error))};
     }

@@ -6,17 +6,17 @@
 namespace storage::clients::local
 {
 
-/// What goes wrong inside the store, as a reason in words. LocalClient adds operation, key and directory and turns it
-/// into one of the cloud exceptions.
+/// An error inside the store; what() is the reason. LocalClient adds operation, key and directory and translates it
+/// into a CloudException.
 class StoreError : public std::runtime_error
 {
 public:
     enum class Kind
     {
         NotFound,         ///< no such object or upload
-        NotAStore,        ///< the directory is something else
-        PermissionDenied, ///< the system refuses access
-        NoSpace,          ///< the disk is full, or the user's share of it
+        NotAStore,        ///< the directory, or what has its name, is no store
+        PermissionDenied, ///< the system denies access
+        NoSpace,          ///< the disk is full or the user's quota exhausted
         Other
     };
 
@@ -37,17 +37,17 @@ private:
     Kind m_kind;
 };
 
-/// The failure of a system call.
+/// The error of a system call.
 ///
-/// @param doing  what was tried and on what: "writing contents/12"
+/// @param doing  the attempted action and its object: "writing contents/12"
 /// @param error  its errno
 StoreError systemError(const std::string& doing, int error);
 
-/// The failure of SQLite.
+/// An error of SQLite.
 ///
 /// @param code     extended result code
-/// @param error    the errno behind it, 0 when there is none
-/// @param message  SQLite's own words
+/// @param error    the errno that caused it; 0: none
+/// @param message  SQLite's error message
 StoreError sqliteError(int code, int error, const std::string& message);
 
 } // namespace storage::clients::local

@@ -21,39 +21,38 @@ StoreTransaction::~StoreTransaction()
     }
 }
 
-std::int64_t StoreTransaction::newNumber()
+std::int64_t StoreTransaction::newId()
 {
-    if (!m_nextNumber)
+    if (!m_nextId)
     {
         Query query = index().query("SELECT next_id FROM store");
         if (!query.next())
         {
-            throw StoreError("the index is damaged: it has lost its count");
+            throw StoreError("the index is damaged: it has lost its next id");
         }
-        m_nextNumber = query.integer(0);
+        m_nextId = query.integer(0);
     }
-    return (*m_nextNumber)++;
+    return (*m_nextId)++;
 }
 
 std::int64_t StoreTransaction::add(StagedContent& content)
 {
-    const std::int64_t number = newNumber();
+    const std::int64_t id = newId();
     const auto size = static_cast<std::int64_t>(content.size());
     if (content.file())
     {
         m_added.reserve(m_added.size() + 1);
-        const FileName name = m_files.publish(*content.file(), number);
+        const FileName name = m_files.publish(*content.file(), id);
         m_added.push_back(name);
         m_filesToSync = true;
-        index().run("INSERT INTO contents (id, refs, size, session) VALUES (?, 1, ?, ?)", number, size,
+        index().run("INSERT INTO contents (id, refs, size, session) VALUES (?, 1, ?, ?)", id, size,
             static_cast<std::int64_t>(name.session));
     }
     else
     {
-        index().run(
-            "INSERT INTO contents (id, refs, size, data) VALUES (?, 1, ?, ?)", number, size, Blob{content.bytes()});
+        index().run("INSERT INTO contents (id, refs, size, data) VALUES (?, 1, ?, ?)", id, size, Blob{content.bytes()});
     }
-    return number;
+    return id;
 }
 
 void StoreTransaction::share(std::int64_t content)
@@ -66,7 +65,7 @@ void StoreTransaction::release(std::int64_t content)
     Query query = index().query("SELECT refs, session FROM contents WHERE id = ?", content);
     if (!query.next())
     {
-        return; // damage, which reading reports; an object that has it can still be replaced and removed
+        return; // the store is damaged; reading reports that, but a damaged object can still be replaced and removed
     }
     if (query.integer(0) > 1)
     {
@@ -82,9 +81,9 @@ void StoreTransaction::release(std::int64_t content)
 
 void StoreTransaction::commit()
 {
-    if (m_nextNumber)
+    if (m_nextId)
     {
-        index().run("UPDATE store SET next_id = ?", *m_nextNumber);
+        index().run("UPDATE store SET next_id = ?", *m_nextId);
     }
     if (m_filesToSync && m_durability == Durability::Synced)
     {
@@ -100,7 +99,7 @@ void StoreTransaction::commit()
     }
     catch (const StoreError& error)
     {
-        // The disk may have taken the change although it says that it failed, and would name these files again.
+        // The commit may have reached the disk all the same. After a crash the index would name these files.
         if (error.kind() != StoreError::Kind::NoSpace)
         {
             m_files.leaveOrphans();
@@ -110,19 +109,19 @@ void StoreTransaction::commit()
     }
     m_added.clear();
     m_index.reset();
-    removeDropped();
+    removeDroppedFiles();
 }
 
-void StoreTransaction::removeDropped()
+void StoreTransaction::removeDroppedFiles()
 {
     if (!m_dropped.empty() && m_durability == Durability::Deferred)
     {
-        // A loss of power could undo this change and bring back the rows that name these files. A lasting change that
-        // follows, whichever, rules that out.
+        // A loss of power could undo this transaction and bring back the rows that name these files. Any later synced
+        // transaction prevents that.
         try
         {
             StoreTransaction barrier(m_database, m_files, Durability::Synced);
-            barrier.newNumber();
+            barrier.newId();
             barrier.commit();
         }
         catch (const StoreError&)

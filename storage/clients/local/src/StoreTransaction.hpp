@@ -11,10 +11,10 @@
 namespace storage::clients::local
 {
 
-/// A change of the index together with the files that it adds and drops: both happen, or neither.
+/// A transaction on the index and the content files: both change, or neither. Rolled back unless it is committed.
 ///
-/// New files take their place before the change is committed, and dropped ones go after it, so that the index never
-/// names a file that is not there. A crash in between leaves files that it does not name.
+/// New files are published before the index is committed, and dropped ones removed afterwards, so the index never names
+/// a file that does not exist. A crash in between leaves orphans: files that the index does not name.
 class StoreTransaction
 {
 public:
@@ -25,35 +25,37 @@ public:
 
     Connection& index() { return **m_index; }
 
-    /// A number that nothing in the store has or had.
-    std::int64_t newNumber();
+    /// An id that no object, upload or content of the store has or had.
+    std::int64_t newId();
 
-    /// Make the files of earlier, provisional changes last if this one does.
+    /// Let a Synced commit also sync the names of files that earlier, deferred transactions added.
     void syncEarlierFiles() { m_filesToSync = true; }
 
-    /// Add a content with one reference, which the caller stores.
+    /// Add a content with a reference count of 1. The caller stores that reference.
+    ///
+    /// @return its id
     std::int64_t add(StagedContent& content);
 
-    /// Count one more reference, which the caller stores.
+    /// Add 1 to the reference count. The caller stores the new reference.
     void share(std::int64_t content);
 
-    /// Count one reference less, which the caller has removed. The content goes with its last one.
+    /// Subtract 1 from the reference count. The caller has removed that reference. Drops the content when none is left.
     void release(std::int64_t content);
 
-    /// @throws StoreError; the change has not happened
+    /// @throws StoreError; nothing has changed
     void commit();
 
 private:
-    void removeDropped();
+    void removeDroppedFiles();
 
     const Durability m_durability;
     Database& m_database;
     ContentFiles& m_files;
-    std::optional<Database::WriteTransaction> m_index; // empty once it is committed
+    std::optional<Database::WriteTransaction> m_index; // empty after the commit
     bool m_filesToSync = false;
-    std::optional<std::int64_t> m_nextNumber; // empty: none was asked for
-    std::vector<FileName> m_added;            // to be removed unless this is committed
-    std::vector<FileName> m_dropped;          // to be removed once it is
+    std::optional<std::int64_t> m_nextId; // empty: newId() was not called
+    std::vector<FileName> m_added;        // removed unless this is committed
+    std::vector<FileName> m_dropped;      // removed after the commit
 };
 
 } // namespace storage::clients::local

@@ -39,7 +39,7 @@ std::optional<UploadPart> findPart(Connection& index, std::int64_t upload, std::
 
 std::int64_t beginUpload(StoreTransaction& transaction, const std::string& key)
 {
-    const std::int64_t upload = transaction.newNumber();
+    const std::int64_t upload = transaction.newId();
     transaction.index().run("INSERT INTO uploads VALUES (?, ?, ?)", upload, Blob{key},
         toMicroseconds(boost::posix_time::microsec_clock::universal_time()));
     return upload;
@@ -96,7 +96,7 @@ void endUpload(StoreTransaction& transaction, std::int64_t upload)
     transaction.index().run("DELETE FROM uploads WHERE id = ?", upload);
 }
 
-std::uint64_t completeUpload(StoreTransaction& transaction, const std::string& key, std::int64_t upload,
+void completeUpload(StoreTransaction& transaction, const std::string& key, std::int64_t upload,
     const std::vector<cloudprovider::PartInfo>& parts)
 {
     Connection& index = transaction.index();
@@ -109,7 +109,7 @@ std::uint64_t completeUpload(StoreTransaction& transaction, const std::string& k
 
     transaction.syncEarlierFiles();
 
-    // The object takes over the upload's number, and of the parts that are listed the references, too.
+    // The object takes over the upload's id, and the references to the contents of the listed parts.
     std::uint64_t size = 0;
     for (const cloudprovider::PartInfo& part : parts)
     {
@@ -121,7 +121,6 @@ std::uint64_t completeUpload(StoreTransaction& transaction, const std::string& k
     }
     endUpload(transaction, upload);
     placeObject(transaction, key, upload, size);
-    return size;
 }
 
 } // namespace storage::clients::local

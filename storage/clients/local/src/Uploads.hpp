@@ -12,32 +12,33 @@
 namespace storage::clients::local
 {
 
-// Uploads in parts, which live in the index until they are completed or aborted, whoever began them and however that
-// process ended.
+// Multipart uploads. They stay in the index until they are completed or aborted, even if the process that began them
+// has ended.
 
-/// Begin one.
+/// Begin an upload.
 ///
-/// @return its number
+/// @return its id
 std::int64_t beginUpload(StoreTransaction& transaction, const std::string& key);
 
-/// Find the upload that a client names by the text of its number.
+/// Find an upload.
 ///
-/// @throws StoreError when there is none of this number for this key
-std::int64_t requireUpload(Connection& index, const std::string& key, const std::string& id);
+/// @param uploadId  its id as text, as createMultipartUpload() returned it
+/// @throws StoreError when this key has no upload with this id
+std::int64_t requireUpload(Connection& index, const std::string& key, const std::string& uploadId);
 
-/// List all that are open, in the order in which they began.
+/// List the open uploads, oldest first.
 std::vector<PendingUpload> listUploads(Connection& index);
 
-/// Make the content the part, in place of what was sent for it before. One reference of it is the upload's from now on.
+/// Store the content as a part, replacing what was sent for it before. Takes over one reference to the content.
 void setUploadPart(StoreTransaction& transaction, std::int64_t upload, std::size_t part, std::int64_t content);
 
-/// End the upload and drop what was sent.
+/// End the upload and drop its parts.
 void endUpload(StoreTransaction& transaction, std::int64_t upload);
 
-/// Make the parts the object under the key, and end the upload. Not a byte of them is moved.
+/// Make the listed parts the object under the key, and end the upload. No bytes are moved.
 ///
-/// @return bytes of the object
-std::uint64_t completeUpload(StoreTransaction& transaction, const std::string& key, std::int64_t upload,
+/// @throws UnknownErrorException from checkPartList()
+void completeUpload(StoreTransaction& transaction, const std::string& key, std::int64_t upload,
     const std::vector<cloudprovider::PartInfo>& parts);
 
 } // namespace storage::clients::local

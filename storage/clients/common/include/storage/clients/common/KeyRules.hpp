@@ -6,29 +6,29 @@
 namespace storage::clients
 {
 
-/// Bytes of the longest key, as in S3. A store that took longer ones could not be moved to another.
+/// Maximum length of a key in bytes; the limit of S3. An object with a longer key could not be moved to another store.
 constexpr std::size_t maxKeyBytes = 1024;
 
-/// Refuse a key under which nothing may be stored.
+/// Check that an object may be stored under the key.
 ///
-/// Refused are: the empty key, more than maxKeyBytes, text that is not UTF-8 (overlong forms and surrogates included),
-/// and characters that an XML answer cannot carry, since such an object could be stored and never be listed: the
-/// control characters below U+0020 other than tab, line feed and carriage return, and U+FFFE and U+FFFF.
-/// Everything else is taken, blanks, quotes and "." segments too: what a path means is the provider's business.
+/// Refused are: the empty key, a key of more than maxKeyBytes, text that is not UTF-8 (including overlong forms and
+/// surrogates), and characters that XML cannot contain, because an S3 store could store such an object but never list
+/// it: the control characters below U+0020 except tab, line feed and carriage return, and U+FFFE and U+FFFF. Everything
+/// else is accepted, including blanks, quotes and "." segments: the provider decides what a path means.
 ///
-/// Only operations that create something ask. A lookup under such a key finds nothing, and that is no failure of its
-/// own.
-/// @throws InvalidLocationException whose detail names the key and the reason
+/// Call this only where an object or an upload is created. A lookup or removal does not check its key: an object with
+/// such a key does not exist, which is no error.
+/// @throws InvalidLocationException whose detail contains the key and the reason
 void checkKey(const std::string& key);
 
-/// Refuse a file name, the last segment of a key: what checkKey() refuses, a name with "/" in it, and "." and "..",
-/// which name another place wherever paths are written.
+/// Check a file name, which is the last segment of a key. Refused are: what checkKey() refuses, a name that contains
+/// "/", and "." and "..", which in a path refer to other folders.
 ///
-/// @throws InvalidLocationException whose detail names the name and the reason
+/// @throws InvalidLocationException whose detail contains the name and the reason
 void checkObjectName(const std::string& name);
 
-/// The key as a message may show it: in double quotes, control characters and bytes that are not UTF-8 as \xHH, and
-/// cut after 200 bytes.
+/// The key for a message: in double quotes, with control characters and bytes that are not UTF-8 as \xHH, and cut off
+/// after 200 bytes.
 std::string quoted(const std::string& key);
 
 } // namespace storage::clients

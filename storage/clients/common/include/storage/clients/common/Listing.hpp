@@ -12,32 +12,33 @@
 namespace storage::clients
 {
 
-/// A place in a store's keys in ascending byte order, which listPage() moves forward.
+/// A position in a store's keys in ascending byte order. listPage() moves it forward.
 template <typename T>
 concept KeyCursor = requires(T cursor, const std::string& key)
 {
-    cursor.seek(key); // to the first key that is not less
-    cursor.next();    // to the key behind; asked only when not at the end
-    cursor.atEnd();   // bool: behind the last key
-    cursor.key();     // like a std::string_view, valid until the cursor moves
-    cursor.entry();   // ObjectEntry of the object here
+    cursor.seek(key); // move to the first key that is not less than `key`
+    cursor.next();    // move to the next key; not called at the end
+    cursor.atEnd();   // bool: past the last key
+    cursor.key();     // converts to std::string_view, valid until the cursor moves; not called at the end
+    cursor.entry();   // ObjectEntry of the current object; not called at the end
 };
 
-/// The least string that is greater than every key that begins with `prefix`; empty when there is none, which no
-/// UTF-8 prefix but the empty one comes to.
+/// The smallest string that is greater than every key with this prefix; empty when there is none. A UTF-8 prefix has
+/// one unless it is empty.
 std::string prefixEnd(std::string prefix);
 
-/// The group that a key is listed as: up to and with the first delimiter after the prefix; empty when the key is listed
-/// itself.
+/// The group that a key belongs to in a listing: the key up to and including the first delimiter after the prefix.
+/// Empty when the key itself is listed.
 std::string_view groupOf(std::string_view key, std::size_t prefixSize, std::string_view delimiter);
 
-/// Make one page of a listing, in as many cursor steps as it has entries: a group is left with one seek, however many
-/// keys it has.
+/// Make one page of a listing. The number of cursor moves is proportional to the number of entries: one seek skips the
+/// rest of a group, however many keys it has.
 ///
-/// Tokens are the least key that may come next, so they outlive any change of the store and cost it no memory.
-/// @param token     as CloudClient::listObjects() has it
-/// @param options   a maxKeys below 1 asks for no limit
-/// @param pageSize  most entries that the store itself puts into a page, at least 1
+/// A token is the smallest key that the next page may contain. So it stays valid whatever changes in the store, and the
+/// store need not remember it.
+/// @param token     in and out, as for CloudClient::listObjects()
+/// @param options   a maxKeys below 1 means no limit
+/// @param pageSize  the store's own maximum of entries on a page; at least 1
 template <KeyCursor Cursor>
 std::vector<cloudprovider::ObjectEntry> listPage(Cursor& cursor, const std::string& prefix, std::string& token,
     const cloudprovider::ListOptions& options, std::size_t pageSize)
@@ -57,13 +58,13 @@ std::vector<cloudprovider::ObjectEntry> listPage(Cursor& cursor, const std::stri
             cursor.next();
             continue;
         }
-        // An object under the group's own key is its first, and gives the group its time.
+        // An object whose key is that of the group comes first in it, and its time is the group's time.
         cloudprovider::ObjectEntry entry{std::string(group), 0, {}};
         if (group.size() == std::string_view(cursor.key()).size())
         {
             entry.lastModified = cursor.entry().lastModified;
         }
-        // Most groups of a wide listing are small, and a step is cheaper than a seek.
+        // A step is cheaper than a seek, and most groups of a wide listing are small.
         cursor.next();
         if (inListing() && std::string_view(cursor.key()).starts_with(entry.key))
         {

@@ -8,22 +8,23 @@
 namespace storage::clients
 {
 
-/// A multipart upload that was neither completed nor aborted, as the store remembers it.
+/// An open multipart upload: one that was neither completed nor aborted.
 struct PendingUpload
 {
     std::string key;
-    std::string uploadId;             ///< what abortMultipartUpload() takes
-    boost::posix_time::ptime created; ///< UTC; always a time: its age decides whether an upload may be aborted
+    std::string uploadId;             ///< for abortMultipartUpload()
+    boost::posix_time::ptime created; ///< UTC; never a special value: users decide by age which uploads to abort
 };
 
-/// What a client offers beside CloudClient when it can tell which uploads are open, those of other processes and of
-/// processes that have ended included. A host finds out with findInterface().
+/// An interface that a client implements besides CloudClient if it can list the open uploads of its store, including
+/// those of other processes and of processes that have ended. A host looks for it with findInterface().
 class UploadInventory
 {
 public:
     virtual ~UploadInventory() = default;
 
-    /// List the open uploads, oldest first. From any thread; uploads may begin and end meanwhile.
+    /// List the open uploads, oldest first. May be called from any thread, while uploads begin and end.
+    ///
     /// @throws cloudprovider::CloudException
     virtual std::vector<PendingUpload> pendingUploads() = 0;
 };

@@ -23,52 +23,50 @@ class Database;
 class StagedContent;
 } // namespace local
 
-/// A durable store in one directory of this machine: an index in SQLite, with the contents that are not small in files
-/// beside it.
+/// A durable store in one directory of this machine: an index in SQLite, with files beside it for large contents.
 ///
-/// Durability: an operation that returns is on the disk and outlives a crash or a loss of power. One that is cut short
-/// by either has happened or has not; what it leaves behind is removed when a client next opens the store. What was
-/// sent for an upload outlives a crash at once, and a loss of power only when the upload is completed.
+/// Durability: when an operation returns, its effect is on the disk and survives a crash and a loss of power. If either
+/// interrupts an operation, it has taken full effect or none; files that it leaves are removed when a client next opens
+/// the store. Exception: an upload and its parts survive a crash at once, but a loss of power only after completion.
 ///
-/// Sharing: any number of threads, clients and processes on this machine may use one directory at the same time. Reads
-/// never wait; writers take turns at the index, but not while contents are moved. The directory must be on a disk of
-/// this machine: network file systems do not give the locks and shared memory that SQLite needs. A child process must
-/// not use a client that its parent made before fork().
+/// Sharing: any number of threads, clients and processes of this machine may use one directory at the same time.
+/// Readers never wait. Writers take turns at the index, but transfer contents in parallel. The directory must be on a
+/// local disk: network file systems lack the locks and the shared memory that SQLite needs. A child process must not
+/// use a client that its parent created before fork().
 ///
-/// Parts: an object is kept as the parts it was completed from. copyPart() of a part as getObjectParts() gave it shares
-/// its bytes, and completion moves none, so that both cost the same for any size. Other ranges are copied by the
-/// kernel. A tag belongs to bytes: a part that was taken over unchanged from one version of an object into the next
-/// keeps its own.
+/// Parts: an object keeps the parts that it was completed from. copyPart() shares the bytes of a part that is passed as
+/// getObjectParts() returned it, and completeMultipartUpload() moves no bytes, so the cost of neither depends on the
+/// size. copyPart() of any other range copies the bytes, in the kernel where the file system supports that. A tag
+/// belongs to bytes: a part that goes unchanged from one version of an object into the next keeps its tag.
 ///
-/// Listing: pages of at most 1,000 entries. A group's entry carries the time of the object under exactly its key, when
-/// there is one. A group costs one step, however many keys lie below it.
+/// Listing: a page has at most 1,000 entries. The entry of a group has the time of the object under exactly the group's
+/// key, if there is one. The cost of a group does not depend on the number of its keys.
 ///
-/// Reading: a range that touches up to 16 parts is read from one version of the object, whatever happens to it
-/// meanwhile; a longer one fails when the object is replaced under it.
+/// Reading: a range in at most 16 parts is read from one version of the object, even if the object is replaced or
+/// removed meanwhile. A read of more parts can fail in that case.
 ///
-/// Uploads outlive the process that began them, until they are completed or aborted.
+/// Uploads stay open until they are completed or aborted, even if the process that began them ends.
 ///
-/// Failures: a full disk, damage and everything else that is not the caller's doing are UnknownErrorException; a file
-/// of another size than it was stored with is damage, and nothing is served in its place. Refused access is
-/// PermissionDeniedException. Keys that checkKey() refuses cannot be stored: InvalidLocationException.
+/// Failures: a full disk, damage and other failures that the caller did not cause are UnknownErrorExceptions. A content
+/// file with a wrong size is damage, and none of its bytes are served. Denied access is a PermissionDeniedException.
+/// Keys that checkKey() refuses cannot be stored: InvalidLocationException.
 class LocalClient final : public cloudprovider::CloudClient, public StoreCounters, public UploadInventory
 {
 public:
-    /// Contents up to this size live in the index, larger ones in files of their own.
+    /// Contents of at most this many bytes are stored inline in the index, larger ones in a file each.
     ///
-    /// A file costs two more syncs and a rename: on ext4 an object of 4 KiB takes 0.2 ms in the index and 0.7 ms in a
-    /// file, one of 64 KiB 0.5 ms and 3 ms. The index wins up to 1 MiB and more, but it writes each byte twice, while
-    /// all other writers wait, and it never shrinks; at 64 KiB most of the gain is had.
+    /// A file costs two more syncs and a rename. On ext4 an object of 4 KiB takes 0.2 ms inline and 0.7 ms in a file,
+    /// one of 64 KiB 0.5 ms and 3 ms. Inline is faster up to 1 MiB and more. But inline bytes are written twice, while
+    /// all other writers wait, and the index never shrinks. 64 KiB gives most of the gain.
     static constexpr std::uint64_t defaultMaxInlineSize = 64 * 1024;
 
-    /// Open the store in a directory, which is made, with those above it, when it is missing. Only this user gets
-    /// access to what is made. An empty directory becomes an empty store.
+    /// Open the store in a directory. A missing directory is created with its parents, and an empty one becomes an
+    /// empty store. Only this user gets access to what is created. A directory that is refused is left unchanged.
     ///
-    /// @throws InvalidLocationException when there is something else there: a file, or a directory with other content
-    /// @throws PermissionDeniedException when it cannot be made, read or written
-    /// @throws UnknownErrorException when the index is damaged, or written by a later version of this program
-    /// A directory that is refused is left as it is.
-    /// @param maxInlineSize  bytes; concerns what this client stores, and may differ from one client to the next
+    /// @param maxInlineSize  bytes; applies to what this client stores, and may differ between clients of one store
+    /// @throws InvalidLocationException when the path is a file, or a directory with other content
+    /// @throws PermissionDeniedException when the directory cannot be created, read or written
+    /// @throws UnknownErrorException when the index is damaged, or has another version than this program knows
     explicit LocalClient(const std::filesystem::path& directory, std::uint64_t maxInlineSize = defaultMaxInlineSize);
 
     /// No call may be in progress.
@@ -103,7 +101,7 @@ private:
     std::string storePart(Operation operation, const std::string& key, const std::string& uploadId,
         const cloudprovider::PartInfo& part, local::StagedContent& content);
 
-    // The two ways of copyPart(): without bytes, or nothing when the range is not a stored part, and with them.
+    // The two ways of copyPart(). sharePart() moves no bytes; it returns nullopt when the range is not a stored part.
     std::optional<std::string> sharePart(
         const std::string& key, const std::string& uploadId, const cloudprovider::PartInfo& part);
     std::string copyRange(const std::string& key, const std::string& uploadId, const cloudprovider::PartInfo& part);
