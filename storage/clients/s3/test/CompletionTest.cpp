@@ -1,5 +1,6 @@
 #include "FileSession.hpp"
 #include "LoopbackServer.hpp"
+#include "Parallel.hpp"
 
 #include "signing/Hashing.hpp"
 
@@ -8,17 +9,18 @@
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <fmt/format.h>
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <mutex>
+#include <functional>
 #include <sstream>
 
-// A request whose kept connection breaks is sent again by the transport, unseen: a completion may arrive twice. What
-// the second one is answered says nothing about the first.
+#include <pthread.h>
+
+// Completions of multipart uploads: how many requests they take, and what becomes of those that fail.
 
 namespace storage::clients::s3
 {
@@ -26,244 +28,198 @@ namespace storage::clients::s3
 namespace
 {
 
+using namespace cloudprovider;
 using clients::test::LoopbackServer;
 using clients::test::Reply;
 using clients::test::Request;
-
-const std::string bytes = "new";
-const std::string partTag = toHex(md5(bytes));
-const std::string newTag = toHex(md5(md5(bytes))) + "-1";
-
-S3Settings settingsFor(const LoopbackServer& server)
-{
-    return {.bucket = "bucket",
-        .endpoint = server.url(),
-        .region = "us-east-1",
-        .pathStyle = true,
-        .credentials = anonymousCredentials()};
-}
-
-/// A store of one object that does what the first completion asks for, and loses the answer.
-class ForgetfulStore
-{
-public:
-    ForgetfulStore(Reply second, std::string made)
-        : m_second(std::move(second))
-        , m_done(std::move(made))
-    {
-    }
-
-    Reply operator()(const Request& request)
-    {
-        const std::lock_guard lock(m_mutex);
-        const std::string target(request.target());
-        const bool isOfUpload = target.find("uploadId=") != std::string::npos;
-        switch (request.method())
-        {
-        case boost::beast::http::verb::head:
-            return {.fields = {{"ETag", '"' + m_stored + '"'}, {"Last-Modified", "Sat, 01 Jan 2022 00:00:00 GMT"}}};
-        case boost::beast::http::verb::put:
-            return {.fields = {{"ETag", '"' + partTag + '"'}}};
-        case boost::beast::http::verb::get:
-            return {.status = 404, .body = "<Error><Code>NoSuchUpload</Code></Error>"};
-        default:
-            break;
-        }
-        if (!isOfUpload)
-        {
-            return {.body = "<InitiateMultipartUploadResult><UploadId>1</UploadId></InitiateMultipartUploadResult>"};
-        }
-        m_conditions.emplace_back(request["If-Match"]);
-        if (m_conditions.size() > 1)
-        {
-            return m_second;
-        }
-        m_stored = m_done;
-        return Reply::raw("", Reply::Then::Close);
-    }
-
-    std::vector<std::string> conditions() const
-    {
-        const std::lock_guard lock(m_mutex);
-        return m_conditions;
-    }
-
-private:
-    const Reply m_second;
-    const std::string m_done;
-    mutable std::mutex m_mutex;
-    std::string m_stored = "old";
-    std::vector<std::string> m_conditions; // of the completions
-};
-
-struct Second
-{
-    const char* name;
-    Reply reply;
-};
-
-class CompletionTest : public testing::TestWithParam<Second>
-{
-};
-
-TEST_P(CompletionTest, IsLookedIntoWhenItHasArrivedTwice)
-{
-    for (const bool isConditional : {false, true})
-    {
-        for (const std::string& made : {newTag, std::string("theirs")})
-        {
-            ForgetfulStore store(GetParam().reply, made);
-            LoopbackServer server([&](const Request& request) { return store(request); });
-            S3Settings settings = settingsFor(server);
-            settings.capabilities.conditionalCompletion = isConditional;
-            S3Client client(settings);
-            const std::string upload = client.createMultipartUpload("key", "old");
-            std::istringstream content(bytes);
-            const std::string tag = client.uploadPart("key", upload, {0, 0, bytes.size(), ""}, content);
-            const auto complete = [&] { client.completeMultipartUpload("key", upload, {{0, 0, bytes.size(), tag}}); };
-            SCOPED_TRACE(testing::Message() << "stored " << made << ", conditional " << isConditional);
-            if (made == newTag)
-            {
-                EXPECT_NO_THROW(complete());
-            }
-            else
-            {
-                EXPECT_THROW(complete(), cloudprovider::CloudException);
-            }
-            EXPECT_EQ(store.conditions(), std::vector<std::string>(2, isConditional ? "\"old\"" : ""));
-            const auto requests = server.requests();
-            const bool looked = std::any_of(requests.begin(), requests.begin() + 3,
-                [](const Request& request) { return request.method() == boost::beast::http::verb::head; });
-            EXPECT_EQ(looked, !isConditional) << "before the completion";
-        }
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Answers, CompletionTest,
-    testing::Values(Second{"gone", {404, {}, "<Error><Code>NoSuchUpload</Code></Error>"}},
-        Second{"failed", {500, {}, "<Error><Code>InternalError</Code></Error>"}},
-        Second{"changed", {412, {}, "<Error><Code>PreconditionFailed</Code></Error>"}},
-        Second{"lost", Reply::raw("", Reply::Then::Close)}),
-    [](const auto& row) { return std::string(row.param.name); });
+using http = boost::beast::http::verb;
 
 constexpr std::uint64_t gibi = 1 << 30;
+const std::string bytes = "new";
+const std::string partTag = toHex(md5(bytes));
+const std::string oldTag = "old";
+const std::string theirTag = "theirs";
+const std::string newTag = toHex(md5(md5(bytes))) + "-1";
 
 bool isCopy(const Request& request)
 {
     return request.count("x-amz-copy-source") > 0;
 }
 
-/// A store of one object, which has as many bytes as it is told to say. Conditions on copies are ignored.
-class LargeObject
+bool isCompletion(const Request& request)
 {
-public:
-    explicit LargeObject(std::uint64_t size)
-        : m_size(size)
+    return request.method() == http::post && request.target().find("uploadId=") != boost::beast::string_view::npos;
+}
+
+/// A store of one object, which claims to have as many bytes as it is told. Conditions on copies are ignored.
+struct FakeStore
+{
+    using Handler = std::function<std::optional<Reply>(const Request&)>;
+
+    /// @param handler  responds to some requests in the store's place
+    explicit FakeStore(
+        std::uint64_t objectSize, Handler handler = [](const Request&) { return std::nullopt; })
+        : size(objectSize)
+        , server([this, handler](const Request& request) { return handler(request).value_or(respond(request)); })
+        , settings{.bucket = "bucket",
+              .endpoint = server.url(),
+              .region = "us-east-1",
+              .pathStyle = true,
+              .credentials = anonymousCredentials()}
     {
     }
 
-    void setTag(const std::string& tag)
+    Reply respond(const Request& request) const
     {
-        const std::lock_guard lock(m_mutex);
-        m_tag = tag;
-    }
-
-    Reply operator()(const Request& request) const
-    {
-        const std::lock_guard lock(m_mutex);
+        const std::string etag = '"' + *tag + '"';
         switch (request.method())
         {
-        case boost::beast::http::verb::head:
-            return {.fields = {{"ETag", '"' + m_tag + '"'}, {"Last-Modified", "Sat, 01 Jan 2022 00:00:00 GMT"},
-                        {"Content-Length", std::to_string(m_size)}}};
-        case boost::beast::http::verb::get:
-            return request["If-Match"].empty() || request["If-Match"] == '"' + m_tag + '"' ? read(request)
-                                                                                           : Reply{.status = 412};
-        case boost::beast::http::verb::put:
+        case http::head:
+            return {.fields = {{"ETag", etag}, {"Last-Modified", "Sat, 01 Jan 2022 00:00:00 GMT"},
+                        {"Content-Length", std::to_string(size)}}};
+        case http::get:
+            return request["If-Match"].empty() || request["If-Match"] == etag ? read(request, etag) : Reply{412};
+        case http::put:
             return {.fields = {{"ETag", '"' + partTag + '"'}},
                 .body = isCopy(request) ? "<CopyPartResult><ETag>" + partTag + "</ETag></CopyPartResult>" : ""};
         default:
             return {
-                .body = request.target().find("uploadId=") == boost::beast::string_view::npos
-                            ? "<InitiateMultipartUploadResult><UploadId>1</UploadId></InitiateMultipartUploadResult>"
-                            : "<CompleteMultipartUploadResult><ETag>new</ETag></CompleteMultipartUploadResult>"};
+                .body = isCompletion(request)
+                            ? "<CompleteMultipartUploadResult><ETag>new</ETag></CompleteMultipartUploadResult>"
+                            : "<InitiateMultipartUploadResult><UploadId>1</UploadId></InitiateMultipartUploadResult>"};
         }
     }
 
+    auto count(bool (*predicate)(const Request&)) const
+    {
+        const auto requests = server.requests();
+        return std::count_if(requests.begin(), requests.end(), predicate);
+    }
+
+    const std::uint64_t size;
+    std::atomic<const std::string*> tag = &oldTag;
+    LoopbackServer server;
+    S3Settings settings;
+
 private:
-    Reply read(const Request& request) const
+    Reply read(const Request& request, const std::string& etag) const
     {
         unsigned long first = 0;
         unsigned long last = 0;
         std::sscanf(std::string(request["Range"]).c_str(), "bytes=%lu-%lu", &first, &last);
-        last = std::min(last, m_size - 1);
+        last = std::min(last, size - 1);
         return {.status = 206,
-            .fields = {{"ETag", '"' + m_tag + '"'},
-                {"Content-Range", fmt::format("bytes {}-{}/{}", first, last, m_size)}},
+            .fields = {{"ETag", etag}, {"Content-Range", fmt::format("bytes {}-{}/{}", first, last, size)}},
             .body = std::string(last - first + 1, 'x')};
     }
-
-    const std::uint64_t m_size;
-    mutable std::mutex m_mutex;
-    std::string m_tag = "old";
 };
 
 /// Make a new object of the bytes of the old one.
-void copyAll(cloudprovider::CloudClient& client, std::uint64_t size)
+void copyAll(CloudClient& client, std::uint64_t size)
 {
     const std::string upload = client.createMultipartUpload("key", "old");
-    cloudprovider::PartInfo part{0, 0, size, "old"};
+    PartInfo part{0, 0, size, "old"};
     part.Tag = client.copyPart("key", upload, part);
     client.completeMultipartUpload("key", upload, {part});
 }
 
-TEST(LongCompletionTest, IsGivenNewPatienceForWhatItMadeAndMakesNothingTwice)
+// The transport sends a request again when its connection breaks, so that a completion may arrive twice. The response
+// to the second says nothing about the first.
+TEST(CompletionTest, ChecksTheOutcomeWhenItHasArrivedTwice)
+{
+    const Reply seconds[] = {{404, {}, "<Error><Code>NoSuchUpload</Code></Error>"},
+        {500, {}, "<Error><Code>InternalError</Code></Error>"},
+        {412, {}, "<Error><Code>PreconditionFailed</Code></Error>"}, Reply::raw("", Reply::Then::Close)};
+    for (const Reply& second : seconds)
+    {
+        for (const auto& [made, isConditional] :
+            {std::pair(&newTag, false), {&newTag, true}, {&theirTag, false}, {&theirTag, true}})
+        {
+            SCOPED_TRACE(
+                testing::Message() << second.body << ", stored " << *made << ", conditional " << isConditional);
+            FakeStore* self = nullptr;
+            FakeStore store(3,
+                [&, made = made](const Request& request) -> std::optional<Reply>
+                {
+                    if (request.method() == http::get)
+                    {
+                        return Reply{404, {}, "<Error><Code>NoSuchUpload</Code></Error>"};
+                    }
+                    if (!isCompletion(request))
+                    {
+                        return std::nullopt;
+                    }
+                    return self->tag.exchange(made) == made ? second : Reply::raw("", Reply::Then::Close);
+                });
+            self = &store;
+            store.settings.capabilities.conditionalCompletion = isConditional;
+            S3Client client(store.settings);
+            const std::string upload = client.createMultipartUpload("key", "old");
+            std::istringstream content(bytes);
+            PartInfo part{0, 0, bytes.size(), ""};
+            part.Tag = client.uploadPart("key", upload, part, content);
+            const auto complete = [&] { client.completeMultipartUpload("key", upload, {part}); };
+            if (made == &newTag)
+            {
+                EXPECT_NO_THROW(complete());
+            }
+            else
+            {
+                EXPECT_THROW(complete(), CloudException);
+            }
+            const auto requests = store.server.requests();
+            for (const Request& request : requests)
+            {
+                EXPECT_EQ(request["If-Match"], isCompletion(request) && isConditional ? "\"old\"" : "");
+            }
+            EXPECT_EQ(store.count(isCompletion), 2);
+            const bool isChecked = std::any_of(requests.begin(), requests.begin() + 3,
+                [](const Request& request) { return request.method() == http::head; });
+            EXPECT_EQ(isChecked, !isConditional) << "before the completion";
+        }
+    }
+}
+
+TEST(CompletionTest, GetsANewRetryBudgetForProgressAndCopiesNothingTwice)
 {
     std::atomic<int> seconds = 0;
     std::atomic<int> copies = 0;
-    const LargeObject store(12 * gibi);
-    LoopbackServer server(
+    FakeStore store(12 * gibi,
         [&](const Request& request)
         {
-            seconds += isCopy(request) ? 121 : 0; // longer than anybody waits
-            return isCopy(request) && ++copies == 2 ? Reply{.status = 503} : store(request);
+            seconds += isCopy(request) ? 121 : 0; // longer than the budget
+            return isCopy(request) && ++copies == 2 ? std::optional(Reply{.status = 503}) : std::nullopt;
         });
-    S3Settings settings = settingsFor(server);
-    settings.transfers = 1;
+    store.settings.transfers = 1;
     const auto now = [&] { return std::chrono::steady_clock::time_point(std::chrono::seconds(seconds)); };
-    RetryingClient client(
-        std::make_shared<S3Client>(settings), {}, {now, [](auto) {}, [](auto) { return RetryClock::Duration(0); }});
+    RetryingClient client(std::make_shared<S3Client>(store.settings), {},
+        {now, [](auto) {}, [](auto) { return RetryClock::Duration(0); }});
     EXPECT_NO_THROW(copyAll(client, 12 * gibi));
     EXPECT_EQ(copies, 3 + 1);
 }
 
-TEST(LongCompletionTest, WaitsLongerForLargerCopies)
+TEST(CompletionTest, WaitsLongerForLargerCopies)
 {
-    const LargeObject store(gibi);
-    LoopbackServer server(
-        [&](const Request& request)
+    FakeStore store(gibi,
+        [](const Request& request)
         {
-            Reply reply = store(request);
-            reply.pause = std::chrono::milliseconds(isCopy(request) ? 30 : 0); // some seconds for all of its bytes
-            return reply;
+            return isCopy(request) ? std::optional(Reply{.body = "<CopyPartResult><ETag>a</ETag></CopyPartResult>",
+                                         .delay = std::chrono::milliseconds(1500)})
+                                   : std::nullopt;
         });
-    S3Settings settings = settingsFor(server);
-    settings.timeouts.stallBytesPerSecond = 1 << 20;
-    settings.timeouts.serverSideStallWindow = std::chrono::seconds(1);
-    settings.timeouts.serverSideBytesPerSecond = 1 << 20;
-    S3Client client(settings);
+    store.settings.timeouts.serverSideStallWindow = std::chrono::seconds(1);
+    store.settings.timeouts.serverSideBytesPerSecond = 1 << 30;
+    S3Client client(store.settings);
     EXPECT_NO_THROW(copyAll(client, gibi));
 }
 
-TEST(LongCompletionTest, SendsOnePartAtATimeWhereMemoryHasNoRoomForTwo)
+TEST(CompletionTest, SendsOnePartAtATimeWhereMemoryHasNoRoomForTwo)
 {
-    const LargeObject store(0);
-    LoopbackServer server([&](const Request& request) { return store(request); });
-    S3Settings settings = settingsFor(server);
-    settings.memory = 18 << 20;
-    S3Client client(settings);
+    FakeStore store(0);
+    store.settings.memory = 18 << 20;
+    S3Client client(store.settings);
     const std::string upload = client.createMultipartUpload("key", "old");
-    std::vector<cloudprovider::PartInfo> parts;
+    std::vector<PartInfo> parts;
     for (std::size_t i = 0; i < 5; ++i) // three parts of the new object
     {
         std::istringstream content(std::string(3 << 20, 'x'));
@@ -271,54 +227,51 @@ TEST(LongCompletionTest, SendsOnePartAtATimeWhereMemoryHasNoRoomForTwo)
         parts.back().Tag = client.uploadPart("key", upload, parts.back(), content);
     }
     client.completeMultipartUpload("key", upload, parts);
-    EXPECT_EQ(server.requests().size(), 6U);
-    EXPECT_EQ(server.connections(), 1U);
+    EXPECT_EQ(store.server.requests().size(), 6U);
+    EXPECT_EQ(store.server.connections(), 1U);
 }
 
-TEST(LongCompletionTest, TakesNothingThatWasMadeOfAnotherVersion)
+TEST(CompletionTest, CopiesAgainAfterTheObjectWasAnotherVersion)
 {
-    LargeObject store(gibi);
-    LoopbackServer server([&](const Request& request) { return store(request); });
-    S3Client client(settingsFor(server));
+    FakeStore store(gibi);
+    S3Client client(store.settings);
     const std::string upload = client.createMultipartUpload("key", "old");
-    cloudprovider::PartInfo part{0, 0, gibi, "old"};
+    PartInfo part{0, 0, gibi, "old"};
     part.Tag = client.copyPart("key", upload, part);
-    store.setTag("theirs");
-    EXPECT_THROW(client.completeMultipartUpload("key", upload, {part}), cloudprovider::UnknownErrorException);
-    store.setTag("old");
+    store.tag = &theirTag;
+    EXPECT_THROW(client.completeMultipartUpload("key", upload, {part}), UnknownErrorException);
+    store.tag = &oldTag;
     EXPECT_NO_THROW(client.completeMultipartUpload("key", upload, {part}));
-    const auto requests = server.requests();
-    EXPECT_EQ(std::count_if(requests.begin(), requests.end(), isCopy), 2);
+    EXPECT_EQ(store.count(isCopy), 2);
 }
 
-TEST(LongCompletionTest, LeavesReadersPinnedWhoOpenTheObjectMeanwhile)
+TEST(CompletionTest, LeavesReadersPinnedThatOpenTheObjectMeanwhile)
 {
-    LargeObject store(gibi);
     S3Client* reader = nullptr;
-    LoopbackServer server(
-        [&](const Request& request)
+    FakeStore store(gibi,
+        [&](const Request& request) -> std::optional<Reply>
         {
             if (!isCopy(request))
             {
-                return store(request);
+                return std::nullopt;
             }
             reader->getObjectParts("key");
             return Reply{.status = 400};
         });
-    S3Client client(settingsFor(server));
+    S3Client client(store.settings);
     reader = &client;
-    EXPECT_THROW(copyAll(client, gibi), cloudprovider::UnknownErrorException);
-    store.setTag("theirs");
+    EXPECT_THROW(copyAll(client, gibi), UnknownErrorException);
+    store.tag = &theirTag;
     std::ostringstream out;
-    EXPECT_THROW(client.getObjectRange("key", out, 0, 9), cloudprovider::UnknownErrorException);
+    EXPECT_THROW(client.getObjectRange("key", out, 0, 9), UnknownErrorException);
 }
 
-TEST(LongCompletionTest, ASmallPatchOfALargeFileTakesFewRequestsFromOpenToClose)
+TEST(CompletionTest, ASmallPatchOfALargeFileTakesFewRequestsFromOpenToClose)
 {
     const struct
     {
         std::uint64_t offset;
-        std::size_t requests; // to open, to read, to begin, to read and send what the store takes no less than, to end
+        std::size_t requests; // to open, to read, to begin, to read and send at least what the store takes, to complete
         std::size_t copies;
     } rows[] = {
         {0, 6, 2}, {3 * gibi, 6, 3}, {5 * gibi, 6, 2}, {6 * gibi, 6, 3},
@@ -329,20 +282,31 @@ TEST(LongCompletionTest, ASmallPatchOfALargeFileTakesFewRequestsFromOpenToClose)
         for (const auto& row : rows)
         {
             SCOPED_TRACE(testing::Message() << "at " << row.offset << ", conditional " << isConditional);
-            const LargeObject store(10 * gibi);
-            LoopbackServer server([&](const Request& request) { return store(request); });
-            S3Settings settings = settingsFor(server);
-            settings.capabilities.conditionalCopies = settings.capabilities.conditionalCompletion = isConditional;
-            test::FileSession session(test::workingAhead(std::make_shared<S3Client>(settings)));
+            FakeStore store(10 * gibi);
+            store.settings.capabilities.conditionalCopies = isConditional;
+            store.settings.capabilities.conditionalCompletion = isConditional;
+            test::FileSession session(test::workingAhead(std::make_shared<S3Client>(store.settings)));
             session.open(test::fsp::ByteStreamTruncate::Keep);
             session.write(row.offset, std::string(1024, 'y'));
             session.close();
             EXPECT_TRUE(session.succeeded());
-            const auto requests = server.requests();
-            EXPECT_EQ(requests.size(), row.requests + row.copies + (isConditional ? 0 : 1)); // one to look again
-            EXPECT_EQ(std::count_if(requests.begin(), requests.end(), isCopy), row.copies);
+            EXPECT_EQ(store.server.requests().size(), row.requests + row.copies + (isConditional ? 0 : 1)); // one check
+            EXPECT_EQ(store.count(isCopy), row.copies);
         }
     }
+}
+
+TEST(ParallelTest, RunsEverythingOnTheCallersThreadWhereNoOtherStarts)
+{
+    pthread_attr_t usual;
+    pthread_getattr_default_np(&usual);
+    pthread_attr_t huge = usual;
+    pthread_attr_setstacksize(&huge, std::size_t(1) << 50U); // more than there are addresses: no thread can start
+    pthread_setattr_default_np(&huge);
+    int done = 0;
+    EXPECT_NO_THROW(runParallel(8, {[&] { ++done; }, [&] { ++done; }}, 2, {[&] { ++done; }}));
+    pthread_setattr_default_np(&usual);
+    EXPECT_EQ(done, 3);
 }
 
 } // namespace

@@ -17,118 +17,74 @@ namespace
 namespace asio = boost::asio;
 namespace http = boost::beast::http;
 
-Reply errorReply(int status, const std::string& code, std::vector<std::pair<std::string, std::string>> fields = {})
+Reply error(int status, const std::string& code, std::vector<std::pair<std::string, std::string>> fields = {})
 {
     return {status, std::move(fields), "<Error><Code>" + code + "</Code><RequestId>tx-proxy</RequestId></Error>"};
 }
 
-/// What is answered in the store's place; nothing: the store is asked.
-std::optional<Reply> replyInstead(Fault fault)
+bool isDocument(const Reply& reply)
 {
-    switch (fault)
-    {
-    case Fault::ResetBefore:
-        return Reply::reset();
-    case Fault::StallBefore:
-        return Reply::stall();
-    case Fault::InternalError500:
-        return errorReply(500, "InternalError");
-    case Fault::SlowDown503:
-        return errorReply(503, "SlowDown", {{"Retry-After", "1"}});
-    case Fault::TooMany429:
-        return Reply{429};
-    case Fault::ErrorUnder200:
-        return errorReply(200, "InternalError");
-    case Fault::Precondition412:
-        return errorReply(412, "PreconditionFailed");
-    case Fault::Denied403:
-        return errorReply(403, "AccessDenied");
-    case Fault::Moved301:
-        return errorReply(301, "PermanentRedirect", {{"x-amz-bucket-region", "elsewhere"}});
-    case Fault::Moved307:
-        return errorReply(307, "TemporaryRedirect", {{"x-amz-bucket-region", "elsewhere"}});
-    case Fault::Moved400:
-        return errorReply(400, "AuthorizationHeaderMalformed", {{"x-amz-bucket-region", "elsewhere"}});
-    case Fault::Expired400:
-        return errorReply(400, "ExpiredToken");
-    default:
-        return std::nullopt;
-    }
+    return reply.body.starts_with('<');
 }
 
-/// @return false: there is none
-bool flipABit(std::string& bytes)
+bool loseResponse(const Request&, Reply& reply)
 {
-    if (!bytes.empty())
-    {
-        bytes[bytes.size() / 2] ^= 1;
-    }
-    return !bytes.empty();
+    reply = Reply::reset();
+    return true;
 }
 
-/// Spoil the store's answer.
-/// @return false: there is nothing about it to spoil
-bool spoil(Fault fault, const Request& request, Reply& reply)
+bool cutBody(const Request& request, Reply& reply)
 {
-    const bool isDocument = reply.body.starts_with('<');
-    switch (fault)
-    {
-    case Fault::ResetAfter:
-        reply = Reply::reset();
-        return true;
-    case Fault::StallAfter:
-        reply = Reply::stall();
-        return true;
-    case Fault::GarbageAfter:
-        reply = Reply::raw("\x01?? this is no HTTP\r\n\r\n", Reply::Then::Close);
-        return true;
-    case Fault::CutBodyAfter:
-        reply.fields.emplace_back("Content-Length", std::to_string(std::max<std::size_t>(reply.body.size(), 1)));
-        reply.body.resize(reply.body.size() / 2);
-        reply.then = Reply::Then::Close;
-        return request.method() != http::verb::head && reply.status != 204;
-    case Fault::CutDocumentAfter:
-        reply.body.resize(isDocument ? reply.body.size() / 2 : reply.body.size());
-        return isDocument;
-    case Fault::HollowAfter:
-    {
-        static const std::regex contents(R"(^(<\?[^>]*>)?\s*<(\w+)[^]*)");
-        const auto tags = std::erase_if(reply.fields, [](const auto& field) { return field.first == "ETag"; });
-        reply.body = isDocument ? std::regex_replace(reply.body, contents, "$1<$2/>") : reply.body;
-        return isDocument || tags > 0;
-    }
-    case Fault::FlippedAfter:
-        return !isDocument && flipABit(reply.body);
-    default:
-        return false;
-    }
+    reply.fields.emplace_back("Content-Length", std::to_string(std::max<std::size_t>(reply.body.size(), 1)));
+    reply.body.resize(reply.body.size() / 2);
+    reply.then = Reply::Then::Close;
+    return request.method() != http::verb::head && reply.status != 204;
+}
+
+bool cutDocument(const Request&, Reply& reply)
+{
+    reply.body.resize(reply.body.size() / 2);
+    return reply.body.starts_with('<');
+}
+
+bool hollow(const Request&, Reply& reply)
+{
+    static const std::regex contents(R"(^(<\?[^>]*>)?\s*<(\w+)[^]*)");
+    const auto tags = std::erase_if(reply.fields, [](const auto& field) { return field.first == "ETag"; });
+    reply.body = isDocument(reply) ? std::regex_replace(reply.body, contents, "$1<$2/>") : reply.body;
+    return isDocument(reply) || tags > 0;
+}
+
+struct Kind
+{
+    const char* name;
+    std::optional<Reply> instead = {};                // the store does not see the request
+    bool (*damage)(const Request&, Reply&) = nullptr; // its response; returns false where that does not apply
+};
+
+const Kind& kindOf(Fault fault)
+{
+    static const std::array<Kind, 12> kinds{{{"None"}, {"ResetBefore", Reply::reset()},
+        {"SlowDown503", error(503, "SlowDown", {{"Retry-After", "1"}})}, {"ErrorUnder200", error(200, "InternalError")},
+        {"Precondition412", error(412, "PreconditionFailed")}, {"Denied403", error(403, "AccessDenied")},
+        {"Expired400", error(400, "ExpiredToken")}, {"FlippedBefore"}, {"ResetAfter", {}, loseResponse},
+        {"CutBodyAfter", {}, cutBody}, {"CutDocumentAfter", {}, cutDocument}, {"HollowAfter", {}, hollow}}};
+    return kinds.at(static_cast<std::size_t>(fault));
 }
 
 asio::ip::tcp::endpoint endpointOf(const std::string& url)
 {
-    static const std::regex form("http://([0-9.]+):([0-9]+)");
-    std::smatch match;
-    if (!std::regex_match(url, match, form))
-    {
-        throw std::invalid_argument(url);
-    }
-    return {asio::ip::make_address(match.str(1)), static_cast<std::uint16_t>(std::stoul(match.str(2)))};
+    const std::size_t host = std::string_view("http://").size();
+    const std::size_t colon = url.rfind(':');
+    return {asio::ip::make_address(url.substr(host, colon - host)),
+        static_cast<std::uint16_t>(std::stoul(url.substr(colon + 1)))};
 }
 
 } // namespace
 
 const char* name(Fault fault)
 {
-    static constexpr std::array names{"None", "ResetBefore", "ResetAfter", "StallBefore", "StallAfter", "CutBodyAfter",
-        "InternalError500", "SlowDown503", "TooMany429", "ErrorUnder200", "Precondition412", "Denied403", "Moved301",
-        "Moved307", "Moved400", "Expired400", "GarbageAfter", "CutDocumentAfter", "HollowAfter", "FlippedBefore",
-        "FlippedAfter"};
-    return names.at(static_cast<std::size_t>(fault));
-}
-
-bool isAfter(Fault fault)
-{
-    return std::string_view(name(fault)).ends_with("After");
+    return kindOf(fault).name;
 }
 
 FaultProxy::FaultProxy(const std::string& store, bool keepsConnections)
@@ -152,26 +108,11 @@ std::vector<FaultProxy::Seen> FaultProxy::seen() const
     return m_seen;
 }
 
-std::size_t FaultProxy::struck() const
+std::size_t FaultProxy::injected() const
 {
-    const std::lock_guard lock(m_mutex);
+    const auto requests = seen();
     return static_cast<std::size_t>(
-        std::count_if(m_seen.begin(), m_seen.end(), [](const Seen& seen) { return seen.fault != Fault::None; }));
-}
-
-std::uint64_t FaultProxy::largestRange() const
-{
-    static const std::regex form("bytes=([0-9]+)-([0-9]+)");
-    std::uint64_t largest = 0;
-    for (const Seen& request : seen())
-    {
-        const std::string range(request.head["Range"]);
-        if (std::smatch match; std::regex_match(range, match, form))
-        {
-            largest = std::max<std::uint64_t>(largest, std::stoull(match.str(2)) - std::stoull(match.str(1)) + 1);
-        }
-    }
-    return largest;
+        std::count_if(requests.begin(), requests.end(), [](const Seen& seen) { return seen.fault != Fault::None; }));
 }
 
 Reply FaultProxy::answer(const Request& request)
@@ -184,17 +125,23 @@ Reply FaultProxy::answer(const Request& request)
         number = ++m_count;
     }
     const Fault fault = plan ? plan(request, number) : Fault::None;
-    auto reply = replyInstead(fault);
-    bool struck = reply.has_value();
+    auto reply = kindOf(fault).instead;
+    bool isInjected = reply.has_value();
     if (!reply)
     {
         Request sent = request;
-        const bool isDamaged = fault == Fault::FlippedBefore && flipABit(sent.body());
+        if (fault == Fault::FlippedBefore && !sent.body().empty())
+        {
+            sent.body()[sent.body().size() / 2] ^= 1;
+            isInjected = true;
+        }
         reply = forward(sent);
-        Reply spoilt = *reply;
-        struck = spoil(fault, request, spoilt);
-        reply = struck ? spoilt : *reply;
-        struck = struck || isDamaged;
+        Reply damaged = *reply;
+        if (kindOf(fault).damage != nullptr && kindOf(fault).damage(request, damaged))
+        {
+            reply = damaged;
+            isInjected = true;
+        }
     }
     if (!m_keepsConnections && reply->then == Reply::Then::Keep)
     {
@@ -202,7 +149,7 @@ Reply FaultProxy::answer(const Request& request)
         reply->then = Reply::Then::Close;
     }
     const std::lock_guard lock(m_mutex);
-    m_seen.push_back({request.base(), request.body().size(), struck ? fault : Fault::None});
+    m_seen.push_back({request.base(), isInjected ? fault : Fault::None});
     return *std::move(reply);
 }
 
@@ -221,14 +168,12 @@ Reply FaultProxy::forward(const Request& request) const
     Reply reply{static_cast<int>(parser.get().result_int())};
     for (const auto& field : parser.get())
     {
-        if (field.name() != http::field::transfer_encoding && field.name() != http::field::connection)
+        // A length counts what HEAD does not send; of other responses it is set from the body.
+        const bool isLength = field.name() == http::field::content_length && request.method() != http::verb::head;
+        if (!isLength && field.name() != http::field::transfer_encoding && field.name() != http::field::connection)
         {
             reply.fields.emplace_back(field.name_string(), field.value());
         }
-    }
-    if (request.method() != http::verb::head) // else it counts what would come
-    {
-        std::erase_if(reply.fields, [](const auto& field) { return field.first == "Content-Length"; });
     }
     reply.body = std::move(parser.get().body());
     return reply;

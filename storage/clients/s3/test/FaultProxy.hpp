@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cstddef>
-#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -13,76 +12,65 @@
 namespace storage::clients::test
 {
 
-/// What goes wrong with one request. Before the store has heard of it, unless it says "after".
+/// What goes wrong with one request. Of kinds that the client cannot tell apart there is one.
 enum class Fault
 {
     None,
-    ResetBefore,
-    ResetAfter, ///< the answer is lost
-    StallBefore,
-    StallAfter,
-    CutBodyAfter, ///< fewer bytes than promised
-    InternalError500,
+    ResetBefore, ///< the store does not see the request, nor any other up to FlippedBefore
     SlowDown503, ///< with a Retry-After of one second
-    TooMany429,
     ErrorUnder200,
     Precondition412,
     Denied403,
-    Moved301, ///< to the region "elsewhere"
-    Moved307,
-    Moved400,
-    Expired400,       ///< the credentials
-    GarbageAfter,     ///< instead of HTTP
+    Expired400,
+    FlippedBefore,    ///< one bit of the body is wrong when it reaches the store
+    ResetAfter,       ///< the store has done its work, here and below; the response is lost
+    CutBodyAfter,     ///< fewer bytes than promised
     CutDocumentAfter, ///< transferred whole
-    HollowAfter,      ///< a document without contents, or an answer without an entity tag
-    FlippedBefore,    ///< one bit of the body, on its way to the store
-    FlippedAfter      ///< one bit of an object; only who reads the whole of it can tell
+    HollowAfter       ///< a document without contents, or a response without an entity tag
 };
 
 /// Those that no operation may take for a success.
-inline constexpr std::array allFaults{Fault::ResetBefore, Fault::ResetAfter, Fault::StallBefore, Fault::StallAfter,
-    Fault::CutBodyAfter, Fault::InternalError500, Fault::SlowDown503, Fault::TooMany429, Fault::ErrorUnder200,
-    Fault::Precondition412, Fault::Denied403, Fault::Moved301, Fault::Moved307, Fault::Moved400, Fault::Expired400,
-    Fault::GarbageAfter, Fault::CutDocumentAfter, Fault::HollowAfter, Fault::FlippedBefore};
+inline constexpr std::array allFaults{Fault::ResetBefore, Fault::SlowDown503, Fault::ErrorUnder200,
+    Fault::Precondition412, Fault::Denied403, Fault::Expired400, Fault::FlippedBefore, Fault::ResetAfter,
+    Fault::CutBodyAfter, Fault::CutDocumentAfter, Fault::HollowAfter};
 
 const char* name(Fault fault);
 
 /// Whether the store has done its work all the same.
-bool isAfter(Fault fault);
+constexpr bool isAfter(Fault fault)
+{
+    return fault >= Fault::ResetAfter;
+}
 
-/// Stands in front of a store, passes requests and answers on as they are, and lets things go wrong.
+/// Stands in front of a store, forwards requests and responses unchanged, and injects faults.
 ///
 /// Safe for concurrent calls on one instance.
 class FaultProxy
 {
 public:
-    /// Chooses what goes wrong. Runs before the request is passed on, on a thread of the proxy; what it does itself has
-    /// then happened just before. Numbers begin at 1.
+    /// Chooses the fault for a request. Runs before the request is forwarded, on a thread of the proxy: whatever the
+    /// plan itself does has then happened just before. Numbers begin at 1.
     using Plan = std::function<Fault(const Request&, std::size_t number)>;
 
     struct Seen
     {
         boost::beast::http::request_header<> head;
-        std::size_t bodySize = 0;  ///< bytes
-        Fault fault = Fault::None; ///< None, too, for one that does not fit the answer
+        Fault fault = Fault::None; ///< None, too, for a fault that does not apply to the response
     };
 
     /// @param store             "http://ADDRESS:PORT"
-    /// @param keepsConnections  false: each request gets one of its own, on which nobody repeats it in secret
+    /// @param keepsConnections  false: each request gets a connection of its own, on which the transport never resends
     explicit FaultProxy(const std::string& store, bool keepsConnections = true);
 
     std::string url() const { return m_server.url(); }
 
-    /// Follow a plan from now on, and forget what was seen. An empty plan lets everything pass.
+    /// Follow a plan from now on, and forget the requests seen before. An empty plan injects nothing.
     void setPlan(Plan plan);
 
     std::vector<Seen> seen() const;
 
-    /// How many requests something went wrong with.
-    std::size_t struck() const;
-
-    /// Bytes of the largest range that was asked for; 0: none was.
-    std::uint64_t largestRange() const;
+    /// The number of requests that a fault was injected into.
+    std::size_t injected() const;
 
 private:
     Reply answer(const Request& request);
@@ -92,7 +80,7 @@ private:
     const bool m_keepsConnections;
     mutable std::mutex m_mutex;
     std::size_t m_count = 0;  // guarded by m_mutex, as is all below; requests since the plan was set
-    std::vector<Seen> m_seen; // in the order of their answers
+    std::vector<Seen> m_seen; // in the order of their responses
     Plan m_plan;
     LoopbackServer m_server; // last: it uses the others
 };

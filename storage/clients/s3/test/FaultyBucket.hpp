@@ -25,7 +25,7 @@ using Contents = std::optional<std::string>; // nothing: no object
 
 constexpr std::chrono::milliseconds shortBudget(500);
 
-/// Waits take no time, but count.
+/// A clock on which delays take no real time, but count.
 class VirtualTime
 {
 public:
@@ -40,12 +40,12 @@ private:
     std::atomic<RetryClock::Duration::rep> m_slept = 0;
 };
 
-/// A bucket behind a proxy that lets one kind of fault happen.
+/// A bucket, reached through a proxy that injects one kind of fault.
 class FaultyBucket : public testing::Test
 {
 protected:
-    explicit FaultyBucket(Fault struckWith)
-        : fault(struckWith)
+    explicit FaultyBucket(Fault injected)
+        : fault(injected)
     {
     }
 
@@ -78,24 +78,21 @@ protected:
     S3Settings settingsFor(const FaultProxy& proxy) const
     {
         S3Settings settings = m_bucket->settingsThrough(proxy.url());
-        settings.partSize = 1 << 20;                                   // fewer requests, as each of them is struck
-        if (fault == Fault::StallBefore || fault == Fault::StallAfter) // on a busy machine others take a while, too
-        {
-            settings.timeouts.stallWindow = settings.timeouts.serverSideStallWindow = std::chrono::seconds(1);
-        }
+        settings.partSize = 1 << 20; // fewer requests, since each of them gets the fault once
         return settings;
     }
 
-    FaultProxy::Plan strike(std::size_t first, bool forGood) const
+    /// @param isPersistent  every request from the first one on, not that one alone
+    FaultProxy::Plan injectAt(std::size_t first, bool isPersistent) const
     {
-        // An answer to HEAD has no document that says what is wrong with the asker, who is wrong again the next time.
-        const bool needsDocument = fault == Fault::Denied403 || fault == Fault::Moved400 || fault == Fault::Expired400;
-        const auto isTold = std::make_shared<std::atomic<bool>>(!needsDocument);
+        // A HEAD response has no document with the reason, so that the client asks again with GET: that fails, too.
+        const bool needsDocument = fault == Fault::Denied403 || fault == Fault::Expired400;
+        const auto isReported = std::make_shared<std::atomic<bool>>(!needsDocument);
         return [=, this](const clients::test::Request& request, std::size_t number)
         {
-            const bool strikes = number == first || (number > first && (forGood || !*isTold));
-            *isTold = *isTold || (strikes && request.method() != boost::beast::http::verb::head);
-            return strikes ? fault : Fault::None;
+            const bool fails = number == first || (number > first && (isPersistent || !*isReported));
+            *isReported = *isReported || (fails && request.method() != boost::beast::http::verb::head);
+            return fails ? fault : Fault::None;
         };
     }
 

@@ -8,10 +8,8 @@
 #include <foundation/storage/provider/ByteStreamFailure.hpp>
 #include <foundation/storage/provider/Exception.hpp>
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <iterator>
 #include <memory>
 #include <string>
@@ -22,47 +20,10 @@ namespace storage::clients::s3::test
 
 namespace fsp = foundation::storage::provider;
 
-constexpr std::size_t partSize = 5 << 20; // bytes; least that the store takes
-
-/// Makes the provider write in small parts as long as it lives.
-///
-/// Begins and ends while no other thread runs: it changes the environment.
-class SmallParts
+/// The decorators that openStore() puts around a client, without retries.
+inline cloudprovider::CloudClientSharedPtr workingAhead(cloudprovider::CloudClientSharedPtr client)
 {
-public:
-    SmallParts() { setenv("ZV_CLOUD_PART_SIZE_OVERRIDE", std::to_string(partSize).c_str(), 1); }
-    SmallParts(const SmallParts&) = delete;
-    SmallParts& operator=(const SmallParts&) = delete;
-    ~SmallParts() { unsetenv("ZV_CLOUD_PART_SIZE_OVERRIDE"); }
-};
-
-/// What works ahead of its caller, above a client.
-enum class Ahead
-{
-    Nothing,
-    Uploads,
-    Reads,
-    Both ///< as when a store is opened by URL
-};
-
-inline const char* name(Ahead ahead)
-{
-    return std::array{"Bare", "Pipelined", "ReadAhead", "Whole"}.at(static_cast<std::size_t>(ahead));
-}
-
-inline bool readsAhead(Ahead ahead)
-{
-    return ahead == Ahead::Reads || ahead == Ahead::Both;
-}
-
-inline cloudprovider::CloudClientSharedPtr workingAhead(
-    cloudprovider::CloudClientSharedPtr client, Ahead ahead = Ahead::Both)
-{
-    if (ahead == Ahead::Uploads || ahead == Ahead::Both)
-    {
-        client = std::make_shared<PipelinedUploadClient>(std::move(client));
-    }
-    return readsAhead(ahead) ? std::make_shared<ReadAheadClient>(std::move(client)) : client;
+    return std::make_shared<ReadAheadClient>(std::make_shared<PipelinedUploadClient>(std::move(client)));
 }
 
 /// A host that works on the file "file" of a store through the provider, and may fail at it. One at a time.
@@ -73,25 +34,11 @@ public:
         : m_provider(
               cloudprovider::buildCloudProvider(std::move(client), cloudprovider::FolderPolicy::MarkerObjects, false))
     {
-        cloudprovider::getLogger().setEnabledSeverities(0); // failures are what these tests are full of
+        cloudprovider::getLogger().setEnabledSeverities(0); // these tests cause many failures
     }
     FileSession(const FileSession&) = delete;
     FileSession& operator=(const FileSession&) = delete;
     ~FileSession() { cloudprovider::getLogger().setEnabledSeverities(m_severities); }
-
-    /// Do something unless there is no file open, and note whether it failed.
-    template <typename Step>
-    void attempt(Step step)
-    {
-        try
-        {
-            m_stream ? step(*m_stream) : void();
-        }
-        catch (const fsp::ByteStreamFailure&)
-        {
-            m_succeeded = false;
-        }
-    }
 
     void open(fsp::ByteStreamTruncate truncate)
     {
@@ -107,9 +54,8 @@ public:
         }
     }
 
-    /// Read from begin to end, little by little.
-    ///
-    /// @return what came until something failed
+    /// Read the whole file in small pieces.
+    /// @return what was read before the first failure
     std::string readAll()
     {
         std::string all;
@@ -141,10 +87,24 @@ public:
         attempt([](fsp::ByteStream& stream) { stream.close(); });
     }
 
-    /// Whether nothing has failed until now.
+    /// Whether nothing has failed so far.
     bool succeeded() const noexcept { return m_succeeded; }
 
 private:
+    /// Does nothing when the file could not be opened.
+    template <typename Step>
+    void attempt(Step step)
+    {
+        try
+        {
+            m_stream ? step(*m_stream) : void();
+        }
+        catch (const fsp::ByteStreamFailure&)
+        {
+            m_succeeded = false;
+        }
+    }
+
     const std::uint32_t m_severities = cloudprovider::getLogger().enabledSeverities();
     const std::shared_ptr<fsp::IProvider> m_provider;
     fsp::ByteStreamPtr m_stream;

@@ -14,37 +14,15 @@
 namespace storage::clients::s3::test
 {
 
-namespace
-{
-
-std::string variable(const char* name)
-{
-    const char* value = std::getenv(name);
-    return value == nullptr ? "" : value;
-}
-
-void sendToBucket(const S3Settings& settings, const std::string& method)
-{
-    Requester requester(settings);
-    requester.send({Operation::PutObject, "", method});
-}
-
-} // namespace
-
 bool GatewayBucket::isAvailable()
 {
-    return !variable("CLOUDFS_TEST_S3_ENDPOINT").empty();
+    return std::getenv("CLOUDFS_TEST_S3_ENDPOINT") != nullptr;
 }
 
 S3Settings GatewayBucket::gatewaySettings()
 {
-    S3Settings settings;
-    settings.bucket = variable("CLOUDFS_TEST_S3_BUCKET");
-    settings.endpoint = variable("CLOUDFS_TEST_S3_ENDPOINT");
-    settings.region = "us-east-1";
-    settings.pathStyle = true;
-    settings.credentials = fixedCredentials({variable("AWS_ACCESS_KEY_ID"), variable("AWS_SECRET_ACCESS_KEY"), ""});
-    return settings;
+    return parseS3Url(std::string("s3://") + std::getenv("CLOUDFS_TEST_S3_BUCKET") +
+                      "?path-style=1&endpoint=" + std::getenv("CLOUDFS_TEST_S3_ENDPOINT"));
 }
 
 GatewayBucket::GatewayBucket()
@@ -52,7 +30,7 @@ GatewayBucket::GatewayBucket()
 {
     static std::atomic<unsigned> count = 0;
     m_settings.bucket = "test-" + std::to_string(::getpid()) + "-" + std::to_string(++count);
-    sendToBucket(m_settings, "PUT");
+    Requester(m_settings).send({Operation::PutObject, "", "PUT"});
 }
 
 GatewayBucket::~GatewayBucket()
@@ -72,7 +50,7 @@ GatewayBucket::~GatewayBucket()
         {
             client.abortMultipartUpload(upload.key, upload.uploadId);
         }
-        sendToBucket(m_settings, "DELETE");
+        Requester(m_settings).send({Operation::DeleteObject, "", "DELETE"});
     }
     catch (const cloudprovider::CloudException& exception)
     {

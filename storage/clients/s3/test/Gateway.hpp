@@ -7,29 +7,27 @@
 namespace storage::clients::s3::test
 {
 
-/// The gateway that the tests were given, and a bucket in it that belongs to this test alone.
-///
-/// Its address and keys come from the environment, as scripts/gateway.sh tells them.
+/// A bucket of its own in the gateway that the environment names, as scripts/gateway.sh sets it up.
 class GatewayBucket
 {
 public:
     /// Whether there is a gateway. Tests that need one skip themselves without.
     static bool isAvailable();
 
-    /// Where the gateway is, with the bucket of everybody.
+    /// How to reach the gateway, with the bucket that all tests share.
     static S3Settings gatewaySettings();
 
-    /// Make a bucket.
+    /// Create the bucket.
     GatewayBucket();
     GatewayBucket(const GatewayBucket&) = delete;
     GatewayBucket& operator=(const GatewayBucket&) = delete;
 
-    /// Remove it, with all objects and uploads in it.
+    /// Remove it with all its objects and uploads.
     ~GatewayBucket();
 
     const S3Settings& settings() const noexcept { return m_settings; }
 
-    /// The same, reached through what stands in front of the gateway.
+    /// The same bucket, reached through a proxy.
     S3Settings settingsThrough(const std::string& endpoint) const
     {
         S3Settings settings = m_settings;

@@ -2,13 +2,16 @@
 
 #include <gtest/gtest.h>
 
-#include <boost/algorithm/string/predicate.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/http.hpp>
+#include <openssl/ec.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
 
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <sstream>
 #include <string_view>
 
@@ -24,6 +27,15 @@ namespace asio = boost::asio;
 namespace http = boost::beast::http;
 using boost::system::error_code;
 using Tcp = asio::ip::tcp;
+
+std::string pemFrom(const std::function<int(BIO*)>& write)
+{
+    const std::unique_ptr<BIO, void (*)(BIO*)> memory(BIO_new(BIO_s_mem()), BIO_free_all);
+    EXPECT_EQ(write(memory.get()), 1) << "making a certificate failed";
+    char* bytes = nullptr;
+    const long size = BIO_get_mem_data(memory.get(), &bytes);
+    return {bytes, static_cast<std::size_t>(size)};
+}
 
 std::string headOf(const Reply& reply)
 {
@@ -43,6 +55,27 @@ std::string headOf(const Reply& reply)
 }
 
 } // namespace
+
+TestCertificate::TestCertificate(const std::string& holder)
+{
+    const std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> pair(EVP_EC_gen("P-256"), EVP_PKEY_free);
+    const std::unique_ptr<X509, void (*)(X509*)> x509(X509_new(), X509_free);
+    const std::unique_ptr<X509_EXTENSION, void (*)(X509_EXTENSION*)> names(
+        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, holder.c_str()), X509_EXTENSION_free);
+    X509_set_version(x509.get(), X509_VERSION_3);
+    X509_gmtime_adj(X509_getm_notBefore(x509.get()), -3600);
+    X509_gmtime_adj(X509_getm_notAfter(x509.get()), 3600);
+    X509_NAME* const name = X509_get_subject_name(x509.get());
+    X509_NAME_add_entry_by_NID(
+        name, NID_commonName, MBSTRING_ASC, reinterpret_cast<const unsigned char*>("test"), -1, -1, 0);
+    X509_set_issuer_name(x509.get(), name);
+    X509_set_pubkey(x509.get(), pair.get());
+    X509_add_ext(x509.get(), names.get(), -1);
+    X509_sign(x509.get(), pair.get(), EVP_sha256());
+    certificate = pemFrom([&](BIO* memory) { return PEM_write_bio_X509(memory, x509.get()); });
+    key = pemFrom([&](BIO* memory)
+        { return PEM_write_bio_PrivateKey(memory, pair.get(), nullptr, nullptr, 0, nullptr, nullptr); });
+}
 
 LoopbackServer::LoopbackServer(Handler handler, const std::optional<TestCertificate>& certificate)
     : m_handler(std::move(handler))
@@ -130,84 +163,53 @@ void LoopbackServer::serve(Connection& connection)
     {
         connection.socket.set_option(asio::socket_base::linger(true, 0), error);
     }
-    connection.socket.close(error); // the client may have gone, whenever it liked
+    connection.socket.close(error); // the client may have closed its end at any time
 }
 
 template <typename Stream>
 Reply::Then LoopbackServer::talk(Stream& stream)
 {
     boost::beast::flat_buffer buffer;
-    while (const auto request = read(stream, buffer))
+    for (;;)
     {
-        const Reply reply = replyTo(*request);
-        if (!write(stream, *request, reply))
+        error_code error;
+        http::request_parser<http::string_body> parser;
+        parser.body_limit(std::numeric_limits<std::uint64_t>::max());
+        http::read(stream, buffer, parser, error);
+        if (error)
         {
             return Reply::Then::Close;
         }
-        if (reply.then == Reply::Then::Stall)
+        const Request request = parser.release();
+        const Reply reply = replyTo(request);
         {
             std::unique_lock lock(m_mutex);
-            m_ending.wait(lock, [this] { return m_isEnding; });
+            const bool stalls = reply.then == Reply::Then::Stall;
+            m_ending.wait_for(lock, stalls ? std::chrono::hours(1) : reply.delay, [this] { return m_isEnding; });
         }
-        if (reply.then != Reply::Then::Keep)
+        const std::string head = reply.isRaw ? std::string() : headOf(reply);
+        asio::write(stream, asio::buffer(request.method() == http::verb::head ? head : head + reply.body), error);
+        if (error || reply.then != Reply::Then::Keep)
         {
-            return reply.then;
+            return error ? Reply::Then::Close : reply.then;
         }
     }
-    return Reply::Then::Close;
-}
-
-template <typename Stream>
-std::optional<Request> LoopbackServer::read(Stream& stream, boost::beast::flat_buffer& buffer)
-{
-    error_code error;
-    http::request_parser<http::string_body> parser;
-    parser.body_limit(std::numeric_limits<std::uint64_t>::max());
-    http::read_header(stream, buffer, parser, error);
-    if (!error && boost::algorithm::iequals(parser.get()[http::field::expect], "100-continue"))
-    {
-        asio::write(stream, asio::buffer(std::string_view("HTTP/1.1 100 Continue\r\n\r\n")), error);
-    }
-    if (!error)
-    {
-        http::read(stream, buffer, parser, error);
-    }
-    if (error)
-    {
-        return std::nullopt;
-    }
-    const std::lock_guard lock(m_mutex);
-    return m_requests.emplace_back(parser.release());
-}
-
-template <typename Stream>
-bool LoopbackServer::write(Stream& stream, const Request& request, const Reply& reply)
-{
-    error_code error;
-    if (!reply.isRaw)
-    {
-        asio::write(stream, asio::buffer(headOf(reply)), error);
-    }
-    const std::string_view body = request.method() == http::verb::head ? std::string_view() : reply.body;
-    const std::size_t step = reply.pause.count() > 0 ? 1 : body.size();
-    for (std::size_t at = 0; at < body.size() && !error; at += step)
-    {
-        asio::write(stream, asio::buffer(body.substr(at, step)), error);
-        std::unique_lock lock(m_mutex);
-        m_ending.wait_for(lock, reply.pause, [this] { return m_isEnding; });
-    }
-    return !error;
 }
 
 Reply LoopbackServer::replyTo(const Request& request)
 {
+    {
+        const std::lock_guard lock(m_mutex);
+        m_requests.push_back(request);
+    }
     try
     {
         return m_handler(request);
     }
     catch (const std::exception& exception)
     {
-        ADD_FAILURE() << "answering " << request.method_string() << ' ' << request.target() << ": " << exception.what();
+        ADD_FAILURE() << "responding to " << request.method_string() << ' ' << request.target() << ": "
+                      << exception.what();
         return Reply::reset();
     }
 }

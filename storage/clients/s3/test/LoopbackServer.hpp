@@ -1,7 +1,5 @@
 #pragma once
 
-#include "TestCertificate.hpp"
-
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -23,26 +21,36 @@
 namespace storage::clients::test
 {
 
+/// A self-signed certificate with its key, both PEM. Serves as its own authority.
+struct TestCertificate
+{
+    /// @param holder  whom it certifies, such as "IP:127.0.0.1" or "DNS:example.org"
+    explicit TestCertificate(const std::string& holder);
+
+    std::string certificate;
+    std::string key;
+};
+
 /// method_string(), target() as it came, fields in order and by name without case, body().
 using Request = boost::beast::http::request<boost::beast::http::string_body>;
 
-/// What a server does with a request: it answers, or fails to.
+/// How a server responds to a request, or fails to.
 struct Reply
 {
     enum class Then
     {
         Keep,  ///< the connection, for the next request
-        Close, ///< the connection, which the reply did not announce
+        Close, ///< the connection, without having announced it
         Reset, ///< the connection, so that the client sees an error instead of an end
-        Stall  ///< be silent until the server ends
+        Stall  ///< stay silent until the server ends
     };
 
     int status = 200;
-    std::vector<std::pair<std::string, std::string>> fields = {}; ///< may have a Content-Length that is not true
-    std::string body = {};                                        ///< not sent in answer to HEAD, but counted
+    std::vector<std::pair<std::string, std::string>> fields = {}; ///< may have a Content-Length that is wrong
+    std::string body = {};                                        ///< counted but not sent in response to HEAD
     Then then = Then::Keep;
-    bool isRaw = false;                 ///< send the body and nothing else, whatever it is
-    std::chrono::milliseconds pause{0}; ///< between any two bytes of the body
+    bool isRaw = false;                 ///< send the body and nothing else
+    std::chrono::milliseconds delay{0}; ///< before the first byte
 
     static Reply raw(std::string bytes, Then then) { return {.body = std::move(bytes), .then = then, .isRaw = true}; }
     static Reply reset() { return raw({}, Then::Reset); }
@@ -63,22 +71,22 @@ public:
     LoopbackServer(const LoopbackServer&) = delete;
     LoopbackServer& operator=(const LoopbackServer&) = delete;
 
-    /// End all connections, stalled ones included. Waits for handlers that run.
+    /// End all connections, stalled ones included. Waits for running handlers.
     ~LoopbackServer();
 
     /// "http://127.0.0.1:PORT"
     std::string url() const;
 
-    /// What has come until now, whole requests only, in order of arrival.
+    /// The requests received so far, whole ones only, in order of arrival.
     std::vector<Request> requests() const;
 
-    /// How many connections were accepted until now.
+    /// The number of connections accepted so far.
     std::size_t connections() const;
 
 private:
     struct Connection
     {
-        boost::asio::ip::tcp::socket socket; // closed under m_mutex, so that the end never meets another one's number
+        boost::asio::ip::tcp::socket socket; // closed under m_mutex: its descriptor is not reused before the shutdown
         std::thread thread = {};
     };
 
@@ -86,10 +94,6 @@ private:
     void serve(Connection& connection);
     template <typename Stream>
     Reply::Then talk(Stream& stream); // returns how to end the connection
-    template <typename Stream>
-    std::optional<Request> read(Stream& stream, boost::beast::flat_buffer& buffer);
-    template <typename Stream>
-    bool write(Stream& stream, const Request& request, const Reply& reply);
     Reply replyTo(const Request& request);
 
     const Handler m_handler;
@@ -100,7 +104,7 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable m_ending;
     bool m_isEnding = false;             // guarded by m_mutex, as is all below
-    std::list<Connection> m_connections; // those that have ended, too
+    std::list<Connection> m_connections; // including those that have ended
     std::vector<Request> m_requests;
 
     std::thread m_thread; // accepts
