@@ -31,6 +31,8 @@ function(house_set_flags target group)
     target_compile_options(${target} PRIVATE
         -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align -Wunused
         -Wconversion -Wsign-conversion -Wnull-dereference -Wdouble-promotion -Wformat=2 -Werror
+        # Checks what the attributes of Mutex.hpp say, which only clang understands.
+        $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
         # g++ 12 takes copies of an optional for uses of what it may not hold, and the joining of a literal and a string
         # for an overlapping copy; clang and the sanitizers see the real ones.
         $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized;-Wno-restrict>)

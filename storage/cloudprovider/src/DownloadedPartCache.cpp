@@ -12,7 +12,7 @@ DownloadedPartCache::DownloadedPartCache(std::uint64_t limit)
 
 std::vector<OpenPartBufferSharedPtr> DownloadedPartCache::addPart(OpenPartBufferSharedPtr part, std::size_t bytes)
 {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     m_entries.push_back({std::move(part), bytes});
     m_total += bytes;
     std::vector<OpenPartBufferSharedPtr> evicted;
@@ -27,7 +27,7 @@ std::vector<OpenPartBufferSharedPtr> DownloadedPartCache::addPart(OpenPartBuffer
 
 bool DownloadedPartCache::removePart(const OpenPartBufferSharedPtr& part)
 {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     const auto found =
         std::find_if(m_entries.begin(), m_entries.end(), [&](const CacheEntry& entry) { return entry.part == part; });
     if (found == m_entries.end())

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "Mutex.hpp"
 #include "OpenPartBuffer.hpp"
 
 #include <cstdint>
 #include <deque>
-#include <mutex>
 #include <vector>
 
 namespace storage::cloudprovider
@@ -34,10 +34,10 @@ private:
         std::size_t bytes;
     };
 
-    std::deque<CacheEntry> m_entries; // guarded by m_mutex; oldest first
-    std::uint64_t m_total = 0;        // guarded by m_mutex; bytes of all entries
+    Mutex m_mutex; // taken under the file's stream lock; no lock is taken while it is held
+    std::deque<CacheEntry> m_entries GUARDED_BY(m_mutex); // oldest first
+    std::uint64_t m_total GUARDED_BY(m_mutex) = 0;        // bytes of all entries
     const std::uint64_t m_limit;
-    std::mutex m_mutex; // taken under the file's stream lock; no lock is taken while it is held
 };
 
 } // namespace storage::cloudprovider

@@ -44,7 +44,7 @@ void MultipartUploadManager::asyncUploadPart(
                       "BufferSharedPtr, F)",
         source));
     {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         enqueue({takeRecord(), std::move(buffer), false, std::move(onDone)});
     }
     processQueueAndLogFailure();
@@ -54,7 +54,7 @@ void MultipartUploadManager::asyncReusePart(PartInfo info, DoneCallback onDone)
 {
     logEntry(CallSite("void storage::cloudprovider::MultipartUploadManager::asyncReusePart(PartInfo, F)", source));
     {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         enqueue({std::move(info), nullptr, false, std::move(onDone)});
     }
     processQueueAndLogFailure();
@@ -95,7 +95,7 @@ void MultipartUploadManager::complete(const std::vector<PartInfo>& parts)
 {
     logEntry(CallSite(
         "void storage::cloudprovider::MultipartUploadManager::complete(const std::vector<PartInfo> &)", source));
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     if (m_uploadId)
     {
         m_context->client->completeMultipartUpload(m_context->key, *m_uploadId, parts);
@@ -106,7 +106,7 @@ void MultipartUploadManager::complete(const std::vector<PartInfo>& parts)
 void MultipartUploadManager::cancel()
 {
     logEntry(CallSite("void storage::cloudprovider::MultipartUploadManager::cancel()", source));
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     if (!m_uploadId)
     {
         return;
@@ -118,20 +118,20 @@ void MultipartUploadManager::cancel()
 
 void MultipartUploadManager::setLastTag(std::string tag)
 {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     m_lastTag = std::move(tag);
 }
 
 bool MultipartUploadManager::isUploading() const
 {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     return m_uploadId.has_value();
 }
 
 std::string MultipartUploadManager::getUploadId()
 {
     logEntry(CallSite("std::string storage::cloudprovider::MultipartUploadManager::getUploadId()", source));
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     if (!m_uploadId)
     {
         m_uploadId = m_context->client->createMultipartUpload(m_context->key, m_lastTag);
@@ -170,17 +170,17 @@ void MultipartUploadManager::processQueue()
             requeue(std::move(*task));
             throw;
         }
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         m_partsInFlight.erase(task->info.Index);
     }
 }
 
 std::optional<MultipartUploadManager::UploadTask> MultipartUploadManager::takeNextTask()
 {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     // Skip parts in flight: the thread that is transferring such a part comes back here when it has finished.
     const auto next = std::find_if(m_queue.begin(), m_queue.end(),
-        [this](const UploadTask& task) { return !m_partsInFlight.contains(task.info.Index); });
+        [this](const UploadTask& task) REQUIRES(m_mutex) { return !m_partsInFlight.contains(task.info.Index); });
     if (next == m_queue.end())
     {
         return std::nullopt;
@@ -213,7 +213,7 @@ void MultipartUploadManager::requeue(UploadTask task)
 {
     const BufferSharedPtr opened = std::exchange(task.bufferOpened, false) ? task.buffer : nullptr;
     {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         m_partsInFlight.erase(task.info.Index);
         const bool superseded = std::any_of(m_queue.begin(), m_queue.end(),
             [&](const UploadTask& waiting) { return waiting.info.Index == task.info.Index; });

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Mutex.hpp"
 #include "OpenFileContext.hpp"
 
 #include <storage/cloudprovider/Buffer.hpp>
@@ -8,7 +9,6 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -93,7 +93,7 @@ private:
         DoneCallback onDone;
     };
 
-    void enqueue(UploadTask task); // requires m_mutex
+    void enqueue(UploadTask task) REQUIRES(m_mutex);
     void processQueueAndLogFailure();
     void processQueue();
     std::optional<UploadTask> takeNextTask();
@@ -103,17 +103,15 @@ private:
 
     const OpenFileContextSharedPtr m_context;
 
-    // Guarded by m_mutex.
-    std::optional<std::string> m_uploadId; // empty: no upload is open
-    std::string m_lastTag;                 // of the part uploaded last, or as set by setLastTag()
-    std::deque<UploadTask> m_queue;        // oldest first; at most one task per part
-    std::set<std::size_t> m_partsInFlight; // indexes of the parts that are being transferred
-
     // Lock order: the file's stream lock, then this one, then a part's mutex (taken by a RecordSource). The stream lock
     // is usually held when this one is taken; the parts mutex, the cache's mutex and a part's mutex never are. Held
     // while the upload is opened, completed or aborted, so that two first parts do not open two uploads. Not held
     // during transfers and while a DoneCallback runs.
-    mutable std::mutex m_mutex;
+    mutable Mutex m_mutex;
+    std::optional<std::string> m_uploadId GUARDED_BY(m_mutex); // empty: no upload is open
+    std::string m_lastTag GUARDED_BY(m_mutex);                 // of the part uploaded last, or as set by setLastTag()
+    std::deque<UploadTask> m_queue GUARDED_BY(m_mutex);        // oldest first; at most one task per part
+    std::set<std::size_t> m_partsInFlight GUARDED_BY(m_mutex); // indexes of the parts that are being transferred
 };
 
 } // namespace storage::cloudprovider

@@ -1,6 +1,7 @@
 #include <storage/cloudprovider/OpenFileManager.hpp>
 
 #include "LogRecords.hpp"
+#include "Mutex.hpp"
 #include "OpenFileByteStream.hpp"
 #include "OpenFileContext.hpp"
 #include "OpenPartManager.hpp"
@@ -11,6 +12,8 @@
 #include <storage/cloudprovider/utils.hpp>
 
 #include <fl/i18n.hpp>
+
+#include <map>
 
 namespace storage::cloudprovider
 {
@@ -48,7 +51,50 @@ std::shared_ptr<OpenPartManager> buildPartManager(const fsp::StorageIRI& iri, fs
 
 } // namespace
 
-OpenFileManager::OpenFileManager() = default;
+/// What is open. Its mutex is held neither together with another lock nor while the store is called.
+struct OpenFileManager::Registry
+{
+    struct Entry
+    {
+        std::weak_ptr<OpenPartManager> partManager;
+        bool opening = false; // a thread is building the part manager, without holding the mutex
+
+        bool isStale() const { return !opening && partManager.expired(); }
+    };
+
+    bool isOpening(const fsp::StorageIRI& iri) const REQUIRES(mutex)
+    {
+        const auto entry = entries.find(iri);
+        return entry != entries.end() && entry->second.opening;
+    }
+
+    /// Record the part manager, or that the file is not open if it is null, and wake those who wait for it.
+    void finishOpening(const fsp::StorageIRI& iri, const std::shared_ptr<OpenPartManager>& partManager)
+    {
+        {
+            const MutexLock lock(mutex);
+            if (partManager)
+            {
+                entries[iri] = {partManager, false};
+            }
+            else
+            {
+                entries.erase(iri);
+            }
+        }
+        // Wake all waiters: they may wait for different files, and a single wake-up could reach the wrong one.
+        openingFinished.notify_all();
+    }
+
+    Mutex mutex;
+    ConditionVariable openingFinished;
+    std::map<fsp::StorageIRI, Entry> entries GUARDED_BY(mutex);
+};
+
+OpenFileManager::OpenFileManager()
+    : m_registry(std::make_unique<Registry>())
+{
+}
 
 OpenFileManager::~OpenFileManager() = default;
 
@@ -60,29 +106,27 @@ OpenFileManager& globalOpenFileManager()
 
 bool OpenFileManager::isOpen(fsp::StorageIRI iri)
 {
-    const std::lock_guard lock(m_mutex);
-    const auto entry = m_entries.find(iri);
-    return entry != m_entries.end() && !entry->second.isStale();
+    const MutexLock lock(m_registry->mutex);
+    const auto entry = m_registry->entries.find(iri);
+    return entry != m_registry->entries.end() && !entry->second.isStale();
 }
 
 std::shared_ptr<OpenPartManager> OpenFileManager::open(
     fsp::StorageIRI iri, fsp::ByteStreamCreate create, fsp::ByteStreamTruncate truncate, CloudClientSharedPtr client)
 {
     {
-        std::unique_lock lock(m_mutex);
-        m_openingFinished.wait(lock,
-            [&]
-            {
-                const auto entry = m_entries.find(iri);
-                return entry == m_entries.end() || !entry->second.opening;
-            });
-        OpenFileEntry& entry = m_entries[iri];
+        MutexLock lock(m_registry->mutex);
+        while (m_registry->isOpening(iri))
+        {
+            m_registry->openingFinished.wait(lock);
+        }
+        Registry::Entry& entry = m_registry->entries[iri];
         if (std::shared_ptr<OpenPartManager> open = entry.partManager.lock())
         {
             return open;
         }
         entry.opening = true;
-        std::erase_if(m_entries, [](const auto& other) { return other.second.isStale(); });
+        std::erase_if(m_registry->entries, [](const auto& other) { return other.second.isStale(); });
     }
     std::shared_ptr<OpenPartManager> partManager;
     try
@@ -91,28 +135,11 @@ std::shared_ptr<OpenPartManager> OpenFileManager::open(
     }
     catch (...)
     {
-        finishOpening(iri, nullptr);
+        m_registry->finishOpening(iri, nullptr);
         throw;
     }
-    finishOpening(iri, partManager);
+    m_registry->finishOpening(iri, partManager);
     return partManager;
-}
-
-void OpenFileManager::finishOpening(const fsp::StorageIRI& iri, std::shared_ptr<OpenPartManager> partManager)
-{
-    {
-        const std::lock_guard lock(m_mutex);
-        if (partManager)
-        {
-            m_entries[iri] = {partManager, false};
-        }
-        else
-        {
-            m_entries.erase(iri);
-        }
-    }
-    // Wake all waiters: they may wait for different files, and a single wake-up could reach the wrong one.
-    m_openingFinished.notify_all();
 }
 
 fsp::ByteStreamPtr OpenFileManager::openReadOnly(fsp::StorageIRI iri, CloudClientSharedPtr client)

@@ -92,7 +92,7 @@ OpenPartBuffer::~OpenPartBuffer() = default;
 
 std::size_t OpenPartBuffer::size() const
 {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     return m_info.Size;
 }
 
@@ -128,19 +128,19 @@ void OpenPartBuffer::open()
 
 bool OpenPartBuffer::isOpen() const
 {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     return m_openCount != 0;
 }
 
 const char* OpenPartBuffer::data() const
 {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     return m_buffer ? std::as_const(*m_buffer).data() : nullptr;
 }
 
 char* OpenPartBuffer::data()
 {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     return m_buffer ? m_buffer->data() : nullptr;
 }
 
@@ -152,8 +152,11 @@ void OpenPartBuffer::close()
 bool OpenPartBuffer::incrementOpenCount()
 {
     logEntry(CallSite("bool storage::cloudprovider::OpenPartBuffer::incrementOpenCount()", source));
-    std::unique_lock lock(m_mutex);
-    m_changed.wait(lock, [this] { return m_openCount == 0 || m_buffer; });
+    MutexLock lock(m_mutex);
+    while (m_openCount != 0 && !m_buffer)
+    {
+        m_changed.wait(lock);
+    }
     if (m_openCount == 0 && m_buffer)
     {
         try
@@ -174,7 +177,7 @@ bool OpenPartBuffer::incrementOpenCount()
 void OpenPartBuffer::decrementOpenCount()
 {
     logEntry(CallSite("void storage::cloudprovider::OpenPartBuffer::decrementOpenCount()", source));
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     --m_openCount;
     if (m_openCount == 0 && m_buffer)
     {
@@ -200,7 +203,7 @@ void OpenPartBuffer::download()
     BufferPtr buffer = buildOpenBuffer(part.Size);
     bool wholeObject = false;
     {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         wholeObject = m_singlePartFile;
     }
     const bool firstByteOfMany = !wholeObject && part.Offset == 0 && part.Size == 1;
@@ -228,7 +231,7 @@ void OpenPartBuffer::createBlank()
 
 void OpenPartBuffer::setOpenBuffer(BufferPtr buffer)
 {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     buffer->reserve(m_info.Size); // a new part may have grown over a gap since its zeros were written
     m_buffer = std::move(buffer);
     m_changed.notify_one();
@@ -251,7 +254,7 @@ std::size_t OpenPartBuffer::growTo(std::size_t newSize)
 void OpenPartBuffer::increaseSizeToMax()
 {
     logEntry(CallSite("void storage::cloudprovider::OpenPartBuffer::increaseSizeToMax()", source));
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     if (growTo(m_maxSize) < m_maxSize)
     {
         m_localDataVersion = LocalDataVersion::NEW; // under the same lock, because an upload may begin at any time
@@ -262,7 +265,7 @@ std::size_t OpenPartBuffer::increaseSize(std::size_t amount)
 {
     logEntry(CallSite("const size_t storage::cloudprovider::OpenPartBuffer::increaseSize(size_t)", source),
         named("amount", amount));
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     return growTo(std::min(m_maxSize, m_info.Size + amount));
 }
 
@@ -270,21 +273,21 @@ std::size_t OpenPartBuffer::increaseSize(std::size_t amount, std::size_t offset)
 {
     logEntry(CallSite("const size_t storage::cloudprovider::OpenPartBuffer::increaseSize(size_t, size_t)", source),
         named("amount", amount), named("offset", offset));
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     return growTo(std::min(m_maxSize, offset + amount));
 }
 
 void OpenPartBuffer::markModified()
 {
     logEntry(CallSite("void storage::cloudprovider::OpenPartBuffer::markModified()", source));
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     m_localDataVersion = LocalDataVersion::NEW;
 }
 
 PartInfo OpenPartBuffer::markUploading()
 {
     logEntry(CallSite("PartInfo storage::cloudprovider::OpenPartBuffer::markUploading()", source));
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     m_localDataVersion = LocalDataVersion::SCHEDULED_UPLOAD;
     return m_info;
 }
@@ -292,7 +295,7 @@ PartInfo OpenPartBuffer::markUploading()
 void OpenPartBuffer::markUploaded()
 {
     logEntry(CallSite("void storage::cloudprovider::OpenPartBuffer::markUploaded()", source));
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     if (m_localDataVersion != LocalDataVersion::NEW)
     {
         m_localDataVersion = LocalDataVersion::CLOUD;
@@ -305,7 +308,7 @@ void OpenPartBuffer::discardIfUnmodified()
     logEntry(CallSite("void storage::cloudprovider::OpenPartBuffer::discardIfUnmodified()", source));
     incrementOpenCount();
     {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         if (m_buffer && m_openCount == 1 && m_localDataVersion == LocalDataVersion::CLOUD)
         {
             m_buffer->close();
@@ -341,25 +344,25 @@ bool OpenPartBuffer::openIfModified()
 
 void OpenPartBuffer::setTag(std::string tag)
 {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     m_info.Tag = std::move(tag);
 }
 
 void OpenPartBuffer::setSinglePartFile(bool single)
 {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     m_singlePartFile = single;
 }
 
 PartInfo OpenPartBuffer::info() const
 {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     return m_info;
 }
 
 PartInfo OpenPartBuffer::storedInfo() const
 {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     PartInfo stored = m_info;
     stored.Tag = m_storedTag;
     return stored;
@@ -367,13 +370,13 @@ PartInfo OpenPartBuffer::storedInfo() const
 
 LocalDataVersion OpenPartBuffer::localDataVersion() const
 {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     return m_localDataVersion;
 }
 
 OpenPartBuffer::View OpenPartBuffer::view()
 {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     return {m_buffer ? m_buffer->data() : nullptr, m_info.Size};
 }
 

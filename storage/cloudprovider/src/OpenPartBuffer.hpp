@@ -1,13 +1,11 @@
 #pragma once
 
 #include "LocalDataVersion.hpp"
+#include "Mutex.hpp"
 #include "OpenFileContext.hpp"
 
 #include <storage/cloudprovider/Buffer.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
-
-#include <condition_variable>
-#include <mutex>
 
 namespace storage::cloudprovider
 {
@@ -128,26 +126,25 @@ public:
 
 private:
     BufferPtr buildOpenBuffer(std::size_t usedBytes) const;
-    std::size_t growTo(std::size_t newSize); // requires m_mutex; returns the size before
+    std::size_t growTo(std::size_t newSize) REQUIRES(m_mutex); // returns the size before
 
-    // Guarded by m_mutex.
-    PartInfo m_info;
-    std::string m_storedTag; // the part's tag in the stored object
-    BufferPtr m_buffer;      // null while the bytes are not loaded
-    std::size_t m_openCount = 0;
-    LocalDataVersion m_localDataVersion;
-    bool m_singlePartFile = false;
+    // Innermost lock: may be taken under the stream lock, the parts mutex or the upload manager's mutex. While it is
+    // held, no other lock is taken and the store is not called. Only local storage is: the buffer is mapped, unmapped
+    // or given disk space.
+    mutable Mutex m_mutex;
+    ConditionVariable m_changed; // m_buffer or m_openCount changed; a woken opener wakes the next one
+
+    PartInfo m_info GUARDED_BY(m_mutex);
+    std::string m_storedTag GUARDED_BY(m_mutex); // the part's tag in the stored object
+    BufferPtr m_buffer GUARDED_BY(m_mutex);      // null while the bytes are not loaded
+    std::size_t m_openCount GUARDED_BY(m_mutex) = 0;
+    LocalDataVersion m_localDataVersion GUARDED_BY(m_mutex);
+    bool m_singlePartFile GUARDED_BY(m_mutex) = false;
 
     // Constant after construction.
     const std::size_t m_offset;
     const std::size_t m_maxSize;
     const OpenFileContextSharedPtr m_context;
-
-    // Innermost lock: may be taken under the stream lock, the parts mutex or the upload manager's mutex. While it is
-    // held, no other lock is taken and the store is not called. Only local storage is: the buffer is mapped, unmapped
-    // or given disk space.
-    mutable std::mutex m_mutex;
-    std::condition_variable m_changed; // m_buffer or m_openCount changed; a woken opener wakes the next one
 };
 
 using OpenPartBufferSharedPtr = std::shared_ptr<OpenPartBuffer>;

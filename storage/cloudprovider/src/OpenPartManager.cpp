@@ -96,7 +96,7 @@ void OpenPartManager::initPreserveExisting(bool requirePresent)
     }
 
     m_uploadManager->setLastTag(stored.front().Tag);
-    const std::lock_guard lock(m_partsMutex);
+    const MutexLock lock(m_partsMutex);
     m_parts.clear();
     m_parts.reserve(stored.size());
     for (const PartInfo& part : stored)
@@ -110,7 +110,7 @@ void OpenPartManager::initPreserveExisting(bool requirePresent)
 std::size_t OpenPartManager::getFileSize() const
 {
     logEntry(CallSite("size_t storage::cloudprovider::OpenPartManager::getFileSize() const", source));
-    const std::lock_guard lock(m_partsMutex);
+    const MutexLock lock(m_partsMutex);
     return m_parts.back()->end();
 }
 
@@ -120,7 +120,7 @@ std::size_t OpenPartManager::findPartIndex(std::size_t fileOffset) const
     logEntry(site, named("fileOffset", fileOffset));
     std::size_t partIndex = 0;
     {
-        const std::lock_guard lock(m_partsMutex);
+        const MutexLock lock(m_partsMutex);
         const auto covering = std::upper_bound(m_parts.begin(), m_parts.end(), fileOffset,
             [](std::size_t offset, const OpenPartBufferSharedPtr& part)
             { return part->offset() + part->capacity() > offset; });
@@ -163,7 +163,7 @@ std::unique_ptr<OpenPartDevice> OpenPartManager::openPart(std::size_t fileOffset
     }
     OpenPartBufferSharedPtr part;
     {
-        const std::lock_guard lock(m_partsMutex);
+        const MutexLock lock(m_partsMutex);
         if (!createIfNonExistent && m_parts.back()->end() <= fileOffset)
         {
             return nullptr;
@@ -183,7 +183,7 @@ void OpenPartManager::extendTo(std::size_t fileOffset)
     {
         OpenPartBufferSharedPtr last;
         {
-            const std::lock_guard lock(m_partsMutex);
+            const MutexLock lock(m_partsMutex);
             last = m_parts.back();
         }
         if (last->offset() + last->capacity() > fileOffset)
@@ -216,7 +216,7 @@ void OpenPartManager::appendPartAfter(const OpenPartBufferSharedPtr& last)
 {
     std::size_t index = 0;
     {
-        const std::lock_guard lock(m_partsMutex);
+        const MutexLock lock(m_partsMutex);
         if (m_parts.back() != last)
         {
             return; // another thread has appended a part
@@ -293,7 +293,7 @@ void OpenPartManager::scheduleUpload(const OpenPartBufferSharedPtr& part)
     logEntry(CallSite(
         "void storage::cloudprovider::OpenPartManager::scheduleUpload(std::shared_ptr<OpenPartBuffer>)", source));
     {
-        const std::lock_guard lock(m_partsMutex);
+        const MutexLock lock(m_partsMutex);
         if (m_parts.size() < 2)
         {
             return; // the flush writes the whole file
@@ -364,7 +364,7 @@ void OpenPartManager::flushSinglePartFile(OpenPartBuffer& part)
 
 std::vector<OpenPartBufferSharedPtr> OpenPartManager::parts() const
 {
-    const std::lock_guard lock(m_partsMutex);
+    const MutexLock lock(m_partsMutex);
     return m_parts;
 }
 

@@ -2,6 +2,7 @@
 
 #include "DownloadedPartCache.hpp"
 #include "MultipartUploadManager.hpp"
+#include "Mutex.hpp"
 #include "OpenFileContext.hpp"
 #include "OpenPartBuffer.hpp"
 
@@ -9,7 +10,6 @@
 
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace storage::cloudprovider
@@ -88,9 +88,9 @@ private:
     void flushSinglePartFile(OpenPartBuffer& part);
     std::vector<OpenPartBufferSharedPtr> parts() const;
 
-    std::vector<OpenPartBufferSharedPtr> m_parts; // guarded by m_partsMutex; never empty; element i has Index i
-    mutable std::mutex m_partsMutex;
-    std::size_t m_byteStreamCount = 0; // guarded by m_streamLock, exclusive
+    mutable Mutex m_partsMutex;
+    std::vector<OpenPartBufferSharedPtr> m_parts GUARDED_BY(m_partsMutex); // never empty; element i has Index i
+    std::size_t m_byteStreamCount = 0;                                     // guarded by m_streamLock, exclusive
     DownloadedPartCache m_partCache;
     const std::unique_ptr<MultipartUploadManager> m_uploadManager;
     const OpenFileContextSharedPtr m_context;

@@ -7,10 +7,7 @@
 #include <foundation/storage/provider/ByteStreamOpenOptions.hpp>
 #include <foundation/storage/provider/StorageIRI.hpp>
 
-#include <condition_variable>
-#include <map>
 #include <memory>
-#include <mutex>
 
 namespace storage::cloudprovider
 {
@@ -63,20 +60,8 @@ public:
         const foundation::storage::provider::ByteStreamOpenOptions& options, CloudClientSharedPtr client);
 
 private:
-    struct OpenFileEntry
-    {
-        std::weak_ptr<OpenPartManager> partManager;
-        bool opening = false; // a thread is building the part manager, without holding the lock
-
-        bool isStale() const { return !opening && partManager.expired(); }
-    };
-
-    void finishOpening(
-        const foundation::storage::provider::StorageIRI& iri, std::shared_ptr<OpenPartManager> partManager);
-
-    std::map<foundation::storage::provider::StorageIRI, OpenFileEntry> m_entries; // guarded by m_mutex
-    std::mutex m_mutex;                                                           // taken alone
-    std::condition_variable m_openingFinished;
+    struct Registry;
+    const std::unique_ptr<Registry> m_registry;
 };
 
 /// Return the registry that all providers in this process use. It exists until the process exits.
