@@ -6,7 +6,7 @@
 #include <memory>
 #include <string_view>
 
-/// A provider over an empty store in memory, and names for what is in it.
+/// A provider over an empty memory store, and IRIs for its files.
 struct BenchStore
 {
     std::shared_ptr<storage::clients::MemoryClient> client = std::make_shared<storage::clients::MemoryClient>();

@@ -1,4 +1,4 @@
-// Listing a million keys, and the memory that it takes beside the store's own.
+// Listing a million keys, and the memory that the listing needs in addition to the store's.
 
 #include "BenchStore.hpp"
 
@@ -31,7 +31,7 @@ BenchStore& millionKeys()
     return store;
 }
 
-/// Return the process's resident memory in KiB: the most since the last reset ("VmHWM") or the present ("VmRSS").
+/// Return the process's resident memory in KiB: the peak since the last reset ("VmHWM") or the current value ("VmRSS").
 double residentKiB(const std::string& field)
 {
     std::ifstream status("/proc/self/status");
@@ -53,7 +53,7 @@ void list(benchmark::State& state, const char* folder,
     double growth = 0;
     for (auto _ : state)
     {
-        std::ofstream("/proc/self/clear_refs") << "5"; // begin a new peak
+        std::ofstream("/proc/self/clear_refs") << "5"; // reset the peak
         const double before = residentKiB("VmRSS");
         const auto iterator = ((*store.provider).*listing)(BenchStore::iri(folder));
         while (iterator->hasNext())

@@ -1,6 +1,6 @@
-// The embedded store, beside SQLite's own inserts and plain files with the same durability.
+// The local store compared with plain SQLite inserts and plain files of the same durability.
 //
-// Everything lies below $TMPDIR, so that both sides use one disk.
+// All files are below $TMPDIR, so that both sides use one disk.
 
 #include <storage/clients/local/LocalClient.hpp>
 
@@ -41,7 +41,7 @@ void check(bool ok, const char* what)
     }
 }
 
-/// A folder that is removed in the end.
+/// A temporary folder, removed by the destructor.
 class ScratchFolder
 {
 public:
@@ -55,7 +55,7 @@ public:
     ScratchFolder& operator=(const ScratchFolder&) = delete;
     ~ScratchFolder()
     {
-        std::error_code ignored; // nothing depends on it
+        std::error_code ignored; // the folder is temporary
         std::filesystem::remove_all(m_path, ignored);
     }
 
@@ -65,7 +65,7 @@ private:
     std::filesystem::path m_path;
 };
 
-/// Reads and writes a run of bytes without copying it.
+/// A stream buffer over existing bytes, which are not copied.
 class Bytes : public std::streambuf
 {
 public:
@@ -152,7 +152,7 @@ void largeInLocal(benchmark::State& state)
     state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(largeSize));
 }
 
-/// Write the content as `cp` does, in calls of 128 KiB, and sync file and folder.
+/// Write the content in calls of 128 KiB, as `cp` does, and sync the file and its folder.
 void largeInFile(benchmark::State& state)
 {
     const ScratchFolder folder;

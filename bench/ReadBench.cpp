@@ -1,4 +1,4 @@
-// Small reads inside a part that is open, beside the bare copy of the same bytes.
+// Small reads inside an open part, compared with a memcpy of the same bytes.
 
 #include "BenchStore.hpp"
 

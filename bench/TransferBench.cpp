@@ -1,8 +1,9 @@
-// Moving 256 MiB through the provider's streams, beside loops that do by hand what has to be done anyway.
+// Transferring 256 MiB through the provider's streams, compared with hand-written loops that do only the necessary
+// work.
 //
-// The "ByHand" loops do the same work with the same temporary files: one file a part, backed by a plain write, mapped,
-// filled or emptied in calls of 64 KiB, mapped again for the transfer, removed. The "BestLoop" loops keep one mapped
-// file for all parts, which is the least that a design with local files can do.
+// The "ByHand" loops do the same work with the same temporary files: they create one file per part, allocate its disk
+// space by a plain write, map it, fill or read it in calls of 64 KiB, map it again for the transfer, and remove it. The
+// "BestLoop" loops use one mapped file for all parts: the minimum for a design with local files.
 
 #include "BenchStore.hpp"
 
@@ -45,7 +46,7 @@ void check(bool ok, const char* what)
     }
 }
 
-/// One part's temporary file.
+/// The temporary file of one part.
 class PartFile
 {
 public:
@@ -139,7 +140,7 @@ void writeByHand(BenchStore& store)
     const std::vector<char> bytes = callBuffer();
     const std::string upload = store.client->createMultipartUpload("file", "");
     std::vector<PartInfo> parts;
-    std::vector<std::unique_ptr<PartFile>> files; // kept to the end, as the provider keeps what it wrote
+    std::vector<std::unique_ptr<PartFile>> files; // kept to the end, as the provider keeps written parts
     for (std::size_t offset = 0; offset < fileSize; offset += partSize)
     {
         PartInfo part = partAt(offset);
@@ -192,7 +193,7 @@ void readThroughProvider(BenchStore& store)
 void readByHand(BenchStore& store)
 {
     std::vector<char> bytes = callBuffer();
-    std::deque<std::unique_ptr<PartFile>> files; // as many as the provider keeps loaded
+    std::deque<std::unique_ptr<PartFile>> files; // as many as the provider caches
     for (const PartInfo& part : store.client->getObjectParts("file"))
     {
         files.push_back(std::make_unique<PartFile>());

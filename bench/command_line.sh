@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Time `cloudfs put` and `get` beside `cp -r`: one file of 256 MiB, and 1,000 files of 4 KiB. Every byte is compared.
+# Compare `cloudfs put` and `cloudfs get` with `cp -r` for one file of 256 MiB and for 1,000 files of 4 KiB. Every byte
+# is checked.
 #
-# Usage: bench/command_line.sh [RUNS]     medians of RUNS runs (default 5), in $TMPDIR; needs the release build
+# Usage: bench/command_line.sh [RUNS]     medians of RUNS runs (default 5) in $TMPDIR; needs the release build
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 runs=${1:-5}
@@ -16,7 +17,7 @@ for ((i = 0; i < 1000; ++i)); do
     head -c 4096 /dev/urandom >"small/$i"
 done
 
-# measure NAME RESET COMMAND…: print the median of the wall time and the largest peak of memory.
+# measure NAME RESET COMMAND…: run RESET and COMMAND several times; print the median time and the highest peak memory.
 measure()
 {
     local name=$1 reset=$2

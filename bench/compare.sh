@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
-# Measure the command line and the provider beside rclone, s3fs, GDAL and curl on one object gateway, which is brought up
-# on loopback for it: wall and processor time, memory, requests and bytes, each with and without a delay of 20 ms. Every
-# byte is checked.
+# Compare the command line and the provider with rclone, s3fs, GDAL and curl on one object gateway, which is started on
+# loopback: wall time, CPU time, memory, requests and bytes, each without and with a delay of 20 ms. Every byte is
+# checked.
 #
 # Usage: bench/compare.sh [RUNS [WORK…]] [--tools A,B] [--delays MS,MS] [--parameters P=V&P=V]
 #
-# Medians of RUNS runs (5) of W1 to W9 (all); the parameters are added to the URL of our own store.
+# Prints medians of RUNS runs (default 5) of W1 to W9 (default: all). The parameters are added to cloudfs's store URL.
 #
-# `scripts/install-deps.sh compare` installs the others; one that is missing is left out. Local files are kept in memory,
-# 4 GiB of it, unless TMPDIR says otherwise. Figures, tables and chart go to build/bench/compare.{jsonl,md,svg}.
+# `scripts/install-deps.sh compare` installs the other tools; a missing tool is skipped. Local files, up to 4 GiB, are
+# kept in /dev/shm unless TMPDIR is set. Figures, tables and chart go to build/bench/compare.{jsonl,md,svg}.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/../scripts/common.sh"
@@ -24,7 +24,7 @@ quietly build/logs/compare-build.log cmake --build "$programs"
 
 export TMPDIR=${TMPDIR:-/dev/shm} PYTHONDONTWRITEBYTECODE=1
 export CLOUDFS_GATEWAY_DIR=$root/$programs/gateway
-export CLOUDFS_GATEWAY_SIZE=${CLOUDFS_GATEWAY_SIZE:-8} # deleted objects count for a minute
+export CLOUDFS_GATEWAY_SIZE=${CLOUDFS_GATEWAY_SIZE:-8} # deleted objects use space for another minute
 /usr/bin/python3 bench/compare/compare.py "$@" --programs "$programs" --figures "$results.jsonl"
 
 chart=(--chart "$results.svg")

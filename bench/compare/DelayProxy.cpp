@@ -1,12 +1,12 @@
-// Makes a store on this machine look distant: holds each answer back, and counts what crosses the wire.
+// Makes a store on this machine look distant: delays each response and counts requests and bytes.
 //
 // Usage: delay_proxy STORE_PORT
 //
-// Prints the port of 127.0.0.1 that it listens on, then obeys lines on standard input:
-//   delay MILLISECONDS   hold the first byte of each answer back for so long; says "ok"
-//   take                 say "REQUESTS SENT RECEIVED" since the last time: bytes with HTTP heads, as the client sees
-//   them
-// It ends with its standard input, so that it never outlives whoever started it.
+// Prints the port on 127.0.0.1 that it listens on, then reads commands from standard input, one per line:
+//   delay MILLISECONDS   delay the first byte of each response by this time; prints "ok"
+//   take                 print "REQUESTS SENT RECEIVED" since the last "take": bytes as seen by the client, with
+//   headers
+// It exits at the end of its standard input, so that it never outlives the process that started it.
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -34,11 +34,11 @@ namespace
 
 using boost::asio::ip::tcp;
 
-std::atomic<std::uint64_t> requests = 0, sent = 0, received = 0; // since the last time that we were asked
+std::atomic<std::uint64_t> requests = 0, sent = 0, received = 0; // since the last "take"
 std::atomic<std::int64_t> delayMilliseconds = 0;
 
-/// Moves bytes from socket to socket inside the kernel: copying them here would take time from the two ends, which
-/// share this machine's cores with us.
+/// Moves bytes from socket to socket inside the kernel: copying them here would take CPU time from client and store,
+/// which share this machine's cores.
 class Channel
 {
 public:
@@ -48,7 +48,7 @@ public:
         {
             throw std::system_error(errno, std::generic_category(), "pipe");
         }
-        // More at a time when the system allows it; the usual 64 KiB do otherwise.
+        // A larger pipe than the default of 64 KiB, if the system allows it.
         ::fcntl(m_ends[1], F_SETPIPE_SZ, static_cast<int>(capacity));
     }
 
@@ -62,11 +62,11 @@ public:
     Channel& operator=(const Channel&) = delete;
 
     /// Wait for bytes and take them.
-    /// @return how many; 0 when the other side has ended the connection, in whatever way
+    /// @return how many; 0 when the other side has closed the connection or it failed
     std::size_t take(tcp::socket& from) { return move(from.native_handle(), m_ends[1], capacity); }
 
-    /// Pass on what was taken.
-    /// @return whether the other side still takes it
+    /// Send the bytes that were taken.
+    /// @return whether the other side accepted them
     bool pass(tcp::socket& to, std::size_t size)
     {
         while (size > 0)
@@ -82,7 +82,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t capacity = std::size_t{1024} * 1024; // the most that Linux gives to anybody
+    static constexpr std::size_t capacity = std::size_t{1024} * 1024; // the maximum without privileges
 
     static std::size_t move(int from, int to, std::size_t size)
     {
@@ -93,9 +93,9 @@ private:
     std::array<int, 2> m_ends = {};
 };
 
-/// One connection of a client and the one to the store behind it; a thread for each direction.
+/// One connection of a client and its connection to the store; one thread for each direction.
 ///
-/// Requests are told apart by turns: nobody here sends a request before the answer to the one before has begun.
+/// Counts a request when bytes arrive after a response has started: these clients do not pipeline requests.
 class Connection
 {
 public:
@@ -107,12 +107,12 @@ public:
         m_store.set_option(tcp::no_delay(true));
     }
 
-    void carryRequests()
+    void forwardRequests()
     {
         Channel channel;
         while (const std::size_t size = channel.take(m_client))
         {
-            if (!m_answerDue.exchange(true))
+            if (!m_responseDue.exchange(true))
             {
                 ++requests;
             }
@@ -125,10 +125,10 @@ public:
         end();
     }
 
-    void carryAnswers()
+    void forwardResponses()
     {
         Channel channel;
-        while (beginAnswer())
+        while (waitForResponse())
         {
             const std::size_t size = channel.take(m_store);
             received += size;
@@ -141,18 +141,18 @@ public:
     }
 
 private:
-    // Wait for bytes of the store; when they begin the answer to a request, hold it back. "100 Continue" is no answer
-    // yet, and goes on at once.
-    bool beginAnswer()
+    // Wait for bytes from the store, and delay them if they start a response. "100 Continue" is not a response and is
+    // not delayed.
+    bool waitForResponse()
     {
         constexpr std::string_view interim = "HTTP/1.1 1";
         std::array<char, interim.size()> start = {};
-        // Only when something has come is it known whether a request came before it.
+        // Wait first: only when bytes arrive it is certain whether a request was sent before.
         if (::recv(m_store.native_handle(), start.data(), 1, MSG_PEEK) <= 0)
         {
             return false;
         }
-        if (m_answerDue)
+        if (m_responseDue)
         {
             const ssize_t size = ::recv(m_store.native_handle(), start.data(), start.size(), MSG_PEEK | MSG_WAITALL);
             if (size <= 0)
@@ -162,23 +162,23 @@ private:
             if (std::string_view(start.data(), static_cast<std::size_t>(size)) != interim)
             {
                 std::this_thread::sleep_for(std::chrono::milliseconds(delayMilliseconds));
-                m_answerDue = false;
+                m_responseDue = false;
             }
         }
         return true;
     }
 
-    // The other direction notices, and ends too; what was passed on already still arrives.
+    // The other direction notices and ends too; bytes already sent still arrive.
     void end()
     {
-        boost::system::error_code ignored; // it may have ended by itself
+        boost::system::error_code ignored; // it may be closed already
         m_client.shutdown(tcp::socket::shutdown_both, ignored);
         m_store.shutdown(tcp::socket::shutdown_both, ignored);
     }
 
     tcp::socket m_client;
     tcp::socket m_store;
-    std::atomic<bool> m_answerDue = false; // set before a request is passed on, cleared before its answer is
+    std::atomic<bool> m_responseDue = false; // set before a request is sent on, cleared before its response is
 };
 
 void serve(tcp::acceptor& acceptor, const tcp::endpoint& store)
@@ -191,8 +191,8 @@ void serve(tcp::acceptor& acceptor, const tcp::endpoint& store)
             tcp::socket upstream(acceptor.get_executor());
             upstream.connect(store);
             const auto connection = std::make_shared<Connection>(std::move(client), std::move(upstream));
-            std::thread([connection] { connection->carryRequests(); }).detach();
-            std::thread([connection] { connection->carryAnswers(); }).detach();
+            std::thread([connection] { connection->forwardRequests(); }).detach();
+            std::thread([connection] { connection->forwardResponses(); }).detach();
         }
         catch (const std::exception& failure)
         {
@@ -211,7 +211,7 @@ try
         std::cerr << "usage: delay_proxy STORE_PORT" << std::endl;
         return 2;
     }
-    std::signal(SIGPIPE, SIG_IGN); // a client that leaves in the middle of an answer is nothing special
+    std::signal(SIGPIPE, SIG_IGN); // a client may close its connection in the middle of a response
     const auto loopback = boost::asio::ip::address_v4::loopback();
     const tcp::endpoint store(loopback, static_cast<std::uint16_t>(std::stoul(argv[1])));
     boost::asio::io_context context;
@@ -231,7 +231,7 @@ try
             std::cout << requests.exchange(0) << ' ' << sent.exchange(0) << ' ' << received.exchange(0) << std::endl;
         }
     }
-    std::_Exit(0); // without waiting for connections that somebody left open
+    std::_Exit(0); // without waiting for open connections
 }
 catch (const std::exception& failure)
 {

@@ -1,4 +1,4 @@
-// Does with the virtual files of GDAL what the command line does with a store.
+// Does with GDAL's virtual file system what the command line does with a store.
 //
 // Usage: gdal_driver write LOCAL PATH
 //        gdal_driver read PATH LOCAL
@@ -6,7 +6,7 @@
 //        gdal_driver list PATH | list-all PATH
 //        gdal_driver pick SIZE PLACES OUTPUT PATH
 //
-// PATH begins with a file system's prefix, such as /vsis3/.
+// PATH starts with the prefix of a virtual file system, such as /vsis3/.
 
 #include "Places.hpp"
 
@@ -28,7 +28,7 @@
 namespace
 {
 
-// GDAL asks the store for no more at a time than a read wants.
+// GDAL requests only as many bytes as one read asks for.
 constexpr std::size_t blockSize = std::size_t{16} * 1024 * 1024;
 
 void require(bool fine, const std::string& what)
@@ -62,7 +62,7 @@ void copyFile(const std::string& from, const std::string& to, std::size_t atATim
 
 void copyAll(const std::string& from, const std::string& to, unsigned jobs)
 {
-    VSIMkdir(to.c_str(), 0777); // a folder that exists already is as good
+    VSIMkdir(to.c_str(), 0777); // an existing folder is fine
     char** const names = VSIReadDir(from.c_str());
     const int count = CSLCount(names);
     std::atomic<int> next = 0;

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-/// Where in a file to read, from a list of offsets, and where to write what was read.
+/// The offsets to read at, from a file with one per line, and the file that receives what was read.
 class Places
 {
 public:
@@ -22,15 +22,15 @@ public:
         }
         if (m_places.empty() || !lines.eof())
         {
-            throw std::runtime_error("no list of offsets: " + list);
+            throw std::runtime_error("not a list of offsets: " + list);
         }
     }
 
-    /// Reads up to `wanted` bytes at `place`; returns how many, and none or fewer at the end of the file.
+    /// Reads up to `wanted` bytes at `place`. Returns how many; 0 at the end of the file, negative after an error.
     using Read = std::function<std::ptrdiff_t(std::uint64_t place, char* data, std::size_t wanted)>;
 
     /// Read `size` bytes at each place, in order.
-    /// @throws std::runtime_error if the file ends before that or the output takes no more
+    /// @throws std::runtime_error if the file ends too early or the output cannot be written
     void readEach(std::size_t size, const Read& read) const
     {
         std::ofstream output(m_output, std::ios::binary);

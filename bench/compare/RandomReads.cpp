@@ -1,9 +1,9 @@
-// Read pieces of one file, one after the other, at places that a list names.
+// Read pieces of one file in sequence, at the offsets of a list.
 //
 // Usage: random_reads SIZE PLACES OUTPUT FILE              of a mounted file system
 //        random_reads SIZE PLACES OUTPUT STORE_URL PATH    of a store, through the provider
 //
-// PLACES holds one offset a line. The pieces, of SIZE bytes each, go to OUTPUT in that order.
+// PLACES has one offset per line. The pieces of SIZE bytes each go to OUTPUT in that order.
 
 #include "Places.hpp"
 

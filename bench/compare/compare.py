@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Measure the command line and the provider beside other tools; bench/compare.sh builds what this needs and calls it."""
+"""Compare the command line and the provider with other tools. bench/compare.sh builds the programs and runs this."""
 
 import argparse
 import filecmp
@@ -21,11 +21,11 @@ ROOT = Path(__file__).resolve().parents[2]
 MIB = 1024 * 1024
 BIG, WHOLE = 256 * MIB, 1024 * MIB
 TOOLS = [tool.name for tool in (tools.Ours, tools.Rclone, tools.RcloneMount, tools.S3fs, tools.Gdal, tools.Curl)]
-MIDDLE = BIG // 2 + 4096  # no boundary of anybody's parts
+MIDDLE = BIG // 2 + 4096  # not on a part boundary of any tool
 
 
 class Aside:
-    """Stands where a Run stands, and measures nothing."""
+    """Has the interface of Run, but measures nothing."""
 
     def __init__(self, folder):
         self.folder = folder
@@ -37,12 +37,12 @@ class Aside:
 
 
 class Gateway:
-    """The store itself: brought up empty, filled, and looked into by somebody who is not compared."""
+    """The store: started empty; filled and checked directly with curl, outside the measurement."""
 
     def __init__(self, scratch):
         self._script("start")
         environment = dict(re.findall(r"export (\w+)=(.*)", self._script("env")))
-        # The tools see nothing of the user's own settings for stores and proxies.
+        # Hide the user's own settings for stores and proxies from the tools.
         for name in os.environ:
             if name.upper().startswith(("AWS", "RCLONE_")) or name.upper().endswith("_PROXY"):
                 del os.environ[name]
@@ -94,7 +94,7 @@ def same_folders(left, right):
 
 
 class Material:
-    """What is written and read, the same bytes in every comparison."""
+    """The data that is written and read; the same bytes in every comparison."""
 
     def __init__(self, folder):
         source = random.Random(20)
@@ -132,13 +132,13 @@ class Material:
 
 
 class Works:
-    """The kinds of work. Each prepares the store, has a tool do it, and returns whether every byte is right."""
+    """The kinds of work. Each prepares the store, runs a tool, and returns whether every byte is correct."""
 
     def __init__(self, gateway, material):
         self._gateway = gateway
         self._material = material
         m = material
-        # In the order of the rows: name, title, what the store holds beforehand, the work.
+        # Columns: name, title, what the store must contain before, the work.
         self.rows = [
             ("W1", "write 256 MiB", [], self._write),
             ("W2", "read 256 MiB", ["big"], self._read),
@@ -188,7 +188,7 @@ class Works:
 
     def _change(self, method, place, expected):
         def work(tool, run):
-            self._gateway.put(self._material.big, "changed")  # whole again, whatever the tool before has left
+            self._gateway.put(self._material.big, "changed")  # undo the change of the previous tool
             getattr(tool, method)(run, "changed", *place, self._material.patch)
             return self._gateway.holds("changed", expected)
         return work
@@ -203,17 +203,17 @@ class Works:
 
 
 def measure(tool, work, proxy, folder):
-    """One run's figures, or why there are none."""
+    """The figures of one run, or the reason why there are none."""
     run = Run(proxy, folder)
     try:
-        right = work(tool, run)
+        correct = work(tool, run)
     except NotImplementedError:
         return {"cannot": True}
     except Failed as reason:
         return {"failed": str(reason)}
     finally:
         figures = run.end()
-    return figures if right else {"failed": "wrong bytes"}
+    return figures if correct else {"failed": "wrong bytes"}
 
 
 def known(names):
@@ -221,31 +221,31 @@ def known(names):
 
     def check(name):
         if name not in names:
-            raise argparse.ArgumentTypeError(f"{name} is none of {', '.join(names)}")
+            raise argparse.ArgumentTypeError(f"{name} is not one of {', '.join(names)}")
         return name
     return check
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, prog="bench/compare.sh")
-    parser.add_argument("runs", nargs="?", type=int, default=5, metavar="RUNS", help="of which the medians are shown (5)")
-    parser.add_argument("works", nargs="*", metavar="WORK", help="W1 to W9; all by default",
+    parser.add_argument("runs", nargs="?", type=int, default=5, metavar="RUNS", help="number of runs; the medians are shown (default 5)")
+    parser.add_argument("works", nargs="*", metavar="WORK", help="W1 to W9 (default: all)",
                         type=known(f"W{number}" for number in range(1, 10)))
-    parser.add_argument("--tools", help="names with commas between them; all by default",
+    parser.add_argument("--tools", help="comma-separated names (default: all)",
                         type=lambda names: list(map(known(TOOLS), names.split(","))), default=TOOLS)
-    parser.add_argument("--delays", default="0,20", help="milliseconds added to each request (0,20)")
-    parser.add_argument("--parameters", default="", help="of the URL of our own store, such as part-size=262144")
+    parser.add_argument("--delays", default="0,20", help="milliseconds added to each response, comma-separated (default 0,20)")
+    parser.add_argument("--parameters", default="", help="added to the store URL of cloudfs, such as part-size=262144")
     parser.add_argument("--programs", type=Path, required=True, help=argparse.SUPPRESS)
     parser.add_argument("--figures", type=Path, required=True, help=argparse.SUPPRESS)
     options = parser.parse_args()
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))  # not without ending what was started
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))  # so that started processes are ended
 
     options.figures.parent.mkdir(parents=True, exist_ok=True)
     with tempfile.TemporaryDirectory() as scratch, open(options.figures, "w") as figures:
         scratch = Path(scratch)
         material = Material(scratch)
         for delay in map(int, options.delays.split(",")):
-            # A new one each time: what was deleted stays in its memory for a while, and makes it slower.
+            # A new gateway for each delay: deleted objects stay in memory for a while and slow it down.
             Gateway._script("stop")
             gateway = Gateway(scratch)
             try:
@@ -261,7 +261,7 @@ def compare(gateway, material, delay, options, scratch, figures):
                   tools.Gdal(*common), tools.Curl(*common, *gateway.keys)]
     contenders = [tool for tool in contenders if tool.name in options.tools]
     for tool in [tool for tool in contenders if tool.missing()]:
-        print(f"{tool.name} is left out: {tool.missing()}", file=sys.stderr)
+        print(f"{tool.name} is skipped: {tool.missing()}", file=sys.stderr)
         contenders.remove(tool)
 
     works = Works(gateway, material)
@@ -275,7 +275,7 @@ def compare(gateway, material, delay, options, scratch, figures):
             filled.add(what)
         able = list(contenders)
         for number in range(options.runs):
-            for tool in list(able):  # in turns, so that a change of the machine's mood meets all
+            for tool in list(able):  # in turns, so that a change in the machine's speed affects all tools
                 result = measure(tool, work, proxy, scratch / "run")
                 if "wall" not in result:
                     able.remove(tool)

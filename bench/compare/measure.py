@@ -1,4 +1,4 @@
-"""What one run of one tool costs: time, processor, memory, and what crosses the wire."""
+"""Measure one run of one tool: wall time, CPU time, memory and network traffic."""
 
 import contextlib
 import os
@@ -11,20 +11,20 @@ import time
 from dataclasses import asdict, dataclass
 from pathlib import Path
 
-LIMIT = 300  # seconds after which a program is ended and its tool has failed
+LIMIT = 300  # seconds; a program that runs longer is killed, and its tool has failed
 TICKS = os.sysconf("SC_CLK_TCK")
 
 
 class Failed(Exception):
-    """A tool did not do what it was asked to. The others go on."""
+    """A tool did not complete the work. The comparison continues with the others."""
 
 
 class Proxy:
-    """The delay proxy in front of the store; it ends with us."""
+    """The delay proxy in front of the store; it exits when this process closes its standard input."""
 
     def __init__(self, program, store_port):
         self._process = subprocess.Popen([program, str(store_port)], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                         text=True, start_new_session=True)  # a Ctrl-C is not for it
+                                         text=True, start_new_session=True)  # so that Ctrl-C does not reach it
         self.endpoint = f"127.0.0.1:{int(self._process.stdout.readline())}"
 
     def _ask(self, line):
@@ -35,7 +35,7 @@ class Proxy:
         assert self._ask(f"delay {milliseconds}") == ["ok"]
 
     def take(self):
-        """Requests, bytes sent and bytes received since the last time."""
+        """Requests, bytes sent and bytes received since the last call."""
         return [int(word) for word in self._ask("take")]
 
     def close(self):
@@ -47,14 +47,14 @@ class Proxy:
 class Figures:
     wall: float = 0  # seconds
     cpu: float = 0  # seconds, user and system, of all processes of the tool
-    peak: int = 0  # bytes resident in the largest of them
+    peak: int = 0  # bytes, peak resident set of the largest process
     requests: int = 0
-    sent: int = 0  # bytes, HTTP heads included
+    sent: int = 0  # bytes, including HTTP headers
     received: int = 0
 
 
 class Run:
-    """One run. Its programs share an empty folder for their temporary files, which goes with it."""
+    """One run. Its programs share a new folder for temporary files, which end() removes."""
 
     def __init__(self, proxy, folder):
         self._proxy = proxy
@@ -67,7 +67,7 @@ class Run:
         proxy.take()
 
     def end(self):
-        """The figures, with all that the programs have still asked the store for after they had answered."""
+        """The figures, including requests that the programs sent after their work was done."""
         traffic = self._proxy.take()
         self.figures.requests, self.figures.sent, self.figures.received = traffic
         shutil.rmtree(self.folder, ignore_errors=True)
@@ -80,8 +80,8 @@ class Run:
         self.figures.wall += time.monotonic() - started
 
     def call(self, command, stdin=None, stdout=None, **environment):
-        """Run a program to its end; what it takes is added to the figures."""
-        # A process begins with the peak of the one that it is forked from. This interpreter's would hide small ones.
+        """Run a program to its end and add its cost to the figures."""
+        # A forked process inherits the peak memory of its parent; that of this interpreter would hide small peaks.
         peak = self.folder / "peak"
         words = ["/usr/bin/time", "--format=%M", f"--output={peak}", *map(str, command)]
         with contextlib.ExitStack() as files:
@@ -100,7 +100,7 @@ class Run:
 
     @contextlib.contextmanager
     def mounted(self, command, **environment):
-        """A fresh mount. What it took to mount is not counted; what it does until it has ended is, but for the time."""
+        """Mount, and unmount at the end. Everything after the mounting is counted, except the wall time of the unmounting."""
         place = self.folder / "mount"
         place.mkdir()
         with open(self.folder / "mount.log", "w+") as log:
@@ -113,7 +113,7 @@ class Run:
                     time.sleep(0.02)
                 if not os.path.ismount(place):
                     log.seek(0)
-                    raise Failed(f"{command[0]} does not mount: {log.read()[-300:].strip()}")
+                    raise Failed(f"{command[0]} did not mount: {log.read()[-300:].strip()}")
                 self._proxy.take()
                 before = Path(f"/proc/{mount.pid}/stat").read_text().rsplit(")", 1)[1].split()
                 yield place
@@ -131,23 +131,23 @@ def unmount(place):
     for _ in range(50):
         if not os.path.ismount(place) or subprocess.run(["fusermount", "-u", place], stderr=subprocess.DEVNULL).returncode == 0:
             return
-        time.sleep(0.1)  # somebody is still in it
+        time.sleep(0.1)  # still in use
     subprocess.run(["fusermount", "-uz", place], check=False)
 
 
 def await_end(process, limit=LIMIT):
-    """What a process and those that it waited for have used, and its status; it is ended once the limit is reached."""
+    """Wait for a process. Return the resources that it and its children used, and its status. Kill it at the limit."""
     over = threading.Event()
 
     def end():
         over.set()
-        os.killpg(process.pid, signal.SIGKILL)  # a session of its own, see above
+        os.killpg(process.pid, signal.SIGKILL)  # it leads its own session and process group
 
     timer = threading.Timer(limit, end)
     timer.start()
     try:
         _, status, usage = os.wait4(process.pid, 0)
-    except BaseException:  # we are to end, and it with us
+    except BaseException:  # this process is interrupted: end the other too
         end()
         raise
     finally:

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
-"""Turn the figures of bench/compare.sh into tables, and with --chart into a picture if there is more than one tool.
+"""Turn the figures of bench/compare.sh into tables, and with --chart into a chart if there is more than one tool.
 
-Usage: report.py [--chart FILE.svg] FIGURES…     of several figures for the same, those of the last file count
+Usage: report.py [--chart FILE.svg] FIGURES…     if several files measure the same, the last file is used
 """
 
 import argparse
@@ -31,7 +31,7 @@ class Figures:
         self.runs = sorted({len(found) for found in self._runs.values() if found})
 
     def value(self, work, delay, tool, figure):
-        """The median; none for what the tool cannot do or failed at once in."""
+        """The median; None if the tool cannot do the work or failed in one of the runs."""
         found = self._runs.get((work, delay, tool), [])
         if not found or (work, delay, tool) in self.failed:
             return None
@@ -45,7 +45,7 @@ def three_digits(value):
 
 
 def table(figures, title, figure, show, delays):
-    yield f"\n**{title}**" + (f", at {' / '.join(f'{delay} ms' for delay in delays)} of delay" if len(delays) > 1 else f", at {delays[0]} ms of delay")
+    yield f"\n**{title}**" + (f", at {' / '.join(f'{delay} ms' for delay in delays)} delay" if len(delays) > 1 else f", at {delays[0]} ms delay")
     yield ""
     yield "| | | " + " | ".join(figures.tools) + " |"
     yield "|---|---|" + "---|" * len(figures.tools)
@@ -61,7 +61,7 @@ def table(figures, title, figure, show, delays):
 def tables(figures):
     yield f"Medians of {' or '.join(map(str, figures.runs))} runs."
     yield from table(figures, "Wall time, seconds", lambda row: row["wall"], three_digits, figures.delays)
-    yield from table(figures, "Processor time of the tool, seconds", lambda row: row["cpu"], three_digits, figures.delays)
+    yield from table(figures, "CPU time of the tool, seconds", lambda row: row["cpu"], three_digits, figures.delays)
     yield from table(figures, "Peak memory, MiB", lambda row: row["peak"] / MIB, "{:.0f}".format, figures.delays)
     last = figures.delays[-1:]
     yield from table(figures, "Requests", lambda row: row["requests"], "{:,.0f}".format, last)
@@ -74,7 +74,7 @@ def draw(figures, path):
     import matplotlib
 
     matplotlib.use("svg")
-    # The same figures make the same file.
+    # The same figures give the same file.
     matplotlib.rcParams.update({"svg.hashsalt": "compare", "svg.fonttype": "none", "font.size": 9})
     from matplotlib import pyplot
     from matplotlib.ticker import FuncFormatter

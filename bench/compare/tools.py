@@ -1,7 +1,7 @@
-"""The tools that are compared, each with the settings that served it best.
+"""The tools that are compared, each with the settings that make it fastest here.
 
-A tool overrides the methods of Tool for the work that it can do. Keys and prefixes are names in the bucket, local things
-are paths. All of them keep JOBS small files in flight.
+A tool overrides the methods of Tool for the work that it can do. Keys and prefixes are names in the bucket; local
+arguments are paths. Each tool transfers JOBS small files at a time.
 """
 
 import contextlib
@@ -19,12 +19,12 @@ MIB = 1024 * 1024
 
 class Tool:
     name = ""
-    program = ""  # what must be installed
+    program = ""  # the program that must be installed
 
     def __init__(self, endpoint, bucket, programs):
         self.endpoint = endpoint  # HOST:PORT
         self.bucket = bucket
-        self.programs = programs  # the folder of those that are built here
+        self.programs = programs  # the folder of the programs that are built here
 
     def missing(self):
         return None if shutil.which(self.program) else f"{self.program} is not installed"
@@ -36,7 +36,7 @@ class Tool:
 
 
 class Curl(Tool):
-    """The floor: the requests that the work cannot do without, and nothing else. It does not hash what it sends."""
+    """The floor: only the requests that the work needs. It does not hash what it sends."""
 
     name = "curl"
     program = "curl"
@@ -52,7 +52,7 @@ class Curl(Tool):
         self._parallel = ["--parallel", "--parallel-immediate", "--parallel-max", str(JOBS)]
 
     def url(self, key="", **query):
-        # Sorted, as the signature wants them; curl signs what it is given.
+        # Sorted, because the signature needs a sorted query and curl signs it as given.
         words = sorted((name.replace("_", "-"), str(value)) for name, value in query.items())
         return f"http://{self.endpoint}/{self.bucket}/{key}" + ("?" if words else "") + "&".join(
             name + "=" + urllib.parse.quote(value, safe="") for name, value in words)
@@ -61,7 +61,7 @@ class Curl(Tool):
         run.call(["curl", *self._options, *words], **files)
 
     def many(self, run, pairs, *words):
-        """One program for many transfers; pairs of option and value, an URL last in each transfer."""
+        """Run one program for many transfers. Each is a list of options with values; its URL comes last."""
         config = run.folder / "transfers"
         config.write_text("".join(f'{option} = "{value}"\n' for pair in pairs for option, value in pair))
         self.curl(run, *words, *self._parallel, "--config", config)
@@ -80,7 +80,7 @@ class Curl(Tool):
         Path(folder).mkdir()
         self.many(run, [[("output", f"{folder}/{name}"), ("url", self.url(f"{prefix}/{name}"))] for name in names])
 
-    # The pages follow one another, as the name that begins one is known from the page before.
+    # The pages are requested in sequence, as a real client must: it learns the start of a page from the previous page.
     def list_all(self, run, prefix, out, names):
         starts = [""] + names[999:-1:1000]
         self.curl(run, *(self.url(list_type=2, prefix=prefix + "/", **({"start_after": f"{prefix}/{start}"} if start else {}))
@@ -90,17 +90,17 @@ class Curl(Tool):
 
     list_level = list_all
 
-    # Everything before and behind one part is copied by the store. The part is the least that a store takes.
+    # The store copies everything before and after one part, which has the minimum size that a store accepts.
     def patch(self, run, key, offset, local):
-        size, least = 256 * MIB, 5 * MIB
-        first = offset - least // 2
+        size, minimum = 256 * MIB, 5 * MIB
+        first = offset - minimum // 2
         piece, answer = run.folder / "piece", run.folder / "answer"
         self.curl(run, *self._parallel, "--request", "POST", "--output", answer, self.url(key, uploads=""), "--next",
-                  *self._options, "--range", f"{first}-{first + least - 1}", "--output", piece, self.url(key))
+                  *self._options, "--range", f"{first}-{first + minimum - 1}", "--output", piece, self.url(key))
         with run.timing(), open(piece, "r+b") as target:
             target.seek(offset - first)
             target.write(Path(local).read_bytes())
-        self._replace(run, key, answer, [(0, first - 1), piece, (first + least, size - 1)])
+        self._replace(run, key, answer, [(0, first - 1), piece, (first + minimum, size - 1)])
 
     def append(self, run, key, local):
         answer = run.folder / "answer"
@@ -127,7 +127,7 @@ class Curl(Tool):
         self.curl(run, "--request", "POST", "--data", f"<CompleteMultipartUpload>{body}</CompleteMultipartUpload>",
                   self.url(key, uploadId=upload))
 
-    # Debian's curl sorts the two headers of a copied range wrongly, and with it the signature would be wrong.
+    # Debian's curl sorts the two copy headers wrongly, so its signature would be wrong. They are signed here.
     def _copy_headers(self, key, span, query):
         now = time.strftime("%Y%m%dT%H%M%SZ", time.gmtime())
         headers = {"host": self.endpoint, "x-amz-content-sha256": "UNSIGNED-PAYLOAD", "x-amz-copy-source": f"/{self.bucket}/{key}",
@@ -150,7 +150,7 @@ class Curl(Tool):
             for place in Path(places).read_text().split()))
         run.call(["curl", "--config", config], stdout=out)
 
-    # The rest is for the comparison itself.
+    # The methods below are for the comparison itself.
 
     def tag(self, run, key):
         head = run.folder / "head"
@@ -158,7 +158,7 @@ class Curl(Tool):
         return re.search('ETag: "(.*)"', head.read_text())[1]
 
     def clear(self, run, prefix):
-        """Remove all objects whose keys begin so."""
+        """Remove all objects whose keys start with the prefix."""
         page = run.folder / "page"
         while True:
             self.curl(run, self.url(list_type=2, prefix=prefix), stdout=page)
@@ -221,9 +221,9 @@ class Rclone(Tool):
     def _settings(self):
         return {"RCLONE_CONFIG": "", "RCLONE_CONFIG_GW_TYPE": "s3", "RCLONE_CONFIG_GW_PROVIDER": "Ceph",
                 "RCLONE_CONFIG_GW_ENV_AUTH": "true", "RCLONE_CONFIG_GW_ENDPOINT": f"http://{self.endpoint}",
-                # None of the questions that the others do not ask either.
+                # No requests that the other tools do not send either.
                 "RCLONE_S3_NO_CHECK_BUCKET": "true", "RCLONE_S3_NO_HEAD": "true", "RCLONE_USE_SERVER_MODTIME": "true",
-                # One put is a little faster than parts, and takes half the memory.
+                # A single put is a little faster than a multipart upload, and uses half the memory.
                 "RCLONE_S3_UPLOAD_CUTOFF": "2Gi", "RCLONE_S3_CHUNK_SIZE": "16Mi", "RCLONE_S3_DISABLE_CHECKSUM": "true", "RCLONE_TRANSFERS": str(JOBS), "RCLONE_CHECKERS": str(JOBS)}
 
     def _path(self, key):
@@ -250,12 +250,12 @@ class Rclone(Tool):
     def pick(self, run, key, size, places, out):
         places = Path(places).read_text().split()
         if len(places) > 1:
-            self._cannot(run)  # but by starting it for each read
+            self._cannot(run)  # except by one start for each read
         self._rclone(run, "cat", "--offset", places[0], "--count", size, self._path(key), stdout=out)
 
 
 class Mount(Tool):
-    """A file system; what works on it are the system's own programs."""
+    """A mounted file system, used by the standard programs of the system."""
 
     def write(self, run, local, key):
         with self.mounted(run, "stream") as place:
@@ -294,7 +294,7 @@ class Mount(Tool):
             run.call([self.programs / "bench/compare/random_reads", size, places, out, place / key])
 
     def stored(self, run, key):
-        """Around a change: ends when the store has it. It does when the file is closed."""
+        """Wait at the end of a change until the store has it. Here closing the file is enough."""
         return contextlib.nullcontext()
 
 
@@ -305,9 +305,9 @@ class RcloneMount(Mount):
     def __init__(self, endpoint, bucket, programs, tag):
         super().__init__(endpoint, bucket, programs)
         self._settings = Rclone(endpoint, bucket, programs)._settings()
-        self._tag = tag  # asks the store itself for the tag of a key
+        self._tag = tag  # returns the etag of a key, directly from the store
         self._modes = {
-            "stream": ["--vfs-cache-mode", "off", "--vfs-read-wait", "200ms"],  # else reads out of order begin new requests
+            "stream": ["--vfs-cache-mode", "off", "--vfs-read-wait", "200ms"],  # else reads out of order start new requests
             "edit": ["--vfs-cache-mode", "writes", "--vfs-write-back", "0"],
             "pick": ["--vfs-cache-mode", "full", "--vfs-read-chunk-size", "1Mi", "--buffer-size", "0"]}
 
@@ -315,7 +315,7 @@ class RcloneMount(Mount):
         return run.mounted(["rclone", "mount", "--no-modtime", "--no-checksum", "--poll-interval", "0", "--cache-dir", run.folder / "cache",
                             *self._modes[mode], f"gw:{self.bucket}"], **self._settings)
 
-    # It sends what was changed after the file was closed.
+    # It uploads a change only after the file is closed.
     @contextlib.contextmanager
     def stored(self, run, key):
         before = self._tag(key)
@@ -330,7 +330,7 @@ class S3fs(Mount):
 
     def mounted(self, run, mode):
         options = ["use_path_request_style", f"url=http://{self.endpoint}", "endpoint=us-east-1", f"tmpdir={run.folder}",
-                   "listobjectsv2", "enable_noobj_cache"]  # larger or more parts at a time were no faster
+                   "listobjectsv2", "enable_noobj_cache"]  # larger parts or more parts at a time were not faster
         return run.mounted(["s3fs", self.bucket, "-f", "-o", ",".join(options)])
 
 
@@ -338,7 +338,7 @@ class Gdal(Tool):
     name = "GDAL"
 
     def missing(self):
-        return None if (self.programs / "bench/compare/gdal_driver").exists() else "libgdal-dev was not there to build with"
+        return None if (self.programs / "bench/compare/gdal_driver").exists() else "libgdal-dev was not installed at build time"
 
     def _gdal(self, run, *words, stdout=None, **settings):
         run.call([self.programs / "bench/compare/gdal_driver", *words], stdout=stdout, AWS_S3_ENDPOINT=self.endpoint, AWS_HTTPS="NO",
@@ -366,6 +366,6 @@ class Gdal(Tool):
         self._gdal(run, "list", self._path(prefix), stdout=out)
 
     def pick(self, run, key, size, places, out):
-        # Smaller pieces move less and take longer.
+        # Smaller pieces transfer less but take longer.
         self._gdal(run, "pick", size, places, out, self._path(key), CPL_VSIL_CURL_CHUNK_SIZE=str(128 * 1024),
                    CPL_VSIL_CURL_CACHE_SIZE=str(64 * MIB))
