@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Show the library at work: a real tree of files and one large file go into a durable store and come back.
+# Demonstrate the library: store a real tree of files and one large file, read them back and compare.
 #
 # Usage: scripts/demo.sh [local|gateway]
 #
-# The store is a directory, or a bucket of an object gateway that is brought up on loopback and stopped in the end.
-# Installs what is missing, builds, runs; leaves nothing behind but build/.
+# The store is a local directory, or a bucket of an object gateway that is started on loopback and stopped at the end.
+# Installs missing packages and builds first. Leaves nothing behind but build/.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -16,7 +16,7 @@ if [[ $kind != local && $kind != gateway ]]; then
 fi
 
 scripts/install-deps.sh
-echo "Building (quietly; the output goes to build/logs) …"
+echo "Building; the output goes to build/logs …"
 build release cloudfs
 
 work=$(mktemp -d)
@@ -28,24 +28,25 @@ clean_up()
 trap clean_up EXIT
 trap 'exit 130' INT TERM
 mkdir "$work/tmp"
-export TMPDIR=$work/tmp # the provider's temporary files, so that nothing outlives an interrupted run
+export TMPDIR=$work/tmp # the provider's temporary files, so that an interrupted run leaves none
 step=0
 
 store=local:$work/store
 if [[ $kind == gateway ]]; then
-    export CLOUDFS_GATEWAY_DIR=$work/gateway # beside one that somebody else has running
+    export CLOUDFS_GATEWAY_DIR=$work/gateway # does not disturb another running gateway
     scripts/gateway.sh start >/dev/null
     eval "$(scripts/gateway.sh env)"
     store="s3://$CLOUDFS_TEST_S3_BUCKET?endpoint=$CLOUDFS_TEST_S3_ENDPOINT&path-style=1"
 fi
 cloudfs() { "$root/build/release/tools/cloudfs/cloudfs" --store "$store" "$@"; }
 
-# begin … say TEXT…: do a step, and report it with its time.
+# begin, then report TEXT…: measure a step and print it with its duration.
 begin() { began=$(date +%s%N); }
-say()
+report()
 {
+    local milliseconds=$((($(date +%s%N) - began) / 1000000))
     step=$((step + 1))
-    printf '%2d. %s  (%s s)\n' "$step" "$*" "$(awk -v ns="$(($(date +%s%N) - began))" 'BEGIN { printf "%.1f", ns / 1e9 }')"
+    printf '%2d. %s  (%d.%d s)\n' "$step" "$*" $((milliseconds / 1000)) $((milliseconds % 1000 / 100))
 }
 
 die()
@@ -54,7 +55,7 @@ die()
     exit 1
 }
 
-# The first folder of this machine that has a thousand files, and no links to folders, which would be left out.
+# Print the first folder with at least 1,000 files and without symbolic links, since links to folders are not stored.
 find_tree()
 {
     local folder count
@@ -66,52 +67,52 @@ find_tree()
             return
         fi
     done
-    die "found no folder with a thousand files"
+    die "found no folder with 1,000 files"
 }
 
-# sums FOLDER: one checksum per file, by name.
+# sums FOLDER: print one checksum per file, sorted by name.
 sums() { (cd "$1" && find . -type f -print0 | LC_ALL=C sort -z | xargs -0 sha256sum); }
 
 tree=$(find_tree)
 count=$(find "$tree" -type f | wc -l)
 large=$work/large.tar
-# Real bytes: libraries and compilers. The archive is cut where it is large enough, and tar told so.
+# Real data: libraries and compilers. The archive is cut off when it is large enough, so tar fails.
 tar -cf - -C / usr/lib 2>/dev/null | head -c $((96 * 1024 * 1024)) >"$large" || true
 size=$(stat -c %s "$large")
-((size >= 64 * 1024 * 1024)) || die "found only $size bytes for the large file"
+((size >= 64 * 1024 * 1024)) || die "the large file has only $size bytes"
 sum() { sha256sum | cut -d ' ' -f 1; }
 
 echo
-echo "Store: a new one, ${store/$work/in a temporary folder}"
+echo "New store: ${store/"$work"/<temporary folder>}"
 begin
 cloudfs put -r "$tree" /tree
-say "put $tree: $count files, $(du -sh --apparent-size "$tree" | cut -f 1)"
+report "stored $tree: $count files, $(du -sh --apparent-size "$tree" | cut -f 1)"
 
 begin
 cloudfs put "$large" /large.tar
-say "put an archive of /usr/lib: $((size / 1024 / 1024)) MiB"
+report "stored an archive of /usr/lib: $((size / 1024 / 1024)) MiB"
 
 begin
 listed=$(cloudfs ls -R --files /tree | wc -l)
-((listed == count)) || die "listed $listed files instead of $count"
+((listed == count)) || die "listed $listed files, expected $count"
 cloudfs ls -l / | sed 's/^/       /'
-say "listed everything: $listed files below /tree"
+report "listed everything: $listed files below /tree"
 
 begin
 cloudfs get -r /tree "$work/back"
-diff <(sums "$tree") <(sums "$work/back") >"$work/differences" || die "files came back changed: $(<"$work/differences")"
-[[ $(cloudfs cat /large.tar | sum) == $(sum <"$large") ]] || die "the large file came back changed"
-say "read everything back: $((count + 1)) SHA-256 checksums agree"
+diff <(sums "$tree") <(sums "$work/back") >"$work/diff" || die "files differ after reading back: $(<"$work/diff")"
+[[ $(cloudfs cat /large.tar | sum) == $(sum <"$large") ]] || die "the large file differs after reading back"
+report "read everything back: all $((count + 1)) SHA-256 checksums match"
 
 begin
 middle=$((size / 2))
 printf 'changed' | cloudfs -v write /large.tar --offset $middle 2>"$work/log"
 printf 'changed' | dd of="$large" bs=1M seek=$middle oflag=seek_bytes conv=notrunc status=none
-[[ $(cloudfs cat /large.tar | sum) == $(sum <"$large") ]] || die "the changed file is not what it should be"
+[[ $(cloudfs cat /large.tar | sum) == $(sum <"$large") ]] || die "the changed file has wrong contents"
 calls=$(sed -n 's/^cloudfs: store calls: //p' "$work/log")
 grep -qE 'uploadPart 1 .*copyPart [0-9]+ ' <<<"$calls" || die "expected one part to be uploaded: $calls"
 grep -oE '(uploadPart|copyPart) [0-9]+ \([^)]*\)' <<<"$calls" | sed 's/^/       /'
-say "changed 7 bytes in its middle: one part was uploaded, the store copied the others itself"
+report "changed 7 bytes in the middle of it: uploaded one part, the store copied the others"
 
 begin
 printf 'the end' | cloudfs append /large.tar
@@ -119,16 +120,16 @@ printf 'the end' >>"$large"
 cloudfs cp /large.tar /copy.tar
 cloudfs mkdir /archive
 cloudfs mv /copy.tar /archive/
-[[ $(cloudfs cat /archive/copy.tar | sum) == $(sum <"$large") ]] || die "the copy is not what it should be"
-say "appended, copied, moved: the checksum of the moved copy agrees"
+[[ $(cloudfs cat /archive/copy.tar | sum) == $(sum <"$large") ]] || die "the copy has wrong contents"
+report "appended, copied, moved: the checksum of the moved copy matches"
 
 begin
 cloudfs rm /large.tar
 cloudfs rm -r /archive
 cloudfs rm -r /tree
-[[ -z $(cloudfs ls -R /) ]] || die "not everything was removed"
-say "removed everything: the store is empty"
+[[ -z $(cloudfs ls -R /) ]] || die "the store is not empty"
+report "removed everything: the store is empty"
 
-[[ -z $(ls -A "$TMPDIR") ]] || die "temporary files were left behind: $(ls "$TMPDIR")"
+[[ -z $(ls -A "$TMPDIR") ]] || die "temporary files are left: $(ls "$TMPDIR")"
 echo
-echo "All of it worked. The store and all temporary files are removed."
+echo "Everything worked. The store and all temporary files are removed."
