@@ -15,7 +15,7 @@ Batch::Batch(std::size_t threads, Progress& progress)
 {
     for (std::size_t i = 0; i < threads; ++i)
     {
-        m_threads.emplace_back([this] { work(); });
+        m_threads.emplace_back([this] { runTasks(); });
     }
 }
 
@@ -23,22 +23,22 @@ Batch::~Batch()
 {
     {
         const std::lock_guard lock(m_mutex);
-        m_waiting.clear();
+        m_queue.clear();
     }
-    stop();
+    closeAndJoin();
 }
 
 void Batch::submit(Task task)
 {
-    constexpr std::size_t enough = 1024;
+    constexpr std::size_t maxQueued = 1024;
     std::unique_lock lock(m_mutex);
-    m_changed.wait(lock, [&] { return m_waiting.size() < enough; });
+    m_changed.wait(lock, [&] { return m_queue.size() < maxQueued; });
     interrupt::throwIfPending();
-    m_waiting.push_back(std::move(task));
+    m_queue.push_back(std::move(task));
     m_changed.notify_all();
 }
 
-bool Batch::attempt(const Task& task)
+bool Batch::runNow(const Task& task)
 {
     interrupt::throwIfPending();
     try
@@ -48,7 +48,7 @@ bool Batch::attempt(const Task& task)
     }
     catch (const CommandError& error)
     {
-        interrupt::throwIfPending(); // then it failed for that reason
+        interrupt::throwIfPending(); // the interrupt caused the failure
         reportFailure(error.what());
     }
     catch (const std::exception& exception)
@@ -67,16 +67,16 @@ void Batch::reportFailure(const std::string& line)
 
 bool Batch::finish()
 {
-    stop();
+    closeAndJoin();
     interrupt::throwIfPending();
     return !m_failed;
 }
 
-void Batch::stop()
+void Batch::closeAndJoin()
 {
     {
         const std::lock_guard lock(m_mutex);
-        m_complete = true;
+        m_closed = true;
     }
     m_changed.notify_all();
     for (auto& thread : m_threads)
@@ -86,7 +86,7 @@ void Batch::stop()
     m_threads.clear();
 }
 
-void Batch::work()
+void Batch::runTasks()
 {
     interrupt::blockSignalsInThisThread();
     while (true)
@@ -94,22 +94,22 @@ void Batch::work()
         Task task;
         {
             std::unique_lock lock(m_mutex);
-            m_changed.wait(lock, [&] { return m_complete || !m_waiting.empty(); });
-            if (m_waiting.empty())
+            m_changed.wait(lock, [&] { return m_closed || !m_queue.empty(); });
+            if (m_queue.empty())
             {
                 return;
             }
-            task = std::move(m_waiting.front());
-            m_waiting.pop_front();
+            task = std::move(m_queue.front());
+            m_queue.pop_front();
             m_changed.notify_all();
         }
         try
         {
-            attempt(task);
+            runNow(task);
         }
         catch (const interrupt::Interrupted&)
         {
-            continue; // the submitting thread notices by itself; what waits is dropped in the same way
+            continue; // drops the queued tasks one by one; submit() and finish() throw as well
         }
     }
 }

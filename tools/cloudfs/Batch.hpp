@@ -14,54 +14,57 @@
 namespace cloudfs
 {
 
-/// Runs the pieces of one command, several at a time. A piece that fails is reported in one line, and the others go on.
+/// Runs the tasks of one command on a fixed number of threads.
 ///
-/// Used by one thread; the pieces run on the batch's own.
+/// A failed task is reported in one line; the others continue. All operations are called by one thread; the tasks run
+/// on the batch's own threads.
 class Batch
 {
 public:
     using Task = std::function<void()>;
 
-    /// @param threads   at least 1
-    /// @param progress  where failures are reported; must outlive the batch
+    /// Start the threads.
+    ///
+    /// @param threads   number of threads, at least 1
+    /// @param progress  prints the failures; must outlive the batch
     Batch(std::size_t threads, Progress& progress);
     Batch(const Batch&) = delete;
     Batch& operator=(const Batch&) = delete;
 
-    /// Drop the tasks that have not begun, and wait for the others.
+    /// Drop the tasks that have not started, and wait for the others.
     ~Batch();
 
-    /// Let a task run on one of the threads. Waits while many are waiting, so that a large tree is not held in memory.
+    /// Queue a task. Blocks while the queue is full, so that a large tree is not held in memory.
     ///
-    /// @throws interrupt::Interrupted
+    /// @throws interrupt::Interrupted; the task was not queued
     void submit(Task task);
 
-    /// Run a task now, on this thread.
+    /// Run a task now, on the calling thread, and report its failure.
     ///
-    /// @return whether it succeeded; a failure was reported
+    /// @return whether it succeeded
     /// @throws interrupt::Interrupted
-    bool attempt(const Task& task);
+    bool runNow(const Task& task);
 
-    /// Report something that was left out and counts as a failure of the command.
+    /// Report a failure that no task threw, such as a skipped entry. finish() then returns false.
     void reportFailure(const std::string& line);
 
-    /// Wait until every task has run.
+    /// Wait until every task has run. Nothing may be submitted afterwards.
     ///
-    /// @return whether everything succeeded
+    /// @return whether there was no failure
     /// @throws interrupt::Interrupted
     bool finish();
 
 private:
-    void work();
-    void stop();
+    void runTasks();
+    void closeAndJoin();
 
     Progress& m_progress;
     std::atomic<bool> m_failed{false};
 
     std::mutex m_mutex; // taken alone; never held while a task runs
     std::condition_variable m_changed;
-    std::deque<Task> m_waiting; // guarded by m_mutex
-    bool m_complete = false;    // guarded by m_mutex; nothing more will be submitted
+    std::deque<Task> m_queue; // guarded by m_mutex
+    bool m_closed = false;    // guarded by m_mutex; nothing more will be submitted
 
     std::vector<std::thread> m_threads;
 };

@@ -31,8 +31,8 @@ using storage::cloudprovider::CloudException;
 namespace
 {
 
-/// When the store refused nothing, what failed is a temporary file. Nothing more specific reaches us.
-std::string localBufferReason()
+/// The reason for an unknown failure of which the store knows nothing: a temporary file. The provider gives no details.
+std::string temporaryFileReason()
 {
     std::error_code error;
     const std::filesystem::path folder = std::filesystem::temp_directory_path(error);
@@ -41,7 +41,7 @@ std::string localBufferReason()
         return "no folder for temporary files: " + error.message();
     }
     const auto space = std::filesystem::space(folder, error);
-    return fmt::format("a temporary file in {} failed ({} free there)", folder.native(),
+    return fmt::format("cannot write a temporary file in {} ({} free)", folder.native(),
         error ? "unknown" : storage::clients::formatBytes(space.available));
 }
 
@@ -56,10 +56,10 @@ void CommandContext::open()
     }
     catch (const CloudException& exception)
     {
-        // A URL that may hold a password is not repeated, since the line may end up in a log.
+        // The URL may contain a password, and the line may end up in a log.
         throw CommandError::fromStore(storeUrl.find('@') == std::string::npos ? storeUrl : "--store", exception);
     }
-    // What is cancelled is no failure of the store, so the recorder stands behind.
+    // The recorder is inside, because a cancelled call is not a failure of the store.
     m_recorder = std::make_shared<storage::clients::FailureRecordingClient>(m_store);
     m_client = std::make_shared<storage::clients::CancellableClient>(m_recorder);
     m_provider = storage::cloudprovider::buildCloudProvider(m_client, folderPolicy, true);
@@ -73,15 +73,15 @@ void CommandContext::rethrowAsCommandError(const StorePath& path) const
     }
     catch (const fsp::Exception& exception)
     {
-        // It names the path itself: of a copy, for example, the one of the two that is concerned.
-        const std::string concerned = fl::i18n::ustring_to_utf8(exception.iri().getPath());
-        throw CommandError(concerned, reasonFor(concerned, exception.errorCode()), exception.errorCode());
+        // Its path is the right one: for a copy it may be the source or the destination.
+        const std::string failedPath = fl::i18n::ustring_to_utf8(exception.iri().getPath());
+        throw CommandError(failedPath, reasonFor(failedPath, exception.errorCode()), exception.errorCode());
     }
     catch (const fsp::ByteStreamFailure& exception)
     {
         throw CommandError(path.text(), reasonFor(path.text(), exception.reason()), exception.reason());
     }
-    // Everything else says by itself what it concerns.
+    // All other exceptions describe themselves.
 }
 
 std::string CommandContext::reasonFor(const std::string& path, const fsp::ErrorCode& code) const
@@ -113,7 +113,7 @@ std::string CommandContext::reasonFor(const std::string& path, const fsp::ErrorC
             return exception.what();
         }
     }
-    return localBufferReason();
+    return temporaryFileReason();
 }
 
 bool CommandContext::fileExists(const StorePath& path) const
@@ -176,18 +176,18 @@ void CommandContext::requireNoFile(const StorePath& path) const
 {
     if (fileExists(path))
     {
-        throw CommandError(path.text(), "exists already; -f replaces it", fsp::ErrorCode::AlreadyExists);
+        throw CommandError(path.text(), "already exists; use -f to replace it", fsp::ErrorCode::AlreadyExists);
     }
 }
 
 void CommandContext::requireNoParentIsFile(const StorePath& path) const
 {
-    for (StorePath place = path; !place.isRoot();)
+    for (StorePath parent = path; !parent.isRoot();)
     {
-        place = place.parent();
-        if (!place.isRoot() && fileExists(place))
+        parent = parent.parent();
+        if (!parent.isRoot() && fileExists(parent))
         {
-            throw CommandError(place.text(), "is a file, not a folder", fsp::ErrorCode::AlreadyExists);
+            throw CommandError(parent.text(), "is a file, not a folder", fsp::ErrorCode::AlreadyExists);
         }
     }
 }

@@ -15,9 +15,9 @@
 namespace cloudfs
 {
 
-/// One run of the program: the store that was named, the provider over it, and how the run ends.
+/// What every command needs: the global options, the store, the provider over it, and whether anything failed.
 ///
-/// Options are set before the first use; from then on every operation may be called from any thread.
+/// Set the options, then call open(). From then on any thread may call any operation but markFailed().
 class CommandContext
 {
 public:
@@ -25,18 +25,22 @@ public:
     storage::cloudprovider::FolderPolicy folderPolicy = storage::cloudprovider::FolderPolicy::MarkerObjects;
     bool verbose = false;
 
-    /// Open the store. Call once, before anything below.
+    /// Open the store. Call once, before every other operation.
     ///
-    /// @throws CommandError that names the store's URL
+    /// @throws CommandError that names the store's URL, or only "--store" if the URL may contain a password
     void open();
 
     const fsp::IProvider& provider() const noexcept { return *m_provider; }
     storage::clients::CancellableClient& client() const noexcept { return *m_client; }
 
-    /// The store itself, which may offer more than a CloudClient must.
+    /// The store without wrappers, which may have further interfaces (see findInterface()).
     storage::cloudprovider::CloudClient& store() const noexcept { return *m_store; }
 
-    /// Make a call, and turn whatever it throws into a CommandError about this path with the best reason there is.
+    /// Call a function of the provider and translate what it throws.
+    ///
+    /// @return what the function returns
+    /// @throws CommandError for an exception of the provider: with the path that the exception names, or else `path`,
+    ///         and the most specific reason known. Other exceptions pass unchanged.
     template <typename Call>
     auto translateErrors(const StorePath& path, Call call) const
     {
@@ -50,36 +54,38 @@ public:
         }
     }
 
-    /// Whether there is such a file in the store. The path may not end in "/".
+    /// Return whether the store has a file under this path. A final "/" of the argument is ignored.
     bool fileExists(const StorePath& path) const;
 
     bool folderExists(const StorePath& path) const;
 
     fsp::FileAttributes fileAttributes(const StorePath& path) const;
 
-    /// @throws CommandError if the store refused something of this file that nobody was told about: the close of a file
-    ///         whose upload could not be opened is no error to the provider
+    /// Check a file after its last change.
+    ///
+    /// The provider reports no error for a file whose multipart upload could not be opened: it keeps the old object.
+    /// @throws CommandError if a request of the store for this file failed and the failure was not reported yet
     void requireCommitted(const StorePath& path) const;
 
-    /// @throws CommandError if there is no such file, saying so if it is a folder
+    /// @throws CommandError if the path is a folder or does not exist
     void requireFile(const StorePath& path) const;
 
-    /// Make sure that a file can be created here without harm to what stands there.
+    /// Check that a file may be stored under this path.
     ///
-    /// @param replace  an existing file is no obstacle
-    /// @throws CommandError if the path is a folder, or a file while `replace` is false
+    /// @param replace  whether an existing file may be replaced
+    /// @throws CommandError if the path is a folder, or if it is a file and `replace` is false
     void requireCanStore(const StorePath& path, bool replace) const;
 
-    /// @throws CommandError if there is such a file
+    /// @throws CommandError if the path is a file
     void requireNoFile(const StorePath& path) const;
 
-    /// @throws CommandError if one of the folders above this path is a file, which the store itself would not mind
+    /// @throws CommandError if a parent of this path is a file; the store itself would accept that
     void requireNoParentIsFile(const StorePath& path) const;
 
-    /// Print what the store counted, when asked to be verbose.
+    /// Print the store's call counters on standard error, if verbose.
     void printCounters() const;
 
-    /// Something failed and was reported, while other things went on.
+    /// Record a failure that was reported while the command continued. Main thread only.
     void markFailed() noexcept { m_failed = true; }
     bool hasFailed() const noexcept { return m_failed; }
 
@@ -91,9 +97,9 @@ private:
     std::shared_ptr<storage::clients::FailureRecordingClient> m_recorder;
     std::shared_ptr<storage::clients::CancellableClient> m_client;
     std::shared_ptr<const fsp::IProvider> m_provider;
-    bool m_failed = false; // set by the main thread only
+    bool m_failed = false; // main thread only
 
-    const foundation::usm::ContextScope m_context; // long listings inside the provider may be interrupted
+    const foundation::usm::ContextScope m_context; // lets an interrupt end long listings inside the provider
 };
 
 } // namespace cloudfs

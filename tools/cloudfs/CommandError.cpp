@@ -81,7 +81,7 @@ std::string defaultReason(const fsp::ErrorCode& code)
     }
     if (code == fsp::ErrorCode::InvalidLocation)
     {
-        return "no valid name";
+        return "not a valid name";
     }
     if (code == fsp::ErrorCode::PermissionDenied)
     {
@@ -89,7 +89,7 @@ std::string defaultReason(const fsp::ErrorCode& code)
     }
     if (code == fsp::ErrorCode::AlreadyExists)
     {
-        return "exists already";
+        return "already exists";
     }
     if (code == fsp::ErrorCode::NotFound)
     {
@@ -97,13 +97,13 @@ std::string defaultReason(const fsp::ErrorCode& code)
     }
     if (code == fsp::ErrorCode::InUse)
     {
-        return "is open";
+        return "in use";
     }
     if (code == fsp::ErrorCode::Unsupported)
     {
-        return "this store cannot do that";
+        return "not supported by this store";
     }
-    return "failed";
+    return "unknown error";
 }
 
 } // namespace cloudfs

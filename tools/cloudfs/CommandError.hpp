@@ -11,33 +11,34 @@
 namespace cloudfs
 {
 
-/// Why the command failed, in the one line that the user gets: "PATH: reason (code N Name)".
+/// The failure of a command, as the one line that the user reads: "PATH: reason (code N Name)".
 ///
-/// Thrown by whatever knows best what went wrong; nothing above changes it. what() is the line, without control
-/// characters.
+/// Thrown where the cause is known best and not changed on its way up. what() is the line, with control characters
+/// escaped.
 class CommandError : public std::runtime_error
 {
 public:
-    /// @param path    a path in the store, a local path or the store's URL: what the user would look at
+    /// @param path    a path in the store, a local path or the store's URL: whatever the user has to look at
     /// @param reason  one clause without a full stop
+    /// @param code    the framework's code that fits best
     CommandError(const std::string& path, const std::string& reason, const fsp::ErrorCode& code);
 
-    /// What a system call says about a local file.
+    /// Describe a failed system call on a local file.
     ///
     /// @param error  the value of errno
     static CommandError fromErrno(const std::string& path, int error);
 
-    /// What a store says.
+    /// Describe an exception from the store.
     static CommandError fromStore(const std::string& path, const storage::cloudprovider::CloudException& exception);
 
-    /// The framework's code, for callers that treat one kind of failure in their own way.
+    /// The framework's code, for callers that handle one kind of failure in their own way.
     const fsp::ErrorCode& code() const noexcept { return m_code; }
 
 private:
     fsp::ErrorCode m_code;
 };
 
-/// The reason in words for a code that came without a detail.
+/// The reason in words for a code that has no detail.
 std::string defaultReason(const fsp::ErrorCode& code);
 
 } // namespace cloudfs

@@ -4,8 +4,8 @@
 
 #include <CLI/CLI.hpp>
 
-/// The commands, by groups. Each function adds its commands to the program; a command runs, on the context that was
-/// opened meanwhile, as the callback of its subcommand.
+/// The commands, in groups. Each function adds its commands to the parser as subcommands. A command runs as the
+/// callback of its subcommand; the context has been opened by then.
 namespace cloudfs
 {
 

@@ -24,13 +24,13 @@ struct Options
     }
 };
 
-struct Places
+struct SourceAndDestination
 {
     StorePath source;
     StorePath destination;
 };
 
-Places checkedPlaces(const CommandContext& context, const Options& options)
+SourceAndDestination checkedPaths(const CommandContext& context, const Options& options)
 {
     const StorePath source = StorePath::parse(options.source);
     context.requireFile(source);
@@ -42,10 +42,10 @@ Places checkedPlaces(const CommandContext& context, const Options& options)
 
 void copy(const CommandContext& context, const Options& options)
 {
-    const auto [source, destination] = checkedPlaces(context, options);
+    const auto [source, destination] = checkedPaths(context, options);
     if (source.iri() == destination.iri())
     {
-        return; // replacing a file by itself changes nothing
+        return; // a file that replaces itself stays as it is
     }
     context.translateErrors(destination,
         [&, from = source.iri(), to = destination.iri()] { context.provider().copyFile(from, to, options.policy()); });
@@ -54,7 +54,7 @@ void copy(const CommandContext& context, const Options& options)
 
 void move(const CommandContext& context, const Options& options)
 {
-    const auto [source, destination] = checkedPlaces(context, options);
+    const auto [source, destination] = checkedPaths(context, options);
     context.translateErrors(destination,
         [&, from = source.iri(), to = destination.iri()] { context.provider().moveFile(from, to, options.policy()); });
     context.requireCommitted(destination);
@@ -64,7 +64,9 @@ CLI::App* addCommand(CLI::App& app, Options& options, const char* name, const ch
 {
     auto* command = app.add_subcommand(name, description);
     command->add_option("SRC", options.source, "An existing file")->required();
-    command->add_option("DST", options.destination, "Its new path; one that ends in \"/\" is a folder to put it into")
+    command
+        ->add_option(
+            "DST", options.destination, "The new path, or with a final \"/\" the folder that receives the file")
         ->required();
     command->add_flag("-f", options.force, "Replace an existing file");
     return command;
@@ -75,10 +77,10 @@ CLI::App* addCommand(CLI::App& app, Options& options, const char* name, const ch
 void addCopyCommands(CLI::App& app, CommandContext& context)
 {
     const auto copied = std::make_shared<Options>();
-    addCommand(app, *copied, "cp", "Copy a file within the store")
+    addCommand(app, *copied, "cp", "Copy a file inside the store")
         ->callback([&context, copied] { copy(context, *copied); });
     const auto moved = std::make_shared<Options>();
-    addCommand(app, *moved, "mv", "Move a file within the store; a file moved onto itself stays as it is")
+    addCommand(app, *moved, "mv", "Move a file inside the store; moving a file onto itself changes nothing")
         ->callback([&context, moved] { move(context, *moved); });
 }
 

@@ -1,12 +1,12 @@
 #pragma once
 
-/// What the provider logs, and what of it the user sees.
+/// The provider's log records, and which of them the user sees.
 namespace cloudfs::diagnostics
 {
 
-/// Take the log records of this process.
+/// Receive the log records of this process. Call once, before the first store is opened.
 ///
-/// @param verbose  print every record on standard error, entry and tracing records included; otherwise only the
+/// @param verbose  true: print every record on standard error, entry and tracing records included; false: print only
 ///                 warnings, such as a temporary file that could not be deleted
 void install(bool verbose);
 

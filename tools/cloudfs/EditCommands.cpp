@@ -29,17 +29,19 @@ void addEditCommands(CLI::App& app, CommandContext& context)
 {
     const auto path = std::make_shared<std::string>();
     const auto offset = std::make_shared<std::uint64_t>(0);
-    constexpr std::uint64_t furthest = 5ULL << 40; // no store takes larger objects, and a gap costs its size
+    constexpr std::uint64_t maxOffset = 5ULL << 40; // no store accepts larger objects, and a gap is stored as zeros
 
-    auto* write = app.add_subcommand("write", "Write standard input over bytes of an existing file");
+    auto* write = app.add_subcommand("write", "Overwrite part of an existing file with standard input");
     write->add_option("PATH", *path, "An existing file")->required();
-    write->add_option("--offset", *offset, "Bytes from the start of the file; a gap beyond its end reads as zeros")
+    write
+        ->add_option("--offset", *offset,
+            "Where to write, in bytes from the start of the file; a gap beyond its end reads as zeros")
         ->required()
-        ->check(CLI::Range(std::uint64_t{0}, furthest));
+        ->check(CLI::Range(std::uint64_t{0}, maxOffset));
     write->callback(
         [&context, path, offset] { edit(context, *path, *offset, fsp::ByteStreamWritePosition::AtOffset); });
 
-    auto* append = app.add_subcommand("append", "Write standard input at the end of an existing file");
+    auto* append = app.add_subcommand("append", "Append standard input to an existing file");
     append->add_option("PATH", *path, "An existing file")->required();
     append->callback([&context, path] { edit(context, *path, 0, fsp::ByteStreamWritePosition::Append); });
 }

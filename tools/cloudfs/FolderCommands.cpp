@@ -26,7 +26,7 @@ void makeFolder(const CommandContext& context, const std::string& argument, bool
     const StorePath path = StorePath::parse(argument);
     if (context.folderPolicy != storage::cloudprovider::FolderPolicy::MarkerObjects)
     {
-        throw CommandError(path.text(), "with --folders prefix a folder exists only while something is in it",
+        throw CommandError(path.text(), "with --folders prefix a folder exists only while it contains something",
             fsp::ErrorCode::Unsupported);
     }
     context.requireNoParentIsFile(path);
@@ -34,19 +34,19 @@ void makeFolder(const CommandContext& context, const std::string& argument, bool
     {
         if (context.fileExists(path))
         {
-            throw CommandError(path.text(), "exists already as a file", fsp::ErrorCode::AlreadyExists);
+            throw CommandError(path.text(), "already exists and is a file", fsp::ErrorCode::AlreadyExists);
         }
         context.translateErrors(path, [&] { context.provider().createFolderRecursive(path.iri()); });
         return;
     }
     if (path.isRoot() || context.folderExists(path))
     {
-        throw CommandError(path.text(), "exists already", fsp::ErrorCode::AlreadyExists);
+        throw CommandError(path.text(), "already exists", fsp::ErrorCode::AlreadyExists);
     }
     const StorePath parent = path.parent();
     if (!context.folderExists(parent))
     {
-        throw CommandError(parent.text(), "no such folder; -p creates it", fsp::ErrorCode::NotFound);
+        throw CommandError(parent.text(), "no such folder; use -p to create it", fsp::ErrorCode::NotFound);
     }
     context.translateErrors(path, [&] { context.provider().createFolder(path.iri()); });
 }
@@ -56,7 +56,7 @@ void removeFolder(const CommandContext& context, const std::string& argument)
     const StorePath path = StorePath::parse(argument);
     if (path.isRoot())
     {
-        throw CommandError(path.text(), "the root cannot be removed", fsp::ErrorCode::InvalidLocation);
+        throw CommandError(path.text(), "cannot remove the root folder", fsp::ErrorCode::InvalidLocation);
     }
     requireFolder(context, path);
     context.translateErrors(path, [&] { context.provider().removeFolder(path.iri()); });
@@ -67,9 +67,9 @@ void remove(const CommandContext& context, const std::string& argument, bool rec
     const StorePath path = StorePath::parse(argument);
     if (path.isRoot())
     {
-        throw CommandError(path.text(), "the root cannot be removed", fsp::ErrorCode::InvalidLocation);
+        throw CommandError(path.text(), "cannot remove the root folder", fsp::ErrorCode::InvalidLocation);
     }
-    // The provider removes a missing file without a word; people want to hear of it.
+    // The provider does not report a missing file; the user should know.
     if (!path.namesFolder() && context.fileExists(path))
     {
         context.translateErrors(path, [&] { context.provider().removeFile(path.iri()); });
@@ -82,7 +82,7 @@ void remove(const CommandContext& context, const std::string& argument, bool rec
     if (!recursive)
     {
         throw CommandError(
-            path.text(), "is a folder; -r removes it with all that it holds", fsp::ErrorCode::InvalidLocation);
+            path.text(), "is a folder; use -r to remove it and its contents", fsp::ErrorCode::InvalidLocation);
     }
     context.translateErrors(path, [&] { context.provider().removeFolderRecursively(path.iri()); });
 }
@@ -100,7 +100,7 @@ void addFolderCommands(CLI::App& app, CommandContext& context)
     const auto make = std::make_shared<Options>();
     auto* mkdir = app.add_subcommand("mkdir", "Create a folder");
     mkdir->add_option("PATH", make->path, "The folder to create")->required();
-    mkdir->add_flag("-p", make->flag, "Create missing folders above it too; an existing folder is no failure");
+    mkdir->add_flag("-p", make->flag, "Create missing parents too; accept an existing folder");
     mkdir->callback([&context, make] { makeFolder(context, make->path, make->flag); });
 
     const auto empty = std::make_shared<Options>();
@@ -109,9 +109,9 @@ void addFolderCommands(CLI::App& app, CommandContext& context)
     rmdir->callback([&context, empty] { removeFolder(context, empty->path); });
 
     const auto any = std::make_shared<Options>();
-    auto* rm = app.add_subcommand("rm", "Remove a file");
+    auto* rm = app.add_subcommand("rm", "Remove a file, or a folder with -r");
     rm->add_option("PATH", any->path, "What to remove")->required();
-    rm->add_flag("-r", any->flag, "Remove a folder with all that it holds");
+    rm->add_flag("-r", any->flag, "Remove a folder and its contents");
     rm->callback([&context, any] { remove(context, any->path, any->flag); });
 }
 

@@ -14,8 +14,8 @@ namespace cloudfs
 namespace
 {
 
-constexpr std::size_t mostListed = 10'000;   // entries; a page of a listing has 1,000
-constexpr std::uint64_t largeFile = 5 << 20; // bytes; what has more is sent in several parts
+constexpr std::size_t maxListed = 10'000;    // entries: 10 pages of a listing
+constexpr std::uint64_t largeFile = 5 << 20; // bytes; larger files are sent in several parts
 
 } // namespace
 
@@ -25,29 +25,29 @@ FolderSnapshot::FolderSnapshot(const CommandContext& context, const StorePath& f
     context.translateErrors(folder,
         [&]
         {
-            if (!context.provider().folderExists(folder.iri())) // as with --folders prefix, until something is in it
+            if (!context.provider().folderExists(folder.iri())) // possible with --folders prefix
             {
-                m_isKnown = true;
+                m_isComplete = true;
                 return;
             }
             const auto entries = context.provider().listAll(folder.iri());
-            while (entries->hasNext() && m_isFolder.size() < mostListed)
+            while (entries->hasNext() && m_isFolder.size() < maxListed)
             {
                 interrupt::throwIfPending();
                 entries->next();
                 const fsp::FolderEntry entry = entries->getCurrent();
                 m_isFolder[fl::i18n::ustring_to_utf8(entry.name())] |= entry.isFolder();
             }
-            m_isKnown = !entries->hasNext();
+            m_isComplete = !entries->hasNext();
         });
 }
 
 void FolderSnapshot::requireCanStore(const StorePath& file, bool replace, std::uint64_t size) const
 {
     const auto entry = m_isFolder.find(file.name());
-    if (!m_isKnown || (entry != m_isFolder.end() && (entry->second || !replace)))
+    if (!m_isComplete || (entry != m_isFolder.end() && (entry->second || !replace)))
     {
-        m_context.requireCanStore(file, replace); // which knows what to say
+        m_context.requireCanStore(file, replace); // throws the right error, or checks this file alone
     }
     else if (!replace && size > largeFile)
     {

@@ -11,26 +11,31 @@ namespace cloudfs
 
 class CommandContext;
 
-/// What stands in one folder of the store, listed once for all files that are put into it.
+/// The names in one folder of the store, listed once for all files that are uploaded into it.
 ///
-/// A file that somebody else stores there later is not seen, and replaced by one of the same name. Only in front of a
-/// large file, whose upload takes many requests, is one more spent on looking again.
-/// Safe to read from any thread.
+/// A file that another program stores there later is not seen, and an upload of the same name replaces it. Before a
+/// file of more than 5 MiB, whose upload takes many requests anyway, the store is asked again.
+///
+/// Constant after construction; any thread may call requireCanStore().
 class FolderSnapshot
 {
 public:
-    /// List the folder, unless it has so many entries that asking for single files is cheaper.
+    /// List the folder; a missing folder counts as empty. After 10,000 entries the listing stops, and requireCanStore()
+    /// asks the store for each file instead.
+    ///
+    /// @param context  must outlive the snapshot
+    /// @throws CommandError; interrupt::Interrupted
     FolderSnapshot(const CommandContext& context, const StorePath& folder);
 
-    /// As CommandContext::requireCanStore(), for a file of this folder.
+    /// Do what CommandContext::requireCanStore() does, for a file in this folder.
     ///
-    /// @param size  bytes that it will have
+    /// @param size  the new file's size in bytes
     void requireCanStore(const StorePath& file, bool replace, std::uint64_t size) const;
 
 private:
     const CommandContext& m_context;
-    std::map<std::string, bool> m_isFolder; // by name
-    bool m_isKnown = false;                 // m_isFolder is complete
+    std::map<std::string, bool> m_isFolder; // key: name
+    bool m_isComplete = false;              // m_isFolder has all entries
 };
 
 } // namespace cloudfs

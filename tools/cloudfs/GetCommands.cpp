@@ -30,7 +30,7 @@ struct Options
     unsigned jobs = 4;
 };
 
-void getFile(const CommandContext& context, const StorePath& path, LocalTarget& target, Progress& progress)
+void downloadFile(const CommandContext& context, const StorePath& path, LocalTarget& target, Progress& progress)
 {
     download(
         context, path, [&](const char* data, std::size_t size) { target.write(data, size); }, progress);
@@ -46,11 +46,11 @@ void printFile(const CommandContext& context, const StorePath& path)
         context, path, [&](const char* data, std::size_t size) { output.write(data, size); }, progress);
 }
 
-/// Gets a folder of the store with everything in it. Local folders are created by the listing thread, in front of the
-/// files in them, which go to the batch.
+/// Downloads a folder of the store and its contents. The thread that lists creates each local folder before it queues
+/// the files of that folder.
 ///
-/// Nothing is written outside of the target: each name must be a plain one, and each folder a real one, not a symbolic
-/// link that somebody left in its place.
+/// Nothing is written outside the target: names with empty, "." or ".." segments are refused, and an existing symbolic
+/// link is not accepted as a folder.
 class TreeDownload
 {
 public:
@@ -80,7 +80,7 @@ public:
                     entries->next();
                     const fsp::FolderEntry entry = entries->getCurrent();
                     const std::string name = fl::i18n::ustring_to_utf8(entry.name());
-                    m_batch.attempt([&] { entry.isFolder() ? makeFolder(name) : submitFile(name, entry); });
+                    m_batch.runNow([&] { entry.isFolder() ? makeFolder(name) : submitFile(name, entry); });
                 }
             });
         m_progress.markTotalFinal();
@@ -91,7 +91,7 @@ private:
     void makeFolder(const std::string& name)
     {
         requireFolderAbove(name);
-        m_source.child(name); // refuses names that do not lead back to this folder
+        m_source.child(name); // throws for such names
         const std::string local = m_target + "/" + name;
         if (::mkdir(local.c_str(), 0777) != 0)
         {
@@ -103,7 +103,7 @@ private:
             }
             if (!S_ISDIR(status.st_mode))
             {
-                throw CommandError(local, "stands where a folder is to go", fsp::ErrorCode::AlreadyExists);
+                throw CommandError(local, "already exists and is not a folder", fsp::ErrorCode::AlreadyExists);
             }
         }
         m_folders.insert(name);
@@ -118,7 +118,7 @@ private:
             [this, path, local = m_target + "/" + name]
             {
                 LocalTarget target(local, m_options.force, LocalTarget::Destination::InsideTree);
-                getFile(m_context, path, target, m_progress);
+                downloadFile(m_context, path, target, m_progress);
             });
     }
 
@@ -128,7 +128,7 @@ private:
         if (m_folders.count(end == std::string::npos ? "" : name.substr(0, end)) == 0)
         {
             throw CommandError(
-                m_source.text() + "/" + name, "left out with its folder", fsp::ErrorCode::InvalidLocation);
+                m_source.text() + "/" + name, "skipped: its folder was not created", fsp::ErrorCode::InvalidLocation);
         }
     }
 
@@ -136,15 +136,15 @@ private:
     const Options& m_options;
     const StorePath m_source;
     const std::string m_target;
-    std::set<std::string> m_folders; // names of those that are known to be real folders in the target
+    std::set<std::string> m_folders; // names of real folders in the target; "" is the target itself
     Progress m_progress;
-    Batch m_batch; // last: its tasks use the members above
+    Batch m_batch; // last: its threads use the members above
 };
 
 std::string localDestination(const Options& options, const StorePath& source)
 {
-    const bool into = !source.isRoot() && isLocalFolder(options.local);
-    return into ? options.local + (options.local.ends_with('/') ? "" : "/") + source.name() : options.local;
+    const bool insideFolder = !source.isRoot() && isLocalFolder(options.local);
+    return insideFolder ? options.local + (options.local.ends_with('/') ? "" : "/") + source.name() : options.local;
 }
 
 void get(CommandContext& context, const Options& options)
@@ -168,7 +168,7 @@ void get(CommandContext& context, const Options& options)
         progress.addToTotal(attributes.size().value_or(0));
         progress.markTotalFinal();
         LocalTarget target(local, options.force, LocalTarget::Destination::NamedByUser);
-        getFile(context, path, target, progress);
+        downloadFile(context, path, target, progress);
         return;
     }
     if (!context.folderExists(path))
@@ -186,13 +186,14 @@ void get(CommandContext& context, const Options& options)
 void addGetCommands(CLI::App& app, CommandContext& context)
 {
     const auto options = std::make_shared<Options>();
-    auto* command = app.add_subcommand("get", "Copy a file or a tree of the store to this machine");
-    command->footer("An existing folder LOCAL is where it goes under its own name; any other LOCAL is the new name.\n"
-                    "A file appears whole or not at all.");
+    auto* command = app.add_subcommand("get", "Download a file or a folder");
+    command->footer(
+        "If LOCAL is an existing folder, the download goes into it under its own name; any other LOCAL is the\n"
+        "new name. A file appears complete or not at all.");
     command->add_option("PATH", options->path, "A file, or a folder with -r")->required();
-    command->add_option("LOCAL", options->local, "Where it goes, or - for standard output")->required();
-    auto* recursive = command->add_flag("-r", options->recursive, "Copy a folder with everything in it");
-    command->add_option("-j", options->jobs, "Files in flight at a time, with -r")
+    command->add_option("LOCAL", options->local, "The local destination, or - for standard output")->required();
+    auto* recursive = command->add_flag("-r", options->recursive, "Download a folder and its contents");
+    command->add_option("-j", options->jobs, "Files to transfer at the same time, with -r")
         ->check(CLI::Range(1, 64))
         ->capture_default_str();
     command->add_flag("-f", options->force, "Replace existing files");
@@ -201,7 +202,7 @@ void addGetCommands(CLI::App& app, CommandContext& context)
         {
             if (options->local == "-" && options->recursive)
             {
-                throw CLI::ValidationError(recursive->get_name(), "a tree cannot go to standard output");
+                throw CLI::ValidationError(recursive->get_name(), "cannot write a folder to standard output");
             }
             get(context, *options);
         });

@@ -89,7 +89,7 @@ void list(const CommandContext& context, const ListOptions& options)
     output.flush();
 }
 
-void describe(const CommandContext& context, const std::string& argument)
+void showAttributes(const CommandContext& context, const std::string& argument)
 {
     const StorePath path = StorePath::parse(argument);
     StandardOutput output;
@@ -118,18 +118,18 @@ void describe(const CommandContext& context, const std::string& argument)
 void addListCommands(CLI::App& app, CommandContext& context)
 {
     const auto options = std::make_shared<ListOptions>();
-    auto* ls = app.add_subcommand("ls", "List a folder; folders end in \"/\"");
-    ls->add_option("PATH", options->path, "A folder, or one file")->capture_default_str();
-    ls->add_flag("-l", options->details, "With size and time of change");
-    ls->add_flag("-R", options->recursive, "With everything below it");
-    auto* files = ls->add_flag("--files", options->filesOnly, "Files only");
-    ls->add_flag("--folders", options->foldersOnly, "Folders only")->excludes(files);
+    auto* ls = app.add_subcommand("ls", "List a folder; names of folders end in \"/\"");
+    ls->add_option("PATH", options->path, "A folder or a file")->capture_default_str();
+    ls->add_flag("-l", options->details, "Show size and time of last change");
+    ls->add_flag("-R", options->recursive, "List subfolders too");
+    auto* files = ls->add_flag("--files", options->filesOnly, "List only files");
+    ls->add_flag("--folders", options->foldersOnly, "List only folders")->excludes(files);
     ls->callback([&context, options] { list(context, *options); });
 
-    const auto described = std::make_shared<std::string>();
-    auto* stat = app.add_subcommand("stat", "Describe a file or a folder");
-    stat->add_option("PATH", *described, "What to describe")->required();
-    stat->callback([&context, described] { describe(context, *described); });
+    const auto statPath = std::make_shared<std::string>();
+    auto* stat = app.add_subcommand("stat", "Show the attributes of a file or a folder");
+    stat->add_option("PATH", *statPath, "A file or a folder")->required();
+    stat->callback([&context, statPath] { showAttributes(context, *statPath); });
 }
 
 } // namespace cloudfs

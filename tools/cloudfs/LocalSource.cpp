@@ -53,12 +53,12 @@ LocalSource::LocalSource(const std::string& path)
     if (S_ISDIR(status.st_mode))
     {
         ::close(m_descriptor);
-        throw CommandError(m_path, "is a folder; -r puts a whole tree", fsp::ErrorCode::InvalidLocation);
+        throw CommandError(m_path, "is a folder; use -r to upload it", fsp::ErrorCode::InvalidLocation);
     }
     if (S_ISREG(status.st_mode))
     {
         m_size = static_cast<std::uint64_t>(status.st_size);
-        ::posix_fadvise(m_descriptor, 0, 0, POSIX_FADV_SEQUENTIAL); // a hint: whether it is taken does not matter
+        ::posix_fadvise(m_descriptor, 0, 0, POSIX_FADV_SEQUENTIAL); // only a hint: a failure does not matter
     }
 }
 
@@ -101,10 +101,10 @@ std::size_t LocalSource::read(char* buffer, std::size_t size)
 
 void LocalSource::requireNotTruncated() const
 {
-    // Some files of the system claim a size that they never had, and go on claiming it; those are whole.
+    // Files of /proc and /sys may report a size that they never deliver. They still report it now, and are complete.
     if (m_size && m_read < *m_size && static_cast<std::uint64_t>(statusOf(m_descriptor, m_path).st_size) < *m_size)
     {
-        throw CommandError(m_path, "became shorter while it was read", fsp::ErrorCode::Unknown);
+        throw CommandError(m_path, "was truncated while being read", fsp::ErrorCode::Unknown);
     }
 }
 

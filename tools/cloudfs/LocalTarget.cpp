@@ -22,8 +22,8 @@ namespace cloudfs
 namespace
 {
 
-/// Where a path leads after all its symbolic links; the path itself while that is nowhere.
-std::string followed(const std::string& path)
+/// Resolve all symbolic links of a path. A path that cannot be resolved, such as that of a new file, stays unchanged.
+std::string resolveLinks(const std::string& path)
 {
     const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr), &std::free);
     return real ? std::string(real.get()) : path;
@@ -34,7 +34,7 @@ std::string followed(const std::string& path)
 LocalTarget::LocalTarget(const std::string& path, bool replace, Destination destination)
     : m_name(path)
     , m_replace(replace)
-    , m_path(destination == Destination::NamedByUser ? followed(path) : path)
+    , m_path(destination == Destination::NamedByUser ? resolveLinks(path) : path)
 {
     struct stat status = {};
     const bool exists = ::lstat(m_path.c_str(), &status) == 0;
@@ -50,13 +50,13 @@ LocalTarget::LocalTarget(const std::string& path, bool replace, Destination dest
     {
         if (destination == Destination::InsideTree)
         {
-            throw CommandError(m_name, "is neither a file nor a folder", fsp::ErrorCode::AlreadyExists);
+            throw CommandError(m_name, "already exists and is not a regular file", fsp::ErrorCode::AlreadyExists);
         }
         m_descriptor = ::open(m_path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
     }
     else if (exists && !m_replace)
     {
-        throw CommandError(m_name, "exists already; -f replaces it", fsp::ErrorCode::AlreadyExists);
+        throw CommandError(m_name, "already exists; use -f to replace it", fsp::ErrorCode::AlreadyExists);
     }
     else
     {
@@ -70,7 +70,7 @@ LocalTarget::LocalTarget(const std::string& path, bool replace, Destination dest
 
 void LocalTarget::createTemporary()
 {
-    // In the same folder, so that the last step is a rename.
+    // In the folder of the target, so that commit() can rename it.
     static std::atomic<unsigned> counter{0};
     const std::string folder = m_path.substr(0, m_path.rfind('/') + 1);
     do
@@ -119,7 +119,7 @@ void LocalTarget::commit()
 {
     const int descriptor = m_descriptor;
     m_descriptor = -1;
-    if (::close(descriptor) != 0) // some file systems say only now that the disk is full
+    if (::close(descriptor) != 0) // some file systems report a full disk only here
     {
         throw CommandError::fromErrno(m_name, errno);
     }
@@ -133,7 +133,7 @@ void LocalTarget::commit()
     int failed = ::renameat2(AT_FDCWD, from, AT_FDCWD, to, flags);
     if (failed != 0 && errno == EINVAL)
     {
-        // A file system that cannot refuse while it renames: ask first, which is the best it offers.
+        // This file system cannot rename without replacing. Checking first leaves a short race.
         errno = EEXIST;
         failed = ::access(to, F_OK) == 0 ? -1 : std::rename(from, to);
     }

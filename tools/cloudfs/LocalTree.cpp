@@ -46,7 +46,7 @@ void visit(const std::string& folder, const std::string& prefix, LocalTreeVisito
         struct stat status = {};
         if (::lstat(local.c_str(), &link) != 0 || ::stat(local.c_str(), &status) != 0)
         {
-            visitor.reportSkipped(CommandError::fromErrno(local, errno)); // unreadable, or a link that leads nowhere
+            visitor.reportSkipped(CommandError::fromErrno(local, errno)); // no permission, or a dangling link
         }
         else if (S_ISREG(status.st_mode))
         {
@@ -61,8 +61,8 @@ void visit(const std::string& folder, const std::string& prefix, LocalTreeVisito
         }
         else
         {
-            const char* reason = S_ISDIR(status.st_mode) ? "left out: a symbolic link to a folder"
-                                                         : "left out: neither a file nor a folder";
+            const char* reason =
+                S_ISDIR(status.st_mode) ? "skipped: symbolic link to a folder" : "skipped: neither a file nor a folder";
             visitor.reportSkipped({local, reason, fsp::ErrorCode::Unsupported});
         }
     }

@@ -8,34 +8,36 @@ namespace cloudfs
 
 class CommandError;
 
-/// What a walk through a local tree finds. Names are relative to the tree, with "/" between them.
+/// Receives the entries of a local tree. `local` is a path on this machine, `name` is relative to the tree's root.
 class LocalTreeVisitor
 {
 public:
     virtual ~LocalTreeVisitor() = default;
 
-    /// A folder, before anything in it.
+    /// Called for a folder, before its entries.
     ///
-    /// @return whether to look into it
+    /// @return whether to visit its entries
     virtual bool enterFolder(const std::string& local, const std::string& name) = 0;
 
-    /// A regular file, or a symbolic link to one.
+    /// Called for a regular file, or a symbolic link to one.
+    ///
+    /// @param size  in bytes
     virtual void visitFile(const std::string& local, const std::string& name, std::uint64_t size) = 0;
 
-    /// Something that is neither, or that cannot be looked at.
+    /// Called for an entry that is neither, and for one that cannot be read.
     virtual void reportSkipped(const CommandError& reason) = 0;
 };
 
-/// Visit everything below a folder, the entries of each folder in the order of their bytes.
+/// Visit everything below a folder, the entries of each folder in byte order of their names.
 ///
-/// Symbolic links to folders are left out, so the walk ends whatever they lead to.
+/// Symbolic links to folders are skipped, so a cycle of links does not matter.
 /// @throws what the visitor throws; interrupt::Interrupted
 void walkLocalTree(const std::string& folder, LocalTreeVisitor& visitor);
 
-/// Whether the path is a folder, or a symbolic link to one.
+/// Return whether the path is a folder, or a symbolic link to one.
 bool isLocalFolder(const std::string& path);
 
-/// The name that a file or folder has: its last segment, or nothing for "/", "." and "..".
+/// Return the last segment of a path, or nothing for "/", "." and "..".
 std::string baseName(std::string path);
 
 } // namespace cloudfs

@@ -18,13 +18,13 @@ using storage::clients::formatBytes;
 namespace
 {
 
-constexpr auto delay = std::chrono::milliseconds(500);    // what is over by then needs no bar
-constexpr auto interval = std::chrono::milliseconds(100); // faster than this nobody reads
+constexpr auto delay = std::chrono::milliseconds(500);    // shorter transfers need no bar
+constexpr auto interval = std::chrono::milliseconds(100); // nobody can read faster changes
 
 } // namespace
 
-Progress::Progress(bool wanted)
-    : m_enabled(wanted && ::isatty(STDERR_FILENO) == 1 && ::isatty(STDOUT_FILENO) == 1)
+Progress::Progress(bool mayPaint)
+    : m_enabled(mayPaint && ::isatty(STDERR_FILENO) == 1 && ::isatty(STDOUT_FILENO) == 1)
     , m_nextPaint(m_begin + delay)
 {
 }

@@ -8,31 +8,31 @@
 namespace cloudfs
 {
 
-/// A bar on standard error for a transfer that takes long, and the lines that appear above it.
+/// A progress bar on standard error for a long transfer, and the error lines printed meanwhile.
 ///
-/// Paints only when standard output and standard error are terminals, begins after half a second and repaints at most
-/// ten times a second. Safe for concurrent calls on one instance.
+/// Painted only if standard output and standard error are terminals; first after half a second, then at most ten times
+/// a second. Safe for concurrent calls on one instance.
 class Progress
 {
 public:
-    /// @param wanted  false: never paint, because the terminal is needed for something else
-    explicit Progress(bool wanted = true);
+    /// @param mayPaint  false: never paint, because the terminal shows the file itself
+    explicit Progress(bool mayPaint = true);
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
     /// Erase the bar.
     ~Progress();
 
-    /// So many bytes are to come, beside those announced before.
+    /// Add the size of a file to the total, in bytes.
     void addToTotal(std::uint64_t bytes);
 
-    /// Everything to come has been announced: a percentage makes sense from now on.
+    /// State that the total is complete: from now on the bar shows a percentage.
     void markTotalFinal();
 
-    /// So many bytes went through.
+    /// Count transferred bytes, and repaint when it is time.
     void advance(std::uint64_t bytes);
 
-    /// Print "cloudfs: TEXT" as a whole line on standard error.
+    /// Print the line "cloudfs: TEXT" on standard error, instead of the bar.
     void report(const std::string& text);
 
 private:

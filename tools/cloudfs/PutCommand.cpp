@@ -22,10 +22,10 @@ struct Options
     std::string path;
     bool recursive = false;
     bool force = false;
-    unsigned jobs = 4; // a durable store waits for the disk; several files share the wait
+    unsigned jobs = 4; // the local store syncs each file; several files overlap these waits
 };
 
-void putFile(const CommandContext& context, const Options& options, LocalSource& source, const StorePath& path)
+void uploadFile(const CommandContext& context, const Options& options, LocalSource& source, const StorePath& path)
 {
     context.requireNoParentIsFile(path);
     context.requireCanStore(path, options.force);
@@ -35,8 +35,8 @@ void putFile(const CommandContext& context, const Options& options, LocalSource&
     upload(context, path, wholeFile, 0, source, progress);
 }
 
-/// Puts a folder of the machine with everything in it. Folders are created by the walking thread, in front of the files
-/// in them, which go to the batch.
+/// Uploads a local folder and its contents. The thread that walks the tree creates each folder in the store before it
+/// queues the files of that folder.
 class TreeUpload : public LocalTreeVisitor
 {
 public:
@@ -60,13 +60,13 @@ public:
 private:
     bool enterFolder(const std::string&, const std::string& name) override
     {
-        return m_batch.attempt([&] { makeFolder(m_target.child(name)); });
+        return m_batch.runNow([&] { makeFolder(m_target.child(name)); });
     }
 
     void visitFile(const std::string& local, const std::string& name, std::uint64_t size) override
     {
         m_progress.addToTotal(size);
-        m_batch.attempt(
+        m_batch.runNow(
             [&]
             {
                 const StorePath path = m_target.child(name);
@@ -82,12 +82,12 @@ private:
 
     void reportSkipped(const CommandError& reason) override { m_batch.reportFailure(reason.what()); }
 
-    /// Those of a folder that the walk is in.
+    /// The snapshot of the folder that is being walked. Snapshots of folders that the walk has left are dropped here.
     std::shared_ptr<const FolderSnapshot> snapshotOf(const StorePath& folder)
     {
-        const auto isDone = [&](const std::string& text)
+        const auto isLeft = [&](const std::string& text)
         { return folder.text() != text && !folder.text().starts_with(text == "/" ? text : text + '/'); };
-        std::erase_if(m_snapshots, [&](const auto& entry) { return isDone(entry.first); });
+        std::erase_if(m_snapshots, [&](const auto& entry) { return isLeft(entry.first); });
         auto& snapshot = m_snapshots[folder.text()];
         if (!snapshot)
         {
@@ -115,7 +115,7 @@ private:
     std::map<std::string, std::shared_ptr<const FolderSnapshot>>
         m_snapshots; // by path: the current folder and those above
     Progress m_progress;
-    Batch m_batch; // last: its tasks use the members above
+    Batch m_batch; // last: its threads use the members above
 };
 
 void put(CommandContext& context, const Options& options)
@@ -126,15 +126,15 @@ void put(CommandContext& context, const Options& options)
     {
         if (path.namesFolder())
         {
-            throw CommandError(path.text(), "names a folder; standard input needs the name of a file",
-                fsp::ErrorCode::InvalidLocation);
+            throw CommandError(
+                path.text(), "is a folder; standard input needs a file name", fsp::ErrorCode::InvalidLocation);
         }
         LocalSource source = LocalSource::standardInput();
-        putFile(context, options, source, path);
+        uploadFile(context, options, source, path);
     }
     else if (options.recursive && isLocalFolder(options.local))
     {
-        // A tree such as "." has no name to keep: its contents go into the folder itself.
+        // A tree such as "." has no name: its contents go directly into the folder.
         if (!TreeUpload(context, options, name.empty() ? path : path.resolveFile(name)).run())
         {
             context.markFailed();
@@ -143,7 +143,7 @@ void put(CommandContext& context, const Options& options)
     else
     {
         LocalSource source(options.local);
-        putFile(context, options, source, path.resolveFile(name));
+        uploadFile(context, options, source, path.resolveFile(name));
     }
 }
 
@@ -152,19 +152,19 @@ void put(CommandContext& context, const Options& options)
 void addPutCommand(CLI::App& app, CommandContext& context)
 {
     const auto options = std::make_shared<Options>();
-    auto* command = app.add_subcommand("put", "Copy a file or a tree of this machine into the store");
+    auto* command = app.add_subcommand("put", "Upload a file or a folder");
     command->footer(
-        "A PATH that ends in \"/\" is a folder in which LOCAL keeps its name; any other PATH is the new name.\n"
-        "A file may be put into a folder that does not exist. With -r missing folders are created, symbolic\n"
-        "links to files are followed, and what cannot be stored (links to folders, devices, names that are\n"
-        "not UTF-8 or end in a dot) is reported and left out. With --folders prefix empty folders are not kept.\n"
-        "With -r, what stands in a folder of the store is looked up once, when the first file for it comes: what\n"
-        "somebody else stores there later may be replaced, even without -f. Files above 5 MiB are looked for\n"
-        "again when their turn comes.");
+        "If PATH ends in \"/\", LOCAL goes into that folder under its own name; any other PATH is the new name.\n"
+        "The folder of a file need not exist. With -r, missing folders are created, symbolic links to files are\n"
+        "followed, and entries that cannot be stored (links to folders, devices, names that are not UTF-8 or end\n"
+        "in a dot) are reported and skipped. With --folders prefix, empty folders are not stored.\n"
+        "With -r, each folder of the store is listed once, before its first file is uploaded. A file that another\n"
+        "program stores there later may be replaced even without -f, unless the new file is larger than 5 MiB:\n"
+        "such files are checked again just before their upload.");
     command->add_option("LOCAL", options->local, "A file, a folder with -r, or - for standard input")->required();
-    command->add_option("PATH", options->path, "Where it goes")->required();
-    auto* recursive = command->add_flag("-r", options->recursive, "Copy a folder with everything in it");
-    command->add_option("-j", options->jobs, "Files in flight at a time, with -r")
+    command->add_option("PATH", options->path, "The destination in the store")->required();
+    auto* recursive = command->add_flag("-r", options->recursive, "Upload a folder and its contents");
+    command->add_option("-j", options->jobs, "Files to transfer at the same time, with -r")
         ->check(CLI::Range(1, 64))
         ->capture_default_str();
     command->add_flag("-f", options->force, "Replace existing files");
@@ -173,7 +173,7 @@ void addPutCommand(CLI::App& app, CommandContext& context)
         {
             if (options->local == "-" && options->recursive)
             {
-                throw CLI::ValidationError(recursive->get_name(), "standard input is not a tree");
+                throw CLI::ValidationError(recursive->get_name(), "standard input is not a folder");
             }
             put(context, *options);
         });

@@ -37,10 +37,10 @@ void StandardOutput::write(const char* data, std::size_t size)
 
 void StandardOutput::line(std::string_view text)
 {
-    constexpr std::size_t enough = 65536; // a system call per line would cost more than the listing
+    constexpr std::size_t maxPending = 65536; // bytes; a system call per line would cost more than the listing
     m_pending += text;
     m_pending += '\n';
-    if (m_pending.size() >= enough || isTerminal())
+    if (m_pending.size() >= maxPending || isTerminal())
     {
         flush();
     }
@@ -58,8 +58,8 @@ void StandardOutput::flush()
 
 bool StandardOutput::isTerminal()
 {
-    static const bool answer = ::isatty(STDOUT_FILENO) == 1;
-    return answer;
+    static const bool isTerminal = ::isatty(STDOUT_FILENO) == 1;
+    return isTerminal;
 }
 
 } // namespace cloudfs

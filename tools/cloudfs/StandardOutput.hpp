@@ -7,25 +7,27 @@
 namespace cloudfs
 {
 
-/// Writes to standard output and looks at the result. Not for several threads.
+/// Writes to standard output and reports every failure. One thread at a time.
 class StandardOutput
 {
 public:
-    /// Thrown when the reader of a pipe has gone away. It has seen enough, so this is no failure to report.
+    /// Thrown when the reader of a pipe has closed it. The reader wants no more, so no error is printed.
     struct BrokenPipe
     {
     };
 
-    /// Write bytes now, after everything printed before.
+    /// Write bytes now, after all lines printed before.
     ///
     /// @throws CommandError, BrokenPipe or interrupt::Interrupted
     void write(const char* data, std::size_t size);
 
-    /// Print one line. It may wait in memory until flush(), unless somebody is looking at a terminal.
+    /// Print one line. It may stay in memory until flush(), except on a terminal.
     ///
     /// @throws as write()
     void line(std::string_view text);
 
+    /// Write the lines that are still in memory. The destructor does not.
+    ///
     /// @throws as write()
     void flush();
 

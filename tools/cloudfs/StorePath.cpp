@@ -18,7 +18,7 @@ namespace
 
 const std::string iriPrefix = "cloudfs://store";
 
-/// Call `use` with every segment of the path.
+/// Call `use` for every segment of the path, including empty ones.
 template <typename Use>
 void forEachSegment(std::string_view path, Use use)
 {
@@ -38,7 +38,7 @@ std::string decodedPath(const std::string& argument)
         if (iri.getAuthority() != StorePath().iri().getAuthority())
         {
             throw CommandError(
-                argument, "the store's own address is " + iriPrefix + "/", fsp::ErrorCode::InvalidLocation);
+                argument, "the address must begin with " + iriPrefix + "/", fsp::ErrorCode::InvalidLocation);
         }
         return fl::i18n::ustring_to_utf8(iri.getPath());
     }
@@ -63,7 +63,7 @@ StorePath StorePath::parse(const std::string& argument)
     const std::string path = isIri ? decodedPath(argument) : argument;
     if (path.empty() && !isIri)
     {
-        throw CommandError("\"\"", "an empty path names nothing", fsp::ErrorCode::InvalidLocation);
+        throw CommandError("\"\"", "the path is empty", fsp::ErrorCode::InvalidLocation);
     }
     StorePath result;
     forEachSegment(path,
@@ -99,12 +99,12 @@ void StorePath::append(std::string_view segment, const std::string& argument)
 {
     if (segment.empty())
     {
-        throw CommandError(argument, "an empty name cannot be kept in the store", fsp::ErrorCode::InvalidLocation);
+        throw CommandError(argument, "the store cannot keep an empty name", fsp::ErrorCode::InvalidLocation);
     }
     if (segment.ends_with('.'))
     {
         throw CommandError(
-            argument, "a name that ends in a dot cannot be kept in the store", fsp::ErrorCode::InvalidLocation);
+            argument, "the store cannot keep a name that ends in a dot", fsp::ErrorCode::InvalidLocation);
     }
     try
     {
@@ -112,7 +112,7 @@ void StorePath::append(std::string_view segment, const std::string& argument)
     }
     catch (const std::range_error&)
     {
-        throw CommandError(argument, "the name is not UTF-8", fsp::ErrorCode::InvalidLocation);
+        throw CommandError(argument, "the name is not valid UTF-8", fsp::ErrorCode::InvalidLocation);
     }
     m_text += isRoot() ? "" : "/";
     m_text += segment;

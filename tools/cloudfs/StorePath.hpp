@@ -9,34 +9,34 @@
 namespace cloudfs
 {
 
-/// A file or folder in the store, as the command line names it.
+/// The path of a file or folder in the store, as given on the command line.
 ///
-/// Names are literal: "%" is a character like any other. Empty and "." segments of an argument are skipped and a
-/// leading "/" may be left out; everything else must reach the store's key unchanged. A name that ends in a dot would
-/// not (the provider drops the dot, so that "x." would read, replace or remove "x") and is refused.
-/// A value; safe to read from any thread.
+/// Names are literal: "%" is an ordinary character. Empty and "." segments of an argument are skipped and a leading "/"
+/// may be omitted; everything else becomes the store's key unchanged. A name that ends in a dot is refused, because the
+/// provider drops the dot: "x." would read, replace or remove "x".
+/// A value; any thread may read it.
 class StorePath
 {
 public:
     /// Make the root.
     StorePath();
 
-    /// Read an argument: "/a/b", or the same place as an IRI, "cloudfs://store/a/b", whose escapes are decoded.
+    /// Parse an argument: "/a/b", or the same path as an IRI, "cloudfs://store/a/b", whose escapes are decoded.
     ///
-    /// @throws CommandError for text that is not UTF-8, a malformed IRI and a name that the store would not keep
+    /// @throws CommandError for an empty argument, a name that ends in a dot or is not UTF-8, and a malformed IRI
     static StorePath parse(const std::string& argument);
 
-    /// The place of a name, or of several separated by "/", in this folder.
+    /// Append a name, or several separated by "/".
     ///
-    /// @throws CommandError as parse(), and for an empty or "." segment, so that two names never become one
+    /// @throws CommandError as parse(), and for an empty or "." segment, so that no two names give the same path
     StorePath child(std::string_view name) const;
 
     const fsp::StorageIRI& iri() const noexcept { return m_iri; }
 
-    /// "/a/b": for messages, and the store's key after its leading "/".
+    /// "/a/b", without a final "/".
     const std::string& text() const noexcept { return m_text; }
 
-    /// The key that the provider gives to the store.
+    /// The key of the file's object: text() without its leading "/".
     std::string key() const { return m_text.substr(1); }
 
     /// The last name; empty for the root.
@@ -44,10 +44,10 @@ public:
 
     bool isRoot() const noexcept { return m_text.size() == 1; }
 
-    /// The argument ended in "/", so that only a folder can be meant.
+    /// Whether the argument ended in "/", so that only a folder can be meant; true for the root.
     bool namesFolder() const noexcept { return m_namesFolder; }
 
-    /// Where a file goes that keeps its own name in the folder, if a folder is named, and here otherwise.
+    /// Return the destination of a file called `name`: inside this path if it names a folder, otherwise this path.
     StorePath resolveFile(std::string_view name) const { return m_namesFolder ? child(name) : *this; }
 
     /// @pre not the root

@@ -25,11 +25,11 @@ bool isUtf8(std::string_view text)
     }
     catch (const std::range_error&)
     {
-        return false; // the question was whether
+        return false; // an expected outcome, not a failure
     }
 }
 
-/// Bytes at the front of `text` that must not reach a terminal as they are.
+/// Return how many bytes at the start of `text` must be escaped before they reach a terminal.
 std::size_t unprintablePrefix(std::string_view text, bool utf8)
 {
     const auto at = [&](std::size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
@@ -41,10 +41,10 @@ std::size_t unprintablePrefix(std::string_view text, bool utf8)
     {
         return 2;
     }
-    const bool marksDirection =
+    const bool isDirectionMark =
         at(0) == 0xE2 && ((at(1) == 0x80 && ((at(2) >= 0xAA && at(2) <= 0xAE) || at(2) == 0x8E || at(2) == 0x8F)) ||
                              (at(1) == 0x81 && at(2) >= 0xA6 && at(2) <= 0xA9));
-    return marksDirection ? 3 : 0;
+    return isDirectionMark ? 3 : 0;
 }
 
 std::tm localTime(const boost::posix_time::ptime& time)
@@ -83,7 +83,7 @@ std::string shortTime(const boost::posix_time::ptime& time)
     {
         return fmt::format("{:>12}", "-");
     }
-    // The year instead of the hour for what is older than half a year, or lies in the future.
+    // The year replaces the time of day for times older than half a year or in the future.
     constexpr std::time_t halfYear = 182L * 24 * 3600;
     const std::time_t age = std::time(nullptr) - boost::posix_time::to_time_t(time);
     const bool recent = age >= -60 && age < halfYear;

@@ -16,7 +16,7 @@ namespace cloudfs
 namespace
 {
 
-constexpr std::size_t blockSize = std::size_t{1024} * 1024; // large enough that the calls per block do not count
+constexpr std::size_t blockSize = std::size_t{1024} * 1024; // large enough that the cost of the calls does not matter
 
 void writeAll(fsp::ByteStream& stream, const StorePath& path, const char* data, std::size_t size)
 {
@@ -25,7 +25,7 @@ void writeAll(fsp::ByteStream& stream, const StorePath& path, const char* data, 
         const std::streamsize written = stream.write(data, static_cast<std::streamsize>(size));
         if (written <= 0)
         {
-            throw CommandError(path.text(), "the file takes no more bytes", fsp::ErrorCode::Unknown);
+            throw CommandError(path.text(), "cannot write any more bytes", fsp::ErrorCode::Unknown);
         }
         data += written;
         size -= static_cast<std::size_t>(written);
@@ -55,8 +55,8 @@ void upload(const CommandContext& context, const StorePath& path, const fsp::Byt
     }
     catch (...)
     {
-        // A stream can only be closed, and closing commits: forbid that first.
-        const auto forbidden = context.client().cancel(path.key());
+        // Closing the stream commits the file, and its destructor closes it: forbid the commit first.
+        const auto cancelled = context.client().cancel(path.key());
         stream.reset();
         throw;
     }
@@ -70,7 +70,7 @@ void download(const CommandContext& context, const StorePath& path, const Sink& 
         [&]
         {
             const auto stream = context.provider().openReadOnlyStream(path.iri());
-            // What the stream says, not what the store says now: the file may have been replaced since it was opened.
+            // The stream's size, not the store's: the file may have been replaced since it was opened.
             const std::streamoff size = stream->seek(0, std::ios_base::end);
             stream->seek(0, std::ios_base::beg);
             const auto block = std::make_unique_for_overwrite<char[]>(blockSize);

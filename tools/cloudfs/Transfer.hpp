@@ -14,20 +14,21 @@
 namespace cloudfs
 {
 
-/// A new file, or the whole new contents of an old one.
+/// Options for a new file, or for new contents of an existing one.
 inline constexpr fsp::ByteStreamOpenOptions wholeFile{fsp::ByteStreamReadAccess::None, fsp::ByteStreamCreate::IfMissing,
     fsp::ByteStreamTruncate::Discard, fsp::ByteStreamWritePosition::AtOffset};
 
-/// Write everything that the source has into a file of the store, beginning at `offset` of the opened stream.
+/// Write everything from the source into a file of the store, starting at byte `offset`, or at the end of the file if
+/// the options say so.
 ///
-/// All or nothing: when the source, the store or the user ends it early, the file in the store stays what it was.
+/// All or nothing: if the source or the store fails or the user interrupts, the file in the store is unchanged.
 /// @throws CommandError; interrupt::Interrupted
 void upload(const CommandContext& context, const StorePath& path, const fsp::ByteStreamOpenOptions& options,
     std::uint64_t offset, LocalSource& source, Progress& progress);
 
 using Sink = std::function<void(const char* data, std::size_t size)>;
 
-/// Read a whole file of the store, in order.
+/// Read a whole file of the store and pass it to the sink, block by block in order.
 ///
 /// @throws CommandError; interrupt::Interrupted; whatever the sink throws
 void download(const CommandContext& context, const StorePath& path, const Sink& sink, Progress& progress);

@@ -24,19 +24,18 @@ namespace
 
 using storage::clients::PendingUpload;
 
-constexpr std::int64_t longestAge = 100LL * 365 * 24 * 3600; // seconds; times before that cannot be told
+constexpr std::int64_t maxAge = 100LL * 365 * 24 * 3600; // seconds; the time library has no much earlier dates
 
 std::vector<PendingUpload> uploadsOlderThan(const CommandContext& context, std::int64_t seconds)
 {
     auto* const inventory = storage::clients::findInterface<storage::clients::UploadInventory>(context.store());
     if (inventory == nullptr)
     {
-        throw CommandError(
-            context.storeUrl, "this store cannot tell which uploads are open", fsp::ErrorCode::Unsupported);
+        throw CommandError(context.storeUrl, "this store cannot list open uploads", fsp::ErrorCode::Unsupported);
     }
     std::vector<PendingUpload> uploads = inventory->pendingUploads();
-    const auto youngest = boost::posix_time::microsec_clock::universal_time() - boost::posix_time::seconds(seconds);
-    std::erase_if(uploads, [&](const PendingUpload& upload) { return upload.created > youngest; });
+    const auto cutoff = boost::posix_time::microsec_clock::universal_time() - boost::posix_time::seconds(seconds);
+    std::erase_if(uploads, [&](const PendingUpload& upload) { return upload.created > cutoff; });
     return uploads;
 }
 
@@ -59,7 +58,7 @@ void abort(const CommandContext& context, std::int64_t seconds)
         }
         catch (const storage::cloudprovider::ResourceNotFoundException&)
         {
-            continue; // it ended meanwhile, which is as good
+            continue; // it was completed or aborted meanwhile
         }
         fmt::print("aborted  {}  /{}\n", text::printable(upload.uploadId), text::printable(upload.key));
     }
@@ -68,13 +67,13 @@ void abort(const CommandContext& context, std::int64_t seconds)
 CLI::Option* addAge(CLI::App& command, std::int64_t& seconds)
 {
     const std::map<std::string, std::int64_t> units{{"s", 1}, {"m", 60}, {"h", 3600}, {"d", 24 * 3600}};
-    return command.add_option("--older-than", seconds, "Leave out what is younger: a number with s, m, h or d")
+    return command.add_option("--older-than", seconds, "Only uploads older than this: a number with s, m, h or d")
         ->type_name("")
         ->transform(CLI::AsNumberWithUnit(units, CLI::AsNumberWithUnit::UNIT_REQUIRED, "AGE"))
-        ->check(CLI::Range(std::int64_t{0}, longestAge).description(""));
+        ->check(CLI::Range(std::int64_t{0}, maxAge).description(""));
 }
 
-/// Run a command, and turn what the store throws into a CommandError about the store.
+/// Run a command and translate what the store throws into a CommandError about the store.
 void run(const CommandContext& context, std::int64_t seconds, void (*command)(const CommandContext&, std::int64_t))
 {
     try
@@ -91,16 +90,16 @@ void run(const CommandContext& context, std::int64_t seconds, void (*command)(co
 
 void addUploadCommands(CLI::App& app, CommandContext& context)
 {
-    auto* uploads = app.add_subcommand("uploads", "Look after uploads in parts that a crash left open");
+    auto* uploads = app.add_subcommand("uploads", "List or abort multipart uploads that a crash left open");
     uploads->require_subcommand(1);
-    uploads->footer("An upload that is still being sent is open, too: choose an age that no transfer takes.");
+    uploads->footer("Uploads in progress are open too: choose an age longer than any transfer takes.");
     const auto age = std::make_shared<std::int64_t>(0);
 
-    auto* listed = uploads->add_subcommand("list", "List open uploads: when each began, its identifier, its file");
+    auto* listed = uploads->add_subcommand("list", "List open uploads: start time, upload id and path");
     addAge(*listed, *age);
     listed->callback([&context, age] { run(context, *age, list); });
 
-    auto* aborted = uploads->add_subcommand("abort", "End open uploads and drop what was sent");
+    auto* aborted = uploads->add_subcommand("abort", "Abort open uploads and delete the parts already sent");
     addAge(*aborted, *age)->required();
     aborted->callback([&context, age] { run(context, *age, abort); });
 }

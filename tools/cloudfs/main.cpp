@@ -19,9 +19,9 @@ namespace
 using cloudfs::CommandContext;
 using storage::cloudprovider::FolderPolicy;
 
-constexpr int operationFailed = 1;
-constexpr int wrongUsage = 2;
-constexpr int brokenPipe = 128 + 13; // as if SIGPIPE had ended the program
+constexpr int exitFailed = 1;
+constexpr int exitUsage = 2;
+constexpr int exitBrokenPipe = 128 + 13; // as if SIGPIPE had ended the program
 
 void addGlobalOptions(CLI::App& app, CommandContext& context)
 {
@@ -30,20 +30,29 @@ void addGlobalOptions(CLI::App& app, CommandContext& context)
            "s3://BUCKET?endpoint=URL&region=REGION&path-style=1")
         ->capture_default_str();
     app.add_option("--folders", context.folderPolicy,
-           "marker: folders are objects of their own; prefix: folders are what the files imply")
+           "marker: a folder is an object of its own; prefix: a folder exists while it contains files")
         ->transform(CLI::CheckedTransformer(std::map<std::string, FolderPolicy>{{"marker", FolderPolicy::MarkerObjects},
                                                 {"prefix", FolderPolicy::KeyPrefixes}})
                         .description("marker|prefix"))
         ->default_str("marker");
-    app.add_flag("-v", context.verbose, "Log to standard error, and tell in the end what the store was asked");
+    app.add_flag("-v", context.verbose, "Log to standard error, and print the number of store calls at the end");
+}
+
+std::string describeUnknown(const CLI::App& app, const std::string& argument)
+{
+    if (argument.starts_with('-'))
+    {
+        return "unknown option: " + argument;
+    }
+    return (app.get_subcommands().empty() ? "unknown command: " : "unexpected argument: ") + argument;
 }
 
 int run(int argc, char** argv)
 {
     CommandContext context;
     CLI::App app("Files and folders in an object store.\n"
-                 "Paths begin at the root of the store; the leading \"/\" may be left out. Names are literal, without\n"
-                 "escapes; an address such as cloudfs://store/a%20b is understood too.",
+                 "Paths start at the root of the store; the leading \"/\" may be omitted. Names are literal, without\n"
+                 "escapes. An address such as cloudfs://store/a%20b also works; its escapes are decoded.",
         "cloudfs");
     app.require_subcommand(1);
     app.fallthrough();
@@ -60,7 +69,7 @@ int run(int argc, char** argv)
     {
         app.parse(argc, argv);
         context.printCounters();
-        return context.hasFailed() ? operationFailed : EXIT_SUCCESS;
+        return context.hasFailed() ? exitFailed : EXIT_SUCCESS;
     }
     catch (const CLI::Success& request)
     {
@@ -69,21 +78,21 @@ int run(int argc, char** argv)
     catch (const CLI::ParseError& error)
     {
         const auto unknown = app.remaining();
-        const std::string reason = unknown.empty() ? error.what() : "not understood: " + unknown.front();
+        const std::string reason = unknown.empty() ? error.what() : describeUnknown(app, unknown.front());
         fmt::print(stderr, "cloudfs: {}; see cloudfs --help\n", cloudfs::text::printable(reason));
-        return wrongUsage;
+        return exitUsage;
     }
 }
 
-int failed(const char* message)
+int reportError(const char* message)
 {
-    if (cloudfs::interrupt::isPending()) // whatever failed failed for this reason
+    if (cloudfs::interrupt::isPending()) // then the interrupt is the cause of every failure
     {
         fmt::print(stderr, "cloudfs: interrupted\n");
         return cloudfs::interrupt::exitStatus();
     }
     fmt::print(stderr, "cloudfs: {}\n", message);
-    return operationFailed;
+    return exitFailed;
 }
 
 } // namespace
@@ -97,18 +106,18 @@ int main(int argc, char** argv)
     }
     catch (const cloudfs::interrupt::Interrupted&)
     {
-        return failed("");
+        return reportError("");
     }
     catch (const cloudfs::StandardOutput::BrokenPipe&)
     {
-        return brokenPipe;
+        return exitBrokenPipe;
     }
     catch (const cloudfs::CommandError& error)
     {
-        return failed(error.what());
+        return reportError(error.what());
     }
     catch (const std::exception& exception)
     {
-        return failed(cloudfs::text::printable(exception.what()).c_str());
+        return reportError(cloudfs::text::printable(exception.what()).c_str());
     }
 }
