@@ -56,8 +56,8 @@ void CommandContext::open()
     }
     catch (const CloudException& exception)
     {
-        // The URL may contain a password, and the line may end up in a log.
-        throw CommandError::fromStore(storeUrl.find('@') == std::string::npos ? storeUrl : "--store", exception);
+        const bool mayHavePassword = storeUrl.find('@') != std::string::npos; // the line may end up in a log
+        throw CommandError::fromStore(mayHavePassword || storeUrl.empty() ? "--store" : storeUrl, exception);
     }
     // The recorder is inside, because a cancelled call is not a failure of the store.
     m_recorder = std::make_shared<storage::clients::FailureRecordingClient>(m_store);

@@ -27,7 +27,7 @@ public:
 
     /// Open the store. Call once, before every other operation.
     ///
-    /// @throws CommandError that names the store's URL, or only "--store" if the URL may contain a password
+    /// @throws CommandError that names the store's URL, or "--store" if the URL is empty or may contain a password
     void open();
 
     const fsp::IProvider& provider() const noexcept { return *m_provider; }

@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <string_view>
@@ -17,6 +18,17 @@ namespace cloudfs::diagnostics
 {
 
 namespace severity = foundation::log::severity;
+
+void printLine(std::string_view text)
+{
+    print(fmt::format("cloudfs: {}\n", text));
+}
+
+void print(std::string_view text) noexcept
+{
+    // Not fmt::print(), which throws when standard error is closed or its disk is full.
+    [[maybe_unused]] const std::size_t written = std::fwrite(text.data(), 1, text.size(), stderr);
+}
 
 void install(bool verbose)
 {
@@ -27,7 +39,7 @@ void install(bool verbose)
         {
             if (verbose || level == severity::warning)
             {
-                fmt::print(stderr, "cloudfs: [{}] {}\n", level, text::printable(message));
+                printLine(fmt::format("[{}] {}", level, text::printable(message)));
             }
         });
 }

@@ -1,8 +1,18 @@
 #pragma once
 
-/// The provider's log records, and which of them the user sees.
+#include <string_view>
+
+/// What the program prints on standard error.
 namespace cloudfs::diagnostics
 {
+
+/// Print the line "cloudfs: TEXT". Any thread may call this; lines do not mix.
+///
+/// A failure is ignored, because there is no other place to report it.
+void printLine(std::string_view text);
+
+/// Print text without a line break. A failure is ignored.
+void print(std::string_view text) noexcept;
 
 /// Receive the log records of this process. Call once, before the first store is opened.
 ///

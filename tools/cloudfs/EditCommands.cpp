@@ -37,7 +37,8 @@ void addEditCommands(CLI::App& app, CommandContext& context)
         ->add_option("--offset", *offset,
             "Where to write, in bytes from the start of the file; a gap beyond its end reads as zeros")
         ->required()
-        ->check(CLI::Range(std::uint64_t{0}, maxOffset));
+        ->check(CLI::Range(std::uint64_t{0}, maxOffset).description(""))
+        ->type_name("BYTES");
     write->callback(
         [&context, path, offset] { edit(context, *path, *offset, fsp::ByteStreamWritePosition::AtOffset); });
 

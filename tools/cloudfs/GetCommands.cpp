@@ -30,6 +30,8 @@ struct Options
     unsigned jobs = 4;
 };
 
+constexpr auto notAFolder = "already exists and is not a folder";
+
 void downloadFile(const CommandContext& context, const StorePath& path, LocalTarget& target, Progress& progress)
 {
     download(
@@ -67,7 +69,8 @@ public:
     {
         if (::mkdir(m_target.c_str(), 0777) != 0 && !isLocalFolder(m_target))
         {
-            throw CommandError::fromErrno(m_target, errno);
+            throw errno == EEXIST ? CommandError(m_target, notAFolder, fsp::ErrorCode::AlreadyExists)
+                                  : CommandError::fromErrno(m_target, errno);
         }
         m_folders.insert("");
         m_context.translateErrors(m_source,
@@ -103,7 +106,7 @@ private:
             }
             if (!S_ISDIR(status.st_mode))
             {
-                throw CommandError(local, "already exists and is not a folder", fsp::ErrorCode::AlreadyExists);
+                throw CommandError(local, notAFolder, fsp::ErrorCode::AlreadyExists);
             }
         }
         m_folders.insert(name);
@@ -193,8 +196,9 @@ void addGetCommands(CLI::App& app, CommandContext& context)
     command->add_option("PATH", options->path, "A file, or a folder with -r")->required();
     command->add_option("LOCAL", options->local, "The local destination, or - for standard output")->required();
     auto* recursive = command->add_flag("-r", options->recursive, "Download a folder and its contents");
-    command->add_option("-j", options->jobs, "Files to transfer at the same time, with -r")
-        ->check(CLI::Range(1, 64))
+    command->add_option("-j", options->jobs, "Files to transfer at the same time with -r, 1 to 64")
+        ->check(CLI::Range(1, 64).description(""))
+        ->type_name("N")
         ->capture_default_str();
     command->add_flag("-f", options->force, "Replace existing files");
     command->callback(

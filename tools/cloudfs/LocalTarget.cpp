@@ -1,6 +1,7 @@
 #include "LocalTarget.hpp"
 
 #include "CommandError.hpp"
+#include "Diagnostics.hpp"
 #include "Interrupt.hpp"
 
 #include <fmt/format.h>
@@ -92,7 +93,7 @@ LocalTarget::~LocalTarget()
     }
     if (!m_temporary.empty() && ::unlink(m_temporary.c_str()) != 0)
     {
-        fmt::print(stderr, "cloudfs: {}\n", CommandError::fromErrno(m_temporary, errno).what());
+        diagnostics::printLine(CommandError::fromErrno(m_temporary, errno).what());
     }
 }
 

@@ -1,4 +1,5 @@
 #include "Progress.hpp"
+#include "Diagnostics.hpp"
 
 #include <storage/clients/common/CallCounters.hpp>
 
@@ -7,7 +8,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
-#include <cstdio>
 #include <unistd.h>
 
 namespace cloudfs
@@ -62,7 +62,7 @@ void Progress::report(const std::string& text)
 {
     const std::lock_guard lock(m_mutex);
     erase();
-    fmt::print(stderr, "cloudfs: {}\n", text);
+    diagnostics::printLine(text);
 }
 
 void Progress::paint(Clock::time_point now)
@@ -80,8 +80,8 @@ void Progress::paint(Clock::time_point now)
         bar = fmt::format("[{:#<{}}{:.<{}}] {:3.0f}%  {}:{:02} left  ", "", filled, "", width - filled, share * 100,
             wait / 60, wait % 60);
     }
-    fmt::print(stderr, "\r{}{}  {}/s\x1b[K", bar, formatBytes(m_done), formatBytes(static_cast<std::uint64_t>(rate)));
-    std::fflush(stderr);
+    diagnostics::print(
+        fmt::format("\r{}{}  {}/s\x1b[K", bar, formatBytes(m_done), formatBytes(static_cast<std::uint64_t>(rate))));
     m_painted = true;
 }
 
@@ -89,8 +89,7 @@ void Progress::erase()
 {
     if (m_painted)
     {
-        fmt::print(stderr, "\r\x1b[K");
-        std::fflush(stderr);
+        diagnostics::print("\r\x1b[K");
         m_painted = false;
     }
 }

@@ -164,8 +164,9 @@ void addPutCommand(CLI::App& app, CommandContext& context)
     command->add_option("LOCAL", options->local, "A file, a folder with -r, or - for standard input")->required();
     command->add_option("PATH", options->path, "The destination in the store")->required();
     auto* recursive = command->add_flag("-r", options->recursive, "Upload a folder and its contents");
-    command->add_option("-j", options->jobs, "Files to transfer at the same time, with -r")
-        ->check(CLI::Range(1, 64))
+    command->add_option("-j", options->jobs, "Files to transfer at the same time with -r, 1 to 64")
+        ->check(CLI::Range(1, 64).description(""))
+        ->type_name("N")
         ->capture_default_str();
     command->add_flag("-f", options->force, "Replace existing files");
     command->callback(

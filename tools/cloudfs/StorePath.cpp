@@ -103,8 +103,9 @@ void StorePath::append(std::string_view segment, const std::string& argument)
     }
     if (segment.ends_with('.'))
     {
-        throw CommandError(
-            argument, "the store cannot keep a name that ends in a dot", fsp::ErrorCode::InvalidLocation);
+        throw CommandError(argument,
+            segment == ".." ? "\"..\" is not supported" : "the store cannot keep a name that ends in a dot",
+            fsp::ErrorCode::InvalidLocation);
     }
     try
     {

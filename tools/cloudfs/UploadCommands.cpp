@@ -1,5 +1,6 @@
 #include "CommandError.hpp"
 #include "Commands.hpp"
+#include "StandardOutput.hpp"
 #include "Text.hpp"
 
 #include <storage/clients/common/UploadInventory.hpp>
@@ -10,7 +11,6 @@
 #include <fmt/format.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <map>
 #include <memory>
 #include <string>
@@ -41,15 +41,18 @@ std::vector<PendingUpload> uploadsOlderThan(const CommandContext& context, std::
 
 void list(const CommandContext& context, std::int64_t seconds)
 {
+    StandardOutput output;
     for (const PendingUpload& upload : uploadsOlderThan(context, seconds))
     {
-        fmt::print("{}  {}  /{}\n", text::fullTime(upload.created), text::printable(upload.uploadId),
-            text::printable(upload.key));
+        output.line(fmt::format("{}  {}  /{}", text::fullTime(upload.created), text::printable(upload.uploadId),
+            text::printable(upload.key)));
     }
+    output.flush();
 }
 
 void abort(const CommandContext& context, std::int64_t seconds)
 {
+    StandardOutput output;
     for (const PendingUpload& upload : uploadsOlderThan(context, seconds))
     {
         try
@@ -60,7 +63,8 @@ void abort(const CommandContext& context, std::int64_t seconds)
         {
             continue; // it was completed or aborted meanwhile
         }
-        fmt::print("aborted  {}  /{}\n", text::printable(upload.uploadId), text::printable(upload.key));
+        output.line(fmt::format("aborted  {}  /{}", text::printable(upload.uploadId), text::printable(upload.key)));
+        output.flush(); // now: the next one may fail
     }
 }
 
@@ -68,8 +72,8 @@ CLI::Option* addAge(CLI::App& command, std::int64_t& seconds)
 {
     const std::map<std::string, std::int64_t> units{{"s", 1}, {"m", 60}, {"h", 3600}, {"d", 24 * 3600}};
     return command.add_option("--older-than", seconds, "Only uploads older than this: a number with s, m, h or d")
-        ->type_name("")
-        ->transform(CLI::AsNumberWithUnit(units, CLI::AsNumberWithUnit::UNIT_REQUIRED, "AGE"))
+        ->type_name("AGE")
+        ->transform(CLI::AsNumberWithUnit(units, CLI::AsNumberWithUnit::UNIT_REQUIRED).description(""))
         ->check(CLI::Range(std::int64_t{0}, maxAge).description(""));
 }
 

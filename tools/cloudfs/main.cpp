@@ -1,17 +1,17 @@
 #include "CommandError.hpp"
 #include "Commands.hpp"
+#include "Diagnostics.hpp"
 #include "Interrupt.hpp"
 #include "StandardOutput.hpp"
 #include "Text.hpp"
 
 #include <CLI/CLI.hpp>
-#include <fmt/format.h>
-
-#include <cstdio>
+#include <array>
 #include <cstdlib>
 #include <exception>
-#include <map>
+#include <fcntl.h>
 #include <string>
+#include <unistd.h>
 
 namespace
 {
@@ -29,11 +29,18 @@ void addGlobalOptions(CLI::App& app, CommandContext& context)
            "local:DIR (local: is $XDG_DATA_HOME/cloudfs), memory: or "
            "s3://BUCKET?endpoint=URL&region=REGION&path-style=1")
         ->capture_default_str();
-    app.add_option("--folders", context.folderPolicy,
+    app.add_option_function<std::string>(
+           "--folders",
+           [&context](const std::string& name)
+           {
+               if (name != "marker" && name != "prefix")
+               {
+                   throw CLI::ValidationError("--folders", "must be marker or prefix");
+               }
+               context.folderPolicy = name == "marker" ? FolderPolicy::MarkerObjects : FolderPolicy::KeyPrefixes;
+           },
            "marker: a folder is an object of its own; prefix: a folder exists while it contains files")
-        ->transform(CLI::CheckedTransformer(std::map<std::string, FolderPolicy>{{"marker", FolderPolicy::MarkerObjects},
-                                                {"prefix", FolderPolicy::KeyPrefixes}})
-                        .description("marker|prefix"))
+        ->type_name("marker|prefix")
         ->default_str("marker");
     app.add_flag("-v", context.verbose, "Log to standard error, and print the number of store calls at the end");
 }
@@ -79,8 +86,21 @@ int run(int argc, char** argv)
     {
         const auto unknown = app.remaining();
         const std::string reason = unknown.empty() ? error.what() : describeUnknown(app, unknown.front());
-        fmt::print(stderr, "cloudfs: {}; see cloudfs --help\n", cloudfs::text::printable(reason));
+        cloudfs::diagnostics::printLine(cloudfs::text::printable(reason) + "; see cloudfs --help");
         return exitUsage;
+    }
+}
+
+/// Open those of standard input, output and error that the caller has closed, so that no other file takes their place.
+/// Reads and writes still fail, because each is opened for the wrong direction.
+void openClosedStandardStreams()
+{
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+    {
+        if (::fcntl(stream, F_GETFD) < 0)
+        {
+            [[maybe_unused]] const int lowestFree = ::open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+        }
     }
 }
 
@@ -88,10 +108,10 @@ int reportError(const char* message)
 {
     if (cloudfs::interrupt::isPending()) // then the interrupt is the cause of every failure
     {
-        fmt::print(stderr, "cloudfs: interrupted\n");
+        cloudfs::diagnostics::printLine("interrupted");
         return cloudfs::interrupt::exitStatus();
     }
-    fmt::print(stderr, "cloudfs: {}\n", message);
+    cloudfs::diagnostics::printLine(message);
     return exitFailed;
 }
 
@@ -101,6 +121,7 @@ int main(int argc, char** argv)
 {
     try
     {
+        openClosedStandardStreams();
         cloudfs::interrupt::install();
         return run(argc, argv);
     }
