@@ -5,7 +5,7 @@
 #include "Interrupt.hpp"
 #include "StandardOutput.hpp"
 
-#include <storage/clients/common/CallCounters.hpp>
+#include <storage/clients/common/StoreCounters.hpp>
 #include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/stores/OpenStore.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
@@ -52,7 +52,7 @@ void CommandContext::open()
     diagnostics::install(verbose);
     try
     {
-        m_store = storage::clients::openStore(storeUrl);
+        m_store = storage::clients::openStore(storeUrl, &interrupt::isPending);
     }
     catch (const CloudException& exception)
     {
@@ -61,7 +61,7 @@ void CommandContext::open()
     }
     // The recorder is inside, because a cancelled call is not a failure of the store.
     m_recorder = std::make_shared<storage::clients::FailureRecordingClient>(m_store);
-    m_client = std::make_shared<storage::clients::CancellableClient>(m_recorder);
+    m_client = std::make_shared<storage::clients::CancellableClient>(m_recorder, &interrupt::isPending);
     m_provider = storage::cloudprovider::buildCloudProvider(m_client, folderPolicy, true);
 }
 

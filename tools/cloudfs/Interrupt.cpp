@@ -1,7 +1,5 @@
 #include "Interrupt.hpp"
 
-#include <storage/clients/decorators/CancellableClient.hpp>
-
 #include <foundation/interrupt/utInterruptState.hpp>
 
 #include <array>
@@ -19,7 +17,7 @@ namespace cloudfs::interrupt
 namespace
 {
 
-std::atomic<int> caughtSignal{0};
+std::atomic<int> caughtSignal{0}; // for exitStatus() only; utInterruptState is the flag
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler sets it");
 
 // One byte is written by the handler and never read, so that every later poll() returns at once: a signal that comes
@@ -31,7 +29,6 @@ extern "C" void onSignal(int signal)
     const int savedError = errno;
     caughtSignal = signal;
     utInterruptState::RequestInterrupt();
-    storage::clients::CancellableClient::cancelAll();
     [[maybe_unused]] const auto written = ::write(wakeUp[1], "", 1);
     errno = savedError;
 }
@@ -70,7 +67,7 @@ void blockSignalsInThisThread()
 
 bool isPending() noexcept
 {
-    return caughtSignal != 0;
+    return utInterruptState::IsInterruptPending();
 }
 
 void throwIfPending()

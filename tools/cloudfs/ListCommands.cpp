@@ -4,7 +4,7 @@
 #include "StandardOutput.hpp"
 #include "Text.hpp"
 
-#include <storage/clients/common/CallCounters.hpp>
+#include <storage/clients/common/StoreCounters.hpp>
 
 #include <fl/i18n.hpp>
 

@@ -1,7 +1,7 @@
 #include "Progress.hpp"
 #include "Diagnostics.hpp"
 
-#include <storage/clients/common/CallCounters.hpp>
+#include <storage/clients/common/StoreCounters.hpp>
 
 #include <fmt/format.h>
 

@@ -17,10 +17,10 @@ protected:
     void setPages(const std::vector<std::vector<std::string>>& pages)
     {
         store->put("f/", "");
-        store->pages.clear();
+        faults->pages.clear();
         for (const auto& keys : pages)
         {
-            auto& page = store->pages.emplace_back();
+            auto& page = faults->pages.emplace_back();
             for (const std::string& key : keys)
             {
                 page.push_back({key, page.size() + 1, utils::long2Ptime(1000 * static_cast<int>(page.size() + 1))});

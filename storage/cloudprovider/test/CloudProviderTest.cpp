@@ -66,10 +66,10 @@ class CallTest : public CloudProviderTest, public testing::WithParamInterface<Ca
 
 TEST_P(CallTest, AsksNoMoreThanItMust)
 {
-    const auto asked = buildCloudProvider(store, GetParam().policy, false);
-    EXPECT_EQ(store->takeCalls(), "") << "a provider is built without a word to the store";
+    const auto asked = buildCloudProvider(faults, GetParam().policy, false);
+    EXPECT_EQ(faults->takeCalls(), "") << "a provider is built without a word to the store";
     EXPECT_EQ(outcome([&] { GetParam().call(*asked); }), GetParam().outcome);
-    EXPECT_EQ(store->takeCalls(), GetParam().calls);
+    EXPECT_EQ(faults->takeCalls(), GetParam().calls);
 }
 
 const std::string transfer = "getObjectParts file; validateObjectName b; getObjectRange file 0 0; putObject b";
@@ -108,7 +108,7 @@ TEST_F(CloudProviderTest, RefusesMalformedIrisAndOtherPoliciesAtOnce)
     const auto copy = [&] { provider->copyFile(iriOf("file"), fsp::StorageIRI(u"no iri"), {}); };
     EXPECT_EQ(codeOf(copy), fsp::ErrorCode::InvalidLocation.value());
     EXPECT_EQ(move("file", "b", 2), "Unsupported: mem://test/file");
-    EXPECT_EQ(store->takeCalls(), "");
+    EXPECT_EQ(faults->takeCalls(), "");
 }
 
 TEST_F(CloudProviderTest, FailedTransfersNameTheSideThatFailed)
@@ -116,7 +116,7 @@ TEST_F(CloudProviderTest, FailedTransfersNameTheSideThatFailed)
     fail(Operation::PutObject, 0, refused);
     EXPECT_EQ(move("file", "b"), "Unknown: mem://test/b");
     EXPECT_THAT(move("gone", "b"), testing::StartsWith("NotFound: mem://test/gone"));
-    store->faults().clearFaults();
+    faults->clearFaults();
     fail(Operation::DeleteObject, 0, refused);
     EXPECT_EQ(move("file", "b"), "PermissionDenied: mem://test/file: why");
 }
@@ -124,21 +124,21 @@ TEST_F(CloudProviderTest, FailedTransfersNameTheSideThatFailed)
 TEST_F(CloudProviderTest, OpenFilesAreNeitherRemovedNorMoved)
 {
     auto stream = provider->openReadOnlyStream(iriOf("file"));
-    store->takeCalls();
+    faults->takeCalls();
     EXPECT_EQ(outcome([&] { provider->removeFile(iriOf("file")); }), "InUse: mem://test/file");
     EXPECT_EQ(move("file", "b", 6), "InUse: mem://test/file") << "before the policy is looked at";
-    EXPECT_EQ(store->takeCalls(), "");
+    EXPECT_EQ(faults->takeCalls(), "");
     EXPECT_EQ(move("implied/x", "file"), "InUse: mem://test/file") << "the only copy would be in that stream's hands";
 
     const auto openOnRemoval = [&](Operation operation)
     {
         if (operation == Operation::DeleteObject)
         {
-            store->onCall = {};
+            faults->onCall = {};
             stream = provider->openStream(iriOf("marked"), {});
         }
     };
-    store->onCall = openOnRemoval;
+    faults->onCall = openOnRemoval;
     const auto removeTree = [&] { provider->removeFolderRecursively(iriOf("marked")); };
     EXPECT_EQ(outcome(removeTree), "InUse: mem://test/marked") << "its own IRI is asked about before each removal";
     EXPECT_THAT(store->keys(), testing::ElementsAre("file", "implied/x", "marked/x", "only/"));
@@ -154,7 +154,7 @@ TEST_F(CloudProviderTest, LongRemovalsCanBeInterruptedBetweenPages)
     {
         const foundation::usm::ContextScope context;
         EXPECT_EQ(outcome(removeTree), "Unknown: mem://test/marked");
-        EXPECT_EQ(store->takeCalls(), "listObjects marked/ '' -1");
+        EXPECT_EQ(faults->takeCalls(), "listObjects marked/ '' -1");
     }
     EXPECT_EQ(outcome(removeTree), "done") << "without the context nobody asks";
     utInterruptState::ClearInterrupt();

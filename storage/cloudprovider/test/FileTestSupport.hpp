@@ -2,6 +2,8 @@
 
 #include "OpenFileContext.hpp"
 
+#include <storage/clients/decorators/FaultyClient.hpp>
+#include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
 #include <storage/cloudprovider/CloudProvider.hpp>
 #include <storage/cloudprovider/DiskBackedBufferFactory.hpp>
@@ -19,11 +21,13 @@
 #include <iostream>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <set>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 // What the tests that work on whole files and trees share.
@@ -120,24 +124,20 @@ inline std::string seedName(unsigned row)
     return row == 0 ? "random" : "seed" + std::to_string(row);
 }
 
-/// A temporary directory of the test's own, so that what is left in it was left by the test. In memory where there is
-/// such a place: the tests make very many small files.
-class PrivateTempFolder
+/// A directory of the test's own. In memory where there is such a place: the tests make very many small files.
+class PrivateFolder
 {
 public:
-    PrivateTempFolder()
-        : m_outer(boost::filesystem::temp_directory_path())
-        , m_path((boost::filesystem::is_directory("/dev/shm") ? "/dev/shm" : m_outer) /
+    PrivateFolder()
+        : m_path((boost::filesystem::is_directory("/dev/shm") ? "/dev/shm" : boost::filesystem::temp_directory_path()) /
                  boost::filesystem::unique_path("files-%%%%%%%%"))
     {
         boost::filesystem::create_directory(m_path);
-        setenv("TMPDIR", m_path.c_str(), 1);
     }
-    PrivateTempFolder(const PrivateTempFolder&) = delete;
-    PrivateTempFolder& operator=(const PrivateTempFolder&) = delete;
-    ~PrivateTempFolder()
+    PrivateFolder(const PrivateFolder&) = delete;
+    PrivateFolder& operator=(const PrivateFolder&) = delete;
+    ~PrivateFolder()
     {
-        setenv("TMPDIR", m_outer.c_str(), 1);
         boost::system::error_code ignored; // a folder that stays is the system's to sweep
         boost::filesystem::remove_all(m_path, ignored);
     }
@@ -146,8 +146,18 @@ public:
     bool isEmpty() const { return boost::filesystem::is_empty(m_path); }
 
 private:
-    const boost::filesystem::path m_outer;
     const boost::filesystem::path m_path;
+};
+
+/// The directory for temporary files while it lives, so that what is left in it was left by the test.
+class PrivateTempFolder : public PrivateFolder
+{
+public:
+    PrivateTempFolder() { setenv("TMPDIR", path(), 1); }
+    ~PrivateTempFolder() { setenv("TMPDIR", m_outer.c_str(), 1); }
+
+private:
+    const boost::filesystem::path m_outer = boost::filesystem::temp_directory_path();
 };
 
 /// Ends the process when a test does not end, and names who has not finished.
@@ -193,11 +203,15 @@ private:
 };
 
 /// A provider over a store in memory.
-template <typename Store>
+/// @tparam Faults  the FaultyClient, or one derived from it, that the provider uses the store through
+template <typename Faults>
 class StoreFixture : public testing::Test
 {
 protected:
-    StoreFixture()
+    /// @param other  the store to use in place of `store`; null: none
+    explicit StoreFixture(clients::MemoryClient::Clock clock = {}, const CloudClientSharedPtr& other = nullptr)
+        : store(std::make_shared<clients::MemoryClient>(std::move(clock)))
+        , faults(std::make_shared<Faults>(other ? other : store))
     {
         unsetenv(partSizeVariable);
         unsetenv(cacheVariable);
@@ -218,23 +232,24 @@ protected:
     /// Store an object in parts of the given sizes, without the provider.
     void putParts(const std::string& key, const std::string& content, const std::vector<std::size_t>& sizes)
     {
-        const std::string upload = store->createMultipartUpload(key, "");
+        CloudClient& client = faults->inner();
+        const std::string upload = client.createMultipartUpload(key, "");
         std::vector<PartInfo> parts;
         for (std::size_t offset = 0; const std::size_t size : sizes)
         {
             std::istringstream bytes(content.substr(offset, size));
             parts.push_back({parts.size(), offset, size, ""});
-            parts.back().Tag = store->uploadPart(key, upload, parts.back(), bytes);
+            parts.back().Tag = client.uploadPart(key, upload, parts.back(), bytes);
             offset += size;
         }
-        store->completeMultipartUpload(key, upload, parts);
+        client.completeMultipartUpload(key, upload, parts);
     }
 
     /// The sizes of the parts of a stored object, which must follow each other.
     std::vector<std::size_t> partSizes(const std::string& key) const
     {
         std::vector<std::size_t> sizes;
-        for (std::size_t offset = 0; const PartInfo& part : store->getObjectParts(key))
+        for (std::size_t offset = 0; const PartInfo& part : faults->inner().getObjectParts(key))
         {
             EXPECT_TRUE(part.Index == sizes.size() && part.Offset == offset) << key << ": " << part;
             offset += part.Size;
@@ -246,22 +261,44 @@ protected:
     OpenFileContextSharedPtr contextOf(const std::string& key,
         std::unique_ptr<BufferFactory> buffers = std::make_unique<DiskBackedBufferFactory>()) const
     {
-        return std::make_shared<OpenFileContext>(iriOf(key), store, std::move(buffers));
+        return std::make_shared<OpenFileContext>(iriOf(key), faults, std::move(buffers));
     }
 
     const PrivateTempFolder temp;
-    const std::shared_ptr<Store> store = std::make_shared<Store>();
-    const std::shared_ptr<fsp::IProvider> provider = buildCloudProvider(store, FolderPolicy::MarkerObjects, true);
+    const std::shared_ptr<clients::MemoryClient> store;
+    const std::shared_ptr<Faults> faults;
+    const std::shared_ptr<fsp::IProvider> provider = buildCloudProvider(faults, FolderPolicy::MarkerObjects, true);
 
 private:
     const std::uint32_t m_severities = getLogger().enabledSeverities();
 };
 
 /// Whole files and trees. Failures are what these tests are full of, and nobody reads a log of them.
-class FileTest : public StoreFixture<clients::MemoryClient>
+class FileTest : public StoreFixture<clients::FaultyClient>
 {
 protected:
-    FileTest() { getLogger().setEnabledSeverities(0); }
+    explicit FileTest(const CloudClientSharedPtr& other = nullptr)
+        : StoreFixture({}, other)
+    {
+        getLogger().setEnabledSeverities(0);
+    }
+
+    /// The bytes of a stored object; nothing when there is no such object.
+    std::optional<std::string> stored(const std::string& key) const
+    {
+        if (!faults->inner().getObjectInfo(key).exists)
+        {
+            return std::nullopt;
+        }
+        std::ostringstream bytes;
+        faults->inner().getObjectRange(key, bytes, 0, 0);
+        return bytes.str();
+    }
+
+    std::vector<clients::PendingUpload> openUploads() const
+    {
+        return clients::findInterface<clients::UploadInventory>(*faults)->pendingUploads();
+    }
 };
 
 } // namespace storage::cloudprovider

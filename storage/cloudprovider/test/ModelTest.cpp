@@ -291,7 +291,7 @@ protected:
         file.tag.clear();
         if (!m_random.oneIn(4))
         {
-            store->faults().clearFaults(); // what follows is no business of the provider's
+            faults->clearFaults(); // what follows is no business of the provider's
             file.layout.assign(m_random.between(1, 4), 0);
             for (std::size_t& size : file.layout)
             {
@@ -307,7 +307,7 @@ protected:
     {
         if (m_faulty && m_random.oneIn(12))
         {
-            store->faults().inject({.operation = clients::Operation::UploadPart,
+            faults->inject({.operation = clients::Operation::UploadPart,
                 .call = m_random.between(1, 3),
                 .moment = clients::Fault::Moment{static_cast<int>(m_random.below(2))},
                 .failure = std::make_exception_ptr(ResourceInUseException(injected))});
@@ -355,7 +355,7 @@ TEST_P(ModelTest, FilesHoldWhatAPlainStringWould)
             ASSERT_NO_FATAL_FAILURE(i < 400 ? step() : closeStream());
             ASSERT_FALSE(HasNonfatalFailure());
         }
-        store->faults().clearFaults();
+        faults->clearFaults();
     }
 }
 

@@ -50,19 +50,19 @@ TEST_F(MultipartUploadManagerTest, FailedPartGoesToTheBackOfTheQueue)
     manager->rerunFailedUploads();
     ASSERT_EQ(done.size(), 2);
     EXPECT_EQ(done.front().Index, 1);
-    store->takeCalls();
+    faults->takeCalls();
     manager->joinUploads();
-    EXPECT_EQ(store->takeCalls(), "");
+    EXPECT_EQ(faults->takeCalls(), "");
 }
 
 TEST_F(MultipartUploadManagerTest, CancellingClearsTheQueueOfAnUploadOnly)
 {
     fail(Operation::CreateMultipartUpload, 1, refused);
     upload(0);
-    store->takeCalls();
+    faults->takeCalls();
     manager->complete({});
     manager->cancel();
-    EXPECT_EQ(store->takeCalls(), "") << "there is none to end";
+    EXPECT_EQ(faults->takeCalls(), "") << "there is none to end";
     manager->rerunFailedUploads();
     EXPECT_EQ(done.size(), 1) << "cancelling kept the queue";
     fail(Operation::UploadPart, 1, refused);

@@ -24,7 +24,7 @@ protected:
         setSizes(partSize, 100);
         sizes.empty() ? void() : putParts("k", "0123456789ab", sizes);
         auto stream = provider->openStream(iriOf("k"), editing);
-        store->takeCalls();
+        faults->takeCalls();
         return stream;
     }
 
@@ -64,7 +64,7 @@ TEST_F(OpenFileTest, SendsWhatChangedAndCopiesTheRest)
             writeAt(*stream, offset, bytes);
         }
         stream->close();
-        EXPECT_EQ(store->takeCalls(), calls);
+        EXPECT_EQ(faults->takeCalls(), calls);
     }
 }
 
@@ -80,13 +80,13 @@ TEST_F(OpenFileTest, KeepsClosedPartsUpToTheLimitOldestOutFirst)
         putParts("k", std::string(9, 'x'), sizes);
         setSizes(3, limit);
         const auto stream = provider->openReadOnlyStream(iriOf("k"));
-        store->takeCalls();
+        faults->takeCalls();
         std::string loaded;
         for (const std::streamoff offset : visited)
         {
             stream->seek(offset, std::ios_base::beg);
             read(*stream);
-            const std::string calls = store->takeCalls();
+            const std::string calls = faults->takeCalls();
             loaded += calls.empty() ? "" : calls.substr(std::string("getObjectRange k ").size(), 1);
         }
         EXPECT_EQ(loaded, expected) << "at most " << limit;
@@ -96,7 +96,7 @@ TEST_F(OpenFileTest, KeepsClosedPartsUpToTheLimitOldestOutFirst)
 TEST_F(OpenFileTest, SeeksKeepThePartTheyStayIn)
 {
     const auto stream = openStored({4, 4});
-    const std::string tag = store->MemoryClient::getObjectParts("k").front().Tag;
+    const std::string tag = store->getObjectParts("k").front().Tag;
     write(*stream, "AB");
     stream->seek(3, std::ios_base::beg);
     stream->seek(0, std::ios_base::beg);
@@ -125,7 +125,7 @@ TEST_F(OpenFileTest, ReportsEarlierUploadsThatStillFailBeforeItWritesMore)
     EXPECT_THAT(takeLog(16), testing::SizeIs(1)) << "a failed upload is only logged";
     EXPECT_EQ(outcome([&] { write(*stream, "9"); }), "ByteStreamWriteFailure: PermissionDenied: why");
     EXPECT_EQ(stream->seek(0, std::ios_base::cur), 9);
-    store->faults().clearFaults();
+    faults->clearFaults();
     writeAt(*stream, 12, "c");
     EXPECT_THAT(takeLog(4), testing::ElementsAre("Adding new part with index 3"));
     stream->close();
@@ -140,7 +140,7 @@ TEST_F(OpenFileTest, FailedFlushesCanBeRepeated)
     {
         auto stream = openStored(sizes);
         const auto held = globalOpenFileManager().open(
-            iriOf("k"), fsp::ByteStreamCreate::MustExist, fsp::ByteStreamTruncate::Keep, store);
+            iriOf("k"), fsp::ByteStreamCreate::MustExist, fsp::ByteStreamTruncate::Keep, faults);
         const auto reopen = [&] { stream = provider->openStream(iriOf("k"), editing); };
         write(*stream, "E");
         fail(operation, 1, refused);
@@ -148,10 +148,10 @@ TEST_F(OpenFileTest, FailedFlushesCanBeRepeated)
         reopen();
         stream->close();
         EXPECT_EQ(store->get("k")->front(), 'E') << "what is unchanged is copied by its tag in the stored object";
-        store->takeCalls();
+        faults->takeCalls();
         reopen();
         stream->close();
-        EXPECT_EQ(store->takeCalls(), sizes.size() == 1 ? "putObject k" : "") << "one part stays new";
+        EXPECT_EQ(faults->takeCalls(), sizes.size() == 1 ? "putObject k" : "") << "one part stays new";
         reopen();
         writeAt(*stream, static_cast<std::streamoff>(4 * sizes.size()) - 1, "F");
         stream->close();
@@ -184,7 +184,7 @@ TEST_F(OpenFileTest, CloseRunsToItsEndAndReportsTheFirstFailure)
     write(*stream, "x");
     fail(Operation::PutObject, 0, std::make_exception_ptr(ResourceInUseException("second")));
     EXPECT_EQ(outcome([&] { stream->close(); }), "ByteStreamCloseFailure: PermissionDenied: first");
-    EXPECT_EQ(store->takeCalls(), "putObject k") << "the flush was tried all the same";
+    EXPECT_EQ(faults->takeCalls(), "putObject k") << "the flush was tried all the same";
     EXPECT_EQ(file.use_count(), 1);
     EXPECT_EQ(outcome([&] { stream->close(); }), "done");
     EXPECT_EQ(outcome([&] { read(*stream); }), "ByteStreamReadFailure: Unknown: the stream is closed");
@@ -238,7 +238,7 @@ class OpenFileManagerTest : public StoreTest
 protected:
     std::shared_ptr<OpenPartManager> open(std::uint32_t create, std::uint32_t truncate, const char* key = "d/k")
     {
-        return manager.open(iriOf(key), fsp::ByteStreamCreate{create}, fsp::ByteStreamTruncate{truncate}, store);
+        return manager.open(iriOf(key), fsp::ByteStreamCreate{create}, fsp::ByteStreamTruncate{truncate}, faults);
     }
 
     OpenFileManager manager;
@@ -258,11 +258,11 @@ TEST_F(OpenFileManagerTest, OpensAsAsked)
         const auto file = [&, create = create, truncate = truncate] { return open(create, truncate); };
         store->put("d/k", "stored");
         EXPECT_EQ(file()->getFileSize(), truncate == 1 ? 6 : 0);
-        EXPECT_EQ(store->takeCalls(), calls);
+        EXPECT_EQ(faults->takeCalls(), calls);
         store->remove("d/k");
         EXPECT_EQ(outcome(file), missing);
         EXPECT_FALSE(manager.isOpen(iriOf("d/k"))) << "failed, or nobody holds it any more";
-        store->takeCalls();
+        faults->takeCalls();
     }
 }
 
@@ -278,7 +278,7 @@ TEST_F(OpenFileManagerTest, IsOpenWhileAFileIsBeingOpened)
             EXPECT_TRUE(manager.isOpen(iriOf("d/k"))) << "an open of another file sweeps what is stale only";
         }
     };
-    store->onCall = look;
+    faults->onCall = look;
     const auto file = open(0, 0);
     EXPECT_EQ(open(1, 1), file) << "an open file is shared, whatever is asked";
 }

@@ -30,10 +30,10 @@ TEST_F(OpenPartBufferTest, FreesOnlyWhatNobodyUsesAndTheStoreHas)
         part.close();
         return bytes;
     };
-    store->setDownloadLimit(9);
+    faults->setDownloadLimit(9);
     EXPECT_EQ(outcome([&] { part.open(); }), "downloading part 0 of \"k\": expected 10 bytes, the store sent 9");
     EXPECT_FALSE(part.isOpen());
-    store->setDownloadLimit();
+    faults->setDownloadLimit();
     part.open();
     part.data()[0] = 'X';
     EXPECT_EQ(bytesAfterDiscarding(), "X123456789") << "in use";

@@ -75,9 +75,10 @@ protected:
     RaceTest()
     {
         setSizes(16, 0);
-        store->faults().setHook(
+        faults->setHook(
             [this](Operation operation, const std::string& key)
             {
+                ++m_calls.at(static_cast<std::size_t>(operation));
                 for (const auto& gate : m_gates)
                 {
                     gate->pass(operation, key);
@@ -131,9 +132,10 @@ protected:
         m_threads.clear();
     }
 
-    std::uint64_t calls(Operation operation) const { return store->callSnapshot()[operation].calls; }
+    std::uint64_t calls(Operation operation) const { return m_calls.at(static_cast<std::size_t>(operation)); }
 
 private:
+    std::array<std::atomic<std::uint64_t>, clients::allOperations.size()> m_calls{};
     std::vector<std::unique_ptr<Gate>> m_gates;
     std::map<std::string, std::atomic<pid_t>> m_ids;
     std::vector<std::thread> m_threads;
@@ -200,7 +202,7 @@ TEST_P(HeldCallTest, OpenersOfDifferentFilesWaitForTheirOwn)
                 failsLikeTheGate(
                     [&] {
                         manager = registry.open(
-                            iriOf(key), fsp::ByteStreamCreate::MustExist, fsp::ByteStreamTruncate::Keep, store);
+                            iriOf(key), fsp::ByteStreamCreate::MustExist, fsp::ByteStreamTruncate::Keep, faults);
                     });
                 const std::lock_guard lock(mutex);
                 manager ? opened[key].push_back(std::move(manager)) : void();
@@ -236,7 +238,7 @@ TEST_P(HeldCallTest, ANewStreamWaitsForARunningFlush)
         // Held, or an opener that is late would find a file that nobody has open, without the bytes that were not
         // stored.
         const auto parts = globalOpenFileManager().open(
-            iriOf("file"), fsp::ByteStreamCreate::IfMissing, fsp::ByteStreamTruncate::Keep, store);
+            iriOf("file"), fsp::ByteStreamCreate::IfMissing, fsp::ByteStreamTruncate::Keep, faults);
         int code = succeeds;
         run("closer", [&] { code = codeOf([&] { first->close(); }); });
         gate.entered.get_future().wait();
@@ -272,7 +274,7 @@ TEST_P(HeldCallTest, AWriteDuringAnUploadIsUploadedAgain)
     uploader->close();
     writer->close();
     EXPECT_EQ(store->get("file"), "olnew!" + std::string(26, 'a'));
-    EXPECT_EQ(calls(Operation::UploadPart), 2 + 2) << "two of them made the file";
+    EXPECT_EQ(calls(Operation::UploadPart), 2);
 }
 
 TEST_P(HeldCallTest, ANewerUploadOfOnePartWins)
@@ -418,7 +420,7 @@ TEST_F(RaceTest, ReadersShareAFileThatGrowsAndDownloadsThatFail)
     const std::string stored = numberedBytes(100);
     putParts("file", stored, {16, 16, 58, 10}); // nothing is cached: parts come and go all the time
     std::atomic<unsigned> downloads = 0;
-    store->faults().setHook(
+    faults->setHook(
         [&](Operation operation, const std::string&)
         {
             if (operation == Operation::GetObjectRange && ++downloads % 5 == 0)
@@ -456,7 +458,7 @@ TEST_F(RaceTest, ReadersShareAFileThatGrowsAndDownloadsThatFail)
         run("reader " + std::to_string(reader), readAll);
     }
     join();
-    store->faults().setHook({});
+    faults->setHook({});
     appender->close();
     std::string grown = stored;
     for (int i = 0; i < 500; ++i)

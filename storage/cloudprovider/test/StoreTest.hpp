@@ -18,13 +18,12 @@ namespace storage::cloudprovider
 
 using clients::Operation;
 
-/// The memory store, which also notes every call: "listObjects d/ '/' -1; getObjectRange d/k 4 7". Everything in it was
-/// stored 5 seconds after 1970 began. Use it from one thread.
-class TestStore : public clients::MemoryClient
+/// Notes every call: "listObjects d/ '/' -1; getObjectRange d/k 4 7". Use it from one thread.
+class NotingClient : public clients::FaultyClient
 {
 public:
-    TestStore()
-        : MemoryClient([] { return utils::long2Ptime(5000); })
+    explicit NotingClient(CloudClientSharedPtr inner)
+        : FaultyClient(std::move(inner))
     {
         const auto note = [this](Operation operation, const std::string& key)
         {
@@ -32,7 +31,7 @@ public:
             m_calls += std::string(clients::name(operation)) + " " + key + std::exchange(m_arguments, "");
             onCall ? onCall(operation) : void();
         };
-        faults().setHook(note);
+        setHook(note);
     }
 
     /// Give the calls since the last time.
@@ -49,7 +48,7 @@ public:
     {
         m_arguments = " '" + options.delimiter + "' " + std::to_string(options.maxKeys);
         std::string ignored;
-        auto page = MemoryClient::listObjects(prefix, pages.empty() ? continuationToken : ignored, options);
+        auto page = FaultyClient::listObjects(prefix, pages.empty() ? continuationToken : ignored, options);
         if (!pages.empty())
         {
             const std::size_t number = continuationToken.empty() ? 0 : std::stoul(continuationToken);
@@ -62,7 +61,7 @@ public:
     void getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last) override
     {
         m_arguments = " " + std::to_string(first) + " " + std::to_string(last);
-        MemoryClient::getObjectRange(key, out, first, last);
+        FaultyClient::getObjectRange(key, out, first, last);
     }
 
 private:
@@ -91,11 +90,12 @@ std::string outcome(const Action& action)
     }
 }
 
-/// A store that is asked call by call, and the log.
-class StoreTest : public StoreFixture<TestStore>
+/// A store that is asked call by call, and the log. Everything was stored 5 seconds after 1970 began.
+class StoreTest : public StoreFixture<NotingClient>
 {
 protected:
     StoreTest()
+        : StoreFixture([] { return utils::long2Ptime(5000); })
     {
         foundation::log::setSink([this](std::uint32_t severity, std::string_view, std::string_view text)
             { m_records.emplace_back(severity, text); });
@@ -116,7 +116,7 @@ protected:
     /// Let calls of an operation fail: the n-th from now, or all.
     void fail(Operation operation, std::uint64_t call = 0, std::exception_ptr failure = nullptr) const
     {
-        store->faults().inject({.operation = operation, .call = call, .failure = std::move(failure)});
+        faults->inject({.operation = operation, .call = call, .failure = std::move(failure)});
     }
 
     /// What a store says that refuses something.

@@ -237,7 +237,7 @@ protected:
     Random m_random{std::get<0>(GetParam())};
     const FolderPolicy m_policy = std::get<1>(GetParam());
     const bool m_checksFolders = m_random.oneIn(2);
-    const std::shared_ptr<CloudProvider> m_tree = buildCloudProvider(store, m_policy, m_checksFolders);
+    const std::shared_ptr<CloudProvider> m_tree = buildCloudProvider(faults, m_policy, m_checksFolders);
     std::map<std::string, std::string> m_objects; // the model
     bool m_emptyPages = false;
 };
@@ -249,7 +249,7 @@ TEST_P(TreeModelTest, TreesAreWhatAMapOfKeysWouldBe)
     {
         SCOPED_TRACE("seed " + std::to_string(m_random.seed) + ", step " + std::to_string(i));
         m_emptyPages = m_random.oneIn(8);
-        store->setEmptyPages(m_emptyPages ? static_cast<unsigned>(m_random.between(1, 3)) : 0);
+        faults->setEmptyPages(m_emptyPages ? static_cast<unsigned>(m_random.between(1, 3)) : 0);
         store->setPageSize(m_random.between(1, 5));
         const std::size_t choice = m_random.below(10);
         ASSERT_NO_FATAL_FAILURE(choice < 2   ? create()

@@ -8,17 +8,44 @@ namespace storage::clients
 namespace
 {
 
-constexpr std::array<std::string_view, allOperations.size()> names{"getObjectInfo", "validateObjectName", "listObjects",
-    "deleteObject", "getObjectRange", "putObject", "getObjectParts", "createMultipartUpload", "uploadPart", "copyPart",
-    "abortMultipartUpload", "completeMultipartUpload"};
+struct Description
+{
+    std::string_view name;
+    bool changesStore;
+};
 
-static_assert(!names.back().empty());
+constexpr std::array<Description, allOperations.size()> descriptions{{
+    {"getObjectInfo", false},
+    {"validateObjectName", false},
+    {"listObjects", false},
+    {"deleteObject", true},
+    {"getObjectRange", false},
+    {"putObject", true},
+    {"getObjectParts", false},
+    {"createMultipartUpload", true},
+    {"uploadPart", true},
+    {"copyPart", true},
+    {"abortMultipartUpload", true},
+    {"completeMultipartUpload", true},
+}};
+
+static_assert(!descriptions.back().name.empty());
+
+const Description& describe(Operation operation) noexcept
+{
+    return descriptions[static_cast<std::size_t>(operation)];
+}
 
 } // namespace
 
 std::string_view name(Operation operation) noexcept
 {
-    return names[static_cast<std::size_t>(operation)];
+    return describe(operation).name;
+}
+
+bool changesStore(Operation operation) noexcept
+{
+    return describe(operation).changesStore;
 }
 
 std::ostream& operator<<(std::ostream& out, Operation operation)

@@ -2,28 +2,18 @@
 
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
-#include <atomic>
+#include <utility>
 
 namespace storage::clients
 {
 
 using namespace storage::cloudprovider;
 
-namespace
+CancellableClient::CancellableClient(std::shared_ptr<CloudClient> inner, std::function<bool()> interrupted)
+    : InterceptingClient(std::move(inner))
+    , m_interrupted(std::move(interrupted))
 {
-
-std::atomic<bool> allCancelled{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets it");
-
-void requireNotInterrupted(const std::string& key)
-{
-    if (allCancelled)
-    {
-        throw UnknownErrorException("Interrupted", "refusing to change \"" + key + "\" after an interrupt");
-    }
 }
-
-} // namespace
 
 CancellableClient::Cancellation::Cancellation(CancellableClient& client, const std::string& key)
     : m_client(client)
@@ -42,62 +32,21 @@ CancellableClient::Cancellation::~Cancellation()
     m_client.m_cancelled.erase(m_entry);
 }
 
-void CancellableClient::cancelAll() noexcept
+void CancellableClient::around(const Call& call, const std::function<void()>& proceed)
 {
-    allCancelled = true;
-}
-
-bool CancellableClient::everythingCancelled() noexcept
-{
-    return allCancelled;
-}
-
-void CancellableClient::requireNotCancelled(const std::string& key) const
-{
-    requireNotInterrupted(key);
-    const std::lock_guard lock(m_mutex);
-    if (m_cancelled.count(key) != 0)
+    if (changesStore(call.operation) && call.operation != Operation::AbortMultipartUpload)
     {
-        throw UnknownErrorException("Cancelled", "writing \"" + key + "\" was given up");
+        if (m_interrupted && m_interrupted())
+        {
+            throw UnknownErrorException("Interrupted", "refusing to change \"" + call.key + "\" after an interrupt");
+        }
+        const std::lock_guard lock(m_mutex);
+        if (call.operation != Operation::DeleteObject && m_cancelled.count(call.key) != 0)
+        {
+            throw UnknownErrorException("Cancelled", "writing \"" + call.key + "\" was given up");
+        }
     }
-}
-
-void CancellableClient::deleteObject(const std::string& key)
-{
-    requireNotInterrupted(key);
-    ForwardingClient::deleteObject(key);
-}
-
-void CancellableClient::putObject(const std::string& key, std::istream& content, std::uint64_t size)
-{
-    requireNotCancelled(key);
-    ForwardingClient::putObject(key, content, size);
-}
-
-std::string CancellableClient::createMultipartUpload(const std::string& key, const std::string& tag)
-{
-    requireNotCancelled(key);
-    return ForwardingClient::createMultipartUpload(key, tag);
-}
-
-std::string CancellableClient::uploadPart(
-    const std::string& key, const std::string& uploadId, const PartInfo& part, std::istream& content)
-{
-    requireNotCancelled(key);
-    return ForwardingClient::uploadPart(key, uploadId, part, content);
-}
-
-std::string CancellableClient::copyPart(const std::string& key, const std::string& uploadId, const PartInfo& part)
-{
-    requireNotCancelled(key);
-    return ForwardingClient::copyPart(key, uploadId, part);
-}
-
-void CancellableClient::completeMultipartUpload(
-    const std::string& key, const std::string& uploadId, const std::vector<PartInfo>& parts)
-{
-    requireNotCancelled(key);
-    ForwardingClient::completeMultipartUpload(key, uploadId, parts);
+    proceed();
 }
 
 } // namespace storage::clients

@@ -10,7 +10,7 @@ namespace storage::clients
 using cloudprovider::PartInfo;
 
 ReadAheadClient::ReadAheadClient(std::shared_ptr<cloudprovider::CloudClient> inner, ReadAheadSettings settings)
-    : ForwardingClient(std::move(inner))
+    : InterceptingClient(std::move(inner))
     , m_readAhead(std::make_unique<ReadAhead>(this->inner(), settings))
 {
 }
@@ -20,7 +20,7 @@ ReadAheadClient::~ReadAheadClient() = default;
 void ReadAheadClient::deleteObject(const std::string& key)
 {
     const ReadAhead::Write write(*m_readAhead, key);
-    ForwardingClient::deleteObject(key);
+    InterceptingClient::deleteObject(key);
 }
 
 void ReadAheadClient::getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last)
@@ -29,20 +29,20 @@ void ReadAheadClient::getObjectRange(const std::string& key, std::ostream& out, 
     const std::uint64_t size = last - first + 1; // 0: more than a number can tell, or nothing
     if (isWhole || last < first || size == 0 || !m_readAhead->read(key, out, {first, size}))
     {
-        ForwardingClient::getObjectRange(key, out, first, last);
+        InterceptingClient::getObjectRange(key, out, first, last);
     }
 }
 
 void ReadAheadClient::putObject(const std::string& key, std::istream& content, std::uint64_t size)
 {
     const ReadAhead::Write write(*m_readAhead, key);
-    ForwardingClient::putObject(key, content, size);
+    InterceptingClient::putObject(key, content, size);
 }
 
 std::vector<PartInfo> ReadAheadClient::getObjectParts(const std::string& key)
 {
     ReadAhead::Opening opening(*m_readAhead, key);
-    auto parts = ForwardingClient::getObjectParts(key);
+    auto parts = InterceptingClient::getObjectParts(key);
     opening.succeeded(parts);
     return parts;
 }
@@ -51,7 +51,7 @@ void ReadAheadClient::completeMultipartUpload(
     const std::string& key, const std::string& uploadId, const std::vector<PartInfo>& parts)
 {
     const ReadAhead::Write write(*m_readAhead, key);
-    ForwardingClient::completeMultipartUpload(key, uploadId, parts);
+    InterceptingClient::completeMultipartUpload(key, uploadId, parts);
 }
 
 } // namespace storage::clients

@@ -1,65 +1,15 @@
 #pragma once
 
+#include "PassThroughBuffer.hpp"
+
 #include <ios>
 #include <istream>
 #include <optional>
 #include <ostream>
-#include <streambuf>
 #include <type_traits>
 
 namespace storage::clients
 {
-
-/// Hand every byte to another buffer and note whether there was one. It cannot be sought, as it stands for those that
-/// cannot.
-class WatchedBuffer : public std::streambuf
-{
-public:
-    explicit WatchedBuffer(std::streambuf& target)
-        : m_target(target)
-    {
-    }
-
-    /// Whether a byte may have gone through: noted before it goes, since a transfer that fails may have done its work.
-    bool wasUsed() const noexcept { return m_used; }
-
-protected:
-    int_type underflow() override { return m_target.sgetc(); } // looks, and leaves the byte where it is
-
-    int_type uflow() override
-    {
-        m_used = true;
-        return m_target.sbumpc();
-    }
-
-    std::streamsize xsgetn(char* bytes, std::streamsize count) override
-    {
-        m_used = m_used || count > 0;
-        return m_target.sgetn(bytes, count);
-    }
-
-    int_type overflow(int_type byte) override
-    {
-        if (traits_type::eq_int_type(byte, traits_type::eof()))
-        {
-            return traits_type::not_eof(byte);
-        }
-        m_used = true;
-        return m_target.sputc(traits_type::to_char_type(byte));
-    }
-
-    std::streamsize xsputn(const char* bytes, std::streamsize count) override
-    {
-        m_used = m_used || count > 0;
-        return m_target.sputn(bytes, count);
-    }
-
-    int sync() override { return m_target.pubsync(); }
-
-private:
-    std::streambuf& m_target;
-    bool m_used = false;
-};
 
 /// The content stream of one call that may have to be made several times. For one thread.
 ///
@@ -75,7 +25,7 @@ public:
         : m_stream(stream)
         , m_state(stream.rdstate())
         , m_start(tell())
-        , m_watched(*stream.rdbuf())
+        , m_watched(stream.rdbuf())
         , m_watchedStream(&m_watched)
     {
         m_watchedStream.exceptions(stream.exceptions());
@@ -90,7 +40,7 @@ public:
         if (!m_start)
         {
             m_watchedStream.clear();
-            return !m_watched.wasUsed();
+            return m_watched.bytes() == 0;
         }
         if (const auto reached = tell(); reached && (!m_furthest || *m_furthest < *reached))
         {
@@ -131,7 +81,7 @@ private:
     const std::ios_base::iostate m_state;
     const std::optional<std::streamoff> m_start; // empty: the stream has no positions, and tries get the watched one
     std::optional<std::streamoff> m_furthest;    // where failed tries ended at most
-    WatchedBuffer m_watched;
+    PassThroughBuffer m_watched;
     Stream m_watchedStream;
 };
 

@@ -1,7 +1,9 @@
 #include <storage/clients/common/TransientException.hpp>
 #include <storage/clients/conformance/CloudClientConformance.hpp>
 #include <storage/clients/decorators/CancellableClient.hpp>
+#include <storage/clients/decorators/CountingClient.hpp>
 #include <storage/clients/decorators/FailureRecordingClient.hpp>
+#include <storage/clients/decorators/FaultyClient.hpp>
 #include <storage/clients/decorators/PipelinedUploadClient.hpp>
 #include <storage/clients/decorators/ReadAheadClient.hpp>
 #include <storage/clients/decorators/RetryingClient.hpp>
@@ -45,13 +47,25 @@ public:
     }
 };
 
+/// What a listing is must not depend on how it is paged.
+class OddPages : public FaultyClient
+{
+public:
+    explicit OddPages(const std::shared_ptr<MemoryClient>& inner)
+        : FaultyClient(inner)
+    {
+        inner->setPageSize(3);
+        setEmptyPages(2);
+    }
+};
+
 /// A store that fails every call of one thread once, in turn before it and after it has had its effect.
 class UnreliableHarness : public conformance::Harness
 {
 public:
     UnreliableHarness()
     {
-        m_store->faults().setHook(
+        m_faults->setHook(
             [this](Operation operation, const std::string&)
             {
                 const unsigned phase = ++m_calls.at(static_cast<std::size_t>(operation)) % 4;
@@ -64,7 +78,7 @@ public:
                 if (phase == 2 && operation != Operation::AbortMultipartUpload &&
                     operation != Operation::CompleteMultipartUpload && operation != Operation::GetObjectRange)
                 {
-                    m_store->faults().inject({operation, 1, Fault::Moment::AfterEffect, m_lostAnswer});
+                    m_faults->inject({operation, 1, Fault::Moment::AfterEffect, m_lostAnswer});
                 }
             });
     }
@@ -74,13 +88,15 @@ public:
 private:
     const std::exception_ptr m_lostAnswer = std::make_exception_ptr(TransientException("Answer lost"));
     std::array<std::atomic<unsigned>, allOperations.size()> m_calls{};
-    const std::shared_ptr<MemoryClient> m_store = std::make_shared<MemoryClient>();
-    RetryingClient m_client{m_store, {.firstDelay = std::chrono::milliseconds(0)}};
+    const std::shared_ptr<FaultyClient> m_faults = std::make_shared<FaultyClient>(std::make_shared<MemoryClient>());
+    RetryingClient m_client{m_faults, {.firstDelay = std::chrono::milliseconds(0)}};
 };
 
 CLOUD_CLIENT_CONFORMANCE(Retrying, [] { return std::make_unique<UnreliableHarness>(); });
 CLOUD_CLIENT_CONFORMANCE(Cancellable, [] { return std::make_unique<DecoratorHarness<CancellableClient>>(); });
 CLOUD_CLIENT_CONFORMANCE(FailureRecording, [] { return std::make_unique<DecoratorHarness<FailureRecordingClient>>(); });
+CLOUD_CLIENT_CONFORMANCE(Counting, [] { return std::make_unique<DecoratorHarness<CountingClient>>(); });
+CLOUD_CLIENT_CONFORMANCE(FaultyWithOddPages, [] { return std::make_unique<DecoratorHarness<OddPages>>(); });
 CLOUD_CLIENT_CONFORMANCE(ReadAhead, [] { return std::make_unique<DecoratorHarness<ReadAheadClient>>(); });
 CLOUD_CLIENT_CONFORMANCE(PipelinedUpload, [] { return std::make_unique<DecoratorHarness<Pipelined<4>>>(); });
 CLOUD_CLIENT_CONFORMANCE(SingleUpload, [] { return std::make_unique<DecoratorHarness<Pipelined<1>>>(); });

@@ -1,6 +1,8 @@
 #include "awaitThreads.hpp"
 
 #include <storage/clients/common/TransientException.hpp>
+#include <storage/clients/decorators/CountingClient.hpp>
+#include <storage/clients/decorators/FaultyClient.hpp>
 #include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/decorators/PipelinedUploadClient.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
@@ -38,19 +40,21 @@ using namespace cloudprovider;
 using test::awaitThreads;
 namespace fsp = foundation::storage::provider;
 
-/// A store in memory whose transfers pass a gate, open at first, and are watched while they are inside.
-class GatedStore : public MemoryClient
+/// Transfers pass a gate, open at first, and are watched while they are inside.
+class GatedClient : public InterceptingClient
 {
 public:
+    using InterceptingClient::InterceptingClient;
+
     std::string uploadPart(
         const std::string& key, const std::string& id, const PartInfo& part, std::istream& content) override
     {
-        return pass({id, part.Index}, [&] { return MemoryClient::uploadPart(key, id, part, content); });
+        return pass({id, part.Index}, [&] { return InterceptingClient::uploadPart(key, id, part, content); });
     }
 
     std::string copyPart(const std::string& key, const std::string& id, const PartInfo& part) override
     {
-        return pass({id, part.Index}, [&] { return MemoryClient::copyPart(key, id, part); });
+        return pass({id, part.Index}, [&] { return InterceptingClient::copyPart(key, id, part); });
     }
 
     void abortMultipartUpload(const std::string& key, const std::string& id) override
@@ -59,7 +63,7 @@ public:
         const auto first = m_inside.lower_bound({id, 0});
         EXPECT_TRUE(first == m_inside.end() || first->first != id) << "aborted during a transfer";
         lock.unlock();
-        MemoryClient::abortMultipartUpload(key, id);
+        InterceptingClient::abortMultipartUpload(key, id);
     }
 
     void setOpen(bool open)
@@ -118,7 +122,7 @@ protected:
     PipelinedUploadClientTest() { getLogger().setEnabledSeverities(0); }
     ~PipelinedUploadClientTest() override
     {
-        store->setOpen(true);
+        gate->setOpen(true);
         client.reset();
         awaitThreads(1);
         EXPECT_THAT(store->openUploads(), testing::IsEmpty());
@@ -127,7 +131,7 @@ protected:
 
     void begin(std::size_t transfers, std::size_t memory = 1000)
     {
-        client = std::make_shared<PipelinedUploadClient>(store, PipelineSettings{transfers, memory});
+        client = std::make_shared<PipelinedUploadClient>(gate, PipelineSettings{transfers, memory});
         upload = client->createMultipartUpload("k", "");
     }
 
@@ -153,11 +157,14 @@ protected:
 
     void complete(const std::vector<PartInfo>& parts) { client->completeMultipartUpload("k", upload, parts); }
 
-    std::uint64_t calls(Operation operation) const { return store->callSnapshot()[operation].calls; }
+    std::uint64_t calls(Operation operation) const { return counted->callSnapshot()[operation].calls; }
 
     std::string storedTag() const { return store->getObjectParts("k").at(0).Tag; }
 
-    const std::shared_ptr<GatedStore> store = std::make_shared<GatedStore>();
+    const std::shared_ptr<MemoryClient> store = std::make_shared<MemoryClient>();
+    const std::shared_ptr<FaultyClient> faults = std::make_shared<FaultyClient>(store);
+    const std::shared_ptr<CountingClient> counted = std::make_shared<CountingClient>(faults);
+    const std::shared_ptr<GatedClient> gate = std::make_shared<GatedClient>(counted);
     std::shared_ptr<PipelinedUploadClient> client;
     std::string upload;
 
@@ -170,15 +177,15 @@ TEST_F(PipelinedUploadClientTest, SendsAndCopiesSeveralPartsAtATime)
     store->put("k", "0123456789");
     begin(4);
     awaitThreads(1);
-    store->setOpen(false);
+    gate->setOpen(false);
     const std::vector<PartInfo> parts{
         send(0, "first "), copy({1, 2, 3, storedTag()}), send(2, " third "), send(3, "fourth "), send(4, "fifth")};
-    store->awaitInside(4);
+    gate->awaitInside(4);
     awaitThreads(5);
-    store->setOpen(true);
+    gate->setOpen(true);
     complete(parts);
     EXPECT_EQ(store->get("k"), "first 234 third fourth fifth");
-    EXPECT_EQ(store->mostInside(), 4U);
+    EXPECT_EQ(gate->mostInside(), 4U);
     EXPECT_EQ(findInterface<UploadInventory>(*client), store.get());
 }
 
@@ -186,7 +193,7 @@ TEST_F(PipelinedUploadClientTest, OneTransferIsTheCallersOwn)
 {
     begin(1);
     const PartInfo part = send(0, "bytes");
-    EXPECT_TRUE(store->wasSentHere(0));
+    EXPECT_TRUE(gate->wasSentHere(0));
     store->completeMultipartUpload("k", upload, {part});
     EXPECT_EQ(store->get("k"), "bytes") << "expected the store's own tag";
 }
@@ -203,19 +210,19 @@ TEST_F(PipelinedUploadClientTest, WithoutThreadsEverythingIsTheCallersOwn)
     const PartInfo sent = send(0, "new");
     const PartInfo copied = copy({1, 0, 3, storedTag()});
     ASSERT_EQ(pthread_setattr_default_np(&usual), 0);
-    EXPECT_TRUE(store->wasSentHere(0));
-    EXPECT_TRUE(store->wasSentHere(1));
+    EXPECT_TRUE(gate->wasSentHere(0));
+    EXPECT_TRUE(gate->wasSentHere(1));
     complete({sent, copied, send(2, "newer")});
-    EXPECT_FALSE(store->wasSentHere(2)) << "there are threads again";
+    EXPECT_FALSE(gate->wasSentHere(2)) << "there are threads again";
     EXPECT_EQ(store->get("k"), "newoldnewer");
 }
 
 TEST_F(PipelinedUploadClientTest, HoldsNoMoreBytesThanAllowed)
 {
     begin(4, 25);
-    store->setOpen(false);
+    gate->setOpen(false);
     std::vector<PartInfo> parts{send(0, "some bytes"), send(1, "some bytes")};
-    store->awaitInside(2);
+    gate->awaitInside(2);
     auto others = std::async(std::launch::async,
         [&]
         {
@@ -224,13 +231,13 @@ TEST_F(PipelinedUploadClientTest, HoldsNoMoreBytesThanAllowed)
                 parts.push_back(send(i, "some bytes"));
             }
         });
-    store->setOpen(true);
+    gate->setOpen(true);
     others.get();
     await(parts[18]);
     await(parts[19]);
-    EXPECT_EQ(store->mostInside(), 2U) << "there were buffers for two parts";
+    EXPECT_EQ(gate->mostInside(), 2U) << "there were buffers for two parts";
     parts.push_back(send(20, "a part that is larger than all buffers"));
-    EXPECT_TRUE(store->wasSentHere(20));
+    EXPECT_TRUE(gate->wasSentHere(20));
     complete(parts);
     EXPECT_EQ(store->get("k").value().size(), 200 + parts.back().Size);
 }
@@ -238,16 +245,16 @@ TEST_F(PipelinedUploadClientTest, HoldsNoMoreBytesThanAllowed)
 TEST_F(PipelinedUploadClientTest, TheLastTransferOfAPartCounts)
 {
     begin(3, 35);
-    store->setOpen(false);
+    gate->setOpen(false);
     std::vector<PartInfo> stale{send(0, "first")};
-    store->awaitInside(1);
+    gate->awaitInside(1);
     stale.push_back(send(0, "second"));
     stale.push_back(send(0, "third"));
     send(1, "");
     send(2, "");
-    store->awaitInside(3); // these two pass by the third, which waits for the first
+    gate->awaitInside(3); // these two pass by the third, which waits for the first
     auto sending = std::async(std::launch::async, [&] { return send(0, std::string(40, 'x')); }); // has no buffer
-    store->setOpen(true);
+    gate->setOpen(true);
     const PartInfo last = sending.get();
     stale.push_back(send(1, "other part"));
     stale.back().Index = 0;
@@ -264,19 +271,19 @@ TEST_F(PipelinedUploadClientTest, TheLastTransferOfAPartCounts)
 TEST_F(PipelinedUploadClientTest, AbortDropsWhatHasNotBegunAndWaitsForTheRest)
 {
     begin(2, 50);
-    store->setOpen(false);
+    gate->setOpen(false);
     PartInfo last;
     for (std::size_t i = 0; i < 5; ++i)
     {
         last = send(i, "some bytes");
     }
-    store->awaitInside(2);
+    gate->awaitInside(2);
     const std::string aborted = std::exchange(upload, client->createMultipartUpload("k", ""));
-    store->faults().inject({.operation = Operation::UploadPart, .call = 1}); // of the two that are under way
-    store->faults().inject({.operation = Operation::AbortMultipartUpload, .call = 1});
+    faults->inject({.operation = Operation::UploadPart, .call = 1}); // of the two that are under way
+    faults->inject({.operation = Operation::AbortMultipartUpload, .call = 1});
     auto aborting = std::async(std::launch::async, [&] { client->abortMultipartUpload("k", aborted); });
     const PartInfo part = send(0, "new bytes"); // finds a buffer when three parts were dropped
-    store->setOpen(true);
+    gate->setOpen(true);
     EXPECT_THROW(aborting.get(), UnknownErrorException);
     complete({part});
     EXPECT_EQ(store->get("k"), "new bytes");
@@ -284,7 +291,7 @@ TEST_F(PipelinedUploadClientTest, AbortDropsWhatHasNotBegunAndWaitsForTheRest)
 
     upload = client->createMultipartUpload("k", "");
     await(send(0, std::string(50, 'x')));
-    EXPECT_FALSE(store->wasSentHere(0)) << "expected all buffers back";
+    EXPECT_FALSE(gate->wasSentHere(0)) << "expected all buffers back";
     EXPECT_THROW(client->completeMultipartUpload("k", aborted, {last}), UnknownErrorException);
     store->abortMultipartUpload("k", upload);
     EXPECT_THROW(client->abortMultipartUpload("k", upload), ResourceNotFoundException);
@@ -301,12 +308,12 @@ TEST_F(PipelinedUploadClientTest, TagsStandForTheRealOnesWhileTheyAreKnown)
     upload = client->createMultipartUpload("k", sent.Tag);
     EXPECT_EQ(store->openUploads().at(0).tag, storedTag());
 
-    store->setOpen(false);
+    gate->setOpen(false);
     const PartInfo copied = copy(sent);
     EXPECT_THROW(copy(copied), UnknownErrorException) << "it is no stored part yet";
     auto waiting = std::async(std::launch::async, [&] { return client->createMultipartUpload("k", copied.Tag); });
-    store->awaitInside(1);
-    store->setOpen(true);
+    gate->awaitInside(1);
+    gate->setOpen(true);
     const std::string next = waiting.get();
     complete({copied});
     EXPECT_EQ(store->openUploads().at(0).tag, storedTag()) << "expected to wait for the copy on its way";
@@ -335,7 +342,7 @@ TEST_F(PipelinedUploadClientTest, AFailureIsToldOnceAndMendedByCompletingAgain)
         const auto transfer = [&](std::size_t index) {
             return failing == Operation::UploadPart ? send(index, "new") : copy({index, 0, 3, storedTag()});
         };
-        store->faults().inject({.operation = failing, .failure = outage});
+        faults->inject({.operation = failing, .failure = outage});
         std::vector<PartInfo> parts{transfer(0)};
         await(parts[0]);
         EXPECT_THAT([&] { transfer(1); }, isTheOutage);
@@ -347,7 +354,7 @@ TEST_F(PipelinedUploadClientTest, AFailureIsToldOnceAndMendedByCompletingAgain)
             EXPECT_NO_THROW(parts.push_back(transfer(2 + round))) << "the completion has told it";
         }
         await(parts.back());
-        store->faults().clearFaults();
+        faults->clearFaults();
         EXPECT_THAT([&] { transfer(1); }, isTheOutage);
         parts[1] = transfer(1);
         complete(parts);
@@ -358,7 +365,7 @@ TEST_F(PipelinedUploadClientTest, AFailureIsToldOnceAndMendedByCompletingAgain)
 TEST_F(PipelinedUploadClientTest, FailedPartsThatFillTheBuffersHoldUpNobody)
 {
     begin(4, 20);
-    store->faults().inject({.operation = Operation::UploadPart});
+    faults->inject({.operation = Operation::UploadPart});
     std::vector<PartInfo> parts;
     for (std::size_t i = 0; i < 2; ++i)
     {
@@ -367,13 +374,13 @@ TEST_F(PipelinedUploadClientTest, FailedPartsThatFillTheBuffersHoldUpNobody)
         EXPECT_THROW(send(i, "not taken"), UnknownErrorException);
     }
     EXPECT_THROW(send(2, "last bytes"), UnknownErrorException) << "expected its own failure";
-    EXPECT_TRUE(store->wasSentHere(2));
-    store->faults().clearFaults();
+    EXPECT_TRUE(gate->wasSentHere(2));
+    faults->clearFaults();
     parts[0] = send(0, "some bytes");
-    EXPECT_TRUE(store->wasSentHere(0));
+    EXPECT_TRUE(gate->wasSentHere(0));
     parts.push_back(send(2, "last bytes"));
     complete(parts);
-    EXPECT_FALSE(store->wasSentHere(2)) << "there was a buffer again";
+    EXPECT_FALSE(gate->wasSentHere(2)) << "there was a buffer again";
     EXPECT_EQ(store->get("k"), "some bytessome byteslast bytes");
 }
 
@@ -426,7 +433,7 @@ protected:
 
         std::mutex mutex;
         std::vector<Operation> calls;
-        store->faults().setHook(
+        faults->setHook(
             [&](Operation operation, const std::string&)
             {
                 const std::lock_guard lock(mutex);
@@ -438,13 +445,13 @@ protected:
             });
         if (!GetParam().isForGood)
         {
-            store->faults().inject({.call = n, .moment = GetParam().moment});
+            faults->inject({.call = n, .moment = GetParam().moment});
         }
         const bool succeeded = write(
-            std::make_shared<PipelinedUploadClient>(store, PipelineSettings{4, 40}), truncate, begin, end, changed);
+            std::make_shared<PipelinedUploadClient>(gate, PipelineSettings{4, 40}), truncate, begin, end, changed);
         awaitThreads(1);
-        store->faults().setHook({});
-        store->faults().clearFaults();
+        faults->setHook({});
+        faults->clearFaults();
 
         const bool isStruck = calls.size() >= n;
         EXPECT_TRUE(succeeded || isStruck) << "failed untouched";

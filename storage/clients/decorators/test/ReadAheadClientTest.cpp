@@ -1,6 +1,8 @@
 #include "WatchedClient.hpp"
 #include "awaitThreads.hpp"
 
+#include <storage/clients/decorators/CountingClient.hpp>
+#include <storage/clients/decorators/FaultyClient.hpp>
 #include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/decorators/ReadAheadClient.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
@@ -55,7 +57,7 @@ protected:
     void decorate(const ReadAheadSettings& settings)
     {
         client.reset();
-        watched = std::make_shared<WatchedClient>(store, size);
+        watched = std::make_shared<WatchedClient>(counted, size);
         client = std::make_unique<ReadAheadClient>(watched, settings);
         open("k");
     }
@@ -110,6 +112,8 @@ protected:
     }
 
     const std::shared_ptr<MemoryClient> store = std::make_shared<MemoryClient>();
+    const std::shared_ptr<FaultyClient> faults = std::make_shared<FaultyClient>(store);
+    const std::shared_ptr<CountingClient> counted = std::make_shared<CountingClient>(faults);
     std::shared_ptr<WatchedClient> watched;
     std::unique_ptr<ReadAheadClient> client;
 };
@@ -124,7 +128,7 @@ TEST_F(ReadAheadClientTest, FetchesEveryByteOnce)
         EXPECT_EQ(watched->asked("k").size(), isAhead ? 10 : 40); // 5 single ones, then of 2, 4, 8, 16 and the 5 left
         EXPECT_EQ(watched->bytes(), 40 * size);
     }
-    EXPECT_EQ(findInterface<StoreCounters>(*client), store.get());
+    EXPECT_EQ(findInterface<StoreCounters>(*client), counted.get());
 }
 
 TEST_F(ReadAheadClientTest, FetchesTheRestOfALargeRange)
@@ -176,10 +180,10 @@ TEST_F(ReadAheadClientTest, FetchesNothingThatNobodyIsExpectedToAskFor)
         {"doubtful size", {0, 1, 2, 3},
             [&](const std::string& key)
             {
-                store->faults().setHook([&](Operation operation, const std::string&)
+                faults->setHook([&](Operation operation, const std::string&)
                     { operation == Operation::GetObjectParts ? put(version(1), key) : void(); });
                 client->getObjectParts(key);
-                store->faults().setHook({});
+                faults->setHook({});
             }},
         {"forgotten size", {0, 1, 2, 3},
             [&](const std::string& key)
@@ -223,7 +227,7 @@ TEST_F(ReadAheadClientTest, ChangesDropWhatWasFetched)
         {"put while it is read",
             [&]
             {
-                store->faults().setHook(
+                faults->setHook(
                     [&](Operation operation, const std::string&)
                     {
                         if (operation == Operation::PutObject)
@@ -234,7 +238,7 @@ TEST_F(ReadAheadClientTest, ChangesDropWhatWasFetched)
                         }
                     });
                 put(changed);
-                store->faults().setHook({});
+                faults->setHook({});
             }},
         {"completion", [&] { upload(*client, changed); }},
         {"deletion", [&] { client->deleteObject("k"), store->put("k", changed); }},
@@ -300,7 +304,7 @@ TEST_F(ReadAheadClientTest, DropsWhatAReaderLeftWhenOthersHaveReadOnForLong)
 
 TEST_F(ReadAheadClientTest, AFailureClosesTheWindow)
 {
-    store->faults().setHook([reader = std::this_thread::get_id()](Operation, const std::string&)
+    faults->setHook([reader = std::this_thread::get_id()](Operation, const std::string&)
         { std::this_thread::get_id() != reader ? throw UnknownErrorException("Lost") : void(); });
     readOld({0, 1});
     watched->asked("k", 3);
@@ -310,8 +314,8 @@ TEST_F(ReadAheadClientTest, AFailureClosesTheWindow)
     watched->asked("last", 3);
     EXPECT_THAT(watched->asked("k"), Not(Contains(4)));
 
-    store->faults().setHook({});
-    store->setDownloadLimit(size - 1);
+    faults->setHook({});
+    faults->setDownloadLimit(size - 1);
     open("short");
     for (const std::uint64_t range : upTo(10))
     {
@@ -325,12 +329,12 @@ TEST_F(ReadAheadClientTest, AFileIsReadRightOrNotAtAllWhateverFails)
     bool struck = true;
     for (std::uint64_t call = 1; struck; ++call)
     {
-        const std::uint64_t before = store->callSnapshot().totalCalls();
-        store->faults().inject({.call = call});
+        const std::uint64_t before = counted->callSnapshot().totalCalls();
+        faults->inject({.call = call});
         std::string bytes(40 * size, '\0');
         try
         {
-            const auto decorated = std::make_shared<ReadAheadClient>(store, ReadAheadSettings{2, 100 * size});
+            const auto decorated = std::make_shared<ReadAheadClient>(counted, ReadAheadSettings{2, 100 * size});
             const auto provider = buildCloudProvider(decorated, FolderPolicy::KeyPrefixes, false);
             const auto stream = provider->openReadOnlyStream(StorageIRI::fromUtf8("mem://test/k"));
             stream->read(bytes.data(), 40 * size);
@@ -341,8 +345,8 @@ TEST_F(ReadAheadClientTest, AFileIsReadRightOrNotAtAllWhateverFails)
             EXPECT_LE(call, 5U) << "expected only what the reader itself asks for to fail it: " << failure.what();
         }
         awaitThreads(1);
-        struck = store->callSnapshot().totalCalls() - before >= call;
-        store->faults().clearFaults();
+        struck = counted->callSnapshot().totalCalls() - before >= call;
+        faults->clearFaults();
     }
 }
 

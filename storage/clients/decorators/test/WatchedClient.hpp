@@ -1,6 +1,6 @@
 #pragma once
 
-#include <storage/clients/decorators/ForwardingClient.hpp>
+#include <storage/clients/decorators/InterceptingClient.hpp>
 
 #include <atomic>
 #include <condition_variable>
@@ -19,12 +19,12 @@ namespace storage::clients
 
 /// Notes for which ranges the store is asked, and can keep back the answers to others than the thread that made it.
 /// Safe for concurrent calls.
-class WatchedClient : public ForwardingClient
+class WatchedClient : public InterceptingClient
 {
 public:
     /// @param rangeSize  bytes; ranges are numbered by the multiple of it that they begin in
     WatchedClient(std::shared_ptr<cloudprovider::CloudClient> inner, std::uint64_t rangeSize)
-        : ForwardingClient(std::move(inner))
+        : InterceptingClient(std::move(inner))
         , m_rangeSize(rangeSize)
     {
     }
@@ -36,7 +36,7 @@ public:
         m_bytes += last - first + 1;
         m_changed.notify_all();
         lock.unlock();
-        ForwardingClient::getObjectRange(key, out, first, last);
+        InterceptingClient::getObjectRange(key, out, first, last);
         lock.lock();
         m_changed.wait(lock, [this] { return !m_holds || std::this_thread::get_id() == m_owner; });
     }

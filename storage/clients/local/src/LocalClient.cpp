@@ -118,7 +118,6 @@ std::vector<StoredPart> findSource(local::Connection& index, const std::string& 
 template <typename Body>
 auto LocalClient::perform(Operation operation, const std::string& key, Body body)
 {
-    m_counters.countCall(operation);
     return translateErrors(
         body, [&] { return fmt::format("{} {} in \"{}\"", name(operation), quoted(key), m_directory.native()); });
 }
@@ -159,7 +158,6 @@ ObjectInfo LocalClient::getObjectInfo(const std::string& key)
 
 void LocalClient::validateObjectName(const std::string& name)
 {
-    m_counters.countCall(Operation::ValidateObjectName);
     checkObjectName(name);
 }
 
@@ -203,7 +201,6 @@ void LocalClient::getObjectRange(const std::string& key, std::ostream& out, std:
                 if (readSegments(*m_index, *m_files, object.id, range.offset, range.offset + range.size,
                         [&](Segment& segment) { writeSegment(key, segment, out); }))
                 {
-                    m_counters.countBytes(Operation::GetObjectRange, range.size);
                     return;
                 }
                 // The object was replaced or removed after find(); try again.
@@ -222,7 +219,6 @@ void LocalClient::putObject(const std::string& key, std::istream& content, std::
             StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
             local::putObject(transaction, key, staged);
             transaction.commit();
-            m_counters.countBytes(Operation::PutObject, size);
         });
 }
 
@@ -262,7 +258,7 @@ std::string LocalClient::uploadPart(
             }
             StagedContent staged = stage(part.Size);
             staged.receive(key, content);
-            return storePart(Operation::UploadPart, key, uploadId, part, staged);
+            return storePart(key, uploadId, part, staged);
         });
 }
 
@@ -310,25 +306,19 @@ std::vector<PendingUpload> LocalClient::pendingUploads()
         [&] { return fmt::format("listing the open uploads in \"{}\"", m_directory.native()); });
 }
 
-CallSnapshot LocalClient::callSnapshot() const
-{
-    return m_counters.snapshot();
-}
-
 StagedContent LocalClient::stage(std::uint64_t size)
 {
     return {*m_files, size, size > m_maxInlineSize};
 }
 
-std::string LocalClient::storePart(Operation operation, const std::string& key, const std::string& uploadId,
-    const PartInfo& part, StagedContent& content)
+std::string LocalClient::storePart(
+    const std::string& key, const std::string& uploadId, const PartInfo& part, StagedContent& content)
 {
     StoreTransaction transaction(*m_index, *m_files, Durability::Deferred);
     const std::int64_t upload = local::requireUpload(transaction.index(), key, uploadId);
     const std::int64_t stored = transaction.add(content);
     setUploadPart(transaction, upload, part.Index, stored);
     transaction.commit();
-    m_counters.countPart(operation, part.Index, part.Size);
     return local::tagOf(stored);
 }
 
@@ -347,7 +337,6 @@ std::optional<std::string> LocalClient::sharePart(
     transaction.share(same->content);
     setUploadPart(transaction, upload, part.Index, same->content);
     transaction.commit();
-    m_counters.countPart(Operation::CopyPart, part.Index, part.Size);
     return local::tagOf(same->content);
 }
 
@@ -377,7 +366,7 @@ std::string LocalClient::copyRange(const std::string& key, const std::string& up
         if (whole)
         {
             staged.sync();
-            return storePart(Operation::CopyPart, key, uploadId, part, staged);
+            return storePart(key, uploadId, part, staged);
         }
         // The object was replaced after it was found; try again.
     }

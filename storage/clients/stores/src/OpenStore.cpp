@@ -1,6 +1,6 @@
 #include <storage/clients/stores/OpenStore.hpp>
 
-#include <storage/clients/decorators/CancellableClient.hpp>
+#include <storage/clients/decorators/CountingClient.hpp>
 #include <storage/clients/decorators/PipelinedUploadClient.hpp>
 #include <storage/clients/decorators/ReadAheadClient.hpp>
 #include <storage/clients/decorators/RetryingClient.hpp>
@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string_view>
+#include <utility>
 
 namespace storage::clients
 {
@@ -50,26 +51,34 @@ std::filesystem::path defaultDirectory()
     refuse("neither XDG_DATA_HOME nor HOME names a directory");
 }
 
+/// Directly around the store, so that retries are counted.
+template <typename Store, typename... Arguments>
+std::shared_ptr<CountingClient> counted(const Arguments&... arguments)
+{
+    return std::make_shared<CountingClient>(std::make_shared<Store>(arguments...));
+}
+
 } // namespace
 
-std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url)
+std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, std::function<bool()> interrupted)
 {
     constexpr std::string_view local = "local:";
     if (url.starts_with(local))
     {
         const std::string directory = url.substr(local.size());
-        return std::make_shared<LocalClient>(directory.empty() ? defaultDirectory() : std::filesystem::path(directory));
+        return counted<LocalClient>(directory.empty() ? defaultDirectory() : std::filesystem::path(directory));
     }
     if (url == "memory:")
     {
-        return std::make_shared<MemoryClient>();
+        return counted<MemoryClient>();
     }
     if (url.starts_with("s3:"))
     {
         s3::S3Settings settings = s3::parseS3Url(url);
-        settings.interrupted = &CancellableClient::everythingCancelled;
-        // From the store upwards: whoever works ahead of its caller is spared what a repetition cures.
-        const auto retrying = std::make_shared<RetryingClient>(std::make_shared<S3Client>(settings));
+        settings.interrupted = interrupted;
+        // From the store upwards. Retries are inside, so that a part that is sent or prefetched is retried, too.
+        const auto retrying = std::make_shared<RetryingClient>(
+            counted<S3Client>(settings), RetryPolicy(), RetryClock(), std::move(interrupted));
         const auto pipelined = std::make_shared<PipelinedUploadClient>(
             retrying, PipelineSettings{.transfers = settings.transfers, .memory = settings.memory / 2});
         return std::make_shared<ReadAheadClient>(

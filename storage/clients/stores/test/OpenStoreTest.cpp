@@ -2,6 +2,7 @@
 
 #include <storage/clients/stores/OpenStore.hpp>
 
+#include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/local/LocalClient.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
@@ -49,8 +50,8 @@ protected:
 
 TEST_F(OpenStoreTest, OpensEachKindOfStore)
 {
-    EXPECT_NE(std::dynamic_pointer_cast<MemoryClient>(openStore("memory:")), nullptr);
-    EXPECT_NE(std::dynamic_pointer_cast<LocalClient>(openStore("local:" + (directory / "a@b").string())), nullptr);
+    EXPECT_NE(findInterface<MemoryClient>(*openStore("memory:")), nullptr);
+    EXPECT_NE(findInterface<LocalClient>(*openStore("local:" + (directory / "a@b").string())), nullptr);
     EXPECT_TRUE(std::filesystem::exists(directory / "a@b"));
 }
 

@@ -36,6 +36,9 @@ static_assert(allOperations.back() == Operation{allOperations.size() - 1});
 /// The operation as CloudClient spells it: "uploadPart". Valid for the whole run of the program.
 std::string_view name(Operation operation) noexcept;
 
+/// Tell whether a successful call may change what the store holds: its objects or its uploads.
+bool changesStore(Operation operation) noexcept;
+
 /// Print the name.
 std::ostream& operator<<(std::ostream& out, Operation operation);
 

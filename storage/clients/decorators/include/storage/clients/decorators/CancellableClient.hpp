@@ -1,7 +1,9 @@
 #pragma once
 
-#include <storage/clients/decorators/ForwardingClient.hpp>
+#include <storage/clients/decorators/InterceptingClient.hpp>
 
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -9,17 +11,18 @@
 namespace storage::clients
 {
 
-/// Let a program forbid that what it is writing becomes visible.
+/// Let a program prevent that what it is writing becomes visible.
 ///
 /// A file written through the provider is committed when its last stream closes, and a stream can only be closed. So a
-/// program whose source failed half-way, or whose user gave up, cancels first and closes then: the commit is refused,
-/// the close fails, the upload is aborted, and the object under the key stays what it was.
+/// program whose source failed half-way cancels the key first and closes then: the commit is refused, the close fails,
+/// the upload is aborted, and the object under the key stays what it was.
 ///
-/// While a key is cancelled, putObject(), createMultipartUpload(), uploadPart(), copyPart() and
-/// completeMultipartUpload() of it throw UnknownErrorException; everything else passes, the abort above all. A call
-/// that was already under way when the cancellation came is not recalled.
+/// While a key is cancelled, every operation on it that stores something throws UnknownErrorException: putObject(),
+/// createMultipartUpload(), uploadPart(), copyPart() and completeMultipartUpload(). While the process is interrupted,
+/// these and deleteObject() throw for every key, so that the removal of a tree stops, too. Everything else passes,
+/// abortMultipartUpload() above all. A call that is already in progress is not affected.
 /// Safe for concurrent calls on one instance.
-class CancellableClient : public ForwardingClient
+class CancellableClient : public InterceptingClient
 {
 public:
     /// Forbids the commit of one key for as long as it lives. Keep it until every stream on the file is gone.
@@ -36,33 +39,20 @@ public:
         const std::multiset<std::string>::iterator m_entry; // stays valid whatever else comes and goes
     };
 
-    using ForwardingClient::ForwardingClient;
+    /// @param interrupted  whether the process is interrupted. Asked on the caller's thread before each call that
+    ///                     changes the store; must be safe to call from any thread. Empty: never.
+    explicit CancellableClient(
+        std::shared_ptr<cloudprovider::CloudClient> inner, std::function<bool()> interrupted = {});
 
     /// Cancel one key until the result is destroyed. Cancelling a key twice is allowed; the last one to go releases it.
     [[nodiscard]] Cancellation cancel(const std::string& key) { return {*this, key}; }
 
-    /// Cancel every key of every instance in this process, and refuse deleteObject() too, for ever.
-    ///
-    /// For the handler of an interrupt: async-signal-safe. Deletions are included so that the removal of a tree stops.
-    static void cancelAll() noexcept;
-
-    /// Whether cancelAll() was called, for those who wait on the store's behalf. From any thread.
-    static bool everythingCancelled() noexcept;
-
-    void deleteObject(const std::string& key) override;
-    void putObject(const std::string& key, std::istream& content, std::uint64_t size) override;
-    std::string createMultipartUpload(const std::string& key, const std::string& tag) override;
-    std::string uploadPart(const std::string& key, const std::string& uploadId, const cloudprovider::PartInfo& part,
-        std::istream& content) override;
-    std::string copyPart(
-        const std::string& key, const std::string& uploadId, const cloudprovider::PartInfo& part) override;
-    void completeMultipartUpload(const std::string& key, const std::string& uploadId,
-        const std::vector<cloudprovider::PartInfo>& parts) override;
+protected:
+    void around(const Call& call, const std::function<void()>& proceed) override;
 
 private:
-    void requireNotCancelled(const std::string& key) const;
-
-    mutable std::mutex m_mutex;             // taken alone; never held during a call of the inner client
+    const std::function<bool()> m_interrupted;
+    std::mutex m_mutex;                     // taken alone; never held during a call of the inner client
     std::multiset<std::string> m_cancelled; // guarded by m_mutex; one entry per living Cancellation
 };
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <storage/clients/decorators/ForwardingClient.hpp>
+#include <storage/clients/decorators/InterceptingClient.hpp>
 
 #include <exception>
 #include <map>
@@ -16,36 +16,22 @@ namespace storage::clients
 /// upload could not even be opened ends quietly, since the stored object is untouched. A host that asks here after each
 /// file finds out in both cases.
 ///
-/// Every failure is rethrown unchanged. Of each key the latest is kept until it is taken, or until the key is committed
-/// by putObject() or completeMultipartUpload(): a failure that a retry has mended is none. Failures of aborts are not
-/// kept, since they never are the cause. Safe for concurrent calls on one instance.
-class FailureRecordingClient : public ForwardingClient
+/// Every failure is rethrown unchanged. The latest failure of each key is kept until it is taken, or until putObject()
+/// or completeMultipartUpload() commits the key: a retry has then succeeded. Failures of validateObjectName(), which
+/// knows no key, and of abortMultipartUpload(), which are never the cause, are not kept. Safe for concurrent calls on
+/// one instance.
+class FailureRecordingClient : public InterceptingClient
 {
 public:
-    using ForwardingClient::ForwardingClient;
+    using InterceptingClient::InterceptingClient;
 
     /// Return the failure that stands recorded for a key, or for a prefix that was listed, and forget it. Null: none.
     std::exception_ptr takeFailure(const std::string& key);
 
-    cloudprovider::ObjectInfo getObjectInfo(const std::string& key) override;
-    std::vector<cloudprovider::ObjectEntry> listObjects(
-        const std::string& prefix, std::string& continuationToken, const cloudprovider::ListOptions& options) override;
-    void deleteObject(const std::string& key) override;
-    void getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last) override;
-    void putObject(const std::string& key, std::istream& content, std::uint64_t size) override;
-    std::vector<cloudprovider::PartInfo> getObjectParts(const std::string& key) override;
-    std::string createMultipartUpload(const std::string& key, const std::string& tag) override;
-    std::string uploadPart(const std::string& key, const std::string& uploadId, const cloudprovider::PartInfo& part,
-        std::istream& content) override;
-    std::string copyPart(
-        const std::string& key, const std::string& uploadId, const cloudprovider::PartInfo& part) override;
-    void completeMultipartUpload(const std::string& key, const std::string& uploadId,
-        const std::vector<cloudprovider::PartInfo>& parts) override;
+protected:
+    void around(const Call& call, const std::function<void()>& proceed) override;
 
 private:
-    template <typename Call>
-    auto recording(const std::string& key, Call call);
-
     std::mutex m_mutex;                                   // taken alone; never held during a call of the inner client
     std::map<std::string, std::exception_ptr> m_failures; // guarded by m_mutex; by key
 };

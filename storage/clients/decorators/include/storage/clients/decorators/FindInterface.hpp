@@ -1,14 +1,14 @@
 #pragma once
 
-#include <storage/clients/decorators/ForwardingClient.hpp>
+#include <storage/clients/decorators/InterceptingClient.hpp>
 
 #include <storage/cloudprovider/CloudClient.hpp>
 
 namespace storage::clients
 {
 
-/// Find an interface that a client may offer beside CloudClient, such as StoreCounters: its own, or that of the nearest
-/// client behind it, where it is a decorator.
+/// Find an interface that a client offers beside CloudClient, such as StoreCounters: its own, or the one of the nearest
+/// client inside it if it is a decorator.
 ///
 /// @return valid as long as `client`; null when none of them offers it, which is no failure
 template <typename Interface>
@@ -18,7 +18,7 @@ Interface* findInterface(cloudprovider::CloudClient& client)
     {
         return found;
     }
-    auto* const decorator = dynamic_cast<ForwardingClient*>(&client);
+    auto* const decorator = dynamic_cast<InterceptingClient*>(&client);
     return decorator != nullptr ? findInterface<Interface>(decorator->inner()) : nullptr;
 }
 

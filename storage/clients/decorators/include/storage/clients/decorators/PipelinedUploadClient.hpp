@@ -1,6 +1,6 @@
 #pragma once
 
-#include <storage/clients/decorators/ForwardingClient.hpp>
+#include <storage/clients/decorators/InterceptingClient.hpp>
 
 #include <cstddef>
 #include <cstdint>
@@ -55,7 +55,7 @@ struct PipelineSettings
 /// with the client; calls of the client below come from them too. No lock is held meanwhile. Where not even one can be
 /// started, parts are sent and copied on the caller's thread. Besides CloudExceptions a call may throw std::bad_alloc
 /// for want of memory. Destroy it when no call is under way.
-class PipelinedUploadClient : public ForwardingClient
+class PipelinedUploadClient : public InterceptingClient
 {
 public:
     explicit PipelinedUploadClient(

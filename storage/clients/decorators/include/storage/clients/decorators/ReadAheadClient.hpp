@@ -1,6 +1,6 @@
 #pragma once
 
-#include <storage/clients/decorators/ForwardingClient.hpp>
+#include <storage/clients/decorators/InterceptingClient.hpp>
 
 #include <cstddef>
 #include <cstdint>
@@ -51,7 +51,7 @@ struct ReadAheadSettings
 /// while the client below works. Threads start when first needed, and the destructor ends them: ranges not yet begun
 /// are dropped, and those on their way are waited for, as long as the client below lets them take. Destroy it when no
 /// call is under way.
-class ReadAheadClient : public ForwardingClient
+class ReadAheadClient : public InterceptingClient
 {
 public:
     explicit ReadAheadClient(std::shared_ptr<cloudprovider::CloudClient> inner, ReadAheadSettings settings = {});

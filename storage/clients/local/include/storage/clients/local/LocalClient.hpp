@@ -1,6 +1,5 @@
 #pragma once
 
-#include <storage/clients/common/CallCounters.hpp>
 #include <storage/clients/common/Operation.hpp>
 #include <storage/clients/common/UploadInventory.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
@@ -50,7 +49,7 @@ class StagedContent;
 /// Failures: a full disk, damage and other failures that the caller did not cause are UnknownErrorExceptions. A content
 /// file with a wrong size is damage, and none of its bytes are served. Denied access is a PermissionDeniedException.
 /// Keys that checkKey() refuses cannot be stored: InvalidLocationException.
-class LocalClient final : public cloudprovider::CloudClient, public StoreCounters, public UploadInventory
+class LocalClient final : public cloudprovider::CloudClient, public UploadInventory
 {
 public:
     /// Contents of at most this many bytes are stored inline in the index, larger ones in a file each.
@@ -89,7 +88,6 @@ public:
     void completeMultipartUpload(const std::string& key, const std::string& uploadId,
         const std::vector<cloudprovider::PartInfo>& parts) override;
 
-    CallSnapshot callSnapshot() const override;
     std::vector<PendingUpload> pendingUploads() override;
 
 private:
@@ -98,8 +96,8 @@ private:
 
     local::StagedContent stage(std::uint64_t size);
 
-    std::string storePart(Operation operation, const std::string& key, const std::string& uploadId,
-        const cloudprovider::PartInfo& part, local::StagedContent& content);
+    std::string storePart(const std::string& key, const std::string& uploadId, const cloudprovider::PartInfo& part,
+        local::StagedContent& content);
 
     // The two ways of copyPart(). sharePart() moves no bytes; it returns nullopt when the range is not a stored part.
     std::optional<std::string> sharePart(
@@ -108,7 +106,6 @@ private:
 
     const std::filesystem::path m_directory; // absolute
     const std::uint64_t m_maxInlineSize;
-    CallCounters m_counters;
     std::unique_ptr<local::Database> m_index;     // constant after construction
     std::unique_ptr<local::ContentFiles> m_files; // constant after construction
 };

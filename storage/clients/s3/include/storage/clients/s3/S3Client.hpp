@@ -1,6 +1,5 @@
 #pragma once
 
-#include <storage/clients/common/CallCounters.hpp>
 #include <storage/clients/common/UploadInventory.hpp>
 #include <storage/clients/s3/S3Settings.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
@@ -52,7 +51,7 @@ class Requester;
 /// Threads: all operations may be called from any thread at the same time; each waits for the store on its own
 /// connection. A completion runs its requests on threads of its own, which end before it returns; no other thread is
 /// started. Only one process-wide thing is used: the initialisation of libcurl.
-class S3Client : public cloudprovider::CloudClient, public StoreCounters, public UploadInventory
+class S3Client : public cloudprovider::CloudClient, public UploadInventory
 {
 public:
     /// Sends nothing: a bucket that is not there shows at the first operation.
@@ -77,11 +76,9 @@ public:
     void completeMultipartUpload(const std::string& key, const std::string& uploadId,
         const std::vector<cloudprovider::PartInfo>& parts) override;
 
-    CallSnapshot callSnapshot() const override;
     std::vector<PendingUpload> pendingUploads() override;
 
 private:
-    CallCounters m_counters;
     const std::unique_ptr<s3::Requester> m_requester;
     const std::unique_ptr<s3::KnownVersions> m_versions;
     const std::unique_ptr<s3::Objects> m_objects;

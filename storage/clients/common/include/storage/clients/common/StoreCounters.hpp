@@ -1,0 +1,56 @@
+#pragma once
+
+#include <storage/clients/common/Operation.hpp>
+#include <storage/clients/common/PartIndexes.hpp>
+
+#include <array>
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+
+namespace storage::clients
+{
+
+/// What a store was asked to do up to one moment. A plain value.
+struct CallSnapshot
+{
+    struct Count
+    {
+        std::uint64_t calls = 0; ///< calls that arrived, failed ones included
+        std::uint64_t bytes = 0; ///< content bytes of the calls that succeeded; of copyPart() the bytes copied
+        PartIndexes parts = {};  ///< indexes of the parts that uploadPart() or copyPart() stored, of all files together
+
+        bool operator==(const Count&) const = default;
+    };
+
+    std::array<Count, allOperations.size()> operations; ///< in the order of allOperations
+
+    const Count& operator[](Operation operation) const { return operations[static_cast<std::size_t>(operation)]; }
+    Count& operator[](Operation operation) { return operations[static_cast<std::size_t>(operation)]; }
+
+    /// Calls of all operations together.
+    std::uint64_t totalCalls() const noexcept;
+
+    bool operator==(const CallSnapshot&) const = default;
+};
+
+/// Print for people, operations that were called in the interface's order, on one line without an end of line:
+/// "uploadPart 1 (5.0 MiB; parts 6), copyPart 12 (60.0 MiB; parts 0-5,7-12), completeMultipartUpload 1"; "no calls"
+/// when there were none.
+std::ostream& operator<<(std::ostream& out, const CallSnapshot& snapshot);
+
+/// Bytes as people read them, in powers of 1,024 with one decimal from KiB on: "512 B", "5.0 MiB".
+std::string formatBytes(std::uint64_t bytes);
+
+/// What a client offers beside CloudClient when it counts its calls. A host finds out with findInterface().
+class StoreCounters
+{
+public:
+    virtual ~StoreCounters() = default;
+
+    /// Copy what was counted since this client was made. From any thread. A call that is in progress has been counted,
+    /// its bytes and its part have not.
+    virtual CallSnapshot callSnapshot() const = 0;
+};
+
+} // namespace storage::clients

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <storage/clients/common/Operation.hpp>
+
+#include <storage/cloudprovider/CloudClient.hpp>
+
+#include <cstdint>
+#include <functional>
+#include <iosfwd>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace storage::clients
+{
+
+/// Wrap a client so that every operation passes through one function: the base of all decorators.
+///
+/// A decorator that concerns all operations, or a kind of them, overrides around(). One that concerns the arguments or
+/// the result of an operation overrides that operation, and calls the base's to go through around(), or inner() not to.
+/// This is the only class that lists the operations of CloudClient for decorators: a new one is added here, and passes
+/// through every around() from then on.
+///
+/// Adds no state and no lock; as safe for concurrent calls as the inner client, whose contract it keeps.
+class InterceptingClient : public cloudprovider::CloudClient
+{
+public:
+    /// @param inner  never null; shared for the life of this client
+    explicit InterceptingClient(std::shared_ptr<cloudprovider::CloudClient> inner);
+
+    cloudprovider::ObjectInfo getObjectInfo(const std::string& key) override;
+    void validateObjectName(const std::string& name) override;
+    std::vector<cloudprovider::ObjectEntry> listObjects(
+        const std::string& prefix, std::string& continuationToken, const cloudprovider::ListOptions& options) override;
+    void deleteObject(const std::string& key) override;
+    void getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last) override;
+    void putObject(const std::string& key, std::istream& content, std::uint64_t size) override;
+    std::vector<cloudprovider::PartInfo> getObjectParts(const std::string& key) override;
+    std::string createMultipartUpload(const std::string& key, const std::string& tag) override;
+    std::string uploadPart(const std::string& key, const std::string& uploadId, const cloudprovider::PartInfo& part,
+        std::istream& content) override;
+    std::string copyPart(
+        const std::string& key, const std::string& uploadId, const cloudprovider::PartInfo& part) override;
+    void abortMultipartUpload(const std::string& key, const std::string& uploadId) override;
+    void completeMultipartUpload(const std::string& key, const std::string& uploadId,
+        const std::vector<cloudprovider::PartInfo>& parts) override;
+
+    /// The client that this one wraps, for callers that look for other interfaces there. Valid as long as this client.
+    cloudprovider::CloudClient& inner() const noexcept { return *m_inner; }
+
+protected:
+    /// One call of an operation. Refers to the call's arguments, so it is valid until the call returns.
+    struct Call
+    {
+        Operation operation;
+        const std::string& key; ///< of validateObjectName() the name, of listObjects() the prefix
+        const cloudprovider::PartInfo* part = nullptr; ///< of uploadPart() and copyPart(); null for all others
+        std::uint64_t size =
+            0; ///< bytes that putObject() or uploadPart() sends, or copyPart() copies; 0 for all others
+    };
+
+    /// Make one call. This default does nothing else.
+    ///
+    /// @param proceed  makes the call of the inner client, and throws what that throws. May be called several times, if
+    ///                 the arguments allow it: the last result counts. Not called: the result is empty.
+    /// Called on the thread of the operation's caller, under no lock of this class.
+    virtual void around(const Call& call, const std::function<void()>& proceed);
+
+private:
+    template <typename Make>
+    auto pass(const Call& call, Make make);
+
+    const std::shared_ptr<cloudprovider::CloudClient> m_inner;
+};
+
+} // namespace storage::clients

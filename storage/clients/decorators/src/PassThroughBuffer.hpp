@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstdint>
+#include <ios>
+#include <streambuf>
+
+namespace storage::clients
+{
+
+/// Pass every byte through to another buffer, in either direction, and count the bytes. It has no positions.
+class PassThroughBuffer : public std::streambuf
+{
+public:
+    /// @param target  borrowed for as long as this lives
+    explicit PassThroughBuffer(std::streambuf* target)
+        : m_target(target)
+    {
+    }
+
+    /// Bytes that were taken from the target or given to it. Counted before the transfer, so it includes bytes whose
+    /// transfer failed.
+    std::uint64_t bytes() const noexcept { return m_bytes; }
+
+protected:
+    std::streambuf& target() const noexcept { return *m_target; }
+
+    int_type underflow() override { return target().sgetc(); } // leaves the byte where it is
+
+    int_type uflow() override
+    {
+        ++m_bytes;
+        return target().sbumpc();
+    }
+
+    std::streamsize xsgetn(char* bytes, std::streamsize count) override
+    {
+        m_bytes += static_cast<std::uint64_t>(count);
+        return target().sgetn(bytes, count);
+    }
+
+    int_type overflow(int_type byte) override
+    {
+        if (traits_type::eq_int_type(byte, traits_type::eof()))
+        {
+            return traits_type::not_eof(byte);
+        }
+        ++m_bytes;
+        return target().sputc(traits_type::to_char_type(byte));
+    }
+
+    std::streamsize xsputn(const char* bytes, std::streamsize count) override
+    {
+        m_bytes += static_cast<std::uint64_t>(count);
+        return target().sputn(bytes, count);
+    }
+
+    int sync() override { return target().pubsync(); }
+
+private:
+    std::streambuf* const m_target;
+    std::uint64_t m_bytes = 0;
+};
+
+} // namespace storage::clients
