@@ -1,4 +1,4 @@
-#include "FileTestSupport.hpp"
+#include "LocalStore.hpp"
 
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
@@ -150,6 +150,7 @@ struct Scenario
     std::vector<std::size_t> parts;  // of the file before, in units; empty: it does not exist
     std::vector<std::size_t> source; // of what is transferred, likewise
     std::function<void(Script&)> run;
+    bool local = false; // over the durable store
 };
 
 const std::vector<Scenario> scenarios{
@@ -165,6 +166,11 @@ const std::vector<Scenario> scenarios{
 class FaultSweepTest : public FileTest, public testing::WithParamInterface<Scenario>
 {
 protected:
+    FaultSweepTest()
+        : FileTest(GetParam().local ? makeLocalStore() : nullptr)
+    {
+    }
+
     struct Run
     {
         std::vector<Operation> calls;
@@ -362,6 +368,11 @@ std::string scenarioName(const testing::TestParamInfo<Scenario>& row)
 
 INSTANTIATE_TEST_SUITE_P(Scenarios, FaultSweepTest, testing::ValuesIn(scenarios), scenarioName);
 INSTANTIATE_TEST_SUITE_P(Scenarios, FullDiskTest, testing::ValuesIn(scenarios), scenarioName);
+INSTANTIATE_TEST_SUITE_P(Local, FaultSweepTest,
+    testing::Values(Scenario{"fileOfManyParts", {16, 10, 12}, {}, patchGapAppend, true},
+        Scenario{"move", {7}, {16, 7}, [](Script& script) { transfer(script, &fsp::IProvider::moveFile); }, true}),
+    scenarioName);
+
 using QuietFlushTest = FileTest;
 
 TEST_F(QuietFlushTest, AFlushThatCannotOpenItsUploadSaysNothing)
