@@ -36,6 +36,12 @@ function(house_set_flags target group)
         # g++ 12 takes copies of an optional for uses of what it may not hold, and the joining of a literal and a string
         # for an overlapping copy; clang and the sanitizers see the real ones.
         $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized;-Wno-restrict>)
+    get_target_property(type ${target} TYPE)
+    if(NOT type STREQUAL "EXECUTABLE" AND NOT group STREQUAL "libraries")
+        # As executables are compiled.
+        set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
+        target_compile_options(${target} PRIVATE -fPIE)
+    endif()
     if(group STREQUAL "tests")
         # Optimising test code takes longer than it saves, and makes g++ 12 suspect the standard library of null pointers.
         target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-Og>)

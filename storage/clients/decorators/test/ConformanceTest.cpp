@@ -1,5 +1,4 @@
 #include <storage/clients/common/TransientException.hpp>
-#include <storage/clients/conformance/CloudClientConformance.hpp>
 #include <storage/clients/decorators/CancellableClient.hpp>
 #include <storage/clients/decorators/CountingClient.hpp>
 #include <storage/clients/decorators/FailureRecordingClient.hpp>
@@ -8,6 +7,7 @@
 #include <storage/clients/decorators/ReadAheadClient.hpp>
 #include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
+#include <storage/clients/testing/CloudClientConformance.hpp>
 
 #include <array>
 #include <atomic>

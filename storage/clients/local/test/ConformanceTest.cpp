@@ -1,6 +1,6 @@
 #include "TestStore.hpp"
 
-#include <storage/clients/conformance/CloudClientConformance.hpp>
+#include <storage/clients/testing/CloudClientConformance.hpp>
 
 namespace storage::clients
 {

@@ -1,6 +1,6 @@
 #include <storage/clients/memory/MemoryClient.hpp>
 
-#include <storage/clients/conformance/CloudClientConformance.hpp>
+#include <storage/clients/testing/CloudClientConformance.hpp>
 
 namespace storage::clients
 {

@@ -4,7 +4,7 @@
 #include "protocol/Requester.hpp"
 #include "protocol/Responses.hpp"
 
-#include <storage/clients/conformance/CloudClientConformance.hpp>
+#include <storage/clients/testing/CloudClientConformance.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <sstream>

@@ -18,48 +18,49 @@
 namespace storage::clients::conformance
 {
 
-/// What a store may do differently. A text says why it cannot; empty: it can. There is nothing here for a store that
-/// can at times.
+/// What a store cannot do. Each text is the reason; an empty one means that the store can.
+///
+/// A client must do everything else that the suite checks, every time: no flag excuses a case that fails sometimes.
 struct Capabilities
 {
-    std::size_t minPartSize = 1;      ///< bytes that a part which is not the last must have
+    std::size_t minPartSize = 1;      ///< minimum size in bytes of every part but the last
     std::string noStaleCopyDetection; ///< why copyPart() does not notice that the object has changed
-    std::string noSubrangeCopies;     ///< why copyPart() takes whole stored parts only
-    std::string noPartBoundaries;     ///< why getObjectParts() does not answer with the parts that were written
-    std::string noUnlistedParts;      ///< why every part that was sent must be listed
-    std::string noSharedUploads;      ///< why an upload belongs to the instance that began it
+    std::string noSubrangeCopies;     ///< why copyPart() copies only whole parts, as getObjectParts() returned them
+    std::string noPartBoundaries;     ///< why getObjectParts() returns other parts than those that were uploaded
+    std::string noUnlistedParts;      ///< why completeMultipartUpload() must list every part that was sent
+    std::string noSharedUploads;      ///< why only the instance that began an upload can send its parts
 };
 
-/// One fresh, empty store and the way to it. Destroying the harness destroys the store.
+/// One store, empty when the harness is made. Destroying the harness removes the store.
 class Harness
 {
 public:
     virtual ~Harness() = default;
 
-    /// The instance that is examined; always the same.
+    /// The client under test; the same instance at each call.
     virtual cloudprovider::CloudClient& client() = 0;
 
-    /// A further instance on the same store, as another process would open it; null: there can be only one.
+    /// Make another client of the same store, as another process would. Null: a store has only one client.
     virtual cloudprovider::CloudClientSharedPtr openAnother() { return nullptr; }
 
     virtual Capabilities capabilities() const { return {}; }
 };
 
-/// A store under examination.
+/// A client under test.
 struct Subject
 {
-    const char* name;
-    std::function<std::unique_ptr<Harness>()> makeHarness; ///< null result: the store cannot be had here
+    const char* name;                                      ///< for messages
+    std::function<std::unique_ptr<Harness>()> makeHarness; ///< null result: no store is available, skip the case
 };
 
-/// Print the name, which CTest makes a part of the case's name.
+/// Print the name.
 std::ostream& operator<<(std::ostream& out, const Subject& subject);
 
-/// What a CloudClient must do, whatever the store. A store joins with one line beside its harness:
+/// The suite that every CloudClient must pass. A client joins with one line beside its harness:
 ///
 ///     CLOUD_CLIENT_CONFORMANCE(Memory, [] { return std::make_unique<MemoryHarness>(); });
 ///
-/// Random cases print their seed; --gtest_random_seed=SEED repeats it.
+/// Each case gets a harness of its own. Random cases print their seed; repeat one with --gtest_random_seed=SEED.
 class CloudClientConformance : public ::testing::TestWithParam<Subject>
 {
 public:
@@ -73,33 +74,34 @@ protected:
     cloudprovider::CloudClient& client() { return m_harness->client(); }
     cloudprovider::CloudClientSharedPtr openAnother() { return m_harness->openAnother(); }
 
-    /// A generator, and the seed in the message of every failure that follows.
+    /// Make a random generator. Every failure after this call also prints the seed.
     std::mt19937 randomNumbers();
 
-    /// Bytes of every value, different for each seed.
+    /// Make content of every byte value, different for each seed.
     static std::string content(std::size_t size, unsigned seed);
 
-    /// Content of a part that may stand before another.
+    /// Make content that is large enough for a part that is not the last.
     std::string partContent(unsigned seed) const;
 
     void put(const std::string& key, const std::string& content);
     std::string get(const std::string& key, std::uint64_t first = 0, std::uint64_t last = 0);
 
-    /// All pages of a listing. Fails the case when one is longer than asked for or there is no end.
+    /// List all pages. Fails the case if a page has more than options.maxKeys entries, or if there is always another
+    /// page.
     std::vector<cloudprovider::ObjectEntry> list(
         const std::string& prefix, const cloudprovider::ListOptions& options = {});
     std::vector<std::string> keys(const std::string& prefix = "");
 
-    /// Send one part. @return its record for completion, Offset left at 0
+    /// Send one part. @return its record for completeMultipartUpload(), with Offset 0
     cloudprovider::PartInfo upload(
         const std::string& key, const std::string& uploadId, std::size_t index, const std::string& content);
 
-    /// Copy one part to the index. @return its record for completion
+    /// Copy one part to the index. @return its record for completeMultipartUpload()
     cloudprovider::PartInfo copy(
         const std::string& key, const std::string& uploadId, std::size_t index, const cloudprovider::PartInfo& source);
 
-    /// Expect that a copy never becomes a part of an object: its call fails, or, where that only begins the copy, the
-    /// completion that lists it does, and leaves the upload open.
+    /// Expect that a copy fails: copyPart() throws, or completeMultipartUpload() does if the client copies only then. A
+    /// failed completion leaves the upload open.
     template <typename Failure>
     void expectNoCopy(const std::string& key, const std::string& uploadId, std::size_t index,
         const cloudprovider::PartInfo& source, const char* why)
@@ -108,7 +110,7 @@ protected:
             << why;
     }
 
-    /// Run task(0) … task(count - 1) at the same time. What one throws fails the case.
+    /// Run task(0) … task(count - 1) in parallel. An exception of a task fails the case.
     static void atOnce(std::size_t count, const std::function<void(std::size_t)>& task);
 
 private:

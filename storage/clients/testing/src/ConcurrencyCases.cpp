@@ -1,5 +1,7 @@
+#include "Cases.hpp"
+
 #include <storage/clients/common/TransientException.hpp>
-#include <storage/clients/conformance/CloudClientConformance.hpp>
+#include <storage/clients/testing/CloudClientConformance.hpp>
 
 #include <atomic>
 #include <sstream>
@@ -124,5 +126,7 @@ TEST_P(CloudClientConformance, InstancesShareOneStore)
     other->deleteObject("k");
     EXPECT_FALSE(client().getObjectInfo("k").exists);
 }
+
+void linkConcurrencyCases() {}
 
 } // namespace storage::clients::conformance

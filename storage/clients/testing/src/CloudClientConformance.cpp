@@ -1,4 +1,6 @@
-#include <storage/clients/conformance/CloudClientConformance.hpp>
+#include <storage/clients/testing/CloudClientConformance.hpp>
+
+#include "Cases.hpp"
 
 #include <algorithm>
 #include <future>
@@ -21,13 +23,17 @@ CloudClientConformance::CloudClientConformance()
     : m_harness(GetParam().makeHarness())
     , m_capabilities(m_harness ? m_harness->capabilities() : Capabilities())
 {
+    linkConcurrencyCases();
+    linkListingCases();
+    linkMultipartCases();
+    linkObjectCases();
 }
 
 void CloudClientConformance::SetUp()
 {
     if (!m_harness)
     {
-        GTEST_SKIP() << "the store cannot be had here";
+        GTEST_SKIP() << "the store is not available";
     }
 }
 
@@ -36,7 +42,7 @@ CloudClientConformance::~CloudClientConformance() = default;
 std::mt19937 CloudClientConformance::randomNumbers()
 {
     const auto given = static_cast<unsigned>(GTEST_FLAG_GET(random_seed));
-    const unsigned seed = given != 0 ? given : std::random_device{}() % 99'999 + 1; // what the flag may be
+    const unsigned seed = given != 0 ? given : std::random_device{}() % 99'999 + 1; // the range of the flag
     m_seedTrace = std::make_unique<::testing::ScopedTrace>(
         __FILE__, __LINE__, "repeat with --gtest_random_seed=" + std::to_string(seed));
     return std::mt19937(seed);
@@ -70,10 +76,10 @@ std::string CloudClientConformance::get(const std::string& key, std::uint64_t fi
 
 std::vector<ObjectEntry> CloudClientConformance::list(const std::string& prefix, const ListOptions& options)
 {
-    constexpr int endless = 10'000; // pages; no listing here has as many entries
+    constexpr int maxPages = 10'000; // more than any listing here has entries
     std::vector<ObjectEntry> result;
     std::string token;
-    for (int page = 0; page < endless; ++page)
+    for (int page = 0; page < maxPages; ++page)
     {
         auto entries = client().listObjects(prefix, token, options);
         if (options.maxKeys > 0)
@@ -86,7 +92,7 @@ std::vector<ObjectEntry> CloudClientConformance::list(const std::string& prefix,
             return result;
         }
     }
-    ADD_FAILURE() << "the listing must end; after " << endless << " pages there was still a token";
+    ADD_FAILURE() << "the listing must end, but after " << maxPages << " pages there is still a token";
     return result;
 }
 
