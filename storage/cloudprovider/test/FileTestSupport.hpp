@@ -255,6 +255,10 @@ protected:
             offset += part.Size;
             sizes.push_back(part.Size);
         }
+        if (sizes.empty()) // means one part, and an object without bytes may have it
+        {
+            sizes.push_back(0);
+        }
         return sizes;
     }
 

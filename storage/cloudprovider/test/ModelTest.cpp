@@ -1,4 +1,4 @@
-#include "FileTestSupport.hpp"
+#include "LocalStore.hpp"
 
 #include <storage/cloudprovider/CloudExceptions.hpp>
 #include <storage/cloudprovider/OpenFileManager.hpp>
@@ -41,9 +41,20 @@ struct ModelStream
     bool appends = false;
 };
 
-class ModelTest : public FileTest, public testing::WithParamInterface<unsigned>
+struct ModelRow
+{
+    unsigned seed;
+    bool local = false; // over the durable store
+};
+
+class ModelTest : public FileTest, public testing::WithParamInterface<ModelRow>
 {
 protected:
+    ModelTest()
+        : FileTest(GetParam().local ? makeLocalStore() : nullptr)
+    {
+    }
+
     void TearDown() override
     {
         if (HasFailure())
@@ -126,17 +137,17 @@ protected:
             return;
         }
         EXPECT_FALSE(globalOpenFileManager().isOpen(iriOf(file.key)));
-        EXPECT_EQ(store->get(file.key), file.stored) << file.key;
+        EXPECT_EQ(stored(file.key), file.stored) << file.key;
         if (file.stored)
         {
             EXPECT_EQ(partSizes(file.key), file.layout) << file.key;
-            const std::string tag = store->getObjectInfo(file.key).tag;
+            const std::string tag = faults->inner().getObjectInfo(file.key).tag;
             EXPECT_TRUE(file.tag.empty() || tag == file.tag) << file.key << " was written although nothing changed";
             file.tag = tag;
         }
         if (m_streams.empty())
         {
-            EXPECT_THAT(store->openUploads(), testing::IsEmpty());
+            EXPECT_THAT(openUploads(), testing::IsEmpty());
             EXPECT_TRUE(temp.isEmpty());
         }
     }
@@ -334,7 +345,7 @@ protected:
 
     static constexpr const char* injected = "injected";
 
-    Random m_random{GetParam()};
+    Random m_random{GetParam().seed};
     std::size_t m_partSize = 0;
     bool m_faulty = false; // uploads fail now and then, and nothing may come of it
     std::array<ModelFile, 3> m_files{{{.key = "f0"}, {.key = "f1"}, {.key = "f2"}}};
@@ -359,7 +370,10 @@ TEST_P(ModelTest, FilesHoldWhatAPlainStringWould)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, ModelTest, testing::Range(0U, 7U), [](const auto& row) { return seedName(row.param); });
+INSTANTIATE_TEST_SUITE_P(Seeds, ModelTest,
+    testing::Values(
+        ModelRow{0}, ModelRow{1}, ModelRow{2}, ModelRow{3}, ModelRow{4}, ModelRow{5}, ModelRow{6}, ModelRow{0, true}),
+    [](const auto& row) { return seedName(row.param.seed) + (row.param.local ? "Local" : ""); });
 
 // What the model has found.
 
