@@ -11,7 +11,7 @@
 namespace storage::clients
 {
 
-/// The content stream of one call that may have to be made several times. For one thread.
+/// The content stream of one call that may be retried. For one thread.
 ///
 /// @tparam Stream  std::istream or std::ostream
 template <typename Stream>
@@ -20,7 +20,7 @@ class RepeatableStream
     static constexpr auto direction = std::is_same_v<Stream, std::istream> ? std::ios_base::in : std::ios_base::out;
 
 public:
-    /// @param stream  borrowed for as long as this lives; tries begin where it stands now
+    /// @param stream  borrowed for as long as this lives; every attempt begins at its current position
     explicit RepeatableStream(Stream& stream)
         : m_stream(stream)
         , m_state(stream.rdstate())
@@ -31,10 +31,10 @@ public:
         m_watchedStream.exceptions(stream.exceptions());
     }
 
-    /// What each try is to use.
+    /// The stream that each attempt must use.
     Stream& get() noexcept { return m_start ? m_stream : m_watchedStream; }
 
-    /// Make ready for a further try. @return false: that is impossible
+    /// Get ready for a retry. @return false: that is impossible
     bool rewind()
     {
         if (!m_start)
@@ -51,19 +51,19 @@ public:
         {
             m_stream.rdbuf()->pubseekpos(*m_start, direction);
         }
-        catch (const std::ios_base::failure&) // one of the ways to say no; the position tells them all
+        catch (const std::ios_base::failure&) // one way to refuse; the position shows all of them
         {
             return false;
         }
-        // Asked rather than believed: buffers that count in an int claim success and stand elsewhere after 2 GiB.
+        // Check the position: beyond 2 GiB, buffers that count in an int report success at a wrong position.
         return tell() == m_start;
     }
 
-    /// Whether the last try ended before a place that an earlier one wrote to.
+    /// Whether the last attempt ended before a position that an earlier one wrote to.
     bool hasSurplus() const { return m_furthest && tell() < m_furthest; }
 
 private:
-    // Buffers are asked themselves, since a stream marks itself bad when its buffer cannot tell.
+    // Ask the buffer, since a stream sets badbit when its buffer has no positions.
     std::optional<std::streamoff> tell() const
     {
         try
@@ -71,7 +71,7 @@ private:
             const std::streamoff position = m_stream.rdbuf()->pubseekoff(0, std::ios_base::cur, direction);
             return position >= 0 ? std::optional(position) : std::nullopt;
         }
-        catch (const std::ios_base::failure&) // one of the ways to say that there are no positions
+        catch (const std::ios_base::failure&) // one way to say that there are no positions
         {
             return std::nullopt;
         }
@@ -79,8 +79,8 @@ private:
 
     Stream& m_stream;
     const std::ios_base::iostate m_state;
-    const std::optional<std::streamoff> m_start; // empty: the stream has no positions, and tries get the watched one
-    std::optional<std::streamoff> m_furthest;    // where failed tries ended at most
+    const std::optional<std::streamoff> m_start; // empty: the stream has no positions, and attempts get m_watchedStream
+    std::optional<std::streamoff> m_furthest;    // the last position that a failed attempt reached
     PassThroughBuffer m_watched;
     Stream m_watchedStream;
 };

@@ -41,7 +41,7 @@ std::string reason(const TransientException& failure)
 
 Duration uniformJitter(Duration max)
 {
-    // No engine is kept: processes forked from one another would draw the same numbers, and failures are rare.
+    // No engine is kept: forked processes would draw the same numbers. Failures are rare, so the cost does not matter.
     std::random_device random;
     return Duration(std::uniform_int_distribution<Duration::rep>(0, max.count())(random));
 }
@@ -109,7 +109,7 @@ void RetryingClient::waitForNext(Attempts& attempts, const TransientException& f
     const Duration maxDelay = m_policy.maxDelay;
     attempts.nextBound = attempts.nextBound < maxDelay / 2 ? attempts.nextBound * 2 : maxDelay;
 
-    // Compared in milliseconds first, since a store may ask for more than a Duration can hold.
+    // Compare milliseconds first, since a store may ask for more than a Duration can hold.
     const auto asked = std::max(failure.retryAfter().value_or(std::chrono::milliseconds(0)), {});
     const Duration left = m_policy.budget - (m_clock.now() - attempts.budgetBegin);
     if (asked > std::chrono::floor<std::chrono::milliseconds>(left) || jitter > left - asked)
@@ -118,11 +118,11 @@ void RetryingClient::waitForNext(Attempts& attempts, const TransientException& f
     }
     const Duration time = asked + jitter;
 
-    // A milestone rather than a warning: it is no fault yet, and a busy store makes many of them.
+    // Progress rather than a warning: nothing has failed for the caller yet, and a busy store causes many of these.
     if (auto& logger = getLogger(); logger.isEnabled(foundation::log::severity::progress))
     {
         logger.write(foundation::log::severity::progress,
-            fmt::format("{} of {}: try {} failed, the next is in {:.3f} s: {}", name(attempts.call.operation),
+            fmt::format("{} of {}: attempt {} failed, retrying in {:.3f} s: {}", name(attempts.call.operation),
                 quoted(attempts.call.key), attempts.failed, seconds(time), reason(failure)));
     }
     if (!sleep(time))
@@ -146,7 +146,7 @@ void RetryingClient::giveUp(
     const Attempts& attempts, const TransientException& failure, const std::string& whyNoMore) const
 {
     throw TransientException(failure.what(),
-        fmt::format("{}; given up after try {}, {:.1f} s from the first: {}", reason(failure), attempts.failed,
+        fmt::format("{}; gave up after attempt {}, {:.1f} s after the first: {}", reason(failure), attempts.failed,
             seconds(m_clock.now() - attempts.begin), whyNoMore),
         failure.retryAfter());
 }
@@ -175,7 +175,8 @@ void RetryingClient::getObjectRange(const std::string& key, std::ostream& out, s
     if (body.hasSurplus())
     {
         throw UnknownErrorException("Object changed while it was read",
-            fmt::format("reading {}: it became shorter after a try that failed had written more", quoted(key)));
+            fmt::format(
+                "reading {}: the object became shorter, and a failed attempt had already written more", quoted(key)));
     }
 }
 

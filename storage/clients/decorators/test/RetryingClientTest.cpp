@@ -7,6 +7,7 @@
 #include <storage/cloudprovider/Logger.hpp>
 
 #include <foundation/log/Severity.hpp>
+#include <foundation/log/basic_diagnostic_logger.hpp>
 
 #include <boost/iostreams/device/array.hpp>
 #include <boost/iostreams/stream_buffer.hpp>
@@ -63,15 +64,16 @@ TEST_F(RetryingClientTest, WaitsThenGivesUp)
         std::string summary;
         std::size_t furthering = 0; // tries, the first ones, that get further
     } rows[] = {
-        {"doubles", {100ms, 1s, 3500ms}, 0ms, {}, {0, 100, 300, 700, 1500, 2500, 3500}, "try 7, 3.5"},
-        {"begins at the maximum", {5s, 1s, 2s}, 0ms, {}, {0, 1000, 2000}, "try 3, 2.0"},
-        {"counts the time of tries", {100ms, 20s, 2300ms}, 1s, {}, {0, 1100, 2300}, "try 3, 3.3"},
-        {"obeys the store", {100ms, 20s, 12s}, 0ms, 5s, {0, 5100, 10300}, "try 3, 10.3"},
-        {"is asked for too much", {1ms, 1ms, 12s}, 0ms, 12s, {0}, "try 1, 0.0"},
-        {"is asked for more than can be counted", {1ms, 1ms, 12s}, 0ms, milliseconds::max(), {0}, "try 1, 0.0"},
-        {"is asked for less than nothing", {100ms, 20s, 300ms}, 0ms, -5s, {0, 100, 300}, "try 3, 0.3"},
-        {"begins anew after getting further", {100ms, 20s, 300ms}, 0ms, {}, {0, 100, 200, 300, 500}, "try 5, 0.5", 3},
-        {"got further for long", {100ms, 20s, 300ms}, 400ms, {}, {0, 500, 1000}, "try 3, 1.4", 2},
+        {"doubles", {100ms, 1s, 3500ms}, 0ms, {}, {0, 100, 300, 700, 1500, 2500, 3500}, "attempt 7, 3.5"},
+        {"begins at the maximum", {5s, 1s, 2s}, 0ms, {}, {0, 1000, 2000}, "attempt 3, 2.0"},
+        {"counts the time of tries", {100ms, 20s, 2300ms}, 1s, {}, {0, 1100, 2300}, "attempt 3, 3.3"},
+        {"obeys the store", {100ms, 20s, 12s}, 0ms, 5s, {0, 5100, 10300}, "attempt 3, 10.3"},
+        {"is asked for too much", {1ms, 1ms, 12s}, 0ms, 12s, {0}, "attempt 1, 0.0"},
+        {"is asked for more than can be counted", {1ms, 1ms, 12s}, 0ms, milliseconds::max(), {0}, "attempt 1, 0.0"},
+        {"is asked for less than nothing", {100ms, 20s, 300ms}, 0ms, -5s, {0, 100, 300}, "attempt 3, 0.3"},
+        {"begins anew after getting further", {100ms, 20s, 300ms}, 0ms, {}, {0, 100, 200, 300, 500}, "attempt 5, 0.5",
+            3},
+        {"got further for long", {100ms, 20s, 300ms}, 400ms, {}, {0, 500, 1000}, "attempt 3, 1.4", 2},
     };
     for (const auto& row : rows)
     {
@@ -87,7 +89,7 @@ TEST_F(RetryingClientTest, WaitsThenGivesUp)
             });
         EXPECT_THAT([&] { RetryingClient(counted, row.policy, clock()).deleteObject("a"); },
             Throws<TransientException>(
-                AllOf(hasDetail("store busy; given up after " + row.summary + " s from the first: another wait"),
+                AllOf(hasDetail("store busy; gave up after " + row.summary + " s after the first: another wait"),
                     Property(&TransientException::retryAfter, row.retryAfter))));
         EXPECT_EQ(tries, row.tries);
     }
@@ -112,10 +114,11 @@ TEST_F(RetryingClientTest, AnInterruptEndsTheWait)
     faults->inject({.failure = std::make_exception_ptr(TransientException("Busy"))});
     RetryingClient client(counted, {10s, 10s, 1min}, interrupting, [&] { return interrupted; });
     getLogger().setEnabledSeverities(foundation::log::severity::progress);
-    internal::CaptureStderr();
+    std::string log;
+    foundation::log::setSink([&](std::uint32_t, std::string_view, std::string_view text) { log = text; });
     EXPECT_THROW(client.getObjectInfo("a"), TransientException);
-    EXPECT_THAT(internal::GetCapturedStderr(),
-        HasSubstr("getObjectInfo of \"a\": try 1 failed, the next is in 10.000 s: Busy"));
+    foundation::log::setSink({});
+    EXPECT_EQ(log, "getObjectInfo of \"a\": attempt 1 failed, retrying in 10.000 s: Busy");
     EXPECT_EQ(time.time_since_epoch(), 100ms);
     EXPECT_EQ(counted->callSnapshot().totalCalls(), 1U);
 }

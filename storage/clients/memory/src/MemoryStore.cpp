@@ -127,7 +127,7 @@ void MemoryStore::put(const std::string& key, SharedBytes bytes, Time now)
         content->bytes = std::move(bytes);
         object.content = content;
     }
-    // What was replaced leaves with `object`, when the lock is gone: freeing a large object takes its time.
+    // `object` gets the replaced object and frees it after the lock: freeing a large object takes time.
     const std::unique_lock lock(m_mutex);
     object.tag = ++m_lastNumber;
     if (content)
@@ -139,7 +139,7 @@ void MemoryStore::put(const std::string& key, SharedBytes bytes, Time now)
 
 bool MemoryStore::remove(const std::string& key)
 {
-    Objects::node_type removed; // freed when the lock is gone
+    Objects::node_type removed; // freed after the lock
     const std::unique_lock lock(m_mutex);
     removed = m_objects.extract(key);
     return !removed.empty();
@@ -192,7 +192,7 @@ void MemoryStore::checkUpload(const std::string& key, const std::string& uploadI
 std::string MemoryStore::addPart(
     const std::string& key, const std::string& uploadId, std::size_t index, SharedBytes bytes)
 {
-    SentBytes sent{0, std::move(bytes)}; // leaves with what was replaced
+    SentBytes sent{0, std::move(bytes)}; // gets the replaced part and frees it after the lock
     const std::unique_lock lock(m_mutex);
     sent.tag = ++m_lastNumber;
     std::string tag = text(sent.tag);
@@ -221,7 +221,7 @@ std::string MemoryStore::copyPart(const std::string& key, const std::string& upl
 
 void MemoryStore::abort(const std::string& key, const std::string& uploadId)
 {
-    Uploads::node_type dropped; // freed when the lock is gone
+    Uploads::node_type dropped; // freed after the lock
     const std::unique_lock lock(m_mutex);
     dropped = m_uploads.extract(uploadAt(key, uploadId));
 }
@@ -230,7 +230,7 @@ void MemoryStore::complete(
     const std::string& key, const std::string& uploadId, const std::vector<PartInfo>& parts, Time now)
 {
     Object object{0, 0, now, nullptr};
-    Uploads::node_type finished; // freed, like what was replaced, when the lock is gone
+    Uploads::node_type finished; // freed, like the replaced object, after the lock
     const std::unique_lock lock(m_mutex);
     const auto upload = uploadAt(key, uploadId);
     const auto& sent = upload->second.parts;

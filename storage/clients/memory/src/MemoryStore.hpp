@@ -15,7 +15,7 @@
 namespace storage::clients
 {
 
-/// What an object consists of: its bytes and where its parts end.
+/// An object's bytes and the sizes of its parts.
 struct ObjectContent
 {
     struct Part
@@ -28,10 +28,10 @@ struct ObjectContent
     std::vector<Part> parts;
 };
 
-/// What a MemoryClient keeps: objects and uploads. Knows no counts, no faults and no streams.
+/// The objects and uploads of a MemoryClient.
 ///
-/// Safe for concurrent calls on one instance. Contents come in finished and go out shared, so that nothing but maps is
-/// touched under the lock.
+/// Safe for concurrent calls on one instance. Contents are complete when they are passed in, and shared when they are
+/// returned, so that only maps are accessed under the lock.
 class MemoryStore
 {
 public:
@@ -41,16 +41,16 @@ public:
 
     cloudprovider::ObjectInfo info(const std::string& key) const;
 
-    /// @param token  as listPage() has it
+    /// @param token  as in listPage()
     std::vector<cloudprovider::ObjectEntry> list(const std::string& prefix, std::string& token,
         const cloudprovider::ListOptions& options, std::size_t pageSize) const;
 
     void put(const std::string& key, SharedBytes bytes, Time now);
 
-    /// @return whether there was one
+    /// @return whether the object existed
     bool remove(const std::string& key);
 
-    /// What the object consists of now; null when there is no such object.
+    /// The object's current content; null when there is no such object.
     std::shared_ptr<const ObjectContent> find(const std::string& key) const;
 
     /// @throws ResourceNotFoundException when there is no such object
@@ -58,16 +58,16 @@ public:
 
     std::vector<std::string> keys() const;
 
-    /// @return the identifier
+    /// @return the upload id
     std::string openUpload(const std::string& key, const std::string& tag, Time now);
 
     /// @throws ResourceNotFoundException when the key has no such upload
     void checkUpload(const std::string& key, const std::string& uploadId) const;
 
-    /// Keep one part. @return its tag @throws ResourceNotFoundException when the key has no such upload
+    /// Store one part. @return its tag @throws ResourceNotFoundException when the key has no such upload
     std::string addPart(const std::string& key, const std::string& uploadId, std::size_t index, SharedBytes bytes);
 
-    /// Take one part from the object, as CloudClient::copyPart() has it.
+    /// Copy one part of the object, see CloudClient::copyPart().
     std::string copyPart(const std::string& key, const std::string& uploadId, const cloudprovider::PartInfo& part);
 
     void abort(const std::string& key, const std::string& uploadId);
@@ -78,7 +78,7 @@ public:
     std::vector<OpenUpload> openUploads() const;
 
 private:
-    // One allocation less for each of a million empty objects: those have no content.
+    // An empty object has no content, which saves an allocation for each of, say, a million empty objects.
     struct Object
     {
         std::uint64_t tag = 0;
@@ -102,7 +102,7 @@ private:
     };
 
     using Objects = std::map<std::string, Object>;
-    using Uploads = std::map<std::string, Upload>; // by identifier, which ascend as uploads are opened
+    using Uploads = std::map<std::string, Upload>; // by upload id; ids ascend in the order in which uploads are opened
 
     class Cursor;
 
@@ -113,10 +113,10 @@ private:
     Objects::const_iterator objectAt(const std::string& key) const;
     Uploads::const_iterator uploadAt(const std::string& key, const std::string& uploadId) const;
 
-    const std::uint64_t m_nonce; // makes this store's tags and identifiers unlike those of another
+    const std::uint64_t m_nonce; // makes this store's tags and upload ids different from those of other stores
 
-    mutable std::shared_mutex m_mutex; // innermost: nothing of others runs while it is held
-    std::uint64_t m_lastNumber = 0;    // guarded by m_mutex; tags and uploads are numbered through
+    mutable std::shared_mutex m_mutex; // innermost: no code of a caller runs while it is held
+    std::uint64_t m_lastNumber = 0;    // guarded by m_mutex; tags and upload ids share one numbering
     Objects m_objects;                 // guarded by m_mutex
     Uploads m_uploads;                 // guarded by m_mutex
 };

@@ -11,7 +11,7 @@
 namespace storage::clients
 {
 
-/// Bytes that never change, cut and joined without copying: a list of slices of shared buffers.
+/// Immutable bytes that can be cut and joined without copying: a list of slices of shared buffers.
 ///
 /// A value; copies share the buffers and may be read from any thread.
 class SharedBytes
@@ -41,7 +41,7 @@ private:
         std::size_t size = 0;   // never 0
     };
 
-    /// Call use(slice, offset in the slice, size) for each piece of the range, in order.
+    /// Call use(slice, offset in the slice, size) for each slice that the range touches, in order.
     template <typename Use>
     void forEach(std::uint64_t offset, std::uint64_t size, Use use) const;
 

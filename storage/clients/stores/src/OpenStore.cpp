@@ -30,7 +30,7 @@ using cloudprovider::InvalidLocationException;
                                   "s3://BUCKET?endpoint=URL&region=REGION&path-style=1");
 }
 
-/// The value of a variable that holds a directory. Relative ones are to be ignored, as if they were not set.
+/// The directory that a variable names; empty when it is not set. A relative path counts as not set.
 std::filesystem::path directoryFrom(const char* variable)
 {
     const char* value = std::getenv(variable);

@@ -25,7 +25,7 @@ enum class Operation : std::size_t
     CompleteMultipartUpload
 };
 
-/// Every operation, for tables and loops; the value of an Operation is its place here.
+/// Every operation, for tables and loops; the value of an Operation is its index here.
 constexpr std::array allOperations{Operation::GetObjectInfo, Operation::ValidateObjectName, Operation::ListObjects,
     Operation::DeleteObject, Operation::GetObjectRange, Operation::PutObject, Operation::GetObjectParts,
     Operation::CreateMultipartUpload, Operation::UploadPart, Operation::CopyPart, Operation::AbortMultipartUpload,
@@ -33,7 +33,7 @@ constexpr std::array allOperations{Operation::GetObjectInfo, Operation::Validate
 
 static_assert(allOperations.back() == Operation{allOperations.size() - 1});
 
-/// The operation as CloudClient spells it: "uploadPart". Valid for the whole run of the program.
+/// The operation as CloudClient spells it: "uploadPart". Valid until the program ends.
 std::string_view name(Operation operation) noexcept;
 
 /// Tell whether a successful call may change what the store holds: its objects or its uploads.

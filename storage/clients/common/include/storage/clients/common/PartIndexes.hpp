@@ -10,11 +10,11 @@ namespace storage::clients
 /// A set of part indexes, kept as ranges so that a file of many parts costs one entry.
 ///
 /// Memory is bounded: once `maxRanges` separate ranges are held, an index that would need another is left out and
-/// complete() says so. A plain value; concurrent changes need the caller's lock.
+/// complete() is false. A plain value; concurrent changes need the caller's lock.
 class PartIndexes
 {
 public:
-    static constexpr std::size_t maxRanges = 1024; // scattered changes in a file of 10,000 parts, the most that S3 has
+    static constexpr std::size_t maxRanges = 1024; // scattered changes in a file of 10,000 parts, the maximum of S3
 
     /// Add one index. Adding it again changes nothing.
     void insert(std::size_t index);
@@ -27,7 +27,7 @@ public:
 
     bool operator==(const PartIndexes&) const = default;
 
-    /// Print as "0-5,7,9-12", with ",..." behind when not complete().
+    /// Print as "0-5,7,9-12", followed by ",..." when not complete().
     friend std::ostream& operator<<(std::ostream& out, const PartIndexes& indexes);
 
 private:

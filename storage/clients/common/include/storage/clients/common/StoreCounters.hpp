@@ -11,7 +11,7 @@
 namespace storage::clients
 {
 
-/// What a store was asked to do up to one moment. A plain value.
+/// What was counted up to one moment. A plain value.
 struct CallSnapshot
 {
     struct Count
@@ -34,15 +34,15 @@ struct CallSnapshot
     bool operator==(const CallSnapshot&) const = default;
 };
 
-/// Print for people, operations that were called in the interface's order, on one line without an end of line:
+/// Print for people the operations that were called, in the interface's order, on one line without a line end:
 /// "uploadPart 1 (5.0 MiB; parts 6), copyPart 12 (60.0 MiB; parts 0-5,7-12), completeMultipartUpload 1"; "no calls"
 /// when there were none.
 std::ostream& operator<<(std::ostream& out, const CallSnapshot& snapshot);
 
-/// Bytes as people read them, in powers of 1,024 with one decimal from KiB on: "512 B", "5.0 MiB".
+/// Format a size for people, in powers of 1,024 with one decimal from KiB on: "512 B", "5.0 MiB".
 std::string formatBytes(std::uint64_t bytes);
 
-/// What a client offers beside CloudClient when it counts its calls. A host finds out with findInterface().
+/// Interface of a client that counts calls, CountingClient. A host gets it with findInterface().
 class StoreCounters
 {
 public:

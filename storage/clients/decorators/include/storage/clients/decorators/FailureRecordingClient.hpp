@@ -25,7 +25,7 @@ class FailureRecordingClient : public InterceptingClient
 public:
     using InterceptingClient::InterceptingClient;
 
-    /// Return the failure that stands recorded for a key, or for a prefix that was listed, and forget it. Null: none.
+    /// Return the failure recorded for a key, or for a prefix that was listed, and forget it. Null: there is none.
     std::exception_ptr takeFailure(const std::string& key);
 
 protected:

@@ -22,7 +22,7 @@ struct RetryPolicy
     std::chrono::milliseconds firstDelay{100}; ///< maximum of the first wait; doubled for each wait that follows
     std::chrono::milliseconds maxDelay = std::chrono::seconds(20); ///< limit of the doubling
     std::chrono::milliseconds budget = std::chrono::minutes(2); ///< no wait ends later than this after the call began,
-                                                                ///< or after the last attempt that got further
+                                                                ///< or after the last attempt that made progress
 };
 
 /// A uniformly distributed duration in [0, max]. From any thread.
@@ -44,8 +44,8 @@ struct RetryClock
 /// Waits: the k-th wait, k = 0 first, is uniformly random in [0, min(maxDelay, firstDelay * 2^k)], so that clients
 /// which failed together do not return together. If the store said how long to wait, that time is added. A wait that
 /// would end beyond the budget is not begun. An interrupt ends a wait within a tenth of a second. The budget does not
-/// end an attempt that is in progress: the inner client limits how long one takes. After an attempt that failed but got
-/// further, as its TransientException says, the delays and the budget begin again.
+/// end an attempt that is in progress: the inner client limits how long one takes. After an attempt that failed but
+/// made progress, as its TransientException says, the delays and the budget start again.
 ///
 /// After the last attempt the call throws a TransientException again. Its detail adds to the store's own the number of
 /// attempts, the time since the first, and why there is no further one. All other exceptions pass at once.

@@ -24,8 +24,8 @@ struct OpenUpload
 {
     std::string key;
     std::string uploadId;
-    std::string tag;                ///< as createMultipartUpload() was given it
-    std::vector<std::size_t> parts; ///< indexes held, ascending
+    std::string tag;                ///< the argument of createMultipartUpload()
+    std::vector<std::size_t> parts; ///< indexes of the parts that were sent or copied, ascending
     boost::posix_time::ptime created;
 };
 
@@ -75,13 +75,13 @@ public:
 
     // Direct access, for tests: not seen by any decorator.
 
-    /// Store an object, replacing what stood there. @throws InvalidLocationException for a key that is refused
+    /// Store an object, replacing an existing one. @throws InvalidLocationException for a key that is refused
     void put(const std::string& key, std::string_view content);
 
     /// The object's bytes; nothing when there is no such object.
     std::optional<std::string> get(const std::string& key) const;
 
-    /// Remove an object. @return whether there was one
+    /// Remove an object. @return whether it existed
     bool remove(const std::string& key);
 
     /// All keys in ascending byte order.
