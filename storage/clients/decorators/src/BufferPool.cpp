@@ -17,8 +17,8 @@ BufferPool::Lease::~Lease()
     {
         return;
     }
-    setParked(false);
-    Chunks dropped; // freed when the lock is gone
+    setKept(false);
+    Chunks dropped; // freed after the lock is released
     const std::lock_guard lock(m_pool.m_mutex);
     m_pool.m_lentBytes -= m_chunk.front().capacity;
     m_pool.m_freeBytes += m_chunk.front().capacity;
@@ -31,15 +31,15 @@ BufferPool::Lease::~Lease()
     m_pool.m_changed.notify_all();
 }
 
-void BufferPool::Lease::setParked(bool parked)
+void BufferPool::Lease::setKept(bool isKept)
 {
-    if (std::exchange(m_isParked, parked) == parked)
+    if (std::exchange(m_isKept, isKept) == isKept)
     {
         return;
     }
     const std::uint64_t capacity = m_chunk.front().capacity;
     const std::lock_guard lock(m_pool.m_mutex);
-    m_pool.m_parkedBytes = parked ? m_pool.m_parkedBytes + capacity : m_pool.m_parkedBytes - capacity;
+    m_pool.m_keptBytes = isKept ? m_pool.m_keptBytes + capacity : m_pool.m_keptBytes - capacity;
     m_pool.m_changed.notify_all();
 }
 
@@ -51,9 +51,9 @@ BufferPool::BufferPool(std::uint64_t limit)
 std::optional<BufferPool::Lease> BufferPool::acquire(std::size_t size)
 {
     std::unique_lock lock(m_mutex);
-    const auto isInVain = [&] { return size > m_limit - m_parkedBytes; };
-    m_changed.wait(lock, [&] { return isInVain() || size <= m_limit - m_lentBytes; });
-    if (isInVain())
+    const auto isImpossible = [&] { return size > m_limit - m_keptBytes; };
+    m_changed.wait(lock, [&] { return isImpossible() || size <= m_limit - m_lentBytes; });
+    if (isImpossible())
     {
         return std::nullopt;
     }
@@ -90,13 +90,14 @@ BufferPool::Chunks BufferPool::take(std::size_t size)
     return chunk;
 }
 
-/// The smallest free buffer that has the size, and not much more; the end: there is none
+/// Find the smallest free buffer of at least this size that is not much larger. @return the end: there is none
 BufferPool::Chunks::iterator BufferPool::bestFree(std::size_t size)
 {
     auto best = m_free.end();
     for (auto chunk = m_free.begin(); chunk != m_free.end(); ++chunk)
     {
-        const bool fits = chunk->capacity >= size && chunk->capacity / 2 <= size; // a small one is not to take it all
+        // A small part must not occupy a large buffer.
+        const bool fits = chunk->capacity >= size && chunk->capacity / 2 <= size;
         if (fits && (best == m_free.end() || chunk->capacity < best->capacity))
         {
             best = chunk;

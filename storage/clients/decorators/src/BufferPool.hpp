@@ -11,9 +11,9 @@
 namespace storage::clients
 {
 
-/// Buffers of bounded size together. What is given back is used again while others are on loan, so that a long transfer
-/// allocates no more than the bound, however many bytes go through. With the last one all memory goes back to the
-/// system. Safe for concurrent calls.
+/// A pool of buffers with a bounded total size. A returned buffer is reused while others are on loan, so a long
+/// transfer allocates no more than the bound, however many bytes it moves. When the last buffer on loan is returned,
+/// all memory goes back to the system. Safe for concurrent calls.
 class BufferPool
 {
     struct Chunk
@@ -21,10 +21,10 @@ class BufferPool
         std::unique_ptr<char[]> bytes;
         std::size_t capacity = 0;
     };
-    using Chunks = std::list<Chunk>; // so that giving back never fails
+    using Chunks = std::list<Chunk>; // splicing a node cannot fail, so returning a buffer cannot
 
 public:
-    /// A buffer on loan; its destructor gives it back. For one thread at a time, and not to outlive the pool.
+    /// A buffer on loan, which the destructor returns. For one thread at a time. Must not outlive the pool.
     class Lease
     {
     public:
@@ -34,26 +34,26 @@ public:
 
         char* data() noexcept { return m_chunk.front().bytes.get(); }
 
-        /// Say whether the buffer is kept until somebody asks for its content again. Nobody waits for such a buffer.
-        void setParked(bool parked);
+        /// Mark the buffer as kept for an unknown time, or no longer. acquire() never waits for a kept buffer.
+        void setKept(bool isKept);
 
     private:
         friend class BufferPool;
         Lease(BufferPool& pool, Chunks chunk);
 
         BufferPool& m_pool;
-        Chunks m_chunk; // one; none once it was moved on
-        bool m_isParked = false;
+        Chunks m_chunk; // one; none after this was moved from
+        bool m_isKept = false;
     };
 
-    /// @param limit  most bytes that are held together, those of free buffers included
+    /// @param limit  maximum bytes of all buffers, free ones included
     explicit BufferPool(std::uint64_t limit);
 
-    /// Borrow at least `size` bytes, whose values are left as they are. Waits while they are not to be had but will be.
-    /// @return nothing, when waiting is in vain: even with everything given back that is not parked there would be less
+    /// Borrow a buffer of at least `size` uninitialized bytes. Waits until there is room.
+    /// @return nothing: waiting cannot help, since the kept buffers leave too little room
     std::optional<Lease> acquire(std::size_t size);
 
-    /// Borrow at least `size` bytes, whose values are left as they are, if that needs no waiting.
+    /// Borrow a buffer of at least `size` uninitialized bytes. Never waits. @return nothing: there is no room now
     std::optional<Lease> tryAcquire(std::size_t size);
 
 private:
@@ -61,12 +61,12 @@ private:
     Chunks::iterator bestFree(std::size_t size);
 
     const std::uint64_t m_limit;
-    std::mutex m_mutex;                // innermost; guards all that follows
-    std::condition_variable m_changed; // buffers came back, or were parked
+    std::mutex m_mutex;                // innermost; guards all members below
+    std::condition_variable m_changed; // buffers were returned, or marked as kept or not
     Chunks m_free;
     std::uint64_t m_freeBytes = 0;
-    std::uint64_t m_lentBytes = 0;   // with those of free buffers never more than the limit
-    std::uint64_t m_parkedBytes = 0; // of those lent
+    std::uint64_t m_lentBytes = 0; // with m_freeBytes at most the limit
+    std::uint64_t m_keptBytes = 0; // part of m_lentBytes
 };
 
 } // namespace storage::clients

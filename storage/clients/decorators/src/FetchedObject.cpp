@@ -22,9 +22,9 @@ void FetchedObject::learn(const std::vector<cloudprovider::PartInfo>& parts, std
     {
         return;
     }
-    const bool isCertain = generation == m_generation && m_writers == 0;
+    const bool isCurrent = generation == m_generation && m_writers == 0;
     forget();
-    if (isCertain)
+    if (isCurrent)
     {
         m_size = size;
         m_tags = tags;
@@ -53,7 +53,7 @@ void FetchedObject::beginWrite()
 void FetchedObject::endWrite()
 {
     --m_writers;
-    forget(); // so that parts that were asked for meanwhile are not learnt
+    forget(); // so that a getObjectParts() that started during the write is not learnt
 }
 
 std::vector<FetchedBlockPtr> FetchedObject::addMissing(

@@ -17,7 +17,7 @@
 namespace storage::clients
 {
 
-/// A range that is fetched ahead, from the decision until it was read.
+/// A range that is prefetched, from the decision to fetch it until it has been read.
 struct FetchedBlock
 {
     enum class State
@@ -25,7 +25,7 @@ struct FetchedBlock
         Queued,
         Fetching,
         Ready,
-        Gone ///< failed or dropped: whoever waits for it must ask the store
+        Gone ///< failed or dropped: a call that waits for it must ask the inner client
     };
 
     FetchedBlock(const ByteRange& wanted, BufferPool::Lease buffer)
@@ -39,14 +39,14 @@ struct FetchedBlock
     const ByteRange range;
     State state = State::Queued;
     unsigned readers = 0;    ///< calls that will read it
-    BufferPool::Lease bytes; ///< written by the one who set Fetching; constant once Ready
+    BufferPool::Lease bytes; ///< written by the thread that set Fetching; constant once Ready
 };
 
 using FetchedBlockPtr = std::shared_ptr<FetchedBlock>;
 
-/// What is known of one object, and what of it is held in memory. Blocks do not overlap.
+/// One object: its size, its readers, and the blocks of it that are in memory. Blocks do not overlap.
 ///
-/// Not safe for concurrent calls: everything, the blocks' states included, is guarded by the owner's lock.
+/// Not safe for concurrent calls: the owner's lock guards everything, including the states of the blocks.
 class FetchedObject
 {
 public:
@@ -57,43 +57,43 @@ public:
 
     const std::string& key() const noexcept { return m_key; }
 
-    /// Bytes; 0: unknown, and nothing must be fetched.
+    /// Bytes; 0: unknown, so nothing may be prefetched.
     std::uint64_t size() const noexcept { return m_size; }
 
-    /// Changes with everything that is forgotten.
+    /// Changes with each forget().
     std::uint64_t generation() const noexcept { return m_generation; }
 
     ReadStreams& streams() noexcept { return m_streams; }
 
-    /// Take note of what the store says that the object is. What was fetched of another one is dropped.
+    /// Record the parts that the store has reported. If they differ from those recorded before, all blocks are dropped.
     ///
-    /// @param generation  when the store was asked. What was forgotten or learnt since makes the answer doubtful; then
-    ///                    nothing is known, unless it is the same as what was learnt.
+    /// @param generation  generation() when the store was asked. If it has changed since, or if a write is in progress,
+    ///                    the response may be outdated. Then nothing is known, unless it equals what is recorded.
     void learn(const std::vector<cloudprovider::PartInfo>& parts, std::uint64_t generation);
 
-    /// Drop all blocks, and know nothing until the next learn().
+    /// Drop all blocks and streams. Nothing is known until the next learn().
     void forget();
 
-    /// Forget, and do not learn until as many writes have ended: what is fetched during one may be of two versions.
+    /// Forget everything. Learn nothing until every write has ended: bytes fetched meanwhile may be of two versions.
     void beginWrite();
     void endWrite();
 
-    /// Add blocks for those bytes in [from, to) that no block has, each of `piece` bytes at most.
+    /// Add blocks for those bytes in [from, to) that no block has, each of at most `piece` bytes.
     ///
-    /// @return the new blocks, all Queued; they end early when there is no buffer left
+    /// @return the new blocks, all Queued, in order; they end early when there is no buffer left
     std::vector<FetchedBlockPtr> addMissing(
         std::uint64_t from, std::uint64_t to, std::uint64_t piece, BufferPool& buffers);
 
-    /// The first byte from `from` on that no block has.
+    /// The first byte at or after `from` that no block has.
     std::uint64_t firstMissing(std::uint64_t from) const;
 
-    /// The blocks that have all bytes of the range, in order; empty when some are missing.
+    /// The blocks that together have all bytes of the range, in order; empty if a byte is missing.
     std::vector<FetchedBlockPtr> blocksOf(const ByteRange& range) const;
 
-    /// Drop the blocks that no window reaches into and no call reads.
+    /// Drop the blocks that no window overlaps and no call reads.
     void trim();
 
-    /// Drop one block that has failed, and close all windows.
+    /// Drop a block whose download failed, and close all windows.
     void fail(FetchedBlock& block);
 
 private:
@@ -103,9 +103,9 @@ private:
 
     const std::string m_key;
     std::uint64_t m_size = 0;
-    std::size_t m_tags = 0; // hash of all parts with their tags, of which there may be thousands
+    std::size_t m_tags = 0; // hash of the sizes and tags of all parts, of which there may be thousands
     std::uint64_t m_generation = 0;
-    unsigned m_writers = 0; // calls under way that change the object
+    unsigned m_writers = 0; // calls in progress that change the object
     ReadStreams m_streams;
     Blocks m_blocks;
 };

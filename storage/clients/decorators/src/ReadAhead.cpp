@@ -24,13 +24,13 @@ using namespace storage::cloudprovider;
 namespace
 {
 
-constexpr std::size_t mostObjects = 256; // more files than are read at a time; few enough to go through them all
+constexpr std::size_t maxObjects = 256; // more files than are read at a time, and few enough to visit all of them
 
-// For how many turns of every reader a window stays open that is not read: a slow reader is to keep what was fetched.
-constexpr std::uint64_t turnsInPlenty = 64;
-constexpr std::uint64_t turnsInNeed = 4; // when others want the memory
+// For how many reads of each other reader a window stays open that is not read. Slow readers must keep their window.
+constexpr std::uint64_t idleTurns = 64;
+constexpr std::uint64_t idleTurnsUnderPressure = 4; // if another reader needs the memory
 
-constexpr std::uint64_t leastWorthARequest = 4 << 20; // bytes that take longer to arrive than a distant store to answer
+constexpr std::uint64_t minEfficientRequest = 4 << 20; // bytes; the transfer takes longer than a round trip
 
 /// The reason of the exception that is being handled.
 std::string reason()
@@ -49,13 +49,13 @@ std::string reason()
     }
 }
 
-/// Log the exception that is being handled. A milestone rather than an error, as nobody has come to harm.
-void logWhyNotAhead(const std::string& key, const ByteRange& range)
+/// Log the current exception: as progress and not as an error, since the reader can still request the range.
+void logFailedPrefetch(const std::string& key, const ByteRange& range)
 {
     if (auto& logger = getLogger(); logger.isEnabled(foundation::log::severity::progress))
     {
         logger.write(foundation::log::severity::progress,
-            fmt::format("reading ahead {} bytes from {} of {} failed, they are asked for again when needed: {}",
+            fmt::format("prefetching {} bytes at offset {} of {} failed, they are requested again when needed: {}",
                 range.size, range.offset, quoted(key), reason()));
     }
 }
@@ -64,8 +64,8 @@ void logWhyNotAhead(const std::string& key, const ByteRange& range)
 
 ReadAhead::ReadAhead(CloudClient& inner, const ReadAheadSettings& settings)
     : m_inner(inner)
-    , m_mostAhead(settings.memory / 4 * 3) // so that one reader leaves room for the beginnings of another
-    , m_wholePiece(std::min(leastWorthARequest, settings.memory / std::max(settings.transfers, std::size_t{1})))
+    , m_maxWindow(settings.memory / 4 * 3) // leaves room for the first windows of another reader
+    , m_maxPiece(std::min(minEfficientRequest, settings.memory / std::max(settings.transfers, std::size_t{1})))
     , m_buffers(settings.transfers == 0 ? 0 : settings.memory)
     , m_threads(std::max(settings.transfers, std::size_t{1}))
 {
@@ -76,7 +76,7 @@ ReadAhead::~ReadAhead()
     const std::lock_guard lock(m_mutex);
     for (const ObjectPtr& object : m_objects)
     {
-        object->forget(); // what was not begun finds its block gone
+        object->forget(); // queued fetches find their block gone
     }
 }
 
@@ -92,7 +92,7 @@ bool ReadAhead::read(const std::string& key, std::ostream& out, const ByteRange&
     return !blocks.empty();
 }
 
-/// @return blocks that have the range, all Ready; empty: it must be asked for
+/// @return blocks that have the range, all Ready; empty: it must be requested from the inner client
 std::vector<FetchedBlockPtr> ReadAhead::obtain(const std::string& key, const ByteRange& range)
 {
     std::unique_lock lock(m_mutex);
@@ -101,28 +101,28 @@ std::vector<FetchedBlockPtr> ReadAhead::obtain(const std::string& key, const Byt
     {
         return {};
     }
-    const auto ahead = object->streams().advance(range, ++m_reads, m_mostAhead, m_wholePiece);
-    if (m_reads % turnsInPlenty == 0) // not always, as all objects are looked at
+    const auto ahead = object->streams().advance(range, ++m_reads, m_maxWindow, m_maxPiece);
+    if (m_reads % idleTurns == 0) // not always, since this visits all objects
     {
-        closeIdleWindows(turnsInPlenty);
+        closeIdleWindows(idleTurns);
     }
     if (object->firstMissing(range.offset) != range.offset)
     {
-        queue(object, range.offset, ahead.offset, range.size); // the rest, if its begin is there already
+        queue(object, range.offset, ahead.offset, range.size); // the rest: its start is in memory already
     }
     auto blocks = object->blocksOf(range);
     for (const FetchedBlockPtr& block : blocks)
     {
-        ++block->readers; // which keeps it, now that the stream has passed it
+        ++block->readers; // keeps the block, although the stream is past it
     }
-    fetchAhead(object, ahead);
+    prefetch(object, ahead);
     object->trim();
 
     for (const FetchedBlockPtr& block : blocks)
     {
         if (block->state == FetchedBlock::State::Queued)
         {
-            fetch(*object, *block, lock); // rather than to wait for threads that are busy ahead of others
+            fetch(*object, *block, lock); // on this thread: the pool may be busy prefetching for others
         }
     }
     m_settled.wait(
@@ -137,8 +137,8 @@ std::vector<FetchedBlockPtr> ReadAhead::obtain(const std::string& key, const Byt
     return isWhole ? blocks : std::vector<FetchedBlockPtr>();
 }
 
-/// Queue what the window has room for, in whole pieces but for the end of the object.
-void ReadAhead::fetchAhead(const ObjectPtr& object, const ReadStreams::Ahead& ahead)
+/// Queue what is missing in the window, in whole pieces except at the end of the object.
+void ReadAhead::prefetch(const ObjectPtr& object, const ReadStreams::Ahead& ahead)
 {
     std::uint64_t end = std::min(ahead.offset + ahead.size, object->size());
     const std::uint64_t begin = object->firstMissing(ahead.offset);
@@ -149,14 +149,14 @@ void ReadAhead::fetchAhead(const ObjectPtr& object, const ReadStreams::Ahead& ah
     }
 }
 
-/// Have those bytes of [from, to) fetched that are not there, as far as memory lasts. A failure is logged.
+/// Queue the bytes of [from, to) that no block has, as far as there is memory. A failure is logged.
 void ReadAhead::queue(const ObjectPtr& object, std::uint64_t from, std::uint64_t to, std::uint64_t piece)
 try
 {
     auto blocks = object->addMissing(from, to, piece, m_buffers);
     if (object->firstMissing(from) < to)
     {
-        closeIdleWindows(turnsInNeed);
+        closeIdleWindows(idleTurnsUnderPressure);
         std::ranges::copy(object->addMissing(from, to, piece, m_buffers), std::back_inserter(blocks));
     }
     for (const FetchedBlockPtr& added : blocks)
@@ -175,26 +175,26 @@ try
 }
 catch (...)
 {
-    logWhyNotAhead(object->key(), {from, to - from}); // a reader that comes before anyone else fetches what is queued
+    logFailedPrefetch(object->key(), {from, to - from}); // the blocks stay Queued: the first reader fetches them
 }
 
-/// Take the memory of readers that others have long overtaken.
-void ReadAhead::closeIdleWindows(std::uint64_t turns)
+/// Close windows that were not read while each other reader made `maxTurns` reads, and free their memory.
+void ReadAhead::closeIdleWindows(std::uint64_t maxTurns)
 {
-    std::size_t active = 0;
+    std::size_t openWindows = 0;
     for (const ObjectPtr& object : m_objects)
     {
-        active += object->streams().active();
+        openWindows += object->streams().openWindows();
     }
-    const std::uint64_t patience = turns * (2 + active); // reads; those who have no window yet take turns too
+    const std::uint64_t maxIdleReads = maxTurns * (2 + openWindows); // 2: readers without a window count, too
     for (const ObjectPtr& object : m_objects)
     {
-        object->streams().closeIdle(m_reads - std::min(m_reads, patience));
+        object->streams().closeIdle(m_reads - std::min(m_reads, maxIdleReads));
         object->trim();
     }
 }
 
-/// Fetch a queued block. Never throws for a failure of the client below. Lets go of the lock meanwhile.
+/// Fetch a queued block. Logs a failure of the inner client. Releases the lock during the download.
 void ReadAhead::fetch(FetchedObject& object, FetchedBlock& block, std::unique_lock<std::mutex>& lock)
 {
     block.state = FetchedBlock::State::Fetching;
@@ -207,12 +207,12 @@ void ReadAhead::fetch(FetchedObject& object, FetchedBlock& block, std::unique_lo
     }
     catch (...)
     {
-        logWhyNotAhead(object.key(), block.range);
+        logFailedPrefetch(object.key(), block.range);
     }
     lock.lock();
     if (block.state == FetchedBlock::State::Gone)
     {
-        return; // the object is another one now
+        return; // dropped during the download, for example since the object was changed
     }
     if (isComplete)
     {
@@ -229,7 +229,7 @@ void ReadAhead::download(const std::string& key, const ByteRange& range, char* b
 {
     boost::iostreams::stream_buffer<boost::iostreams::basic_array_sink<char>> memory(bytes, range.size);
     std::ostream out(&memory);
-    out.exceptions(std::ios_base::badbit); // a surplus must not pass unseen
+    out.exceptions(std::ios_base::badbit); // excess bytes must fail the call
     m_inner.getObjectRange(key, out, range.offset, range.offset + range.size - 1);
     if (const auto received = static_cast<std::streamoff>(out.tellp()); std::cmp_not_equal(received, range.size))
     {
@@ -254,9 +254,9 @@ ReadAhead::ObjectPtr ReadAhead::findOrAdd(const std::string& key)
     {
         return object;
     }
-    if (m_objects.size() >= mostObjects)
+    if (m_objects.size() >= maxObjects)
     {
-        // Whoever works on an object holds a pointer of its own, got under this lock.
+        // A call that works on an object holds a pointer of its own, which it took under this lock.
         const auto unused = std::find_if(
             m_objects.rbegin(), m_objects.rend(), [](const ObjectPtr& object) { return object.use_count() == 1; });
         if (unused != m_objects.rend())
@@ -270,7 +270,7 @@ ReadAhead::ObjectPtr ReadAhead::findOrAdd(const std::string& key)
     return m_objects.front();
 }
 
-/// Take a pointer back. An object of which nothing is known, and which nobody else works on, makes room for others.
+/// Release a pointer. Forget the object if its size is unknown and no other call works on it.
 void ReadAhead::release(ObjectPtr& object)
 {
     const bool isUnused = object.use_count() == 2; // here and in the list
@@ -283,7 +283,7 @@ void ReadAhead::release(ObjectPtr& object)
     object.reset();
 }
 
-ReadAhead::Opening::Opening(ReadAhead& owner, const std::string& key)
+ReadAhead::PartsLookup::PartsLookup(ReadAhead& owner, const std::string& key)
     : m_owner(owner)
 {
     const std::lock_guard lock(owner.m_mutex);
@@ -291,7 +291,7 @@ ReadAhead::Opening::Opening(ReadAhead& owner, const std::string& key)
     m_generation = m_object->generation();
 }
 
-ReadAhead::Opening::~Opening()
+ReadAhead::PartsLookup::~PartsLookup()
 {
     const std::lock_guard lock(m_owner.m_mutex);
     if (!m_succeeded)
@@ -302,7 +302,7 @@ ReadAhead::Opening::~Opening()
     m_owner.release(m_object);
 }
 
-void ReadAhead::Opening::succeeded(const std::vector<PartInfo>& parts)
+void ReadAhead::PartsLookup::succeeded(const std::vector<PartInfo>& parts)
 {
     const std::lock_guard lock(m_owner.m_mutex);
     m_object->learn(parts, m_generation);

@@ -23,9 +23,9 @@
 namespace storage::clients
 {
 
-/// What a ReadAheadClient does beside handing calls on: watches what is read, fetches ahead, and answers from memory.
+/// The prefetching of a ReadAheadClient: observes reads, prefetches, and serves ranges from memory.
 ///
-/// Safe for concurrent calls. No lock is held during calls of the client below.
+/// Safe for concurrent calls. No lock is held during calls of the inner client.
 class ReadAhead
 {
     using ObjectPtr = std::shared_ptr<FetchedObject>;
@@ -36,20 +36,20 @@ public:
     ReadAhead& operator=(const ReadAhead&) = delete;
     ~ReadAhead();
 
-    /// Take note that a range is read, fetch further ones where that is worth it, and write it from memory.
+    /// Record that a range is read, queue the prefetches that this calls for, and write the range if it is in memory.
     ///
     /// @return false: it is not in memory, and nothing was written
-    /// @throws UnknownErrorException when `out` fails
+    /// @throws UnknownErrorException if `out` fails
     bool read(const std::string& key, std::ostream& out, const ByteRange& range);
 
-    /// One call that asks how the object is cut into parts. Unless it succeeds, nothing is known of the object then.
-    class Opening
+    /// One getObjectParts() call. Unless it succeeds, nothing is known of the object after it.
+    class PartsLookup
     {
     public:
-        Opening(ReadAhead& owner, const std::string& key);
-        Opening(const Opening&) = delete;
-        Opening& operator=(const Opening&) = delete;
-        ~Opening();
+        PartsLookup(ReadAhead& owner, const std::string& key);
+        PartsLookup(const PartsLookup&) = delete;
+        PartsLookup& operator=(const PartsLookup&) = delete;
+        ~PartsLookup();
 
         void succeeded(const std::vector<cloudprovider::PartInfo>& parts);
 
@@ -60,7 +60,7 @@ public:
         bool m_succeeded = false;
     };
 
-    /// One call that changes the object. As long as it lives, nothing of it is fetched ahead.
+    /// One call that changes the object. While it lives, nothing of the object is prefetched.
     class Write
     {
     public:
@@ -75,31 +75,31 @@ public:
     };
 
 private:
-    // All of these are called under m_mutex.
+    // These are called under m_mutex. fetch() releases it during the download.
     ObjectPtr find(const std::string& key);
     ObjectPtr findOrAdd(const std::string& key);
     void release(ObjectPtr& object);
-    void fetchAhead(const ObjectPtr& object, const ReadStreams::Ahead& ahead);
+    void prefetch(const ObjectPtr& object, const ReadStreams::Ahead& ahead);
     void queue(const ObjectPtr& object, std::uint64_t from, std::uint64_t to, std::uint64_t piece);
-    void closeIdleWindows(std::uint64_t turns);
+    void closeIdleWindows(std::uint64_t maxTurns);
     void fetch(FetchedObject& object, FetchedBlock& block, std::unique_lock<std::mutex>& lock);
 
     std::vector<FetchedBlockPtr> obtain(const std::string& key, const ByteRange& range);
     void download(const std::string& key, const ByteRange& range, char* bytes);
 
     cloudprovider::CloudClient& m_inner;
-    const std::uint64_t m_mostAhead;  // bytes of one window
-    const std::uint64_t m_wholePiece; // bytes of one block, unless a reader asks for more at once
-    BufferPool m_buffers;             // outlives the blocks
+    const std::uint64_t m_maxWindow; // bytes
+    const std::uint64_t m_maxPiece;  // bytes of one block, unless a reader requests more at once
+    BufferPool m_buffers;            // outlives the blocks
 
-    // Lock order: the lock of m_threads may be taken when this one is held, never the other way.
-    std::mutex m_mutex;                // guards what follows, but for m_threads, and what the objects hold
-    std::condition_variable m_settled; // blocks have become Ready or Gone
-    std::list<ObjectPtr> m_objects;    // the one used last in front
+    // Lock order: the locks of m_threads and m_buffers may be taken while this one is held, never the other way.
+    std::mutex m_mutex;                // guards all members below except m_threads, and the contents of the objects
+    std::condition_variable m_settled; // blocks became Ready or Gone
+    std::list<ObjectPtr> m_objects;    // most recently used first
     std::unordered_map<std::string, std::list<ObjectPtr>::iterator> m_byKey;
-    std::uint64_t m_reads = 0; // so far
+    std::uint64_t m_reads = 0; // reads so far, of all objects
 
-    WorkerThreads m_threads; // last, so that they end first
+    WorkerThreads m_threads; // last: destroyed first, since its tasks use all other members
 };
 
 } // namespace storage::clients

@@ -26,7 +26,7 @@ void ReadAheadClient::deleteObject(const std::string& key)
 void ReadAheadClient::getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last)
 {
     const bool isWhole = first == 0 && last == 0;
-    const std::uint64_t size = last - first + 1; // 0: more than a number can tell, or nothing
+    const std::uint64_t size = last - first + 1; // 0: the count overflows, or the range is empty
     if (isWhole || last < first || size == 0 || !m_readAhead->read(key, out, {first, size}))
     {
         InterceptingClient::getObjectRange(key, out, first, last);
@@ -41,9 +41,9 @@ void ReadAheadClient::putObject(const std::string& key, std::istream& content, s
 
 std::vector<PartInfo> ReadAheadClient::getObjectParts(const std::string& key)
 {
-    ReadAhead::Opening opening(*m_readAhead, key);
+    ReadAhead::PartsLookup lookup(*m_readAhead, key);
     auto parts = InterceptingClient::getObjectParts(key);
-    opening.succeeded(parts);
+    lookup.succeeded(parts);
     return parts;
 }
 

@@ -6,41 +6,41 @@ namespace storage::clients
 {
 
 ReadStreams::Ahead ReadStreams::advance(
-    const ByteRange& read, std::uint64_t now, std::uint64_t mostAhead, std::uint64_t wholePiece)
+    const ByteRange& read, std::uint64_t now, std::uint64_t maxWindow, std::uint64_t maxPiece)
 {
     const auto multiple = [&read](std::uint64_t bytes)
     { return std::max(bytes / read.size, std::uint64_t{1}) * read.size; };
-    const auto stream = match(read, multiple(mostAhead));
+    const auto stream = match(read, multiple(maxWindow));
     stream->position = read.offset + read.size;
     stream->lastRead = now;
-    // Readers in step share one window: who reaches the place of another has read what that one read.
+    // Readers in step share one window: a reader that reaches another's position has read the same range.
     for (const Stream& other : m_streams)
     {
         if (other.position == stream->position)
         {
             stream->window = std::max(stream->window, other.window);
-            stream->toGo = std::min(stream->toGo, other.toGo);
+            stream->rangesToOpen = std::min(stream->rangesToOpen, other.rangesToOpen);
         }
     }
     std::rotate(m_streams.begin(), stream, stream + 1);
     const Stream& front = m_streams.front();
-    // Half a window: while the reader waits for one half, the other is on its way.
-    return {front.position, front.window, multiple(std::min(wholePiece, front.window / 2))};
+    // Half a window: while the reader waits for one half, the other is in flight.
+    return {front.position, front.window, multiple(std::min(maxPiece, front.window / 2))};
 }
 
-/// The stream that the range belongs to, with its new window; the position is still the old one.
-ReadStreams::Streams::iterator ReadStreams::match(const ByteRange& read, std::uint64_t mostAhead)
+/// Find or start the stream that the range belongs to, and update its window. Its position is still the old one.
+ReadStreams::Streams::iterator ReadStreams::match(const ByteRange& read, std::uint64_t maxWindow)
 {
     const auto next = std::find_if(
         m_streams.begin(), m_streams.end(), [&](const Stream& stream) { return stream.position == read.offset; });
     if (next != m_streams.end())
     {
-        next->toGo = std::max(next->toGo, 1U) - 1;
+        next->rangesToOpen = std::max(next->rangesToOpen, 1U) - 1;
         const bool isOpen = next->window != 0;
-        next->window = isOpen ? std::min(next->window * 2, mostAhead) : next->toGo == 0 ? read.size : 0;
+        next->window = isOpen ? std::min(next->window * 2, maxWindow) : next->rangesToOpen == 0 ? read.size : 0;
         return next;
     }
-    const Stream begun{.toGo = read.offset == 0 ? 1U : 2U};
+    const Stream begun{.rangesToOpen = read.offset == 0 ? 1U : 2U};
     const auto jump = std::find_if(m_streams.begin(), m_streams.end(),
         [&](const Stream& stream)
         { return stream.position < read.offset && read.offset - stream.position < stream.window; });
@@ -49,7 +49,7 @@ ReadStreams::Streams::iterator ReadStreams::match(const ByteRange& read, std::ui
         *jump = begun;
         return jump;
     }
-    if (m_streams.size() == mostStreams)
+    if (m_streams.size() == maxStreams)
     {
         m_streams.pop_back();
     }
@@ -66,7 +66,7 @@ bool ReadStreams::wants(const ByteRange& range) const
         });
 }
 
-std::size_t ReadStreams::active() const
+std::size_t ReadStreams::openWindows() const
 {
     return static_cast<std::size_t>(
         std::count_if(m_streams.begin(), m_streams.end(), [](const Stream& stream) { return stream.window != 0; }));
@@ -85,7 +85,7 @@ void ReadStreams::closeAll()
     for (Stream& stream : m_streams)
     {
         stream.window = 0;
-        stream.toGo = 1;
+        stream.rangesToOpen = 1;
     }
 }
 

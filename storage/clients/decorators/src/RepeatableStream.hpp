@@ -25,22 +25,22 @@ public:
         : m_stream(stream)
         , m_state(stream.rdstate())
         , m_start(tell())
-        , m_watched(stream.rdbuf())
-        , m_watchedStream(&m_watched)
+        , m_passThrough(stream.rdbuf())
+        , m_passThroughStream(&m_passThrough)
     {
-        m_watchedStream.exceptions(stream.exceptions());
+        m_passThroughStream.exceptions(stream.exceptions());
     }
 
     /// The stream that each attempt must use.
-    Stream& get() noexcept { return m_start ? m_stream : m_watchedStream; }
+    Stream& get() noexcept { return m_start ? m_stream : m_passThroughStream; }
 
     /// Get ready for a retry. @return false: that is impossible
     bool rewind()
     {
         if (!m_start)
         {
-            m_watchedStream.clear();
-            return m_watched.bytes() == 0;
+            m_passThroughStream.clear();
+            return m_passThrough.bytes() == 0;
         }
         if (const auto reached = tell(); reached && (!m_furthest || *m_furthest < *reached))
         {
@@ -79,10 +79,10 @@ private:
 
     Stream& m_stream;
     const std::ios_base::iostate m_state;
-    const std::optional<std::streamoff> m_start; // empty: the stream has no positions, and attempts get m_watchedStream
-    std::optional<std::streamoff> m_furthest;    // the last position that a failed attempt reached
-    PassThroughBuffer m_watched;
-    Stream m_watchedStream;
+    const std::optional<std::streamoff> m_start; // empty: no positions, so attempts get m_passThroughStream
+    std::optional<std::streamoff> m_furthest;    // the furthest position that a failed attempt reached
+    PassThroughBuffer m_passThrough;
+    Stream m_passThroughStream;
 };
 
 } // namespace storage::clients

@@ -22,7 +22,7 @@ using namespace storage::cloudprovider;
 namespace
 {
 
-std::string textOfCurrentException()
+std::string currentExceptionText()
 {
     try
     {
@@ -38,7 +38,7 @@ std::string textOfCurrentException()
     }
     catch (...)
     {
-        return "what was thrown is no exception";
+        return "unknown exception";
     }
 }
 
@@ -53,7 +53,7 @@ UploadPipeline::UploadPipeline(CloudClient& inner, const PipelineSettings& setti
 
 UploadPipeline::~UploadPipeline()
 {
-    const auto open = m_uploads; // no lock: no call is under way, and no thread of ours touches the map
+    const auto open = m_uploads; // no lock: no call is in progress, and the workers do not touch the map
     for (const auto& [address, upload] : open)
     {
         try
@@ -62,8 +62,9 @@ UploadPipeline::~UploadPipeline()
         }
         catch (...)
         {
-            getLogger().write(foundation::log::severity::error,
-                fmt::format("An upload of {} stays open: {}", quoted(upload->key), textOfCurrentException()));
+            getLogger().write(
+                foundation::log::severity::error, fmt::format("Aborting an upload of {} failed, it stays open: {}",
+                                                      quoted(upload->key), currentExceptionText()));
         }
     }
 }
@@ -88,7 +89,7 @@ std::string UploadPipeline::send(
     reportFailure(*upload);
     if (!bytes || !m_threads.start())
     {
-        return transferHere(upload, part.Index, [&] { return m_inner.uploadPart(key, id, part, content); });
+        return transferOnCallersThread(upload, part.Index, [&] { return m_inner.uploadPart(key, id, part, content); });
     }
     readContent(key, content, bytes->data(), part.Size);
     return enqueue(upload, part, std::move(bytes));
@@ -106,7 +107,7 @@ std::string UploadPipeline::copy(const std::string& key, const std::string& id, 
     reportFailure(*upload);
     if (!m_threads.start())
     {
-        return transferHere(upload, part.Index, [&] { return m_inner.copyPart(key, id, source); });
+        return transferOnCallersThread(upload, part.Index, [&] { return m_inner.copyPart(key, id, source); });
     }
     return enqueue(upload, source, std::nullopt);
 }
@@ -123,7 +124,7 @@ void UploadPipeline::abort(const std::string& key, const std::string& id)
         Lock lock(m_mutex);
         dropUnstored(*upload, lock);
         waitUntilIdle(*upload, lock);
-        dropUnstored(*upload, lock); // what has failed meanwhile; should the abort fail, nobody may ask for it any more
+        dropUnstored(*upload, lock); // those that have failed meanwhile, in case the abort fails
     }
     try
     {
@@ -150,17 +151,17 @@ void UploadPipeline::complete(const std::string& key, const std::string& id, con
         Lock lock(m_mutex);
         waitUntilIdle(*upload, lock);
         retryFailed(upload, parts, lock);
-        upload->unreported = nullptr; // what still counts of it is thrown now
+        upload->unreported = nullptr; // failures that still count are thrown below
         for (PartInfo& part : stored)
         {
-            part.Tag = m_tags.isOwn(part.Tag) ? storedTag(*upload, part, lock) : part.Tag;
+            part.Tag = m_tags.isProvisional(part.Tag) ? storedTag(*upload, part, lock) : part.Tag;
         }
     }
     m_inner.completeMultipartUpload(key, id, stored);
     end(*upload);
 }
 
-/// @return null: the upload was not begun here, or has ended
+/// @return null: the upload was not opened by this instance, or has ended
 UploadPipeline::UploadPtr UploadPipeline::find(const std::string& key, const std::string& id)
 {
     const std::lock_guard lock(m_mutex);
@@ -177,10 +178,10 @@ void UploadPipeline::reportFailure(Upload& upload)
     }
 }
 
-/// Transfer a part on the caller's thread. Its tag is that of the client below, as there is nothing to wait for. If it
-/// fails, an earlier transfer of the part stands.
+/// Transfer a part on the caller's thread, and return the inner client's tag. If this fails, an earlier transfer of the
+/// part stays valid.
 template <typename Call>
-std::string UploadPipeline::transferHere(const UploadPtr& upload, std::size_t index, Call call)
+std::string UploadPipeline::transferOnCallersThread(const UploadPtr& upload, std::size_t index, Call call)
 {
     Lock lock(m_mutex);
     TransferPtr earlier;
@@ -222,7 +223,7 @@ std::string UploadPipeline::enqueue(
 {
     const Lock lock(m_mutex);
     const auto transfer = std::make_shared<Transfer>(Transfer{part, m_tags.make(), std::move(bytes)});
-    post(upload, transfer); // it begins when the lock is gone
+    post(upload, transfer); // starts after the lock is released
     if (const TransferPtr earlier = std::exchange(upload->parts[part.Index], transfer))
     {
         drop(*upload, *earlier, lock);
@@ -270,7 +271,7 @@ void UploadPipeline::run(const UploadPtr& upload, const TransferPtr& transfer)
         transfer->state = Transfer::State::Failed;
         if (transfer->bytes)
         {
-            transfer->bytes->setParked(true);
+            transfer->bytes->setKept(true);
         }
         if (!upload->unreported)
         {
@@ -279,7 +280,7 @@ void UploadPipeline::run(const UploadPtr& upload, const TransferPtr& transfer)
     }
     else
     {
-        transfer->state = Transfer::State::Dropped; // a later one counts
+        transfer->state = Transfer::State::Dropped; // a newer transfer replaces it
         transfer->bytes.reset();
     }
     finish(upload, index, lock);
@@ -297,7 +298,7 @@ std::string UploadPipeline::perform(const Upload& upload, Transfer& transfer)
     return m_inner.uploadPart(upload.key, upload.id, transfer.part, content);
 }
 
-/// Note that nothing is under way for the part any longer, and let one begin that has waited for this.
+/// Record that the transfer of the part has ended, and start the next one if there is one.
 void UploadPipeline::finish(const UploadPtr& upload, std::size_t index, const Lock&)
 {
     upload->running.erase(index);
@@ -309,20 +310,20 @@ void UploadPipeline::finish(const UploadPtr& upload, std::size_t index, const Lo
     m_changed.notify_all();
 }
 
-/// Forget a transfer that has not begun or has failed; others stay what they are.
+/// Drop a transfer that has not started or has failed. In other states it stays unchanged.
 void UploadPipeline::drop(Upload& upload, Transfer& transfer, const Lock&)
 {
-    const bool isWaiting = transfer.state == Transfer::State::Waiting;
-    if (isWaiting || transfer.state == Transfer::State::Failed)
+    const bool wasWaiting = transfer.state == Transfer::State::Waiting;
+    if (wasWaiting || transfer.state == Transfer::State::Failed)
     {
         transfer.state = Transfer::State::Dropped;
         transfer.bytes.reset();
-        upload.unfinished -= isWaiting ? 1 : 0;
+        upload.unfinished -= wasWaiting ? 1 : 0;
         m_changed.notify_all();
     }
 }
 
-/// Forget all transfers but those that run or have been stored.
+/// Drop all transfers except those that are running or stored.
 void UploadPipeline::dropUnstored(Upload& upload, const Lock& lock)
 {
     for (const auto& [index, transfer] : upload.parts)
@@ -336,7 +337,7 @@ void UploadPipeline::waitUntilIdle(const Upload& upload, Lock& lock)
     m_changed.wait(lock, [&] { return upload.unfinished == 0; });
 }
 
-/// Transfer listed parts that failed once more, and wait for them.
+/// Retry the listed parts that failed, and wait until no transfer of the upload is left.
 void UploadPipeline::retryFailed(const UploadPtr& upload, const std::vector<PartInfo>& parts, Lock& lock)
 {
     for (const PartInfo& part : parts)
@@ -347,7 +348,7 @@ void UploadPipeline::retryFailed(const UploadPtr& upload, const std::vector<Part
             post(upload, transfer);
             if (transfer->bytes)
             {
-                transfer->bytes->setParked(false);
+                transfer->bytes->setKept(false);
             }
             transfer->state = Transfer::State::Waiting;
             ++upload->unfinished;
@@ -356,14 +357,14 @@ void UploadPipeline::retryFailed(const UploadPtr& upload, const std::vector<Part
     waitUntilIdle(*upload, lock);
 }
 
-/// The real tag of a part that is listed with one of ours. Throws why the part could not be stored, if it could not.
+/// The store's tag of a part that is listed with a provisional tag. Throws the failure if the part was not stored.
 std::string UploadPipeline::storedTag(const Upload& upload, const PartInfo& part, const Lock&) const
 {
     const TransferPtr transfer = newest(upload, part.Index);
     if (!transfer || transfer->tag != part.Tag)
     {
         throw UnknownErrorException("Invalid parts",
-            fmt::format("completing the upload of {}: part {} is listed with the tag {}, which is not the one of its "
+            fmt::format("completing the upload of {}: part {} is listed with the tag {}, which is not the tag of its "
                         "last upload",
                 quoted(upload.key), part.Index, quoted(part.Tag)));
     }
@@ -373,24 +374,24 @@ std::string UploadPipeline::storedTag(const Upload& upload, const PartInfo& part
     }
     if (transfer->state == Transfer::State::Dropped)
     {
-        throw UnknownErrorException("Invalid parts",
-            fmt::format("completing the upload of {}: part {} was dropped by an abort, which then failed",
-                quoted(upload.key), part.Index));
+        throw UnknownErrorException(
+            "Invalid parts", fmt::format("completing the upload of {}: part {} was dropped by an abort that failed",
+                                 quoted(upload.key), part.Index));
     }
     return transfer->innerTag;
 }
 
-/// The transfer that decides about a part; null: it was sent on a caller's thread, or not at all.
+/// The newest transfer of a part; null: the part was sent on a caller's thread, or not at all.
 UploadPipeline::TransferPtr UploadPipeline::newest(const Upload& upload, std::size_t index) const
 {
     const auto part = upload.parts.find(index);
     return part == upload.parts.end() ? nullptr : part->second;
 }
 
-/// What the client below is told when an upload is opened with this tag.
+/// The tag to pass to the inner client when an upload is opened with this tag.
 std::string UploadPipeline::baseTag(const std::string& tag)
 {
-    if (!m_tags.isOwn(tag))
+    if (!m_tags.isProvisional(tag))
     {
         return tag;
     }
@@ -410,10 +411,10 @@ std::string UploadPipeline::baseTag(const std::string& tag)
     return m_tags.find(tag).value_or("");
 }
 
-/// What the client below is told when a part with this tag is to be copied.
+/// The tag to pass to the inner client when a part with this tag is copied.
 std::string UploadPipeline::sourceTag(const std::string& tag)
 {
-    if (!m_tags.isOwn(tag))
+    if (!m_tags.isProvisional(tag))
     {
         return tag;
     }
@@ -422,12 +423,12 @@ std::string UploadPipeline::sourceTag(const std::string& tag)
     if (!inner)
     {
         throw UnknownErrorException("Part cannot be copied",
-            fmt::format("the tag {} is of no part that is known to be stored; open the file anew", quoted(tag)));
+            fmt::format("the tag {} belongs to no part that is known to be stored; reopen the file", quoted(tag)));
     }
     return *inner;
 }
 
-/// Forget an upload that has ended, but not the tags of its parts.
+/// Forget an upload that has ended, but remember the tags of its stored parts.
 void UploadPipeline::end(Upload& upload)
 {
     const Lock lock(m_mutex);

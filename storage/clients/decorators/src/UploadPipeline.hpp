@@ -1,7 +1,7 @@
 #pragma once
 
 #include "BufferPool.hpp"
-#include "OwnTags.hpp"
+#include "ProvisionalTags.hpp"
 #include "WorkerThreads.hpp"
 
 #include <storage/clients/decorators/PipelinedUploadClient.hpp>
@@ -23,8 +23,8 @@
 namespace storage::clients
 {
 
-/// The uploads of a PipelinedUploadClient and what is on its way for them. Its operations are the client's, and so is
-/// what they promise.
+/// The open uploads of a PipelinedUploadClient and their transfers. Each operation is the client's operation of the
+/// similar name, with the same contract.
 class UploadPipeline
 {
 public:
@@ -45,7 +45,7 @@ private:
     {
         enum class State
         {
-            Waiting, // a task was posted that begins it, unless one of the same part runs: then its end posts another
+            Waiting, // a posted task starts it; if a transfer of the same part runs then, the end of that posts another
             Running,
             Stored,
             Failed,
@@ -53,11 +53,11 @@ private:
         };
 
         const cloudprovider::PartInfo part;
-        const std::string tag;                  // our own
-        std::optional<BufferPool::Lease> bytes; // until it is stored or dropped; none: the store copies the part
-        State state = State::Dropped;           // until it is queued
-        std::string innerTag{};                 // once it is stored
-        std::exception_ptr failure{};           // of the last try, if it failed
+        const std::string tag;                  // provisional
+        std::optional<BufferPool::Lease> bytes; // until stored or dropped; none: a server-side copy
+        State state = State::Dropped;           // until enqueue() has posted it
+        std::string innerTag{};                 // once Stored
+        std::exception_ptr failure{};           // of the last attempt, if it failed
     };
     using TransferPtr = std::shared_ptr<Transfer>;
 
@@ -65,19 +65,19 @@ private:
     {
         const std::string key;
         const std::string id;
-        std::map<std::size_t, TransferPtr> parts{}; // by index, the newest transfer of each
-        std::set<std::size_t> running{};            // indexes under way, those that callers send themselves included
-        std::size_t unfinished = 0;                 // transfers that wait or run
+        std::map<std::size_t, TransferPtr> parts{}; // by index; the newest transfer of each part
+        std::set<std::size_t> running{};            // indexes in flight, on callers' threads, too
+        std::size_t unfinished = 0;                 // transfers that are Waiting or Running
         std::exception_ptr unreported{};            // of the first transfer that failed since the last report
     };
     using UploadPtr = std::shared_ptr<Upload>;
     using Lock = std::unique_lock<std::mutex>;
 
-    // A lock as argument says that m_mutex is held, as it must be for newest() too; the others take it themselves.
+    // Functions with a Lock parameter, and newest(), are called with m_mutex held. The others take it themselves.
     UploadPtr find(const std::string& key, const std::string& id);
     void reportFailure(Upload& upload);
     template <typename Call>
-    std::string transferHere(const UploadPtr& upload, std::size_t index, Call call);
+    std::string transferOnCallersThread(const UploadPtr& upload, std::size_t index, Call call);
     std::string enqueue(
         const UploadPtr& upload, const cloudprovider::PartInfo& part, std::optional<BufferPool::Lease> bytes);
     void post(const UploadPtr& upload, const TransferPtr& transfer);
@@ -95,18 +95,18 @@ private:
     void end(Upload& upload);
 
     cloudprovider::CloudClient& m_inner;
-    BufferPool m_buffers; // before what holds its buffers
+    BufferPool m_buffers; // before the uploads, whose transfers hold its buffers
 
-    // The buffers' and the threads' own locks may be taken while this one is held, never the other way. Not held while
-    // a caller waits for a buffer, and during calls of the client below.
+    // Lock order: the locks of m_buffers and m_threads may be taken while this one is held, never the other way. Not
+    // held while a caller waits for a buffer, nor during calls of the inner client.
     std::mutex m_mutex;
-    std::condition_variable m_changed; // a transfer has ended or was dropped
+    std::condition_variable m_changed; // a transfer ended or was dropped
 
     // Guarded by m_mutex.
-    std::map<std::pair<std::string, std::string>, UploadPtr> m_uploads; // the open ones, by key and identifier
-    OwnTags m_tags;
+    std::map<std::pair<std::string, std::string>, UploadPtr> m_uploads; // the open ones, by key and upload id
+    ProvisionalTags m_tags;
 
-    WorkerThreads m_threads; // last: they use everything else
+    WorkerThreads m_threads; // last: destroyed first, since its tasks use all other members
 };
 
 } // namespace storage::clients

@@ -11,8 +11,8 @@
 namespace storage::clients
 {
 
-WorkerThreads::WorkerThreads(std::size_t most)
-    : m_most(most)
+WorkerThreads::WorkerThreads(std::size_t maxThreads)
+    : m_maxThreads(maxThreads)
 {
 }
 
@@ -41,13 +41,13 @@ try
 }
 catch (const std::system_error&)
 {
-    return false; // the log has it
+    return false; // startThread() has logged it
 }
 
 void WorkerThreads::post(std::function<void()> task)
 {
     const std::lock_guard lock(m_mutex);
-    if (m_tasks.size() >= m_idle && m_threads.size() < m_most)
+    if (m_tasks.size() >= m_idle && m_threads.size() < m_maxThreads)
     {
         startThread();
     }
@@ -64,8 +64,9 @@ void WorkerThreads::startThread()
     }
     catch (const std::system_error& failure)
     {
-        cloudprovider::getLogger().write(foundation::log::severity::warning,
-            "Going on with " + std::to_string(m_threads.size()) + " threads, no further one starts: " + failure.what());
+        cloudprovider::getLogger().write(
+            foundation::log::severity::warning, "Continuing with " + std::to_string(m_threads.size()) +
+                                                    " threads, another one cannot be started: " + failure.what());
         if (m_threads.empty())
         {
             throw;
@@ -89,7 +90,7 @@ void WorkerThreads::work()
             m_tasks.pop_front();
             lock.unlock();
             task();
-        } // what the task holds is gone before the next one begins
+        } // releases what the task holds before the next task starts
         lock.lock();
         ++m_idle;
     }

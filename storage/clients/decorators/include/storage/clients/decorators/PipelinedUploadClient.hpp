@@ -13,48 +13,52 @@ namespace storage::clients
 
 class UploadPipeline;
 
-/// What a PipelinedUploadClient may use.
+/// Limits of a PipelinedUploadClient.
 struct PipelineSettings
 {
-    std::size_t transfers = 8; ///< parts on their way at a time, all uploads together, each on a thread; 0 is as 1
-    std::uint64_t memory = 64U << 20; ///< most bytes of buffers, free ones included; parts need at least their size
+    std::size_t transfers = 8;        ///< maximum concurrent transfers over all uploads, one thread each; 0 means 1
+    std::uint64_t memory = 64U << 20; ///< maximum bytes of buffers, free ones included; a part takes at least its size
 };
 
-/// Send the parts of uploads several at a time, although the caller sends them one after the other.
+/// Send the parts of multipart uploads concurrently, although the caller sends them one after the other.
 ///
-/// uploadPart() takes the part's bytes over and answers at once with a tag of this client's own, while a thread of this
-/// client sends them; copyPart() likewise, without bytes. completeMultipartUpload() waits for the upload's transfers,
-/// puts the real tags in place and completes below. Transfers begin in the order of the calls, whatever upload they
-/// belong to. Of two transfers of the same part the later begins when the earlier has ended, or replaces it if that has
-/// not begun. Everything else passes as it is, and so do parts of uploads that were not begun through this instance.
+/// uploadPart() reads the part's bytes into a buffer and returns at once, with a provisional tag. A thread of this
+/// client sends the bytes. copyPart() does the same without bytes. completeMultipartUpload() waits for the transfers of
+/// the upload, replaces the provisional tags by the store's tags, and completes the upload in the inner client.
 ///
-/// With one transfer nothing is deferred: every call passes, on its caller's thread and without a copy.
+/// Transfers start in the order of the calls, across all uploads. Two transfers of the same part never run at the same
+/// time: the later one starts when the earlier one has ended, or replaces it if that has not started. All other calls
+/// pass through unchanged. So do parts of uploads that were not opened through this instance.
 ///
-/// Memory: uploadPart() waits while the buffers are all in use. A part that is larger than all of them together, or
-/// that finds too many kept for failed parts, is sent on the caller's thread without a copy. Memory is given back to
-/// the system when no part is on its way or kept.
+/// With one transfer nothing is deferred: every call passes through on its caller's thread and copies no bytes.
 ///
-/// Failures: a transfer that failed keeps its bytes. What it threw is thrown once by the next uploadPart() or
-/// copyPart() of the upload, which then takes nothing and may be made again; of several that failed since the last such
-/// report, only the first is told there. completeMultipartUpload() tries the failed parts that are listed once more,
-/// and throws what that throws before anything is completed; the upload stays open, and completing may be tried again.
-/// So an upload is complete only with every part as it was last sent. A part whose bytes cannot be read from the
-/// caller's stream fails its own call and leaves the part as it was.
+/// Memory: uploadPart() blocks while all buffers are in use. A part is sent on the caller's thread, without copying its
+/// bytes, if it is larger than all buffers together or than what the parts kept after a failure leave of them. Memory
+/// is returned to the system when no part is in flight or kept.
 ///
-/// abortMultipartUpload() drops what has not begun or has failed and waits for what is under way, which takes as long
-/// as a transfer may take below. If the client below then fails to abort, the upload stays open and may be aborted
-/// again; completing it with a part that was dropped fails with UnknownErrorException until that part is sent anew.
-/// Destruction aborts every upload that is still open; what fails then is logged.
+/// Failures: a failed transfer keeps its bytes for a retry. The next uploadPart() or copyPart() of the upload throws
+/// the transfer's exception, once. That call consumes no content and starts no transfer, and may be retried. If several
+/// transfers failed since the last such report, only the first exception is thrown. completeMultipartUpload() retries
+/// each failed part in its list once. If a part fails again, it throws that failure before anything is completed. The
+/// upload stays open and the completion may be retried; uploadPart() and copyPart() do not report the failure again. So
+/// an upload is completed only with every part as it was last sent. If the caller's stream cannot be read, that
+/// uploadPart() fails and the part stays as it was.
 ///
-/// Tags: an own tag stands for the real one in copyPart() and createMultipartUpload() too, where the real one is known:
-/// for the last 20,000 parts of uploads that have ended. A copyPart() with another own tag fails with
-/// UnknownErrorException, as nobody could say whether the object is the one that was meant; a createMultipartUpload()
-/// waits for that part if it is on its way, and otherwise tells the client below no tag.
+/// Abort: abortMultipartUpload() drops the transfers that have not started or have failed. It waits for those in
+/// flight, for as long as the inner client takes. If the inner client then fails to abort, the upload stays open and
+/// the abort may be retried, except after a ResourceNotFoundException: then there is nothing left to abort. Completing
+/// it with a part that was dropped fails with UnknownErrorException until that part is sent again. The destructor
+/// aborts every upload that is still open, and logs failures.
 ///
-/// Threads: any, at the same time. Own threads start when they are needed first, at most one for each transfer, and end
-/// with the client; calls of the client below come from them too. No lock is held meanwhile. Where not even one can be
-/// started, parts are sent and copied on the caller's thread. Besides CloudExceptions a call may throw std::bad_alloc
-/// for want of memory. Destroy it when no call is under way.
+/// Tags: copyPart() and createMultipartUpload() accept provisional tags, too. They pass the store's tag on if it is
+/// known, which it is for the last 20,000 parts of uploads that have ended. With any other provisional tag, copyPart()
+/// fails with UnknownErrorException, since nobody can tell whether the object is the one that was meant.
+/// createMultipartUpload() waits for that part if its transfer is waiting or in flight; otherwise it passes on no tag.
+///
+/// Threads: any, at the same time. This client starts its threads on demand, at most one per transfer, and they end
+/// with it. They call the inner client, too. No lock is held during calls of the inner client. If no thread can be
+/// started at all, parts are sent and copied on the caller's thread. Besides CloudExceptions a call may throw
+/// std::bad_alloc. Destroy the client only when no call is in progress.
 class PipelinedUploadClient : public InterceptingClient
 {
 public:
@@ -72,7 +76,7 @@ public:
         const std::vector<cloudprovider::PartInfo>& parts) override;
 
 private:
-    const std::unique_ptr<UploadPipeline> m_pipeline; // null: there is one transfer
+    const std::unique_ptr<UploadPipeline> m_pipeline; // null: one transfer, every call passes through
 };
 
 } // namespace storage::clients

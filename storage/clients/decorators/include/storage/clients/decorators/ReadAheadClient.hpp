@@ -14,43 +14,47 @@ namespace storage::clients
 
 class ReadAhead;
 
-/// How much a ReadAheadClient may do at a time. With either of 0 it is the client below and starts no thread.
+/// Limits of a ReadAheadClient. If either is 0, it prefetches nothing and starts no thread.
 struct ReadAheadSettings
 {
-    std::size_t transfers = 8; ///< most ranges on their way ahead of their readers, one thread each
+    std::size_t transfers = 8; ///< maximum ranges that are prefetched concurrently, one thread each
 
-    /// Bytes of all objects together that are fetched or about to be. Less than one range as readers ask for them is
-    /// as good as 0.
+    /// Maximum bytes of prefetched ranges of all objects, including ranges that are queued or in flight. If this is
+    /// less than one range as readers request them, nothing is prefetched.
     std::uint64_t memory = 64 << 20;
 };
 
-/// Fetch what a sequential reader will ask for next, on threads of its own, while the reader is still busy.
+/// Prefetch what a sequential reader will request next, on threads of its own.
 ///
-/// A reader that begins where the object does is sequential from the second range on that begins where the one before
-/// it ended; one that begins elsewhere from the third. So neither a look into the middle of an object, even one across
-/// two parts, nor the first range of an object fetches anything ahead. The window begins with one range, is doubled by
-/// each that follows, and closes when the reader turns elsewhere. Up to 8 readers of one object are told apart; those
-/// in step share what is fetched. What was read by all of them is dropped, and what nobody comes for is when others
-/// have read some hundreds of ranges meanwhile, or need the memory. So as long as nobody else reads, what the last
-/// readers have left stays, within `memory`.
+/// Detection: a range is consecutive if it starts where the previous range of its reader ended. A reader that starts at
+/// offset 0 counts as sequential from its second range in a row; one that starts elsewhere, from its third. So neither
+/// the first range of an object triggers a prefetch nor a single access in its middle, even one that spans two parts.
+/// The window, which is what is prefetched beyond the reader, starts at one range. Each consecutive range doubles it,
+/// and it closes when the reader goes elsewhere. Up to 8 readers of one object are tracked separately. Readers in step
+/// share what is prefetched.
 ///
-/// Only objects are fetched ahead of which getObjectParts() has told the size, through this client and after its last
-/// write; of more than 256 those not used for longest are forgotten. The whole object (0, 0) and ranges that nobody
-/// could foresee pass straight through. A range is answered from memory as a whole or not at all.
+/// Memory: bytes that all their readers have read are dropped. Bytes that are not read are dropped when other readers
+/// have read some hundreds of ranges meanwhile, or need the memory. So while nobody else reads, what the last readers
+/// left behind stays in memory, within `memory`.
 ///
-/// Versions: ranges fetched ahead are asked for as the reader would, so they come from the version that the client
-/// below pins for readers; one that pins none may be changed behind this client's back between two of them. An answer
-/// of getObjectParts() that differs from the one before drops what was fetched, and so do putObject(), deleteObject()
-/// and completeMultipartUpload(), at their begin and at their end, whether they succeed or not: once they have
-/// returned, no byte is delivered that was fetched before.
+/// Objects: an object is prefetched only if its size is known from a getObjectParts() through this client, after the
+/// last write through this client. The sizes of 256 objects are kept; the least recently used is forgotten. Reads of
+/// the whole object (0, 0) and ranges that were not predicted pass straight through. A range is served from memory
+/// completely or not at all.
 ///
-/// A range that cannot be fetched ahead is no failure. It is logged, the window closes, and the reader asks below
-/// itself, where it gets an error of its own, if there still is one.
+/// Versions: ranges are prefetched by the same calls that a reader would make, so they come from the version that the
+/// inner client pins for readers. If it pins none, the object may be changed behind this client's back between two
+/// calls. Prefetched bytes are dropped when getObjectParts() fails or returns something else than before, and at the
+/// start and at the end of putObject(), deleteObject() and completeMultipartUpload(), whether these succeed or not.
+/// Once one of these calls has returned, no byte is delivered that was prefetched before it.
 ///
-/// Threads: any, at the same time. A call may wait for a range that another thread is already fetching; no lock is held
-/// while the client below works. Threads start when first needed, and the destructor ends them: ranges not yet begun
-/// are dropped, and those on their way are waited for, as long as the client below lets them take. Destroy it when no
-/// call is under way.
+/// Failures: a failed prefetch is not an error. It is logged and closes the window. The reader then requests the range
+/// from the inner client itself, and gets the error of that call if it fails, too.
+///
+/// Threads: any, at the same time. A call may wait for a range that another thread is already fetching. No lock is held
+/// during calls of the inner client. Threads start on demand. The destructor ends them: it drops queued ranges and
+/// waits for those in flight, for as long as the inner client takes. Destroy the client only when no call is in
+/// progress.
 class ReadAheadClient : public InterceptingClient
 {
 public:
