@@ -20,16 +20,16 @@ namespace
 std::atomic<int> caughtSignal{0}; // for exitStatus() only; utInterruptState is the flag
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler sets it");
 
-// One byte is written by the handler and never read, so that every later poll() returns at once: a signal that comes
-// between a check and the wait is not lost.
-std::array<int, 2> wakeUp{-1, -1};
+// The handler writes one byte, which is never read. Every later poll() then returns at once, so a signal that arrives
+// between the check and poll() is not lost.
+std::array<int, 2> wakeUpPipe{-1, -1};
 
 extern "C" void onSignal(int signal)
 {
     const int savedError = errno;
     caughtSignal = signal;
     utInterruptState::RequestInterrupt();
-    [[maybe_unused]] const auto written = ::write(wakeUp[1], "", 1);
+    [[maybe_unused]] const auto written = ::write(wakeUpPipe[1], "", 1);
     errno = savedError;
 }
 
@@ -37,23 +37,23 @@ extern "C" void onSignal(int signal)
 
 void install()
 {
-    if (::pipe2(wakeUp.data(), O_CLOEXEC | O_NONBLOCK) != 0)
+    if (::pipe2(wakeUpPipe.data(), O_CLOEXEC | O_NONBLOCK) != 0)
     {
         throw std::system_error(errno, std::generic_category(), "pipe");
     }
     struct sigaction action = {};
     action.sa_handler = onSignal;
-    action.sa_flags = static_cast<int>(SA_RESETHAND); // no SA_RESTART: a blocking call is to return
+    action.sa_flags = static_cast<int>(SA_RESETHAND); // without SA_RESTART, so that blocking calls return
     for (const int signal : {SIGINT, SIGTERM})
     {
         struct sigaction inherited = {};
         ::sigaction(signal, nullptr, &inherited);
-        if (inherited.sa_handler != SIG_IGN) // a shell lets what runs in the background ignore Ctrl-C
+        if (inherited.sa_handler != SIG_IGN) // shells let background jobs ignore Ctrl-C
         {
             ::sigaction(signal, &action, nullptr);
         }
     }
-    std::signal(SIGPIPE, SIG_IGN); // dying of it would leave temporary files behind
+    std::signal(SIGPIPE, SIG_IGN); // the default action would leave temporary files behind
 }
 
 void blockSignalsInThisThread()
@@ -85,11 +85,11 @@ int exitStatus() noexcept
 
 void waitUntilReady(int descriptor, short events)
 {
-    std::array<pollfd, 2> watched{pollfd{descriptor, events, 0}, pollfd{wakeUp[0], POLLIN, 0}};
+    std::array<pollfd, 2> watched{pollfd{descriptor, events, 0}, pollfd{wakeUpPipe[0], POLLIN, 0}};
     do
     {
         throwIfPending();
-        // A descriptor that cannot be polled is reported as ready, and the read or write says what is wrong with it.
+        // poll() reports an unusable descriptor as ready; the read or write that follows then fails.
     } while (::poll(watched.data(), watched.size(), -1) < 0 && errno == EINTR);
     throwIfPending();
 }

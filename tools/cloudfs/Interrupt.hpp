@@ -1,34 +1,38 @@
 #pragma once
 
-/// Ctrl-C and SIGTERM: whatever is going on stops at its next step, and nothing half-written becomes visible.
+/// Ctrl-C and SIGTERM: the command stops at its next step, and no partial file becomes visible.
 namespace cloudfs::interrupt
 {
 
-/// Thrown where work stops because the user asked for it. No failure, and so no std::exception.
+/// Thrown when the user has interrupted the program. Not a std::exception, because it is not an error.
 struct Interrupted
 {
 };
 
-/// Let SIGINT and SIGTERM stop this process cleanly: the stores refuse every commit from then on, listings end, and
-/// isPending() is true. A second signal of the same kind kills. Writing into a closed pipe is left to the writer.
+/// Install handlers for SIGINT and SIGTERM. After a signal the store refuses every commit, listings end, and
+/// isPending() is true. A second signal of the same kind kills the process.
+///
+/// SIGPIPE is ignored, so that writing to a closed pipe fails with EPIPE. Call once, before any thread starts.
+/// @throws std::system_error
 void install();
 
-/// Keep the signals of install() away from the calling thread and the threads that it starts, so that they interrupt
-/// the blocking calls of the main thread.
+/// Block SIGINT and SIGTERM in the calling thread and the threads that it starts, so that the main thread receives them
+/// and its blocking calls return.
 void blockSignalsInThisThread();
 
+/// Return whether a signal has arrived.
 bool isPending() noexcept;
 
 /// @throws Interrupted
 void throwIfPending();
 
-/// What the process exits with after an interrupt: 128 and the signal, as a shell reports it.
+/// Return the exit status after an interrupt: 128 plus the number of the signal.
 int exitStatus() noexcept;
 
-/// Wait until a descriptor can be read or written, or is at its end.
+/// Wait until a descriptor can be read or written, is at its end, or has failed.
 ///
 /// @param events  POLLIN or POLLOUT
-/// @throws Interrupted, at once when the signal comes during the wait
+/// @throws Interrupted, also if the signal arrives during the wait
 void waitUntilReady(int descriptor, short events);
 
 } // namespace cloudfs::interrupt
