@@ -18,11 +18,11 @@ export TMPDIR=$work/buffers XDG_DATA_HOME=$work TZ=UTC LC_ALL=C.UTF-8
 
 store=local:
 if [[ ${3-} == gateway ]]; then
-    [[ -n ${CLOUDFS_TEST_S3_ENDPOINT-} ]] || { echo "skipped: there is no gateway; scripts/test.sh starts one"; exit 77; }
+    [[ -n ${CLOUDFS_TEST_S3_ENDPOINT-} ]] || { echo "skipped: no gateway; scripts/test.sh starts one"; exit 77; }
     bucket=cli-$$-${2//_/-}
     store="s3://$bucket?endpoint=$CLOUDFS_TEST_S3_ENDPOINT&path-style=1"
-    curl -sSf -X PUT --aws-sigv4 "aws:amz:$AWS_REGION:s3" -K <(echo "user = $AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY") \
-        -H "x-amz-content-sha256: $(sha256sum </dev/null | cut -d ' ' -f 1)" "$CLOUDFS_TEST_S3_ENDPOINT/$bucket" || exit 1
+    curl -sSf -X PUT -K <(echo "user=$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY") --aws-sigv4 "aws:amz:$AWS_REGION:s3" \
+        -H "x-amz-content-sha256: UNSIGNED-PAYLOAD" "$CLOUDFS_TEST_S3_ENDPOINT/$bucket" || exit 1
 fi
 
 fail()
@@ -43,7 +43,7 @@ expect()
     check "cloudfs $*"
 }
 
-# expect_rows: do the same for each line STATUS|PATTERN|COMMAND of standard input. COMMAND may redirect standard streams.
+# expect_rows: do the same for each line STATUS|PATTERN|COMMAND of standard input. COMMAND may redirect its streams.
 expect_rows()
 {
     local status pattern command actual
@@ -54,15 +54,12 @@ expect_rows()
     done
 }
 
-# check COMMAND: compare $actual with $status and the file err with $pattern.
+# check COMMAND: compare $actual with $status, and the file err with $pattern.
 check()
 {
+    local expected=${pattern:+cloudfs: $pattern}
     ((actual == status)) || fail "$1: exit $actual instead of $status: $(<err)"
-    if [[ -z $pattern ]]; then
-        [[ ! -s err ]] || fail "$1: unexpected: $(<err)"
-    elif [[ ! $(<err) =~ ^cloudfs:\ $pattern$ || $(wc -l <err) != 1 ]]; then
-        fail "$1: not one line \"cloudfs: $pattern\" but: $(<err)"
-    fi
+    [[ $(<err) =~ ^$expected$ && $(wc -l <err) -le 1 ]] || fail "$1: not one line \"$expected\" but: $(<err)"
 }
 
 # printed TEXT: check what the last expect wrote to standard output.
@@ -141,7 +138,6 @@ test_commands()
     expect 0 '' cp /big docs/
     expect 0 '' mv docs/big /moved
     same big moved
-    expect 0 '' mv -f moved moved
     expect 0 '' mv -f moved big
     same big /big
 
@@ -176,6 +172,7 @@ test_errors()
 1|/folder: is a folder .*code 3 .*|put -f one /folder
 1|/folder: is a folder .*code 3 .*|cp -f file folder
 1|/file: is a file.*|put one /file/x
+1|/file: is a file.*|put -r folder /file/x
 1|/file: is a file.*|mkdir -p /file/x
 1|/file: no such folder .*|cat /file/
 1|/file: already exists.*code 3 .*|put one /file
@@ -204,7 +201,6 @@ test_failing_streams()
     expect_rows <<'END'
 1|standard input: Bad file descriptor.*|put -f - /file <&-
 1|standard input: Is a directory.*|put -f - /file <buffers
-1|standard input: Is a directory.*|append /file <buffers
 1|standard output: Bad file descriptor.*|ls >&-
 1|standard output: No space left.*|ls >/dev/full
 1|standard output: No space left.*|cat /file >/dev/full
@@ -228,7 +224,7 @@ test_trees()
         expect 0 '' get -r -j $mode /tree$mode back$mode
         diff -r tree back$mode >&2 || fail "-j $mode: the tree came back changed"
     done
-    (cd tree && expect 0 '' put -r . /all/) # "." has no name to keep
+    (cd tree && fs put -r . /all/) || fail "put -r ." # "." has no name to keep
     expect 0 '' stat '/all/100%'
     expect 0 '' put -r tree /all/
     expect 0 '' stat /all/tree/empty
@@ -247,6 +243,8 @@ test_trees()
     expect 0 '' put -rf tree /tree1
     expect 0 '' get -rf /tree1 .
     diff -r tree tree1 || fail "-f did not replace"
+    rmdir tree/empty && touch tree/empty
+    expect 1 '/tree1/empty: is a folder.*' put -rf tree /tree1
     fs get -r /tree1 . 2>err && fail "get ignored existing files"
     [[ $(grep -c 'already exists' err) == 6 ]] || fail "get: $(<err)"
 }
@@ -268,13 +266,16 @@ test_skipped_entries()
     expect 0 '' ls -R /odd
     printed $'link\nplain'
 
-    # Symbolic links in the target that lead out of it are not followed.
+    # Symbolic links in the target that lead out of it are not followed, and pipes are not opened.
     mkdir -p back/odd
+    touch target/file
     ln -s ../../target/file back/odd/plain
     ln -s ../../target back/odd/folder
+    mkfifo back/odd/link
     expect 0 '' put odd/plain /odd/folder/file
+    expect 0 '' put odd/plain /odd/folder/sub/file
     fs get -rf /odd back 2>err && fail "a link was used as a folder"
-    [[ -z $(ls target) ]] || fail "written through a link"
+    [[ $(ls target) == file && ! -s target/file ]] || fail "written through a link"
     cmp odd/plain back/odd/plain || fail "the link was not replaced"
 }
 
@@ -282,9 +283,8 @@ test_interrupted_put()
 {
     local status pattern=interrupted actual
     echo old | expect 0 '' put - /file
+    mkfifo input
     for status in 130 143; do
-        rm -f input
-        mkfifo input
         env --default-signal=INT,TERM "$program" --store "$store" put -f - /file <input 2>err &
         exec 3>input
         bytes 12000000 >&3 # returns when all but the content of the pipe was read
