@@ -26,7 +26,7 @@ protected:
         fs::create_directory(directory / "in");
         storage::clients::LocalClient client(directory / "store");
         for (const char* key : {"t/ok", "t/deep/ok", "t/../../escape", "t/x/../../../escape", "t//etc/absolute",
-                 "t/dot.", "t/dot./file", "t/both", "t/both/file"})
+                 "t/../../made/", "t/dot.", "t/dot./file", "t/both", "t/both/file"})
         {
             std::istringstream content("content");
             client.putObject(key, content, 7);
@@ -65,6 +65,7 @@ TEST_F(ForeignKeysTest, StayInsideTheTargetAndCanBeRemoved)
     // A file and a folder cannot have the same local name; either may come first.
     EXPECT_EQ(files.erase("in/tree/both") + files.erase("in/tree/both/file"), 1U);
     EXPECT_EQ(files, (std::set<std::string>{"err", "in/tree/deep/ok", "in/tree/ok", "out"})) << errors;
+    EXPECT_FALSE(fs::exists(directory / "made"));
     EXPECT_FALSE(fs::exists("/etc/absolute"));
     for (const char* refused : {"/t/../../escape", "/t//etc/absolute", "/t/dot.: ", "/t/dot./file", "both"})
     {

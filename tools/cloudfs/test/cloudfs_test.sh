@@ -95,14 +95,14 @@ start_until()
     while read -r line <&3 && [[ $line != *"$pattern"* ]]; do :; done
 }
 
-# resume STATUS PATTERN: let the program end, and check its exit status and its last line on standard error.
+# resume STATUS PATTERN: let the program end, and check its exit status and its lines on standard error but for the log.
 resume()
 {
-    local status=$1 pattern=$2 actual=0
+    local actual=0
     grep -v '^cloudfs: \[\|: store calls: ' <&3 >err
     wait "$pid" || actual=$?
     exec 3<&-
-    check "resumed program"
+    [[ $actual == "$1" && $(<err) =~ ^$2$ ]] || fail "resumed program: exit $actual, $(<err)"
 }
 
 test_commands()
@@ -233,7 +233,7 @@ test_trees()
     mkdir many
     touch many/{1..40}
     fs -v put -r many /many 2>err || fail "$(<err)"
-    [[ $(<err) =~ 'getObjectInfo '([0-9]+) ]] && ((BASH_REMATCH[1] < 10)) || fail "$(tail -n 1 err)"
+    [[ $(tail -n 1 err) =~ 'getObjectInfo '.,.*'listObjects '., ]] || fail "not less than 10 each: $(tail -n 1 err)"
 
     # Without -f, existing files are reported one by one and not replaced.
     echo new >tree/nothing
@@ -305,20 +305,21 @@ test_interrupted_get()
     start_until doRead get /many target/file
     [[ -n $(find target -name '.cloudfs-*') ]] || fail "nothing was being written"
     kill -s INT "$pid"
-    resume 130 interrupted
+    resume 130 'cloudfs: interrupted'
     [[ -z $(find target -type f) ]] || fail "left behind: $(find target -type f)"
     nothing_left
 }
 
-# Another program stores a large file after the folder was listed.
-test_concurrent_put()
+# Another program truncates a file that is being read, and stores a large file after its folder was listed.
+test_concurrent_changes()
 {
     mkdir tree
     bytes 12000000 >tree/first
     truncate -s 6M tree/second
     ZV_CLOUD_PART_SIZE_OVERRIDE=16384 start_until doWrite put -r -j 1 tree /tree
+    truncate -s 6M tree/first
     echo theirs | expect 0 '' put - /tree/second
-    resume 1 '/tree/second: already exists.*'
+    resume 1 $'cloudfs: tree/first: was truncated.*\ncloudfs: /tree/second: already exists.*'
     same <(echo theirs) /tree/second
     expect 0 '' put -rf tree /tree
     same tree/second /tree/second
@@ -341,7 +342,6 @@ test_uploads()
     printed ''
     expect 2 '.*--older-than.*' uploads abort
     expect 2 '.*--older-than.*' uploads abort --older-than 5
-    expect 0 '' uploads abort --older-than 1h
     fs uploads list >/dev/full 2>err && fail "uploads list ignored a full disk"
     expect 0 '' uploads list
     printed '20.*  /killed'
