@@ -4,10 +4,8 @@
 
 #include <algorithm>
 #include <future>
-#include <iterator>
 #include <latch>
-#include <sstream>
-#include <utility>
+#include <numeric>
 
 namespace storage::clients::conformance
 {
@@ -20,8 +18,6 @@ std::ostream& operator<<(std::ostream& out, const Subject& subject)
 }
 
 CloudClientConformance::CloudClientConformance()
-    : m_harness(GetParam().makeHarness())
-    , m_capabilities(m_harness ? m_harness->capabilities() : Capabilities())
 {
     linkConcurrencyCases();
     linkListingCases();
@@ -36,8 +32,6 @@ void CloudClientConformance::SetUp()
         GTEST_SKIP() << "the store is not available";
     }
 }
-
-CloudClientConformance::~CloudClientConformance() = default;
 
 std::mt19937 CloudClientConformance::randomNumbers()
 {
@@ -61,66 +55,30 @@ std::string CloudClientConformance::partContent(unsigned seed) const
     return content(std::max<std::size_t>(m_capabilities.minPartSize, 100) + seed, seed);
 }
 
-void CloudClientConformance::put(const std::string& key, const std::string& content)
-{
-    std::istringstream in(content);
-    client().putObject(key, in, content.size());
-}
-
-std::string CloudClientConformance::get(const std::string& key, std::uint64_t first, std::uint64_t last)
-{
-    std::ostringstream out;
-    client().getObjectRange(key, out, first, last);
-    return std::move(out).str();
-}
-
-std::vector<ObjectEntry> CloudClientConformance::list(const std::string& prefix, const ListOptions& options)
-{
-    constexpr int maxPages = 10'000; // more than any listing here has entries
-    std::vector<ObjectEntry> result;
-    std::string token;
-    for (int page = 0; page < maxPages; ++page)
-    {
-        auto entries = client().listObjects(prefix, token, options);
-        if (options.maxKeys > 0)
-        {
-            EXPECT_LE(entries.size(), static_cast<std::size_t>(options.maxKeys)) << "entries of page " << page;
-        }
-        std::move(entries.begin(), entries.end(), std::back_inserter(result));
-        if (token.empty())
-        {
-            return result;
-        }
-    }
-    ADD_FAILURE() << "the listing must end, but after " << maxPages << " pages there is still a token";
-    return result;
-}
-
-std::vector<std::string> CloudClientConformance::keys(const std::string& prefix)
-{
-    std::vector<std::string> result;
-    for (ObjectEntry& entry : list(prefix))
-    {
-        result.push_back(std::move(entry.key));
-    }
-    return result;
-}
-
-PartInfo CloudClientConformance::upload(
-    const std::string& key, const std::string& uploadId, std::size_t index, const std::string& content)
-{
-    std::istringstream in(content);
-    PartInfo part{index, 0, content.size(), ""};
-    part.Tag = client().uploadPart(key, uploadId, part, in);
-    return part;
-}
-
 PartInfo CloudClientConformance::copy(
     const std::string& key, const std::string& uploadId, std::size_t index, const PartInfo& source)
 {
     PartInfo part{index, source.Offset, source.Size, source.Tag};
     part.Tag = client().copyPart(key, uploadId, part);
     return part;
+}
+
+testing::AssertionResult CloudClientConformance::haveSizes(
+    const std::vector<PartInfo>& parts, const std::vector<std::size_t>& sizes) const
+{
+    const auto sum = [](const auto& numbers)
+    { return std::accumulate(numbers.begin(), numbers.end(), std::size_t{0}); };
+    std::vector<std::size_t> found;
+    bool wellFormed = true;
+    for (const PartInfo& part : parts)
+    {
+        wellFormed &= part.Index == found.size() && part.Offset == sum(found) && !part.Tag.empty();
+        found.push_back(part.Size);
+    }
+    const bool sameSizes = m_capabilities.noPartBoundaries.empty() ? found == sizes : sum(found) == sum(sizes);
+    return (wellFormed && sameSizes ? testing::AssertionSuccess() : testing::AssertionFailure())
+           << "expected adjacent parts with tags, of " << testing::PrintToString(sizes) << " bytes, got "
+           << testing::PrintToString(parts);
 }
 
 void CloudClientConformance::atOnce(std::size_t count, const std::function<void(std::size_t)>& task)

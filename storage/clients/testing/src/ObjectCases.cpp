@@ -8,7 +8,7 @@
 #include <optional>
 #include <sstream>
 
-// Objects that are put and read whole: what is there, what is not, ranges, names.
+// Single objects: existence, contents, ranges, names.
 
 namespace storage::clients::conformance
 {
@@ -17,7 +17,7 @@ using namespace cloudprovider;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST_P(CloudClientConformance, AMissingObjectIsNoFailureWhereNothingIsReadFromIt)
+TEST_P(CloudClientConformance, OnlyReadingAMissingObjectFails)
 {
     put("other", "x");
     for (const std::string key : {"missing", "missing/", "other/", "othe"})
@@ -27,11 +27,10 @@ TEST_P(CloudClientConformance, AMissingObjectIsNoFailureWhereNothingIsReadFromIt
         EXPECT_THROW(get(key), ResourceNotFoundException) << key;
         EXPECT_THROW(client().getObjectParts(key), ResourceNotFoundException) << key;
     }
-    EXPECT_THAT(keys("missing/"), IsEmpty());
     EXPECT_EQ(get("other"), "x");
 }
 
-TEST_P(CloudClientConformance, TheEmptyKeyIsTheRootAndNoObject)
+TEST_P(CloudClientConformance, TheEmptyKeyIsTheRootAndNotAnObject)
 {
     EXPECT_TRUE(client().getObjectInfo("").exists) << "the root of an empty store exists";
     EXPECT_THAT(keys(), IsEmpty());
@@ -42,30 +41,21 @@ TEST_P(CloudClientConformance, TheEmptyKeyIsTheRootAndNoObject)
     EXPECT_THAT(keys(), ElementsAre("a")) << "removing the empty key must remove nothing";
 }
 
-TEST_P(CloudClientConformance, KeepsWhatIsPutUntilItIsReplacedOrRemoved)
+TEST_P(CloudClientConformance, StoresReplacesAndRemovesAnObject)
 {
     for (const std::size_t size : {0U, 1U, 255U, 70'000U, 3U})
     {
+        SCOPED_TRACE(testing::Message() << size << " bytes");
         const std::string bytes = content(size, 1);
         put("a/b", bytes);
         const ObjectInfo info = client().getObjectInfo("a/b");
-        EXPECT_TRUE(info.exists && info.size == size && !info.lastModified.is_special())
-            << "expected an object of " << size << " bytes with a time, got " << info.size << " bytes";
-        EXPECT_TRUE(get("a/b") == bytes) << "expected the " << size << " bytes that were put";
+        EXPECT_TRUE(info.exists && info.size == size && !info.lastModified.is_special());
+        EXPECT_TRUE(get("a/b") == bytes);
 
-        const auto entries = list("a/");
-        ASSERT_EQ(entries.size(), 1U);
-        EXPECT_EQ(entries[0].key, "a/b");
-        EXPECT_EQ(entries[0].size, size);
-        EXPECT_FALSE(entries[0].lastModified.is_special());
-
-        const auto parts = client().getObjectParts("a/b");
-        ASSERT_LE(parts.size(), 1U) << "an object put whole is one part";
-        ASSERT_TRUE(size == 0 || parts.size() == 1);
-        if (!parts.empty())
-        {
-            EXPECT_TRUE(parts[0].Index == 0 && parts[0].Offset == 0 && parts[0].Size == size) << parts[0];
-        }
+        const auto entries = list(client(), "a/");
+        EXPECT_TRUE(entries.size() == 1 && entries[0].key == "a/b" && entries[0].size == size);
+        EXPECT_TRUE(
+            size == 0 ? client().getObjectParts("a/b").size() <= 1 : haveSizes(client().getObjectParts("a/b"), {size}));
     }
     client().deleteObject("a/b");
     EXPECT_FALSE(client().getObjectInfo("a/b").exists);
@@ -79,7 +69,7 @@ TEST_P(CloudClientConformance, ReadsExactlyTheRange)
         std::string stored;
         std::uint64_t first;
         std::uint64_t last;
-        std::optional<std::string> expected; // nothing: fails
+        std::optional<std::string> expected; // nullopt: the call fails
     };
     const Row rows[] = {{"0123456789", 0, 0, "0123456789"}, {"0123456789", 0, 9, "0123456789"},
         {"0123456789", 3, 5, "345"}, {"0123456789", 9, 9, "9"}, {"0123456789", 1, 0, ""}, {"0123456789", 7, 3, ""},
@@ -88,8 +78,7 @@ TEST_P(CloudClientConformance, ReadsExactlyTheRange)
         {"", 0, UINT64_MAX, {}}, {"x", 0, 0, "x"}, {"x", 1, 1, {}}, {"", 0, 0, ""}, {"", 1, 0, ""}, {"", 0, 1, {}}};
     for (const Row& row : rows)
     {
-        SCOPED_TRACE(
-            testing::Message() << "bytes " << row.first << " to " << row.last << " of \"" << row.stored << '"');
+        SCOPED_TRACE(testing::Message() << row.first << " to " << row.last << " of \"" << row.stored << '"');
         put("k", row.stored);
         if (row.expected)
         {
@@ -100,40 +89,32 @@ TEST_P(CloudClientConformance, ReadsExactlyTheRange)
             try
             {
                 get("k", row.first, row.last);
-                ADD_FAILURE() << "expected a range beyond the object to fail";
+                ADD_FAILURE() << "expected a range beyond the end to fail";
             }
-            catch (const TransientException& failure)
+            catch (const CloudException& failure)
             {
-                ADD_FAILURE() << "it will not do better the next time: " << failure.detail().value_or("");
-            }
-            catch (const CloudException&)
-            {
+                EXPECT_EQ(dynamic_cast<const TransientException*>(&failure), nullptr) << "a retry cannot succeed";
             }
         }
     }
 }
 
-TEST_P(CloudClientConformance, FailsWhenTheReceiverDoesNotTakeTheBytes)
+TEST_P(CloudClientConformance, FailsWhenAStreamFails)
 {
     put("k", "0123456789");
     std::ostringstream out;
     out.setstate(std::ios_base::badbit);
     EXPECT_THROW(client().getObjectRange("k", out, 2, 5), CloudException);
-}
-
-TEST_P(CloudClientConformance, ContentThatEndsEarlyFailsAndLeavesTheObject)
-{
-    put("k", "old");
     for (const std::string key : {"k", "new"})
     {
         std::istringstream tooShort("0123");
         EXPECT_THROW(client().putObject(key, tooShort, 10), CloudException) << key;
     }
-    EXPECT_EQ(get("k"), "old");
-    EXPECT_THAT(keys(), ElementsAre("k")) << "nothing may have been made of the short content";
+    EXPECT_EQ(get("k"), "0123456789");
+    EXPECT_THAT(keys(), ElementsAre("k")) << "no object may have been stored";
 }
 
-TEST_P(CloudClientConformance, KeepsObjectsUnderEveryNameThatItAccepts)
+TEST_P(CloudClientConformance, StoresObjectsUnderUnusualNames)
 {
     for (const std::string name : {"a", ".a", "...", "a b", " a", "-", "a\\b", "a\"b'c", "*?<>|&%+#;:=@", "%2F", "~",
              "\x7F", "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "CON", "index.db"})
@@ -147,7 +128,7 @@ TEST_P(CloudClientConformance, KeepsObjectsUnderEveryNameThatItAccepts)
     }
 }
 
-TEST_P(CloudClientConformance, RefusesNamesThatNoStoreKeeps)
+TEST_P(CloudClientConformance, RefusesInvalidNames)
 {
     using namespace std::string_literals;
     for (const std::string& name : {""s, "."s, ".."s, "a/b"s, "a\0b"s, "a\x01"s, "\x1F"s, "a\xFF"s, "\xC0\x80"s,
@@ -156,7 +137,7 @@ TEST_P(CloudClientConformance, RefusesNamesThatNoStoreKeeps)
         try
         {
             client().validateObjectName(name);
-            ADD_FAILURE() << "expected a refusal of " << testing::PrintToString(name);
+            ADD_FAILURE() << "accepted " << testing::PrintToString(name);
         }
         catch (const InvalidLocationException& e)
         {
@@ -165,7 +146,7 @@ TEST_P(CloudClientConformance, RefusesNamesThatNoStoreKeeps)
     }
 }
 
-TEST_P(CloudClientConformance, TakesKeysUpTo1024Bytes)
+TEST_P(CloudClientConformance, AcceptsKeysOfAtMost1024Bytes)
 {
     std::string longest(1000, 'a');
     for (int i = 0; i < 8; ++i)

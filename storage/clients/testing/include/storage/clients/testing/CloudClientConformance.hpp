@@ -1,5 +1,6 @@
 #pragma once
 
+#include <storage/clients/testing/ClientCalls.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
@@ -12,7 +13,6 @@
 #include <ostream>
 #include <random>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace storage::clients::conformance
@@ -26,7 +26,7 @@ struct Capabilities
     std::size_t minPartSize = 1;      ///< minimum size in bytes of every part but the last
     std::string noStaleCopyDetection; ///< why copyPart() does not notice that the object has changed
     std::string noSubrangeCopies;     ///< why copyPart() copies only whole parts, as getObjectParts() returned them
-    std::string noPartBoundaries;     ///< why getObjectParts() returns other parts than those that were uploaded
+    std::string noPartBoundaries;     ///< why getObjectParts() returns other parts than were uploaded, at least one
     std::string noUnlistedParts;      ///< why completeMultipartUpload() must list every part that was sent
     std::string noSharedUploads;      ///< why only the instance that began an upload can send its parts
 };
@@ -53,7 +53,7 @@ struct Subject
     std::function<std::unique_ptr<Harness>()> makeHarness; ///< null result: no store is available, skip the case
 };
 
-/// Print the name.
+/// Print the name. Not inline: every instantiation refers to it, and so links the cases.
 std::ostream& operator<<(std::ostream& out, const Subject& subject);
 
 /// The suite that every CloudClient must pass. A client joins with one line beside its harness:
@@ -63,9 +63,6 @@ std::ostream& operator<<(std::ostream& out, const Subject& subject);
 /// Each case gets a harness of its own. Random cases print their seed; repeat one with --gtest_random_seed=SEED.
 class CloudClientConformance : public ::testing::TestWithParam<Subject>
 {
-public:
-    ~CloudClientConformance() override;
-
 protected:
     CloudClientConformance();
     void SetUp() override;
@@ -83,18 +80,18 @@ protected:
     /// Make content that is large enough for a part that is not the last.
     std::string partContent(unsigned seed) const;
 
-    void put(const std::string& key, const std::string& content);
-    std::string get(const std::string& key, std::uint64_t first = 0, std::uint64_t last = 0);
-
-    /// List all pages. Fails the case if a page has more than options.maxKeys entries, or if there is always another
-    /// page.
-    std::vector<cloudprovider::ObjectEntry> list(
-        const std::string& prefix, const cloudprovider::ListOptions& options = {});
-    std::vector<std::string> keys(const std::string& prefix = "");
-
-    /// Send one part. @return its record for completeMultipartUpload(), with Offset 0
+    // The functions of ClientCalls.hpp for the client under test.
+    void put(const std::string& key, const std::string& bytes) { conformance::put(client(), key, bytes); }
+    std::string get(const std::string& key, std::uint64_t first = 0, std::uint64_t last = 0)
+    {
+        return conformance::get(client(), key, first, last);
+    }
     cloudprovider::PartInfo upload(
-        const std::string& key, const std::string& uploadId, std::size_t index, const std::string& content);
+        const std::string& key, const std::string& uploadId, std::size_t index, const std::string& bytes)
+    {
+        return uploadPart(client(), key, uploadId, index, bytes);
+    }
+    std::vector<std::string> keys(const std::string& prefix = "") { return conformance::keys(client(), prefix); }
 
     /// Copy one part to the index. @return its record for completeMultipartUpload()
     cloudprovider::PartInfo copy(
@@ -110,12 +107,17 @@ protected:
             << why;
     }
 
+    /// Whether parts of an object are well-formed and have these sizes. Where a client does not keep boundaries, only
+    /// the sum of the sizes counts.
+    ::testing::AssertionResult haveSizes(
+        const std::vector<cloudprovider::PartInfo>& parts, const std::vector<std::size_t>& sizes) const;
+
     /// Run task(0) … task(count - 1) in parallel. An exception of a task fails the case.
     static void atOnce(std::size_t count, const std::function<void(std::size_t)>& task);
 
 private:
-    std::unique_ptr<Harness> m_harness;
-    const Capabilities m_capabilities;
+    const std::unique_ptr<Harness> m_harness = GetParam().makeHarness();
+    const Capabilities m_capabilities = m_harness ? m_harness->capabilities() : Capabilities();
     std::unique_ptr<::testing::ScopedTrace> m_seedTrace;
 };
 
