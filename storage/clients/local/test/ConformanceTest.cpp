@@ -33,7 +33,7 @@ private:
 };
 
 CLOUD_CLIENT_CONFORMANCE(LocalIndex, [] { return std::make_unique<LocalHarness>(LocalClient::defaultMaxInlineSize); });
-CLOUD_CLIENT_CONFORMANCE(LocalFiles, [] { return std::make_unique<LocalHarness>(test::everythingInFiles); });
+CLOUD_CLIENT_CONFORMANCE(LocalFiles, [] { return std::make_unique<LocalHarness>(test::nothingInline); });
 
 } // namespace
 

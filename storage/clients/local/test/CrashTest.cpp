@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <csignal>
+#include <fstream>
+#include <istream>
 #include <random>
-#include <sstream>
 #include <thread>
 
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,21 +20,23 @@ namespace storage::clients::test
 namespace
 {
 
-constexpr std::array<const char*, 4> names{"a", "b", "folder/c", "folder/d"};
-constexpr std::uint64_t nothing = 0; // as a version: there is no object
+constexpr std::size_t objects = 3;   // of one writer
+constexpr std::uint64_t removed = 0; // as a version: there is no object
 
-// What a child tells: it is about to make this the version of an object, or it has.
-struct Step
+// A process that changes its own objects, and one that all writers share, until it is killed.
+struct Writer
 {
-    std::size_t name;
-    std::uint64_t version;
-    bool done;
+    int process = 0;
+    std::atomic<unsigned> steps = 0; // that it has done since it was started
+    // Versions of its objects. One that was attempted and is not done may have become visible or not.
+    std::array<std::atomic<std::uint64_t>, objects> attempted{};
+    std::array<std::atomic<std::uint64_t>, objects> done{};
 };
 
-// Make one version in one of the ways that there are.
+// Make this the version of an object, in one of the possible ways.
 void makeVersion(LocalClient& client, const std::string& key, std::uint64_t version, std::mt19937& random)
 {
-    if (version == nothing)
+    if (version == removed)
     {
         client.deleteObject(key);
         return;
@@ -42,9 +47,9 @@ void makeVersion(LocalClient& client, const std::string& key, std::uint64_t vers
         put(client, key, whole);
         return;
     }
-    // Put twice, the second time by taking over what stands there, so that the bytes are the version's all along.
-    const std::size_t middle = random() % whole.size();
-    putParts(client, key, {whole.substr(0, middle) + whole[middle], whole.substr(middle + 1)});
+    // Written twice, the second time as copies of the parts that are there, so the bytes are those of the version.
+    const std::size_t middle = 1 + random() % whole.size();
+    putParts(client, key, {whole.substr(0, middle), whole.substr(middle)});
     const std::string upload = client.createMultipartUpload(key, "");
     std::vector<cloudprovider::PartInfo> parts = client.getObjectParts(key);
     for (cloudprovider::PartInfo& part : parts)
@@ -54,156 +59,101 @@ void makeVersion(LocalClient& client, const std::string& key, std::uint64_t vers
     client.completeMultipartUpload(key, upload, parts);
 }
 
-// Change objects until killed.
-void changeForEver(const std::filesystem::path& store, int reports, unsigned round)
+std::string keyOf(std::size_t writer, std::size_t object)
 {
-    std::mt19937 random(round);
-    LocalClient client(store);
-    for (std::uint64_t version = round * 1'000'000;; ++version)
-    {
-        Step step{random() % names.size(), random() % 5 == 0 ? nothing : version, false};
-        ASSERT_EQ(::write(reports, &step, sizeof(step)), static_cast<ssize_t>(sizeof(step)));
-        makeVersion(client, names[step.name], step.version, random);
-        step.done = true;
-        ASSERT_EQ(::write(reports, &step, sizeof(step)), static_cast<ssize_t>(sizeof(step)));
-    }
+    return std::to_string(writer) + '/' + std::to_string(object);
 }
 
-std::uint64_t versionNow(LocalClient& client, const std::string& key)
+void writeUntilKilled(const std::filesystem::path& store, std::size_t number, Writer& writer, std::uint64_t seed)
 {
-    if (!client.getObjectInfo(key).exists)
+    std::mt19937 random(seed);
+    LocalClient client(store);
+    for (std::uint64_t version = 1'000'000 * seed; !::testing::Test::HasFailure(); ++version)
     {
-        return nothing;
+        const std::size_t object = random() % objects;
+        writer.attempted[object] = random() % 5 == 0 ? removed : version;
+        makeVersion(client, keyOf(number, object), writer.attempted[object], random);
+        writer.done[object] = writer.attempted[object].load();
+        put(client, "shared", content(version, 100 + random() % 100'000));
+        versionOf(get(client, "shared"));
+        ++writer.steps;
     }
-    const std::string found = get(client, key);
-    EXPECT_EQ(client.getObjectInfo(key).size, found.size());
-    return versionOf(found);
 }
 
 } // namespace
 
-TEST(CrashTest, EveryObjectIsAWholeVersionAndNothingElseIsLeft)
+TEST(CrashTest, EveryObjectIsACompleteVersionAndNothingElseIsLeft)
 {
+    using Writers = std::array<Writer, 3>;
+    void* const memory = ::mmap(nullptr, sizeof(Writers), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    auto& writers = *new (memory) Writers();
     const TestFolder folder;
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
-    std::array<std::uint64_t, names.size()> versions{};
-    for (unsigned round = 1; round <= 40 && !HasFailure(); ++round)
+    for (unsigned round = 1; round <= 12 && !HasFailure(); ++round)
     {
-        int reports[2] = {};
-        ASSERT_EQ(::pipe(reports), 0);
-        const int child = startProcess([&] { changeForEver(folder.store(), reports[1], round); });
-        ::close(reports[1]);
-
-        std::array<std::uint64_t, names.size()> allowed = versions;
-        const auto take = [&]
+        // All writers open the store at the same time; in the first round they create it.
+        for (std::size_t i = 0; i < writers.size(); ++i)
         {
-            Step step = {};
-            if (::read(reports[0], &step, sizeof(step)) != static_cast<ssize_t>(sizeof(step)))
+            writers[i].steps = 0;
+            writers[i].process =
+                startProcess([&] { writeUntilKilled(folder.store(), i, writers[i], 100UL * round + i); });
+        }
+        for (std::size_t i = 0; i < writers.size(); ++i)
+        {
+            Writer& writer = writers[i];
+            const auto steps = random() % 10;
+            do
             {
-                return false;
-            }
-            (step.done ? versions : allowed)[step.name] = step.version;
-            return true;
-        };
-        for (auto steps = 1 + random() % 20; steps > 0; --steps)
-        {
-            ASSERT_TRUE(take()) << "the child ended by itself";
-        }
-        // Orders nothing: it spreads the instants over the next steps, which take up to some milliseconds.
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 4000));
-        ASSERT_EQ(::kill(child, SIGKILL), 0);
-        ASSERT_EQ(::waitpid(child, nullptr, 0), child);
-        while (take())
-        {
-        }
-        ::close(reports[0]);
+                // Spreads the kills over the steps, which take some milliseconds each. No result depends on it.
+                std::this_thread::sleep_for(std::chrono::microseconds(random() % 10'000));
+            } while (writer.steps < steps && ::waitpid(writer.process, nullptr, WNOHANG) == 0);
+            ASSERT_EQ(::kill(writer.process, SIGKILL), 0);
+            ASSERT_EQ(waitForProcess(writer.process), -1) << "the writer has ended by itself";
 
-        {
+            // Opening the store collects what the killed writer has left, while the others go on.
             LocalClient client(folder.store());
-            for (std::size_t i = 0; i < names.size(); ++i)
+            for (std::size_t object = 0; object < objects; ++object)
             {
-                const std::uint64_t now = versionNow(client, names[i]);
-                EXPECT_TRUE(now == versions[i] || now == allowed[i])
-                    << names[i] << " has version " << now << " instead of " << versions[i] << " or " << allowed[i];
-                versions[i] = now;
+                const std::string key = keyOf(i, object);
+                const std::uint64_t now = client.getObjectInfo(key).exists ? versionOf(get(client, key)) : removed;
+                EXPECT_TRUE(now == writer.done[object] || now == writer.attempted[object])
+                    << key << " has version " << now << " instead of " << writer.done[object] << " or "
+                    << writer.attempted[object];
+                writer.done[object] = now;
+                writer.attempted[object] = now;
             }
         }
         checkStore(folder.store());
         EXPECT_EQ(files(folder.store() / "sessions"), std::vector<std::string>());
     }
+    ::munmap(memory, sizeof(Writers));
 }
 
-namespace
-{
-
-// Content that does something when half of it has been taken.
-class HalfwayBuffer : public std::stringbuf
-{
-public:
-    HalfwayBuffer(std::string content, std::function<void()> halfway)
-        : m_content(std::move(content))
-        , m_halfway(std::move(halfway))
-    {
-        setg(m_content.data(), m_content.data(), m_content.data() + m_content.size() / 2);
-    }
-
-protected:
-    int_type underflow() override
-    {
-        char* const end = m_content.data() + m_content.size();
-        if (egptr() == end)
-        {
-            return traits_type::eof();
-        }
-        m_halfway();
-        setg(m_content.data(), egptr(), end);
-        return traits_type::to_int_type(*gptr());
-    }
-
-private:
-    std::string m_content;
-    std::function<void()> m_halfway;
-};
-
-} // namespace
-
-TEST(CrashTest, CollectsAfterTheDeadWhileTheLivingWrite)
+TEST(CrashTest, CollectsOrphansOfDeadSessionsOnly)
 {
     const TestFolder folder;
     const std::filesystem::path store = folder.store();
-    const std::string large = content(1, 3'000'000);
-    LocalClient living(store);
-    HalfwayBuffer buffer(large,
+    LocalClient living(store, nothingInline);
+    CallbackBuffer buffer(content(1, 1000),
         [&]
         {
-            const int dying = startProcess(
-                [&]
-                {
-                    LocalClient client(store);
-                    HalfwayBuffer fatal(large, [] { ::raise(SIGKILL); });
-                    std::istream in(&fatal);
-                    client.putObject("dying", in, large.size());
-                });
-            ASSERT_EQ(::waitpid(dying, nullptr, 0), dying);
-            EXPECT_EQ(files(store / "incoming").size(), 2U);
-            ASSERT_EQ(files(store / "sessions").size(), 2U);
-
-            // As if the dead one had got further: its file has its place, and the change that names it is missing.
-            for (const std::string& session : files(store / "sessions"))
+            // What a crash leaves between the publication of a file and the commit, and a second incoming file.
+            const std::string dead = "00000000000000ff";
+            for (const std::string& orphan : {"sessions/" + dead, "incoming/" + dead + "-1", "contents/7-" + dead})
             {
-                std::filesystem::copy_file(store / "index.sqlite", store / "contents" / ("7-" + session));
+                std::ofstream(store / orphan) << "orphan";
             }
-            LocalClient collecting(store);
+            const LocalClient collecting(store);
             EXPECT_EQ(files(store / "incoming").size(), 1U);
-            EXPECT_EQ(files(store / "sessions").size(), 2U) << "those of the living and of the collecting client";
+            EXPECT_EQ(files(store / "sessions").size(), 2U) << "of the living and of the collecting client";
             EXPECT_EQ(files(store / "contents").size(), 0U);
         });
     std::istream in(&buffer);
-    living.putObject("living", in, large.size());
-    EXPECT_EQ(versionOf(get(living, "living")), 1U);
-    EXPECT_EQ(keys(living), std::vector<std::string>{"living"});
+    living.putObject("k", in, 1000);
+    EXPECT_EQ(versionOf(get(living, "k")), 1U);
     checkStore(store);
 }
 

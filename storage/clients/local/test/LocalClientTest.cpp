@@ -5,18 +5,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
+#include <cstdlib>
 #include <functional>
-#include <map>
-#include <memory>
+#include <numeric>
 #include <sstream>
 
-#include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace storage::clients::test
@@ -30,31 +27,16 @@ using cloudprovider::InvalidLocationException;
 using cloudprovider::PartInfo;
 using cloudprovider::PermissionDeniedException;
 using cloudprovider::UnknownErrorException;
+using std::filesystem::path;
 using ::testing::HasSubstr;
 
-void write(const std::filesystem::path& path, const std::string& bytes)
+// Run a shell command in the directory that holds the store. @return 0 if it succeeded
+int shell(const TestFolder& folder, const std::string& command)
 {
-    std::ofstream(path, std::ios::binary) << bytes;
+    return std::system(("cd '" + folder.path().native() + "' && " + command).c_str());
 }
 
-// Everything below a folder, with a hash of the contents. SQLite's auxiliary files come and go with a look.
-std::map<std::string, std::size_t> tree(const std::filesystem::path& folder)
-{
-    std::map<std::string, std::size_t> found;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder))
-    {
-        const std::string name = entry.path().filename();
-        if (name != "index.sqlite-wal" && name != "index.sqlite-shm")
-        {
-            std::ostringstream bytes;
-            bytes << entry.is_directory() << std::ifstream(entry.path(), std::ios::binary).rdbuf();
-            found[entry.path()] = std::hash<std::string>()(bytes.str());
-        }
-    }
-    return found;
-}
-
-// The detail of the exception that the call must throw, and nothing derived from it or else.
+// The detail of the exception that the call must throw: exactly of this type, in one line.
 template <typename Expected>
 std::string detailOf(const std::function<void()>& call)
 {
@@ -72,8 +54,23 @@ std::string detailOf(const std::function<void()>& call)
     return "";
 }
 
+template <typename Expected>
+std::string detailOfOpening(const path& store)
+{
+    return detailOf<Expected>([&] { const LocalClient client(store); });
+}
+
+std::string detailOfReading(const path& store)
+{
+    LocalClient client(store);
+    std::ostringstream out;
+    const std::string detail = detailOf<UnknownErrorException>([&] { client.getObjectRange("large", out, 0, 0); });
+    EXPECT_EQ(out.str(), "");
+    return detail;
+}
+
 // A store with one object in the index and one in a file, closed.
-void makeStore(const std::filesystem::path& store)
+void makeStore(const path& store)
 {
     LocalClient client(store);
     put(client, "small", content(1, 1000));
@@ -82,95 +79,53 @@ void makeStore(const std::filesystem::path& store)
 
 } // namespace
 
-TEST(LocalClientTest, RefusesOtherDirectoriesAndLeavesThemAsTheyAre)
+TEST(LocalClientTest, RefusesOtherDirectoriesAndReportsDamage)
 {
-    using Path = std::filesystem::path;
-    using Prepare = std::function<void(const Path& store)>;
-    const auto cookies = [](const Path& store)
+    const auto noStore = detailOfOpening<InvalidLocationException>;
+    const auto noIndex = detailOfOpening<UnknownErrorException>;
+    struct Row
     {
-        std::filesystem::create_directory(store);
-        runSql(store, "CREATE TABLE cookies (name)");
+        std::string (*detailOfFailure)(const path& store);
+        const char* reason;
+        const char* command; // that damages the store
+        const char* sql = "";
     };
-    const auto letter = [](const Path& store)
+    const Row rows[] = {{noStore, "is not a directory", "rm -r store && touch store"},
+        {noStore, "is no store: it has other content", "rm store/index.sqlite"},
+        {noStore, "its index is another program's", "true", "PRAGMA application_id = 0"},
+        {noIndex, "the index is damaged", "head -c 8192 /dev/zero > store/index.sqlite"},
+        {noIndex, "the index is damaged: it is empty", "truncate -s 0 store/index.sqlite"},
+        {noIndex, "has version 2, this program knows version 1", "true", "PRAGMA user_version = 2"},
+        {detailOfReading, "damaged: there is no", "rm store/contents/*"},
+        {detailOfReading, "499999 bytes instead of 500000", "truncate -s 499999 store/contents/*"},
+        {detailOfReading, "500001 bytes instead of 500000", "truncate -s 500001 store/contents/*"},
+        {detailOfReading, "damaged: the index has lost a part", "true", "DELETE FROM contents WHERE data IS NULL"},
+        {detailOfReading, "damaged: the index has lost", "true",
+            "UPDATE object_parts SET offset = 9 WHERE content = 4"},
+        {detailOfReading, "the index is damaged",
+            "head -c 40000 /dev/zero | dd of=store/index.sqlite bs=8192 seek=1 conv=notrunc status=none"}};
+    for (const Row& row : rows)
     {
-        std::filesystem::create_directory(store);
-        write(store / "letter.txt", "mine");
-    };
-    const auto changed = [](const std::function<void(const Path& index)>& change)
-    {
-        return [=](const Path& store)
-        {
-            makeStore(store);
-            change(store / "index.sqlite");
-        };
-    };
-    const std::tuple<Prepare, bool, const char*> rows[] = {// how it came about, whether it is a store, the reason
-        {[](const Path& store) { write(store, "no directory"); }, false, "is not a directory"},
-        {letter, false, "is no store: it has other content"},
-        {changed([](const Path& index) { std::filesystem::remove(index); }), false,
-            "is no store: it has other content"},
-        {cookies, false, "its index is another program's"},
-        {changed([](const Path& index) { write(index, content(3, 8192)); }), true, "the index is damaged"},
-        {changed([](const Path& index) { write(index, ""); }), true, "the index is damaged: it is empty"},
-        {changed([](const Path& index) { runSql(index.parent_path(), "PRAGMA user_version = 2"); }), true,
-            "has version 2, this program knows version 1"}};
-    for (const auto& [prepare, isStore, reason] : rows)
-    {
-        SCOPED_TRACE(reason);
-        const TestFolder folder;
-        prepare(folder.store());
-        const auto before = tree(folder.path());
-        const auto open = [&] { LocalClient client(folder.store()); };
-        const std::string detail =
-            isStore ? detailOf<UnknownErrorException>(open) : detailOf<InvalidLocationException>(open);
-        EXPECT_THAT(detail, HasSubstr(reason));
-        EXPECT_THAT(detail, HasSubstr("opening the local store \"" + folder.store().native() + '"'));
-        EXPECT_EQ(tree(folder.path()), before);
-    }
-}
-
-TEST(LocalClientTest, ReportsDamageAndServesNothingInPlaceOfTheBytes)
-{
-    using Path = std::filesystem::path;
-    const auto file = [](const Path& store) { return store / "contents" / files(store / "contents").at(0); };
-    const auto overwritePages = [](const Path& store)
-    {
-        std::fstream index(store / "index.sqlite", std::ios::in | std::ios::out | std::ios::binary);
-        index.seekp(8192);
-        index << content(3, std::filesystem::file_size(store / "index.sqlite") - 8192);
-    };
-    const std::pair<std::function<void(const Path& store)>, const char*> rows[] = {
-        {[&](const Path& store) { std::filesystem::remove(file(store)); }, "there is no"},
-        {[&](const Path& store) { std::filesystem::resize_file(file(store), 499'999); },
-            "499999 bytes instead of 500000"},
-        {[&](const Path& store) { std::filesystem::resize_file(file(store), 500'001); },
-            "500001 bytes instead of 500000"},
-        {[](const Path& store) { runSql(store, "DELETE FROM contents WHERE data IS NULL"); }, "lost a part"},
-        {[](const Path& store) { runSql(store, "UPDATE object_parts SET offset = 9 WHERE content = 4"); }, "lost"},
-        {overwritePages, "the index is damaged"}};
-    for (const auto& [inflict, reason] : rows)
-    {
-        SCOPED_TRACE(reason);
+        SCOPED_TRACE(row.reason);
         const TestFolder folder;
         makeStore(folder.store());
-        inflict(folder.store());
-        LocalClient client(folder.store());
-        std::ostringstream out;
-        const std::string detail = detailOf<UnknownErrorException>([&] { client.getObjectRange("large", out, 0, 0); });
-        EXPECT_THAT(detail, HasSubstr("getObjectRange \"large\""));
-        EXPECT_THAT(detail, HasSubstr("damaged"));
-        EXPECT_THAT(detail, HasSubstr(reason));
-        EXPECT_EQ(out.str(), "");
+        EXPECT_EQ(shell(folder, row.command), 0);
+        EXPECT_EQ(*row.sql == '\0' ? "" : runSql(folder.store(), row.sql), "");
+        EXPECT_EQ(shell(folder, "cp -r store before"), 0);
+        const std::string detail = row.detailOfFailure(folder.store());
+        EXPECT_THAT(detail, HasSubstr(row.reason));
+        EXPECT_THAT(detail, HasSubstr('"' + folder.store().native() + '"'));
+        EXPECT_EQ(shell(folder, "diff -r -x 'index.sqlite-*' before store"), 0) << "expected no change";
     }
 }
 
-TEST(LocalClientTest, RefusedAccessIsPermissionDenied)
+TEST(LocalClientTest, DeniedAccessIsPermissionDenied)
 {
     const TestFolder folder;
     makeStore(folder.store());
-    const auto openAsOrdinaryUser = [&](const std::filesystem::path& store)
+    const auto openAsOrdinaryUser = [&](const path& store)
     {
-        const bool isRoot = ::getuid() == 0; // whom the system refuses nothing
+        const bool isRoot = ::getuid() == 0; // root is denied nothing
         EXPECT_EQ(isRoot ? ::seteuid(65534) : 0, 0);
         const std::string detail = detailOf<PermissionDeniedException>([&] { LocalClient client(store); });
         EXPECT_EQ(isRoot ? ::seteuid(0) : 0, 0);
@@ -187,17 +142,15 @@ TEST(LocalClientTest, RefusedAccessIsPermissionDenied)
 
 TEST(LocalClientTest, OnlyItsUserHasAccess)
 {
+    using std::filesystem::perms;
     const TestFolder folder;
     const mode_t before = ::umask(0);
     LocalClient client(folder.path() / "new" / "store");
     put(client, "large", content(1, 100'000));
     ::umask(before);
-    const auto permissions = [](const auto& path) { return std::filesystem::status(path).permissions(); };
     for (const auto& entry : std::filesystem::recursive_directory_iterator(folder.path()))
     {
-        EXPECT_EQ(permissions(entry.path()),
-            entry.is_directory() ? std::filesystem::perms(0700) : std::filesystem::perms(0600))
-            << entry.path();
+        EXPECT_EQ(entry.status().permissions(), entry.is_directory() ? perms(0700) : perms(0600)) << entry.path();
     }
 }
 
@@ -206,48 +159,52 @@ TEST(LocalClientTest, UnchangedPartsAreSharedAndNotCopied)
     const TestFolder folder;
     LocalClient client(folder.store());
     putParts(client, "object", {content(1, 100'000), content(2, 100'000), content(3, 1000)});
-    const auto before = files(folder.store() / "contents");
+    const auto before = files(folder.store() / "contents").size();
 
     const std::string upload = client.createMultipartUpload("object", "");
     std::vector<PartInfo> parts = client.getObjectParts("object");
-    std::istringstream in(content(4, 100'000));
-    parts[1].Tag = client.uploadPart("object", upload, parts[1], in);
+    parts[1] = conformance::uploadPart(client, "object", upload, 1, content(4, 100'000));
     for (const std::size_t i : {0U, 2U})
     {
         EXPECT_EQ(client.copyPart("object", upload, parts[i]), parts[i].Tag);
     }
-    EXPECT_EQ(files(folder.store() / "contents").size(), before.size() + 1);
+    EXPECT_EQ(files(folder.store() / "contents").size(), before + 1);
     client.completeMultipartUpload("object", upload, parts);
-
     EXPECT_EQ(get(client, "object"), content(1, 100'000) + content(4, 100'000) + content(3, 1000));
-    EXPECT_EQ(files(folder.store() / "contents").size(), before.size());
+    EXPECT_EQ(files(folder.store() / "contents").size(), before);
     checkStore(folder.store());
 }
 
-TEST(LocalClientTest, ReadsManyPartsWithFewDescriptors)
+TEST(LocalClientTest, ReadsManyPartsWithFewDescriptorsAndFewPartsFromOneVersion)
 {
     const TestFolder folder;
-    LocalClient client(folder.store(), everythingInFiles);
-    std::vector<std::string> parts(200);
-    std::string whole;
-    for (std::size_t i = 0; i < parts.size(); ++i)
+    LocalClient client(folder.store(), nothingInline);
+    std::vector<std::string> parts;
+    for (std::size_t i = 0; i < 200; ++i)
     {
-        parts[i] = content(i, 100);
-        whole += parts[i];
+        parts.push_back(content(i, 100));
     }
     putParts(client, "object", parts);
     rlimit before = {};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-    rlimit few = before;
-    few.rlim_cur = 64;
+    const rlimit few{64, before.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
-    EXPECT_EQ(get(client, "object"), whole);
+    EXPECT_EQ(get(client, "object"), std::accumulate(parts.begin(), parts.end(), std::string()));
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+
+    CallbackBuffer replacing("", [&] { putParts(client, "object", {parts.begin(), parts.begin() + 16}); });
+    std::ostream out(&replacing);
+    EXPECT_THAT(detailOf<UnknownErrorException>([&] { client.getObjectRange("object", out, 0, 0); }),
+        HasSubstr("was replaced"));
+    CallbackBuffer removing("", [&] { client.deleteObject("object"); });
+    std::ostream wholeOut(&removing);
+    client.getObjectRange("object", wholeOut, 0, 0);
+    EXPECT_EQ(removing.str(), std::accumulate(parts.begin(), parts.begin() + 16, std::string()));
 }
 
 TEST(LocalClientTest, AFullDiskLeavesEveryObjectAsItIs)
 {
-    constexpr int refused = 77; // neither users nor roots of most containers may mount
+    constexpr int notAllowed = 77; // to mount: for ordinary users, and for root in most containers
     const TestFolder folder;
     const int process = startProcess(
         [&]
@@ -255,32 +212,24 @@ TEST(LocalClientTest, AFullDiskLeavesEveryObjectAsItIs)
             if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
                 ::mount("none", folder.path().c_str(), "tmpfs", 0, "size=4m") != 0)
             {
-                ::_exit(refused);
+                ::_exit(notAllowed);
             }
             LocalClient client(folder.store());
             put(client, "small", content(1, 1000));
             putParts(client, "large", {content(2, 300'000), content(3, 300'000)});
-
-            const std::string full = "No space left on device";
             const std::string upload = client.createMultipartUpload("large", "");
             const std::string tooLarge = content(4, 4'000'000);
-            for (const bool nothingLeft : {false, true})
+            const auto expectFull = [&](const std::function<void()>& call)
             {
-                if (nothingLeft)
-                {
-                    write(folder.path() / "filler", std::string(4'000'000, 'x'));
-                }
-                EXPECT_THAT(detailOf<UnknownErrorException>([&] { put(client, "large", tooLarge); }), HasSubstr(full));
-                std::istringstream in(tooLarge);
-                EXPECT_THAT(detailOf<UnknownErrorException>(
-                                [&] {
-                                    client.uploadPart("large", upload, {0, 0, tooLarge.size(), ""}, in);
-                                }),
-                    HasSubstr(full));
+                EXPECT_THAT(detailOf<UnknownErrorException>(call), HasSubstr("No space left on device"));
                 EXPECT_EQ(files(folder.store() / "incoming"), std::vector<std::string>());
-            }
-            // The index still has room for a while, in the log that it has written before.
-            const std::string more = detailOf<UnknownErrorException>(
+            };
+            expectFull([&] { put(client, "large", tooLarge); });
+            expectFull([&] { conformance::uploadPart(client, "large", upload, 0, tooLarge); });
+            shell(folder, "head -c 4000000 /dev/zero > filler 2> /dev/null");
+            expectFull([&] { put(client, "large", tooLarge); });
+            // The index can grow for a while, within the log that it has written before.
+            expectFull(
                 [&]
                 {
                     for (std::uint64_t i = 0; i < 1000; ++i)
@@ -288,7 +237,6 @@ TEST(LocalClientTest, AFullDiskLeavesEveryObjectAsItIs)
                         put(client, "more" + std::to_string(i), content(i, 60'000));
                     }
                 });
-            EXPECT_THAT(more, HasSubstr(full));
             EXPECT_EQ(versionOf(get(client, "small")), 1U);
             EXPECT_EQ(get(client, "large"), content(2, 300'000) + content(3, 300'000));
 
@@ -297,9 +245,8 @@ TEST(LocalClientTest, AFullDiskLeavesEveryObjectAsItIs)
             EXPECT_EQ(versionOf(get(client, "small")), 5U);
             checkStore(folder.store());
         });
-    int status = 0;
-    ASSERT_EQ(::waitpid(process, &status, 0), process);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == refused)
+    const int status = waitForProcess(process);
+    if (status == notAllowed)
     {
         GTEST_SKIP() << "this machine does not let the test mount a small disk";
     }

@@ -5,35 +5,26 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <iostream>
-#include <sstream>
 #include <stdexcept>
 
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace storage::clients::test
 {
 
-namespace
-{
-
-std::filesystem::path makeTemporaryFolder()
+TestFolder::TestFolder()
 {
     std::string path = std::filesystem::temp_directory_path() / "local_test_XXXXXX";
     if (::mkdtemp(path.data()) == nullptr)
     {
         throw std::runtime_error("cannot create " + path);
     }
-    return path;
-}
-
-} // namespace
-
-TestFolder::TestFolder()
-    : m_path(makeTemporaryFolder())
-{
+    m_path = path;
 }
 
 TestFolder::~TestFolder()
@@ -47,7 +38,6 @@ std::string content(std::uint64_t version, std::size_t size)
 {
     std::string result = std::to_string(version) + ' ' + std::to_string(size) + ' ';
     EXPECT_LE(result.size(), size);
-    result.reserve(size);
     for (std::uint64_t state = version * 2 + 1; result.size() < size;)
     {
         state = state * 6364136223846793005U + 1442695040888963407U;
@@ -58,53 +48,9 @@ std::string content(std::uint64_t version, std::size_t size)
 
 std::uint64_t versionOf(const std::string& found)
 {
-    std::istringstream in(found);
-    std::uint64_t version = 0;
-    std::size_t size = 0;
-    in >> version >> size;
-    EXPECT_EQ(found.size(), size);
-    EXPECT_TRUE(found == content(version, found.size())) << "version " << version << " is not whole";
+    const std::uint64_t version = std::strtoull(found.c_str(), nullptr, 10);
+    EXPECT_TRUE(found == content(version, found.size())) << found.size() << " bytes of version " << version;
     return version;
-}
-
-void put(cloudprovider::CloudClient& client, const std::string& key, const std::string& content)
-{
-    std::istringstream in(content);
-    client.putObject(key, in, content.size());
-}
-
-std::string get(cloudprovider::CloudClient& client, const std::string& key)
-{
-    std::ostringstream out;
-    client.getObjectRange(key, out, 0, 0);
-    return out.str();
-}
-
-void putParts(cloudprovider::CloudClient& client, const std::string& key, const std::vector<std::string>& parts)
-{
-    const std::string upload = client.createMultipartUpload(key, "");
-    std::vector<cloudprovider::PartInfo> infos;
-    for (const std::string& part : parts)
-    {
-        std::istringstream in(part);
-        infos.push_back({infos.size(), 0, part.size(), ""});
-        infos.back().Tag = client.uploadPart(key, upload, infos.back(), in);
-    }
-    client.completeMultipartUpload(key, upload, infos);
-}
-
-std::vector<std::string> keys(cloudprovider::CloudClient& client)
-{
-    std::vector<std::string> found;
-    std::string token;
-    do
-    {
-        for (const auto& entry : client.listObjects("", token, {}))
-        {
-            found.push_back(entry.key);
-        }
-    } while (!token.empty());
-    return found;
 }
 
 std::vector<std::string> files(const std::filesystem::path& folder)
@@ -121,17 +67,14 @@ std::vector<std::string> files(const std::filesystem::path& folder)
 std::string runSql(const std::filesystem::path& store, const std::string& sql)
 {
     sqlite3* handle = nullptr;
+    sqlite3_stmt* statement = nullptr;
     EXPECT_EQ(sqlite3_open((store / "index.sqlite").c_str(), &handle), SQLITE_OK);
-    std::string result;
-    const auto keepFirst = [](void* target, int, char** values, char**)
-    {
-        auto& text = *static_cast<std::string*>(target);
-        text = text.empty() && values[0] != nullptr ? values[0] : text;
-        return 0;
-    };
-    EXPECT_EQ(sqlite3_exec(handle, sql.c_str(), keepFirst, &result, nullptr), SQLITE_OK) << sqlite3_errmsg(handle);
+    EXPECT_EQ(sqlite3_prepare_v2(handle, sql.c_str(), -1, &statement, nullptr), SQLITE_OK) << sqlite3_errmsg(handle);
+    const bool hasValue = sqlite3_step(statement) == SQLITE_ROW && sqlite3_column_type(statement, 0) != SQLITE_NULL;
+    std::string value = hasValue ? reinterpret_cast<const char*>(sqlite3_column_text(statement, 0)) : "";
+    EXPECT_EQ(sqlite3_finalize(statement), SQLITE_OK);
     EXPECT_EQ(sqlite3_close(handle), SQLITE_OK);
-    return result;
+    return value;
 }
 
 void checkStore(const std::filesystem::path& store)
@@ -144,14 +87,13 @@ void checkStore(const std::filesystem::path& store)
     EXPECT_EQ(runSql(store, "SELECT count(*) FROM objects WHERE size != coalesce((SELECT sum(c.size) FROM object_parts "
                             "p JOIN contents c ON c.id = p.content WHERE p.object = objects.id), 0)"),
         "0");
-    const std::string named = runSql(store, "SELECT group_concat(name, '\n') FROM (SELECT format('%d-%016x', id, "
-                                            "session) AS name FROM contents WHERE session IS NOT NULL ORDER BY name)");
     std::string found;
     for (const std::string& name : files(store / "contents"))
     {
-        found += (found.empty() ? "" : "\n") + name;
+        found += name + '\n';
     }
-    EXPECT_EQ(found, named);
+    EXPECT_EQ(found, runSql(store, "SELECT group_concat(name, '') FROM (SELECT format('%d-%016x\n', id, session) AS "
+                                   "name FROM contents WHERE session IS NOT NULL ORDER BY name)"));
     EXPECT_EQ(files(store / "incoming"), std::vector<std::string>());
 }
 
@@ -164,28 +106,17 @@ int startProcess(const std::function<void()>& task)
         EXPECT_GT(process, 0);
         return process;
     }
-    try
-    {
-        task();
-    }
-    catch (const cloudprovider::CloudException& error)
-    {
-        ADD_FAILURE() << error.what() << ": " << error.detail().value_or("");
-    }
-    catch (const std::exception& error)
-    {
-        ADD_FAILURE() << error.what();
-    }
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL); // never outlive a test that fails
+    EXPECT_NO_THROW(task());
     std::cout.flush();
-    ::_exit(::testing::Test::HasFailure() ? 1 : 0); // the fixtures are the parent's
+    ::_exit(::testing::Test::HasFailure() ? 1 : 0); // without the parent's destructors
 }
 
-void expectSuccess(int process)
+int waitForProcess(int process)
 {
     int status = 0;
-    ASSERT_EQ(::waitpid(process, &status, 0), process);
-    EXPECT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(::waitpid(process, &status, 0), process);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 } // namespace storage::clients::test
