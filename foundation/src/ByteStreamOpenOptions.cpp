@@ -15,9 +15,13 @@ void writeField(std::ostream& stream, const char* field, Enumeration value, cons
     const auto number = static_cast<std::uint32_t>(value);
     stream << field << '=';
     if (number > 1)
+    {
         stream << number;
+    }
     else
+    {
         stream << (number == 0 ? zero : one);
+    }
 }
 
 } // namespace

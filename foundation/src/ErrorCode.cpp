@@ -34,7 +34,9 @@ std::ostream& operator<<(std::ostream& stream, const ErrorCode& code)
 {
     stream << code.name();
     if (code.detail())
+    {
         stream << ": " << *code.detail();
+    }
     return stream;
 }
 

@@ -21,7 +21,9 @@ std::string describe(const ErrorCode& code, const StorageIRI& iri)
 {
     std::string text = code.name() + ": " + iri.toUtf8();
     if (code.detail() && !code.detail()->empty())
+    {
         text += ": " + onOneLine(*code.detail());
+    }
     return text;
 }
 

@@ -46,7 +46,9 @@ void FilteredEntryIterator::findNext()
         FolderEntry entry = m_inner->getCurrent();
         const std::u16string_view name = entry.name();
         if (m_pattern->matches(name.substr(name.rfind(u'/') + 1)))
+        {
             m_next = std::move(entry);
+        }
     }
 }
 

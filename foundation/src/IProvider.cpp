@@ -22,10 +22,14 @@ namespace
 fl::filesystem::path localFolder(const StorageIRI& iri)
 {
     if (iri == StorageIRI())
+    {
         return {};
+    }
     const StorageIRI resolved = iri.getResolvedIRI();
     if (resolved.getScheme() != u"file" || !resolved.getAuthority().empty())
+    {
         throw Exception(ErrorCode(ErrorCode::InvalidLocation, "a scratch folder is named by file:///folder"), iri);
+    }
     return fl::filesystem::path(resolved.getPath());
 }
 
@@ -51,7 +55,9 @@ void IProvider::doCreateFolderRecursive(const StorageIRI& iri) const
     {
         missing.push_back(folder);
         if (!folder.hasParent())
+        {
             break;
+        }
     }
     for (; !missing.empty(); missing.pop_back())
     {
@@ -63,7 +69,9 @@ void IProvider::doCreateFolderRecursive(const StorageIRI& iri) const
         {
             // Somebody else may have created it since it was looked for. A file in its place is a failure.
             if (exception.errorCode() != ErrorCode::AlreadyExists || !folderExists(missing.back()))
+            {
                 throw;
+            }
         }
     }
 }
@@ -92,9 +100,13 @@ void IProvider::doCopyFileAtomic(
     const StorageIRI& source, const StorageIRI& destination, const ReplacementPolicy& policy) const
 {
     if (!supportsReplacementPolicy(policy))
+    {
         throw Exception(ErrorCode(ErrorCode::Unsupported, "unknown replacement policy"), destination);
+    }
     if (policy == ReplacementPolicy::Fail && fileExists(destination))
+    {
         throw Exception(ErrorCode::AlreadyExists, destination);
+    }
 
     const ByteStreamPtr from = openReadOnlyStream(source);
     const ByteStreamPtr to = openTransactionalStream(destination);
@@ -144,7 +156,9 @@ bool IProvider::doExists(const StorageIRI& iri) const
 ResourceKind IProvider::doExistsExtended(const StorageIRI& iri) const
 {
     if (fileExists(iri))
+    {
         return ResourceKind::File;
+    }
     return folderExists(iri) ? ResourceKind::Folder : ResourceKind::None;
 }
 
@@ -171,9 +185,13 @@ void IProvider::doTruncateToSize(const StorageIRI& iri, std::uint64_t size) cons
 {
     const std::optional<unsigned long> present = getFileAttributes(iri).size();
     if (present == size)
+    {
         return;
+    }
     if (size != 0 && (!present || size < *present))
+    {
         throw Exception(ErrorCode(ErrorCode::Unsupported, "the file cannot be cut without writing the rest anew"), iri);
+    }
 
     // A grown file keeps its contents and a file cut to nothing has none to lose, so a failure costs no kept byte.
     const ByteStreamPtr stream = openStream(
@@ -182,7 +200,9 @@ void IProvider::doTruncateToSize(const StorageIRI& iri, std::uint64_t size) cons
     try
     {
         if (size != 0)
+        {
             appendZeros(*stream, size - *present);
+        }
         stream->close();
     }
     catch (const ByteStreamFailure& failure)

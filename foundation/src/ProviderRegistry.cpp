@@ -25,7 +25,9 @@ void ProviderRegistry::registerProvider(const StorageIRI& root, std::shared_ptr<
     const StorageIRI key = rootOf(root);
     const std::unique_lock lock(m_mutex);
     if (!m_providers.try_emplace(key, std::move(provider)).second)
+    {
         throw Exception(ErrorCode(ErrorCode::AlreadyExists, "another provider serves this scheme and authority"), root);
+    }
 }
 
 bool ProviderRegistry::unregisterProvider(const StorageIRI& root)
@@ -35,7 +37,9 @@ bool ProviderRegistry::unregisterProvider(const StorageIRI& root)
     const std::unique_lock lock(m_mutex);
     const auto found = m_providers.find(key);
     if (found == m_providers.end())
+    {
         return false;
+    }
     removed = std::move(found->second);
     m_providers.erase(found);
     return true;
@@ -52,7 +56,9 @@ std::shared_ptr<const IProvider> ProviderRegistry::find(const StorageIRI& iri) c
 std::shared_ptr<const IProvider> ProviderRegistry::resolve(const StorageIRI& iri) const
 {
     if (auto provider = find(iri))
+    {
         return provider;
+    }
     throw Exception(ErrorCode(ErrorCode::NotFound, "no provider serves \"" + rootOf(iri).toUtf8() + "\""), iri);
 }
 

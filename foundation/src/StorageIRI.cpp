@@ -71,9 +71,13 @@ std::string escape(std::u16string_view text, Predicate escaped)
         result += fl::i18n::ustring_to_utf8(text.substr(0, plain));
         text.remove_prefix(plain);
         if (text.empty())
+        {
             break;
+        }
         for (const char byte : fl::i18n::ustring_to_utf8(text.substr(0, 1)))
+        {
             appendEscaped(result, static_cast<unsigned char>(byte));
+        }
         text.remove_prefix(1);
     }
     return result;
@@ -82,10 +86,14 @@ std::string escape(std::u16string_view text, Predicate escaped)
 std::optional<unsigned> hexValue(char16_t c)
 {
     if (isDigit(c))
+    {
         return c - u'0';
+    }
     const char16_t lower = toLower(c);
     if (lower >= u'a' && lower <= u'f')
+    {
         return lower - u'a' + 10U;
+    }
     return std::nullopt;
 }
 
@@ -105,7 +113,9 @@ std::u16string decodeRun(std::u16string_view& text)
         const auto high = text.size() > 1 ? hexValue(text[1]) : std::nullopt;
         const auto low = text.size() > 2 ? hexValue(text[2]) : std::nullopt;
         if (!high || !low)
+        {
             throw Malformed("a '%' is not followed by two hexadecimal digits");
+        }
         bytes += static_cast<char>(*high << 4U | *low);
         text.remove_prefix(3);
     }
@@ -128,7 +138,9 @@ std::u16string decode(std::u16string_view text)
         result += text.substr(0, plain);
         text.remove_prefix(plain);
         if (!text.empty())
+        {
             result += decodeRun(text);
+        }
     }
     return result;
 }
@@ -140,9 +152,13 @@ void checkSurrogates(std::u16string_view text)
         const auto isHigh = [&](std::size_t at) { return at < text.size() && (text[at] & 0xfc00U) == 0xd800U; };
         const auto isLow = [&](std::size_t at) { return at < text.size() && (text[at] & 0xfc00U) == 0xdc00U; };
         if (isHigh(i) && isLow(i + 1))
+        {
             ++i;
+        }
         else if (isHigh(i) || isLow(i))
+        {
             throw Malformed("a surrogate is not paired");
+        }
     }
 }
 
@@ -214,16 +230,22 @@ std::shared_ptr<const StorageIRI::Representation> StorageIRI::Representation::pa
         if (schemeEnd == std::u16string::npos || text.compare(schemeEnd, afterScheme.size(), afterScheme) != 0 ||
             !isLetter(text.front()) ||
             !std::all_of(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(schemeEnd), isSchemeLetter))
+        {
             throw Malformed("it does not begin with a scheme and \"://\"");
+        }
         if (text.find_first_of(u"?#") != std::u16string::npos)
+        {
             throw Malformed("a '?' or '#' in a name must be written %3F or %23");
+        }
         checkSurrogates(text);
 
         const std::size_t authorityBegin = schemeEnd + afterScheme.size();
         const std::size_t pathBegin = std::min(text.find(separator, authorityBegin), text.size());
         const auto authority = std::u16string_view(text).substr(authorityBegin, pathBegin - authorityBegin);
         if (std::any_of(authority.begin(), authority.end(), [](char16_t c) { return c == u' ' || isControl(c); }))
+        {
             throw Malformed("the authority holds a blank or a control");
+        }
 
         std::transform(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(schemeEnd),
             std::back_inserter(result->text), toLower);
@@ -263,9 +285,13 @@ StorageIRI StorageIRI::fromUtf8(std::string_view text)
         for (const char byte : text)
         {
             if (static_cast<unsigned char>(byte) < 0x80)
+            {
                 printable += byte;
+            }
             else
+            {
                 appendEscaped(printable, static_cast<unsigned char>(byte));
+            }
         }
         throw Exception(ErrorCode(ErrorCode::InvalidLocation, "the text is not well-formed UTF-8"),
             StorageIRI(fl::i18n::utf8_to_ustring(printable)));
@@ -284,7 +310,9 @@ const StorageIRI::Representation& StorageIRI::wellFormed() const
 {
     const Representation& result = representation();
     if (result.defect)
+    {
         throw Exception(ErrorCode(ErrorCode::InvalidLocation, result.defect), *this);
+    }
     return result;
 }
 
@@ -302,9 +330,13 @@ std::string StorageIRI::toUtf8() const
         const bool isPair =
             (printable[i] & 0xfc00U) == 0xd800U && i + 1 < printable.size() && (printable[i + 1] & 0xfc00U) == 0xdc00U;
         if (isPair)
+        {
             ++i;
+        }
         else if ((printable[i] & 0xf800U) == 0xd800U)
+        {
             printable[i] = u'\ufffd';
+        }
     }
     return escape(printable, [](char16_t c) { return needsEscape(c) && c != u'%' && c != u'?' && c != u'#'; });
 }
@@ -312,7 +344,9 @@ std::string StorageIRI::toUtf8() const
 StorageIRI StorageIRI::getResolvedIRI() const
 {
     if (wellFormed().text.empty())
+    {
         throw Exception(ErrorCode(ErrorCode::InvalidLocation, "the IRI is empty"), *this);
+    }
     return *this;
 }
 
@@ -345,7 +379,9 @@ StorageIRI StorageIRI::getParent() const
 {
     const std::u16string_view path = wellFormed().pathToName();
     if (path.empty())
+    {
         throw Exception(ErrorCode(ErrorCode::InvalidLocation, "the root has no parent"), *this);
+    }
     const std::u16string_view above = path.substr(0, path.find_last_of(separator));
     const std::u16string_view parent = above.substr(0, above.find_last_not_of(separator) + 1);
     return StorageIRI(representation().withPath(parent.empty() ? u"/" : parent));
@@ -361,10 +397,14 @@ StorageIRI StorageIRI::getChild(std::u16string_view name) const
 {
     name.remove_prefix(std::min(name.find_first_not_of(separator), name.size()));
     if (name.empty())
+    {
         return *this;
+    }
     std::u16string path(getResolvedIRI().wellFormed().path());
     if (path.empty() || path.back() != separator)
+    {
         path += separator;
+    }
     path += name;
     return StorageIRI(representation().withPath(path));
 }
@@ -377,11 +417,15 @@ bool operator==(const StorageIRI& left, const StorageIRI& right) noexcept
 std::strong_ordering operator<=>(const StorageIRI& left, const StorageIRI& right) noexcept
 {
     if (left.m_representation == right.m_representation)
+    {
         return std::strong_ordering::equal;
+    }
     const auto& l = left.representation();
     const auto& r = right.representation();
     if (const auto order = l.defect.has_value() <=> r.defect.has_value(); order != std::strong_ordering::equal)
+    {
         return order;
+    }
     return l.text <=> r.text;
 }
 

@@ -74,7 +74,9 @@ std::streampos TransactionalByteStream::doSeek(const stream_offset off, const st
 void TransactionalByteStream::doClose()
 {
     if (!m_scratch.is_open())
+    {
         return;
+    }
 
     // Closed whatever happens: a second try would write over what the first one left.
     boost::iostreams::file_descriptor scratch = std::exchange(m_scratch, boost::iostreams::file_descriptor());

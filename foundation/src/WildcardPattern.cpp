@@ -29,7 +29,9 @@ std::size_t endOfSet(const std::u32string& pattern, std::size_t open)
 {
     std::size_t first = open + 1;
     if (first < pattern.size() && (pattern[first] == U'!' || pattern[first] == U'^'))
+    {
         ++first;
+    }
     return pattern.find(U']', first + 1);
 }
 

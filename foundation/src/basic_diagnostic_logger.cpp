@@ -33,7 +33,9 @@ constexpr const char* channelName = "Channel";
 std::string_view nameOf(std::uint32_t level)
 {
     if ((level & (severity::error | severity::warning)) != 0)
+    {
         return (level & severity::error) != 0 ? "error" : "warning";
+    }
     return (level & severity::progress) != 0 ? "progress" : "detail";
 }
 
@@ -99,7 +101,9 @@ private:
             const auto channel = boost::log::extract<std::string>(channelName, record);
             const auto message = record[boost::log::expressions::smessage];
             if (level && channel && message)
+            {
                 m_router.route(*level, *channel, *message);
+            }
         }
 
     private:
@@ -153,7 +157,9 @@ basic_diagnostic_logger<char>::~basic_diagnostic_logger() = default;
 void basic_diagnostic_logger<char>::write(std::uint32_t level, std::string_view message)
 {
     if (!isEnabled(level))
+    {
         return;
+    }
     if (Router::instance().isProcessEnding())
     {
         Router::instance().route(level, m_channel, message);

@@ -21,7 +21,9 @@ inline void writeAll(ByteStream& destination, const char* s, std::streamsize n)
     {
         const std::streamsize count = destination.write(s, n);
         if (count <= 0)
+        {
             throw ByteStreamWriteFailure(ErrorCode(ErrorCode::Unknown, "the stream takes no more bytes"));
+        }
         s += count;
         n -= count;
     }
@@ -38,9 +40,13 @@ void copyBytes(Source& source, ByteStream& destination)
     {
         const std::streamsize count = source.read(chunk.data(), copyChunk);
         if (count < 0)
+        {
             return;
+        }
         if (count == 0)
+        {
             throw ByteStreamReadFailure(ErrorCode(ErrorCode::Unknown, "the stream gives neither bytes nor its end"));
+        }
         writeAll(destination, chunk.data(), count);
     }
 }

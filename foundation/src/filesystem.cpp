@@ -42,7 +42,9 @@ boost::filesystem::path make_access_form(const boost::filesystem::path& file)
 path make_native_form(const path& file, bool absolute)
 {
     if (!absolute || file.empty())
+    {
         return file;
+    }
     return boost::filesystem::absolute(to_filesystem(file)).string();
 }
 
@@ -64,7 +66,9 @@ path tmpnam(const path& folder, const path& prefix, const path& suffix)
     {
         // It would lead out of the folder.
         if (part->native().find('/') != std::string::npos)
+        {
             throw std::invalid_argument("a separator in the name of a temporary file: \"" + part->native() + "\"");
+        }
     }
     const boost::filesystem::path place =
         folder.empty() ? boost::filesystem::temp_directory_path() : detail::to_filesystem(folder);
@@ -72,7 +76,9 @@ path tmpnam(const path& folder, const path& prefix, const path& suffix)
 
     const int file = ::mkostemps(name.data(), static_cast<int>(suffix.native().size()), O_CLOEXEC);
     if (file < 0)
+    {
         throwSystemError(errno, "creating a temporary file in \"" + place.string() + "\"");
+    }
     // The umask may have taken the owner's own rights away.
     const int error = ::fchmod(file, S_IRUSR | S_IWUSR) == 0 ? 0 : errno;
     ::close(file);

@@ -32,5 +32,7 @@ bool utInterruptState::IsInterruptPending() noexcept
 void utInterruptState::ThrowIfInterruptPending()
 {
     if (IsInterruptPending())
+    {
         throw foundation::core::except::InterruptedException();
+    }
 }

@@ -35,7 +35,9 @@ TEST_F(LoggerTest, LetsThroughWhatTheMaskSays)
     const auto writeAll = [&]
     {
         for (const std::uint32_t level : {severity::detail, severity::progress, severity::error, severity::warning})
+        {
             logger.write(level, "line 1\nline 2");
+        }
         return std::exchange(m_records, {}).size();
     };
     EXPECT_EQ(writeAll(), 2U);
@@ -55,7 +57,9 @@ TEST_F(LoggerTest, SerialisesTheSinkOverThreadsAndChannels)
     {
         Logger own("own");
         for (int i = 0; i < perThread; ++i)
+        {
             (i % 2 == 0 ? shared : own).write(severity::error, "text");
+        }
     };
     {
         const std::jthread first(work);
@@ -73,10 +77,14 @@ TEST_F(LoggerTest, SinksMayLogReplaceThemselvesAndThrow)
         {
             seen.emplace_back(message);
             if (message == "outer")
+            {
                 logger.write(severity::error, "inner");
+            }
             else
+            {
                 foundation::log::setSink([](std::uint32_t, std::string_view, std::string_view)
                     { throw std::runtime_error("the sink is full"); });
+            }
         });
     logger.write(severity::error, "outer");
     EXPECT_EQ(seen, (std::vector<std::string>{"outer", "inner"}));

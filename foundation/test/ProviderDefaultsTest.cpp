@@ -121,8 +121,12 @@ TEST_F(ProviderDefaultsTest, MatchesGlobs)
     {
         m_provider.nodes.clear();
         for (const auto* names : {&glob.matching, &glob.others})
+        {
             for (const auto& name : *names)
+            {
                 m_provider.nodes[u"/" + name] = "";
+            }
+        }
         EXPECT_THAT(namesOf(*m_provider.listFilesWildcards(root, glob.pattern)),
             ::testing::UnorderedElementsAreArray(glob.matching))
             << ::testing::PrintToString(glob.pattern);
@@ -217,7 +221,9 @@ TEST_F(ProviderDefaultsTest, RefusesWhatNobodyImplements)
              [&] { p.moveFile(m_file, root, {}); }, [&] { p.getFolderAttributes(m_file); },
              [&] { p.openStream(m_file, {}); }, [&] { p.listAll(m_file); }, [&] { p.setLastModified(m_file, {}); },
              [&] { p.publishFileEventsFor(m_file); }, [&] { p.getProviderCacheUsage(m_file); }})
+    {
         EXPECT_EQ(codeOf(operation, m_file), ErrorCode::Unsupported);
+    }
 }
 
 } // namespace

@@ -30,7 +30,9 @@ protected:
     std::streamsize doRead(char* s, std::streamsize n) override
     {
         if (m_failing)
+        {
             throw fsp::ByteStreamReadFailure(fsp::ErrorCode::PermissionDenied);
+        }
         const std::size_t count = m_bytes.copy(s, static_cast<std::size_t>(n), std::min(m_offset, m_bytes.size()));
         m_offset += count;
         return count == 0 && n > 0 ? -1 : static_cast<std::streamsize>(count);
@@ -39,9 +41,13 @@ protected:
     std::streamsize doWrite(const char* s, std::streamsize n) override
     {
         if (m_failing)
+        {
             return -1;
+        }
         if (m_options.writePosition == fsp::ByteStreamWritePosition::Append)
+        {
             m_offset = m_bytes.size();
+        }
         const auto count = std::min<std::size_t>(static_cast<std::size_t>(n), 1000); // short, as streams may
         m_bytes.resize(std::max(m_bytes.size(), m_offset + count));
         std::memcpy(m_bytes.data() + m_offset, s, count);
@@ -59,7 +65,9 @@ protected:
     void doClose() override
     {
         if (m_file != nullptr)
+        {
             *std::exchange(m_file, nullptr) = m_bytes;
+        }
     }
 
 private:
@@ -104,9 +112,13 @@ protected:
     void doCreateFolder(const fsp::StorageIRI& iri) const override
     {
         if (othersCreateFolders)
+        {
             nodes.emplace(iri.getPath(), std::nullopt);
+        }
         if (!nodes.emplace(iri.getPath(), std::nullopt).second)
+        {
             throw fsp::Exception(fsp::ErrorCode::AlreadyExists, iri);
+        }
         createdFolders.push_back(iri.getPath());
     }
 
@@ -136,7 +148,9 @@ protected:
         const fsp::StorageIRI& iri, const fsp::ByteStreamOpenOptions& options) const override
     {
         if (options.create == fsp::ByteStreamCreate::IfMissing && !doFileExists(iri))
+        {
             nodes[iri.getPath()] = std::string();
+        }
         return std::make_unique<SmallStream>(&bytesOf(iri), options, failingStreams);
     }
 
@@ -159,7 +173,9 @@ private:
     {
         const auto found = nodes.find(iri.getPath());
         if (found == nodes.end() || !found->second)
+        {
             throw fsp::Exception(fsp::ErrorCode::NotFound, iri);
+        }
         return *found->second;
     }
 
@@ -171,11 +187,17 @@ private:
         {
             const std::u16string name = path.substr(1);
             if (!recursive && name.find(u'/') != std::u16string::npos)
+            {
                 continue;
+            }
             if (bytes && files)
+            {
                 entries.emplace_back(name, fsp::FileAttributes(bytes->size(), boost::posix_time::ptime(), true));
+            }
             if (!bytes && folders)
+            {
                 entries.emplace_back(name, fsp::FolderAttributes(boost::posix_time::ptime(), true));
+            }
         }
         return std::make_unique<SmallIterator>(std::move(entries));
     }

@@ -47,9 +47,13 @@ TEST(StorageIRITest, SplitsAndPrintsAndReadsBackWhatItPrinted)
         EXPECT_EQ(StorageIRI::fromUtf8(form.utf8), iri);
         ASSERT_EQ(iri.hasParent(), form.parent != nullptr);
         if (form.parent != nullptr)
+        {
             EXPECT_EQ(iri.getParent().toUtf8(), form.parent);
+        }
         else
+        {
             EXPECT_THROW(iri.getParent(), fsp::Exception);
+        }
     }
 }
 
@@ -120,8 +124,12 @@ TEST(StorageIRITest, OrdersStrictlyAndTotallyInStepWithEquality)
         {u"x://h/a"}, {u"y://h/a"}, {u"x://i/a"}, {u"x://h/%25zz"}, {u"x://h/%zz"}, {u"X://h/%zz"}, {u"x://\u00e4/a"}};
     std::vector<std::pair<std::size_t, StorageIRI>> all;
     for (std::size_t row = 0; row < rows.size(); ++row)
+    {
         for (const auto& text : rows[row])
+        {
             all.emplace_back(row, text.empty() ? StorageIRI() : StorageIRI(text));
+        }
+    }
 
     for (const auto& [leftRow, left] : all)
     {
@@ -130,7 +138,9 @@ TEST(StorageIRITest, OrdersStrictlyAndTotallyInStepWithEquality)
             EXPECT_EQ(left == right, leftRow == rightRow) << left << ' ' << right;
             EXPECT_EQ((left < right) + (right < left) + (left == right), 1) << left << ' ' << right;
             for (const auto& [thirdRow, third] : all)
+            {
                 EXPECT_TRUE(!(left < right && right < third) || left < third) << left << ' ' << right << ' ' << third;
+            }
         }
     }
 }

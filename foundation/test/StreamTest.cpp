@@ -90,7 +90,9 @@ TEST(PrintingTest, NamesWhatPeopleRead)
         {ErrorCode(4), "NotFound"}, {ErrorCode(5), "ErrorCode 5"}, {ErrorCode(6), "InUse"},
         {ErrorCode(9, "text"), "Unknown: text"}, {ErrorCode(11), "Unsupported"}};
     for (const auto& [code, text] : codes)
+    {
         EXPECT_EQ(printed(code), text);
+    }
 
     const fsp::StorageIRI iri(u"x://h/a b");
     const fsp::Exception exception(ErrorCode(ErrorCode::NotFound, "no\nbucket"), iri);

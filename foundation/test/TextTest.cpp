@@ -26,7 +26,9 @@ TEST(TextTest, RefusesIllFormedUtf8)
     for (const char* bad : {"\x80", "a\xff", "\xfe", "\xc3", "\xc3(", "\xe2\x82", "\xf0\x9f\x98", "\xc0\xaf",
              "\xc1\xbf", "\xe0\x9f\xbf", "\xf0\x8f\xbf\xbf", "\xed\xa0\x80", "\xed\xbf\xbf", "\xf4\x90\x80\x80",
              "\xf8\x88\x80\x80\x80", "\xc3\xa4\xa4"})
+    {
         EXPECT_THROW(fl::i18n::utf8_to_ustring(bad), std::range_error) << ::testing::PrintToString(std::string(bad));
+    }
 }
 
 TEST(TextTest, RefusesUnpairedSurrogates)
@@ -34,7 +36,9 @@ TEST(TextTest, RefusesUnpairedSurrogates)
     for (const std::u16string& bad :
         {std::u16string{0xd800}, std::u16string{0xdc00}, std::u16string{u'a', 0xdbff, u'b'},
             std::u16string{0xd800, 0xd800, 0xdc00}, std::u16string{0xd800, 0xdc00, 0xdc00}})
+    {
         EXPECT_THROW(fl::i18n::ustring_to_utf8(bad), std::range_error) << ::testing::PrintToString(bad);
+    }
 }
 
 TEST(TextTest, ReadsTheEnvironment)
