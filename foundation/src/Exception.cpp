@@ -1,6 +1,8 @@
 #include <foundation/storage/provider/Exception.hpp>
 
-#include <algorithm>
+#include "oneLine.hpp"
+
+#include <string>
 #include <utility>
 
 namespace foundation::storage::provider
@@ -8,14 +10,6 @@ namespace foundation::storage::provider
 
 namespace
 {
-
-/// Keep a text to one line: the details of stores may be whole documents.
-std::string onOneLine(std::string text)
-{
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
-    return text;
-}
 
 std::string describe(const ErrorCode& code, const StorageIRI& iri)
 {

@@ -1,5 +1,7 @@
 #include <foundation/log/basic_diagnostic_logger.hpp>
 
+#include "oneLine.hpp"
+
 #include <boost/log/attributes/value_extraction.hpp>
 #include <boost/log/core.hpp>
 #include <boost/log/expressions.hpp>
@@ -9,7 +11,6 @@
 #include <boost/log/sources/severity_channel_logger.hpp>
 #include <boost/smart_ptr/make_shared_object.hpp>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -44,9 +45,7 @@ void writeToStandardError(std::uint32_t level, std::string_view channel, std::st
 {
     std::string line = std::string(channel) + ' ' + std::string(nameOf(level)) + ": " + std::string(message);
     line.erase(line.find_last_not_of('\n') + 1);
-    std::replace_if(
-        line.begin(), line.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
-    line += '\n';
+    line = onOneLine(std::move(line)) + '\n';
     std::fwrite(line.data(), 1, line.size(), stderr); // one call, so that lines of several processes stay whole
 }
 

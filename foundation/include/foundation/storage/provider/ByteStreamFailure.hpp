@@ -9,22 +9,29 @@
 namespace foundation::storage::provider
 {
 
-/// What the four failures of a ByteStream have in common: a standard stream failure (std::io_errc::stream) whose text
-/// starts with the failure's own name, and the reason. Copies share the reason, so copying never throws.
+/// Base of the four failures of a ByteStream: a standard stream failure (std::io_errc::stream) with a reason.
+///
+/// Copies share their contents, so copying never throws.
 class FOUNDATION_EXPORT ByteStreamFailure : public std::ios_base::failure
 {
 public:
     ~ByteStreamFailure() override;
 
-    /// Why the stream failed. Its detail is the text of the cause, where there was one. Valid as long as any copy of
-    /// the failure lives.
+    /// Get why the stream failed. The detail is the cause's text, if there is one. Valid as long as any copy of the
+    /// failure lives, as is what().
     const ErrorCode& reason() const noexcept;
+
+    /// Get one readable line: the failure's name, the reason's name and the detail, for example
+    /// "ByteStreamCloseFailure: PermissionDenied: refused by the store". Never contains a line break.
+    const char* what() const noexcept override;
 
 protected:
     ByteStreamFailure(const char* name, ErrorCode reason);
 
 private:
-    std::shared_ptr<const ErrorCode> m_reason; // never null
+    struct Contents;
+
+    std::shared_ptr<const Contents> m_contents; // never null
 };
 
 /// A read failed.
