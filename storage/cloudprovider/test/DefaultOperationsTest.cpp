@@ -1,0 +1,191 @@
+#include "StoreTest.hpp"
+
+#include <fl/i18n.hpp>
+
+// The operations that the provider does not override. The framework implements them by calling other operations.
+
+namespace storage::cloudprovider
+{
+
+namespace
+{
+
+using namespace std::string_literals;
+using testing::StartsWith;
+
+class DefaultOperationsTest : public StoreTest
+{
+protected:
+    DefaultOperationsTest() { store->put("file", "old"); }
+
+    /// The names that the listings give: "a b | c | ".
+    static std::string namesOf(std::initializer_list<fsp::FolderEntryIteratorPtr> listings)
+    {
+        std::string names;
+        for (const auto& it : listings)
+        {
+            while (it->hasNext())
+            {
+                it->next();
+                names += fl::i18n::to_string(it->getCurrent().name()) + " ";
+            }
+            names += "| ";
+        }
+        return names;
+    }
+
+    const fsp::StorageIRI file = iriOf("file");
+    const fsp::StorageIRI folder = iriOf("folder");
+    const std::string big = numberedBytes(200'000);
+};
+
+TEST_F(DefaultOperationsTest, CreateMissingFoldersOutermostFirst)
+{
+    const auto create = [&](const std::string& path)
+    { return outcome([&] { provider->createFolderRecursive(iriOf(path)); }); };
+    EXPECT_EQ(create("a/b/c"), "done");
+    EXPECT_EQ(create("a/b/c"), "done") << "existing folders are no failure";
+    EXPECT_EQ(create("file/d"), "AlreadyExists: mem://test/file");
+    faults->onCall = [&](Operation operation)
+    { operation == Operation::GetObjectInfo ? store->put("raced/", "") : void(); };
+    EXPECT_EQ(create("raced/d"), "done") << "another process creates the folder after it was found missing";
+    EXPECT_THAT(store->keys(), testing::ElementsAre("a/", "a/b/", "a/b/c/", "file", "raced/", "raced/d/"));
+}
+
+TEST_F(DefaultOperationsTest, DescribeFilesAndFolders)
+{
+    using fsp::ResourceKind;
+    store->put("folder/", "");
+    const auto time = utils::long2Ptime(5000);
+    EXPECT_TRUE(provider->exists(folder));
+    EXPECT_EQ(provider->existsExtended(file), ResourceKind::File);
+    EXPECT_EQ(provider->existsExtended(iriOf("no")), ResourceKind::None);
+    EXPECT_EQ(provider->getExtendedAttributes(file), (fsp::ExtendedAttributes{ResourceKind::File, 3, time, true}));
+    EXPECT_EQ(provider->getExtendedAttributes(folder),
+        (fsp::ExtendedAttributes{ResourceKind::Folder, std::nullopt, time, true}));
+    EXPECT_EQ(outcome([&] { provider->getExtendedAttributes(iriOf("no")); }), "NotFound: mem://test/no");
+}
+
+TEST_F(DefaultOperationsTest, FilterEveryListingByTheLastName)
+{
+    for (const char* key : {"folder/ab", "folder/ac/", "folder/b/", "folder/b/aa", "folder/b/c"})
+    {
+        store->put(key, "");
+    }
+    const fsp::IProvider& p = *provider;
+    EXPECT_EQ(namesOf({p.listAllNamesOnly(folder), p.listFilesNamesOnly(folder), p.listFoldersNamesOnly(folder),
+                  p.listAllRecursiveNamesOnly(folder)}),
+        "ab ac b | ab | ac b | ab ac b b/aa b/c | ");
+    const std::u16string pattern = u"a*";
+    EXPECT_EQ(namesOf({p.listAllWildcards(folder, pattern), p.listFilesWildcards(folder, pattern),
+                  p.listFoldersWildcards(folder, pattern), p.listAllNamesOnlyWildcards(folder, pattern),
+                  p.listFilesNamesOnlyWildcards(folder, pattern), p.listFoldersNamesOnlyWildcards(folder, pattern),
+                  p.listAllRecursiveNamesOnlyWildcards(folder, pattern)}),
+        "ab ac | ab | ac | ab ac | ab | ac | ab ac b/aa | ");
+
+    auto it = p.listAllRecursiveWildcards(folder, pattern);
+    it->next();
+    EXPECT_EQ(it->clone()->getCurrent(), it->getCurrent());
+    EXPECT_EQ(namesOf({it->clone(), std::move(it)}), "ac b/aa | ac b/aa | ");
+}
+
+TEST_F(DefaultOperationsTest, MatchGlobs)
+{
+    const std::string face = "\xf0\x9f\x98\x80";
+    const std::string many(1000, 'a');
+    for (const std::string& name : {"!"s, "-"s, "?"s, "A"s, "["s, "[]"s, "[]a]"s, "]"s, "^"s, "a"s, "a[b"s, many,
+             many + "b", "abc"s, "abcbc"s, "abcd"s, "ac"s, "acb"s, "axbxbxc"s, "b"s, "ba"s, "c"s, "d"s, "x"s, face})
+    {
+        store->put("folder/" + name, "");
+    }
+    const std::pair<const char16_t*, std::string> globs[] = {{u"", ""}, {u"?", "! - ? A [ ] ^ a b c d x " + face + " "},
+        {u"a*b*c", "abc abcbc axbxbxc "}, {u"ac*", "ac acb "}, {u"[a-cx]", "a b c x "},
+        {u"[!a-c]", "! - ? A [ ] ^ d x " + face + " "}, {u"[^]a]c", ""}, {u"[^a]a", "ba "}, {u"[]a]", "] a "},
+        {u"[!]a]", "! - ? A [ ^ b c d x " + face + " "}, {u"[a-]", "- a "}, {u"a[b", "a[b "}, {u"[]", "[] "},
+        {u"a*a*a*a*a*a*a*a*a*a*a*a*b", many + "b "}}; // an exponential matcher never finishes the last one
+    for (const auto& [pattern, names] : globs)
+    {
+        EXPECT_EQ(namesOf({provider->listFilesWildcards(folder, pattern)}), names + "| ")
+            << testing::PrintToString(pattern);
+    }
+}
+
+TEST_F(DefaultOperationsTest, ReplaceTheFileWhenATransactionalStreamIsClosed)
+{
+    write(*provider->openTransactionalStream(file), "dropped");
+    const auto stream = provider->openTransactionalStream(file);
+    EXPECT_EQ(write(*stream, big), 200'000);
+    EXPECT_EQ(stream->seek(-1, std::ios_base::end), 199'999);
+    char last = ' ';
+    EXPECT_EQ(stream->read(&last, 1), 1);
+    EXPECT_EQ(last, big.back());
+    EXPECT_EQ(stream->read(&last, 1), -1);
+    EXPECT_THAT(outcome([&] { stream->seek(-1, std::ios_base::beg); }), StartsWith("ByteStreamSeekFailure: Unknown: "));
+    EXPECT_EQ(store->get("file"), "old");
+    stream->close();
+    EXPECT_EQ(store->get("file"), big);
+    EXPECT_THAT(outcome([&] { write(*stream, "x"); }), StartsWith("ByteStreamWriteFailure: Unknown: "));
+
+    fail(Operation::PutObject, 0, refused);
+    const auto refusedStream = provider->openTransactionalStream(file);
+    write(*refusedStream, "new");
+    EXPECT_EQ(outcome([&] { refusedStream->close(); }), "ByteStreamCloseFailure: PermissionDenied: why");
+    EXPECT_EQ(outcome([&] { refusedStream->close(); }), "done") << "a failed close is not tried again";
+    EXPECT_EQ(store->get("file"), big);
+}
+
+TEST_F(DefaultOperationsTest, KeepTransactionsInTheScratchFolder)
+{
+    const auto scratch = boost::filesystem::path(temp.path()) / "a b";
+    const auto open = [&](const std::string& place)
+    {
+        const auto iri = fsp::StorageIRI::fromUtf8(place);
+        return outcome([&] { provider->openTransactionalStreamAtScratchLocation(file, iri); });
+    };
+    EXPECT_THAT(open("file://" + scratch.string()), StartsWith("Unknown: mem://test/file: ")) << "it does not exist";
+    boost::filesystem::create_directory(scratch);
+    EXPECT_EQ(open("file://" + scratch.string()), "done");
+    EXPECT_TRUE(boost::filesystem::is_empty(scratch));
+    for (const std::string place : {"mem://test/file", "mem:///tmp", "file://host/tmp"})
+    {
+        EXPECT_THAT(open(place), StartsWith("InvalidLocation: " + place));
+    }
+}
+
+TEST_F(DefaultOperationsTest, CopyAtomically)
+{
+    const auto copy = [&](std::uint32_t policy)
+    { return outcome([&] { provider->copyFileAtomic(file, iriOf("copy"), fsp::ReplacementPolicy{policy}); }); };
+    EXPECT_EQ(copy(0), "done");
+    EXPECT_EQ(copy(0), "AlreadyExists: mem://test/copy");
+    EXPECT_THAT(copy(2), StartsWith("Unsupported: mem://test/copy: "));
+    store->put("file", big);
+    for (const auto& [operation, side] : {std::pair(Operation::GetObjectRange, "file"), {Operation::PutObject, "copy"}})
+    {
+        fail(operation, 0, refused);
+        EXPECT_EQ(copy(1), std::string("PermissionDenied: mem://test/") + side + ": why");
+        EXPECT_EQ(store->get("copy"), "old");
+        faults->clearFaults();
+    }
+    EXPECT_EQ(copy(1), "done");
+    EXPECT_EQ(store->get("copy"), big);
+}
+
+TEST_F(DefaultOperationsTest, SetASizeUnlessKeptBytesWouldBeAtRisk)
+{
+    const auto resize = [&](std::uint64_t size) { return outcome([&] { provider->truncateToSize(file, size); }); };
+    for (const std::string& content :
+        {std::string("old"), "old" + std::string(99'997, '\0'), std::string(), std::string(2, '\0')})
+    {
+        EXPECT_EQ(resize(content.size()), "done");
+        EXPECT_EQ(store->get("file"), content);
+    }
+    EXPECT_THAT(resize(1), StartsWith("Unsupported: mem://test/file: "));
+    fail(Operation::PutObject, 0, refused);
+    EXPECT_EQ(resize(9), "PermissionDenied: mem://test/file: why");
+    EXPECT_EQ(store->get("file"), std::string(2, '\0'));
+}
+
+} // namespace
+
+} // namespace storage::cloudprovider
