@@ -32,6 +32,7 @@ using namespace cloudprovider;
 using clients::test::LoopbackServer;
 using clients::test::Reply;
 using clients::test::Request;
+using clients::test::succeeds;
 using http = boost::beast::http::verb;
 
 constexpr std::uint64_t gibi = 1 << 30;
@@ -158,15 +159,7 @@ TEST(CompletionTest, ChecksTheOutcomeWhenItHasArrivedTwice)
             std::istringstream content(bytes);
             PartInfo part{0, 0, bytes.size(), ""};
             part.Tag = client.uploadPart("key", upload, part, content);
-            const auto complete = [&] { client.completeMultipartUpload("key", upload, {part}); };
-            if (made == &newTag)
-            {
-                EXPECT_NO_THROW(complete());
-            }
-            else
-            {
-                EXPECT_THROW(complete(), CloudException);
-            }
+            EXPECT_EQ(succeeds([&] { client.completeMultipartUpload("key", upload, {part}); }), made == &newTag);
             const auto requests = store.server.requests();
             for (const Request& request : requests)
             {
@@ -285,11 +278,8 @@ TEST(CompletionTest, ASmallPatchOfALargeFileTakesFewRequestsFromOpenToClose)
             FakeStore store(10 * gibi);
             store.settings.capabilities.conditionalCopies = isConditional;
             store.settings.capabilities.conditionalCompletion = isConditional;
-            test::FileSession session(test::workingAhead(std::make_shared<S3Client>(store.settings)));
-            session.open(test::fsp::ByteStreamTruncate::Keep);
-            session.write(row.offset, std::string(1024, 'y'));
-            session.close();
-            EXPECT_TRUE(session.succeeded());
+            const test::FileSession patch{.offset = row.offset, .bytes = std::string(1024, 'y')};
+            EXPECT_TRUE(patch.run(test::workingAhead(std::make_shared<S3Client>(store.settings))).succeeded);
             EXPECT_EQ(store.server.requests().size(), row.requests + row.copies + (isConditional ? 0 : 1)); // one check
             EXPECT_EQ(store.count(isCopy), row.copies);
         }

@@ -3,13 +3,12 @@
 #include <storage/clients/decorators/PipelinedUploadClient.hpp>
 #include <storage/clients/decorators/ReadAheadClient.hpp>
 #include <storage/cloudprovider/CloudProvider.hpp>
-#include <storage/cloudprovider/Logger.hpp>
 
+#include <foundation/log/basic_diagnostic_logger.hpp>
 #include <foundation/storage/provider/ByteStreamFailure.hpp>
 #include <foundation/storage/provider/Exception.hpp>
 
 #include <cstddef>
-#include <cstdint>
 #include <iterator>
 #include <memory>
 #include <string>
@@ -26,89 +25,73 @@ inline cloudprovider::CloudClientSharedPtr workingAhead(cloudprovider::CloudClie
     return std::make_shared<ReadAheadClient>(std::make_shared<PipelinedUploadClient>(std::move(client)));
 }
 
-/// A host that works on the file "file" of a store through the provider, and may fail at it. One at a time.
-class FileSession
+/// What a host wants with a file.
+struct FileSession
 {
-public:
-    explicit FileSession(cloudprovider::CloudClientSharedPtr client)
-        : m_provider(
-              cloudprovider::buildCloudProvider(std::move(client), cloudprovider::FolderPolicy::MarkerObjects, false))
-    {
-        cloudprovider::getLogger().setEnabledSeverities(0); // these tests cause many failures
-    }
-    FileSession(const FileSession&) = delete;
-    FileSession& operator=(const FileSession&) = delete;
-    ~FileSession() { cloudprovider::getLogger().setEnabledSeverities(m_severities); }
+    fsp::ByteStreamTruncate truncate = fsp::ByteStreamTruncate::Keep;
+    bool reads = false; ///< all of it, in small pieces, before writing
+    std::size_t offset = 0;
+    std::string bytes; ///< to write there
 
-    void open(fsp::ByteStreamTruncate truncate)
+    struct Result
     {
-        try
-        {
-            m_stream = m_provider->openStream(fsp::StorageIRI::fromUtf8("s3://test/file"),
-                {fsp::ByteStreamReadAccess::Allowed, fsp::ByteStreamCreate::IfMissing, truncate,
-                    fsp::ByteStreamWritePosition::AtOffset});
-        }
-        catch (const fsp::Exception&)
-        {
-            m_succeeded = false;
-        }
-    }
+        bool succeeded = true;
+        std::string content = {}; ///< what was read before the first failure
+    };
 
-    /// Read the whole file in small pieces.
-    /// @return what was read before the first failure
-    std::string readAll()
+    /// Do it to the file "file" of a store through the provider, down to the close, whatever fails.
+    Result run(cloudprovider::CloudClientSharedPtr client) const
     {
-        std::string all;
-        attempt(
-            [&](fsp::ByteStream& stream)
+        Result result;
+        const auto attempt = [&result](const auto& step)
+        {
+            try
             {
-                std::string some(64 << 10, '\0');
-                stream.seek(0, std::ios_base::beg);
-                for (std::streamsize count = 0; (count = stream.read(some.data(), std::ssize(some))) > 0;)
+                step();
+            }
+            catch (const fsp::ByteStreamFailure&)
+            {
+                result.succeeded = false;
+            }
+            catch (const fsp::Exception&)
+            {
+                result.succeeded = false;
+            }
+        };
+        const auto provider =
+            cloudprovider::buildCloudProvider(std::move(client), cloudprovider::FolderPolicy::MarkerObjects, false);
+        fsp::ByteStreamPtr stream;
+        foundation::log::setSink([](auto&&...) {}); // callers cause many failures
+        attempt(
+            [&]
+            {
+                stream = provider->openStream(fsp::StorageIRI::fromUtf8("s3://test/file"),
+                    {fsp::ByteStreamReadAccess::Allowed, fsp::ByteStreamCreate::IfMissing, truncate,
+                        fsp::ByteStreamWritePosition::AtOffset});
+            });
+        if (stream)
+        {
+            attempt(
+                [&]
                 {
-                    all.append(some, 0, static_cast<std::size_t>(count));
-                }
-            });
-        return all;
-    }
-
-    void write(std::size_t offset, const std::string& bytes)
-    {
-        attempt(
-            [&](fsp::ByteStream& stream)
-            {
-                stream.seek(static_cast<std::streamoff>(offset), std::ios_base::beg);
-                stream.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-            });
-    }
-
-    void close()
-    {
-        attempt([](fsp::ByteStream& stream) { stream.close(); });
-    }
-
-    /// Whether nothing has failed so far.
-    bool succeeded() const noexcept { return m_succeeded; }
-
-private:
-    /// Does nothing when the file could not be opened.
-    template <typename Step>
-    void attempt(Step step)
-    {
-        try
-        {
-            m_stream ? step(*m_stream) : void();
+                    std::string some(reads ? 64 << 10 : 0, '\0');
+                    for (std::streamsize count = 0; (count = stream->read(some.data(), std::ssize(some))) > 0;)
+                    {
+                        result.content.append(some, 0, static_cast<std::size_t>(count));
+                    }
+                });
+            attempt(
+                [&]
+                {
+                    stream->seek(static_cast<std::streamoff>(offset), std::ios_base::beg);
+                    stream->write(bytes.data(), std::ssize(bytes));
+                });
+            attempt([&] { stream->close(); });
         }
-        catch (const fsp::ByteStreamFailure&)
-        {
-            m_succeeded = false;
-        }
+        stream.reset();
+        foundation::log::setSink({});
+        return result;
     }
-
-    const std::uint32_t m_severities = cloudprovider::getLogger().enabledSeverities();
-    const std::shared_ptr<fsp::IProvider> m_provider;
-    fsp::ByteStreamPtr m_stream;
-    bool m_succeeded = true;
 };
 
 } // namespace storage::clients::s3::test

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <sstream>
 
 namespace storage::clients::s3::test
 {
@@ -56,6 +57,23 @@ GatewayBucket::~GatewayBucket()
     {
         ADD_FAILURE() << exception.what() << ": " << exception.detail().value_or("");
     }
+}
+
+void put(cloudprovider::CloudClient& client, const std::string& key, const std::string& content)
+{
+    std::istringstream stream(content);
+    client.putObject(key, stream, content.size());
+}
+
+std::optional<std::string> get(cloudprovider::CloudClient& client, const std::string& key)
+{
+    std::ostringstream stream;
+    if (!client.getObjectInfo(key).exists)
+    {
+        return std::nullopt;
+    }
+    client.getObjectRange(key, stream, 0, 0);
+    return stream.str();
 }
 
 } // namespace storage::clients::s3::test

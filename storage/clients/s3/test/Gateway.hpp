@@ -2,6 +2,7 @@
 
 #include <storage/clients/s3/S3Client.hpp>
 
+#include <optional>
 #include <string>
 
 namespace storage::clients::s3::test
@@ -38,6 +39,12 @@ public:
 private:
     S3Settings m_settings;
 };
+
+/// Store an object.
+void put(cloudprovider::CloudClient& client, const std::string& key, const std::string& content);
+
+/// @return the whole object; nothing when there is none
+std::optional<std::string> get(cloudprovider::CloudClient& client, const std::string& key);
 
 } // namespace storage::clients::s3::test
 

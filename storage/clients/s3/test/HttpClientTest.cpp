@@ -83,16 +83,14 @@ TEST_F(HttpClientTest, ReplacesAKeptConnectionAndSendsTheBodyAgain)
     const std::string large(300'000, 'b');
     for (const auto then : {Reply::Then::Close, Reply::Then::Reset})
     {
-        for (const bool isEndedByNext : {false, true}) // otherwise while it is unused, or while the next one is sent
+        for (const int last : {1, 2}) // it ends while it is unused, or while the next request is sent
         {
             std::atomic<int> number = 0;
             LoopbackServer server(
-                [&](const Request& request)
-                {
-                    const int current = ++number;
-                    return current != (isEndedByNext ? 2 : 1) ? echo(request)
-                           : isEndedByNext                    ? Reply::raw("", then)
-                                                              : Reply{200, {}, request.body(), then};
+                [&](const Request& request) {
+                    return ++number != last ? echo(request)
+                           : last == 2      ? Reply::raw("", then)
+                                            : Reply{200, {}, request.body(), then};
                 });
             EXPECT_EQ(put(server.url(), "one").body, "one");
             EXPECT_TRUE(put(server.url(), large).body == large);

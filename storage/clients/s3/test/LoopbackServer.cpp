@@ -26,15 +26,28 @@ namespace
 namespace asio = boost::asio;
 namespace http = boost::beast::http;
 using boost::system::error_code;
-using Tcp = asio::ip::tcp;
 
-std::string pemFrom(const std::function<int(BIO*)>& write)
+/// Have a server present a new certificate for 127.0.0.1, signed by itself, and write that to a file.
+void useNewCertificate(SSL_CTX* server, const std::string& path)
 {
-    const std::unique_ptr<BIO, void (*)(BIO*)> memory(BIO_new(BIO_s_mem()), BIO_free_all);
-    EXPECT_EQ(write(memory.get()), 1) << "making a certificate failed";
-    char* bytes = nullptr;
-    const long size = BIO_get_mem_data(memory.get(), &bytes);
-    return {bytes, static_cast<std::size_t>(size)};
+    const std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> pair(EVP_EC_gen("P-256"), EVP_PKEY_free);
+    const std::unique_ptr<X509, void (*)(X509*)> certificate(X509_new(), X509_free);
+    const std::unique_ptr<X509_EXTENSION, void (*)(X509_EXTENSION*)> holder(
+        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, "IP:127.0.0.1"), X509_EXTENSION_free);
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "w"), std::fclose);
+    X509_NAME* const name = X509_get_subject_name(certificate.get());
+    X509_NAME_add_entry_by_NID(
+        name, NID_commonName, MBSTRING_ASC, reinterpret_cast<const unsigned char*>("test"), -1, -1, 0);
+    X509_set_version(certificate.get(), X509_VERSION_3);
+    X509_set_issuer_name(certificate.get(), name);
+    X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -3600);
+    X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 3600);
+    X509_set_pubkey(certificate.get(), pair.get());
+    X509_add_ext(certificate.get(), holder.get(), -1);
+    X509_sign(certificate.get(), pair.get(), EVP_sha256());
+    EXPECT_EQ(PEM_write_X509(file.get(), certificate.get()), 1);
+    EXPECT_EQ(SSL_CTX_use_certificate(server, certificate.get()), 1);
+    EXPECT_EQ(SSL_CTX_use_PrivateKey(server, pair.get()), 1);
 }
 
 std::string headOf(const Reply& reply)
@@ -56,36 +69,13 @@ std::string headOf(const Reply& reply)
 
 } // namespace
 
-TestCertificate::TestCertificate(const std::string& holder)
-{
-    const std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> pair(EVP_EC_gen("P-256"), EVP_PKEY_free);
-    const std::unique_ptr<X509, void (*)(X509*)> x509(X509_new(), X509_free);
-    const std::unique_ptr<X509_EXTENSION, void (*)(X509_EXTENSION*)> names(
-        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, holder.c_str()), X509_EXTENSION_free);
-    X509_set_version(x509.get(), X509_VERSION_3);
-    X509_gmtime_adj(X509_getm_notBefore(x509.get()), -3600);
-    X509_gmtime_adj(X509_getm_notAfter(x509.get()), 3600);
-    X509_NAME* const name = X509_get_subject_name(x509.get());
-    X509_NAME_add_entry_by_NID(
-        name, NID_commonName, MBSTRING_ASC, reinterpret_cast<const unsigned char*>("test"), -1, -1, 0);
-    X509_set_issuer_name(x509.get(), name);
-    X509_set_pubkey(x509.get(), pair.get());
-    X509_add_ext(x509.get(), names.get(), -1);
-    X509_sign(x509.get(), pair.get(), EVP_sha256());
-    certificate = pemFrom([&](BIO* memory) { return PEM_write_bio_X509(memory, x509.get()); });
-    key = pemFrom([&](BIO* memory)
-        { return PEM_write_bio_PrivateKey(memory, pair.get(), nullptr, nullptr, 0, nullptr, nullptr); });
-}
-
-LoopbackServer::LoopbackServer(Handler handler, const std::optional<TestCertificate>& certificate)
+LoopbackServer::LoopbackServer(Handler handler, const std::string& certificateFile)
     : m_handler(std::move(handler))
     , m_acceptor(m_context, {asio::ip::address_v4::loopback(), 0})
 {
-    if (certificate)
+    if (!certificateFile.empty())
     {
-        m_tls.emplace(asio::ssl::context::tls_server);
-        m_tls->use_certificate(asio::buffer(certificate->certificate), asio::ssl::context::pem);
-        m_tls->use_private_key(asio::buffer(certificate->key), asio::ssl::context::pem);
+        useNewCertificate(m_tls.emplace(asio::ssl::context::tls_server).native_handle(), certificateFile);
     }
     m_thread = std::thread([this] { accept(); });
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -20,16 +22,6 @@
 
 namespace storage::clients::test
 {
-
-/// A self-signed certificate with its key, both PEM. Serves as its own authority.
-struct TestCertificate
-{
-    /// @param holder  whom it certifies, such as "IP:127.0.0.1" or "DNS:example.org"
-    explicit TestCertificate(const std::string& holder);
-
-    std::string certificate;
-    std::string key;
-};
 
 /// method_string(), target() as it came, fields in order and by name without case, body().
 using Request = boost::beast::http::request<boost::beast::http::string_body>;
@@ -57,6 +49,21 @@ struct Reply
     static Reply stall() { return raw({}, Then::Stall); }
 };
 
+/// Whether a call returns; false: it throws a CloudException.
+template <typename Call>
+bool succeeds(const Call& call)
+{
+    try
+    {
+        call();
+        return true;
+    }
+    catch (const cloudprovider::CloudException&)
+    {
+        return false;
+    }
+}
+
 /// An HTTP/1.1 server on a free port of 127.0.0.1, with a thread for each connection.
 ///
 /// Safe for concurrent calls on one instance.
@@ -66,8 +73,10 @@ public:
     /// Called by many threads at once, for each connection by one. What it throws fails the test.
     using Handler = std::function<Reply(const Request&)>;
 
-    /// @param certificate  serve https with it; nothing: http
-    explicit LoopbackServer(Handler handler, const std::optional<TestCertificate>& certificate = std::nullopt);
+    /// @param certificateFile  not empty: serve https, with a new certificate for 127.0.0.1 that is its own authority
+    /// and
+    ///                         is written to this file
+    explicit LoopbackServer(Handler handler, const std::string& certificateFile = {});
     LoopbackServer(const LoopbackServer&) = delete;
     LoopbackServer& operator=(const LoopbackServer&) = delete;
 
@@ -84,6 +93,8 @@ public:
     std::size_t connections() const;
 
 private:
+    using Tcp = boost::asio::ip::tcp;
+
     struct Connection
     {
         boost::asio::ip::tcp::socket socket; // closed under m_mutex: its descriptor is not reused before the shutdown

@@ -31,7 +31,9 @@ namespace
 
 using namespace cloudprovider;
 using namespace clients::test;
+using testing::AnyOf;
 using testing::HasSubstr;
+using testing::Not;
 
 TEST(SigningTest, AgreesWithThePublishedExamples)
 {
@@ -44,12 +46,9 @@ TEST(SigningTest, AgreesWithThePublishedExamples)
         const char* body;
         const char* signature;
     } examples[] = {
-        {"GET", "test.txt", {}, {{"Range", "bytes=0-9"}}, "",
-            "f0e8bdb87c964420e857bd35b5d6ed310bd44f0170aba48dd91039c6036bdb41"},
         {"PUT", "test$file.text", {},
             {{"Date", "Fri, 24 May 2013 00:00:00 GMT"}, {"x-amz-storage-class", "REDUCED_REDUNDANCY"}},
             "Welcome to Amazon S3.", "98ad721746da40c64f1a55b78f14c238d841ea1380cd77a1b5971af0ece108bd"},
-        {"GET", "", {{"lifecycle", ""}}, {}, "", "fea454ca298b7da1c68078a5d1bdbfbbe0d65c699e0f91ac7a200a0136783543"},
         {"GET", "", {{"prefix", "J"}, {"max-keys", "2"}}, {}, "",
             "34b48302e7b5fa45bde8084f4b7868a86f0a534bc59db6670ed5711ef69dc6f7"},
     };
@@ -145,14 +144,7 @@ TEST(RequestTest, IsRepeatedOnceForAnotherRegionOrNewCredentials)
                 });
             const auto credentials = std::make_shared<CountingCredentials>();
             S3Client client(settingsFor(server, credentials));
-            if (isHelpful)
-            {
-                EXPECT_NO_THROW(put(client));
-            }
-            else
-            {
-                EXPECT_THROW(put(client), CloudException);
-            }
+            EXPECT_EQ(succeeds([&] { put(client); }), isHelpful);
             const std::string signature(server.requests().back()["Authorization"]);
             EXPECT_EQ(server.requests().size(), 2U);
             const bool isMoved = signature.find("/elsewhere/s3/") != signature.npos;
@@ -169,6 +161,13 @@ bool isA(const CloudException& exception)
            isTransient == std::is_same_v<Exception, TransientException>;
 }
 
+template <int seconds>
+bool isBusyFor(const CloudException& exception)
+{
+    const auto* const transient = dynamic_cast<const TransientException*>(&exception);
+    return transient != nullptr && transient->retryAfter() == std::chrono::seconds(seconds);
+}
+
 struct ErrorRow
 {
     const char* name;
@@ -176,7 +175,7 @@ struct ErrorRow
     bool (*isRight)(const CloudException&);
     std::vector<std::string> says;                          // in the detail
     std::optional<Reply> reply = {};                        // of a server in the gateway's place
-    std::function<void(S3Settings&)> adjust = [](auto&) {}; // how the gateway is asked
+    std::function<void(S3Settings&)> adjust = [](auto&) {}; // how the store is asked
 };
 
 const auto getInfo = [](S3Client& client) { client.getObjectInfo("a/key"); };
@@ -247,8 +246,11 @@ const std::vector<ErrorRow> errors{
         refusal(403, "RequestTimeTooSkewed")},
     {"notSupported", put, isA<UnsupportedOperationException>, {"putObject", "501 NotImplemented"},
         refusal(501, "NotImplemented")},
-    {"tooMany", put, isA<TransientException>, {"429"}, Reply{429}},
-    {"internalError", put, isA<TransientException>, {"500"}, Reply{500}},
+    {"anonymous", put, isA<InvalidCredentialsException>, {"no credentials were given"},
+        refusal(403, "InvalidAccessKeyId"),
+        [](S3Settings& settings) { settings.credentials = anonymousCredentials(); }},
+    {"tooMany", put, isBusyFor<7>, {"429"}, Reply{429, {{"Retry-After", "7"}}}},
+    {"internalError", put, isBusyFor<0>, {"500"}, Reply{500, {{"Retry-After", "Sat, 01 Jan 2022 00:00:00 GMT"}}}},
     {"noSpace", put, isA<UnknownErrorException>, {"507"}, Reply{507}},
     {"webServer", getInfo, isA<InvalidLocationException>, {"answered 404", "no answer of an S3"},
         Reply{404, {}, "<html>"}},
@@ -297,8 +299,8 @@ TEST_P(ErrorTest, SaysWhatIsWrongAndNoSecret)
     {
         REQUIRE_GATEWAY();
         settings = GatewayBucket::gatewaySettings();
-        row.adjust(settings);
     }
+    row.adjust(settings);
     try
     {
         S3Client client(settings);
@@ -314,10 +316,9 @@ TEST_P(ErrorTest, SaysWhatIsWrongAndNoSecret)
             EXPECT_THAT(text, HasSubstr(said));
         }
         EXPECT_LT(text.size(), 1000U);
-        for (const std::string& unsaid : {std::string("\n"), settings.credentials->credentials().secret, sessionToken})
-        {
-            EXPECT_THAT(text, testing::Not(HasSubstr(unsaid)));
-        }
+        const std::string used = settings.credentials->credentials().secret;
+        EXPECT_TRUE(used.empty() || text.find(used) == text.npos) << text;
+        EXPECT_THAT(text, Not(AnyOf(HasSubstr("\n"), HasSubstr(sessionToken))));
     }
 }
 
@@ -326,56 +327,51 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(RequestTest, TrustsTheAuthoritiesGivenAndNoOther)
 {
-    const TestCertificate right("IP:127.0.0.1"), wrong("DNS:example.org");
-    const std::string path = testing::TempDir() + "authorities" + std::to_string(::getpid());
-    std::ofstream(path) << right.certificate << wrong.certificate;
-    const auto respond = [](const Request&) { return Reply{.fields = {{"ETag", "\"tag\""}}}; };
-    LoopbackServer server(respond, right), impostor(respond, wrong);
-    const auto detailOf = [](const LoopbackServer& asked, const std::string& authorities)
+    const std::string path = testing::TempDir() + "authority" + std::to_string(::getpid());
+    LoopbackServer server([](const Request&) { return Reply{.fields = {{"ETag", "\"tag\""}}}; }, path);
+    const auto outcomeOf = [&](const std::string& authorities, const std::string& host = "127.0.0.1")
     {
-        S3Settings settings = settingsFor(asked);
+        S3Settings settings = settingsFor(server);
         settings.authorities = authorities;
+        settings.endpoint.replace(settings.endpoint.find("127.0.0.1"), 9, host);
         try
         {
             S3Client client(settings);
             put(client);
-            return std::string();
+            return std::string("stored");
         }
         catch (const InvalidLocationException& exception)
         {
             return exception.what() + (": " + exception.detail().value_or(""));
         }
     };
-    EXPECT_EQ(detailOf(server, path), "");
-    EXPECT_THAT(detailOf(server, ""), HasSubstr("ca-file"));
-    EXPECT_THAT(detailOf(impostor, path), HasSubstr("Certificate refused"));
-    EXPECT_THAT(detailOf(server, path + "/none"), HasSubstr("Invalid store"));
+    EXPECT_EQ(outcomeOf(path), "stored");
+    EXPECT_THAT(outcomeOf(""), HasSubstr("ca-file"));
+    EXPECT_THAT(outcomeOf(path, "localhost"), HasSubstr("Certificate refused"));
+    EXPECT_THAT(outcomeOf(path + "/none"), HasSubstr("Invalid store"));
     std::filesystem::remove(path);
 }
 
-TEST(ListingTest, PassesEmptyPagesAndEndsInCircles)
+TEST(RequestTest, PassesEmptyPagesOfAListingAndEndsInCircles)
 {
-    // Prefix and token, and the token that follows. A page whose next token has two letters or more has an entry.
+    // The prefix of a listing and its token, and the token that follows. Tokens of two letters follow an entry.
     const std::map<std::string, std::string> nextOf{{"/", "a"}, {"/a", "b"}, {"/b", "end"}, {"self/", "aa"},
         {"self/aa", "aa"}, {"circle/", "a"}, {"circle/a", "b"}, {"circle/b", "a"}};
-    const auto respond = [&](const Request& request)
-    {
-        std::smatch match;
-        const std::string target(request.target());
-        const std::string prefix = std::regex_search(target, match, std::regex("prefix=([a-z]*)")) ? match.str(1) : "";
-        const std::string token = std::regex_search(target, match, std::regex("on-token=([a-z]*)")) ? match.str(1) : "";
-        const std::string next = nextOf.at(prefix + "/" + token);
-        const std::string entry = next.size() > 1 ? "<Contents><Key> \r</Key><Size>1</Size></Contents>" : "";
-        return Reply{.body = "<ListBucketResult><IsTruncated>" + std::string(next == "end" ? "false" : "true") +
-                             "</IsTruncated><NextContinuationToken>" + next + "</NextContinuationToken>" + entry +
-                             "</ListBucketResult>"};
-    };
-    LoopbackServer server(respond);
+    LoopbackServer server(
+        [&](const Request& request)
+        {
+            const std::string target(request.target());
+            std::smatch match;
+            std::regex_match(target, match, std::regex(".*?(continuation-token=([a-z]*).*)?prefix=([a-z]*).*"));
+            const std::string next = nextOf.at(match.str(3) + "/" + match.str(2));
+            const std::string entry = next.size() > 1 ? "<Contents><Key> \r</Key><Size>1</Size></Contents>" : "";
+            return Reply{.body = "<ListBucketResult><IsTruncated>" + std::string(next == "end" ? "false" : "true") +
+                                 "</IsTruncated><NextContinuationToken>" + next + "</NextContinuationToken>" + entry +
+                                 "</ListBucketResult>"};
+        });
     S3Client client(settingsFor(server));
     std::string token;
-    const auto page = client.listObjects("", token, {});
-    ASSERT_THAT(page, testing::SizeIs(1));
-    EXPECT_EQ(page.front().key, " \r");
+    EXPECT_THAT(client.listObjects("", token, {}), testing::ElementsAre(testing::Field(&ObjectEntry::key, " \r")));
     EXPECT_EQ(token, "");
     EXPECT_EQ(server.requests().size(), 3U);
     EXPECT_THAT(client.listObjects("self/", token, {}), testing::SizeIs(1));
