@@ -296,6 +296,7 @@ test_interrupted_put()
     same <(echo old) /file
 }
 
+# A download is interrupted, and one finds at its end that another program has created the local file.
 test_interrupted_get()
 {
     bytes 2000000 | ZV_CLOUD_PART_SIZE_OVERRIDE=16384 fs put - /many || fail "put"
@@ -305,10 +306,12 @@ test_interrupted_get()
     resume 130 'cloudfs: interrupted'
     [[ -z $(find target -type f) ]] || fail "left behind: $(find target -type f)"
     nothing_left
+    start_until doRead get /many target/file
+    echo theirs >target/file
+    resume 1 'cloudfs: target/file: File exists .*code 3 .*'
 }
 
-# Another program truncates a file that is being read, stores a large file after its folder was listed, and creates the
-# local file that is being downloaded.
+# Another program truncates a file that is being uploaded, and stores a large file after its folder was listed.
 test_concurrent_changes()
 {
     mkdir tree
@@ -319,11 +322,8 @@ test_concurrent_changes()
     echo theirs | expect 0 '' put - /tree/second
     resume 1 $'cloudfs: tree/first: was truncated.*\ncloudfs: /tree/second: already exists.*'
     same <(echo theirs) /tree/second
-    ZV_CLOUD_PART_SIZE_OVERRIDE=16384 expect 0 '' put -rf tree /tree
+    expect 0 '' put -rf tree /tree
     same tree/second /tree/second
-    start_until doRead get /tree/second back
-    echo theirs >back
-    resume 1 'cloudfs: back: File exists .*code 3 .*'
 }
 
 # A killed program leaves its upload open.
