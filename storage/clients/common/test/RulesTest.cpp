@@ -6,8 +6,7 @@
 
 #include <gtest/gtest.h>
 
-// What the conformance suite asks of every store through its interface is not asked again here: this is what cannot be
-// seen from there.
+// Only what the conformance suite cannot check through the interface of a client.
 
 namespace storage::clients
 {
@@ -19,7 +18,7 @@ using cloudprovider::InvalidLocationException;
 using cloudprovider::PartInfo;
 using cloudprovider::UnknownErrorException;
 
-TEST(KeyRulesTest, JudgesTheEdgesOfUtf8)
+TEST(KeyRulesTest, AcceptsValidUtf8ThatXmlCanContain)
 {
     for (const char* key : {"\x7F", "\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80", "\xED\x9F\xBF", "\xEE\x80\x80",
              "\xEF\xBF\xBD", "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF", "a\t\n\r"})
@@ -34,12 +33,12 @@ TEST(KeyRulesTest, JudgesTheEdgesOfUtf8)
     }
 }
 
-TEST(KeyRulesTest, NamesKeyAndReasonOnOneLine)
+TEST(KeyRulesTest, ReportsKeyAndReasonInOneLine)
 {
     try
     {
         checkKey("a\n\xFF");
-        FAIL() << "a key that is not UTF-8 was taken";
+        FAIL() << "accepted a key that is not UTF-8";
     }
     catch (const InvalidLocationException& e)
     {
@@ -48,7 +47,7 @@ TEST(KeyRulesTest, NamesKeyAndReasonOnOneLine)
     EXPECT_EQ(quoted(std::string(500, 'x')), '"' + std::string(200, 'x') + "...\"");
 }
 
-TEST(PartRulesTest, CopiesOnlyWhatLiesWithinAPartOfThatTag)
+TEST(PartRulesTest, CopiesOnlyRangesWithinAPartWithTheTag)
 {
     constexpr std::size_t huge = ~std::size_t{0};
     const std::vector<PartInfo> stored{{0, 0, 10, "a"}, {1, 10, 10, "b"}};
@@ -66,7 +65,7 @@ TEST(PartRulesTest, CopiesOnlyWhatLiesWithinAPartOfThatTag)
     EXPECT_THROW(checkCopySource("k", {0, 0, 1, ""}, {}), UnknownErrorException);
 }
 
-TEST(ContentTest, UnderstandsRangesAtTheEndOfTheNumbers)
+TEST(ContentTest, ResolvesRangesNearTheMaximumOffset)
 {
     constexpr std::uint64_t huge = ~std::uint64_t{0};
     EXPECT_THROW(resolveRange("k", 0, huge, 10), UnknownErrorException);

@@ -25,19 +25,19 @@ void collectOrphans(Database& database, ContentFiles& files)
     {
         return;
     }
-    std::vector<FileName> suspects = files.list();
+    std::vector<FileName> candidates = files.list();
     {
         Database::ReadTransaction index(database);
-        std::erase_if(suspects, [&](FileName name) { return isNamed(*index, name); });
+        std::erase_if(candidates, [&](FileName name) { return isNamed(*index, name); });
     }
-    if (!suspects.empty())
+    if (!candidates.empty())
     {
         // A client publishes a file inside the transaction that names it. This transaction excludes all others, so a
         // file that has no name in the index now will never get one.
         Database::WriteTransaction index(database, Durability::Synced);
-        std::erase_if(suspects, [&](FileName name) { return isNamed(*index, name); });
+        std::erase_if(candidates, [&](FileName name) { return isNamed(*index, name); });
         files.prepareRemoval();
-        for (const FileName name : suspects)
+        for (const FileName name : candidates)
         {
             files.remove(name);
         }

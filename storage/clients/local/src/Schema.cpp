@@ -94,7 +94,7 @@ void prepareIndex(const std::filesystem::path& directory)
         if (!std::filesystem::is_empty(directory))
         {
             throw StoreError(
-                StoreError::Kind::NotAStore, "the directory is no store: it has other content and no index");
+                StoreError::Kind::NotAStore, "the directory is not a store: it has other content and no index");
         }
         // SQLite would create a file that other users can read. No connection has it open yet: closing our handle would
         // drop the locks of such a connection.
@@ -117,7 +117,7 @@ void prepareIndex(const std::filesystem::path& directory)
     }
     else if (application != applicationId)
     {
-        throw StoreError(StoreError::Kind::NotAStore, "the directory is no store: its index is another program's");
+        throw StoreError(StoreError::Kind::NotAStore, "the directory is not a store: its index is another program's");
     }
     else if (const std::int64_t version = selectInteger(connection, "PRAGMA user_version"); version != schemaVersion)
     {

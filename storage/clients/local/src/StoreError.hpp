@@ -14,7 +14,7 @@ public:
     enum class Kind
     {
         NotFound,         ///< no such object or upload
-        NotAStore,        ///< the directory, or what has its name, is no store
+        NotAStore,        ///< the path is a file, or a directory with other content
         PermissionDenied, ///< the system denies access
         NoSpace,          ///< the disk is full or the user's quota exhausted
         Other

@@ -91,7 +91,7 @@ TEST(LocalClientTest, RefusesOtherDirectoriesAndReportsDamage)
         const char* sql = "";
     };
     const Row rows[] = {{noStore, "is not a directory", "rm -r store && touch store"},
-        {noStore, "is no store: it has other content", "rm store/index.sqlite"},
+        {noStore, "is not a store: it has other content", "rm store/index.sqlite"},
         {noStore, "its index is another program's", "true", "PRAGMA application_id = 0"},
         {noIndex, "the index is damaged", "head -c 8192 /dev/zero > store/index.sqlite"},
         {noIndex, "the index is damaged: it is empty", "truncate -s 0 store/index.sqlite"},
