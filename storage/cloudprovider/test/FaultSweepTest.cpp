@@ -1,5 +1,7 @@
 #include "LocalStore.hpp"
 
+#include <storage/clients/decorators/PipelinedUploadClient.hpp>
+#include <storage/clients/decorators/ReadAheadClient.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <gmock/gmock.h>
@@ -144,13 +146,28 @@ void transfer(Script& script, void (fsp::IProvider::*operation)(
         [&] { (script.provider.*operation)(iriOf("source"), iriOf("file"), fsp::ReplacementPolicy::Replace); });
 }
 
+void readOnly(Script& script)
+{
+    const auto stream = script.open(editing);
+    script.readAll(stream);
+    script.close(stream);
+}
+
+/// What the provider uses.
+enum class Stack
+{
+    Memory,
+    Local,       // the durable store
+    WorkingAhead // clients that prefetch and upload on threads of their own, over the store in memory
+};
+
 struct Scenario
 {
     const char* name;
     std::vector<std::size_t> parts;  // of the file before, in units; empty: it does not exist
     std::vector<std::size_t> source; // of what is transferred, likewise
     std::function<void(Script&)> run;
-    bool local = false; // over the durable store
+    Stack stack = Stack::Memory;
 };
 
 const std::vector<Scenario> scenarios{
@@ -167,7 +184,7 @@ class FaultSweepTest : public FileTest, public testing::WithParamInterface<Scena
 {
 protected:
     FaultSweepTest()
-        : FileTest(GetParam().local ? makeLocalStore() : nullptr)
+        : FileTest(GetParam().stack == Stack::Local ? makeLocalStore() : nullptr)
     {
     }
 
@@ -175,6 +192,7 @@ protected:
     {
         std::vector<Operation> calls;
         std::vector<Operation> struck;
+        std::set<std::thread::id> threads; // that made the calls
         bool failed = false;
     };
 
@@ -185,6 +203,14 @@ protected:
         std::size_t unit = 1;
         std::size_t lateCall = 0; // its answer is lost; 0: none
     };
+
+    /// Make the clients that work ahead, with memory for two parts in each direction.
+    CloudClientSharedPtr makeWorkingAhead() const
+    {
+        return std::make_shared<clients::ReadAheadClient>(std::make_shared<clients::PipelinedUploadClient>(faults,
+                                                              clients::PipelineSettings{.transfers = 3, .memory = 40}),
+            clients::ReadAheadSettings{.transfers = 2, .memory = 40});
+    }
 
     /// Run the scenario on fresh objects and look at what it leaves.
     Run runOnce(const Conditions& conditions)
@@ -207,10 +233,15 @@ protected:
         const Contents old = prepare("file", scenario.parts, 0);
         const Contents source = prepare("source", scenario.source, 77);
         Run run;
-        Script script{*provider, unit, conditions.givesUp, old.value_or(""), {}};
+        CloudClientSharedPtr client = GetParam().stack == Stack::WorkingAhead ? makeWorkingAhead() : faults;
+        auto used = buildCloudProvider(client, FolderPolicy::MarkerObjects, true);
+        Script script{*used, unit, conditions.givesUp, old.value_or(""), {}};
+        std::mutex mutex; // guards `run`: calls may come from several threads
         faults->setHook(
             [&](Operation operation, const std::string&)
             {
+                const std::lock_guard lock(mutex);
+                run.threads.insert(std::this_thread::get_id());
                 run.calls.push_back(operation);
                 const bool strikes = conditions.strikes(run.calls.size(), operation);
                 if (strikes || run.calls.size() == conditions.lateCall)
@@ -227,6 +258,9 @@ protected:
             faults->inject({.call = conditions.lateCall, .moment = Fault::Moment::AfterEffect});
         }
         scenario.run(script);
+        used.reset();
+        EXPECT_EQ(client.use_count(), client == faults ? 3 : 1) << "somebody keeps the clients";
+        client.reset(); // ends their threads
         faults->setHook({});
         faults->clearFaults();
         run.failed = !script.codes.empty();
@@ -289,7 +323,11 @@ TEST_P(FaultSweepTest, SurvivesTheFailureOfEveryCall)
 
 TEST_P(FaultSweepTest, SurvivesAnOperationThatFailsForAWhile)
 {
-    const std::vector<Operation> calls = runOnce({}).calls;
+    const Run untouched = runOnce({});
+    const std::vector<Operation>& calls = untouched.calls;
+    // A range may be fetched by its reader before a thread gets to it; parts are always sent by threads.
+    EXPECT_TRUE(GetParam().stack != Stack::WorkingAhead || untouched.threads.size() > 1 ||
+                std::count(calls.begin(), calls.end(), Operation::CreateMultipartUpload) == 0);
     for (const Operation failing : std::set<Operation>(calls.begin(), calls.end()))
     {
         for (std::size_t until = 1; until <= 2 * calls.size(); ++until)
@@ -369,8 +407,16 @@ std::string scenarioName(const testing::TestParamInfo<Scenario>& row)
 INSTANTIATE_TEST_SUITE_P(Scenarios, FaultSweepTest, testing::ValuesIn(scenarios), scenarioName);
 INSTANTIATE_TEST_SUITE_P(Scenarios, FullDiskTest, testing::ValuesIn(scenarios), scenarioName);
 INSTANTIATE_TEST_SUITE_P(Local, FaultSweepTest,
-    testing::Values(Scenario{"fileOfManyParts", {16, 10, 12}, {}, patchGapAppend, true},
-        Scenario{"move", {7}, {16, 7}, [](Script& script) { transfer(script, &fsp::IProvider::moveFile); }, true}),
+    testing::Values(Scenario{"fileOfManyParts", {16, 10, 12}, {}, patchGapAppend, Stack::Local},
+        Scenario{
+            "move", {7}, {16, 7}, [](Script& script) { transfer(script, &fsp::IProvider::moveFile); }, Stack::Local}),
+    scenarioName);
+INSTANTIATE_TEST_SUITE_P(WorkingAhead, FaultSweepTest,
+    testing::Values(Scenario{"newFileOfManyParts", {}, {}, newFile, Stack::WorkingAhead},
+        Scenario{"fileOfManyParts", {16, 10, 12}, {}, patchGapAppend, Stack::WorkingAhead},
+        Scenario{"fileThatIsRead", {16, 16, 16, 16, 16, 9}, {}, readOnly, Stack::WorkingAhead},
+        Scenario{"move", {7}, {16, 16, 13}, [](Script& script) { transfer(script, &fsp::IProvider::moveFile); },
+            Stack::WorkingAhead}),
     scenarioName);
 
 using QuietFlushTest = FileTest;
