@@ -9,10 +9,7 @@
 #include <storage/clients/memory/MemoryClient.hpp>
 #include <storage/clients/testing/CloudClientConformance.hpp>
 
-#include <array>
-#include <atomic>
 #include <chrono>
-#include <exception>
 #include <memory>
 #include <utility>
 
@@ -22,12 +19,14 @@ namespace storage::clients
 namespace
 {
 
-/// A decorator over a store in memory: what it does not change must stay as it is.
+using cloudprovider::CloudClient;
+
+/// A decorator over a store in memory. It must keep the contract.
 template <typename Decorator>
 class DecoratorHarness : public conformance::Harness
 {
 public:
-    cloudprovider::CloudClient& client() override { return m_client; }
+    CloudClient& client() override { return m_client; }
 
     cloudprovider::CloudClientSharedPtr openAnother() override { return std::make_shared<Decorator>(m_store); }
 
@@ -36,18 +35,18 @@ private:
     Decorator m_client{m_store};
 };
 
-/// With buffers for two small parts, so that callers wait, and large parts find none.
+/// With buffers for two small parts, so that callers wait, and none for large parts.
 template <std::size_t transfers>
 class Pipelined : public PipelinedUploadClient
 {
 public:
-    explicit Pipelined(std::shared_ptr<cloudprovider::CloudClient> inner)
+    explicit Pipelined(std::shared_ptr<CloudClient> inner)
         : PipelinedUploadClient(std::move(inner), {.transfers = transfers, .memory = 250})
     {
     }
 };
 
-/// What a listing is must not depend on how it is paged.
+/// Results of listings must not depend on the pages.
 class OddPages : public FaultyClient
 {
 public:
@@ -59,40 +58,30 @@ public:
     }
 };
 
-/// A store that fails every call of one thread once, in turn before it and after it has had its effect.
-class UnreliableHarness : public conformance::Harness
+/// Retries over a store in which every second call of a thread fails.
+class Unreliable : public RetryingClient
 {
 public:
-    UnreliableHarness()
+    explicit Unreliable(std::shared_ptr<CloudClient> inner)
+        : RetryingClient(faulty(std::move(inner)), {.firstDelay = std::chrono::milliseconds(0)})
     {
-        m_faults->setHook(
-            [this](Operation operation, const std::string&)
-            {
-                const unsigned phase = ++m_calls.at(static_cast<std::size_t>(operation)) % 4;
-                if (phase == 1)
-                {
-                    throw TransientException("Busy");
-                }
-                // To the store in memory an upload that has ended is not there, so what ended it must not be repeated.
-                // And content that has arrived must not have become shorter when it arrives once more.
-                if (phase == 2 && operation != Operation::AbortMultipartUpload &&
-                    operation != Operation::CompleteMultipartUpload && operation != Operation::GetObjectRange)
-                {
-                    m_faults->inject({operation, 1, Fault::Moment::AfterEffect, m_lostAnswer});
-                }
-            });
     }
 
-    cloudprovider::CloudClient& client() override { return m_client; }
-
 private:
-    const std::exception_ptr m_lostAnswer = std::make_exception_ptr(TransientException("Answer lost"));
-    std::array<std::atomic<unsigned>, allOperations.size()> m_calls{};
-    const std::shared_ptr<FaultyClient> m_faults = std::make_shared<FaultyClient>(std::make_shared<MemoryClient>());
-    RetryingClient m_client{m_faults, {.firstDelay = std::chrono::milliseconds(0)}};
+    static std::shared_ptr<CloudClient> faulty(std::shared_ptr<CloudClient> inner)
+    {
+        const auto faults = std::make_shared<FaultyClient>(std::move(inner));
+        faults->setHook(
+            [](Operation, const std::string&)
+            {
+                thread_local unsigned calls = 0;
+                calls++ % 2 == 0 ? throw TransientException("Busy") : void();
+            });
+        return faults;
+    }
 };
 
-CLOUD_CLIENT_CONFORMANCE(Retrying, [] { return std::make_unique<UnreliableHarness>(); });
+CLOUD_CLIENT_CONFORMANCE(Retrying, [] { return std::make_unique<DecoratorHarness<Unreliable>>(); });
 CLOUD_CLIENT_CONFORMANCE(Cancellable, [] { return std::make_unique<DecoratorHarness<CancellableClient>>(); });
 CLOUD_CLIENT_CONFORMANCE(FailureRecording, [] { return std::make_unique<DecoratorHarness<FailureRecordingClient>>(); });
 CLOUD_CLIENT_CONFORMANCE(Counting, [] { return std::make_unique<DecoratorHarness<CountingClient>>(); });

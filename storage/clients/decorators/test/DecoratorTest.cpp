@@ -1,18 +1,23 @@
+#include <storage/clients/common/TransientException.hpp>
 #include <storage/clients/decorators/CancellableClient.hpp>
 #include <storage/clients/decorators/CountingClient.hpp>
 #include <storage/clients/decorators/FailureRecordingClient.hpp>
 #include <storage/clients/decorators/FaultyClient.hpp>
 #include <storage/clients/decorators/FindInterface.hpp>
+#include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
+#include <storage/cloudprovider/Logger.hpp>
 
+#include <foundation/log/Severity.hpp>
+#include <foundation/log/basic_diagnostic_logger.hpp>
+
+#include <boost/iostreams/device/array.hpp>
+#include <boost/iostreams/stream_buffer.hpp>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <functional>
-#include <memory>
+#include <set>
 #include <sstream>
-#include <string>
 
 namespace storage::clients
 {
@@ -20,124 +25,117 @@ namespace storage::clients
 namespace
 {
 
-using cloudprovider::CloudClient;
-using cloudprovider::CloudException;
-using cloudprovider::PartInfo;
-using cloudprovider::PermissionDeniedException;
-using cloudprovider::UnknownErrorException;
-using testing::ElementsAre;
+using namespace cloudprovider;
+using namespace std::chrono_literals;
+using namespace testing;
 
-/// A call on a store that holds "a" and "b", with an upload of "a" open.
-struct Call
-{
-    const char* name;
-    Operation operation;
-    std::function<void(CloudClient&, const std::string& key, const std::string& upload)> make;
-};
-
-const Call storingCalls[] = {
-    {"put", Operation::PutObject,
-        [](CloudClient& client, const std::string& key, const std::string&)
-        {
-            std::istringstream content("new");
-            client.putObject(key, content, 3);
-        }},
-    {"createUpload", Operation::CreateMultipartUpload,
-        [](CloudClient& client, const std::string& key, const std::string&) { client.createMultipartUpload(key, ""); }},
-    {"uploadPart", Operation::UploadPart,
-        [](CloudClient& client, const std::string& key, const std::string& upload)
-        {
-            std::istringstream content("new");
-            client.uploadPart(key, upload, PartInfo{0, 0, 3, ""}, content);
-        }},
-    {"copyPart", Operation::CopyPart,
-        [](CloudClient& client, const std::string& key, const std::string& upload)
-        { client.copyPart(key, upload, client.getObjectParts(key).at(0)); }},
-    {"complete", Operation::CompleteMultipartUpload,
-        [](CloudClient& client, const std::string& key, const std::string& upload)
-        {
-            std::istringstream content("new");
-            const std::string tag = client.uploadPart(key, upload, PartInfo{0, 0, 3, ""}, content);
-            client.completeMultipartUpload(key, upload, {PartInfo{0, 0, 3, tag}});
-        }},
-};
-
-class DecoratorTest : public testing::TestWithParam<Call>
+class DecoratorTest : public Test
 {
 protected:
-    DecoratorTest()
+    static void put(CloudClient& client, const std::string& key)
     {
-        store->put("a", "old");
-        store->put("b", "old");
+        std::istringstream content("new");
+        client.putObject(key, content, 3);
     }
 
     const std::shared_ptr<MemoryClient> store = std::make_shared<MemoryClient>();
     const std::shared_ptr<FaultyClient> faults = std::make_shared<FaultyClient>(store);
+    const std::shared_ptr<CountingClient> counted = std::make_shared<CountingClient>(faults);
+    const std::exception_ptr denied = std::make_exception_ptr(PermissionDeniedException("Denied"));
+    const std::exception_ptr busy = std::make_exception_ptr(TransientException("Busy", "store busy"));
 };
 
-TEST_P(DecoratorTest, CancelsOneKeyForAWhile)
+/// The operations that store bytes, on the objects "a", "b" and "c". Each has an open upload with one part.
+class StoringOperationTest : public DecoratorTest, public WithParamInterface<Operation>
 {
-    CancellableClient client(store);
-    const std::string upload = client.createMultipartUpload("a", "");
-    const std::string other = client.createMultipartUpload("b", "");
+protected:
+    StoringOperationTest()
+    {
+        for (const char* key : {"a", "b", "c"})
+        {
+            store->put(key, "old");
+            uploads[key] = store->createMultipartUpload(key, "");
+            parts[key] = {0, 0, 3, sendPart(*store, key)};
+        }
+    }
+
+    std::string sendPart(CloudClient& client, const std::string& key)
+    {
+        std::istringstream content("new");
+        return client.uploadPart(key, uploads.at(key), {0, 0, 3, ""}, content);
+    }
+
+    void call(CloudClient& client, const std::string& key)
+    {
+        switch (GetParam())
+        {
+        case Operation::CreateMultipartUpload:
+            return void(client.createMultipartUpload(key, ""));
+        case Operation::UploadPart:
+            return void(sendPart(client, key));
+        case Operation::CopyPart:
+            return void(client.copyPart(key, uploads.at(key), {0, 0, 3, ""}));
+        case Operation::CompleteMultipartUpload:
+            return client.completeMultipartUpload(key, uploads.at(key), {parts.at(key)});
+        default:
+            return put(client, key);
+        }
+    }
+
+    std::map<std::string, std::string> uploads; // ids, by key
+    std::map<std::string, PartInfo> parts;      // that the uploads have, by key
+};
+
+TEST_P(StoringOperationTest, IsRefusedWhileItsKeyIsCancelledAndAfterAnInterrupt)
+{
+    bool interrupted = false;
+    CancellableClient client(store, [&] { return interrupted; });
+    const auto expectRefusal = [&](const std::string& key)
+    {
+        EXPECT_THROW(call(client, key), UnknownErrorException);
+        EXPECT_EQ(store->get(key), "old");
+        EXPECT_TRUE(client.getObjectInfo(key).exists);
+        EXPECT_NO_THROW(client.abortMultipartUpload(key, store->createMultipartUpload(key, "")));
+    };
     {
         const auto outer = client.cancel("a");
         {
             const auto inner = client.cancel("a");
         }
-        EXPECT_THROW(GetParam().make(client, "a", upload), UnknownErrorException);
-        EXPECT_EQ(store->get("a"), "old");
-        EXPECT_TRUE(client.getObjectInfo("a").exists);
-        EXPECT_NO_THROW(GetParam().make(client, "b", other));
+        expectRefusal("a");
+        EXPECT_NO_THROW(call(client, "b"));
     }
-    EXPECT_NO_THROW(GetParam().make(client, "a", upload));
-    const auto again = client.cancel("b");
-    for (const OpenUpload& open : store->openUploads())
-    {
-        client.abortMultipartUpload(open.key, open.uploadId);
-    }
-    EXPECT_TRUE(store->openUploads().empty());
-}
-
-TEST_P(DecoratorTest, AnInterruptRefusesEveryChangeButTheAbort)
-{
-    bool interrupted = false;
-    CancellableClient client(store, [&] { return interrupted; });
-    const std::string upload = client.createMultipartUpload("a", "");
+    EXPECT_NO_THROW(call(client, "a"));
     interrupted = true;
-    EXPECT_THROW(client.deleteObject("a"), UnknownErrorException);
-    EXPECT_THROW(GetParam().make(client, "a", upload), UnknownErrorException);
-    EXPECT_TRUE(client.getObjectInfo("a").exists);
-    client.abortMultipartUpload("a", upload);
-    EXPECT_TRUE(store->openUploads().empty());
+    expectRefusal("c");
+    EXPECT_THROW(client.deleteObject("c"), UnknownErrorException);
 }
 
-TEST_P(DecoratorTest, RemembersAFailureUntilItIsTakenOrMended)
+TEST_P(StoringOperationTest, FailureIsKeptUntilItIsTakenOrTheKeyIsStored)
 {
     FailureRecordingClient client(faults);
-    const std::string upload = client.createMultipartUpload("a", "");
-    const auto fail = [&]
-    {
-        faults->inject({.operation = GetParam().operation, .call = 1});
-        EXPECT_THROW(GetParam().make(client, "a", upload), UnknownErrorException);
-    };
-    fail();
-    client.getObjectInfo("a"); // a success, but no commit
+    faults->inject({.operation = GetParam()});
+    EXPECT_THROW(call(client, "a"), UnknownErrorException);
     EXPECT_EQ(client.takeFailure("b"), nullptr);
     const std::exception_ptr failure = client.takeFailure("a");
     ASSERT_NE(failure, nullptr);
     EXPECT_THROW(std::rethrow_exception(failure), UnknownErrorException);
     EXPECT_EQ(client.takeFailure("a"), nullptr);
 
-    fail();
-    std::istringstream content("new");
-    client.putObject("a", content, 3);
+    EXPECT_THROW(call(client, "a"), UnknownErrorException);
+    faults->clearFaults();
+    put(client, "a");
     EXPECT_EQ(client.takeFailure("a"), nullptr);
 }
 
-TEST(FailureRecordingClientTest, KeepsFailuresOfKeysOnly)
+INSTANTIATE_TEST_SUITE_P(Operations, StoringOperationTest,
+    Values(Operation::PutObject, Operation::CreateMultipartUpload, Operation::UploadPart, Operation::CopyPart,
+        Operation::CompleteMultipartUpload),
+    [](const auto& row) { return std::string(name(row.param)); });
+
+TEST_F(DecoratorTest, RecordsOnlyFailuresOfKeys)
 {
-    FailureRecordingClient client(std::make_shared<MemoryClient>());
+    FailureRecordingClient client(store);
     EXPECT_THROW(client.validateObjectName(".."), CloudException);
     EXPECT_THROW(client.abortMultipartUpload("..", "none"), CloudException);
     EXPECT_EQ(client.takeFailure(".."), nullptr);
@@ -145,108 +143,62 @@ TEST(FailureRecordingClientTest, KeepsFailuresOfKeysOnly)
     EXPECT_NE(client.takeFailure(".."), nullptr);
 }
 
-TEST(CountingClientTest, CountsCallsAndWhatTheyMoved)
+TEST_F(DecoratorTest, CountsCallsAndWhatTheyMoved)
 {
-    CountingClient client(std::make_shared<MemoryClient>());
     std::istringstream bytes("0123456789abcde");
-    client.putObject("k", bytes, 10);
-    const std::string id = client.createMultipartUpload("k", "");
-    client.copyPart("k", id, client.getObjectParts("k").at(0));
-    client.uploadPart("k", id, {7, 0, 3, ""}, bytes);
-    EXPECT_THROW(client.uploadPart("k", id, {8, 0, 5, ""}, bytes), UnknownErrorException) << "too short";
+    counted->putObject("k", bytes, 10);
+    const std::string id = counted->createMultipartUpload("k", "");
+    counted->copyPart("k", id, counted->getObjectParts("k").at(0));
+    counted->uploadPart("k", id, {7, 0, 3, ""}, bytes);
+    EXPECT_THROW(counted->uploadPart("k", id, {8, 0, 5, ""}, bytes), UnknownErrorException) << "too short";
     std::ostringstream out("....");
     out.seekp(2);
-    client.getObjectRange("k", out, 6, 9);
-    EXPECT_THROW(client.getObjectRange("k", out, 6, 10), UnknownErrorException) << "beyond the end";
-    out << ' ' << client.callSnapshot();
+    counted->getObjectRange("k", out, 6, 9);
+    EXPECT_THROW(counted->getObjectRange("k", out, 6, 10), UnknownErrorException) << "beyond the end";
+    out << ' ' << counted->callSnapshot();
     EXPECT_EQ(out.str(), "..6789 getObjectRange 2 (4 B), putObject 1 (10 B), getObjectParts 1, "
                          "createMultipartUpload 1, uploadPart 2 (3 B; parts 7), copyPart 1 (10 B; parts 0)");
 }
 
-class FaultyClientTest : public testing::Test
+TEST_F(DecoratorTest, InjectsFaultsIntoTheCallsThatTheyName)
 {
-protected:
-    // Whether putting under the key fails.
-    bool failsToPut(const std::string& key)
+    faults->inject({.call = 3});
+    faults->inject({.operation = Operation::PutObject, .call = 3});
+    put(*faults, "first");
+    faults->getObjectInfo("first");
+    EXPECT_THAT([&] { put(*faults, "third call"); },
+        Throws<UnknownErrorException>(
+            Property(&CloudException::detail, Optional(std::string("putObject of \"third call\": injected fault")))));
+    EXPECT_THROW(put(*faults, "third put"), UnknownErrorException);
+    EXPECT_NO_THROW(put(*faults, "last"));
+
+    faults->inject({.operation = Operation::PutObject});
+    faults->inject({.moment = Fault::Moment::AfterEffect, .failure = denied});
+    for (int i = 0; i < 2; ++i)
     {
-        try
-        {
-            std::istringstream in("x");
-            client.putObject(key, in, 1);
-            return false;
-        }
-        catch (const UnknownErrorException& e)
-        {
-            EXPECT_EQ(e.detail(), "putObject of \"" + key + "\": injected fault");
-            return true;
-        }
+        EXPECT_THROW(put(*faults, "both faults"), UnknownErrorException) << "the first one is thrown";
     }
-
-    const std::shared_ptr<MemoryClient> store = std::make_shared<MemoryClient>();
-    FaultyClient client{store};
-    const std::exception_ptr denied = std::make_exception_ptr(PermissionDeniedException("No"));
-};
-
-TEST_F(FaultyClientTest, FailsTheCallThatTheFaultNames)
-{
-    client.inject({.call = 3});
-    client.inject({.operation = Operation::PutObject, .call = 3});
-    EXPECT_FALSE(failsToPut("a"));
-    client.getObjectInfo("a");
-    EXPECT_TRUE(failsToPut("b")) << "third call of all";
-    EXPECT_TRUE(failsToPut("c")) << "third put: the failed one was a call too";
-    EXPECT_FALSE(failsToPut("d")) << "a fault with a number fails one call";
-
-    client.inject({.operation = Operation::PutObject});
-    client.inject({.failure = denied});
-    EXPECT_TRUE(failsToPut("e")) << "the first added of two faults is thrown";
-    EXPECT_TRUE(failsToPut("f")) << "every put, until cleared";
-    EXPECT_THROW(client.getObjectInfo("a"), PermissionDeniedException);
-    client.clearFaults();
-    EXPECT_FALSE(failsToPut("g"));
-    EXPECT_THAT(store->keys(), ElementsAre("a", "d", "g"));
-}
-
-TEST_F(FaultyClientTest, FailsAfterTheEffect)
-{
-    client.inject({.call = 1, .moment = Fault::Moment::AfterEffect, .failure = denied});
-    EXPECT_THROW(client.createMultipartUpload("k", ""), PermissionDeniedException);
+    EXPECT_THROW(faults->createMultipartUpload("k", ""), PermissionDeniedException);
     EXPECT_EQ(store->openUploads().size(), 1U);
+    faults->clearFaults();
+    EXPECT_TRUE(faults->getObjectInfo("last").exists);
+    EXPECT_THAT(store->keys(), ElementsAre("first", "last"));
 }
 
-TEST_F(FaultyClientTest, DeliversShortAndPagesAsItIsTold)
+TEST_F(DecoratorTest, InsertsEmptyPages)
 {
-    for (const char* key : {"a", "b", "c", "d", "e"})
-    {
-        store->put(key, "0123456789");
-    }
-    const std::string id = store->createMultipartUpload("a", "");
-    std::istringstream bytes("0123456789");
-    std::vector<PartInfo> parts{{0, 0, 3, ""}, {1, 3, 7, ""}}; // each is written into the stream on its own
-    for (PartInfo& part : parts)
-    {
-        part.Tag = store->uploadPart("a", id, part, bytes);
-    }
-    store->completeMultipartUpload("a", id, parts);
-    client.setDownloadLimit(4);
-    std::ostringstream out;
-    client.getObjectRange("a", out, 1, 9);
-    EXPECT_EQ(out.str(), "1234");
-    store->setPageSize(2);
-    client.setEmptyPages(2);
-    std::vector<std::size_t> sizes;
+    store->put("a", "");
+    faults->setEmptyPages(2);
     std::string token;
-    do
+    for (const std::size_t entries : {0U, 0U, 1U})
     {
-        sizes.push_back(client.listObjects("", token, {}).size());
-    } while (!token.empty() && sizes.size() < 100);
-    EXPECT_THAT(sizes, ElementsAre(0U, 0U, 2U, 0U, 0U, 2U, 0U, 0U, 1U));
+        EXPECT_EQ(faults->listObjects("", token, {}).size(), entries);
+    }
+    EXPECT_TRUE(token.empty());
 }
 
-TEST(FindInterfaceTest, LooksInsideEveryDecorator)
+TEST_F(DecoratorTest, FindsInterfacesInsideDecorators)
 {
-    const auto store = std::make_shared<MemoryClient>();
-    const auto counted = std::make_shared<CountingClient>(store);
     CancellableClient client(std::make_shared<FailureRecordingClient>(counted));
     EXPECT_EQ(findInterface<UploadInventory>(client), store.get());
     EXPECT_EQ(findInterface<const StoreCounters>(client), counted.get());
@@ -254,8 +206,181 @@ TEST(FindInterfaceTest, LooksInsideEveryDecorator)
     EXPECT_EQ(findInterface<std::istream>(client), nullptr);
 }
 
-INSTANTIATE_TEST_SUITE_P(StoringCalls, DecoratorTest, testing::ValuesIn(storingCalls),
-    [](const auto& row) { return std::string(row.param.name); });
+class RetryingClientTest : public DecoratorTest
+{
+protected:
+    /// A clock that only waits move. Jitter is at its maximum.
+    RetryClock clock()
+    {
+        const auto sleep = [this](RetryClock::Duration nap)
+        {
+            EXPECT_LE(nap, 100ms) << "an interrupt is noticed after that time";
+            time += nap;
+            interrupted = interrupts;
+        };
+        return {[this] { return time; }, sleep, [](RetryClock::Duration max) { return max; }};
+    }
+
+    std::chrono::steady_clock::time_point time;
+    bool interrupts = false; // the process is interrupted during the first wait
+    bool interrupted = false;
+};
+
+auto hasDetail(const std::string& text)
+{
+    return Property(&CloudException::detail, Optional(HasSubstr(text)));
+}
+
+TEST_F(RetryingClientTest, WaitsThenGivesUp)
+{
+    using std::chrono::milliseconds;
+    const struct
+    {
+        const char* name;
+        RetryPolicy policy;
+        milliseconds duration; // of an attempt
+        std::optional<milliseconds> retryAfter;
+        std::vector<int> attempts; // ms after the call began
+        std::string summary;
+        std::size_t progressing = 0; // attempts, the first ones, that make progress
+    } rows[] = {
+        {"doubles", {100ms, 1s, 3500ms}, 0ms, {}, {0, 100, 300, 700, 1500, 2500, 3500}, "attempt 7, 3.5"},
+        {"starts at the maximum", {5s, 1s, 2s}, 0ms, {}, {0, 1000, 2000}, "attempt 3, 2.0"},
+        {"counts the time of attempts", {100ms, 20s, 2300ms}, 1s, {}, {0, 1100, 2300}, "attempt 3, 3.3"},
+        {"obeys the store", {100ms, 20s, 12s}, 0ms, 5s, {0, 5100, 10300}, "attempt 3, 10.3"},
+        {"store asks for too long", {1ms, 1ms, 12s}, 0ms, 12s, {0}, "attempt 1, 0.0"},
+        {"store asks for the maximum", {1ms, 1ms, 12s}, 0ms, milliseconds::max(), {0}, "attempt 1, 0.0"},
+        {"store asks for less than nothing", {100ms, 20s, 300ms}, 0ms, -5s, {0, 100, 300}, "attempt 3, 0.3"},
+        {"restarts after progress", {100ms, 20s, 300ms}, 0ms, {}, {0, 100, 200, 300, 500}, "attempt 5, 0.5", 3},
+        {"progresses for long", {100ms, 20s, 300ms}, 400ms, {}, {0, 500, 1000}, "attempt 3, 1.4", 2},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.name);
+        const auto begin = time;
+        std::vector<int> attempts;
+        faults->setHook(
+            [&](Operation, const std::string&)
+            {
+                attempts.push_back(static_cast<int>((time - begin) / 1ms));
+                time += row.duration;
+                throw TransientException("Busy", "store busy", row.retryAfter, attempts.size() <= row.progressing);
+            });
+        EXPECT_THAT([&] { RetryingClient(counted, row.policy, clock()).deleteObject("a"); },
+            Throws<TransientException>(
+                AllOf(hasDetail("store busy; gave up after " + row.summary + " s after the first: another wait"),
+                    Property(&TransientException::retryAfter, row.retryAfter))));
+        EXPECT_EQ(attempts, row.attempts);
+    }
+}
+
+TEST_F(RetryingClientTest, DoesNotRetryOtherFailuresNorAfterAnInterrupt)
+{
+    interrupts = true;
+    RetryingClient client(counted, {10s, 10s, 1min}, clock(), [&] { return interrupted; });
+    faults->inject({.call = 1, .failure = denied});
+    EXPECT_THROW(client.getObjectInfo("a"), PermissionDeniedException);
+    EXPECT_EQ(counted->callSnapshot().totalCalls(), 1U);
+
+    faults->inject({.failure = busy});
+    getLogger().setEnabledSeverities(foundation::log::severity::progress);
+    std::string log;
+    foundation::log::setSink([&](std::uint32_t, std::string_view, std::string_view text) { log = text; });
+    EXPECT_THROW(client.getObjectInfo("a"), TransientException);
+    foundation::log::setSink({});
+    getLogger().setEnabledSeverities(0);
+    EXPECT_EQ(log, "getObjectInfo of \"a\": attempt 1 failed, retrying in 10.000 s: store busy");
+    EXPECT_EQ(time.time_since_epoch(), 100ms);
+    EXPECT_EQ(counted->callSnapshot().totalCalls(), 2U);
+}
+
+TEST_F(RetryingClientTest, JitterReachesItsBounds)
+{
+    std::set<RetryClock::Duration::rep> drawn;
+    for (int i = 0; i < 1000; ++i)
+    {
+        drawn.insert(uniformJitter(RetryClock::Duration(3)).count());
+    }
+    EXPECT_THAT(drawn, ElementsAre(0, 1, 2, 3));
+}
+
+/// A buffer without positions, which reports this as Boost's buffers do, or reports meaningless positions.
+template <bool reportsPositions>
+class Pipe : public std::stringbuf
+{
+    using std::stringbuf::stringbuf;
+
+    pos_type seekoff(off_type, std::ios_base::seekdir, std::ios_base::openmode) override
+    {
+        return reportsPositions ? m_position++ : throw std::ios_base::failure("no positions");
+    }
+
+    off_type m_position = 0;
+};
+
+template <typename Buffer>
+std::unique_ptr<std::streambuf> text(std::string& bytes)
+{
+    return std::make_unique<Buffer>(bytes);
+}
+
+template <typename Array> // as the provider uses it
+std::unique_ptr<std::streambuf> memory(std::string& bytes)
+{
+    return std::make_unique<boost::iostreams::stream_buffer<Array>>(bytes.data(), bytes.size());
+}
+
+TEST_F(RetryingClientTest, RetriesMoveTheSameBytesOrNone)
+{
+    using Moment = Fault::Moment;
+    const std::string noRewind = "the content stream cannot be rewound";
+    const struct
+    {
+        const char* name;
+        bool download;
+        std::unique_ptr<std::streambuf> (*open)(std::string& bytes);
+        std::size_t moved; // bytes, by the first attempt before it fails or begins
+        Moment moment;
+        std::string failure; // part of the detail; empty: the call succeeds
+    } rows[] = {
+        {"put beyond the end", false, text<std::stringbuf>, 11, Moment::BeforeEffect, ""},
+        {"put from memory", false, memory<boost::iostreams::array_source>, 4, Moment::BeforeEffect, ""},
+        {"put from an untouched pipe", false, text<Pipe<false>>, 0, Moment::BeforeEffect, ""},
+        {"put from a pipe", false, text<Pipe<false>>, 0, Moment::AfterEffect, noRewind},
+        {"put with wrong positions", false, text<Pipe<true>>, 0, Moment::BeforeEffect, noRewind},
+        {"get part", true, text<std::stringbuf>, 4, Moment::BeforeEffect, ""},
+        {"get everything", true, memory<boost::iostreams::array_sink>, 0, Moment::AfterEffect, ""},
+        {"get into an untouched pipe", true, text<Pipe<false>>, 0, Moment::BeforeEffect, ""},
+        {"get into a pipe", true, text<Pipe<false>>, 0, Moment::AfterEffect, noRewind},
+        {"get what became shorter", true, text<std::stringbuf>, 11, Moment::BeforeEffect, "became shorter"},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.name);
+        std::string bytes = "abc0123456789";
+        const auto buffer = row.open(bytes);
+        std::iostream stream(buffer.get());
+        store->put("k", "9876543210");
+        faults->inject({.call = 1, .moment = row.moment, .failure = busy});
+        const auto move = [&](const std::string& some)
+        { row.download ? void(stream << some) : void(stream.ignore(static_cast<std::streamsize>(some.size()))); };
+        move("new");
+        std::string partial(row.moved, 'X');
+        faults->setHook([&](Operation, const std::string&) { move(std::exchange(partial, "")); });
+        RetryingClient client(counted, {}, clock());
+        const auto transfer = [&]
+        { row.download ? client.getObjectRange("k", stream, 0, 0) : client.putObject("k", stream, 10); };
+        if (!row.failure.empty())
+        {
+            EXPECT_THAT(transfer, Throws<UnknownErrorException>(hasDetail(row.failure)));
+            continue;
+        }
+        EXPECT_NO_THROW(transfer());
+        const auto* const string = dynamic_cast<std::stringbuf*>(buffer.get());
+        EXPECT_EQ(string != nullptr ? string->str() : bytes, row.download ? "new9876543210" : "abc0123456789");
+        EXPECT_EQ(store->get("k"), row.download ? "9876543210" : "0123456789");
+    }
+}
 
 } // namespace
 
