@@ -6,7 +6,7 @@
 
 #include <sstream>
 
-// The controls whose failure other tests would not notice. What the client does as a store is the conformance suite's.
+// The controls that no other test checks. The conformance suite checks the store.
 
 namespace storage::clients
 {
@@ -28,14 +28,14 @@ TEST(MemoryClientTest, ListsOpenUploadsWithTheirTagAndParts)
     EXPECT_THAT(upload.parts, ElementsAre(4U));
 }
 
-TEST(MemoryClientTest, StampsWithTheClockItIsGiven)
+TEST(MemoryClientTest, TakesTimesFromItsClock)
 {
     const boost::posix_time::ptime noon(boost::gregorian::date(2020, 1, 2), boost::posix_time::hours(12));
     MemoryClient store([&] { return noon; });
     store.put("k/", "");
     EXPECT_EQ(store.getObjectInfo("k/").lastModified, noon);
     std::string token;
-    EXPECT_EQ(store.listObjects("", token, {"/", -1}).at(0).lastModified, noon) << "a group has its own object's time";
+    EXPECT_EQ(store.listObjects("", token, {"/", -1}).at(0).lastModified, noon) << "the group is an object, too";
 }
 
 } // namespace
