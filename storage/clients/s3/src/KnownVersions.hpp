@@ -12,18 +12,18 @@
 namespace storage::clients::s3
 {
 
-/// One version of an object, as the store tells them apart.
+/// One version of an object.
 struct Version
 {
     std::string tag; ///< entity tag, without quotes
     std::uint64_t size = 0;
 };
 
-/// Remembers per key which version of an object its reader has opened, and what this process has made of it since.
+/// Remembers for each key which version of its object was opened, and which version this process has written since.
 ///
-/// Ranges are read from the version that was opened, so that no reader ever sees a mixture of two. A version that this
-/// process itself has written takes the place of the one before. The memory is bounded: of more than `capacity` keys
-/// the ones not used for longest are forgotten, and are then read as they stand. Safe for concurrent calls.
+/// Ranges are read from the version that was opened, so that no reader sees a mixture of two. A version that this
+/// process writes replaces the one before. Beyond `capacity` keys the least recently used one is forgotten; its object
+/// is then read as it is. Safe for concurrent calls.
 class KnownVersions
 {
     struct Activity
@@ -40,8 +40,8 @@ public:
     {
     }
 
-    /// Watches, as long as it lives, whether this process writes the key meanwhile: what was found out about the object
-    /// is then already old, and a version that is gone has not been taken away by somebody else.
+    /// Observes during its lifetime whether this process writes the key. If it does, what was read about the object is
+    /// outdated, and a version that is gone was not necessarily replaced by somebody else.
     class Observation
     {
     public:
@@ -52,7 +52,7 @@ public:
 
         bool sawWrite() const;
 
-        /// Remember the version as the one that was opened. One that was already old is forgotten instead.
+        /// Remember the version as the one that was opened. Forget the key instead if the version may be outdated.
         void opened(const Version& version);
 
     private:
@@ -64,8 +64,7 @@ public:
         bool m_beganAmidWrites = false;
     };
 
-    /// One change of the key by this process. What is known of the object is forgotten at its end, unless it said what
-    /// the object is now.
+    /// One write of the key by this process. At its end the key is forgotten unless one of the calls below was made.
     class Write
     {
     public:
@@ -74,10 +73,10 @@ public:
         Write& operator=(const Write&) = delete;
         ~Write();
 
-        /// Say that the object is this now.
+        /// Report the object's new version.
         void succeeded(const Version& version);
 
-        /// Say that the object is what it was.
+        /// Report that the object has not changed.
         void changedNothing() noexcept { m_settled = true; }
 
     private:
@@ -86,11 +85,11 @@ public:
         bool m_settled = false;
     };
 
-    /// The version to read: what was opened, or what this process has written since. Nothing: any.
+    /// The version to read: the one that was opened, or that this process has written since. Nothing: any version.
     std::optional<Version> current(const std::string& key);
 
-    /// Whether a file that was opened at the tag `opened` may, as far as this process knows, be stored under `stored`
-    /// now: it is that version, or what this process made of it.
+    /// Whether the version tagged `stored` is the one tagged `opened`, or was written by this process to a file opened
+    /// at that version.
     bool descends(const std::string& key, const std::string& stored, const std::string& opened);
 
 private:
@@ -101,7 +100,7 @@ private:
         std::list<std::string>::iterator use;
     };
 
-    // All of these are called under m_mutex.
+    // All of these require m_mutex.
     Activities::iterator beginActivity(const std::string& key);
     void endActivity(Activities::iterator activity);
     void remember(const std::string& key, const std::string& opened, const Version& current);
@@ -110,9 +109,9 @@ private:
 
     const std::size_t m_capacity;
     std::mutex m_mutex;      // innermost; guards everything below
-    Activities m_activities; // one for each key in use
+    Activities m_activities; // one for each key that is being observed or written
     std::unordered_map<std::string, Known> m_known;
-    std::list<std::string> m_uses; // the keys of m_known, the one used last in front
+    std::list<std::string> m_uses; // the keys of m_known, the most recently used first
 };
 
 } // namespace storage::clients::s3

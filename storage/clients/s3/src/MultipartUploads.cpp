@@ -27,8 +27,8 @@ using namespace cloudprovider;
 namespace
 {
 
-/// The entity tag of an object made of parts: the hash of their hashes. Stores that tag parts otherwise make another,
-/// and tell it with the completion.
+/// The entity tag of an object made of parts: the hash of their hashes. Stores that tag parts in another way use
+/// another tag and return it with the completion.
 std::string joinedTag(const std::vector<std::pair<std::size_t, std::string>>& parts)
 {
     std::string hashes;
@@ -59,7 +59,7 @@ std::string MultipartUploads::openAtStore(Upload& upload)
         {
             S3Request request{Operation::CreateMultipartUpload, upload.key(), "POST"};
             request.query = {{"uploads", ""}};
-            request.uninterruptible = true; // an upload whose identifier got lost could not be aborted
+            request.uninterruptible = true; // an upload whose id is lost could not be aborted
             return m_requester.sendAndRead(request, readNewUpload);
         });
 }
@@ -69,7 +69,7 @@ UploadLimits MultipartUploads::limitsFor(const std::string& key) const
     UploadLimits limits{.equalParts = m_capabilities.equalParts, .pinnedCopies = m_capabilities.conditionalCopies};
     if (!m_capabilities.copiesAnyKey && key.find('%') != std::string::npos)
     {
-        limits.maxCopySize = 0; // a store that decodes the name twice would copy another object without a word
+        limits.maxCopySize = 0; // a store that decodes the name twice would silently copy another object
     }
     return limits;
 }
@@ -81,7 +81,7 @@ std::string MultipartUploads::send(
     if (part.Index >= maxParts)
     {
         throw UnknownErrorException("Too many parts",
-            fmt::format("{} has no room for part {}: the store takes {} parts of an object; write it in larger parts",
+            fmt::format("{} cannot have a part {}: the store accepts {} parts of an object; write it in larger parts",
                 quoted(key), part.Index + 1, maxParts));
     }
     if (!upload->isNew() && part.Size < minPartSize && !m_capabilities.equalParts)
@@ -114,7 +114,7 @@ std::string MultipartUploads::copy(const std::string& key, const std::string& id
     return UploadRegistry::partTag(id, tag);
 }
 
-/// @return the version that the part is copied from, as it is known to be stored
+/// @return the stored version that the part is copied from
 Version MultipartUploads::requireSource(const PartInfo& part, const S3Request& request)
 {
     const auto wanted = m_registry.versionOf(part.Tag);
@@ -157,19 +157,20 @@ void MultipartUploads::abort(const std::string& key, const std::string& id)
     {
         S3Request request{Operation::AbortMultipartUpload, key, "DELETE"};
         request.query = {{"uploadId", storeId}};
-        m_requester.send(request, {404}); // an upload that is gone needs no abort
+        m_requester.send(request, {404}); // an upload that is gone counts as aborted
     }
     m_registry.finish(id, upload->base());
 }
 
 void MultipartUploads::abortOfOthers(const std::string& key, const std::string& storeId)
 {
-    if (key.empty() || storeId.empty()) // either would make it another request
+    if (key.empty() || storeId.empty()) // without either it would be another request
     {
         throw ResourceNotFoundException("no upload " + quoted(storeId) + " of " + quoted(key) + " is open");
     }
     S3Request request{Operation::AbortMultipartUpload, key, "DELETE"};
     request.query = {{"uploadId", storeId}};
+    // @return whether that changed something
     const auto setUnconfirmed = [&](bool isUnconfirmed)
     {
         const std::lock_guard lock(m_mutex);
@@ -201,14 +202,14 @@ void MultipartUploads::complete(const std::string& key, const std::string& id, c
     }
     catch (const TransientException& failure)
     {
-        const bool madeProgress = upload->doneCount() > doneBefore; // never more often than there are planned parts
+        const bool madeProgress = upload->doneCount() > doneBefore; // at most once for each planned part
         throw TransientException(failure.what(), failure.detail(), failure.retryAfter(), madeProgress);
     }
     catch (...)
     {
-        if (!upload->isOutcomeUnknown()) // else it was all right, and tells whether the object has come
+        if (!upload->isOutcomeUnknown()) // otherwise the tags of the parts tell whether the new object was stored
         {
-            upload->forgetDone(); // it may be of another version than the one found when all this is tried again
+            upload->forgetDone(); // the parts may be of another version than the one that a retry will find
         }
         throw;
     }
@@ -218,7 +219,7 @@ void MultipartUploads::complete(const std::string& key, const std::string& id, c
 std::string MultipartUploads::assembleObject(Upload& upload, const Completion& completion)
 {
     const NumberedTags parts = transferParts(upload, completion);
-    // Not before: parts may take minutes and change no object, and what is opened meanwhile should be pinned as ever.
+    // Not earlier: transferring parts may take minutes and changes no object. Files opened meanwhile must be pinned.
     KnownVersions::Write write(m_versions, upload.key());
     try
     {
@@ -268,7 +269,7 @@ MultipartUploads::Completion MultipartUploads::prepare(
     completion.replaces = completion.source.tag;
     if (completion.source.tag.empty() && !upload.base().empty())
     {
-        // What this process has written since the file was opened is no change by somebody else.
+        // A version that this process has written since the file was opened is not somebody else's change.
         const auto current = m_versions.current(upload.key());
         const bool isOurs = current && m_versions.descends(upload.key(), current->tag, upload.base());
         completion.replaces = isOurs ? current->tag : upload.base();
@@ -276,14 +277,14 @@ MultipartUploads::Completion MultipartUploads::prepare(
     return completion;
 }
 
-/// Have the store make what it does not have yet.
+/// Copy and send the parts that the store does not have yet.
 MultipartUploads::NumberedTags MultipartUploads::transferParts(Upload& upload, const Completion& completion)
 {
     NumberedTags tags;
     Tasks copies;
     Tasks sends;
-    std::uint64_t largestSend = 1;              // bytes, all of which are in memory
-    tags.reserve(completion.plan.parts.size()); // tasks refer to its elements
+    std::uint64_t largestSend = 1;              // bytes; a part that is sent is in memory as a whole
+    tags.reserve(completion.plan.parts.size()); // tasks keep references to its elements
     for (const PlannedPart& part : completion.plan.parts)
     {
         tags.emplace_back(part.number, "");
@@ -325,17 +326,17 @@ std::string MultipartUploads::transferPart(Upload& upload, const PlannedPart& pa
     request.headers.add(
         "x-amz-copy-source", fmt::format("/{}/{}", uriEncode(m_requester.bucket()), uriEncodePath(upload.key())));
     request.headers.add("x-amz-copy-source-if-match", quotedTag(source.tag));
-    if (range.size < source.size) // small objects may only be copied whole
+    if (range.size < source.size) // stores refuse ranges of small objects, which must be copied whole
     {
         request.headers.add(
             "x-amz-copy-source-range", fmt::format("bytes={}-{}", range.offset, range.offset + range.size - 1));
     }
     request.serverSideWork = true;
-    request.serverSideBytes = range.size * m_transfers; // as many copies of about this size may be under way
+    request.serverSideBytes = range.size * m_transfers; // as many copies of about this size may be running
     return m_requester.sendAndRead(request, readCopiedPart);
 }
 
-/// The bytes of a part that goes over the wire.
+/// Collect the bytes of a part that is sent.
 std::string MultipartUploads::gather(const Upload& upload, const PlannedPart& part, const Version& source)
 {
     std::string all(part.size, '\0');
@@ -373,7 +374,7 @@ std::string MultipartUploads::finishUpload(Upload& upload, const Completion& com
         !completion.replaces.empty() && (completion.plan.needsVersionCheck || !m_capabilities.conditionalCompletion);
     if (upload.isOutcomeUnknown() || needsVersionCheck)
     {
-        // After the last copy: if the object is still that version, everything copied came from it.
+        // After the last copy: if the object is still this version, all copies came from it.
         const auto stored = m_objects.info(request.operation, request.key);
         if (isDone(stored))
         {
@@ -402,7 +403,8 @@ std::string MultipartUploads::finishUpload(Upload& upload, const Completion& com
     catch (const TransientException&)
     {
         upload.setOutcomeUnknown();
-        if (!isUploadGone(upload)) // asked first: an upload goes when its object has come, not before
+        // Ask for the upload before the object: the store removes the one after it has stored the other.
+        if (!isUploadGone(upload))
         {
             throw;
         }
@@ -413,8 +415,8 @@ std::string MultipartUploads::finishUpload(Upload& upload, const Completion& com
     }
     catch (const UnknownErrorException&)
     {
-        // A request whose connection broke may have been sent twice unseen, and the second refused for what the first
-        // has done.
+        // When a connection breaks, the transport may send the request twice; the second may be refused because the
+        // first one has succeeded.
         upload.setOutcomeUnknown();
         if (!isDone(m_objects.info(request.operation, request.key)))
         {
@@ -432,12 +434,12 @@ void MultipartUploads::throwOutcomeUnknown(const S3Request& request)
 {
     throw UnknownErrorException("Outcome unknown",
         m_requester.contextOf(request).action +
-            " failed: the answer was lost, the upload is gone, and the object under the key is not the one that it "
-            "should make; somebody has aborted it or replaced the object at once, or the store tags objects its own "
-            "way");
+            " failed: the response was lost, the upload is gone, and the object under the key is not the one that it "
+            "should have made; somebody has aborted the upload or replaced the object, or the store tags objects in "
+            "its own way");
 }
 
-/// Whether the store is known to have the upload no more. A question that fails tells nothing.
+/// Whether the store has said that the upload no longer exists; false when the request for it fails.
 bool MultipartUploads::isUploadGone(const Upload& upload)
 {
     S3Request request{Operation::CompleteMultipartUpload, upload.key(), "GET"};

@@ -23,9 +23,10 @@ namespace storage::clients::s3
 
 /// Objects that are written in parts. The operations are those of CloudClient.
 ///
-/// Parts that the store takes as they are go to it at once. Copies, and small parts of a file that had other content
-/// before, are only noted: the completion knows what stands beside them, and makes few requests of all, several at a
-/// time. What it has made stays when it fails in passing, so that a repeated one makes only what is missing.
+/// Parts that the store accepts as they are are sent at once. Copies, and small parts of a file that had content
+/// before, are only recorded. The completion knows their neighbours, combines them into few requests and runs several
+/// at a time. After a transient failure the parts it has transferred remain, so that a retry transfers only the missing
+/// ones.
 class MultipartUploads
 {
 public:
@@ -48,12 +49,12 @@ public:
     std::vector<PendingUpload> pending();
 
 private:
-    /// What a completion is about to do.
+    /// What a completion will do.
     struct Completion
     {
         UploadPlan plan;
-        Version source;       ///< of the object that unchanged bytes are taken from; no tag: of none
-        std::string replaces; ///< entity tag of the object that it is made from; empty: whatever is there
+        Version source;       ///< of the object that unchanged bytes are copied from; no tag: nothing is copied
+        std::string replaces; ///< entity tag of the object that it may replace; empty: any
     };
     using NumberedTags = std::vector<std::pair<std::size_t, std::string>>;
 
@@ -75,11 +76,11 @@ private:
     KnownVersions& m_versions;
     Objects& m_objects;
     const EndpointCapabilities m_capabilities;
-    const std::size_t m_transfers; // at a time, in one completion
-    const std::uint64_t m_memory;  // bytes, of what one completion sends at a time
+    const std::size_t m_transfers; // maximum requests at a time in one completion
+    const std::uint64_t m_memory;  // bytes that one completion sends at a time; a larger part is sent alone
     UploadRegistry m_registry;
     std::mutex m_mutex;                        // innermost
-    std::set<std::string> m_unconfirmedAborts; // guarded by m_mutex; uploads of others whose abort got no answer
+    std::set<std::string> m_unconfirmedAborts; // guarded by m_mutex; uploads of others whose abort got no response
 };
 
 } // namespace storage::clients::s3

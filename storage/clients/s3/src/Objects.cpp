@@ -26,21 +26,21 @@ using namespace cloudprovider;
 namespace
 {
 
-/// Whether no store can hold such a key. A lookup that says so by itself finds nothing, and that is no failure.
+/// Whether the key is too long for any store. A lookup of such a key finds nothing, which is not a failure.
 bool exceedsKeyLimit(const std::string& key)
 {
     return key.size() > maxKeyBytes;
 }
 
-/// Bytes that are asked for when a file is opened: no more than arrive in the same round trip as the head of an answer.
-constexpr ByteRange beginning{0, 16 << 10};
+/// Requested when a file is opened: as many bytes as arrive in the same round trip as the head of a response.
+constexpr ByteRange openingRange{0, 16 << 10};
 
 std::string rangeField(const ByteRange& range)
 {
     return fmt::format("bytes={}-{}", range.offset, range.offset + range.size - 1);
 }
 
-/// In a row. Each may stand for some thousand keys that are gone, so one listing may well have many.
+/// In a row. Each may stand for some thousand deleted keys, so a listing may have many.
 constexpr unsigned maxEmptyPages = 1000;
 
 } // namespace
@@ -53,13 +53,14 @@ std::optional<ObjectInfo> Objects::info(Operation operation, const std::string& 
     }
     const S3Request request{operation, key, "HEAD"};
     HttpResponse response = m_requester.send(request, {400, 401, 403, 404});
-    if (response.status >= 400 && (response.status != 404 || !m_requester.sawBucket())) // or the bucket is misspelt
+    if (response.status >= 400 &&
+        (response.status != 404 || !m_requester.sawBucket())) // 404: or there is no such bucket
     {
         if (!existsByGet(request))
         {
             return std::nullopt;
         }
-        response = m_requester.send(request, {404}); // what was wrong has been mended meanwhile
+        response = m_requester.send(request, {404}); // the failure is gone
     }
     if (response.status == 404)
     {
@@ -70,13 +71,14 @@ std::optional<ObjectInfo> Objects::info(Operation operation, const std::string& 
     const std::string* const time = response.headers.find("Last-Modified");
     if (!size || tag == nullptr || time == nullptr)
     {
-        throwMalformedResponse(m_requester.contextOf(request), response, "the answer lacks length, entity tag or time");
+        throwMalformedResponse(
+            m_requester.contextOf(request), response, "the response lacks length, entity tag or time");
     }
     return ObjectInfo{true, unquotedTag(*tag), *size, readHttpTime(*time)};
 }
 
-/// Ask with GET what HEAD was refused. Only then is there a document that says why, from which the bucket is followed
-/// into its region and expired credentials are known as such.
+/// Repeat a failed HEAD request as GET. Only a GET response has a document with the reason, which is needed to follow
+/// the bucket into its region and to recognise expired credentials.
 ///
 /// @return whether there is such an object
 bool Objects::existsByGet(S3Request request)
@@ -93,7 +95,7 @@ bool Objects::existsByGet(S3Request request)
     return false;
 }
 
-/// Throw unless a 404 means that the object, and nothing else, is missing.
+/// Throw unless the 404 means that only the object is missing.
 void Objects::requireMissingKey(const S3Request& request, const HttpResponse& response)
 {
     if (readError(response.body).code != "NoSuchKey")
@@ -126,7 +128,7 @@ std::vector<ObjectEntry> Objects::list(const std::string& prefix, std::string& t
                 ListingPage read = readListing(document);
                 if ((!token.empty() && read.nextToken == token) || ++pages > maxEmptyPages)
                 {
-                    throw MalformedResponse("the listing does not go on");
+                    throw MalformedResponse("the listing does not advance");
                 }
                 return read;
             });
@@ -163,7 +165,7 @@ std::uint64_t Objects::read(const std::string& key, std::ostream& out, std::uint
     {
         throw ResourceNotFoundException("getObjectRange of " + quoted(key) + " failed: there is no such object");
     }
-    if (last == std::numeric_limits<std::uint64_t>::max()) // no object has it, and sums with it would wrap
+    if (last == std::numeric_limits<std::uint64_t>::max()) // beyond any object, and sums with it would overflow
     {
         throwBeyondEnd(key, {first, last - first + 1});
     }
@@ -183,8 +185,8 @@ std::uint64_t Objects::read(const std::string& key, std::ostream& out, std::uint
     {
         return *size;
     }
-    // A whole object in one answer is one version in any case. When it was this process that replaced it meanwhile,
-    // the one that is there now will do.
+    // One response has one version of the whole object. If this process itself has replaced the object meanwhile, the
+    // new version is as good.
     if (isWhole && observation.sawWrite())
     {
         if (const auto size = readVersion(Operation::GetObjectRange, key, out, range, std::nullopt))
@@ -242,7 +244,7 @@ void Objects::put(const std::string& key, std::istream& content, std::uint64_t s
     }
     catch (const TransientException&)
     {
-        throw; // it may have been stored all the same
+        throw; // the object may have been stored
     }
     catch (...)
     {
@@ -263,16 +265,17 @@ std::vector<PartInfo> Objects::parts(const std::string& key)
     return cutIntoParts(object->size, object->tag, m_partSize);
 }
 
-/// Ask what an object is with its first bytes, and keep them if they are all: whoever opens a file reads it, mostly.
+/// Fetch an object's version together with its first bytes, and keep those if they are the whole content: a file that
+/// is opened is usually read.
 ///
 /// @return nothing when there is no such object
 std::optional<Version> Objects::fetchBeginning(const std::string& key)
 {
     S3Request request{Operation::GetObjectParts, key, "GET"};
-    request.headers.add("Range", rangeField(beginning));
+    request.headers.add("Range", rangeField(openingRange));
     std::ostringstream content;
     RangeReceiver receiver(
-        key, m_requester.contextOf(request), content, beginning, std::nullopt, RangeReceiver::End::MayExceedObject);
+        key, m_requester.contextOf(request), content, openingRange, std::nullopt, RangeReceiver::End::MayExceedObject);
     const HttpResponse response = m_requester.send(
         request, {404, 416}, [&](const HttpResponse& head, std::string_view bytes) { receiver.take(head, bytes); });
     if (response.status == 404)
@@ -280,7 +283,7 @@ std::optional<Version> Objects::fetchBeginning(const std::string& key)
         requireMissingKey(request, response);
         return std::nullopt;
     }
-    if (response.status == 416) // it has no first byte
+    if (response.status == 416) // the object is empty
     {
         const auto object = info(Operation::GetObjectParts, key);
         return object ? std::optional(Version{object->tag, object->size}) : std::nullopt;

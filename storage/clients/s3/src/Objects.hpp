@@ -16,11 +16,11 @@
 namespace storage::clients::s3
 {
 
-/// Whole objects of a bucket: what there is, its bytes, its removal. The operations are those of CloudClient.
+/// Whole objects of a bucket: lookup, listing, reading, writing, removal. The operations are those of CloudClient.
 class Objects
 {
 public:
-    /// @param partSize  bytes; what stored objects are cut into
+    /// @param partSize  bytes of the parts that stored objects are cut into
     Objects(Requester& requester, KnownVersions& versions, std::uint64_t partSize)
         : m_requester(requester)
         , m_versions(versions)
@@ -28,7 +28,7 @@ public:
     {
     }
 
-    /// @param operation  on whose behalf, for messages
+    /// @param operation  the caller's, for messages
     /// @return nothing when there is no such object
     std::optional<cloudprovider::ObjectInfo> info(Operation operation, const std::string& key);
 
@@ -42,7 +42,7 @@ public:
 
     /// Read from one version of an object.
     ///
-    /// @param operation  on whose behalf, for messages
+    /// @param operation  the caller's, for messages
     /// @param range      not empty; nothing: the whole object
     /// @param version    nothing: any
     /// @return bytes written; nothing when the object is not that version

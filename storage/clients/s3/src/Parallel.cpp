@@ -16,13 +16,13 @@
 namespace storage::clients::s3
 {
 
-void runParallel(std::size_t threads, const Tasks& tasks, std::size_t heavyAtOnce, const Tasks& heavyTasks)
+void runParallel(std::size_t threads, const Tasks& tasks, std::size_t maxHeavy, const Tasks& heavyTasks)
 {
     std::atomic<std::size_t> next = 0;
     std::atomic<std::size_t> nextHeavy = 0;
     std::atomic<bool> hasFailed = false;
     std::mutex mutex;
-    std::exception_ptr failure; // guarded by mutex; the first
+    std::exception_ptr failure; // guarded by mutex; the first one
     const auto run = [&](const Tasks& list, std::atomic<std::size_t>& at)
     {
         for (std::size_t i = at++; i < list.size() && !hasFailed; i = at++)
@@ -47,24 +47,24 @@ void runParallel(std::size_t threads, const Tasks& tasks, std::size_t heavyAtOnc
         }
         run(tasks, next);
     };
-    std::vector<std::future<void>> helpers;
+    std::vector<std::future<void>> others;
     for (std::size_t i = 1; i < std::min(threads, tasks.size() + heavyTasks.size()); ++i)
     {
         try
         {
-            helpers.push_back(std::async(std::launch::async, work, i < heavyAtOnce));
+            others.push_back(std::async(std::launch::async, work, i < maxHeavy));
         }
-        catch (const std::system_error& reason) // those that there are do everything
+        catch (const std::system_error& reason) // the threads that did start run all tasks
         {
             cloudprovider::getLogger().write(foundation::log::severity::warning,
-                fmt::format("Going on with {} threads, no further one starts: {}", i, reason.what()));
+                fmt::format("Continuing with {} threads, no further one starts: {}", i, reason.what()));
             break;
         }
     }
     work(true);
-    for (const std::future<void>& helper : helpers)
+    for (const std::future<void>& other : others)
     {
-        helper.wait();
+        other.wait();
     }
     if (failure)
     {

@@ -9,12 +9,12 @@ namespace storage::clients::s3
 
 using Tasks = std::vector<std::function<void()>>;
 
-/// Run tasks at the same time, each kind in its order, and wait for their end.
+/// Run tasks concurrently and wait for all of them. Tasks of one kind start in their order.
 ///
-/// Fewer run at once where threads cannot be had. After a failure no further task begins; the failure is thrown when
-/// those under way have ended.
-/// @param threads      most tasks that run at once; the caller's own thread runs some
-/// @param heavyAtOnce  most of the heavy ones that do; 1 at least
-void runParallel(std::size_t threads, const Tasks& tasks, std::size_t heavyAtOnce, const Tasks& heavyTasks);
+/// If threads cannot be started, fewer tasks run at a time. After a failure no further task starts; the first failure
+/// is thrown when the running tasks have ended.
+/// @param threads   maximum tasks that run at a time, some of them on the caller's thread
+/// @param maxHeavy  maximum heavy tasks that run at a time; at least 1
+void runParallel(std::size_t threads, const Tasks& tasks, std::size_t maxHeavy, const Tasks& heavyTasks);
 
 } // namespace storage::clients::s3

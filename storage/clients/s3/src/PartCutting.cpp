@@ -10,7 +10,7 @@ namespace storage::clients::s3
 std::vector<cloudprovider::PartInfo> cutIntoParts(
     std::uint64_t objectSize, const std::string& tag, std::uint64_t partSize)
 {
-    constexpr std::uint64_t step = 256 << 10; // sizes that a person recognises
+    constexpr std::uint64_t step = 256 << 10; // for round numbers
     const std::uint64_t maxCount = maxParts / 2;
     if (objectSize > maxCount * partSize)
     {

@@ -9,15 +9,17 @@
 namespace storage::clients::s3
 {
 
-/// Cut a stored object into parts, however it was written: a read or a copy takes any range of it.
+/// Cut a stored object into parts. How it was written does not matter: any range of it can be read or copied.
 ///
-/// Parts are of `partSize` bytes, so that touching a byte moves little. Of a large object they are larger, so that they
-/// come to half of the parts that the store takes at most: the others are left for what is appended. Of one that is
-/// hardly larger than a part must be at least, they are no smaller than that: the unchanged ones before the last would
-/// otherwise not fill a part of the new object.
-/// After several small ones comes one without bytes: what is appended then begins a part of its own, and nothing must
-/// be fetched and sent again for it.
-/// @return at least one part; one of no bytes for an empty object
+/// Parts have `partSize` bytes, so that accessing one byte transfers little. There are two exceptions:
+/// - Parts of a large object are larger, so that it has at most half as many parts as the store accepts. The other half
+///   is left for appended parts.
+/// - Parts of an object that is hardly larger than the store's minimum part size have at least that size. Otherwise the
+///   unchanged ones before the last could not fill a part of the new object.
+///
+/// If there are several parts below the store's minimum, an empty one follows: appended bytes then begin a part of
+/// their own, for which nothing has to be read and sent again.
+/// @return at least one part; an empty one for an empty object
 std::vector<cloudprovider::PartInfo> cutIntoParts(
     std::uint64_t objectSize, const std::string& tag, std::uint64_t partSize);
 

@@ -8,14 +8,14 @@
 namespace storage::clients::s3
 {
 
-/// Small parts of one upload that wait for what they will be sent with, in a temporary file without a name.
+/// Keeps the small parts of one upload in an unnamed temporary file until they are sent together with their neighbours.
 ///
-/// They would take memory without bound otherwise: a file that is rewritten in place consists of them. Safe for
-/// concurrent calls on different parts.
+/// In memory they would be unbounded: a file that is rewritten in place consists of them. Safe for concurrent calls on
+/// different parts.
 class PartSpool
 {
 public:
-    /// @param slot  bytes that no part exceeds
+    /// @param slot  maximum bytes of a part
     explicit PartSpool(std::size_t slot)
         : m_slot(slot)
     {
@@ -24,8 +24,8 @@ public:
     PartSpool& operator=(const PartSpool&) = delete;
     ~PartSpool();
 
-    /// Replace a part.
-    /// @throws cloudprovider::UnknownErrorException when there is no room; the part's old bytes may then be gone
+    /// Write a part, replacing an earlier one with the same index.
+    /// @throws cloudprovider::UnknownErrorException when there is no space; the part's old bytes may then be lost
     void write(std::size_t index, const std::string& bytes);
 
     /// @throws cloudprovider::UnknownErrorException when the file cannot be read
@@ -36,7 +36,7 @@ private:
 
     const std::size_t m_slot;
     mutable std::mutex m_mutex; // innermost; guards everything below
-    int m_file = -1;            // -1: nothing was held yet
+    int m_file = -1;            // -1: no part was written yet
 };
 
 } // namespace storage::clients::s3

@@ -19,8 +19,8 @@ using namespace cloudprovider;
 namespace
 {
 
-/// The MD5 of an object's bytes; empty where its tag is something else: that of an object made of parts, or encrypted
-/// with a key of somebody's own.
+/// The MD5 of an object's bytes; empty when its tag is not one, as for an object made of parts or encrypted with a
+/// customer's key.
 std::string hashIn(const HttpResponse& head, const std::string& tag)
 {
     const std::string* const encryption = head.headers.find("x-amz-server-side-encryption");
@@ -75,11 +75,11 @@ std::uint64_t RangeReceiver::finish(const HttpResponse& response)
     if (!m_expected || m_received != *m_expected)
     {
         throwMalformedResponse(
-            m_context, response, fmt::format("{} bytes came instead of {}", m_received, m_expected.value_or(0)));
+            m_context, response, fmt::format("{} bytes arrived instead of {}", m_received, m_expected.value_or(0)));
     }
     if (m_hash && m_hash->finish() != m_expectedHash)
     {
-        throwMalformedResponse(m_context, response, "the bytes are not those that the entity tag stands for");
+        throwMalformedResponse(m_context, response, "the bytes do not match the entity tag");
     }
     return m_received;
 }
@@ -91,7 +91,7 @@ void RangeReceiver::check(const HttpResponse& head)
     if (tag == nullptr || !length)
     {
         throwMalformedResponse(
-            m_context, head, "the answer lacks the entity tag or its length"); // an error document, perhaps
+            m_context, head, "the response lacks the entity tag or its length"); // an error document, perhaps
     }
     m_object = {unquotedTag(*tag), *length};
     if (m_version && m_object.tag != m_version->tag)
@@ -122,10 +122,10 @@ void RangeReceiver::checkRange(const HttpResponse& head, std::uint64_t length)
     }
     const std::string* const field = head.headers.find("Content-Range");
     const std::string_view place = field == nullptr ? "" : std::string_view(*field);
-    const auto objectSize = readNumber(place.substr(place.find('/') + 1)); // all of it when there is no slash
+    const auto objectSize = readNumber(place.substr(place.find('/') + 1)); // the whole text when there is no slash
     if (!objectSize)
     {
-        throwMalformedResponse(m_context, head, "the answer lacks the size of the object");
+        throwMalformedResponse(m_context, head, "the response lacks the size of the object");
     }
     const std::uint64_t asked = m_range->offset + m_range->size;
     const std::uint64_t end = m_end == End::MayExceedObject ? std::min(asked, *objectSize) : asked;
@@ -136,7 +136,7 @@ void RangeReceiver::checkRange(const HttpResponse& head, std::uint64_t length)
     if (length != end - m_range->offset ||
         place != fmt::format("bytes {}-{}/{}", m_range->offset, end - 1, *objectSize))
     {
-        throwMalformedResponse(m_context, head, "the answer has other bytes than were asked for");
+        throwMalformedResponse(m_context, head, "the response has other bytes than the requested ones");
     }
     m_object.size = *objectSize;
 }

@@ -17,45 +17,47 @@
 namespace storage::clients::s3
 {
 
-/// The object is not the version that was asked for; nothing of it was taken.
+/// Thrown when the object is not the requested version. No byte of it was passed on.
 struct VersionMismatch
 {
 };
 
-/// Throw that the object has become too short for a range.
+/// Throw that a range ends beyond the object, which has become shorter.
 [[noreturn]] void throwBeyondEnd(const std::string& key, const ByteRange& range);
 
-/// Bytes that an answer has; nothing when it does not say.
+/// The length of a response in bytes; nothing when it does not state it.
 std::optional<std::uint64_t> lengthOf(const HttpResponse& response);
 
-/// Hands the bytes of one good answer to a GET on, once its head has shown that they are those asked for.
+/// Passes on the bytes of one successful response to a GET, after checking that they are the requested ones.
 class RangeReceiver
 {
 public:
     enum class End
     {
-        WithinObject,   ///< the whole range must be there
-        MayExceedObject ///< what there is of it will do
+        WithinObject,   ///< the object must have the whole range
+        MayExceedObject ///< the range may end beyond the object; the bytes that exist are enough
     };
 
-    /// @param key      outlives the receiver, as `out` does
+    /// @param key      must outlive the receiver, like `out`
     /// @param range    not empty; nothing: the whole object
     /// @param version  nothing: any
     RangeReceiver(const std::string& key, FailureContext context, std::ostream& out, std::optional<ByteRange> range,
         std::optional<Version> version, End end = End::WithinObject);
 
-    /// @throws VersionMismatch, TransientException for a broken answer, UnknownErrorException for a range that ends
-    /// beyond
-    ///         the object, UnsupportedOperationException when the store ignores ranges
+    /// Check the head at the first piece, and pass a piece of the body on.
+    ///
+    /// @throws VersionMismatch; TransientException for a malformed response; UnknownErrorException for a range that
+    ///         ends beyond the object; UnsupportedOperationException when the store ignores ranges
     void take(const HttpResponse& head, std::string_view bytes);
 
-    /// Say that the answer has ended.
+    /// Check the body at its end.
     ///
     /// @return bytes received
-    /// @throws TransientException unless they are all of those announced, and the right ones as far as the answer tells
+    /// @throws TransientException when there are fewer than announced, or when they do not match the hash in the
+    ///         response
     std::uint64_t finish(const HttpResponse& response);
 
-    /// What the bytes are of; after finish().
+    /// The object that the bytes belong to; valid after finish().
     const Version& object() const noexcept { return m_object; }
 
 private:
@@ -68,11 +70,11 @@ private:
     const std::optional<ByteRange> m_range;
     const std::optional<Version> m_version;
     const End m_end;
-    std::optional<std::uint64_t> m_expected; // bytes; set once the head was found to be right
+    std::optional<std::uint64_t> m_expected; // bytes; set when the head has been checked
     std::uint64_t m_received = 0;
     Version m_object;
     std::string m_expectedHash;
-    std::optional<Md5> m_hash; // of what was received, where the answer tells what it should be
+    std::optional<Md5> m_hash; // of the received bytes, when the response states what it should be
 };
 
 } // namespace storage::clients::s3

@@ -19,7 +19,7 @@ using namespace cloudprovider;
 namespace
 {
 
-constexpr std::size_t maxKnownVersions = 16'384; // files open at once
+constexpr std::size_t maxKnownVersions = 16'384; // files open at the same time
 
 } // namespace
 

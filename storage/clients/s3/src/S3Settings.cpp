@@ -74,7 +74,7 @@ std::map<std::string, std::string> readParameters(std::string_view query)
         {
             continue;
         }
-        // Values are no form data: a "+" in a path is a plus.
+        // Values are not form data: a "+" in a path is a plus.
         std::string value = equals == std::string::npos ? "" : pair.substr(equals + 1);
         for (std::size_t plus = 0; (plus = value.find('+', plus)) != std::string::npos;)
         {
@@ -106,7 +106,7 @@ S3Settings parseS3Url(const std::string& url)
     }
     if (settings.bucket.find('@') != std::string::npos)
     {
-        refuse("credentials do not belong into a store's URL");
+        refuse("credentials must not be part of a store's URL");
     }
     std::string profile;
     bool anonymous = false;

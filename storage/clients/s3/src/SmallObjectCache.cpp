@@ -9,7 +9,7 @@ namespace storage::clients::s3
 namespace
 {
 
-constexpr std::size_t maxEntries = 128; // more than files are opened at a time; few enough to look through
+constexpr std::size_t maxEntries = 128; // more than files are opened at a time; few enough for a linear search
 
 } // namespace
 

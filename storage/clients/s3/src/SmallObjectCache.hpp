@@ -9,16 +9,16 @@
 namespace storage::clients::s3
 {
 
-/// Contents of small objects that came with the answer that told what they are, kept for the one read that follows.
+/// Contents of small objects that were fetched when they were opened, kept for the one read that follows.
 ///
-/// Bounded: those that nobody came for make room for newer ones. Safe for concurrent calls.
+/// Bounded: the oldest entry is evicted. Safe for concurrent calls.
 class SmallObjectCache
 {
 public:
-    /// @param tag  of the version that has this content
+    /// @param tag  entity tag of the version that has this content
     void keep(const std::string& key, const std::string& tag, std::string content);
 
-    /// Hand a content out, once; nothing when there is none of that version.
+    /// Remove and return the content of a version; nothing when there is none.
     std::optional<std::string> take(const std::string& key, const std::string& tag);
 
 private:
@@ -33,7 +33,7 @@ private:
     Entries::iterator find(const std::string& key);
 
     std::mutex m_mutex; // innermost
-    Entries m_entries;  // guarded by m_mutex; one for a key, the newest behind
+    Entries m_entries;  // guarded by m_mutex; at most one for each key, the newest last
 };
 
 } // namespace storage::clients::s3

@@ -19,7 +19,7 @@ using Segments = std::vector<PlannedBytes>;
 
 [[noreturn]] void refuse(const std::string& reason)
 {
-    throw cloudprovider::UnsupportedOperationException("the store takes no such parts: " + reason);
+    throw cloudprovider::UnsupportedOperationException("the store accepts no such parts: " + reason);
 }
 
 PlannedBytes bytesOf(const FilePart& part)
@@ -38,7 +38,7 @@ std::uint64_t sizeOf(const Segments& segments)
     return size;
 }
 
-/// Put bytes at the end of a row; ranges that continue each other become one.
+/// Append bytes to a row; adjacent ranges of the object are merged.
 void append(Segments& segments, const PlannedBytes& bytes)
 {
     if (!segments.empty() && segments.back().place == PartPlace::Object && bytes.place == PartPlace::Object &&
@@ -73,12 +73,13 @@ Segments takeFront(Segments& segments, std::uint64_t size)
     return front;
 }
 
-/// Plans the bytes between two parts that were sent, which the store takes only in parts of the least size or more;
-/// at the end of the file the last part is free.
+/// Plans the run of bytes between two uploaded parts. Each part of it must have the minimum size; only the last part of
+/// the file may be smaller.
 class PartRun
 {
 public:
-    /// @param room  most parts that it may have
+    /// @param isLast  whether it ends the file
+    /// @param room    maximum number of parts
     PartRun(const UploadLimits& limits, bool isLast, std::size_t room)
         : m_limits(limits)
         , m_isLast(isLast)
@@ -123,7 +124,7 @@ private:
         }
         if (bytes.size < m_limits.minPartSize && !isTail)
         {
-            append(m_pending, bytes); // too few for a copy
+            append(m_pending, bytes); // too few for a part of their own
         }
         else if (bytes.size > 0)
         {
@@ -141,12 +142,13 @@ private:
         }
     }
 
-    /// A rest that is too small, before a part that was sent, joins the part planned last.
+    /// Enlarge a remainder that is too small and stands before an uploaded part: it takes bytes from the part planned
+    /// last, or all of it.
     void fillFromPrevious()
     {
         if (m_parts.empty())
         {
-            refuse(fmt::format("{} bytes stand alone before a part that was sent", sizeOf(m_pending)));
+            refuse(fmt::format("{} bytes have no neighbour before an uploaded part", sizeOf(m_pending)));
         }
         PlannedPart& before = m_parts.back();
         const std::uint64_t missing = m_limits.minPartSize - sizeOf(m_pending);
@@ -169,7 +171,7 @@ private:
         }
     }
 
-    /// Make each part as many as it takes, of about the same size.
+    /// Split each planned part into as few parts of about equal size as the limits allow.
     std::vector<PlannedPart> split()
     {
         const std::uint64_t sendSize = minSendSize();
@@ -186,14 +188,14 @@ private:
         return pieces;
     }
 
-    /// Copies are as few as may be; what is sent is small, since it takes memory on its way.
+    /// Copies are as large as possible; parts that are sent are small, since they are kept in memory.
     std::uint64_t piecesOf(const PlannedPart& part, std::uint64_t sendSize) const
     {
         return part.how == How::Copy ? (part.size + m_limits.maxCopySize - 1) / m_limits.maxCopySize
                                      : std::max<std::uint64_t>(part.size / sendSize, 1);
     }
 
-    /// @return bytes, which any that is cut has at least, so that there are no more parts than there is room for
+    /// @return minimum bytes of a part that results from splitting, so that the number of parts stays within m_room
     std::uint64_t minSendSize() const
     {
         std::uint64_t largest = 0;
@@ -222,11 +224,11 @@ private:
     const bool m_isLast;
     const std::size_t m_room; // parts
     Segments m_bytes;
-    Segments m_pending;               // planned to be sent with what follows
-    std::vector<PlannedPart> m_parts; // each as large as it can be
+    Segments m_pending;               // to be sent together with the bytes that follow
+    std::vector<PlannedPart> m_parts; // not split yet
 };
 
-/// Each part of the file by itself.
+/// Plan each part of the file on its own.
 std::vector<PlannedPart> planEqual(const std::vector<FilePart>& file, const UploadLimits& limits)
 {
     std::vector<PlannedPart> parts;
@@ -279,7 +281,7 @@ std::vector<PlannedPart> planJoined(const std::vector<FilePart>& file, const Upl
         {
             if (!parts.empty() && parts.back().number > sent->index)
             {
-                refuse(fmt::format("too many of them stand before part {}", sent->index + 1));
+                refuse(fmt::format("too many of them precede part {}", sent->index + 1));
             }
             parts.push_back({sent->index + 1, How::Keep, sent->size, {}});
             ++next;
@@ -287,7 +289,7 @@ std::vector<PlannedPart> planJoined(const std::vector<FilePart>& file, const Upl
     }
     if (parts.empty())
     {
-        parts.push_back({1, How::Send, 0, {}}); // an object without bytes
+        parts.push_back({1, How::Send, 0, {}}); // an empty object
     }
     return parts;
 }
@@ -303,13 +305,13 @@ UploadPlan planUpload(const std::vector<FilePart>& file, const UploadLimits& lim
     }
     if (plan.size > limits.maxObjectSize)
     {
-        refuse(
-            fmt::format("they have {} bytes together, and an object has {} at most", plan.size, limits.maxObjectSize));
+        refuse(fmt::format("they have {} bytes in all, and an object has {} at most", plan.size, limits.maxObjectSize));
     }
     plan.parts = limits.equalParts ? planEqual(file, limits) : planJoined(file, limits);
     if (plan.parts.back().number > limits.maxParts)
     {
-        refuse(fmt::format("{} of them, and it takes {}", plan.parts.back().number, limits.maxParts));
+        refuse(fmt::format(
+            "there are {} of them, and an object has {} at most", plan.parts.back().number, limits.maxParts));
     }
     for (const PlannedPart& part : plan.parts)
     {

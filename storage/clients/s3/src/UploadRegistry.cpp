@@ -14,7 +14,7 @@ namespace storage::clients::s3
 namespace
 {
 
-constexpr std::size_t maxFinished = 4'096; // a file that is still open has ended its last upload not long ago
+constexpr std::size_t maxFinished = 4'096; // a file that is open has usually ended its last upload recently
 
 std::string newPrefix()
 {
@@ -51,7 +51,7 @@ std::string Upload::spoolPart(std::size_t index, const std::string& bytes)
 {
     {
         const std::lock_guard lock(m_mutex);
-        m_parts.erase(index); // its bytes may be lost when the new ones find no room
+        m_parts.erase(index); // its bytes may be lost if writing the new ones fails
     }
     m_spool.write(index, bytes);
     const std::lock_guard lock(m_mutex);
@@ -152,7 +152,7 @@ std::optional<std::string> UploadRegistry::ownIdOf(const std::string& storeId) c
         const std::lock_guard lock(m_mutex);
         return m_open;
     }();
-    for (const auto& [id, upload] : open) // one that is just being opened makes this wait
+    for (const auto& [id, upload] : open) // waits for one that is being opened
     {
         if (upload->storeId() == storeId)
         {

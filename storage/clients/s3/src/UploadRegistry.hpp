@@ -19,7 +19,7 @@
 namespace storage::clients::s3
 {
 
-/// One upload that this client began. The store hears of it with the first part that is sent. Safe for concurrent
+/// One upload that this client created. It is opened at the store with the first part that is sent. Safe for concurrent
 /// calls.
 class Upload
 {
@@ -27,14 +27,15 @@ public:
     struct Part
     {
         PartPlace place = PartPlace::Uploaded;
-        std::string tag;          ///< tells what was last sent for its index; of Store: the entity tag
+        std::string tag;          ///< identifies what was last uploaded for its index; of Uploaded: the entity tag
         std::size_t size = 0;     ///< bytes
         std::uint64_t offset = 0; ///< of Object: where it begins in the stored object
-        Version source = {};      ///< of Object
+        Version source = {};      ///< of Object: the stored object's version
     };
 
-    /// @param base   entity tag of the object that the new one is made from; empty: unknown, or of none
-    /// @param isNew  it is made from none
+    /// @param base   entity tag of the object that the new one replaces parts of; empty: there is none, or it is
+    ///               unknown
+    /// @param isNew  there is none
     Upload(std::string key, std::string base, bool isNew)
         : m_key(std::move(key))
         , m_base(std::move(base))
@@ -47,19 +48,18 @@ public:
     const std::string& base() const noexcept { return m_base; }
     bool isNew() const noexcept { return m_isNew; }
 
-    /// The store's own identifier.
+    /// The store's own id of the upload, which is opened first if it is not open.
     ///
-    /// @param open  opens the upload at the store and returns its identifier; called once, unless it throws: whoever
-    ///              comes next then tries again
+    /// @param open  opens the upload at the store and returns its id; not called again after it has succeeded
     std::string ensureStoreId(const std::function<std::string()>& open);
 
-    /// The same, without opening; empty as long as the store has not heard of the upload. Waits while it is opened.
+    /// The same, without opening; empty if the upload is not open at the store. Waits while it is being opened.
     std::string storeId() const;
 
     void setPart(std::size_t index, Part part);
     std::optional<Part> part(std::size_t index) const;
 
-    /// Keep a part's bytes here.
+    /// Keep a part's bytes in the spool.
     /// @return its tag
     std::string spoolPart(std::size_t index, const std::string& bytes);
     void readSpooled(const PlannedBytes& bytes, char* target) const
@@ -67,14 +67,14 @@ public:
         m_spool.read(bytes.index, bytes.offset, target, bytes.size);
     }
 
-    /// Remember what the store has made of a planned part, for the case that the completion fails and is repeated.
+    /// Remember that a planned part is in the store, for a retry of the completion.
     void recordDone(const PlannedPart& part, const std::string& tag);
-    /// @return its entity tag; nothing when it is still to be made
+    /// @return its entity tag; nothing when it is not in the store yet
     std::optional<std::string> doneTag(const PlannedPart& part) const;
     std::size_t doneCount() const;
     void forgetDone();
 
-    /// Whether an earlier request to end the upload was sent and its answer lost.
+    /// Whether an earlier completion request was sent and its response was lost.
     bool isOutcomeUnknown() const;
     void setOutcomeUnknown();
 
@@ -83,47 +83,49 @@ private:
     const std::string m_base;
     const bool m_isNew;
     PartSpool m_spool{minPartSize};
-    mutable std::mutex m_openingMutex;   // held while the store opens the upload; before m_mutex
+    mutable std::mutex m_openingMutex;   // held while the upload is opened; taken before m_mutex
     std::string m_storeId;               // guarded by m_openingMutex
     mutable std::mutex m_mutex;          // innermost; guards everything below
     std::map<std::size_t, Part> m_parts; // by index
-    std::map<std::size_t, std::pair<PlannedPart, std::string>> m_done; // by number; as long as no part is sent anew
+    std::map<std::size_t, std::pair<PlannedPart, std::string>> m_done; // by number; cleared when a part is uploaded
     std::uint64_t m_spoolCount = 0;
     bool m_isOutcomeUnknown = false;
 };
 
-/// The uploads that are open, and what has become of those that ended lately. Safe for concurrent calls.
+/// The open uploads of one client, and the outcome of those that ended recently. Safe for concurrent calls.
 class UploadRegistry
 {
 public:
     UploadRegistry();
 
-    /// Begin one that is made from the object of which a part has that tag; empty: from none.
-    /// @return its identifier, which no store makes
+    /// Register a new upload.
+    ///
+    /// @param tag  of a part of the object that the new one is made from; empty: it is made from none
+    /// @return its id, which is different from every store's ids
     std::string begin(const std::string& key, const std::string& tag);
 
     /// @return the open upload
-    /// @throws cloudprovider::ResourceNotFoundException when there is none of that identifier for the key
+    /// @throws cloudprovider::ResourceNotFoundException when the key has no open upload with this id
     std::shared_ptr<Upload> find(const std::string& key, const std::string& id) const;
 
     bool isOwn(const std::string& id) const { return id.starts_with(m_prefix); }
 
-    /// Forget an open upload, and remember the version of the object that its parts now stand for.
+    /// Remove an upload that has ended, and remember the version of the object that its parts belong to now.
     /// @param version  entity tag of the completed object; of the upload's base when it was aborted
     void finish(const std::string& id, const std::string& version);
 
-    /// The identifier that this client gave an upload of the store; nothing when it is not one of its own.
+    /// This client's id for an upload, given the store's id; nothing when this client did not create the upload.
     std::optional<std::string> ownIdOf(const std::string& storeId) const;
 
-    /// The tag that a part goes by outside this client, from which versionOf() finds its object.
+    /// The tag of a part outside this client. versionOf() finds the part's object by it.
     static std::string partTag(const std::string& id, const std::string& tag) { return id + ':' + tag; }
 
-    /// The entity tag of the object that a part is of: the tag itself, as getObjectParts() has it, or for a part of an
-    /// upload what the upload has made. Nothing when the upload ended too long ago.
+    /// The entity tag of the object that a part belongs to. A tag from getObjectParts() is that entity tag; the tag of
+    /// an uploaded part stands for the object that the upload made. Nothing when the upload ended too long ago.
     std::optional<std::string> versionOf(const std::string& tag) const;
 
 private:
-    const std::string m_prefix; // of the identifiers of this instance
+    const std::string m_prefix; // of the ids of this instance
     mutable std::mutex m_mutex; // innermost; guards everything below
     std::uint64_t m_count = 0;
     std::unordered_map<std::string, std::shared_ptr<Upload>> m_open;

@@ -163,19 +163,19 @@ TEST_F(CredentialsTest, AreTakenFromServices)
         {"id/S3CRET/tS3CRET.", container, {{"/c?d", good}}, "/c?d"},
         {"id/S3CRET/tS3CRET.", container, {{"/", document("id", "9999-12-31T23:59:59.9Z")}}},
         {"later: ", container, {{"/", document("id", "2024-05-01T02:00:00.1+02:00")}}}, // expired
-        {"time of expiry", container, {{"/", document("id", "2024-02-30T01:00:00Z")}}},
+        {"its expiry is not a time", container, {{"/", document("id", "2024-02-30T01:00:00Z")}}},
         {"never: ", container, {{"/", document("", "2024-05-01T01:00:00Z")}}},
-        {"it is no JSON", container, {{"/", {.body = "S3CRET{"}}}},
+        {"it is not JSON", container, {{"/", {.body = "S3CRET{"}}}},
         {"never: ", container, {{"/", {403, {}, "S3CRET"}}}},
         {"later: ", container, {{"/", {503, {}, "S3CRET"}}}},
         {"later: ", container, {{"/", Reply::reset()}}},
         {"id/S3CRET/tS3CRET.", machine, {token, {roles, {.body = "r@1\n"}}, {roles + "r@1", good}}, "/", 3},
         {"no role for this machine", machine, {token}, "", 2},
-        {"names no role", machine, {token, {roles, {.body = "../r"}}}, "", 2},
+        {"returned no role", machine, {token, {roles, {.body = "../r"}}}, "", 2},
         {"it reports AssumeRoleUnauthorizedAccess", machine,
             {token, {roles, {.body = "r"}}, {roles + "r", {.body = R"({"Code":"AssumeRoleUnauthorizedAccess"})"}}}, "",
             3},
-        {"gives no token: status 404", machine, {}},
+        {"returned no token: status 404", machine, {}},
         {"later: ", machine, {{tokens, Reply::reset()}}},
     };
     write("token", "fileS3CRET\n");
@@ -213,12 +213,12 @@ TEST_F(CredentialsTest, AreMissingWhereTheServiceNeverResponded)
     auto server = std::make_unique<LoopbackServer>([](const Request&) { return Reply{.body = "../"}; });
     const Environment::Variables variables = {{machine, server->url()}, {"AWS_EC2_METADATA_DISABLED", ""}};
     const auto seen = source(variables);
-    EXPECT_THAT(outcomeOf(*seen), HasSubstr("names no role"));
+    EXPECT_THAT(outcomeOf(*seen), HasSubstr("returned no role"));
     server.reset();
     now = now.load() + 2h;
     EXPECT_THAT(outcomeOf(*seen), HasSubstr("later: "));
     EXPECT_THAT(outcomeOf(*source(variables)),
-        testing::AllOf(HasSubstr("never: "), HasSubstr("the machine's metadata service does not answer")));
+        testing::AllOf(HasSubstr("never: "), HasSubstr("the machine's metadata service does not respond")));
 }
 
 /// Gives credentials of an hour, numbered, unless told to fail.

@@ -26,9 +26,9 @@ using namespace std::chrono_literals;
 constexpr const char* relative = "AWS_CONTAINER_CREDENTIALS_RELATIVE_URI";
 constexpr const char* full = "AWS_CONTAINER_CREDENTIALS_FULL_URI";
 constexpr const char* tokenFile = "AWS_CONTAINER_AUTHORIZATION_TOKEN_FILE";
-constexpr auto deadline = 5s; // the host may have to ask others first
+constexpr auto deadline = 5s; // the host itself may have to send requests
 
-/// Read a part of an address as the library that will connect reads it, so that both mean the same host.
+/// Parse a part of a URL with the library that will connect to it, so that both see the same host.
 std::string partOf(CURLU* address, CURLUPart part)
 {
     char* text = nullptr;
@@ -40,7 +40,7 @@ std::string partOf(CURLU* address, CURLUPart part)
     return text;
 }
 
-/// Whether what is sent to the host stays on this machine.
+/// Whether requests to the host stay on this machine.
 bool isLocal(const std::string& host)
 {
     in_addr address{};
@@ -60,12 +60,12 @@ void checkAddress(const std::string& text)
     }
     if (curl_url_set(address.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK)
     {
-        throw invalidCredentials(std::string(full) + " is no address");
+        throw invalidCredentials(std::string(full) + " is not a valid URL");
     }
     const std::string scheme = partOf(address.get(), CURLUPART_SCHEME);
     if (!partOf(address.get(), CURLUPART_USER).empty())
     {
-        throw invalidCredentials(std::string(full) + " must not have a user's name");
+        throw invalidCredentials(std::string(full) + " must not contain a user name");
     }
     if (scheme != "https" && (scheme != "http" || !isLocal(partOf(address.get(), CURLUPART_HOST))))
     {
@@ -92,7 +92,7 @@ std::string authorization(const Environment& environment)
     token.erase(token.find_last_not_of(" \t\r\n") + 1);
     if (std::any_of(token.begin(), token.end(), [](char letter) { return letter >= 0 && letter < ' '; }))
     {
-        throw invalidCredentials("the authorization token of the container is more than one line");
+        throw invalidCredentials("the authorization token of the container has more than one line");
     }
     return token;
 }
@@ -112,7 +112,7 @@ CredentialsProvider::LoadResult ContainerCredentials::load()
         return NoCredentials{std::string("neither ") + relative + " nor " + full + " is set"};
     }
     HttpHeaders headers;
-    // Read each time: such a file is replaced while the program runs.
+    // Read each time: the file may be replaced while the program runs.
     if (std::string token = authorization(m_environment); !token.empty())
     {
         headers.add("Authorization", std::move(token));
@@ -124,7 +124,7 @@ CredentialsProvider::LoadResult ContainerCredentials::load()
     }
     catch (const HttpFailure& failure)
     {
-        const std::string detail = service.name() + " does not answer: " + failure.what();
+        const std::string detail = service.name() + " does not respond: " + failure.what();
         if (failure.isTransient())
         {
             throw credentialsUnavailable(detail);

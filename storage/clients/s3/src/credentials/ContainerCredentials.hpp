@@ -10,7 +10,7 @@ namespace storage::clients::s3
 
 class MetadataService;
 
-/// The endpoint from which the host of a container gives it credentials.
+/// Credentials from the endpoint that a container's host provides.
 class ContainerCredentials : public CredentialsProvider
 {
 public:
@@ -18,10 +18,10 @@ public:
 
     LoadResult load() override;
 
-    /// The address to ask; nothing when no variable names one.
+    /// The URL of the endpoint; nothing when no variable names one.
     ///
-    /// @throws cloudprovider::InvalidCredentialsException for an address to which the token, or from which the
-    ///         credentials, would pass through a network unencrypted
+    /// @throws cloudprovider::InvalidCredentialsException for a URL with which the token or the credentials would cross
+    ///         a network unencrypted
     static std::optional<std::string> address(const Environment& environment);
 
 private:

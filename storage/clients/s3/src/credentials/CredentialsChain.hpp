@@ -10,14 +10,14 @@
 namespace storage::clients::s3
 {
 
-/// The places where defaultCredentials() looks; the first that has credentials counts.
+/// The providers behind defaultCredentials(), in order. The first one that has credentials is used.
 class CredentialsChain : public CredentialsProvider
 {
 public:
     CredentialsChain(const Environment& environment, const std::string& profile);
 
-    /// @return the reasons of all places when none has any
-    /// @throws what a place throws; the places after it are not asked
+    /// @return the reasons of all providers when none has credentials
+    /// @throws what a provider throws; later providers are then not used
     LoadResult load() override;
 
 private:

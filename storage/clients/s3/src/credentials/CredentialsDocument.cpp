@@ -18,10 +18,10 @@ using Document = boost::property_tree::ptree;
 
 CredentialsDocumentError badExpiry()
 {
-    return CredentialsDocumentError("its time of expiry is none");
+    return CredentialsDocumentError("its expiry is not a time");
 }
 
-/// Takes digits and the mark after them off the front of the text.
+/// Parse and remove digits, and the mark that follows them, at the front of the text.
 int takeNumber(std::string_view& text, std::size_t digits, std::string_view marks)
 {
     int number = -1;
@@ -42,7 +42,7 @@ int takeNumber(std::string_view& text, std::size_t digits, std::string_view mark
     return number;
 }
 
-/// A time as RFC 3339 writes it, fractions of a second dropped: "2024-05-01T12:34:56Z".
+/// Parse a time of RFC 3339, such as "2024-05-01T12:34:56Z". Fractions of a second are dropped.
 std::chrono::sys_seconds readTime(std::string_view text)
 {
     using namespace std::chrono;
@@ -92,7 +92,7 @@ IssuedCredentials readCredentialsDocument(const std::string& text)
     }
     catch (const boost::property_tree::json_parser_error&)
     {
-        throw CredentialsDocumentError("it is no JSON");
+        throw CredentialsDocumentError("it is not JSON");
     }
     if (const auto code = document.get<std::string>("Code", "Success"); code != "Success")
     {

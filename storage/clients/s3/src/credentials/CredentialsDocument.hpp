@@ -8,14 +8,14 @@
 namespace storage::clients::s3
 {
 
-/// An answer that holds no credentials. what() says why and has nothing of the document but its code of failure.
+/// A document without credentials. what() says why, and contains nothing of the document except its error code.
 class CredentialsDocumentError : public std::runtime_error
 {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/// Read the JSON document by which containers and machines are given credentials.
+/// Parse the JSON document in which containers and machines receive credentials.
 ///
 /// @throws CredentialsDocumentError
 IssuedCredentials readCredentialsDocument(const std::string& text);

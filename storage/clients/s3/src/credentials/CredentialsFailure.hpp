@@ -8,7 +8,7 @@
 namespace storage::clients::s3
 {
 
-/// @param detail  what is wrong, where, and what to do about it; never a secret nor a line that may hold one
+/// @param detail  what is wrong, where, and the remedy; never a secret or a line that may contain one
 cloudprovider::InvalidCredentialsException invalidCredentials(const std::string& detail);
 
 /// @param detail  as above

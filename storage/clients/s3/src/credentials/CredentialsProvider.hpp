@@ -13,17 +13,17 @@ namespace storage::clients::s3
 struct IssuedCredentials
 {
     Credentials credentials;
-    /// Nothing: they stay valid. In seconds, as nanoseconds end in 2262 and some say that theirs expire in 9999.
+    /// Nothing: they do not expire. In seconds: nanoseconds end in 2262, and some services send a time in 9999.
     std::optional<std::chrono::sys_seconds> expiry = {};
 };
 
-/// Why a place has no credentials, for people: "AWS_ACCESS_KEY_ID is not set".
+/// Why a provider has no credentials, for people: "AWS_ACCESS_KEY_ID is not set".
 struct NoCredentials
 {
     std::string reason;
 };
 
-/// Somewhere credentials may be found. Used by one thread at a time.
+/// One place that may have credentials. Used by one thread at a time.
 class CredentialsProvider
 {
 public:
@@ -34,11 +34,11 @@ public:
     CredentialsProvider& operator=(const CredentialsProvider&) = delete;
     virtual ~CredentialsProvider() = default;
 
-    /// Look anew.
+    /// Load the credentials that the place has now.
     ///
-    /// @return NoCredentials when nobody has set this place up: the next one may have some
-    /// @throws cloudprovider::InvalidCredentialsException when it is set up wrongly, so that going on to the next place
-    ///         would use somebody else's credentials; TransientException when it does not answer at the moment
+    /// @return NoCredentials when the place is not set up: the next provider may have some
+    /// @throws cloudprovider::InvalidCredentialsException when it is set up wrongly: the next provider's credentials
+    ///         would be somebody else's; TransientException when it does not respond at the moment
     virtual LoadResult load() = 0;
 };
 

@@ -15,7 +15,7 @@ Environment Environment::ofProcess()
     {
         const std::string_view text = *entry;
         const std::size_t end = text.find('=');
-        // The rest of the environment is none of our business, and has secrets of its own.
+        // Other variables are not needed, and some contain secrets.
         if (end != text.npos && (text.starts_with("AWS_") || text.substr(0, end) == "HOME"))
         {
             variables.emplace(text.substr(0, end), text.substr(end + 1));

@@ -6,18 +6,18 @@
 namespace storage::clients::s3
 {
 
-/// The variables that lead to credentials, as they were when the value was made.
+/// The environment variables that matter for credentials, as they were when the value was created.
 class Environment
 {
 public:
     using Variables = std::map<std::string, std::string, std::less<>>;
 
-    /// Those of the process. No other thread may change the environment meanwhile.
+    /// Read those of the process. No other thread may change the environment during the call.
     static Environment ofProcess();
 
     explicit Environment(Variables variables);
 
-    /// Empty when the variable is not set, which means the same. Valid for the life of this.
+    /// The value of a variable; empty when it is not set, which means the same. Valid as long as this object.
     const std::string& operator[](std::string_view name) const;
 
 private:

@@ -6,7 +6,7 @@
 namespace storage::clients::s3
 {
 
-/// Credentials in the variables themselves.
+/// Credentials from environment variables.
 class EnvironmentCredentials : public CredentialsProvider
 {
 public:

@@ -15,7 +15,7 @@ namespace
 using namespace std::chrono_literals;
 
 constexpr auto deadline = 2s;
-constexpr const char* tokenLifetime = "60"; // seconds; one look needs it, the next takes a new one
+constexpr const char* tokenLifetime = "60"; // seconds; each load requests a new token
 constexpr const char* roles = "/latest/meta-data/iam/security-credentials/";
 
 std::string endpointOf(const Environment& environment)
@@ -34,7 +34,7 @@ std::string firstLine(std::string_view text)
     return std::string(text.substr(0, text.find_first_of("\r\n")));
 }
 
-/// Whether what the service said may become a part of the next address.
+/// Whether text from the service may become a part of the next URL.
 bool isRoleName(std::string_view text)
 {
     constexpr std::string_view letters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+=,.@_-";
@@ -62,8 +62,8 @@ CredentialsProvider::LoadResult MachineCredentials::load()
     }
     catch (const HttpFailure& failure)
     {
-        const std::string detail = m_service.name() + " does not answer: " + failure.what();
-        if (failure.kind() == HttpFailure::Kind::Unreachable && !m_hasAnswered)
+        const std::string detail = m_service.name() + " does not respond: " + failure.what();
+        if (failure.kind() == HttpFailure::Kind::Unreachable && !m_hasResponded)
         {
             return NoCredentials{detail};
         }
@@ -80,10 +80,10 @@ CredentialsProvider::LoadResult MachineCredentials::ask()
     HttpHeaders request;
     request.add("X-aws-ec2-metadata-token-ttl-seconds", tokenLifetime);
     const HttpResponse token = m_service.send("PUT", m_endpoint + "/latest/api/token", request);
-    m_hasAnswered = true;
+    m_hasResponded = true;
     if (token.status != 200)
     {
-        return NoCredentials{m_service.name() + " gives no token: status " + std::to_string(token.status)};
+        return NoCredentials{m_service.name() + " returned no token: status " + std::to_string(token.status)};
     }
     HttpHeaders headers;
     headers.add("X-aws-ec2-metadata-token", firstLine(token.body));
@@ -95,7 +95,7 @@ CredentialsProvider::LoadResult MachineCredentials::ask()
     const std::string name = firstLine(role.body);
     if (role.status != 200 || !isRoleName(name))
     {
-        throw invalidCredentials(m_service.name() + " names no role: status " + std::to_string(role.status));
+        throw invalidCredentials(m_service.name() + " returned no role: status " + std::to_string(role.status));
     }
     return m_service.read(m_service.send("GET", m_endpoint + roles + name, headers));
 }

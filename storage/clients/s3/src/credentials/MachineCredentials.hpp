@@ -9,14 +9,15 @@
 namespace storage::clients::s3
 {
 
-/// The metadata service of a virtual machine, version 2: a token first, then the name of the machine's role, then the
-/// role's credentials.
+/// Credentials from the metadata service of a virtual machine, version 2: requests a token, then the name of the
+/// machine's role, then the role's credentials.
 class MachineCredentials : public CredentialsProvider
 {
 public:
     explicit MachineCredentials(const Environment& environment);
 
-    /// That nobody answers is no failure before the service has answered once: most machines have none.
+    /// As long as the service has never responded, it is not a failure that it cannot be reached: most machines have
+    /// none.
     LoadResult load() override;
 
 private:
@@ -25,7 +26,7 @@ private:
     const bool m_isDisabled;
     const std::string m_endpoint;
     MetadataService m_service;
-    bool m_hasAnswered = false;
+    bool m_hasResponded = false;
 };
 
 } // namespace storage::clients::s3

@@ -13,34 +13,34 @@ using namespace std::chrono_literals;
 MetadataService::MetadataService(std::string name, std::chrono::milliseconds deadline)
     : m_name(std::move(name))
     , m_deadline(deadline)
-    , m_client({.timeouts = {.connect = 1s}}) // where there is no such service, nothing answers at all
+    , m_client({.timeouts = {.connect = 1s}}) // where there is no such service, nothing responds
 {
 }
 
 HttpResponse MetadataService::send(const std::string& method, const std::string& url, const HttpHeaders& headers)
 {
-    HttpResponse answer = m_client.perform(
+    HttpResponse response = m_client.perform(
         {.method = method, .url = url, .headers = headers, .deadline = m_deadline, .bypassProxy = true});
-    if (answer.status == 429 || answer.status >= 500)
+    if (response.status == 429 || response.status >= 500)
     {
-        throw credentialsUnavailable(m_name + " answers with status " + std::to_string(answer.status));
+        throw credentialsUnavailable(m_name + " returned status " + std::to_string(response.status));
     }
-    return answer;
+    return response;
 }
 
-IssuedCredentials MetadataService::read(const HttpResponse& answer) const
+IssuedCredentials MetadataService::read(const HttpResponse& response) const
 {
-    if (answer.status != 200)
+    if (response.status != 200)
     {
-        throw invalidCredentials(m_name + " gives no credentials: status " + std::to_string(answer.status));
+        throw invalidCredentials(m_name + " returned no credentials: status " + std::to_string(response.status));
     }
     try
     {
-        return readCredentialsDocument(answer.body);
+        return readCredentialsDocument(response.body);
     }
     catch (const CredentialsDocumentError& fault)
     {
-        throw invalidCredentials("what " + m_name + " answers is no document of credentials: " + fault.what());
+        throw invalidCredentials("the response of " + m_name + " is not a credentials document: " + fault.what());
     }
 }
 

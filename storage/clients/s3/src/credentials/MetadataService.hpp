@@ -10,23 +10,27 @@
 namespace storage::clients::s3
 {
 
-/// A small server beside the program, in its container's host or its machine, that hands out credentials.
+/// A local server that provides credentials to programs in a container or on a virtual machine.
 ///
-/// Always asked directly, never through a proxy. Errors name the service and have nothing of what it answered.
+/// Requests never go through a proxy. Errors name the service and contain nothing of its responses.
 class MetadataService
 {
 public:
     /// @param name      for errors
-    /// @param deadline  for each request; a service that is there answers within milliseconds
+    /// @param deadline  for each request; a service that exists responds within milliseconds
     MetadataService(std::string name, std::chrono::milliseconds deadline);
 
-    /// @return the answer, whatever its status, but for those that say "try again later"
-    /// @throws HttpFailure when there is none
-    /// @throws TransientException for a status of 429 and from 500
+    /// Send a request without a body.
+    ///
+    /// @return the response, of any status not mentioned below
+    /// @throws HttpFailure when there is no response
+    /// @throws TransientException for status 429, and 500 and above
     HttpResponse send(const std::string& method, const std::string& url, const HttpHeaders& headers);
 
-    /// @throws cloudprovider::InvalidCredentialsException when the answer refuses them or cannot be understood
-    IssuedCredentials read(const HttpResponse& answer) const;
+    /// Parse the credentials in a response.
+    ///
+    /// @throws cloudprovider::InvalidCredentialsException when the response is a refusal or malformed
+    IssuedCredentials read(const HttpResponse& response) const;
 
     const std::string& name() const noexcept { return m_name; }
 

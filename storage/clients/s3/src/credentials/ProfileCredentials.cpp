@@ -10,7 +10,7 @@ namespace storage::clients::s3
 namespace
 {
 
-/// Where to find a file: by its variable, else under the home folder; empty when there is neither.
+/// The path of a file: from its variable, else under the home folder; empty when neither is set.
 std::filesystem::path locate(const Environment& environment, std::string_view variable, std::string_view underHome)
 {
     const std::string& given = environment[variable];
@@ -19,7 +19,7 @@ std::filesystem::path locate(const Environment& environment, std::string_view va
     {
         return given;
     }
-    // No shell has replaced the tilde when the variable comes from a unit file.
+    // A variable from a unit file has not been through a shell, which would have replaced the tilde.
     return home.empty() ? home : home / (given.empty() ? underHome : std::string_view(given).substr(2));
 }
 
@@ -50,7 +50,7 @@ std::string setting(const Profile& profile, std::string_view name)
     return found == profile.end() ? std::string() : found->second;
 }
 
-/// A setting by which the store's own tools get credentials in a way that is not built here; empty when there is none.
+/// A setting that makes the store's own tools get credentials in a way not supported here; empty when there is none.
 std::string_view otherWay(const Profile& profile)
 {
     for (const std::string_view name :
@@ -101,7 +101,7 @@ CredentialsProvider::LoadResult ProfileCredentials::load()
         const std::string secret = setting(found->second, "aws_secret_access_key");
         if (!keyId.empty() && !secret.empty())
         {
-            // A token belongs to its keys: never one of another file.
+            // A token belongs to its keys: one from the other file would be wrong.
             return IssuedCredentials{{keyId, secret, setting(found->second, "aws_session_token")}};
         }
         if (!keyId.empty() || !secret.empty())

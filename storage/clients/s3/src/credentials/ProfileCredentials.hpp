@@ -10,24 +10,24 @@
 namespace storage::clients::s3
 {
 
-/// One profile of the shared files.
+/// Credentials from one profile of the shared files.
 class ProfileCredentials : public CredentialsProvider
 {
 public:
     /// @param profile  empty: the one that the environment names, else "default"
     ProfileCredentials(const Environment& environment, const std::string& profile);
 
-    /// A profile that was asked for by name and is in neither file is a failure; that there is no "default" is none.
+    /// It is a failure if a profile that was chosen by name is in neither file. A missing "default" is not a failure.
     LoadResult load() override;
 
-    /// Empty when the profile names none or does not exist.
+    /// The profile's region; empty when it has none or does not exist.
     /// @throws cloudprovider::InvalidCredentialsException when a file cannot be read
     std::string region() const;
 
 private:
     const std::string m_name;
-    const bool m_isNamed;                  // somebody asked for this very profile
-    const std::vector<SharedFile> m_files; // the first that has what is wanted counts
+    const bool m_isNamed;                  // by the caller or the environment
+    const std::vector<SharedFile> m_files; // the first one that has a setting is used
 };
 
 } // namespace storage::clients::s3

@@ -16,16 +16,16 @@ namespace
 using namespace std::chrono_literals;
 
 constexpr std::chrono::seconds refreshAhead =
-    5min; // of the expiry; a request that is signed now may wait and be repeated
-constexpr std::chrono::seconds minLifetime = 10s; // a service may give the same ones until shortly before they expire
+    5min; // before the expiry: a request that is signed now may be delayed and retried
+constexpr std::chrono::seconds minLifetime = 10s; // a service may return the same ones until shortly before they expire
 
-// How long a look that found nothing counts.
-constexpr std::chrono::seconds retryMissing = 60s;          // nobody sets up credentials more often
-constexpr std::chrono::seconds retryFailed = 1s;            // threads that waited together fail together
-constexpr std::chrono::seconds retryFailedWhileValid = 30s; // there is time
+// How long a failed load is cached.
+constexpr std::chrono::seconds retryMissing = 60s;          // credentials are not set up more often
+constexpr std::chrono::seconds retryFailed = 1s;            // threads that have waited for the same load fail together
+constexpr std::chrono::seconds retryFailedWhileValid = 30s; // the old ones can still be used
 
-/// A field of a request ends at a control character, and what follows would be taken for the next one. Most often it is
-/// the end of line of the file that a variable was filled from.
+/// Refuse control characters: one would end its field of a request, and the text after it would become another field.
+/// Most often it is the end of line of a file that a variable was read from.
 void checkUsable(const Credentials& credentials)
 {
     const auto isControl = [](char letter) { return (letter >= 0 && letter < ' ') || letter == 0x7F; };
@@ -113,7 +113,7 @@ RefreshingCredentials::Outcome RefreshingCredentials::tryLoad() noexcept
         checkUsable(issued.credentials);
         if (issued.expiry && *issued.expiry <= m_clock())
         {
-            return Failure{true, "the credentials given have expired already; is the clock of this machine right?"};
+            return Failure{true, "the new credentials have already expired; check the clock of this machine"};
         }
         return std::move(issued);
     }
@@ -127,7 +127,7 @@ RefreshingCredentials::Outcome RefreshingCredentials::tryLoad() noexcept
     }
     catch (const std::exception& exception)
     {
-        return Failure{true, std::string("looking for credentials: ") + exception.what()};
+        return Failure{true, std::string("loading credentials: ") + exception.what()};
     }
 }
 
@@ -147,9 +147,9 @@ void RefreshingCredentials::keep(Failure failure, TimePoint now)
         if (logger.isEnabled(foundation::log::severity::warning))
         {
             logger.write(foundation::log::severity::warning,
-                "Going on with the credentials at hand, which could not be replaced: " + failure.detail);
+                "Continuing with the present credentials, which could not be replaced: " + failure.detail);
         }
-        // What is valid without end is replaced only when refresh() has dropped it, so there is an expiry.
+        // Credentials without an expiry are only replaced after refresh() has dropped them, so these have one.
         m_reloadAfter = std::min(retryFailedWhileValid, m_issued->expiry.value_or(TimePoint::max()) - now);
     }
     else
@@ -167,7 +167,7 @@ bool RefreshingCredentials::isValid(TimePoint now) const
 bool RefreshingCredentials::isDue(TimePoint now) const
 {
     const auto age = now - m_loadedAt;
-    return age < 0s || age >= m_reloadAfter; // a clock that was set back says nothing
+    return age < 0s || age >= m_reloadAfter; // negative: the clock was set back
 }
 
 RefreshingCredentials::TimePoint RefreshingCredentials::systemTime()

@@ -14,23 +14,23 @@
 namespace storage::clients::s3
 {
 
-/// Keeps what a place has given, and looks there again before it expires.
+/// Caches a provider's credentials, and loads new ones before they expire.
 ///
-/// One thread looks; the others go on with what is still valid, or wait for it. What was found missing is not looked
-/// for again for a while, so that not every request waits for a service that does not answer.
+/// One thread loads at a time. Meanwhile other threads use the old credentials while those are valid, or else wait. A
+/// failure is cached for a while, too, so that not every request waits for a service that does not respond.
 class RefreshingCredentials : public CredentialsSource
 {
 public:
     using TimePoint = std::chrono::sys_seconds;
     using Clock = std::function<TimePoint()>;
 
-    /// @param clock  replaced by tests
+    /// @param clock  the current time
     explicit RefreshingCredentials(std::unique_ptr<CredentialsProvider> provider, Clock clock = systemTime);
 
     Credentials credentials() override;
 
-    /// Nothing when they were found within the last ten seconds: then another caller, refused together with this one,
-    /// has fetched them already, or fetching does not help.
+    /// Does nothing within ten seconds after a load: another caller that was refused at the same time has already
+    /// loaded new credentials, or loading does not help.
     void refresh() override;
 
 private:
@@ -41,9 +41,9 @@ private:
     };
     using Outcome = std::variant<IssuedCredentials, Failure>;
 
-    /// Look, with m_mutex released meanwhile.
+    /// Load, with m_mutex released meanwhile.
     void load(std::unique_lock<std::mutex>& lock);
-    Outcome tryLoad() noexcept; // an exception would leave the others waiting for good
+    Outcome tryLoad() noexcept; // an exception would leave other threads waiting forever
     void keep(IssuedCredentials issued, TimePoint now);
     void keep(Failure failure, TimePoint now);
 
@@ -53,16 +53,16 @@ private:
     static TimePoint systemTime();
 
     const Clock m_clock;
-    const std::unique_ptr<CredentialsProvider> m_provider; // used by the one thread that has set m_isLoading
+    const std::unique_ptr<CredentialsProvider> m_provider; // used only by the thread that has set m_isLoading
 
-    // Innermost but for the logger's; released while a thread looks.
+    // Innermost except for the logger's; released while a thread loads.
     std::mutex m_mutex;
     std::condition_variable m_loaded;
     bool m_isLoading = false;                  // guarded by m_mutex, as is all below
-    std::optional<IssuedCredentials> m_issued; // what was found last, valid or not
-    std::optional<Failure> m_failure;          // of the last look
+    std::optional<IssuedCredentials> m_issued; // loaded last, valid or not
+    std::optional<Failure> m_failure;          // of the last load
     TimePoint m_loadedAt{};
-    std::chrono::seconds m_reloadAfter{0}; // how long after m_loadedAt the next look is due
+    std::chrono::seconds m_reloadAfter{0}; // how long after m_loadedAt the next load is due
 };
 
 } // namespace storage::clients::s3

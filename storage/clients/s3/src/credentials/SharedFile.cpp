@@ -48,7 +48,7 @@ std::string lowerCase(std::string_view text)
     return result;
 }
 
-/// The profile that a section holds; nothing when it is another kind of section.
+/// The profile that a section describes; nothing when it is another kind of section.
 std::optional<std::string> profileName(SharedFile::Kind kind, std::string_view section)
 {
     constexpr std::string_view prefix = "profile";
@@ -90,7 +90,7 @@ public:
     std::map<std::string, Profile, std::less<>> takeProfiles() { return std::move(m_profiles); }
 
 private:
-    static constexpr std::size_t noSetting = std::string_view::npos; // no line is indented deeper
+    static constexpr std::size_t noSetting = std::string_view::npos; // no line can be indented deeper
 
     std::string_view takeSection(std::string_view text)
     {
@@ -126,7 +126,7 @@ private:
     const SharedFile::Kind m_kind;
     std::map<std::string, Profile, std::less<>> m_profiles;
     Profile m_ignored;
-    Profile* m_profile = nullptr; // of the section that the lines are in
+    Profile* m_profile = nullptr; // of the current section
     std::size_t m_indent = noSetting;
 };
 

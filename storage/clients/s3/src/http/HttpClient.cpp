@@ -18,12 +18,12 @@ namespace storage::clients::s3
 namespace
 {
 
-constexpr std::size_t maxIdle = 64;           // connections; more than that at once are opened and closed again
+constexpr std::size_t maxIdle = 64;           // connections; any more are closed after their request
 constexpr std::size_t maxBodySize = 64 << 20; // bytes; a listing of 1,000 long keys has 2 MiB
-constexpr long bufferSize = 256 * 1024;       // bytes; fewer and larger pieces cost less
+constexpr long bufferSize = 256 * 1024;       // bytes; large pieces cost less
 
-/// Nothing is ever torn down: threads and static objects of the host may still send requests while the process ends.
-/// Where the host has used OpenSSL before, its own choice stands.
+/// Never cleans up: threads and static objects of the host may still send requests while the process exits. If the host
+/// has initialised OpenSSL before, its options remain.
 void initialiseOnce()
 {
     static const CURLcode result = []
@@ -44,7 +44,7 @@ HttpFailure::Kind kindOf(CURLcode code, bool connected)
     case CURLE_COULDNT_RESOLVE_HOST:
     case CURLE_COULDNT_RESOLVE_PROXY:
     case CURLE_COULDNT_CONNECT:
-    case CURLE_SSL_CONNECT_ERROR: // the other side speaks no TLS, or another one
+    case CURLE_SSL_CONNECT_ERROR: // the server does not speak TLS, or no common version
         return HttpFailure::Kind::Unreachable;
     case CURLE_OPERATION_TIMEDOUT:
         return connected ? HttpFailure::Kind::Stalled : HttpFailure::Kind::Unreachable;
@@ -57,7 +57,7 @@ HttpFailure::Kind kindOf(CURLcode code, bool connected)
     case CURLE_SSL_CACERT_BADFILE:
     case CURLE_URL_MALFORMAT:
         return HttpFailure::Kind::Invalid;
-    case CURLE_UNSUPPORTED_PROTOCOL: // of the address, or of an answer without a head
+    case CURLE_UNSUPPORTED_PROTOCOL: // of the URL, or a response without a head
         return connected ? HttpFailure::Kind::Broken : HttpFailure::Kind::Invalid;
     default:
         return HttpFailure::Kind::Broken;
@@ -83,7 +83,7 @@ struct HttpClient::Connection
     CURL* const handle; // keeps the connection of its last request
 };
 
-/// One request under way: what the library calls back.
+/// One running request: receives the library's callbacks.
 class HttpClient::Transfer
 {
 public:
@@ -104,7 +104,7 @@ public:
         if (!settings.authorities.empty())
         {
             set(CURLOPT_CAINFO, settings.authorities.c_str());
-            set(CURLOPT_CAPATH, nullptr); // the system's folder would count beside the file
+            set(CURLOPT_CAPATH, nullptr); // the system's folder would be used in addition to the file
         }
         if (request.bypassProxy)
         {
@@ -116,10 +116,10 @@ public:
         for (const HttpHeaders::Field& field : request.headers)
         {
             requireOneLine(field);
-            // A field without a value is written with a semicolon, or the library would leave it out.
+            // The library omits a field without a value unless it is written with a semicolon.
             addField(field.value.empty() ? field.name + ";" : field.name + ": " + field.value);
         }
-        addField("Expect:"); // stores answer at once; waiting for their leave costs a round trip
+        addField("Expect:"); // do not wait for the store's consent to the body: that costs a round trip
         set(CURLOPT_HTTPHEADER, m_fields);
         set(CURLOPT_HEADERFUNCTION, &onHeader);
         set(CURLOPT_HEADERDATA, this);
@@ -130,7 +130,7 @@ public:
     Transfer& operator=(const Transfer&) = delete;
     ~Transfer()
     {
-        curl_easy_setopt(m_handle, CURLOPT_ERRORBUFFER, nullptr); // the handle, which lives on, may still write there
+        curl_easy_setopt(m_handle, CURLOPT_ERRORBUFFER, nullptr); // the handle outlives the buffer
         curl_slist_free_all(m_fields);
     }
 
@@ -139,8 +139,8 @@ public:
         CURLcode code = runOnce();
         if (code == CURLE_SEND_ERROR && isReusedConnection() && !m_delivered)
         {
-            // The other side closed the connection while the request went out, so it has not got the whole of it. The
-            // library repeats by itself only what fails later.
+            // The server closed the connection while the request was being sent, so it has not received all of it. The
+            // library itself only resends requests that fail later.
             code = runOnce();
         }
         if (m_thrown)
@@ -154,9 +154,9 @@ public:
             throw HttpFailure(
                 kindOf(code, connectTime > 0), m_message[0] != '\0' ? m_message.data() : curl_easy_strerror(code));
         }
-        if (m_response.status == 0)
+        if (m_response.status == 0) // curl does not report this as an error
         {
-            throw HttpFailure(HttpFailure::Kind::Broken, "the answer ended within its head"); // which curl lets pass
+            throw HttpFailure(HttpFailure::Kind::Broken, "the response ended within its head");
         }
         if (m_receiver && isReceived() && !m_delivered)
         {
@@ -175,7 +175,7 @@ private:
         return curl_easy_perform(m_handle);
     }
 
-    /// Whether the last run was over a connection that an earlier request had opened.
+    /// Whether the last attempt used a connection opened by an earlier request.
     bool isReusedConnection() const
     {
         long opened = 0;
@@ -205,7 +205,7 @@ private:
 
     void watchInterrupts(const std::function<bool()>& interrupted)
     {
-        // What begins after the interrupt cleans up, and must get through.
+        // Requests that begin after the interrupt clean up, and must not be cancelled.
         if (interrupted && !m_request.uninterruptible && !interrupted())
         {
             m_interrupted = interrupted;
@@ -236,7 +236,7 @@ private:
         set(CURLOPT_CUSTOMREQUEST, m_request.method.c_str());
     }
 
-    /// The library sends an end of line as it is, and what follows would be a field of its own.
+    /// The library does not escape an end of line: the text after it would become another field.
     static void requireOneLine(const HttpHeaders::Field& field)
     {
         const auto isControl = [](char letter) { return (letter >= 0 && letter < ' ') || letter == 0x7F; };
@@ -258,7 +258,7 @@ private:
 
     bool isReceived() const noexcept { return m_response.status == 200 || m_response.status == 206; }
 
-    /// Run what may throw behind a callback of C; an exception waits until the library has returned.
+    /// Run code that may throw in a C callback. An exception is kept until the library has returned.
     template <typename Body>
     static std::size_t guarded(void* self, std::size_t failure, Body&& body) noexcept
     {
@@ -274,7 +274,7 @@ private:
         }
     }
 
-    /// Called about once a second, also while nothing moves. @return non-zero to end the request
+    /// Called about once a second, even while no bytes move. @return non-zero to end the request
     static int onProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) noexcept
     {
         return static_cast<int>(
@@ -334,7 +334,7 @@ private:
         }
         if (line.starts_with("HTTP/"))
         {
-            m_response = {}; // an interim answer does not count
+            m_response = {}; // discards an interim response
             return;
         }
         if (line.empty())
@@ -363,7 +363,7 @@ private:
         }
         if (bytes.size() > maxBodySize - m_response.body.size())
         {
-            throw HttpFailure(HttpFailure::Kind::Broken, "the answer is longer than any should be");
+            throw HttpFailure(HttpFailure::Kind::Broken, "the response is longer than 64 MiB");
         }
         m_response.body += bytes;
     }
@@ -389,7 +389,7 @@ HttpClient::~HttpClient() = default;
 
 HttpResponse HttpClient::perform(const HttpRequest& request, const Receiver& receiver)
 {
-    // After a failure the handle goes with its connection, on which the rest of an old answer may still be under way.
+    // After a failure the connection is closed: the rest of the failed response may still be in transit on it.
     std::unique_ptr<Connection> connection = acquire();
     HttpResponse response = Transfer(connection->handle, m_settings, request, receiver).run();
     release(std::move(connection));

@@ -16,21 +16,21 @@
 namespace storage::clients::s3
 {
 
-/// Sends requests, one per calling thread at a time, over connections that are kept for the next one.
+/// Sends requests, each on the calling thread, and reuses their connections.
 ///
-/// Certificates are always checked. Redirects are not followed: a signed request is meant for one place. Safe for
-/// concurrent calls on one instance; the pool holds as many connections as there were calls at once, up to a bound.
+/// Certificates are always checked. Redirects are not followed: a signature is valid for one host. Safe for concurrent
+/// calls on one instance. Keeps as many idle connections as there were concurrent calls, up to a limit.
 class HttpClient
 {
 public:
     struct Settings
     {
         HttpTimeouts timeouts = {};
-        std::filesystem::path authorities = {}; ///< PEM file in place of the system's certificate authorities
+        std::filesystem::path authorities = {}; ///< PEM file that replaces the system's certificate authorities
         std::function<bool()> interrupted = {}; ///< see S3Settings; null: never
     };
 
-    /// Takes the body of an answer piece by piece. What it throws ends the request and passes to the caller.
+    /// Takes the body of a response piece by piece. An exception ends the request and reaches the caller.
     using Receiver = std::function<void(const HttpResponse& head, std::string_view bytes)>;
 
     explicit HttpClient(Settings settings);
@@ -38,12 +38,12 @@ public:
     HttpClient& operator=(const HttpClient&) = delete;
     ~HttpClient();
 
-    /// Send a request and wait for the whole of its answer, whatever its status.
+    /// Send a request and wait for the whole response, whatever its status.
     ///
-    /// @param receiver  takes the body when the status is 200 or 206; also called once, with no bytes, for a body
-    ///                  without any. The body of every other answer is kept in the response, as is every one when
-    ///                  there is no receiver; at most 64 MiB of it are taken.
-    /// @throws HttpFailure, and what the request's body or the receiver throws
+    /// @param receiver  takes the body when the status is 200 or 206; called once without bytes when such a body is
+    ///                  empty. Every other body, or every body when there is no receiver, is in the returned response;
+    ///                  it may have at most 64 MiB.
+    /// @throws HttpFailure, and whatever the request's body or the receiver throws
     HttpResponse perform(const HttpRequest& request, const Receiver& receiver = {});
 
 private:
@@ -55,7 +55,7 @@ private:
 
     const Settings m_settings;
     std::mutex m_mutex;                              // innermost; never held during a request
-    std::vector<std::unique_ptr<Connection>> m_idle; // guarded by m_mutex; the one used last is taken first
+    std::vector<std::unique_ptr<Connection>> m_idle; // guarded by m_mutex; the last one is reused first
 };
 
 } // namespace storage::clients::s3

@@ -11,7 +11,7 @@ namespace storage::clients::s3
 
 class RequestBody;
 
-/// The fields of a request or an answer, in order. Names compare without case.
+/// The fields of a request or a response, in order. Names are case-insensitive.
 class HttpHeaders
 {
 public:
@@ -23,7 +23,7 @@ public:
 
     void add(std::string name, std::string value) { m_fields.push_back({std::move(name), std::move(value)}); }
 
-    /// The value of the last field of that name; nothing when there is none. Valid until the headers change.
+    /// The value of the last field with this name; null when there is none. Valid until the headers change.
     const std::string* find(std::string_view name) const;
 
     auto begin() const { return m_fields.begin(); }
@@ -36,13 +36,13 @@ private:
 struct HttpRequest
 {
     std::string method; ///< GET, HEAD, PUT, POST or DELETE
-    std::string url;    ///< absolute, http or https, percent-encoded; sent as it stands, "." segments included
+    std::string url;    ///< absolute, http or https, percent-encoded; sent unchanged, "." segments included
     HttpHeaders headers = {};
     RequestBody* body = nullptr;                            ///< borrowed during the call; null: none
-    std::optional<std::chrono::seconds> stallWindow = {};   ///< in place of the client's own
-    std::optional<std::chrono::milliseconds> deadline = {}; ///< for the whole request, in place of the client's own
+    std::optional<std::chrono::seconds> stallWindow = {};   ///< instead of the client's own
+    std::optional<std::chrono::milliseconds> deadline = {}; ///< for the whole request, instead of the client's own
     bool bypassProxy = false;                               ///< never through a proxy
-    bool uninterruptible = false; ///< an interrupt waits for its end, since nobody could undo half of it
+    bool uninterruptible = false; ///< an interrupt does not cancel it, since its effect could not be undone
 };
 
 struct HttpResponse

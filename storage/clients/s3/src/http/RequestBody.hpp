@@ -9,8 +9,8 @@
 namespace storage::clients::s3
 {
 
-/// The bytes of a request, which can be read again from their start as often as needed: to hash them before they are
-/// sent, and to send them once more when a kept connection turns out to be dead.
+/// The bytes of a request. They can be read from the start any number of times: to hash them before they are sent, and
+/// to send them again when a reused connection turns out to be closed.
 class RequestBody
 {
 public:
@@ -20,12 +20,12 @@ public:
     virtual ~RequestBody() = default;
 
     /// Go back to the first byte.
-    /// @throws cloudprovider::UnknownErrorException when the source cannot
+    /// @throws cloudprovider::UnknownErrorException when the source does not support that
     virtual void rewind() = 0;
 
     /// Read up to `capacity` bytes.
     /// @return bytes read; 0 at the end
-    /// @throws cloudprovider::UnknownErrorException when the source has fewer bytes than it promised
+    /// @throws cloudprovider::UnknownErrorException when the source has fewer than size() bytes
     virtual std::size_t read(char* target, std::size_t capacity) = 0;
 
     virtual std::uint64_t size() const noexcept = 0;
@@ -49,14 +49,14 @@ private:
     std::uint64_t m_position = 0;
 };
 
-/// The next `size` bytes of a stream, from where it stands.
+/// The next `size` bytes of a stream, from its current position.
 ///
-/// A stream that cannot be sought is taken into memory first.
+/// The bytes of a stream that is not seekable are read into memory first.
 class StreamBody : public RequestBody
 {
 public:
-    /// @param key      names the object in messages; borrowed like the content for the body's life
-    /// @throws cloudprovider::UnknownErrorException when the stream cannot be sought and ends before `size` bytes
+    /// @param key      names the object in messages; must outlive the body, like `content`
+    /// @throws cloudprovider::UnknownErrorException when the stream is not seekable and ends before `size` bytes
     StreamBody(const std::string& key, std::istream& content, std::uint64_t size);
 
     void rewind() override;
@@ -67,8 +67,8 @@ private:
     const std::string& m_key;
     std::istream& m_content;
     const std::uint64_t m_size;
-    const std::streamoff m_start; // of the content in the stream; -1: the stream cannot be sought
-    std::string m_buffered;       // the whole of it, when the stream cannot be sought
+    const std::streamoff m_start; // of the content in the stream; -1: the stream is not seekable
+    std::string m_buffered;       // all bytes, when the stream is not seekable
     std::uint64_t m_position = 0;
 };
 

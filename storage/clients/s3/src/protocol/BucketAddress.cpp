@@ -24,8 +24,8 @@ namespace
         "Invalid store", reason + "; the form is s3://BUCKET?endpoint=URL&region=REGION&path-style=1");
 }
 
-/// Whether the bucket may stand in a host name: a certificate for the endpoint covers one more label, and an address
-/// of numbers takes none.
+/// Whether the bucket can be a part of the host name: the endpoint's certificate covers only one more label, and a
+/// numeric address has no labels.
 bool fitsIntoHostName(const std::string& bucket, const std::string& endpointHost)
 {
     static const std::regex label("[a-z0-9]([a-z0-9-]*[a-z0-9])?");
@@ -33,13 +33,13 @@ bool fitsIntoHostName(const std::string& bucket, const std::string& endpointHost
     return std::regex_match(bucket, label) && !std::regex_match(endpointHost, number);
 }
 
-/// It becomes a part of a host name.
+/// Throw unless the region is valid as a part of a host name.
 void requireRegion(const std::string& region)
 {
     static const std::regex form("[A-Za-z0-9-]{1,63}");
     if (!std::regex_match(region, form))
     {
-        refuse(quoted(region) + " is no name of a region"); // a store may have named it
+        refuse(quoted(region) + " is not the name of a region"); // quoted: the store may have sent it
     }
 }
 
@@ -56,12 +56,12 @@ BucketAddress::BucketAddress(const S3Settings& settings)
             [](unsigned char c) { return std::isalnum(c) != 0 || c == '-' || c == '.' || c == '_' || c == ':'; });
     if (!isName || m_bucket == "..")
     {
-        refuse("\"" + m_bucket + "\" is no name of a bucket");
+        refuse("\"" + m_bucket + "\" is not the name of a bucket");
     }
     requireRegion(m_region);
     if (!settings.endpoint.empty())
     {
-        // A path of these characters has one form only, which both sides sign.
+        // A path of these characters has only one encoded form, which client and store sign alike.
         static const std::regex form(
             R"((https?)://([a-z0-9.-]+|\[[0-9a-f:.]+\])(:\d{1,5})?(/([a-z0-9._~/-]|%[0-9a-f]{2})*)?)",
             std::regex::icase);

@@ -23,7 +23,8 @@ bool isExpiryCode(const std::string& code)
     return code == "ExpiredToken" || code == "TokenRefreshRequired" || code == "InvalidToken";
 }
 
-/// A store that has begun to answer can tell of a failure only in the document.
+/// Whether a response with a successful status reports a failure. A store that has already sent the status can only
+/// report one in the document.
 bool hasErrorDocument(const S3Request& request, const HttpResponse& response)
 {
     const bool isShort = request.method == "PUT" || request.method == "DELETE";
@@ -45,7 +46,7 @@ std::string Requester::sentTag(const S3Request& request, const HttpResponse& res
     const std::string* const tag = response.headers.find("ETag");
     if (tag == nullptr || tag->empty())
     {
-        throwMalformedResponse(contextOf(request), response, "the answer lacks the entity tag");
+        throwMalformedResponse(contextOf(request), response, "the response lacks the entity tag");
     }
     return unquotedTag(*tag);
 }
@@ -126,7 +127,7 @@ HttpResponse Requester::sendOnce(
     const Credentials credentials = m_credentials->credentials();
     if (credentials.isAnonymous() && request.body != nullptr)
     {
-        http.headers.add("Content-MD5", toBase64(md5(*request.body))); // the other hash is checked with the signature
+        http.headers.add("Content-MD5", toBase64(md5(*request.body))); // the SHA-256 is only checked with a signature
     }
     sign(http, context, credentials);
     {

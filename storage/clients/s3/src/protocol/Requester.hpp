@@ -21,33 +21,35 @@ namespace storage::clients::s3
 /// One request to the bucket, before it is signed.
 struct S3Request
 {
-    Operation operation; ///< on whose behalf, for messages
-    std::string key;     ///< empty: the bucket itself, or an operation on many keys
+    Operation operation; ///< the caller's, for messages
+    std::string key;     ///< empty: the request is for the bucket itself, or for many keys
     std::string method;
     QueryParameters query = {};
     HttpHeaders headers = {};
     RequestBody* body = nullptr;       ///< borrowed; null: none
-    bool uninterruptible = false;      ///< an interrupt waits for its end
-    bool serverSideWork = false;       ///< the store moves bytes of its own before it answers
-    std::uint64_t serverSideBytes = 0; ///< how many, with those of requests beside this one; 0: few
+    bool uninterruptible = false;      ///< an interrupt does not cancel it
+    bool serverSideWork = false;       ///< the store moves bytes of its own before it responds
+    std::uint64_t serverSideBytes = 0; ///< how many, including those of concurrent requests; 0: few
 };
 
-/// Signs requests to one bucket, sends them, and tells good answers from failures.
+/// Signs requests to one bucket, sends them, and translates failures into exceptions.
 ///
-/// A bucket that turns out to be in another region is asked there, once; credentials that the store calls expired are
-/// fetched anew, once. Everything else that may pass is for who repeats operations. Safe for concurrent calls.
+/// If the bucket turns out to be in another region, the request is sent again there, once. If the store calls the
+/// credentials expired, it is sent again with new ones, once. Other transient failures are left to callers that retry
+/// operations. Safe for concurrent calls.
 class Requester
 {
 public:
     explicit Requester(const S3Settings& settings);
 
-    /// @param accepted  statuses besides 2xx that are an answer and no failure
-    /// @return the answer
-    /// @throws cloudprovider::CloudException, TransientException among them, and what body or receiver throw
+    /// Send a request.
+    ///
+    /// @param accepted  statuses besides 2xx that are not failures
+    /// @throws cloudprovider::CloudException, also TransientException; and whatever the body or the receiver throws
     HttpResponse send(
         const S3Request& request, std::initializer_list<int> accepted = {}, const HttpClient::Receiver& receiver = {});
 
-    /// Send a request and read the document of its answer. An error document under a good status is a failure.
+    /// Send a request and parse the document in its response. An error document with a successful status is a failure.
     template <typename Read>
     auto sendAndRead(const S3Request& request, Read&& read)
     {
@@ -56,25 +58,25 @@ public:
         {
             return read(response.body);
         }
-        catch (const ErrorResponse& answer)
+        catch (const ErrorResponse& failure)
         {
-            throwErrorResponse(contextOf(request), response, answer.error());
+            throwErrorResponse(contextOf(request), response, failure.error());
         }
-        catch (const MalformedResponse& broken)
+        catch (const MalformedResponse& failure)
         {
-            throwMalformedResponse(contextOf(request), response, broken.what());
+            throwMalformedResponse(contextOf(request), response, failure.what());
         }
     }
 
-    /// The entity tag that the store has given the body of a request, without quotes.
+    /// The entity tag of the request body, from the response, without quotes.
     std::string sentTag(const S3Request& request, const HttpResponse& response);
 
-    /// For messages about a request.
+    /// What messages say about a request.
     FailureContext contextOf(const S3Request& request);
 
     std::string bucket() { return address().bucket(); }
 
-    /// Whether any answer has shown that the bucket is there.
+    /// Whether any response has shown that the bucket exists.
     bool sawBucket() const noexcept { return m_sawBucket; }
     void setSawBucket() noexcept { m_sawBucket = true; }
 

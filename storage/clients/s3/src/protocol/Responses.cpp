@@ -27,7 +27,7 @@ std::string requiredText(const pugi::xml_node& parent, const char* name)
     std::string text = textOf(parent, name);
     if (text.empty())
     {
-        throw MalformedResponse(std::string("the answer lacks ") + name);
+        throw MalformedResponse(std::string("the response lacks ") + name);
     }
     return text;
 }
@@ -37,7 +37,7 @@ std::uint64_t requiredNumber(const pugi::xml_node& parent, const char* name)
     const auto number = readNumber(requiredText(parent, name));
     if (!number)
     {
-        throw MalformedResponse(std::string("the answer has no number as ") + name);
+        throw MalformedResponse(std::string("the response has no number as ") + name);
     }
     return *number;
 }
@@ -47,7 +47,7 @@ boost::posix_time::ptime requiredTime(const pugi::xml_node& parent, const char* 
     const auto time = readIsoTime(requiredText(parent, name));
     if (time.is_special())
     {
-        throw MalformedResponse(std::string("the answer has no time as ") + name);
+        throw MalformedResponse(std::string("the response has no time as ") + name);
     }
     return time;
 }
@@ -70,7 +70,7 @@ class Document
 public:
     Document(const std::string& text, const char* rootName)
     {
-        // Keys may consist of blanks, and an end of line in a key is one.
+        // Keys may consist of blanks, and ends of lines in keys must not be normalised.
         const auto result = m_document.load_buffer(
             text.data(), text.size(), (pugi::parse_default | pugi::parse_ws_pcdata_single) & ~pugi::parse_eol);
         const pugi::xml_node root = m_document.document_element();
@@ -80,7 +80,7 @@ public:
         }
         if (!result || std::string_view(root.name()) != rootName)
         {
-            throw MalformedResponse(std::string("the answer is no ") + rootName + " document");
+            throw MalformedResponse(std::string("the response is not a ") + rootName + " document");
         }
     }
 
@@ -88,14 +88,14 @@ public:
 
     std::string required(const char* name) const { return requiredText(root(), name); }
 
-    /// Keys come encoded when the answer says so. The empty one is none.
+    /// Read a key, which is encoded when the document says so. An empty key is malformed.
     std::string key(const pugi::xml_node& parent, const char* name) const
     {
         const std::string text = requiredText(parent, name);
         return textOf(root(), "EncodingType") == "url" ? uriDecode(text) : text;
     }
 
-    /// A page always says so: one without contents is no empty listing.
+    /// Every page states this: a document without contents is not an empty listing.
     bool isTruncated() const { return required("IsTruncated") == "true"; }
 
 private:
@@ -125,45 +125,45 @@ bool isError(const std::string& document)
 
 ListingPage readListing(const std::string& document)
 {
-    const Document answer(document, "ListBucketResult");
+    const Document parsed(document, "ListBucketResult");
     ListingPage page;
     std::vector<cloudprovider::ObjectEntry> groups;
-    for (const pugi::xml_node& node : answer.root().children("Contents"))
+    for (const pugi::xml_node& node : parsed.root().children("Contents"))
     {
         page.entries.push_back(
-            {answer.key(node, "Key"), requiredNumber(node, "Size"), readIsoTime(textOf(node, "LastModified"))});
+            {parsed.key(node, "Key"), requiredNumber(node, "Size"), readIsoTime(textOf(node, "LastModified"))});
     }
-    for (const pugi::xml_node& node : answer.root().children("CommonPrefixes"))
+    for (const pugi::xml_node& node : parsed.root().children("CommonPrefixes"))
     {
-        groups.push_back({answer.key(node, "Prefix"), 0, {}});
+        groups.push_back({parsed.key(node, "Prefix"), 0, {}});
     }
-    // The two lists are each in order.
+    // Each of the two lists is in order.
     std::vector<cloudprovider::ObjectEntry> merged;
     merged.reserve(page.entries.size() + groups.size());
     std::merge(page.entries.begin(), page.entries.end(), groups.begin(), groups.end(), std::back_inserter(merged),
         [](const auto& a, const auto& b) { return a.key < b.key; });
     page.entries = std::move(merged);
-    if (answer.isTruncated())
+    if (parsed.isTruncated())
     {
-        page.nextToken = answer.required("NextContinuationToken");
+        page.nextToken = parsed.required("NextContinuationToken");
     }
     return page;
 }
 
 UploadsPage readUploads(const std::string& document)
 {
-    const Document answer(document, "ListMultipartUploadsResult");
+    const Document parsed(document, "ListMultipartUploadsResult");
     UploadsPage page;
-    for (const pugi::xml_node& node : answer.root().children("Upload"))
+    for (const pugi::xml_node& node : parsed.root().children("Upload"))
     {
         page.uploads.push_back(
-            {answer.key(node, "Key"), requiredText(node, "UploadId"), requiredTime(node, "Initiated")});
+            {parsed.key(node, "Key"), requiredText(node, "UploadId"), requiredTime(node, "Initiated")});
     }
-    if (answer.isTruncated())
+    if (parsed.isTruncated())
     {
-        // Nobody asks for encoding here: stores differ in whether that means this marker, too.
-        page.nextKey = answer.key(answer.root(), "NextKeyMarker");
-        page.nextUploadId = answer.required("NextUploadIdMarker");
+        // This request does not ask for encoding: stores differ in whether that applies to this marker.
+        page.nextKey = parsed.key(parsed.root(), "NextKeyMarker");
+        page.nextUploadId = parsed.required("NextUploadIdMarker");
     }
     return page;
 }

@@ -11,33 +11,33 @@
 #include <utility>
 #include <vector>
 
-/// The documents that a store answers with, and the one that it is sent.
+/// The documents in a store's responses, and the one that is sent to it.
 namespace storage::clients::s3
 {
 
-/// What an error document says; every field may be empty.
+/// The contents of an error document; every field may be empty.
 struct ErrorDocument
 {
     std::string code;
     std::string message;
     std::string requestId;
-    std::string region;   ///< where the bucket is, when that is what was wrong
+    std::string region;   ///< of the bucket, when the request used another one
     std::string endpoint; ///< likewise
 };
 
-/// A document that is not the one expected: cut off, or of another kind.
+/// A document that is truncated or of an unexpected kind.
 class MalformedResponse : public std::runtime_error
 {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/// Instead of what was asked for, under a good status: an error document.
+/// An error document in a response with a successful status.
 class ErrorResponse : public std::runtime_error
 {
 public:
     explicit ErrorResponse(ErrorDocument error)
-        : std::runtime_error("the answer is an error document")
+        : std::runtime_error("the response is an error document")
         , m_error(std::move(error))
     {
     }
@@ -48,13 +48,13 @@ private:
     ErrorDocument m_error;
 };
 
-/// Read a number of digits; nothing when it is something else.
+/// Parse a number of digits only; nothing when the text is anything else.
 std::optional<std::uint64_t> readNumber(std::string_view text);
 
-/// Read an error document; all fields are empty when it is none.
+/// Parse an error document; all fields are empty when it is not one.
 ErrorDocument readError(const std::string& document);
 
-/// Whether it is an error document, even one that says nothing.
+/// Whether a document is an error document, even an empty one.
 bool isError(const std::string& document);
 
 // Each of the following throws MalformedResponse or ErrorResponse.
@@ -74,23 +74,23 @@ struct UploadsPage
 };
 UploadsPage readUploads(const std::string& document);
 
-/// The identifier of a new upload.
+/// The id of a new upload.
 std::string readNewUpload(const std::string& document);
 
 /// The entity tag of a copied part.
 std::string readCopiedPart(const std::string& document);
 
-/// The entity tag of the completed object; empty where the store does not tell.
+/// The entity tag of the completed object; empty when the store does not state it.
 std::string readCompletion(const std::string& document);
 
 /// The document that completes an upload.
 /// @param parts  numbers, from 1, and entity tags
 std::string writeCompletion(const std::vector<std::pair<std::size_t, std::string>>& parts);
 
-/// An entity tag as this client keeps it: without quotes.
+/// An entity tag without quotes, as this client keeps it.
 std::string unquotedTag(std::string tag);
 
-/// An entity tag as conditions have it.
+/// An entity tag as it is written in conditions.
 std::string quotedTag(const std::string& tag);
 
 } // namespace storage::clients::s3

@@ -33,7 +33,7 @@ enum class Meaning
     BadLocation,
     NotSupported,
     Changed,
-    Passing,
+    Transient,
     Other
 };
 
@@ -45,44 +45,44 @@ struct Row
 };
 
 constexpr std::string_view changed = "somebody has changed or removed the object since it was opened";
-constexpr std::string_view chooseOther = "check the credentials that the environment and the shared files give";
+constexpr std::string_view checkCredentials = "check the credentials in the environment and the shared files";
 
 constexpr std::array rows{
     Row{"NoSuchKey", Meaning::NotFound, ""},
     Row{"NoSuchUpload", Meaning::NotFound, "the upload was completed, or aborted by somebody"},
     Row{"NoSuchBucket", Meaning::BadLocation, "there is no such bucket; check its name, or create it first"},
     Row{"InvalidBucketName", Meaning::BadLocation, "check the name of the bucket"},
-    Row{"InvalidObjectName", Meaning::BadLocation, "the store does not take this name"},
+    Row{"InvalidObjectName", Meaning::BadLocation, "the store does not accept this name"},
     Row{"KeyTooLongError", Meaning::BadLocation, "the name is too long"},
-    Row{"PermanentRedirect", Meaning::BadLocation, "name the bucket's own endpoint and region"},
-    Row{"TemporaryRedirect", Meaning::BadLocation, "name the bucket's own endpoint and region"},
+    Row{"PermanentRedirect", Meaning::BadLocation, "use the bucket's own endpoint and region"},
+    Row{"TemporaryRedirect", Meaning::BadLocation, "use the bucket's own endpoint and region"},
     Row{"AuthorizationHeaderMalformed", Meaning::BadLocation, "check the region"},
     Row{"InvalidAccessKeyId", Meaning::BadCredentials, "the store does not know the key id"},
-    Row{"SignatureDoesNotMatch", Meaning::BadCredentials, "the secret is not that of the key id"},
+    Row{"SignatureDoesNotMatch", Meaning::BadCredentials, "the secret does not belong to the key id"},
     Row{"ExpiredToken", Meaning::BadCredentials, "the session has expired; log in again"},
     Row{"TokenRefreshRequired", Meaning::BadCredentials, "the session has expired; log in again"},
     Row{"InvalidToken", Meaning::BadCredentials, "check the session token"},
-    Row{"MissingSecurityHeader", Meaning::BadCredentials, chooseOther},
+    Row{"MissingSecurityHeader", Meaning::BadCredentials, checkCredentials},
     Row{"RequestTimeTooSkewed", Meaning::ClockSkew, ""},
     Row{"RequestExpired", Meaning::ClockSkew, ""},
-    Row{"AccessDenied", Meaning::Denied, "ask the bucket's owner for the right to do this"},
+    Row{"AccessDenied", Meaning::Denied, "ask the bucket's owner for permission"},
     Row{"AllAccessDisabled", Meaning::Denied, ""},
     Row{"AccountProblem", Meaning::Denied, ""},
     Row{"QuotaExceeded", Meaning::Denied, "the quota is used up"},
     Row{"MethodNotAllowed", Meaning::NotSupported, ""},
     Row{"NotImplemented", Meaning::NotSupported, ""},
     Row{"PreconditionFailed", Meaning::Changed, ""},
-    Row{"BadDigest", Meaning::Passing, "the bytes were damaged on their way"},
-    Row{"XAmzContentSHA256Mismatch", Meaning::Passing, "the bytes were damaged on their way"},
-    Row{"IncompleteBody", Meaning::Passing, ""},
-    Row{"RequestTimeout", Meaning::Passing, ""},
-    Row{"SlowDown", Meaning::Passing, ""},
-    Row{"ServiceUnavailable", Meaning::Passing, ""},
-    Row{"InternalError", Meaning::Passing, ""},
-    Row{"OperationAborted", Meaning::Passing, ""},
-    Row{"ConditionalRequestConflict", Meaning::Passing, ""},
+    Row{"BadDigest", Meaning::Transient, "the bytes were damaged on their way"},
+    Row{"XAmzContentSHA256Mismatch", Meaning::Transient, "the bytes were damaged on their way"},
+    Row{"IncompleteBody", Meaning::Transient, ""},
+    Row{"RequestTimeout", Meaning::Transient, ""},
+    Row{"SlowDown", Meaning::Transient, ""},
+    Row{"ServiceUnavailable", Meaning::Transient, ""},
+    Row{"InternalError", Meaning::Transient, ""},
+    Row{"OperationAborted", Meaning::Transient, ""},
+    Row{"ConditionalRequestConflict", Meaning::Transient, ""},
     Row{"EntityTooSmall", Meaning::Other, "every part but the last must have 5 MiB"},
-    Row{"EntityTooLarge", Meaning::Other, "the store does not take so many bytes at once"},
+    Row{"EntityTooLarge", Meaning::Other, "the store does not accept so many bytes at once"},
 };
 
 Meaning meaningOf(int status)
@@ -102,14 +102,14 @@ Meaning meaningOf(int status)
         return Meaning::Changed;
     case 408:
     case 429:
-        return Meaning::Passing;
+        return Meaning::Transient;
     case 301:
     case 302:
     case 307:
     case 308:
         return Meaning::BadLocation;
     default:
-        return status >= 500 && status != 507 ? Meaning::Passing : Meaning::Other;
+        return status >= 500 && status != 507 ? Meaning::Transient : Meaning::Other;
     }
 }
 
@@ -124,27 +124,27 @@ Row rowFor(int status, const std::string& code)
     }
     if (status == 404 && code.empty())
     {
-        return {"", Meaning::BadLocation, "this is no answer of an S3 store; check the endpoint"};
+        return {"", Meaning::BadLocation, "this is not the response of an S3 store; check the endpoint"};
     }
     return {"", meaningOf(status), ""};
 }
 
-/// What a store wrote, as a message may show it: on one line, and cut when it is long.
-std::string shown(const std::string& text)
+/// Text from a store as messages show it: on one line, and truncated when it is long.
+std::string excerpt(const std::string& text)
 {
     const std::string inQuotes = quoted(text);
     return inQuotes.substr(1, inQuotes.size() - 2);
 }
 
-/// What was asked, and who answered what.
-std::string failureBy(const FailureContext& context, const HttpResponse& response, const ErrorDocument& error)
+/// The request and its response.
+std::string describe(const FailureContext& context, const HttpResponse& response, const ErrorDocument& error)
 {
     const std::string* const header = response.headers.find("x-amz-request-id");
     const std::string requestId = header != nullptr ? *header : error.requestId;
-    std::string text = fmt::format("{} failed: {} answered {}", context.action, context.origin, response.status);
-    text += error.code.empty() ? "" : " " + shown(error.code);
-    text += error.message.empty() || error.message == error.code ? "" : " (" + shown(error.message) + ")";
-    text += requestId.empty() ? "" : ", request " + shown(requestId);
+    std::string text = fmt::format("{} failed: {} returned {}", context.action, context.origin, response.status);
+    text += error.code.empty() ? "" : " " + excerpt(error.code);
+    text += error.message.empty() || error.message == error.code ? "" : " (" + excerpt(error.message) + ")";
+    text += requestId.empty() ? "" : ", request " + excerpt(requestId);
     return text;
 }
 
@@ -165,8 +165,8 @@ std::string redirectHint(const HttpResponse& response, const ErrorDocument& erro
 {
     const std::string* const region = response.headers.find("x-amz-bucket-region");
     const std::string place = region == nullptr ? error.region : *region;
-    return std::string(hint) + (place.empty() ? "" : "; the bucket is in " + shown(place)) +
-           (error.endpoint.empty() ? "" : ", at " + shown(error.endpoint));
+    return std::string(hint) + (place.empty() ? "" : "; the bucket is in " + excerpt(place)) +
+           (error.endpoint.empty() ? "" : ", at " + excerpt(error.endpoint));
 }
 
 std::optional<std::chrono::milliseconds> retryAfter(const HttpResponse& response)
@@ -212,13 +212,12 @@ void throwErrorResponse(const FailureContext& context, const HttpResponse& respo
     {
         hint = "no credentials were given";
     }
-
     else if (row.meaning == Meaning::Changed)
     {
         hint = changed;
     }
 
-    std::string detail = failureBy(context, response, error);
+    std::string detail = describe(context, response, error);
     detail += row.code == "NoSuchBucket" ? "; bucket \"" + context.bucket + "\"" : "";
     detail += row.meaning == Meaning::Denied && !context.keyId.empty() ? "; key id " + context.keyId : "";
     detail += hint.empty() ? "" : "; " + hint;
@@ -238,7 +237,7 @@ void throwErrorResponse(const FailureContext& context, const HttpResponse& respo
         throw UnsupportedOperationException(detail);
     case Meaning::Changed:
         throw UnknownErrorException("Object changed", detail);
-    case Meaning::Passing:
+    case Meaning::Transient:
         throw TransientException("Store busy", detail, retryAfter(response));
     case Meaning::Other:
         break;
@@ -252,8 +251,8 @@ void throwNoResponse(const FailureContext& context, const HttpFailure& failure)
     switch (failure.kind())
     {
     case HttpFailure::Kind::Certificate:
-        throw InvalidLocationException(
-            "Certificate refused", detail + "; if the store has authorities of its own, name their file with ca-file");
+        throw InvalidLocationException("Certificate refused",
+            detail + "; if the store has its own certificate authority, name its file with ca-file");
     case HttpFailure::Kind::Invalid:
         throw InvalidLocationException("Invalid store", detail);
     case HttpFailure::Kind::Unreachable:
@@ -265,7 +264,7 @@ void throwNoResponse(const FailureContext& context, const HttpFailure& failure)
         break;
     case HttpFailure::Kind::Stalled:
     case HttpFailure::Kind::Broken:
-    case HttpFailure::Kind::Interrupted: // what was asked for may have happened, as after a broken connection
+    case HttpFailure::Kind::Interrupted: // the store may have done its work, as after a broken connection
         break;
     }
     throw TransientException("Store unreachable", detail);
@@ -273,7 +272,7 @@ void throwNoResponse(const FailureContext& context, const HttpFailure& failure)
 
 void throwMalformedResponse(const FailureContext& context, const HttpResponse& response, const std::string& reason)
 {
-    throw TransientException("Broken answer", failureBy(context, response, {}) + "; " + reason);
+    throw TransientException("Malformed response", describe(context, response, {}) + "; " + reason);
 }
 
 void throwObjectChanged(const FailureContext& context)

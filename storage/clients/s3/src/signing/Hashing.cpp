@@ -122,7 +122,7 @@ std::string Md5::finish()
 
 std::string toBase64(std::string_view bytes)
 {
-    std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0'); // with the zero that is written behind it
+    std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0'); // plus the terminating zero that is written, too
     const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
         reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
     text.resize(static_cast<std::size_t>(length));

@@ -25,7 +25,7 @@ std::string md5(std::string_view text);
 /// The same of a body, read once from its start.
 std::string md5(RequestBody& body);
 
-/// The same of bytes that come piece by piece.
+/// The same of bytes added piece by piece.
 class Md5
 {
 public:
@@ -41,13 +41,13 @@ private:
     const std::unique_ptr<Digest> m_digest;
 };
 
-/// As fields of requests have bytes.
+/// Base64 encoding, as in request fields.
 std::string toBase64(std::string_view bytes);
 
 /// Two lower-case hexadecimal digits for each byte.
 std::string toHex(std::string_view bytes);
 
-/// The bytes that hexadecimal digits stand for; empty when they are none.
+/// Decode hexadecimal digits; empty for any other text.
 std::string fromHex(std::string_view digits);
 
 } // namespace storage::clients::s3

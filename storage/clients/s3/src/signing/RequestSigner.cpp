@@ -19,7 +19,7 @@ namespace
 constexpr std::string_view algorithm = "AWS4-HMAC-SHA256";
 constexpr std::string_view service = "s3";
 
-/// Fields by lower-case name with blanks joined, as both sides write them before they compare.
+/// Fields by lower-case name, with runs of blanks reduced to one, as the protocol canonicalises them.
 std::map<std::string, std::string> canonicalFields(const HttpRequest& request, const std::string& host)
 {
     std::map<std::string, std::string> fields{{"host", host}};

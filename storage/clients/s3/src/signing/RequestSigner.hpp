@@ -13,16 +13,16 @@ namespace storage::clients::s3
 /// What a signature covers besides the fields of the request.
 struct SigningContext
 {
-    std::string host;        ///< as the Host field has it
+    std::string host;        ///< the value of the Host field
     std::string path;        ///< encoded, from the first "/"
-    std::string query;       ///< encodeQuery()'s; empty: none
+    std::string query;       ///< as returned by encodeQuery(); empty: none
     std::string payloadHash; ///< SHA-256 of the body in hexadecimal
     std::string region;
     std::time_t time = 0; ///< of sending
 };
 
-/// Add the fields that tell the store who asks: the signature, version 4, over every field that the request has, the
-/// host, the time and the hash of the body. With anonymous credentials only the hash is added.
+/// Add the fields that authenticate a request: the signature (version 4) of all its fields, the host, the time and the
+/// hash of the body. With anonymous credentials only the hash is added.
 void sign(HttpRequest& request, const SigningContext& context, const Credentials& credentials);
 
 } // namespace storage::clients::s3

@@ -6,24 +6,24 @@
 namespace storage::clients::s3
 {
 
-/// How long one request may take. A request that runs into one of these has failed and may be repeated.
+/// How long one request may take. A request that exceeds one of these limits has failed and may be retried.
 struct HttpTimeouts
 {
     /// Name resolution, connecting and the TLS handshake together.
     std::chrono::milliseconds connect{10'000};
 
-    /// A request is given up when fewer than `stallBytesPerSecond` bytes moved, on average, for so long; time in which
-    /// the store thinks before it answers counts.
+    /// A request fails when it moves fewer than `stallBytesPerSecond` bytes per second, on average, for this long. The
+    /// time until the store starts to respond counts.
     std::chrono::seconds stallWindow{30};
     long stallBytesPerSecond = 64;
 
-    /// The same for copies and completions, where the store is silent while it moves bytes of its own. A copy gets the
-    /// time on top that its bytes, and as many for each of the copies beside it, take at `serverSideBytesPerSecond`,
-    /// which is not 0.
+    /// The same for copies and completions, during which the store is silent while it moves bytes of its own. A copy
+    /// gets extra time: as long as its bytes, and as many for each copy beside it, take at `serverSideBytesPerSecond`,
+    /// which must not be 0.
     std::chrono::seconds serverSideStallWindow{300};
     std::uint64_t serverSideBytesPerSecond = 16 << 20;
 
-    /// The whole of one request, however steadily its bytes come; a copy may take its window where that is longer.
+    /// One request in all, however steadily its bytes move. A copy may take its stall window instead if that is longer.
     std::chrono::seconds request{3'600};
 };
 

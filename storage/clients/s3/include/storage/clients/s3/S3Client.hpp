@@ -21,41 +21,42 @@ class Requester;
 
 /// A bucket of a store that speaks the S3 protocol. The bucket must exist.
 ///
-/// What this client promises beyond CloudClient:
+/// Guarantees beyond those of CloudClient:
 /// - An object is never a mixture of two versions. Ranges are read, and unchanged parts copied, from the version that
-///   getObjectParts() last answered for the key, or that this client has written since; when somebody else has changed
+///   getObjectParts() last returned for the key, or that this client has written since. If somebody else has changed
 ///   the object, the read or the completion fails. putObject() replaces whatever is there: the last writer wins.
-/// - An object of at most 16 KiB comes with its parts: the next read of the whole gets it as it was opened. The 128
-/// that
-///   were opened last are kept until then, 2 MiB at most.
-/// - getObjectParts() cuts any object by rule, however it was written, into parts that are small enough to be read on
-///   their own.
-/// - createMultipartUpload() only notes the upload. The store hears of it with the first part, so that a failure to
-///   open one is that part's, and is reported. An upload belongs to the instance that began it;
-///   abortMultipartUpload() also takes the identifiers of others, as pendingUploads() tells them.
-/// - copyPart() only notes the copy, and so does uploadPart() with a part below 5 MiB when the file had other content
-///   before, whose bytes wait in a temporary file. completeMultipartUpload() sees the whole file: it joins unchanged
-///   neighbours into large copies, sends what is too small together with what stands beside it, several requests at a
-///   time, and completes then.
-/// - So the failure of a copy or of a small part is the completion's. It leaves the object as it was and the upload
-///   open with all its parts: the completion may be repeated, which after a failure that may pass makes only what is
-///   missing, or the upload aborted. Until then what the store has made takes room there.
-/// - A completion whose answer was lost is looked into before it is repeated or called failed.
-/// - What may pass is thrown as TransientException and may be repeated, by RetryingClient for example; nothing is
-///   repeated here.
+/// - getObjectParts() also fetches the content of an object of at most 16 KiB. The next read of the whole object
+///   returns it without a request, as it was when it was opened. The 128 contents fetched last are kept, 2 MiB at most.
+/// - getObjectParts() splits every object by rule, however it was written, into parts that are small enough to be read
+///   on their own.
+/// - createMultipartUpload() sends nothing. The upload is opened at the store with its first part, so that a failure to
+///   open it is that part's failure and is reported. An upload belongs to the instance that created it;
+///   abortMultipartUpload() also accepts the ids of others, as pendingUploads() returns them.
+/// - copyPart() only records the copy. If the file had content before, uploadPart() only records a part below 5 MiB,
+///   too, and keeps its bytes in a temporary file. completeMultipartUpload() knows the whole file: it joins adjacent
+///   unchanged parts into large copies, sends parts that are too small together with their neighbours, several requests
+///   at a time, and then completes the upload.
+/// - A failed copy or small part is therefore a failure of the completion. It leaves the object as it was and the
+///   upload open with all its parts. The completion may be retried, or the upload aborted. After a transient failure a
+///   retry transfers only the parts that are missing. Until then the transferred parts take up space in the store.
+/// - If the response to a completion is lost, the client finds out whether the object was stored before it completes
+///   again or reports a failure.
+/// - Transient failures are thrown as TransientException and may be retried, for example by RetryingClient. This client
+///   itself does not retry them.
 ///
-/// A detail names operation, key, the store's status, code and request, and what to do about it where that is known.
-/// Details never hold secrets. HEAD has no error document; where one failed the reason is asked for with GET.
+/// A failure's detail names the operation, the key, the store's status, error code and request id, and a remedy where
+/// one is known. It never contains secrets. HEAD responses carry no error document, so after a failed HEAD the client
+/// asks for the reason with GET.
 ///
-/// Keys have at most 1,024 bytes, objects 5 TiB in 10,000 parts of at least 5 MiB each but the last.
-/// Threads: all operations may be called from any thread at the same time; each waits for the store on its own
-/// connection. A completion runs its requests on threads of its own, which end before it returns; no other thread is
-/// started. Only one process-wide thing is used: the initialisation of libcurl.
+/// Keys have at most 1,024 bytes. Objects have at most 5 TiB in 10,000 parts, of which all but the last have at least 5
+/// MiB. Threads: any thread may call any operation at any time; each call waits for the store on a connection of its
+/// own. A completion runs its requests on threads of its own, which end before it returns; no other threads are
+/// started. The only process-wide state is the initialisation of libcurl.
 class S3Client : public cloudprovider::CloudClient, public UploadInventory
 {
 public:
-    /// Sends nothing: a bucket that is not there shows at the first operation.
-    /// @throws cloudprovider::InvalidLocationException when the settings make no address
+    /// Sends nothing: a missing bucket is reported by the first operation.
+    /// @throws cloudprovider::InvalidLocationException when the settings are not a valid address
     explicit S3Client(const s3::S3Settings& settings);
     ~S3Client() override;
 
