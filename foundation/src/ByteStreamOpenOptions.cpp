@@ -8,7 +8,7 @@ namespace foundation::storage::provider
 namespace
 {
 
-/// Write the name of a field's value: every field has two, for the numbers 0 and 1.
+/// Write a field and its value. Each enumeration has names for the numbers 0 and 1.
 template <class Enumeration>
 void writeField(std::ostream& stream, const char* field, Enumeration value, const char* zero, const char* one)
 {

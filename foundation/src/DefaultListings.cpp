@@ -4,7 +4,7 @@
 
 #include <utility>
 
-// The listings that are composed of a provider's plain ones.
+// Default listings, which call the provider's plain listings.
 
 namespace foundation::storage::provider
 {

@@ -11,11 +11,11 @@
 namespace foundation::storage::provider
 {
 
-/// Give only those entries of another iterator whose last name matches a pattern.
+/// Iterate over those entries of another iterator whose last name matches a pattern.
 class FilteredEntryIterator : public IClonableFolderEntryIterator<FilteredEntryIterator>
 {
 public:
-    /// @param inner  not null; at its start
+    /// @param inner  not null; before its first entry
     FilteredEntryIterator(FolderEntryIteratorPtr inner, const std::u16string& pattern);
     FilteredEntryIterator(const FilteredEntryIterator& other);
 
@@ -29,7 +29,7 @@ private:
     const std::shared_ptr<const WildcardPattern> m_pattern; // shared by clones
     const FolderEntryIteratorPtr m_inner;
     std::optional<FolderEntry> m_current;
-    std::optional<FolderEntry> m_next; // found ahead, since only then hasNext() is known
+    std::optional<FolderEntry> m_next; // read ahead, because hasNext() depends on it
 };
 
 } // namespace foundation::storage::provider

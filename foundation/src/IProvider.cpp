@@ -9,8 +9,8 @@
 #include <exception>
 #include <vector>
 
-// The operations that are composed of others. What a provider cannot do without saying how is in RefusedOperations.cpp,
-// the listings are in DefaultListings.cpp.
+// Default operations that call other operations. Those that only throw ErrorCode::Unsupported are in
+// RefusedOperations.cpp, the listings in DefaultListings.cpp.
 
 namespace foundation::storage::provider
 {
@@ -18,7 +18,7 @@ namespace foundation::storage::provider
 namespace
 {
 
-/// Find the local folder that a "file" IRI names; empty for the empty IRI.
+/// Get the local folder that a "file" IRI names; empty for the empty IRI.
 fl::filesystem::path localFolder(const StorageIRI& iri)
 {
     if (iri == StorageIRI())
@@ -28,7 +28,7 @@ fl::filesystem::path localFolder(const StorageIRI& iri)
     const StorageIRI resolved = iri.getResolvedIRI();
     if (resolved.getScheme() != u"file" || !resolved.getAuthority().empty())
     {
-        throw Exception(ErrorCode(ErrorCode::InvalidLocation, "a scratch folder is named by file:///folder"), iri);
+        throw Exception(ErrorCode(ErrorCode::InvalidLocation, "a scratch folder must be named by file:///folder"), iri);
     }
     return fl::filesystem::path(resolved.getPath());
 }
@@ -67,7 +67,7 @@ void IProvider::doCreateFolderRecursive(const StorageIRI& iri) const
         }
         catch (const Exception& exception)
         {
-            // Somebody else may have created it since it was looked for. A file in its place is a failure.
+            // Another thread or process may have created it since the check. A file in its place is an error.
             if (exception.errorCode() != ErrorCode::AlreadyExists || !folderExists(missing.back()))
             {
                 throw;
@@ -90,7 +90,7 @@ ByteStreamPtr IProvider::doOpenTransactionalStreamAtScratchLocation(
     {
         return std::make_unique<TransactionalByteStream>(*this, target, folder);
     }
-    catch (const std::exception& error) // the temporary file could not be made
+    catch (const std::exception& error) // the temporary file could not be created
     {
         throw Exception(ErrorCode(ErrorCode::Unknown, error.what()), iri);
     }
@@ -190,10 +190,11 @@ void IProvider::doTruncateToSize(const StorageIRI& iri, std::uint64_t size) cons
     }
     if (size != 0 && (!present || size < *present))
     {
-        throw Exception(ErrorCode(ErrorCode::Unsupported, "the file cannot be cut without writing the rest anew"), iri);
+        throw Exception(
+            ErrorCode(ErrorCode::Unsupported, "truncating to this size would rewrite the rest of the file"), iri);
     }
 
-    // A grown file keeps its contents and a file cut to nothing has none to lose, so a failure costs no kept byte.
+    // Extending keeps the contents and truncating to 0 keeps none, so a failure loses no byte that should be kept.
     const ByteStreamPtr stream = openStream(
         iri, {ByteStreamReadAccess::None, ByteStreamCreate::MustExist,
                  size == 0 ? ByteStreamTruncate::Discard : ByteStreamTruncate::Keep, ByteStreamWritePosition::Append});

@@ -33,7 +33,7 @@ void ProviderRegistry::registerProvider(const StorageIRI& root, std::shared_ptr<
 bool ProviderRegistry::unregisterProvider(const StorageIRI& root)
 {
     const StorageIRI key = rootOf(root);
-    std::shared_ptr<const IProvider> removed; // destroyed after the lock is released: it may call back
+    std::shared_ptr<const IProvider> removed; // destroyed without the lock: its destructor may call the registry
     const std::unique_lock lock(m_mutex);
     const auto found = m_providers.find(key);
     if (found == m_providers.end())

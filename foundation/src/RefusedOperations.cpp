@@ -1,6 +1,6 @@
 #include <foundation/storage/provider/IProvider.hpp>
 
-// What a provider cannot do unless it says how.
+// Default operations that throw ErrorCode::Unsupported.
 
 namespace foundation::storage::provider
 {

@@ -42,8 +42,8 @@ bool isControl(char16_t c)
     return c < 0x20 || (c >= 0x7f && c < 0xa0);
 }
 
-/// Tell what would be misread, by a parser or by a person: what has a meaning of its own in an IRI, blanks and line
-/// breaks of every kind, and the controls that let a text show something else than it says.
+/// Tell whether a parser or a person could misread the character: it has a meaning of its own in an IRI, is a blank or
+/// a line break of any kind, or is a control character that makes text look different from what it is.
 bool needsEscape(char16_t c)
 {
     constexpr std::u16string_view reserved = u" \"%#<>?[\\]^`{|}\u00a0";
@@ -59,7 +59,7 @@ void appendEscaped(std::string& text, unsigned char byte)
     text += digits[byte & 0xfU];
 }
 
-/// Write UTF-16 as UTF-8, the units that `escaped` picks as escapes. Needs well-formed UTF-16.
+/// Convert well-formed UTF-16 to UTF-8, and escape the code units for which `escaped` is true.
 template <class Predicate>
 std::string escape(std::u16string_view text, Predicate escaped)
 {
@@ -97,14 +97,14 @@ std::optional<unsigned> hexValue(char16_t c)
     return std::nullopt;
 }
 
-/// Thrown inside parsing only; its text says what is wrong with the IRI.
+/// Thrown only while parsing. The text says what is wrong with the IRI.
 struct Malformed : std::runtime_error
 {
     using std::runtime_error::runtime_error;
 };
 
-/// Read the run of escapes at the front of `text`, cut it off, and give what it stands for: one character may take
-/// several escapes.
+/// Decode the run of escapes at the start of `text` and remove it from `text`. Escapes are decoded together, because
+/// one character may need several.
 std::u16string decodeRun(std::u16string_view& text)
 {
     std::string bytes;
@@ -125,7 +125,7 @@ std::u16string decodeRun(std::u16string_view& text)
     }
     catch (const std::range_error&)
     {
-        throw Malformed("the escapes do not stand for well-formed UTF-8");
+        throw Malformed("the escapes do not decode to well-formed UTF-8");
     }
 }
 
@@ -157,12 +157,12 @@ void checkSurrogates(std::u16string_view text)
         }
         else if (isHigh(i) || isLow(i))
         {
-            throw Malformed("a surrogate is not paired");
+            throw Malformed("a surrogate is unpaired");
         }
     }
 }
 
-/// Lower-case the host, which is what follows the user's name if there is one.
+/// Convert the host to lower case. The host follows the user name, if there is one.
 std::u16string normalizedAuthority(std::u16string_view text)
 {
     std::u16string result(text);
@@ -177,12 +177,12 @@ std::u16string normalizedAuthority(std::u16string_view text)
 
 struct StorageIRI::Representation
 {
-    // Well-formed: "scheme://authority/path" in lower case up to the path, and decoded from there on. No scheme holds a
-    // ":" and no authority a "/", so different IRIs have different texts. Malformed: the text as given.
+    // Well-formed: "scheme://authority/path", with the scheme and the host in lower case and the path decoded. A scheme
+    // contains no ":" and an authority no "/", so different IRIs have different texts. Malformed: the text as given.
     std::u16string text;
     std::size_t schemeEnd = 0;         // of the scheme, at the ":"
     std::size_t authorityEnd = 0;      // where the path begins
-    std::optional<std::string> defect; // why the text is malformed; none: it is well-formed
+    std::optional<std::string> defect; // why the text is malformed; empty: it is well-formed
 
     std::u16string_view scheme() const { return std::u16string_view(text).substr(0, schemeEnd); }
     std::u16string_view path() const { return std::u16string_view(text).substr(authorityEnd); }
@@ -193,10 +193,10 @@ struct StorageIRI::Representation
         return std::u16string_view(text).substr(begin, authorityEnd - begin);
     }
 
-    /// Give the path up to the end of its last name; empty if it has none.
+    /// Get the path up to the end of its last name; empty if it has none.
     std::u16string_view pathToName() const { return path().substr(0, path().find_last_not_of(separator) + 1); }
 
-    /// Give an IRI of the same scheme and authority.
+    /// Get an IRI with the same scheme and authority, but another path.
     std::shared_ptr<const Representation> withPath(std::u16string_view path) const;
 
     static std::shared_ptr<const Representation> parse(std::u16string text);
@@ -244,7 +244,7 @@ std::shared_ptr<const StorageIRI::Representation> StorageIRI::Representation::pa
         const auto authority = std::u16string_view(text).substr(authorityBegin, pathBegin - authorityBegin);
         if (std::any_of(authority.begin(), authority.end(), [](char16_t c) { return c == u' ' || isControl(c); }))
         {
-            throw Malformed("the authority holds a blank or a control");
+            throw Malformed("the authority contains a blank or a control character");
         }
 
         std::transform(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(schemeEnd),
@@ -300,7 +300,7 @@ StorageIRI StorageIRI::fromUtf8(std::string_view text)
 
 const StorageIRI::Representation& StorageIRI::representation() const noexcept
 {
-    // Never destroyed: IRIs may be compared and printed until the process ends.
+    // Never destroyed, because IRIs may be compared and printed until the process ends.
     alignas(Representation) static std::byte place[sizeof(Representation)];
     static const Representation* const empty = new (place) Representation();
     return m_representation ? *m_representation : *empty;

@@ -30,7 +30,7 @@ boost::iostreams::file_descriptor openUnnamedFile(const fl::filesystem::path& fo
     }
 }
 
-/// Run one operation and turn whatever the temporary file throws, out of room for instance, into Failure.
+/// Run an operation on the temporary file and translate its failures, for example a full disk, into Failure.
 template <class Failure, class Operation>
 auto translated(Operation operation)
 {
@@ -78,7 +78,7 @@ void TransactionalByteStream::doClose()
         return;
     }
 
-    // Closed whatever happens: a second try would write over what the first one left.
+    // Closed even if this fails: a second attempt would overwrite what the first one wrote.
     boost::iostreams::file_descriptor scratch = std::exchange(m_scratch, boost::iostreams::file_descriptor());
     try
     {

@@ -9,7 +9,7 @@
 namespace foundation::storage::provider
 {
 
-/// Collect the new contents of a file in a local temporary file, and put them in place when closed.
+/// Collect the new contents of a file in a local temporary file, and write them to the target when closed.
 class TransactionalByteStream : public ByteStream
 {
 public:
@@ -30,7 +30,7 @@ private:
     const IProvider& m_provider;
     const StorageIRI m_target;
 
-    // Open until the stream is closed. Its name is removed at once: whatever ends this process, nothing stays behind.
+    // Open until the stream is closed. Its name is removed at once, so that no file remains however the process ends.
     boost::iostreams::file_descriptor m_scratch;
 };
 

@@ -9,7 +9,7 @@ namespace foundation::storage::provider
 namespace
 {
 
-/// Split into characters. An unpaired surrogate, which no valid name holds, counts as one.
+/// Split into characters. An unpaired surrogate, which no valid name contains, counts as one.
 std::u32string characters(std::u16string_view text)
 {
     std::u32string result;
@@ -24,7 +24,7 @@ std::u32string characters(std::u16string_view text)
     return result;
 }
 
-/// Find the "]" of the set whose "[" is at `open`. One that comes first is part of the set.
+/// Find the "]" that ends the set whose "[" is at `open`. A "]" at the start is part of the set.
 std::size_t endOfSet(const std::u32string& pattern, std::size_t open)
 {
     std::size_t first = open + 1;
@@ -50,7 +50,7 @@ WildcardPattern::WildcardPattern(std::u16string_view text)
         }
         else if (pattern[i] == U'?')
         {
-            token.negated = true; // a character outside of nothing
+            token.negated = true; // not in an empty set, so any character
         }
         else if (end != std::u32string::npos)
         {
@@ -84,8 +84,8 @@ bool WildcardPattern::matches(std::u16string_view text) const
     std::size_t token = 0;
     std::size_t at = 0;
 
-    // Where to go on when a token does not match: let the last run take one character more. Runs before it need not be
-    // tried again, since what stands between two runs matched at its earliest place.
+    // If a token does not match, let the last run take one more character and continue behind it. Earlier runs need no
+    // retry, because the tokens between two runs matched at the earliest possible place.
     std::size_t lastRun = m_tokens.size();
     std::size_t lastRunEnd = 0;
     while (at < name.size())

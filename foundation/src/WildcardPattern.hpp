@@ -8,19 +8,20 @@
 namespace foundation::storage::provider
 {
 
-/// A glob over one name, as IProvider's wildcard listings describe it. Immutable once built.
+/// A glob pattern for one name. IProvider describes the syntax at its listings. Immutable.
 class WildcardPattern
 {
 public:
     explicit WildcardPattern(std::u16string_view pattern);
 
-    /// Tell whether the pattern matches the whole of `name`. Time: at worst pattern times name.
+    /// Tell whether the pattern matches the whole `name`. Takes at most time proportional to the product of the
+    /// lengths.
     bool matches(std::u16string_view name) const;
 
 private:
     using Range = std::pair<char32_t, char32_t>; // both ends included
 
-    /// Matches one character: one inside of the ranges, or one outside of them if negated. Or any run of characters.
+    /// Matches any run of characters, or one character that is in one of the ranges or, if negated, in none.
     struct Token
     {
         bool isRun = false;

@@ -40,16 +40,16 @@ std::string_view nameOf(std::uint32_t level)
     return (level & severity::progress) != 0 ? "progress" : "detail";
 }
 
-/// Keep a record to one line, and its controls away from the terminal.
+/// Write a record as one line without control characters, which could change what a terminal shows.
 void writeToStandardError(std::uint32_t level, std::string_view channel, std::string_view message)
 {
     std::string line = std::string(channel) + ' ' + std::string(nameOf(level)) + ": " + std::string(message);
     line.erase(line.find_last_not_of('\n') + 1);
     line = onOneLine(std::move(line)) + '\n';
-    std::fwrite(line.data(), 1, line.size(), stderr); // one call, so that lines of several processes stay whole
+    std::fwrite(line.data(), 1, line.size(), stderr); // one call, so that lines of several processes do not mix
 }
 
-/// Hands every record of the process to the one sink of setSink.
+/// Pass every record of the process to the sink that setSink() set.
 class Router
 {
 public:
@@ -70,7 +70,7 @@ public:
         }
         catch (const std::exception& failure)
         {
-            // Who logs is often closing something or being destroyed, and has to come to its end.
+            // Callers often log while they close or destroy something, which has to complete.
             writeToStandardError(level, channel, std::string(message) + " (log sink failed: " + failure.what() + ")");
         }
     }
@@ -82,7 +82,7 @@ public:
         m_sink.swap(shared);
     }
 
-    /// Tell whether Boost.Log's static objects may be gone, so that records must go to the sink directly.
+    /// Tell whether Boost.Log's static objects may be destroyed already, so that records must bypass Boost.Log.
     bool isProcessEnding() const noexcept { return m_processEnding.load(std::memory_order_relaxed); }
 
 private:
@@ -115,12 +115,13 @@ private:
     {
         const auto frontend =
             boost::make_shared<sinks::unlocked_sink<Backend>>(boost::make_shared<Backend>(std::ref(*this)));
-        // Boost.Log loggers of the host's own are the host's to route.
+        // The host routes the records of its own Boost.Log loggers.
         frontend->set_filter(boost::log::expressions::has_attr<std::uint32_t>(severityName) &&
                              boost::log::expressions::has_attr<std::string>(channelName));
         m_core->add_sink(frontend);
 
-        // A record makes Boost.Log build the last of its static objects, so they are destroyed after what follows runs.
+        // The first record makes Boost.Log construct the last of its static objects. They are destroyed after the
+        // handler that is registered here has run.
         BoostLogger().open_record(keywords::severity = severity::error);
         std::atexit([] { instance().m_processEnding.store(true); });
     }
@@ -128,7 +129,7 @@ private:
     // Held while the sink runs, so that its calls are serialised. Recursive, because the sink may log or call setSink.
     std::recursive_mutex m_mutex;
     std::shared_ptr<const Sink> m_sink; // guarded by m_mutex; never null
-    const boost::log::core_ptr m_core;  // loggers that live longer than Boost.Log's own reference let go of it safely
+    const boost::log::core_ptr m_core;  // keeps the core for loggers that outlive Boost.Log's own reference
     std::atomic<bool> m_processEnding{false};
 };
 

@@ -10,11 +10,11 @@
 namespace foundation::storage::provider
 {
 
-inline constexpr std::streamsize copyChunk = 64L * 1024; // bytes; larger ones copy no faster from the page cache
+inline constexpr std::streamsize copyChunk = 64L * 1024; // bytes; larger chunks copy no faster from the page cache
 
 /// Write all `n` bytes.
 ///
-/// @throws ByteStreamWriteFailure if the stream takes no more, and whatever the stream throws
+/// @throws ByteStreamWriteFailure if the stream accepts no more bytes, and everything that the stream throws
 inline void writeAll(ByteStream& destination, const char* s, std::streamsize n)
 {
     while (n > 0)
@@ -22,16 +22,16 @@ inline void writeAll(ByteStream& destination, const char* s, std::streamsize n)
         const std::streamsize count = destination.write(s, n);
         if (count <= 0)
         {
-            throw ByteStreamWriteFailure(ErrorCode(ErrorCode::Unknown, "the stream takes no more bytes"));
+            throw ByteStreamWriteFailure(ErrorCode(ErrorCode::Unknown, "the stream accepts no more bytes"));
         }
         s += count;
         n -= count;
     }
 }
 
-/// Copy from where `source` stands to its end. Closes neither.
+/// Copy from the current position of `source` to its end. Closes neither.
 ///
-/// @param source  anything whose read() gives -1 at the end
+/// @param source  anything whose read() returns -1 at the end
 template <class Source>
 void copyBytes(Source& source, ByteStream& destination)
 {
@@ -45,7 +45,8 @@ void copyBytes(Source& source, ByteStream& destination)
         }
         if (count == 0)
         {
-            throw ByteStreamReadFailure(ErrorCode(ErrorCode::Unknown, "the stream gives neither bytes nor its end"));
+            throw ByteStreamReadFailure(
+                ErrorCode(ErrorCode::Unknown, "the stream returned neither bytes nor the end of the file"));
         }
         writeAll(destination, chunk.data(), count);
     }

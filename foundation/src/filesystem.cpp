@@ -64,10 +64,11 @@ path tmpnam(const path& folder, const path& prefix, const path& suffix)
 {
     for (const path* part : {&prefix, &suffix})
     {
-        // It would lead out of the folder.
+        // A separator would lead to another folder.
         if (part->native().find('/') != std::string::npos)
         {
-            throw std::invalid_argument("a separator in the name of a temporary file: \"" + part->native() + "\"");
+            throw std::invalid_argument(
+                "the name of a temporary file contains a separator: \"" + part->native() + "\"");
         }
     }
     const boost::filesystem::path place =
@@ -79,13 +80,13 @@ path tmpnam(const path& folder, const path& prefix, const path& suffix)
     {
         throwSystemError(errno, "creating a temporary file in \"" + place.string() + "\"");
     }
-    // The umask may have taken the owner's own rights away.
+    // The umask may have removed the owner's permissions.
     const int error = ::fchmod(file, S_IRUSR | S_IWUSR) == 0 ? 0 : errno;
     ::close(file);
     if (error != 0)
     {
         ::unlink(name.c_str());
-        throwSystemError(error, "making \"" + name + "\" private");
+        throwSystemError(error, "setting the permissions of \"" + name + "\"");
     }
     return name;
 }

@@ -11,9 +11,9 @@ namespace fl::i18n
 namespace
 {
 
-/// Boost's exception type stays inside: callers know standard exceptions only.
+/// Convert text, and translate Boost's exception: callers expect only standard exceptions.
 template <class To, class From>
-std::basic_string<To> convert(std::basic_string_view<From> text, const char* complaint)
+std::basic_string<To> convert(std::basic_string_view<From> text, const char* message)
 {
     namespace conv = boost::locale::conv;
     try
@@ -22,7 +22,7 @@ std::basic_string<To> convert(std::basic_string_view<From> text, const char* com
     }
     catch (const conv::conversion_error&)
     {
-        throw std::range_error(complaint);
+        throw std::range_error(message);
     }
 }
 

@@ -9,7 +9,7 @@ namespace
 
 std::atomic<bool> interruptPending{false};
 
-// A signal handler may touch nothing that could wait for the thread it interrupted.
+// A signal handler must not wait for a lock that the interrupted thread may hold.
 static_assert(std::atomic<bool>::is_always_lock_free);
 
 } // namespace

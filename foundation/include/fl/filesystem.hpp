@@ -10,14 +10,14 @@
 #include <string_view>
 #include <utility>
 
-/// Local files, named by paths that convert between UTF-16 and the native narrow form.
+/// Local files. Their paths convert between UTF-16 and the native narrow form.
 namespace fl::filesystem
 {
 
 template <class Narrow, class Wide>
 class basic_path;
 
-/// A local path. Holds the native narrow form: on this platform any bytes, UTF-8 by convention.
+/// A local path, stored in the native narrow form. On this platform that is any sequence of bytes, by convention UTF-8.
 template <>
 class FOUNDATION_EXPORT basic_path<char, char16_t>
 {
@@ -32,7 +32,7 @@ public:
     {
     }
 
-    /// @throws std::range_error if a surrogate is unpaired
+    /// @throws std::range_error if `text` contains an unpaired surrogate
     basic_path(std::u16string_view text);
 
     bool empty() const noexcept { return m_native.empty(); }
@@ -52,40 +52,39 @@ using path = basic_path<char, char16_t>;
 namespace detail
 {
 
-/// Give the form that Boost.Filesystem works with.
+/// Convert to Boost.Filesystem's type.
 FOUNDATION_EXPORT boost::filesystem::path to_filesystem(const path& file);
 
-/// Give the form that opens the file whatever its length; on this platform the path itself.
+/// Convert to a form that can be opened even if the path is very long. On this platform that is the path itself.
 FOUNDATION_EXPORT boost::filesystem::path make_access_form(const boost::filesystem::path& file);
 
-/// Give the native narrow form.
+/// Convert to the native narrow form.
 ///
-/// @param absolute  make it independent of the current folder
+/// @param absolute  resolve a relative path against the current folder; an empty path stays empty
 FOUNDATION_EXPORT path make_native_form(const path& file, bool absolute);
 
 } // namespace detail
 
-/// Create an empty file under a fresh name.
+/// Create an empty temporary file with a new name.
 ///
-/// The file is created atomically and exclusively, readable and writable by its owner alone (mode 0600) whatever the
-/// umask, so nobody can slip a file or a link under the name. It is the caller's to remove. Any thread may call this.
+/// The file is created atomically and exclusively, so that no other process can put a file or a link in its place. Only
+/// its owner can read and write it (mode 0600), whatever the umask. The caller removes it. Any thread may call this.
 ///
-/// @param folder  where; empty: the system's temporary folder ($TMPDIR, else /tmp)
-/// @param prefix  how the name begins; without separators. Empty: "fl"
-/// @param suffix  how the name ends, for example ".tmp"; without separators
+/// @param folder  where to create the file; empty: the system's temporary folder ($TMPDIR, else /tmp)
+/// @param prefix  start of the file's name, without separators; empty: "fl"
+/// @param suffix  end of the file's name, without separators, for example ".tmp"
 /// @return the file's path; never empty
-/// @throws std::invalid_argument for a separator in prefix or suffix; boost::system::system_error if there is no such
-///         folder or no file can be created in it. Nothing is left behind then.
+/// @throws std::invalid_argument if prefix or suffix contains a separator; boost::system::system_error if the folder
+///         does not exist or the file cannot be created. No file remains then.
 FOUNDATION_EXPORT path tmpnam(const path& folder = {}, const path& prefix = {}, const path& suffix = {});
 
 /// Delete a file.
 ///
-/// @return whether there was one; a missing file is no failure
+/// @return whether the file existed; a missing file is not an error
 /// @throws boost::system::system_error if the file cannot be deleted
 FOUNDATION_EXPORT bool remove(const path& file);
 
-/// A std::basic_ofstream that is named by a path and throws std::ios_base::failure when anything on it fails, opening
-/// included.
+/// A std::basic_ofstream that opens a path, and throws std::ios_base::failure if opening or any other operation fails.
 template <class Char>
 class basic_ofstream : public std::basic_ofstream<Char>
 {

@@ -1,4 +1,4 @@
 #pragma once
 
-/// Marks what libfoundation.so offers; every other symbol of it is hidden.
+/// Export a declaration from libfoundation.so. All other symbols of the library are hidden.
 #define FOUNDATION_EXPORT __attribute__((visibility("default")))

@@ -2,19 +2,20 @@
 
 #include <foundation/Export.hpp>
 
-/// Ask long work of the whole process to stop, for example when the user presses Ctrl-C.
+/// Request that all long-running work of the process stops, for example when the user presses Ctrl-C.
 ///
-/// An interruption stays pending until it is cleared, so all threads that ask will stop. Any thread may call anything
-/// here.
+/// A request stays pending until it is cleared, so every thread that checks for it stops. Any thread may call any of
+/// these functions.
 class FOUNDATION_EXPORT utInterruptState
 {
 public:
-    /// Ask for an interruption. May be called in a signal handler.
+    /// Request an interruption. Safe to call in a signal handler.
     static void RequestInterrupt() noexcept;
 
-    /// Take the request back, once everybody stopped.
+    /// Withdraw the request. Call this once all work has stopped.
     static void ClearInterrupt() noexcept;
 
+    /// Tell whether an interruption was requested and not yet cleared.
     static bool IsInterruptPending() noexcept;
 
     /// @throws foundation::core::except::InterruptedException if an interruption is pending

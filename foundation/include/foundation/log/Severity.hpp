@@ -2,16 +2,16 @@
 
 #include <cstdint>
 
-/// How important a log record is. Each is one bit, so that a logger enables any set of them with one mask.
+/// Severities of log records. Each is one bit, so that a mask can enable any set of them.
 namespace foundation::log::severity
 {
 
-inline constexpr std::uint32_t detail = 2;    ///< entries into functions, and tracing
+inline constexpr std::uint32_t detail = 2;    ///< function entry and tracing
 inline constexpr std::uint32_t progress = 4;  ///< milestones of long work
 inline constexpr std::uint32_t error = 16;    ///< caught exceptions
-inline constexpr std::uint32_t warning = 512; ///< faults that were worked around
+inline constexpr std::uint32_t warning = 512; ///< problems that were worked around
 
-/// What a logger lets through unless told otherwise.
+/// The severities that a new logger enables.
 inline constexpr std::uint32_t defaultMask = error | warning;
 
 } // namespace foundation::log::severity

@@ -5,12 +5,13 @@
 namespace foundation::usm
 {
 
-/// Tell whether the process runs in a context in which long work may be interrupted at its own points. Providers ask
-/// before they look for an interruption: a host that never made the context active is not ready for one. Any thread.
+/// Tell whether long-running work of this process may be interrupted. Providers check this before they check for a
+/// pending interruption, because a host that has not activated the context does not expect one. Any thread may call
+/// this.
 FOUNDATION_EXPORT bool isRequiredContextActive() noexcept;
 
-/// Make the required context active for the whole process while this object lives. Scopes are counted: they may nest,
-/// overlap, and end on any thread.
+/// Activate the context for the whole process during this object's lifetime. Scopes are counted: they may nest, overlap
+/// and end on any thread.
 class FOUNDATION_EXPORT ContextScope
 {
 public:

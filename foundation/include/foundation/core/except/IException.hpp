@@ -7,7 +7,7 @@
 namespace foundation::core::except
 {
 
-/// Base of every exception that the framework throws of its own.
+/// Base class of the framework's own exceptions.
 class FOUNDATION_EXPORT IException : public std::exception
 {
 public:

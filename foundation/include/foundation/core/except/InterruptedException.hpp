@@ -5,7 +5,7 @@
 namespace foundation::core::except
 {
 
-/// Thrown at a point where work may stop, after somebody asked for an interruption.
+/// Thrown where work can be interrupted, if an interruption was requested.
 class FOUNDATION_EXPORT InterruptedException : public IException
 {
 public:

@@ -12,17 +12,18 @@
 namespace foundation::storage::provider
 {
 
-/// A signed 64-bit count of bytes.
+/// A signed 64-bit offset in bytes.
 using boost::iostreams::stream_offset;
 
 /// Read and write the bytes of one open file.
 ///
-/// One thread at a time may use a stream. Hosts call the public operations; a provider implements the virtual ones.
-/// Closing is where writing may fail, so close a stream that was written to and look at the result: the destructor
-/// closes too, but can only log what goes wrong.
+/// Only one thread at a time may use a stream. Hosts call the public operations; a provider implements the virtual
+/// ones. Data may be stored only when the stream is closed, so close a stream after writing and handle the failure. The
+/// destructor of a stream that was not closed cannot report a failure: it stores the data and logs failures, or drops
+/// the data, as the operation that opened the stream says.
 ///
-/// Failures are ByteStreamReadFailure, ByteStreamWriteFailure, ByteStreamSeekFailure and ByteStreamCloseFailure, or an
-/// Exception that a provider's own layers threw.
+/// Each operation throws the failure that is named after it, for example ByteStreamReadFailure, or an Exception from a
+/// lower layer of the provider.
 class FOUNDATION_EXPORT ByteStream
 {
 public:
@@ -33,26 +34,27 @@ public:
 
     /// Read up to `n` bytes into `s`.
     ///
-    /// @return the number of bytes read, which may be less than `n`; -1 at the end of the file, which is no failure
+    /// @return the number of bytes read, which may be less than `n`; -1 at the end of the file, which is not an error
     /// @throws ByteStreamReadFailure
     std::streamsize read(char* s, std::streamsize n);
 
     /// Write `n` bytes from `s`.
     ///
-    /// @return the number of bytes written; -1 if the stream takes none here
+    /// @return the number of bytes written, which may be less than `n`; -1 if the stream accepts none
     /// @throws ByteStreamWriteFailure; bytes before the failing one may have been written
     std::streamsize write(const char* s, std::streamsize n);
 
-    /// Move to `off` bytes from the start, the present position or the end of the file.
+    /// Move to `off` bytes from the start, the current position or the end of the file.
     ///
-    /// A place beyond the end is allowed. A place before the start is the start, or a failure: the provider says which.
+    /// A position beyond the end is allowed. A position before the start is either treated as the start or a failure:
+    /// the provider says which.
     /// @return the new position in bytes from the start
     /// @throws ByteStreamSeekFailure
     std::streampos seek(stream_offset off, std::ios_base::seekdir way);
 
-    /// Finish the stream: afterwards everything written is in the file. Closing twice does nothing.
+    /// Close the stream. After success, everything that was written is in the file. Closing again does nothing.
     ///
-    /// @throws ByteStreamCloseFailure; the stream is closed all the same
+    /// @throws ByteStreamCloseFailure; the stream is closed nevertheless
     void close();
 
 protected:

@@ -58,7 +58,7 @@ public:
     ~ByteStreamSeekFailure() override;
 };
 
-/// Closing failed: what was written may not be in the file.
+/// Closing failed: written data may be missing from the file.
 class FOUNDATION_EXPORT ByteStreamCloseFailure : public ByteStreamFailure
 {
 public:

@@ -9,21 +9,21 @@
 namespace foundation::storage::provider
 {
 
-/// Whether a stream opened for writing may read as well.
+/// Whether a stream opened for writing may also read.
 enum class ByteStreamReadAccess : std::uint32_t
 {
     None = 0,
     Allowed = 1,
 };
 
-/// What to do about a file that does not exist.
+/// What to do if the file does not exist.
 enum class ByteStreamCreate : std::uint32_t
 {
     IfMissing = 0, ///< create it
     MustExist = 1, ///< fail with ErrorCode::NotFound
 };
 
-/// What to do about the contents that a file has.
+/// What to do with the existing contents of the file.
 enum class ByteStreamTruncate : std::uint32_t
 {
     Discard = 0, ///< start with an empty file
@@ -37,7 +37,7 @@ enum class ByteStreamWritePosition : std::uint32_t
     AtOffset = 1, ///< to the stream's position
 };
 
-/// How to open a file for writing. Every field may hold a number that its enumeration does not name.
+/// How to open a file for writing. A field may hold a number that its enumeration does not name.
 struct ByteStreamOpenOptions
 {
     ByteStreamReadAccess readAccess = ByteStreamReadAccess::None;

@@ -11,20 +11,20 @@
 namespace foundation::storage::provider
 {
 
-/// Say why an operation failed: a number that programs look at, and an optional text that people read.
+/// The reason for a failed operation: a number for programs and an optional detail text for people.
 ///
-/// Numbers other than those of the constants below are allowed and kept.
+/// Numbers other than those of the constants below are allowed.
 class FOUNDATION_EXPORT ErrorCode
 {
 public:
-    static const ErrorCode FolderNotEmpty;   ///< 0: a folder to remove holds something
-    static const ErrorCode InvalidLocation;  ///< 1: the IRI, or a name in it, cannot name anything
-    static const ErrorCode PermissionDenied; ///< 2: access or credentials refused
+    static const ErrorCode FolderNotEmpty;   ///< 0: the folder to remove is not empty
+    static const ErrorCode InvalidLocation;  ///< 1: the IRI, or a name in it, is invalid
+    static const ErrorCode PermissionDenied; ///< 2: access denied, or credentials rejected
     static const ErrorCode AlreadyExists;    ///< 3: the destination exists
     static const ErrorCode NotFound;         ///< 4: no such file or folder
     static const ErrorCode InUse;            ///< 6: the file is open
     static const ErrorCode Unknown;          ///< 9: any other failure
-    static const ErrorCode Unsupported;      ///< 11: the provider cannot do this at all
+    static const ErrorCode Unsupported;      ///< 11: the provider does not support the operation
 
     explicit ErrorCode(int value, std::optional<std::string> detail = {}) noexcept
         : m_value(value)
@@ -32,7 +32,7 @@ public:
     {
     }
 
-    /// Give `code` another detail: `ErrorCode(ErrorCode::NotFound, "no such bucket")`.
+    /// Copy `code` with another detail: `ErrorCode(ErrorCode::NotFound, "no such bucket")`.
     ErrorCode(const ErrorCode& code, std::optional<std::string> detail) noexcept
         : ErrorCode(code.m_value, std::move(detail))
     {
@@ -41,16 +41,16 @@ public:
     int value() const noexcept { return m_value; }
     const std::optional<std::string>& detail() const noexcept { return m_detail; }
 
-    /// Give the constant's name, or "ErrorCode 5" for a number that has none.
+    /// Get the constant's name, or "ErrorCode 5" for a number without one.
     std::string name() const;
 
-    /// Compare the numbers only: two details of one reason are one reason.
+    /// Compare the numbers only, not the details.
     friend bool operator==(const ErrorCode& left, const ErrorCode& right) noexcept
     {
         return left.m_value == right.m_value;
     }
 
-    /// Write the name and, if there is one, ": " and the detail.
+    /// Write the name and, if there is a detail, ": " and the detail.
     friend FOUNDATION_EXPORT std::ostream& operator<<(std::ostream& stream, const ErrorCode& code);
 
 private:

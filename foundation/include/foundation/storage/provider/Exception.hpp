@@ -9,7 +9,7 @@
 namespace foundation::storage::provider
 {
 
-/// The one exception that leaves a provider's operations: why it failed, and on which IRI.
+/// The exception that a provider's operations throw: why the operation failed, and for which IRI.
 ///
 /// Copies share their contents, so copying never throws.
 class FOUNDATION_EXPORT Exception : public core::except::IException
@@ -18,12 +18,12 @@ public:
     Exception(ErrorCode errorCode, StorageIRI iri);
     ~Exception() override;
 
-    /// Valid as long as any copy of the exception lives, as is iri().
+    /// Get the reason. The references that this and iri() return are valid as long as any copy of the exception lives.
     const ErrorCode& errorCode() const noexcept;
     const StorageIRI& iri() const noexcept;
 
-    /// Give one readable line: the code's name, the IRI and the detail, for example
-    /// "NotFound: cloud://store/a/b.txt: no such bucket". Never holds a line break.
+    /// Get one readable line: the code's name, the IRI and the detail, for example
+    /// "NotFound: cloud://store/a/b.txt: no such bucket". Never contains a line break.
     const char* what() const noexcept override;
 
 private:

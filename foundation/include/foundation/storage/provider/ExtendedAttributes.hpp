@@ -13,17 +13,17 @@ namespace foundation::storage::provider
 /// What an IRI names.
 enum class ResourceKind : std::uint32_t
 {
-    None = 0, ///< nothing that exists
+    None = 0, ///< nothing exists there
     File = 1,
     Folder = 2,
 };
 
-/// What is known of a file or a folder, in one record.
+/// Attributes of a file or a folder.
 struct ExtendedAttributes
 {
     ResourceKind kind = ResourceKind::None;
-    std::optional<unsigned long> size;     ///< bytes; none for a folder, or if the provider cannot tell
-    boost::posix_time::ptime lastModified; ///< UTC; not_a_date_time if there is none
+    std::optional<unsigned long> size;     ///< bytes; empty for a folder, or if unknown
+    boost::posix_time::ptime lastModified; ///< UTC; not_a_date_time if unknown
     bool writable = false;
 
     friend bool operator==(const ExtendedAttributes&, const ExtendedAttributes&) = default;

@@ -9,12 +9,12 @@
 namespace foundation::storage::provider
 {
 
-/// What is known of a file.
+/// Attributes of a file.
 class FileAttributes
 {
 public:
-    /// @param size          in bytes; none if the provider cannot tell
-    /// @param lastModified  UTC; not_a_date_time if the provider cannot tell
+    /// @param size          in bytes; empty if the provider does not know it
+    /// @param lastModified  UTC; not_a_date_time if the provider does not know it
     FileAttributes(std::optional<unsigned long> size, boost::posix_time::ptime lastModified, bool writable)
         : m_size(size)
         , m_lastModified(lastModified)

@@ -7,11 +7,11 @@
 namespace foundation::storage::provider
 {
 
-/// What is known of a folder.
+/// Attributes of a folder.
 class FolderAttributes
 {
 public:
-    /// @param lastModified  UTC; not_a_date_time for a folder that has no time of its own
+    /// @param lastModified  UTC; not_a_date_time if the folder has no time of its own
     FolderAttributes(boost::posix_time::ptime lastModified, bool writable)
         : m_lastModified(lastModified)
         , m_writable(writable)

@@ -10,12 +10,12 @@
 namespace foundation::storage::provider
 {
 
-/// One line of a folder's listing.
+/// One entry of a folder listing.
 class FolderEntry
 {
 public:
-    /// @param name  unescaped and relative to the listed folder; a recursive listing's names hold separators, and no
-    ///              name ends in one. StorageIRI::getChild makes the entry's IRI from it.
+    /// @param name  unescaped, relative to the listed folder: StorageIRI::getChild(name) of that folder is the entry's
+    ///              IRI. May contain separators in a recursive listing; never ends with one.
     FolderEntry(std::u16string name, const FileAttributes& attributes)
         : m_name(std::move(name))
         , m_attributes(attributes)

@@ -11,11 +11,11 @@
 namespace foundation::storage::provider
 {
 
-/// Use a ByteStream where Boost.IOStreams wants a seekable, closable device: in boost::iostreams::copy, in a
-/// boost::iostreams::stream, under a filter.
+/// Adapt a ByteStream to a seekable, closable Boost.IOStreams device, for example for boost::iostreams::copy, a
+/// boost::iostreams::stream or a filter.
 ///
-/// Copies share the stream; closing one closes it for all. The stream lives as long as the last copy, unless the caller
-/// keeps a share of it. One thread at a time may use the copies of one device.
+/// Copies of a device share the stream: closing one closes it for all. The stream is destroyed with the last copy,
+/// unless the caller shares ownership. Only one thread at a time may use a device and its copies.
 class FOUNDATION_EXPORT GenericByteStreamDevice
 {
 public:
@@ -28,13 +28,15 @@ public:
     explicit GenericByteStreamDevice(std::shared_ptr<ByteStream> stream);
     explicit GenericByteStreamDevice(ByteStreamPtr stream);
 
-    /// Read up to `n` bytes; -1 at the end of the file.
+    /// Read up to `n` bytes.
+    ///
+    /// @return the number of bytes read; -1 at the end of the file
     std::streamsize read(char* s, std::streamsize n);
 
-    /// Write all `n` bytes and return `n`. A stream that takes no more fails instead, since a stream copy would go on
-    /// as if the rest had been written.
+    /// Write all `n` bytes and return `n`. A stream that accepts only some of them is an error, because
+    /// boost::iostreams::copy would continue as if it had accepted all.
     ///
-    /// @throws ByteStreamWriteFailure with ErrorCode::Unknown in that case, and whatever the stream throws
+    /// @throws ByteStreamWriteFailure with ErrorCode::Unknown in that case, and everything that the stream throws
     std::streamsize write(const char* s, std::streamsize n);
 
     std::streampos seek(stream_offset off, std::ios_base::seekdir way);

@@ -13,24 +13,24 @@ class IFolderEntryIterator;
 /// Owns an iterator.
 using FolderEntryIteratorPtr = std::unique_ptr<IFolderEntryIterator>;
 
-/// Walk through a listing: `while (it->hasNext()) { it->next(); use(it->getCurrent()); }`.
+/// Iterate over a listing: `while (it->hasNext()) { it->next(); use(it->getCurrent()); }`.
 ///
-/// One thread at a time may use an iterator. Clones are independent of each other.
+/// Only one thread at a time may use an iterator. Clones are independent of each other.
 class FOUNDATION_EXPORT IFolderEntryIterator
 {
 public:
-    /// Give the entry that the last next() arrived at. Call next() at least once before.
+    /// Get the current entry. Call next() at least once before.
     virtual FolderEntry getCurrent() const = 0;
 
-    /// Tell whether next() may be called.
+    /// Tell whether there is a next entry.
     virtual bool hasNext() const = 0;
 
-    /// Advance. Call it only while hasNext() is true.
+    /// Move to the next entry. Call this only if hasNext() is true.
     ///
-    /// @throws Exception if what follows cannot be fetched; getCurrent() then already gives the entry arrived at
+    /// @throws Exception if the entries after it cannot be fetched; getCurrent() already returns the next entry then
     virtual void next() = 0;
 
-    /// Make an independent iterator at the same place.
+    /// Create an independent iterator at the same position.
     virtual FolderEntryIteratorPtr clone() const = 0;
 
     virtual ~IFolderEntryIterator();
@@ -41,8 +41,8 @@ protected:
     IFolderEntryIterator& operator=(const IFolderEntryIterator&) = default;
 };
 
-/// Implement clone() for an iterator class T by T's copy constructor: `class It : public
-/// IClonableFolderEntryIterator<It>`.
+/// Implement clone() with the copy constructor of the iterator class T:
+/// `class It : public IClonableFolderEntryIterator<It>`.
 template <class T>
 class IClonableFolderEntryIterator : public IFolderEntryIterator
 {

@@ -21,25 +21,25 @@
 namespace foundation::storage::provider
 {
 
-/// Whether two names that differ in case only name one file.
+/// Whether names that differ only in case name the same file.
 enum class FilenameSensitivity : std::uint32_t
 {
     CaseSensitive = 0,
     CaseInsensitive = 1,
 };
 
-/// Orders locations strictly, the way a provider tells them apart.
+/// A strict order of locations. Locations that a provider treats as the same are equivalent.
 using PathComparator = std::function<bool(const StorageIRI&, const StorageIRI&)>;
 
-/// Files and folders of one place, named by IRIs.
+/// The files and folders of one store, named by IRIs.
 ///
-/// A host calls the public operations; a provider overrides the virtual one of the same name and arguments. Any thread
-/// may call any operation at any time. Every failure is an Exception that names the IRI concerned; what is left behind
-/// after one is the provider's to say.
+/// A host calls the public operations; a provider overrides the virtual function of the same name with the prefix "do".
+/// Any thread may call any operation at any time. Every failure is an Exception with the IRI concerned. The provider
+/// documents the state that a failed operation leaves.
 ///
-/// An operation that is not overridden has the framework's default. It is described with the operation; where nothing
-/// is said, the operation is refused with ErrorCode::Unsupported. Defaults are composed of the provider's other
-/// operations, each of which may change the place separately: no default is atomic unless it says so.
+/// An operation that is not overridden has the default that is described with it. Without such a description, the
+/// default throws ErrorCode::Unsupported. Defaults call other operations of the provider, one after the other: no
+/// default is atomic unless it says so.
 class FOUNDATION_EXPORT IProvider
 {
 public:
@@ -48,22 +48,23 @@ public:
     IProvider(const IProvider&) = delete;
     IProvider& operator=(const IProvider&) = delete;
 
-    /// Create an empty file. ErrorCode::AlreadyExists if there is one.
+    /// Create an empty file. ErrorCode::AlreadyExists if it exists.
     void createFile(const StorageIRI& iri) const { doCreateFile(iri); }
 
-    /// Create a folder in an existing one. ErrorCode::AlreadyExists if there is a file or folder of that name.
+    /// Create a folder in an existing folder. ErrorCode::AlreadyExists if there is a file or folder of that name.
     void createFolder(const StorageIRI& iri) const { doCreateFolder(iri); }
 
-    /// Create a folder and every folder above it that is missing. That some or all exist is no failure.
+    /// Create a folder and every missing folder above it. Existing folders are not an error.
     ///
-    /// Default: folderExists from the innermost outwards, then createFolder from the outermost missing one inwards. A
-    /// folder that somebody else creates meanwhile is taken as it is. After a failure the outer folders remain.
+    /// Default: folderExists from the innermost folder outwards, then createFolder from the outermost missing folder
+    /// inwards. A folder that another thread or process creates meanwhile is not an error. After a failure the folders
+    /// that were created remain.
     void createFolderRecursive(const StorageIRI& iri) const { doCreateFolderRecursive(iri); }
 
-    /// Tell whether there is a file. That there is none is no failure.
+    /// Tell whether a file exists. A missing file is not an error.
     bool fileExists(const StorageIRI& iri) const { return doFileExists(iri); }
 
-    /// Tell whether there is a folder. That there is none is no failure.
+    /// Tell whether a folder exists. A missing folder is not an error.
     bool folderExists(const StorageIRI& iri) const { return doFolderExists(iri); }
 
     /// Remove a file.
@@ -87,14 +88,13 @@ public:
         doMoveFolder(oldIri, newIri, policy);
     }
 
-    /// Describe a file. ErrorCode::NotFound if there is none.
+    /// Get the attributes of a file. ErrorCode::NotFound if there is none.
     FileAttributes getFileAttributes(const StorageIRI& iri) const { return doGetFileAttributes(iri); }
 
-    /// Describe a folder. ErrorCode::NotFound if there is none.
+    /// Get the attributes of a folder. ErrorCode::NotFound if there is none.
     FolderAttributes getFolderAttributes(const StorageIRI& iri) const { return doGetFolderAttributes(iri); }
 
-    /// Open a file for writing, and for reading too if the options ask for it. The caller owns the stream and closes
-    /// it.
+    /// Open a file for writing, and also for reading if the options allow it. The caller owns the stream and closes it.
     ByteStreamPtr openStream(const StorageIRI& iri, const ByteStreamOpenOptions& options) const
     {
         return doOpenStream(iri, options);
@@ -103,34 +103,35 @@ public:
     /// Open an existing file for reading. The caller owns the stream.
     ByteStreamPtr openReadOnlyStream(const StorageIRI& iri) const { return doOpenReadOnlyStream(iri); }
 
-    /// Open a stream for the whole new contents of a file, which are put in place only when the stream is closed. A
-    /// stream that is destroyed without a close leaves the file as it was.
+    /// Open a stream that replaces the contents of a file when it is closed. A stream that is destroyed without being
+    /// closed leaves the file unchanged.
     ///
     /// Default: openTransactionalStreamAtScratchLocation in the system's temporary folder.
     ByteStreamPtr openTransactionalStream(const StorageIRI& iri) const { return doOpenTransactionalStream(iri); }
 
-    /// The same, with the new contents kept in `scratchFolder` until the close.
+    /// Like openTransactionalStream, but keep the new contents in `scratchFolder` until the stream is closed.
     ///
-    /// Default: `scratchFolder` names an existing local folder as a "file" IRI ("file:///var/tmp"), or is the empty IRI
-    /// for the system's temporary folder; another one gets ErrorCode::InvalidLocation. The stream starts empty, and
-    /// reads, writes and seeks in a local temporary file. Closing copies that file into the stream that openStream
-    /// gives with ByteStreamTruncate::Discard, and closes it: whether the target changes in one step is up to that
-    /// stream. When the copy fails, the close throws, and the target is whatever the provider leaves after a failed
-    /// write. The provider must outlive the stream.
+    /// Default: `scratchFolder` is an existing local folder, as a "file" IRI ("file:///var/tmp"), or the empty IRI for
+    /// the system's temporary folder. Any other IRI throws ErrorCode::InvalidLocation. The stream starts empty, and
+    /// reads, writes and seeks in a local temporary file. Closing it copies this file to a stream from openStream with
+    /// ByteStreamTruncate::Discard, and closes that stream. Whether the target changes in one step depends on that
+    /// stream. If the copy fails, close() throws, and the target is as the provider leaves it after a failed write. The
+    /// provider must outlive the stream.
     ByteStreamPtr openTransactionalStreamAtScratchLocation(const StorageIRI& iri, const StorageIRI& scratchFolder) const
     {
         return doOpenTransactionalStreamAtScratchLocation(iri, scratchFolder);
     }
 
-    // Listings. The iterator's names are relative to the listed folder; the order is the provider's.
+    // Listings. Names are relative to the listed folder. The provider defines the order.
     //
-    // Wildcards: only entries whose last name matches `pattern` as a whole, case included. "*" is any
-    // run of characters, "?" is any one character, "[a-z0]" is one of a set, "[!a-z]" or "[^a-z]" is one outside of it.
-    // A "]" that comes first in a set stands for itself; a "[" without an end is an ordinary character. The time for
-    // one name is at worst proportional to the pattern's length times the name's. Default: the plain listing, filtered.
+    // Wildcards: lists only entries whose last name matches the whole `pattern`. Case matters. "*" matches any sequence
+    // of characters, "?" any one character, "[a-z0]" one character of a set, "[!a-z]" or "[^a-z]" one character that is
+    // not in the set. A "]" at the start of a set is part of the set; a "[" without a closing "]" matches itself. The
+    // time for one name is at most proportional to the length of the pattern times the length of the name. Default:
+    // the listing without a pattern, filtered.
     //
-    // NamesOnly: the attributes of the entries are not to be looked at, which may save the provider fetching them;
-    // name() and isFolder() hold. Default: the listing with attributes.
+    // NamesOnly: only name() and isFolder() of the entries are valid, so the provider need not fetch the attributes.
+    // Default: the listing with attributes.
 
     FolderEntryIteratorPtr listAll(const StorageIRI& iri) const { return doListAll(iri); }
     FolderEntryIteratorPtr listAllWildcards(const StorageIRI& iri, const std::u16string& pattern) const
@@ -183,70 +184,74 @@ public:
         doCopyFile(source, destination, policy);
     }
 
-    /// Copy a file so that `destination` does not change before all of `source` was read.
+    /// Copy a file so that `destination` does not change before all of `source` has been read.
     ///
-    /// Default: a copy through openTransactionalStream. ErrorCode::AlreadyExists if the policy is Fail and there is a
-    /// file at `destination`, ErrorCode::Unsupported for a policy that supportsReplacementPolicy does not know.
+    /// Default: copy to a stream from openTransactionalStream. ErrorCode::AlreadyExists if the policy is Fail and
+    /// `destination` is a file, ErrorCode::Unsupported if supportsReplacementPolicy is false for the policy.
     void copyFileAtomic(const StorageIRI& source, const StorageIRI& destination, const ReplacementPolicy& policy) const
     {
         doCopyFileAtomic(source, destination, policy);
     }
 
+    /// Set the time of the last modification.
+    ///
     /// @param lastModified  UTC
     void setLastModified(const StorageIRI& iri, const boost::posix_time::ptime& lastModified) const
     {
         doSetLastModified(iri, lastModified);
     }
+
+    /// Set whether a file or folder may be written to.
     void setWritable(const StorageIRI& iri, const bool writable) const { doSetWritable(iri, writable); }
 
-    // Change notification: refused unless a provider brings it, together with the way to receive the events.
+    // Change notification. A provider that overrides these defines how a host receives the events.
     void publishFolderEventsFor(const StorageIRI& iri) const { doPublishFolderEventsFor(iri); }
     void publishFileEventsFor(const StorageIRI& iri) const { doPublishFileEventsFor(iri); }
     void stopPublishingEventsFor(const StorageIRI& iri) const { doStopPublishingEventsFor(iri); }
     void startChangePollingMechanism(const StorageIRI& iri) const { doStartChangePollingMechanism(iri); }
     void stopChangePollingMechanism(const StorageIRI& iri) const { doStopChangePollingMechanism(iri); }
 
-    /// Tell whether moves and copies understand `policy`. Default: the policies that ReplacementPolicy names.
+    /// Tell whether moves and copies support `policy`. Default: true for the policies that ReplacementPolicy names.
     bool supportsReplacementPolicy(const ReplacementPolicy& policy) const
     {
         return doSupportsReplacementPolicy(policy);
     }
 
-    /// Give the order of this provider's locations. Default: that of StorageIRI.
+    /// Get the order of this provider's locations. Default: the order of StorageIRI.
     PathComparator getPathComparator() const { return doGetPathComparator(); }
 
-    /// Give the one location among several spellings of it. Default: StorageIRI::getResolvedIRI.
+    /// Get the canonical spelling of a location. Default: StorageIRI::getResolvedIRI.
     StorageIRI getCanonicalLocation(const StorageIRI& iri) const { return doGetCanonicalLocation(iri); }
 
-    /// Default: FilenameSensitivity::CaseSensitive.
+    /// Tell whether names are case-sensitive. Default: FilenameSensitivity::CaseSensitive.
     FilenameSensitivity getFilenameSensitivity() const { return doGetFilenameSensitivity(); }
 
-    /// Let go of what the provider holds, before it is destroyed. Default: nothing.
+    /// Release the provider's resources before it is destroyed. Default: nothing.
     void shutdown() const { doShutdown(); }
 
-    /// Tell whether there is a file or a folder. Default: fileExists, then folderExists.
+    /// Tell whether there is a file or a folder. Default: existsExtended.
     bool exists(const StorageIRI& iri) const { return doExists(iri); }
 
-    /// Tell what there is; of a file and a folder of one name, the file. Default: fileExists, then folderExists.
+    /// Tell whether there is a file or a folder; a file, if there are both. Default: fileExists, then folderExists.
     ResourceKind existsExtended(const StorageIRI& iri) const { return doExistsExtended(iri); }
 
-    /// Describe a file or a folder without knowing which. ErrorCode::NotFound if there is neither.
+    /// Get the attributes of a file or a folder. ErrorCode::NotFound if there is neither.
     ///
     /// Default: existsExtended, then getFileAttributes or getFolderAttributes.
     ExtendedAttributes getExtendedAttributes(const StorageIRI& iri) const { return doGetExtendedAttributes(iri); }
 
-    /// Tell how much room the store behind `iri` has.
+    /// Get the storage space of the store that contains `iri`.
     ProviderStorageInfo getProviderStorageInfo(const StorageIRI& iri) const { return doGetProviderStorageInfo(iri); }
 
-    /// Make an existing file exactly `size` bytes long, cutting it or filling it up with zeros.
+    /// Truncate an existing file to `size` bytes, or extend it to `size` bytes with zeros.
     ///
-    /// Default, composed of getFileAttributes and openStream: cutting to 0 starts the file afresh, growing appends
-    /// zeros, the present size changes nothing. Cutting to anything else is refused with ErrorCode::Unsupported, since
-    /// writing the kept part anew would lose it if the writing failed; so is a file whose size the provider cannot
-    /// tell.
+    /// Default: getFileAttributes, then openStream. Truncates only to 0 bytes, extends by appending zeros, and does
+    /// nothing if the file has that size. Throws ErrorCode::Unsupported for any other size, because a failure while
+    /// writing the kept bytes again would lose them, and for a size above 0 if the provider does not know the file's
+    /// size.
     void truncateToSize(const StorageIRI& iri, std::uint64_t size) const { doTruncateToSize(iri, size); }
 
-    /// Tell how many bytes the provider's local caches of `iri` take.
+    /// Get the number of bytes that the provider's local caches use for `iri`.
     std::uint64_t getProviderCacheUsage(const StorageIRI& iri) const { return doGetProviderCacheUsage(iri); }
 
 protected:

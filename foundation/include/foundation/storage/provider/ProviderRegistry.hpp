@@ -11,11 +11,12 @@
 namespace foundation::storage::provider
 {
 
-/// Tell which provider serves an IRI, by its scheme and authority. The host's spelling does not matter, nor does its
-/// case.
+/// Find the provider that serves an IRI, by the IRI's scheme and authority. The case of the scheme and of the host does
+/// not matter.
 ///
-/// Safe for concurrent calls on one instance. Providers are shared with the registry until they are unregistered;
-/// a provider that was found stays valid as long as the finder holds it.
+/// Safe for concurrent calls on one instance. The registry shares ownership of a provider until it is unregistered; the
+/// pointers that it returns keep the provider alive. Every operation throws Exception with ErrorCode::InvalidLocation
+/// if its IRI does not resolve.
 class FOUNDATION_EXPORT ProviderRegistry
 {
 public:
@@ -25,28 +26,27 @@ public:
     ProviderRegistry(const ProviderRegistry&) = delete;
     ProviderRegistry& operator=(const ProviderRegistry&) = delete;
 
-    /// Let `provider` serve everything under the scheme and authority of `root`, whose path is not looked at.
+    /// Register `provider` for all IRIs with the scheme and authority of `root`. The path of `root` is ignored.
     ///
     /// @param provider  not null
-    /// @throws Exception with ErrorCode::AlreadyExists if somebody serves them; the former provider stays. With
-    ///         ErrorCode::InvalidLocation if `root` does not resolve.
+    /// @throws Exception with ErrorCode::AlreadyExists if another provider is registered for them; it stays registered
     void registerProvider(const StorageIRI& root, std::shared_ptr<const IProvider> provider);
 
-    /// Forget who serves the scheme and authority of `root`. That nobody does is no failure.
+    /// Unregister the provider for the scheme and authority of `root`.
     ///
-    /// @return whether anybody did
+    /// @return whether one was registered; that none was is not an error
     bool unregisterProvider(const StorageIRI& root);
 
-    /// Give the provider that serves `iri`, or null if nobody does.
+    /// Get the provider that serves `iri`, or null if there is none.
     std::shared_ptr<const IProvider> find(const StorageIRI& iri) const;
 
-    /// Give the provider that serves `iri`.
+    /// Get the provider that serves `iri`.
     ///
-    /// @throws Exception with ErrorCode::NotFound, naming `iri`, if nobody does
+    /// @throws Exception with ErrorCode::NotFound and `iri` if there is none
     std::shared_ptr<const IProvider> resolve(const StorageIRI& iri) const;
 
 private:
-    mutable std::shared_mutex m_mutex;                                  // taken alone; no provider is called under it
+    mutable std::shared_mutex m_mutex; // taken alone; never held while a provider is called
     std::map<StorageIRI, std::shared_ptr<const IProvider>> m_providers; // guarded by m_mutex; by scheme://authority
 };
 

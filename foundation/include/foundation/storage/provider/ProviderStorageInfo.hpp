@@ -8,7 +8,7 @@
 namespace foundation::storage::provider
 {
 
-/// How much room a store has, in bytes; none where the provider cannot tell.
+/// The storage space of a store, in bytes. A field is empty if the provider does not know it.
 struct ProviderStorageInfo
 {
     std::optional<std::uint64_t> capacity;

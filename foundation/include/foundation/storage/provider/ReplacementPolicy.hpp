@@ -7,8 +7,8 @@
 namespace foundation::storage::provider
 {
 
-/// What a move or a copy does when the destination is an existing file. Other values can be represented; a provider
-/// says through IProvider::supportsReplacementPolicy which ones it knows.
+/// What a move or a copy does if the destination is an existing file. Other values can be represented;
+/// IProvider::supportsReplacementPolicy tells which ones a provider supports.
 enum class ReplacementPolicy : std::uint32_t
 {
     Fail = 0,    ///< fail with ErrorCode::AlreadyExists
