@@ -55,7 +55,7 @@ public:
     void write(std::uint32_t severity, std::string_view message);
 
 private:
-    struct Implementation;
+    struct FOUNDATION_HIDDEN Implementation;
 
     std::atomic<std::uint32_t> m_enabled;
     const std::string m_channel;

@@ -29,7 +29,7 @@ protected:
     ByteStreamFailure(const char* name, ErrorCode reason);
 
 private:
-    struct Contents;
+    struct FOUNDATION_HIDDEN Contents;
 
     std::shared_ptr<const Contents> m_contents; // never null
 };

@@ -27,7 +27,7 @@ public:
     const char* what() const noexcept override;
 
 private:
-    struct Contents;
+    struct FOUNDATION_HIDDEN Contents;
 
     std::shared_ptr<const Contents> m_contents; // never null
 };

@@ -98,12 +98,12 @@ public:
     friend FOUNDATION_EXPORT std::ostream& operator<<(std::ostream& stream, const StorageIRI& iri);
 
 private:
-    struct Representation;
+    struct FOUNDATION_HIDDEN Representation;
 
-    explicit StorageIRI(std::shared_ptr<const Representation> representation) noexcept;
+    FOUNDATION_HIDDEN explicit StorageIRI(std::shared_ptr<const Representation> representation) noexcept;
 
-    const Representation& representation() const noexcept;
-    const Representation& wellFormed() const;
+    FOUNDATION_HIDDEN const Representation& representation() const noexcept;
+    FOUNDATION_HIDDEN const Representation& wellFormed() const;
 
     std::shared_ptr<const Representation> m_representation; // null: the empty IRI; constant once built
 };
