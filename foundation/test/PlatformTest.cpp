@@ -106,8 +106,13 @@ TEST_F(LoggerTest, WritesOneLineToStandardErrorByDefault)
 {
     foundation::log::setSink({});
     testing::internal::CaptureStderr();
-    Logger("channel").write(severity::warning, "one\n\x1b[31mtwo\n");
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "channel warning: one  [31mtwo\n");
+    Logger logger("channel");
+    logger.setEnabledSeverities(~0U);
+    logger.write(severity::warning, "one\n\x1b[31mtwo\n");
+    logger.write(severity::progress, "3");
+    logger.write(severity::detail, "4");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+        "channel warning: one  [31mtwo\nchannel progress: 3\nchannel detail: 4\n");
 }
 
 TEST(LoggerDeathTest, StaticDestructorsMayLog)
@@ -160,6 +165,8 @@ TEST(FilesystemTest, TemporaryFilesAreNewEmptyAndPrivate)
     fs::create_directory(folder);
     EXPECT_THROW(create("../", ".suf"), std::invalid_argument);
     EXPECT_THROW(create("pre", "a/b"), std::invalid_argument);
+    const auto openFiles = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
+    const auto openBefore = openFiles();
     std::set<std::string> names;
     for (const ::mode_t mask : {0777U, 0077U, 0U})
     {
@@ -173,6 +180,7 @@ TEST(FilesystemTest, TemporaryFilesAreNewEmptyAndPrivate)
         EXPECT_THAT(file.native(), testing::MatchesRegex(folder.string() + "/pre.{6}\\.suf"));
         EXPECT_TRUE(names.insert(file.native()).second);
     }
+    EXPECT_EQ(openFiles(), openBefore);
     EXPECT_THROW(fl::filesystem::remove(folder.string()), boost::system::system_error) << "it is not empty";
     fs::remove_all(folder);
 }
