@@ -373,11 +373,14 @@ TEST(BufferPoolTest, ReusesBuffersWithinItsLimit)
 {
     BufferPool pool(300);
     auto other = pool.tryAcquire(100); // keeps the free buffers from being released
-    auto first = pool.tryAcquire(100);
-    const char* const bytes = first->data();
-    first.reset();
-    EXPECT_NE(pool.tryAcquire(49)->data(), bytes) << "half of it would be wasted";
-    EXPECT_EQ(pool.tryAcquire(50)->data(), bytes);
+    auto large = pool.tryAcquire(100);
+    auto small = pool.tryAcquire(60);
+    const char* const bytes = small->data();
+    large.reset();
+    small.reset();
+    EXPECT_EQ(pool.tryAcquire(55)->data(), bytes) << "the larger one fits, too";
+    EXPECT_EQ(pool.tryAcquire(30)->data(), bytes);
+    EXPECT_NE(pool.tryAcquire(29)->data(), bytes) << "half of it would be wasted";
     EXPECT_FALSE(pool.tryAcquire(201));
     auto waiting = std::async(std::launch::async, [&] { return pool.acquire(300).has_value(); });
     EXPECT_TRUE(pool.tryAcquire(200)) << "free buffers should make room";
