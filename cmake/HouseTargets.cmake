@@ -35,7 +35,7 @@ function(house_set_flags target group)
         $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
         # False positives of g++ 12: an optional may be empty where it was tested before, and "literal" + string copies too
         # many bytes or between overlapping ones. clang and the sanitizers find the real faults.
-        $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized;-Wno-restrict;-Wno-stringop-overflow>)
+        $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized;-Wno-restrict;-Wno-stringop-overflow;-Wno-array-bounds>)
     get_target_property(type ${target} TYPE)
     if(NOT type STREQUAL "EXECUTABLE" AND NOT group STREQUAL "libraries")
         # As executables are compiled.
