@@ -165,7 +165,7 @@ TEST(StreamTest, FailuresAreStandardOnesThatSayWhyInOneLine)
     EXPECT_STREQ(fsp::ByteStreamReadFailure(ErrorCode::NotFound).what(), "ByteStreamReadFailure: NotFound");
 }
 
-/// Bytes in memory; stored in the file when the stream is closed. Writes are short, and refused from 10'000 bytes on.
+/// Bytes in memory; stored in the file when the stream is closed. Accepts one byte per write, and at most 10'000 bytes.
 struct SmallStream : fsp::ByteStream
 {
     explicit SmallStream(std::string& content)
@@ -178,7 +178,7 @@ struct SmallStream : fsp::ByteStream
     }
     std::streamsize doWrite(const char* s, std::streamsize n) override
     {
-        return bytes.view().size() < 10'000 ? bytes.sputn(s, std::min<std::streamsize>(n, 1000)) : -1;
+        return bytes.view().size() < 10'000 ? bytes.sputn(s, std::min<std::streamsize>(n, 1)) : -1;
     }
     std::streampos doSeek(const fsp::stream_offset off, const std::ios_base::seekdir way) override
     {
