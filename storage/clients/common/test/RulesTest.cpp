@@ -37,12 +37,12 @@ TEST(KeyRulesTest, ReportsKeyAndReasonInOneLine)
 {
     try
     {
-        checkKey("a\n\xFF");
+        checkKey("a \n\xFF");
         FAIL() << "accepted a key that is not UTF-8";
     }
     catch (const InvalidLocationException& e)
     {
-        EXPECT_EQ(e.detail(), R"(key "a\x0A\xFF" is refused: it is not UTF-8 at byte 2)");
+        EXPECT_EQ(e.detail(), R"(key "a \x0A\xFF" is refused: it is not UTF-8 at byte 3)");
     }
     EXPECT_EQ(quoted(std::string(500, 'x')), '"' + std::string(200, 'x') + "...\"");
 }

@@ -27,6 +27,7 @@ TEST_P(CloudClientConformance, OnlyReadingAMissingObjectFails)
         EXPECT_THROW(get(key), ResourceNotFoundException) << key;
         EXPECT_THROW(client().getObjectParts(key), ResourceNotFoundException) << key;
     }
+    EXPECT_THAT(keys("missing/"), IsEmpty());
     EXPECT_EQ(get("other"), "x");
 }
 
