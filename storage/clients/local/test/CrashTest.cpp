@@ -129,7 +129,6 @@ TEST(CrashTest, EveryObjectIsACompleteVersionAndNothingElseIsLeft)
         checkStore(folder.store());
         EXPECT_EQ(files(folder.store() / "sessions"), std::vector<std::string>());
     }
-    ::munmap(memory, sizeof(Writers));
 }
 
 TEST(CrashTest, CollectsOrphansOfDeadSessionsOnly)
@@ -155,6 +154,10 @@ TEST(CrashTest, CollectsOrphansOfDeadSessionsOnly)
     living.putObject("k", in, 1000);
     EXPECT_EQ(versionOf(get(living, "k")), 1U);
     checkStore(store);
+
+    LocalClient removing(store);
+    removing.deleteObject("k");
+    EXPECT_EQ(files(store / "sessions").size(), 2U) << "a crash before the file is removed must be noticed";
 }
 
 } // namespace storage::clients::test
