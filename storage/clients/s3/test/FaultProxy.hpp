@@ -9,8 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <memory>
-#include <regex>
+#include <map>
 
 namespace storage::clients::test
 {
@@ -19,28 +18,26 @@ namespace storage::clients::test
 enum class Fault
 {
     None,
-    ResetBefore, ///< the store does not see the request, nor any other down to Expired400
+    ResetBefore, ///< the store does not see the request, nor any down to Expired400
     SlowDown503,
     ErrorUnder200,
     Precondition412,
     Denied403,
     Expired400,
-    FlippedBefore,    ///< one bit of the body is wrong when it reaches the store
-    ResetAfter,       ///< the store has done its work, here and below; the response is lost
-    CutBodyAfter,     ///< fewer bytes than promised
-    CutDocumentAfter, ///< transferred whole
-    HollowAfter       ///< a document without contents, or a response without an entity tag
+    ResetAfter,      ///< the store has done its work, here and below; the response is lost
+    CutBodyAfter,    ///< fewer bytes than promised
+    CutDocumentAfter ///< transferred whole
 };
 
 /// Those that no operation may take for a success.
 inline constexpr std::array allFaults{Fault::ResetBefore, Fault::SlowDown503, Fault::ErrorUnder200,
-    Fault::Precondition412, Fault::Denied403, Fault::Expired400, Fault::FlippedBefore, Fault::ResetAfter,
-    Fault::CutBodyAfter, Fault::CutDocumentAfter, Fault::HollowAfter};
+    Fault::Precondition412, Fault::Denied403, Fault::Expired400, Fault::ResetAfter, Fault::CutBodyAfter,
+    Fault::CutDocumentAfter};
 
 inline const char* name(Fault fault)
 {
     constexpr std::array names{"None", "ResetBefore", "SlowDown503", "ErrorUnder200", "Precondition412", "Denied403",
-        "Expired400", "FlippedBefore", "ResetAfter", "CutBodyAfter", "CutDocumentAfter", "HollowAfter"};
+        "Expired400", "ResetAfter", "CutBodyAfter", "CutDocumentAfter"};
     return names.at(static_cast<std::size_t>(fault));
 }
 
@@ -128,10 +125,8 @@ private:
             fault = plan ? plan(request, number) : fault;
         }
         const auto instead = replyInstead(fault);
-        Reply reply = instead ? *instead : forward(request, fault);
-        fault = instead || (fault == Fault::FlippedBefore && !request.body().empty()) || damage(fault, request, reply)
-                    ? fault
-                    : Fault::None;
+        Reply reply = instead ? *instead : forward(request);
+        fault = instead || damage(fault, request, reply) ? fault : Fault::None;
         if (!m_keepsConnections && reply.then == Reply::Then::Keep)
         {
             reply.fields.emplace_back("Connection", "close");
@@ -145,33 +140,21 @@ private:
     /// The response in the store's place; nothing: the request is forwarded.
     static std::optional<Reply> replyInstead(Fault fault)
     {
-        const auto error = [](int status, const std::string& code) {
-            return Reply{status, {}, "<Error><Code>" + code + "</Code></Error>"};
+        const auto error = [](int status, const char* code) {
+            return Reply{status, {}, std::string("<Error><Code>") + code + "</Code></Error>"};
         };
-        switch (fault)
-        {
-        case Fault::ResetBefore:
-            return Reply::reset();
-        case Fault::SlowDown503:
-            return error(503, "SlowDown");
-        case Fault::ErrorUnder200:
-            return error(200, "InternalError");
-        case Fault::Precondition412:
-            return error(412, "PreconditionFailed");
-        case Fault::Denied403:
-            return error(403, "AccessDenied");
-        case Fault::Expired400:
-            return error(400, "ExpiredToken");
-        default:
-            return std::nullopt;
-        }
+        static const std::map<Fault, Reply> replies{{Fault::ResetBefore, Reply::reset()},
+            {Fault::SlowDown503, error(503, "SlowDown")}, {Fault::ErrorUnder200, error(200, "InternalError")},
+            {Fault::Precondition412, error(412, "PreconditionFailed")}, {Fault::Denied403, error(403, "AccessDenied")},
+            {Fault::Expired400, error(400, "ExpiredToken")}};
+        const auto found = replies.find(fault);
+        return found == replies.end() ? std::nullopt : std::optional(found->second);
     }
 
     /// Damage the store's response.
     /// @return false: the fault does not apply to it, which has remained as it was
     static bool damage(Fault fault, const Request& request, Reply& reply)
     {
-        const bool isDocument = reply.body.starts_with('<');
         const bool hasBody = request.method() != Verb::head && reply.status != 204;
         if (fault == Fault::ResetAfter)
         {
@@ -183,16 +166,9 @@ private:
             reply.body.resize(reply.body.size() / 2);
             reply.then = Reply::Then::Close;
         }
-        else if (fault == Fault::CutDocumentAfter && isDocument)
+        else if (fault == Fault::CutDocumentAfter && reply.body.starts_with('<'))
         {
             reply.body.resize(reply.body.size() / 2);
-        }
-        else if (fault == Fault::HollowAfter)
-        {
-            static const std::regex contents(R"(^(<\?[^>]*>)?\s*<(\w+)[^]*)");
-            const auto tags = std::erase_if(reply.fields, [](const auto& field) { return field.first == "ETag"; });
-            reply.body = isDocument ? std::regex_replace(reply.body, contents, "$1<$2/>") : reply.body;
-            return isDocument || tags > 0;
         }
         else
         {
@@ -201,16 +177,11 @@ private:
         return true;
     }
 
-    Reply forward(const Request& request, Fault fault)
+    Reply forward(const Request& request)
     {
-        std::string bytes = request.body();
-        if (fault == Fault::FlippedBefore && !bytes.empty())
-        {
-            bytes[bytes.size() / 2] ^= 1;
-        }
-        s3::TextBody body(bytes);
+        s3::TextBody body(request.body());
         s3::HttpRequest forwarded{std::string(request.method_string()), m_store + std::string(request.target())};
-        forwarded.body = bytes.empty() ? nullptr : &body;
+        forwarded.body = request.body().empty() ? nullptr : &body;
         for (const auto& field : request)
         {
             if (field.name() != boost::beast::http::field::content_length)

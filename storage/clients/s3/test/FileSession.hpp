@@ -4,7 +4,6 @@
 #include <storage/clients/decorators/ReadAheadClient.hpp>
 #include <storage/cloudprovider/CloudProvider.hpp>
 
-#include <foundation/log/basic_diagnostic_logger.hpp>
 #include <foundation/storage/provider/ByteStreamFailure.hpp>
 #include <foundation/storage/provider/Exception.hpp>
 
@@ -39,8 +38,15 @@ struct FileSession
         std::string content = {}; ///< what was read before the first failure
     };
 
-    /// Do it to the file "file" of a store through the provider, down to the close, whatever fails.
-    Result run(cloudprovider::CloudClientSharedPtr client) const
+    /// A file's content after that.
+    std::string appliedTo(std::string content) const
+    {
+        content.resize(std::max(content.size(), offset + bytes.size()));
+        return content.replace(offset, bytes.size(), bytes);
+    }
+
+    /// Do it to a file through the provider, down to the close, whatever fails.
+    Result run(cloudprovider::CloudClientSharedPtr client, const std::string& key) const
     {
         Result result;
         const auto attempt = [&result](const auto& step)
@@ -61,11 +67,10 @@ struct FileSession
         const auto provider =
             cloudprovider::buildCloudProvider(std::move(client), cloudprovider::FolderPolicy::MarkerObjects, false);
         fsp::ByteStreamPtr stream;
-        foundation::log::setSink([](auto&&...) {}); // callers cause many failures
         attempt(
             [&]
             {
-                stream = provider->openStream(fsp::StorageIRI::fromUtf8("s3://test/file"),
+                stream = provider->openStream(fsp::StorageIRI::fromUtf8("s3://test/" + key),
                     {fsp::ByteStreamReadAccess::Allowed, fsp::ByteStreamCreate::IfMissing, truncate,
                         fsp::ByteStreamWritePosition::AtOffset});
             });
@@ -88,8 +93,6 @@ struct FileSession
                 });
             attempt([&] { stream->close(); });
         }
-        stream.reset();
-        foundation::log::setSink({});
         return result;
     }
 };

@@ -1,9 +1,16 @@
 #pragma once
 
-#include <storage/clients/s3/S3Client.hpp>
+#include "protocol/Requester.hpp"
 
-#include <optional>
-#include <string>
+#include <storage/clients/s3/S3Client.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <sstream>
+
+#include <unistd.h>
 
 namespace storage::clients::s3::test
 {
@@ -13,38 +20,66 @@ class GatewayBucket
 {
 public:
     /// Whether there is a gateway. Tests that need one skip themselves without.
-    static bool isAvailable();
+    static bool isAvailable() { return std::getenv("CLOUDFS_TEST_S3_ENDPOINT") != nullptr; }
 
     /// How to reach the gateway, with the bucket that all tests share.
-    static S3Settings gatewaySettings();
+    static S3Settings gatewaySettings()
+    {
+        return parseS3Url(std::string("s3://") + std::getenv("CLOUDFS_TEST_S3_BUCKET") +
+                          "?path-style=1&endpoint=" + std::getenv("CLOUDFS_TEST_S3_ENDPOINT"));
+    }
 
     /// Create the bucket.
-    GatewayBucket();
+    GatewayBucket()
+        : m_settings(gatewaySettings())
+    {
+        static std::atomic<unsigned> count = 0;
+        m_settings.bucket = "test-" + std::to_string(::getpid()) + "-" + std::to_string(++count);
+        Requester(m_settings).send({Operation::PutObject, "", "PUT"});
+    }
     GatewayBucket(const GatewayBucket&) = delete;
     GatewayBucket& operator=(const GatewayBucket&) = delete;
 
     /// Remove it with all its objects and uploads.
-    ~GatewayBucket();
+    ~GatewayBucket()
+    {
+        try
+        {
+            S3Client client(m_settings);
+            std::string token;
+            do
+            {
+                for (const auto& entry : client.listObjects("", token, {}))
+                {
+                    client.deleteObject(entry.key);
+                }
+            } while (!token.empty());
+            for (const PendingUpload& upload : client.pendingUploads())
+            {
+                client.abortMultipartUpload(upload.key, upload.uploadId);
+            }
+            Requester(m_settings).send({Operation::DeleteObject, "", "DELETE"});
+        }
+        catch (const cloudprovider::CloudException& exception)
+        {
+            ADD_FAILURE() << exception.what() << ": " << exception.detail().value_or("");
+        }
+    }
 
     const S3Settings& settings() const noexcept { return m_settings; }
 
-    /// The same bucket, reached through a proxy.
+    /// The same bucket, reached through a proxy, with fewer requests for a file than by default.
     S3Settings settingsThrough(const std::string& endpoint) const
     {
         S3Settings settings = m_settings;
         settings.endpoint = endpoint;
+        settings.partSize = 1 << 20;
         return settings;
     }
 
 private:
     S3Settings m_settings;
 };
-
-/// Store an object.
-void put(cloudprovider::CloudClient& client, const std::string& key, const std::string& content);
-
-/// @return the whole object; nothing when there is none
-std::optional<std::string> get(cloudprovider::CloudClient& client, const std::string& key);
 
 } // namespace storage::clients::s3::test
 
