@@ -1,11 +1,9 @@
-#include "StoreTest.hpp"
-
-#include <storage/cloudprovider/OpenFileManager.hpp>
+#include "ProviderTest.hpp"
 
 #include <foundation/interrupt/utInterruptState.hpp>
 #include <foundation/usm/Context.hpp>
 
-// What a tree of files cannot see of the provider: what it asks of the store, open files, and failures on the way.
+// What the models of files and trees do not show: calls of the store, open files, failures, log records.
 
 namespace storage::cloudprovider
 {
@@ -13,12 +11,10 @@ namespace storage::cloudprovider
 namespace
 {
 
-using Provider = fsp::IProvider;
+using testing::HasSubstr;
+using testing::StartsWith;
 
-constexpr auto markers = FolderPolicy::MarkerObjects;
-constexpr auto prefixes = FolderPolicy::KeyPrefixes;
-
-class CloudProviderTest : public StoreTest
+class CloudProviderTest : public ProviderTest
 {
 protected:
     CloudProviderTest()
@@ -33,131 +29,146 @@ protected:
     {
         return outcome([&] { provider->moveFile(iriOf(from), iriOf(to), fsp::ReplacementPolicy{policy}); });
     }
+
+    std::string removeTree(const char* path)
+    {
+        return outcome([&] { provider->removeFolderRecursively(iriOf(path)); });
+    }
 };
 
-struct CallRow
+TEST_F(CloudProviderTest, MakesNoMoreCallsThanItNeeds)
 {
-    const char* name;
-    FolderPolicy policy;
-    std::function<void(const Provider&)> call;
-    std::string calls; // of the store
-    const char* outcome = "done";
-};
-
-/// What a row does on a path.
-template <typename Result>
-std::function<void(const Provider&)> call(Result (Provider::*operation)(const fsp::StorageIRI&) const, const char* path)
-{
-    return [=](const Provider& provider) { static_cast<void>((provider.*operation)(iriOf(path))); };
+    const auto expect = [&](const auto& operation, const std::string& calls, const std::string& expected = "done")
+    {
+        EXPECT_EQ(outcome(operation), expected) << calls;
+        EXPECT_EQ(faults->takeCalls(), calls);
+    };
+    const auto iri = iriOf("file");
+    const auto open = [&](std::uint32_t create, std::uint32_t truncate) {
+        provider->openStream(iri, {{}, fsp::ByteStreamCreate{create}, fsp::ByteStreamTruncate{truncate}});
+    };
+    expect([&] { provider->createFolder(iriOf("only/e")); },
+        "listObjects only/ '' 1; getObjectInfo only/e; getObjectInfo only/e/; putObject only/e/");
+    expect([&] { provider->fileExists(iriOf("")); }, "");
+    expect([&] { provider->folderExists(iriOf("implied/")); }, "listObjects implied/ '' 1");
+    expect([&] { provider->getFolderAttributes(iriOf("marked")); }, "getObjectInfo marked/");
+    expect([&] { provider->listAll(iriOf("implied")); }, "listObjects implied/ '/' -1");
+    expect([&] { provider->listAllRecursive(iriOf("implied")); }, "listObjects implied/ '' -1");
+    expect([&] { removeTree("marked"); }, "listObjects marked/ '' -1; deleteObject marked/; deleteObject marked/x");
+    expect([&] { provider->moveFolder(iri, iriOf("e"), {}); }, "", "Unsupported: mem://test/file");
+    expect([&] { provider->setLastModified(iri, {}); }, "", "Unsupported: mem://test/file");
+    expect([&] { provider->setWritable(iri, true); }, "", "Unsupported: mem://test/file");
+    expect([&] { move("file", "././/file"); }, "listObjects file/ '' 1; getObjectInfo file");
+    expect([&] { move("file", "b"); },
+        "listObjects b/ '' 1; getObjectParts file; validateObjectName b; getObjectRange file 0 0; putObject b; "
+        "deleteObject file");
+    store->put("file", "abc");
+    expect([&] { open(0, 1); }, "getObjectParts file");
+    expect([&] { open(1, 0); }, "getObjectInfo file; putObject file");
+    expect([&] { open(2, 2); }, "validateObjectName file; putObject file");
 }
 
-using Transfer = void (Provider::*)(
-    const fsp::StorageIRI&, const fsp::StorageIRI&, const fsp::ReplacementPolicy&) const;
-
-std::function<void(const Provider&)> call(Transfer transfer, const char* from, const char* to, std::uint32_t policy)
+TEST_F(CloudProviderTest, FailedTransfersNameTheFileThatFailed)
 {
-    return [=](const Provider& provider)
-    { (provider.*transfer)(iriOf(from), iriOf(to), fsp::ReplacementPolicy{policy}); };
-}
-
-class CallTest : public CloudProviderTest, public testing::WithParamInterface<CallRow>
-{
-};
-
-TEST_P(CallTest, AsksNoMoreThanItMust)
-{
-    const auto asked = buildCloudProvider(faults, GetParam().policy, false);
-    EXPECT_EQ(faults->takeCalls(), "") << "a provider is built without a word to the store";
-    EXPECT_EQ(outcome([&] { GetParam().call(*asked); }), GetParam().outcome);
-    EXPECT_EQ(faults->takeCalls(), GetParam().calls);
-}
-
-const std::string transfer = "getObjectParts file; validateObjectName b; getObjectRange file 0 0; putObject b";
-
-INSTANTIATE_TEST_SUITE_P(Calls, CallTest,
-    testing::Values(
-        CallRow{"createFile", markers, call(&Provider::createFile, "no/a"), "getObjectInfo no/a; putObject no/a"},
-        CallRow{"createFolder", markers, call(&Provider::createFolder, "only/e"),
-            "listObjects only/ '' 1; getObjectInfo only/e; getObjectInfo only/e/; putObject only/e/"},
-        CallRow{"otherPolicy", FolderPolicy{7}, call(&Provider::createFolder, "d"), "", "Unsupported: mem://test/d"},
-        CallRow{"rootIsNoFile", markers, call(&Provider::fileExists, ""), ""},
-        CallRow{"fileExists", markers, call(&Provider::fileExists, "./file"), "getObjectInfo file"},
-        CallRow{"folderExists", prefixes, call(&Provider::folderExists, "implied/"), "listObjects implied/ '' 1"},
-        CallRow{"marked", markers, call(&Provider::getFolderAttributes, "marked"), "getObjectInfo marked/"},
-        CallRow{"root", markers, call(&Provider::getFolderAttributes, ""), "listObjects  '' 1"},
-        CallRow{"moveFolder", markers, call(&Provider::moveFolder, "only", "e", 0), "", "Unsupported: mem://test/only"},
-        CallRow{"setTime", markers, [](const Provider& p) { p.setLastModified(iriOf("a"), {}); }, "",
-            "Unsupported: mem://test/a"},
-        CallRow{"setWritable", markers, [](const Provider& p) { p.setWritable(iriOf("a"), true); }, "",
-            "Unsupported: mem://test/a"},
-        CallRow{"removeFolder", markers, call(&Provider::removeFolder, "only"),
-            "listObjects only/ '/' -1; deleteObject only/"},
-        CallRow{"removeTree", prefixes, call(&Provider::removeFolderRecursively, "marked"),
-            "listObjects marked/ '' -1; deleteObject marked/; deleteObject marked/x"},
-        CallRow{"move", markers, call(&Provider::moveFile, "file", "b", 0),
-            "getObjectInfo b; listObjects b/ '' 1; " + transfer + "; deleteObject file"},
-        CallRow{"moveOntoItself", markers, call(&Provider::moveFile, "file", "././/file", 1),
-            "listObjects file/ '' 1; getObjectInfo file"},
-        CallRow{"copy", markers, call(&Provider::copyFile, "file", "b", 5), "getObjectInfo b; " + transfer},
-        CallRow{"list", markers, call(&Provider::listAll, "marked"), "listObjects marked/ '/' -1"},
-        CallRow{"listTree", markers, call(&Provider::listAllRecursive, "marked"), "listObjects marked/ '' -1"}),
-    [](const auto& row) { return row.param.name; });
-
-TEST_F(CloudProviderTest, RefusesMalformedIrisAndOtherPoliciesAtOnce)
-{
-    const auto copy = [&] { provider->copyFile(iriOf("file"), fsp::StorageIRI(u"no iri"), {}); };
-    EXPECT_EQ(codeOf(copy), fsp::ErrorCode::InvalidLocation.value());
     EXPECT_EQ(move("file", "b", 2), "Unsupported: mem://test/file");
-    EXPECT_EQ(faults->takeCalls(), "");
-}
-
-TEST_F(CloudProviderTest, FailedTransfersNameTheSideThatFailed)
-{
-    fail(Operation::PutObject, 0, refused);
-    EXPECT_EQ(move("file", "b"), "Unknown: mem://test/b");
-    EXPECT_THAT(move("gone", "b"), testing::StartsWith("NotFound: mem://test/gone"));
-    faults->clearFaults();
-    fail(Operation::DeleteObject, 0, refused);
+    EXPECT_THAT(move("gone", "b"), StartsWith("NotFound: mem://test/gone"));
+    fail(Operation::PutObject, 1);
+    EXPECT_EQ(move("file", "b"), "Unknown: mem://test/b") << "a failure of a stream";
+    fail(Operation::DeleteObject, 1);
     EXPECT_EQ(move("file", "b"), "PermissionDenied: mem://test/file: why");
+    const auto copy = [&] { provider->copyFile(iriOf("file"), fsp::StorageIRI(u"no iri"), {}); };
+    EXPECT_THAT(outcome(copy), StartsWith("InvalidLocation: no%20iri"));
 }
 
 TEST_F(CloudProviderTest, OpenFilesAreNeitherRemovedNorMoved)
 {
     auto stream = provider->openReadOnlyStream(iriOf("file"));
-    faults->takeCalls();
     EXPECT_EQ(outcome([&] { provider->removeFile(iriOf("file")); }), "InUse: mem://test/file");
-    EXPECT_EQ(move("file", "b", 6), "InUse: mem://test/file") << "before the policy is looked at";
-    EXPECT_EQ(faults->takeCalls(), "");
-    EXPECT_EQ(move("implied/x", "file"), "InUse: mem://test/file") << "the only copy would be in that stream's hands";
-
-    const auto openOnRemoval = [&](Operation operation)
+    EXPECT_EQ(move("file", "b", 6), "InUse: mem://test/file") << "checked before the policy";
+    EXPECT_EQ(move("implied/x", "file"), "InUse: mem://test/file");
+    const auto openOnRemoval = [&](Operation operation, const std::string&)
     {
         if (operation == Operation::DeleteObject)
         {
-            faults->onCall = {};
             stream = provider->openStream(iriOf("marked"), {});
         }
     };
-    faults->onCall = openOnRemoval;
-    const auto removeTree = [&] { provider->removeFolderRecursively(iriOf("marked")); };
-    EXPECT_EQ(outcome(removeTree), "InUse: mem://test/marked") << "its own IRI is asked about before each removal";
+    faults->setHook(openOnRemoval);
+    EXPECT_EQ(removeTree("marked"), "InUse: mem://test/marked") << "checked before each removal";
+    faults->setHook({});
     EXPECT_THAT(store->keys(), testing::ElementsAre("file", "implied/x", "marked/x", "only/"));
     stream = provider->openReadOnlyStream(iriOf("marked/x"));
-    EXPECT_EQ(outcome(removeTree), "done") << "streams on entries do not count";
+    EXPECT_EQ(removeTree("marked"), "done") << "streams on entries do not count";
 }
 
 TEST_F(CloudProviderTest, LongRemovalsCanBeInterruptedBetweenPages)
 {
     store->setPageSize(1);
     utInterruptState::RequestInterrupt();
-    const auto removeTree = [&] { provider->removeFolderRecursively(iriOf("marked")); };
     {
         const foundation::usm::ContextScope context;
-        EXPECT_EQ(outcome(removeTree), "Unknown: mem://test/marked");
+        EXPECT_EQ(removeTree("marked"), "Unknown: mem://test/marked");
         EXPECT_EQ(faults->takeCalls(), "listObjects marked/ '' -1");
     }
-    EXPECT_EQ(outcome(removeTree), "done") << "without the context nobody asks";
+    EXPECT_EQ(removeTree("marked"), "done") << "without the context there is no check";
     utInterruptState::ClearInterrupt();
+}
+
+TEST_F(CloudProviderTest, AFailedFetchDoesNotLoseTheEntryTaken)
+{
+    store->setPageSize(1);
+    store->put("marked/\xC3\xA9", "");
+    const fsp::FolderEntryIteratorPtr listing = provider->listAll(iriOf("marked"));
+    fail(Operation::ListObjects, 1);
+    EXPECT_EQ(outcome([&] { listing->next(); }), "PermissionDenied: mem://test/marked: why");
+    EXPECT_EQ(listing->getCurrent().name(), u"x");
+    EXPECT_FALSE(listing->hasNext());
+}
+
+TEST_F(CloudProviderTest, TranslatesFailures)
+{
+    const std::pair<std::exception_ptr, const char*> rows[] = {
+        {std::make_exception_ptr(ResourceNotFoundException("a")), "NotFound: mem://test/x: a"},
+        {std::make_exception_ptr(ResourceAlreadyExistsException("a")), "AlreadyExists: mem://test/x: a"},
+        {std::make_exception_ptr(InvalidCredentialsException("text", "a")), "PermissionDenied: mem://test/x: a"},
+        {std::make_exception_ptr(InvalidLocationException("text", "a")), "InvalidLocation: mem://test/x: a"},
+        {std::make_exception_ptr(PermissionDeniedException("text")), "PermissionDenied: mem://test/x"},
+        {std::make_exception_ptr(FolderNotEmptyException("a")), "FolderNotEmpty: mem://test/x: a"},
+        {std::make_exception_ptr(ResourceInUseException("a")), "InUse: mem://test/x: a"},
+        {std::make_exception_ptr(UnsupportedOperationException("a")), "Unsupported: mem://test/x: a"},
+        {std::make_exception_ptr(UnknownErrorException("text", "a")), "Unknown: mem://test/x"},
+        {std::make_exception_ptr(42), "Unknown: mem://test/x"},
+        {std::make_exception_ptr(fsp::Exception(fsp::ErrorCode(77, "own"), iriOf("y"))),
+            "ErrorCode 77: mem://test/y: own"}};
+    for (const auto& [thrown, expected] : rows)
+    {
+        fail(Operation::GetObjectInfo, 1, thrown);
+        EXPECT_EQ(outcome([&] { provider->fileExists(iriOf("x")); }), expected);
+    }
+    const auto stream = provider->openReadOnlyStream(iriOf("file"));
+    fail(Operation::GetObjectRange, 1, std::get<0>(rows[std::size(rows) - 1]));
+    EXPECT_EQ(outcome([&] { readAt(*stream, 0, 1); }), "ErrorCode 77: mem://test/y: own");
+}
+
+TEST_F(CloudProviderTest, LogsEntriesAndFailures)
+{
+    setLog(2);
+    move("file", "b");
+    const std::vector<std::string> records = takeLog();
+    for (const char* const part : {"virtual void storage::cloudprovider::CloudProvider::doMoveFile(const StorageIRI &, "
+                                   "const StorageIRI &, const fsp::ReplacementPolicy &) const (src/CloudProvider:",
+             ") old_iri=mem://test/file",
+             " iri=mem://test/b options={readAccess=None, create=IfMissing, truncate=Discard, ",
+             " fileOffset=0 createIfNonExistent=1", " partIndex=0", " bytesRead=3", " bytesWritten=3",
+             "m_info=PartInfo{Index=0,Offset=0,Size=3,Tag=\"", "m_localDataVersion=CLOUD", "m_localDataVersion=NEW"})
+    {
+        EXPECT_THAT(records, testing::Contains(HasSubstr(part)));
+    }
+    setLog(16);
+    fail(Operation::GetObjectInfo, 1);
+    outcome([&] { provider->fileExists(iriOf("a")); });
+    EXPECT_THAT(takeLog(), testing::ElementsAre(testing::AllOf(StartsWith("Exception caught: "),
+                               HasSubstr("storage::cloudprovider::PermissionDeniedException"), HasSubstr("refused"))));
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-#include "StoreTest.hpp"
+#include "ProviderTest.hpp"
 
 #include <fl/i18n.hpp>
 
@@ -13,7 +13,7 @@ namespace
 using namespace std::string_literals;
 using testing::StartsWith;
 
-class DefaultOperationsTest : public StoreTest
+class DefaultOperationsTest : public ProviderTest
 {
 protected:
     DefaultOperationsTest() { store->put("file", "old"); }
@@ -46,8 +46,8 @@ TEST_F(DefaultOperationsTest, CreateMissingFoldersOutermostFirst)
     EXPECT_EQ(create("a/b/c"), "done");
     EXPECT_EQ(create("a/b/c"), "done") << "existing folders are no failure";
     EXPECT_EQ(create("file/d"), "AlreadyExists: mem://test/file");
-    faults->onCall = [&](Operation operation)
-    { operation == Operation::GetObjectInfo ? store->put("raced/", "") : void(); };
+    faults->setHook([&](Operation operation, const std::string&)
+        { operation == Operation::GetObjectInfo ? store->put("raced/", "") : void(); });
     EXPECT_EQ(create("raced/d"), "done") << "another process creates the folder after it was found missing";
     EXPECT_THAT(store->keys(), testing::ElementsAre("a/", "a/b/", "a/b/c/", "file", "raced/", "raced/d/"));
 }
@@ -139,7 +139,7 @@ TEST_F(DefaultOperationsTest, ReplaceTheFileWhenATransactionalStreamIsClosed)
 
 TEST_F(DefaultOperationsTest, KeepTransactionsInTheScratchFolder)
 {
-    const auto scratch = boost::filesystem::path(temp.path()) / "a b";
+    const auto scratch = temp.path / "a b";
     const auto open = [&](const std::string& place)
     {
         const auto iri = fsp::StorageIRI::fromUtf8(place);
@@ -149,6 +149,7 @@ TEST_F(DefaultOperationsTest, KeepTransactionsInTheScratchFolder)
     boost::filesystem::create_directory(scratch);
     EXPECT_EQ(open("file://" + scratch.string()), "done");
     EXPECT_TRUE(boost::filesystem::is_empty(scratch));
+    remove(scratch);
     for (const std::string place : {"mem://test/file", "mem:///tmp", "file://host/tmp"})
     {
         EXPECT_THAT(open(place), StartsWith("InvalidLocation: " + place));

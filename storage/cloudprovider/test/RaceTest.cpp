@@ -1,27 +1,18 @@
-#include "FileTestSupport.hpp"
+#include "ProviderTest.hpp"
 
 #include "MultipartUploadManager.hpp"
-#include "OpenPartBuffer.hpp"
 #include "OpenPartManager.hpp"
 
-#include <storage/cloudprovider/CloudExceptions.hpp>
 #include <storage/cloudprovider/OpenFileManager.hpp>
 
-#include <gmock/gmock.h>
-
 #include <algorithm>
-#include <array>
 #include <atomic>
-#include <cstring>
 #include <fstream>
-#include <future>
-#include <map>
 #include <shared_mutex>
+#include <thread>
 
-#include <unistd.h>
-
-// Threads that meet in one file. Gates at the store hold a call until the others have got to where they meet it; no
-// case depends on who is faster, and every case ends with the bytes that its writers wrote.
+// Threads that meet in one file. One thread stops in a call of the store until the others have reached the point where
+// they wait for it, so no case depends on which thread is faster.
 
 namespace storage::cloudprovider
 {
@@ -29,150 +20,84 @@ namespace storage::cloudprovider
 namespace
 {
 
-using clients::Operation;
-using testing::SizeIs;
+using Body = std::function<void()>;
 
-/// Holds the first call of one operation on one key until it is told whether to fail.
-struct Gate
-{
-    const Operation operation;
-    const std::string key;
-    std::atomic<bool> taken = false;
-    std::promise<void> entered{};
-    std::promise<bool> fails{};
-
-    void pass(Operation called, const std::string& on)
-    {
-        if (called == operation && on == key && !taken.exchange(true))
-        {
-            entered.set_value();
-            if (fails.get_future().get())
-            {
-                throw UnknownErrorException("failed at the gate");
-            }
-        }
-    }
-};
-
-/// Whether the body fails as a held call does.
-template <typename Body>
-bool failsLikeTheGate(Body body)
-{
-    try
-    {
-        body();
-        return false;
-    }
-    catch (const UnknownErrorException&)
-    {
-        return true;
-    }
-}
-
-class RaceTest : public FileTest
+/// Rows: whether the call fails in which the threads meet.
+class RaceTest : public ProviderTest, public testing::WithParamInterface<bool>
 {
 protected:
-    RaceTest()
-    {
-        setSizes(16, 0);
-        faults->setHook(
-            [this](Operation operation, const std::string& key)
-            {
-                ++m_calls.at(static_cast<std::size_t>(operation));
-                for (const auto& gate : m_gates)
-                {
-                    gate->pass(operation, key);
-                }
-            });
-    }
+    RaceTest() { setSizes(16, 0); }
 
-    ~RaceTest() override
+    void start(const Body& body)
     {
-        EXPECT_TRUE(temp.isEmpty());
-        EXPECT_THAT(store->openUploads(), testing::IsEmpty());
-    }
-
-    /// Hold the first such call. Call while no other thread runs.
-    Gate& hold(Operation operation, const std::string& key = "file")
-    {
-        return *m_gates.emplace_back(new Gate{operation, key});
-    }
-
-    /// Run a body on a thread of its own.
-    template <typename Body>
-    void run(const std::string& actor, Body body)
-    {
-        m_watchdog.setRunning(actor, true);
-        std::atomic<pid_t>& id = m_ids[actor];
-        id = 0;
-        m_threads.emplace_back(
-            [this, actor, body, &id]
-            {
-                id = gettid();
-                EXPECT_NO_THROW(body()) << actor;
-                m_watchdog.setRunning(actor, false);
-            });
-    }
-
-    /// Wait until the thread sleeps, in its gate or behind whom it meets, or has ended.
-    void waitUntilAsleep(const std::string& actor)
-    {
-        const std::atomic<pid_t>& id = m_ids[actor];
-        for (char state = 'R'; state == 'R' || id == 0; std::this_thread::yield())
+        m_lastThread = 0;
+        const auto run = [this, body]
         {
-            std::ifstream status("/proc/self/task/" + std::to_string(id) + "/stat");
+            m_lastThread = gettid();
+            EXPECT_NO_THROW(body());
+        };
+        m_threads.emplace_back(run);
+    }
+
+    /// Start a thread and wait until it has ended or sleeps because it waits for another one.
+    void startAndWait(const Body& body)
+    {
+        start(body);
+        for (char state = 'R'; state == 'R' || state == 'D' || m_lastThread == 0; std::this_thread::yield())
+        {
+            std::ifstream status("/proc/self/task/" + std::to_string(m_lastThread) + "/stat");
             status.ignore(100, ')').ignore(1);
             state = static_cast<char>(status.get());
         }
     }
 
-    void join()
+    void join() { m_threads.clear(); }
+
+    /// Run a body. In its first call of the operation, run another one; then that call fails or succeeds.
+    void meet(Operation operation, const Body& first, const Body& meanwhile)
     {
-        std::for_each(m_threads.begin(), m_threads.end(), [](std::thread& thread) { thread.join(); });
-        m_threads.clear();
-    }
-
-    std::uint64_t calls(Operation operation) const { return m_calls.at(static_cast<std::size_t>(operation)); }
-
-private:
-    std::array<std::atomic<std::uint64_t>, clients::allOperations.size()> m_calls{};
-    std::vector<std::unique_ptr<Gate>> m_gates;
-    std::map<std::string, std::atomic<pid_t>> m_ids;
-    std::vector<std::thread> m_threads;
-    Watchdog m_watchdog{testing::UnitTest::GetInstance()->current_test_info()->name()};
-};
-
-/// Rows: whether what the gate holds fails in the end.
-class HeldCallTest : public RaceTest, public testing::WithParamInterface<bool>
-{
-protected:
-    const bool fails = GetParam();
-};
-
-TEST_P(HeldCallTest, OpenersOfOnePartWaitForOneLoader)
-{
-    const std::string bytes = numberedBytes(10);
-    store->put("file", bytes);
-    OpenPartBuffer part(PartInfo{0, 0, bytes.size(), ""}, LocalDataVersion::CLOUD, true, contextOf("file"));
-    Gate& gate = hold(Operation::GetObjectRange);
-    std::atomic<unsigned> opened = 0;
-    for (const std::string actor : {"a", "b", "c", "d"})
-    {
-        const auto open = [&]
+        std::atomic<bool> isFirst = true;
+        const auto hook = [&](Operation called, const std::string&)
         {
-            if (!failsLikeTheGate([&] { part.open(); }))
+            if (called == operation && isFirst.exchange(false))
             {
-                EXPECT_EQ(std::string(part.data(), part.size()), bytes);
-                ++opened;
+                meanwhile();
+                fails ? throw UnknownErrorException("failed") : void();
             }
         };
-        run(actor, open);
-        waitUntilAsleep(actor);
+        faults->setHook(hook);
+        faults->takeCalls();
+        first();
+        join();
+        faults->setHook({});
     }
-    gate.fails.set_value(fails);
-    join();
-    EXPECT_EQ(opened, fails ? 3 : 4) << "only the loader's own open fails";
-    EXPECT_EQ(calls(Operation::GetObjectRange), fails ? 2 : 1);
+
+    const bool fails = GetParam();
+
+private:
+    std::atomic<pid_t> m_lastThread = 0;
+    std::vector<std::jthread> m_threads;
+};
+
+TEST_P(RaceTest, OpenersOfAPartShareOneLoader)
+{
+    store->put("file", "0123456789");
+    OpenPartBuffer part(PartInfo{0, 0, 10, ""}, LocalDataVersion::CLOUD, true, contextOf("file"));
+    std::atomic<unsigned> opened = 0;
+    const auto open = [&]
+    {
+        opened += outcome([&] { part.open(); }) == "done" ? 1U : 0U;
+        EXPECT_TRUE(opened == 0 || std::string(part.data(), part.size()) == "0123456789");
+    };
+    const auto openTwice = [&]
+    {
+        startAndWait(open);
+        startAndWait(open);
+    };
+    meet(Operation::GetObjectRange, open, openTwice);
+    const std::string download = "getObjectRange file 0 9";
+    EXPECT_EQ(faults->takeCalls(), fails ? download + "; " + download : download);
+    EXPECT_EQ(opened, fails ? 2 : 3) << "only the loader's own open fails";
     for (; opened != 0; --opened)
     {
         EXPECT_TRUE(part.isOpen()) << "every opener counts";
@@ -181,292 +106,183 @@ TEST_P(HeldCallTest, OpenersOfOnePartWaitForOneLoader)
     EXPECT_FALSE(part.isOpen());
 }
 
-TEST_P(HeldCallTest, OpenersOfDifferentFilesWaitForTheirOwn)
+TEST_P(RaceTest, OpenersOfAFileShareOnePartManager)
 {
     OpenFileManager registry;
-    std::mutex mutex;
-    std::map<std::string, std::vector<std::shared_ptr<OpenPartManager>>> opened; // guarded by mutex
-    std::vector<Gate*> gates;
-    for (const std::string key : {"x", "y", "z"})
+    std::shared_ptr<OpenPartManager> opened[4];
+    const auto open = [&](std::size_t i, const char* key = "x")
     {
-        store->put(key, key);
-        gates.push_back(&hold(Operation::GetObjectParts, key));
-    }
-    for (const std::string opener : {"1", "2", "3", "4"})
+        outcome([&]
+            { opened[i] = registry.open(iriOf(key), fsp::ByteStreamCreate{1}, fsp::ByteStreamTruncate{1}, faults); });
+    };
+    const auto openMore = [&]
     {
-        for (const std::string key : {"x", "y", "z"})
-        {
-            const auto open = [&, key]
-            {
-                std::shared_ptr<OpenPartManager> manager;
-                failsLikeTheGate(
-                    [&] {
-                        manager = registry.open(
-                            iriOf(key), fsp::ByteStreamCreate::MustExist, fsp::ByteStreamTruncate::Keep, faults);
-                    });
-                const std::lock_guard lock(mutex);
-                manager ? opened[key].push_back(std::move(manager)) : void();
-            };
-            run(key + opener, open);
-            waitUntilAsleep(key + opener);
-        }
-    }
-    std::for_each(gates.rbegin(), gates.rend(), [&](Gate* gate) { gate->fails.set_value(fails); });
-    join();
-    EXPECT_EQ(calls(Operation::GetObjectParts), fails ? 6 : 3) << "one builds, the others share";
-    EXPECT_THAT(opened, SizeIs(3));
-    for (const auto& [key, managers] : opened)
-    {
-        EXPECT_THAT(managers, SizeIs(fails ? 3 : 4)) << "only the first opener of each file fails";
-        EXPECT_THAT(managers, testing::Each(managers.front())) << key;
-        EXPECT_TRUE(registry.isOpen(iriOf(key)));
-    }
-    opened.clear();
+        EXPECT_TRUE(registry.isOpen(iriOf("x"))) << "being opened counts";
+        startAndWait([&] { open(1); });
+        startAndWait([&] { open(2); });
+        open(3, "y");
+        EXPECT_TRUE(opened[3]) << "opening another file does not wait";
+    };
+    store->put("x", "");
+    store->put("y", "");
+    meet(
+        Operation::GetObjectParts, [&] { open(0); }, openMore);
+    EXPECT_EQ(
+        faults->takeCalls(), std::string("getObjectParts x; getObjectParts y") + (fails ? "; getObjectParts x" : ""));
+    EXPECT_EQ(opened[0], fails ? nullptr : opened[1]) << "only the first open fails";
+    EXPECT_TRUE(opened[1] && opened[1] == opened[2]);
+    std::fill(std::begin(opened), std::end(opened), nullptr);
     EXPECT_FALSE(registry.isOpen(iriOf("x")));
 }
 
-TEST_P(HeldCallTest, ANewStreamWaitsForARunningFlush)
+TEST_P(RaceTest, AStreamOpenedDuringAFlushWaits)
 {
-    for (const auto& [size, flush] :
-        {std::pair(10U, Operation::PutObject), std::pair(40U, Operation::CompleteMultipartUpload)})
+    for (const Operation flush : {Operation::PutObject, Operation::CompleteMultipartUpload})
     {
-        store->remove("file");
-        const std::string bytes = numberedBytes(size);
+        const std::string old = numberedBytes(flush == Operation::PutObject ? 0 : 32);
+        putParts("file", old, old.empty() ? std::vector<std::size_t>{0} : std::vector<std::size_t>{16, 16});
         const auto first = provider->openStream(iriOf("file"), appending);
-        write(*first, bytes);
-        Gate& gate = hold(flush);
-        // Held, or an opener that is late would find a file that nobody has open, without the bytes that were not
-        // stored.
-        const auto parts = globalOpenFileManager().open(
-            iriOf("file"), fsp::ByteStreamCreate::IfMissing, fsp::ByteStreamTruncate::Keep, faults);
-        int code = succeeds;
-        run("closer", [&] { code = codeOf([&] { first->close(); }); });
-        gate.entered.get_future().wait();
-        run("opener",
-            [&]
-            {
-                const auto second = provider->openStream(iriOf("file"), appending);
-                write(*second, "and more");
-                second->close();
-            });
-        waitUntilAsleep("opener");
-        EXPECT_FALSE(store->get("file"));
-        gate.fails.set_value(fails);
-        join();
-        EXPECT_EQ(code, fails ? fsp::ErrorCode::Unknown.value() : succeeds);
-        EXPECT_EQ(store->get("file"), bytes + "and more") << "the second stream writes what the first could not";
+        write(*first, "first");
+        // Keeps the file open. Otherwise a late second stream would not see what a failed flush has not stored.
+        const auto held = globalOpenFileManager().open(iriOf("file"), {}, {}, faults);
+        const auto append = [&]
+        {
+            const auto second = provider->openStream(iriOf("file"), appending);
+            EXPECT_EQ(stored("file"), fails ? old : old + "first");
+            write(*second, "second");
+            second->close();
+        };
+        meet(
+            flush, [&] { EXPECT_EQ(reasonOf([&] { first->close(); }), fails ? "Unknown" : "done"); },
+            [&] { startAndWait(append); });
+        EXPECT_EQ(stored("file"), old + "firstsecond") << "also what the first stream could not store";
     }
 }
 
-TEST_P(HeldCallTest, AWriteDuringAnUploadIsUploadedAgain)
+TEST_P(RaceTest, TwoFirstPartsOpenOneUpload)
+{
+    putParts("file", std::string(48, 'a'), {16, 16, 16});
+    std::vector<fsp::ByteStreamPtr> streams;
+    for (const std::size_t offset : {0U, 20U, 40U})
+    {
+        streams.push_back(provider->openStream(iriOf("file"), editing));
+        writeAt(*streams.back(), offset, "b");
+    }
+    meet(
+        Operation::CreateMultipartUpload, [&] { streams[0]->close(); },
+        [&] { startAndWait([&] { streams[1]->close(); }); });
+    EXPECT_THAT(openUploads(), SizeIs(1));
+    streams[2]->close();
+    EXPECT_EQ(stored("file"), "b" + std::string(19, 'a') + "b" + std::string(19, 'a') + "b" + std::string(7, 'a'));
+}
+
+TEST_P(RaceTest, AWriteDuringAnUploadIsUploadedAgain)
 {
     putParts("file", std::string(32, 'a'), {16, 16});
     const auto uploader = provider->openStream(iriOf("file"), editing);
     const auto writer = provider->openStream(iriOf("file"), editing);
     write(*uploader, "old!");
-    Gate& gate = hold(Operation::UploadPart);
-    run("uploader", [&] { uploader->seek(20, std::ios_base::beg); }); // leaves the part, which is sent
-    gate.entered.get_future().wait();
-    writer->seek(2, std::ios_base::beg);
-    write(*writer, "new!");
-    gate.fails.set_value(fails);
-    join();
+    const auto leavePart = [&] { uploader->seek(20, std::ios_base::beg); };
+    meet(Operation::UploadPart, leavePart, [&] { std::jthread([&] { writeAt(*writer, 2, "new!"); }); });
     uploader->close();
     writer->close();
-    EXPECT_EQ(store->get("file"), "olnew!" + std::string(26, 'a'));
-    EXPECT_EQ(calls(Operation::UploadPart), 2);
+    EXPECT_EQ(stored("file"), "olnew!" + std::string(26, 'a'));
 }
 
-TEST_P(HeldCallTest, ANewerUploadOfOnePartWins)
+/// Uploads versions of one part. A version has as many bytes as its number says.
+class PartVersionsTest : public RaceTest
 {
-    const OpenFileContextSharedPtr context = contextOf("file");
-    MultipartUploadManager uploads(context);
-    std::vector<std::string> tags;
-    const auto upload = [&](const std::string& bytes)
+protected:
+    /// @param beforeTaken  runs before the record is taken
+    void upload(std::size_t version, const Body& beforeTaken = Body([] {}))
     {
-        const BufferSharedPtr buffer = context->bufferFactory->build(bytes.size());
-        buffer->open();
-        std::memcpy(buffer->data(), bytes.data(), bytes.size());
-        buffer->close();
-        uploads.asyncUploadPart(
-            [&] {
-                return PartInfo{0, 0, bytes.size(), ""};
-            },
-            buffer, [&](const std::string& tag) { tags.push_back(tag); });
-    };
-    Gate& gate = hold(Operation::UploadPart);
-    run("old", [&] { upload("old"); });
-    gate.entered.get_future().wait();
-    upload("newer");
-    upload("newest!");
-    EXPECT_THAT(tags, SizeIs(0)) << "the part is in flight: newer bytes wait";
-    gate.fails.set_value(fails);
-    join();
-    uploads.joinUploads();
-    ASSERT_THAT(tags, SizeIs(fails ? 1 : 2)) << "the bytes in the middle were never sent";
-    uploads.complete({{0, 0, 7, tags.back()}});
-    EXPECT_EQ(store->get("file"), "newest!");
-}
-
-TEST_F(RaceTest, RecordsAreQueuedInTheOrderInWhichTheyAreTaken)
-{
-    const OpenFileContextSharedPtr context = contextOf("file");
-    MultipartUploadManager uploads(context);
-    const BufferSharedPtr buffer = context->bufferFactory->build(2);
-    std::string lastTag;
-    const auto upload = [&](const MultipartUploadManager::RecordSource& takeRecord)
-    { uploads.asyncUploadPart(takeRecord, buffer, [&](const std::string& tag) { lastTag = tag; }); };
-    std::promise<void> taken;
-    std::promise<void> mayGoOn;
-    run("smaller",
-        [&]
+        const auto takeRecord = [&]
         {
-            upload(
-                [&]
-                {
-                    taken.set_value();
-                    mayGoOn.get_future().wait();
-                    return PartInfo{0, 0, 1, ""};
-                });
-        });
-    taken.get_future().wait();
-    run("grown", [&] { upload([] { return PartInfo{0, 0, 2, ""}; }); });
-    waitUntilAsleep("grown");
-    mayGoOn.set_value();
-    join();
-    uploads.joinUploads();
-    uploads.complete({{0, 0, 2, lastTag}});
-    EXPECT_EQ(store->get("file"), std::string(2, '\0'));
-}
-
-TEST_P(HeldCallTest, TwoFirstPartsOpenOneUpload)
-{
-    putParts("file", std::string(48, 'a'), {16, 16, 16});
-    std::vector<fsp::ByteStreamPtr> streams;
-    for (const std::streamoff offset : {0, 20, 40})
-    {
-        streams.push_back(provider->openStream(iriOf("file"), editing));
-        streams.back()->seek(offset, std::ios_base::beg);
-        write(*streams.back(), "b");
-    }
-    Gate& gate = hold(Operation::CreateMultipartUpload);
-    run("first", [&] { streams[0]->close(); });
-    gate.entered.get_future().wait();
-    run("second", [&] { streams[1]->close(); });
-    waitUntilAsleep("second");
-    gate.fails.set_value(fails);
-    join();
-    EXPECT_THAT(store->openUploads(), SizeIs(1));
-    streams[2]->close();
-    EXPECT_EQ(store->get("file"), "b" + std::string(19, 'a') + "b" + std::string(19, 'a') + "b" + std::string(7, 'a'));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Gate, HeldCallTest, testing::Bool(), [](const auto& row) { return row.param ? "fails" : "succeeds"; });
-
-/// Bytes of one writer: the top bit says whose they are, the others count.
-std::string sequence(unsigned writer, std::size_t first, std::size_t size)
-{
-    std::string bytes;
-    for (std::size_t i = first; i < first + size; ++i)
-    {
-        bytes.push_back(static_cast<char>(writer << 7 | (i & 0x7F)));
-    }
-    return bytes;
-}
-
-TEST_F(RaceTest, TwoAppendersLoseNothing)
-{
-    for (const std::size_t rounds : {1U, 100U}) // of opening and closing the file
-    {
-        store->remove("file");
-        const std::size_t each = rounds == 1 ? 2000 : 300;
-        // Closing sends a last part that is not full, and nobody locks the bytes that another stream may be writing
-        // there: they are sent again. So that the race is about files and not about bytes, closing waits for writes.
-        std::shared_mutex writing;
-        for (const unsigned writer : {0U, 1U})
-        {
-            const auto appendAll = [&, rounds, each, writer]
-            {
-                for (std::size_t i = 0; i < each; i += each / rounds)
-                {
-                    const auto stream = provider->openStream(iriOf("file"), appending);
-                    for (std::size_t written = 0; written < each / rounds;)
-                    {
-                        const std::size_t size = std::min(1 + written % 23, each / rounds - written);
-                        const std::shared_lock lock(writing);
-                        EXPECT_EQ(write(*stream, sequence(writer, i + written, size)), size);
-                        written += size;
-                    }
-                    const std::unique_lock lock(writing);
-                    stream->close();
-                }
-            };
-            run("appender " + std::to_string(writer), appendAll);
-        }
-        join();
-        std::array<std::string, 2> written;
-        for (const char byte : store->get("file").value_or(""))
-        {
-            written[static_cast<unsigned char>(byte) >> 7].push_back(byte);
-        }
-        EXPECT_EQ(written[0], sequence(0, 0, each)) << rounds << " rounds";
-        EXPECT_EQ(written[1], sequence(1, 0, each)) << rounds << " rounds";
-    }
-}
-
-TEST_F(RaceTest, ReadersShareAFileThatGrowsAndDownloadsThatFail)
-{
-    const std::string stored = numberedBytes(100);
-    putParts("file", stored, {16, 16, 58, 10}); // nothing is cached: parts come and go all the time
-    std::atomic<unsigned> downloads = 0;
-    faults->setHook(
-        [&](Operation operation, const std::string&)
-        {
-            if (operation == Operation::GetObjectRange && ++downloads % 5 == 0)
-            {
-                throw UnknownErrorException("every fifth");
-            }
-        });
-    const std::shared_ptr<fsp::ByteStream> appender = provider->openStream(iriOf("file"), appending);
-    const auto appendAll = [&]
-    {
-        for (std::size_t written = 0; written < 2000;)
-        {
-            // Fails only while the last stored part cannot be loaded, and then writes nothing.
-            const int code = codeOf([&] { EXPECT_EQ(write(*appender, "tail"), 4); });
-            written += code == succeeds ? 4U : 0U;
-        }
-    };
-    run("appender", appendAll);
-    for (const std::size_t reader : {1U, 2U, 3U})
-    {
-        const auto readAll = [&, reader]
-        {
-            const auto stream = provider->openReadOnlyStream(iriOf("file"));
-            for (std::size_t i = 0; i < 400; ++i)
-            {
-                const std::size_t offset = i * (2 * reader + 11) % stored.size();
-                const std::string expected = stored.substr(offset, 30);
-                std::string bytes(expected.size(), '?');
-                stream->seek(static_cast<std::streamoff>(offset), std::ios_base::beg);
-                const auto read = [&] { stream->read(bytes.data(), static_cast<std::streamsize>(bytes.size())); };
-                EXPECT_TRUE(codeOf(read) != succeeds || bytes == expected) << "wrong bytes at " << offset;
-            }
-            stream->close();
+            beforeTaken();
+            return PartInfo{0, 0, version, ""};
         };
-        run("reader " + std::to_string(reader), readAll);
+        uploads.asyncUploadPart(
+            takeRecord, DiskBackedBufferFactory().build(version), [&](const std::string& tag) { tags.push_back(tag); });
+    }
+
+    void expectStored(std::size_t version)
+    {
+        uploads.joinUploads();
+        uploads.complete({{0, 0, version, tags.back()}});
+        EXPECT_EQ(stored("file"), std::string(version, '\0'));
+    }
+
+    std::vector<std::string> tags;
+    MultipartUploadManager uploads{contextOf("file")};
+};
+
+TEST_P(PartVersionsTest, TheNewestIsStored)
+{
+    const auto uploadNewer = [&]
+    {
+        upload(2);
+        upload(3);
+        EXPECT_THAT(tags, IsEmpty()) << "newer versions wait while one is in flight";
+    };
+    meet(
+        Operation::UploadPart, [&] { upload(1); }, uploadNewer);
+    expectStored(3);
+    EXPECT_THAT(tags, SizeIs(fails ? 1 : 2)) << "the version in between is not sent";
+    upload(1);
+    EXPECT_EQ(store->openUploads().at(0).tag, tags.at(tags.size() - 2)) << "begun with the tag of the last upload";
+}
+
+TEST_P(PartVersionsTest, ThatCannotBeMappedFailTheFlush)
+{
+    upload(1, [&] { remove_all(*boost::filesystem::directory_iterator(temp.path)); });
+    EXPECT_TRUE(uploads.isUploading()) << "otherwise a flush would find nothing to report";
+    EXPECT_ANY_THROW(uploads.joinUploads());
+}
+
+TEST_P(PartVersionsTest, AreQueuedInTheOrderInWhichTheyAreTaken)
+{
+    upload(1, [&] { startAndWait([&] { upload(2); }); });
+    join();
+    expectStored(2);
+}
+
+TEST_P(RaceTest, AppendersAndReadersShareAFile)
+{
+    const std::string old = numberedBytes(100);
+    putParts("file", old, {16, 16, 58, 10}); // the cache is off, so parts are loaded again and again
+    // A close uploads the last part while another stream may be writing to it, and then uploads it again. To spare the
+    // sanitizer this race about bytes, closing waits for writes.
+    std::shared_mutex writing;
+    const auto append = [&](char byte)
+    {
+        for (std::size_t round = 1; round <= 40; ++round)
+        {
+            const auto stream = provider->openStream(iriOf("file"), appending);
+            for (std::size_t size = 1; size <= round; size += 4)
+            {
+                const std::shared_lock lock(writing);
+                write(*stream, std::string(size, byte));
+            }
+            const std::unique_lock lock(writing);
+            stream->close();
+        }
+    };
+    start([&] { append('a'); });
+    start([&] { append('b'); });
+    for (std::size_t i = 0; i < 1000; ++i)
+    {
+        const std::size_t offset = i * 13 % 70;
+        EXPECT_EQ(readAt(*provider->openReadOnlyStream(iriOf("file")), offset, 30), old.substr(offset, 30));
     }
     join();
-    faults->setHook({});
-    appender->close();
-    std::string grown = stored;
-    for (int i = 0; i < 500; ++i)
-    {
-        grown += "tail";
-    }
-    EXPECT_EQ(store->get("file"), grown);
+    const std::string file = stored("file").value_or("");
+    EXPECT_EQ(file.substr(0, 100), old);
+    EXPECT_EQ(std::count(file.begin() + 100, file.end(), 'a'), 2860);
+    EXPECT_EQ(std::count(file.begin() + 100, file.end(), 'b'), 2860);
 }
+
+INSTANTIATE_TEST_SUITE_P(CallFails, RaceTest, testing::Bool(), testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(CallFails, PartVersionsTest, testing::Bool(), testing::PrintToStringParamName());
 
 } // namespace
 
