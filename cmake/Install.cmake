@@ -32,10 +32,21 @@ install(EXPORT cloudprovider
     NAMESPACE cloudprovider::
     DESTINATION "${package_dir}")
 
+# The part for tests of clients is separate, because only those who ask for it need GoogleTest.
+if(BUILD_TESTING)
+    install(TARGETS cloudprovider_testing
+        EXPORT cloudprovider_testing
+        FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+    install(EXPORT cloudprovider_testing
+        FILE cloudproviderTestingTargets.cmake
+        NAMESPACE cloudprovider::
+        DESTINATION "${package_dir}")
+endif()
+
 configure_package_config_file(cmake/cloudproviderConfig.cmake.in
     "${CMAKE_CURRENT_BINARY_DIR}/package/cloudproviderConfig.cmake"
     INSTALL_DESTINATION "${package_dir}"
-    NO_SET_AND_CHECK_MACRO NO_CHECK_REQUIRED_COMPONENTS_MACRO)
+    NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/package/cloudproviderConfigVersion.cmake"
     COMPATIBILITY SameMajorVersion)
 install(FILES
