@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Use the library as a stranger would: compile each public header alone, install the release build to a temporary
-# folder, and from there build and run a small program, found once by CMake and once by pkg-config.
+# Use the library as a stranger would: compile each public header alone, install the release build to a temporary folder,
+# and from there build and run the examples of the documentation.
 #
 # Usage: scripts/check-package.sh
 set -euo pipefail
@@ -14,43 +14,45 @@ build release all_verify_interface_header_sets
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 quietly build/logs/install.log cmake --install build/release --prefix "$scratch/built"
-# Somewhere else than it was installed to: nothing in an installed tree may name its own place.
+# Move it: nothing in an installed tree may contain its own path.
 mv "$scratch/built" "$scratch/installed"
 prefix=$scratch/installed
+examples=$prefix/share/doc/cloudprovider/examples
+export CMAKE_PREFIX_PATH=$prefix PKG_CONFIG_PATH=$prefix/lib/pkgconfig
 
-consume()
-{
-    timeout 60 "$1" memory: && timeout 60 "$1" "local:$scratch/store"
-}
-
+# by_cmake SOURCES [OPTION…]: build a project outside the tree.
 by_cmake()
 {
-    cmake -S cmake/consumer -B "$scratch/by-cmake" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_PREFIX_PATH="$prefix" &&
-        cmake --build "$scratch/by-cmake" &&
-        consume "$scratch/by-cmake/consumer"
+    local source=$1 name
+    name=$(basename "$1")
+    shift
+    cmake -S "$source" -B "$scratch/$name" -G Ninja "$@" && cmake --build "$scratch/$name"
 }
-quietly build/logs/package-by-cmake.log by_cmake
 
-export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
-by_pkg_config()
+consumer()
 {
-    # shellcheck disable=SC2046 # flags are words
-    g++ -std=c++20 $(pkg-config --cflags cloudprovider-stores) cmake/consumer/main.cpp -o "$scratch/by-pkg-config" \
-        $(pkg-config --libs cloudprovider-stores) -Wl,-rpath,"$prefix/lib" &&
-        consume "$scratch/by-pkg-config"
+    by_cmake cmake/consumer -DEXAMPLES="$examples/embedding" &&
+        timeout 60 "$scratch/consumer/consumer" memory: &&
+        timeout 60 "$scratch/consumer/consumer" "local:$scratch/store"
 }
-quietly build/logs/package-by-pkg-config.log by_pkg_config
+quietly build/logs/package-consumer.log consumer
 
-# The host that the documentation shows.
+# The installed command line reads what the consumer wrote.
+quietly build/logs/package-cloudfs.log \
+    timeout 60 "$prefix/bin/cloudfs" --store "local:$scratch/store" stat /folder/greeting.txt
+
+# As the page says, with CMake and with pkg-config.
 documented_host()
 {
-    sed -n '/^```cpp$/,/^```$/{/^```/d;p}' docs/embedding.md | sed "s#/var/tmp/example-store#$scratch/example#" >"$scratch/host.cpp"
-    # shellcheck disable=SC2046 # flags are words
-    g++ -std=c++20 $(pkg-config --cflags cloudprovider-stores) "$scratch/host.cpp" -o "$scratch/host" \
-        $(pkg-config --libs cloudprovider-stores) -Wl,-rpath,"$prefix/lib" &&
-        [[ $(timeout 60 "$scratch/host") == cloud://example/greetings/hello.txt ]]
+    by_cmake "$examples/embedding" &&
+        [[ $(timeout 60 "$scratch/embedding/host") == cloud://example/greetings/hello.txt ]] &&
+        (cd "$examples/embedding" && sh -eu build.sh) &&
+        [[ $(LD_LIBRARY_PATH=$prefix/lib timeout 60 "$examples/embedding/host") == cloud://example/greetings/hello.txt ]]
 }
 quietly build/logs/package-documented-host.log documented_host
 
-# The installed command line reads what the consumer wrote.
-quietly build/logs/package-cloudfs.log timeout 60 "$prefix/bin/cloudfs" --store "local:$scratch/store" stat /folder/greeting.txt
+documented_conformance_test()
+{
+    by_cmake "$examples/writing-a-client" && timeout 60 "$scratch/writing-a-client/my_client_test"
+}
+quietly build/logs/package-documented-test.log documented_conformance_test

@@ -1,44 +1,102 @@
-/// Write a file into the store whose URL is the argument, and read it back.
+/// Run the examples of docs/embedding.md on the store whose URL is the argument, and check what they do.
 
-#include <foundation/storage/provider/ByteStream.hpp>
-#include <foundation/storage/provider/ByteStreamOpenOptions.hpp>
-#include <foundation/storage/provider/StorageIRI.hpp>
+#include <foundation/storage/provider/IProvider.hpp>
+#include <storage/clients/decorators/CancellableClient.hpp>
 #include <storage/clients/stores/OpenStore.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
 #include <storage/cloudprovider/CloudProvider.hpp>
 
 #include <exception>
 #include <iostream>
+#include <memory>
+#include <sstream>
 #include <stdexcept>
+#include <streambuf>
 #include <string>
 #include <string_view>
+
+// In the examples.
+void append(const fsp::IProvider& provider, const fsp::StorageIRI& file, std::string_view line);
+std::string readAt(
+    const fsp::IProvider& provider, const fsp::StorageIRI& file, std::streamoff offset, std::size_t count);
+unsigned long totalSize(const fsp::IProvider& provider, const fsp::StorageIRI& folder);
+void replace(
+    std::shared_ptr<storage::cloudprovider::CloudClient> store, const fsp::StorageIRI& file, std::istream& source);
 
 namespace
 {
 
-void writeAndReadBack(const std::string& storeUrl)
+namespace cp = storage::cloudprovider;
+
+void require(bool condition, const char* what)
 {
-    namespace cp = storage::cloudprovider;
-    const auto provider =
-        cp::buildCloudProvider(storage::clients::openStore(storeUrl), cp::FolderPolicy::MarkerObjects, false);
-    const fsp::StorageIRI file(u"cloud://store/folder/greeting.txt");
-    constexpr std::string_view greeting = "written through an installed library";
-
-    const auto out = provider->openStream(file, {});
-    out->write(greeting.data(), greeting.size());
-    out->close();
-
-    const auto in = provider->openReadOnlyStream(file);
-    std::string content;
-    char bytes[16];
-    for (auto count = in->read(bytes, sizeof bytes); count > 0; count = in->read(bytes, sizeof bytes))
+    if (!condition)
     {
-        content.append(bytes, static_cast<std::size_t>(count));
+        throw std::logic_error(what);
     }
-    in->close();
+}
 
-    if (content != greeting)
+// Deliver some bytes, then fail.
+class BrokenSource : public std::streambuf
+{
+    int_type underflow() override
     {
-        throw std::runtime_error("read back \"" + content + "\"");
+        if (m_isRead)
+        {
+            throw std::runtime_error("broken");
+        }
+        m_isRead = true;
+        setg(m_bytes, m_bytes, m_bytes + sizeof m_bytes);
+        return traits_type::to_int_type(m_bytes[0]);
+    }
+
+    char m_bytes[3] = {'n', 'e', 'w'};
+    bool m_isRead = false;
+};
+
+void run(const std::string& storeUrl)
+{
+    const auto store = storage::clients::openStore(storeUrl);
+    const auto provider = cp::buildCloudProvider(store, cp::FolderPolicy::MarkerObjects, false);
+    const fsp::StorageIRI folder(u"cloud://store/folder");
+    const fsp::StorageIRI file = folder.getChild(u"greeting.txt");
+
+    std::istringstream content("written through an installed library\n");
+    replace(store, file, content);
+    append(*provider, file, "and appended to");
+    require(readAt(*provider, file, 16, 1000) == "an installed library\nand appended to\n", "the end of the file");
+    require(readAt(*provider, file, 8, 7) == "through", "a range of the file");
+    require(totalSize(*provider, folder) == 53, "53 bytes in the folder");
+
+    BrokenSource broken;
+    std::istream source(&broken);
+    try
+    {
+        replace(store, file, source);
+        require(false, "a failure of the source");
+    }
+    catch (const std::runtime_error&)
+    {
+        require(readAt(*provider, file, 0, 7) == "written", "the old content after a cancelled write");
+    }
+
+    // Exceptions cross the library both ways: the client throws in this program, the provider catches and translates.
+    try
+    {
+        provider->getFileAttributes(folder.getChild(u"missing"));
+        require(false, "a failure for a missing file");
+    }
+    catch (const fsp::Exception& failure)
+    {
+        require(failure.errorCode() == fsp::ErrorCode::NotFound, "the code of a missing file");
+    }
+    try
+    {
+        store->getObjectParts("missing");
+        require(false, "a failure for a missing object");
+    }
+    catch (const cp::ResourceNotFoundException&)
+    {
     }
 }
 
@@ -53,7 +111,7 @@ int main(int argc, char** argv)
     }
     try
     {
-        writeAndReadBack(argv[1]);
+        run(argv[1]);
         return 0;
     }
     catch (const std::exception& failure)
