@@ -1,15 +1,39 @@
 #!/usr/bin/env bash
-# Use the library as a stranger would: compile each public header alone, install the release build to a temporary folder,
-# and from there build and run the examples of the documentation.
+# Use the library as a stranger would: compile each public header alone, compare the names that the shared libraries
+# export with the lists in cmake/exported-symbols, install the release build to a temporary folder, and from there build
+# and run the examples of the documentation.
 #
-# Usage: scripts/check-package.sh
+# Usage: scripts/check-package.sh [--update-symbols]      with the option, write the lists instead of comparing them
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
+case ${1:-} in
+    '' | --update-symbols) ;;
+    *)
+        echo "usage: scripts/check-package.sh [--update-symbols]" >&2
+        exit 2
+        ;;
+esac
+
 scripts/install-deps.sh
 build release
 build release all_verify_interface_header_sets
+
+# Functions and data that the library itself defines. Weak symbols are left out: they are inline functions, instances of
+# templates, and tables of classes that every user of the class has too; which of them a compiler emits changes with its
+# optimiser.
+exported_symbols() { nm -DC --defined-only "$1" | sed -nE 's/^[0-9a-f]+ [A-TX-Z] //p' | LC_ALL=C sort -u; }
+
+for library in foundation/libfoundation storage/cloudprovider/libcloudprovider; do
+    list=cmake/exported-symbols/${library##*/lib}.txt
+    if [[ ${1:-} == --update-symbols ]]; then
+        exported_symbols "build/release/$library.so" >"$list"
+    elif ! diff -u "$list" <(exported_symbols "build/release/$library.so"); then
+        echo "check-package: $library.so exports other names than $list lists; see --update-symbols" >&2
+        exit 1
+    fi
+done
 
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
