@@ -33,8 +33,9 @@ function(house_set_flags target group)
         -Wconversion -Wsign-conversion -Wnull-dereference -Wdouble-promotion -Wformat=2 -Werror
         # Checks what the attributes of Mutex.hpp say, which only clang understands.
         $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
-        # False positives of g++ 12: an optional may be empty where it was tested before, and "literal" + string copies too
-        # many bytes or between overlapping ones. clang and the sanitizers find the real faults.
+        # False positives of g++ 12: an optional may be empty where it was tested before, and "literal" + string copies
+        # too many bytes or between overlapping ones. The standard library silences the latter with pragmas, which g++
+        # does not keep in a precompiled header. clang and the sanitizers find the real faults.
         $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized;-Wno-restrict;-Wno-stringop-overflow;-Wno-array-bounds>)
     get_target_property(type ${target} TYPE)
     if(NOT type STREQUAL "EXECUTABLE" AND NOT group STREQUAL "libraries")
@@ -43,7 +44,8 @@ function(house_set_flags target group)
         target_compile_options(${target} PRIVATE -fPIE)
     endif()
     if(group STREQUAL "tests")
-        # Optimising test code takes longer than it saves, and makes g++ 12 suspect the standard library of null pointers.
+        # Optimising test code takes longer than it saves, and causes false -Wnull-dereference warnings of g++ 12 in the
+        # standard library.
         target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-Og>)
     endif()
     if(CLOUDPROVIDER_SANITIZE)
@@ -55,8 +57,8 @@ function(house_set_flags target group)
 endfunction()
 
 # house_add_test(NAME SOURCES file… [LIBRARIES target…] [INCLUDES folder…])
-# One test program per component; each of its cases becomes a CTest case of its own. A case that takes longer than
-# the time limit hangs, and is ended.
+# One test program per component; each of its cases becomes a CTest case of its own, with a timeout that only a case that
+# hangs reaches.
 function(house_add_test name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LIBRARIES;INCLUDES" ${ARGN})
     if(NOT BUILD_TESTING)

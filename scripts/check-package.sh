@@ -68,10 +68,11 @@ quietly build/logs/package-cloudfs.log \
 # As the page says, with CMake and with pkg-config.
 documented_host()
 {
+    local expected=cloud://example/greetings/hello.txt
     by_cmake "$examples/embedding" &&
-        [[ $(timeout 60 "$scratch/embedding/host") == cloud://example/greetings/hello.txt ]] &&
+        [[ $(timeout 60 "$scratch/embedding/host") == "$expected" ]] &&
         (cd "$examples/embedding" && sh -eu build.sh) &&
-        [[ $(LD_LIBRARY_PATH=$prefix/lib timeout 60 "$examples/embedding/host") == cloud://example/greetings/hello.txt ]]
+        [[ $(LD_LIBRARY_PATH=$prefix/lib timeout 60 "$examples/embedding/host") == "$expected" ]]
 }
 quietly build/logs/package-documented-host.log documented_host
 

@@ -31,7 +31,7 @@ check_format()
     return "$status"
 }
 
-# Counted are lines that are neither blank nor only a comment. The conformance suite is test code, though it is installed.
+# Count lines that are neither blank nor only a comment. The conformance suite is test code, although it is installed.
 print_ratio()
 {
     local most=35 tests shell code
