@@ -13,17 +13,17 @@ extern "C" [[gnu::weak]] void __tsan_init(); // not null under ThreadSanitizer
 namespace storage::clients::test
 {
 
-/// Wait until this process has so many threads, of which one that was joined may be there for a moment more.
-inline void awaitThreads(std::ptrdiff_t count)
+/// Wait until this process has so many threads. A thread that was joined may still count for a moment. After a minute,
+/// fail the test.
+inline void awaitThreads(std::ptrdiff_t expected)
 {
-    const auto now = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
-    const auto patience = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    while (__tsan_init == nullptr && now() != count) // the sanitizer has a thread too, and tells of those that are left
+    const auto count = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (__tsan_init == nullptr && count() != expected) // the sanitizer has a thread, and reports those that leak
     {
-        if (std::chrono::steady_clock::now() > patience)
+        if (std::chrono::steady_clock::now() > deadline)
         {
-            ADD_FAILURE() << "there are " << now() << " threads, and not " << count;
-            return;
+            FAIL() << "there are " << count() << " threads instead of " << expected;
         }
         std::this_thread::yield();
     }

@@ -13,17 +13,17 @@ class LocalHarness : public conformance::Harness
 public:
     explicit LocalHarness(std::uint64_t maxInlineSize)
         : m_maxInlineSize(maxInlineSize)
-        , m_client(m_folder.store(), maxInlineSize)
+        , m_client(m_folder.store, maxInlineSize)
     {
     }
 
-    ~LocalHarness() override { test::checkStore(m_folder.store()); }
+    ~LocalHarness() override { test::checkStore(m_folder.store); }
 
     LocalClient& client() override { return m_client; }
 
     cloudprovider::CloudClientSharedPtr openAnother() override
     {
-        return std::make_shared<LocalClient>(m_folder.store(), m_maxInlineSize);
+        return std::make_shared<LocalClient>(m_folder.store, m_maxInlineSize);
     }
 
 private:

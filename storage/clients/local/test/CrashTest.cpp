@@ -1,6 +1,6 @@
 #include "TestStore.hpp"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <array>
 #include <atomic>
@@ -20,6 +20,8 @@ namespace storage::clients::test
 namespace
 {
 
+using namespace ::testing;
+
 constexpr std::size_t objects = 3;   // of one writer
 constexpr std::uint64_t removed = 0; // as a version: there is no object
 
@@ -33,46 +35,34 @@ struct Writer
     std::array<std::atomic<std::uint64_t>, objects> done{};
 };
 
-// Make this the version of an object, in one of the possible ways.
-void makeVersion(LocalClient& client, const std::string& key, std::uint64_t version, std::mt19937& random)
-{
-    if (version == removed)
-    {
-        client.deleteObject(key);
-        return;
-    }
-    const std::string whole = content(version, 100 + random() % 200'000);
-    if (random() % 2 == 0)
-    {
-        put(client, key, whole);
-        return;
-    }
-    // Written twice, the second time as copies of the parts that are there, so the bytes are those of the version.
-    const std::size_t middle = 1 + random() % whole.size();
-    putParts(client, key, {whole.substr(0, middle), whole.substr(middle)});
-    const std::string upload = client.createMultipartUpload(key, "");
-    std::vector<cloudprovider::PartInfo> parts = client.getObjectParts(key);
-    for (cloudprovider::PartInfo& part : parts)
-    {
-        part.Tag = client.copyPart(key, upload, part);
-    }
-    client.completeMultipartUpload(key, upload, parts);
-}
-
-std::string keyOf(std::size_t writer, std::size_t object)
-{
-    return std::to_string(writer) + '/' + std::to_string(object);
-}
-
-void writeUntilKilled(const std::filesystem::path& store, std::size_t number, Writer& writer, std::uint64_t seed)
+// Give random objects new versions, each in one of the possible ways.
+void writeUntilKilled(const path& store, const std::string& folder, Writer& writer, std::uint64_t seed)
 {
     std::mt19937 random(seed);
     LocalClient client(store);
-    for (std::uint64_t version = 1'000'000 * seed; !::testing::Test::HasFailure(); ++version)
+    for (std::uint64_t version = 1'000'000 * seed; !Test::HasFailure(); ++version)
     {
         const std::size_t object = random() % objects;
-        writer.attempted[object] = random() % 5 == 0 ? removed : version;
-        makeVersion(client, keyOf(number, object), writer.attempted[object], random);
+        const std::string key = folder + std::to_string(object);
+        const std::string whole = content(version, 100 + random() % 200'000);
+        const auto way = random() % 5;
+        writer.attempted[object] = way == 0 ? removed : version;
+        if (way < 3)
+        {
+            way == 0 ? client.deleteObject(key) : put(client, key, whole);
+        }
+        else // write it twice, the second time as copies of the parts that are there
+        {
+            const std::size_t middle = 1 + random() % whole.size();
+            putParts(client, key, {whole.substr(0, middle), whole.substr(middle)});
+            const std::string upload = client.createMultipartUpload(key, "");
+            std::vector<cloudprovider::PartInfo> parts = client.getObjectParts(key);
+            for (cloudprovider::PartInfo& part : parts)
+            {
+                part.Tag = client.copyPart(key, upload, part);
+            }
+            client.completeMultipartUpload(key, upload, parts);
+        }
         writer.done[object] = writer.attempted[object].load();
         put(client, "shared", content(version, 100 + random() % 100'000));
         versionOf(get(client, "shared"));
@@ -98,8 +88,8 @@ TEST(CrashTest, EveryObjectIsACompleteVersionAndNothingElseIsLeft)
         for (std::size_t i = 0; i < writers.size(); ++i)
         {
             writers[i].steps = 0;
-            writers[i].process =
-                startProcess([&] { writeUntilKilled(folder.store(), i, writers[i], 100UL * round + i); });
+            writers[i].process = startProcess(
+                [&] { writeUntilKilled(folder.store, std::to_string(i) + '/', writers[i], 100UL * round + i); });
         }
         for (std::size_t i = 0; i < writers.size(); ++i)
         {
@@ -114,41 +104,39 @@ TEST(CrashTest, EveryObjectIsACompleteVersionAndNothingElseIsLeft)
             ASSERT_EQ(waitForProcess(writer.process), -1) << "the writer has ended by itself";
 
             // Opening the store collects what the killed writer has left, while the others go on.
-            LocalClient client(folder.store());
+            LocalClient client(folder.store);
             for (std::size_t object = 0; object < objects; ++object)
             {
-                const std::string key = keyOf(i, object);
+                const std::string key = std::to_string(i) + '/' + std::to_string(object);
                 const std::uint64_t now = client.getObjectInfo(key).exists ? versionOf(get(client, key)) : removed;
-                EXPECT_TRUE(now == writer.done[object] || now == writer.attempted[object])
-                    << key << " has version " << now << " instead of " << writer.done[object] << " or "
-                    << writer.attempted[object];
+                EXPECT_THAT(now, AnyOf(writer.done[object].load(), writer.attempted[object].load())) << key;
                 writer.done[object] = now;
                 writer.attempted[object] = now;
             }
         }
-        checkStore(folder.store());
-        EXPECT_EQ(files(folder.store() / "sessions"), std::vector<std::string>());
+        checkStore(folder.store);
+        EXPECT_THAT(files(folder.store / "sessions"), IsEmpty());
     }
 }
 
 TEST(CrashTest, CollectsOrphansOfDeadSessionsOnly)
 {
     const TestFolder folder;
-    const std::filesystem::path store = folder.store();
+    const path& store = folder.store;
     LocalClient living(store, nothingInline);
     CallbackBuffer buffer(content(1, 1000),
         [&]
         {
             // What a crash leaves between the publication of a file and the commit, and a second incoming file.
-            const std::string dead = "00000000000000ff";
-            for (const std::string& orphan : {"sessions/" + dead, "incoming/" + dead + "-1", "contents/7-" + dead})
+            for (const char* orphan :
+                {"sessions/00000000000000ff", "incoming/00000000000000ff-1", "contents/7-00000000000000ff"})
             {
                 std::ofstream(store / orphan) << "orphan";
             }
             const LocalClient collecting(store);
-            EXPECT_EQ(files(store / "incoming").size(), 1U);
-            EXPECT_EQ(files(store / "sessions").size(), 2U) << "of the living and of the collecting client";
-            EXPECT_EQ(files(store / "contents").size(), 0U);
+            EXPECT_THAT(files(store / "incoming"), SizeIs(1));
+            EXPECT_THAT(files(store / "sessions"), SizeIs(2)) << "of the living and of the collecting client";
+            EXPECT_THAT(files(store / "contents"), IsEmpty());
         });
     std::istream in(&buffer);
     living.putObject("k", in, 1000);
@@ -157,7 +145,7 @@ TEST(CrashTest, CollectsOrphansOfDeadSessionsOnly)
 
     LocalClient removing(store);
     removing.deleteObject("k");
-    EXPECT_EQ(files(store / "sessions").size(), 2U) << "a crash before the file is removed must be noticed";
+    EXPECT_THAT(files(store / "sessions"), SizeIs(2)) << "a crash before the file is removed must be noticed";
 }
 
 } // namespace storage::clients::test

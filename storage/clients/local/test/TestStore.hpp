@@ -3,20 +3,32 @@
 #include <storage/clients/local/LocalClient.hpp>
 #include <storage/clients/testing/ClientCalls.hpp>
 
+#include <boost/algorithm/string/join.hpp>
+#include <gtest/gtest.h>
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <csignal>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <iostream>
 #include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 namespace storage::clients::test
 {
 
-using conformance::get;
-using conformance::put;
-using conformance::putParts;
+using namespace conformance;
+using std::filesystem::path;
 
 constexpr std::uint64_t nothingInline = 0; // for LocalClient's maxInlineSize
 
@@ -24,26 +36,40 @@ constexpr std::uint64_t nothingInline = 0; // for LocalClient's maxInlineSize
 class TestFolder
 {
 public:
-    TestFolder();
+    TestFolder()
+    {
+        std::string name = std::filesystem::temp_directory_path() / "local_test_XXXXXX";
+        root = ::mkdtemp(name.data()); // throws if there is none
+        store = root / "store";
+    }
     TestFolder(const TestFolder&) = delete;
-    TestFolder& operator=(const TestFolder&) = delete;
-    ~TestFolder();
+    ~TestFolder() { std::filesystem::remove_all(root); }
 
-    /// The directory of the store, which does not exist at first.
-    std::filesystem::path store() const { return m_path / "store"; }
-    const std::filesystem::path& path() const { return m_path; }
-
-private:
-    std::filesystem::path m_path;
+    path root;
+    path store; ///< does not exist at first
 };
 
 /// Content that can be checked for completeness: it begins with its version and size, which determine all other bytes.
-std::string content(std::uint64_t version, std::size_t size);
+inline std::string content(std::uint64_t version, std::size_t size)
+{
+    std::string result = std::to_string(version) + ' ' + std::to_string(size) + ' ';
+    for (std::uint64_t state = version * 2 + 1; result.size() < size;)
+    {
+        state = state * 6364136223846793005U + 1442695040888963407U;
+        result += static_cast<char>(state >> 56U);
+    }
+    return result;
+}
 
 /// The version of such a content. Fails the test when the content is not complete.
-std::uint64_t versionOf(const std::string& content);
+inline std::uint64_t versionOf(const std::string& found)
+{
+    const std::uint64_t version = std::strtoull(found.c_str(), nullptr, 10);
+    EXPECT_TRUE(found == content(version, found.size())) << found.size() << " bytes of version " << version;
+    return version;
+}
 
-/// The buffer of a stream that calls a function before the first bytes are read or written.
+/// The buffer of a stream that calls a function whenever bytes are read or written.
 class CallbackBuffer : public std::stringbuf
 {
 public:
@@ -53,42 +79,90 @@ public:
     {
     }
 
-protected:
+private:
     std::streamsize xsgetn(char* target, std::streamsize size) override
     {
-        std::exchange(m_callback, [] {})();
+        m_callback();
         return std::stringbuf::xsgetn(target, size);
     }
     std::streamsize xsputn(const char* bytes, std::streamsize size) override
     {
-        std::exchange(m_callback, [] {})();
+        m_callback();
         return std::stringbuf::xsputn(bytes, size);
     }
 
-private:
-    std::function<void()> m_callback;
+    const std::function<void()> m_callback;
 };
 
 /// Names of the files in a folder, sorted.
-std::vector<std::string> files(const std::filesystem::path& folder);
+inline std::vector<std::string> files(const path& folder)
+{
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+    {
+        names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
 
-/// Run SQL on the index directly.
-///
-/// @return the first column of the first row; empty when there is none
-std::string runSql(const std::filesystem::path& store, const std::string& sql);
+/// Run SQL on the index directly. @return the first column of the first row; empty when there is none
+inline std::string runSql(const path& store, const std::string& sql)
+{
+    sqlite3* handle = nullptr;
+    EXPECT_EQ(sqlite3_open((store / "index.sqlite").c_str(), &handle), SQLITE_OK);
+    std::string value;
+    const auto take = [](void* out, int, char** columns, char**)
+    {
+        *static_cast<std::string*>(out) = columns[0] == nullptr ? "" : columns[0];
+        return 0;
+    };
+    EXPECT_EQ(sqlite3_exec(handle, sql.c_str(), take, &value, nullptr), SQLITE_OK) << sqlite3_errmsg(handle);
+    EXPECT_EQ(sqlite3_close(handle), SQLITE_OK);
+    return value;
+}
 
 /// Fail the test unless index and files are consistent: the reference counts are right, the content files are exactly
 /// those that the index names, and no file is incoming.
-void checkStore(const std::filesystem::path& store);
+inline void checkStore(const path& store)
+{
+    EXPECT_EQ(runSql(store, "PRAGMA integrity_check"), "ok");
+    EXPECT_EQ(
+        runSql(store, "SELECT (SELECT count(*) FROM contents WHERE refs != "
+                      "(SELECT count(*) FROM object_parts WHERE content = id) + "
+                      "(SELECT count(*) FROM upload_parts WHERE content = id)) + "
+                      "(SELECT count(*) FROM objects WHERE size != coalesce((SELECT sum(c.size) FROM object_parts "
+                      "p JOIN contents c ON c.id = p.content WHERE p.object = objects.id), 0))"),
+        "0");
+    EXPECT_EQ(boost::algorithm::join(files(store / "contents"), " "),
+        runSql(store, "SELECT group_concat(name, ' ') FROM (SELECT format('%d-%016x', id, session) AS name "
+                      "FROM contents WHERE session IS NOT NULL ORDER BY name)"));
+    EXPECT_EQ(files(store / "incoming"), std::vector<std::string>());
+}
 
-/// Run a task in a child process, which ends when the task returns.
-///
-/// @return process id
-int startProcess(const std::function<void()>& task);
+/// Run a task in a child process, which ends when the task returns. @return process id
+inline int startProcess(const std::function<void()>& task)
+{
+    std::cout.flush(); // or the child prints it again
+    const pid_t process = ::fork();
+    if (process == 0)
+    {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL); // never outlive a test that fails
+        EXPECT_NO_THROW(task());
+        std::cout.flush();
+        ::_exit(::testing::Test::HasFailure() ? 1 : 0); // without the parent's destructors
+    }
+    EXPECT_GT(process, 0);
+    return process;
+}
 
 /// Wait for the end of the process.
-///
 /// @return its exit status: 0 if the task returned without a failed check, 1 if not; -1: ended by a signal
-int waitForProcess(int process);
+inline int waitForProcess(int process)
+{
+    int status = 0;
+    EXPECT_EQ(::waitpid(process, &status, 0), process);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
 } // namespace storage::clients::test
