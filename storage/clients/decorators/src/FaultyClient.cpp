@@ -1,11 +1,12 @@
 #include <storage/clients/decorators/FaultyClient.hpp>
 
+#include "PassThroughBuffer.hpp"
+
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <algorithm>
 #include <ostream>
-#include <streambuf>
 #include <utility>
 
 namespace storage::clients
@@ -17,22 +18,20 @@ namespace
 {
 
 /// Pass the first bytes on, and drop the rest as if they had been written.
-class LimitedBuffer : public std::streambuf
+class LimitedBuffer : public PassThroughBuffer
 {
 public:
     LimitedBuffer(std::streambuf* target, std::uint64_t limit)
-        : m_target(target)
-        , m_left(limit)
+        : PassThroughBuffer(target)
+        , m_limit(limit)
     {
     }
 
 protected:
-    std::streamsize xsputn(const char* bytes, std::streamsize count) override
+    std::streamsize xsputn(const char* text, std::streamsize count) override
     {
-        const std::uint64_t passed = std::min(static_cast<std::uint64_t>(count), m_left);
-        m_left -= passed;
-        const auto size = static_cast<std::streamsize>(passed);
-        return m_target->sputn(bytes, size) == size ? count : 0;
+        const auto size = static_cast<std::streamsize>(std::min(static_cast<std::uint64_t>(count), m_limit - bytes()));
+        return PassThroughBuffer::xsputn(text, size) == size ? count : 0;
     }
 
     int_type overflow(int_type byte) override
@@ -42,8 +41,7 @@ protected:
     }
 
 private:
-    std::streambuf* const m_target;
-    std::uint64_t m_left;
+    const std::uint64_t m_limit;
 };
 
 constexpr char emptyPage = '+'; // a token begins with one for each empty page still to come
