@@ -1,4 +1,4 @@
-#include "RepeatableStream.hpp"
+#include "RewindableStream.hpp"
 
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/common/TransientException.hpp>
@@ -168,7 +168,7 @@ std::vector<ObjectEntry> RetryingClient::listObjects(
 
 void RetryingClient::getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last)
 {
-    RepeatableStream body(out);
+    RewindableStream body(out);
     retry(
         {Operation::GetObjectRange, key}, [&] { inner().getObjectRange(key, body.get(), first, last); },
         [&] { return body.rewind(); });
@@ -182,7 +182,7 @@ void RetryingClient::getObjectRange(const std::string& key, std::ostream& out, s
 
 void RetryingClient::putObject(const std::string& key, std::istream& content, std::uint64_t size)
 {
-    RepeatableStream body(content);
+    RewindableStream body(content);
     retry(
         {Operation::PutObject, key}, [&] { inner().putObject(key, body.get(), size); }, [&] { return body.rewind(); });
 }
@@ -190,7 +190,7 @@ void RetryingClient::putObject(const std::string& key, std::istream& content, st
 std::string RetryingClient::uploadPart(
     const std::string& key, const std::string& uploadId, const PartInfo& part, std::istream& content)
 {
-    RepeatableStream body(content);
+    RewindableStream body(content);
     std::string tag;
     retry(
         {Operation::UploadPart, key}, [&] { tag = inner().uploadPart(key, uploadId, part, body.get()); },

@@ -15,13 +15,13 @@ namespace storage::clients
 ///
 /// @tparam Stream  std::istream or std::ostream
 template <typename Stream>
-class RepeatableStream
+class RewindableStream
 {
     static constexpr auto direction = std::is_same_v<Stream, std::istream> ? std::ios_base::in : std::ios_base::out;
 
 public:
     /// @param stream  borrowed for as long as this lives; every attempt begins at its current position
-    explicit RepeatableStream(Stream& stream)
+    explicit RewindableStream(Stream& stream)
         : m_stream(stream)
         , m_state(stream.rdstate())
         , m_start(tell())
