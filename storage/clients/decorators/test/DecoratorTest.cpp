@@ -6,6 +6,7 @@
 #include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
+#include <storage/clients/testing/ClientCalls.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 #include <storage/cloudprovider/Logger.hpp>
 
@@ -16,6 +17,8 @@
 #include <boost/iostreams/stream_buffer.hpp>
 #include <gmock/gmock.h>
 
+#include <functional>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -26,112 +29,89 @@ namespace
 {
 
 using namespace cloudprovider;
+using namespace conformance;
 using namespace std::chrono_literals;
 using namespace testing;
 
 class DecoratorTest : public Test
 {
 protected:
-    static void put(CloudClient& client, const std::string& key)
-    {
-        std::istringstream content("new");
-        client.putObject(key, content, 3);
-    }
-
     const std::shared_ptr<MemoryClient> store = std::make_shared<MemoryClient>();
     const std::shared_ptr<FaultyClient> faults = std::make_shared<FaultyClient>(store);
     const std::shared_ptr<CountingClient> counted = std::make_shared<CountingClient>(faults);
     const std::exception_ptr denied = std::make_exception_ptr(PermissionDeniedException("Denied"));
     const std::exception_ptr busy = std::make_exception_ptr(TransientException("Busy", "store busy"));
-};
 
-/// The operations that store bytes, on the objects "a", "b" and "c". Each has an open upload with one part.
-class StoringOperationTest : public DecoratorTest, public WithParamInterface<Operation>
-{
-protected:
-    StoringOperationTest()
-    {
-        for (const char* key : {"a", "b", "c"})
-        {
-            store->put(key, "old");
-            uploads[key] = store->createMultipartUpload(key, "");
-            parts[key] = {0, 0, 3, sendPart(*store, key)};
-        }
-    }
-
-    std::string sendPart(CloudClient& client, const std::string& key)
-    {
-        std::istringstream content("new");
-        return client.uploadPart(key, uploads.at(key), {0, 0, 3, ""}, content);
-    }
-
-    void call(CloudClient& client, const std::string& key)
-    {
-        switch (GetParam())
-        {
-        case Operation::CreateMultipartUpload:
-            return void(client.createMultipartUpload(key, ""));
-        case Operation::UploadPart:
-            return void(sendPart(client, key));
-        case Operation::CopyPart:
-            return void(client.copyPart(key, uploads.at(key), {0, 0, 3, ""}));
-        case Operation::CompleteMultipartUpload:
-            return client.completeMultipartUpload(key, uploads.at(key), {parts.at(key)});
-        default:
-            return put(client, key);
-        }
-    }
-
-    std::map<std::string, std::string> uploads; // ids, by key
-    std::map<std::string, PartInfo> parts;      // that the uploads have, by key
-};
-
-TEST_P(StoringOperationTest, IsRefusedWhileItsKeyIsCancelledAndAfterAnInterrupt)
-{
-    bool interrupted = false;
-    CancellableClient client(store, [&] { return interrupted; });
-    const auto expectRefusal = [&](const std::string& key)
-    {
-        EXPECT_THROW(call(client, key), UnknownErrorException);
-        EXPECT_EQ(store->get(key), "old");
-        EXPECT_TRUE(client.getObjectInfo(key).exists);
-        EXPECT_NO_THROW(client.abortMultipartUpload(key, store->createMultipartUpload(key, "")));
+    // The operations that store bytes, done on an object of 3 bytes.
+    const std::map<Operation, std::function<void(CloudClient& client, const std::string& key)>> storing{
+        {Operation::PutObject, [](auto& client, const auto& key) { put(client, key, "new"); }},
+        {Operation::CreateMultipartUpload,
+            [](auto& client, const auto& key) { client.createMultipartUpload(key, ""); }},
+        {Operation::UploadPart, [this](auto& client, const auto& key)
+            { uploadPart(client, key, store->createMultipartUpload(key, ""), 0, "new"); }},
+        {Operation::CopyPart,
+            [this](auto& client, const auto& key) {
+                client.copyPart(key, store->createMultipartUpload(key, ""), {0, 0, 3, ""});
+            }},
+        {Operation::CompleteMultipartUpload,
+            [this](auto& client, const auto& key)
+            {
+                const std::string upload = store->createMultipartUpload(key, "");
+                client.completeMultipartUpload(key, upload, {uploadPart(*store, key, upload, 0, "new")});
+            }},
     };
-    {
-        const auto outer = client.cancel("a");
-        {
-            const auto inner = client.cancel("a");
-        }
-        expectRefusal("a");
-        EXPECT_NO_THROW(call(client, "b"));
-    }
-    EXPECT_NO_THROW(call(client, "a"));
-    interrupted = true;
-    expectRefusal("c");
-    EXPECT_THROW(client.deleteObject("c"), UnknownErrorException);
-}
+};
 
-TEST_P(StoringOperationTest, FailureIsKeptUntilItIsTakenOrTheKeyIsStored)
+TEST_F(DecoratorTest, RefusesToStoreACancelledKeyOrAfterAnInterrupt)
 {
-    FailureRecordingClient client(faults);
-    faults->inject({.operation = GetParam()});
-    EXPECT_THROW(call(client, "a"), UnknownErrorException);
-    EXPECT_EQ(client.takeFailure("b"), nullptr);
-    const std::exception_ptr failure = client.takeFailure("a");
-    ASSERT_NE(failure, nullptr);
-    EXPECT_THROW(std::rethrow_exception(failure), UnknownErrorException);
-    EXPECT_EQ(client.takeFailure("a"), nullptr);
-
-    EXPECT_THROW(call(client, "a"), UnknownErrorException);
-    faults->clearFaults();
-    put(client, "a");
-    EXPECT_EQ(client.takeFailure("a"), nullptr);
+    for (const auto& [operation, call] : storing)
+    {
+        SCOPED_TRACE(name(operation));
+        bool interrupted = false;
+        CancellableClient client(store, [&] { return interrupted; });
+        store->put("a", "old");
+        store->put("b", "old");
+        const auto expectRefusal = [&, &call = call]
+        {
+            EXPECT_THROW(call(client, "a"), UnknownErrorException);
+            EXPECT_EQ(get(client, "a"), "old");
+            EXPECT_NO_THROW(client.abortMultipartUpload("a", store->createMultipartUpload("a", "")));
+        };
+        {
+            const auto outer = client.cancel("a");
+            {
+                const auto inner = client.cancel("a");
+            }
+            expectRefusal();
+            EXPECT_NO_THROW(call(client, "b"));
+        }
+        interrupted = true;
+        expectRefusal();
+        EXPECT_THROW(client.deleteObject("a"), UnknownErrorException);
+        interrupted = false;
+        EXPECT_NO_THROW(call(client, "a"));
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Operations, StoringOperationTest,
-    Values(Operation::PutObject, Operation::CreateMultipartUpload, Operation::UploadPart, Operation::CopyPart,
-        Operation::CompleteMultipartUpload),
-    [](const auto& row) { return std::string(name(row.param)); });
+TEST_F(DecoratorTest, RecordsAFailureUntilItIsTakenOrTheKeyIsStored)
+{
+    for (const auto& [operation, call] : storing)
+    {
+        SCOPED_TRACE(name(operation));
+        FailureRecordingClient client(faults);
+        store->put("a", "old");
+        faults->inject({.operation = operation});
+        EXPECT_THROW(call(client, "a"), UnknownErrorException);
+        EXPECT_EQ(client.takeFailure("b"), nullptr);
+        EXPECT_THROW(std::rethrow_exception(client.takeFailure("a")), UnknownErrorException);
+        EXPECT_EQ(client.takeFailure("a"), nullptr);
+
+        EXPECT_THROW(call(client, "a"), UnknownErrorException);
+        faults->clearFaults();
+        storing.at(operation == Operation::PutObject ? operation : Operation::CompleteMultipartUpload)(client, "a");
+        EXPECT_EQ(client.takeFailure("a"), nullptr);
+    }
+}
 
 TEST_F(DecoratorTest, RecordsOnlyFailuresOfKeys)
 {
@@ -160,41 +140,34 @@ TEST_F(DecoratorTest, CountsCallsAndWhatTheyMoved)
                          "createMultipartUpload 1, uploadPart 2 (3 B; parts 7), copyPart 1 (10 B; parts 0)");
 }
 
-TEST_F(DecoratorTest, InjectsFaultsIntoTheCallsThatTheyName)
+TEST_F(DecoratorTest, InjectsFaultsAndEmptyPages)
 {
     faults->inject({.call = 3});
     faults->inject({.operation = Operation::PutObject, .call = 3});
-    put(*faults, "first");
+    put(*faults, "first", "");
     faults->getObjectInfo("first");
-    EXPECT_THAT([&] { put(*faults, "third call"); },
+    EXPECT_THAT([&] { put(*faults, "third call", ""); },
         Throws<UnknownErrorException>(
             Property(&CloudException::detail, Optional(std::string("putObject of \"third call\": injected fault")))));
-    EXPECT_THROW(put(*faults, "third put"), UnknownErrorException);
-    EXPECT_NO_THROW(put(*faults, "last"));
+    EXPECT_THROW(put(*faults, "third put", ""), UnknownErrorException);
+    EXPECT_NO_THROW(put(*faults, "last", ""));
 
     faults->inject({.operation = Operation::PutObject});
     faults->inject({.moment = Fault::Moment::AfterEffect, .failure = denied});
     for (int i = 0; i < 2; ++i)
     {
-        EXPECT_THROW(put(*faults, "both faults"), UnknownErrorException) << "the first one is thrown";
+        EXPECT_THROW(put(*faults, "both faults", ""), UnknownErrorException) << "the first one is thrown";
     }
     EXPECT_THROW(faults->createMultipartUpload("k", ""), PermissionDeniedException);
     EXPECT_EQ(store->openUploads().size(), 1U);
     faults->clearFaults();
-    EXPECT_TRUE(faults->getObjectInfo("last").exists);
-    EXPECT_THAT(store->keys(), ElementsAre("first", "last"));
-}
 
-TEST_F(DecoratorTest, InsertsEmptyPages)
-{
-    store->put("a", "");
     faults->setEmptyPages(2);
     std::string token;
-    for (const std::size_t entries : {0U, 0U, 1U})
-    {
-        EXPECT_EQ(faults->listObjects("", token, {}).size(), entries);
-    }
-    EXPECT_TRUE(token.empty());
+    EXPECT_THAT(faults->listObjects("", token, {}), IsEmpty());
+    EXPECT_THAT(faults->listObjects("", token, {}), IsEmpty());
+    EXPECT_THAT(faults->listObjects("", token, {}), SizeIs(2));
+    EXPECT_EQ(token, "");
 }
 
 TEST_F(DecoratorTest, FindsInterfacesInsideDecorators)
