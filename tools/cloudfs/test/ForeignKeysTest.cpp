@@ -15,52 +15,36 @@ namespace
 
 namespace fs = std::filesystem;
 
-/// A store with keys that other programs wrote and that the command line itself would refuse.
-class ForeignKeysTest : public testing::Test
+// The command line itself would refuse these keys.
+TEST(ForeignKeysTest, StayInsideTheTargetAndCanBeRemoved)
 {
-protected:
-    ForeignKeysTest()
+    std::string name = (fs::temp_directory_path() / "foreign-keys-XXXXXX").string();
+    const fs::path directory = mkdtemp(name.data());
+    fs::create_directory(directory / "in");
+    for (const char* key : {"t/ok", "t/deep/ok", "t/../../escape", "t/x/../../../escape", "t//etc/absolute",
+             "t/../../made/", "t/dot.", "t/dot./file", "t/both", "t/both/file"})
     {
-        std::string name = (fs::temp_directory_path() / "foreign-keys-XXXXXX").string();
-        directory = mkdtemp(name.data());
-        fs::create_directory(directory / "in");
-        storage::clients::LocalClient client(directory / "store");
-        for (const char* key : {"t/ok", "t/deep/ok", "t/../../escape", "t/x/../../../escape", "t//etc/absolute",
-                 "t/../../made/", "t/dot.", "t/dot./file", "t/both", "t/both/file"})
-        {
-            std::istringstream content("content");
-            client.putObject(key, content, 7);
-        }
+        std::istringstream content("content");
+        storage::clients::LocalClient(directory / "store").putObject(key, content, 7);
     }
-    ~ForeignKeysTest() override { fs::remove_all(directory); }
-
-    /// Run the program in the directory "in". @return its exit status
-    int run(const std::string& arguments)
+    std::string errors; // of the last run
+    const auto run = [&](const std::string& arguments)
     {
-        const std::string command = "cd '" + (directory / "in").string() +
-                                    "' && " CLOUDFS_PROGRAM " --store local:../store " + arguments +
-                                    " >../out 2>../err";
-        const int status = std::system(command.c_str());
+        const int status =
+            std::system(("cd '" + (directory / "in").string() + "' && " CLOUDFS_PROGRAM " --store local:../store " +
+                         arguments + " >../out 2>../err")
+                            .c_str());
         std::ifstream file(directory / "err");
         errors.assign(std::istreambuf_iterator<char>(file), {});
         return WEXITSTATUS(status);
-    }
+    };
 
-    fs::path directory;
-    std::string errors; // of the last run
-};
-
-TEST_F(ForeignKeysTest, StayInsideTheTargetAndCanBeRemoved)
-{
     EXPECT_EQ(run("get -r /t tree"), 1);
     std::set<std::string> files;
     for (const auto& entry : fs::recursive_directory_iterator(directory))
     {
-        const std::string name = fs::relative(entry.path(), directory).string();
-        if (entry.is_regular_file() && !name.starts_with("store/"))
-        {
-            files.insert(name);
-        }
+        const std::string file = fs::relative(entry.path(), directory).string();
+        entry.is_regular_file() && !file.starts_with("store/") ? void(files.insert(file)) : void();
     }
     // A file and a folder cannot have the same local name; either may come first.
     EXPECT_EQ(files.erase("in/tree/both") + files.erase("in/tree/both/file"), 1U);
@@ -74,6 +58,7 @@ TEST_F(ForeignKeysTest, StayInsideTheTargetAndCanBeRemoved)
     EXPECT_EQ(run("ls -R --files /t"), 0) << errors;
     EXPECT_EQ(run("rm -r /t"), 0) << errors;
     EXPECT_EQ(run("ls /t"), 1);
+    fs::remove_all(directory);
 }
 
 } // namespace

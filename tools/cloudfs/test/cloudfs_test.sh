@@ -62,8 +62,14 @@ check()
     [[ $(<err) =~ ^$expected$ && $(wc -l <err) -le 1 ]] || fail "$1: not one line \"$expected\" but: $(<err)"
 }
 
-# printed TEXT: check what the last expect wrote to standard output.
-printed() { [[ $(<out) =~ ^$1$ ]] || fail "printed \"$(<out)\" instead of \"$1\""; }
+# prints TEXT ARGUMENT…: run the program, which must succeed, and check its standard output.
+prints()
+{
+    local text=$1
+    shift
+    expect 0 '' "$@"
+    [[ $(<"$work/out") =~ ^$text$ ]] || fail "cloudfs $*: printed \"$(<"$work/out")\" instead of \"$text\""
+}
 
 # same FILE PATH: check that the store has the local file under this path.
 same() { fs cat "$2" | cmp - "$1" >&2 || fail "$2 differs from $1"; }
@@ -75,8 +81,7 @@ nothing_left()
     left=$(find buffers -type f; find . -name '.cloudfs-*')
     [[ $store != local: ]] || left+=$(find cloudfs/incoming cloudfs/contents -type f)
     [[ -z $left ]] || fail "left behind: $left"
-    expect 0 '' uploads list
-    printed ''
+    prints '' uploads list
 }
 
 # bytes SIZE: print SIZE bytes, the same at every call, without a short period.
@@ -111,16 +116,11 @@ test_commands()
     echo one >one
     expect 0 '' put one /docs/
     expect 0 '' put big big
-    expect 0 '' ls -R --files
-    printed $'big\ndocs/one'
-    expect 0 '' ls -l --folders
-    printed ' +-  +-  docs/'
-    expect 0 '' ls -l docs/one
-    printed ' +4 B  [A-Z][a-z]{2} [ 0-9]{2} [0-9:]{5}  one'
-    expect 0 '' stat /big
-    printed $'Path: +/big\nKind: +file\nSize: +12000000 bytes \\(11\\.4 MiB\\)\nModified: .*'
-    expect 0 '' stat docs/
-    printed $'Path: +/docs\nKind: +folder\nModified: .*'
+    prints $'big\ndocs/one' ls -R --files
+    prints ' +-  +-  docs/' ls -l --folders
+    prints ' +4 B  [A-Z][a-z]{2} [ 0-9]{2} [0-9:]{5}  one' ls -l docs/one
+    prints $'Path: +/big\nKind: +file\nSize: +12000000 bytes \\(11\\.4 MiB\\)\nModified: .*' stat /big
+    prints $'Path: +/docs\nKind: +folder\nModified: .*' stat docs/
 
     expect 0 '' get big copy
     same copy big
@@ -146,8 +146,7 @@ test_commands()
     expect 0 '' rmdir new/deep/er
     expect 0 '' rm -r new
     expect 0 '' rm docs/one
-    expect 0 '' --folders prefix ls -R
-    printed $'big\ndocs/\ndocs/two'
+    prints $'big\ndocs/\ndocs/two' --folders prefix ls -R
     expect 0 '' --help
 }
 
@@ -188,8 +187,7 @@ test_errors()
 2|-r: .*standard output.*|get -r / -
 2|-j: .*|put -j 0 one /x
 END
-    expect 0 '' ls -R
-    printed $'file\nfolder/'
+    prints $'file\nfolder/' ls -R
     [[ $(ls) == $'buffers\ncloudfs\nerr\nfolder\none\nout' ]] || fail "local files appeared: $(ls)"
 }
 
@@ -261,8 +259,7 @@ test_skipped_entries()
         [[ $(grep -c "^cloudfs: [a-z/]*odd/$name: .*(code " err) == 1 ]] || fail "no line about $name: $(<err)"
     done
     [[ $(wc -l <err) == 6 ]] || fail "more than one line each: $(<err)"
-    expect 0 '' ls -R /odd
-    printed $'link\nplain'
+    prints $'link\nplain' ls -R /odd
 
     # Symbolic links in the target that lead out of it are not followed, and pipes are not opened.
     mkdir -p back/odd
@@ -339,15 +336,12 @@ test_uploads()
     wait "$pid"
     exec 3>&-
     rm -f buffers/*
-    expect 0 '' uploads list --older-than 1h
-    printed ''
+    prints '' uploads list --older-than 1h
     expect 2 '.*--older-than.*' uploads abort
     expect 2 '.*--older-than.*' uploads abort --older-than 5
     fs uploads list >/dev/full 2>err && fail "uploads list ignored a full disk"
-    expect 0 '' uploads list
-    printed '20.*  /killed'
-    expect 0 '' uploads abort --older-than 0s
-    printed 'aborted .*  /killed'
+    prints '20.*  /killed' uploads list
+    prints 'aborted .*  /killed' uploads abort --older-than 0s
     nothing_left
 }
 

@@ -4,7 +4,7 @@
 
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 // Only what the conformance suite cannot check through the interface of a client.
 
@@ -35,15 +35,9 @@ TEST(KeyRulesTest, AcceptsValidUtf8ThatXmlCanContain)
 
 TEST(KeyRulesTest, ReportsKeyAndReasonInOneLine)
 {
-    try
-    {
-        checkKey("a \n\xFF");
-        FAIL() << "accepted a key that is not UTF-8";
-    }
-    catch (const InvalidLocationException& e)
-    {
-        EXPECT_EQ(e.detail(), R"(key "a \x0A\xFF" is refused: it is not UTF-8 at byte 3)");
-    }
+    const auto refusal = [] { checkKey("a \n\xFF"); };
+    EXPECT_THAT(refusal, testing::Throws<InvalidLocationException>(testing::Property(&InvalidLocationException::detail,
+                             R"(key "a \x0A\xFF" is refused: it is not UTF-8 at byte 3)")));
     EXPECT_EQ(quoted(std::string(500, 'x')), '"' + std::string(200, 'x') + "...\"");
 }
 

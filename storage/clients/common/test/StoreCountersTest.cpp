@@ -4,7 +4,6 @@
 
 #include <random>
 #include <set>
-#include <sstream>
 
 namespace storage::clients
 {
@@ -12,18 +11,12 @@ namespace storage::clients
 namespace
 {
 
-template <typename Value>
-std::string printed(const Value& value)
-{
-    std::ostringstream out;
-    out << value;
-    return out.str();
-}
+using testing::PrintToString;
 
 TEST(StoreCountersTest, PrintsCallsBytesAndParts)
 {
     CallSnapshot calls;
-    EXPECT_EQ(printed(calls), "no calls");
+    EXPECT_EQ(PrintToString(calls), "no calls");
     calls[Operation::CompleteMultipartUpload] = {1, 0};
     calls[Operation::PutObject] = {1, 1000};
     calls[Operation::UploadPart] = {1, 5U << 20};
@@ -33,8 +26,8 @@ TEST(StoreCountersTest, PrintsCallsBytesAndParts)
     {
         calls[Operation::CopyPart].parts.insert(index);
     }
-    EXPECT_EQ(printed(calls), "putObject 1 (1000 B), uploadPart 1 (5.0 MiB; parts 6), "
-                              "copyPart 6 (30.0 MiB; parts 0-3,9,12), completeMultipartUpload 1");
+    EXPECT_EQ(PrintToString(calls), "putObject 1 (1000 B), uploadPart 1 (5.0 MiB; parts 6), "
+                                    "copyPart 6 (30.0 MiB; parts 0-3,9,12), completeMultipartUpload 1");
     EXPECT_EQ(calls.totalCalls(), 9U);
     EXPECT_EQ(formatBytes(1023) + ", " + formatBytes(1024) + ", " + formatBytes((1U << 20) - 1) + ", " +
                   formatBytes(~std::uint64_t{0}),
@@ -62,7 +55,7 @@ TEST(PartIndexesTest, HoldsWhatASetHolds)
     {
         indexes.insert(index);
     }
-    EXPECT_EQ(printed(indexes), "0-255");
+    EXPECT_EQ(PrintToString(indexes), "0-255");
 }
 
 TEST(PartIndexesTest, BoundsItsMemoryAndSaysSo)
@@ -79,7 +72,7 @@ TEST(PartIndexesTest, BoundsItsMemoryAndSaysSo)
     indexes.insert(200'000);
     EXPECT_FALSE(indexes.complete());
     EXPECT_FALSE(indexes.contains(200'000));
-    EXPECT_TRUE(printed(indexes).ends_with(",100000,...")) << printed(indexes);
+    EXPECT_TRUE(PrintToString(indexes).ends_with(",100000,...")) << PrintToString(indexes);
 }
 
 } // namespace
