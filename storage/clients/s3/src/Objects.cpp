@@ -155,11 +155,11 @@ void Objects::remove(const std::string& key)
     }
 }
 
-std::uint64_t Objects::read(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last)
+void Objects::read(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last)
 {
     if (last < first)
     {
-        return 0;
+        return;
     }
     if (key.empty() || exceedsKeyLimit(key)) // an empty key would be a listing
     {
@@ -178,26 +178,21 @@ std::uint64_t Objects::read(const std::string& key, std::ostream& out, std::uint
         if (const auto content = m_contents.take(key, version->tag))
         {
             writeContent(key, out, content->data(), content->size());
-            return content->size();
+            return;
         }
     }
-    if (const auto size = readVersion(Operation::GetObjectRange, key, out, range, version))
-    {
-        return *size;
-    }
+    const auto readAs = [&](const std::optional<Version>& wanted)
+    { return readVersion(Operation::GetObjectRange, key, out, range, wanted); };
     // One response has one version of the whole object. If this process itself has replaced the object meanwhile, the
     // new version is as good.
-    if (isWhole && observation.sawWrite())
+    const bool isRead = readAs(version) || (isWhole && observation.sawWrite() && readAs(std::nullopt));
+    if (!isRead)
     {
-        if (const auto size = readVersion(Operation::GetObjectRange, key, out, range, std::nullopt))
-        {
-            return *size;
-        }
+        throwObjectChanged(m_requester.contextOf({Operation::GetObjectRange, key, "GET"}));
     }
-    throwObjectChanged(m_requester.contextOf({Operation::GetObjectRange, key, "GET"}));
 }
 
-std::optional<std::uint64_t> Objects::readVersion(Operation operation, const std::string& key, std::ostream& out,
+bool Objects::readVersion(Operation operation, const std::string& key, std::ostream& out,
     const std::optional<ByteRange>& range, const std::optional<Version>& version)
 {
     S3Request request{operation, key, "GET"};
@@ -216,17 +211,18 @@ std::optional<std::uint64_t> Objects::readVersion(Operation operation, const std
             request, {412, 416}, [&](const HttpResponse& head, std::string_view bytes) { receiver.take(head, bytes); });
         if (response.status == 412)
         {
-            return std::nullopt;
+            return false;
         }
         if (response.status == 416 && range)
         {
             throwBeyondEnd(key, *range);
         }
-        return receiver.finish(response);
+        receiver.finish(response);
+        return true;
     }
     catch (const VersionMismatch&)
     {
-        return std::nullopt;
+        return false;
     }
 }
 

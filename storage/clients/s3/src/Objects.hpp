@@ -37,16 +37,15 @@ public:
 
     void remove(const std::string& key);
 
-    /// @return bytes written
-    std::uint64_t read(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last);
+    void read(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last);
 
     /// Read from one version of an object.
     ///
     /// @param operation  the caller's, for messages
     /// @param range      not empty; nothing: the whole object
     /// @param version    nothing: any
-    /// @return bytes written; nothing when the object is not that version
-    std::optional<std::uint64_t> readVersion(Operation operation, const std::string& key, std::ostream& out,
+    /// @return false, with nothing written, when the object is not that version
+    bool readVersion(Operation operation, const std::string& key, std::ostream& out,
         const std::optional<ByteRange>& range, const std::optional<Version>& version);
 
     void put(const std::string& key, std::istream& content, std::uint64_t size);

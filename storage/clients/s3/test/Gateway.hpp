@@ -1,14 +1,14 @@
 #pragma once
 
+#include "TestCalls.hpp"
+
 #include "protocol/Requester.hpp"
 
 #include <storage/clients/s3/S3Client.hpp>
-#include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <sstream>
 
 #include <unistd.h>
 
@@ -43,27 +43,21 @@ public:
     /// Remove it with all its objects and uploads.
     ~GatewayBucket()
     {
-        try
-        {
-            S3Client client(m_settings);
-            std::string token;
-            do
+        const std::string failure = failureOf(
+            [this]
             {
-                for (const auto& entry : client.listObjects("", token, {}))
+                S3Client client(m_settings);
+                for (const std::string& key : conformance::keys(client))
                 {
-                    client.deleteObject(entry.key);
+                    client.deleteObject(key);
                 }
-            } while (!token.empty());
-            for (const PendingUpload& upload : client.pendingUploads())
-            {
-                client.abortMultipartUpload(upload.key, upload.uploadId);
-            }
-            Requester(m_settings).send({Operation::DeleteObject, "", "DELETE"});
-        }
-        catch (const cloudprovider::CloudException& exception)
-        {
-            ADD_FAILURE() << exception.what() << ": " << exception.detail().value_or("");
-        }
+                for (const PendingUpload& upload : client.pendingUploads())
+                {
+                    client.abortMultipartUpload(upload.key, upload.uploadId);
+                }
+                Requester(m_settings).send({Operation::DeleteObject, "", "DELETE"});
+            });
+        EXPECT_EQ(failure, "");
     }
 
     const S3Settings& settings() const noexcept { return m_settings; }
@@ -86,4 +80,4 @@ private:
 /// For the beginning of a test.
 #define REQUIRE_GATEWAY()                                                                                              \
     if (!::storage::clients::s3::test::GatewayBucket::isAvailable())                                                   \
-    GTEST_SKIP() << "there is no gateway; scripts/test.sh brings one"
+    GTEST_SKIP() << "there is no gateway; scripts/test.sh starts one"

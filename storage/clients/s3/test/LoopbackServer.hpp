@@ -1,7 +1,5 @@
 #pragma once
 
-#include <storage/cloudprovider/CloudExceptions.hpp>
-
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -47,22 +45,13 @@ struct Reply
     static Reply raw(std::string bytes, Then then) { return {.body = std::move(bytes), .then = then, .isRaw = true}; }
     static Reply reset() { return raw({}, Then::Reset); }
     static Reply stall() { return raw({}, Then::Stall); }
-};
 
-/// Whether a call returns; false: it throws a CloudException.
-template <typename Call>
-bool succeeds(const Call& call)
-{
-    try
+    /// The store's response that reports a failure.
+    static Reply error(int status, const std::string& code)
     {
-        call();
-        return true;
+        return {.status = status, .body = "<Error><Code>" + code + "</Code></Error>"};
     }
-    catch (const cloudprovider::CloudException&)
-    {
-        return false;
-    }
-}
+};
 
 /// An HTTP/1.1 server on a free port of 127.0.0.1, with a thread for each connection.
 ///
@@ -73,9 +62,8 @@ public:
     /// Called by many threads at once, for each connection by one. What it throws fails the test.
     using Handler = std::function<Reply(const Request&)>;
 
-    /// @param certificateFile  not empty: serve https, with a new certificate for 127.0.0.1 that is its own authority
-    /// and
-    ///                         is written to this file
+    /// @param certificateFile  not empty: serve https with a new certificate for 127.0.0.1, which is its own authority,
+    ///                         and write the certificate to this file
     explicit LoopbackServer(Handler handler, const std::string& certificateFile = {});
     LoopbackServer(const LoopbackServer&) = delete;
     LoopbackServer& operator=(const LoopbackServer&) = delete;
@@ -97,7 +85,7 @@ private:
 
     struct Connection
     {
-        boost::asio::ip::tcp::socket socket; // closed under m_mutex: its descriptor is not reused before the shutdown
+        Tcp::socket socket; // closed under m_mutex: its descriptor is not reused before the shutdown
         std::thread thread = {};
     };
 
@@ -110,7 +98,7 @@ private:
     const Handler m_handler;
     std::optional<boost::asio::ssl::context> m_tls;
     boost::asio::io_context m_context; // its sockets are used synchronously; it never runs
-    boost::asio::ip::tcp::acceptor m_acceptor;
+    Tcp::acceptor m_acceptor;
 
     mutable std::mutex m_mutex;
     std::condition_variable m_ending;

@@ -1,14 +1,12 @@
-#include "FileSession.hpp"
-#include "LoopbackServer.hpp"
 #include "Parallel.hpp"
 #include "PartCutting.hpp"
+#include "TestCalls.hpp"
 #include "UploadPlan.hpp"
 
 #include "signing/Hashing.hpp"
 
 #include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/clients/s3/S3Client.hpp>
-#include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -37,23 +35,11 @@ using How = PlannedPart::How;
 using clients::test::LoopbackServer;
 using clients::test::Reply;
 using clients::test::Request;
-using clients::test::succeeds;
+using test::PreparedUpload;
 using http = boost::beast::http::verb;
 
 constexpr std::uint64_t gibi = 1 << 30;
 constexpr std::uint64_t mebi = 1 << 20;
-
-std::optional<UploadPlan> tryPlan(const std::vector<FilePart>& file, const UploadLimits& limits)
-{
-    try
-    {
-        return planUpload(file, limits);
-    }
-    catch (const UnsupportedOperationException&)
-    {
-        return std::nullopt;
-    }
-}
 
 /// Where bytes come from, in order: adds a range, joined with the one before where it continues that.
 void add(std::vector<PlannedBytes>& origin, const PlannedBytes& bytes)
@@ -150,10 +136,13 @@ TEST(UploadPlanTest, KeepsToEveryLimitAndLosesNoByte)
             total += size;
         }
         SCOPED_TRACE(testing::Message() << "round " << round);
-        const auto plan = tryPlan(file, limits);
-        EXPECT_TRUE(plan || !isLegal || total > limits.maxObjectSize);
-        plan ? expectRight(*plan, file, limits, isLegal ? 2 * largest : std::numeric_limits<std::uint64_t>::max())
-             : void();
+        UploadPlan plan;
+        const std::string refusal = test::failureOf([&] { plan = planUpload(file, limits); });
+        if (refusal.empty())
+        {
+            expectRight(plan, file, limits, isLegal ? 2 * largest : std::numeric_limits<std::uint64_t>::max());
+        }
+        EXPECT_TRUE(refusal.empty() || !isLegal || total > limits.maxObjectSize) << refusal;
     }
 }
 
@@ -162,28 +151,24 @@ std::vector<FilePart> patched(
     std::uint64_t objectSize, std::uint64_t partSize, std::size_t first, std::size_t last, std::uint64_t appended)
 {
     std::vector<FilePart> file;
-    for (const auto& part : cutIntoParts(objectSize, "tag", partSize))
+    const auto add = [&](PartPlace place, std::uint64_t size, std::uint64_t offset)
     {
-        const bool isChanged = part.Index >= first && part.Index <= last;
-        file.push_back({part.Index, isChanged ? PartPlace::Spooled : PartPlace::Object, part.Size, part.Offset});
+        const bool isSent = place == PartPlace::Spooled && size >= minPartSize;
+        file.push_back({file.size(), isSent ? PartPlace::Uploaded : place, size, offset});
+    };
+    auto parts = cutIntoParts(objectSize, "tag", partSize);
+    // The last part grows to the size of new ones first.
+    const std::uint64_t room = minPartSize - std::min(parts.back().Size, minPartSize);
+    const std::uint64_t grown = std::min(appended, room);
+    for (const auto& part : parts)
+    {
+        const bool isLast = &part == &parts.back();
+        const bool isChanged = (part.Index >= first && part.Index <= last) || (isLast && grown > 0);
+        add(isChanged ? PartPlace::Spooled : PartPlace::Object, part.Size + (isLast ? grown : 0), part.Offset);
     }
-    while (appended > 0)
+    for (std::uint64_t left = appended - grown; left > 0; left -= std::min<std::uint64_t>(left, minPartSize))
     {
-        // The last part grows to the size of new ones first.
-        FilePart& end = file.back();
-        const std::uint64_t grown = std::min(appended, minPartSize - std::min<std::uint64_t>(end.size, minPartSize));
-        end.place = grown > 0 ? PartPlace::Spooled : end.place;
-        end.size += grown;
-        appended -= grown;
-        if (appended > 0)
-        {
-            file.push_back({end.index + 1, PartPlace::Spooled, 0, 0});
-        }
-    }
-    for (FilePart& part : file)
-    {
-        const bool isSent = part.place == PartPlace::Spooled && part.size >= minPartSize;
-        part.place = isSent ? PartPlace::Uploaded : part.place;
+        add(PartPlace::Spooled, std::min<std::uint64_t>(left, minPartSize), 0);
     }
     return file;
 }
@@ -205,9 +190,7 @@ TEST(UploadPlanTest, PlansEveryPatchOfAnObjectAsItIsCut)
             const UploadLimits limits{.maxCopySize = copies};
             SCOPED_TRACE(testing::Message() << "changed from part " << first << ", " << objectSize
                                             << " bytes in parts of " << cut << ", round " << round);
-            const auto plan = tryPlan(file, limits);
-            ASSERT_TRUE(plan);
-            expectRight(*plan, file, limits, file.front().size / 4 * 5);
+            expectRight(planUpload(file, limits), file, limits, file.front().size / 4 * 5);
         }
     }
     const UploadPlan append = planUpload(patched(256 * mebi, mebi, 999, 999, 1024), {});
@@ -251,18 +234,8 @@ bool isCompletion(const Request& request)
 /// A store of one object, which claims to have as many bytes as it is told. Conditions on copies are ignored.
 struct FakeStore
 {
-    using Handler = std::function<std::optional<Reply>(const Request&)>;
-
-    /// @param handler  responds to some requests in the store's place
-    explicit FakeStore(
-        std::uint64_t objectSize, Handler handler = [](const Request&) { return std::nullopt; })
+    explicit FakeStore(std::uint64_t objectSize)
         : size(objectSize)
-        , server([this, handler](const Request& request) { return handler(request).value_or(respond(request)); })
-        , settings{.bucket = "bucket",
-              .endpoint = server.url(),
-              .region = "us-east-1",
-              .pathStyle = true,
-              .credentials = anonymousCredentials()}
     {
     }
 
@@ -295,8 +268,10 @@ struct FakeStore
 
     const std::uint64_t size;
     std::atomic<const std::string*> tag = &oldTag;
-    LoopbackServer server;
-    S3Settings settings;
+    /// Responds to some requests in the store's place. Set it before the first request.
+    std::function<std::optional<Reply>(const Request&)> handler = [](const Request&) { return std::nullopt; };
+    LoopbackServer server{[this](const Request& request) { return handler(request).value_or(respond(request)); }};
+    S3Settings settings = test::settingsFor(server);
 
 private:
     Reply read(const Request& request, const std::string& etag) const
@@ -311,22 +286,20 @@ private:
     }
 };
 
-/// Make a new object of the bytes of the old one.
-void copyAll(CloudClient& client, std::uint64_t size)
+/// Prepare to make a new object of the bytes of the old one.
+PreparedUpload prepareCopy(CloudClient& client, std::uint64_t size)
 {
-    const std::string upload = client.createMultipartUpload("key", "old");
-    PartInfo part{0, 0, size, "old"};
-    part.Tag = client.copyPart("key", upload, part);
-    client.completeMultipartUpload("key", upload, {part});
+    PreparedUpload copy{client.createMultipartUpload("key", "old"), {{0, 0, size, "old"}}};
+    copy.parts[0].Tag = client.copyPart("key", copy.id, copy.parts[0]);
+    return copy;
 }
 
 // The transport sends a request again when its connection breaks, so that a completion may arrive twice. The response
 // to the second says nothing about the first.
 TEST(CompletionTest, ChecksTheOutcomeWhenItHasArrivedTwice)
 {
-    const Reply seconds[] = {{404, {}, "<Error><Code>NoSuchUpload</Code></Error>"},
-        {500, {}, "<Error><Code>InternalError</Code></Error>"},
-        {412, {}, "<Error><Code>PreconditionFailed</Code></Error>"}, Reply::raw("", Reply::Then::Close)};
+    const Reply seconds[] = {Reply::error(404, "NoSuchUpload"), Reply::error(500, "InternalError"),
+        Reply::error(412, "PreconditionFailed"), Reply::raw("", Reply::Then::Close)};
     for (const Reply& second : seconds)
     {
         for (const auto& [made, isConditional] :
@@ -334,28 +307,20 @@ TEST(CompletionTest, ChecksTheOutcomeWhenItHasArrivedTwice)
         {
             SCOPED_TRACE(
                 testing::Message() << second.body << ", stored " << *made << ", conditional " << isConditional);
-            FakeStore* self = nullptr;
-            FakeStore store(3,
-                [&, made = made](const Request& request) -> std::optional<Reply>
+            FakeStore store(3);
+            store.handler = [&, made = made](const Request& request) -> std::optional<Reply>
+            {
+                if (isCompletion(request))
                 {
-                    if (request.method() == http::get)
-                    {
-                        return Reply{404, {}, "<Error><Code>NoSuchUpload</Code></Error>"};
-                    }
-                    if (!isCompletion(request))
-                    {
-                        return std::nullopt;
-                    }
-                    return self->tag.exchange(made) == made ? second : Reply::raw("", Reply::Then::Close);
-                });
-            self = &store;
+                    return store.tag.exchange(made) == made ? second : Reply::raw("", Reply::Then::Close);
+                }
+                return request.method() == http::get ? std::optional(Reply::error(404, "NoSuchUpload")) : std::nullopt;
+            };
             store.settings.capabilities.conditionalCompletion = isConditional;
             S3Client client(store.settings);
-            const std::string upload = client.createMultipartUpload("key", "old");
-            std::istringstream content(bytes);
-            PartInfo part{0, 0, bytes.size(), ""};
-            part.Tag = client.uploadPart("key", upload, part, content);
-            EXPECT_EQ(succeeds([&] { client.completeMultipartUpload("key", upload, {part}); }), made == &newTag);
+            const std::string id = client.createMultipartUpload("key", "old");
+            const PreparedUpload upload{id, {conformance::uploadPart(client, "key", id, 0, bytes)}};
+            EXPECT_EQ(test::failureOf([&] { upload.complete(client, "key"); }).empty(), made == &newTag);
             const auto requests = store.server.requests();
             for (const Request& request : requests)
             {
@@ -373,33 +338,33 @@ TEST(CompletionTest, GetsANewRetryBudgetForProgressAndCopiesNothingTwice)
 {
     std::atomic<int> seconds = 0;
     std::atomic<int> copies = 0;
-    FakeStore store(12 * gibi,
-        [&](const Request& request)
-        {
-            seconds += isCopy(request) ? 121 : 0; // longer than the budget
-            return isCopy(request) && ++copies == 2 ? std::optional(Reply{.status = 503}) : std::nullopt;
-        });
+    FakeStore store(12 * gibi);
+    store.handler = [&](const Request& request)
+    {
+        seconds += isCopy(request) ? 121 : 0; // longer than the budget
+        return isCopy(request) && ++copies == 2 ? std::optional(Reply{.status = 503}) : std::nullopt;
+    };
     store.settings.transfers = 1;
     const auto now = [&] { return std::chrono::steady_clock::time_point(std::chrono::seconds(seconds)); };
     RetryingClient client(std::make_shared<S3Client>(store.settings), {},
         {now, [](auto) {}, [](auto) { return RetryClock::Duration(0); }});
-    EXPECT_NO_THROW(copyAll(client, 12 * gibi));
+    EXPECT_NO_THROW(prepareCopy(client, 12 * gibi).complete(client, "key"));
     EXPECT_EQ(copies, 3 + 1);
 }
 
 TEST(CompletionTest, WaitsLongerForLargerCopies)
 {
-    FakeStore store(gibi,
-        [](const Request& request)
-        {
-            return isCopy(request) ? std::optional(Reply{.body = "<CopyPartResult><ETag>a</ETag></CopyPartResult>",
-                                         .delay = std::chrono::milliseconds(1500)})
-                                   : std::nullopt;
-        });
+    FakeStore store(gibi);
+    store.handler = [&](const Request& request)
+    {
+        Reply reply = store.respond(request);
+        reply.delay = std::chrono::milliseconds(isCopy(request) ? 1500 : 0);
+        return reply;
+    };
     store.settings.timeouts.serverSideStallWindow = std::chrono::seconds(1);
     store.settings.timeouts.serverSideBytesPerSecond = 1 << 30;
     S3Client client(store.settings);
-    EXPECT_NO_THROW(copyAll(client, gibi));
+    EXPECT_NO_THROW(prepareCopy(client, gibi).complete(client, "key"));
 }
 
 TEST(CompletionTest, SendsOnePartAtATimeWhereMemoryHasNoRoomForTwo)
@@ -407,15 +372,12 @@ TEST(CompletionTest, SendsOnePartAtATimeWhereMemoryHasNoRoomForTwo)
     FakeStore store(0);
     store.settings.memory = 18 << 20;
     S3Client client(store.settings);
-    const std::string upload = client.createMultipartUpload("key", "old");
-    std::vector<PartInfo> parts;
+    PreparedUpload upload{client.createMultipartUpload("key", "old"), {}};
     for (std::size_t i = 0; i < 5; ++i) // three parts of the new object
     {
-        std::istringstream content(std::string(3 << 20, 'x'));
-        parts.push_back({i, 0, 3 << 20, ""});
-        parts.back().Tag = client.uploadPart("key", upload, parts.back(), content);
+        upload.parts.push_back(conformance::uploadPart(client, "key", upload.id, i, std::string(3 << 20, 'x')));
     }
-    client.completeMultipartUpload("key", upload, parts);
+    upload.complete(client, "key");
     EXPECT_EQ(store.server.requests().size(), 6U);
     EXPECT_EQ(store.server.connections(), 1U);
 }
@@ -424,35 +386,26 @@ TEST(CompletionTest, CopiesAgainAfterTheObjectWasAnotherVersion)
 {
     FakeStore store(gibi);
     S3Client client(store.settings);
-    const std::string upload = client.createMultipartUpload("key", "old");
-    PartInfo part{0, 0, gibi, "old"};
-    part.Tag = client.copyPart("key", upload, part);
+    const PreparedUpload upload = prepareCopy(client, gibi);
     store.tag = &theirTag;
-    EXPECT_THROW(client.completeMultipartUpload("key", upload, {part}), UnknownErrorException);
+    EXPECT_THROW(upload.complete(client, "key"), UnknownErrorException);
     store.tag = &oldTag;
-    EXPECT_NO_THROW(client.completeMultipartUpload("key", upload, {part}));
+    EXPECT_NO_THROW(upload.complete(client, "key"));
     EXPECT_EQ(store.count(isCopy), 2);
 }
 
 TEST(CompletionTest, LeavesReadersPinnedThatOpenTheObjectMeanwhile)
 {
-    S3Client* reader = nullptr;
-    FakeStore store(gibi,
-        [&](const Request& request) -> std::optional<Reply>
-        {
-            if (!isCopy(request))
-            {
-                return std::nullopt;
-            }
-            reader->getObjectParts("key");
-            return Reply{.status = 400};
-        });
+    FakeStore store(gibi);
     S3Client client(store.settings);
-    reader = &client;
-    EXPECT_THROW(copyAll(client, gibi), UnknownErrorException);
+    store.handler = [&](const Request& request)
+    {
+        isCopy(request) ? void(client.getObjectParts("key")) : void();
+        return isCopy(request) ? std::optional(Reply{.status = 400}) : std::nullopt;
+    };
+    EXPECT_THROW(prepareCopy(client, gibi).complete(client, "key"), UnknownErrorException);
     store.tag = &theirTag;
-    std::ostringstream out;
-    EXPECT_THROW(client.getObjectRange("key", out, 0, 9), UnknownErrorException);
+    EXPECT_THROW(conformance::get(client, "key", 0, 9), UnknownErrorException);
 }
 
 TEST(CompletionTest, ASmallPatchOfALargeFileTakesFewRequestsFromOpenToClose)
@@ -474,8 +427,8 @@ TEST(CompletionTest, ASmallPatchOfALargeFileTakesFewRequestsFromOpenToClose)
             FakeStore store(10 * gibi);
             store.settings.capabilities.conditionalCopies = isConditional;
             store.settings.capabilities.conditionalCompletion = isConditional;
-            const test::FileSession patch{.offset = row.offset, .bytes = std::string(1024, 'y')};
-            EXPECT_TRUE(patch.run(test::workingAhead(std::make_shared<S3Client>(store.settings)), "file").succeeded);
+            S3Client client(store.settings);
+            test::preparePatch(client, "key", row.offset, std::string(1024, 'y')).complete(client, "key");
             EXPECT_EQ(store.server.requests().size(), row.requests + row.copies + (isConditional ? 0 : 1)); // one check
             EXPECT_EQ(store.count(isCopy), row.copies);
         }
