@@ -9,7 +9,7 @@
 # CLOUDFS_GATEWAY_DIR   its folder, build/gateway by default; another folder is another gateway
 # CLOUDFS_GATEWAY_SIZE  how much it holds, in GiB, 6 by default; what was deleted counts for up to a minute
 #
-# It knows two users: the owner of the bucket, and a stranger without any right to it.
+# It knows one user, the owner of the bucket.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -19,7 +19,6 @@ size=${CLOUDFS_GATEWAY_SIZE:-6}
 config=$dir/ceph.conf
 bucket=bench
 owner_key=TESTOWNERKEYID owner_secret=test/secret+of+the+owner
-stranger_key=TESTSTRANGERKEYID stranger_secret=test/secret+of+the+stranger
 
 # The tools read our configuration and no other. A crash of something this short-lived leaves no core behind.
 export CEPH_CONF=$config CEPH_ARGS=--no-mon-config
@@ -176,8 +175,6 @@ write_env()
     cat >"$dir/env" <<END
 export CLOUDFS_TEST_S3_ENDPOINT=$1
 export CLOUDFS_TEST_S3_BUCKET=$bucket
-export CLOUDFS_TEST_S3_STRANGER_KEY_ID=$stranger_key
-export CLOUDFS_TEST_S3_STRANGER_SECRET=$stranger_secret
 export AWS_ACCESS_KEY_ID=$owner_key
 export AWS_SECRET_ACCESS_KEY=$owner_secret
 export AWS_REGION=us-east-1
@@ -212,10 +209,8 @@ bring_up()
 
     await 20 grep -qF 'state: booting -> active' "$dir/osd.out" || return 1
 
-    doing="creating the users"
-    {
-        create_user owner "$owner_key" "$owner_secret" && create_user stranger "$stranger_key" "$stranger_secret"
-    } &>"$dir/users.out" || return 1
+    doing="creating the user"
+    create_user owner "$owner_key" "$owner_secret" &>"$dir/user.out" || return 1
 
     doing="starting the gateway"
     launch rgw radosgw -n client.rgw

@@ -6,8 +6,6 @@
 
 #include <boost/beast/http.hpp>
 
-#include <algorithm>
-
 namespace storage::clients::test
 {
 

@@ -13,7 +13,6 @@
 #include <limits>
 #include <memory>
 #include <sstream>
-#include <string_view>
 
 #include <sys/socket.h>
 
@@ -77,7 +76,7 @@ LoopbackServer::LoopbackServer(Handler handler, const std::string& certificateFi
     {
         useNewCertificate(m_tls.emplace(asio::ssl::context::tls_server).native_handle(), certificateFile);
     }
-    m_thread = std::thread([this] { accept(); });
+    m_thread = std::jthread([this] { accept(); });
 }
 
 LoopbackServer::~LoopbackServer()
@@ -92,11 +91,6 @@ LoopbackServer::~LoopbackServer()
         }
     }
     m_ending.notify_all();
-    m_thread.join();
-    for (Connection& connection : m_connections)
-    {
-        connection.thread.join();
-    }
 }
 
 std::string LoopbackServer::url() const
@@ -129,7 +123,7 @@ void LoopbackServer::accept()
             return;
         }
         Connection& connection = m_connections.emplace_back(Connection{std::move(socket)});
-        connection.thread = std::thread([this, &connection] { serve(connection); });
+        connection.thread = std::jthread([this, &connection] { serve(connection); });
     }
 }
 
@@ -174,8 +168,7 @@ Reply::Then LoopbackServer::talk(Stream& stream)
         const Reply reply = replyTo(request);
         {
             std::unique_lock lock(m_mutex);
-            const bool stalls = reply.then == Reply::Then::Stall;
-            m_ending.wait_for(lock, stalls ? std::chrono::hours(1) : reply.delay, [this] { return m_isEnding; });
+            m_ending.wait_for(lock, reply.delay, [this] { return m_isEnding; });
         }
         const std::string head = reply.isRaw ? std::string() : headOf(reply);
         asio::write(stream, asio::buffer(request.method() == http::verb::head ? head : head + reply.body), error);

@@ -31,8 +31,7 @@ struct Reply
     {
         Keep,  ///< the connection, for the next request
         Close, ///< the connection, without having announced it
-        Reset, ///< the connection, so that the client sees an error instead of an end
-        Stall  ///< stay silent until the server ends
+        Reset  ///< the connection, so that the client sees an error instead of an end
     };
 
     int status = 200;
@@ -44,7 +43,7 @@ struct Reply
 
     static Reply raw(std::string bytes, Then then) { return {.body = std::move(bytes), .then = then, .isRaw = true}; }
     static Reply reset() { return raw({}, Then::Reset); }
-    static Reply stall() { return raw({}, Then::Stall); }
+    static Reply stall() { return {.delay = std::chrono::hours(1)}; } // the server ends earlier
 
     /// The store's response that reports a failure.
     static Reply error(int status, const std::string& code)
@@ -86,7 +85,7 @@ private:
     struct Connection
     {
         Tcp::socket socket; // closed under m_mutex: its descriptor is not reused before the shutdown
-        std::thread thread = {};
+        std::jthread thread = {};
     };
 
     void accept();
@@ -102,11 +101,11 @@ private:
 
     mutable std::mutex m_mutex;
     std::condition_variable m_ending;
-    bool m_isEnding = false;             // guarded by m_mutex, as is all below
-    std::list<Connection> m_connections; // including those that have ended
+    bool m_isEnding = false; // guarded by m_mutex, as is all below
     std::vector<Request> m_requests;
+    std::list<Connection> m_connections; // including those that have ended; the destructor waits for their threads
 
-    std::thread m_thread; // accepts
+    std::jthread m_thread; // accepts; last: the destructor waits for it first
 };
 
 } // namespace storage::clients::test

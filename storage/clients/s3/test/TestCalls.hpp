@@ -25,6 +25,12 @@ inline S3Settings settingsFor(const clients::test::LoopbackServer& server,
         .credentials = std::move(credentials)};
 }
 
+inline bool isCompletion(const boost::beast::http::request_header<>& request)
+{
+    return request.method() == boost::beast::http::verb::post &&
+           request.target().find("uploadId=") != boost::beast::string_view::npos;
+}
+
 /// What an exception of a client says.
 inline std::string textOf(const cloudprovider::CloudException& exception)
 {

@@ -15,10 +15,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <functional>
 #include <limits>
 #include <random>
-#include <sstream>
 
 #include <pthread.h>
 
@@ -35,6 +33,7 @@ using How = PlannedPart::How;
 using clients::test::LoopbackServer;
 using clients::test::Reply;
 using clients::test::Request;
+using test::isCompletion;
 using test::PreparedUpload;
 using http = boost::beast::http::verb;
 
@@ -226,18 +225,15 @@ bool isCopy(const Request& request)
     return request.count("x-amz-copy-source") > 0;
 }
 
-bool isCompletion(const Request& request)
-{
-    return request.method() == http::post && request.target().find("uploadId=") != boost::beast::string_view::npos;
-}
-
 /// A store of one object, which claims to have as many bytes as it is told. Conditions on copies are ignored.
 struct FakeStore
 {
-    explicit FakeStore(std::uint64_t objectSize)
-        : size(objectSize)
-    {
-    }
+    const std::uint64_t size;
+    std::atomic<const std::string*> tag = &oldTag;
+    /// Responds to some requests in the store's place. Set it before the first request.
+    std::function<std::optional<Reply>(const Request&)> handler = [](const Request&) { return std::nullopt; };
+    LoopbackServer server{[this](const Request& request) { return handler(request).value_or(respond(request)); }};
+    S3Settings settings = test::settingsFor(server);
 
     Reply respond(const Request& request) const
     {
@@ -260,20 +256,12 @@ struct FakeStore
         }
     }
 
-    auto count(bool (*predicate)(const Request&)) const
+    auto copies() const
     {
         const auto requests = server.requests();
-        return std::count_if(requests.begin(), requests.end(), predicate);
+        return std::count_if(requests.begin(), requests.end(), isCopy);
     }
 
-    const std::uint64_t size;
-    std::atomic<const std::string*> tag = &oldTag;
-    /// Responds to some requests in the store's place. Set it before the first request.
-    std::function<std::optional<Reply>(const Request&)> handler = [](const Request&) { return std::nullopt; };
-    LoopbackServer server{[this](const Request& request) { return handler(request).value_or(respond(request)); }};
-    S3Settings settings = test::settingsFor(server);
-
-private:
     Reply read(const Request& request, const std::string& etag) const
     {
         unsigned long first = 0;
@@ -307,7 +295,7 @@ TEST(CompletionTest, ChecksTheOutcomeWhenItHasArrivedTwice)
         {
             SCOPED_TRACE(
                 testing::Message() << second.body << ", stored " << *made << ", conditional " << isConditional);
-            FakeStore store(3);
+            FakeStore store{3};
             store.handler = [&, made = made](const Request& request) -> std::optional<Reply>
             {
                 if (isCompletion(request))
@@ -326,10 +314,8 @@ TEST(CompletionTest, ChecksTheOutcomeWhenItHasArrivedTwice)
             {
                 EXPECT_EQ(request["If-Match"], isCompletion(request) && isConditional ? "\"old\"" : "");
             }
-            EXPECT_EQ(store.count(isCompletion), 2);
-            const bool isChecked = std::any_of(requests.begin(), requests.begin() + 3,
-                [](const Request& request) { return request.method() == http::head; });
-            EXPECT_EQ(isChecked, !isConditional) << "before the completion";
+            EXPECT_EQ(std::count_if(requests.begin(), requests.end(), isCompletion), 2);
+            EXPECT_EQ(requests.at(2).method() == http::head, !isConditional) << "checked before the completion";
         }
     }
 }
@@ -338,7 +324,7 @@ TEST(CompletionTest, GetsANewRetryBudgetForProgressAndCopiesNothingTwice)
 {
     std::atomic<int> seconds = 0;
     std::atomic<int> copies = 0;
-    FakeStore store(12 * gibi);
+    FakeStore store{12 * gibi};
     store.handler = [&](const Request& request)
     {
         seconds += isCopy(request) ? 121 : 0; // longer than the budget
@@ -354,7 +340,7 @@ TEST(CompletionTest, GetsANewRetryBudgetForProgressAndCopiesNothingTwice)
 
 TEST(CompletionTest, WaitsLongerForLargerCopies)
 {
-    FakeStore store(gibi);
+    FakeStore store{gibi};
     store.handler = [&](const Request& request)
     {
         Reply reply = store.respond(request);
@@ -369,7 +355,7 @@ TEST(CompletionTest, WaitsLongerForLargerCopies)
 
 TEST(CompletionTest, SendsOnePartAtATimeWhereMemoryHasNoRoomForTwo)
 {
-    FakeStore store(0);
+    FakeStore store{0};
     store.settings.memory = 18 << 20;
     S3Client client(store.settings);
     PreparedUpload upload{client.createMultipartUpload("key", "old"), {}};
@@ -384,19 +370,19 @@ TEST(CompletionTest, SendsOnePartAtATimeWhereMemoryHasNoRoomForTwo)
 
 TEST(CompletionTest, CopiesAgainAfterTheObjectWasAnotherVersion)
 {
-    FakeStore store(gibi);
+    FakeStore store{gibi};
     S3Client client(store.settings);
     const PreparedUpload upload = prepareCopy(client, gibi);
     store.tag = &theirTag;
     EXPECT_THROW(upload.complete(client, "key"), UnknownErrorException);
     store.tag = &oldTag;
     EXPECT_NO_THROW(upload.complete(client, "key"));
-    EXPECT_EQ(store.count(isCopy), 2);
+    EXPECT_EQ(store.copies(), 2);
 }
 
 TEST(CompletionTest, LeavesReadersPinnedThatOpenTheObjectMeanwhile)
 {
-    FakeStore store(gibi);
+    FakeStore store{gibi};
     S3Client client(store.settings);
     store.handler = [&](const Request& request)
     {
@@ -424,13 +410,13 @@ TEST(CompletionTest, ASmallPatchOfALargeFileTakesFewRequestsFromOpenToClose)
         for (const auto& row : rows)
         {
             SCOPED_TRACE(testing::Message() << "at " << row.offset << ", conditional " << isConditional);
-            FakeStore store(10 * gibi);
+            FakeStore store{10 * gibi};
             store.settings.capabilities.conditionalCopies = isConditional;
             store.settings.capabilities.conditionalCompletion = isConditional;
             S3Client client(store.settings);
             test::preparePatch(client, "key", row.offset, std::string(1024, 'y')).complete(client, "key");
             EXPECT_EQ(store.server.requests().size(), row.requests + row.copies + (isConditional ? 0 : 1)); // one check
-            EXPECT_EQ(store.count(isCopy), row.copies);
+            EXPECT_EQ(store.copies(), row.copies);
         }
     }
 }
