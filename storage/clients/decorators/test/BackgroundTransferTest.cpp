@@ -562,19 +562,19 @@ TEST_F(ReadAheadClientTest, ReadersSeeOneVersionThatWasThere)
     const std::function<void()> writes[] = {[&] { put(*client, "k", version(begun)); },
         [&] { putParts(*client, "k", {version(begun)}); },
         [&] { EXPECT_THROW(client->deleteObject("k"), PermissionDeniedException); }};
+    const auto write = [&](std::size_t kind)
+    {
+        const std::lock_guard lock(writing);
+        ++begun;
+        writes[kind]();
+        done.store(begun);
+    };
     const auto readAndWrite = [&](unsigned seed)
     {
         std::mt19937 random(seed);
         for (int round = 0; round < 500; ++round)
         {
-            if (random() % 8 == 0)
-            {
-                const std::lock_guard lock(writing);
-                ++begun;
-                writes[random() % 3]();
-                done.store(begun);
-            }
-            client->getObjectParts("k");
+            random() % 8 == 0 ? write(random() % 3) : void(client->getObjectParts("k"));
             const std::uint64_t ranges = 1 + random() % 3;
             for (std::uint64_t at = random() % 2 == 0 ? 0 : random() % 40; at + ranges <= 40 && random() % 8 != 0;
                  at += ranges)
