@@ -33,33 +33,25 @@ fail()
 
 fs() { "$program" --store "$store" "$@"; }
 
-# expect STATUS PATTERN ARGUMENT…: run the program and check its exit status and standard error. Standard error must be
-# one line that matches PATTERN completely; if PATTERN is empty, it must be empty.
+# expect STATUS PATTERN COMMAND…: run the program and check its exit status and standard error. Standard error must be
+# one line that matches PATTERN completely; if PATTERN is empty, it must be empty. COMMAND is evaluated by the shell and
+# may redirect its streams.
 expect()
 {
-    local status=$1 pattern=$2 actual=0
+    local status=$1 pattern=${2:+cloudfs: $2} actual=0
     shift 2
-    fs "$@" >"$work/out" 2>"$work/err" || actual=$?
-    check "cloudfs $*"
+    eval "fs $*" >out 2>err || actual=$?
+    ((actual == status)) || fail "$*: exit $actual instead of $status: $(<err)"
+    [[ $(<err) =~ ^$pattern$ && $(wc -l <err) -le 1 ]] || fail "$*: not one line \"$pattern\" but: $(<err)"
 }
 
-# expect_rows: do the same for each line STATUS|PATTERN|COMMAND of standard input. COMMAND may redirect its streams.
+# expect_rows: do the same for each line STATUS|PATTERN|COMMAND of standard input.
 expect_rows()
 {
-    local status pattern command actual
+    local status pattern command
     while IFS='|' read -r status pattern command; do
-        actual=0
-        eval "fs $command" </dev/null >out 2>err || actual=$?
-        check "$command"
+        expect "$status" "$pattern" "$command" </dev/null
     done
-}
-
-# check COMMAND: compare $actual with $status, and the file err with $pattern.
-check()
-{
-    local expected=${pattern:+cloudfs: $pattern}
-    ((actual == status)) || fail "$1: exit $actual instead of $status: $(<err)"
-    [[ $(<err) =~ ^$expected$ && $(wc -l <err) -le 1 ]] || fail "$1: not one line \"$expected\" but: $(<err)"
 }
 
 # prints TEXT ARGUMENT…: run the program, which must succeed, and check its standard output.
@@ -68,7 +60,7 @@ prints()
     local text=$1
     shift
     expect 0 '' "$@"
-    [[ $(<"$work/out") =~ ^$text$ ]] || fail "cloudfs $*: printed \"$(<"$work/out")\" instead of \"$text\""
+    [[ $(<out) =~ ^$text$ ]] || fail "cloudfs $*: printed \"$(<out)\" instead of \"$text\""
 }
 
 # same FILE PATH: check that the store has the local file under this path.
@@ -276,7 +268,7 @@ test_skipped_entries()
 
 test_interrupted_put()
 {
-    local status pattern=interrupted actual
+    local status actual
     echo old | expect 0 '' put - /file
     mkfifo input
     for status in 130 143; do
@@ -287,7 +279,7 @@ test_interrupted_put()
         actual=0
         wait $! || actual=$?
         exec 3>&-
-        check "interrupted put"
+        [[ $actual == "$status" && $(<err) == 'cloudfs: interrupted' ]] || fail "exit $actual, $(<err)"
         nothing_left
     done
     same <(echo old) /file
