@@ -34,15 +34,15 @@ check_format()
 # Count lines that are neither blank nor only a comment. The conformance suite is test code, although it is installed.
 print_ratio()
 {
-    local most=35 tests shell code
+    local max_percent=35 tests shell code
     tests=$(git ls-files -z '*/test/*.[ch]pp' '*/testing/*.[ch]pp' | xargs -0 -r cat | grep -cvE '^\s*(//.*)?$' || true)
     shell=$(git ls-files -z 'tools/*/test/*.sh' | xargs -0 -r cat | grep -cvE '^\s*(#.*)?$' || true)
     code=$(git ls-files -z '*.[ch]pp' ':!:*/test/*' ':!:*/testing/*' ':!:bench/*' ':!:cmake/*' |
         xargs -0 -r cat | grep -cvE '^\s*(//.*)?$' || true)
     tests=$((tests + shell))
     printf '%d lines of test code for %d lines of code: %d.%d %% (at most %d)\n' "$tests" "$code" \
-        $((tests * 100 / code)) $((tests * 1000 / code % 10)) "$most"
-    ((tests * 100 <= most * code))
+        $((tests * 100 / code)) $((tests * 1000 / code % 10)) "$max_percent"
+    ((tests * 100 <= max_percent * code))
 }
 
 check_tidy()

@@ -53,18 +53,18 @@ class Curl(Tool):
 
     def url(self, key="", **query):
         # Sorted, because the signature needs a sorted query and curl signs it as given.
-        words = sorted((name.replace("_", "-"), str(value)) for name, value in query.items())
-        return f"http://{self.endpoint}/{self.bucket}/{key}" + ("?" if words else "") + "&".join(
-            name + "=" + urllib.parse.quote(value, safe="") for name, value in words)
+        parameters = sorted((name.replace("_", "-"), str(value)) for name, value in query.items())
+        return f"http://{self.endpoint}/{self.bucket}/{key}" + ("?" if parameters else "") + "&".join(
+            name + "=" + urllib.parse.quote(value, safe="") for name, value in parameters)
 
-    def curl(self, run, *words, **files):
-        run.call(["curl", *self._options, *words], **files)
+    def curl(self, run, *arguments, **files):
+        run.call(["curl", *self._options, *arguments], **files)
 
-    def many(self, run, pairs, *words):
+    def many(self, run, pairs, *arguments):
         """Run one program for many transfers. Each is a list of options with values; its URL comes last."""
         config = run.folder / "transfers"
         config.write_text("".join(f'{option} = "{value}"\n' for pair in pairs for option, value in pair))
-        self.curl(run, *words, *self._parallel, "--config", config)
+        self.curl(run, *arguments, *self._parallel, "--config", config)
 
     def write(self, run, local, key):
         self.curl(run, "--upload-file", local, self.url(key))
@@ -94,34 +94,35 @@ class Curl(Tool):
     def patch(self, run, key, offset, local):
         size, minimum = 256 * MIB, 5 * MIB
         first = offset - minimum // 2
-        piece, answer = run.folder / "piece", run.folder / "answer"
-        self.curl(run, *self._parallel, "--request", "POST", "--output", answer, self.url(key, uploads=""), "--next",
+        piece, response = run.folder / "piece", run.folder / "response"
+        self.curl(run, *self._parallel, "--request", "POST", "--output", response, self.url(key, uploads=""), "--next",
                   *self._options, "--range", f"{first}-{first + minimum - 1}", "--output", piece, self.url(key))
         with run.timing(), open(piece, "r+b") as target:
             target.seek(offset - first)
             target.write(Path(local).read_bytes())
-        self._replace(run, key, answer, [(0, first - 1), piece, (first + minimum, size - 1)])
+        self._replace(run, key, response, [(0, first - 1), piece, (first + minimum, size - 1)])
 
     def append(self, run, key, local):
-        answer = run.folder / "answer"
-        self.curl(run, "--request", "POST", "--output", answer, self.url(key, uploads=""))
-        self._replace(run, key, answer, [(0, 256 * MIB - 1), local])
+        response = run.folder / "response"
+        self.curl(run, "--request", "POST", "--output", response, self.url(key, uploads=""))
+        self._replace(run, key, response, [(0, 256 * MIB - 1), local])
 
-    def _replace(self, run, key, answer, parts):
-        upload = re.search("<UploadId>(.*?)</UploadId>", answer.read_text())[1]
-        words = []
+    def _replace(self, run, key, response, parts):
+        upload = re.search("<UploadId>(.*?)</UploadId>", response.read_text())[1]
+        arguments = []
         for number, part in enumerate(parts, 1):
             query = {"partNumber": number, "uploadId": upload}
-            words += ["--next"] if words else []
+            arguments += ["--next"] if arguments else []
             if isinstance(part, tuple):
-                words += ["--fail", "--silent", "--show-error", "--request", "PUT", "--output", f"{answer}{number}"]
+                arguments += ["--fail", "--silent", "--show-error", "--request", "PUT"]
+                arguments += ["--output", f"{response}{number}"]
                 for header in self._copy_headers(key, part, query):
-                    words += ["--header", header]
+                    arguments += ["--header", header]
             else:
-                words += [*self._options, "--upload-file", part, "--dump-header", f"{answer}{number}"]
-            words.append(self.url(key, **query))
-        self.curl(run, *self._parallel, *words)
-        tags = [re.search("([0-9a-f]{32})", Path(f"{answer}{number + 1}").read_text().split("ETag", 1)[-1])[1]
+                arguments += [*self._options, "--upload-file", part, "--dump-header", f"{response}{number}"]
+            arguments.append(self.url(key, **query))
+        self.curl(run, *self._parallel, *arguments)
+        tags = [re.search("([0-9a-f]{32})", Path(f"{response}{number + 1}").read_text().split("ETag", 1)[-1])[1]
                 for number in range(len(parts))]
         body = "".join(f"<Part><PartNumber>{number}</PartNumber><ETag>{tag}</ETag></Part>" for number, tag in enumerate(tags, 1))
         self.curl(run, "--request", "POST", "--data", f"<CompleteMultipartUpload>{body}</CompleteMultipartUpload>",
@@ -181,8 +182,8 @@ class Ours(Tool):
     def _url(self):
         return f"s3://{self.bucket}?endpoint=http://{self.endpoint}&path-style=1&{self._parameters}"
 
-    def _cloudfs(self, run, *words, **files):
-        run.call([self.programs / "tools/cloudfs/cloudfs", "--store", self._url(), *words], **files)
+    def _cloudfs(self, run, *arguments, **files):
+        run.call([self.programs / "tools/cloudfs/cloudfs", "--store", self._url(), *arguments], **files)
 
     def write(self, run, local, key):
         self._cloudfs(run, "put", local, key)
@@ -215,8 +216,8 @@ class Ours(Tool):
 class Rclone(Tool):
     name = program = "rclone"
 
-    def _rclone(self, run, *words, **files):
-        run.call(["rclone", *words], **files, **self._settings())
+    def _rclone(self, run, *arguments, **files):
+        run.call(["rclone", *arguments], **files, **self._settings())
 
     def _settings(self):
         return {"RCLONE_CONFIG": "", "RCLONE_CONFIG_GW_TYPE": "s3", "RCLONE_CONFIG_GW_PROVIDER": "Ceph",
@@ -340,8 +341,8 @@ class Gdal(Tool):
     def missing(self):
         return None if (self.programs / "bench/compare/gdal_driver").exists() else "libgdal-dev was not installed at build time"
 
-    def _gdal(self, run, *words, stdout=None, **settings):
-        run.call([self.programs / "bench/compare/gdal_driver", *words], stdout=stdout, AWS_S3_ENDPOINT=self.endpoint, AWS_HTTPS="NO",
+    def _gdal(self, run, *arguments, stdout=None, **settings):
+        run.call([self.programs / "bench/compare/gdal_driver", *arguments], stdout=stdout, AWS_S3_ENDPOINT=self.endpoint, AWS_HTTPS="NO",
                  AWS_VIRTUAL_HOSTING="FALSE", GDAL_DISABLE_READDIR_ON_OPEN="EMPTY_DIR", **settings)
 
     def _path(self, key):

@@ -104,7 +104,7 @@ void FetchedObject::trim()
 {
     for (auto block = m_blocks.begin(); block != m_blocks.end();)
     {
-        if (block->second->readers == 0 && !m_streams.wants(block->second->range))
+        if (block->second->readers == 0 && !m_streams.overlapsWindow(block->second->range))
         {
             block->second->state = FetchedBlock::State::Gone;
             block = m_blocks.erase(block);

@@ -40,23 +40,23 @@ ReadStreams::Streams::iterator ReadStreams::match(const ByteRange& read, std::ui
         next->window = isOpen ? std::min(next->window * 2, maxWindow) : next->rangesToOpen == 0 ? read.size : 0;
         return next;
     }
-    const Stream begun{.rangesToOpen = read.offset == 0 ? 1U : 2U};
+    const Stream newStream{.rangesToOpen = read.offset == 0 ? 1U : 2U};
     const auto jump = std::find_if(m_streams.begin(), m_streams.end(),
         [&](const Stream& stream)
         { return stream.position < read.offset && read.offset - stream.position < stream.window; });
     if (jump != m_streams.end())
     {
-        *jump = begun;
+        *jump = newStream;
         return jump;
     }
     if (m_streams.size() == maxStreams)
     {
         m_streams.pop_back();
     }
-    return m_streams.insert(m_streams.end(), begun);
+    return m_streams.insert(m_streams.end(), newStream);
 }
 
-bool ReadStreams::wants(const ByteRange& range) const
+bool ReadStreams::overlapsWindow(const ByteRange& range) const
 {
     return std::any_of(m_streams.begin(), m_streams.end(),
         [&](const Stream& stream)

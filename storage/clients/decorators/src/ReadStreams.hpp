@@ -42,7 +42,7 @@ public:
     Ahead advance(const ByteRange& read, std::uint64_t now, std::uint64_t maxWindow, std::uint64_t maxPiece);
 
     /// Whether any window overlaps the range.
-    bool wants(const ByteRange& range) const;
+    bool overlapsWindow(const ByteRange& range) const;
 
     /// Count the streams with an open window.
     std::size_t openWindows() const;

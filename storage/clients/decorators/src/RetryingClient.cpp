@@ -25,7 +25,7 @@ namespace
 
 using Duration = RetryClock::Duration;
 
-constexpr Duration longestNap = std::chrono::milliseconds(100); // what an interrupt may have to wait
+constexpr Duration maxSleep = std::chrono::milliseconds(100); // what an interrupt may have to wait
 
 double seconds(Duration time)
 {
@@ -52,7 +52,7 @@ struct RetryingClient::Attempts
     const Call& call;
     const std::chrono::steady_clock::time_point begin;
     std::chrono::steady_clock::time_point budgetBegin;
-    Duration nextBound; // maximum of the next wait
+    Duration nextMaxDelay; // maximum of the next wait
     unsigned failed = 0;
 };
 
@@ -74,7 +74,7 @@ void RetryingClient::retry(
     const Call& call, const std::function<void()>& proceed, const std::function<bool()>& rewind) const
 {
     const auto begin = m_clock.now();
-    Attempts attempts{call, begin, begin, firstBound()};
+    Attempts attempts{call, begin, begin, firstMaxDelay()};
     for (;;)
     {
         try
@@ -93,7 +93,7 @@ void RetryingClient::retry(
     }
 }
 
-Duration RetryingClient::firstBound() const
+Duration RetryingClient::firstMaxDelay() const
 {
     return std::min(m_policy.firstDelay, m_policy.maxDelay);
 }
@@ -103,11 +103,11 @@ void RetryingClient::waitForNext(Attempts& attempts, const TransientException& f
     if (failure.madeProgress())
     {
         attempts.budgetBegin = m_clock.now();
-        attempts.nextBound = firstBound();
+        attempts.nextMaxDelay = firstMaxDelay();
     }
-    const Duration jitter = m_clock.jitter(attempts.nextBound);
+    const Duration jitter = m_clock.jitter(attempts.nextMaxDelay);
     const Duration maxDelay = m_policy.maxDelay;
-    attempts.nextBound = attempts.nextBound < maxDelay / 2 ? attempts.nextBound * 2 : maxDelay;
+    attempts.nextMaxDelay = attempts.nextMaxDelay < maxDelay / 2 ? attempts.nextMaxDelay * 2 : maxDelay;
 
     // Compare milliseconds first, since a store may ask for more than a Duration can hold.
     const auto asked = std::max(failure.retryAfter().value_or(std::chrono::milliseconds(0)), {});
@@ -137,17 +137,17 @@ bool RetryingClient::sleep(Duration time) const
     const auto end = m_clock.now() + time;
     for (Duration left = time; left > Duration::zero() && !isInterrupted(); left = end - m_clock.now())
     {
-        m_clock.sleep(std::min(left, longestNap));
+        m_clock.sleep(std::min(left, maxSleep));
     }
     return !isInterrupted();
 }
 
 void RetryingClient::giveUp(
-    const Attempts& attempts, const TransientException& failure, const std::string& whyNoMore) const
+    const Attempts& attempts, const TransientException& failure, const std::string& whyNoRetry) const
 {
     throw TransientException(failure.what(),
         fmt::format("{}; gave up after attempt {}, {:.1f} s after the first: {}", reason(failure), attempts.failed,
-            seconds(m_clock.now() - attempts.begin), whyNoMore),
+            seconds(m_clock.now() - attempts.begin), whyNoRetry),
         failure.retryAfter());
 }
 

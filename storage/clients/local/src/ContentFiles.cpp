@@ -17,7 +17,7 @@ namespace storage::clients::local
 namespace
 {
 
-std::filesystem::path madeFolder(const std::filesystem::path& path)
+std::filesystem::path ensureFolder(const std::filesystem::path& path)
 {
     makeFolders(path);
     return path;
@@ -79,9 +79,9 @@ void IncomingFile::sync()
 }
 
 ContentFiles::ContentFiles(const std::filesystem::path& directory)
-    : m_incoming(madeFolder(directory / "incoming"))
-    , m_contents(madeFolder(directory / "contents"))
-    , m_sessions(madeFolder(directory / "sessions"))
+    : m_incoming(ensureFolder(directory / "incoming"))
+    , m_contents(ensureFolder(directory / "contents"))
+    , m_sessions(ensureFolder(directory / "sessions"))
     , m_contentsFolder(openFolder(m_contents))
     , m_sessionLock(m_sessions)
 {

@@ -23,7 +23,7 @@ Database::Lease Database::borrow()
     return {new Connection(m_file), Return{this}};
 }
 
-void Database::giveBack(Connection* connection) noexcept
+void Database::returnConnection(Connection* connection) noexcept
 {
     std::unique_ptr<Connection> returned(connection);
     // A transaction that cannot be rolled back ends when its connection is closed.

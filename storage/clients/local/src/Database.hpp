@@ -29,7 +29,7 @@ class Database
     struct Return
     {
         Database* database;
-        void operator()(Connection* connection) const noexcept { database->giveBack(connection); }
+        void operator()(Connection* connection) const noexcept { database->returnConnection(connection); }
     };
     using Lease = std::unique_ptr<Connection, Return>;
 
@@ -75,7 +75,7 @@ public:
 
 private:
     Lease borrow();
-    void giveBack(Connection* connection) noexcept;
+    void returnConnection(Connection* connection) noexcept;
 
     const std::filesystem::path m_file;
 

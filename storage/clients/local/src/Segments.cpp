@@ -117,13 +117,13 @@ std::optional<std::vector<LocatedSegment>> openSegments(
 bool readSegments(Database& database, const ContentFiles& files, std::int64_t object, std::uint64_t offset,
     std::uint64_t end, const std::function<void(Segment&)>& take)
 {
-    bool begun = false;
+    bool hasStarted = false;
     while (offset < end)
     {
         std::optional<std::vector<LocatedSegment>> found = openSegments(database, files, object, offset, end);
         if (!found)
         {
-            if (begun)
+            if (hasStarted)
             {
                 throw StoreError("the object was replaced while it was being read");
             }
@@ -133,7 +133,7 @@ bool readSegments(Database& database, const ContentFiles& files, std::int64_t ob
         {
             take(next.segment);
             offset += next.segment.size;
-            begun = true;
+            hasStarted = true;
         }
     }
     return true;

@@ -9,7 +9,7 @@ KnownVersions::Observation::Observation(KnownVersions& versions, const std::stri
     const std::lock_guard lock(versions.m_mutex);
     m_activity = versions.beginActivity(key);
     m_finishedBefore = m_activity->second.finished;
-    m_beganAmidWrites = m_activity->second.writers > 0;
+    m_startedDuringWrite = m_activity->second.writers > 0;
 }
 
 KnownVersions::Observation::~Observation()
@@ -27,7 +27,7 @@ bool KnownVersions::Observation::sawWrite() const
 bool KnownVersions::Observation::sawWriteLocked() const
 {
     const Activity& now = m_activity->second;
-    return m_beganAmidWrites || now.writers > 0 || now.finished != m_finishedBefore;
+    return m_startedDuringWrite || now.writers > 0 || now.finished != m_finishedBefore;
 }
 
 void KnownVersions::Observation::opened(const Version& version)

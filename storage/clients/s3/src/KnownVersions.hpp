@@ -61,7 +61,7 @@ public:
         KnownVersions& m_versions;
         Activities::iterator m_activity;
         std::uint64_t m_finishedBefore = 0;
-        bool m_beganAmidWrites = false;
+        bool m_startedDuringWrite = false;
     };
 
     /// One write of the key by this process. At its end the key is forgotten unless one of the calls below was made.

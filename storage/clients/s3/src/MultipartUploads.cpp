@@ -29,7 +29,7 @@ namespace
 
 /// The entity tag of an object made of parts: the hash of their hashes. Stores that tag parts in another way use
 /// another tag and return it with the completion.
-std::string joinedTag(const std::vector<std::pair<std::size_t, std::string>>& parts)
+std::string multipartTag(const std::vector<std::pair<std::size_t, std::string>>& parts)
 {
     std::string hashes;
     for (const auto& [number, tag] : parts)
@@ -149,7 +149,7 @@ void MultipartUploads::abort(const std::string& key, const std::string& id)
 {
     if (!m_registry.isOwn(id))
     {
-        abortOfOthers(key, id);
+        abortForeignUpload(key, id);
         return;
     }
     const auto upload = m_registry.find(key, id);
@@ -162,7 +162,7 @@ void MultipartUploads::abort(const std::string& key, const std::string& id)
     m_registry.finish(id, upload->base());
 }
 
-void MultipartUploads::abortOfOthers(const std::string& key, const std::string& storeId)
+void MultipartUploads::abortForeignUpload(const std::string& key, const std::string& storeId)
 {
     if (key.empty() || storeId.empty()) // without either it would be another request
     {
@@ -366,7 +366,7 @@ std::string MultipartUploads::gather(const Upload& upload, const PlannedPart& pa
 std::string MultipartUploads::finishUpload(Upload& upload, const Completion& completion, const NumberedTags& parts)
 {
     S3Request request{Operation::CompleteMultipartUpload, upload.key(), "POST"};
-    std::string newTag = joinedTag(parts);
+    std::string newTag = multipartTag(parts);
     const auto isDone = [&](const std::optional<ObjectInfo>& stored)
     { return upload.isOutcomeUnknown() && stored && !newTag.empty() && stored->tag == newTag; };
 

@@ -70,7 +70,7 @@ private:
     std::string finishUpload(Upload& upload, const Completion& completion, const NumberedTags& parts);
     [[noreturn]] void throwOutcomeUnknown(const S3Request& request);
     bool isUploadGone(const Upload& upload);
-    void abortOfOthers(const std::string& key, const std::string& storeId);
+    void abortForeignUpload(const std::string& key, const std::string& storeId);
 
     Requester& m_requester;
     KnownVersions& m_versions;

@@ -79,11 +79,11 @@ class PartRun
 {
 public:
     /// @param isLast  whether it ends the file
-    /// @param room    maximum number of parts
-    PartRun(const UploadLimits& limits, bool isLast, std::size_t room)
+    /// @param maxParts  maximum number of parts
+    PartRun(const UploadLimits& limits, bool isLast, std::size_t maxParts)
         : m_limits(limits)
         , m_isLast(isLast)
-        , m_room(room)
+        , m_maxParts(maxParts)
     {
     }
 
@@ -195,7 +195,7 @@ private:
                                      : std::max<std::uint64_t>(part.size / sendSize, 1);
     }
 
-    /// @return minimum bytes of a part that results from splitting, so that the number of parts stays within m_room
+    /// @return minimum bytes of a part that results from splitting, so that the number of parts stays within m_maxParts
     std::uint64_t minSendSize() const
     {
         std::uint64_t largest = 0;
@@ -213,7 +213,7 @@ private:
             return pieces;
         };
         std::uint64_t size = m_limits.minPartSize;
-        while (size < largest && count(size) > m_room)
+        while (size < largest && count(size) > m_maxParts)
         {
             size += size / 8 + 1;
         }
@@ -222,7 +222,7 @@ private:
 
     const UploadLimits& m_limits;
     const bool m_isLast;
-    const std::size_t m_room; // parts
+    const std::size_t m_maxParts; // parts
     Segments m_bytes;
     Segments m_pending;               // to be sent together with the bytes that follow
     std::vector<PlannedPart> m_parts; // not split yet

@@ -51,7 +51,7 @@ std::string setting(const Profile& profile, std::string_view name)
 }
 
 /// A setting that makes the store's own tools get credentials in a way not supported here; empty when there is none.
-std::string_view otherWay(const Profile& profile)
+std::string_view unsupportedSetting(const Profile& profile)
 {
     for (const std::string_view name :
         {"role_arn", "source_profile", "credential_process", "sso_session", "sso_start_url", "web_identity_token_file"})
@@ -108,7 +108,7 @@ CredentialsProvider::LoadResult ProfileCredentials::load()
         {
             throw invalidCredentials(where + " has only one of aws_access_key_id and aws_secret_access_key");
         }
-        if (const std::string_view name = otherWay(found->second); !name.empty())
+        if (const std::string_view name = unsupportedSetting(found->second); !name.empty())
         {
             unsupported = where + " has no keys but " + std::string(name) +
                           ", which is not supported; put temporary keys into the profile or the environment";

@@ -10,7 +10,7 @@ namespace storage::clients::s3
 namespace
 {
 
-bool staysAsItIs(char c, bool inPath)
+bool needsNoEncoding(char c, bool inPath)
 {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
            c == '_' || c == '~' || (inPath && c == '/');
@@ -23,7 +23,7 @@ std::string encode(std::string_view text, bool inPath)
     encoded.reserve(text.size());
     for (const char c : text)
     {
-        if (staysAsItIs(c, inPath))
+        if (needsNoEncoding(c, inPath))
         {
             encoded += c;
             continue;

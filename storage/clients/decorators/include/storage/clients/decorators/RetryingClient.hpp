@@ -82,11 +82,11 @@ private:
     /// @param rewind  makes ready for a further attempt; false: that is impossible
     void retry(const Call& call, const std::function<void()>& proceed, const std::function<bool()>& rewind) const;
 
-    RetryClock::Duration firstBound() const;
+    RetryClock::Duration firstMaxDelay() const;
     void waitForNext(Attempts& attempts, const TransientException& failure) const;
     bool sleep(RetryClock::Duration time) const;
     [[noreturn]] void giveUp(
-        const Attempts& attempts, const TransientException& failure, const std::string& whyNoMore) const;
+        const Attempts& attempts, const TransientException& failure, const std::string& whyNoRetry) const;
 
     bool isInterrupted() const { return m_interrupted && m_interrupted(); }
 
