@@ -365,7 +365,8 @@ std::string MultipartUploads::gather(const Upload& upload, const PlannedPart& pa
 /// @return the new object's entity tag
 std::string MultipartUploads::finishUpload(Upload& upload, const Completion& completion, const NumberedTags& parts)
 {
-    S3Request request{Operation::CompleteMultipartUpload, upload.key(), "POST"};
+    constexpr Operation operation = Operation::CompleteMultipartUpload;
+    S3Request request{operation, upload.key(), "POST"};
     std::string newTag = multipartTag(parts);
     const auto isDone = [&](const std::optional<ObjectInfo>& stored)
     { return upload.isOutcomeUnknown() && stored && !newTag.empty() && stored->tag == newTag; };
@@ -375,7 +376,7 @@ std::string MultipartUploads::finishUpload(Upload& upload, const Completion& com
     if (upload.isOutcomeUnknown() || needsVersionCheck)
     {
         // After the last copy: if the object is still this version, all copies came from it.
-        const auto stored = m_objects.info(request.operation, request.key);
+        const auto stored = m_objects.info(operation, request.key);
         if (isDone(stored))
         {
             return newTag;
@@ -418,12 +419,12 @@ std::string MultipartUploads::finishUpload(Upload& upload, const Completion& com
         // When a connection breaks, the transport may send the request twice; the second may be refused because the
         // first one has succeeded.
         upload.setOutcomeUnknown();
-        if (!isDone(m_objects.info(request.operation, request.key)))
+        if (!isDone(m_objects.info(operation, request.key)))
         {
             throw;
         }
     }
-    if (isDone(m_objects.info(request.operation, request.key)))
+    if (isDone(m_objects.info(operation, request.key)))
     {
         return newTag;
     }
@@ -460,7 +461,7 @@ std::vector<PendingUpload> MultipartUploads::pending()
     UploadsPage page;
     do
     {
-        S3Request request{Operation::AbortMultipartUpload, "", "GET"};
+        S3Request request{std::nullopt, "", "GET"};
         request.query = {{"uploads", ""}};
         if (!page.nextKey.empty())
         {

@@ -303,6 +303,8 @@ const ErrorRow errors[] = {
     {"missingKey", readRange, isA<ResourceNotFoundException>, "404 NoSuchKey, request tx-1", refusal(404, "NoSuchKey")},
     {"missingBucket", getInfo, isA<InvalidLocationException>, "bucket \"bucket\"; there is no such bucket",
         refusal(404, "NoSuchBucket")},
+    {"uploadsOfAMissingBucket", listUploads, isA<InvalidLocationException>, "listing the open uploads failed",
+        refusal(404, "NoSuchBucket")},
     {"denied", put, isA<PermissionDeniedException>, "; key id AKIDNOBODY; ask the bucket's owner",
         refusal(403, "AccessDenied")},
     {"wrongSecret", list, isA<InvalidCredentialsException>, "the secret does not belong to the key id",

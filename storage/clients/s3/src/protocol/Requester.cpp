@@ -60,8 +60,9 @@ BucketAddress Requester::address()
 FailureContext Requester::contextOf(const S3Request& request)
 {
     const std::lock_guard lock(m_mutex);
-    return {std::string(name(request.operation)) + (request.key.empty() ? "" : " of " + quoted(request.key)),
-        m_address.bucket(), m_address.origin(), m_lastKeyId, m_wasReached};
+    const std::string action = request.operation ? std::string(name(*request.operation)) : "listing the open uploads";
+    return {action + (request.key.empty() ? "" : " of " + quoted(request.key)), m_address.bucket(), m_address.origin(),
+        m_lastKeyId, m_wasReached};
 }
 
 HttpResponse Requester::send(

@@ -13,6 +13,7 @@
 #include <initializer_list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 namespace storage::clients::s3
@@ -21,8 +22,8 @@ namespace storage::clients::s3
 /// One request to the bucket, before it is signed.
 struct S3Request
 {
-    Operation operation; ///< the caller's, for messages
-    std::string key;     ///< empty: the request is for the bucket itself, or for many keys
+    std::optional<Operation> operation; ///< the caller's, for messages; empty: listing the open uploads
+    std::string key;                    ///< empty: the request is for the bucket itself, or for many keys
     std::string method;
     QueryParameters query = {};
     HttpHeaders headers = {};
