@@ -31,7 +31,8 @@ using storage::cloudprovider::CloudException;
 namespace
 {
 
-/// The reason for an unknown failure of which the store knows nothing: a temporary file. The provider gives no details.
+/// Return the reason for an unknown failure that the store did not report: only a temporary file can have failed. The
+/// provider gives no details.
 std::string temporaryFileReason()
 {
     std::error_code error;
@@ -73,7 +74,7 @@ void CommandContext::rethrowAsCommandError(const StorePath& path) const
     }
     catch (const fsp::Exception& exception)
     {
-        // Its path is the right one: for a copy it may be the source or the destination.
+        // Use the exception's own path: for a copy it may be the source or the destination.
         const std::string failedPath = fl::i18n::ustring_to_utf8(exception.iri().getPath());
         throw CommandError(failedPath, reasonFor(failedPath, exception.errorCode()), exception.errorCode());
     }

@@ -33,7 +33,7 @@ public:
     const fsp::IProvider& provider() const noexcept { return *m_provider; }
     storage::clients::CancellableClient& client() const noexcept { return *m_client; }
 
-    /// The store without wrappers, which may have further interfaces (see findInterface()).
+    /// The store as openStore() returned it, for findInterface().
     storage::cloudprovider::CloudClient& store() const noexcept { return *m_store; }
 
     /// Call a function of the provider and translate what it throws.
@@ -85,7 +85,7 @@ public:
     /// Print the store's call counters on standard error, if verbose.
     void printCounters() const;
 
-    /// Record a failure that was reported while the command continued. Main thread only.
+    /// Record that a failure was reported although the command continued. Main thread only.
     void markFailed() noexcept { m_failed = true; }
     bool hasFailed() const noexcept { return m_failed; }
 

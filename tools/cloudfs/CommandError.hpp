@@ -13,12 +13,11 @@ namespace cloudfs
 
 /// The failure of a command, as the one line that the user reads: "PATH: reason (code N Name)".
 ///
-/// Thrown where the cause is known best and not changed on its way up. what() is the line, with control characters
-/// escaped.
+/// Thrown where the cause is known; callers pass it on unchanged. what() is the line, with control characters escaped.
 class CommandError : public std::runtime_error
 {
 public:
-    /// @param path    a path in the store, a local path or the store's URL: whatever the user has to look at
+    /// @param path    a path in the store, a local path or the store's URL: the one that the failure is about
     /// @param reason  one clause without a full stop
     /// @param code    the framework's code that fits best
     CommandError(const std::string& path, const std::string& reason, const fsp::ErrorCode& code);

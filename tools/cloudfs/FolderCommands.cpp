@@ -26,7 +26,7 @@ void makeFolder(const CommandContext& context, const std::string& argument, bool
     const StorePath path = StorePath::parse(argument);
     if (context.folderPolicy != storage::cloudprovider::FolderPolicy::MarkerObjects)
     {
-        throw CommandError(path.text(), "with --folders prefix a folder exists only while it contains something",
+        throw CommandError(path.text(), "with --folders prefix, a folder exists only while it contains files",
             fsp::ErrorCode::Unsupported);
     }
     context.requireNoParentIsFile(path);

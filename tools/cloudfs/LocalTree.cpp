@@ -46,7 +46,11 @@ void visit(const std::string& folder, const std::string& prefix, LocalTreeVisito
         struct stat status = {};
         if (::lstat(local.c_str(), &link) != 0 || ::stat(local.c_str(), &status) != 0)
         {
-            visitor.reportSkipped(CommandError::fromErrno(local, errno)); // no permission, or a dangling link
+            const bool isDangling = errno == ENOENT && S_ISLNK(link.st_mode);
+            visitor.reportSkipped(isDangling
+                                      ? CommandError(local, "skipped: the target of the symbolic link is missing",
+                                            fsp::ErrorCode::NotFound)
+                                      : CommandError::fromErrno(local, errno));
         }
         else if (S_ISREG(status.st_mode))
         {

@@ -18,8 +18,8 @@ using storage::clients::formatBytes;
 namespace
 {
 
-constexpr auto delay = std::chrono::milliseconds(500);    // shorter transfers need no bar
-constexpr auto interval = std::chrono::milliseconds(100); // nobody can read faster changes
+constexpr auto delay = std::chrono::milliseconds(500);    // shorter transfers show no bar
+constexpr auto interval = std::chrono::milliseconds(100); // faster changes are unreadable
 
 } // namespace
 

@@ -154,7 +154,7 @@ void addPutCommand(CLI::App& app, CommandContext& context)
     const auto options = std::make_shared<Options>();
     auto* command = app.add_subcommand("put", "Upload a file or a folder");
     command->footer(
-        "If PATH ends in \"/\", LOCAL goes into that folder under its own name; any other PATH is the new name.\n"
+        "If PATH ends in \"/\", LOCAL is stored in that folder under its own name; otherwise PATH is the new name.\n"
         "The folder of a file need not exist. With -r, missing folders are created, symbolic links to files are\n"
         "followed, and entries that cannot be stored (links to folders, devices, names that are not UTF-8 or end\n"
         "in a dot) are reported and skipped. With --folders prefix, empty folders are not stored.\n"

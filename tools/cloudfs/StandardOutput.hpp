@@ -11,7 +11,7 @@ namespace cloudfs
 class StandardOutput
 {
 public:
-    /// Thrown when the reader of a pipe has closed it. The reader wants no more, so no error is printed.
+    /// Thrown when the reader of a pipe has closed it. The reader needs no more output, so no error is printed.
     struct BrokenPipe
     {
     };

@@ -99,12 +99,12 @@ void StorePath::append(std::string_view segment, const std::string& argument)
 {
     if (segment.empty())
     {
-        throw CommandError(argument, "the store cannot keep an empty name", fsp::ErrorCode::InvalidLocation);
+        throw CommandError(argument, "empty names are not supported", fsp::ErrorCode::InvalidLocation);
     }
     if (segment.ends_with('.'))
     {
         throw CommandError(argument,
-            segment == ".." ? "\"..\" is not supported" : "the store cannot keep a name that ends in a dot",
+            segment == ".." ? "\"..\" is not supported" : "names that end in a dot are not supported",
             fsp::ErrorCode::InvalidLocation);
     }
     try

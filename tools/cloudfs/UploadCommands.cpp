@@ -24,7 +24,8 @@ namespace
 
 using storage::clients::PendingUpload;
 
-constexpr std::int64_t maxAge = 100LL * 365 * 24 * 3600; // seconds; the time library has no much earlier dates
+constexpr std::int64_t maxAge =
+    100LL * 365 * 24 * 3600; // seconds; the time library does not support much earlier dates
 
 std::vector<PendingUpload> uploadsOlderThan(const CommandContext& context, std::int64_t seconds)
 {
@@ -71,7 +72,8 @@ void abort(const CommandContext& context, std::int64_t seconds)
 CLI::Option* addAge(CLI::App& command, std::int64_t& seconds)
 {
     const std::map<std::string, std::int64_t> units{{"s", 1}, {"m", 60}, {"h", 3600}, {"d", 24 * 3600}};
-    return command.add_option("--older-than", seconds, "Only uploads older than this: a number with s, m, h or d")
+    return command
+        .add_option("--older-than", seconds, "Only uploads older than this: a number and a unit, s, m, h or d")
         ->type_name("AGE")
         ->transform(CLI::AsNumberWithUnit(units, CLI::AsNumberWithUnit::UNIT_REQUIRED).description(""))
         ->check(CLI::Range(std::int64_t{0}, maxAge).description(""));
@@ -96,7 +98,7 @@ void addUploadCommands(CLI::App& app, CommandContext& context)
 {
     auto* uploads = app.add_subcommand("uploads", "List or abort multipart uploads that a crash left open");
     uploads->require_subcommand(1);
-    uploads->footer("Uploads in progress are open too: choose an age longer than any transfer takes.");
+    uploads->footer("Uploads in progress are open, too. Choose an age that is longer than any transfer takes.");
     const auto age = std::make_shared<std::int64_t>(0);
 
     auto* listed = uploads->add_subcommand("list", "List open uploads: start time, upload id and path");

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <exception>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <string>
 #include <unistd.h>
 
@@ -26,8 +27,9 @@ constexpr int exitBrokenPipe = 128 + 13; // as if SIGPIPE had ended the program
 void addGlobalOptions(CLI::App& app, CommandContext& context)
 {
     app.add_option("--store", context.storeUrl,
-           "local:DIR (local: is $XDG_DATA_HOME/cloudfs), memory: or "
-           "s3://BUCKET?endpoint=URL&region=REGION&path-style=1")
+           "local:DIR, local: (the default folder, $XDG_DATA_HOME/cloudfs or ~/.local/share/cloudfs), memory: "
+           "(empty, and gone when the command ends) or s3://BUCKET?endpoint=URL&region=REGION&path-style=1")
+        ->type_name("URL")
         ->capture_default_str();
     app.add_option_function<std::string>(
            "--folders",
@@ -39,10 +41,12 @@ void addGlobalOptions(CLI::App& app, CommandContext& context)
                }
                context.folderPolicy = name == "marker" ? FolderPolicy::MarkerObjects : FolderPolicy::KeyPrefixes;
            },
-           "marker: a folder is an object of its own; prefix: a folder exists while it contains files")
+           "marker: each folder is an object of its own, so it may be empty; prefix: a folder exists only while it "
+           "contains files")
         ->type_name("marker|prefix")
         ->default_str("marker");
-    app.add_flag("-v", context.verbose, "Log to standard error, and print the number of store calls at the end");
+    app.add_flag(
+        "-v", context.verbose, "Log every operation to standard error, and print the number of store calls at the end");
 }
 
 std::string describeUnknown(const CLI::App& app, const std::string& argument)
@@ -54,12 +58,44 @@ std::string describeUnknown(const CLI::App& app, const std::string& argument)
     return (app.get_subcommands().empty() ? "unknown command: " : "unexpected argument: ") + argument;
 }
 
+std::string describe(const CLI::ParseError& error)
+{
+    const std::string text = error.what();
+    if (text == "A subcommand is required")
+    {
+        return "a command is required";
+    }
+    if (text.ends_with(" missing")) // "--store: 1 required URL missing"
+    {
+        return text.substr(0, text.find(':')) + ": a value is required";
+    }
+    return text;
+}
+
+/// Return the program's name and the commands that were recognised: "cloudfs uploads list".
+std::string recognisedCommands(const CLI::App& app)
+{
+    std::string names = app.get_name();
+    for (const CLI::App* command : app.get_subcommands())
+    {
+        names += ' ' + recognisedCommands(*command);
+    }
+    return names;
+}
+
+/// Return the command whose help explains wrong usage. The options of all commands are in the program's own help.
+std::string helpCommand(const CLI::App& app, const std::string& reason)
+{
+    const bool isGlobal = app.get_option_no_throw(reason.substr(0, reason.find(':'))) != nullptr;
+    return (isGlobal ? app.get_name() : recognisedCommands(app)) + " --help";
+}
+
 int run(int argc, char** argv)
 {
     CommandContext context;
     CLI::App app("Files and folders in an object store.\n"
                  "Paths start at the root of the store; the leading \"/\" may be omitted. Names are literal, without\n"
-                 "escapes. An address such as cloudfs://store/a%20b also works; its escapes are decoded.",
+                 "escapes. An address such as cloudfs://store/a%20b also works; its escapes are decoded.\n",
         "cloudfs");
     app.require_subcommand(1);
     app.fallthrough();
@@ -85,14 +121,15 @@ int run(int argc, char** argv)
     catch (const CLI::ParseError& error)
     {
         const auto unknown = app.remaining();
-        const std::string reason = unknown.empty() ? error.what() : describeUnknown(app, unknown.front());
-        cloudfs::diagnostics::printLine(cloudfs::text::printable(reason) + "; see cloudfs --help");
+        const std::string reason = unknown.empty() ? describe(error) : describeUnknown(app, unknown.front());
+        cloudfs::diagnostics::printLine(
+            fmt::format("{}; see {}", cloudfs::text::printable(reason), helpCommand(app, reason)));
         return exitUsage;
     }
 }
 
-/// Open those of standard input, output and error that the caller has closed, so that no other file takes their place.
-/// Reads and writes still fail, because each is opened for the wrong direction.
+/// Open standard input, output and error on /dev/null if the caller has closed them, so that no other file gets their
+/// descriptors. Reads and writes still fail, because each is opened for the wrong direction.
 void openClosedStandardStreams()
 {
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})

@@ -68,7 +68,7 @@ struct OpenFileManager::Registry
         return entry != entries.end() && entry->second.opening;
     }
 
-    /// Record the part manager, or that the file is not open if it is null, and wake those who wait for it.
+    /// Record the part manager, or remove the entry if it is null, and wake the threads that wait for the file.
     void finishOpening(const fsp::StorageIRI& iri, const std::shared_ptr<OpenPartManager>& partManager)
     {
         {

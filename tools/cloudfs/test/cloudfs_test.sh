@@ -173,8 +173,8 @@ test_errors()
 1|/x: .*code 11 .*|--folders prefix mkdir /x
 2|.*command is required.*|
 2|unknown command: frob; .*|frob
-2|.*--offset is required.*|write /file
-2|--folders: .*marker or prefix.*|--folders x ls
+2|--offset is required; see cloudfs write --help|write /file
+2|--folders: must be marker or prefix; see cloudfs --help|--folders x ls
 2|-r: .*standard input.*|put -r - /x
 2|-r: .*standard output.*|get -r / -
 2|-j: .*|put -j 0 one /x

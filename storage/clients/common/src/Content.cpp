@@ -26,7 +26,7 @@ ByteRange resolveRange(const std::string& key, std::uint64_t first, std::uint64_
     if (last >= objectSize)
     {
         throw UnknownErrorException("Range beyond the end of the object",
-            fmt::format("reading bytes {} to {} of {}: it has {} bytes", first, last, quoted(key), objectSize));
+            fmt::format("reading bytes {} to {} of {}: the object has {} bytes", first, last, quoted(key), objectSize));
     }
     return {first, last - first + 1};
 }
@@ -45,8 +45,8 @@ void writeContent(const std::string& key, std::ostream& out, const char* bytes, 
 {
     if (!out.write(bytes, static_cast<std::streamsize>(size)))
     {
-        throw UnknownErrorException(
-            "Output failed", fmt::format("reading {}: the output stream failed to take {} bytes", quoted(key), size));
+        throw UnknownErrorException("Output failed",
+            fmt::format("reading {}: writing {} bytes to the output stream failed", quoted(key), size));
     }
 }
 

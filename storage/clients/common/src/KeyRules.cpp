@@ -101,7 +101,7 @@ void checkObjectName(const std::string& name)
     if (name == "." || name == ".." || name.find('/') != std::string::npos)
     {
         throw cloudprovider::InvalidLocationException(
-            "Invalid name", fmt::format("name {} is refused: it names another place", quoted(name)));
+            "Invalid name", fmt::format("name {} is refused: it would refer to another folder", quoted(name)));
     }
 }
 

@@ -38,8 +38,8 @@ void checkPartList(const std::string& key, const std::vector<PartInfo>& parts,
         }
         else if (held->tag != part.Tag)
         {
-            refuse(
-                fmt::format("part {} has the tag {}, listed is {}", part.Index, quoted(held->tag), quoted(part.Tag)));
+            refuse(fmt::format("part {} has the tag {} but is listed with the tag {}", part.Index, quoted(held->tag),
+                quoted(part.Tag)));
         }
         else if (held->size == 0 && i + 1 < parts.size())
         {
@@ -67,7 +67,7 @@ void checkCopySource(const std::string& key, const PartInfo& part, const std::ve
                                  [&](const PartInfo& candidate)
                                  { return candidate.Tag == part.Tag && holds(candidate.Offset, candidate.Size); }))
     {
-        refuse(fmt::format("the object has changed, there is no part with the tag {} there", quoted(part.Tag)));
+        refuse(fmt::format("the object has changed: it has no part with the tag {} at this offset", quoted(part.Tag)));
     }
 }
 

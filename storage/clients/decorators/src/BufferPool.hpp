@@ -49,11 +49,11 @@ public:
     /// @param limit  maximum bytes of all buffers, free ones included
     explicit BufferPool(std::uint64_t limit);
 
-    /// Borrow a buffer of at least `size` uninitialized bytes. Waits until there is room.
-    /// @return nothing: waiting cannot help, since the kept buffers leave too little room
+    /// Borrow a buffer of at least `size` uninitialized bytes. Waits until there is enough space.
+    /// @return nullopt if waiting cannot help, because the kept buffers leave too little space
     std::optional<Lease> acquire(std::size_t size);
 
-    /// Borrow a buffer of at least `size` uninitialized bytes. Never waits. @return nothing: there is no room now
+    /// Borrow a buffer of at least `size` uninitialized bytes. Never waits. @return nullopt if there is no space now
     std::optional<Lease> tryAcquire(std::size_t size);
 
 private:

@@ -38,12 +38,12 @@ void CancellableClient::around(const Call& call, const std::function<void()>& pr
     {
         if (m_interrupted && m_interrupted())
         {
-            throw UnknownErrorException("Interrupted", "refusing to change \"" + call.key + "\" after an interrupt");
+            throw UnknownErrorException("Interrupted", "\"" + call.key + "\" was not changed because of an interrupt");
         }
         const std::lock_guard lock(m_mutex);
         if (call.operation != Operation::DeleteObject && m_cancelled.count(call.key) != 0)
         {
-            throw UnknownErrorException("Cancelled", "writing \"" + call.key + "\" was given up");
+            throw UnknownErrorException("Cancelled", "writing \"" + call.key + "\" was cancelled");
         }
     }
     proceed();

@@ -25,7 +25,7 @@ struct FetchedBlock
         Queued,
         Fetching,
         Ready,
-        Gone ///< failed or dropped: a call that waits for it must ask the inner client
+        Gone ///< failed or dropped: a call that waits for it must call the inner client
     };
 
     FetchedBlock(const ByteRange& wanted, BufferPool::Lease buffer)

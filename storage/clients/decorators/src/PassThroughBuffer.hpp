@@ -7,7 +7,7 @@
 namespace storage::clients
 {
 
-/// Pass every byte through to another buffer, in either direction, and count the bytes. It has no positions.
+/// Pass every byte through to another buffer, in either direction, and count the bytes. Not seekable.
 class PassThroughBuffer : public std::streambuf
 {
 public:
@@ -17,8 +17,8 @@ public:
     {
     }
 
-    /// Bytes that were taken from the target or given to it. Counted before the transfer, so it includes bytes whose
-    /// transfer failed.
+    /// The number of bytes read from the target or written to it. Counted before the transfer, so it includes bytes
+    /// whose transfer failed.
     std::uint64_t bytes() const noexcept { return m_bytes; }
 
 protected:

@@ -26,7 +26,7 @@ namespace
 
 constexpr std::size_t maxObjects = 256; // more files than are read at a time, and few enough to visit all of them
 
-// For how many reads of each other reader a window stays open that is not read. Slow readers must keep their window.
+// A window that is not read stays open for this many reads of each other reader, so that slow readers keep theirs.
 constexpr std::uint64_t idleTurns = 64;
 constexpr std::uint64_t idleTurnsUnderPressure = 4; // if another reader needs the memory
 
@@ -55,7 +55,8 @@ void logFailedPrefetch(const std::string& key, const ByteRange& range)
     if (auto& logger = getLogger(); logger.isEnabled(foundation::log::severity::progress))
     {
         logger.write(foundation::log::severity::progress,
-            fmt::format("prefetching {} bytes at offset {} of {} failed, they are requested again when needed: {}",
+            fmt::format(
+                "prefetching {} bytes at offset {} of {} failed; they will be requested again when they are read: {}",
                 range.size, range.offset, quoted(key), reason()));
     }
 }

@@ -36,7 +36,7 @@ public:
     ReadAhead& operator=(const ReadAhead&) = delete;
     ~ReadAhead();
 
-    /// Record that a range is read, queue the prefetches that this calls for, and write the range if it is in memory.
+    /// Record that a range is read, queue the resulting prefetches, and write the range if it is in memory.
     ///
     /// @return false: it is not in memory, and nothing was written
     /// @throws UnknownErrorException if `out` fails

@@ -15,7 +15,7 @@ namespace storage::clients
 /// started at offset 0, its second range in a row opens a window of that range's size beyond its end, and each further
 /// range doubles the window. If it started elsewhere, only its third range opens the window: a single access that spans
 /// two parts is two ranges, and with several streams, a random range continues one of them by chance. A reader that
-/// goes elsewhere loses its window: at once if it jumps to a position inside the window, otherwise after as many new
+/// seeks elsewhere loses its window: at once if it jumps to a position inside the window, otherwise after as many new
 /// streams have started as are tracked.
 ///
 /// Only calculates: no threads, no locks, no bytes.

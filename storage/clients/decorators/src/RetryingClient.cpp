@@ -25,7 +25,7 @@ namespace
 
 using Duration = RetryClock::Duration;
 
-constexpr Duration maxSleep = std::chrono::milliseconds(100); // what an interrupt may have to wait
+constexpr Duration maxSleep = std::chrono::milliseconds(100); // maximum time until an interrupt is noticed
 
 double seconds(Duration time)
 {
@@ -159,7 +159,7 @@ std::vector<ObjectEntry> RetryingClient::listObjects(
     around({Operation::ListObjects, prefix},
         [&]
         {
-            token = continuationToken; // a failed attempt may have changed its own
+            token = continuationToken; // a failed attempt may have changed its copy
             page = inner().listObjects(prefix, token, options);
         });
     continuationToken = std::move(token);

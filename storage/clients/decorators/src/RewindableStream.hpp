@@ -34,7 +34,7 @@ public:
     /// The stream that each attempt must use.
     Stream& get() noexcept { return m_start ? m_stream : m_passThroughStream; }
 
-    /// Get ready for a retry. @return false: that is impossible
+    /// Prepare a retry. @return false if that is impossible
     bool rewind()
     {
         if (!m_start)
@@ -51,11 +51,12 @@ public:
         {
             m_stream.rdbuf()->pubseekpos(*m_start, direction);
         }
-        catch (const std::ios_base::failure&) // one way to refuse; the position shows all of them
+        catch (const std::ios_base::failure&) // the stream cannot be rewound
         {
             return false;
         }
-        // Check the position: beyond 2 GiB, buffers that count in an int report success at a wrong position.
+        // Check the position, because beyond 2 GiB some buffers report success although their position, an int, has
+        // overflowed.
         return tell() == m_start;
     }
 
@@ -63,7 +64,7 @@ public:
     bool hasSurplus() const { return m_furthest && tell() < m_furthest; }
 
 private:
-    // Ask the buffer, since a stream sets badbit when its buffer has no positions.
+    // Call the buffer directly, since a stream sets badbit if its buffer is not seekable.
     std::optional<std::streamoff> tell() const
     {
         try
@@ -71,7 +72,7 @@ private:
             const std::streamoff position = m_stream.rdbuf()->pubseekoff(0, std::ios_base::cur, direction);
             return position >= 0 ? std::optional(position) : std::nullopt;
         }
-        catch (const std::ios_base::failure&) // one way to say that there are no positions
+        catch (const std::ios_base::failure&) // some buffers report in this way that they are not seekable
         {
             return std::nullopt;
         }
@@ -79,7 +80,7 @@ private:
 
     Stream& m_stream;
     const std::ios_base::iostate m_state;
-    const std::optional<std::streamoff> m_start; // empty: no positions, so attempts get m_passThroughStream
+    const std::optional<std::streamoff> m_start; // empty: not seekable, so attempts use m_passThroughStream
     std::optional<std::streamoff> m_furthest;    // the furthest position that a failed attempt reached
     PassThroughBuffer m_passThrough;
     Stream m_passThroughStream;

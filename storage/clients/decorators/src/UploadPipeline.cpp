@@ -63,7 +63,7 @@ UploadPipeline::~UploadPipeline()
         catch (...)
         {
             getLogger().write(
-                foundation::log::severity::error, fmt::format("Aborting an upload of {} failed, it stays open: {}",
+                foundation::log::severity::error, fmt::format("Aborting an upload of {} failed; it stays open: {}",
                                                       quoted(upload->key), currentExceptionText()));
         }
     }
@@ -423,7 +423,7 @@ std::string UploadPipeline::sourceTag(const std::string& tag)
     if (!inner)
     {
         throw UnknownErrorException("Part cannot be copied",
-            fmt::format("the tag {} belongs to no part that is known to be stored; reopen the file", quoted(tag)));
+            fmt::format("no stored part with the tag {} is known; reopen the file", quoted(tag)));
     }
     return *inner;
 }

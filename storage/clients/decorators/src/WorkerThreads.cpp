@@ -64,9 +64,9 @@ void WorkerThreads::startThread()
     }
     catch (const std::system_error& failure)
     {
-        cloudprovider::getLogger().write(
-            foundation::log::severity::warning, "Continuing with " + std::to_string(m_threads.size()) +
-                                                    " threads, another one cannot be started: " + failure.what());
+        cloudprovider::getLogger().write(foundation::log::severity::warning,
+            "Continuing with " + std::to_string(m_threads.size()) +
+                " threads, because no other thread could be started: " + failure.what());
         if (m_threads.empty())
         {
             throw;

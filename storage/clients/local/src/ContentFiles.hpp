@@ -34,7 +34,7 @@ public:
     void append(
         const FileHandle& from, const std::filesystem::path& fromPath, std::uint64_t offset, std::uint64_t size);
 
-    /// Bring the bytes to the disk.
+    /// Sync the bytes to the disk.
     void sync();
 
 private:
@@ -64,11 +64,11 @@ public:
     /// Create a file in incoming/.
     IncomingFile create();
 
-    /// Rename a synced file into contents/. Must be called inside the transaction that adds the content: then a
-    /// collector that holds a write transaction finds no file that is still to be named by the index.
+    /// Rename a synced file into contents/. Must be called inside the transaction that adds the content: an orphan
+    /// collector, which holds a write transaction, then never finds a file that the index is about to name.
     FileName publish(IncomingFile& file, std::int64_t content);
 
-    /// Bring the names of all published files to the disk.
+    /// Sync the names of all published files to the disk.
     void syncContentsFolder() const;
 
     /// Open for reading; nullopt when there is no such file.

@@ -62,7 +62,7 @@ public:
         /// Make the changes visible, with the requested durability.
         ///
         /// @throws StoreError; the changes are not visible then. Unless its kind is NoSpace, they may have reached the
-        ///         disk all the same, and a later crash may make them visible.
+        ///         disk nevertheless, and a later crash may make them visible.
         void commit();
 
         Connection& operator*() const { return *m_connection; }

@@ -74,7 +74,7 @@ void readFile(
 void copyFile(const FileHandle& from, const std::filesystem::path& fromPath, std::uint64_t offset, const FileHandle& to,
     const std::filesystem::path& toPath, std::uint64_t size);
 
-/// Remove the file. A missing file is no error.
+/// Remove the file. A missing file is not an error.
 ///
 /// @return 0 or errno
 int removeFile(const std::filesystem::path& path) noexcept;

@@ -55,7 +55,7 @@ void putObject(StoreTransaction& transaction, const std::string& key, StagedCont
 /// Store an object under the key, replacing the one that is there. Its parts are in the index already.
 void placeObject(StoreTransaction& transaction, const std::string& key, std::int64_t object, std::uint64_t size);
 
-/// Remove the object under the key and its parts. A missing object is no error.
+/// Remove the object under the key and its parts. A missing object is not an error.
 void removeObject(StoreTransaction& transaction, const std::string& key);
 
 } // namespace storage::clients::local

@@ -111,18 +111,19 @@ void prepareIndex(const std::filesystem::path& directory)
         // its pages. A new index would make all contents orphans, which are removed.
         if (std::filesystem::exists(directory / "contents"))
         {
-            throw StoreError("the index is damaged: it is empty, and there are contents");
+            throw StoreError("the index is damaged: it is empty although there are content files");
         }
         create(connection);
     }
     else if (application != applicationId)
     {
-        throw StoreError(StoreError::Kind::NotAStore, "the directory is not a store: its index is another program's");
+        throw StoreError(
+            StoreError::Kind::NotAStore, "the directory is not a store: its index belongs to another program");
     }
     else if (const std::int64_t version = selectInteger(connection, "PRAGMA user_version"); version != schemaVersion)
     {
         throw StoreError(
-            fmt::format("the store has version {}, this program knows version {} only", version, schemaVersion));
+            fmt::format("the store has version {}; this program supports only version {}", version, schemaVersion));
     }
 }
 

@@ -99,11 +99,11 @@ std::optional<std::vector<LocatedSegment>> openSegments(
         std::optional<FileHandle> file = files.open(next.name, next.fileSize);
         if (!file)
         {
-            // A file is removed after the transaction that drops its content. The index still names it: it was lost
-            // otherwise.
+            // A file is removed after the transaction that drops its content. If the index still names the file, it was
+            // lost in another way.
             if (exists(database, object))
             {
-                throw StoreError("the store is damaged: there is no \"" + next.segment.path.native() + '"');
+                throw StoreError("the store is damaged: the file \"" + next.segment.path.native() + "\" is missing");
             }
             return std::nullopt;
         }

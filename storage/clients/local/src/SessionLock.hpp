@@ -14,10 +14,10 @@ namespace storage::clients::local
 
 /// The lock file of a client that may have content files that the index does not name, or no longer names.
 ///
-/// The client holds the lock as long as it lives, and removes the file in the end unless it leaves orphans. A lock file
-/// that is not locked shows the next client that opens the store that a session is dead. The file's name is the session
-/// number, which is part of the names of the session's content files.
-/// Safe for concurrent calls on one instance.
+/// The client holds the lock as long as it lives, and removes the file when it is destroyed, unless it leaves orphans.
+/// A lock file that is not locked shows the next client that opens the store that a session is dead. The file's name is
+/// the session number, which is part of the names of the session's content files. Safe for concurrent calls on one
+/// instance.
 class SessionLock
 {
 public:

@@ -56,7 +56,7 @@ StoreError sqliteError(int code, int error, const std::string& message)
     case SQLITE_AUTH:
         return {StoreError::Kind::PermissionDenied, "access to the index denied: " + message};
     default:
-        return {kindOf(error), "the index fails: " + message + (error == 0 ? "" : ": " + messageOf(error))};
+        return {kindOf(error), "the index failed: " + message + (error == 0 ? "" : ": " + messageOf(error))};
     }
 }
 

@@ -99,7 +99,7 @@ void StoreTransaction::commit()
     }
     catch (const StoreError& error)
     {
-        // The commit may have reached the disk all the same. After a crash the index would name these files.
+        // The commit may have reached the disk nevertheless. After a crash the index would then name these files.
         if (error.kind() != StoreError::Kind::NoSpace)
         {
             m_files.leaveOrphans();

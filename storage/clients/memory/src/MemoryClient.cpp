@@ -58,7 +58,7 @@ void MemoryClient::getObjectRange(const std::string& key, std::ostream& out, std
     const auto content = m_store->find(key);
     if (!content)
     {
-        throw ResourceNotFoundException("reading: there is no object " + quoted(key));
+        throw ResourceNotFoundException("reading " + quoted(key) + ": there is no such object");
     }
     const ByteRange range = resolveRange(key, first, last, content->bytes.size());
     content->bytes.write(key, out, range.offset, range.size);
@@ -85,7 +85,7 @@ std::string MemoryClient::createMultipartUpload(const std::string& key, const st
 std::string MemoryClient::uploadPart(
     const std::string& key, const std::string& uploadId, const PartInfo& part, std::istream& content)
 {
-    m_store->checkUpload(key, uploadId); // rather than after the transfer
+    m_store->checkUpload(key, uploadId); // before the transfer, so that a missing upload is reported early
     return m_store->addPart(key, uploadId, part.Index, SharedBytes(key, content, part.Size));
 }
 

@@ -23,14 +23,14 @@ struct Version
 ///
 /// Ranges are read from the version that was opened, so that no reader sees a mixture of two. A version that this
 /// process writes replaces the one before. Beyond `capacity` keys the least recently used one is forgotten; its object
-/// is then read as it is. Safe for concurrent calls.
+/// is then read without a version check. Safe for concurrent calls.
 class KnownVersions
 {
     struct Activity
     {
-        std::size_t watchers = 0;   ///< Observations and Writes alive
-        std::size_t writers = 0;    ///< Writes alive
-        std::uint64_t finished = 0; ///< Writes ended
+        std::size_t watchers = 0;   ///< existing Observations and Writes
+        std::size_t writers = 0;    ///< existing Writes
+        std::uint64_t finished = 0; ///< ended Writes
     };
     using Activities = std::map<std::string, Activity>;
 
@@ -41,7 +41,7 @@ public:
     }
 
     /// Observes during its lifetime whether this process writes the key. If it does, what was read about the object is
-    /// outdated, and a version that is gone was not necessarily replaced by somebody else.
+    /// outdated, and if a version no longer exists, this process may have replaced it.
     class Observation
     {
     public:

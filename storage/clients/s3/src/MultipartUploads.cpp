@@ -27,8 +27,8 @@ using namespace cloudprovider;
 namespace
 {
 
-/// The entity tag of an object made of parts: the hash of their hashes. Stores that tag parts in another way use
-/// another tag and return it with the completion.
+/// Compute the entity tag of an object made of parts: the hash of their hashes. Empty if the tags of the parts are not
+/// MD5 hashes; such a store returns the object's tag with the completion.
 std::string multipartTag(const std::vector<std::pair<std::size_t, std::string>>& parts)
 {
     std::string hashes;
@@ -81,7 +81,7 @@ std::string MultipartUploads::send(
     if (part.Index >= maxParts)
     {
         throw UnknownErrorException("Too many parts",
-            fmt::format("{} cannot have a part {}: the store accepts {} parts of an object; write it in larger parts",
+            fmt::format("{} cannot have a part {}: the store accepts at most {} parts; write it in larger parts",
                 quoted(key), part.Index + 1, maxParts));
     }
     if (!upload->isNew() && part.Size < minPartSize && !m_capabilities.equalParts)
@@ -157,20 +157,20 @@ void MultipartUploads::abort(const std::string& key, const std::string& id)
     {
         S3Request request{Operation::AbortMultipartUpload, key, "DELETE"};
         request.query = {{"uploadId", storeId}};
-        m_requester.send(request, {404}); // an upload that is gone counts as aborted
+        m_requester.send(request, {404}); // an upload that no longer exists counts as aborted
     }
     m_registry.finish(id, upload->base());
 }
 
 void MultipartUploads::abortForeignUpload(const std::string& key, const std::string& storeId)
 {
-    if (key.empty() || storeId.empty()) // without either it would be another request
+    if (key.empty() || storeId.empty()) // with one of them empty it would be another request
     {
         throw ResourceNotFoundException("no upload " + quoted(storeId) + " of " + quoted(key) + " is open");
     }
     S3Request request{Operation::AbortMultipartUpload, key, "DELETE"};
     request.query = {{"uploadId", storeId}};
-    // @return whether that changed something
+    // @return whether the set has changed
     const auto setUnconfirmed = [&](bool isUnconfirmed)
     {
         const std::lock_guard lock(m_mutex);
@@ -202,7 +202,7 @@ void MultipartUploads::complete(const std::string& key, const std::string& id, c
     }
     catch (const TransientException& failure)
     {
-        const bool madeProgress = upload->doneCount() > doneBefore; // at most once for each planned part
+        const bool madeProgress = upload->doneCount() > doneBefore; // at most once per planned part, so retries end
         throw TransientException(failure.what(), failure.detail(), failure.retryAfter(), madeProgress);
     }
     catch (...)
@@ -219,7 +219,7 @@ void MultipartUploads::complete(const std::string& key, const std::string& id, c
 std::string MultipartUploads::assembleObject(Upload& upload, const Completion& completion)
 {
     const NumberedTags parts = transferParts(upload, completion);
-    // Not earlier: transferring parts may take minutes and changes no object. Files opened meanwhile must be pinned.
+    // Not before the transfers: they may take minutes and change no object, and files opened meanwhile must be pinned.
     KnownVersions::Write write(m_versions, upload.key());
     try
     {
@@ -269,7 +269,7 @@ MultipartUploads::Completion MultipartUploads::prepare(
     completion.replaces = completion.source.tag;
     if (completion.source.tag.empty() && !upload.base().empty())
     {
-        // A version that this process has written since the file was opened is not somebody else's change.
+        // A version that this process has written since the file was opened may be replaced.
         const auto current = m_versions.current(upload.key());
         const bool isOurs = current && m_versions.descends(upload.key(), current->tag, upload.base());
         completion.replaces = isOurs ? current->tag : upload.base();
@@ -404,7 +404,7 @@ std::string MultipartUploads::finishUpload(Upload& upload, const Completion& com
     catch (const TransientException&)
     {
         upload.setOutcomeUnknown();
-        // Ask for the upload before the object: the store removes the one after it has stored the other.
+        // Look up the upload before the object: the store removes the upload after it has stored the object.
         if (!isUploadGone(upload))
         {
             throw;
@@ -416,7 +416,7 @@ std::string MultipartUploads::finishUpload(Upload& upload, const Completion& com
     }
     catch (const UnknownErrorException&)
     {
-        // When a connection breaks, the transport may send the request twice; the second may be refused because the
+        // When a connection breaks, the HTTP client may send the request twice. The second may be refused because the
         // first one has succeeded.
         upload.setOutcomeUnknown();
         if (!isDone(m_objects.info(operation, request.key)))
@@ -435,9 +435,9 @@ void MultipartUploads::throwOutcomeUnknown(const S3Request& request)
 {
     throw UnknownErrorException("Outcome unknown",
         m_requester.contextOf(request).action +
-            " failed: the response was lost, the upload is gone, and the object under the key is not the one that it "
-            "should have made; somebody has aborted the upload or replaced the object, or the store tags objects in "
-            "its own way");
+            " failed: the response was lost, the upload no longer exists, and the object under the key is not the "
+            "expected one; the upload may have been aborted, the object may have been replaced, or the store uses "
+            "entity tags of its own");
 }
 
 /// Whether the store has said that the upload no longer exists; false when the request for it fails.

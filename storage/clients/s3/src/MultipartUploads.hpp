@@ -23,7 +23,7 @@ namespace storage::clients::s3
 
 /// Objects that are written in parts. The operations are those of CloudClient.
 ///
-/// Parts that the store accepts as they are are sent at once. Copies, and small parts of a file that had content
+/// Parts that the store accepts unchanged are sent immediately. Copies, and small parts of a file that had content
 /// before, are only recorded. The completion knows their neighbours, combines them into few requests and runs several
 /// at a time. After a transient failure the parts it has transferred remain, so that a retry transfers only the missing
 /// ones.

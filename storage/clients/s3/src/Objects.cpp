@@ -40,7 +40,7 @@ std::string rangeField(const ByteRange& range)
     return fmt::format("bytes={}-{}", range.offset, range.offset + range.size - 1);
 }
 
-/// In a row. Each may stand for some thousand deleted keys, so a listing may have many.
+/// Maximum number of consecutive empty pages. Each may stand for thousands of deleted keys, so a listing may have many.
 constexpr unsigned maxEmptyPages = 1000;
 
 } // namespace
@@ -54,13 +54,13 @@ std::optional<ObjectInfo> Objects::info(Operation operation, const std::string& 
     const S3Request request{operation, key, "HEAD"};
     HttpResponse response = m_requester.send(request, {400, 401, 403, 404});
     if (response.status >= 400 &&
-        (response.status != 404 || !m_requester.sawBucket())) // 404: or there is no such bucket
+        (response.status != 404 || !m_requester.sawBucket())) // a 404 may mean a missing bucket
     {
         if (!existsByGet(request))
         {
             return std::nullopt;
         }
-        response = m_requester.send(request, {404}); // the failure is gone
+        response = m_requester.send(request, {404}); // the GET succeeded, so the failure was temporary
     }
     if (response.status == 404)
     {
@@ -77,8 +77,8 @@ std::optional<ObjectInfo> Objects::info(Operation operation, const std::string& 
     return ObjectInfo{true, unquotedTag(*tag), *size, readHttpTime(*time)};
 }
 
-/// Repeat a failed HEAD request as GET. Only a GET response has a document with the reason, which is needed to follow
-/// the bucket into its region and to recognise expired credentials.
+/// Send a failed HEAD request again as GET. Only the response to a GET contains the reason, from which the requester
+/// finds the bucket's region and recognises expired credentials.
 ///
 /// @return whether there is such an object
 bool Objects::existsByGet(S3Request request)
@@ -183,8 +183,8 @@ void Objects::read(const std::string& key, std::ostream& out, std::uint64_t firs
     }
     const auto readAs = [&](const std::optional<Version>& wanted)
     { return readVersion(Operation::GetObjectRange, key, out, range, wanted); };
-    // One response has one version of the whole object. If this process itself has replaced the object meanwhile, the
-    // new version is as good.
+    // A single response contains a single version of the whole object. If this process has replaced the object
+    // meanwhile, the new version is also correct.
     const bool isRead = readAs(version) || (isWhole && observation.sawWrite() && readAs(std::nullopt));
     if (!isRead)
     {

@@ -22,7 +22,7 @@ struct VersionMismatch
 {
 };
 
-/// Throw that a range ends beyond the object, which has become shorter.
+/// Throw the exception for a range that ends beyond an object, because the object has become shorter.
 [[noreturn]] void throwBeyondEnd(const std::string& key, const ByteRange& range);
 
 /// The length of a response in bytes; nothing when it does not state it.

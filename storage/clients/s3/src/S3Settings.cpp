@@ -138,7 +138,7 @@ S3Settings parseS3Url(const std::string& url)
             const auto parameter = known.find(name);
             if (parameter == known.end())
             {
-                refuse("an S3 store has no parameter \"" + name + "\"");
+                refuse("unknown parameter \"" + name + "\"");
             }
             parameter->second(name, value);
         }

@@ -19,7 +19,7 @@ using Segments = std::vector<PlannedBytes>;
 
 [[noreturn]] void refuse(const std::string& reason)
 {
-    throw cloudprovider::UnsupportedOperationException("the store accepts no such parts: " + reason);
+    throw cloudprovider::UnsupportedOperationException("the store would refuse the upload: " + reason);
 }
 
 PlannedBytes bytesOf(const FilePart& part)
@@ -38,7 +38,7 @@ std::uint64_t sizeOf(const Segments& segments)
     return size;
 }
 
-/// Append bytes to a row; adjacent ranges of the object are merged.
+/// Append bytes to the segments; adjacent ranges of the object are merged.
 void append(Segments& segments, const PlannedBytes& bytes)
 {
     if (!segments.empty() && segments.back().place == PartPlace::Object && bytes.place == PartPlace::Object &&
@@ -52,7 +52,7 @@ void append(Segments& segments, const PlannedBytes& bytes)
     }
 }
 
-/// Cut the first `size` bytes off a row.
+/// Remove the first `size` bytes from the segments and return them.
 Segments takeFront(Segments& segments, std::uint64_t size)
 {
     Segments front;
@@ -78,7 +78,7 @@ Segments takeFront(Segments& segments, std::uint64_t size)
 class PartRun
 {
 public:
-    /// @param isLast  whether it ends the file
+    /// @param isLast    whether it ends the file
     /// @param maxParts  maximum number of parts
     PartRun(const UploadLimits& limits, bool isLast, std::size_t maxParts)
         : m_limits(limits)
@@ -142,13 +142,14 @@ private:
         }
     }
 
-    /// Enlarge a remainder that is too small and stands before an uploaded part: it takes bytes from the part planned
-    /// last, or all of it.
+    /// Enlarge a remainder that is too small to be a part and precedes an uploaded part: move bytes to it from the part
+    /// planned last, or all of that part.
     void fillFromPrevious()
     {
         if (m_parts.empty())
         {
-            refuse(fmt::format("{} bytes have no neighbour before an uploaded part", sizeOf(m_pending)));
+            refuse(
+                fmt::format("{} bytes before an uploaded part are too few for a part of their own", sizeOf(m_pending)));
         }
         PlannedPart& before = m_parts.back();
         const std::uint64_t missing = m_limits.minPartSize - sizeOf(m_pending);
@@ -222,7 +223,7 @@ private:
 
     const UploadLimits& m_limits;
     const bool m_isLast;
-    const std::size_t m_maxParts; // parts
+    const std::size_t m_maxParts;
     Segments m_bytes;
     Segments m_pending;               // to be sent together with the bytes that follow
     std::vector<PlannedPart> m_parts; // not split yet
@@ -251,7 +252,7 @@ std::vector<PlannedPart> planEqual(const std::vector<FilePart>& file, const Uplo
         const bool isLast = i + 1 == parts.size();
         if (isLast ? parts[i].size > parts[0].size : parts[i].size != parts[0].size)
         {
-            refuse(fmt::format("part {} has {} bytes, and all but the last must have the {} of the first",
+            refuse(fmt::format("part {} has {} bytes; every part but the last must have {} bytes, like the first",
                 parts[i].number, parts[i].size, parts[0].size));
         }
     }
@@ -281,7 +282,7 @@ std::vector<PlannedPart> planJoined(const std::vector<FilePart>& file, const Upl
         {
             if (!parts.empty() && parts.back().number > sent->index)
             {
-                refuse(fmt::format("too many of them precede part {}", sent->index + 1));
+                refuse(fmt::format("too many parts precede part {}", sent->index + 1));
             }
             parts.push_back({sent->index + 1, How::Keep, sent->size, {}});
             ++next;
@@ -305,20 +306,20 @@ UploadPlan planUpload(const std::vector<FilePart>& file, const UploadLimits& lim
     }
     if (plan.size > limits.maxObjectSize)
     {
-        refuse(fmt::format("they have {} bytes in all, and an object has {} at most", plan.size, limits.maxObjectSize));
+        refuse(fmt::format("the object would have {} bytes; the maximum is {}", plan.size, limits.maxObjectSize));
     }
     plan.parts = limits.equalParts ? planEqual(file, limits) : planJoined(file, limits);
     if (plan.parts.back().number > limits.maxParts)
     {
         refuse(fmt::format(
-            "there are {} of them, and an object has {} at most", plan.parts.back().number, limits.maxParts));
+            "the object would have {} parts; the maximum is {}", plan.parts.back().number, limits.maxParts));
     }
     for (const PlannedPart& part : plan.parts)
     {
         if (part.size < limits.minPartSize && &part != &plan.parts.back())
         {
-            refuse(fmt::format(
-                "part {} has {} bytes, and all but the last need {}", part.number, part.size, limits.minPartSize));
+            refuse(fmt::format("part {} has {} bytes; every part but the last needs at least {}", part.number,
+                part.size, limits.minPartSize));
         }
     }
     plan.needsVersionCheck = !limits.pinnedCopies && std::any_of(plan.parts.begin(), plan.parts.end(),

@@ -84,7 +84,7 @@ struct UploadPlan
 /// Adjacent unchanged parts become one copy. Bytes that the store would refuse as a part of their own because they are
 /// too few, such as a small changed part or the unchanged bytes between two of them, are sent together with their
 /// neighbours.
-/// @throws cloudprovider::UnsupportedOperationException when no list of requests keeps to the limits
+/// @throws cloudprovider::UnsupportedOperationException when the limits make an upload impossible
 UploadPlan planUpload(const std::vector<FilePart>& file, const UploadLimits& limits);
 
 } // namespace storage::clients::s3

@@ -25,9 +25,9 @@ using cloudprovider::InvalidLocationException;
 
 [[noreturn]] void refuse(const std::string& reason)
 {
-    throw InvalidLocationException(
-        "Invalid store", reason + "; a store is named by local:DIR, local: (the default directory), memory: or "
-                                  "s3://BUCKET?endpoint=URL&region=REGION&path-style=1");
+    throw InvalidLocationException("Invalid store", reason +
+                                                        "; use local:DIR, local: (the default directory), memory: or "
+                                                        "s3://BUCKET?endpoint=URL&region=REGION&path-style=1");
 }
 
 /// The directory that a variable names; empty when it is not set. A relative path counts as not set.
@@ -76,7 +76,8 @@ std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, st
     {
         s3::S3Settings settings = s3::parseS3Url(url);
         settings.interrupted = interrupted;
-        // From the store upwards. Retries are inside, so that a part that is sent or prefetched is retried, too.
+        // From the innermost to the outermost. Retries are inside, so that background uploads and prefetches are
+        // retried, too.
         const auto retrying = std::make_shared<RetryingClient>(
             counted<S3Client>(settings), RetryPolicy(), RetryClock(), std::move(interrupted));
         const auto pipelined = std::make_shared<PipelinedUploadClient>(
@@ -85,7 +86,7 @@ std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, st
             pipelined, ReadAheadSettings{.transfers = settings.transfers == 1 ? 0 : settings.transfers,
                            .memory = settings.memory / 2});
     }
-    refuse("no such kind of store");
+    refuse("unknown kind of store");
 }
 
 } // namespace storage::clients

@@ -67,8 +67,8 @@ TEST_F(OpenStoreTest, OpensEachKindOfStoreInItsPlace)
 
 TEST_F(OpenStoreTest, RefusesOtherUrlsWithTheReasonAndTheForms)
 {
-    const std::pair<std::string, const char*> rows[] = {{"", "no such kind"}, {"ftp://host/x", "no such kind"},
-        {"memory:x", "no such kind"}, {"s3://user:secret@bucket", "credentials"}, {"s3://", "bucket"},
+    const std::pair<std::string, const char*> rows[] = {{"", "unknown kind"}, {"ftp://host/x", "unknown kind"},
+        {"memory:x", "unknown kind"}, {"s3://user:secret@bucket", "credentials"}, {"s3://", "bucket"},
         {"s3://bucket/folder", "bucket"}, {"s3:bucket", "s3://"}, {"?colour=red", "colour"},
         {"?region=a&region=b", "twice"}, {"?transfers=0", "\"transfers\" must be a number from 1 to 64"},
         {"?transfers=65", "\"transfers\" must be"}, {"?transfers=x", "\"transfers\" must be"},

@@ -117,7 +117,7 @@ CredentialsProvider::LoadResult ContainerCredentials::load()
     {
         headers.add("Authorization", std::move(token));
     }
-    MetadataService service("the container's endpoint for credentials", deadline);
+    MetadataService service("the container's credentials endpoint", deadline);
     try
     {
         return service.read(service.send("GET", *url, headers));

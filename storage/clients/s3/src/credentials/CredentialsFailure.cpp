@@ -10,7 +10,7 @@ cloudprovider::InvalidCredentialsException invalidCredentials(const std::string&
 
 TransientException credentialsUnavailable(const std::string& detail)
 {
-    return TransientException("Credentials not available at the moment", detail);
+    return TransientException("Credentials temporarily unavailable", detail);
 }
 
 } // namespace storage::clients::s3

@@ -38,7 +38,7 @@ public:
     ///
     /// @return NoCredentials when the place is not set up: the next provider may have some
     /// @throws cloudprovider::InvalidCredentialsException when it is set up wrongly: the next provider's credentials
-    ///         would be somebody else's; TransientException when it does not respond at the moment
+    ///         would be those of another identity; TransientException when it does not respond now
     virtual LoadResult load() = 0;
 };
 

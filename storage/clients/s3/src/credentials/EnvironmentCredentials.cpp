@@ -22,7 +22,7 @@ CredentialsProvider::LoadResult EnvironmentCredentials::load()
     }
     if (keyId.empty() || secret.empty())
     {
-        throw invalidCredentials("of AWS_ACCESS_KEY_ID and AWS_SECRET_ACCESS_KEY only one is set; set both or neither");
+        throw invalidCredentials("AWS_ACCESS_KEY_ID and AWS_SECRET_ACCESS_KEY: only one is set; set both or neither");
     }
     return IssuedCredentials{{keyId, secret, m_environment["AWS_SESSION_TOKEN"]}};
 }

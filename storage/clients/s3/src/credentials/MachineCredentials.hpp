@@ -16,8 +16,8 @@ class MachineCredentials : public CredentialsProvider
 public:
     explicit MachineCredentials(const Environment& environment);
 
-    /// As long as the service has never responded, it is not a failure that it cannot be reached: most machines have
-    /// none.
+    /// If the service is unreachable and has never responded, that is not a failure: most machines have no such
+    /// service.
     LoadResult load() override;
 
 private:

@@ -20,8 +20,8 @@ constexpr std::chrono::seconds refreshAhead =
 constexpr std::chrono::seconds minLifetime = 10s; // a service may return the same ones until shortly before they expire
 
 // How long a failed load is cached.
-constexpr std::chrono::seconds retryMissing = 60s;          // credentials are not set up more often
-constexpr std::chrono::seconds retryFailed = 1s;            // threads that have waited for the same load fail together
+constexpr std::chrono::seconds retryMissing = 60s;          // users configure credentials rarely
+constexpr std::chrono::seconds retryFailed = 1s;            // threads that waited for the same load share its failure
 constexpr std::chrono::seconds retryFailedWhileValid = 30s; // the old ones can still be used
 
 /// Refuse control characters: one would end its field of a request, and the text after it would become another field.
@@ -147,7 +147,7 @@ void RefreshingCredentials::keep(Failure failure, TimePoint now)
         if (logger.isEnabled(foundation::log::severity::warning))
         {
             logger.write(foundation::log::severity::warning,
-                "Continuing with the present credentials, which could not be replaced: " + failure.detail);
+                "Continuing with the current credentials, because they could not be replaced: " + failure.detail);
         }
         // Credentials without an expiry are only replaced after refresh() has dropped them, so these have one.
         m_reloadAfter = std::min(retryFailedWhileValid, m_issued->expiry.value_or(TimePoint::max()) - now);

@@ -98,7 +98,7 @@ private:
         const std::string_view rest = end == text.npos ? text : trimmed(text.substr(end + 1));
         if (!rest.empty() && !isComment(rest))
         {
-            return "a section is written [NAME]";
+            return "a section must be written [NAME]";
         }
         const auto name = profileName(m_kind, trimmed(text.substr(1, end - 1)));
         m_profile = name ? &m_profiles[*name] : &m_ignored;
@@ -111,7 +111,7 @@ private:
         const std::size_t sign = text.find('=');
         if (sign == text.npos || sign == 0)
         {
-            return "this is neither a section nor a setting";
+            return "this is neither a section nor a setting, NAME = VALUE";
         }
         if (m_profile == nullptr)
         {

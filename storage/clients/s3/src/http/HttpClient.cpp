@@ -18,9 +18,9 @@ namespace storage::clients::s3
 namespace
 {
 
-constexpr std::size_t maxIdle = 64;           // connections; any more are closed after their request
+constexpr std::size_t maxIdle = 64;           // connections; others are closed after their request
 constexpr std::size_t maxBodySize = 64 << 20; // bytes; a listing of 1,000 long keys has 2 MiB
-constexpr long bufferSize = 256 * 1024;       // bytes; large pieces cost less
+constexpr long bufferSize = 256 * 1024;       // bytes; fewer, larger reads and writes take less time
 
 /// Never cleans up: threads and static objects of the host may still send requests while the process exits. If the host
 /// has initialised OpenSSL before, its options remain.
@@ -119,7 +119,7 @@ public:
             // The library omits a field without a value unless it is written with a semicolon.
             addField(field.value.empty() ? field.name + ";" : field.name + ": " + field.value);
         }
-        addField("Expect:"); // do not wait for the store's consent to the body: that costs a round trip
+        addField("Expect:"); // do not wait for "100 Continue" before the body, which takes a round trip
         set(CURLOPT_HTTPHEADER, m_fields);
         set(CURLOPT_HEADERFUNCTION, &onHeader);
         set(CURLOPT_HEADERDATA, this);
@@ -156,7 +156,7 @@ public:
         }
         if (m_response.status == 0) // curl does not report this as an error
         {
-            throw HttpFailure(HttpFailure::Kind::Broken, "the response ended within its head");
+            throw HttpFailure(HttpFailure::Kind::Broken, "the response ended before its header was complete");
         }
         if (m_receiver && isReceived() && !m_delivered)
         {
@@ -242,7 +242,8 @@ private:
         const auto isControl = [](char letter) { return (letter >= 0 && letter < ' ') || letter == 0x7F; };
         if (std::any_of(field.value.begin(), field.value.end(), isControl))
         {
-            throw HttpFailure(HttpFailure::Kind::Invalid, "the field " + field.name + " has a control character");
+            throw HttpFailure(
+                HttpFailure::Kind::Invalid, "the header field " + field.name + " contains a control character");
         }
     }
 

@@ -39,7 +39,7 @@ void requireRegion(const std::string& region)
     static const std::regex form("[A-Za-z0-9-]{1,63}");
     if (!std::regex_match(region, form))
     {
-        refuse(quoted(region) + " is not the name of a region"); // quoted: the store may have sent it
+        refuse(quoted(region) + " is not a valid region name"); // quoted: the store may have sent it
     }
 }
 
@@ -56,19 +56,20 @@ BucketAddress::BucketAddress(const S3Settings& settings)
             [](unsigned char c) { return std::isalnum(c) != 0 || c == '-' || c == '.' || c == '_' || c == ':'; });
     if (!isName || m_bucket == "..")
     {
-        refuse("\"" + m_bucket + "\" is not the name of a bucket");
+        refuse("\"" + m_bucket + "\" is not a valid bucket name");
     }
     requireRegion(m_region);
     if (!settings.endpoint.empty())
     {
-        // A path of these characters has only one encoded form, which client and store sign alike.
+        // A path of these characters has only one encoded form, so client and store compute the same signature.
         static const std::regex form(
             R"((https?)://([a-z0-9.-]+|\[[0-9a-f:.]+\])(:\d{1,5})?(/([a-z0-9._~/-]|%[0-9a-f]{2})*)?)",
             std::regex::icase);
         std::smatch match;
         if (!std::regex_match(settings.endpoint, match, form))
         {
-            refuse("the endpoint must be like https://HOST or http://HOST:PORT"); // it may hold a password
+            refuse(
+                "the endpoint must be like https://HOST or http://HOST:PORT"); // not quoted: it may contain a password
         }
         m_scheme = boost::algorithm::to_lower_copy(match.str(1));
         m_endpointHost = boost::algorithm::to_lower_copy(match.str(2));

@@ -29,11 +29,11 @@ struct S3Request
     HttpHeaders headers = {};
     RequestBody* body = nullptr;       ///< borrowed; null: none
     bool uninterruptible = false;      ///< an interrupt does not cancel it
-    bool serverSideWork = false;       ///< the store moves bytes of its own before it responds
+    bool serverSideWork = false;       ///< the store moves bytes internally before it responds
     std::uint64_t serverSideBytes = 0; ///< how many, including those of concurrent requests; 0: few
 };
 
-/// Signs requests to one bucket, sends them, and translates failures into exceptions.
+/// Signs and sends requests to one bucket, and translates failures into exceptions.
 ///
 /// If the bucket turns out to be in another region, the request is sent again there, once. If the store calls the
 /// credentials expired, it is sent again with new ones, once. Other transient failures are left to callers that retry
@@ -69,7 +69,7 @@ public:
         }
     }
 
-    /// The entity tag of the request body, from the response, without quotes.
+    /// Return the entity tag that the store gave to the request body, without quotes.
     std::string sentTag(const S3Request& request, const HttpResponse& response);
 
     /// What messages say about a request.

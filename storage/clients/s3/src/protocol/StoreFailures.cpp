@@ -49,7 +49,7 @@ constexpr std::string_view checkCredentials = "check the credentials in the envi
 
 constexpr std::array rows{
     Row{"NoSuchKey", Meaning::NotFound, ""},
-    Row{"NoSuchUpload", Meaning::NotFound, "the upload was completed, or aborted by somebody"},
+    Row{"NoSuchUpload", Meaning::NotFound, "the upload was already completed or aborted"},
     Row{"NoSuchBucket", Meaning::BadLocation, "there is no such bucket; check its name, or create it first"},
     Row{"InvalidBucketName", Meaning::BadLocation, "check the name of the bucket"},
     Row{"InvalidObjectName", Meaning::BadLocation, "the store does not accept this name"},
@@ -81,8 +81,8 @@ constexpr std::array rows{
     Row{"InternalError", Meaning::Transient, ""},
     Row{"OperationAborted", Meaning::Transient, ""},
     Row{"ConditionalRequestConflict", Meaning::Transient, ""},
-    Row{"EntityTooSmall", Meaning::Other, "every part but the last must have 5 MiB"},
-    Row{"EntityTooLarge", Meaning::Other, "the store does not accept so many bytes at once"},
+    Row{"EntityTooSmall", Meaning::Other, "every part but the last must have at least 5 MiB"},
+    Row{"EntityTooLarge", Meaning::Other, "the store does not accept so many bytes in one request"},
 };
 
 Meaning meaningOf(int status)
@@ -252,7 +252,7 @@ void throwNoResponse(const FailureContext& context, const HttpFailure& failure)
     {
     case HttpFailure::Kind::Certificate:
         throw InvalidLocationException("Certificate refused",
-            detail + "; if the store has its own certificate authority, name its file with ca-file");
+            detail + "; if the store has its own certificate authority, pass its PEM file as ca-file in the URL");
     case HttpFailure::Kind::Invalid:
         throw InvalidLocationException("Invalid store", detail);
     case HttpFailure::Kind::Unreachable:
@@ -264,7 +264,7 @@ void throwNoResponse(const FailureContext& context, const HttpFailure& failure)
         break;
     case HttpFailure::Kind::Stalled:
     case HttpFailure::Kind::Broken:
-    case HttpFailure::Kind::Interrupted: // the store may have done its work, as after a broken connection
+    case HttpFailure::Kind::Interrupted: // the request may have taken effect, as after a broken connection
         break;
     }
     throw TransientException("Store unreachable", detail);

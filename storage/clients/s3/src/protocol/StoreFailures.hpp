@@ -17,7 +17,7 @@ struct FailureContext
     std::string bucket;
     std::string origin;     ///< scheme and host
     std::string keyId;      ///< of the credentials used; empty: anonymous
-    bool wasReached = true; ///< the store has responded before, so that it is down rather than misspelt
+    bool wasReached = true; ///< the store has responded before, so its address is correct
 };
 
 /// Throw the exception for a response that reports a failure.
@@ -35,7 +35,7 @@ struct FailureContext
 [[noreturn]] void throwMalformedResponse(
     const FailureContext& context, const HttpResponse& response, const std::string& reason);
 
-/// Throw that the object is no longer the version that the caller knows.
+/// Throw the exception for an object that is no longer the version that was opened.
 [[noreturn]] void throwObjectChanged(const FailureContext& context);
 
 } // namespace storage::clients::s3
