@@ -27,7 +27,7 @@ enum class ByteStreamCreate : std::uint32_t
 enum class ByteStreamTruncate : std::uint32_t
 {
     Discard = 0, ///< start with an empty file
-    Keep = 1,
+    Keep = 1,    ///< keep them
 };
 
 /// Where writes go.

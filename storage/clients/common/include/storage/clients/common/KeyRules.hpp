@@ -17,7 +17,7 @@ constexpr std::size_t maxKeyBytes = 1024;
 /// else is accepted, including blanks, quotes and "." segments: the provider decides what a path means.
 ///
 /// Call this only where an object or an upload is created. A lookup or removal does not check its key: an object with
-/// such a key does not exist, which is no error.
+/// such a key does not exist, and that is not an error.
 /// @throws InvalidLocationException whose detail contains the key and the reason
 void checkKey(const std::string& key);
 

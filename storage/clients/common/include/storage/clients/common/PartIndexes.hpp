@@ -7,10 +7,10 @@
 namespace storage::clients
 {
 
-/// A set of part indexes, kept as ranges so that a file of many parts costs one entry.
+/// A set of part indexes, stored as ranges, so that consecutive indexes need only one entry.
 ///
-/// Memory is bounded: once `maxRanges` separate ranges are held, an index that would need another is left out and
-/// complete() is false. A plain value; concurrent changes need the caller's lock.
+/// Memory is bounded: when there are `maxRanges` separate ranges, an index that would need another range is left out,
+/// and complete() is false from then on. A plain value; the caller synchronises concurrent changes.
 class PartIndexes
 {
 public:

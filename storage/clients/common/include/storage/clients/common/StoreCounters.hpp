@@ -11,7 +11,7 @@
 namespace storage::clients
 {
 
-/// What was counted up to one moment. A plain value.
+/// The counters at one moment. A plain value.
 struct CallSnapshot
 {
     struct Count
@@ -34,22 +34,22 @@ struct CallSnapshot
     bool operator==(const CallSnapshot&) const = default;
 };
 
-/// Print for people the operations that were called, in the interface's order, on one line without a line end:
-/// "uploadPart 1 (5.0 MiB; parts 6), copyPart 12 (60.0 MiB; parts 0-5,7-12), completeMultipartUpload 1"; "no calls"
-/// when there were none.
+/// Print the operations that were called, readable for people, in the interface's order, on one line without a line
+/// break: "uploadPart 1 (5.0 MiB; parts 6), copyPart 12 (60.0 MiB; parts 0-5,7-12), completeMultipartUpload 1"; "no
+/// calls" when there were none.
 std::ostream& operator<<(std::ostream& out, const CallSnapshot& snapshot);
 
 /// Format a size for people, in powers of 1,024 with one decimal from KiB on: "512 B", "5.0 MiB".
 std::string formatBytes(std::uint64_t bytes);
 
-/// Interface of a client that counts calls, CountingClient. A host gets it with findInterface().
+/// The interface of a client that counts calls, such as CountingClient. A host gets it with findInterface().
 class StoreCounters
 {
 public:
     virtual ~StoreCounters() = default;
 
-    /// Copy what was counted since this client was made. From any thread. A call that is in progress has been counted,
-    /// its bytes and its part have not.
+    /// Return a copy of the counters, which start at 0 when the client is created. Any thread may call this. A call in
+    /// progress is included, but not yet its bytes and its part.
     virtual CallSnapshot callSnapshot() const = 0;
 };
 

@@ -18,14 +18,14 @@ namespace storage::clients
 /// - The same call with the same arguments is safe: whatever the failed call has done in the store, the retried one
 ///   ends as if it had been the only one.
 ///
-/// The second is the client's promise for each operation, since it alone knows its store:
+/// The second condition is a promise of the client for each operation, since only the client knows its store:
 ///
 /// | operation                             | why a retry is safe                                                     |
 /// |---------------------------------------|-------------------------------------------------------------------------|
 /// | getObjectInfo, validateObjectName,    | they change nothing                                                     |
 /// | listObjects, getObjectRange,          |                                                                         |
 /// | getObjectParts                        |                                                                         |
-/// | deleteObject                          | a missing object is no failure                                          |
+/// | deleteObject                          | a missing object is not an error                                        |
 /// | putObject                             | the same bytes again; of several writers the last one wins              |
 /// | createMultipartUpload                 | an upload whose id was lost stays open without parts; only an           |
 /// |                                       | UploadInventory shows it                                                |
@@ -34,18 +34,18 @@ namespace storage::clients
 /// | completeMultipartUpload               | only if, after such a failure, the client asks the store for the        |
 /// |                                       | outcome before it completes again or reports a failure                  |
 ///
-/// The last two depend on earlier calls, and a client cannot tell a retry from a new call: it remembers the ids of
-/// uploads whose outcome is unknown.
+/// The last two depend on earlier calls, and a client cannot distinguish a retry from a new call. It therefore
+/// remembers the ids of uploads whose outcome is unknown.
 ///
 /// A call that works in many steps, and whose retry skips those already done, reports whether it made progress. The
 /// retry budget then starts again. To guarantee that retries end, a client reports progress only for steps whose number
 /// is bounded.
 ///
-/// To a host that does not retry it is an UnknownErrorException like any other.
+/// For a host that does not retry, it is an ordinary UnknownErrorException.
 class TransientException : public cloudprovider::UnknownErrorException
 {
 public:
-    /// @param retryAfter    how long the store asked to wait; nothing: it did not say
+    /// @param retryAfter    how long the store asked to wait; empty if it did not say
     /// @param madeProgress  the call completed a step that a retry will skip
     explicit TransientException(const std::string& message, std::optional<std::string> detail = std::nullopt,
         std::optional<std::chrono::milliseconds> retryAfter = std::nullopt, bool madeProgress = false)

@@ -11,21 +11,21 @@
 namespace storage::clients
 {
 
-/// Let a program prevent that what it is writing becomes visible.
+/// Cancel writes, so that an incomplete file never becomes visible.
 ///
-/// A file written through the provider is committed when its last stream closes, and a stream can only be closed. So a
-/// program whose source failed half-way cancels the key first and closes then: the commit is refused, the close fails,
-/// the upload is aborted, and the object under the key stays what it was.
+/// The provider commits a file when its last stream is closed, and a stream cannot be discarded without closing it. If
+/// a program cannot finish a file, it cancels the key first and then closes the stream. This client then rejects the
+/// commit: the close fails, the upload is aborted, and the object under the key does not change.
 ///
 /// While a key is cancelled, every operation on it that stores something throws UnknownErrorException: putObject(),
 /// createMultipartUpload(), uploadPart(), copyPart() and completeMultipartUpload(). While the process is interrupted,
-/// these and deleteObject() throw for every key, so that the removal of a tree stops, too. Everything else passes,
-/// abortMultipartUpload() above all. A call that is already in progress is not affected.
-/// Safe for concurrent calls on one instance.
+/// these and deleteObject() throw for every key, so that the removal of a tree stops, too. All other operations pass,
+/// in particular abortMultipartUpload(), which cleans up. A call that is already in progress is not affected. Safe for
+/// concurrent calls on one instance.
 class CancellableClient : public InterceptingClient
 {
 public:
-    /// Forbids the commit of one key for as long as it lives. Keep it until every stream on the file is gone.
+    /// Keeps one key cancelled during its lifetime. Keep it until every stream on the file is destroyed.
     class Cancellation
     {
     public:
@@ -36,15 +36,16 @@ public:
 
     private:
         CancellableClient& m_client;
-        const std::multiset<std::string>::iterator m_entry; // stays valid whatever else comes and goes
+        const std::multiset<std::string>::iterator m_entry; // stays valid while other entries change
     };
 
-    /// @param interrupted  whether the process is interrupted. Asked on the caller's thread before each call that
+    /// @param interrupted  whether the process is interrupted. Called on the caller's thread before each call that
     ///                     changes the store; must be safe to call from any thread. Empty: never.
     explicit CancellableClient(
         std::shared_ptr<cloudprovider::CloudClient> inner, std::function<bool()> interrupted = {});
 
-    /// Cancel one key until the result is destroyed. Cancelling a key twice is allowed; the last one to go releases it.
+    /// Cancel one key until the result is destroyed. A key may be cancelled several times; it stays cancelled until the
+    /// last Cancellation is destroyed.
     [[nodiscard]] Cancellation cancel(const std::string& key) { return {*this, key}; }
 
 protected:

@@ -10,16 +10,16 @@
 namespace storage::clients
 {
 
-/// Remember why the store refused, for a host that tells people.
+/// Record the failures of the inner client, for a host that reports them to its users.
 ///
-/// Some reasons do not reach the host: framework code 9 travels without a detail, and the last close of a file whose
-/// upload could not even be opened ends quietly, since the stored object is untouched. A host that asks here after each
-/// file finds out in both cases.
+/// The provider does not report every reason: a failure with framework code 9 has no detail, and closing a file whose
+/// multipart upload could not be opened reports success, since the stored object is unchanged. In both cases, a host
+/// that calls takeFailure() after each file gets the reason.
 ///
-/// Every failure is rethrown unchanged. The latest failure of each key is kept until it is taken, or until putObject()
-/// or completeMultipartUpload() commits the key: a retry has then succeeded. Failures of validateObjectName(), which
-/// knows no key, and of abortMultipartUpload(), which are never the cause, are not kept. Safe for concurrent calls on
-/// one instance.
+/// Every failure is rethrown unchanged. The latest failure of each key is kept until takeFailure() returns it, or until
+/// putObject() or completeMultipartUpload() commits the key, because a retry has then succeeded. Failures of
+/// validateObjectName(), which has no key, and of abortMultipartUpload(), which is never the cause, are not kept. Safe
+/// for concurrent calls on one instance.
 class FailureRecordingClient : public InterceptingClient
 {
 public:

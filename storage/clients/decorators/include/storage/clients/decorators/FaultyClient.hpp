@@ -26,17 +26,18 @@ struct Fault
         AfterEffect
     };
 
-    std::optional<Operation> operation = std::nullopt; ///< whose calls count; empty: those of every operation
-    std::uint64_t call = 0; ///< the one that fails, 1 being the next to arrive; 0: every one until cleared
+    std::optional<Operation> operation = std::nullopt; ///< the operation that fails; empty: any operation
+    std::uint64_t call = 0; ///< the call that fails; 1 is the next one; 0: every call until the fault is cleared
     Moment moment = Moment::BeforeEffect;
     std::exception_ptr failure = nullptr; ///< thrown; null: an UnknownErrorException that names operation and key
 };
 
-/// Let any client misbehave on command, for tests: fail, run a hook, deliver too few bytes, send empty pages.
+/// Inject faults into any client, for tests: failures, hooks, truncated downloads and empty pages.
 ///
-/// Safe for concurrent calls, also of the controls, on one instance. A control affects the calls that arrive later. No
-/// lock is held while a hook or the inner client runs. The order of one call is: hook, faults before the effect, the
-/// inner client, faults after the effect. A call that the inner client fails throws the inner client's failure.
+/// Safe for concurrent calls on one instance, including the functions that configure it. These affect only calls that
+/// arrive later. No lock is held while a hook or the inner client runs. The order of one call is: hook, faults before
+/// the effect, the inner client, faults after the effect. If the inner client fails, the call throws the inner client's
+/// failure.
 class FaultyClient : public InterceptingClient
 {
 public:
@@ -44,22 +45,23 @@ public:
 
     using InterceptingClient::InterceptingClient;
 
-    /// Add a fault. Faults are independent: each counts the calls that arrive after it was added, and when several
-    /// concern one call the first added is thrown.
+    /// Add a fault. Faults are independent: each counts the calls that arrive after it was added. If several apply to
+    /// one call, the call throws the one that was added first.
     void inject(Fault fault);
 
     /// Remove all faults.
     void clearFaults();
 
-    /// Run this at the beginning of every call, on the calling thread: a gate, a record, or a failure of choice, since
-    /// the call throws what the hook throws. An empty hook removes it; calls that are inside it stay there.
+    /// Run this at the beginning of every call, on the calling thread. It may block, record the call, or throw, and the
+    /// call throws what the hook throws. An empty hook removes the current one, but does not end calls that are inside
+    /// it.
     void setHook(Hook hook);
 
-    /// End getObjectRange() with success after at most so many bytes, as a careless client of a broken connection
-    /// would. Without an argument, as at first, every byte is delivered.
+    /// Let getObjectRange() succeed after at most this many bytes, like a client that does not notice a broken
+    /// connection. Without an argument, which is the initial state, all bytes are delivered.
     void setDownloadLimit(std::uint64_t bytes = std::numeric_limits<std::uint64_t>::max()) noexcept;
 
-    /// Send so many empty pages before each page of a listing; 0, as at first: none.
+    /// Send this many empty pages before each page of a listing; initially 0.
     void setEmptyPages(unsigned pages) noexcept;
 
     std::vector<cloudprovider::ObjectEntry> listObjects(
@@ -70,7 +72,7 @@ protected:
     void around(const Call& call, const std::function<void()>& proceed) override;
 
 private:
-    /// Count the call for every fault that concerns it. @return the fault that this call gets
+    /// Count the call for every fault that applies to it. @return the fault that this call throws
     std::optional<Fault> takeFault(const Call& call);
 
     std::mutex m_mutex;          // innermost: released before a hook or the inner client runs

@@ -10,7 +10,7 @@ namespace storage::clients
 /// Find an interface that a client offers beside CloudClient, such as StoreCounters: its own, or the one of the nearest
 /// client inside it if it is a decorator.
 ///
-/// @return valid as long as `client`; null when none of them offers it, which is no failure
+/// @return valid as long as `client`; null when none of them offers it, which is not an error
 template <typename Interface>
 Interface* findInterface(cloudprovider::CloudClient& client)
 {

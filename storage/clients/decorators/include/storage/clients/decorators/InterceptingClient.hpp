@@ -16,12 +16,13 @@ namespace storage::clients
 
 /// Wrap a client so that every operation passes through one function: the base of all decorators.
 ///
-/// A decorator that concerns all operations, or a kind of them, overrides around(). One that concerns the arguments or
-/// the result of an operation overrides that operation, and calls the base's to go through around(), or inner() not to.
-/// This is the only class that lists the operations of CloudClient for decorators: a new one is added here, and passes
-/// through every around() from then on.
+/// A decorator that treats all or several operations alike overrides around(). A decorator that needs the arguments or
+/// the result of an operation overrides that operation. There it calls the base class's operation, which passes through
+/// around(), or inner(), which does not. This is the only class that lists the operations of CloudClient for
+/// decorators: a new one is added here, and passes through every around() from then on.
 ///
-/// Adds no state and no lock; as safe for concurrent calls as the inner client, whose contract it keeps.
+/// Keeps the contract of the inner client. Adds no state and no lock, so it is as safe for concurrent calls as the
+/// inner client.
 class InterceptingClient : public cloudprovider::CloudClient
 {
 public:
@@ -59,11 +60,12 @@ protected:
             0; ///< bytes that putObject() or uploadPart() sends, or copyPart() copies; 0 for all others
     };
 
-    /// Make one call. This default does nothing else.
+    /// Make one call. This default does nothing else. Called on the thread of the operation's caller, without any lock
+    /// of this class.
     ///
     /// @param proceed  makes the call of the inner client, and throws what that throws. May be called several times, if
-    ///                 the arguments allow it: the last result counts. Not called: the result is empty.
-    /// Called on the thread of the operation's caller, under no lock of this class.
+    ///                 the arguments allow it; the operation returns the last result. If it is not called, the
+    ///                 operation returns an empty result.
     virtual void around(const Call& call, const std::function<void()>& proceed);
 
 private:

@@ -33,8 +33,8 @@ struct PipelineSettings
 /// With one transfer nothing is deferred: every call passes through on its caller's thread and copies no bytes.
 ///
 /// Memory: uploadPart() blocks while all buffers are in use. A part is sent on the caller's thread, without copying its
-/// bytes, if it is larger than all buffers together or than what the parts kept after a failure leave of them. Memory
-/// is returned to the system when no part is in flight or kept.
+/// bytes, if it is larger than all buffers together, or larger than the space that failed parts leave of them. Memory
+/// is returned to the system when no part is in flight or kept after a failure.
 ///
 /// Failures: a failed transfer keeps its bytes for a retry. The next uploadPart() or copyPart() of the upload throws
 /// the transfer's exception, once. That call consumes no content and starts no transfer, and may be retried. If several
@@ -52,12 +52,12 @@ struct PipelineSettings
 ///
 /// Tags: copyPart() and createMultipartUpload() accept provisional tags, too. They pass the store's tag on if it is
 /// known, which it is for the last 20,000 parts of uploads that have ended. With any other provisional tag, copyPart()
-/// fails with UnknownErrorException, since nobody can tell whether the object is the one that was meant.
+/// fails with UnknownErrorException, since this client cannot know whether the object is still the intended one.
 /// createMultipartUpload() waits for that part if its transfer is waiting or in flight; otherwise it passes on no tag.
 ///
-/// Threads: any, at the same time. This client starts its threads on demand, at most one per transfer, and they end
-/// with it. They call the inner client, too. No lock is held during calls of the inner client. If no thread can be
-/// started at all, parts are sent and copied on the caller's thread. Besides CloudExceptions a call may throw
+/// Threads: any thread may call at any time. This client starts its threads on demand, at most one per transfer, and
+/// they end with it. They call the inner client, too. No lock is held during calls of the inner client. If no thread
+/// can be started at all, parts are sent and copied on the caller's thread. Besides CloudExceptions a call may throw
 /// std::bad_alloc. Destroy the client only when no call is in progress.
 class PipelinedUploadClient : public InterceptingClient
 {

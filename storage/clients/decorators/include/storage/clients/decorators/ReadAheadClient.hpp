@@ -30,12 +30,12 @@ struct ReadAheadSettings
 /// offset 0 counts as sequential from its second range in a row; one that starts elsewhere, from its third. So neither
 /// the first range of an object triggers a prefetch nor a single access in its middle, even one that spans two parts.
 /// The window, which is what is prefetched beyond the reader, starts at one range. Each consecutive range doubles it,
-/// and it closes when the reader goes elsewhere. Up to 8 readers of one object are tracked separately. Readers in step
-/// share what is prefetched.
+/// and it closes when the reader seeks elsewhere. Up to 8 readers of one object are tracked separately. Readers at the
+/// same position share the prefetched bytes.
 ///
 /// Memory: bytes that all their readers have read are dropped. Bytes that are not read are dropped when other readers
-/// have read some hundreds of ranges meanwhile, or need the memory. So while nobody else reads, what the last readers
-/// left behind stays in memory, within `memory`.
+/// have read some hundreds of ranges meanwhile, or need the memory. Without further reads, the bytes that the last
+/// readers left unread stay in memory; `memory` limits them.
 ///
 /// Objects: an object is prefetched only if its size is known from a getObjectParts() through this client, after the
 /// last write through this client. The sizes of 256 objects are kept; the least recently used is forgotten. Reads of
@@ -43,18 +43,18 @@ struct ReadAheadSettings
 /// completely or not at all.
 ///
 /// Versions: ranges are prefetched by the same calls that a reader would make, so they come from the version that the
-/// inner client pins for readers. If it pins none, the object may be changed behind this client's back between two
-/// calls. Prefetched bytes are dropped when getObjectParts() fails or returns something else than before, and at the
-/// start and at the end of putObject(), deleteObject() and completeMultipartUpload(), whether these succeed or not.
-/// Once one of these calls has returned, no byte is delivered that was prefetched before it.
+/// inner client pins for readers. If it pins none, another program may change the object between two calls. Prefetched
+/// bytes are dropped when getObjectParts() fails or returns other parts than before, and at the start and at the end of
+/// putObject(), deleteObject() and completeMultipartUpload(), whether these succeed or not. Once one of these calls has
+/// returned, no byte is delivered that was prefetched before it.
 ///
 /// Failures: a failed prefetch is not an error. It is logged and closes the window. The reader then requests the range
 /// from the inner client itself, and gets the error of that call if it fails, too.
 ///
-/// Threads: any, at the same time. A call may wait for a range that another thread is already fetching. No lock is held
-/// during calls of the inner client. Threads start on demand. The destructor ends them: it drops queued ranges and
-/// waits for those in flight, for as long as the inner client takes. Destroy the client only when no call is in
-/// progress.
+/// Threads: any thread may call at any time. A call may wait for a range that another thread is already fetching. No
+/// lock is held during calls of the inner client. Threads start on demand. The destructor ends them: it drops queued
+/// ranges and waits for those in flight, for as long as the inner client takes. Destroy the client only when no call is
+/// in progress.
 class ReadAheadClient : public InterceptingClient
 {
 public:

@@ -16,7 +16,7 @@ namespace storage::clients
 
 class TransientException;
 
-/// How long a RetryingClient retries. Nothing is negative.
+/// How long a RetryingClient retries. No value may be negative.
 struct RetryPolicy
 {
     std::chrono::milliseconds firstDelay{100}; ///< maximum of the first wait; doubled for each wait that follows
@@ -25,11 +25,10 @@ struct RetryPolicy
                                                                 ///< or after the last attempt that made progress
 };
 
-/// A uniformly distributed duration in [0, max]. From any thread.
+/// Return a uniformly distributed random duration in [0, max]. Any thread may call this.
 std::chrono::steady_clock::duration uniformJitter(std::chrono::steady_clock::duration max);
 
-/// Clock, sleep and randomness, which a test replaces. Each must be safe to call from any thread, also at the same
-/// time.
+/// Clock, sleep and random delays, which a test replaces. Each must be safe for concurrent calls.
 struct RetryClock
 {
     using Duration = std::chrono::steady_clock::duration;
@@ -42,27 +41,29 @@ struct RetryClock
 /// Retry calls that fail with a TransientException, with exponential backoff and jitter.
 ///
 /// Waits: the k-th wait, k = 0 first, is uniformly random in [0, min(maxDelay, firstDelay * 2^k)], so that clients
-/// which failed together do not return together. If the store said how long to wait, that time is added. A wait that
-/// would end beyond the budget is not begun. An interrupt ends a wait within a tenth of a second. The budget does not
-/// end an attempt that is in progress: the inner client limits how long one takes. After an attempt that failed but
-/// made progress, as its TransientException says, the delays and the budget start again.
+/// which failed at the same time do not retry at the same time. If the store said how long to wait, that time is added.
+/// A wait that would end beyond the budget does not start. An interrupt ends a wait within a tenth of a second. The
+/// budget does not end an attempt that is in progress: the inner client limits how long one takes. After an attempt
+/// that failed but made progress, as its TransientException says, the delays and the budget start again.
 ///
-/// After the last attempt the call throws a TransientException again. Its detail adds to the store's own the number of
-/// attempts, the time since the first, and why there is no further one. All other exceptions pass at once.
+/// If there is no further attempt, the call throws a TransientException. Its detail is that of the last failure,
+/// followed by the number of attempts, the time since the first one, and the reason why there is no further one. All
+/// other exceptions are passed on at once.
 ///
-/// Content streams: a stream that has positions is set back to where the call began before each retry, which then reads
-/// the same bytes again, or overwrites what the failed attempt wrote. With a stream that has none, the call is retried
-/// only as long as no byte has been read from it or written to it. Do not use getObjectRange() with a file that was
-/// opened for appending: it ignores the position. If a retry of getObjectRange() for the whole object finds it shorter
-/// than what was already written, the call fails, since the surplus cannot be removed.
+/// Content streams: before each retry, a seekable stream is rewound to its position at the start of the call. The retry
+/// reads the same bytes again, or overwrites what the failed attempt wrote. With a stream that is not seekable, the
+/// call is retried only while no byte has been read from it or written to it. Do not pass a file stream opened for
+/// appending to getObjectRange(): it writes at the end, wherever it is rewound to. If a retry of getObjectRange() for
+/// the whole object delivers fewer bytes than a failed attempt has already written, the call fails, since the surplus
+/// cannot be removed.
 ///
-/// Threads: any, at the same time. A call waits and retries on its caller's thread; no lock is held meanwhile. The
-/// number of concurrent calls is not limited here. Destroy it when no call is in progress.
+/// Threads: any thread may call at any time. A call waits and retries on its caller's thread; no lock is held
+/// meanwhile. The number of concurrent calls is not limited here. Destroy the client only when no call is in progress.
 class RetryingClient : public InterceptingClient
 {
 public:
-    /// @param interrupted  whether the process is interrupted: then no call is retried. Asked on the thread that waits;
-    ///                     must be safe to call from any thread. Empty: never.
+    /// @param interrupted  whether the process is interrupted: then no call is retried. Called on the thread that
+    ///                     waits; must be safe to call from any thread. Empty: never.
     explicit RetryingClient(std::shared_ptr<cloudprovider::CloudClient> inner, RetryPolicy policy = {},
         RetryClock clock = {}, std::function<bool()> interrupted = {});
 
@@ -79,7 +80,7 @@ protected:
 private:
     struct Attempts;
 
-    /// @param rewind  makes ready for a further attempt; false: that is impossible
+    /// @param rewind  prepares a further attempt; returns false if that is impossible
     void retry(const Call& call, const std::function<void()>& proceed, const std::function<bool()>& rewind) const;
 
     RetryClock::Duration firstMaxDelay() const;

@@ -46,26 +46,27 @@ class StagedContent;
 ///
 /// Uploads stay open until they are completed or aborted, even if the process that began them ends.
 ///
-/// Failures: a full disk, damage and other failures that the caller did not cause are UnknownErrorExceptions. A content
-/// file with a wrong size is damage, and none of its bytes are served. Denied access is a PermissionDeniedException.
-/// Keys that checkKey() refuses cannot be stored: InvalidLocationException.
+/// Failures: a full disk, a damaged store and other failures that the caller did not cause throw UnknownErrorException.
+/// A content file with a wrong size counts as damaged, and none of its bytes are returned. Denied access throws
+/// PermissionDeniedException. Storing under a key that checkKey() refuses throws InvalidLocationException.
 class LocalClient final : public cloudprovider::CloudClient, public UploadInventory
 {
 public:
     /// Contents of at most this many bytes are stored inline in the index, larger ones in a file each.
     ///
-    /// A file costs two more syncs and a rename. On ext4 an object of 4 KiB takes 0.2 ms inline and 0.7 ms in a file,
-    /// one of 64 KiB 0.5 ms and 3 ms. Inline is faster up to 1 MiB and more. But inline bytes are written twice, while
-    /// all other writers wait, and the index never shrinks. 64 KiB gives most of the gain.
+    /// A file needs two more syncs and a rename. On ext4 an object of 4 KiB takes 0.2 ms inline and 0.7 ms in a file,
+    /// one of 64 KiB 0.5 ms and 3 ms. Inline is faster up to 1 MiB and more. But inline bytes are written twice while
+    /// all other writers wait, and the index never shrinks. At 64 KiB, most of the speed is gained.
     static constexpr std::uint64_t defaultMaxInlineSize = 64 * 1024;
 
     /// Open the store in a directory. A missing directory is created with its parents, and an empty one becomes an
-    /// empty store. Only this user gets access to what is created. A directory that is refused is left unchanged.
+    /// empty store. Only this user gets access to what is created. If opening fails, an existing directory is left
+    /// unchanged.
     ///
     /// @param maxInlineSize  bytes; applies to what this client stores, and may differ between clients of one store
     /// @throws InvalidLocationException when the path is a file, or a directory with other content
     /// @throws PermissionDeniedException when the directory cannot be created, read or written
-    /// @throws UnknownErrorException when the index is damaged, or has another version than this program knows
+    /// @throws UnknownErrorException when the index is damaged, or has a version that this program does not support
     explicit LocalClient(const std::filesystem::path& directory, std::uint64_t maxInlineSize = defaultMaxInlineSize);
 
     /// No call may be in progress.

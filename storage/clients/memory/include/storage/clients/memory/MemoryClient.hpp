@@ -29,28 +29,28 @@ struct OpenUpload
     boost::posix_time::ptime created;
 };
 
-/// An object store in memory, for tests, examples and measurements: the whole contract of CloudClient.
+/// An object store in memory, for tests, examples and benchmarks. It implements the whole contract of CloudClient.
 ///
-/// Contents are immutable and shared: putting and uploading copies bytes once, copying parts and completing uploads
-/// never does, and a reader goes on reading what it began to read. Bytes stay in memory while any object, upload or
-/// reader uses a part of the content that they were stored with.
+/// Contents are immutable and shared. putObject() and uploadPart() copy the bytes once; copyPart() and
+/// completeMultipartUpload() copy none. A read in progress continues with the content that it started with, even if the
+/// object is replaced or deleted. A content stays in memory as a whole while any object, upload or reader uses a part
+/// of it.
 ///
-/// Every part and object gets a tag of its own, also when its bytes are not new, so a stale copy is always noticed.
-/// Parts are returned as they were completed, numbered from 0; an object put whole is one part. Names and keys are
-/// judged by checkObjectName() and checkKey().
+/// Every stored object and part gets a new tag, even if its bytes are the same as before, so copyPart() always detects
+/// that the object has changed. getObjectParts() returns the parts of the completed upload, numbered from 0. An object
+/// stored by putObject() is one part. checkObjectName() and checkKey() decide which names and keys are valid.
 ///
-/// Threads: everything may be called at any time from any thread. No lock is held while a content stream or the clock
-/// is used.
+/// Threads: any thread may call any operation at any time. No lock is held while a content stream or the clock is used.
 class MemoryClient : public cloudprovider::CloudClient, public UploadInventory
 {
 public:
     using Clock = std::function<boost::posix_time::ptime()>;
 
-    static constexpr std::size_t defaultPageSize = 1000; // as S3 pages its listings
+    static constexpr std::size_t defaultPageSize = 1000; // like S3
 
-    /// Begin with an empty store.
+    /// Create an empty store.
     ///
-    /// @param clock  gives the modification time of what is stored, UTC; empty: the system's clock
+    /// @param clock  returns the modification time of new objects, UTC; empty: the system's clock
     explicit MemoryClient(Clock clock = {});
     ~MemoryClient() override;
 
@@ -73,24 +73,24 @@ public:
 
     std::vector<PendingUpload> pendingUploads() override;
 
-    // Direct access, for tests: not seen by any decorator.
+    // Direct access for tests, which bypasses all decorators.
 
-    /// Store an object, replacing an existing one. @throws InvalidLocationException for a key that is refused
+    /// Store an object, replacing an existing one. @throws InvalidLocationException for an invalid key
     void put(const std::string& key, std::string_view content);
 
-    /// The object's bytes; nothing when there is no such object.
+    /// Return the object's bytes; nullopt if it does not exist.
     std::optional<std::string> get(const std::string& key) const;
 
     /// Remove an object. @return whether it existed
     bool remove(const std::string& key);
 
-    /// All keys in ascending byte order.
+    /// Return all keys in ascending byte order.
     std::vector<std::string> keys() const;
 
-    /// The uploads that are open now, in the order in which they were opened.
+    /// Return the open uploads, in the order in which they were opened.
     std::vector<OpenUpload> openUploads() const;
 
-    /// Put at most so many entries into one page, at least 1. Affects the pages that are listed later.
+    /// Set the maximum number of entries on a page of a listing. 0 means 1. Affects only later calls.
     void setPageSize(std::size_t entries) noexcept;
 
 private:

@@ -27,16 +27,17 @@ public:
     CredentialsSource& operator=(const CredentialsSource&) = delete;
     virtual ~CredentialsSource() = default;
 
-    /// Get credentials that are valid now. Replaces those at hand when they are about to expire.
+    /// Get credentials that are valid now. Loads new ones if the current ones are about to expire.
     ///
     /// May block for some seconds while it loads them. If loading fails while the old ones are still valid, it logs the
     /// failure and returns the old ones.
     /// @throws cloudprovider::InvalidCredentialsException when there are none, with a detail that names the places
-    ///         searched; TransientException when the place that has them does not respond at the moment
+    ///         searched; TransientException when the place that has them does not respond now
     virtual Credentials credentials() = 0;
 
-    /// Drop the credentials at hand, because the store called them expired. The next call loads new ones, unless the
-    /// last load was a few seconds ago: callers that were refused together load once.
+    /// Drop the current credentials, because the store has reported them as expired. The next call loads new ones,
+    /// unless the last load was a few seconds ago, so that several callers that were refused at the same time load only
+    /// once.
     virtual void refresh() {}
 };
 
@@ -57,17 +58,18 @@ std::shared_ptr<CredentialsSource> anonymousCredentials();
 /// 4. the machine's metadata service, version 2 (AWS_EC2_METADATA_SERVICE_ENDPOINT); skipped when
 ///    AWS_EC2_METADATA_DISABLED is true
 ///
-/// A place that is set up wrongly is a failure and is not skipped: half a pair of keys, a file that cannot be read, a
-/// named profile that does not exist or gets its keys by a role, a program or a login. That there are no credentials is
-/// remembered for a minute. Credentials from 3 and 4 expire; they are replaced five minutes before.
+/// A misconfigured place is an error and is not skipped. Examples are a key without its secret, a file that cannot be
+/// read, and a named profile that does not exist or that needs a role, a program or a login to get its keys. If there
+/// are no credentials, that result is cached for a minute. Credentials from 3 and 4 expire; they are replaced five
+/// minutes before that.
 ///
 /// Reads the variables now; no other thread may change the environment during the call. Reads files and services at the
 /// first use.
 /// @param profile  a section of the shared files; empty: AWS_PROFILE, else "default"
 std::shared_ptr<CredentialsSource> defaultCredentials(const std::string& profile = {});
 
-/// The region named by the variable AWS_REGION, else AWS_DEFAULT_REGION, else by the profile in the shared files; empty
-/// when none does. No other thread may change the environment during the call.
+/// Return the region from the variable AWS_REGION, else from AWS_DEFAULT_REGION, else from the profile in the shared
+/// files; empty if none of them names one. No other thread may change the environment during the call.
 ///
 /// @param profile  as above; a profile that does not exist is not an error here
 /// @throws cloudprovider::InvalidCredentialsException when a shared file exists and cannot be read

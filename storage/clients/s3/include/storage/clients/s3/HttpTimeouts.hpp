@@ -17,13 +17,14 @@ struct HttpTimeouts
     std::chrono::seconds stallWindow{30};
     long stallBytesPerSecond = 64;
 
-    /// The same for copies and completions, during which the store is silent while it moves bytes of its own. A copy
-    /// gets extra time: as long as its bytes, and as many for each copy beside it, take at `serverSideBytesPerSecond`,
-    /// which must not be 0.
+    /// The same for copies and completions, during which the store moves bytes internally and sends none. A copy gets
+    /// extra time: its size times the maximum number of concurrent copies, divided by `serverSideBytesPerSecond`, which
+    /// must not be 0.
     std::chrono::seconds serverSideStallWindow{300};
     std::uint64_t serverSideBytesPerSecond = 16 << 20;
 
-    /// One request in all, however steadily its bytes move. A copy may take its stall window instead if that is longer.
+    /// One request in total, even if its bytes move steadily. A copy may take its stall window instead if that is
+    /// longer.
     std::chrono::seconds request{3'600};
 };
 

@@ -26,16 +26,17 @@ class Requester;
 ///   getObjectParts() last returned for the key, or that this client has written since. If somebody else has changed
 ///   the object, the read or the completion fails. putObject() replaces whatever is there: the last writer wins.
 /// - getObjectParts() also fetches the content of an object of at most 16 KiB. The next read of the whole object
-///   returns it without a request, as it was when it was opened. The 128 contents fetched last are kept, 2 MiB at most.
-/// - getObjectParts() splits every object by rule, however it was written, into parts that are small enough to be read
-///   on their own.
+///   returns this content without a request, even if somebody else has changed the object since. The contents of the
+///   last 128 objects are kept, at most 2 MiB.
+/// - getObjectParts() splits every object by fixed rules, no matter how it was written, into parts that are small
+///   enough to be read on their own.
 /// - createMultipartUpload() sends nothing. The upload is opened at the store with its first part, so that a failure to
 ///   open it is that part's failure and is reported. An upload belongs to the instance that created it;
 ///   abortMultipartUpload() also accepts the ids of others, as pendingUploads() returns them.
 /// - copyPart() only records the copy. If the file had content before, uploadPart() only records a part below 5 MiB,
 ///   too, and keeps its bytes in a temporary file. completeMultipartUpload() knows the whole file: it joins adjacent
-///   unchanged parts into large copies, sends parts that are too small together with their neighbours, several requests
-///   at a time, and then completes the upload.
+///   unchanged parts into large copies, sends parts that are too small together with their neighbours, runs several
+///   requests at a time, and then completes the upload.
 /// - A failed copy or small part is therefore a failure of the completion. It leaves the object as it was and the
 ///   upload open with all its parts. The completion may be retried, or the upload aborted. After a transient failure a
 ///   retry transfers only the parts that are missing. Until then the transferred parts take up space in the store.

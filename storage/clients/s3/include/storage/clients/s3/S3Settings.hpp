@@ -12,8 +12,8 @@
 namespace storage::clients::s3
 {
 
-/// What an endpoint can do beyond what every endpoint can. Without a capability the client does not rely on it, and
-/// sends one more request instead.
+/// Properties of an endpoint. The first three are features: without one, the client does not rely on it and sends
+/// additional requests instead. The last one is a restriction.
 struct EndpointCapabilities
 {
     /// `x-amz-copy-source-if-match` prevents copies of a part from another version of the object.
@@ -23,10 +23,10 @@ struct EndpointCapabilities
     bool conditionalCompletion = false;
 
     /// The name of a copy's source is decoded exactly once, so that a key with "%" never names another object.
-    /// Otherwise the client reads the bytes of such objects and sends them again.
+    /// Otherwise the client downloads and uploads the bytes of such objects instead of copying them.
     bool copiesAnyKey = false;
 
-    /// All parts of an object but the last must have the same size. Parts are then neither joined nor below 5 MiB.
+    /// All parts of an object but the last must have the same size. Parts are then not joined, and are at least 5 MiB.
     bool equalParts = false;
 
     bool operator==(const EndpointCapabilities&) const = default;
@@ -38,15 +38,15 @@ struct S3Settings
     std::string bucket;
     std::string endpoint;          ///< http://HOST:PORT or https://HOST; empty: the region's own
     std::string region;            ///< what requests are signed for
-    std::optional<bool> pathStyle; ///< the bucket is in the path, not in the host name; nothing: as the names allow
+    std::optional<bool> pathStyle; ///< the bucket is in the path, not in the host name; empty: if the names require it
     EndpointCapabilities capabilities = {};
     HttpTimeouts timeouts = {};
 
-    /// Requests at a time in one completion, and in each decorator that openStore() adds; 1 to 64.
+    /// Maximum concurrent requests of one completion, and of each decorator that openStore() adds; 1 to 64.
     std::size_t transfers = 8;
 
-    /// Bytes of the buffers that openStore() adds. A completion sends parts of at most half as many bytes at a time,
-    /// but always at least one part.
+    /// Bytes of the buffers that openStore() adds. A completion sends at most half of that at a time, but always at
+    /// least one part.
     std::uint64_t memory = 64 << 20;
 
     std::uint64_t partSize = 256 << 10;     ///< bytes of the parts that stored objects are read in; 64 KiB to 1 GiB
@@ -54,8 +54,8 @@ struct S3Settings
     std::shared_ptr<CredentialsSource> credentials = nullptr; ///< null: defaultCredentials()
 
     /// Called about once a second during a request, on the thread that waits for it. When it returns true, requests
-    /// that began while it returned false are cancelled, except those that open an upload. Requests that begin later
-    /// are not: they clean up. Null: nothing is cancelled.
+    /// that started before are cancelled, except those that open an upload. Requests that start later are not
+    /// cancelled, because they clean up. Null: nothing is cancelled.
     std::function<bool()> interrupted = nullptr;
 };
 

@@ -9,24 +9,27 @@
 namespace storage::clients
 {
 
-/// Open the store that a URL names.
+/// Open the store with this URL.
 ///
-/// - `local:DIR`  a durable store in a directory, see LocalClient; it is made when it is missing
-/// - `local:`     the same in `cloudfs` below $XDG_DATA_HOME, or below ~/.local/share when that is not set
-/// - `memory:`    a new empty store of this process alone, see MemoryClient
-/// - `s3://BUCKET?endpoint=URL&region=REGION&path-style=1`  a bucket, see s3::parseS3Url() and S3Client;
-///   calls are retried, see RetryingClient, parts are sent and fetched several at a time, `transfers=N`, with buffers
-///   of `memory=BYTES`, one half each, see PipelinedUploadClient and ReadAheadClient; `transfers=1` turns both off.
+/// - `local:DIR`  a durable store in a directory, which is created if it is missing; see LocalClient
+/// - `local:`     the same in the directory $XDG_DATA_HOME/cloudfs, or ~/.local/share/cloudfs if that variable is not
+///   set
+/// - `memory:`    a new, empty store in the memory of this process; see MemoryClient
+/// - `s3://BUCKET?endpoint=URL&region=REGION&path-style=1`  a bucket; see s3::parseS3Url() for all parameters, and
+///   S3Client. RetryingClient retries failed calls. PipelinedUploadClient uploads parts in the background and
+///   ReadAheadClient prefetches, each with up to `transfers=N` transfers at a time and half of `memory=BYTES` for its
+///   buffers. `transfers=1` turns both off.
 ///
-/// Every store counts its calls, see CountingClient. findInterface() finds StoreCounters, UploadInventory and the store
-/// itself behind the result.
+/// CountingClient counts the calls of every store. On the result, findInterface() finds StoreCounters, UploadInventory
+/// and the store's own class.
 ///
-/// @param interrupted  whether the process is interrupted: then requests that are in progress end and nothing is
-///                     retried, see S3Settings and RetryingClient. Must be safe to call from any thread, as long as
-///                     the store lives. Empty: never.
-/// Credentials never stand in a URL, where other users of the machine could read them: one that holds any is refused.
-/// From any thread, as long as nobody changes the environment meanwhile.
-/// @throws InvalidLocationException for every other URL, with the forms above in its detail
+/// A URL must not contain credentials, because other users of the machine could read them; such a URL is refused. Any
+/// thread may call this, but no other thread may change the environment at the same time.
+///
+/// @param interrupted  whether the process is interrupted: if so, requests in progress are cancelled and nothing is
+///                     retried; see S3Settings and RetryingClient. Must be safe to call from any thread during the
+///                     lifetime of the store. Empty: never.
+/// @throws InvalidLocationException for any other URL; its detail lists the forms above
 /// @throws what the store's own constructor throws
 std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, std::function<bool()> interrupted = {});
 
