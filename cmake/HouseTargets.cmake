@@ -57,8 +57,8 @@ function(house_set_flags target group)
 endfunction()
 
 # house_add_test(NAME SOURCES file… [LIBRARIES target…] [INCLUDES folder…])
-# One test program per component; each of its cases becomes a CTest case of its own, with a timeout that only a case that
-# hangs reaches.
+# Add one test program per component. Each of its cases becomes a CTest case, with a timeout that only a hanging case
+# reaches.
 function(house_add_test name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LIBRARIES;INCLUDES" ${ARGN})
     if(NOT BUILD_TESTING)

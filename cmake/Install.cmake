@@ -1,6 +1,5 @@
-# What `cmake --install` leaves behind: the programs, the libraries with their headers, the CMake package
-# `cloudprovider` and two pkg-config files. Everything finds its neighbours relative to itself, so that an installed
-# tree can be moved.
+# What `cmake --install` installs: the programs, the libraries with their headers, the CMake package `cloudprovider` and
+# two pkg-config files. Everything finds its neighbours relative to itself, so that an installed tree can be moved.
 
 include(CMakePackageConfigHelpers)
 
@@ -32,7 +31,7 @@ install(EXPORT cloudprovider
     NAMESPACE cloudprovider::
     DESTINATION "${package_dir}")
 
-# The part for tests of clients is separate, because only those who ask for it need GoogleTest.
+# The component for testing clients is separate, because only it needs GoogleTest.
 if(BUILD_TESTING)
     install(TARGETS cloudprovider_testing
         EXPORT cloudprovider_testing

@@ -26,7 +26,8 @@ function(house_precompile_headers target group)
         if(group STREQUAL "tests")
             target_link_libraries(${owner} PRIVATE GTest::gmock GTest::gtest)
         endif()
-        # Without the time of its creation the file is the same each time, and so are keys of ccache that it is part of.
+        # Without the time of its creation, the file is always the same, and so are the keys of ccache that depend on
+        # it.
         target_compile_options(${owner} PRIVATE $<$<CXX_COMPILER_ID:Clang>:SHELL:-Xclang -fno-pch-timestamp>)
         target_precompile_headers(${owner} PRIVATE ${house_${group}_headers})
     endif()

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Use the library as a stranger would: compile each public header alone, compare the names that the shared libraries
-# export with the lists in cmake/exported-symbols, install the release build to a temporary folder, and from there build
-# and run the examples of the documentation.
+# Check the installed package from the outside: compile each public header alone, compare the names that the shared
+# libraries export with the lists in cmake/exported-symbols, install the release build to a temporary folder, and from
+# there build and run the examples of the documentation.
 #
 # Usage: scripts/check-package.sh [--update-symbols]      with the option, write the lists instead of comparing them
 set -euo pipefail
@@ -38,7 +38,7 @@ done
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 quietly build/logs/install.log cmake --install build/release --prefix "$scratch/built"
-# Move it: nothing in an installed tree may contain its own path.
+# Move the tree to show that it does not depend on its own path.
 mv "$scratch/built" "$scratch/installed"
 prefix=$scratch/installed
 examples=$prefix/share/doc/cloudprovider/examples
@@ -65,7 +65,7 @@ quietly build/logs/package-consumer.log consumer
 quietly build/logs/package-cloudfs.log \
     timeout 60 "$prefix/bin/cloudfs" --store "local:$scratch/store" stat /folder/greeting.txt
 
-# As the page says, with CMake and with pkg-config.
+# As docs/embedding.md says, with CMake and with pkg-config.
 documented_host()
 {
     local expected=cloud://example/greetings/hello.txt

@@ -1,11 +1,11 @@
 # shellcheck shell=bash
-# What the scripts beside this file share; sourced, not run.
+# Common code of the scripts in this folder; to be sourced, not run.
 
-# The project's own folder, wherever it was cloned to, is where every script works.
+# Every script works in the root folder of the project.
 cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit
 root=$PWD
 
-# Compilations are remembered where ccache is installed, across clones too: paths below the root do not count.
+# Use ccache if it is installed. Clones share its cache, because paths below the root are ignored.
 if command -v ccache >/dev/null; then
     export CMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER-ccache}
     export CCACHE_BASEDIR=${CCACHE_BASEDIR-$root} CCACHE_NOHASHDIR=${CCACHE_NOHASHDIR-true}

@@ -4,7 +4,7 @@
 # Usage: scripts/demo.sh [local|gateway]
 #
 # The store is a local directory, or a bucket of an object gateway that is started on loopback and stopped at the end.
-# Installs missing packages and builds first. Leaves nothing behind but build/.
+# Installs missing packages and builds first. Removes everything at the end except build/.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -76,7 +76,7 @@ sums() { (cd "$1" && find . -type f -print0 | LC_ALL=C sort -z | xargs -0 sha256
 tree=$(find_tree)
 count=$(find "$tree" -type f | wc -l)
 large=$work/large.tar
-# Real data: libraries and compilers. The archive is cut off when it is large enough, so tar fails.
+# Real data: libraries and compilers. head ends when the archive is large enough, so tar fails.
 tar -cf - -C / usr/lib 2>/dev/null | head -c $((96 * 1024 * 1024)) >"$large" || true
 size=$(stat -c %s "$large")
 ((size >= 64 * 1024 * 1024)) || die "the large file has only $size bytes"

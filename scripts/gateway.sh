@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
-# Run a real object gateway for tests and demonstrations: one node, on loopback, its objects in memory, as plain
-# processes of whoever starts it. Everything it ever stored is gone when it stops.
+# Run a real object gateway for tests and demonstrations: one node on loopback, with its objects in memory, as ordinary
+# processes of the current user. All its objects are lost when it stops.
 #
-# Usage: scripts/gateway.sh start      return once it serves; one that serves already is kept
-#        scripts/gateway.sh env        print the shell lines that point tests at it: eval "$(scripts/gateway.sh env)"
-#        scripts/gateway.sh stop       end it and remove its folder; fine if there is none
+# Usage: scripts/gateway.sh start      start it and wait until it responds; a running gateway is kept
+#        scripts/gateway.sh env        print the settings for the tests: eval "$(scripts/gateway.sh env)"
+#        scripts/gateway.sh stop       stop it and remove its folder; not an error if none is running
 #
-# CLOUDFS_GATEWAY_DIR   its folder, build/gateway by default; another folder is another gateway
-# CLOUDFS_GATEWAY_SIZE  how much it holds, in GiB, 6 by default; what was deleted counts for up to a minute
+# CLOUDFS_GATEWAY_DIR   its folder, build/gateway by default; each folder has its own gateway
+# CLOUDFS_GATEWAY_SIZE  its capacity in GiB, 6 by default; deleted objects count for up to a minute
 #
-# It knows one user, the owner of the bucket.
+# It has one user, the owner of the bucket.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -20,7 +20,7 @@ config=$dir/ceph.conf
 bucket=bench
 owner_key=TESTOWNERKEYID owner_secret=test/secret+of+the+owner
 
-# The tools read our configuration and no other. A crash of something this short-lived leaves no core behind.
+# The tools read only our configuration. Crashes leave no core files.
 export CEPH_CONF=$config CEPH_ARGS=--no-mon-config
 ulimit -c 0
 
@@ -30,27 +30,27 @@ die()
     exit 1
 }
 
-# running DAEMON: the process that we started lives. Its command line names our configuration; that of a process which
-# got the number later does not.
+# running DAEMON: test whether the process that we started is running. Its command line contains our configuration file;
+# a later process with the same pid does not.
 running()
 {
     local pid
     pid=$(cat "$dir/$1.pid" 2>/dev/null) && tr '\0' '\n' 2>/dev/null <"/proc/$pid/cmdline" | grep -qxF "$config"
 }
 
-# launch DAEMON COMMAND…: in a session of its own, out of reach of a Ctrl-C, and without the lock that we hold.
+# launch DAEMON COMMAND…: start it in its own session, so that Ctrl-C does not reach it, and without our lock.
 launch()
 {
     local name=$1
     shift
     setsid "$@" -c "$config" -f >"$dir/$name.out" 2>&1 </dev/null 9>&- &
     echo $! >"$dir/$name.pid"
-    # Until it has replaced this shell's own image, running() does not know it.
+    # running() does not recognise it before it has replaced the forked shell.
     until running "$name" || ! kill -0 $!; do sleep 0.01; done 2>/dev/null
     disown
 }
 
-# await SECONDS COMMAND…: try until it succeeds. In vain once the time is over or a daemon that was launched has ended.
+# await SECONDS COMMAND…: retry until it succeeds. Fail after this time, or if a launched daemon has ended.
 await()
 {
     local end=$((SECONDS + $1)) pid_file
@@ -64,7 +64,7 @@ await()
     done
 }
 
-# Nothing is worth an orderly end, in which the storage daemon would write all that it holds to the disk.
+# Kill the daemons: in an orderly shutdown, the storage daemon would write all its data to the disk.
 end_daemons()
 {
     local name tries
@@ -74,19 +74,19 @@ end_daemons()
             kill -KILL "$(<"$dir/$name.pid")" 2>/dev/null || true
             sleep 0.02
         done
-        die "$name does not end, pid $(<"$dir/$name.pid")"
+        die "cannot stop $name, pid $(<"$dir/$name.pid")"
     done
 }
 
 clear_folder()
 {
     end_daemons
-    [[ -f $config || -z $(ls -A "$dir" 2>/dev/null) ]] || die "$dir holds something else than a gateway"
+    [[ -f $config || -z $(ls -A "$dir" 2>/dev/null) ]] || die "$dir contains other files than those of a gateway"
     rm -rf "$dir"
 }
 
-# A port that nobody listens on, below those that the kernel hands out by itself. Should somebody else take it before we
-# do, the whole attempt fails and the next one chooses anew.
+# Print a free port below the range of ephemeral ports. If another process takes it first, the attempt fails, and the
+# next attempt chooses another port.
 free_port()
 {
     local port
@@ -123,15 +123,15 @@ osd pool default pgp num = 1
 osd pool default pg autoscale mode = off
 osd crush chooseleaf type = 0
 mon allow pool size one = true
-# A change of the cluster's state waits for others to join it, and a client that missed one asks again after 5 s. Here
-# both would wait for nothing.
+# By default, changes of the cluster's state are delayed to combine several of them, and a client that missed one asks
+# again after 5 s. A single node does not need these delays.
 paxos propose interval = 0.02
 paxos min wait = 0.01
 objecter tick interval = 0.2
 
 [mon]
 mon data = $dir/mon
-# It stores next to nothing, so it may run however full the disk is.
+# It stores very little, so it may run on a nearly full disk.
 mon data avail warn = 0
 mon data avail crit = 0
 
@@ -141,19 +141,19 @@ osd objectstore = memstore
 memstore device bytes = $((size * 1024 * 1024 * 1024))
 
 [client]
-# Without authentication there is no key for the encryption that the gateway asks for by default.
+# The gateway encrypts by default, but without authentication there is no key.
 ms mon client mode = crc
 rgw enable apis = s3
 rgw dns name = localhost
-# Without tcp_nodelay, each small answer waits 40 ms for an acknowledgement.
+# Without tcp_nodelay, each small response waits 40 ms for an acknowledgement.
 rgw frontends = beast endpoint=127.0.0.1:$3 tcp_nodelay=1
-# Free what was deleted or overwritten after seconds instead of hours: it is memory.
+# Free deleted and overwritten objects after seconds instead of hours, because they use memory.
 rgw gc obj min wait = 20
 rgw gc processor period = 10
 END
 }
 
-# bounded COMMAND…: for 20 s at most; a Ctrl-C reaches it.
+# bounded COMMAND…: run it for at most 20 s; Ctrl-C reaches it.
 bounded() { timeout --foreground 20 "$@"; }
 
 # create_user NAME KEY SECRET
@@ -163,7 +163,7 @@ serves() { curl --silent --fail --max-time 2 --output /dev/null "$1/"; }
 
 create_bucket()
 {
-    # Debian's curl leaves the digest of the empty body out, and with it the signature would be wrong.
+    # Debian's curl omits the digest of the empty body, which makes the signature wrong.
     local digest
     digest=$(sha256sum </dev/null | cut -d ' ' -f 1)
     curl --silent --show-error --fail-with-body --max-time 10 --request PUT --header "x-amz-content-sha256: $digest" \
@@ -181,7 +181,7 @@ export AWS_REGION=us-east-1
 END
 }
 
-# Try once to bring everything up, saying in $doing what is being done. The file "env" is written last.
+# Try once to start everything. Sets $doing to the current step. The file "env" is written last.
 bring_up()
 {
     local cluster disk mon_port rgw_port url
@@ -204,7 +204,7 @@ bring_up()
     {
         bounded ceph osd new "$disk" 0 </dev/null && bounded ceph-osd -i 0 --mkfs --osd-uuid "$disk"
     } &>"$dir/osd-create.out" || return 1
-    # Large blocks go back to the system when they are freed, which the C library would stop doing by and by.
+    # Return large blocks to the system when they are freed. By default, the C library raises this threshold over time.
     launch osd env MALLOC_MMAP_THRESHOLD_=262144 ceph-osd -i 0
 
     await 20 grep -qF 'state: booting -> active' "$dir/osd.out" || return 1
@@ -221,7 +221,7 @@ bring_up()
     write_env "$url"
 }
 
-# The endpoint of the gateway that was brought up; empty if it was not.
+# Print the endpoint of the gateway; nothing if it was not started.
 endpoint() { sed -n 's/.*_ENDPOINT=//p' "$dir/env" 2>/dev/null; }
 
 healthy()
@@ -233,22 +233,22 @@ start()
 {
     local program attempt doing=
     for program in ceph ceph-mon ceph-osd radosgw radosgw-admin monmaptool curl; do
-        command -v "$program" >/dev/null || die "needs $program, which scripts/install-deps.sh installs"
+        command -v "$program" >/dev/null || die "$program is missing; scripts/install-deps.sh installs it"
     done
-    [[ $size =~ ^[1-9][0-9]{0,3}$ ]] || die "CLOUDFS_GATEWAY_SIZE is a number of GiB, not \"$size\""
+    [[ $size =~ ^[1-9][0-9]{0,3}$ ]] || die "CLOUDFS_GATEWAY_SIZE must be a number of GiB, not \"$size\""
     if healthy; then
-        echo "gateway: runs already in $dir"
+        echo "gateway: already running in $dir"
         return
     fi
 
-    # Now and then the storage daemon aborts while it starts, and a port may be gone. That does not happen three times.
+    # Sometimes the storage daemon aborts while it starts, or a port is taken. Three attempts are enough.
     for attempt in 1 2 3; do
         clear_folder
         trap end_daemons EXIT
         trap 'exit 130' INT TERM HUP
         if bring_up; then
             trap - EXIT
-            echo "gateway: serves $(endpoint)"
+            echo "gateway: running at $(endpoint)"
             return
         fi
         echo "gateway: attempt $attempt of 3 failed while $doing" >&2
@@ -261,14 +261,14 @@ start()
 command=${1:-}
 case $command in
     start | stop)
-        # One at a time in each place. The lock is the parent folder itself, which stays.
+        # One start or stop at a time per parent folder, which is never removed and therefore serves as the lock.
         mkdir -p "$(dirname "$dir")"
         exec 9<"$(dirname "$dir")"
-        flock -w 120 9 || die "another start or stop in $(dirname "$dir") takes too long"
+        flock -w 120 9 || die "timeout: another start or stop is running in $(dirname "$dir")"
         if [[ $command == start ]]; then start; else clear_folder; fi
         ;;
     env)
-        healthy || die "none serves in $dir"
+        healthy || die "no gateway is running in $dir"
         cat "$dir/env"
         ;;
     *)

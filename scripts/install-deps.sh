@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Install what building, testing, checking and measuring need on Debian 12. Does nothing when all of it is there.
+# Install the packages for building, testing, checking and benchmarks on Debian 12. Does nothing if all are installed.
 #
 # Usage: scripts/install-deps.sh [compare]        as root, or as a user who may use sudo
 #
-# With "compare" also the tools that bench/compare.sh measures us beside, and what draws its chart.
+# With "compare", also install the other tools that bench/compare.sh measures, and the library that draws its chart.
 set -euo pipefail
 
 packages=(
@@ -18,10 +18,10 @@ packages=(
     libgtest-dev libgmock-dev
     clang-14 libclang-rt-14-dev
     pkg-config
-    # testing that client: a gateway with its monitor and storage daemon, and what asks it for a bucket
+    # testing that client: a gateway with its monitor and storage daemon, and a program that creates a bucket
     ceph-base ceph-common ceph-mon ceph-osd radosgw
     curl
-    # checking: git names the files that are ours
+    # checking: git lists the files of the project
     clang-format-14 clang-tidy-14 git
     # measuring
     libbenchmark-dev time
@@ -58,14 +58,14 @@ if ((EUID != 0)); then
         exit 1
     fi
     as_root=(sudo)
-    [[ -t 0 ]] || as_root+=(-n) # nobody is there to type a password
+    [[ -t 0 ]] || as_root+=(-n) # without a terminal, nobody can type a password
 fi
 
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 apt()
 {
-    # A package manager that runs already is waited for; a mirror that stumbles is asked again.
+    # Wait if another package manager is running, and retry failed downloads.
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
         apt-get -q -y -o DPkg::Lock::Timeout=300 -o Acquire::Retries=3 "$@" </dev/null >>"$log" 2>&1
 }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Check the format of every C++ file, now and in each recent commit, and search every source that is shipped for faults.
-# Tests are left to the compilers and sanitizers: analysing them would double the time and find less.
+# Check the format of every C++ file, now and in each recent commit, and run clang-tidy on all code except tests. For
+# tests, compilers and sanitizers are enough: analysing them would double the time and find little.
 #
 # Usage: scripts/lint.sh [format|tidy|ratio]      format and tidy by default
 #
@@ -14,7 +14,7 @@ check_format()
     local base range commit file status=0
     git ls-files -z '*.cpp' '*.hpp' | xargs -0 -r clang-format-14 --dry-run -Werror || return
 
-    # The commits that main does not have yet; on main itself, and without an upstream, the last ones.
+    # Check the commits that main does not have yet; on main itself or without an upstream, the last 20.
     base=$(git merge-base HEAD origin/main 2>/dev/null || true)
     range=("$base..HEAD")
     if [[ -z $base || $base == $(git rev-parse HEAD) ]]; then
@@ -31,7 +31,8 @@ check_format()
     return "$status"
 }
 
-# Count lines that are neither blank nor only a comment. The conformance suite is test code, although it is installed.
+# Count lines that are neither blank nor pure comments. The conformance suite counts as test code, although it is
+# installed.
 print_ratio()
 {
     local max_percent=35 tests shell code
@@ -47,7 +48,7 @@ print_ratio()
 
 check_tidy()
 {
-    # It counts what it found in headers of others, only to say no more about it.
+    # Hide the lines with its count of suppressed warnings.
     git ls-files -z '*.cpp' ':!:*/test/*' ':!:bench/*' ':!:cmake/*' |
         xargs -0 -r -n 1 -P "$(nproc)" clang-tidy-14 --quiet -p build/tidy 2>&1 |
         { grep -vE '^[0-9]+ warnings? generated\.$' || true; }

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Install what is missing, build, and run all tests. Quiet but for failures, ending in the summary of the tests.
+# Install what is missing, build, and run all tests. Prints only failures and the summary.
 #
 # Usage: scripts/test.sh [PRESET]       release (default), debug, asan or tsan
 #
-# The S3 tests run against a gateway that lives as long as this script. Where it does not start they are skipped, which
-# one line says; with CLOUDFS_REQUIRE_GATEWAY=1 that is a failure.
+# The S3 tests run against a gateway that this script starts and stops. If it does not start, one line says that they
+# are skipped; with CLOUDFS_REQUIRE_GATEWAY=1 that is a failure.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -13,17 +13,17 @@ preset=${1:-release}
 scripts/install-deps.sh
 build "$preset"
 
-# A gateway of our own, for it keeps in memory what the tests write.
+# Use a separate gateway, because it keeps all objects in memory.
 export CLOUDFS_GATEWAY_DIR=$root/build/$preset/gateway
 trap 'scripts/gateway.sh stop' EXIT
 trap 'exit 130' INT TERM
-scripts/gateway.sh stop # one that an earlier run could not stop, because it was killed
+scripts/gateway.sh stop # one that a killed run has left
 log=build/logs/$preset-gateway.log
 if scripts/gateway.sh start >"$log" 2>&1; then
     settings=$(scripts/gateway.sh env)
     eval "$settings"
 else
-    trap - EXIT # what it left tells more
+    trap - EXIT # keep its files for diagnosis
     reason=$(tail -n 1 "$log")
     reason=${reason#gateway: }
     if [[ ${CLOUDFS_REQUIRE_GATEWAY:-0} == 1 ]]; then
@@ -32,11 +32,11 @@ else
         exit 1
     fi
     echo "test: the S3 tests are skipped: $reason"
-    unset CLOUDFS_TEST_S3_ENDPOINT # it would be somebody else's
+    unset CLOUDFS_TEST_S3_ENDPOINT # do not use another gateway
 fi
 
-# Each test has a time limit of its own; this one bounds them all together. It ends the tests' whole process group, and
-# so does a Ctrl-C, which would otherwise reach this script alone.
+# Each test has its own time limit; this one is for all of them together. At the limit and at Ctrl-C, the whole process
+# group of the tests is ended.
 log=build/logs/$preset-test.log
 status=0
 timeout 25m ctest --preset "$preset" -j "$(nproc)" >"$log" 2>&1 </dev/null &
@@ -47,7 +47,7 @@ if ((status == 124)); then
     echo "test: the tests were ended because they took more than 25 minutes"
     exit 1
 elif ((status != 0)); then
-    # What passed or was skipped is of no interest; neither are the lines that only announce a test.
+    # Show neither passed or skipped tests nor the lines that announce a test.
     grep -vE '^ *Start +[0-9]+: |^ *[0-9]+/[0-9]+ Test +#[0-9]+: .*(\*\*\*Skipped| Passed) +[0-9.]+ sec$' "$log" || true
     exit "$status"
 fi

@@ -80,7 +80,8 @@ void run(const std::string& storeUrl)
         require(readAt(*provider, file, 0, 7) == "written", "the old content after a cancelled write");
     }
 
-    // Exceptions cross the library both ways: the client throws in this program, the provider catches and translates.
+    // Exceptions cross the library boundary in both directions: the client in this program throws, the provider
+    // translates.
     try
     {
         provider->getFileAttributes(folder.getChild(u"missing"));
