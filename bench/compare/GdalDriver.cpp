@@ -4,11 +4,11 @@
 //        gdal_driver read PATH LOCAL
 //        gdal_driver write-all LOCAL_FOLDER PATH JOBS     and read-all PATH LOCAL_FOLDER JOBS, for one level of files
 //        gdal_driver list PATH | list-all PATH
-//        gdal_driver pick SIZE PLACES OUTPUT PATH
+//        gdal_driver pick SIZE OFFSETS OUTPUT PATH
 //
 // PATH starts with the prefix of a virtual file system, such as /vsis3/.
 
-#include "Places.hpp"
+#include "ReadOffsets.hpp"
 
 #include <cpl_conv.h>
 #include <cpl_error.h>
@@ -114,36 +114,36 @@ void list(const std::string& path, int depth)
     VSICloseDir(folder);
 }
 
-void pick(std::size_t size, const Places& places, const std::string& path)
+void pick(std::size_t size, const ReadOffsets& offsets, const std::string& path)
 {
     const File file = open(path, "rb");
-    places.readEach(size,
-        [&](std::uint64_t place, char* data, std::size_t wanted)
+    offsets.readEach(size,
+        [&](std::uint64_t offset, char* data, std::size_t wanted)
         {
-            require(VSIFSeekL(file.get(), place, SEEK_SET) == 0, "seek in " + path);
+            require(VSIFSeekL(file.get(), offset, SEEK_SET) == 0, "seek in " + path);
             return static_cast<std::ptrdiff_t>(VSIFReadL(data, 1, wanted, file.get()));
         });
 }
 
-bool run(const std::vector<std::string>& words)
+bool run(const std::vector<std::string>& arguments)
 {
     const auto is = [&](const char* command, std::size_t count)
-    { return words.size() == count && words[0] == command; };
+    { return arguments.size() == count && arguments[0] == command; };
     if (is("write", 3) || is("read", 3))
     {
-        copyFile(words[1], words[2]);
+        copyFile(arguments[1], arguments[2]);
     }
     else if (is("write-all", 4) || is("read-all", 4))
     {
-        copyAll(words[1], words[2], static_cast<unsigned>(std::stoul(words[3])));
+        copyAll(arguments[1], arguments[2], static_cast<unsigned>(std::stoul(arguments[3])));
     }
     else if (is("list", 2) || is("list-all", 2))
     {
-        list(words[1], is("list", 2) ? 0 : -1);
+        list(arguments[1], is("list", 2) ? 0 : -1);
     }
     else if (is("pick", 5))
     {
-        pick(std::stoul(words[1]), Places(words[2], words[3]), words[4]);
+        pick(std::stoul(arguments[1]), ReadOffsets(arguments[2], arguments[3]), arguments[4]);
     }
     else
     {

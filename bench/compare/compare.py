@@ -108,26 +108,26 @@ class Material:
         for number in range(500):
             (self.small / f"{number:03}").write_bytes(source.randbytes(4096))
         self.patched, self.appended = folder / "patched", folder / "appended"
-        for changed, place in ((self.patched, MIDDLE), (self.appended, BIG)):
+        for changed, offset in ((self.patched, MIDDLE), (self.appended, BIG)):
             shutil.copyfile(self.big, changed)
             with open(changed, "r+b") as target:
-                target.seek(place)
+                target.seek(offset)
                 target.write(self.patch.read_bytes())
         self.tree = [f"{folder:03}/{name:03}" for folder in range(100) for name in range(200)]
         self.level = [f"{name:04}" for name in range(2000)]
-        self.places, self.picked = folder / "places", folder / "picked"
-        places = [source.randrange(BIG - 64 * 1024) for _ in range(1000)]
-        self.places.write_text("\n".join(map(str, places)))
-        self._cut(self.big, places, 64 * 1024, self.picked)
-        self.place, self.glimpse = folder / "place", folder / "glimpse"
-        self.place.write_text(str(WHOLE // 2))
+        self.offsets, self.picked = folder / "offsets", folder / "picked"
+        offsets = [source.randrange(BIG - 64 * 1024) for _ in range(1000)]
+        self.offsets.write_text("\n".join(map(str, offsets)))
+        self._cut(self.big, offsets, 64 * 1024, self.picked)
+        self.offset, self.glimpse = folder / "offset", folder / "glimpse"
+        self.offset.write_text(str(WHOLE // 2))
         self._cut(self.whole, [WHOLE // 2], 1024, self.glimpse)
 
     @staticmethod
-    def _cut(path, places, size, target):
+    def _cut(path, offsets, size, target):
         with open(path, "rb") as source, open(target, "wb") as pieces:
-            for place in places:
-                source.seek(place)
+            for offset in offsets:
+                source.seek(offset)
                 pieces.write(source.read(size))
 
 
@@ -147,8 +147,8 @@ class Works:
             ("W5a", "list 20,000 objects in 100 folders", ["tree"], self._list("list_all", "tree", m.tree)),
             ("W5b", "list 2,000 objects in one folder", ["level"], self._list("list_level", "level", m.level)),
             ("W6", "change 1 KiB inside 256 MiB", [], self._change("patch", [MIDDLE], m.patched)),
-            ("W7", "1,000 random reads of 64 KiB in 256 MiB", ["big"], self._pick("big", 64 * 1024, m.places, m.picked)),
-            ("W8", "read 1 KiB inside 1 GiB", ["whole"], self._pick("whole", 1024, m.place, m.glimpse)),
+            ("W7", "1,000 random reads of 64 KiB in 256 MiB", ["big"], self._pick("big", 64 * 1024, m.offsets, m.picked)),
+            ("W8", "read 1 KiB inside 1 GiB", ["whole"], self._pick("whole", 1024, m.offset, m.glimpse)),
             ("W9", "append 1 KiB to 256 MiB", [], self._change("append", [], m.appended)),
         ]
 
@@ -186,18 +186,18 @@ class Works:
             return sorted(out.read_text().split()) == names
         return work
 
-    def _change(self, method, place, expected):
+    def _change(self, method, offset, expected):
         def work(tool, run):
             self._gateway.put(self._material.big, "changed")  # undo the change of the previous tool
-            getattr(tool, method)(run, "changed", *place, self._material.patch)
+            getattr(tool, method)(run, "changed", *offset, self._material.patch)
             return self._gateway.holds("changed", expected)
         return work
 
     @staticmethod
-    def _pick(key, size, places, expected):
+    def _pick(key, size, offsets, expected):
         def work(tool, run):
             out = run.folder / "pieces"
-            tool.pick(run, key, size, places, out)
+            tool.pick(run, key, size, offsets, out)
             return filecmp.cmp(out, expected, shallow=False)
         return work
 

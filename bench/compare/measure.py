@@ -101,38 +101,40 @@ class Run:
     @contextlib.contextmanager
     def mounted(self, command, **environment):
         """Mount, and unmount at the end. Everything after the mounting is counted, except the wall time of the unmounting."""
-        place = self.folder / "mount"
-        place.mkdir()
+        mount_point = self.folder / "mount"
+        mount_point.mkdir()
         with open(self.folder / "mount.log", "w+") as log:
-            mount = subprocess.Popen([str(word) for word in command] + [str(place)], stdin=subprocess.DEVNULL,
+            mount = subprocess.Popen([str(word) for word in command] + [str(mount_point)], stdin=subprocess.DEVNULL,
                                      stdout=log, stderr=log, env=self.environment | environment, start_new_session=True)
             try:
                 for _ in range(500):
-                    if os.path.ismount(place) or mount.poll() is not None:
+                    if os.path.ismount(mount_point) or mount.poll() is not None:
                         break
                     time.sleep(0.02)
-                if not os.path.ismount(place):
+                if not os.path.ismount(mount_point):
                     log.seek(0)
                     raise Failed(f"{command[0]} did not mount: {log.read()[-300:].strip()}")
                 self._proxy.take()
                 before = Path(f"/proc/{mount.pid}/stat").read_text().rsplit(")", 1)[1].split()
-                yield place
+                yield mount_point
                 status = Path(f"/proc/{mount.pid}/status").read_text()
                 peak = int(re.search(r"VmHWM:\s+(\d+)", status)[1]) * 1024
                 self.figures.peak = max(self.figures.peak, peak)
             finally:
-                unmount(place)
+                unmount(mount_point)
                 if mount.returncode is None:
                     usage, _ = await_end(mount, 10)
         self.figures.cpu += usage.ru_utime + usage.ru_stime - (int(before[11]) + int(before[12])) / TICKS
 
 
-def unmount(place):
+def unmount(mount_point):
     for _ in range(50):
-        if not os.path.ismount(place) or subprocess.run(["fusermount", "-u", place], stderr=subprocess.DEVNULL).returncode == 0:
+        if not os.path.ismount(mount_point):
+            return
+        if subprocess.run(["fusermount", "-u", mount_point], stderr=subprocess.DEVNULL).returncode == 0:
             return
         time.sleep(0.1)  # still in use
-    subprocess.run(["fusermount", "-uz", place], check=False)
+    subprocess.run(["fusermount", "-uz", mount_point], check=False)
 
 
 def await_end(process, limit=LIMIT):

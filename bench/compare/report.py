@@ -85,10 +85,10 @@ def draw(figures, path):
     for axis, delay in zip(axes[0], figures.delays):
         for tool, marker in zip(others, "os^DvP"):
             points = []
-            for place, work in enumerate(works):
+            for position, work in enumerate(works):
                 mine, theirs = (figures.value(work, delay, name, lambda row: row["wall"]) for name in (ours, tool))
                 if mine and theirs:
-                    points.append((place, theirs / mine))
+                    points.append((position, theirs / mine))
             if points:
                 floor = tool == "curl"
                 axis.scatter(*zip(*points), marker="_" if floor else marker, s=80 if floor else 24,

@@ -144,11 +144,11 @@ class Curl(Tool):
         return [*lines, "content-length: 0", f"authorization: AWS4-HMAC-SHA256 Credential={credential}, "
                 f"SignedHeaders={';'.join(headers)}, Signature={digest.hex()}"]
 
-    def pick(self, run, key, size, places, out):
+    def pick(self, run, key, size, offsets, out):
         config = run.folder / "ranges"
         config.write_text("next\n".join(
-            f'{self._config}range = "{place}-{int(place) + size - 1}"\nurl = "{self.url(key)}"\n'
-            for place in Path(places).read_text().split()))
+            f'{self._config}range = "{offset}-{int(offset) + size - 1}"\nurl = "{self.url(key)}"\n'
+            for offset in Path(offsets).read_text().split()))
         run.call(["curl", "--config", config], stdout=out)
 
     # The methods below are for the comparison itself.
@@ -209,8 +209,8 @@ class Ours(Tool):
     def append(self, run, key, local):
         self._cloudfs(run, "append", key, stdin=local)
 
-    def pick(self, run, key, size, places, out):
-        run.call([self.programs / "bench/compare/random_reads", size, places, out, self._url(), "/" + key])
+    def pick(self, run, key, size, offsets, out):
+        run.call([self.programs / "bench/compare/random_reads", size, offsets, out, self._url(), "/" + key])
 
 
 class Rclone(Tool):
@@ -248,51 +248,51 @@ class Rclone(Tool):
     def list_level(self, run, prefix, out, names):
         self._rclone(run, "lsf", "--files-only", self._path(prefix), stdout=out)
 
-    def pick(self, run, key, size, places, out):
-        places = Path(places).read_text().split()
-        if len(places) > 1:
+    def pick(self, run, key, size, offsets, out):
+        offsets = Path(offsets).read_text().split()
+        if len(offsets) > 1:
             self._cannot(run)  # except by one start for each read
-        self._rclone(run, "cat", "--offset", places[0], "--count", size, self._path(key), stdout=out)
+        self._rclone(run, "cat", "--offset", offsets[0], "--count", size, self._path(key), stdout=out)
 
 
 class Mount(Tool):
     """A mounted file system, used by the standard programs of the system."""
 
     def write(self, run, local, key):
-        with self.mounted(run, "stream") as place:
-            run.call(["dd", f"if={local}", f"of={place}/{key}", "bs=1M"])
+        with self.mounted(run, "stream") as mount_point:
+            run.call(["dd", f"if={local}", f"of={mount_point}/{key}", "bs=1M"])
 
     def read(self, run, key, local):
-        with self.mounted(run, "stream") as place:
-            run.call(["dd", f"if={place}/{key}", f"of={local}", "bs=1M"])
+        with self.mounted(run, "stream") as mount_point:
+            run.call(["dd", f"if={mount_point}/{key}", f"of={local}", "bs=1M"])
 
     def write_all(self, run, folder, prefix):
-        with self.mounted(run, "stream") as place:
-            run.call(["mkdir", place / prefix])
-            run.call(["sh", "-c", f"find {folder} -type f | xargs -P {JOBS} -n 16 cp -t {place}/{prefix}"])
+        with self.mounted(run, "stream") as mount_point:
+            run.call(["mkdir", mount_point / prefix])
+            run.call(["sh", "-c", f"find {folder} -type f | xargs -P {JOBS} -n 16 cp -t {mount_point}/{prefix}"])
 
     def read_all(self, run, prefix, names, folder):
         Path(folder).mkdir()
-        with self.mounted(run, "stream") as place:
-            run.call(["sh", "-c", f"find {place}/{prefix} -type f | xargs -P {JOBS} -n 16 cp -t {folder}"])
+        with self.mounted(run, "stream") as mount_point:
+            run.call(["sh", "-c", f"find {mount_point}/{prefix} -type f | xargs -P {JOBS} -n 16 cp -t {folder}"])
 
     def list_all(self, run, prefix, out, names):
-        with self.mounted(run, "stream") as place:
-            run.call(["find", place / prefix, "-type", "f", "-printf", "%P\n"], stdout=out)
+        with self.mounted(run, "stream") as mount_point:
+            run.call(["find", mount_point / prefix, "-type", "f", "-printf", "%P\n"], stdout=out)
 
     list_level = list_all
 
     def patch(self, run, key, offset, local):
-        with self.mounted(run, "edit") as place, self.stored(run, key):
-            run.call(["dd", f"if={local}", f"of={place}/{key}", "bs=1K", "conv=notrunc", f"seek={offset // 1024}"])
+        with self.mounted(run, "edit") as mount_point, self.stored(run, key):
+            run.call(["dd", f"if={local}", f"of={mount_point}/{key}", "bs=1K", "conv=notrunc", f"seek={offset // 1024}"])
 
     def append(self, run, key, local):
-        with self.mounted(run, "edit") as place, self.stored(run, key):
-            run.call(["dd", f"if={local}", f"of={place}/{key}", "bs=1K", "conv=notrunc", "oflag=append"])
+        with self.mounted(run, "edit") as mount_point, self.stored(run, key):
+            run.call(["dd", f"if={local}", f"of={mount_point}/{key}", "bs=1K", "conv=notrunc", "oflag=append"])
 
-    def pick(self, run, key, size, places, out):
-        with self.mounted(run, "pick") as place:
-            run.call([self.programs / "bench/compare/random_reads", size, places, out, place / key])
+    def pick(self, run, key, size, offsets, out):
+        with self.mounted(run, "pick") as mount_point:
+            run.call([self.programs / "bench/compare/random_reads", size, offsets, out, mount_point / key])
 
     def stored(self, run, key):
         """Wait at the end of a change until the store has it. Here closing the file is enough."""
@@ -366,7 +366,7 @@ class Gdal(Tool):
     def list_level(self, run, prefix, out, names):
         self._gdal(run, "list", self._path(prefix), stdout=out)
 
-    def pick(self, run, key, size, places, out):
+    def pick(self, run, key, size, offsets, out):
         # Smaller pieces transfer less but take longer.
-        self._gdal(run, "pick", size, places, out, self._path(key), CPL_VSIL_CURL_CHUNK_SIZE=str(128 * 1024),
+        self._gdal(run, "pick", size, offsets, out, self._path(key), CPL_VSIL_CURL_CHUNK_SIZE=str(128 * 1024),
                    CPL_VSIL_CURL_CACHE_SIZE=str(64 * MIB))

@@ -10,7 +10,7 @@
 #include <vector>
 
 // Default operations that call other operations. Those that only throw ErrorCode::Unsupported are in
-// RefusedOperations.cpp, the listings in DefaultListings.cpp.
+// UnsupportedOperations.cpp, the listings in DefaultListings.cpp.
 
 namespace foundation::storage::provider
 {
