@@ -88,8 +88,8 @@ protected:
         EXPECT_FALSE(call.operation == Operation::AbortMultipartUpload && m_held.contains({call.key, 0}));
         if (call.part != nullptr)
         {
-            const auto [part, isNew] = m_held.emplace(call.key, call.part->Index);
-            EXPECT_TRUE(isNew) << "part " << call.part->Index << " is in transfer already";
+            const std::pair part(call.key, call.part->Index);
+            EXPECT_TRUE(m_held.insert(part).second) << "part " << part.second << " is in transfer already";
             hold(lock);
             m_held.erase(part);
         }
@@ -228,6 +228,22 @@ TEST_F(PipelinedUploadClientTest, CompletesWithTheLastTransferOfAPart)
     EXPECT_EQ(calls(Operation::UploadPart), 5U) << "the second, which had not started, should be dropped";
     complete({last});
     EXPECT_EQ(store->get("k"), std::string(40, 'x'));
+
+    upload = client->createMultipartUpload("k", "");
+    gate->setOpen(false);
+    send(0, "earlier");
+    gate->awaitParts(1);
+    auto opening = std::async(std::launch::async,
+        [&]
+        {
+            for (int i = 0; i < 1000; ++i) // time to start too early
+            {
+                std::this_thread::yield();
+            }
+            gate->setOpen(true);
+        });
+    complete({send(0, std::string(40, 'y'))});
+    EXPECT_EQ(store->get("k"), std::string(40, 'y'));
 }
 
 TEST_F(PipelinedUploadClientTest, AbortDropsWhatHasNotStartedAndWaitsForTheRest)
@@ -316,9 +332,10 @@ TEST_F(PipelinedUploadClientTest, ReportsAFailureOnceAndRetriesOnCompletion)
         EXPECT_EQ(store->get("k"), "old");
     }
     faults->clearFaults();
-    parts.push_back(send(3, "last bytes"));
-    EXPECT_TRUE(wasSentHere(parts[3])) << "failed parts fill the buffers";
     parts[0] = send(0, "new bytes"); // the completion has reported the failures
+    EXPECT_TRUE(wasSentHere(parts[0])) << "failed parts fill the buffers";
+    parts.push_back(send(3, "last bytes"));
+    EXPECT_FALSE(wasSentHere(parts[3])) << "there is a buffer again";
     complete(parts);
     EXPECT_EQ(store->get("k"), "new bytesoldmore byteslast bytes");
 }
