@@ -234,7 +234,8 @@ const Row rows[] = {
     {"listObjects", [](Scene& s) { EXPECT_EQ(conformance::keys(s.client, s.key), std::vector{s.key}); }},
     {"deleteObject", [](Scene& s) { s.client.deleteObject(s.key); }, std::nullopt},
     {"getObjectRange", readAll},
-    {"putObject", [](Scene& s) { put(s.client, s.key, fresh); }, fresh},
+    {"putObject", [](Scene& s) { put(s.client, s.key, fresh); }, fresh,
+        [](Scene& s) { s.client.getObjectParts(s.key); }},
     {"getObjectParts", [](Scene& s) { EXPECT_EQ(s.client.getObjectParts(s.key).at(0).Size, old.size()); }},
     {"uploadPart", [](Scene& s) { s.sendPart(); }, old, [](Scene& s) { s.begin(); }},
     {"abort", [](Scene& s) { s.client.abortMultipartUpload(s.key, s.upload.id); }, old,
@@ -288,6 +289,7 @@ protected:
                                (status == 400 || (status == 403 && request.head.method() == Verb::head))));
             });
         const Content now = contentOf(*direct, scene.key);
+        EXPECT_TRUE(contentOf(client, scene.key) == now) << "the client reads another version";
         EXPECT_TRUE(now == row.outcome || (failed && now == row.before)) << "neither old nor new is stored";
         EXPECT_TRUE(!failed || isInjected) << "failed without a fault";
         EXPECT_TRUE(failed || !isInjected || recovers) << "succeeded although a request failed";
