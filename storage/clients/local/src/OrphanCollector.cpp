@@ -1,5 +1,7 @@
 #include "OrphanCollector.hpp"
 
+#include "StoreError.hpp"
+
 #include <algorithm>
 
 namespace storage::clients::local
@@ -14,6 +16,25 @@ bool isNamed(Connection& index, FileName name)
         .query("SELECT 1 FROM contents WHERE id = ? AND session = ?", name.content,
             static_cast<std::int64_t>(name.session))
         .next();
+}
+
+// A client that was killed during its commit may have left a whole transaction in SQLite's log that no other client
+// sees. A crash of all clients would make it visible, with the names of files that are about to be removed. Commit a
+// change in its place. The change must be real, or SQLite writes nothing. @return false: the disk is full
+bool replaceUnseenCommit(Database::WriteTransaction& index)
+try
+{
+    index->run("UPDATE store SET next_id = next_id + 1");
+    index.commit();
+    return true;
+}
+catch (const StoreError& error)
+{
+    if (error.kind() == StoreError::Kind::NoSpace)
+    {
+        return false;
+    }
+    throw;
 }
 
 } // namespace
@@ -36,7 +57,14 @@ void collectOrphans(Database& database, ContentFiles& files)
         // file that has no name in the index now will never get one.
         Database::WriteTransaction index(database, Durability::Synced);
         std::erase_if(candidates, [&](FileName name) { return isNamed(*index, name); });
-        files.prepareRemoval();
+        if (!candidates.empty())
+        {
+            files.prepareRemoval();
+            if (!replaceUnseenCommit(index))
+            {
+                return; // the orphans stay until there is room
+            }
+        }
         for (const FileName name : candidates)
         {
             files.remove(name);

@@ -148,4 +148,33 @@ TEST(CrashTest, CollectsOrphansOfDeadSessionsOnly)
     EXPECT_THAT(files(store / "sessions"), SizeIs(2)) << "a crash before the file is removed must be noticed";
 }
 
+TEST(CrashTest, CollectsNothingThatAnUnseenCommitNames)
+{
+    const TestFolder folder;
+    const path shared = folder.store / "index.sqlite-shm";
+    const auto killAfter = [&](const std::function<void(LocalClient & client)>& task)
+    {
+        const int process = startProcess(
+            [&]
+            {
+                LocalClient client(folder.store, nothingInline);
+                task(client);
+                ::raise(SIGKILL);
+            });
+        EXPECT_EQ(waitForProcess(process), -1);
+    };
+    const auto runWithCrashes = [&](LocalClient& first)
+    {
+        put(first, "k", content(1, 1000));
+        // A client that is killed after its commit is in SQLite's log, but before the others are told.
+        char seen[96]; // where the log ends
+        std::fstream(shared).read(seen, sizeof(seen));
+        killAfter([](LocalClient& client) { put(client, "new", content(2, 1000)); });
+        std::fstream(shared).write(seen, sizeof(seen));
+        killAfter([](LocalClient&) {}); // collects
+    };
+    killAfter(runWithCrashes);
+    checkStore(folder.store); // SQLite reads the whole log, since no client is left
+}
+
 } // namespace storage::clients::test
