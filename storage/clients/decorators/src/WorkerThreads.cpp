@@ -65,8 +65,8 @@ void WorkerThreads::startThread()
     catch (const std::system_error& failure)
     {
         cloudprovider::getLogger().write(foundation::log::severity::warning,
-            "Continuing with " + std::to_string(m_threads.size()) +
-                " threads, because no other thread could be started: " + failure.what());
+            "Continuing with " + std::to_string(m_threads.size()) + " of " + std::to_string(m_maxThreads) +
+                " threads: another one could not be started: " + failure.what());
         if (m_threads.empty())
         {
             throw;

@@ -19,8 +19,10 @@ bool isNamed(Connection& index, FileName name)
 }
 
 // A client that was killed during its commit may have left a whole transaction in SQLite's log that no other client
-// sees. A crash of all clients would make it visible, with the names of files that are about to be removed. Commit a
-// change in its place. The change must be real, or SQLite writes nothing. @return false: the disk is full
+// sees. After a crash of all clients it would become visible, and its rows would name files that are about to be
+// removed. Commit a change, which replaces it in the log. The change must be real, or SQLite writes nothing.
+//
+// @return false if the disk is full
 bool replaceUnseenCommit(Database::WriteTransaction& index)
 try
 {
@@ -62,7 +64,7 @@ void collectOrphans(Database& database, ContentFiles& files)
             files.prepareRemoval();
             if (!replaceUnseenCommit(index))
             {
-                return; // the orphans stay until there is room
+                return; // the orphans stay until there is disk space
             }
         }
         for (const FileName name : candidates)

@@ -57,8 +57,8 @@ void runParallel(std::size_t threads, const Tasks& tasks, std::size_t maxHeavy, 
         catch (const std::system_error& reason) // the threads that did start run all tasks
         {
             cloudprovider::getLogger().write(foundation::log::severity::warning,
-                fmt::format(
-                    "Continuing with {} threads, because no other thread could be started: {}", i, reason.what()));
+                fmt::format("Continuing with {} of {} threads: another one could not be started: {}", i, threads,
+                    reason.what()));
             break;
         }
     }
