@@ -49,7 +49,7 @@ print_ratio()
 check_tidy()
 {
     # Hide the lines with its count of suppressed warnings.
-    git ls-files -z '*.cpp' ':!:*/test/*' ':!:bench/*' ':!:cmake/*' |
+    git ls-files -z '*.cpp' ':!:*/test/*' ':!:*/testing/*' ':!:bench/*' ':!:cmake/*' |
         xargs -0 -r -n 1 -P "$(nproc)" clang-tidy-14 --quiet -p build/tidy 2>&1 |
         { grep -vE '^[0-9]+ warnings? generated\.$' || true; }
 }
