@@ -356,7 +356,7 @@ TEST_P(FullDiskTest, LeavesTheOldObjectOrTheNewOne)
     const pid_t child = fork();
     if (child == 0) // which alone sees the small disks
     {
-        alarm(60);
+        alarm(180);
         m_unit = 1024;
         const bool mayMount = unshare(geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWUSER | CLONE_NEWNS) == 0 &&
                               mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;

@@ -216,7 +216,7 @@ protected:
     explicit ProviderTest(const CloudClientSharedPtr& other = nullptr)
         : faults(std::make_shared<RecordingClient>(other ? other : store))
     {
-        alarm(60); // ends a test that hangs
+        alarm(180); // ends a test that hangs
         setenv("TMPDIR", temp.path.c_str(), 1);
         unsetenv(partSizeVariable);
         unsetenv(cacheVariable);
