@@ -151,7 +151,7 @@ std::vector<FileName> ContentFiles::list() const
     return names;
 }
 
-void ContentFiles::removeSessions(const std::vector<SessionLock::Dead>& sessions)
+void ContentFiles::removeIncoming(const std::vector<SessionLock::Dead>& sessions)
 {
     for (const auto& entry : std::filesystem::directory_iterator(m_incoming))
     {
@@ -168,6 +168,10 @@ void ContentFiles::removeSessions(const std::vector<SessionLock::Dead>& sessions
             }
         }
     }
+}
+
+void ContentFiles::removeLocks(const std::vector<SessionLock::Dead>& sessions)
+{
     for (const SessionLock::Dead& session : sessions)
     {
         removeFile(session.path); // if that fails, the next client that opens the store finds the session again

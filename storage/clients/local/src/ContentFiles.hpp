@@ -65,7 +65,7 @@ public:
     IncomingFile create();
 
     /// Rename a synced file into contents/. Must be called inside the transaction that adds the content: an orphan
-    /// collector, which holds a write transaction, then never finds a file that the index is about to name.
+    /// collector, which looks for files in a write transaction, then never takes one that the index is about to name.
     FileName publish(IncomingFile& file, std::int64_t content);
 
     /// Sync the names of all published files to the disk.
@@ -93,8 +93,11 @@ public:
     /// List the files in contents/, including orphans.
     std::vector<FileName> list() const;
 
-    /// Remove what these sessions were writing, and then their lock files.
-    void removeSessions(const std::vector<SessionLock::Dead>& sessions);
+    /// Remove the files that these sessions were writing.
+    void removeIncoming(const std::vector<SessionLock::Dead>& sessions);
+
+    /// Remove the lock files of these sessions, so that no client searches for their orphans again.
+    void removeLocks(const std::vector<SessionLock::Dead>& sessions);
 
 private:
     friend class IncomingFile;

@@ -1,6 +1,7 @@
 #include "OrphanCollector.hpp"
 
 #include "StoreError.hpp"
+#include "StoreTransaction.hpp"
 
 #include <algorithm>
 
@@ -19,11 +20,12 @@ bool isNamed(Connection& index, FileName name)
 }
 
 // A client that was killed during its commit may have left a whole transaction in SQLite's log that no other client
-// sees. After a crash of all clients it would become visible, and its rows would name files that are about to be
-// removed. Commit a change, which replaces it in the log. The change must be real, or SQLite writes nothing.
+// sees. After a crash of all clients it would become visible. A loss of power could undo deferred transactions. Both
+// would bring rows back that name orphans. Commit a change, which prevents that: it replaces the unseen transaction and
+// syncs the others. It must be a real change, or SQLite writes nothing.
 //
 // @return false if the disk is full
-bool replaceUnseenCommit(Database::WriteTransaction& index)
+bool commitBarrier(Database::WriteTransaction& index)
 try
 {
     index->run("UPDATE store SET next_id = next_id + 1");
@@ -39,6 +41,43 @@ catch (const StoreError& error)
     throw;
 }
 
+// @return whether no orphan of a dead session is left
+bool removeOrphans(Database& database, ContentFiles& files, const std::vector<SessionLock::Dead>& dead)
+{
+    std::vector<FileName> orphans = files.list();
+    {
+        Database::ReadTransaction index(database);
+        std::erase_if(orphans, [&](FileName name) { return isNamed(*index, name); });
+    }
+    if (orphans.empty())
+    {
+        return true;
+    }
+    files.prepareRemoval();
+    bool complete = true;
+    {
+        // A client publishes a file inside the transaction that names it, and this transaction excludes all others.
+        Database::WriteTransaction index(database, Durability::Synced);
+        std::erase_if(orphans, [&](FileName name) { return isNamed(*index, name); });
+        const std::int64_t nextId = readNextId(*index);
+        // A lower id is neither assigned again nor in a commit that nobody sees. A file with another id may belong to
+        // such a commit, or a living client may be about to use its name again.
+        const auto mayBeNamed = [&](FileName name) { return name.content >= nextId; };
+        const auto isOfDead = [&](FileName name)
+        {
+            return std::any_of(dead.begin(), dead.end(),
+                [&](const SessionLock::Dead& session) { return session.number == name.session; });
+        };
+        complete = orphans.empty() || commitBarrier(index);
+        std::erase_if(orphans, [&](FileName name) { return mayBeNamed(name) && !(complete && isOfDead(name)); });
+    }
+    for (const FileName name : orphans)
+    {
+        files.remove(name);
+    }
+    return complete;
+}
+
 } // namespace
 
 void collectOrphans(Database& database, ContentFiles& files)
@@ -48,31 +87,11 @@ void collectOrphans(Database& database, ContentFiles& files)
     {
         return;
     }
-    std::vector<FileName> candidates = files.list();
+    files.removeIncoming(dead);
+    if (removeOrphans(database, files, dead))
     {
-        Database::ReadTransaction index(database);
-        std::erase_if(candidates, [&](FileName name) { return isNamed(*index, name); });
+        files.removeLocks(dead);
     }
-    if (!candidates.empty())
-    {
-        // A client publishes a file inside the transaction that names it. This transaction excludes all others, so a
-        // file that has no name in the index now will never get one.
-        Database::WriteTransaction index(database, Durability::Synced);
-        std::erase_if(candidates, [&](FileName name) { return isNamed(*index, name); });
-        if (!candidates.empty())
-        {
-            files.prepareRemoval();
-            if (!replaceUnseenCommit(index))
-            {
-                return; // the orphans stay until there is disk space
-            }
-        }
-        for (const FileName name : candidates)
-        {
-            files.remove(name);
-        }
-    }
-    files.removeSessions(dead);
 }
 
 } // namespace storage::clients::local

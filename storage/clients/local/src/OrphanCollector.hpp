@@ -7,10 +7,10 @@ namespace storage::clients::local
 {
 
 /// Remove orphans: files that dead clients left and that the index does not name. Other clients may use the store
-/// meanwhile; their session locks protect files that they are writing, and a write transaction on the index excludes
-/// files that they are about to add.
+/// meanwhile; their session locks protect the files that they are writing.
 ///
-/// Lists one folder, and all content files only if a dead session is found.
+/// Lists one folder, and all content files only if a dead session is found. On a full disk, those files are left that
+/// an interrupted commit may name: at most the files of one transaction for each dead client.
 /// @throws StoreError; orphans that remain are collected by the next call
 void collectOrphans(Database& database, ContentFiles& files);
 

@@ -5,6 +5,16 @@
 namespace storage::clients::local
 {
 
+std::int64_t readNextId(Connection& index)
+{
+    Query query = index.query("SELECT next_id FROM store");
+    if (!query.next())
+    {
+        throw StoreError("the index is damaged: it has lost its next id");
+    }
+    return query.integer(0);
+}
+
 StoreTransaction::StoreTransaction(Database& database, ContentFiles& files, Durability durability)
     : m_durability(durability)
     , m_database(database)
@@ -25,12 +35,7 @@ std::int64_t StoreTransaction::newId()
 {
     if (!m_nextId)
     {
-        Query query = index().query("SELECT next_id FROM store");
-        if (!query.next())
-        {
-            throw StoreError("the index is damaged: it has lost its next id");
-        }
-        m_nextId = query.integer(0);
+        m_nextId = readNextId(index());
     }
     return (*m_nextId)++;
 }

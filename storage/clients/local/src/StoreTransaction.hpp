@@ -11,6 +11,11 @@
 namespace storage::clients::local
 {
 
+/// The next id that StoreTransaction::newId() assigns. Ids below have been assigned and are never assigned again.
+///
+/// @throws StoreError
+std::int64_t readNextId(Connection& index);
+
 /// A transaction on the index and the content files: both change, or neither. Rolled back unless it is committed.
 ///
 /// New files are published before the index is committed, and dropped ones removed afterwards, so the index never names

@@ -128,12 +128,14 @@ TEST(CrashTest, CollectsOrphansOfDeadSessionsOnly)
         [&]
         {
             // What a crash leaves between the publication of a file and the commit, and a second incoming file.
-            for (const char* orphan :
-                {"sessions/00000000000000ff", "incoming/00000000000000ff-1", "contents/7-00000000000000ff"})
+            // The last two belong to no dead session: one has an id that will be assigned, the other an older one.
+            for (const char* orphan : {"sessions/00000000000000ff", "incoming/00000000000000ff-1",
+                     "contents/7-00000000000000ff", "contents/7-00000000000000aa", "contents/0-00000000000000aa"})
             {
                 std::ofstream(store / orphan) << "orphan";
             }
             const LocalClient collecting(store);
+            EXPECT_TRUE(remove(store / "contents/7-00000000000000aa")) << "a living client may be about to use it";
             EXPECT_THAT(files(store / "incoming"), SizeIs(1));
             EXPECT_THAT(files(store / "sessions"), SizeIs(2)) << "of the living and of the collecting client";
             EXPECT_THAT(files(store / "contents"), IsEmpty());
