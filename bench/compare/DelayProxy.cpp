@@ -1,4 +1,4 @@
-// Makes a store on this machine look distant: delays each response and counts requests and bytes.
+// Adds a delay to each response of a local store, so that the store looks distant, and counts requests and bytes.
 //
 // Usage: delay_proxy STORE_PORT
 //
