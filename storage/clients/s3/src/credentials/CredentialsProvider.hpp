@@ -23,7 +23,7 @@ struct NoCredentials
     std::string reason;
 };
 
-/// One place that may have credentials. Used by one thread at a time.
+/// One source that may have credentials. Used by one thread at a time.
 class CredentialsProvider
 {
 public:
@@ -34,9 +34,9 @@ public:
     CredentialsProvider& operator=(const CredentialsProvider&) = delete;
     virtual ~CredentialsProvider() = default;
 
-    /// Load the credentials that the place has now.
+    /// Load the credentials that the source has now.
     ///
-    /// @return NoCredentials when the place is not set up: the next provider may have some
+    /// @return NoCredentials when the source is not set up: the next provider may have some
     /// @throws cloudprovider::InvalidCredentialsException when it is set up wrongly: the next provider's credentials
     ///         would be those of another identity; TransientException when it does not respond now
     virtual LoadResult load() = 0;

@@ -58,7 +58,7 @@ CredentialsProvider::LoadResult MachineCredentials::load()
     }
     try
     {
-        return ask();
+        return request();
     }
     catch (const HttpFailure& failure)
     {
@@ -75,11 +75,11 @@ CredentialsProvider::LoadResult MachineCredentials::load()
     }
 }
 
-CredentialsProvider::LoadResult MachineCredentials::ask()
+CredentialsProvider::LoadResult MachineCredentials::request()
 {
-    HttpHeaders request;
-    request.add("X-aws-ec2-metadata-token-ttl-seconds", tokenLifetime);
-    const HttpResponse token = m_service.send("PUT", m_endpoint + "/latest/api/token", request);
+    HttpHeaders lifetime;
+    lifetime.add("X-aws-ec2-metadata-token-ttl-seconds", tokenLifetime);
+    const HttpResponse token = m_service.send("PUT", m_endpoint + "/latest/api/token", lifetime);
     m_hasResponded = true;
     if (token.status != 200)
     {

@@ -21,7 +21,7 @@ public:
     LoadResult load() override;
 
 private:
-    LoadResult ask();
+    LoadResult request();
 
     const bool m_isDisabled;
     const std::string m_endpoint;

@@ -71,7 +71,7 @@ std::string listed(const std::vector<SharedFile>& files)
     {
         text += (text.empty() ? "" : " or ") + file.path.string();
     }
-    return text.empty() ? "the shared files, as HOME is not set" : text;
+    return text.empty() ? "the shared files (HOME is not set)" : text;
 }
 
 } // namespace

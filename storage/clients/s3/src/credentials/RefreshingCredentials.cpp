@@ -15,8 +15,8 @@ namespace
 
 using namespace std::chrono_literals;
 
-constexpr std::chrono::seconds refreshAhead =
-    5min; // before the expiry: a request that is signed now may be delayed and retried
+// Before the expiry: a request that is signed now may be delayed and retried.
+constexpr std::chrono::seconds refreshAhead = 5min;
 constexpr std::chrono::seconds minLifetime = 10s; // a service may return the same ones until shortly before they expire
 
 // How long a failed load is cached.
@@ -25,7 +25,7 @@ constexpr std::chrono::seconds retryFailed = 1s;            // threads that wait
 constexpr std::chrono::seconds retryFailedWhileValid = 30s; // the old ones can still be used
 
 /// Refuse control characters: one would end its field of a request, and the text after it would become another field.
-/// Most often it is the end of line of a file that a variable was read from.
+/// Most often it is the line break at the end of a file that a variable was read from.
 void checkUsable(const Credentials& credentials)
 {
     const auto isControl = [](char letter) { return (letter >= 0 && letter < ' ') || letter == 0x7F; };
@@ -34,7 +34,7 @@ void checkUsable(const Credentials& credentials)
         if (std::any_of(text.begin(), text.end(), isControl))
         {
             throw invalidCredentials(
-                "key id, secret or session token contain a control character, such as an end of line");
+                "key id, secret or session token contain a control character, such as a line break");
         }
     }
 }
@@ -107,27 +107,27 @@ RefreshingCredentials::Outcome RefreshingCredentials::tryLoad() noexcept
         auto result = m_provider->load();
         if (const auto* none = std::get_if<NoCredentials>(&result))
         {
-            return Failure{false, "no credentials: " + none->reason};
+            return LoadFailure{false, "no credentials: " + none->reason};
         }
         auto& issued = std::get<IssuedCredentials>(result);
         checkUsable(issued.credentials);
         if (issued.expiry && *issued.expiry <= m_clock())
         {
-            return Failure{true, "the new credentials have already expired; check the clock of this machine"};
+            return LoadFailure{true, "the new credentials have already expired; check the clock of this machine"};
         }
         return std::move(issued);
     }
     catch (const TransientException& exception)
     {
-        return Failure{true, exception.detail().value_or(exception.what())};
+        return LoadFailure{true, exception.detail().value_or(exception.what())};
     }
     catch (const cloudprovider::CloudException& exception)
     {
-        return Failure{false, exception.detail().value_or(exception.what())};
+        return LoadFailure{false, exception.detail().value_or(exception.what())};
     }
     catch (const std::exception& exception)
     {
-        return Failure{true, std::string("loading credentials: ") + exception.what()};
+        return LoadFailure{true, std::string("loading credentials: ") + exception.what()};
     }
 }
 
@@ -139,7 +139,7 @@ void RefreshingCredentials::keep(IssuedCredentials issued, TimePoint now)
     m_failure.reset();
 }
 
-void RefreshingCredentials::keep(Failure failure, TimePoint now)
+void RefreshingCredentials::keep(LoadFailure failure, TimePoint now)
 {
     if (isValid(now))
     {

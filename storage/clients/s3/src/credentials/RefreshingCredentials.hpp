@@ -34,18 +34,18 @@ public:
     void refresh() override;
 
 private:
-    struct Failure
+    struct LoadFailure
     {
         bool isTransient;
         std::string detail;
     };
-    using Outcome = std::variant<IssuedCredentials, Failure>;
+    using Outcome = std::variant<IssuedCredentials, LoadFailure>;
 
     /// Load, with m_mutex released meanwhile.
     void load(std::unique_lock<std::mutex>& lock);
     Outcome tryLoad() noexcept; // an exception would leave other threads waiting forever
     void keep(IssuedCredentials issued, TimePoint now);
-    void keep(Failure failure, TimePoint now);
+    void keep(LoadFailure failure, TimePoint now);
 
     bool isValid(TimePoint now) const;
     bool isDue(TimePoint now) const;
@@ -60,7 +60,7 @@ private:
     std::condition_variable m_loaded;
     bool m_isLoading = false;                  // guarded by m_mutex, as is all below
     std::optional<IssuedCredentials> m_issued; // loaded last, valid or not
-    std::optional<Failure> m_failure;          // of the last load
+    std::optional<LoadFailure> m_failure;      // of the last load
     TimePoint m_loadedAt{};
     std::chrono::seconds m_reloadAfter{0}; // how long after m_loadedAt the next load is due
 };

@@ -111,7 +111,7 @@ private:
         const std::size_t sign = text.find('=');
         if (sign == text.npos || sign == 0)
         {
-            return "this is neither a section nor a setting, NAME = VALUE";
+            return "expected [SECTION] or NAME = VALUE";
         }
         if (m_profile == nullptr)
         {

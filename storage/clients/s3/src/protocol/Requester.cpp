@@ -79,14 +79,14 @@ HttpResponse Requester::send(
         bool hasRefreshed = false;
         for (;;)
         {
-            const BucketAddress asked = address();
-            HttpResponse response = sendOnce(request, asked, receiver);
+            const BucketAddress requested = address();
+            HttpResponse response = sendOnce(request, requested, receiver);
             if (isGood(response))
             {
                 m_sawBucket = m_sawBucket || response.status / 100 == 2;
                 return response;
             }
-            if (!hasFollowedRegion && followRegion(response, asked))
+            if (!hasFollowedRegion && followRegion(response, requested))
             {
                 hasFollowedRegion = true;
             }
@@ -140,7 +140,7 @@ HttpResponse Requester::sendOnce(
     return response;
 }
 
-bool Requester::followRegion(const HttpResponse& response, const BucketAddress& asked)
+bool Requester::followRegion(const HttpResponse& response, const BucketAddress& requested)
 {
     if (response.status != 301 && response.status != 307 && response.status != 400)
     {
@@ -148,7 +148,7 @@ bool Requester::followRegion(const HttpResponse& response, const BucketAddress& 
     }
     const std::string* const field = response.headers.find("x-amz-bucket-region");
     const std::string region = field != nullptr ? *field : readError(response.body).region;
-    if (region.empty() || region == asked.region())
+    if (region.empty() || region == requested.region())
     {
         return false;
     }

@@ -84,7 +84,7 @@ public:
 private:
     BucketAddress address();
     HttpResponse sendOnce(const S3Request& request, const BucketAddress& address, const HttpClient::Receiver& receiver);
-    bool followRegion(const HttpResponse& response, const BucketAddress& asked);
+    bool followRegion(const HttpResponse& response, const BucketAddress& requested);
 
     const std::shared_ptr<CredentialsSource> m_credentials;
     HttpClient m_http;

@@ -37,7 +37,7 @@ std::uint64_t requiredNumber(const pugi::xml_node& parent, const char* name)
     const auto number = readNumber(requiredText(parent, name));
     if (!number)
     {
-        throw MalformedResponse(std::string("the response has no number as ") + name);
+        throw MalformedResponse(std::string(name) + " in the response is not a number");
     }
     return *number;
 }
@@ -47,7 +47,7 @@ boost::posix_time::ptime requiredTime(const pugi::xml_node& parent, const char* 
     const auto time = readIsoTime(requiredText(parent, name));
     if (time.is_special())
     {
-        throw MalformedResponse(std::string("the response has no time as ") + name);
+        throw MalformedResponse(std::string(name) + " in the response is not a time");
     }
     return time;
 }

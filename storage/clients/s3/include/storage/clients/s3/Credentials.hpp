@@ -31,8 +31,8 @@ public:
     ///
     /// May block for some seconds while it loads them. If loading fails while the old ones are still valid, it logs the
     /// failure and returns the old ones.
-    /// @throws cloudprovider::InvalidCredentialsException when there are none, with a detail that names the places
-    ///         searched; TransientException when the place that has them does not respond now
+    /// @throws cloudprovider::InvalidCredentialsException when there are none, with a detail that names the sources
+    ///         searched; TransientException when the source that has them does not respond now
     virtual Credentials credentials() = 0;
 
     /// Drop the current credentials, because the store has reported them as expired. The next call loads new ones,
@@ -47,7 +47,7 @@ std::shared_ptr<CredentialsSource> fixedCredentials(Credentials credentials);
 /// No credentials: requests are not signed, which is enough for a public bucket.
 std::shared_ptr<CredentialsSource> anonymousCredentials();
 
-/// Credentials from the places where the store's own tools look for them. The first place that has some is used.
+/// Credentials from the sources that the store's own tools use. The first source that has some is used.
 ///
 /// 1. the variables AWS_ACCESS_KEY_ID and AWS_SECRET_ACCESS_KEY, with AWS_SESSION_TOKEN when set; skipped when a
 ///    profile is given
@@ -58,7 +58,7 @@ std::shared_ptr<CredentialsSource> anonymousCredentials();
 /// 4. the machine's metadata service, version 2 (AWS_EC2_METADATA_SERVICE_ENDPOINT); skipped when
 ///    AWS_EC2_METADATA_DISABLED is true
 ///
-/// A misconfigured place is an error and is not skipped. Examples are a key without its secret, a file that cannot be
+/// A misconfigured source is an error and is not skipped. Examples are a key without its secret, a file that cannot be
 /// read, and a named profile that does not exist or that needs a role, a program or a login to get its keys. If there
 /// are no credentials, that result is cached for a minute. Credentials from 3 and 4 expire; they are replaced five
 /// minutes before that.
