@@ -112,8 +112,8 @@ private:
     const CommandContext& m_context;
     const Options& m_options;
     const StorePath m_target;
-    std::map<std::string, std::shared_ptr<const FolderSnapshot>>
-        m_snapshots; // by path: the current folder and those above
+    // By path: of the current folder and those above.
+    std::map<std::string, std::shared_ptr<const FolderSnapshot>> m_snapshots;
     Progress m_progress;
     Batch m_batch; // last: its threads use the members above
 };

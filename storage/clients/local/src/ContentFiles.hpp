@@ -12,8 +12,9 @@
 namespace storage::clients::local
 {
 
-/// The name of a content's file. The content's id alone is not unique: when a transaction is rolled back, its ids are
-/// assigned again, while its files may still exist.
+/// The name of a content file. It has the bytes of one putObject(), uploadPart() or copyPart(), which the index calls a
+/// content. The id of the content alone is not unique: when a transaction is rolled back, its ids are assigned again,
+/// while its files may still exist.
 struct FileName
 {
     std::int64_t content = 0;
@@ -22,7 +23,8 @@ struct FileName
 
 class ContentFiles;
 
-/// A file that is being written and belongs to no content yet. The destructor removes it unless it was published.
+/// A file that is being written and that the index does not name yet. The destructor removes it unless it was
+/// published.
 class IncomingFile
 {
 public:
@@ -46,7 +48,7 @@ private:
     FileHandle m_file;
 };
 
-/// The files beside the index: one for each content that is not inline.
+/// The files beside the index. They have the bytes of the objects and parts that are not stored inline in the index.
 ///
 ///     contents/<content>-<session>    published; named by the index
 ///     incoming/<session>-<number>     being written
@@ -64,7 +66,7 @@ public:
     /// Create a file in incoming/.
     IncomingFile create();
 
-    /// Rename a synced file into contents/. Must be called inside the transaction that adds the content: an orphan
+    /// Rename a synced file into contents/. Must be called inside the transaction that adds the file: an orphan
     /// collector, which looks for files in a write transaction, then never takes one that the index is about to name.
     FileName publish(IncomingFile& file, std::int64_t content);
 
@@ -78,10 +80,10 @@ public:
 
     std::filesystem::path path(FileName name) const;
 
-    /// Prepare remove(). Must be called before the transaction that drops a content is committed.
+    /// Prepare remove(). Must be called before the transaction that drops a file is committed.
     void prepareRemoval() { m_sessionLock.acquire(); }
 
-    /// Remove a file that belongs to no content. If that fails, it is left to the orphan collector.
+    /// Remove a file that the index does not name. If that fails, it is left to the orphan collector.
     void remove(FileName name) noexcept;
 
     /// Leave files of this session that the index does not name to the orphan collector of a later client.

@@ -30,7 +30,7 @@ struct StoredPart
     std::uint64_t size = 0;
 };
 
-/// The tag of an object or a content, by its id.
+/// The tag of an object or a part: the id of the object, or of the content that has the part's bytes.
 std::string tagOf(std::int64_t id);
 
 // Times as the index stores them: microseconds since 1970, UTC.

@@ -12,7 +12,7 @@
 namespace storage::clients::local
 {
 
-/// A content that is being received, before it is added to the index.
+/// The bytes of an object or a part that is being received, before they are added to the index.
 class StagedContent
 {
 public:
@@ -33,7 +33,7 @@ public:
     void sync();
 
     std::uint64_t size() const noexcept { return m_size; }
-    const std::string& bytes() const noexcept { return m_bytes; } ///< the content, if it has no file
+    const std::string& bytes() const noexcept { return m_bytes; } ///< all bytes, if they are not in a file
     std::optional<IncomingFile>& file() noexcept { return m_file; }
 
 private:

@@ -30,13 +30,14 @@ public:
 
     Connection& index() { return **m_index; }
 
-    /// An id that no object, upload or content of the store has or had.
+    /// An id that no object, upload or content (see add()) of the store has or had.
     std::int64_t newId();
 
     /// Let a Synced commit also sync the names of files that earlier, deferred transactions added.
     void syncEarlierFiles() { m_filesToSync = true; }
 
-    /// Add a content with a reference count of 1. The caller stores that reference.
+    /// Add the bytes of an object or a part as a new content with a reference count of 1. The caller stores that
+    /// reference.
     ///
     /// @return its id
     std::int64_t add(StagedContent& content);
@@ -44,7 +45,8 @@ public:
     /// Add 1 to the reference count. The caller stores the new reference.
     void share(std::int64_t content);
 
-    /// Subtract 1 from the reference count. The caller has removed that reference. Drops the content when none is left.
+    /// Subtract 1 from the reference count. The caller has removed that reference. Drops the content and its bytes when
+    /// none is left.
     void release(std::int64_t content);
 
     /// @throws StoreError; nothing has changed

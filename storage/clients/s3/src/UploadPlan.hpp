@@ -19,8 +19,8 @@ struct UploadLimits
     std::uint64_t minPartSize = s3::minPartSize; ///< bytes, for every part but the last; at least 1
     std::size_t maxParts = s3::maxParts;
     std::uint64_t maxObjectSize = s3::maxObjectSize; ///< bytes
-    std::uint64_t maxCopySize =
-        s3::maxCopySize;       ///< bytes copied as one part; at least 2 * minPartSize, or 0: no copies
+    /// Bytes copied as one part; at least 2 * minPartSize, or 0: no copies.
+    std::uint64_t maxCopySize = s3::maxCopySize;
     bool equalParts = false;   ///< all parts but the last must have the same size
     bool pinnedCopies = false; ///< the store refuses a copy from another version of the object
 };

@@ -29,7 +29,7 @@ void checkPartList(const std::string& key, const std::vector<cloudprovider::Part
     const std::function<std::optional<SentPart>(std::size_t index)>& sent);
 
 /// Check that a part can be copied from the object under a key: that the object has these bytes, and has not changed
-/// since the caller asked for its parts.
+/// since the caller called getObjectParts().
 ///
 /// A part with a tag must lie within a stored part with the same tag. A part without a tag may be any range.
 /// @param part    [Offset, Offset + Size) of the object, with the tag that getObjectParts() returned. Its Index is

@@ -25,7 +25,7 @@ namespace storage::clients
 class CancellableClient : public InterceptingClient
 {
 public:
-    /// Keeps one key cancelled during its lifetime. Keep it until every stream on the file is destroyed.
+    /// Keeps one key cancelled during its lifetime. Keep it until every stream on the file is closed.
     class Cancellation
     {
     public:

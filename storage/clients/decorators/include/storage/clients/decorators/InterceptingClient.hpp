@@ -54,10 +54,12 @@ protected:
     struct Call
     {
         Operation operation;
-        const std::string& key; ///< of validateObjectName() the name, of listObjects() the prefix
-        const cloudprovider::PartInfo* part = nullptr; ///< of uploadPart() and copyPart(); null for all others
-        std::uint64_t size =
-            0; ///< bytes that putObject() or uploadPart() sends, or copyPart() copies; 0 for all others
+        /// For validateObjectName() the name, for listObjects() the prefix.
+        const std::string& key;
+        /// The part of uploadPart() and copyPart(); null for all other operations.
+        const cloudprovider::PartInfo* part = nullptr;
+        /// How many bytes putObject() or uploadPart() sends, or copyPart() copies; 0 for all other operations.
+        std::uint64_t size = 0;
     };
 
     /// Make one call. This default does nothing else. Called on the thread of the operation's caller, without any lock

@@ -19,10 +19,12 @@ class TransientException;
 /// How long a RetryingClient retries. No value may be negative.
 struct RetryPolicy
 {
-    std::chrono::milliseconds firstDelay{100}; ///< maximum of the first wait; doubled for each wait that follows
-    std::chrono::milliseconds maxDelay = std::chrono::seconds(20); ///< limit of the doubling
-    std::chrono::milliseconds budget = std::chrono::minutes(2); ///< no wait ends later than this after the call began,
-                                                                ///< or after the last attempt that made progress
+    /// Maximum of the first wait; doubled for each wait that follows.
+    std::chrono::milliseconds firstDelay{100};
+    /// Limit of the doubling.
+    std::chrono::milliseconds maxDelay = std::chrono::seconds(20);
+    /// No wait ends later than this after the call began, or after the last attempt that made progress.
+    std::chrono::milliseconds budget = std::chrono::minutes(2);
 };
 
 /// Return a uniformly distributed random duration in [0, max]. Any thread may call this.

@@ -31,10 +31,10 @@ struct OpenUpload
 
 /// An object store in memory, for tests, examples and benchmarks. It implements the whole contract of CloudClient.
 ///
-/// Contents are immutable and shared. putObject() and uploadPart() copy the bytes once; copyPart() and
-/// completeMultipartUpload() copy none. A read in progress continues with the content that it started with, even if the
-/// object is replaced or deleted. A content stays in memory as a whole while any object, upload or reader uses a part
-/// of it.
+/// The bytes of an object are immutable and shared. putObject() and uploadPart() copy the bytes once; copyPart() and
+/// completeMultipartUpload() copy none. A read in progress continues with the bytes that it started with, even if the
+/// object is replaced or deleted. All bytes of one putObject() or uploadPart() stay in memory while any object, upload
+/// or reader uses some of them.
 ///
 /// Every stored object and part gets a new tag, even if its bytes are the same as before, so copyPart() always detects
 /// that the object has changed. getObjectParts() returns the parts of the completed upload, numbered from 0. An object

@@ -28,7 +28,7 @@ namespace storage::clients
 ///
 /// @param interrupted  whether the process is interrupted: if so, requests in progress are cancelled and nothing is
 ///                     retried; see S3Settings and RetryingClient. Must be safe to call from any thread during the
-///                     lifetime of the store. Empty: never.
+///                     lifetime of the store. Empty: never. `local:` and `memory:` ignore it.
 /// @throws InvalidLocationException for any other URL; its detail lists the forms above
 /// @throws what the store's own constructor throws
 std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, std::function<bool()> interrupted = {});
