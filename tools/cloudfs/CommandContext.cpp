@@ -57,13 +57,18 @@ void CommandContext::open()
     }
     catch (const CloudException& exception)
     {
-        const bool mayHavePassword = storeUrl.find('@') != std::string::npos; // the line may end up in a log
-        throw CommandError::fromStore(mayHavePassword || storeUrl.empty() ? "--store" : storeUrl, exception);
+        throw CommandError::fromStore(storeForMessages(), exception);
     }
     // The recorder is inside, because a cancelled call is not a failure of the store.
     m_recorder = std::make_shared<storage::clients::FailureRecordingClient>(m_store);
     m_client = std::make_shared<storage::clients::CancellableClient>(m_recorder, &interrupt::isPending);
     m_provider = storage::cloudprovider::buildCloudProvider(m_client, folderPolicy, true);
+}
+
+std::string CommandContext::storeForMessages() const
+{
+    const bool mayHavePassword = storeUrl.find('@') != std::string::npos; // the line may end up in a log
+    return mayHavePassword || storeUrl.empty() ? "--store" : '"' + storeUrl + '"';
 }
 
 void CommandContext::rethrowAsCommandError(const StorePath& path) const

@@ -27,8 +27,11 @@ public:
 
     /// Open the store. Call once, before every other operation.
     ///
-    /// @throws CommandError that names the store's URL, or "--store" if the URL is empty or may contain a password
+    /// @throws CommandError that begins with storeForMessages()
     void open();
+
+    /// Return the store's URL in quotes, or "--store" if the URL is empty or may contain a password.
+    std::string storeForMessages() const;
 
     const fsp::IProvider& provider() const noexcept { return *m_provider; }
     storage::clients::CancellableClient& client() const noexcept { return *m_client; }

@@ -1,5 +1,6 @@
 #include "Commands.hpp"
 #include "Transfer.hpp"
+#include "Validators.hpp"
 
 #include <cstdint>
 #include <memory>
@@ -33,11 +34,9 @@ void addEditCommands(CLI::App& app, CommandContext& context)
 
     auto* write = app.add_subcommand("write", "Overwrite part of an existing file with standard input");
     write->add_option("PATH", *path, "An existing file")->required();
-    write
-        ->add_option("--offset", *offset,
-            "Where to write, in bytes from the start of the file; a gap beyond its end reads as zeros")
+    write->add_option("--offset", *offset, "Where to write, from the file's start; a gap beyond its end reads as zeros")
         ->required()
-        ->check(CLI::Range(std::uint64_t{0}, maxOffset).description(""))
+        ->check(numberBetween(0, maxOffset))
         ->type_name("BYTES");
     write->callback(
         [&context, path, offset] { edit(context, *path, *offset, fsp::ByteStreamWritePosition::AtOffset); });

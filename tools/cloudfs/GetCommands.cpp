@@ -6,6 +6,7 @@
 #include "LocalTree.hpp"
 #include "StandardOutput.hpp"
 #include "Transfer.hpp"
+#include "Validators.hpp"
 
 #include <fl/i18n.hpp>
 
@@ -197,7 +198,7 @@ void addGetCommands(CLI::App& app, CommandContext& context)
     command->add_option("LOCAL", options->local, "The local destination, or - for standard output")->required();
     auto* recursive = command->add_flag("-r", options->recursive, "Download a folder and its contents");
     command->add_option("-j", options->jobs, "Files to transfer at the same time with -r, 1 to 64")
-        ->check(CLI::Range(1, 64).description(""))
+        ->check(numberBetween(1, 64))
         ->type_name("N")
         ->capture_default_str();
     command->add_flag("-f", options->force, "Replace existing files");

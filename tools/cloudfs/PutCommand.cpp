@@ -5,6 +5,7 @@
 #include "LocalSource.hpp"
 #include "LocalTree.hpp"
 #include "Transfer.hpp"
+#include "Validators.hpp"
 
 #include <map>
 #include <memory>
@@ -165,7 +166,7 @@ void addPutCommand(CLI::App& app, CommandContext& context)
     command->add_option("PATH", options->path, "The destination in the store")->required();
     auto* recursive = command->add_flag("-r", options->recursive, "Upload a folder and its contents");
     command->add_option("-j", options->jobs, "Files to transfer at the same time with -r, 1 to 64")
-        ->check(CLI::Range(1, 64).description(""))
+        ->check(numberBetween(1, 64))
         ->type_name("N")
         ->capture_default_str();
     command->add_flag("-f", options->force, "Replace existing files");

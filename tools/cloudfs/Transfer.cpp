@@ -25,7 +25,7 @@ void writeAll(fsp::ByteStream& stream, const StorePath& path, const char* data, 
         const std::streamsize written = stream.write(data, static_cast<std::streamsize>(size));
         if (written <= 0)
         {
-            throw CommandError(path.text(), "cannot write any more bytes", fsp::ErrorCode::Unknown);
+            throw CommandError(path.text(), "the stream accepts no more bytes", fsp::ErrorCode::Unknown);
         }
         data += written;
         size -= static_cast<std::size_t>(written);

@@ -2,6 +2,7 @@
 #include "Commands.hpp"
 #include "StandardOutput.hpp"
 #include "Text.hpp"
+#include "Validators.hpp"
 
 #include <storage/clients/common/UploadInventory.hpp>
 #include <storage/clients/decorators/FindInterface.hpp>
@@ -11,7 +12,6 @@
 #include <fmt/format.h>
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -24,15 +24,13 @@ namespace
 
 using storage::clients::PendingUpload;
 
-constexpr std::int64_t maxAge =
-    100LL * 365 * 24 * 3600; // seconds; the time library does not support much earlier dates
-
 std::vector<PendingUpload> uploadsOlderThan(const CommandContext& context, std::int64_t seconds)
 {
     auto* const inventory = storage::clients::findInterface<storage::clients::UploadInventory>(context.store());
     if (inventory == nullptr)
     {
-        throw CommandError(context.storeUrl, "this store cannot list open uploads", fsp::ErrorCode::Unsupported);
+        throw CommandError(
+            context.storeForMessages(), "this store cannot list open uploads", fsp::ErrorCode::Unsupported);
     }
     std::vector<PendingUpload> uploads = inventory->pendingUploads();
     const auto cutoff = boost::posix_time::microsec_clock::universal_time() - boost::posix_time::seconds(seconds);
@@ -71,12 +69,10 @@ void abort(const CommandContext& context, std::int64_t seconds)
 
 CLI::Option* addAge(CLI::App& command, std::int64_t& seconds)
 {
-    const std::map<std::string, std::int64_t> units{{"s", 1}, {"m", 60}, {"h", 3600}, {"d", 24 * 3600}};
     return command
         .add_option("--older-than", seconds, "Only uploads older than this: a number and a unit, s, m, h or d")
         ->type_name("AGE")
-        ->transform(CLI::AsNumberWithUnit(units, CLI::AsNumberWithUnit::UNIT_REQUIRED).description(""))
-        ->check(CLI::Range(std::int64_t{0}, maxAge).description(""));
+        ->transform(ageInSeconds());
 }
 
 /// Run a command and translate what the store throws into a CommandError about the store.
@@ -88,7 +84,7 @@ void run(const CommandContext& context, std::int64_t seconds, void (*command)(co
     }
     catch (const storage::cloudprovider::CloudException& exception)
     {
-        throw CommandError::fromStore(context.storeUrl, exception);
+        throw CommandError::fromStore(context.storeForMessages(), exception);
     }
 }
 

@@ -6,13 +6,17 @@
 #include "Text.hpp"
 
 #include <CLI/CLI.hpp>
-#include <array>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <exception>
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <string>
+#include <string_view>
 #include <unistd.h>
+#include <vector>
 
 namespace
 {
@@ -26,11 +30,7 @@ constexpr int exitBrokenPipe = 128 + 13; // as if SIGPIPE had ended the program
 
 void addGlobalOptions(CLI::App& app, CommandContext& context)
 {
-    app.add_option("--store", context.storeUrl,
-           "local:DIR, local: (the default folder, $XDG_DATA_HOME/cloudfs or ~/.local/share/cloudfs), memory: "
-           "(empty, and gone when the command ends) or s3://BUCKET?endpoint=URL&region=REGION&path-style=1")
-        ->type_name("URL")
-        ->capture_default_str();
+    app.add_option("--store", context.storeUrl, "The store to use, see below")->type_name("URL")->capture_default_str();
     app.add_option_function<std::string>(
            "--folders",
            [&context](const std::string& name)
@@ -41,21 +41,52 @@ void addGlobalOptions(CLI::App& app, CommandContext& context)
                }
                context.folderPolicy = name == "marker" ? FolderPolicy::MarkerObjects : FolderPolicy::KeyPrefixes;
            },
-           "marker: each folder is an object of its own, so it may be empty; prefix: a folder exists only while it "
-           "contains files")
+           "How the store represents folders, see below")
         ->type_name("marker|prefix")
         ->default_str("marker");
-    app.add_flag(
-        "-v", context.verbose, "Log every operation to standard error, and print the number of store calls at the end");
+    app.add_flag("-v", context.verbose, "Log every operation to standard error, then the numbers of store calls");
 }
 
-std::string describeUnknown(const CLI::App& app, const std::string& argument)
+constexpr const char* globalOptionForms = // at most 100 columns
+    "Stores:\n"
+    "  local:DIR       A local folder, which is created if it is missing\n"
+    "  local:          The default folder: $XDG_DATA_HOME/cloudfs, or ~/.local/share/cloudfs\n"
+    "  memory:         A store in memory: empty, and gone when the command ends\n"
+    "  s3://BUCKET?endpoint=URL&region=REGION&path-style=1\n"
+    "                  A bucket of an S3-compatible store\n"
+    "\n"
+    "Folders:\n"
+    "  marker          Each folder is an object of its own, so it may be empty\n"
+    "  prefix          A folder exists only while it contains files";
+
+/// Describe an argument that the parser did not understand.
+///
+/// @param typed  all arguments: of the flag "-Rl=3", the parser reports "-=3"
+std::string describeUnknown(const CLI::App& app, const std::string& argument, const std::vector<std::string>& typed)
 {
+    if (argument.starts_with("-="))
+    {
+        const auto isFlag = [value = argument.substr(1)](const std::string& text)
+        {
+            const std::size_t end = std::min(text.find('='), text.size());
+            return end > 1 && text[0] == '-' && text[1] != '-' && text.substr(end) == value;
+        };
+        const auto flag = std::find_if(typed.begin(), typed.end(), isFlag);
+        if (flag != typed.end())
+        {
+            return fmt::format("-{} takes no value", (*flag)[flag->find('=') - 1]);
+        }
+    }
     if (argument.starts_with('-'))
     {
         return "unknown option: " + argument;
     }
-    return (app.get_subcommands().empty() ? "unknown command: " : "unexpected argument: ") + argument;
+    const CLI::App* command = &app;
+    while (!command->get_subcommands().empty())
+    {
+        command = command->get_subcommands().front();
+    }
+    return (command->get_require_subcommand_min() > 0 ? "unknown command: " : "unexpected argument: ") + argument;
 }
 
 std::string describe(const CLI::ParseError& error)
@@ -68,6 +99,11 @@ std::string describe(const CLI::ParseError& error)
     if (text.ends_with(" missing")) // "--store: 1 required URL missing"
     {
         return text.substr(0, text.find(':')) + ": a value is required";
+    }
+    constexpr std::string_view conversion = "Could not convert: "; // "--files = x": values are checked, so it is a flag
+    if (text.starts_with(conversion))
+    {
+        return text.substr(conversion.size(), text.find(" = ") - conversion.size()) + " takes no value";
     }
     return text;
 }
@@ -108,6 +144,7 @@ int run(int argc, char** argv)
     addEditCommands(app, context);
     addCopyCommands(app, context);
     addUploadCommands(app, context);
+    app.footer(globalOptionForms); // now: commands inherit the footer that the program has when they are added
     try
     {
         app.parse(argc, argv);
@@ -121,7 +158,8 @@ int run(int argc, char** argv)
     catch (const CLI::ParseError& error)
     {
         const auto unknown = app.remaining();
-        const std::string reason = unknown.empty() ? describe(error) : describeUnknown(app, unknown.front());
+        const std::string reason =
+            unknown.empty() ? describe(error) : describeUnknown(app, unknown.front(), {argv + 1, argv + argc});
         cloudfs::diagnostics::printLine(
             fmt::format("{}; see {}", cloudfs::text::printable(reason), helpCommand(app, reason)));
         return exitUsage;

@@ -148,7 +148,8 @@ test_errors()
     mkdir folder
     expect 0 '' put one /file
     expect 0 '' mkdir /folder
-    store=local:/etc expect 1 'local:/etc: .*code 1 .*' ls
+    store=local:/etc expect 1 '"local:/etc": .*code 1 .*' ls
+    store=foo: expect 1 '"foo:": unknown kind of store; .*code 1 .*' ls
     expect_rows <<'END'
 1|cloudfs://store/%zz: .*code 1 .*|cat cloudfs://store/%zz
 1|"": .*code 1 .*|ls ''
@@ -177,7 +178,15 @@ test_errors()
 2|--folders: must be marker or prefix; see cloudfs --help|--folders x ls
 2|-r: .*standard input.*|put -r - /x
 2|-r: .*standard output.*|get -r / -
-2|-j: .*|put -j 0 one /x
+2|-j: must be between 1 and 64; .*|put -j 0 one /x
+2|--offset: must be between 0 and 5497558138880; .*|write /file --offset -5
+2|unknown command: frob; see cloudfs uploads --help|uploads frob
+2|unexpected argument: b; see cloudfs ls --help|ls / b
+2|--folders takes no value; see cloudfs ls --help|ls --folders=prefix
+2|-l takes no value; see cloudfs ls --help|ls -Rl=3
+2|--older-than: unknown unit "y"; use s, m, h or d; .*|uploads list --older-than 1y
+2|--older-than: must be between 0d and 36500d; .*|uploads list --older-than 36501d
+2|--older-than: must be between 0h and 876000h; .*|uploads list --older-than -5h
 END
     prints $'file\nfolder/' ls -R
     [[ $(ls) == $'buffers\ncloudfs\nerr\nfolder\none\nout' ]] || fail "local files appeared: $(ls)"
