@@ -192,8 +192,8 @@ void addGetCommands(CLI::App& app, CommandContext& context)
     const auto options = std::make_shared<Options>();
     auto* command = app.add_subcommand("get", "Download a file or a folder");
     command->footer(
-        "If LOCAL is an existing folder, the download is put into it under its own name; otherwise LOCAL is the\n"
-        "new name. Only complete files become visible.");
+        "If LOCAL is an existing folder, the download is put into it under its own name; otherwise LOCAL is\n"
+        "the new name. Only complete files become visible.");
     command->add_option("PATH", options->path, "A file, or a folder with -r")->required();
     command->add_option("LOCAL", options->local, "The local destination, or - for standard output")->required();
     auto* recursive = command->add_flag("-r", options->recursive, "Download a folder and its contents");

@@ -155,13 +155,14 @@ void addPutCommand(CLI::App& app, CommandContext& context)
     const auto options = std::make_shared<Options>();
     auto* command = app.add_subcommand("put", "Upload a file or a folder");
     command->footer(
-        "If PATH ends in \"/\", LOCAL is stored in that folder under its own name; otherwise PATH is the new name.\n"
-        "The folder of a file need not exist. With -r, missing folders are created, symbolic links to files are\n"
-        "followed, and entries that cannot be stored (links to folders, devices, names that are not UTF-8 or end\n"
-        "in a dot) are reported and skipped. With --folders prefix, empty folders are not stored.\n"
-        "With -r, each folder of the store is listed once, before its first file is uploaded. A file that another\n"
-        "program stores there later may be replaced even without -f, unless the new file is larger than 5 MiB:\n"
-        "such files are checked again just before their upload.");
+        "If PATH ends in \"/\", LOCAL is stored in that folder under its own name; otherwise PATH is the new\n"
+        "name. The folder of a file need not exist. With -r, missing folders are created, symbolic links to\n"
+        "files are followed, and entries that cannot be stored (links to folders, devices, names that are\n"
+        "not UTF-8 or end in a dot) are reported and skipped. With --folders prefix, empty folders are not\n"
+        "stored.\n"
+        "With -r, each folder of the store is listed once, before its first file is uploaded. A file that\n"
+        "another program stores there later may be replaced even without -f, unless the new file is larger\n"
+        "than 5 MiB: such files are checked again just before their upload.");
     command->add_option("LOCAL", options->local, "A file, a folder with -r, or - for standard input")->required();
     command->add_option("PATH", options->path, "The destination in the store")->required();
     auto* recursive = command->add_flag("-r", options->recursive, "Upload a folder and its contents");

@@ -127,8 +127,8 @@ void RangeReceiver::checkRange(const HttpResponse& head, std::uint64_t length)
     {
         throwMalformedResponse(m_context, head, "the response lacks the size of the object");
     }
-    const std::uint64_t asked = m_range->offset + m_range->size;
-    const std::uint64_t end = m_end == End::MayExceedObject ? std::min(asked, *objectSize) : asked;
+    const std::uint64_t requestedEnd = m_range->offset + m_range->size;
+    const std::uint64_t end = m_end == End::MayExceedObject ? std::min(requestedEnd, *objectSize) : requestedEnd;
     if (end > *objectSize)
     {
         throwBeyondEnd(m_key, *m_range);

@@ -236,7 +236,7 @@ private:
         set(CURLOPT_CUSTOMREQUEST, m_request.method.c_str());
     }
 
-    /// The library does not escape an end of line: the text after it would become another field.
+    /// The library does not escape a line break: the text after it would become another field.
     static void requireOneLine(const HttpHeaders::Field& field)
     {
         const auto isControl = [](char letter) { return (letter >= 0 && letter < ' ') || letter == 0x7F; };
