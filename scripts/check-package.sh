@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Check the installed package from the outside: compile each public header alone, compare the names that the shared
-# libraries export with the lists in cmake/exported-symbols, install the release build to a temporary folder, and from
-# there build and run the examples of the documentation.
+# libraries export with the lists in cmake/exported-symbols, install the release build to a temporary folder, check that
+# no weak symbol names a private class, and from there build and run the examples of the documentation.
 #
 # Usage: scripts/check-package.sh [--update-symbols]      with the option, write the lists instead of comparing them
 set -euo pipefail
@@ -41,6 +41,28 @@ quietly build/logs/install.log cmake --install build/release --prefix "$scratch/
 # Move the tree to show that it does not depend on its own path.
 mv "$scratch/built" "$scratch/installed"
 prefix=$scratch/installed
+
+# Private classes have hidden symbols, except one that is nested in an exported class and not marked as hidden. Then it
+# shows in the names of weak symbols, mostly of templates. Our classes begin with a capital letter, so every such name
+# in a weak symbol must be defined, not only declared, in an installed header.
+public_classes()
+{
+    grep -rhE '^ *(class|struct|union|enum) ' "$prefix/include" | grep -v ';$' |
+        sed -E 's/^ *(enum class|class|struct|union|enum) ([A-Z_]+_EXPORT )?([A-Za-z0-9_]+).*/\3/' | LC_ALL=C sort -u
+}
+classes_in_weak_symbols()
+{
+    nm -DC --defined-only "$1" | sed -nE 's/^[0-9a-f]+ [WV] //p' |
+        grep -oE '\b(foundation|storage)(::[A-Za-z0-9_]+)+' | grep -oE '\b[A-Z][A-Za-z0-9_]*' | LC_ALL=C sort -u
+}
+for library in libfoundation libcloudprovider; do
+    private=$(LC_ALL=C comm -13 <(public_classes) <(classes_in_weak_symbols "$prefix/lib/$library.so"))
+    if [[ -n $private ]]; then
+        echo "check-package: weak symbols of $library.so name private classes: ${private//$'\n'/, }" >&2
+        exit 1
+    fi
+done
+
 examples=$prefix/share/doc/cloudprovider/examples
 export CMAKE_PREFIX_PATH=$prefix PKG_CONFIG_PATH=$prefix/lib/pkgconfig
 

@@ -49,19 +49,19 @@ std::shared_ptr<OpenPartManager> buildPartManager(const fsp::StorageIRI& iri, fs
     return partManager;
 }
 
+struct OpenFileEntry
+{
+    std::weak_ptr<OpenPartManager> partManager;
+    bool opening = false; // a thread is building the part manager, without holding the mutex
+
+    bool isStale() const { return !opening && partManager.expired(); }
+};
+
 } // namespace
 
 /// What is open. Its mutex is held neither together with another lock nor while the store is called.
 struct OpenFileManager::Registry
 {
-    struct Entry
-    {
-        std::weak_ptr<OpenPartManager> partManager;
-        bool opening = false; // a thread is building the part manager, without holding the mutex
-
-        bool isStale() const { return !opening && partManager.expired(); }
-    };
-
     bool isOpening(const fsp::StorageIRI& iri) const REQUIRES(mutex)
     {
         const auto entry = entries.find(iri);
@@ -88,7 +88,7 @@ struct OpenFileManager::Registry
 
     Mutex mutex;
     ConditionVariable openingFinished;
-    std::map<fsp::StorageIRI, Entry> entries GUARDED_BY(mutex);
+    std::map<fsp::StorageIRI, OpenFileEntry> entries GUARDED_BY(mutex);
 };
 
 OpenFileManager::OpenFileManager()
@@ -120,7 +120,7 @@ std::shared_ptr<OpenPartManager> OpenFileManager::open(
         {
             m_registry->openingFinished.wait(lock);
         }
-        Registry::Entry& entry = m_registry->entries[iri];
+        OpenFileEntry& entry = m_registry->entries[iri];
         if (std::shared_ptr<OpenPartManager> open = entry.partManager.lock())
         {
             return open;

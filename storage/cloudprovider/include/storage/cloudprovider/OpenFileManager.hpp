@@ -60,7 +60,7 @@ public:
         const foundation::storage::provider::ByteStreamOpenOptions& options, CloudClientSharedPtr client);
 
 private:
-    struct Registry;
+    struct CLOUDPROVIDER_HIDDEN Registry;
     const std::unique_ptr<Registry> m_registry;
 };
 
