@@ -14,8 +14,6 @@
 #define GUARDED_BY(mutex) THREAD_SAFETY(guarded_by(mutex))
 /// On a function: the caller holds the mutex.
 #define REQUIRES(mutex) THREAD_SAFETY(requires_capability(mutex))
-/// On a function: the caller does not hold the mutex, because the function takes it.
-#define EXCLUDES(mutex) THREAD_SAFETY(locks_excluded(mutex))
 
 namespace storage::cloudprovider
 {
