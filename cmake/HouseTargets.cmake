@@ -34,9 +34,9 @@ function(house_set_flags target group)
         # Checks what the attributes of Mutex.hpp say, which only clang understands.
         $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
         # False positives of g++ 12: an optional may be empty where it was tested before, and "literal" + string copies
-        # too many bytes or between overlapping ones. The standard library silences the latter with pragmas, which g++
-        # does not keep in a precompiled header. clang and the sanitizers find the real faults.
-        $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized;-Wno-restrict;-Wno-stringop-overflow;-Wno-array-bounds>)
+        # between overlapping strings. The standard library silences the latter with pragmas, which g++ does not keep in
+        # a precompiled header. clang and the sanitizers find the real faults.
+        $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized;-Wno-restrict>)
     get_target_property(type ${target} TYPE)
     if(NOT type STREQUAL "EXECUTABLE" AND NOT group STREQUAL "libraries")
         # As executables are compiled.
