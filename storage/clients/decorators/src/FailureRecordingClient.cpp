@@ -25,7 +25,8 @@ void FailureRecordingClient::around(const Call& call, const std::function<void()
         }
         throw;
     }
-    if (call.operation == Operation::PutObject || call.operation == Operation::CompleteMultipartUpload)
+    // A deleted object is no retry of the write that failed.
+    if (replacesObject(call.operation) && call.operation != Operation::DeleteObject)
     {
         takeFailure(call.key);
     }

@@ -2,6 +2,7 @@
 
 #include <storage/clients/decorators/ReadAheadClient.hpp>
 
+#include <optional>
 #include <utility>
 
 namespace storage::clients
@@ -17,10 +18,14 @@ ReadAheadClient::ReadAheadClient(std::shared_ptr<cloudprovider::CloudClient> inn
 
 ReadAheadClient::~ReadAheadClient() = default;
 
-void ReadAheadClient::deleteObject(const std::string& key)
+void ReadAheadClient::around(const Call& call, const std::function<void()>& proceed)
 {
-    const ReadAhead::Write write(*m_readAhead, key);
-    InterceptingClient::deleteObject(key);
+    std::optional<ReadAhead::Write> write;
+    if (replacesObject(call.operation))
+    {
+        write.emplace(*m_readAhead, call.key);
+    }
+    proceed();
 }
 
 void ReadAheadClient::getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last)
@@ -33,25 +38,12 @@ void ReadAheadClient::getObjectRange(const std::string& key, std::ostream& out, 
     }
 }
 
-void ReadAheadClient::putObject(const std::string& key, std::istream& content, std::uint64_t size)
-{
-    const ReadAhead::Write write(*m_readAhead, key);
-    InterceptingClient::putObject(key, content, size);
-}
-
 std::vector<PartInfo> ReadAheadClient::getObjectParts(const std::string& key)
 {
     ReadAhead::PartsLookup lookup(*m_readAhead, key);
     auto parts = InterceptingClient::getObjectParts(key);
     lookup.succeeded(parts);
     return parts;
-}
-
-void ReadAheadClient::completeMultipartUpload(
-    const std::string& key, const std::string& uploadId, const std::vector<PartInfo>& parts)
-{
-    const ReadAhead::Write write(*m_readAhead, key);
-    InterceptingClient::completeMultipartUpload(key, uploadId, parts);
 }
 
 } // namespace storage::clients

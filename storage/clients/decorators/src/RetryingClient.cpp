@@ -67,7 +67,8 @@ RetryingClient::RetryingClient(
 
 void RetryingClient::around(const Call& call, const std::function<void()>& proceed)
 {
-    retry(call, proceed, [] { return true; });
+    // The operations with a content stream rewind it themselves, and do not pass through here.
+    retry(call, proceed, [&] { return !usesContentStream(call.operation); });
 }
 
 void RetryingClient::retry(
@@ -184,7 +185,8 @@ void RetryingClient::putObject(const std::string& key, std::istream& content, st
 {
     RewindableStream body(content);
     retry(
-        {Operation::PutObject, key}, [&] { inner().putObject(key, body.get(), size); }, [&] { return body.rewind(); });
+        {Operation::PutObject, key, nullptr, size}, [&] { inner().putObject(key, body.get(), size); },
+        [&] { return body.rewind(); });
 }
 
 std::string RetryingClient::uploadPart(
@@ -193,8 +195,8 @@ std::string RetryingClient::uploadPart(
     RewindableStream body(content);
     std::string tag;
     retry(
-        {Operation::UploadPart, key}, [&] { tag = inner().uploadPart(key, uploadId, part, body.get()); },
-        [&] { return body.rewind(); });
+        {Operation::UploadPart, key, &part, part.Size},
+        [&] { tag = inner().uploadPart(key, uploadId, part, body.get()); }, [&] { return body.rewind(); });
     return tag;
 }
 

@@ -65,9 +65,10 @@ protected:
     /// Make one call. This default does nothing else. Called on the thread of the operation's caller, without any lock
     /// of this class.
     ///
-    /// @param proceed  makes the call of the inner client, and throws what that throws. May be called several times, if
-    ///                 the arguments allow it; the operation returns the last result. If it is not called, the
-    ///                 operation returns an empty result.
+    /// @param proceed  makes the call of the inner client, and throws what that throws. May be called several times;
+    ///                 the operation returns the last result. It does not rewind a content stream, so call it only once
+    ///                 for an operation with usesContentStream(). If it is not called, the operation returns an empty
+    ///                 result.
     virtual void around(const Call& call, const std::function<void()>& proceed);
 
 private:

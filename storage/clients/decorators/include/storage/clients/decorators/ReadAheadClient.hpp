@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <memory>
 #include <string>
@@ -45,8 +46,8 @@ struct ReadAheadSettings
 /// Versions: ranges are prefetched by the same calls that a reader would make, so they come from the version that the
 /// inner client pins for readers. If it pins none, another program may change the object between two calls. Prefetched
 /// bytes are dropped when getObjectParts() fails or returns other parts than before, and at the start and at the end of
-/// putObject(), deleteObject() and completeMultipartUpload(), whether these succeed or not. Once one of these calls has
-/// returned, no byte is delivered that was prefetched before it.
+/// putObject(), deleteObject() and completeMultipartUpload() (see replacesObject()), whether these succeed or not. Once
+/// one of these calls has returned, no byte is delivered that was prefetched before it.
 ///
 /// Failures: a failed prefetch is not an error. It is logged and closes the window. The reader then requests the range
 /// from the inner client itself, and gets the error of that call if it fails, too.
@@ -61,12 +62,11 @@ public:
     explicit ReadAheadClient(std::shared_ptr<cloudprovider::CloudClient> inner, ReadAheadSettings settings = {});
     ~ReadAheadClient() override;
 
-    void deleteObject(const std::string& key) override;
     void getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last) override;
-    void putObject(const std::string& key, std::istream& content, std::uint64_t size) override;
     std::vector<cloudprovider::PartInfo> getObjectParts(const std::string& key) override;
-    void completeMultipartUpload(const std::string& key, const std::string& uploadId,
-        const std::vector<cloudprovider::PartInfo>& parts) override;
+
+protected:
+    void around(const Call& call, const std::function<void()>& proceed) override;
 
 private:
     const std::unique_ptr<ReadAhead> m_readAhead;

@@ -77,11 +77,13 @@ public:
         std::istream& content) override;
 
 protected:
+    /// Retry the call, but not if it uses a content stream: such an operation overrides its function and rewinds.
     void around(const Call& call, const std::function<void()>& proceed) override;
 
 private:
     struct Attempts;
 
+    /// @param call    complete, as InterceptingClient describes it
     /// @param rewind  prepares a further attempt; returns false if that is impossible
     void retry(const Call& call, const std::function<void()>& proceed, const std::function<bool()>& rewind) const;
 
