@@ -113,7 +113,7 @@ TEST_P(CloudClientConformance, CopiesUnchangedPartsOfTheStoredObject)
         const std::string id = client().createMultipartUpload("k", parts[0].Tag);
         for (std::size_t i = parts.size(); i-- > 0;)
         {
-            if (i == 1)
+            if (i == 1 && (parts[i].Size >= capabilities().minPartSize || i + 1 == parts.size()))
             {
                 const std::string changed = content(parts[i].Size, 4 + round);
                 expected.replace(parts[i].Offset, changed.size(), changed);
@@ -125,25 +125,29 @@ TEST_P(CloudClientConformance, CopiesUnchangedPartsOfTheStoredObject)
             }
         }
         client().completeMultipartUpload("k", id, parts);
-        EXPECT_TRUE(get("k") == expected) << "round " << round << ": expected the second part changed, if there is one";
+        EXPECT_TRUE(get("k") == expected) << "round " << round << ": expected one part changed, if one is large enough";
     }
 
     put("k", old[0]);
-    const std::string id = client().createMultipartUpload("k", "");
-    const PartInfo front = copy("k", id, 0, {0, 0, old[0].size(), client().getObjectParts("k")[0].Tag});
-    client().completeMultipartUpload("k", id, {front, upload("k", id, 1, "end")});
-    EXPECT_TRUE(get("k") == old[0] + "end") << "expected an object stored by putObject() to be copied as one part";
+    if (client().getObjectParts("k").size() == 1) // a copy may not span two parts
+    {
+        const std::string id = client().createMultipartUpload("k", "");
+        const PartInfo front = copy("k", id, 0, {0, 0, old[0].size(), client().getObjectParts("k")[0].Tag});
+        client().completeMultipartUpload("k", id, {front, upload("k", id, 1, "end")});
+        EXPECT_TRUE(get("k") == old[0] + "end") << "expected an object stored by putObject() to be copied as one part";
+    }
 }
 
 TEST_P(CloudClientConformance, CopiesAnyRangeOfAPart)
 {
-    if (!capabilities().noSubrangeCopies.empty())
-    {
-        GTEST_SKIP() << capabilities().noSubrangeCopies;
-    }
     const std::string bytes = partContent(1) + partContent(2);
     put("k", bytes);
-    const std::string tag = client().getObjectParts("k").at(0).Tag;
+    const std::vector<PartInfo> stored = client().getObjectParts("k");
+    if (!capabilities().noSubrangeCopies.empty() || stored.size() > 1)
+    {
+        GTEST_SKIP() << capabilities().noSubrangeCopies << capabilities().noPartBoundaries;
+    }
+    const std::string tag = stored.at(0).Tag;
     const std::size_t size = partContent(0).size();
     const std::string id = client().createMultipartUpload("k", "");
     const PartInfo front = copy("k", id, 2, {0, 0, size, tag});
