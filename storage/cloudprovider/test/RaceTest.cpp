@@ -62,7 +62,10 @@ protected:
             if (called == operation && isFirst.exchange(false))
             {
                 meanwhile();
-                fails ? throw UnknownErrorException("failed") : void();
+                if (fails)
+                {
+                    throw UnknownErrorException("failed");
+                }
             }
         };
         faults->setHook(hook);

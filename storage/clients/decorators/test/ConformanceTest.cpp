@@ -30,7 +30,10 @@ CloudClientSharedPtr makeStack(const Store& store)
         [](Operation, const std::string&)
         {
             thread_local unsigned calls = 0;
-            calls++ % 2 == 0 ? throw TransientException("Busy") : void();
+            if (calls++ % 2 == 0)
+            {
+                throw TransientException("Busy");
+            }
         });
     const auto retrying =
         std::make_shared<RetryingClient>(faults, RetryPolicy{.firstDelay = std::chrono::milliseconds(0)});
