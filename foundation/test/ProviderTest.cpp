@@ -20,9 +20,7 @@
 namespace
 {
 
-using fsp::ErrorCode;
-using fsp::IProvider;
-using fsp::StorageIRI;
+using namespace fsp;
 using testing::PrintToString;
 
 /// Match an operation that throws an exception whose text starts like this.

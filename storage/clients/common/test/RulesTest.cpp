@@ -14,9 +14,7 @@ namespace storage::clients
 namespace
 {
 
-using cloudprovider::InvalidLocationException;
-using cloudprovider::PartInfo;
-using cloudprovider::UnknownErrorException;
+using namespace cloudprovider;
 
 TEST(KeyRulesTest, AcceptsValidUtf8ThatXmlCanContain)
 {

@@ -14,8 +14,6 @@ namespace storage::clients
 namespace
 {
 
-using testing::ElementsAre;
-
 TEST(MemoryClientTest, ListsOpenUploadsWithTheirTagAndParts)
 {
     MemoryClient store;
@@ -25,7 +23,7 @@ TEST(MemoryClientTest, ListsOpenUploadsWithTheirTagAndParts)
     ASSERT_EQ(store.openUploads().size(), 1U);
     const OpenUpload upload = store.openUploads().front();
     EXPECT_EQ(upload.key + ' ' + upload.uploadId + ' ' + upload.tag, "k " + id + " t");
-    EXPECT_THAT(upload.parts, ElementsAre(4U));
+    EXPECT_THAT(upload.parts, testing::ElementsAre(4U));
 }
 
 TEST(MemoryClientTest, TakesTimesFromItsClock)

@@ -27,9 +27,7 @@ namespace
 {
 
 using namespace std::chrono_literals;
-using test::LoopbackServer;
-using test::Reply;
-using test::Request;
+using namespace clients::test;
 using testing::HasSubstr;
 using testing::Not;
 

@@ -11,8 +11,6 @@ namespace storage::clients::conformance
 {
 
 using namespace cloudprovider;
-using testing::ElementsAre;
-using testing::ElementsAreArray;
 
 namespace
 {
@@ -93,7 +91,7 @@ TEST_P(CloudClientConformance, ListsWhatASortedMapHolds)
             }
         }
         const KeysAndSizes expected = expectedListing(objects, prefix, options.delimiter);
-        ASSERT_THAT(listed, ElementsAreArray(expected.begin(), expected.end()))
+        ASSERT_THAT(listed, testing::ElementsAreArray(expected.begin(), expected.end()))
             << "prefix " << testing::PrintToString(prefix) << ", delimiter \"" << options.delimiter << "\", maxKeys "
             << options.maxKeys;
     }
@@ -131,7 +129,7 @@ TEST_P(CloudClientConformance, TokensSurviveChangesAndCanBeUsedTwice)
         ASSERT_LT(seen.size(), 20U) << "the listing must end";
     } while (!token.empty());
 
-    EXPECT_THAT(seen, ElementsAre("a", "b", "d/", "f", "h/", "j"))
+    EXPECT_THAT(seen, testing::ElementsAre("a", "b", "d/", "f", "h/", "j"))
         << "keys that exist all the time are listed once, keys that were removed after the token are not";
 }
 
