@@ -323,6 +323,7 @@ const ErrorRow errors[] = {
     {"changed", put, isA<UnknownErrorException>,
         "putObject of \"a/key\" failed: http://127.0.0.1:", refusal(412, "PreconditionFailed")},
     {"damagedObject", readWhole, isA<TransientException>, "the bytes do not match", damaged(200)},
+    {"ignoredRange", readRange, isA<UnsupportedOperationException>, "the store ignores ranges", damaged(200)},
     {"damagedRangeOfTheWhole", readRange, isA<TransientException>, "the bytes do not match", damaged(206)},
     {"noTag", put, isA<TransientException>, "lacks the entity tag", reply(200, "")},
     {"corruptedInTransit", put, isA<TransientException>, "corrupted", refusal(400, "XAmzContentSHA256Mismatch")},

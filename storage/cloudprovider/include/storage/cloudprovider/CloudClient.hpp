@@ -18,7 +18,7 @@ namespace storage::cloudprovider
 struct ObjectInfo
 {
     bool exists = false;                   ///< false: no object under the key; the other fields are then meaningless
-    std::string tag;                       ///< opaque; stored with the object, never read by the provider
+    std::string tag;                       ///< identifies the version; may be empty; never read by the provider
     std::uint64_t size = 0;                ///< bytes
     boost::posix_time::ptime lastModified; ///< UTC
 };
@@ -141,9 +141,12 @@ public:
     ///              upload that has been completed since. If the client can detect that the object has changed, it must
     ///              fail.
     /// @return the tag to pass to completeMultipartUpload() for this part
+    /// @throws ResourceNotFoundException when there is no such upload, or no object under the key
     virtual std::string copyPart(const std::string& key, const std::string& uploadId, const PartInfo& part) = 0;
 
     /// End an upload and discard its parts. The object under the key does not change.
+    ///
+    /// @throws ResourceNotFoundException when there is no such upload
     virtual void abortMultipartUpload(const std::string& key, const std::string& uploadId) = 0;
 
     /// Atomically replace the object under the key by the parts, in the order given, and end the upload.
@@ -152,6 +155,7 @@ public:
     /// returned. The upload then stays open and the object does not change.
     /// @param parts  every part of the new object, each with the tag returned for it; uploaded parts that are not
     ///               listed are discarded
+    /// @throws ResourceNotFoundException when there is no such upload
     virtual void completeMultipartUpload(
         const std::string& key, const std::string& uploadId, const std::vector<PartInfo>& parts) = 0;
 
