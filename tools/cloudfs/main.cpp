@@ -91,7 +91,7 @@ std::string describeUnknown(const CLI::App& app, const std::string& argument, co
 
 std::string describe(const CLI::ParseError& error)
 {
-    const std::string text = error.what();
+    std::string text = error.what();
     if (text == "A subcommand is required")
     {
         return "a command is required";
