@@ -144,7 +144,7 @@ int run(int argc, char** argv)
     addEditCommands(app, context);
     addCopyCommands(app, context);
     addUploadCommands(app, context);
-    app.footer(globalOptionForms); // now: commands inherit the footer that the program has when they are added
+    app.footer(globalOptionForms); // after the commands, or they would inherit it
     try
     {
         app.parse(argc, argv);

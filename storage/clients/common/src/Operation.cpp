@@ -12,21 +12,24 @@ struct Description
 {
     std::string_view name;
     bool changesStore;
+    bool replacesObject;
+    bool usesContentStream;
 };
 
 constexpr std::array<Description, allOperations.size()> descriptions{{
-    {"getObjectInfo", false},
-    {"validateObjectName", false},
-    {"listObjects", false},
-    {"deleteObject", true},
-    {"getObjectRange", false},
-    {"putObject", true},
-    {"getObjectParts", false},
-    {"createMultipartUpload", true},
-    {"uploadPart", true},
-    {"copyPart", true},
-    {"abortMultipartUpload", true},
-    {"completeMultipartUpload", true},
+    // name, changesStore, replacesObject, usesContentStream
+    {"getObjectInfo", false, false, false},
+    {"validateObjectName", false, false, false},
+    {"listObjects", false, false, false},
+    {"deleteObject", true, true, false},
+    {"getObjectRange", false, false, true},
+    {"putObject", true, true, true},
+    {"getObjectParts", false, false, false},
+    {"createMultipartUpload", true, false, false},
+    {"uploadPart", true, false, true},
+    {"copyPart", true, false, false},
+    {"abortMultipartUpload", true, false, false},
+    {"completeMultipartUpload", true, true, false},
 }};
 
 static_assert(!descriptions.back().name.empty());
@@ -50,46 +53,12 @@ bool changesStore(Operation operation) noexcept
 
 bool replacesObject(Operation operation) noexcept
 {
-    switch (operation) // without default: the compiler demands a case for a new operation
-    {
-    case Operation::DeleteObject:
-    case Operation::PutObject:
-    case Operation::CompleteMultipartUpload:
-        return true;
-    case Operation::GetObjectInfo:
-    case Operation::ValidateObjectName:
-    case Operation::ListObjects:
-    case Operation::GetObjectRange:
-    case Operation::GetObjectParts:
-    case Operation::CreateMultipartUpload:
-    case Operation::UploadPart:
-    case Operation::CopyPart:
-    case Operation::AbortMultipartUpload:
-        return false;
-    }
-    return true; // no operation has such a value
+    return describe(operation).replacesObject;
 }
 
 bool usesContentStream(Operation operation) noexcept
 {
-    switch (operation) // without default: the compiler demands a case for a new operation
-    {
-    case Operation::GetObjectRange:
-    case Operation::PutObject:
-    case Operation::UploadPart:
-        return true;
-    case Operation::GetObjectInfo:
-    case Operation::ValidateObjectName:
-    case Operation::ListObjects:
-    case Operation::DeleteObject:
-    case Operation::GetObjectParts:
-    case Operation::CreateMultipartUpload:
-    case Operation::CopyPart:
-    case Operation::AbortMultipartUpload:
-    case Operation::CompleteMultipartUpload:
-        return false;
-    }
-    return true; // no operation has such a value
+    return describe(operation).usesContentStream;
 }
 
 std::ostream& operator<<(std::ostream& out, Operation operation)
