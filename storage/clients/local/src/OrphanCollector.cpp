@@ -3,6 +3,12 @@
 #include "StoreError.hpp"
 #include "StoreTransaction.hpp"
 
+#include <storage/cloudprovider/Logger.hpp>
+
+#include <foundation/log/Severity.hpp>
+
+#include <fmt/format.h>
+
 #include <algorithm>
 
 namespace storage::clients::local
@@ -34,11 +40,13 @@ try
 }
 catch (const StoreError& error)
 {
-    if (error.kind() == StoreError::Kind::NoSpace)
+    if (error.kind() != StoreError::Kind::NoSpace)
     {
-        return false;
+        throw;
     }
-    throw;
+    cloudprovider::getLogger().write(
+        foundation::log::severity::warning, fmt::format("Leaving orphaned files in a local store: {}", error.what()));
+    return false;
 }
 
 // @return whether no orphan of a dead session is left
