@@ -50,7 +50,7 @@ std::vector<ObjectEntry> MemoryClient::listObjects(
 
 void MemoryClient::deleteObject(const std::string& key)
 {
-    m_store->remove(key);
+    m_store->remove(key, m_required.find(key));
 }
 
 void MemoryClient::getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last)
@@ -68,7 +68,7 @@ void MemoryClient::putObject(const std::string& key, std::istream& content, std:
 {
     checkKey(key);
     SharedBytes bytes(key, content, size);
-    m_store->put(key, std::move(bytes), m_clock());
+    m_store->put(key, std::move(bytes), m_clock(), m_required.find(key));
 }
 
 std::vector<PartInfo> MemoryClient::getObjectParts(const std::string& key)
@@ -102,7 +102,12 @@ void MemoryClient::abortMultipartUpload(const std::string& key, const std::strin
 void MemoryClient::completeMultipartUpload(
     const std::string& key, const std::string& uploadId, const std::vector<PartInfo>& parts)
 {
-    m_store->complete(key, uploadId, parts, m_clock());
+    m_store->complete(key, uploadId, parts, m_clock(), m_required.find(key));
+}
+
+std::unique_ptr<WriteConditions::Condition> MemoryClient::requireVersion(const std::string& key, const std::string& tag)
+{
+    return m_required.require(key, tag);
 }
 
 void MemoryClient::put(const std::string& key, std::string_view content)

@@ -3,6 +3,7 @@
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/common/Listing.hpp>
 #include <storage/clients/common/PartRules.hpp>
+#include <storage/clients/common/RequiredVersions.hpp>
 
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
@@ -116,7 +117,13 @@ std::vector<ObjectEntry> MemoryStore::list(const std::string& prefix, std::strin
     return listPage(cursor, prefix, token, options, pageSize);
 }
 
-void MemoryStore::put(const std::string& key, SharedBytes bytes, Time now)
+void MemoryStore::check(const std::string& key, const RequiredVersion& required) const
+{
+    const auto object = m_objects.find(key);
+    checkRequiredVersion(key, required, object == m_objects.end() ? "" : text(object->second.tag));
+}
+
+void MemoryStore::put(const std::string& key, SharedBytes bytes, Time now, const RequiredVersion& required)
 {
     Object object{0, bytes.size(), now, nullptr};
     std::shared_ptr<ObjectContent> content;
@@ -129,6 +136,7 @@ void MemoryStore::put(const std::string& key, SharedBytes bytes, Time now)
     }
     // `object` gets the replaced object and frees it after the lock: freeing a large object takes time.
     const std::unique_lock lock(m_mutex);
+    check(key, required);
     object.tag = ++m_lastNumber;
     if (content)
     {
@@ -137,10 +145,11 @@ void MemoryStore::put(const std::string& key, SharedBytes bytes, Time now)
     std::swap(m_objects[key], object);
 }
 
-bool MemoryStore::remove(const std::string& key)
+bool MemoryStore::remove(const std::string& key, const RequiredVersion& required)
 {
     Objects::node_type removed; // freed after the lock
     const std::unique_lock lock(m_mutex);
+    check(key, required);
     removed = m_objects.extract(key);
     return !removed.empty();
 }
@@ -226,8 +235,8 @@ void MemoryStore::abort(const std::string& key, const std::string& uploadId)
     dropped = m_uploads.extract(uploadAt(key, uploadId));
 }
 
-void MemoryStore::complete(
-    const std::string& key, const std::string& uploadId, const std::vector<PartInfo>& parts, Time now)
+void MemoryStore::complete(const std::string& key, const std::string& uploadId, const std::vector<PartInfo>& parts,
+    Time now, const RequiredVersion& required)
 {
     Object object{0, 0, now, nullptr};
     Uploads::node_type finished; // freed, like the replaced object, after the lock
@@ -244,6 +253,7 @@ void MemoryStore::complete(
             }
             return SentPart{text(part->second.tag), part->second.bytes.size()};
         });
+    check(key, required);
 
     const auto content = std::make_shared<ObjectContent>();
     for (const PartInfo& part : parts)

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 #include <vector>
@@ -36,6 +37,7 @@ class MemoryStore
 {
 public:
     using Time = boost::posix_time::ptime;
+    using RequiredVersion = std::optional<std::string>;
 
     MemoryStore();
 
@@ -45,10 +47,12 @@ public:
     std::vector<cloudprovider::ObjectEntry> list(const std::string& prefix, std::string& token,
         const cloudprovider::ListOptions& options, std::size_t pageSize) const;
 
-    void put(const std::string& key, SharedBytes bytes, Time now);
+    // The functions that change an object compare its version with `required`, see checkRequiredVersion().
+
+    void put(const std::string& key, SharedBytes bytes, Time now, const RequiredVersion& required = std::nullopt);
 
     /// @return whether the object existed
-    bool remove(const std::string& key);
+    bool remove(const std::string& key, const RequiredVersion& required = std::nullopt);
 
     /// The object's current content; null when there is no such object.
     std::shared_ptr<const ObjectContent> find(const std::string& key) const;
@@ -73,7 +77,7 @@ public:
     void abort(const std::string& key, const std::string& uploadId);
 
     void complete(const std::string& key, const std::string& uploadId,
-        const std::vector<cloudprovider::PartInfo>& parts, Time now);
+        const std::vector<cloudprovider::PartInfo>& parts, Time now, const RequiredVersion& required);
 
     std::vector<OpenUpload> openUploads() const;
 
@@ -110,6 +114,7 @@ private:
     std::vector<cloudprovider::PartInfo> partsOf(const Object& object) const;
 
     // With m_mutex held:
+    void check(const std::string& key, const RequiredVersion& required) const;
     Objects::const_iterator objectAt(const std::string& key) const;
     Uploads::const_iterator uploadAt(const std::string& key, const std::string& uploadId) const;
 

@@ -1,6 +1,8 @@
 #include "Cases.hpp"
 
 #include <storage/clients/common/TransientException.hpp>
+#include <storage/clients/common/WriteConditions.hpp>
+#include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/testing/CloudClientConformance.hpp>
 
 #include <atomic>
@@ -88,6 +90,64 @@ TEST_P(CloudClientConformance, ThreadsAndInstancesShareOneStore)
     }
     second.deleteObject("shared");
     EXPECT_FALSE(client().getObjectInfo("shared").exists);
+}
+
+TEST_P(CloudClientConformance, WritesOnlyOverTheRequiredVersion)
+{
+    auto* const conditions = findInterface<WriteConditions>(client());
+    if (conditions == nullptr)
+    {
+        GTEST_SKIP() << "the client has no conditional writes";
+    }
+    put("k", "older");
+    const std::string older = client().getObjectInfo("k").tag;
+    const auto finish = [](CloudClient& by) { putParts(by, "k", {"new"}); };
+    const auto replace = [](CloudClient& by) { conformance::put(by, "k", "new"); };
+    const auto remove = [](CloudClient& by) { by.deleteObject("k"); };
+    for (const auto& write : std::vector<std::function<void(CloudClient&)>>{finish, replace, remove})
+    {
+        put("k", "stored");
+        const std::string stored = client().getObjectInfo("k").tag;
+        {
+            const auto none = conditions->requireVersion("k", "");
+            EXPECT_THROW(write(client()), ResourceAlreadyExistsException);
+            put("other", "x");
+            client().deleteObject("other");
+        }
+        for (const std::string& tag : {older, stored + "!"})
+        {
+            const auto other = conditions->requireVersion("k", tag);
+            EXPECT_THROW(write(client()), UnknownErrorException);
+        }
+        EXPECT_EQ(client().getObjectInfo("k").tag, stored) << "a refused write changes nothing";
+        const auto same = conditions->requireVersion("k", stored);
+        EXPECT_NO_THROW(write(client()));
+        EXPECT_NE(client().getObjectInfo("k").tag, stored);
+        EXPECT_THROW(put("k", "again"), UnknownErrorException);
+    }
+    EXPECT_EQ(keys(), std::vector<std::string>()) << "removed, and not stored again";
+    for (std::size_t round = 0; round < 8; ++round)
+    {
+        std::atomic<int> stored = 0;
+        atOnce(4,
+            [&](std::size_t i)
+            {
+                const CloudClientSharedPtr other = openAnother();
+                CloudClient& mine = other ? *other : client();
+                const auto none = findInterface<WriteConditions>(mine)->requireVersion("k", "");
+                try
+                {
+                    (i + round) % 2 == 0 ? replace(mine) : finish(mine);
+                    ++stored;
+                }
+                catch (const ResourceAlreadyExistsException&)
+                {
+                    EXPECT_TRUE(mine.getObjectInfo("k").exists);
+                }
+            });
+        EXPECT_TRUE(stored == 1 || !conditions->isAtomic()) << stored << " writers created the object";
+        client().deleteObject("k");
+    }
 }
 
 void linkConcurrencyCases() {}

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <storage/clients/common/RequiredVersions.hpp>
 #include <storage/clients/common/UploadInventory.hpp>
+#include <storage/clients/common/WriteConditions.hpp>
 
 #include <storage/cloudprovider/CloudClient.hpp>
 
@@ -41,7 +43,7 @@ struct OpenUpload
 /// stored by putObject() is one part. checkObjectName() and checkKey() decide which names and keys are valid.
 ///
 /// Threads: any thread may call any operation at any time. No lock is held while a content stream or the clock is used.
-class MemoryClient : public cloudprovider::CloudClient, public UploadInventory
+class MemoryClient : public cloudprovider::CloudClient, public UploadInventory, public WriteConditions
 {
 public:
     using Clock = std::function<boost::posix_time::ptime()>;
@@ -73,7 +75,10 @@ public:
 
     std::vector<PendingUpload> pendingUploads() override;
 
-    // Direct access for tests, which bypasses all decorators.
+    std::unique_ptr<Condition> requireVersion(const std::string& key, const std::string& tag) override;
+    bool isAtomic() const noexcept override { return true; }
+
+    // Direct access for tests, which bypasses all decorators and ignores conditions.
 
     /// Store an object, replacing an existing one. @throws InvalidLocationException for an invalid key
     void put(const std::string& key, std::string_view content);
@@ -96,6 +101,7 @@ public:
 private:
     const Clock m_clock;
     const std::unique_ptr<MemoryStore> m_store;
+    RequiredVersions m_required;
     std::atomic<std::size_t> m_pageSize = defaultPageSize;
 };
 
