@@ -53,7 +53,7 @@ void CommandContext::open()
     diagnostics::install(verbose);
     try
     {
-        m_store = storage::clients::openStore(storeUrl, &interrupt::isPending);
+        m_store = storage::clients::openStore(storeUrl, {.interrupted = &interrupt::isPending});
     }
     catch (const CloudException& exception)
     {

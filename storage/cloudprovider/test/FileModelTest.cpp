@@ -48,8 +48,8 @@ struct Scenario
 CloudClientSharedPtr makeLocalStore()
 {
     const auto folder = std::make_shared<PrivateFolder>();
-    return {
-        new clients::LocalClient(folder->path.string(), 12), [folder](const CloudClient* client) { delete client; }};
+    return {new clients::LocalClient(folder->path.string(), {.maxInlineSize = 12}),
+        [folder](const CloudClient* client) { delete client; }};
 }
 
 /// Clients that work ahead, with memory for two parts in each direction.

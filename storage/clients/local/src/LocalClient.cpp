@@ -122,16 +122,15 @@ auto LocalClient::perform(Operation operation, const std::string& key, Body body
         body, [&] { return fmt::format("{} {} in \"{}\"", name(operation), quoted(key), m_directory.native()); });
 }
 
-LocalClient::LocalClient(const std::filesystem::path& directory, std::uint64_t maxInlineSize)
+LocalClient::LocalClient(const std::filesystem::path& directory, const LocalSettings& settings)
     : m_directory(translateErrors(
           [&] { return std::filesystem::absolute(directory); }, [] { return std::string("opening a local store"); }))
-    , m_maxInlineSize(maxInlineSize)
+    , m_settings(settings)
 {
     translateErrors(
         [&]
         {
-            local::makeFolders(m_directory);
-            local::prepareIndex(m_directory);
+            local::prepareIndex(m_directory, m_settings.createMissing);
             m_index = std::make_unique<Database>(local::indexFile(m_directory));
             m_files = std::make_unique<local::ContentFiles>(m_directory);
             local::collectOrphans(*m_index, *m_files);
@@ -308,7 +307,7 @@ std::vector<PendingUpload> LocalClient::pendingUploads()
 
 StagedContent LocalClient::stage(std::uint64_t size)
 {
-    return {*m_files, size, size > m_maxInlineSize};
+    return {*m_files, size, size > m_settings.maxInlineSize};
 }
 
 std::string LocalClient::storePart(

@@ -83,8 +83,20 @@ std::filesystem::path indexFile(const std::filesystem::path& directory)
     return directory / "index.sqlite";
 }
 
-void prepareIndex(const std::filesystem::path& directory)
+void prepareIndex(const std::filesystem::path& directory, bool createMissing)
 {
+    const auto requireCreation = [&]
+    {
+        if (!createMissing)
+        {
+            throw StoreError(StoreError::Kind::NotFound, "there is no store in this directory");
+        }
+    };
+    if (!std::filesystem::exists(directory))
+    {
+        requireCreation();
+    }
+    makeFolders(directory);
     const FileHandle folder = openFolder(directory);
     lockFile(folder, directory);
 
@@ -96,6 +108,7 @@ void prepareIndex(const std::filesystem::path& directory)
             throw StoreError(
                 StoreError::Kind::NotAStore, "the directory is not a store: it has other content and no index");
         }
+        requireCreation();
         // SQLite would create a file that other users can read. No connection has it open yet: closing our handle would
         // drop the locks of such a connection.
         createFile(file);
@@ -113,6 +126,7 @@ void prepareIndex(const std::filesystem::path& directory)
         {
             throw StoreError("the index is damaged: it is empty although there are content files");
         }
+        requireCreation();
         create(connection);
     }
     else if (application != applicationId)

@@ -11,9 +11,9 @@ namespace
 class LocalHarness : public conformance::Harness
 {
 public:
-    explicit LocalHarness(std::uint64_t maxInlineSize)
-        : m_maxInlineSize(maxInlineSize)
-        , m_client(m_folder.store, maxInlineSize)
+    explicit LocalHarness(const LocalSettings& settings)
+        : m_settings(settings)
+        , m_client(m_folder.store, settings)
     {
     }
 
@@ -23,16 +23,16 @@ public:
 
     cloudprovider::CloudClientSharedPtr openAnother() override
     {
-        return std::make_shared<LocalClient>(m_folder.store, m_maxInlineSize);
+        return std::make_shared<LocalClient>(m_folder.store, m_settings);
     }
 
 private:
-    const std::uint64_t m_maxInlineSize;
+    const LocalSettings m_settings;
     const test::TestFolder m_folder;
     LocalClient m_client;
 };
 
-CLOUD_CLIENT_CONFORMANCE(LocalIndex, [] { return std::make_unique<LocalHarness>(LocalClient::defaultMaxInlineSize); });
+CLOUD_CLIENT_CONFORMANCE(LocalIndex, [] { return std::make_unique<LocalHarness>(LocalSettings()); });
 CLOUD_CLIENT_CONFORMANCE(LocalFiles, [] { return std::make_unique<LocalHarness>(test::nothingInline); });
 
 } // namespace

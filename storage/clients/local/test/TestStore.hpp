@@ -30,7 +30,7 @@ namespace storage::clients::test
 using namespace conformance;
 using std::filesystem::path;
 
-constexpr std::uint64_t nothingInline = 0; // for LocalClient's maxInlineSize
+inline const LocalSettings nothingInline{.maxInlineSize = 0};
 
 /// A temporary directory. The destructor removes it.
 class TestFolder

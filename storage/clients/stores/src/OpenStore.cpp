@@ -60,13 +60,14 @@ std::shared_ptr<CountingClient> counted(const Arguments&... arguments)
 
 } // namespace
 
-std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, std::function<bool()> interrupted)
+std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, const OpenStoreOptions& options)
 {
     constexpr std::string_view local = "local:";
     if (url.starts_with(local))
     {
         const std::string directory = url.substr(local.size());
-        return counted<LocalClient>(directory.empty() ? defaultDirectory() : std::filesystem::path(directory));
+        return counted<LocalClient>(directory.empty() ? defaultDirectory() : std::filesystem::path(directory),
+            LocalSettings{.createMissing = options.createMissing});
     }
     if (url == "memory:")
     {
@@ -75,11 +76,11 @@ std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, st
     if (url.starts_with("s3:"))
     {
         s3::S3Settings settings = s3::parseS3Url(url);
-        settings.interrupted = interrupted;
+        settings.interrupted = options.interrupted;
         // From the innermost to the outermost. Retries are inside, so that background uploads and prefetches are
         // retried, too.
         const auto retrying = std::make_shared<RetryingClient>(
-            counted<S3Client>(settings), RetryPolicy(), RetryClock(), std::move(interrupted));
+            counted<S3Client>(settings), RetryPolicy(), RetryClock(), options.interrupted);
         const auto pipelined = std::make_shared<PipelinedUploadClient>(
             retrying, PipelineSettings{.transfers = settings.transfers, .memory = settings.memory / 2});
         return std::make_shared<ReadAheadClient>(

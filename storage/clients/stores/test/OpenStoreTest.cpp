@@ -49,8 +49,14 @@ protected:
 TEST_F(OpenStoreTest, OpensEachKindOfStoreInItsPlace)
 {
     EXPECT_NE(findInterface<MemoryClient>(*openStore("memory:")), nullptr);
+    for (const std::string& missing : {std::string("local:"), "local:" + directory.string()})
+    {
+        EXPECT_THROW(openStore(missing, {.createMissing = false}), cloudprovider::ResourceNotFoundException);
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(directory));
     EXPECT_NE(findInterface<LocalClient>(*openStore("local:" + (directory / "a@b").string())), nullptr);
     openStore("local:");
+    openStore("local:", {.createMissing = false});
     set("XDG_DATA_HOME", "relative"); // ignored
     openStore("local:");
     EXPECT_FALSE(std::filesystem::exists("relative"));

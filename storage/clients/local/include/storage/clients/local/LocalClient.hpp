@@ -22,6 +22,21 @@ class Database;
 class StagedContent;
 } // namespace local
 
+/// What may be chosen when a local store is opened.
+struct LocalSettings
+{
+    /// Contents of at most this many bytes are stored inline in the index, larger ones in a file each. Applies to what
+    /// this client stores, and may differ between clients of one store.
+    ///
+    /// A file needs two more syncs and a rename. On ext4 an object of 4 KiB takes 0.2 ms inline and 0.7 ms in a file,
+    /// one of 64 KiB 0.5 ms and 3 ms. Inline is faster up to 1 MiB and more. But inline bytes are written twice while
+    /// all other writers wait, and the index never shrinks. At 64 KiB, most of the speed is gained.
+    std::uint64_t maxInlineSize = 64 * 1024;
+
+    /// Create the store if there is none.
+    bool createMissing = true;
+};
+
 /// A durable store in one directory of this machine: an index in SQLite, with files beside it for large contents.
 ///
 /// Durability: when an operation returns, its effect is on the disk and survives a crash and a loss of power. If either
@@ -52,22 +67,15 @@ class StagedContent;
 class LocalClient final : public cloudprovider::CloudClient, public UploadInventory
 {
 public:
-    /// Contents of at most this many bytes are stored inline in the index, larger ones in a file each.
-    ///
-    /// A file needs two more syncs and a rename. On ext4 an object of 4 KiB takes 0.2 ms inline and 0.7 ms in a file,
-    /// one of 64 KiB 0.5 ms and 3 ms. Inline is faster up to 1 MiB and more. But inline bytes are written twice while
-    /// all other writers wait, and the index never shrinks. At 64 KiB, most of the speed is gained.
-    static constexpr std::uint64_t defaultMaxInlineSize = 64 * 1024;
-
     /// Open the store in a directory. A missing directory is created with its parents, and an empty one becomes an
-    /// empty store. Only this user gets access to what is created. If opening fails, an existing directory is left
-    /// unchanged.
+    /// empty store, unless the settings forbid that. Only this user gets access to what is created. If opening fails,
+    /// an existing directory is left unchanged.
     ///
-    /// @param maxInlineSize  bytes; applies to what this client stores, and may differ between clients of one store
+    /// @throws ResourceNotFoundException when there is no store and none is to be created
     /// @throws InvalidLocationException when the path is a file, or a directory with other content
     /// @throws PermissionDeniedException when the directory cannot be created, read or written
     /// @throws UnknownErrorException when the index is damaged, or has a version that this program does not support
-    explicit LocalClient(const std::filesystem::path& directory, std::uint64_t maxInlineSize = defaultMaxInlineSize);
+    explicit LocalClient(const std::filesystem::path& directory, const LocalSettings& settings = {});
 
     /// No call may be in progress.
     ~LocalClient() override;
@@ -106,7 +114,7 @@ private:
     std::string copyRange(const std::string& key, const std::string& uploadId, const cloudprovider::PartInfo& part);
 
     const std::filesystem::path m_directory; // absolute
-    const std::uint64_t m_maxInlineSize;
+    const LocalSettings m_settings;
     std::unique_ptr<local::Database> m_index;     // constant after construction
     std::unique_ptr<local::ContentFiles> m_files; // constant after construction
 };

@@ -9,9 +9,21 @@
 namespace storage::clients
 {
 
+/// What may be chosen when a store is opened.
+struct OpenStoreOptions
+{
+    /// Whether the process is interrupted: then no call waits, and nothing is retried; see S3Settings and
+    /// RetryingClient. Must be safe to call from any thread during the lifetime of the store. Empty: never.
+    std::function<bool()> interrupted = {};
+
+    /// Create a local store that does not exist. False: opening it throws, and nothing is created.
+    bool createMissing = true;
+};
+
 /// Open the store with this URL.
 ///
-/// - `local:DIR`  a durable store in a directory, which is created if it is missing; see LocalClient
+/// - `local:DIR`  a durable store in a directory, which is created if it is missing, unless the options forbid that;
+/// see LocalClient
 /// - `local:`     the same in the directory $XDG_DATA_HOME/cloudfs, or ~/.local/share/cloudfs if that variable is not
 ///   set
 /// - `memory:`    a new, empty store in the memory of this process; see MemoryClient
@@ -26,11 +38,9 @@ namespace storage::clients
 /// A URL must not contain credentials, because other users of the machine could read them; such a URL is refused. Any
 /// thread may call this, but no other thread may change the environment at the same time.
 ///
-/// @param interrupted  whether the process is interrupted: if so, requests in progress are cancelled and nothing is
-///                     retried; see S3Settings and RetryingClient. Must be safe to call from any thread during the
-///                     lifetime of the store. Empty: never. `local:` and `memory:` ignore it.
 /// @throws InvalidLocationException for any other URL; its detail lists the forms above
+/// @throws ResourceNotFoundException when a local store does not exist and is not to be created
 /// @throws what the store's own constructor throws
-std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, std::function<bool()> interrupted = {});
+std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, const OpenStoreOptions& options = {});
 
 } // namespace storage::clients
