@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -223,6 +224,16 @@ void copyFile(const FileHandle& from, const std::filesystem::path& fromPath, std
         writeFile(to, toPath, buffer.data(), count);
         position += static_cast<off_t>(count);
     }
+}
+
+std::uint64_t randomNumber()
+{
+    std::uint64_t number = 0;
+    if (::getrandom(&number, sizeof(number), 0) != sizeof(number))
+    {
+        throw systemError("choosing a random number", errno);
+    }
+    return number;
 }
 
 int removeFile(const std::filesystem::path& path) noexcept

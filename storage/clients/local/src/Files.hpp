@@ -74,6 +74,9 @@ void readFile(
 void copyFile(const FileHandle& from, const std::filesystem::path& fromPath, std::uint64_t offset, const FileHandle& to,
     const std::filesystem::path& toPath, std::uint64_t size);
 
+/// A number that is not chosen again: random, 64 bits.
+std::uint64_t randomNumber();
+
 /// Remove the file. A missing file is not an error.
 ///
 /// @return 0 or errno

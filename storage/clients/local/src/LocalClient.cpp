@@ -126,6 +126,7 @@ LocalClient::LocalClient(const std::filesystem::path& directory, const LocalSett
     : m_directory(translateErrors(
           [&] { return std::filesystem::absolute(directory); }, [] { return std::string("opening a local store"); }))
     , m_settings(settings)
+    , m_uploads(std::make_unique<local::BegunUploads>())
 {
     translateErrors(
         [&]
@@ -237,10 +238,7 @@ std::string LocalClient::createMultipartUpload(const std::string& key, const std
         [&]
         {
             checkKey(key);
-            StoreTransaction transaction(*m_index, *m_files, Durability::Deferred);
-            const std::int64_t upload = local::beginUpload(transaction, key);
-            transaction.commit();
-            return std::to_string(upload);
+            return m_uploads->begin(key);
         });
 }
 
@@ -253,7 +251,7 @@ std::string LocalClient::uploadPart(
             {
                 // Also checked here, so that a missing upload is reported before all bytes are transferred.
                 Database::ReadTransaction index(*m_index);
-                local::requireUpload(*index, key, uploadId);
+                m_uploads->require(*index, key, uploadId);
             }
             StagedContent staged = stage(part.Size);
             staged.receive(key, content);
@@ -277,8 +275,10 @@ void LocalClient::abortMultipartUpload(const std::string& key, const std::string
         [&]
         {
             StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
-            endUpload(transaction, local::requireUpload(transaction.index(), key, uploadId));
+            const std::int64_t upload = m_uploads->require(transaction.index(), key, uploadId);
+            endUpload(transaction, upload);
             transaction.commit();
+            m_uploads->end(upload);
         });
 }
 
@@ -289,8 +289,10 @@ void LocalClient::completeMultipartUpload(
         [&]
         {
             StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
-            completeUpload(transaction, key, local::requireUpload(transaction.index(), key, uploadId), parts);
+            const std::int64_t upload = m_uploads->require(transaction.index(), key, uploadId);
+            completeUpload(transaction, key, upload, parts);
             transaction.commit();
+            m_uploads->end(upload);
         });
 }
 
@@ -314,10 +316,11 @@ std::string LocalClient::storePart(
     const std::string& key, const std::string& uploadId, const PartInfo& part, StagedContent& content)
 {
     StoreTransaction transaction(*m_index, *m_files, Durability::Deferred);
-    const std::int64_t upload = local::requireUpload(transaction.index(), key, uploadId);
+    const std::int64_t upload = m_uploads->requireForPart(transaction, key, uploadId);
     const std::int64_t stored = transaction.add(content);
     setUploadPart(transaction, upload, part.Index, stored);
     transaction.commit();
+    m_uploads->partStored(upload);
     return local::tagOf(stored);
 }
 
@@ -325,7 +328,7 @@ std::optional<std::string> LocalClient::sharePart(
     const std::string& key, const std::string& uploadId, const PartInfo& part)
 {
     StoreTransaction transaction(*m_index, *m_files, Durability::Deferred);
-    const std::int64_t upload = local::requireUpload(transaction.index(), key, uploadId);
+    const std::int64_t upload = m_uploads->requireForPart(transaction, key, uploadId);
     const std::vector<StoredPart> source = findSource(transaction.index(), key, part);
     const auto same = std::find_if(source.begin(), source.end(),
         [&](const StoredPart& stored) { return stored.offset == part.Offset && stored.size == part.Size; });
@@ -336,6 +339,7 @@ std::optional<std::string> LocalClient::sharePart(
     transaction.share(same->content);
     setUploadPart(transaction, upload, part.Index, same->content);
     transaction.commit();
+    m_uploads->partStored(upload);
     return local::tagOf(same->content);
 }
 

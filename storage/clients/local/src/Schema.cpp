@@ -21,8 +21,8 @@ constexpr std::int64_t schemaVersion = 1;
 
 // Keys are blobs so that SQLite compares them byte by byte. An empty object has no parts. A row of `contents` has the
 // bytes of a part in `data`, or in a file if `data` is null. They never change, so objects and uploads can share them;
-// `refs` counts the rows of object_parts and upload_parts that refer to the row. Ids come from `store` and are never
-// reused. A completed upload passes its id on to the object.
+// `refs` counts the rows of object_parts and upload_parts that refer to the row. The ids of objects and contents come
+// from `store`, those of uploads are random; none is reused.
 constexpr const char* createTables = R"(
     CREATE TABLE store (next_id INTEGER NOT NULL);
     INSERT INTO store VALUES (1);

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <charconv>
 
-#include <sys/random.h>
 #include <sys/stat.h>
 
 namespace storage::clients::local
@@ -15,16 +14,6 @@ namespace storage::clients::local
 
 namespace
 {
-
-std::uint64_t chooseNumber()
-{
-    std::uint64_t number = 0;
-    if (::getrandom(&number, sizeof(number), 0) != sizeof(number))
-    {
-        throw systemError("choosing a session number", errno);
-    }
-    return number;
-}
 
 // A process may open a lock file, and lock it only after the owner has removed it.
 bool isRemoved(const FileHandle& file)
@@ -37,7 +26,7 @@ bool isRemoved(const FileHandle& file)
 
 SessionLock::SessionLock(std::filesystem::path folder)
     : m_folder(std::move(folder))
-    , m_number(chooseNumber())
+    , m_number(randomNumber())
 {
 }
 

@@ -30,7 +30,7 @@ public:
 
     Connection& index() { return **m_index; }
 
-    /// An id that no object, upload or content (see add()) of the store has or had.
+    /// An id that no object or content (see add()) of the store has or had.
     std::int64_t newId();
 
     /// Let a Synced commit also sync the names of files that earlier, deferred transactions added.

@@ -16,6 +16,27 @@ namespace storage::clients::local
 namespace
 {
 
+[[noreturn]] void throwNoUpload(const std::string& uploadId)
+{
+    throw StoreError(StoreError::Kind::NotFound, "there is no such upload: " + uploadId);
+}
+
+std::int64_t numberOf(const std::string& uploadId)
+{
+    std::int64_t upload = 0;
+    const char* const end = uploadId.data() + uploadId.size();
+    if (const auto [rest, error] = std::from_chars(uploadId.data(), end, upload); error != std::errc() || rest != end)
+    {
+        throwNoUpload(uploadId);
+    }
+    return upload;
+}
+
+bool isInIndex(Connection& index, std::int64_t upload, const std::string& key)
+{
+    return index.query("SELECT 1 FROM uploads WHERE id = ? AND key = ?", upload, Blob{key}).next();
+}
+
 struct UploadPart
 {
     std::int64_t content = 0;
@@ -37,24 +58,61 @@ std::optional<UploadPart> findPart(Connection& index, std::int64_t upload, std::
 
 } // namespace
 
-std::int64_t beginUpload(StoreTransaction& transaction, const std::string& key)
+std::string BegunUploads::begin(const std::string& key)
 {
-    const std::int64_t upload = transaction.newId();
-    transaction.index().run("INSERT INTO uploads VALUES (?, ?, ?)", upload, Blob{key},
-        toMicroseconds(boost::posix_time::microsec_clock::universal_time()));
+    const auto upload = static_cast<std::int64_t>(randomNumber() >> 1U); // an id of SQLite is not negative
+    const std::lock_guard lock(m_mutex);
+    m_begun[upload] = {key};
+    return std::to_string(upload);
+}
+
+std::int64_t BegunUploads::require(Connection& index, const std::string& key, const std::string& uploadId) const
+{
+    const std::int64_t upload = numberOf(uploadId);
+    // In this order: another thread may be storing the first part.
+    if (!isWithoutParts(upload, key) && !isInIndex(index, upload, key))
+    {
+        throwNoUpload(uploadId);
+    }
     return upload;
 }
 
-std::int64_t requireUpload(Connection& index, const std::string& key, const std::string& id)
+std::int64_t BegunUploads::requireForPart(
+    StoreTransaction& transaction, const std::string& key, const std::string& uploadId)
 {
-    std::int64_t upload = 0;
-    const auto [end, error] = std::from_chars(id.data(), id.data() + id.size(), upload);
-    if (error != std::errc() || end != id.data() + id.size() ||
-        !index.query("SELECT 1 FROM uploads WHERE id = ? AND key = ?", upload, Blob{key}).next())
+    const std::int64_t upload = numberOf(uploadId);
+    if (!isInIndex(transaction.index(), upload, key))
     {
-        throw StoreError(StoreError::Kind::NotFound, "there is no such upload: " + id);
+        if (!isWithoutParts(upload, key))
+        {
+            throwNoUpload(uploadId);
+        }
+        transaction.index().run("INSERT INTO uploads VALUES (?, ?, ?)", upload, Blob{key},
+            toMicroseconds(boost::posix_time::microsec_clock::universal_time()));
     }
     return upload;
+}
+
+void BegunUploads::partStored(std::int64_t upload)
+{
+    const std::lock_guard lock(m_mutex);
+    if (const auto begun = m_begun.find(upload); begun != m_begun.end())
+    {
+        begun->second.hasParts = true;
+    }
+}
+
+void BegunUploads::end(std::int64_t upload)
+{
+    const std::lock_guard lock(m_mutex);
+    m_begun.erase(upload);
+}
+
+bool BegunUploads::isWithoutParts(std::int64_t upload, const std::string& key) const
+{
+    const std::lock_guard lock(m_mutex);
+    const auto begun = m_begun.find(upload);
+    return begun != m_begun.end() && begun->second.key == key && !begun->second.hasParts;
 }
 
 std::vector<PendingUpload> listUploads(Connection& index)
@@ -109,18 +167,19 @@ void completeUpload(StoreTransaction& transaction, const std::string& key, std::
 
     transaction.syncEarlierFiles();
 
-    // The object takes over the upload's id, and the references to the contents of the listed parts.
+    // The object takes over the references to the contents of the listed parts.
+    const std::int64_t object = transaction.newId();
     std::uint64_t size = 0;
     for (const cloudprovider::PartInfo& part : parts)
     {
         const UploadPart sent = findPart(index, upload, part.Index).value();
-        index.run("INSERT INTO object_parts VALUES (?, ?, ?)", upload, static_cast<std::int64_t>(size), sent.content);
+        index.run("INSERT INTO object_parts VALUES (?, ?, ?)", object, static_cast<std::int64_t>(size), sent.content);
         index.run(
             "DELETE FROM upload_parts WHERE upload = ? AND number = ?", upload, static_cast<std::int64_t>(part.Index));
         size += sent.size;
     }
     endUpload(transaction, upload);
-    placeObject(transaction, key, upload, size);
+    placeObject(transaction, key, object, size);
 }
 
 } // namespace storage::clients::local

@@ -6,27 +6,54 @@
 #include <storage/cloudprovider/CloudClient.hpp>
 
 #include <cstdint>
+#include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace storage::clients::local
 {
 
-// Multipart uploads. They stay in the index until they are completed or aborted, even if the process that began them
-// has ended.
+// Multipart uploads. From the first part on, they stay in the index until they are completed or aborted, even if the
+// process that began them has ended.
 
-/// Begin an upload.
-///
-/// @return its id
-std::int64_t beginUpload(StoreTransaction& transaction, const std::string& key);
+/// The uploads that one client has begun. An upload is added to the index with its first part, so an index that cannot
+/// be written fails a part, which the writer sees, and not the beginning of the upload. Safe for concurrent calls.
+class BegunUploads
+{
+public:
+    /// @return the id of a new upload: random, so that it differs from those of other clients of the store
+    std::string begin(const std::string& key);
 
-/// Find an upload.
-///
-/// @param uploadId  its id as text, as createMultipartUpload() returned it
-/// @throws StoreError when this key has no upload with this id
-std::int64_t requireUpload(Connection& index, const std::string& key, const std::string& uploadId);
+    /// Find an upload: one in the index, or one that this client has begun and that has no part yet.
+    ///
+    /// @param uploadId  as begin() returned it
+    /// @throws StoreError when this key has no upload with this id
+    std::int64_t require(Connection& index, const std::string& key, const std::string& uploadId) const;
 
-/// List the open uploads, oldest first.
+    /// The same for a part that is about to be stored: the upload is added to the index if it is not there.
+    std::int64_t requireForPart(StoreTransaction& transaction, const std::string& key, const std::string& uploadId);
+
+    /// To be called after the transaction of requireForPart() was committed.
+    void partStored(std::int64_t upload);
+
+    /// To be called after the transaction that ended the upload was committed.
+    void end(std::int64_t upload);
+
+private:
+    struct Begun
+    {
+        std::string key;
+        bool hasParts = false; // if so and it is not in the index, another client has ended it
+    };
+
+    bool isWithoutParts(std::int64_t upload, const std::string& key) const;
+
+    mutable std::mutex m_mutex;                      // innermost
+    std::unordered_map<std::int64_t, Begun> m_begun; // guarded by m_mutex; by id
+};
+
+/// List the uploads in the index, the oldest first.
 std::vector<PendingUpload> listUploads(Connection& index);
 
 /// Store the content as a part, replacing what was sent for it before. Takes over one reference to the content.

@@ -26,6 +26,13 @@ public:
         return std::make_shared<LocalClient>(m_folder.store, m_settings);
     }
 
+    cloudprovider::CloudClientSharedPtr openReadOnly() override
+    {
+        test::runSql(m_folder.store,
+            "CREATE TRIGGER full BEFORE INSERT ON uploads BEGIN SELECT RAISE(ABORT, 'database or disk is full'); END");
+        return openAnother();
+    }
+
 private:
     const LocalSettings m_settings;
     const test::TestFolder m_folder;

@@ -97,6 +97,13 @@ public:
         return std::make_shared<S3Client>(settings);
     }
 
+    CloudClientSharedPtr openReadOnly() override
+    {
+        S3Settings settings = m_bucket.settings;
+        settings.bucket += "-missing";
+        return std::make_shared<S3Client>(settings);
+    }
+
     conformance::Capabilities capabilities() const override
     {
         return {5 << 20, "", "", "an object is cut by rule", "this gateway wants every part listed",

@@ -185,6 +185,19 @@ TEST_P(CloudClientConformance, DoesNotCopyFromAnObjectThatChangedOrWent)
     EXPECT_EQ(get("k"), "new") << "a failed copy leaves the upload usable";
 }
 
+TEST_P(CloudClientConformance, AnUploadThatCannotBeKeptFailsAtAPartOrAtItsCompletion)
+{
+    const CloudClientSharedPtr readOnly = openReadOnly();
+    if (!readOnly)
+    {
+        GTEST_SKIP() << "the harness cannot make a client that stores nothing";
+    }
+    std::string id;
+    EXPECT_NO_THROW(id = readOnly->createMultipartUpload("k", "")) << "a close would succeed although this failed";
+    EXPECT_THROW(readOnly->completeMultipartUpload("k", id, {uploadPart(*readOnly, "k", id, 0, "x")}), CloudException);
+    EXPECT_NO_THROW(readOnly->abortMultipartUpload("k", id));
+}
+
 TEST_P(CloudClientConformance, ListsOpenUploadsOldestFirst)
 {
     auto* const inventory = dynamic_cast<UploadInventory*>(&client());

@@ -23,7 +23,8 @@ class UploadInventory
 public:
     virtual ~UploadInventory() = default;
 
-    /// List the open uploads, oldest first. May be called from any thread, while uploads begin and end.
+    /// List the open uploads, oldest first. Uploads without parts may be missing: many clients tell the store of an
+    /// upload with its first part. May be called from any thread, while uploads begin and end.
     ///
     /// @throws cloudprovider::CloudException
     virtual std::vector<PendingUpload> pendingUploads() = 0;

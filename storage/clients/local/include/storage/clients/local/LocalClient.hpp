@@ -17,6 +17,7 @@ namespace storage::clients
 
 namespace local
 {
+class BegunUploads;
 class ContentFiles;
 class Database;
 class StagedContent;
@@ -59,7 +60,8 @@ struct LocalSettings
 /// Reading: a range in at most 16 parts is read from one version of the object, even if the object is replaced or
 /// removed meanwhile. A read of more parts can fail in that case.
 ///
-/// Uploads stay open until they are completed or aborted, even if the process that began them ends.
+/// Uploads: createMultipartUpload() does not access the disk. The store knows an upload from its first part on; then
+/// any client may use it, and it stays open until it is completed or aborted, even if the process that began it ends.
 ///
 /// Failures: a full disk, a damaged store and other failures that the caller did not cause throw UnknownErrorException.
 /// A content file with a wrong size counts as damaged, and none of its bytes are returned. Denied access throws
@@ -115,6 +117,7 @@ private:
 
     const std::filesystem::path m_directory; // absolute
     const LocalSettings m_settings;
+    const std::unique_ptr<local::BegunUploads> m_uploads;
     std::unique_ptr<local::Database> m_index;     // constant after construction
     std::unique_ptr<local::ContentFiles> m_files; // constant after construction
 };

@@ -28,7 +28,7 @@ struct Capabilities
     std::string noSubrangeCopies;     ///< why copyPart() copies only whole parts, as getObjectParts() returned them
     std::string noPartBoundaries;     ///< why getObjectParts() returns other parts than were uploaded, at least one
     std::string noUnlistedParts;      ///< why completeMultipartUpload() must list every part that was sent
-    std::string noSharedUploads;      ///< why only the instance that began an upload can send its parts
+    std::string noSharedUploads; ///< why only the instance that began an upload can use it, also once it has a part
 };
 
 /// One store, empty when the harness is made. Destroying the harness removes the store.
@@ -42,6 +42,9 @@ public:
 
     /// Make another client of the same store, as another process would. Null: a store has only one client.
     virtual cloudprovider::CloudClientSharedPtr openAnother() { return nullptr; }
+
+    /// Make a client that can store nothing: every part or every completion fails. Null: this is not possible.
+    virtual cloudprovider::CloudClientSharedPtr openReadOnly() { return nullptr; }
 
     virtual Capabilities capabilities() const { return {}; }
 };
@@ -70,6 +73,7 @@ protected:
     const Capabilities& capabilities() const { return m_capabilities; }
     cloudprovider::CloudClient& client() { return m_harness->client(); }
     cloudprovider::CloudClientSharedPtr openAnother() { return m_harness->openAnother(); }
+    cloudprovider::CloudClientSharedPtr openReadOnly() { return m_harness->openReadOnly(); }
 
     /// Make a random generator. Every failure after this call also prints the seed.
     std::mt19937 randomNumbers();
