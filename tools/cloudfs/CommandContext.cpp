@@ -20,7 +20,7 @@
 
 #include <exception>
 #include <filesystem>
-#include <iostream>
+#include <sstream>
 #include <system_error>
 
 namespace cloudfs
@@ -203,7 +203,9 @@ void CommandContext::printCounters() const
     const auto* counters = storage::clients::findInterface<const storage::clients::StoreCounters>(*m_store);
     if (verbose && counters != nullptr)
     {
-        std::cerr << "cloudfs: store calls: " << counters->callSnapshot() << std::endl;
+        std::ostringstream text;
+        text << "store calls: " << counters->callSnapshot();
+        diagnostics::printLine(text.view());
     }
 }
 

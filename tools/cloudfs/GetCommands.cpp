@@ -14,6 +14,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
 
 namespace cloudfs
@@ -46,7 +47,8 @@ void printFile(const CommandContext& context, const StorePath& path)
     StandardOutput output;
     Progress progress(false);
     download(
-        context, path, [&](const char* data, std::size_t size) { output.write(data, size); }, progress);
+        context, path, [&](const char* data, std::size_t size) { output.write(std::string_view(data, size)); },
+        progress);
 }
 
 /// Downloads a folder of the store and its contents. The thread that lists creates each local folder before it queues

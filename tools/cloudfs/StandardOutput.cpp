@@ -11,13 +11,13 @@
 namespace cloudfs
 {
 
-void StandardOutput::write(const char* data, std::size_t size)
+void StandardOutput::write(std::string_view text)
 {
     flush();
-    while (size > 0)
+    while (!text.empty())
     {
         interrupt::waitUntilReady(STDOUT_FILENO, POLLOUT);
-        const ssize_t written = ::write(STDOUT_FILENO, data, size);
+        const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
         if (written < 0)
         {
             if (errno == EINTR || errno == EAGAIN)
@@ -30,8 +30,7 @@ void StandardOutput::write(const char* data, std::size_t size)
             }
             throw CommandError::fromErrno("standard output", errno);
         }
-        data += written;
-        size -= static_cast<std::size_t>(written);
+        text.remove_prefix(static_cast<std::size_t>(written));
     }
 }
 
@@ -52,7 +51,7 @@ void StandardOutput::flush()
     pending.swap(m_pending);
     if (!pending.empty())
     {
-        write(pending.data(), pending.size());
+        write(pending);
     }
 }
 

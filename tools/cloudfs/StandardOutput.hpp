@@ -19,7 +19,7 @@ public:
     /// Write bytes now, after all lines printed before.
     ///
     /// @throws CommandError, BrokenPipe or interrupt::Interrupted
-    void write(const char* data, std::size_t size);
+    void write(std::string_view text);
 
     /// Print one line. It may stay in memory until flush(), except on a terminal.
     ///

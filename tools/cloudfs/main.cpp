@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <exception>
 #include <fcntl.h>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <unistd.h>
@@ -135,6 +136,7 @@ int run(int argc, char** argv)
         "cloudfs");
     app.require_subcommand(1);
     app.fallthrough();
+    app.set_version_flag("--version", "cloudfs " CLOUDFS_VERSION, "Print the version and exit");
     addGlobalOptions(app, context);
     app.parse_complete_callback([&context] { context.open(); });
     addListCommands(app, context);
@@ -153,7 +155,10 @@ int run(int argc, char** argv)
     }
     catch (const CLI::Success& request)
     {
-        return app.exit(request); // prints the help
+        std::ostringstream text; // the help or the version
+        app.exit(request, text);
+        cloudfs::StandardOutput().write(text.view());
+        return EXIT_SUCCESS;
     }
     catch (const CLI::ParseError& error)
     {

@@ -201,6 +201,8 @@ test_failing_streams()
 1|standard input: Is a directory.*|put -f - /file <buffers
 1|standard output: Bad file descriptor.*|ls >&-
 1|standard output: No space left.*|ls >/dev/full
+1|standard output: No space left.*|put --help >/dev/full
+1|standard output: No space left.*|--version >/dev/full
 1||cat /missing 2>/dev/full
 2||frob 2>&-
 END
