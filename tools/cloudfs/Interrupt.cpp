@@ -24,6 +24,8 @@ static_assert(std::atomic<int>::is_always_lock_free, "a signal handler sets it")
 // between the check and poll() is not lost.
 std::array<int, 2> wakeUpPipe{-1, -1};
 
+constexpr std::array endingSignals{SIGHUP, SIGINT, SIGTERM}; // SIGHUP: the terminal was closed
+
 extern "C" void onSignal(int signal)
 {
     const int savedError = errno;
@@ -44,24 +46,28 @@ void install()
     struct sigaction action = {};
     action.sa_handler = onSignal;
     action.sa_flags = static_cast<int>(SA_RESETHAND); // without SA_RESTART, so that blocking calls return
-    for (const int signal : {SIGINT, SIGTERM})
+    for (const int signal : endingSignals)
     {
         struct sigaction inherited = {};
         ::sigaction(signal, nullptr, &inherited);
-        if (inherited.sa_handler != SIG_IGN) // shells let background jobs ignore Ctrl-C
+        if (inherited.sa_handler != SIG_IGN) // shells let background jobs ignore Ctrl-C, nohup SIGHUP
         {
             ::sigaction(signal, &action, nullptr);
         }
     }
-    std::signal(SIGPIPE, SIG_IGN); // the default action would leave temporary files behind
+    // The default actions would leave temporary files behind. Ignored, the write fails with EPIPE or EFBIG.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
 }
 
 void blockSignalsInThisThread()
 {
     sigset_t signals;
     sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
+    for (const int signal : endingSignals)
+    {
+        sigaddset(&signals, signal);
+    }
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 

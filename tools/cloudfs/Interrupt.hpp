@@ -1,6 +1,7 @@
 #pragma once
 
-/// Ctrl-C and SIGTERM: the command stops at its next step, and no partial file becomes visible.
+/// Ctrl-C, SIGTERM and a closed terminal (SIGHUP): the command stops at its next step, and no partial file becomes
+/// visible.
 namespace cloudfs::interrupt
 {
 
@@ -9,14 +10,15 @@ struct Interrupted
 {
 };
 
-/// Install handlers for SIGINT and SIGTERM. After a signal the store refuses every commit, listings end, and
-/// isPending() is true. A second signal of the same kind kills the process.
+/// Install handlers for SIGINT, SIGTERM and SIGHUP, except for those that the caller ignores. After a signal the store
+/// refuses every commit, listings end, and isPending() is true. A second signal of the same kind kills the process.
 ///
-/// SIGPIPE is ignored, so that writing to a closed pipe fails with EPIPE. Call once, before any thread starts.
+/// SIGPIPE and SIGXFSZ are ignored, so that writing to a closed pipe fails with EPIPE and beyond the limit of the file
+/// size with EFBIG. Call once, before any thread starts.
 /// @throws std::system_error
 void install();
 
-/// Block SIGINT and SIGTERM in the calling thread and the threads that it starts, so that the main thread receives them
+/// Block these signals in the calling thread and the threads that it starts, so that the main thread receives them
 /// and its blocking calls return.
 void blockSignalsInThisThread();
 

@@ -207,6 +207,9 @@ test_failing_streams()
 2||frob 2>&-
 END
     same <(echo old) /file
+    export ZV_CLOUD_PART_SIZE_OVERRIDE=16384 # the limit counts for temporary files, too
+    bytes 200000 | expect 0 '' put - /large
+    (ulimit -f 100; expect 1 'target: File too large.*' get /large target)
     nothing_left
 }
 
@@ -282,8 +285,8 @@ test_interrupted_put()
     local status actual
     echo old | expect 0 '' put - /file
     mkfifo input
-    for status in 130 143; do
-        env --default-signal=INT,TERM "$program" --store "$store" put -f - /file <input 2>err &
+    for status in 129 130 143; do
+        env --default-signal=HUP,INT,TERM "$program" --store "$store" put -f - /file <input 2>err &
         exec 3>input
         bytes 12000000 >&3 # returns when all but the content of the pipe was read
         kill -s $((status - 128)) $!
