@@ -4,6 +4,8 @@
 #include "Interrupt.hpp"
 #include "Text.hpp"
 
+#include <fmt/format.h>
+
 #include <exception>
 #include <utility>
 
@@ -13,9 +15,17 @@ namespace cloudfs
 Batch::Batch(std::size_t threads, Progress& progress)
     : m_progress(progress)
 {
-    for (std::size_t i = 0; i < threads; ++i)
+    try
     {
-        m_threads.emplace_back([this] { runTasks(); });
+        while (m_threads.size() < threads)
+        {
+            m_threads.emplace_back([this] { runTasks(); });
+        }
+    }
+    catch (const std::exception& exception) // std::system_error, or std::bad_alloc
+    {
+        m_progress.report(fmt::format("continuing with {} of {} threads: another one could not be started: {}",
+            m_threads.size(), threads, exception.what()));
     }
 }
 
@@ -30,6 +40,11 @@ Batch::~Batch()
 
 void Batch::submit(Task task)
 {
+    if (m_threads.empty())
+    {
+        runNow(task);
+        return;
+    }
     constexpr std::size_t maxQueued = 1024;
     std::unique_lock lock(m_mutex);
     m_changed.wait(lock, [&] { return m_queue.size() < maxQueued; });

@@ -14,16 +14,16 @@
 namespace cloudfs
 {
 
-/// Runs the tasks of one command on a fixed number of threads.
+/// Runs the tasks of one command on a fixed number of threads, or fewer if the system refuses to start that many.
 ///
 /// A failed task is reported in one line; the others continue. All operations are called by one thread; the tasks run
-/// on the batch's own threads.
+/// on the batch's own threads; if none could be started, submit() runs them.
 class Batch
 {
 public:
     using Task = std::function<void()>;
 
-    /// Start the threads.
+    /// Start the threads. A thread that cannot be started is reported, but is not a failure.
     ///
     /// @param threads   number of threads, at least 1
     /// @param progress  prints the failures; must outlive the batch
@@ -36,7 +36,7 @@ public:
 
     /// Queue a task. Blocks while the queue is full, so that a large tree is not held in memory.
     ///
-    /// @throws interrupt::Interrupted; the task was not queued
+    /// @throws interrupt::Interrupted; the task was not queued, or was interrupted
     void submit(Task task);
 
     /// Run a task now, on the calling thread, and report its failure.

@@ -351,6 +351,22 @@ test_uploads()
     nothing_left
 }
 
+# A user who may start no thread, or few.
+test_few_threads()
+{
+    local limited threads
+    ((UID == 0)) || { echo "skipped: only root can become a user without processes"; exit 77; }
+    limited="setpriv --reuid=65533 --inh-caps=+dac_override --ambient-caps=+dac_override prlimit --nproc="
+    mkdir tree
+    touch tree/{1..9}
+    for threads in 1 3; do
+        # shellcheck disable=SC2086 # several words
+        $limited$threads "$program" --store "$store" put -rf tree / 2>err || fail "put: $?"
+        [[ $(<err) == "cloudfs: continuing with $((threads - 1)) of 4 threads: "* ]] || fail "$(<err)"
+    done
+    diff <(ls tree) <(fs ls tree) || fail "not all stored"
+}
+
 test_closed_pipe()
 {
     bytes 12000000 | expect 0 '' put - /big

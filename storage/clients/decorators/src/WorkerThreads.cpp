@@ -4,8 +4,8 @@
 
 #include <foundation/log/Severity.hpp>
 
+#include <exception>
 #include <string>
-#include <system_error>
 #include <utility>
 
 namespace storage::clients
@@ -39,7 +39,7 @@ try
     }
     return true;
 }
-catch (const std::system_error&)
+catch (const std::exception&)
 {
     return false; // startThread() has logged it
 }
@@ -62,11 +62,14 @@ void WorkerThreads::startThread()
         m_threads.emplace_back([this] { work(); });
         ++m_idle;
     }
-    catch (const std::system_error& failure)
+    catch (const std::exception& failure) // std::system_error, or std::bad_alloc
     {
-        cloudprovider::getLogger().write(foundation::log::severity::warning,
-            "Continuing with " + std::to_string(m_threads.size()) + " of " + std::to_string(m_maxThreads) +
-                " threads: another one could not be started: " + failure.what());
+        if (!std::exchange(m_hasWarned, true))
+        {
+            cloudprovider::getLogger().write(foundation::log::severity::warning,
+                "Continuing with " + std::to_string(m_threads.size()) + " of " + std::to_string(m_maxThreads) +
+                    " threads: another one could not be started: " + failure.what());
+        }
         if (m_threads.empty())
         {
             throw;

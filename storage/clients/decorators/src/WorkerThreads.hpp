@@ -25,13 +25,13 @@ public:
     ~WorkerThreads();
 
     /// Start the first thread, unless there is one.
-    /// @return false: no thread could be started, which is logged
+    /// @return false: no thread could be started, which is logged once
     bool start();
 
     /// Queue a task.
     /// @param task  must not throw
-    /// @throws std::system_error if there is no thread and none can be started; the task will not run then. Never
-    ///         thrown after start() has returned true.
+    /// @throws std::system_error or std::bad_alloc if there is no thread and none can be started; the task will not
+    ///         run then. Never thrown because of threads after start() has returned true.
     void post(std::function<void()> task);
 
 private:
@@ -44,6 +44,7 @@ private:
     std::deque<std::function<void()>> m_tasks;
     std::size_t m_idle = 0; // threads that wait for a task, or will next
     bool m_isEnding = false;
+    bool m_hasWarned = false; // that a thread could not be started
     std::vector<std::thread> m_threads;
 };
 

@@ -198,8 +198,13 @@ TEST_F(PipelinedUploadClientTest, SendsOnTheCallersThreadWithOneTransferOrWithou
     pthread_attr_t impossible = usual;
     ASSERT_EQ(pthread_attr_setstacksize(&impossible, std::size_t{1} << 60U), 0);
     ASSERT_EQ(pthread_setattr_default_np(&impossible), 0);
+    unsigned warnings = 0;
+    getLogger().setEnabledSeverities(foundation::log::severity::warning);
+    foundation::log::setSink([&](auto, auto, auto) { ++warnings; });
     std::vector<PartInfo> parts{send(1, "new"), copy({2, 0, 3, storedTag()})};
+    foundation::log::setSink({});
     ASSERT_EQ(pthread_setattr_default_np(&usual), 0);
+    EXPECT_EQ(warnings, 1U) << "a warning for each part would hide all else";
     EXPECT_TRUE(wasSentHere(parts[0]) && wasSentHere(parts[1]));
     parts.push_back(send(3, "newer"));
     EXPECT_FALSE(wasSentHere(parts[2])) << "threads can be started again";
