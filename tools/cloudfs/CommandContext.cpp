@@ -7,6 +7,7 @@
 
 #include <storage/clients/common/StoreCounters.hpp>
 #include <storage/clients/decorators/FindInterface.hpp>
+#include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/clients/stores/OpenStore.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 #include <storage/cloudprovider/utils.hpp>
@@ -196,6 +197,12 @@ void CommandContext::requireNoParentIsFile(const StorePath& path) const
             throw CommandError(parent.text(), "is a file, not a folder", fsp::ErrorCode::AlreadyExists);
         }
     }
+}
+
+unsigned CommandContext::failedAttempts() const
+{
+    const auto* retrying = storage::clients::findInterface<const storage::clients::RetryingClient>(*m_store);
+    return retrying != nullptr ? retrying->failedAttempts() : 0;
 }
 
 void CommandContext::printCounters() const

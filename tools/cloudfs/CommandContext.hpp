@@ -85,6 +85,9 @@ public:
     /// @throws CommandError if a parent of this path is a file; the store itself would accept that
     void requireNoParentIsFile(const StorePath& path) const;
 
+    /// Return how many attempts of a request that is being retried have failed; 0: none is. See RetryingClient.
+    unsigned failedAttempts() const;
+
     /// Print the store's call counters on standard error, if verbose.
     void printCounters() const;
 

@@ -1,5 +1,6 @@
 #include "CommandError.hpp"
 #include "Commands.hpp"
+#include "Progress.hpp"
 
 #include <foundation/storage/provider/ReplacementPolicy.hpp>
 
@@ -42,6 +43,7 @@ SourceAndDestination checkedPaths(const CommandContext& context, const Options& 
 
 void copy(const CommandContext& context, const Options& options)
 {
+    const Progress progress(context);
     const auto [source, destination] = checkedPaths(context, options);
     if (source.iri() == destination.iri())
     {
@@ -54,6 +56,7 @@ void copy(const CommandContext& context, const Options& options)
 
 void move(const CommandContext& context, const Options& options)
 {
+    const Progress progress(context);
     const auto [source, destination] = checkedPaths(context, options);
     context.translateErrors(destination,
         [&, from = source.iri(), to = destination.iri()] { context.provider().moveFile(from, to, options.policy()); });

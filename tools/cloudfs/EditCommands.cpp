@@ -16,9 +16,9 @@ void edit(const CommandContext& context, const std::string& argument, std::uint6
     fsp::ByteStreamWritePosition position)
 {
     const StorePath path = StorePath::parse(argument);
-    context.requireFile(path);
     LocalSource source = LocalSource::standardInput();
-    Progress progress;
+    Progress progress(context, !source.isTerminal());
+    context.requireFile(path);
     upload(context, path,
         {fsp::ByteStreamReadAccess::None, fsp::ByteStreamCreate::MustExist, fsp::ByteStreamTruncate::Keep, position},
         offset, source, progress);

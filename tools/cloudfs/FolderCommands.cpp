@@ -1,5 +1,6 @@
 #include "CommandError.hpp"
 #include "Commands.hpp"
+#include "Progress.hpp"
 
 #include <memory>
 #include <string>
@@ -64,6 +65,7 @@ void removeFolder(const CommandContext& context, const std::string& argument)
 
 void remove(const CommandContext& context, const std::string& argument, bool recursive)
 {
+    const Progress progress(context);
     const StorePath path = StorePath::parse(argument);
     if (path.isRoot())
     {

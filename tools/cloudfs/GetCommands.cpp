@@ -45,7 +45,7 @@ void printFile(const CommandContext& context, const StorePath& path)
 {
     context.requireFile(path);
     StandardOutput output;
-    Progress progress(false);
+    Progress progress(context, false);
     download(
         context, path, [&](const char* data, std::size_t size) { output.write(std::string_view(data, size)); },
         progress);
@@ -59,12 +59,14 @@ void printFile(const CommandContext& context, const StorePath& path)
 class TreeDownload
 {
 public:
-    TreeDownload(const CommandContext& context, const Options& options, const StorePath& source, std::string target)
+    TreeDownload(const CommandContext& context, const Options& options, const StorePath& source, std::string target,
+        Progress& progress)
         : m_context(context)
         , m_options(options)
         , m_source(source)
         , m_target(std::move(target))
-        , m_batch(options.jobs, m_progress)
+        , m_progress(progress)
+        , m_batch(options.jobs, progress)
     {
     }
 
@@ -143,7 +145,7 @@ private:
     const StorePath m_source;
     const std::string m_target;
     std::set<std::string> m_folders; // names of real folders in the target; "" is the target itself
-    Progress m_progress;
+    Progress& m_progress;
     Batch m_batch; // last: its threads use the members above
 };
 
@@ -162,6 +164,7 @@ void get(CommandContext& context, const Options& options)
         return;
     }
     const std::string local = localDestination(options, path);
+    Progress progress(context);
     const bool isFile = !path.namesFolder() && context.fileExists(path);
     if (isFile || !options.recursive)
     {
@@ -170,7 +173,6 @@ void get(CommandContext& context, const Options& options)
             context.requireFile(path);
         }
         const auto attributes = context.fileAttributes(path);
-        Progress progress;
         progress.addToTotal(attributes.size().value_or(0));
         progress.markTotalFinal();
         LocalTarget target(local, options.force, LocalTarget::Destination::NamedByUser);
@@ -181,7 +183,7 @@ void get(CommandContext& context, const Options& options)
     {
         throw CommandError(path.text(), "no such file or folder", fsp::ErrorCode::NotFound);
     }
-    if (!TreeDownload(context, options, path, local).run())
+    if (!TreeDownload(context, options, path, local, progress).run())
     {
         context.markFailed();
     }

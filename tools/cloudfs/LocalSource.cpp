@@ -99,6 +99,11 @@ std::size_t LocalSource::read(char* buffer, std::size_t size)
     }
 }
 
+bool LocalSource::isTerminal() const noexcept
+{
+    return ::isatty(m_descriptor) == 1;
+}
+
 void LocalSource::requireNotTruncated() const
 {
     // Files of /proc and /sys may report a size that they never deliver. They still report it now, and are complete.

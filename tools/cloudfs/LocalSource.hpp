@@ -35,6 +35,8 @@ public:
     /// The size of a regular file when it was opened; empty for everything else.
     std::optional<std::uint64_t> size() const noexcept { return m_size; }
 
+    bool isTerminal() const noexcept;
+
 private:
     LocalSource();
 

@@ -1,5 +1,7 @@
 #include "Progress.hpp"
+
 #include "Diagnostics.hpp"
+#include "Interrupt.hpp"
 
 #include <storage/clients/common/StoreCounters.hpp>
 
@@ -8,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <exception>
 #include <unistd.h>
 
 namespace cloudfs
@@ -23,14 +26,33 @@ constexpr auto interval = std::chrono::milliseconds(100); // faster changes are 
 
 } // namespace
 
-Progress::Progress(bool mayPaint)
-    : m_enabled(mayPaint && ::isatty(STDERR_FILENO) == 1 && ::isatty(STDOUT_FILENO) == 1)
-    , m_nextPaint(m_begin + delay)
+Progress::Progress(const CommandContext& context, bool mayPaint)
+    : m_context(context)
 {
+    if (mayPaint && ::isatty(STDERR_FILENO) == 1 && ::isatty(STDOUT_FILENO) == 1)
+    {
+        try
+        {
+            m_painter = std::thread([this] { repaint(); });
+        }
+        catch (const std::exception& exception)
+        {
+            report(fmt::format("continuing without a progress bar: {}", exception.what()));
+        }
+    }
 }
 
 Progress::~Progress()
 {
+    {
+        const std::lock_guard lock(m_mutex);
+        m_isClosed = true;
+    }
+    m_closed.notify_all();
+    if (m_painter.joinable())
+    {
+        m_painter.join();
+    }
     erase();
 }
 
@@ -50,12 +72,6 @@ void Progress::advance(std::uint64_t bytes)
 {
     const std::lock_guard lock(m_mutex);
     m_done += bytes;
-    const auto now = Clock::now();
-    if (m_enabled && now >= m_nextPaint)
-    {
-        m_nextPaint = now + interval;
-        paint(now);
-    }
 }
 
 void Progress::report(const std::string& text)
@@ -65,23 +81,42 @@ void Progress::report(const std::string& text)
     diagnostics::printLine(text);
 }
 
-void Progress::paint(Clock::time_point now)
+void Progress::repaint()
 {
-    const double seconds = std::chrono::duration<double>(now - m_begin).count();
+    interrupt::blockSignalsInThisThread();
+    std::unique_lock lock(m_mutex);
+    for (auto time = m_begin + delay; !m_closed.wait_until(lock, time, [this] { return m_isClosed; });
+         time = Clock::now() + interval)
+    {
+        paint();
+    }
+}
+
+void Progress::paint()
+{
+    const unsigned failed = m_context.failedAttempts();
+    if (failed == 0 && m_done == 0)
+    {
+        erase();
+        return;
+    }
+    const double seconds = std::chrono::duration<double>(Clock::now() - m_begin).count();
     const double rate = static_cast<double>(m_done) / seconds;
     std::string bar;
+    std::string left;
     if (m_totalIsFinal && m_total > 0)
     {
         constexpr std::size_t width = 24;
         const double share = std::min(1.0, static_cast<double>(m_done) / static_cast<double>(m_total));
         const auto filled = static_cast<std::size_t>(share * width);
-        const double left = rate > 0 ? static_cast<double>(m_total) * (1 - share) / rate : 0;
-        const auto wait = std::lround(left);
-        bar = fmt::format("[{:#<{}}{:.<{}}] {:3.0f}%  {}:{:02} left  ", "", filled, "", width - filled, share * 100,
-            wait / 60, wait % 60);
+        const auto wait = std::lround(rate > 0 ? static_cast<double>(m_total) * (1 - share) / rate : 0);
+        bar = fmt::format("[{:#<{}}{:.<{}}] {:3.0f}%  ", "", filled, "", width - filled, share * 100);
+        left = fmt::format("{}:{:02} left  ", wait / 60, wait % 60);
     }
-    diagnostics::print(
-        fmt::format("\r{}{}  {}/s\x1b[K", bar, formatBytes(m_done), formatBytes(static_cast<std::uint64_t>(rate))));
+    const std::string state = failed > 0 ? fmt::format("the store does not respond, attempt {}", failed + 1)
+                                         : fmt::format("{}{}  {}/s", left, formatBytes(m_done),
+                                               formatBytes(static_cast<std::uint64_t>(rate)));
+    diagnostics::print(fmt::format("\r{}{}\x1b[K", bar, state));
     m_painted = true;
 }
 

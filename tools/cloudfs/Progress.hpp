@@ -1,22 +1,28 @@
 #pragma once
 
+#include "CommandContext.hpp"
+
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <thread>
 
 namespace cloudfs
 {
 
 /// A progress bar on standard error for a long transfer, and the error lines printed meanwhile.
 ///
-/// Painted only if standard output and standard error are terminals; first after half a second, then at most ten times
-/// a second. Safe for concurrent calls on one instance.
+/// Painted only if standard output and standard error are terminals; first after half a second, then ten times a
+/// second by a thread of its own, also while nothing is transferred. While a request fails and is retried, the bar says
+/// so instead of the time left, also before the first byte. Safe for concurrent calls on one instance.
 class Progress
 {
 public:
-    /// @param mayPaint  false: never paint, because the terminal shows the file itself
-    explicit Progress(bool mayPaint = true);
+    /// @param context   must outlive this object
+    /// @param mayPaint  false: never paint, because the terminal shows the file itself, or what the user types
+    explicit Progress(const CommandContext& context, bool mayPaint = true);
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
@@ -29,7 +35,7 @@ public:
     /// State that the total is complete: from now on the bar shows a percentage.
     void markTotalFinal();
 
-    /// Count transferred bytes, and repaint when it is time.
+    /// Count transferred bytes.
     void advance(std::uint64_t bytes);
 
     /// Print the line "cloudfs: TEXT" on standard error, instead of the bar.
@@ -38,19 +44,23 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    void paint(Clock::time_point now);
+    void repaint();
+    void paint();
     void erase();
 
-    const bool m_enabled;
+    const CommandContext& m_context;
     const Clock::time_point m_begin = Clock::now();
 
-    std::mutex m_mutex; // taken alone
+    std::mutex m_mutex; // only RetryingClient's lock is taken while it is held
+    std::condition_variable m_closed;
     // guarded by m_mutex
-    Clock::time_point m_nextPaint;
     std::uint64_t m_total = 0;
     std::uint64_t m_done = 0;
     bool m_totalIsFinal = false;
     bool m_painted = false;
+    bool m_isClosed = false;
+
+    std::thread m_painter; // last: uses the members above
 };
 
 } // namespace cloudfs

@@ -28,9 +28,9 @@ struct Options
 
 void uploadFile(const CommandContext& context, const Options& options, LocalSource& source, const StorePath& path)
 {
+    Progress progress(context, !source.isTerminal());
     context.requireNoParentIsFile(path);
     context.requireCanStore(path, options.force);
-    Progress progress;
     progress.addToTotal(source.size().value_or(0));
     progress.markTotalFinal();
     upload(context, path, wholeFile, 0, source, progress);
@@ -45,6 +45,7 @@ public:
         : m_context(context)
         , m_options(options)
         , m_target(target)
+        , m_progress(context)
         , m_batch(options.jobs, m_progress)
     {
     }

@@ -351,6 +351,26 @@ test_uploads()
     nothing_left
 }
 
+# A terminal shows that the store does not respond. Then it is closed.
+test_unresponsive_store()
+{
+    local server shown=''
+    perl -MIO::Socket::INET -e '$| = 1; $s = IO::Socket::INET->new(Listen => 9, LocalAddr => "127.0.0.1") or die;
+        print $s->sockport, "\n"; close $s->accept while 1' >port &
+    server=$!
+    until [[ -s port ]]; do kill -0 $server || exit; done
+    store="s3://bucket?endpoint=http://127.0.0.1:$(<port)&region=r&path-style=1"
+    mkfifo screen
+    AWS_ACCESS_KEY_ID=x AWS_SECRET_ACCESS_KEY=y \
+        script -qfec "exec '$program' --store '$store' put port /x" screen >/dev/null &
+    exec 3<screen
+    while [[ $shown != *'the store does not respond, attempt '[1-9]* ]] && read -r -d $'\r' shown; do :; done <&3
+    [[ $shown == *attempt* ]] || fail "not shown on the terminal"
+    kill -s KILL $! # its terminal closes
+    wait $! 2>/dev/null
+    kill $server
+}
+
 # A user who may start no thread, or few.
 test_few_threads()
 {

@@ -49,11 +49,35 @@ Duration uniformJitter(Duration max)
 /// The failed attempts of one call.
 struct RetryingClient::Attempts
 {
+    RetryingClient& client;
     const Call& call;
     const std::chrono::steady_clock::time_point begin;
     std::chrono::steady_clock::time_point budgetBegin;
     Duration nextMaxDelay; // maximum of the next wait
     unsigned failed = 0;
+
+    ~Attempts()
+    {
+        const std::lock_guard lock(client.m_mutex);
+        forget();
+    }
+
+    void countFailure()
+    {
+        const std::lock_guard lock(client.m_mutex);
+        client.m_failed.insert(failed + 1);
+        forget();
+        ++failed;
+    }
+
+private:
+    void forget()
+    {
+        if (failed > 0)
+        {
+            client.m_failed.erase(client.m_failed.find(failed));
+        }
+    }
 };
 
 RetryingClient::RetryingClient(
@@ -71,11 +95,10 @@ void RetryingClient::around(const Call& call, const std::function<void()>& proce
     retry(call, proceed, [&] { return !usesContentStream(call.operation); });
 }
 
-void RetryingClient::retry(
-    const Call& call, const std::function<void()>& proceed, const std::function<bool()>& rewind) const
+void RetryingClient::retry(const Call& call, const std::function<void()>& proceed, const std::function<bool()>& rewind)
 {
     const auto begin = m_clock.now();
-    Attempts attempts{call, begin, begin, firstMaxDelay()};
+    Attempts attempts{*this, call, begin, begin, firstMaxDelay()};
     for (;;)
     {
         try
@@ -84,7 +107,7 @@ void RetryingClient::retry(
         }
         catch (const TransientException& failure)
         {
-            ++attempts.failed;
+            attempts.countFailure();
             if (!rewind())
             {
                 giveUp(attempts, failure, "the content stream cannot be rewound");
@@ -92,6 +115,12 @@ void RetryingClient::retry(
             waitForNext(attempts, failure);
         }
     }
+}
+
+unsigned RetryingClient::failedAttempts() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_failed.empty() ? 0 : *m_failed.rbegin();
 }
 
 Duration RetryingClient::firstMaxDelay() const

@@ -231,19 +231,22 @@ TEST_F(RetryingClientTest, WaitsThenGivesUp)
     {
         SCOPED_TRACE(row.name);
         const auto begin = time;
+        RetryingClient client(counted, row.policy, clock());
         std::vector<int> attempts;
         faults->setHook(
             [&](Operation, const std::string&)
             {
+                EXPECT_EQ(client.failedAttempts(), attempts.size());
                 attempts.push_back(static_cast<int>((time - begin) / 1ms));
                 time += row.duration;
                 throw TransientException("Busy", "store busy", row.retryAfter, attempts.size() <= row.progressing);
             });
-        EXPECT_THAT([&] { RetryingClient(counted, row.policy, clock()).deleteObject("a"); },
+        EXPECT_THAT([&] { client.deleteObject("a"); },
             Throws<TransientException>(
                 AllOf(hasDetail("store busy; gave up after " + row.summary + " s after the first: another wait"),
                     Property(&TransientException::retryAfter, row.retryAfter))));
         EXPECT_EQ(attempts, row.attempts);
+        EXPECT_EQ(client.failedAttempts(), 0U);
     }
 }
 

@@ -7,6 +7,8 @@
 #include <functional>
 #include <iosfwd>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -76,6 +78,10 @@ public:
     std::string uploadPart(const std::string& key, const std::string& uploadId, const cloudprovider::PartInfo& part,
         std::istream& content) override;
 
+    /// Return how many attempts have failed of the call in progress that has failed most often; 0: no call in progress
+    /// has failed. For a host that shows why nothing happens. Any thread may call this; it does not block.
+    unsigned failedAttempts() const;
+
 protected:
     /// Retry the call, but not if it uses a content stream: such an operation overrides its function and rewinds.
     void around(const Call& call, const std::function<void()>& proceed) override;
@@ -85,7 +91,7 @@ private:
 
     /// @param call    complete, as InterceptingClient describes it
     /// @param rewind  prepares a further attempt; returns false if that is impossible
-    void retry(const Call& call, const std::function<void()>& proceed, const std::function<bool()>& rewind) const;
+    void retry(const Call& call, const std::function<void()>& proceed, const std::function<bool()>& rewind);
 
     RetryClock::Duration firstMaxDelay() const;
     void waitForNext(Attempts& attempts, const TransientException& failure) const;
@@ -98,6 +104,9 @@ private:
     const RetryPolicy m_policy;
     const RetryClock m_clock;
     const std::function<bool()> m_interrupted;
+
+    mutable std::mutex m_mutex;       // taken alone
+    std::multiset<unsigned> m_failed; // guarded by m_mutex; the failed attempts of each call in progress that has any
 };
 
 } // namespace storage::clients
