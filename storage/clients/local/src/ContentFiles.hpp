@@ -89,6 +89,9 @@ public:
     /// Leave files of this session that the index does not name to the orphan collector of a later client.
     void leaveOrphans() noexcept { m_sessionLock.keepFile(); }
 
+    /// See SessionLock::setUnsynced().
+    void setUnsynced(bool isUnsynced) noexcept { m_sessionLock.setUnsynced(isUnsynced); }
+
     /// See SessionLock::findDead().
     std::vector<SessionLock::Dead> findDeadSessions() const { return SessionLock::findDead(m_sessions); }
 

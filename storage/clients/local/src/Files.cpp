@@ -111,13 +111,20 @@ FileHandle createFile(const std::filesystem::path& path)
 
 std::optional<FileHandle> openFile(const std::filesystem::path& path)
 {
-    FileHandle file(retryInterrupted([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
+    FileHandle file(
+        retryInterrupted([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW); }));
+    if (file.get() < 0 && errno == ENOENT)
+    {
+        return std::nullopt;
+    }
+    struct stat status = {};
+    if (file.get() < 0 ? errno == ELOOP || errno == ENXIO
+                       : ::fstat(file.get(), &status) == 0 && !S_ISREG(status.st_mode))
+    {
+        throw StoreError("the store is damaged: \"" + path.native() + "\" is not a regular file");
+    }
     if (file.get() < 0)
     {
-        if (errno == ENOENT)
-        {
-            return std::nullopt;
-        }
         fail("opening", path);
     }
     return file;

@@ -49,7 +49,7 @@ FileHandle openFolder(const std::filesystem::path& path);
 /// Create a file, with access for this user only, and open it for writing. An existing file is an error.
 FileHandle createFile(const std::filesystem::path& path);
 
-/// Open for reading; nullopt when there is no such file.
+/// Open a regular file for reading; nullopt when there is none. Never waits, also if a FIFO is in its place.
 std::optional<FileHandle> openFile(const std::filesystem::path& path);
 
 /// Lock the file or folder against all other handles until this one is closed. Wait if it is locked.

@@ -57,10 +57,6 @@ bool removeOrphans(Database& database, ContentFiles& files, const std::vector<Se
         Database::ReadTransaction index(database);
         std::erase_if(orphans, [&](FileName name) { return isNamed(*index, name); });
     }
-    if (orphans.empty())
-    {
-        return true;
-    }
     files.prepareRemoval();
     bool complete = true;
     {
@@ -76,7 +72,7 @@ bool removeOrphans(Database& database, ContentFiles& files, const std::vector<Se
             return std::any_of(dead.begin(), dead.end(),
                 [&](const SessionLock::Dead& session) { return session.number == name.session; });
         };
-        complete = orphans.empty() || commitBarrier(index);
+        complete = commitBarrier(index);
         std::erase_if(orphans, [&](FileName name) { return mayBeNamed(name) && !(complete && isOfDead(name)); });
     }
     for (const FileName name : orphans)

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <memory>
 
 #include <sys/stat.h>
 
@@ -32,7 +33,7 @@ SessionLock::SessionLock(std::filesystem::path folder)
 
 SessionLock::~SessionLock()
 {
-    if (m_file.get() >= 0 && !m_keepFile)
+    if (m_file.get() >= 0 && !m_keepFile && !m_isUnsynced)
     {
         removeFile(path()); // if that fails, the next open searches for orphans and finds none
     }
@@ -44,15 +45,19 @@ void SessionLock::acquire()
     while (m_file.get() < 0)
     {
         FileHandle file = createFile(path());
+        const std::shared_ptr<void> unlessKept(nullptr, // or the file would be in the way of the next attempt
+            [this](void*)
+            {
+                if (m_file.get() < 0)
+                {
+                    removeFile(path());
+                }
+            });
         // A collector may have found the file before it was locked, and removes it then.
         if (tryLockFile(file, path()) && !isRemoved(file))
         {
             syncFile(openFolder(m_folder), m_folder);
             m_file = std::move(file);
-        }
-        else
-        {
-            removeFile(path());
         }
     }
 }

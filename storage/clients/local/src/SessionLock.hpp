@@ -36,6 +36,10 @@ public:
     /// Do not remove the file in the destructor: there are orphans to collect.
     void keepFile() noexcept { m_keepFile = true; }
 
+    /// Set whether the index may lose, with the power, the names of files that it has. The destructor keeps the lock
+    /// file then: without it, nobody would collect those files.
+    void setUnsynced(bool isUnsynced) noexcept { m_isUnsynced = isUnsynced; }
+
     /// Random, 64 bits: differs from the number of every other session of the store, including past ones.
     std::uint64_t number() const noexcept { return m_number; }
 
@@ -56,6 +60,7 @@ private:
     const std::filesystem::path m_folder;
     const std::uint64_t m_number;
     std::atomic<bool> m_keepFile = false;
+    std::atomic<bool> m_isUnsynced = false;
 
     std::mutex m_mutex; // innermost
     FileHandle m_file;  // guarded by m_mutex; empty: acquire() was not called

@@ -112,6 +112,10 @@ void StoreTransaction::commit()
         }
         throw;
     }
+    if (m_durability == Durability::Synced || !m_added.empty())
+    {
+        m_files.setUnsynced(m_durability == Durability::Deferred); // while no other transaction of this client commits
+    }
     m_added.clear();
     m_index.reset();
     removeDroppedFiles();

@@ -150,6 +150,21 @@ TEST(CrashTest, CollectsOrphansOfDeadSessionsOnly)
     EXPECT_THAT(files(store / "sessions"), SizeIs(2)) << "a crash before the file is removed must be noticed";
 }
 
+TEST(CrashTest, CollectsAnUploadThatAClientLeftAndALossOfPowerUndid)
+{
+    const TestFolder folder;
+    {
+        LocalClient client(folder.store, nothingInline);
+        uploadPart(client, "k", client.createMultipartUpload("k", ""), 0, content(1, 1000));
+    }
+    for (const char* table : {"uploads", "upload_parts", "contents"})
+    {
+        runSql(folder.store, std::string("DELETE FROM ") + table);
+    }
+    const LocalClient collecting(folder.store);
+    checkStore(folder.store);
+}
+
 TEST(CrashTest, CollectsNothingThatAnUnseenCommitNames)
 {
     const TestFolder folder;
