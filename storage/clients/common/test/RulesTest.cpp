@@ -1,6 +1,8 @@
 #include <storage/clients/common/Content.hpp>
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/common/PartRules.hpp>
+#include <storage/clients/common/TransientException.hpp>
+#include <storage/clients/common/VersionPins.hpp>
 
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
@@ -63,6 +65,52 @@ TEST(ContentTest, ResolvesRangesNearTheMaximumOffset)
     EXPECT_THROW(resolveRange("k", 0, huge, 10), UnknownErrorException);
     EXPECT_THROW(resolveRange("k", huge, huge, 10), UnknownErrorException);
     EXPECT_EQ(resolveRange("k", huge, huge - 1, 10).size, 0U);
+}
+
+TEST(VersionPinsTest, RefusesAnEvictedKeyUntilItIsOpenedAgain)
+{
+    VersionPins pins(2);
+    std::string seen;
+    const auto open = [&](const std::string& key) { VersionPins::Opening(pins, key).opened({"of " + key}); };
+    const auto read = [&](const std::string& key)
+    {
+        pins.read(key,
+            [&](const auto& version)
+            {
+                seen = version ? version->tag : "any";
+                return true;
+            });
+        return seen;
+    };
+    open("a");
+    open("b");
+    EXPECT_EQ(read("never opened"), "any");
+    EXPECT_EQ(read("a"), "of a");
+    open("c");
+    EXPECT_EQ(read("c"), "of c");
+    VersionPins::Write(pins, "b").succeeded({"written"});
+    EXPECT_THROW(read("b"), UnknownErrorException);
+    open("b");
+    EXPECT_EQ(read("b"), "of b");
+    EXPECT_THROW(read("a"), UnknownErrorException);
+}
+
+TEST(VersionPinsTest, AVersionStoredWhileTheKeyIsOpenedIsPinned)
+{
+    VersionPins pins;
+    VersionPins::Opening opening(pins, "k");
+    VersionPins::Write(pins, "k").succeeded({"written"});
+    {
+        const VersionPins::Write unknown(pins, "k");
+    }
+    opening.opened({"fetched"});
+    EXPECT_EQ(pins.pinned("k").value().tag, "written");
+    opening.opened({"fetched"});
+    VersionPins::Write late(pins, "k");
+    EXPECT_THROW(pins.read("k", [&](const auto&) { return false; }), TransientException) << "it may be this write's";
+    late.succeeded({"late"});
+    EXPECT_TRUE(pins.descends("k", "late", "fetched") && !pins.descends("k", "late", "other"));
+    pins.read("k", [&](const auto& version) { return version->tag == "late"; });
 }
 
 } // namespace

@@ -122,7 +122,7 @@ Version MultipartUploads::requireSource(const PartInfo& part, const S3Request& r
     {
         throwObjectChanged(m_requester.contextOf(request));
     }
-    std::optional<Version> stored = m_versions.current(request.key);
+    std::optional<Version> stored = m_pins.pinned(request.key);
     if (!stored || (!wanted->empty() && stored->tag != *wanted))
     {
         const auto object = m_objects.info(Operation::CopyPart, request.key);
@@ -219,25 +219,15 @@ void MultipartUploads::complete(const std::string& key, const std::string& id, c
 std::string MultipartUploads::assembleObject(Upload& upload, const Completion& completion)
 {
     const NumberedTags parts = transferParts(upload, completion);
-    // Not before the transfers: they may take minutes and change no object, and files opened meanwhile must be pinned.
-    KnownVersions::Write write(m_versions, upload.key());
-    try
+    // Not before the transfers: they may take minutes and change no object, and a read that finds another version
+    // waits.
+    VersionPins::Write write(m_pins, upload.key());
+    std::string tag = finishUpload(upload, completion, parts);
+    if (!tag.empty())
     {
-        std::string tag = finishUpload(upload, completion, parts);
-        if (!tag.empty())
-        {
-            write.succeeded({tag, completion.plan.size});
-        }
-        return tag;
+        write.succeeded({tag, completion.plan.size});
     }
-    catch (...)
-    {
-        if (!upload.isOutcomeUnknown())
-        {
-            write.changedNothing();
-        }
-        throw;
-    }
+    return tag;
 }
 
 MultipartUploads::Completion MultipartUploads::prepare(
@@ -270,8 +260,8 @@ MultipartUploads::Completion MultipartUploads::prepare(
     if (completion.source.tag.empty() && !upload.base().empty())
     {
         // A version that this process has written since the file was opened may be replaced.
-        const auto current = m_versions.current(upload.key());
-        const bool isOurs = current && m_versions.descends(upload.key(), current->tag, upload.base());
+        const auto current = m_pins.pinned(upload.key());
+        const bool isOurs = current && m_pins.descends(upload.key(), current->tag, upload.base());
         completion.replaces = isOurs ? current->tag : upload.base();
     }
     return completion;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "KnownVersions.hpp"
 #include "Objects.hpp"
 #include "UploadPlan.hpp"
 #include "UploadRegistry.hpp"
@@ -8,6 +7,7 @@
 #include "protocol/Requester.hpp"
 
 #include <storage/clients/common/UploadInventory.hpp>
+#include <storage/clients/common/VersionPins.hpp>
 #include <storage/clients/s3/S3Settings.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
 
@@ -30,9 +30,9 @@ namespace storage::clients::s3
 class MultipartUploads
 {
 public:
-    MultipartUploads(Requester& requester, KnownVersions& versions, Objects& objects, const S3Settings& settings)
+    MultipartUploads(Requester& requester, VersionPins& pins, Objects& objects, const S3Settings& settings)
         : m_requester(requester)
-        , m_versions(versions)
+        , m_pins(pins)
         , m_objects(objects)
         , m_capabilities(settings.capabilities)
         , m_transfers(settings.transfers)
@@ -73,7 +73,7 @@ private:
     void abortForeignUpload(const std::string& key, const std::string& storeId);
 
     Requester& m_requester;
-    KnownVersions& m_versions;
+    VersionPins& m_pins;
     Objects& m_objects;
     const EndpointCapabilities m_capabilities;
     const std::size_t m_transfers; // maximum requests at a time in one completion

@@ -146,7 +146,6 @@ void Objects::remove(const std::string& key)
     {
         return;
     }
-    const KnownVersions::Write write(m_versions, key);
     const S3Request request{Operation::DeleteObject, key, "DELETE"};
     const HttpResponse response = m_requester.send(request, {404});
     if (response.status == 404)
@@ -169,27 +168,21 @@ void Objects::read(const std::string& key, std::ostream& out, std::uint64_t firs
     {
         throwBeyondEnd(key, {first, last - first + 1});
     }
-    const KnownVersions::Observation observation(m_versions, key);
-    const auto version = m_versions.current(key);
     const bool isWhole = first == 0 && last == 0;
     const auto range = isWhole ? std::nullopt : std::optional(ByteRange{first, last - first + 1});
-    if (version && first == 0 && (isWhole || last + 1 == version->size))
-    {
-        if (const auto content = m_contents.take(key, version->tag))
+    m_pins.read(key,
+        [&](const std::optional<Version>& version)
         {
-            writeContent(key, out, content->data(), content->size());
-            return;
-        }
-    }
-    const auto readAs = [&](const std::optional<Version>& wanted)
-    { return readVersion(Operation::GetObjectRange, key, out, range, wanted); };
-    // A single response contains a single version of the whole object. If this process has replaced the object
-    // meanwhile, the new version is also correct.
-    const bool isRead = readAs(version) || (isWhole && observation.sawWrite() && readAs(std::nullopt));
-    if (!isRead)
-    {
-        throwObjectChanged(m_requester.contextOf({Operation::GetObjectRange, key, "GET"}));
-    }
+            if (version && first == 0 && (isWhole || last + 1 == version->size))
+            {
+                if (const auto content = m_contents.take(key, version->tag))
+                {
+                    writeContent(key, out, content->data(), content->size());
+                    return true;
+                }
+            }
+            return readVersion(Operation::GetObjectRange, key, out, range, version);
+        });
 }
 
 bool Objects::readVersion(Operation operation, const std::string& key, std::ostream& out,
@@ -229,35 +222,23 @@ bool Objects::readVersion(Operation operation, const std::string& key, std::ostr
 void Objects::put(const std::string& key, std::istream& content, std::uint64_t size)
 {
     checkKey(key);
-    KnownVersions::Write write(m_versions, key);
-    try
-    {
-        StreamBody body(key, content, size);
-        S3Request request{Operation::PutObject, key, "PUT"};
-        request.body = &body;
-        const HttpResponse response = m_requester.send(request);
-        write.succeeded({m_requester.sentTag(request, response), size});
-    }
-    catch (const TransientException&)
-    {
-        throw; // the object may have been stored
-    }
-    catch (...)
-    {
-        write.changedNothing();
-        throw;
-    }
+    VersionPins::Write write(m_pins, key);
+    StreamBody body(key, content, size);
+    S3Request request{Operation::PutObject, key, "PUT"};
+    request.body = &body;
+    const HttpResponse response = m_requester.send(request);
+    write.succeeded({m_requester.sentTag(request, response), size});
 }
 
 std::vector<PartInfo> Objects::parts(const std::string& key)
 {
-    KnownVersions::Observation observation(m_versions, key);
+    VersionPins::Opening opening(m_pins, key);
     const auto object = key.empty() || exceedsKeyLimit(key) ? std::nullopt : fetchBeginning(key);
     if (!object)
     {
         throw ResourceNotFoundException("getObjectParts of " + quoted(key) + " failed: there is no such object");
     }
-    observation.opened(*object);
+    opening.opened(*object);
     return cutIntoParts(object->size, object->tag, m_partSize);
 }
 

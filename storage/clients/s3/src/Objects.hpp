@@ -1,11 +1,11 @@
 #pragma once
 
-#include "KnownVersions.hpp"
 #include "SmallObjectCache.hpp"
 
 #include "protocol/Requester.hpp"
 
 #include <storage/clients/common/Content.hpp>
+#include <storage/clients/common/VersionPins.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
 
 #include <iosfwd>
@@ -21,9 +21,9 @@ class Objects
 {
 public:
     /// @param partSize  bytes of the parts that stored objects are cut into
-    Objects(Requester& requester, KnownVersions& versions, std::uint64_t partSize)
+    Objects(Requester& requester, VersionPins& pins, std::uint64_t partSize)
         : m_requester(requester)
-        , m_versions(versions)
+        , m_pins(pins)
         , m_partSize(partSize)
     {
     }
@@ -58,7 +58,7 @@ private:
     void requireMissingKey(const S3Request& request, const HttpResponse& response);
 
     Requester& m_requester;
-    KnownVersions& m_versions;
+    VersionPins& m_pins;
     SmallObjectCache m_contents;
     const std::uint64_t m_partSize;
 };

@@ -1,12 +1,11 @@
 #pragma once
 
-#include "KnownVersions.hpp"
-
 #include "http/HttpMessage.hpp"
 #include "protocol/StoreFailures.hpp"
 #include "signing/Hashing.hpp"
 
 #include <storage/clients/common/Content.hpp>
+#include <storage/clients/common/VersionPins.hpp>
 
 #include <cstdint>
 #include <iosfwd>

@@ -1,6 +1,5 @@
 #include <storage/clients/s3/S3Client.hpp>
 
-#include "KnownVersions.hpp"
 #include "MultipartUploads.hpp"
 #include "Objects.hpp"
 #include "UploadPlan.hpp"
@@ -16,20 +15,12 @@ namespace storage::clients
 
 using namespace cloudprovider;
 
-namespace
-{
-
-constexpr std::size_t maxKnownVersions = 16'384; // files open at the same time
-
-} // namespace
-
 S3Client::S3Client(const s3::S3Settings& settings)
     : m_requester(std::make_unique<s3::Requester>(settings))
-    , m_versions(std::make_unique<s3::KnownVersions>(maxKnownVersions))
-    , m_objects(std::make_unique<s3::Objects>(*m_requester, *m_versions,
+    , m_objects(std::make_unique<s3::Objects>(*m_requester, m_pins,
           settings.capabilities.equalParts ? std::max<std::uint64_t>(settings.partSize, s3::minPartSize)
                                            : settings.partSize))
-    , m_uploads(std::make_unique<s3::MultipartUploads>(*m_requester, *m_versions, *m_objects, settings))
+    , m_uploads(std::make_unique<s3::MultipartUploads>(*m_requester, m_pins, *m_objects, settings))
 {
 }
 

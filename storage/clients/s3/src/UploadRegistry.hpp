@@ -1,8 +1,9 @@
 #pragma once
 
-#include "KnownVersions.hpp"
 #include "PartSpool.hpp"
 #include "UploadPlan.hpp"
+
+#include <storage/clients/common/VersionPins.hpp>
 
 #include <cstddef>
 #include <cstdint>

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <storage/clients/common/UploadInventory.hpp>
+#include <storage/clients/common/VersionPins.hpp>
 #include <storage/clients/s3/S3Settings.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
 
@@ -13,7 +14,6 @@ namespace storage::clients
 
 namespace s3
 {
-class KnownVersions;
 class MultipartUploads;
 class Objects;
 class Requester;
@@ -24,7 +24,9 @@ class Requester;
 /// Guarantees beyond those of CloudClient:
 /// - An object is never a mixture of two versions. Ranges are read, and unchanged parts copied, from the version that
 ///   getObjectParts() last returned for the key, or that this client has written since. If somebody else has changed
-///   the object, the read or the completion fails. putObject() replaces whatever is there: the last writer wins.
+///   the object, the read or the completion fails. If the outcome of a write is unknown, the version stays, so that
+///   reads fail until getObjectParts() is called again; see VersionPins. putObject() replaces whatever is there: the
+///   last writer wins.
 /// - getObjectParts() also fetches the content of an object of at most 16 KiB. The next read of the whole object
 ///   returns this content without a request, even if somebody else has changed the object since. The contents of the
 ///   last 128 objects are kept, at most 2 MiB.
@@ -82,7 +84,7 @@ public:
 
 private:
     const std::unique_ptr<s3::Requester> m_requester;
-    const std::unique_ptr<s3::KnownVersions> m_versions;
+    VersionPins m_pins;
     const std::unique_ptr<s3::Objects> m_objects;
     const std::unique_ptr<s3::MultipartUploads> m_uploads;
 };

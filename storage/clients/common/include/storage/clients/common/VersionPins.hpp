@@ -1,0 +1,133 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace storage::clients
+{
+
+/// One version of an object.
+struct Version
+{
+    std::string tag; ///< ObjectInfo::tag
+    std::uint64_t size = 0;
+};
+
+/// Remembers for each key which version of its object was opened, so that no reader sees a mixture of two versions.
+///
+/// getObjectParts() pins the version that it returns. Ranges are then read from this version or fail. The pin moves
+/// only when the key is opened again, and when a write of this client has succeeded. A write with an unknown outcome
+/// and a deletion leave the pin where it is: until the key is opened again, reads fail if the object is another one.
+/// A key that was never opened has no pin, and its object is read as it is.
+///
+/// At most `capacity` keys are pinned. Beyond that, the pin of the least recently used key is evicted, and reads of
+/// this key fail until it is opened again. Evicted keys are remembered in a bitmap of their hashes, so a few keys that
+/// were never opened may be refused, too. Safe for concurrent calls.
+class VersionPins
+{
+    struct Activity
+    {
+        std::size_t users = 0;    ///< existing Openings and Writes
+        std::size_t writers = 0;  ///< existing Writes
+        std::uint64_t stored = 0; ///< Writes that have succeeded
+        Version last;             ///< stored by the last of them
+    };
+    using Activities = std::map<std::string, Activity>;
+
+public:
+    /// @param capacity  keys; more than files are open at the same time
+    explicit VersionPins(std::size_t capacity = 16'384)
+        : m_capacity(capacity)
+    {
+    }
+
+    /// The time in which a version is fetched, to pin it.
+    class Opening
+    {
+    public:
+        Opening(VersionPins& pins, const std::string& key);
+        Opening(const Opening&) = delete;
+        Opening& operator=(const Opening&) = delete;
+        ~Opening();
+
+        /// Pin the version that was fetched. If a write of this client has succeeded meanwhile, pin the version that it
+        /// has stored, as if the key had been opened before.
+        void opened(const Version& version);
+
+    private:
+        VersionPins& m_pins;
+        Activities::iterator m_activity;
+        std::uint64_t m_storedBefore = 0;
+    };
+
+    /// The time in which this client writes the key. If it ends without succeeded(), the pin stays.
+    class Write
+    {
+    public:
+        Write(VersionPins& pins, const std::string& key);
+        Write(const Write&) = delete;
+        Write& operator=(const Write&) = delete;
+        ~Write();
+
+        /// Report the object's new version. It becomes the pinned one if the key has a pin.
+        void succeeded(const Version& version);
+
+    private:
+        VersionPins& m_pins;
+        Activities::iterator m_activity;
+    };
+
+    /// Read from the pinned version.
+    ///
+    /// @param tryRead  reads from this version of the object, or from any if there is none, or throws. It returns false
+    ///                 with nothing delivered if the object is not this version. Called without a lock, and again when
+    ///                 a write of this client has moved the pin meanwhile.
+    /// @throws UnknownErrorException when the object is another version, or its pin was evicted; TransientException
+    ///         when it is another version and a write of this client has been in progress for a second since: its
+    ///         result may be that version
+    void read(const std::string& key, const std::function<bool(const std::optional<Version>& version)>& tryRead);
+
+    /// The pinned version. Nothing: there is no pin, or it was evicted.
+    std::optional<Version> pinned(const std::string& key);
+
+    /// Whether the version tagged `stored` is the one tagged `opened`, or was written by this client to a file opened
+    /// at that version.
+    bool descends(const std::string& key, const std::string& stored, const std::string& opened);
+
+private:
+    struct Pin
+    {
+        std::string key;
+        std::string opened; ///< tag
+        Version current;
+    };
+    using Pins = std::list<Pin>;
+
+    // All of these require m_mutex.
+    Activities::iterator beginActivity(const std::string& key);
+    void endActivity(Activities::iterator activity);
+    bool isWritten(const std::string& key) const;
+    void pin(const std::string& key, const std::string& opened, const Version& current);
+    const Pin* find(const std::string& key);
+    bool wasEvicted(const std::string& key) const;
+
+    const std::size_t m_capacity;
+    std::mutex m_mutex;                   // innermost; guards everything below
+    std::condition_variable m_writeEnded; // or has succeeded
+    Activities m_activities;              // one for each key that is being opened or written
+    Pins m_pins;                          // the most recently used first
+    std::unordered_map<std::string_view, Pins::iterator> m_byKey;
+    std::vector<bool> m_evicted; // by hash of the key; empty until the first pin is evicted
+};
+
+} // namespace storage::clients
