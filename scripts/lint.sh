@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Check the format of every C++ file, now and in each recent commit, run clang-tidy on all code except tests, and print
-# the ratio of test code to code. A ratio above 35 % fails. clang-tidy leaves tests out: analysing them would double the
-# time and find little, and compilers and sanitizers are enough for them.
+# Check the format of every C++ file, now and in each recent commit, run clang-tidy on all code except tests, print the
+# ratio of test code to code, and check that each sentence of docs/semantics.md names a test. A ratio above 35 % fails.
+# clang-tidy leaves tests out: analysing them would double the time and find little, and compilers and sanitizers are
+# enough for them.
 #
-# Usage: scripts/lint.sh [format|tidy|ratio]      all three by default
+# Usage: scripts/lint.sh [format|tidy|ratio|semantics]      all by default
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -45,6 +46,43 @@ print_ratio()
     ((tests * 100 <= max_percent * code))
 }
 
+# Each sentence of docs/semantics.md has a number and ends with the tests that execute it. The introduction and the list
+# "Not promised" are exempt.
+check_semantics()
+{
+    {
+        # The tests: Suite.Case, "cloudfs_test.sh CASE", campaigns/NAME.py.
+        git ls-files -z '*/test/*.cpp' '*/testing/*.cpp' | xargs -0 sed 's,//.*,,' | tr '\n' ' ' |
+            grep -oP '\bTEST(_[FP])?\(\s*\K\w+,\s*\w+' | sed 's/,\s*/./'
+        sed -n '/foreach(case/,/)/p' tools/cloudfs/CMakeLists.txt | grep -ow '\w*' | sed 's/^/cloudfs_test.sh /'
+        git ls-files 'bench/campaigns/*.py' | sed 's,^bench/,,'
+    } | awk '
+        function fail(reason) { print "docs/semantics.md: " reason ": " text; failed = 1 }
+        function check(    rest, name, names)
+        {
+            rest = text
+            while (match(rest, / `[^`]+`,?$/)) {
+                name = substr(rest, RSTART + 2, RLENGTH - 2)
+                rest = substr(rest, 1, RSTART - 1)
+                sub(/`,?$/, "", name)
+                ++names
+                if (!(name in tests)) fail("there is no test \"" name "\"")
+            }
+            if (text == "" || exempt) return
+            ++sentences
+            if (!sub(/^[0-9]+[.] /, "", rest)) { fail("no number"); return }
+            if (text + 0 != ++number) { fail("should have number " number); number = text + 0 }
+            if (!names) fail("names no test")
+            if (rest ~ /[.!?] +[A-Z`]/) fail("two sentences with one number")
+        }
+        BEGIN { exempt = 1 }
+        FILENAME != "docs/semantics.md" { tests[$0]; next }
+        /^$|^#|^-|^[0-9]+[.] / { check(); text = "" }
+        /^#/ { exempt = $0 ~ /^# / || $0 == "## Not promised"; number = 0; next }
+        { sub(/^ +/, ""); text = text (text == "" ? "" : " ") $0 }
+        END { check(); print sentences + 0 " sentences"; exit failed || !sentences }' - docs/semantics.md
+}
+
 check_tidy()
 {
     # Hide the lines with its count of suppressed warnings.
@@ -55,9 +93,9 @@ check_tidy()
 
 what=${1:-all}
 case $what in
-    all | format | tidy | ratio) ;;
+    all | format | tidy | ratio | semantics) ;;
     *)
-        echo "usage: scripts/lint.sh [format|tidy|ratio]" >&2
+        echo "usage: scripts/lint.sh [format|tidy|ratio|semantics]" >&2
         exit 2
         ;;
 esac
@@ -65,7 +103,10 @@ esac
 if [[ $what == all || $what == ratio ]]; then
     print_ratio
 fi
-if [[ $what != ratio ]]; then
+if [[ $what == all || $what == semantics ]]; then
+    check_semantics
+fi
+if [[ $what != ratio && $what != semantics ]]; then
     scripts/install-deps.sh
 fi
 if [[ $what == all || $what == format ]]; then
