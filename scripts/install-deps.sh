@@ -11,7 +11,7 @@ packages=(
     g++ cmake ninja-build
     libboost-dev libboost-date-time-dev libboost-filesystem-dev libboost-iostreams-dev
     libboost-log-dev libboost-system-dev libboost-thread-dev
-    libcli11-dev libfmt-dev libsqlite3-dev
+    libcli11-dev libfmt-dev libsqlite3-dev libxxhash-dev
     # building the client for object gateways: HTTP, hashes and signatures, XML
     libcurl4-openssl-dev libssl-dev libpugixml-dev
     # testing: the second compiler, its sanitizer runtimes, and the consumer of the installed package

@@ -32,6 +32,15 @@ int waitForLock(void*, int attempts)
     return 1;
 }
 
+// A transaction stays in memory until it is committed, because CheckedVfs expects that no frame of the log is written
+// twice. Pages that a removal frees are not overwritten: on a full disk, there may be no room in the log for that. A
+// log that has grown beyond the limit, because a reader was slow, gives its room back.
+constexpr const char* settings = R"(
+    PRAGMA cache_spill = OFF;
+    PRAGMA secure_delete = OFF;
+    PRAGMA journal_size_limit = 4194304;
+)";
+
 } // namespace
 
 Query::~Query()
@@ -76,6 +85,18 @@ void Query::bind(std::nullptr_t)
     }
 }
 
+void Query::bind(const Query& row)
+{
+    for (int column = 0; column < sqlite3_column_count(row.m_statement); ++column)
+    {
+        if (const int code = sqlite3_bind_value(m_statement, ++m_bound, sqlite3_column_value(row.m_statement, column));
+            code != SQLITE_OK)
+        {
+            fail(code);
+        }
+    }
+}
+
 void Query::reset() noexcept
 {
     sqlite3_reset(m_statement); // returns the error that next() has already reported
@@ -103,17 +124,26 @@ void Query::fail(int code) const
     failAs(sqlite3_db_handle(m_statement), code);
 }
 
-Connection::Connection(const std::filesystem::path& file)
+Connection::Connection(const std::filesystem::path& file, const char* vfs)
 {
     // Only one thread at a time uses a connection, so it needs no mutex of its own.
     constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
-    if (const int code = sqlite3_open_v2(file.c_str(), &m_handle, flags, nullptr); code != SQLITE_OK)
+    if (const int code = sqlite3_open_v2(file.c_str(), &m_handle, flags, vfs); code != SQLITE_OK)
     {
         const StoreError error = sqliteError(code, m_handle ? sqlite3_system_errno(m_handle) : 0, sqlite3_errstr(code));
         sqlite3_close(m_handle);
         throw error;
     }
     sqlite3_busy_handler(m_handle, waitForLock, nullptr);
+    try
+    {
+        execute(settings);
+    }
+    catch (...)
+    {
+        sqlite3_close(m_handle);
+        throw;
+    }
 }
 
 Connection::~Connection()
@@ -131,6 +161,12 @@ void Connection::execute(const char* sql)
     {
         failAs(m_handle, code);
     }
+}
+
+void Connection::reserveChecksums()
+{
+    int size = pageChecksumSize;
+    sqlite3_file_control(m_handle, "main", SQLITE_FCNTL_RESERVE_BYTES, &size);
 }
 
 void Connection::keepLogOnClose()

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CheckedVfs.hpp"
+
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -24,7 +26,8 @@ struct Blob
 class Query
 {
 public:
-    /// Bind the parameters, in order. The bytes of a Blob must outlive the query.
+    /// Bind the parameters, in order. The bytes of a Blob must outlive the query. Another query stands for all columns
+    /// of its current row.
     template <typename... Values>
     explicit Query(sqlite3_stmt* statement, const Values&... values)
         : m_statement(statement)
@@ -59,6 +62,7 @@ private:
     void bind(std::int64_t value);
     void bind(Blob value);
     void bind(std::nullptr_t null);
+    void bind(const Query& row);
     void reset() noexcept;
     [[noreturn]] void fail(int code) const;
 
@@ -72,8 +76,9 @@ class Connection
 public:
     /// Open an existing index.
     ///
+    /// @param vfs  the file layer of SQLite
     /// @throws StoreError
-    explicit Connection(const std::filesystem::path& file);
+    explicit Connection(const std::filesystem::path& file, const char* vfs = checkedVfs());
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
     ~Connection();
@@ -97,6 +102,9 @@ public:
 
     /// Run statements without parameters, separated by ";". They are not cached.
     void execute(const char* sql);
+
+    /// Let the pages of a new, empty index end in checksums.
+    void reserveChecksums();
 
     /// Leave the write-ahead log as it is when the last connection closes, instead of merging it into the index.
     void keepLogOnClose();

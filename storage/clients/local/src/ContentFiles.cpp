@@ -117,8 +117,7 @@ std::optional<FileHandle> ContentFiles::open(FileName name, std::uint64_t size) 
     {
         if (const std::uint64_t found = fileSize(*file, path(name)); found != size)
         {
-            throw StoreError(fmt::format(
-                "the store is damaged: \"{}\" has {} bytes instead of {}", path(name).native(), found, size));
+            throw damage(fmt::format("\"{}\" has {} bytes instead of {}", path(name).native(), found, size));
         }
     }
     return file;

@@ -196,7 +196,7 @@ void readFile(
         }
         if (read == 0)
         {
-            throw StoreError("the store is damaged: \"" + path.native() + "\" ends early");
+            throw damage('"' + path.native() + "\" ends early");
         }
         target += read;
         offset += static_cast<std::uint64_t>(read);

@@ -45,7 +45,6 @@ namespace
 {
 
 constexpr std::size_t pageSize = 1000;                                        // entries; about 100 KiB of keys
-constexpr std::uint64_t readBuffer = 256 * 1024;                              // bytes; a larger buffer is not faster
 constexpr std::uint64_t maxOffset = std::numeric_limits<std::int64_t>::max(); // the largest integer of SQLite
 
 [[noreturn]] void throwCloudException(const StoreError& error, const std::string& doing)
@@ -60,6 +59,7 @@ constexpr std::uint64_t maxOffset = std::numeric_limits<std::int64_t>::max(); //
     case StoreError::Kind::PermissionDenied:
         throw cloudprovider::PermissionDeniedException("Access to the local store denied", detail);
     case StoreError::Kind::NoSpace:
+    case StoreError::Kind::Damaged:
     case StoreError::Kind::Other:
         break;
     }
@@ -82,23 +82,6 @@ auto translateErrors(Body body, Doing doing)
     {
         throwCloudException(
             local::systemError("reading \"" + error.path1().native() + '"', error.code().value()), doing());
-    }
-}
-
-void writeSegment(const std::string& key, Segment& segment, std::ostream& out)
-{
-    if (segment.path.empty())
-    {
-        writeContent(key, out, segment.bytes.data(), segment.size);
-        return;
-    }
-    std::vector<char> buffer(std::min(readBuffer, segment.size));
-    for (std::uint64_t done = 0; done < segment.size;)
-    {
-        const std::uint64_t count = std::min<std::uint64_t>(buffer.size(), segment.size - done);
-        local::readFile(segment.file, segment.path, buffer.data(), count, segment.offset + done);
-        writeContent(key, out, buffer.data(), count);
-        done += count;
     }
 }
 
@@ -199,7 +182,10 @@ void LocalClient::getObjectRange(const std::string& key, std::ostream& out, std:
                 const StoredObject object = find();
                 const ByteRange range = resolveRange(key, first, last, object.size);
                 if (readSegments(*m_index, *m_files, object.id, range.offset, range.offset + range.size,
-                        [&](Segment& segment) { writeSegment(key, segment, out); }))
+                        [&](const Segment& segment) {
+                            readSegment(segment,
+                                [&](const char* bytes, std::uint64_t count) { writeContent(key, out, bytes, count); });
+                        }))
                 {
                     return;
                 }
@@ -355,17 +341,7 @@ std::string LocalClient::copyRange(const std::string& key, const std::string& up
         }();
         StagedContent staged = stage(part.Size);
         const bool whole = readSegments(*m_index, *m_files, object.id, part.Offset, part.Offset + part.Size,
-            [&](Segment& segment)
-            {
-                if (segment.path.empty())
-                {
-                    staged.append(segment.bytes);
-                }
-                else
-                {
-                    staged.append(segment.file, segment.path, segment.offset, segment.size);
-                }
-            });
+            [&](const Segment& segment) { staged.append(segment); });
         if (whole)
         {
             staged.sync();

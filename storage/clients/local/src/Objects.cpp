@@ -67,7 +67,7 @@ std::vector<StoredPart> findParts(Connection& index, std::int64_t object, std::u
     {
         if (query.isNull(2))
         {
-            throw StoreError("the store is damaged: the index has lost a part of the object");
+            throw damage("the index has lost a part of the object");
         }
         parts.push_back({query.integer(2), static_cast<std::uint64_t>(query.integer(0)),
             static_cast<std::uint64_t>(query.integer(1))});

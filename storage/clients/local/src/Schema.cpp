@@ -7,8 +7,10 @@
 #include <fmt/format.h>
 
 #include <cerrno>
-#include <fcntl.h>
-#include <sys/file.h>
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <utility>
 
 namespace storage::clients::local
 {
@@ -17,7 +19,7 @@ namespace
 {
 
 constexpr std::int64_t applicationId = 0x434C4653; // "CLFS": distinguishes our index from other SQLite files
-constexpr std::int64_t schemaVersion = 1;
+constexpr std::int64_t schemaVersion = 2;
 
 // Keys are blobs so that SQLite compares them byte by byte. An empty object has no parts. A row of `contents` has the
 // bytes of a part in `data`, or in a file if `data` is null. They never change, so objects and uploads can share them;
@@ -54,6 +56,7 @@ constexpr const char* createTables = R"(
         refs INTEGER NOT NULL,
         size INTEGER NOT NULL,
         session INTEGER, -- of the client that wrote the file; part of its name
+        hashes BLOB, -- of the blocks of the file; null: version 1 has stored it
         data BLOB
     );
 )";
@@ -65,15 +68,97 @@ std::int64_t selectInteger(Connection& connection, std::string_view sql)
     return query.integer(0);
 }
 
+std::string selectText(Connection& connection, std::string_view sql)
+{
+    Query query = connection.query(sql);
+    query.next();
+    return std::string(query.bytes(0));
+}
+
+void checkApplication(Connection& connection)
+{
+    if (selectInteger(connection, "PRAGMA application_id") != applicationId)
+    {
+        throw StoreError(
+            StoreError::Kind::NotAStore, "the directory is not a store: its index belongs to another program");
+    }
+}
+
 void create(Connection& connection)
 {
-    connection.execute("PRAGMA journal_mode = WAL");
-    connection.execute("PRAGMA synchronous = FULL");
+    connection.reserveChecksums();
+    connection.execute(fmt::format("PRAGMA page_size = {}", indexPageSize).c_str());
+    connection.execute("PRAGMA auto_vacuum = INCREMENTAL");
     connection.execute("BEGIN IMMEDIATE");
     connection.execute(createTables);
     connection.execute(fmt::format("PRAGMA application_id = {}", applicationId).c_str());
     connection.execute(fmt::format("PRAGMA user_version = {}", schemaVersion).c_str());
     connection.execute("COMMIT");
+}
+
+// Each query of version 1, and the statement that stores its rows in this version.
+constexpr std::pair<const char*, const char*> copiesOfVersion1[] = {
+    {"SELECT next_id FROM store", "UPDATE store SET next_id = ?"},
+    {"SELECT key, id, size, modified FROM objects",
+        "INSERT INTO objects (key, id, size, modified) VALUES (?, ?, ?, ?)"},
+    {"SELECT object, offset, content FROM object_parts",
+        "INSERT INTO object_parts (object, offset, content) VALUES (?, ?, ?)"},
+    {"SELECT id, key, created FROM uploads", "INSERT INTO uploads (id, key, created) VALUES (?, ?, ?)"},
+    {"SELECT upload, number, content FROM upload_parts",
+        "INSERT INTO upload_parts (upload, number, content) VALUES (?, ?, ?)"},
+    {"SELECT id, refs, size, session, data FROM contents",
+        "INSERT INTO contents (id, refs, size, session, data) VALUES (?, ?, ?, ?, ?)"}};
+
+// Replace an index of version 1, whose pages have no checksums. Until the last step, the old index is complete.
+//
+// @param error  why the index cannot be read with checksums; thrown if it does not have version 1
+void upgrade(const std::filesystem::path& directory, const FileHandle& folder, const StoreError& error)
+{
+    constexpr const char* unchecked = "unix";
+    const std::filesystem::path file = indexFile(directory);
+    {
+        Connection old(file, unchecked);
+        old.keepLogOnClose();
+        checkApplication(old);
+        if (selectInteger(old, "PRAGMA user_version") != 1)
+        {
+            throw StoreError(error);
+        }
+    }
+    Connection old(file, unchecked);
+    if (selectText(old, "PRAGMA journal_mode = DELETE") != "delete") // it also merges the log into the index
+    {
+        throw StoreError("an older version of this program uses the store; it can be upgraded when no program does");
+    }
+    const std::filesystem::path next = file.native() + ".new";
+    for (const char* suffix : {"", "-journal", logEndSuffix}) // of an upgrade that was interrupted
+    {
+        removeFile(next.native() + suffix);
+    }
+    createFile(next);
+    {
+        Connection upgraded(next);
+        create(upgraded);
+        upgraded.execute("PRAGMA cache_spill = ON"); // allowed without a log, and the index may be large
+        upgraded.execute("BEGIN IMMEDIATE");
+        for (const auto& [read, write] : copiesOfVersion1)
+        {
+            Query row = old.query(read);
+            Query stored = upgraded.query(write);
+            while (row.next())
+            {
+                stored.restart(row);
+                stored.next();
+            }
+        }
+        upgraded.execute("COMMIT");
+    }
+    removeFile(next.native() + logEndSuffix);
+    if (std::rename(next.c_str(), file.c_str()) != 0)
+    {
+        throw systemError("renaming to \"" + file.native() + '"', errno);
+    }
+    syncFile(folder, directory);
 }
 
 } // namespace
@@ -115,30 +200,45 @@ void prepareIndex(const std::filesystem::path& directory, bool createMissing)
         syncFile(folder, directory);
     }
 
-    Connection connection(file);
-    connection.keepLogOnClose(); // a store that is refused must stay unchanged
-    const std::int64_t application = selectInteger(connection, "PRAGMA application_id");
-    if (application == 0 && selectInteger(connection, "SELECT count(*) FROM sqlite_schema") == 0)
+    std::optional<Connection> connection;
+    const auto open = [&]
+    {
+        connection.emplace(file);
+        connection->keepLogOnClose(); // a store that is refused must stay unchanged
+        return selectInteger(*connection, "SELECT count(*) FROM sqlite_schema") > 0;
+    };
+    bool hasTables = false;
+    try
+    {
+        hasTables = open();
+    }
+    catch (const StoreError& error)
+    {
+        if (error.kind() != StoreError::Kind::Damaged)
+        {
+            throw;
+        }
+        upgrade(directory, folder, error);
+        hasTables = open();
+    }
+    if (!hasTables && selectInteger(*connection, "PRAGMA application_id") == 0)
     {
         // The contents folder is created after the index. So this is not an interrupted creation: the index has lost
         // its pages. A new index would make all contents orphans, which are removed.
         if (std::filesystem::exists(directory / "contents"))
         {
-            throw StoreError("the index is damaged: it is empty although there are content files");
+            throw damage("the index is empty although there are content files");
         }
         requireCreation();
-        create(connection);
+        create(*connection);
     }
-    else if (application != applicationId)
+    checkApplication(*connection);
+    if (const std::int64_t version = selectInteger(*connection, "PRAGMA user_version"); version != schemaVersion)
     {
-        throw StoreError(
-            StoreError::Kind::NotAStore, "the directory is not a store: its index belongs to another program");
+        throw StoreError(fmt::format(
+            "the store has version {}; this program supports only versions 1 and {}", version, schemaVersion));
     }
-    else if (const std::int64_t version = selectInteger(connection, "PRAGMA user_version"); version != schemaVersion)
-    {
-        throw StoreError(
-            fmt::format("the store has version {}; this program supports only version {}", version, schemaVersion));
-    }
+    connection->execute("PRAGMA journal_mode = WAL"); // the last step of a creation; else it changes nothing
 }
 
 } // namespace storage::clients::local

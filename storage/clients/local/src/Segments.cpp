@@ -1,6 +1,9 @@
 #include "Segments.hpp"
 
+#include "BlockHashes.hpp"
 #include "StoreError.hpp"
+
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <optional>
@@ -15,18 +18,20 @@ namespace
 // Limits the file descriptors of one reader, and its memory for inline segments, however many parts the object has.
 constexpr std::int64_t maxOpenSegments = 16;
 
+constexpr std::uint64_t readBuffer = 4 * hashedBlock; // bytes; a larger buffer is not faster
+
 // A segment with the file that it is to be read from, which is not open yet.
 struct LocatedSegment
 {
     Segment segment;
     FileName name;
-    std::uint64_t fileSize = 0;
 };
 
 std::vector<LocatedSegment> locateSegments(
     Connection& index, const ContentFiles& files, std::int64_t object, std::uint64_t offset, std::uint64_t end)
 {
-    Query query = index.query("SELECT part.offset, content.size, content.id, content.session, content.data"
+    Query query = index.query("SELECT part.offset, content.size, content.id, content.session, content.data,"
+                              " content.hashes"
                               " FROM object_parts AS part LEFT JOIN contents AS content ON content.id = part.content"
                               " WHERE part.object = ?1 AND part.offset < ?3 AND part.offset >="
                               " (SELECT offset FROM object_parts WHERE object = ?1 AND offset <= ?2"
@@ -41,10 +46,9 @@ std::vector<LocatedSegment> locateSegments(
         const auto size = static_cast<std::uint64_t>(query.integer(1));
         if (query.isNull(2) || begin > position || position >= begin + size)
         {
-            throw StoreError("the store is damaged: the index has lost a part of the object");
+            throw damage("the index has lost a part of the object");
         }
         LocatedSegment next;
-        next.fileSize = size;
         next.segment.offset = position - begin;
         next.segment.size = std::min(end, begin + size) - position;
         if (query.isNull(3))
@@ -52,7 +56,7 @@ std::vector<LocatedSegment> locateSegments(
             const std::string_view bytes = query.bytes(4);
             if (bytes.size() != size)
             {
-                throw StoreError("the store is damaged: the index has lost bytes of the object");
+                throw damage("the index has lost bytes of the object");
             }
             next.segment.bytes = bytes.substr(next.segment.offset, next.segment.size);
         }
@@ -60,11 +64,23 @@ std::vector<LocatedSegment> locateSegments(
         {
             next.name = {query.integer(2), static_cast<std::uint64_t>(query.integer(3))};
             next.segment.path = files.path(next.name);
+            next.segment.fileSize = size;
+            next.segment.hashes = query.bytes(5);
         }
         position += next.segment.size;
         found.push_back(std::move(next));
     }
     return found;
+}
+
+void checkBlocks(const Segment& segment, std::uint64_t offset, const char* bytes, std::uint64_t size)
+{
+    if (const auto block = findDamagedBlock(segment.hashes, offset / hashedBlock, bytes, size))
+    {
+        const std::uint64_t begin = *block * hashedBlock;
+        throw damage(fmt::format("the bytes {} to {} of \"{}\" are not those that were stored", begin,
+            std::min(begin + hashedBlock, segment.fileSize) - 1, segment.path.native()));
+    }
 }
 
 bool exists(Database& database, std::int64_t object)
@@ -86,7 +102,7 @@ std::optional<std::vector<LocatedSegment>> openSegments(
     {
         if (exists(database, object))
         {
-            throw StoreError("the store is damaged: the index has lost the end of the object");
+            throw damage("the index has lost the end of the object");
         }
         return std::nullopt;
     }
@@ -96,14 +112,14 @@ std::optional<std::vector<LocatedSegment>> openSegments(
         {
             continue;
         }
-        std::optional<FileHandle> file = files.open(next.name, next.fileSize);
+        std::optional<FileHandle> file = files.open(next.name, next.segment.fileSize);
         if (!file)
         {
             // A file is removed after the transaction that drops its content. If the index still names the file, it was
             // lost in another way.
             if (exists(database, object))
             {
-                throw StoreError("the store is damaged: the file \"" + next.segment.path.native() + "\" is missing");
+                throw damage("the file \"" + next.segment.path.native() + "\" is missing");
             }
             return std::nullopt;
         }
@@ -114,8 +130,33 @@ std::optional<std::vector<LocatedSegment>> openSegments(
 
 } // namespace
 
+void readSegment(const Segment& segment, const std::function<void(const char* bytes, std::uint64_t size)>& take)
+{
+    if (segment.path.empty())
+    {
+        take(segment.bytes.data(), segment.size);
+        return;
+    }
+    const std::uint64_t end = segment.offset + segment.size;
+    const std::uint64_t endOfBlock = std::min((end + hashedBlock - 1) / hashedBlock * hashedBlock, segment.fileSize);
+    std::uint64_t begin = segment.offset / hashedBlock * hashedBlock;
+    std::vector<char> buffer(std::min(readBuffer, endOfBlock - begin));
+    while (begin < end)
+    {
+        const std::uint64_t count = std::min<std::uint64_t>(buffer.size(), endOfBlock - begin);
+        readFile(segment.file, segment.path, buffer.data(), count, begin);
+        if (!segment.hashes.empty())
+        {
+            checkBlocks(segment, begin, buffer.data(), count);
+        }
+        const std::uint64_t skipped = std::max(begin, segment.offset) - begin;
+        take(buffer.data() + skipped, std::min(begin + count, end) - begin - skipped);
+        begin += count;
+    }
+}
+
 bool readSegments(Database& database, const ContentFiles& files, std::int64_t object, std::uint64_t offset,
-    std::uint64_t end, const std::function<void(Segment&)>& take)
+    std::uint64_t end, const std::function<void(const Segment&)>& take)
 {
     bool hasStarted = false;
     while (offset < end)

@@ -19,7 +19,14 @@ struct Segment
     FileHandle file;
     std::filesystem::path path;
     std::uint64_t offset = 0; // of the first byte in the stored part
+    std::uint64_t fileSize = 0;
+    std::string hashes; // of the blocks of the file; empty: a version of this program without hashes has stored it
 };
+
+/// Pass the bytes of a segment to `take`, after checking them.
+///
+/// @throws StoreError before the first byte of a damaged block is passed
+void readSegment(const Segment& segment, const std::function<void(const char* bytes, std::uint64_t size)>& take);
 
 /// Pass the bytes [offset, end) of one version of an object to `take`, one segment at a time and in order.
 ///
@@ -29,6 +36,6 @@ struct Segment
 /// @return false: the version was replaced before `take` was called
 /// @throws StoreError also when the version was replaced later, or its bytes are damaged
 bool readSegments(Database& database, const ContentFiles& files, std::int64_t object, std::uint64_t offset,
-    std::uint64_t end, const std::function<void(Segment&)>& take);
+    std::uint64_t end, const std::function<void(const Segment&)>& take);
 
 } // namespace storage::clients::local

@@ -40,34 +40,34 @@ void StagedContent::receive(const std::string& key, std::istream& content)
         const std::uint64_t count = std::min<std::uint64_t>(chunk.size(), rest);
         readContent(key, content, chunk.data(), count);
         m_file->append(chunk.data(), count);
+        m_hasher.add(chunk.data(), count);
         rest -= count;
     }
     sync();
 }
 
-void StagedContent::append(std::string_view bytes)
+void StagedContent::append(const Segment& segment)
 {
-    if (m_file)
+    const bool isFile = !segment.path.empty();
+    readSegment(segment,
+        [&](const char* bytes, std::uint64_t size)
+        {
+            if (!m_file)
+            {
+                m_bytes.append(bytes, size);
+                return;
+            }
+            m_hasher.add(bytes, size);
+            if (!isFile)
+            {
+                m_file->append(bytes, size);
+            }
+        });
+    if (m_file && isFile)
     {
-        m_file->append(bytes.data(), bytes.size());
+        // By the kernel, where it can share blocks. The hashes are of the bytes that were checked.
+        m_file->append(segment.file, segment.path, segment.offset, segment.size);
     }
-    else
-    {
-        m_bytes += bytes;
-    }
-}
-
-void StagedContent::append(
-    const FileHandle& from, const std::filesystem::path& fromPath, std::uint64_t offset, std::uint64_t size)
-{
-    if (m_file)
-    {
-        m_file->append(from, fromPath, offset, size);
-        return;
-    }
-    const std::size_t end = m_bytes.size();
-    m_bytes.resize(end + size);
-    readFile(from, fromPath, m_bytes.data() + end, size, offset);
 }
 
 void StagedContent::sync()

@@ -1,6 +1,8 @@
 #pragma once
 
+#include "BlockHashes.hpp"
 #include "ContentFiles.hpp"
+#include "Segments.hpp"
 
 #include <cstdint>
 #include <filesystem>
@@ -25,9 +27,8 @@ public:
     /// @param key  for the error message when the stream ends early
     void receive(const std::string& key, std::istream& content);
 
-    void append(std::string_view bytes);
-    void append(
-        const FileHandle& from, const std::filesystem::path& fromPath, std::uint64_t offset, std::uint64_t size);
+    /// Append the bytes of a segment, after checking them.
+    void append(const Segment& segment);
 
     /// Sync the file, if there is one. To be called after the last append().
     void sync();
@@ -36,10 +37,14 @@ public:
     const std::string& bytes() const noexcept { return m_bytes; } ///< all bytes, if they are not in a file
     std::optional<IncomingFile>& file() noexcept { return m_file; }
 
+    /// Return the hashes of the blocks of the file. To be called once, after the last append().
+    std::string hashes() { return m_hasher.finish(); }
+
 private:
     const std::uint64_t m_size;
     std::string m_bytes;
     std::optional<IncomingFile> m_file;
+    BlockHasher m_hasher; // of the file
 };
 
 } // namespace storage::clients::local

@@ -34,6 +34,11 @@ std::string messageOf(int error)
 
 } // namespace
 
+StoreError damage(const std::string& what)
+{
+    return {StoreError::Kind::Damaged, "the store is damaged: " + what};
+}
+
 StoreError systemError(const std::string& doing, int error)
 {
     return {kindOf(error), doing + ": " + messageOf(error)};
@@ -45,7 +50,7 @@ StoreError sqliteError(int code, int error, const std::string& message)
     {
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
-        return StoreError("the index is damaged: " + message);
+        return {StoreError::Kind::Damaged, "the index is damaged: " + message};
     case SQLITE_FULL:
         return {StoreError::Kind::NoSpace, "the index cannot grow: " + messageOf(ENOSPC)};
     case SQLITE_BUSY:

@@ -17,6 +17,7 @@ public:
         NotAStore,        ///< the path is a file, or a directory with other content
         PermissionDenied, ///< the system denies access
         NoSpace,          ///< the disk is full or the user's quota exhausted
+        Damaged,          ///< the store has lost or changed something that was stored
         Other
     };
 
@@ -36,6 +37,9 @@ public:
 private:
     Kind m_kind;
 };
+
+/// The error that the store has lost or changed what was stored.
+StoreError damage(const std::string& what);
 
 /// The error of a system call.
 ///

@@ -10,7 +10,7 @@ std::int64_t readNextId(Connection& index)
     Query query = index.query("SELECT next_id FROM store");
     if (!query.next())
     {
-        throw StoreError("the index is damaged: it has lost its next id");
+        throw damage("the index has lost its next id");
     }
     return query.integer(0);
 }
@@ -50,8 +50,9 @@ std::int64_t StoreTransaction::add(StagedContent& content)
         const FileName name = m_files.publish(*content.file(), id);
         m_added.push_back(name);
         m_filesToSync = true;
-        index().run("INSERT INTO contents (id, refs, size, session) VALUES (?, 1, ?, ?)", id, size,
-            static_cast<std::int64_t>(name.session));
+        const std::string hashes = content.hashes();
+        index().run("INSERT INTO contents (id, refs, size, session, hashes) VALUES (?, 1, ?, ?, ?)", id, size,
+            static_cast<std::int64_t>(name.session), Blob{hashes});
     }
     else
     {

@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <functional>
+#include <map>
 #include <sstream>
 
 #include <sched.h>
@@ -62,8 +64,8 @@ TEST(LocalClientTest, RefusesOtherDirectoriesAndReportsDamage)
         {noStore, "is not a store: it has other content", "rm store/index.sqlite"},
         {noStore, "its index belongs to another program", "true", "PRAGMA application_id = 0"},
         {damaged, "the index is damaged", "head -c 8192 /dev/zero > store/index.sqlite"},
-        {damaged, "the index is damaged: it is empty", "truncate -s 0 store/index.sqlite"},
-        {damaged, "has version 2; this program supports only version 1", "true", "PRAGMA user_version = 2"},
+        {damaged, "damaged: the index is empty", "truncate -s 0 store/index.sqlite"},
+        {damaged, "has version 3; this program supports only versions 1 and 2", "true", "PRAGMA user_version = 3"},
         {damaged, "damaged: the file", "rm store/contents/*"},
         {damaged, "499999 bytes instead of 500000", "truncate -s 499999 store/contents/*"},
         {damaged, "500001 bytes instead of 500000", "truncate -s 500001 store/contents/*"},
@@ -88,6 +90,109 @@ TEST(LocalClientTest, RefusesOtherDirectoriesAndReportsDamage)
         EXPECT_EQ(shell(folder, "! diff -r -x 'index.sqlite-*' before store | grep -v 'is a fifo while'"), 0)
             << "expected no change";
     }
+}
+
+TEST(LocalClientTest, AFlippedBitIsNeverServed)
+{
+    const TestFolder folder;
+    std::map<std::string, std::string> objects;
+    for (std::uint64_t i = 0; i < 20; ++i)
+    {
+        objects.emplace("key" + std::to_string(i), content(i, i == 0 ? 150'000 : 100 * i * i));
+    }
+    const int process = startProcess( // killed before the log is merged into the index
+        [&]
+        {
+            LocalClient client(folder.store);
+            for (const auto& [key, bytes] : objects)
+            {
+                put(client, key, content(99, 3000));
+                put(client, key, bytes);
+            }
+            ::raise(SIGKILL);
+        });
+    EXPECT_EQ(waitForProcess(process), -1);
+    const path killed = folder.root / "killed";
+    rename(folder.store, killed);
+    const auto read = [&]
+    {
+        LocalClient client(folder.store);
+        std::string token;
+        std::size_t keys = 0;
+        for (const ObjectEntry& entry : client.listObjects("", token, {}))
+        {
+            EXPECT_EQ(get(client, entry.key), objects[entry.key]) << entry.key;
+            ++keys;
+        }
+        EXPECT_EQ(keys, objects.size());
+    };
+    for (const bool isClosed : {false, true})
+    {
+        if (isClosed)
+        {
+            rename(killed, folder.store);
+            read(); // merges the log, and leaves it empty
+            rename(folder.store, killed);
+        }
+        std::size_t found = 0;
+        for (const auto& file : std::filesystem::recursive_directory_iterator(killed))
+        {
+            const std::size_t size = file.is_regular_file() ? file.file_size() : 0;
+            for (std::size_t offset = 0, step = 1; offset < size; offset += step)
+            {
+                step = offset < 128 ? 17 : size / 25 + 1;
+                copy(killed, folder.store, std::filesystem::copy_options::recursive);
+                std::fstream flipped(folder.store / relative(file.path(), killed));
+                flipped.seekg(static_cast<std::streamoff>(offset));
+                const int byte = flipped.get();
+                flipped.seekp(static_cast<std::streamoff>(offset));
+                flipped.put(static_cast<char>(byte ^ (1 << (offset % 8))));
+                flipped.close();
+                SCOPED_TRACE(file.path().filename().native() + " at " + std::to_string(offset));
+                try
+                {
+                    read();
+                }
+                catch (const CloudException&)
+                {
+                    ++found;
+                }
+                remove_all(folder.store);
+            }
+        }
+        EXPECT_GT(found, 20U);
+    }
+}
+
+TEST(LocalClientTest, UpgradesAnIndexWithoutChecksums)
+{
+    const TestFolder folder;
+    makeStore(folder.store);
+    const std::string session = runSql(folder.store, "SELECT session FROM contents WHERE id = 4");
+    const std::string data = runSql(folder.store, "SELECT hex(data) FROM contents WHERE id = 2");
+    ASSERT_EQ(shell(folder, "rm store/index.sqlite*"), 0);
+    std::string sql =
+        "PRAGMA journal_mode = WAL; PRAGMA application_id = 0x434C4653; PRAGMA user_version = 1;"
+        "CREATE TABLE store (next_id); INSERT INTO store VALUES (5);"
+        "CREATE TABLE objects (key BLOB PRIMARY KEY, id, size, modified) WITHOUT ROWID;"
+        "INSERT INTO objects VALUES (x'736d616c6c', 1, 1000, 7), (x'6c61726765', 3, 500000, 8);"
+        "CREATE TABLE object_parts (object, offset, content, PRIMARY KEY (object, offset)) WITHOUT ROWID;"
+        "INSERT INTO object_parts VALUES (1, 0, 2), (3, 0, 4);"
+        "CREATE TABLE uploads (id INTEGER PRIMARY KEY, key, created); INSERT INTO uploads VALUES (0, 'k', 9);"
+        "CREATE TABLE upload_parts (upload, number, content, PRIMARY KEY (upload, number)) WITHOUT ROWID;"
+        "CREATE TABLE contents (id INTEGER PRIMARY KEY, refs, size, session, data);"
+        "INSERT INTO contents VALUES (2, 1, 1000, NULL, x'" +
+        data + "'), (4, 1, 500000, " + session + ", NULL)";
+    runSql(folder.store, sql, "unix");
+    {
+        LocalClient client(folder.store);
+        EXPECT_EQ(versionOf(get(client, "small")), 1U);
+        EXPECT_EQ(versionOf(get(client, "large")), 2U);
+        EXPECT_THAT(client.pendingUploads(), SizeIs(1));
+        put(client, "small", content(3, 100'000));
+    }
+    checkStore(folder.store);
+    EXPECT_EQ(runSql(folder.store, "PRAGMA auto_vacuum"), "2");
 }
 
 TEST(LocalClientTest, OnlyItsUserHasAccess)

@@ -107,10 +107,13 @@ inline std::vector<std::string> files(const path& folder)
 }
 
 /// Run SQL on the index directly. @return the first column of the first row; empty when there is none
-inline std::string runSql(const path& store, const std::string& sql)
+inline std::string runSql(const path& store, const std::string& sql, const char* vfs = "cloudprovider-checked")
 {
+    static const TestFolder other;
+    static const LocalClient registering(other.store); // registers the file layer that checks the pages
     sqlite3* handle = nullptr;
-    EXPECT_EQ(sqlite3_open((store / "index.sqlite").c_str(), &handle), SQLITE_OK);
+    constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+    EXPECT_EQ(sqlite3_open_v2((store / "index.sqlite").c_str(), &handle, flags, vfs), SQLITE_OK);
     std::string value;
     const auto take = [](void* out, int, char** columns, char**)
     {

@@ -64,8 +64,18 @@ struct LocalSettings
 /// any client may use it, and it stays open until it is completed or aborted, even if the process that began it ends.
 ///
 /// Failures: a full disk, a damaged store and other failures that the caller did not cause throw UnknownErrorException.
-/// A content file with a wrong size counts as damaged, and none of its bytes are returned. Denied access throws
-/// PermissionDeniedException. Storing under a key that checkKey() refuses throws InvalidLocationException.
+/// Denied access throws PermissionDeniedException. Storing under a key that checkKey() refuses throws
+/// InvalidLocationException.
+///
+/// Damage: every read compares what it reads with checksums: a page of the index, a page of its write-ahead log, a
+/// block of 64 KiB of a content file. Bytes that the disk has changed are never returned, also not in a range; neither
+/// is a content file with a wrong size. A read of a range has to read whole blocks. A damaged log is refused as long as
+/// it should be complete: from the last operation that was durable when it returned.
+///
+/// Versions: a store of version 1, which has no checksums, is upgraded when it is opened. That copies the index, which
+/// takes as long and as much room as a copy of its file. A crash leaves the old index or the new one. Content files
+/// from before have no checksums; only their sizes are checked. Older programs refuse an upgraded store, and must not
+/// use the store while it is upgraded: opening it fails then.
 class LocalClient final : public cloudprovider::CloudClient, public UploadInventory
 {
 public:
@@ -76,7 +86,8 @@ public:
     /// @throws ResourceNotFoundException when there is no store and none is to be created
     /// @throws InvalidLocationException when the path is a file, or a directory with other content
     /// @throws PermissionDeniedException when the directory cannot be created, read or written
-    /// @throws UnknownErrorException when the index is damaged, or has a version that this program does not support
+    /// @throws UnknownErrorException when the index is damaged, or has a version that this program does not support, or
+    ///         has version 1 while an older program uses the store
     explicit LocalClient(const std::filesystem::path& directory, const LocalSettings& settings = {});
 
     /// No call may be in progress.
