@@ -4,9 +4,13 @@
 
 #include <foundation/log/Severity.hpp>
 
+#include <cstdint>
+#include <locale>
+#include <ostream>
 #include <sstream>
 
 /// The log records that every operation writes, in one format. A record whose severity is disabled is not formatted.
+/// None of these functions throws: a record that cannot be formed or written is lost, and its operation continues.
 namespace storage::cloudprovider
 {
 
@@ -27,6 +31,11 @@ struct CallSite
     }
 };
 
+inline std::ostream& operator<<(std::ostream& out, const CallSite& site)
+{
+    return out << site.signature << " (" << site.source << ':' << site.line << ')';
+}
+
 /// A value with its name. The value is borrowed.
 template <typename T>
 struct Named
@@ -36,42 +45,55 @@ struct Named
 };
 
 template <typename T>
+std::ostream& operator<<(std::ostream& out, const Named<T>& named)
+{
+    return out << ' ' << named.name << '=' << named.value;
+}
+
+template <typename T>
 Named<T> named(const char* name, const T& value)
 {
     return {name, value};
 }
 
-namespace detail
-{
+/// Log a message that consists of these values, if the severity is enabled. Numbers are written as in C.
 template <typename... Values>
-[[gnu::noinline, gnu::cold]] void writeRecord(const CallSite& site, const Named<Values>&... values)
+[[gnu::noinline, gnu::cold]] void logMessage(std::uint32_t severity, const Values&... values) noexcept
 {
-    std::ostringstream text;
-    text << site.signature << " (" << site.source << ':' << site.line << ')';
-    ((text << ' ' << values.name << '=' << values.value), ...);
-    getLogger().write(foundation::log::severity::detail, text.str());
+    try
+    {
+        if (getLogger().isEnabled(severity))
+        {
+            std::ostringstream text;
+            text.imbue(std::locale::classic());
+            (text << ... << values);
+            getLogger().write(severity, text.str());
+        }
+    }
+    catch (...) // There is no memory for the record, and nowhere else to report that.
+    {
+    }
 }
-} // namespace detail
 
 /// Log that a function was entered, with its arguments.
 template <typename... Values>
-void logEntry(const CallSite& site, const Named<Values>&... arguments)
+void logEntry(const CallSite& site, const Named<Values>&... arguments) noexcept
 {
     if (getLogger().isEnabled(foundation::log::severity::detail))
     {
-        detail::writeRecord(site, arguments...);
+        logMessage(foundation::log::severity::detail, site, arguments...);
     }
 }
 
 /// Log the result of a function.
 template <typename T>
-void logResult(const CallSite& site, const Named<T>& result)
+void logResult(const CallSite& site, const Named<T>& result) noexcept
 {
     logEntry(site, result);
 }
 
 /// Log the exception that is being handled: its type, its text and, if known, where it was thrown. Call inside a catch
 /// block.
-void logCaughtException();
+void logCaughtException() noexcept;
 
 } // namespace storage::cloudprovider

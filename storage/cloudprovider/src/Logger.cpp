@@ -9,16 +9,23 @@ namespace storage::cloudprovider
 
 foundation::log::basic_diagnostic_logger<char>& getLogger()
 {
-    static foundation::log::basic_diagnostic_logger<char> logger("storage::cloudprovider");
+    // Never destroyed: a stream in a static object may log when it is closed at the end of the process.
+    static auto& logger = *new foundation::log::basic_diagnostic_logger<char>("storage::cloudprovider");
     return logger;
 }
 
-void logCaughtException()
+void logCaughtException() noexcept
 {
-    if (getLogger().isEnabled(foundation::log::severity::error))
+    try
     {
-        getLogger().write(
-            foundation::log::severity::error, "Exception caught: " + boost::current_exception_diagnostic_information());
+        if (getLogger().isEnabled(foundation::log::severity::error))
+        {
+            getLogger().write(foundation::log::severity::error,
+                "Exception caught: " + boost::current_exception_diagnostic_information());
+        }
+    }
+    catch (...) // There is no memory for the record, and nowhere else to report that.
+    {
     }
 }
 

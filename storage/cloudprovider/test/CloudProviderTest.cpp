@@ -152,13 +152,20 @@ TEST_F(CloudProviderTest, TranslatesFailures)
 
 TEST_F(CloudProviderTest, LogsEntriesAndFailures)
 {
+    struct Grouping : std::numpunct<char>
+    {
+        std::string do_grouping() const override { return "\1"; }
+    };
+    const std::locale former = std::locale::global(std::locale(std::locale::classic(), new Grouping));
     setLog(2);
+    outcome([&] { provider->openReadOnlyStream(iriOf("file"))->seek(12'345, std::ios_base::beg); });
     move("file", "b");
+    std::locale::global(former);
     const std::vector<std::string> records = takeLog();
     for (const char* const part : {"virtual void storage::cloudprovider::CloudProvider::doMoveFile(const StorageIRI &, "
                                    "const StorageIRI &, const fsp::ReplacementPolicy &) const (src/CloudProvider:",
              ") old_iri=mem://test/file",
-             " iri=mem://test/b options={readAccess=None, create=IfMissing, truncate=Discard, ",
+             " iri=mem://test/b options={readAccess=None, create=IfMissing, truncate=Discard, ", " off=12345 way=",
              " fileOffset=0 createIfNonExistent=1", " partIndex=0", " bytesRead=3", " bytesWritten=3",
              "m_info=PartInfo{Index=0,Offset=0,Size=3,Tag=\"", "m_localDataVersion=CLOUD", "m_localDataVersion=NEW"})
     {
@@ -169,6 +176,20 @@ TEST_F(CloudProviderTest, LogsEntriesAndFailures)
     outcome([&] { provider->fileExists(iriOf("a")); });
     EXPECT_THAT(takeLog(), testing::ElementsAre(testing::AllOf(StartsWith("Exception caught: "),
                                HasSubstr("storage::cloudprovider::PermissionDeniedException"), HasSubstr("refused"))));
+}
+
+TEST(StaticStreamDeathTest, ClosesAtTheEndOfTheProcess)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(
+        {
+            static fsp::ByteStreamPtr stream; // the logger is constructed later
+            const auto store = std::make_shared<clients::MemoryClient>();
+            stream = buildCloudProvider(store, FolderPolicy::MarkerObjects, false)->openStream(iriOf("x"), editing);
+            getLogger().setEnabledSeverities(2);
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "storage::cloudprovider detail: .*OpenFileByteStream::doClose");
 }
 
 } // namespace
