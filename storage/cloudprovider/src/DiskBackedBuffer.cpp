@@ -1,10 +1,10 @@
 #include "DiskBackedBuffer.hpp"
 
 #include "LogRecords.hpp"
-
-#include <storage/cloudprovider/CloudExceptions.hpp>
+#include "TemporaryFileException.hpp"
 
 #include <algorithm>
+#include <cerrno>
 
 namespace storage::cloudprovider
 {
@@ -15,17 +15,7 @@ DiskBackedBuffer::DiskBackedBuffer(std::size_t size)
 {
 }
 
-DiskBackedBuffer::~DiskBackedBuffer()
-{
-    try
-    {
-        m_mapping.close(); // before the file is deleted; no effect on a closed mapping
-    }
-    catch (...)
-    {
-        logCaughtException();
-    }
-}
+DiskBackedBuffer::~DiskBackedBuffer() = default;
 
 std::size_t DiskBackedBuffer::size() const
 {
@@ -34,30 +24,40 @@ std::size_t DiskBackedBuffer::size() const
 
 void DiskBackedBuffer::open()
 {
+    if (m_isDamaged)
+    {
+        throw TemporaryFileException("reading a temporary file that could not be closed", EIO);
+    }
     // A mapping has at least one byte, and so has the file of an empty buffer.
-    m_mapping.open(m_file->accessPath(),
-        std::ios_base::openmode(std::ios_base::in | std::ios_base::out | std::ios_base::binary),
-        std::max<std::size_t>(m_size, 1), 0);
+    m_mapping.open(m_file->accessPath(), std::max<std::size_t>(m_size, 1));
 }
 
 bool DiskBackedBuffer::isOpen() const
 {
-    return m_mapping.is_open();
+    return m_mapping.isOpen();
 }
 
 const char* DiskBackedBuffer::data() const
 {
-    return m_mapping.is_open() ? m_mapping.data() : nullptr;
+    return m_mapping.data();
 }
 
 char* DiskBackedBuffer::data()
 {
-    return m_mapping.is_open() ? m_mapping.data() : nullptr;
+    return m_mapping.data();
 }
 
 void DiskBackedBuffer::close()
 {
-    m_mapping.close();
+    try
+    {
+        m_mapping.close();
+    }
+    catch (...)
+    {
+        m_isDamaged = true;
+        throw;
+    }
 }
 
 void DiskBackedBuffer::reserve(std::size_t bytes)
@@ -76,7 +76,7 @@ void DiskBackedBuffer::reserve(std::size_t bytes)
     {
         reserveUpTo(generous);
     }
-    catch (const UnknownErrorException&)
+    catch (const TemporaryFileException&)
     {
         if (needed == generous)
         {

@@ -1,18 +1,20 @@
 #include "DiskFile.hpp"
 
 #include "LogRecords.hpp"
-
-#include <storage/cloudprovider/CloudExceptions.hpp>
+#include "TemporaryFileException.hpp"
+#include "TemporaryFileNames.hpp"
 
 #include <boost/filesystem/operations.hpp>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <fcntl.h>
+#include <cstdlib>
 #include <string>
+#include <utility>
+
+#include <fcntl.h>
 #include <sys/uio.h>
-#include <system_error>
 #include <unistd.h>
 
 namespace storage::cloudprovider::detail
@@ -41,34 +43,33 @@ private:
     const int m_descriptor;
 };
 
-[[noreturn]] void throwError(const std::string& what, int error)
+/// Create an empty temporary file. Its name tells which process it belongs to.
+fl::filesystem::path createFile()
 {
-    throw UnknownErrorException(what + ": " + std::generic_category().message(error));
+    try
+    {
+        return fl::filesystem::detail::make_native_form(fl::filesystem::tmpnam({}, temporaryFilePrefix(), {}), true);
+    }
+    catch (const boost::system::system_error& error)
+    {
+        const char* const variable = std::getenv("TMPDIR");
+        throw TemporaryFileException(
+            std::string("creating a temporary file in ") + (variable != nullptr ? variable : "/tmp"),
+            error.code().value());
+    }
 }
 
 } // namespace
 
-DiskFile::DiskFile()
-{
-    try
-    {
-        const auto path = fl::filesystem::tmpnam({}, {}, {});
-        if (!path.empty())
-        {
-            m_path = fl::filesystem::detail::make_native_form(path, true);
-        }
-        fl::filesystem::basic_ofstream<char>(m_path).close();
-    }
-    catch (const std::exception& exception)
-    {
-        throw UnknownErrorException(std::string("creating a temporary file: ") + exception.what());
-    }
-}
-
 DiskFile::DiskFile(std::size_t size)
-    : DiskFile() // after this the destructor runs even if sizing throws, and deletes the file
+    : DiskFile(createFile()) // after this the destructor runs even if sizing throws, and deletes the file
 {
     updateFileSize(size);
+}
+
+DiskFile::DiskFile(fl::filesystem::path path)
+    : m_path(std::move(path))
+{
 }
 
 DiskFile::~DiskFile()
@@ -79,10 +80,7 @@ DiskFile::~DiskFile()
     }
     catch (const std::exception&)
     {
-        if (getLogger().isEnabled(foundation::log::severity::warning))
-        {
-            getLogger().write(foundation::log::severity::warning, "Failed to delete DiskFile " + accessPath());
-        }
+        logMessage(foundation::log::severity::warning, "Failed to delete DiskFile ", m_path.native());
     }
 }
 
@@ -94,9 +92,9 @@ void DiskFile::updateFileSize(std::size_t newSizeInBytes)
     {
         boost::filesystem::resize_file(accessPath(), std::max<std::size_t>(newSizeInBytes, 1));
     }
-    catch (const std::exception& exception)
+    catch (const boost::filesystem::filesystem_error& error)
     {
-        throw UnknownErrorException(std::string("sizing a temporary file: ") + exception.what());
+        throw TemporaryFileException("sizing a temporary file in " + folder(), error.code().value());
     }
 }
 
@@ -111,7 +109,7 @@ void DiskFile::fillWithZeros(std::size_t first, std::size_t last)
     const int opened = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
     if (opened < 0)
     {
-        throwError("opening temporary file \"" + path + "\"", errno);
+        throw TemporaryFileException("opening a temporary file in " + folder(), errno);
     }
     const Descriptor file(opened);
     while (first < last)
@@ -132,7 +130,8 @@ void DiskFile::fillWithZeros(std::size_t first, std::size_t last)
         }
         if (written <= 0)
         {
-            throwError("reserving " + std::to_string(last - first) + " bytes in temporary file \"" + path + "\"",
+            throw TemporaryFileException(
+                "writing " + std::to_string(last - first) + " bytes to a temporary file in " + folder(),
                 written < 0 ? errno : ENOSPC);
         }
         first += static_cast<std::size_t>(written);
@@ -149,6 +148,11 @@ void DiskFile::release(std::size_t first, std::size_t last) noexcept
         static_cast<void>(::fallocate(file.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(first),
             static_cast<off_t>(last - first)));
     }
+}
+
+std::string DiskFile::folder() const
+{
+    return fl::filesystem::detail::to_filesystem(m_path).parent_path().string();
 }
 
 std::string DiskFile::accessPath() const

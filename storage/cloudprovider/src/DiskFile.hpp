@@ -3,6 +3,7 @@
 #include <fl/filesystem.hpp>
 
 #include <cstddef>
+#include <string>
 
 namespace storage::cloudprovider::detail
 {
@@ -10,12 +11,13 @@ namespace storage::cloudprovider::detail
 /// A temporary file that exists as long as this object.
 ///
 /// It is in the system's temporary directory, has mode 0600, and is sparse: it has its full length from the start but
-/// occupies disk space only where it was written. Not thread-safe.
+/// occupies disk space only where it was written. Its name tells which process it belongs to, so that
+/// removeTemporaryFilesOfDeadProcesses() finds it after a crash. Not thread-safe.
 class DiskFile
 {
 public:
     /// Create a file of `size` bytes.
-    /// @throws UnknownErrorException when it cannot be created or sized
+    /// @throws TemporaryFileException when it cannot be created or sized; no file remains
     explicit DiskFile(std::size_t size);
     DiskFile(const DiskFile&) = delete;
     DiskFile& operator=(const DiskFile&) = delete;
@@ -24,11 +26,12 @@ public:
     ~DiskFile();
 
     /// Set the file's length. A length of 0 becomes 1, because an empty file cannot be mapped.
-    /// @throws UnknownErrorException
+    /// @throws TemporaryFileException
     void updateFileSize(std::size_t newSizeInBytes);
 
     /// Write zeros over bytes [first, last), which allocates disk space for them.
-    /// @throws UnknownErrorException when the disk is full; space allocated before that stays allocated until release()
+    /// @throws TemporaryFileException when the disk is full; space allocated before that stays allocated until
+    /// release()
     void fillWithZeros(std::size_t first, std::size_t last);
 
     /// Free the disk space of bytes [first, last), if the file system supports holes. The bytes then read as zeros.
@@ -38,9 +41,10 @@ public:
     std::string accessPath() const;
 
 private:
-    DiskFile(); // creates an empty file
+    explicit DiskFile(fl::filesystem::path path); // takes over a file
+    std::string folder() const;
 
-    fl::filesystem::basic_path<char, char16_t> m_path; // empty if no name could be generated
+    const fl::filesystem::path m_path;
 };
 
 } // namespace storage::cloudprovider::detail

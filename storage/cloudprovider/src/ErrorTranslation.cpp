@@ -1,5 +1,7 @@
 #include "ErrorTranslation.hpp"
 
+#include "TemporaryFileException.hpp"
+
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <foundation/storage/provider/Exception.hpp>
@@ -59,6 +61,10 @@ fsp::ErrorCode errorCodeOfCurrentException()
     catch (const UnsupportedOperationException& exception)
     {
         return withDetail(fsp::ErrorCode::Unsupported, exception);
+    }
+    catch (const TemporaryFileException& exception)
+    {
+        return withDetail(fsp::ErrorCode::Unknown, exception);
     }
     catch (...)
     {

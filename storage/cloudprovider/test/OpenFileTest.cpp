@@ -3,11 +3,17 @@
 #include "DiskBackedBuffer.hpp"
 #include "OpenPartBuffer.hpp"
 
+#include <storage/cloudprovider/TemporaryFiles.hpp>
+
+#include <boost/filesystem/string_file.hpp>
+
 #include <csignal>
 #include <limits>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 // What the models of files do not show: which calls an open file makes, what it keeps on local disk, and what the parts
 // of the open-file layer do when something fails.
@@ -154,9 +160,12 @@ TEST_F(OpenFileTest, PartsStayClosedIfTheyCannotBeLoaded)
     EXPECT_EQ(outcome([&] { part.open(); }), "downloading part 0 of \"k\": expected 9 bytes, the store sent 5");
     EXPECT_FALSE(part.isOpen());
     part.markModified();
+    const auto reader = provider->openReadOnlyStream(iriOf("k"));
     setenv("TMPDIR", "/nowhere", 1);
     EXPECT_THROW(part.openIfModified(), UnknownErrorException);
     EXPECT_FALSE(part.isOpen());
+    const std::string why = "creating a temporary file in /nowhere: Not a directory; TMPDIR can name another folder";
+    EXPECT_EQ(outcome([&] { readAt(*reader, 0, 1); }), "ByteStreamReadFailure: Unknown: " + why);
 }
 
 class DiskBackedBufferTest : public ProviderTest
@@ -167,6 +176,19 @@ protected:
         struct stat result = {};
         EXPECT_EQ(::stat(boost::filesystem::directory_iterator(temp.path)->path().c_str(), &result), 0);
         return result;
+    }
+
+    /// The descriptor with which this process has opened a file.
+    static int descriptorOf(const boost::filesystem::path& file)
+    {
+        int descriptor = 0;
+        boost::system::error_code error;
+        while (boost::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error) != file &&
+               descriptor < 1000)
+        {
+            ++descriptor;
+        }
+        return descriptor;
     }
 
     DiskBackedBufferFactory factory;
@@ -190,6 +212,12 @@ TEST_F(DiskBackedBufferTest, IsATemporaryFile)
         buffer->open();
         EXPECT_TRUE(buffer->isOpen());
         EXPECT_EQ(std::string(buffer->data(), size), std::string(size, 'x')) << "closing keeps the bytes";
+        const int descriptor = descriptorOf(*boost::filesystem::directory_iterator(temp.path));
+        EXPECT_EQ(::fcntl(descriptor, F_GETFD), FD_CLOEXEC);
+        ::close(descriptor); // so that closing the mapping fails
+        EXPECT_THROW(buffer->close(), UnknownErrorException);
+        EXPECT_FALSE(buffer->isOpen());
+        EXPECT_THROW(buffer->open(), UnknownErrorException) << "the bytes may be lost";
     }
     EXPECT_THROW(factory.build(~std::size_t{0}), UnknownErrorException);
     EXPECT_TRUE(is_empty(temp.path));
@@ -201,6 +229,42 @@ TEST_F(DiskBackedBufferTest, IsATemporaryFile)
     buffer.reset();
     EXPECT_THAT(takeLog(), testing::ElementsAre("Failed to delete DiskFile " + file.string()));
     remove_all(file);
+}
+
+TEST_F(DiskBackedBufferTest, IsRemovedAfterItsProcessWasKilled)
+{
+    const BufferPtr own = factory.build(1);
+    const boost::filesystem::path file = *boost::filesystem::directory_iterator(temp.path);
+    std::string name = file.filename().string(); // cloudprovider-PLACE-PID-START-xxxxxx
+    const std::size_t start = name.find('-', name.find('-', name.find('-') + 1) + 1) + 1;
+    const auto create = [&](const std::string& other) { boost::filesystem::save_string_file(temp.path / other, "x"); };
+    create(name.substr(0, start) + '9' + name.substr(start)); // of an earlier process with the same id
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        static_cast<void>(factory.build(1).release());
+        std::raise(SIGKILL);
+    }
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    EXPECT_EQ(removeTemporaryFilesOfDeadProcesses(), 2);
+    EXPECT_EQ(boost::filesystem::directory_iterator(temp.path)->path(), file) << "its process lives";
+    const std::string place = name.substr(0, name.find('-', name.find('-') + 1) + 1);
+    create_directory(temp.path / (place + "4194304-1-folder")); // larger than any process id
+    create_symlink("target", temp.path / (place + "4194304-1-link"));
+    for (const char* const kept : {"1-", "-1-1-x", "0-1-x", "4194304-1", "4194304"})
+    {
+        create(place + kept);
+    }
+    create("cloudprovider-00000000-4194304-1-x"); // of another machine
+    create("other");
+    EXPECT_EQ(removeTemporaryFilesOfDeadProcesses(), 0);
+    setenv("TMPDIR", "/nowhere", 1);
+    EXPECT_EQ(removeTemporaryFilesOfDeadProcesses(), 0);
+    EXPECT_TRUE(exists(file));
+    for (const auto& entry : boost::filesystem::directory_iterator(temp.path))
+    {
+        entry.path() == file || remove(entry.path());
+    }
 }
 
 TEST_F(DiskBackedBufferTest, ReservesLittleMoreThanRequested)

@@ -417,7 +417,7 @@ test_full_disk()
     rm -r small/store
 
     head -c 6000000 /dev/zero >small/ballast
-    TMPDIR=$work/small expect 1 '/new: .*temporary file in .*/small .* free\) .*code 9 .*' put big /new
+    TMPDIR=$work/small expect 1 '/new: .*temporary file in .*/small: No space left .*TMPDIR.*code 9 .*' put big /new
     TMPDIR=$work/small expect 1 '/big: .*temporary file .*code 9 .*' get /big copy
     [[ ! -e copy && $(ls -A small) == ballast ]] || fail "left behind: $(ls -A . small)"
 }

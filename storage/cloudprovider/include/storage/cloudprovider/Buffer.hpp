@@ -33,6 +33,8 @@ public:
     virtual char* data() = 0;
 
     /// Make the bytes unaddressable. Their values are kept: the next open() makes the same bytes addressable.
+    ///
+    /// If this throws, the buffer is closed nevertheless. If its bytes may be lost, the next open() throws, too.
     virtual void close() = 0;
 
     /// Free the bytes. Never throws.

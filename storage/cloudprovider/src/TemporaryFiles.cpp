@@ -1,0 +1,168 @@
+#include <storage/cloudprovider/TemporaryFiles.hpp>
+
+#include "LogRecords.hpp"
+#include "Mutex.hpp"
+#include "TemporaryFileNames.hpp"
+
+#include <boost/crc.hpp>
+#include <boost/filesystem/operations.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <string_view>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace storage::cloudprovider
+{
+
+namespace
+{
+
+constexpr std::string_view namePrefix = "cloudprovider-";
+
+/// Return the target of a symbolic link, or nothing if it cannot be read.
+std::string linkTarget(const char* path)
+{
+    boost::system::error_code error;
+    return boost::filesystem::read_symlink(path, error).string();
+}
+
+/// Return the start time of a process in clock ticks.
+/// @return empty text if there is no such process; nothing if that cannot be told
+std::optional<std::string> startTimeOf(pid_t pid)
+{
+    if (::kill(pid, 0) != 0 && errno == ESRCH)
+    {
+        return "";
+    }
+    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(file)), {});
+    // The second field, the name of the program in parentheses, may contain anything. The start time is field 22.
+    std::istringstream fields(text.erase(0, text.rfind(')') + 1));
+    for (int field = 3; field <= 22; ++field)
+    {
+        fields >> text;
+    }
+    return fields ? std::optional(text) : std::nullopt;
+}
+
+/// Return the PLACE of this process, see temporaryFilePrefix(), or nothing if /proc does not show it.
+std::string findPlace()
+{
+    std::string boot;
+    std::ifstream("/proc/sys/kernel/random/boot_id") >> boot;
+    const std::string pids = linkTarget("/proc/self/ns/pid");
+    // /proc may be that of another namespace, where this process has another id.
+    if (boot.empty() || pids.empty() || linkTarget("/proc/self") != std::to_string(::getpid()))
+    {
+        return {};
+    }
+    const std::string text = boot + pids + linkTarget("/proc/self/ns/time"); // start times are relative to the latter
+    boost::crc_32_type checksum;
+    checksum.process_bytes(text.data(), text.size());
+    char hex[9] = {};
+    std::snprintf(hex, sizeof hex, "%08x", static_cast<unsigned>(checksum.checksum()));
+    return hex;
+}
+
+/// Tell whether the process that created a file has ended.
+/// @param name  of the file, without the prefix and the place: "PID-START-xxxxxx"
+bool belongsToDeadProcess(std::string_view name)
+{
+    const char* const end = name.data() + name.size();
+    pid_t pid = 0;
+    const char* const pidEnd = std::from_chars(name.data(), end, pid).ptr;
+    const char* const startEnd = std::find(std::min(pidEnd + 1, end), end, '-');
+    if (pid <= 0 || pidEnd == end || *pidEnd != '-' || startEnd == end)
+    {
+        return false; // not one of our names
+    }
+    const auto start = startTimeOf(pid);
+    return start && *start != std::string(pidEnd + 1, startEnd);
+}
+
+std::size_t removeFiles()
+{
+    const std::string place = findPlace();
+    const boost::filesystem::path folder = boost::filesystem::temp_directory_path();
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(::opendir(folder.c_str()), &::closedir);
+    if (place.empty() || !entries)
+    {
+        return 0;
+    }
+    const std::string prefix = std::string(namePrefix) + place + '-';
+    const int directory = ::dirfd(entries.get());
+    std::size_t removed = 0;
+    while (const dirent* const entry = ::readdir(entries.get()))
+    {
+        const std::string_view name = entry->d_name;
+        struct ::stat status = {};
+        if (!name.starts_with(prefix) || ::fstatat(directory, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+            !S_ISREG(status.st_mode) || status.st_uid != ::geteuid() ||
+            !belongsToDeadProcess(name.substr(prefix.size())))
+        {
+            continue;
+        }
+        if (::unlinkat(directory, entry->d_name, 0) == 0)
+        {
+            ++removed;
+        }
+        else if (errno != ENOENT) // another process may have removed it
+        {
+            logMessage(
+                foundation::log::severity::warning, "Failed to delete DiskFile ", (folder / entry->d_name).string());
+        }
+    }
+    return removed;
+}
+
+} // namespace
+
+std::string detail::temporaryFilePrefix()
+{
+    struct Cache
+    {
+        Mutex mutex;
+        pid_t pid GUARDED_BY(mutex) = 0; // differs in a child after fork()
+        std::string prefix GUARDED_BY(mutex);
+    };
+    static Cache& cache = *new Cache; // never destroyed, because static destructors may create files
+    const MutexLock lock(cache.mutex);
+    const pid_t pid = ::getpid();
+    if (cache.pid != pid)
+    {
+        const std::string place = findPlace();
+        const std::string start = place.empty() ? std::string() : startTimeOf(pid).value_or("");
+        cache.prefix = std::string(namePrefix) +
+                       (start.empty() ? std::to_string(pid) : place + '-' + std::to_string(pid) + '-' + start) + '-';
+        cache.pid = pid;
+    }
+    return cache.prefix;
+}
+
+std::size_t removeTemporaryFilesOfDeadProcesses() noexcept
+{
+    try
+    {
+        return removeFiles();
+    }
+    catch (...)
+    {
+        logCaughtException();
+        return 0;
+    }
+}
+
+} // namespace storage::cloudprovider
