@@ -1,6 +1,7 @@
 #include "MultipartUploadManager.hpp"
 
 #include "LogRecords.hpp"
+#include "OpenGuard.hpp"
 
 #include <boost/iostreams/device/array.hpp>
 #include <boost/iostreams/stream_buffer.hpp>
@@ -45,7 +46,7 @@ void MultipartUploadManager::asyncUploadPart(
         source));
     {
         const MutexLock lock(m_mutex);
-        enqueue({takeRecord(), std::move(buffer), false, std::move(onDone)});
+        enqueue({takeRecord(), std::move(buffer), std::move(onDone)});
     }
     processQueueAndLogFailure();
 }
@@ -55,7 +56,7 @@ void MultipartUploadManager::asyncReusePart(PartInfo info, DoneCallback onDone)
     logEntry(CallSite("void storage::cloudprovider::MultipartUploadManager::asyncReusePart(PartInfo, F)", source));
     {
         const MutexLock lock(m_mutex);
-        enqueue({std::move(info), nullptr, false, std::move(onDone)});
+        enqueue({std::move(info), nullptr, std::move(onDone)});
     }
     processQueueAndLogFailure();
 }
@@ -113,7 +114,7 @@ void MultipartUploadManager::cancel()
     }
     m_context->client->abortMultipartUpload(m_context->key, *m_uploadId);
     m_uploadId.reset();
-    m_queue.clear(); // queued tasks have no open buffers
+    m_queue.clear();
 }
 
 void MultipartUploadManager::setLastTag(std::string tag)
@@ -201,30 +202,24 @@ void MultipartUploadManager::transfer(UploadTask& task)
     // Open the upload first. If the buffer then cannot be opened, the flush sees an open upload and reports the
     // failure.
     getUploadId();
-    task.buffer->open();
-    task.bufferOpened = true;
-    const std::string tag = uploadPart(task.info, task.buffer->data());
-    task.buffer->close();
-    task.bufferOpened = false;
+    std::string tag;
+    {
+        task.buffer->open();
+        const OpenGuard guard(*task.buffer);
+        tag = uploadPart(task.info, task.buffer->data());
+    }
     task.onDone(tag);
 }
 
 void MultipartUploadManager::requeue(UploadTask task)
 {
-    const BufferSharedPtr opened = std::exchange(task.bufferOpened, false) ? task.buffer : nullptr;
+    const MutexLock lock(m_mutex);
+    m_partsInFlight.erase(task.info.Index);
+    const bool superseded = std::any_of(m_queue.begin(), m_queue.end(),
+        [&](const UploadTask& waiting) { return waiting.info.Index == task.info.Index; });
+    if (!superseded)
     {
-        const MutexLock lock(m_mutex);
-        m_partsInFlight.erase(task.info.Index);
-        const bool superseded = std::any_of(m_queue.begin(), m_queue.end(),
-            [&](const UploadTask& waiting) { return waiting.info.Index == task.info.Index; });
-        if (!superseded)
-        {
-            m_queue.push_back(std::move(task));
-        }
-    }
-    if (opened)
-    {
-        opened->close(); // last, because it may throw and the task must not be lost
+        m_queue.push_back(std::move(task));
     }
 }
 

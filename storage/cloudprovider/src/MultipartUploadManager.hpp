@@ -87,9 +87,8 @@ public:
 private:
     struct UploadTask
     {
-        PartInfo info;             // as it was when the task was created
-        BufferSharedPtr buffer;    // null: a server-side copy
-        bool bufferOpened = false; // the task has to close the buffer
+        PartInfo info;          // as it was when the task was created
+        BufferSharedPtr buffer; // null: a server-side copy
         DoneCallback onDone;
     };
 

@@ -1,6 +1,7 @@
 #include "OpenPartBuffer.hpp"
 
 #include "LogRecords.hpp"
+#include "OpenGuard.hpp"
 
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
@@ -108,22 +109,16 @@ void OpenPartBuffer::open()
     {
         return;
     }
-    try
+    OpenGuard guard(*this);
+    if (localDataVersion() == LocalDataVersion::CLOUD)
     {
-        if (localDataVersion() == LocalDataVersion::CLOUD)
-        {
-            download();
-        }
-        else
-        {
-            createBlank();
-        }
+        download();
     }
-    catch (...)
+    else
     {
-        decrementOpenCount();
-        throw;
+        createBlank();
     }
+    guard.release();
 }
 
 bool OpenPartBuffer::isOpen() const
@@ -181,7 +176,18 @@ void OpenPartBuffer::decrementOpenCount()
     --m_openCount;
     if (m_openCount == 0 && m_buffer)
     {
-        m_buffer->close();
+        try
+        {
+            m_buffer->close();
+        }
+        catch (...)
+        {
+            logCaughtException();
+            if (m_localDataVersion == LocalDataVersion::CLOUD)
+            {
+                m_buffer.reset(); // the next open() loads the bytes again
+            }
+        }
     }
     m_changed.notify_one();
 }
@@ -306,39 +312,27 @@ void OpenPartBuffer::markUploaded()
 void OpenPartBuffer::discardIfUnmodified()
 {
     logEntry(CallSite("void storage::cloudprovider::OpenPartBuffer::discardIfUnmodified()", source));
-    incrementOpenCount();
+    const MutexLock lock(m_mutex);
+    if (m_openCount == 0 && m_localDataVersion == LocalDataVersion::CLOUD)
     {
-        const MutexLock lock(m_mutex);
-        if (m_buffer && m_openCount == 1 && m_localDataVersion == LocalDataVersion::CLOUD)
-        {
-            m_buffer->close();
-            m_buffer.reset();
-        }
+        m_buffer.reset();
     }
-    decrementOpenCount();
 }
 
 bool OpenPartBuffer::openIfModified()
 {
     logEntry(CallSite("bool storage::cloudprovider::OpenPartBuffer::openIfModified()", source));
     const bool loaded = incrementOpenCount();
+    OpenGuard guard(*this);
     if (localDataVersion() != LocalDataVersion::NEW)
     {
-        decrementOpenCount();
         return false;
     }
     if (!loaded)
     {
-        try
-        {
-            createBlank();
-        }
-        catch (...)
-        {
-            decrementOpenCount();
-            throw;
-        }
+        createBlank();
     }
+    guard.release();
     return true;
 }
 

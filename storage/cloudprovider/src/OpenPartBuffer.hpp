@@ -49,6 +49,9 @@ public:
     char* data() override;
 
     /// Decrement the open count. The bytes stay loaded.
+    ///
+    /// If the last close cannot unmap them, which is logged, they may be lost: those of an unmodified part are loaded
+    /// again by the next open(); for any other part, open() throws.
     void close() override;
 
     /// Increment the open count without loading the bytes. Waits while another opener is loading them.
@@ -92,7 +95,7 @@ public:
     /// bytes have changed again.
     void markUploaded();
 
-    /// Free the bytes if the part is not open and its state is CLOUD.
+    /// Free the bytes if the part is not open and its state is CLOUD. Neither waits nor throws.
     void discardIfUnmodified();
 
     /// Open the part if its state is NEW. A part that was never written is loaded as zeros.

@@ -1,6 +1,7 @@
 #include "OpenPartManager.hpp"
 
 #include "LogRecords.hpp"
+#include "OpenGuard.hpp"
 
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
@@ -19,42 +20,6 @@ namespace
 {
 
 constexpr const char* source = "storage/cloudprovider/src/OpenPartManager";
-
-/// Closes a part at the end of its scope unless close() was called. The destructor runs because something else has
-/// failed, so it only logs a failure to close.
-class PartCloser
-{
-public:
-    explicit PartCloser(OpenPartBuffer& part)
-        : m_part(&part)
-    {
-    }
-    PartCloser(const PartCloser&) = delete;
-    PartCloser& operator=(const PartCloser&) = delete;
-    ~PartCloser()
-    {
-        try
-        {
-            close();
-        }
-        catch (...)
-        {
-            logCaughtException();
-        }
-    }
-
-    /// Close the part now. Throws when that fails.
-    void close()
-    {
-        if (OpenPartBuffer* const part = std::exchange(m_part, nullptr))
-        {
-            part->close();
-        }
-    }
-
-private:
-    OpenPartBuffer* m_part; // null after close()
-};
 
 } // namespace
 
@@ -206,9 +171,8 @@ void OpenPartManager::extendTo(std::size_t fileOffset)
         // again together with the gap that follows them.
         m_partCache.removePart(last);
         last->open();
-        PartCloser closer(*last);
+        const OpenGuard guard(*last);
         appendPartAfter(last);
-        closer.close();
     }
 }
 
@@ -226,10 +190,7 @@ void OpenPartManager::appendPartAfter(const OpenPartBufferSharedPtr& last)
         addNewPartTo(m_parts);
         m_parts.front()->setSinglePartFile(false);
     }
-    if (getLogger().isEnabled(foundation::log::severity::progress))
-    {
-        getLogger().write(foundation::log::severity::progress, "Adding new part with index " + std::to_string(index));
-    }
+    logMessage(foundation::log::severity::progress, "Adding new part with index ", index);
 }
 
 void OpenPartManager::closePart(std::unique_ptr<OpenPartDevice> device)
@@ -251,15 +212,7 @@ void OpenPartManager::closePart(std::unique_ptr<OpenPartDevice> device)
     }
     for (const OpenPartBufferSharedPtr& evicted : m_partCache.addPart(part, part->capacity()))
     {
-        try
-        {
-            evicted->discardIfUnmodified();
-        }
-        catch (...)
-        {
-            // The evicted part occupies disk space until the file is closed. The part being closed is not affected.
-            logCaughtException();
-        }
+        evicted->discardIfUnmodified();
     }
 }
 
@@ -352,14 +305,13 @@ void OpenPartManager::flushSinglePartFile(OpenPartBuffer& part)
     {
         return;
     }
-    PartCloser closer(part);
+    const OpenGuard guard(part);
     // The part stays NEW. A stream that is opened on this part manager after the flush writes the file again when it is
     // closed. That is at most one put too many, but never one too few.
     const OpenPartBuffer::View bytes = part.view();
     boost::iostreams::stream_buffer<boost::iostreams::basic_array_source<char>> memory(bytes.data, bytes.size);
     std::istream content(&memory);
     m_context->client->putObject(m_context->key, content, bytes.size);
-    closer.close();
 }
 
 std::vector<OpenPartBufferSharedPtr> OpenPartManager::parts() const

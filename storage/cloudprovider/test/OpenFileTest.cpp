@@ -1,7 +1,8 @@
 #include "ProviderTest.hpp"
 
 #include "DiskBackedBuffer.hpp"
-#include "OpenPartBuffer.hpp"
+#include "OpenFileByteStream.hpp"
+#include "OpenPartManager.hpp"
 
 #include <storage/cloudprovider/TemporaryFiles.hpp>
 
@@ -166,6 +167,55 @@ TEST_F(OpenFileTest, PartsStayClosedIfTheyCannotBeLoaded)
     EXPECT_FALSE(part.isOpen());
     const std::string why = "creating a temporary file in /nowhere: Not a directory; TMPDIR can name another folder";
     EXPECT_EQ(outcome([&] { readAt(*reader, 0, 1); }), "ByteStreamReadFailure: Unknown: " + why);
+}
+
+/// Buffers whose every close() fails, but keeps the bytes.
+struct BrittleFactory : public BufferFactory
+{
+    struct Brittle : public Buffer
+    {
+        explicit Brittle(std::size_t size)
+            : bytes(size, '\0')
+        {
+        }
+        std::size_t size() const override { return bytes.size(); }
+        void open() override { opened = true; }
+        bool isOpen() const override { return opened; }
+        const char* data() const override { return opened ? bytes.data() : nullptr; }
+        char* data() override { return opened ? bytes.data() : nullptr; }
+        void close() override
+        {
+            opened = false;
+            throw UnknownErrorException("not closed");
+        }
+
+        std::string bytes;
+        bool opened = false;
+    };
+
+    BufferPtr build(std::size_t size) override { return std::make_unique<Brittle>(size); }
+};
+
+TEST_F(OpenFileTest, BuffersThatFailToCloseDoNotHarmTheFile)
+{
+    setSizes(4, 6);
+    for (const std::vector<std::size_t>& parts : {std::vector<std::size_t>{4, 4, 3}, {4}})
+    {
+        std::string content = std::string("0123456789a").substr(0, 4 * parts.size() - (parts.size() > 1 ? 1 : 0));
+        putParts("k", content, parts);
+        const auto manager = std::make_shared<OpenPartManager>(
+            std::make_shared<OpenFileContext>(iriOf("k"), faults, std::make_unique<BrittleFactory>()));
+        manager->initPreserveExisting(true);
+        OpenFileByteStream stream(manager, fsp::ByteStreamWritePosition::AtOffset);
+        EXPECT_EQ(readAt(stream, 0, 20) + readAt(stream, 0, 20), content + content);
+        fail(Operation::UploadPart, 1);
+        writeAt(stream, 1, "XYZ");
+        writeAt(stream, content.size() - 1, parts.size() > 1 ? "UVW" : "U");
+        content.replace(1, 3, "XYZ").replace(content.size() - 1, 1, parts.size() > 1 ? "UVW" : "U");
+        EXPECT_EQ(readAt(stream, 0, 20), content);
+        stream.close();
+        EXPECT_EQ(stored("k"), content);
+    }
 }
 
 class DiskBackedBufferTest : public ProviderTest
