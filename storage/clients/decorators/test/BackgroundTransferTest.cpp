@@ -166,7 +166,7 @@ protected:
     /// Whether the part was sent on the caller's thread, and so has the store's tag.
     static bool wasSentHere(const PartInfo& part) { return !part.Tag.starts_with("part-"); }
 
-    std::string storedTag() const { return store->getObjectParts("k").at(0).Tag; }
+    std::string storedTag() const { return store->openAnother()->getObjectParts("k").at(0).Tag; }
 
     std::shared_ptr<PipelinedUploadClient> client;
     std::string upload;
@@ -458,7 +458,7 @@ TEST_F(ReadAheadClientTest, RequestsWhatIsReadAndWhatIsPredicted)
         {"one read elsewhere", {0, 1, 2, 20, 3}, {0, 1, 2, 3, 4, 5, 20}},
         {"many reads elsewhere", {0, 1, 2, 11, 13, 15, 17, 19, 21, 23, 25, 3},
             {0, 1, 2, 3, 3, 4, 11, 13, 15, 17, 19, 21, 23, 25}},
-        {"unknown size", {0, 1, 2}, {0, 1, 2}, usual, [&] { client->deleteObject("k"), store->put("k", version(1)); }},
+        {"unknown size", {0, 1, 2}, {0, 1, 2}, usual, [&] { client->deleteObject("k"), put(*store, "k", version(1)); }},
         {"size before a write", {0, 1, 2}, {0, 1, 2}, usual,
             [&]
             {
@@ -586,7 +586,7 @@ TEST_F(ReadAheadClientTest, ReadersSeeOneVersionThatWasThere)
     faults->inject({.operation = Operation::DeleteObject});
     faults->setHook( // a write that fails may change the object, too
         [&](Operation operation, const std::string&)
-        { operation == Operation::DeleteObject ? store->put("k", version(begun)) : void(); });
+        { operation == Operation::DeleteObject ? put(*store, "k", version(begun)) : void(); });
     const std::function<void()> writes[] = {[&] { put(*client, "k", version(begun)); },
         [&] { putParts(*client, "k", {version(begun)}); },
         [&] { EXPECT_THROW(client->deleteObject("k"), UnknownErrorException); }};

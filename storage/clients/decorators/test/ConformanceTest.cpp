@@ -59,7 +59,7 @@ class DecoratorHarness : public conformance::Harness
 {
 public:
     cloudprovider::CloudClient& client() override { return *m_client; }
-    CloudClientSharedPtr openAnother() override { return decorate(m_store); }
+    CloudClientSharedPtr openAnother() override { return decorate(m_store->openAnother()); }
 
 private:
     const Store m_store = std::make_shared<MemoryClient>();

@@ -23,12 +23,23 @@ using cloudprovider::PartInfo;
 using cloudprovider::ResourceNotFoundException;
 
 MemoryClient::MemoryClient(Clock clock)
-    : m_clock(clock ? std::move(clock) : Clock(boost::posix_time::microsec_clock::universal_time))
-    , m_store(std::make_unique<MemoryStore>())
+    : MemoryClient(clock ? std::move(clock) : Clock(boost::posix_time::microsec_clock::universal_time),
+          std::make_shared<MemoryStore>())
+{
+}
+
+MemoryClient::MemoryClient(Clock clock, std::shared_ptr<MemoryStore> store)
+    : m_clock(std::move(clock))
+    , m_store(std::move(store))
 {
 }
 
 MemoryClient::~MemoryClient() = default;
+
+std::shared_ptr<MemoryClient> MemoryClient::openAnother() const
+{
+    return std::shared_ptr<MemoryClient>(new MemoryClient(m_clock, m_store));
+}
 
 ObjectInfo MemoryClient::getObjectInfo(const std::string& key)
 {
@@ -55,31 +66,45 @@ void MemoryClient::deleteObject(const std::string& key)
 
 void MemoryClient::getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last)
 {
-    const auto content = m_store->find(key);
-    if (!content)
-    {
-        throw ResourceNotFoundException("reading " + quoted(key) + ": there is no such object");
-    }
-    const ByteRange range = resolveRange(key, first, last, content->bytes.size());
-    content->bytes.write(key, out, range.offset, range.size);
+    m_pins.read(key,
+        [&](const std::optional<Version>& version)
+        {
+            const auto [content, tag] = m_store->find(key);
+            if (!content)
+            {
+                throw ResourceNotFoundException("reading " + quoted(key) + ": there is no such object");
+            }
+            if (version && version->tag != tag)
+            {
+                return false;
+            }
+            const ByteRange range = resolveRange(key, first, last, content->bytes.size());
+            content->bytes.write(key, out, range.offset, range.size);
+            return true;
+        });
 }
 
 void MemoryClient::putObject(const std::string& key, std::istream& content, std::uint64_t size)
 {
     checkKey(key);
     SharedBytes bytes(key, content, size);
-    m_store->put(key, std::move(bytes), m_clock(), m_required.find(key));
+    VersionPins::Write write(m_pins, key);
+    write.succeeded({m_store->put(key, std::move(bytes), m_clock(), m_required.find(key)), size});
 }
 
 std::vector<PartInfo> MemoryClient::getObjectParts(const std::string& key)
 {
-    return m_store->parts(key);
+    VersionPins::Opening opening(m_pins, key);
+    auto [parts, version] = m_store->parts(key);
+    opening.opened(version);
+    return std::move(parts);
 }
 
 std::string MemoryClient::createMultipartUpload(const std::string& key, const std::string& tag)
 {
     checkKey(key);
-    return m_store->openUpload(key, tag, m_clock());
+    const auto base = tag.empty() ? std::nullopt : m_pins.pinned(key);
+    return m_store->openUpload(key, tag, base ? base->tag : "", m_clock());
 }
 
 std::string MemoryClient::uploadPart(
@@ -102,7 +127,9 @@ void MemoryClient::abortMultipartUpload(const std::string& key, const std::strin
 void MemoryClient::completeMultipartUpload(
     const std::string& key, const std::string& uploadId, const std::vector<PartInfo>& parts)
 {
-    m_store->complete(key, uploadId, parts, m_clock(), m_required.find(key));
+    VersionPins::Write write(m_pins, key);
+    write.succeeded(m_store->complete(key, uploadId, parts, m_clock(), m_required.find(key),
+        [&](const std::string& stored, const std::string& opened) { return m_pins.descends(key, stored, opened); }));
 }
 
 std::unique_ptr<WriteConditions::Condition> MemoryClient::requireVersion(const std::string& key, const std::string& tag)
@@ -118,7 +145,7 @@ void MemoryClient::put(const std::string& key, std::string_view content)
 
 std::optional<std::string> MemoryClient::get(const std::string& key) const
 {
-    const auto content = m_store->find(key);
+    const auto content = m_store->find(key).first;
     if (!content)
     {
         return std::nullopt;

@@ -117,13 +117,13 @@ std::vector<ObjectEntry> MemoryStore::list(const std::string& prefix, std::strin
     return listPage(cursor, prefix, token, options, pageSize);
 }
 
-void MemoryStore::check(const std::string& key, const RequiredVersion& required) const
+std::string MemoryStore::tagOf(const std::string& key) const
 {
     const auto object = m_objects.find(key);
-    checkRequiredVersion(key, required, object == m_objects.end() ? "" : text(object->second.tag));
+    return object == m_objects.end() ? "" : text(object->second.tag);
 }
 
-void MemoryStore::put(const std::string& key, SharedBytes bytes, Time now, const RequiredVersion& required)
+std::string MemoryStore::put(const std::string& key, SharedBytes bytes, Time now, const RequiredVersion& required)
 {
     Object object{0, bytes.size(), now, nullptr};
     std::shared_ptr<ObjectContent> content;
@@ -136,40 +136,43 @@ void MemoryStore::put(const std::string& key, SharedBytes bytes, Time now, const
     }
     // `object` gets the replaced object and frees it after the lock: freeing a large object takes time.
     const std::unique_lock lock(m_mutex);
-    check(key, required);
+    checkRequiredVersion(key, required, tagOf(key));
     object.tag = ++m_lastNumber;
     if (content)
     {
         content->parts.front().tag = object.tag;
     }
+    std::string tag = text(object.tag);
     std::swap(m_objects[key], object);
+    return tag;
 }
 
 bool MemoryStore::remove(const std::string& key, const RequiredVersion& required)
 {
     Objects::node_type removed; // freed after the lock
     const std::unique_lock lock(m_mutex);
-    check(key, required);
+    checkRequiredVersion(key, required, tagOf(key));
     removed = m_objects.extract(key);
     return !removed.empty();
 }
 
-std::shared_ptr<const ObjectContent> MemoryStore::find(const std::string& key) const
+std::pair<std::shared_ptr<const ObjectContent>, std::string> MemoryStore::find(const std::string& key) const
 {
     static const auto noBytes = std::make_shared<const ObjectContent>();
     const std::shared_lock lock(m_mutex);
     const auto object = m_objects.find(key);
     if (object == m_objects.end())
     {
-        return nullptr;
+        return {};
     }
-    return object->second.content ? object->second.content : noBytes;
+    return {object->second.content ? object->second.content : noBytes, text(object->second.tag)};
 }
 
-std::vector<PartInfo> MemoryStore::parts(const std::string& key) const
+std::pair<std::vector<PartInfo>, Version> MemoryStore::parts(const std::string& key) const
 {
     const std::shared_lock lock(m_mutex);
-    return partsOf(objectAt(key)->second);
+    const Object& object = objectAt(key)->second;
+    return {partsOf(object), {text(object.tag), object.size}};
 }
 
 std::vector<std::string> MemoryStore::keys() const
@@ -184,11 +187,11 @@ std::vector<std::string> MemoryStore::keys() const
     return result;
 }
 
-std::string MemoryStore::openUpload(const std::string& key, const std::string& tag, Time now)
+std::string MemoryStore::openUpload(const std::string& key, const std::string& tag, const std::string& base, Time now)
 {
     const std::unique_lock lock(m_mutex);
     std::string uploadId = text(++m_lastNumber);
-    m_uploads.emplace(uploadId, Upload{key, tag, now, {}});
+    m_uploads.emplace(uploadId, Upload{key, tag, base, now, {}});
     return uploadId;
 }
 
@@ -199,9 +202,9 @@ void MemoryStore::checkUpload(const std::string& key, const std::string& uploadI
 }
 
 std::string MemoryStore::addPart(
-    const std::string& key, const std::string& uploadId, std::size_t index, SharedBytes bytes)
+    const std::string& key, const std::string& uploadId, std::size_t index, SharedBytes bytes, std::uint64_t source)
 {
-    SentBytes sent{0, std::move(bytes)}; // gets the replaced part and frees it after the lock
+    SentBytes sent{0, std::move(bytes), source}; // gets the replaced part and frees it after the lock
     const std::unique_lock lock(m_mutex);
     sent.tag = ++m_lastNumber;
     std::string tag = text(sent.tag);
@@ -213,19 +216,21 @@ std::string MemoryStore::addPart(
 std::string MemoryStore::copyPart(const std::string& key, const std::string& uploadId, const PartInfo& part)
 {
     std::shared_ptr<const ObjectContent> source;
+    std::uint64_t tag = 0;
     {
         const std::shared_lock lock(m_mutex);
         uploadAt(key, uploadId);
         const Object& object = objectAt(key)->second;
         checkCopySource(key, part, partsOf(object));
         source = object.content;
+        tag = object.tag;
     }
     SharedBytes bytes;
     if (part.Size != 0)
     {
         bytes.append(source->bytes, part.Offset, part.Size);
     }
-    return addPart(key, uploadId, part.Index, std::move(bytes));
+    return addPart(key, uploadId, part.Index, std::move(bytes), tag);
 }
 
 void MemoryStore::abort(const std::string& key, const std::string& uploadId)
@@ -235,8 +240,9 @@ void MemoryStore::abort(const std::string& key, const std::string& uploadId)
     dropped = m_uploads.extract(uploadAt(key, uploadId));
 }
 
-void MemoryStore::complete(const std::string& key, const std::string& uploadId, const std::vector<PartInfo>& parts,
-    Time now, const RequiredVersion& required)
+Version MemoryStore::complete(const std::string& key, const std::string& uploadId, const std::vector<PartInfo>& parts,
+    Time now, const RequiredVersion& required,
+    const std::function<bool(const std::string& stored, const std::string& opened)>& descends)
 {
     Object object{0, 0, now, nullptr};
     Uploads::node_type finished; // freed, like the replaced object, after the lock
@@ -253,7 +259,23 @@ void MemoryStore::complete(const std::string& key, const std::string& uploadId, 
             }
             return SentPart{text(part->second.tag), part->second.bytes.size()};
         });
-    check(key, required);
+    checkRequiredVersion(key, required, tagOf(key));
+
+    const std::string stored = tagOf(key);
+    bool copies = false;
+    for (const PartInfo& part : parts)
+    {
+        const std::uint64_t source = sent.at(part.Index).source;
+        copies = copies || source != 0;
+        if (source != 0 && text(source) != stored)
+        {
+            throwOtherVersion(key, text(source));
+        }
+    }
+    if (const std::string& base = upload->second.base; !copies && !base.empty() && !descends(stored, base))
+    {
+        throwOtherVersion(key, base);
+    }
 
     const auto content = std::make_shared<ObjectContent>();
     for (const PartInfo& part : parts)
@@ -265,8 +287,10 @@ void MemoryStore::complete(const std::string& key, const std::string& uploadId, 
     object.tag = ++m_lastNumber;
     object.size = content->bytes.size();
     object.content = object.size != 0 ? content : nullptr;
+    Version version{text(object.tag), object.size};
     std::swap(m_objects[key], object);
     finished = m_uploads.extract(upload);
+    return version;
 }
 
 std::vector<OpenUpload> MemoryStore::openUploads() const

@@ -12,6 +12,7 @@ class MemoryHarness : public conformance::Harness
 {
 public:
     MemoryClient& client() override { return m_client; }
+    cloudprovider::CloudClientSharedPtr openAnother() override { return m_client.openAnother(); }
 
 private:
     MemoryClient m_client;

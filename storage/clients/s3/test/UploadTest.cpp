@@ -380,20 +380,6 @@ TEST(CompletionTest, CopiesAgainAfterTheObjectWasAnotherVersion)
     EXPECT_EQ(store.copies(), 2);
 }
 
-TEST(CompletionTest, LeavesReadersPinnedThatOpenTheObjectMeanwhile)
-{
-    FakeStore store{gibi};
-    S3Client client(store.settings);
-    store.handler = [&](const Request& request)
-    {
-        isCopy(request) ? void(client.getObjectParts("key")) : void();
-        return isCopy(request) ? std::optional(Reply{.status = 400}) : std::nullopt;
-    };
-    EXPECT_THROW(prepareCopy(client, gibi).complete(client, "key"), UnknownErrorException);
-    store.tag = &theirTag;
-    EXPECT_THROW(conformance::get(client, "key", 0, 9), UnknownErrorException);
-}
-
 TEST(CompletionTest, ASmallPatchOfALargeFileTakesFewRequestsFromOpenToClose)
 {
     const struct

@@ -5,7 +5,11 @@
 #include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/testing/CloudClientConformance.hpp>
 
+#include <algorithm>
 #include <atomic>
+#include <functional>
+#include <iterator>
+#include <sstream>
 
 // Instances of one store, used by several threads at the same time.
 
@@ -91,6 +95,136 @@ TEST_P(CloudClientConformance, ThreadsAndInstancesShareOneStore)
     }
     second.deleteObject("shared");
     EXPECT_FALSE(client().getObjectInfo("shared").exists);
+}
+
+// One client opens an object, reads it, and appends to it with a copy of what is there. The other client changes the
+// object just before one of these calls.
+TEST_P(CloudClientConformance, NeverMixesTheOpenedVersionWithAnother)
+{
+    const CloudClientSharedPtr other = openAnother();
+    if (!other || !capabilities().noVersionPins.empty())
+    {
+        GTEST_SKIP() << "no other client can write, or it is not noticed: " << capabilities().noVersionPins;
+    }
+    const std::string before = content(std::max<std::size_t>(capabilities().minPartSize, 100) + 1'000, 1);
+    const std::string theirs = content(before.size(), 2);
+    struct Row
+    {
+        CloudClient& mine;
+        CloudClient& changer;
+        bool isRemoved;
+        std::function<void(CloudClient&)> change;
+    };
+    const auto overwrite = [&](CloudClient& by) { conformance::put(by, "k", theirs); };
+    const Row rows[] = {{client(), *other, false, overwrite},
+        {*other, client(), false, [&](CloudClient& by) { putParts(by, "k", {theirs}); }},
+        {client(), *other, true, [&](CloudClient& by) { by.deleteObject("k"); }},
+        {*other, client(), false, [&](CloudClient& by) { by.deleteObject("k"), overwrite(by); }}};
+    constexpr std::size_t callsToStore = 7;
+    for (std::size_t i = 0; i < std::size(rows) * (callsToStore + 2); ++i)
+    {
+        const Row& row = rows[i % std::size(rows)];
+        const std::size_t changeAt = i / std::size(rows);
+        SCOPED_TRACE(testing::Message() << "row " << i % std::size(rows) << ", changed before call " << changeAt);
+        conformance::put(row.changer, "k", before);
+        std::size_t calls = 0;
+        const auto mine = [&]() -> CloudClient&
+        {
+            calls++ == changeAt ? row.change(row.changer) : void();
+            return row.mine;
+        };
+        std::string seen;
+        std::string uploadId;
+        bool isStored = false;
+        try
+        {
+            std::vector<PartInfo> parts = mine().getObjectParts("k");
+            seen = conformance::get(mine(), "k", 0, 9);
+            seen += conformance::get(mine(), "k", 10, 49);
+            seen += conformance::get(mine(), "k", 50, before.size() - 1);
+            uploadId = mine().createMultipartUpload("k", parts[0].Tag);
+            for (PartInfo& part : parts)
+            {
+                part.Tag = row.mine.copyPart("k", uploadId, part);
+            }
+            parts.push_back(uploadPart(mine(), "k", uploadId, parts.size(), "appended"));
+            mine().completeMultipartUpload("k", uploadId, parts);
+            isStored = true;
+            EXPECT_TRUE(conformance::get(mine(), "k", 0, 9) == seen.substr(0, 10)) << "its own version";
+        }
+        catch (const CloudException&)
+        {
+            isStored || uploadId.empty() ? void() : row.mine.abortMultipartUpload("k", uploadId);
+        }
+        const std::string& opened = changeAt == 0 ? theirs : before;
+        EXPECT_TRUE(opened.starts_with(seen)) << "read a mixture";
+        EXPECT_EQ(isStored, changeAt >= callsToStore || (changeAt == 0 && !row.isRemoved));
+        const bool exists = row.changer.getObjectInfo("k").exists;
+        EXPECT_EQ(exists, !row.isRemoved || changeAt > callsToStore);
+        if (exists)
+        {
+            row.changer.getObjectParts("k");
+            const std::string now = conformance::get(row.changer, "k");
+            EXPECT_TRUE(now == (isStored && changeAt != callsToStore ? opened + "appended" : theirs)) << now.size();
+        }
+    }
+}
+
+TEST_P(CloudClientConformance, OnlyItsOwnSuccessfulWritesReplaceTheOpenedVersion)
+{
+    const CloudClientSharedPtr other = openAnother();
+    if (!other || !capabilities().noVersionPins.empty())
+    {
+        GTEST_SKIP() << "no other client can write, or it is not noticed: " << capabilities().noVersionPins;
+    }
+    struct Row
+    {
+        const char* name;
+        std::function<void()> act;
+        const char* stored; // null: nothing
+    };
+    const Row rows[] = {{"put", [&] { put("k", "mine"); }, "mine"},
+        {"completion", [&] { putParts(client(), "k", {"mine"}); }, "mine"},
+        {"deletion", [&] { client().deleteObject("k"); }, nullptr},
+        {"failed put",
+            [&]
+            {
+                std::istringstream tooShort("mine");
+                EXPECT_THROW(client().putObject("k", tooShort, 5), CloudException);
+            },
+            nullptr},
+        {"refused completion",
+            [&]
+            {
+                const std::string id = client().createMultipartUpload("k", client().getObjectParts("k")[0].Tag);
+                const PartInfo part = upload("k", id, 0, "mine");
+                conformance::put(*other, "k", "other");
+                EXPECT_THROW(client().completeMultipartUpload("k", id, {part}), UnknownErrorException);
+                client().abortMultipartUpload("k", id);
+            },
+            nullptr}};
+    for (const auto& [name, act, stored] : rows)
+    {
+        SCOPED_TRACE(name);
+        conformance::put(*other, "k", "opened");
+        client().getObjectParts("k");
+        act();
+        if (stored != nullptr)
+        {
+            EXPECT_EQ(get("k"), stored);
+        }
+        conformance::put(*other, "k", "theirs");
+        try
+        {
+            EXPECT_NE(get("k", 0, 3), "thei");
+        }
+        catch (const CloudException&)
+        {
+            // expected, unless the opened version is still in memory
+        }
+        client().getObjectParts("k");
+        EXPECT_EQ(get("k"), "theirs") << "it was opened again";
+    }
 }
 
 TEST_P(CloudClientConformance, WritesOnlyOverTheRequiredVersion)

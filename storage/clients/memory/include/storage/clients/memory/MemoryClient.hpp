@@ -2,6 +2,7 @@
 
 #include <storage/clients/common/RequiredVersions.hpp>
 #include <storage/clients/common/UploadInventory.hpp>
+#include <storage/clients/common/VersionPins.hpp>
 #include <storage/clients/common/WriteConditions.hpp>
 
 #include <storage/cloudprovider/CloudClient.hpp>
@@ -39,8 +40,10 @@ struct OpenUpload
 /// or reader uses some of them.
 ///
 /// Every stored object and part gets a new tag, even if its bytes are the same as before, so copyPart() always detects
-/// that the object has changed. getObjectParts() returns the parts of the completed upload, numbered from 0. An object
-/// stored by putObject() is one part. checkObjectName() and checkKey() decide which names and keys are valid.
+/// that the object has changed. Ranges are read from the version that getObjectParts() returned, or that this client
+/// has written since; see VersionPins. If somebody else has changed the object, the read or the completion of a patch
+/// fails. getObjectParts() returns the parts of the completed upload, numbered from 0. An object stored by putObject()
+/// is one part. checkObjectName() and checkKey() decide which names and keys are valid.
 ///
 /// Threads: any thread may call any operation at any time. No lock is held while a content stream or the clock is used.
 class MemoryClient : public cloudprovider::CloudClient, public UploadInventory, public WriteConditions
@@ -55,6 +58,9 @@ public:
     /// @param clock  returns the modification time of new objects, UTC; empty: the system's clock
     explicit MemoryClient(Clock clock = {});
     ~MemoryClient() override;
+
+    /// Make another client of the same store, as another process would have of a durable one.
+    std::shared_ptr<MemoryClient> openAnother() const;
 
     cloudprovider::ObjectInfo getObjectInfo(const std::string& key) override;
     void validateObjectName(const std::string& name) override;
@@ -78,7 +84,7 @@ public:
     std::unique_ptr<Condition> requireVersion(const std::string& key, const std::string& tag) override;
     bool isAtomic() const noexcept override { return true; }
 
-    // Direct access for tests, which bypasses all decorators and ignores conditions.
+    // Direct access for tests, which bypasses all decorators, conditions and pins: it acts as another client.
 
     /// Store an object, replacing an existing one. @throws InvalidLocationException for an invalid key
     void put(const std::string& key, std::string_view content);
@@ -99,8 +105,11 @@ public:
     void setPageSize(std::size_t entries) noexcept;
 
 private:
+    MemoryClient(Clock clock, std::shared_ptr<MemoryStore> store);
+
     const Clock m_clock;
-    const std::unique_ptr<MemoryStore> m_store;
+    const std::shared_ptr<MemoryStore> m_store;
+    VersionPins m_pins;
     RequiredVersions m_required;
     std::atomic<std::size_t> m_pageSize = defaultPageSize;
 };
