@@ -19,6 +19,7 @@ FilteredEntryIterator::FilteredEntryIterator(const FilteredEntryIterator& other)
     , m_inner(other.m_inner->clone())
     , m_current(other.m_current)
     , m_next(other.m_next)
+    , m_failure(other.m_failure)
 {
 }
 
@@ -35,20 +36,36 @@ bool FilteredEntryIterator::hasNext() const
 void FilteredEntryIterator::next()
 {
     m_current = std::exchange(m_next, std::nullopt);
+    const std::exception_ptr failure = std::exchange(m_failure, nullptr);
     findNext();
+    if (failure)
+    {
+        std::rethrow_exception(failure);
+    }
 }
 
 void FilteredEntryIterator::findNext()
 {
     while (!m_next && m_inner->hasNext())
     {
-        m_inner->next();
+        try
+        {
+            m_inner->next();
+        }
+        catch (...)
+        {
+            m_failure = std::current_exception(); // getCurrent() returns this entry, but later ones are missing
+        }
         FolderEntry entry = m_inner->getCurrent();
         const std::u16string_view name = entry.name();
         if (m_pattern->matches(name.substr(name.rfind(u'/') + 1)))
         {
             m_next = std::move(entry);
         }
+    }
+    if (!m_next && m_failure)
+    {
+        std::rethrow_exception(std::exchange(m_failure, nullptr));
     }
 }
 

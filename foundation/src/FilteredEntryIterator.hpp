@@ -4,6 +4,7 @@
 
 #include <foundation/storage/provider/IFolderEntryIterator.hpp>
 
+#include <exception>
 #include <memory>
 #include <optional>
 #include <string>
@@ -30,6 +31,7 @@ private:
     const FolderEntryIteratorPtr m_inner;
     std::optional<FolderEntry> m_current;
     std::optional<FolderEntry> m_next; // read ahead, because hasNext() depends on it
+    std::exception_ptr m_failure;      // of reading ahead; thrown when the caller moves to m_next
 };
 
 } // namespace foundation::storage::provider

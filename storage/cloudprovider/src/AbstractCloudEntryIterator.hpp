@@ -62,10 +62,15 @@ protected:
             foundation::storage::provider::FileAttributes(entry.size, entry.lastModified, true));
     }
 
+    /// Does nothing for a name that is empty or ends in "/", as keys with "//" give it: its IRI is that of another
+    /// folder, so a caller that lists folder by folder would not end.
     void queueFolder(const std::string& name, const boost::posix_time::ptime& lastModified)
     {
-        m_pending.emplace_back(
-            fl::i18n::utf8_to_ustring(name), foundation::storage::provider::FolderAttributes(lastModified, true));
+        if (!name.empty() && !utils::hasTrailingSlash(name))
+        {
+            m_pending.emplace_back(
+                fl::i18n::utf8_to_ustring(name), foundation::storage::provider::FolderAttributes(lastModified, true));
+        }
     }
 
     /// Fetch pages until an entry is pending or the listing ends.
@@ -79,10 +84,12 @@ protected:
         {
             const std::string prefix = utils::ensureTrailingSlash(utils::iriToKey(m_iri));
             const ListOptions options{delimiter(), -1};
+            bool mayBeMissing = first;
             for (; first || !m_continuationToken.empty(); first = false)
             {
                 const std::vector<ObjectEntry> page = m_client->listObjects(prefix, m_continuationToken, options);
-                if (first && page.empty() && !m_client->getObjectInfo(prefix).exists)
+                mayBeMissing = mayBeMissing && page.empty();
+                if (mayBeMissing && m_continuationToken.empty() && !m_client->getObjectInfo(prefix).exists)
                 {
                     throw ResourceNotFoundException();
                 }

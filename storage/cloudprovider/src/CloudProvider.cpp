@@ -114,7 +114,14 @@ void putEmptyObject(CloudClient& client, const std::string& key)
 bool hasObjectBelow(CloudClient& client, const std::string& folder)
 {
     std::string token;
-    return !client.listObjects(folder, token, ListOptions{"", 1}).empty();
+    do // a page before the last may be empty
+    {
+        if (!client.listObjects(folder, token, ListOptions{"", 1}).empty())
+        {
+            return true;
+        }
+    } while (!token.empty());
+    return false;
 }
 
 /// List a folder completely, or one level of it with a delimiter. Can be interrupted between pages.

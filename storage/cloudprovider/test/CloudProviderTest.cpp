@@ -118,11 +118,15 @@ TEST_F(CloudProviderTest, AFailedFetchDoesNotLoseTheEntryTaken)
 {
     store->setPageSize(1);
     store->put("marked/\xC3\xA9", "");
-    const fsp::FolderEntryIteratorPtr listing = provider->listAll(iriOf("marked"));
-    fail(Operation::ListObjects, 1);
-    EXPECT_EQ(outcome([&] { listing->next(); }), "PermissionDenied: mem://test/marked: why");
-    EXPECT_EQ(listing->getCurrent().name(), u"x");
-    EXPECT_FALSE(listing->hasNext());
+    const auto marked = iriOf("marked");
+    for (const bool isFiltered : {false, true})
+    {
+        fail(Operation::ListObjects, 3);
+        const auto listing = isFiltered ? provider->listAllWildcards(marked, u"x") : provider->listAll(marked);
+        EXPECT_EQ(outcome([&] { listing->next(); }), "PermissionDenied: mem://test/marked: why");
+        EXPECT_EQ(listing->getCurrent().name(), u"x");
+        EXPECT_FALSE(listing->hasNext());
+    }
 }
 
 TEST_F(CloudProviderTest, TranslatesFailures)

@@ -39,7 +39,8 @@ enum class FolderPolicy : std::uint32_t
 ///   streams share, and the last of them to close stores the result.
 /// - Recursive removal stops at the first failure. Entries removed before that stay removed.
 /// - Folders cannot be moved; times and permissions cannot be set (Unsupported).
-/// - A listing fetches one page at a time as the caller advances. The call that returns it fetches the first page.
+/// - A listing fetches pages as the caller advances, each time up to the next entry. The call that returns it fetches
+///   the first entry. Folders whose name would be empty or end in "/" are left out: their IRI names another folder.
 class CLOUDPROVIDER_EXPORT CloudProvider : public foundation::storage::provider::IProvider
 {
 public:
