@@ -94,9 +94,23 @@ void runTwoIriOperation(
     throw fsp::Exception(fsp::ErrorCode::Unsupported, iri);
 }
 
+/// @throws foundation::storage::provider::Exception (InvalidLocation) for a key that only a folder can have
 std::string fileKey(const fsp::StorageIRI& iri)
 {
-    return utils::iriToKey(iri);
+    std::string key = utils::iriToKey(iri);
+    if (utils::hasTrailingSlash(key))
+    {
+        throw fsp::Exception(
+            fsp::ErrorCode(fsp::ErrorCode::InvalidLocation, "the name of a file cannot end in \"/\""), iri);
+    }
+    return key;
+}
+
+/// Return the attributes of a file. A key that no file can have is not looked up.
+ObjectInfo fileInfo(CloudClient& client, const fsp::StorageIRI& iri)
+{
+    const std::string key = utils::iriToKey(iri);
+    return key.empty() || utils::hasTrailingSlash(key) ? ObjectInfo() : client.getObjectInfo(key);
 }
 
 std::string folderKey(const fsp::StorageIRI& iri)
@@ -223,7 +237,7 @@ void CloudProvider::doCreateFolder(const StorageIRI& iri) const
                 throw ResourceNotFoundException();
             }
             const std::string marker = folderKey(resolved);
-            if (m_client->getObjectInfo(fileKey(resolved)).exists || m_client->getObjectInfo(marker).exists)
+            if (m_client->getObjectInfo(utils::iriToKey(resolved)).exists || m_client->getObjectInfo(marker).exists)
             {
                 throw ResourceAlreadyExistsException();
             }
@@ -235,12 +249,7 @@ bool CloudProvider::doFileExists(const StorageIRI& iri) const
 {
     return runOperation(
         CallSite("virtual bool storage::cloudprovider::CloudProvider::doFileExists(const StorageIRI &) const", source),
-        iri,
-        [this](const StorageIRI& resolved)
-        {
-            const std::string key = fileKey(resolved);
-            return !key.empty() && m_client->getObjectInfo(key).exists;
-        });
+        iri, [this](const StorageIRI& resolved) { return fileInfo(*m_client, resolved).exists; });
 }
 
 bool CloudProvider::doFolderExists(const StorageIRI& iri) const
@@ -264,11 +273,12 @@ void CloudProvider::doRemoveFile(const StorageIRI& iri) const
         iri,
         [this](const StorageIRI& resolved)
         {
+            const std::string key = fileKey(resolved);
             if (globalOpenFileManager().isOpen(resolved))
             {
                 throw ResourceInUseException();
             }
-            m_client->deleteObject(fileKey(resolved));
+            m_client->deleteObject(key);
         });
 }
 
@@ -282,6 +292,7 @@ void CloudProvider::doMoveFile(
         "old_iri", oldIri, newIri,
         [&](const StorageIRI& from, const StorageIRI& to, const StorageIRI*& currentIri)
         {
+            const bool isSameFile = fileKey(from) == fileKey(to);
             if (globalOpenFileManager().isOpen(from))
             {
                 throw fsp::Exception(fsp::ErrorCode::InUse, from);
@@ -294,7 +305,7 @@ void CloudProvider::doMoveFile(
             {
                 throw fsp::Exception(fsp::ErrorCode::AlreadyExists, to);
             }
-            if (fileKey(from) == fileKey(to))
+            if (isSameFile)
             {
                 // A move would end by removing the copy itself.
                 getFileAttributes(from);
@@ -381,8 +392,7 @@ fsp::FileAttributes CloudProvider::doGetFileAttributes(const StorageIRI& iri) co
         iri,
         [this](const StorageIRI& resolved)
         {
-            const std::string key = fileKey(resolved);
-            const ObjectInfo info = key.empty() ? ObjectInfo() : m_client->getObjectInfo(key);
+            const ObjectInfo info = fileInfo(*m_client, resolved);
             if (!info.exists)
             {
                 throw ResourceNotFoundException();
@@ -423,7 +433,11 @@ fsp::ByteStreamPtr CloudProvider::doOpenStream(const StorageIRI& iri, const fsp:
                                  "StorageIRI &, const fsp::ByteStreamOpenOptions &) const",
                             source),
         iri,
-        [&](const StorageIRI& resolved) { return globalOpenFileManager().openReadWrite(resolved, options, m_client); });
+        [&](const StorageIRI& resolved)
+        {
+            fileKey(resolved); // rejects the name of a folder
+            return globalOpenFileManager().openReadWrite(resolved, options, m_client);
+        });
 }
 
 fsp::ByteStreamPtr CloudProvider::doOpenReadOnlyStream(const StorageIRI& iri) const
@@ -432,7 +446,12 @@ fsp::ByteStreamPtr CloudProvider::doOpenReadOnlyStream(const StorageIRI& iri) co
         CallSite("virtual fsp::ByteStreamPtr "
                  "storage::cloudprovider::CloudProvider::doOpenReadOnlyStream(const StorageIRI &) const",
             source),
-        iri, [this](const StorageIRI& resolved) { return globalOpenFileManager().openReadOnly(resolved, m_client); });
+        iri,
+        [this](const StorageIRI& resolved)
+        {
+            fileKey(resolved); // rejects the name of a folder
+            return globalOpenFileManager().openReadOnly(resolved, m_client);
+        });
 }
 
 fsp::FolderEntryIteratorPtr CloudProvider::doListAll(const StorageIRI& iri) const
@@ -485,13 +504,14 @@ void CloudProvider::doCopyFile(
         "iri", sourceIri, destination,
         [&](const StorageIRI& from, const StorageIRI& to, const StorageIRI*& currentIri)
         {
+            const bool isSameFile = fileKey(from) == fileKey(to);
             // Unlike a move, a copy accepts every policy value. Only 0 and 4 refuse an existing file.
             const bool refusesExisting = (static_cast<std::uint32_t>(policy) | 4U) == 4U;
             if ((fileExists(to) && refusesExisting) || (m_checkFolderOnCopy && folderExists(to)))
             {
                 throw fsp::Exception(fsp::ErrorCode::AlreadyExists, to);
             }
-            if (fileKey(from) == fileKey(to))
+            if (isSameFile)
             {
                 getFileAttributes(from);
                 return;

@@ -58,6 +58,16 @@ TEST_F(CloudProviderTest, MakesNoMoreCallsThanItNeeds)
     expect([&] { provider->moveFolder(iri, iriOf("e"), {}); }, "", "Unsupported: mem://test/file");
     expect([&] { provider->setLastModified(iri, {}); }, "", "Unsupported: mem://test/file");
     expect([&] { provider->setWritable(iri, true); }, "", "Unsupported: mem://test/file");
+    const auto only = iriOf("only/");
+    const std::string invalid = "InvalidLocation: mem://test/only/: the name of a file cannot end in \"/\"";
+    expect([&] { provider->createFile(only); }, "", invalid);
+    expect([&] { provider->removeFile(only); }, "", invalid);
+    expect([&] { provider->openStream(only, {}); }, "", invalid);
+    expect([&] { provider->openReadOnlyStream(only); }, "", invalid);
+    expect([&] { provider->moveFile(iri, only, {}); }, "", invalid);
+    expect([&] { provider->copyFile(iri, only, {}); }, "", invalid);
+    expect([&] { provider->getFileAttributes(only); }, "", "NotFound: mem://test/only/");
+    expect([&] { provider->existsExtended(only); }, "listObjects only/ '' 1");
     expect([&] { move("file", "././/file"); }, "listObjects file/ '' 1; getObjectInfo file");
     expect([&] { move("file", "b"); },
         "listObjects b/ '' 1; getObjectParts file; validateObjectName b; getObjectRange file 0 0; putObject b; "

@@ -27,7 +27,10 @@ enum class FolderPolicy : std::uint32_t
 /// follows it. Nothing is rolled back: after a failure the store is as the client left it.
 ///
 /// - A file is one object. It can be created without a parent folder; its key then implies the parent.
-/// - Files are read and written through streams (openStream, openReadOnlyStream); see OpenFileManager.
+/// - Files are read and written through streams (openStream, openReadOnlyStream); see OpenFileManager. A write that
+///   leaves a gap of more than 10,000 parts after the end of the file fails (Unsupported).
+/// - No file has a key that ends in "/": such a file does not exist, has no attributes (NotFound), and any other
+///   operation on it fails (InvalidLocation).
 /// - Removing a missing file is not an error. Removing or moving an open file fails (InUse). Open files are identified
 ///   by their IRI: a stream opened under another spelling of the same key is not detected.
 /// - Moving and copying read and write the contents through streams. If the copy fails, the source remains and the
