@@ -3,6 +3,8 @@
 #include "ErrorTranslation.hpp"
 #include "LogRecords.hpp"
 
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
 #include <foundation/storage/provider/ByteStreamFailure.hpp>
 
 #include <boost/numeric/conversion/cast.hpp>
@@ -143,38 +145,38 @@ std::streampos OpenFileByteStream::doSeek(const stream_offset off, const std::io
     return mapStreamError<fsp::ByteStreamSeekFailure>(
         [&]
         {
-            if (way == std::ios_base::beg)
-            {
-                m_fileOffset = 0;
-            }
-            else if (way != std::ios_base::cur)
-            {
-                m_fileOffset = m_partManager->getFileSize();
-            }
+            constexpr auto max = std::numeric_limits<stream_offset>::max();
+            std::uint64_t target = way == std::ios_base::beg   ? 0
+                                   : way == std::ios_base::cur ? m_fileOffset
+                                                               : m_partManager->getFileSize();
             if (off < 0)
             {
                 // The lowest offset has no positive counterpart. It stays negative, and the cast throws.
-                const stream_offset negated = off == std::numeric_limits<stream_offset>::min() ? off : -off;
-                const auto back = boost::numeric_cast<std::uint64_t>(negated);
-                m_fileOffset = m_fileOffset > back ? m_fileOffset - back : 0;
+                const auto back = boost::numeric_cast<std::uint64_t>(off < -max ? off : -off);
+                target = target > back ? target - back : 0;
+            }
+            else if (target > static_cast<std::uint64_t>(max - off))
+            {
+                throw UnsupportedOperationException("the position would be beyond 2^63-1");
             }
             else
             {
-                m_fileOffset += static_cast<std::uint64_t>(off);
+                target += static_cast<std::uint64_t>(off);
             }
-            m_atEnd = false;
             if (m_device)
             {
                 const OpenPartBuffer& part = *m_device->m_part;
-                if (m_fileOffset >= part.offset() && m_fileOffset < part.offset() + part.capacity())
+                if (target >= part.offset() && target < part.offset() + part.capacity())
                 {
-                    m_device->m_partOffset = m_fileOffset - part.offset();
+                    m_device->m_partOffset = target - part.offset();
                 }
                 else
                 {
                     closeCurrentPart();
                 }
             }
+            m_fileOffset = target;
+            m_atEnd = false;
             logResult(site, named("m_fileOffset", m_fileOffset));
             return std::streampos(static_cast<std::streamoff>(m_fileOffset));
         });

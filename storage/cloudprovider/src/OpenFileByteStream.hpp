@@ -38,7 +38,8 @@ protected:
     /// @return `n`; or -1, having written nothing, if a read has reached the end of the file and no seek has followed
     std::streamsize doWrite(const char* s, std::streamsize n) override;
 
-    /// Set the position. A position before the start becomes 0. A position beyond the end is allowed.
+    /// Set the position. A position before the start becomes 0. A position beyond the end is allowed; one beyond 2^63-1
+    /// fails, and the stream stays where it was.
     /// @return the new position
     std::streampos doSeek(const stream_offset off, const std::ios_base::seekdir way) override;
 

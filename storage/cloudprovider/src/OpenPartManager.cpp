@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <istream>
 #include <shared_mutex>
+#include <sstream>
 #include <utility>
 
 namespace storage::cloudprovider
@@ -20,6 +21,8 @@ namespace
 {
 
 constexpr const char* source = "storage/cloudprovider/src/OpenPartManager";
+
+constexpr std::size_t maxGapParts = 10'000; // the maximum of parts that common stores accept for one object
 
 } // namespace
 
@@ -58,6 +61,18 @@ void OpenPartManager::initPreserveExisting(bool requirePresent)
     if (stored.empty())
     {
         stored.emplace_back();
+    }
+
+    for (std::size_t index = 0, offset = 0; index < stored.size(); offset += stored[index++].Size)
+    {
+        const PartInfo& part = stored[index];
+        if (part.Index != index || part.Offset != offset)
+        {
+            std::ostringstream message;
+            message << "getObjectParts(\"" << m_context->key << "\") returned " << part << " at position " << index
+                    << ": Index must be the position, and Offset the sum of the sizes before it, " << offset;
+            throw UnsupportedOperationException(message.str());
+        }
     }
 
     m_uploadManager->setLastTag(stored.front().Tag);
@@ -160,6 +175,14 @@ void OpenPartManager::extendTo(std::size_t fileOffset)
             throw UnsupportedOperationException("writing \"" + m_context->key + "\" at offset " +
                                                 std::to_string(fileOffset) +
                                                 ": the file cannot grow because the part size is 0");
+        }
+        const std::size_t moreParts = (fileOffset - (last->offset() + last->capacity())) / m_context->partSize;
+        if (moreParts >= maxGapParts)
+        {
+            throw UnsupportedOperationException("writing \"" + m_context->key + "\" at offset " +
+                                                std::to_string(fileOffset) + ": the gap needs more than " +
+                                                std::to_string(maxGapParts) + " parts of " +
+                                                std::to_string(m_context->partSize) + " bytes");
         }
         const bool grows = last->size() < last->capacity();
         if (!grows || last->localDataVersion() == LocalDataVersion::NEW)

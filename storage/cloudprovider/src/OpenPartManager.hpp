@@ -43,6 +43,7 @@ public:
     ///
     /// @param requirePresent  whether a missing object is an error; if not, the file stays empty and new
     /// @throws ResourceNotFoundException when the object is missing and required
+    /// @throws UnsupportedOperationException when the store numbers the parts wrongly or leaves gaps between them
     /// @throws CloudException from the store
     void initPreserveExisting(bool requirePresent);
 
@@ -61,7 +62,8 @@ public:
     /// @param createIfNonExistent  whether to extend the file to the offset if it ends before it; the gap reads as
     ///                             zeros
     /// @return the part, to be passed to closePart(); null if the file ends at or before the offset and must not grow
-    /// @throws UnsupportedOperationException when the file cannot grow because the part size is 0
+    /// @throws UnsupportedOperationException when the file cannot grow because the part size is 0, or because it would
+    ///         need more than 10,000 new parts at once; the file is unchanged
     /// @throws CloudException from the store, or from local buffers when the disk is full
     std::unique_ptr<OpenPartDevice> openPart(std::size_t fileOffset, bool createIfNonExistent);
 

@@ -123,7 +123,10 @@ TEST_F(OpenFileTest, RejectsWhatItCannotDo)
                                                      "the file cannot grow because the part size is 0");
     constexpr auto min = std::numeric_limits<fsp::stream_offset>::min();
     EXPECT_EQ(outcome([&] { stream->seek(min, std::ios_base::cur); }), "ByteStreamSeekFailure: Unknown");
-    EXPECT_EQ(stream->seek(min + 1, std::ios_base::cur), 0);
+    constexpr auto max = std::numeric_limits<fsp::stream_offset>::max();
+    EXPECT_EQ(stream->seek(max - 6, std::ios_base::cur), max);
+    EXPECT_EQ(reasonOf([&] { stream->seek(1, std::ios_base::cur); }), "Unsupported") << "beyond 2^63-1";
+    EXPECT_EQ(stream->seek(-max, std::ios_base::cur), 0) << "a refused seek leaves the stream where it was";
     fail(Operation::PutObject);
     EXPECT_EQ(outcome([&] { stream->close(); }), "ByteStreamCloseFailure: PermissionDenied: why");
     EXPECT_EQ(outcome([&] { stream->close(); }), "done") << "a second close does nothing";
@@ -132,6 +135,26 @@ TEST_F(OpenFileTest, RejectsWhatItCannotDo)
     EXPECT_EQ(outcome([&] { stream->read(nullptr, 1); }), "ByteStreamReadFailure: " + closed);
     EXPECT_EQ(outcome([&] { write(*stream, "x"); }), "ByteStreamWriteFailure: " + closed);
     openStored({}, 4).reset(); // the flush fails, and the destructor must not throw
+    faults->clearFaults();
+    stream = openStored({4}, 4);
+    EXPECT_EQ(reasonOf([&] { writeAt(*stream, 40'004, "x"); }), "Unsupported") << "a gap of more than 10,000 parts";
+    EXPECT_EQ(stream->seek(0, std::ios_base::end), 4) << "refused before the first part is added";
+}
+
+TEST_F(OpenFileTest, RejectsPartsThatAClientNumbersWrongly)
+{
+    struct WrongClient : clients::MemoryClient
+    {
+        std::vector<PartInfo> getObjectParts(const std::string& key) override
+        {
+            return {{0, 0, 4, ""}, {key == "index" ? 2U : 1U, key == "offset" ? 5U : 4U, 4, ""}};
+        }
+    };
+    const auto wrong = buildCloudProvider(std::make_shared<WrongClient>(), {}, false);
+    for (const char* key : {"index", "offset"})
+    {
+        EXPECT_EQ(reasonOf([&] { wrong->openReadOnlyStream(iriOf(key)); }), "Unsupported");
+    }
 }
 
 TEST_F(OpenFileTest, TakesSizesFromTheEnvironment)
