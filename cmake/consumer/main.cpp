@@ -1,7 +1,6 @@
 /// Run the examples of docs/embedding.md on the store whose URL is the argument, and check what they do.
 
 #include <foundation/storage/provider/IProvider.hpp>
-#include <storage/clients/decorators/CancellableClient.hpp>
 #include <storage/clients/stores/OpenStore.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 #include <storage/cloudprovider/CloudProvider.hpp>
@@ -20,8 +19,7 @@ void append(const fsp::IProvider& provider, const fsp::StorageIRI& file, std::st
 std::string readAt(
     const fsp::IProvider& provider, const fsp::StorageIRI& file, std::streamoff offset, std::size_t count);
 unsigned long totalSize(const fsp::IProvider& provider, const fsp::StorageIRI& folder);
-void replace(
-    std::shared_ptr<storage::cloudprovider::CloudClient> store, const fsp::StorageIRI& file, std::istream& source);
+void replace(const fsp::IProvider& provider, const fsp::StorageIRI& file, std::istream& source);
 
 namespace
 {
@@ -62,7 +60,7 @@ void run(const std::string& storeUrl)
     const fsp::StorageIRI file = folder.getChild(u"greeting.txt");
 
     std::istringstream content("written through an installed library\n");
-    replace(store, file, content);
+    replace(*provider, file, content);
     append(*provider, file, "and appended to");
     require(readAt(*provider, file, 16, 1000) == "an installed library\nand appended to\n", "the end of the file");
     require(readAt(*provider, file, 8, 7) == "through", "a range of the file");
@@ -72,12 +70,12 @@ void run(const std::string& storeUrl)
     std::istream source(&broken);
     try
     {
-        replace(store, file, source);
+        replace(*provider, file, source);
         require(false, "a failure of the source");
     }
     catch (const std::runtime_error&)
     {
-        require(readAt(*provider, file, 0, 7) == "written", "the old content after a cancelled write");
+        require(readAt(*provider, file, 0, 7) == "written", "the old content after an abandoned write");
     }
 
     // Exceptions cross the library boundary in both directions: the client in this program throws, the provider

@@ -112,9 +112,12 @@ void IProvider::doCopyFileAtomic(
     const ByteStreamPtr to = openTransactionalStream(destination);
     try
     {
-        copyBytes(*from, *to);
-        from->close();
-        to->close();
+        const auto copy = [&]
+        {
+            copyBytes(*from, *to);
+            from->close();
+        };
+        storeOrAbandon(*to, copy);
     }
     catch (const ByteStreamReadFailure& failure)
     {
@@ -183,28 +186,21 @@ ExtendedAttributes IProvider::doGetExtendedAttributes(const StorageIRI& iri) con
 
 void IProvider::doTruncateToSize(const StorageIRI& iri, std::uint64_t size) const
 {
-    const std::optional<unsigned long> present = getFileAttributes(iri).size();
-    if (present == size)
-    {
-        return;
-    }
-    if (size != 0 && (!present || size < *present))
-    {
-        throw Exception(
-            ErrorCode(ErrorCode::Unsupported, "truncating to this size would rewrite the rest of the file"), iri);
-    }
-
-    // Extending keeps the contents and truncating to 0 keeps none, so a failure loses no byte that should be kept.
-    const ByteStreamPtr stream = openStream(
-        iri, {ByteStreamReadAccess::None, ByteStreamCreate::MustExist,
-                 size == 0 ? ByteStreamTruncate::Discard : ByteStreamTruncate::Keep, ByteStreamWritePosition::Append});
     try
     {
-        if (size != 0)
+        // The stream's own end counts: if the file is open elsewhere, it differs from the size of what is stored.
+        constexpr auto create = ByteStreamCreate::MustExist;
+        constexpr auto position = ByteStreamWritePosition::Append;
+        const ByteStreamPtr stream =
+            size == 0 ? openToReplace(*this, iri, create, position)
+                      : openStream(iri, {ByteStreamReadAccess::None, create, ByteStreamTruncate::Keep, position});
+        const auto present = static_cast<std::uint64_t>(std::streamoff(stream->seek(0, std::ios_base::end)));
+        if (size < present)
         {
-            appendZeros(*stream, size - *present);
+            throw Exception(
+                ErrorCode(ErrorCode::Unsupported, "truncating to this size would rewrite the rest of the file"), iri);
         }
-        stream->close();
+        storeOrAbandon(*stream, [&] { appendZeros(*stream, size - present); });
     }
     catch (const ByteStreamFailure& failure)
     {

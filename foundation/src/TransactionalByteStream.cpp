@@ -84,10 +84,8 @@ void TransactionalByteStream::doClose()
     {
         scratch.seek(0, std::ios_base::beg);
         const ByteStreamPtr target =
-            m_provider.openStream(m_target, {ByteStreamReadAccess::None, ByteStreamCreate::IfMissing,
-                                                ByteStreamTruncate::Discard, ByteStreamWritePosition::AtOffset});
-        copyBytes(scratch, *target);
-        target->close();
+            openToReplace(m_provider, m_target, ByteStreamCreate::IfMissing, ByteStreamWritePosition::AtOffset);
+        storeOrAbandon(*target, [&] { copyBytes(scratch, *target); });
     }
     catch (const ByteStreamFailure& failure)
     {
@@ -97,6 +95,11 @@ void TransactionalByteStream::doClose()
     {
         throw ByteStreamCloseFailure(ErrorCode(ErrorCode::Unknown, std::string("temporary file: ") + failure.what()));
     }
+}
+
+void TransactionalByteStream::doAbandon()
+{
+    m_scratch = boost::iostreams::file_descriptor();
 }
 
 } // namespace foundation::storage::provider

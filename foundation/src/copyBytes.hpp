@@ -2,6 +2,7 @@
 
 #include <foundation/storage/provider/ByteStream.hpp>
 #include <foundation/storage/provider/ByteStreamFailure.hpp>
+#include <foundation/storage/provider/IProvider.hpp>
 
 #include <cstddef>
 #include <ios>
@@ -11,6 +12,22 @@ namespace foundation::storage::provider
 {
 
 inline constexpr std::streamsize copyChunk = 64L * 1024; // bytes; larger chunks copy no faster from the page cache
+
+/// Open a file to replace its contents.
+///
+/// @throws Exception with ErrorCode::InUse if the file is not empty then, because it is open elsewhere: its contents
+///         are shared, and what remains of them would be mixed with the new ones
+inline ByteStreamPtr openToReplace(
+    const IProvider& provider, const StorageIRI& iri, ByteStreamCreate create, ByteStreamWritePosition position)
+{
+    ByteStreamPtr stream =
+        provider.openStream(iri, {ByteStreamReadAccess::None, create, ByteStreamTruncate::Discard, position});
+    if (stream->seek(0, std::ios_base::end) != std::streampos(0))
+    {
+        throw Exception(ErrorCode(ErrorCode::InUse, "the file is open elsewhere and not empty"), iri);
+    }
+    return stream;
+}
 
 /// Write all `n` bytes.
 ///

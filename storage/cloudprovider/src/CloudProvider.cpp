@@ -157,7 +157,7 @@ std::vector<ObjectEntry> listEntries(CloudClient& client, const fsp::StorageIRI&
     return entries;
 }
 
-/// Copy one stream into another up to its end, then close both.
+/// Copy one stream into another up to its end, then close both. After a failure the destination is abandoned.
 /// @param currentIri  set to the IRI of the stream that is in use
 void copyStream(fsp::ByteStreamPtr reader, const fsp::StorageIRI& sourceIri, fsp::ByteStreamPtr writer,
     const fsp::StorageIRI& destinationIri, const fsp::StorageIRI*& currentIri)
@@ -165,26 +165,24 @@ void copyStream(fsp::ByteStreamPtr reader, const fsp::StorageIRI& sourceIri, fsp
     fsp::ByteStream& destination = *writer;
     fsp::GenericByteStreamDevice from(std::move(reader));
     fsp::GenericByteStreamDevice to(std::move(writer));
-    std::array<char, 4096> chunk{};
-    for (;;)
+    const auto copy = [&]
     {
-        currentIri = &sourceIri;
-        const std::streamsize count = from.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
-        if (count < 0)
+        std::array<char, 4096> chunk{};
+        for (;;)
         {
-            break;
+            currentIri = &sourceIri;
+            const std::streamsize count = from.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+            if (count < 0)
+            {
+                break;
+            }
+            currentIri = &destinationIri;
+            to.write(chunk.data(), count);
         }
+        from.close();
         currentIri = &destinationIri;
-        to.write(chunk.data(), count);
-    }
-    from.close();
-    currentIri = &destinationIri;
-    // If no multipart upload can be opened, close() reports success, and a move would then remove the only copy.
-    // Seeking away from the last part uploads it if the file has several parts. An empty write then retries failed
-    // uploads and throws if they fail again.
-    destination.seek(0, std::ios_base::beg);
-    destination.write(chunk.data(), 0);
-    to.close(); // here the contents reach the store
+    };
+    fsp::storeOrAbandon(destination, copy);
 }
 
 } // namespace
@@ -322,6 +320,11 @@ void CloudProvider::doMoveFile(
                 openStream(to, {fsp::ByteStreamReadAccess::None, fsp::ByteStreamCreate::IfMissing,
                                    fsp::ByteStreamTruncate::Discard, fsp::ByteStreamWritePosition::AtOffset});
             copyStream(std::move(reader), from, std::move(writer), to, currentIri);
+            if (globalOpenFileManager().isOpen(to))
+            {
+                // Opened during the copy. The source stays, because only the close of that stream may store the copy.
+                throw fsp::Exception(fsp::ErrorCode::InUse, to);
+            }
             removeFile(from);
         });
 }

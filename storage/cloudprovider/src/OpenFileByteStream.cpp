@@ -227,6 +227,15 @@ void OpenFileByteStream::doClose()
     }
 }
 
+void OpenFileByteStream::doAbandon()
+{
+    logEntry(CallSite("virtual void storage::cloudprovider::OpenFileByteStream::doAbandon()", source));
+    if (m_partManager)
+    {
+        m_partManager->abandonChanges();
+    }
+}
+
 void OpenFileByteStream::dropInvalidPart()
 {
     if (m_device && m_device->m_part->localDataVersion() == LocalDataVersion::INVALID)

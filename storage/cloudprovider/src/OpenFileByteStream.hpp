@@ -48,6 +48,9 @@ protected:
     /// A failed step does not skip the later ones; the first failure is thrown at the end. A second close does nothing.
     void doClose() override;
 
+    /// Drop the file's changes, if no other stream shared them. See OpenPartManager::abandonChanges().
+    void doAbandon() override;
+
 private:
     void dropInvalidPart();
     void closeCurrentPart();

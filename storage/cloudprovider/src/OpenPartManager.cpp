@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <istream>
 #include <shared_mutex>
-#include <sstream>
 #include <utility>
 
 namespace storage::cloudprovider
@@ -68,10 +67,10 @@ void OpenPartManager::initPreserveExisting(bool requirePresent)
         const PartInfo& part = stored[index];
         if (part.Index != index || part.Offset != offset)
         {
-            std::ostringstream message;
-            message << "getObjectParts(\"" << m_context->key << "\") returned " << part << " at position " << index
-                    << ": Index must be the position, and Offset the sum of the sizes before it, " << offset;
-            throw UnsupportedOperationException(message.str());
+            throw UnsupportedOperationException(
+                "getObjectParts(\"" + m_context->key + "\") returned Index " + std::to_string(part.Index) +
+                " and Offset " + std::to_string(part.Offset) + " at position " + std::to_string(index) +
+                ": Index must be the position, and Offset the sum of the sizes before it, " + std::to_string(offset));
         }
     }
 
@@ -224,7 +223,7 @@ void OpenPartManager::closePart(std::unique_ptr<OpenPartDevice> device)
     const OpenPartBufferSharedPtr part = std::move(device->m_part);
     device.reset();
     part->close();
-    if (part->isOpen())
+    if (part->isOpen() || m_isAbandoned)
     {
         return;
     }
@@ -250,7 +249,18 @@ void OpenPartManager::registerByteStream()
 {
     logEntry(CallSite("void storage::cloudprovider::OpenPartManager::registerByteStream()", source));
     const std::unique_lock streamLock(m_streamLock);
-    ++m_byteStreamCount;
+    if (m_isAbandoned)
+    {
+        throw ResourceInUseException("the changes of the file are being dropped");
+    }
+    m_isShared = ++m_byteStreamCount > 1;
+}
+
+void OpenPartManager::abandonChanges()
+{
+    logEntry(CallSite("void storage::cloudprovider::OpenPartManager::abandonChanges()", source));
+    const std::unique_lock streamLock(m_streamLock);
+    m_isAbandoned = !m_isShared;
 }
 
 void OpenPartManager::unregisterByteStream()
@@ -258,7 +268,7 @@ void OpenPartManager::unregisterByteStream()
     logEntry(CallSite("void storage::cloudprovider::OpenPartManager::unregisterByteStream()", source));
     const std::unique_lock streamLock(m_streamLock);
     --m_byteStreamCount;
-    if (m_byteStreamCount == 0)
+    if (m_byteStreamCount == 0 && !m_isAbandoned)
     {
         flushParts(); // under the lock, so that no part is opened or closed meanwhile
     }

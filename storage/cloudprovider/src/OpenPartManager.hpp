@@ -76,7 +76,12 @@ public:
     void rerunFailedUploads();
 
     /// Register a stream. Waits until no part is being opened or closed.
+    /// @throws ResourceInUseException when the changes were abandoned: opening the file again can succeed at once
     void registerByteStream();
+
+    /// Drop all changes instead of writing them when the last stream unregisters. Does nothing if another stream has
+    /// been registered since the caller's, because it shares the changes and may have made some of them.
+    void abandonChanges();
 
     /// Unregister a stream. The last one writes the file to the store if it was modified.
     /// @throws CloudException when the file was not written; the stored object is unchanged
@@ -92,7 +97,9 @@ private:
 
     mutable Mutex m_partsMutex;
     std::vector<OpenPartBufferSharedPtr> m_parts GUARDED_BY(m_partsMutex); // never empty; element i has Index i
-    std::size_t m_byteStreamCount = 0;                                     // guarded by m_streamLock, exclusive
+    std::size_t m_byteStreamCount = 0;                                     // these three guarded by m_streamLock:
+    bool m_isShared = false;                                               // several streams since there was none
+    bool m_isAbandoned = false;                                            // exclusive to change, shared to read
     DownloadedPartCache m_partCache;
     const std::unique_ptr<MultipartUploadManager> m_uploadManager;
     const OpenFileContextSharedPtr m_context;

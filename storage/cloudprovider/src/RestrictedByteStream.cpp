@@ -34,6 +34,11 @@ void RestrictedByteStream::doClose()
     m_inner->close();
 }
 
+void RestrictedByteStream::doAbandon()
+{
+    m_inner->abandon();
+}
+
 std::streamsize ReadOnlyByteStream::doWrite(const char* /*s*/, std::streamsize /*n*/)
 {
     throw fsp::ByteStreamWriteFailure(fsp::ErrorCode::PermissionDenied);

@@ -18,6 +18,7 @@ protected:
     std::streamsize doWrite(const char* s, std::streamsize n) override;
     std::streampos doSeek(const stream_offset off, const std::ios_base::seekdir way) override;
     void doClose() override;
+    void doAbandon() override;
 
 private:
     const foundation::storage::provider::ByteStreamPtr m_inner;

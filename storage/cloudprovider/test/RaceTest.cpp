@@ -162,6 +162,23 @@ TEST_P(RaceTest, AStreamOpenedDuringAFlushWaits)
     }
 }
 
+TEST_P(RaceTest, AMoveLosesNothingIfItsDestinationIsOpened)
+{
+    store->put("source", "0123456789");
+    fsp::ByteStreamPtr other;
+    const auto open = [&]
+    {
+        other = provider->openStream(iriOf("file"), editing);
+        writeAt(*other, 10, "other");
+    };
+    const auto move = [&] { provider->moveFile(iriOf("source"), iriOf("file"), {}); };
+    meet(
+        Operation::GetObjectRange, [&] { EXPECT_EQ(reasonOf(move), fails ? "Unknown" : "InUse"); }, open);
+    other->close();
+    EXPECT_EQ(stored("source"), "0123456789");
+    EXPECT_EQ(stored("file"), (fails ? std::string(10, '\0') : "0123456789") + "other");
+}
+
 TEST_P(RaceTest, TwoFirstPartsOpenOneUpload)
 {
     putParts("file", std::string(48, 'a'), {16, 16, 16});

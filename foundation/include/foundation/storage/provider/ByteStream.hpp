@@ -6,6 +6,7 @@
 
 #include <boost/iostreams/positioning.hpp>
 
+#include <functional>
 #include <ios>
 #include <memory>
 
@@ -57,6 +58,13 @@ public:
     /// @throws ByteStreamCloseFailure; the stream is closed nevertheless
     void close();
 
+    /// Drop what was written instead of storing it: close() and the destructor then leave the file as it was before the
+    /// stream was opened.
+    ///
+    /// Does nothing if the stream cannot drop it, for example because other streams share the contents: the provider
+    /// says when. Do not use the stream afterwards, except to close it.
+    void abandon();
+
 protected:
     ByteStream() = default;
 
@@ -64,9 +72,16 @@ protected:
     virtual std::streamsize doWrite(const char* s, std::streamsize n) = 0;
     virtual std::streampos doSeek(const stream_offset off, const std::ios_base::seekdir way) = 0;
     virtual void doClose() = 0;
+    virtual void doAbandon(); // does nothing
 };
 
 /// Owns a stream.
 using ByteStreamPtr = std::unique_ptr<ByteStream>;
+
+/// Write to a stream, close it, and throw unless everything is stored. After a failure the stream is abandoned.
+///
+/// @param write  writes to `stream`
+/// @throws everything that `write` and the stream throw
+FOUNDATION_EXPORT void storeOrAbandon(ByteStream& stream, const std::function<void()>& write);
 
 } // namespace foundation::storage::provider

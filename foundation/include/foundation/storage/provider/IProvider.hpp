@@ -114,9 +114,10 @@ public:
     /// Default: `scratchFolder` is an existing local folder, as a "file" IRI ("file:///var/tmp"), or the empty IRI for
     /// the system's temporary folder. Any other IRI throws ErrorCode::InvalidLocation. The stream starts empty, and
     /// reads, writes and seeks in a local temporary file. Closing it copies this file to a stream from openStream with
-    /// ByteStreamTruncate::Discard, and closes that stream. Whether the target changes in one step depends on that
-    /// stream. If the copy fails, close() throws, and the target is as the provider leaves it after a failed write. The
-    /// provider must outlive the stream.
+    /// ByteStreamTruncate::Discard, and stores that stream (storeOrAbandon). Whether the target changes in one step
+    /// depends on that stream. If the copy fails, close() throws, and the target keeps its contents if that stream can
+    /// be abandoned. If the target is open elsewhere and not empty then, close() throws ErrorCode::InUse and writes
+    /// nothing. The provider must outlive the stream.
     ByteStreamPtr openTransactionalStreamAtScratchLocation(const StorageIRI& iri, const StorageIRI& scratchFolder) const
     {
         return doOpenTransactionalStreamAtScratchLocation(iri, scratchFolder);
@@ -245,10 +246,10 @@ public:
 
     /// Truncate an existing file to `size` bytes, or extend it to `size` bytes with zeros.
     ///
-    /// Default: getFileAttributes, then openStream. Truncates only to 0 bytes, extends by appending zeros, and does
-    /// nothing if the file has that size. Throws ErrorCode::Unsupported for any other size, because a failure while
-    /// writing the kept bytes again would lose them, and for a size above 0 if the provider does not know the file's
-    /// size.
+    /// Default: openStream, then storeOrAbandon. Truncates only to 0 bytes, and extends by appending zeros at the
+    /// stream's own end. Throws ErrorCode::Unsupported for any other size, because a failure while writing the kept
+    /// bytes again would lose them, and ErrorCode::InUse for the size 0 if the file is open elsewhere and not empty. If
+    /// the file is open elsewhere and grows, its streams share the zeros, and the last of them to close stores them.
     void truncateToSize(const StorageIRI& iri, std::uint64_t size) const { doTruncateToSize(iri, size); }
 
     /// Get the number of bytes that the provider's local caches use for `iri`.

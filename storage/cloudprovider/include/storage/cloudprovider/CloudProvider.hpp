@@ -33,13 +33,17 @@ enum class FolderPolicy : std::uint32_t
 ///   operation on it fails (InvalidLocation).
 /// - Removing a missing file is not an error. Removing or moving an open file fails (InUse). Open files are identified
 ///   by their IRI: a stream opened under another spelling of the same key is not detected.
-/// - Moving and copying read and write the contents through streams. If the copy fails, the source remains and the
-///   destination may be incomplete. Moving or copying a file onto itself changes nothing.
+/// - Moving and copying read and write the contents through streams. If they fail, the source remains, and the
+///   destination is the old object or the complete copy. Moving or copying a file onto itself changes nothing.
 /// - A move fails if the destination is a folder (AlreadyExists), is a file and the policy is ReplacementPolicy::Fail
-///   (AlreadyExists), or is open (InUse), and if the policy is unknown (Unsupported).
+///   (AlreadyExists), or is open (InUse), and if the policy is unknown (Unsupported). If a stream is opened on the
+///   destination during the copy and is still open after it, the move keeps the source and fails (InUse).
 /// - A copy fails if the destination is a file and the policy is 0 or 4, or if it is a folder and the provider was
 ///   built to check for that (AlreadyExists). If the destination is open, the copy writes into the contents that its
-///   streams share, and the last of them to close stores the result.
+///   streams share: bytes beyond the end of the source stay, a failed copy leaves what it has written, and the last of
+///   the streams to close stores the result. A copy whose destination is opened during the copy does the same.
+/// - A stream that is abandoned stores nothing, unless another stream was open on the file at the same time: that
+///   stream shares the contents and may have changed them, so the last of them to close stores all.
 /// - Recursive removal stops at the first failure. Entries removed before that stay removed.
 /// - Folders cannot be moved; times and permissions cannot be set (Unsupported).
 /// - A listing fetches pages as the caller advances, each time up to the next entry. The call that returns it fetches

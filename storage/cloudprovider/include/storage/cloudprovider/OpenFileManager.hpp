@@ -37,7 +37,8 @@ public:
     /// Return the file's part manager. Build it if the file is not open yet.
     ///
     /// Waits while another thread is opening the same file. If that open fails, this call opens the file itself. If the
-    /// file is already open, `create` and `truncate` are ignored, so no contents are discarded.
+    /// file is already open, `create` and `truncate` are ignored, so no contents are discarded. A caller that has to
+    /// start empty checks the end of its stream.
     ///
     /// @param create    MustExist: a missing file is an error; any other value: a missing file starts empty
     /// @param truncate  Keep: start with the stored contents; any other value: start empty. The stored object remains
