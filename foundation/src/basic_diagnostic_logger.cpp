@@ -2,12 +2,10 @@
 
 #include "oneLine.hpp"
 
-#include <boost/log/attributes/value_extraction.hpp>
+#include <boost/log/attributes/attribute_value_impl.hpp>
 #include <boost/log/core.hpp>
-#include <boost/log/expressions.hpp>
-#include <boost/log/sinks/basic_sink_backend.hpp>
-#include <boost/log/sinks/unlocked_frontend.hpp>
-#include <boost/log/sources/record_ostream.hpp>
+#include <boost/log/expressions/message.hpp>
+#include <boost/log/sinks/sink.hpp>
 #include <boost/log/sources/severity_channel_logger.hpp>
 #include <boost/smart_ptr/make_shared_object.hpp>
 
@@ -28,9 +26,6 @@ namespace sources = boost::log::sources;
 
 using BoostLogger = sources::severity_channel_logger_mt<std::uint32_t, std::string>;
 
-constexpr const char* severityName = "Severity";
-constexpr const char* channelName = "Channel";
-
 std::string_view nameOf(std::uint32_t level)
 {
     if ((level & (severity::error | severity::warning)) != 0)
@@ -49,6 +44,115 @@ void writeToStandardError(std::uint32_t level, std::string_view channel, std::st
     std::fwrite(line.data(), 1, line.size(), stderr); // one call, so that lines of several processes do not mix
 }
 
+/// Pass on a record. If that throws, write the record and the reason to standard error: callers often log while they
+/// close or destroy something, which has to complete.
+template <typename PassOn>
+void attempt(std::uint32_t level, std::string_view channel, std::string_view message, const PassOn& passOn) noexcept
+{
+    try
+    {
+        try
+        {
+            passOn();
+        }
+        catch (const std::exception& failure)
+        {
+            writeToStandardError(level, channel, std::string(message) + " (log sink failed: " + failure.what() + ")");
+        }
+        catch (...)
+        {
+            writeToStandardError(level, channel, std::string(message) + " (log sink failed)");
+        }
+    }
+    catch (...) // There is no memory for the text, and nowhere else to report that.
+    {
+    }
+}
+
+/// Opens records for the sinks that the host has attached to the core of Boost.Log, and for no other.
+///
+/// If no sink is attached, the core passes each record to a fallback, which writes it to standard output. The records
+/// of the host must reach the fallback, the framework's must not. The core does not tell whether it has sinks, but it
+/// does not use the fallback while it has one. Therefore a gate, which accepts none of the framework's records, is
+/// among the sinks while such a record is opened.
+class HostSinks
+{
+public:
+    HostSinks()
+        : m_core(boost::log::core::get())
+        , m_gate(boost::make_shared<Gate>(std::ref(*this)))
+    {
+    }
+
+    /// @param open  opens a record in the core; must not log
+    /// @return the record, which is empty if no sink of the host accepts it
+    template <typename Open>
+    boost::log::record openForHost(const Open& open)
+    {
+        const std::lock_guard lock(m_mutex);
+        const GateInPlace inPlace(*this);
+        return open();
+    }
+
+private:
+    class Gate : public sinks::sink
+    {
+    public:
+        explicit Gate(HostSinks& owner)
+            : sink(false)
+            , m_owner(owner)
+        {
+        }
+
+        bool will_consume(const boost::log::attribute_value_set&) override { return !s_isOpening; }
+
+        /// Receive a record of the host that another thread opened while the gate was in place.
+        void consume(const boost::log::record_view& record) override
+        {
+            boost::log::core& core = *m_owner.m_core;
+            const auto open = [&] { return core.open_record(record.attribute_values()); };
+            if (m_owner.openForHost(open))
+            {
+                return; // sinks of the host receive it, too
+            }
+            if (boost::log::record again = open())
+            {
+                core.push_record(std::move(again));
+            }
+        }
+
+        void flush() override {}
+
+    private:
+        HostSinks& m_owner;
+    };
+
+    struct GateInPlace
+    {
+        explicit GateInPlace(HostSinks& host)
+            : owner(host)
+        {
+            owner.m_core->add_sink(owner.m_gate);
+            s_isOpening = true;
+        }
+        GateInPlace(const GateInPlace&) = delete;
+        GateInPlace& operator=(const GateInPlace&) = delete;
+        ~GateInPlace()
+        {
+            s_isOpening = false;
+            owner.m_core->remove_sink(owner.m_gate);
+        }
+
+        HostSinks& owner;
+    };
+
+    static inline thread_local bool s_isOpening = false; // this thread opens a record that the gate has to reject
+
+    std::mutex m_mutex;                // held while the gate is in place
+    const boost::log::core_ptr m_core; // keeps the core for loggers that outlive Boost.Log's own reference
+    const boost::shared_ptr<Gate> m_gate;
+};
+
 /// Pass every record of the process to the sink that setSink() set.
 class Router
 {
@@ -64,15 +168,7 @@ public:
     {
         const std::lock_guard lock(m_mutex);
         const auto sink = m_sink; // the sink may replace itself
-        try
-        {
-            (*sink)(level, channel, message);
-        }
-        catch (const std::exception& failure)
-        {
-            // Callers often log while they close or destroy something, which has to complete.
-            writeToStandardError(level, channel, std::string(message) + " (log sink failed: " + failure.what() + ")");
-        }
+        (*sink)(level, channel, message);
     }
 
     void setSink(Sink sink)
@@ -82,44 +178,25 @@ public:
         m_sink.swap(shared);
     }
 
+    void passToHost(BoostLogger& logger, std::uint32_t level, std::string_view message)
+    {
+        boost::log::record record =
+            m_hostSinks.openForHost([&] { return logger.open_record(keywords::severity = level); });
+        if (record)
+        {
+            record.attribute_values().insert(boost::log::expressions::tag::smessage::get_name(),
+                boost::log::attributes::make_attribute_value(std::string(message)));
+            logger.push_record(std::move(record));
+        }
+    }
+
     /// Tell whether Boost.Log's static objects may be destroyed already, so that records must bypass Boost.Log.
     bool isProcessEnding() const noexcept { return m_processEnding.load(std::memory_order_relaxed); }
 
 private:
-    class Backend : public sinks::basic_sink_backend<sinks::concurrent_feeding>
-    {
-    public:
-        explicit Backend(Router& router)
-            : m_router(router)
-        {
-        }
-
-        void consume(const boost::log::record_view& record)
-        {
-            const auto level = boost::log::extract<std::uint32_t>(severityName, record);
-            const auto channel = boost::log::extract<std::string>(channelName, record);
-            const auto message = record[boost::log::expressions::smessage];
-            if (level && channel && message)
-            {
-                m_router.route(*level, *channel, *message);
-            }
-        }
-
-    private:
-        Router& m_router;
-    };
-
     Router()
         : m_sink(std::make_shared<const Sink>(writeToStandardError))
-        , m_core(boost::log::core::get())
     {
-        const auto frontend =
-            boost::make_shared<sinks::unlocked_sink<Backend>>(boost::make_shared<Backend>(std::ref(*this)));
-        // The host routes the records of its own Boost.Log loggers.
-        frontend->set_filter(boost::log::expressions::has_attr<std::uint32_t>(severityName) &&
-                             boost::log::expressions::has_attr<std::string>(channelName));
-        m_core->add_sink(frontend);
-
         // The first record makes Boost.Log construct the last of its static objects. They are destroyed after the
         // handler that is registered here has run.
         BoostLogger().open_record(keywords::severity = severity::error);
@@ -129,7 +206,7 @@ private:
     // Held while the sink runs, so that its calls are serialised. Recursive, because the sink may log or call setSink.
     std::recursive_mutex m_mutex;
     std::shared_ptr<const Sink> m_sink; // guarded by m_mutex; never null
-    const boost::log::core_ptr m_core;  // keeps the core for loggers that outlive Boost.Log's own reference
+    HostSinks m_hostSinks;
     std::atomic<bool> m_processEnding{false};
 };
 
@@ -154,24 +231,17 @@ basic_diagnostic_logger<char>::basic_diagnostic_logger(std::string channel)
 
 basic_diagnostic_logger<char>::~basic_diagnostic_logger() = default;
 
-void basic_diagnostic_logger<char>::write(std::uint32_t level, std::string_view message)
+void basic_diagnostic_logger<char>::write(std::uint32_t level, std::string_view message) noexcept
 {
     if (!isEnabled(level))
     {
         return;
     }
-    if (Router::instance().isProcessEnding())
+    attempt(level, m_channel, message, [&] { Router::instance().route(level, m_channel, message); });
+    if (m_implementation && !Router::instance().isProcessEnding())
     {
-        Router::instance().route(level, m_channel, message);
-        return;
-    }
-    auto& logger = m_implementation->logger;
-    if (boost::log::record record = logger.open_record(keywords::severity = level))
-    {
-        boost::log::record_ostream stream(record);
-        stream.write(message.data(), static_cast<std::streamsize>(message.size()));
-        stream.flush();
-        logger.push_record(std::move(record));
+        attempt(level, m_channel, message,
+            [&] { Router::instance().passToHost(m_implementation->logger, level, message); });
     }
 }
 

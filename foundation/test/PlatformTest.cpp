@@ -9,7 +9,13 @@
 #include <gmock/gmock.h>
 
 #include <boost/filesystem/operations.hpp>
+#include <boost/log/attributes/value_extraction.hpp>
+#include <boost/log/sinks/sink.hpp>
+#include <boost/log/trivial.hpp>
+#include <boost/make_shared.hpp>
 
+#include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <optional>
@@ -100,6 +106,63 @@ TEST_F(LoggerTest, SinksMayLogReplaceThemselvesAndThrow)
     testing::internal::CaptureStderr();
     logger.write(severity::error, "third");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "channel error: third (log sink failed: the sink is full)\n");
+}
+
+TEST_F(LoggerTest, WritesToBoostLogOnlyIfTheHostHasASinkThere)
+{
+    struct HostSink : public boost::log::sinks::sink
+    {
+        HostSink()
+            : sink(false)
+        {
+        }
+        bool will_consume(const boost::log::attribute_value_set&) override { return true; }
+        void consume(const boost::log::record_view& record) override
+        {
+            ++(*boost::log::extract<std::string>("Message", record) == "host" ? hosts : frameworks);
+            if (throws)
+            {
+                throw 1;
+            }
+        }
+        void flush() override {}
+
+        std::atomic<unsigned> hosts = 0;
+        std::atomic<unsigned> frameworks = 0;
+        bool throws = false;
+    };
+    const auto sink = boost::make_shared<HostSink>();
+    Logger logger("channel");
+    const auto log = [&logger]
+    {
+        const std::jthread host(
+            []
+            {
+                for (int i = 0; i < 1000; ++i)
+                {
+                    BOOST_LOG_TRIVIAL(info) << "host";
+                }
+            });
+        for (int i = 0; i < 1000; ++i)
+        {
+            logger.write(severity::error, "framework");
+        }
+    };
+    testing::internal::CaptureStdout();
+    log();
+    const std::string output = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 1000) << "each record of the host, none of the framework";
+    EXPECT_EQ(output.find("framework"), std::string::npos);
+    boost::log::core::get()->add_sink(sink);
+    log();
+    EXPECT_EQ(sink->hosts, 1000U);
+    EXPECT_EQ(sink->frameworks, 1000U);
+    sink->throws = true;
+    testing::internal::CaptureStderr();
+    logger.write(severity::error, "text");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "channel error: text (log sink failed)\n");
+    boost::log::core::get()->remove_sink(sink);
+    EXPECT_EQ(m_records.size(), 2001U);
 }
 
 TEST_F(LoggerTest, WritesOneLineToStandardErrorByDefault)

@@ -190,6 +190,12 @@ TEST_F(CloudProviderTest, LogsEntriesAndFailures)
     outcome([&] { provider->fileExists(iriOf("a")); });
     EXPECT_THAT(takeLog(), testing::ElementsAre(testing::AllOf(StartsWith("Exception caught: "),
                                HasSubstr("storage::cloudprovider::PermissionDeniedException"), HasSubstr("refused"))));
+    setLog(~0U);
+    foundation::log::setSink([](auto&&...) { throw 1; });
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(move("b", "c"), "done");
+    EXPECT_THAT(move("b", "c"), StartsWith("NotFound: mem://test/b"));
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("unregisterByteStream() (storage"));
 }
 
 TEST(StaticStreamDeathTest, ClosesAtTheEndOfTheProcess)

@@ -13,11 +13,16 @@
 namespace foundation::log
 {
 
-/// Write diagnostic records of one channel into the Boost.Log core of the process.
+/// Write diagnostic records of one channel.
 ///
-/// Every record has the attributes "Channel" (std::string) and "Severity" (std::uint32_t), so a host may attach its own
-/// Boost.Log sinks. Records also go to the sink that setSink() sets, by default to standard error.
-/// Safe for concurrent calls on one instance. Usable until the process ends, even in static destructors.
+/// Records go to the sink that setSink() sets, by default to standard error. They also go to the sinks that the host
+/// has attached to the core of Boost.Log, unless its filters reject them, with the attributes "Channel" (std::string),
+/// "Severity" (std::uint32_t) and "Message" (std::string). If the host has attached none, Boost.Log writes the host's
+/// own records to standard output, as it would without this class, and none of these.
+///
+/// Logging never throws. Safe for concurrent calls on one instance, except from a filter or an exception handler of the
+/// core, which must not log with this class. An instance is usable until its destructor, also while static objects are
+/// destroyed; from then on its records do not go to Boost.Log. The sink must then be usable, too.
 ///
 /// Check isEnabled() before building a message, so that a disabled record costs one atomic load:
 ///
@@ -51,8 +56,8 @@ public:
     /// Write a record if any bit of `severity` is enabled.
     ///
     /// @param message  UTF-8; may have several lines
-    /// If the sink throws a std::exception, the record goes to standard error instead.
-    void write(std::uint32_t severity, std::string_view message);
+    /// If a sink throws, the record is written to standard error, with the reason.
+    void write(std::uint32_t severity, std::string_view message) noexcept;
 
 private:
     struct FOUNDATION_HIDDEN Implementation;
