@@ -4,8 +4,7 @@
 
 #include <sqlite3.h>
 
-#include <chrono>
-#include <thread>
+#include <utility>
 
 namespace storage::clients::local
 {
@@ -13,23 +12,22 @@ namespace storage::clients::local
 namespace
 {
 
-[[noreturn]] void failAs(sqlite3* handle, int code)
+// Find the process that keeps this process from using an index, by the bytes that SQLite locks.
+std::optional<pid_t> findHolder(const std::filesystem::path& index)
 {
-    throw sqliteError(code, sqlite3_system_errno(handle), sqlite3_errmsg(handle));
-}
-
-// SQLite's own handler sleeps up to 100 ms between two attempts, many times as long as a commit takes.
-int waitForLock(void*, int attempts)
-{
-    using namespace std::chrono_literals;
-    constexpr auto pause = 1ms;
-    constexpr auto timeout = 60s; // far longer than any transaction: the process that holds the lock hangs
-    if (attempts * pause >= timeout)
+    constexpr std::int64_t writer = 120;                // of the shared memory
+    constexpr std::int64_t firstUser = 128;             // of the shared memory
+    constexpr std::int64_t foreignProgram = 0x40000002; // of the index: a program that does not use the log
+    const std::filesystem::path memory = index.native() + "-shm";
+    for (const auto& [file, byte] :
+        {std::pair(memory, writer), std::pair(memory, firstUser), std::pair(index, foreignProgram)})
     {
-        return 0;
+        if (const auto holder = findLockHolder(file, byte))
+        {
+            return holder;
+        }
     }
-    std::this_thread::sleep_for(pause);
-    return 1;
+    return std::nullopt;
 }
 
 // A transaction stays in memory until it is committed, because CheckedVfs expects that no frame of the log is written
@@ -51,49 +49,32 @@ Query::~Query()
 bool Query::next()
 {
     const int code = sqlite3_step(m_statement);
-    if (code != SQLITE_ROW && code != SQLITE_DONE)
-    {
-        fail(code);
-    }
+    check(code);
     return code == SQLITE_ROW;
 }
 
 void Query::bind(std::int64_t value)
 {
-    if (const int code = sqlite3_bind_int64(m_statement, ++m_bound, value); code != SQLITE_OK)
-    {
-        fail(code);
-    }
+    check(sqlite3_bind_int64(m_statement, ++m_bound, value));
 }
 
 void Query::bind(Blob value)
 {
     // A null pointer would bind NULL, also with a length of 0.
     const char* bytes = value.bytes.empty() ? "" : value.bytes.data();
-    if (const int code = sqlite3_bind_blob64(m_statement, ++m_bound, bytes, value.bytes.size(), SQLITE_STATIC);
-        code != SQLITE_OK)
-    {
-        fail(code);
-    }
+    check(sqlite3_bind_blob64(m_statement, ++m_bound, bytes, value.bytes.size(), SQLITE_STATIC));
 }
 
 void Query::bind(std::nullptr_t)
 {
-    if (const int code = sqlite3_bind_null(m_statement, ++m_bound); code != SQLITE_OK)
-    {
-        fail(code);
-    }
+    check(sqlite3_bind_null(m_statement, ++m_bound));
 }
 
 void Query::bind(const Query& row)
 {
     for (int column = 0; column < sqlite3_column_count(row.m_statement); ++column)
     {
-        if (const int code = sqlite3_bind_value(m_statement, ++m_bound, sqlite3_column_value(row.m_statement, column));
-            code != SQLITE_OK)
-        {
-            fail(code);
-        }
+        check(sqlite3_bind_value(m_statement, ++m_bound, sqlite3_column_value(row.m_statement, column)));
     }
 }
 
@@ -119,12 +100,13 @@ bool Query::isNull(int column) const
     return sqlite3_column_type(m_statement, column) == SQLITE_NULL;
 }
 
-void Query::fail(int code) const
+void Query::check(int code) const
 {
-    failAs(sqlite3_db_handle(m_statement), code);
+    m_connection.check(code);
 }
 
-Connection::Connection(const std::filesystem::path& file, const char* vfs)
+Connection::Connection(const std::filesystem::path& file, const LockWait& wait, const char* vfs)
+    : m_wait(wait)
 {
     // Only one thread at a time uses a connection, so it needs no mutex of its own.
     constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
@@ -134,7 +116,10 @@ Connection::Connection(const std::filesystem::path& file, const char* vfs)
         sqlite3_close(m_handle);
         throw error;
     }
-    sqlite3_busy_handler(m_handle, waitForLock, nullptr);
+    sqlite3_busy_handler(m_handle, waitForLock, this);
+    // The last connection would otherwise move the log into the index. Meanwhile it excludes all others, and a process
+    // that is stopped then would keep readers waiting. See emptyLog().
+    sqlite3_db_config(m_handle, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     try
     {
         execute(settings);
@@ -157,10 +142,7 @@ Connection::~Connection()
 
 void Connection::execute(const char* sql)
 {
-    if (const int code = sqlite3_exec(m_handle, sql, nullptr, nullptr, nullptr); code != SQLITE_OK)
-    {
-        failAs(m_handle, code);
-    }
+    check(sqlite3_exec(m_handle, sql, nullptr, nullptr, nullptr));
 }
 
 void Connection::reserveChecksums()
@@ -169,9 +151,10 @@ void Connection::reserveChecksums()
     sqlite3_file_control(m_handle, "main", SQLITE_FCNTL_RESERVE_BYTES, &size);
 }
 
-void Connection::keepLogOnClose()
+void Connection::emptyLog() noexcept
 {
-    sqlite3_db_config(m_handle, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    m_wait.reset();
+    sqlite3_wal_checkpoint_v2(m_handle, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
 }
 
 bool Connection::rollBack() noexcept
@@ -186,14 +169,31 @@ sqlite3_stmt* Connection::prepared(std::string_view sql)
     sqlite3_stmt*& statement = m_statements[sql];
     if (statement == nullptr)
     {
-        const int code = sqlite3_prepare_v3(
-            m_handle, sql.data(), static_cast<int>(sql.size()), SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
-        if (code != SQLITE_OK)
-        {
-            failAs(m_handle, code);
-        }
+        check(sqlite3_prepare_v3(
+            m_handle, sql.data(), static_cast<int>(sql.size()), SQLITE_PREPARE_PERSISTENT, &statement, nullptr));
     }
     return statement;
+}
+
+// SQLite's own handler sleeps up to 100 ms between two attempts, many times as long as a commit takes.
+int Connection::waitForLock(void* connection, int)
+{
+    std::optional<LockWait>& wait = static_cast<Connection*>(connection)->m_wait;
+    return wait && wait->pause() ? 1 : 0;
+}
+
+void Connection::check(int code) const
+{
+    if (code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE)
+    {
+        return;
+    }
+    const int kind = code & 0xFF;
+    if (m_wait && (kind == SQLITE_BUSY || kind == SQLITE_PROTOCOL))
+    {
+        m_wait->fail("the index", findHolder(sqlite3_db_filename(m_handle, "main")));
+    }
+    throw sqliteError(code, sqlite3_system_errno(m_handle), sqlite3_errmsg(m_handle));
 }
 
 } // namespace storage::clients::local

@@ -1,10 +1,12 @@
 #pragma once
 
 #include "CheckedVfs.hpp"
+#include "LockWait.hpp"
 
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -21,6 +23,8 @@ struct Blob
     std::string_view bytes;
 };
 
+class Connection;
+
 /// One run of a prepared statement. The destructor resets the statement for the next run. A statement of a Connection
 /// must not have two queries at the same time.
 class Query
@@ -29,8 +33,9 @@ public:
     /// Bind the parameters, in order. The bytes of a Blob must outlive the query. Another query stands for all columns
     /// of its current row.
     template <typename... Values>
-    explicit Query(sqlite3_stmt* statement, const Values&... values)
-        : m_statement(statement)
+    Query(const Connection& connection, sqlite3_stmt* statement, const Values&... values)
+        : m_connection(connection)
+        , m_statement(statement)
     {
         (bind(values), ...);
     }
@@ -64,8 +69,9 @@ private:
     void bind(std::nullptr_t null);
     void bind(const Query& row);
     void reset() noexcept;
-    [[noreturn]] void fail(int code) const;
+    void check(int code) const;
 
+    const Connection& m_connection;
     sqlite3_stmt* const m_statement;
     int m_bound = 0; // parameters bound so far
 };
@@ -76,9 +82,10 @@ class Connection
 public:
     /// Open an existing index.
     ///
-    /// @param vfs  the file layer of SQLite
+    /// @param wait  for locks of other connections
+    /// @param vfs   the file layer of SQLite
     /// @throws StoreError
-    explicit Connection(const std::filesystem::path& file, const char* vfs = checkedVfs());
+    Connection(const std::filesystem::path& file, const LockWait& wait, const char* vfs = checkedVfs());
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
     ~Connection();
@@ -90,7 +97,7 @@ public:
     template <typename... Values>
     Query query(std::string_view sql, const Values&... values)
     {
-        return Query(prepared(sql), values...);
+        return Query(*this, prepared(sql), values...);
     }
 
     /// Run a statement that returns no rows.
@@ -106,8 +113,12 @@ public:
     /// Let the pages of a new, empty index end in checksums.
     void reserveChecksums();
 
-    /// Leave the write-ahead log as it is when the last connection closes, instead of merging it into the index.
-    void keepLogOnClose();
+    /// Set how long to wait from now on for locks of other connections.
+    void setWait(const LockWait& wait) { m_wait = wait; }
+
+    /// Move what is in the write-ahead log into the index, unless another connection is in the way. Readers go on
+    /// meanwhile.
+    void emptyLog() noexcept;
 
     /// Roll the open transaction back, if there is one.
     ///
@@ -115,9 +126,14 @@ public:
     bool rollBack() noexcept;
 
 private:
+    friend class Query;
+
+    static int waitForLock(void* connection, int attempts);
+    void check(int code) const; // throws StoreError unless it is SQLITE_OK, SQLITE_ROW or SQLITE_DONE
     sqlite3_stmt* prepared(std::string_view sql);
 
     sqlite3* m_handle = nullptr;
+    std::optional<LockWait> m_wait;
     std::unordered_map<std::string_view, sqlite3_stmt*> m_statements; // by SQL text
 };
 

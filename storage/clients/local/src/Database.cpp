@@ -1,26 +1,66 @@
 #include "Database.hpp"
 
+#include <unistd.h>
+
 namespace storage::clients::local
 {
 
-Database::Database(std::filesystem::path file)
+Database::Database(std::filesystem::path file, LockLimits limits)
     : m_file(std::move(file))
+    , m_limits(std::move(limits))
 {
 }
 
-Database::Lease Database::borrow()
+Database::~Database()
 {
+    // The first process that opens the index reads the log, and keeps others waiting meanwhile. So leave none.
+    if (!m_idle.empty())
+    {
+        m_idle.back()->emptyLog();
+    }
+}
+
+Database::Turn Database::takeTurn(const LockWait& wait)
+{
+    std::unique_lock lock(m_turnMutex);
+    if (!m_turnEnded.wait_until(lock, wait.end(), [this] { return !m_isWriting; }))
+    {
+        wait.fail("the index", ::getpid());
+    }
+    m_isWriting = true;
+    return Turn(this);
+}
+
+void Database::endTurn() noexcept
+{
+    {
+        const std::lock_guard lock(m_turnMutex);
+        m_isWriting = false;
+    }
+    m_turnEnded.notify_one();
+}
+
+Database::Lease Database::borrow(const LockWait& wait)
+{
+    Lease lease(nullptr, Return{this});
     {
         const std::lock_guard lock(m_poolMutex);
         if (!m_idle.empty())
         {
-            Lease lease(m_idle.back().release(), Return{this});
+            lease.reset(m_idle.back().release());
             m_idle.pop_back();
-            return lease;
         }
-        m_idle.reserve(++m_connections);
+        else
+        {
+            m_idle.reserve(++m_connections);
+        }
     }
-    return {new Connection(m_file), Return{this}};
+    if (!lease)
+    {
+        lease.reset(new Connection(m_file, wait));
+    }
+    lease->setWait(wait);
+    return lease;
 }
 
 void Database::returnConnection(Connection* connection) noexcept
@@ -35,14 +75,19 @@ void Database::returnConnection(Connection* connection) noexcept
 }
 
 Database::ReadTransaction::ReadTransaction(Database& database)
-    : m_connection(database.borrow())
+    : m_connection(database.borrow(LockWait(database.m_limits)))
 {
     m_connection->run("BEGIN");
 }
 
 Database::WriteTransaction::WriteTransaction(Database& database, Durability durability)
-    : m_lock(database.m_writerMutex)
-    , m_connection(database.borrow())
+    : WriteTransaction(database, durability, LockWait(database.m_limits))
+{
+}
+
+Database::WriteTransaction::WriteTransaction(Database& database, Durability durability, LockWait wait)
+    : m_turn(database.takeTurn(wait))
+    , m_connection(database.borrow(wait))
 {
     // Whether the commit waits for the disk. SQLite does not allow a change inside a transaction.
     m_connection->execute(

@@ -2,6 +2,7 @@
 
 #include "Connection.hpp"
 
+#include <condition_variable>
 #include <cstddef>
 #include <filesystem>
 #include <memory>
@@ -22,9 +23,16 @@ enum class Durability
 /// The index, shared by all threads of one client: a pool of connections. Each transaction borrows one.
 ///
 /// Readers never wait, neither for each other nor for a writer. Only one writer runs at a time: writers of this client
-/// wait for a mutex, which is fairer than polling, and writers of other clients and processes for SQLite's lock.
+/// take turns without polling, which is fairer, and wait for SQLite's lock if another client or process writes.
 class Database
 {
+    // Ends the turn of a writer of this client.
+    struct EndTurn
+    {
+        void operator()(Database* database) const noexcept { database->endTurn(); }
+    };
+    using Turn = std::unique_ptr<Database, EndTurn>;
+
     // Returns a connection to the pool.
     struct Return
     {
@@ -34,7 +42,11 @@ class Database
     using Lease = std::unique_ptr<Connection, Return>;
 
 public:
-    explicit Database(std::filesystem::path file);
+    /// @param limits  of the waits of all transactions
+    Database(std::filesystem::path file, LockLimits limits);
+    Database(const Database&) = delete;
+    Database& operator=(const Database&) = delete;
+    ~Database();
 
     /// A snapshot of the index. Keep it short: SQLite cannot truncate its write-ahead log meanwhile.
     class ReadTransaction
@@ -55,7 +67,9 @@ public:
     class WriteTransaction
     {
     public:
+        /// @throws StoreError of kind Locked when another client does not end its transaction in time
         WriteTransaction(Database& database, Durability durability);
+        WriteTransaction(Database& database, Durability durability, LockWait wait);
         WriteTransaction(const WriteTransaction&) = delete;
         WriteTransaction& operator=(const WriteTransaction&) = delete;
 
@@ -69,18 +83,23 @@ public:
         Connection* operator->() const { return m_connection.get(); }
 
     private:
-        const std::unique_lock<std::mutex> m_lock;
+        const Turn m_turn;
         const Lease m_connection;
     };
 
 private:
-    Lease borrow();
+    Turn takeTurn(const LockWait& wait);
+    void endTurn() noexcept;
+    Lease borrow(const LockWait& wait);
     void returnConnection(Connection* connection) noexcept;
 
     const std::filesystem::path m_file;
+    const LockLimits m_limits;
 
-    // Lock order: m_writerMutex, then SQLite's locks; m_poolMutex is innermost.
-    std::mutex m_writerMutex;
+    // A writer takes its turn before SQLite's lock. Both mutexes are innermost.
+    std::mutex m_turnMutex;
+    std::condition_variable m_turnEnded;
+    bool m_isWriting = false; // guarded by m_turnMutex
     std::mutex m_poolMutex;
     std::size_t m_connections = 0;                   // guarded by m_poolMutex; opened so far
     std::vector<std::unique_ptr<Connection>> m_idle; // guarded by m_poolMutex; has capacity for all of them

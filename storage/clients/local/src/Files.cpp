@@ -130,14 +130,6 @@ std::optional<FileHandle> openFile(const std::filesystem::path& path)
     return file;
 }
 
-void lockFile(const FileHandle& file, const std::filesystem::path& path)
-{
-    if (retryInterrupted([&] { return ::flock(file.get(), LOCK_EX); }) != 0)
-    {
-        fail("locking", path);
-    }
-}
-
 bool tryLockFile(const FileHandle& file, const std::filesystem::path& path)
 {
     if (::flock(file.get(), LOCK_EX | LOCK_NB) == 0)

@@ -52,10 +52,7 @@ FileHandle createFile(const std::filesystem::path& path);
 /// Open a regular file for reading; nullopt when there is none. Never waits, also if a FIFO is in its place.
 std::optional<FileHandle> openFile(const std::filesystem::path& path);
 
-/// Lock the file or folder against all other handles until this one is closed. Wait if it is locked.
-void lockFile(const FileHandle& file, const std::filesystem::path& path);
-
-/// As lockFile(), without waiting.
+/// Lock the file or folder against all other handles until this one is closed. Does not wait.
 ///
 /// @return false: it is locked
 bool tryLockFile(const FileHandle& file, const std::filesystem::path& path);

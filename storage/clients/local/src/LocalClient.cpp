@@ -58,6 +58,8 @@ constexpr std::uint64_t maxOffset = std::numeric_limits<std::int64_t>::max(); //
         throw cloudprovider::InvalidLocationException("Not a local store", detail);
     case StoreError::Kind::PermissionDenied:
         throw cloudprovider::PermissionDeniedException("Access to the local store denied", detail);
+    case StoreError::Kind::Locked:
+        throw cloudprovider::UnknownErrorException("Local store is locked", detail);
     case StoreError::Kind::NoSpace:
     case StoreError::Kind::Damaged:
     case StoreError::Kind::Other:
@@ -114,8 +116,9 @@ LocalClient::LocalClient(const std::filesystem::path& directory, const LocalSett
     translateErrors(
         [&]
         {
-            local::prepareIndex(m_directory, m_settings.createMissing);
-            m_index = std::make_unique<Database>(local::indexFile(m_directory));
+            const local::LockLimits limits{m_settings.lockTimeout, m_settings.interrupted};
+            local::prepareIndex(m_directory, m_settings.createMissing, limits);
+            m_index = std::make_unique<Database>(local::indexFile(m_directory), limits);
             m_files = std::make_unique<local::ContentFiles>(m_directory);
             local::collectOrphans(*m_index, *m_files);
         },

@@ -17,6 +17,14 @@ namespace storage::clients::local
 namespace
 {
 
+const LockLimits noWait{std::chrono::milliseconds(0), {}}; // opening a store must not wait for a writer
+
+void logLeft(std::uint32_t severity, const StoreError& error)
+{
+    cloudprovider::getLogger().write(
+        severity, fmt::format("Leaving orphaned files in a local store: {}", error.what()));
+}
+
 bool isNamed(Connection& index, FileName name)
 {
     return index
@@ -44,8 +52,7 @@ catch (const StoreError& error)
     {
         throw;
     }
-    cloudprovider::getLogger().write(
-        foundation::log::severity::warning, fmt::format("Leaving orphaned files in a local store: {}", error.what()));
+    logLeft(foundation::log::severity::warning, error);
     return false;
 }
 
@@ -61,7 +68,7 @@ bool removeOrphans(Database& database, ContentFiles& files, const std::vector<Se
     bool complete = true;
     {
         // A client publishes a file inside the transaction that names it, and this transaction excludes all others.
-        Database::WriteTransaction index(database, Durability::Synced);
+        Database::WriteTransaction index(database, Durability::Synced, LockWait(noWait));
         std::erase_if(orphans, [&](FileName name) { return isNamed(*index, name); });
         const std::int64_t nextId = readNextId(*index);
         // A lower id is neither assigned again nor in a commit that nobody sees. A file with another id may belong to
@@ -92,9 +99,20 @@ void collectOrphans(Database& database, ContentFiles& files)
         return;
     }
     files.removeIncoming(dead);
-    if (removeOrphans(database, files, dead))
+    try
     {
-        files.removeLocks(dead);
+        if (removeOrphans(database, files, dead))
+        {
+            files.removeLocks(dead);
+        }
+    }
+    catch (const StoreError& error)
+    {
+        if (error.kind() != StoreError::Kind::Locked)
+        {
+            throw;
+        }
+        logLeft(foundation::log::severity::progress, error); // the next client that opens the store tries again
     }
 }
 

@@ -10,7 +10,8 @@ namespace storage::clients::local
 /// meanwhile; their session locks protect the files that they are writing.
 ///
 /// Lists one folder, and all content files only if a dead session is found. On a full disk, those files are left that
-/// an interrupted commit may name: at most the files of one transaction for each dead client.
+/// an interrupted commit may name: at most the files of one transaction for each dead client. While another client
+/// writes, all are left.
 /// @throws StoreError; orphans that remain are collected by the next call
 void collectOrphans(Database& database, ContentFiles& files);
 

@@ -84,6 +84,17 @@ void checkApplication(Connection& connection)
     }
 }
 
+void lockFolder(const FileHandle& folder, const std::filesystem::path& path, LockWait wait)
+{
+    while (!tryLockFile(folder, path))
+    {
+        if (!wait.pause())
+        {
+            wait.fail("the directory", findLockHolder(path));
+        }
+    }
+}
+
 void create(Connection& connection)
 {
     connection.reserveChecksums();
@@ -112,20 +123,20 @@ constexpr std::pair<const char*, const char*> copiesOfVersion1[] = {
 // Replace an index of version 1, whose pages have no checksums. Until the last step, the old index is complete.
 //
 // @param error  why the index cannot be read with checksums; thrown if it does not have version 1
-void upgrade(const std::filesystem::path& directory, const FileHandle& folder, const StoreError& error)
+void upgrade(
+    const std::filesystem::path& directory, const FileHandle& folder, const LockWait& wait, const StoreError& error)
 {
     constexpr const char* unchecked = "unix";
     const std::filesystem::path file = indexFile(directory);
     {
-        Connection old(file, unchecked);
-        old.keepLogOnClose();
+        Connection old(file, wait, unchecked);
         checkApplication(old);
         if (selectInteger(old, "PRAGMA user_version") != 1)
         {
             throw StoreError(error);
         }
     }
-    Connection old(file, unchecked);
+    Connection old(file, wait, unchecked);
     if (selectText(old, "PRAGMA journal_mode = DELETE") != "delete") // it also merges the log into the index
     {
         throw StoreError("an older version of this program uses the store; it can be upgraded when no program does");
@@ -137,7 +148,7 @@ void upgrade(const std::filesystem::path& directory, const FileHandle& folder, c
     }
     createFile(next);
     {
-        Connection upgraded(next);
+        Connection upgraded(next, wait);
         create(upgraded);
         upgraded.execute("PRAGMA cache_spill = ON"); // allowed without a log, and the index may be large
         upgraded.execute("BEGIN IMMEDIATE");
@@ -168,7 +179,7 @@ std::filesystem::path indexFile(const std::filesystem::path& directory)
     return directory / "index.sqlite";
 }
 
-void prepareIndex(const std::filesystem::path& directory, bool createMissing)
+void prepareIndex(const std::filesystem::path& directory, bool createMissing, const LockLimits& limits)
 {
     const auto requireCreation = [&]
     {
@@ -183,10 +194,17 @@ void prepareIndex(const std::filesystem::path& directory, bool createMissing)
     }
     makeFolders(directory);
     const FileHandle folder = openFolder(directory);
-    lockFile(folder, directory);
+    const LockWait wait(limits);
+    // Opening a complete store must not wait for a process that does the same. The contents folder is created last.
+    bool isLocked = !std::filesystem::exists(directory / "contents");
+    if (isLocked)
+    {
+        lockFolder(folder, directory, wait);
+    }
 
     const std::filesystem::path file = indexFile(directory);
-    if (!std::filesystem::exists(file))
+    const std::filesystem::file_status status = std::filesystem::status(file);
+    if (!std::filesystem::exists(status))
     {
         if (!std::filesystem::is_empty(directory))
         {
@@ -200,26 +218,37 @@ void prepareIndex(const std::filesystem::path& directory, bool createMissing)
         syncFile(folder, directory);
     }
 
-    std::optional<Connection> connection;
-    const auto open = [&]
+    else if (!std::filesystem::is_regular_file(status)) // SQLite could wait for ever
     {
-        connection.emplace(file);
-        connection->keepLogOnClose(); // a store that is refused must stay unchanged
-        return selectInteger(*connection, "SELECT count(*) FROM sqlite_schema") > 0;
-    };
-    bool hasTables = false;
-    try
-    {
-        hasTables = open();
+        throw damage("the index is not a regular file");
     }
-    catch (const StoreError& error)
+
+    std::optional<Connection> connection;
+    bool hasTables = false;
+    while (!connection)
     {
-        if (error.kind() != StoreError::Kind::Damaged)
+        try
         {
-            throw;
+            connection.emplace(file, wait);
+            hasTables = selectInteger(*connection, "SELECT count(*) FROM sqlite_schema") > 0;
         }
-        upgrade(directory, folder, error);
-        hasTables = open();
+        catch (const StoreError& error)
+        {
+            connection.reset();
+            if (error.kind() != StoreError::Kind::Damaged)
+            {
+                throw;
+            }
+            if (isLocked)
+            {
+                upgrade(directory, folder, wait, error);
+            }
+            else
+            {
+                lockFolder(folder, directory, wait); // another process may be upgrading the index
+                isLocked = true;
+            }
+        }
     }
     if (!hasTables && selectInteger(*connection, "PRAGMA application_id") == 0)
     {

@@ -55,7 +55,8 @@ StoreError sqliteError(int code, int error, const std::string& message)
         return {StoreError::Kind::NoSpace, "the index cannot grow: " + messageOf(ENOSPC)};
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
-        return StoreError("other processes keep the index busy: " + message);
+    case SQLITE_PROTOCOL: // the same while the log is opened
+        return {StoreError::Kind::Locked, "another client keeps the index locked"};
     case SQLITE_PERM:
     case SQLITE_READONLY:
     case SQLITE_AUTH:

@@ -18,6 +18,7 @@ public:
         PermissionDenied, ///< the system denies access
         NoSpace,          ///< the disk is full or the user's quota exhausted
         Damaged,          ///< the store has lost or changed something that was stored
+        Locked,           ///< another client keeps what is needed locked
         Other
     };
 

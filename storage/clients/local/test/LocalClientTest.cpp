@@ -5,13 +5,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <map>
 #include <sstream>
 
+#include <fcntl.h>
 #include <sched.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -40,12 +44,15 @@ Matcher<std::function<void()>> fails(const std::string& reason, const std::strin
         Property(&CloudException::detail, Optional(AllOf(HasSubstr(reason), HasSubstr(place), Not(HasSubstr("\n"))))));
 }
 
-// A store with one object in the index and one in a file, closed.
+// A store with one object in the index and one in a file, closed. Nothing is in the index's log.
 void makeStore(const path& store)
 {
-    LocalClient client(store);
-    put(client, "small", content(1, 1000));
-    put(client, "large", content(2, 500'000));
+    {
+        LocalClient client(store);
+        put(client, "small", content(1, 1000));
+        put(client, "large", content(2, 500'000));
+    }
+    runSql(store, "PRAGMA wal_checkpoint(TRUNCATE)");
 }
 
 } // namespace
@@ -64,6 +71,7 @@ TEST(LocalClientTest, RefusesOtherDirectoriesAndReportsDamage)
         {noStore, "is not a store: it has other content", "rm store/index.sqlite"},
         {noStore, "its index belongs to another program", "true", "PRAGMA application_id = 0"},
         {damaged, "the index is damaged", "head -c 8192 /dev/zero > store/index.sqlite"},
+        {damaged, "the index is not a regular file", "rm store/index.sqlite && mkfifo store/index.sqlite"},
         {damaged, "damaged: the index is empty", "truncate -s 0 store/index.sqlite"},
         {damaged, "has version 3; this program supports only versions 1 and 2", "true", "PRAGMA user_version = 3"},
         {damaged, "damaged: the file", "rm store/contents/*"},
@@ -90,6 +98,40 @@ TEST(LocalClientTest, RefusesOtherDirectoriesAndReportsDamage)
         EXPECT_EQ(shell(folder, "! diff -r -x 'index.sqlite-*' before store | grep -v 'is a fifo while'"), 0)
             << "expected no change";
     }
+}
+
+TEST(LocalClientTest, WaitsForAStoppedWriterOnlyToWriteAndNotForEver)
+{
+    const TestFolder folder;
+    makeStore(folder.store);
+    ASSERT_EQ(::mkdir((folder.root / "new").c_str(), 0700), 0);
+    const int process = startProcess(
+        [&]
+        {
+            const int creating = ::open((folder.root / "new").c_str(), O_RDONLY);
+            sqlite3* index = nullptr;
+            EXPECT_EQ(::flock(creating, LOCK_EX), 0);
+            EXPECT_EQ(sqlite3_open((folder.store / "index.sqlite").c_str(), &index), SQLITE_OK);
+            EXPECT_EQ(sqlite3_exec(index, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+            ::raise(SIGSTOP);
+        });
+    int status = 0;
+    ASSERT_EQ(::waitpid(process, &status, WUNTRACED), process);
+    using namespace std::chrono_literals;
+    std::ofstream(folder.store / "sessions" / "00000000000000ff"); // would be collected
+    LocalClient reader(folder.store);
+    EXPECT_EQ(get(reader, "small") + get(reader, "large"), content(1, 1000) + content(2, 500'000));
+    EXPECT_EQ(keys(reader), (std::vector<std::string>{"large", "small"}));
+    for (const LocalSettings& limits : {LocalSettings{.lockTimeout = 10ms}, {.interrupted = [] { return true; }}})
+    {
+        const auto isLocked = fails<UnknownErrorException>("process " + std::to_string(process) + " keeps");
+        LocalClient writer(folder.store, limits);
+        EXPECT_THAT([&] { put(writer, "small", "new"); }, isLocked);
+        EXPECT_THAT([&] { LocalClient(folder.root / "new", limits); }, isLocked);
+    }
+    ASSERT_EQ(::kill(process, SIGCONT), 0);
+    EXPECT_EQ(waitForProcess(process), 0);
+    put(reader, "small", "new");
 }
 
 TEST(LocalClientTest, AFlippedBitIsNeverServed)

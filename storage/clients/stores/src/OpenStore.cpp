@@ -67,7 +67,7 @@ std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, co
     {
         const std::string directory = url.substr(local.size());
         return counted<LocalClient>(directory.empty() ? defaultDirectory() : std::filesystem::path(directory),
-            LocalSettings{.createMissing = options.createMissing});
+            LocalSettings{.createMissing = options.createMissing, .interrupted = options.interrupted});
     }
     if (url == "memory:")
     {

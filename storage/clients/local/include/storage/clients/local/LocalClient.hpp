@@ -4,8 +4,10 @@
 #include <storage/clients/common/UploadInventory.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <iosfwd>
 #include <memory>
 #include <optional>
@@ -36,6 +38,14 @@ struct LocalSettings
 
     /// Create the store if there is none.
     bool createMissing = true;
+
+    /// How long a writer waits for its turn while another client writes: far longer than any transaction of a process
+    /// that runs.
+    std::chrono::milliseconds lockTimeout = std::chrono::minutes(1);
+
+    /// Whether the process is interrupted: then a writer waits for at most a second. Called from any thread that uses
+    /// the client. Empty: never.
+    std::function<bool()> interrupted = {};
 };
 
 /// A durable store in one directory of this machine: an index in SQLite, with files beside it for large contents.
@@ -45,9 +55,12 @@ struct LocalSettings
 /// the store. Exception: an upload and its parts survive a crash at once, but a loss of power only after completion.
 ///
 /// Sharing: any number of threads, clients and processes of this machine may use one directory at the same time.
-/// Readers never wait. Writers take turns at the index, but transfer contents in parallel. The directory must be on a
-/// local disk: network file systems lack the locks and the shared memory that SQLite needs. A child process must not
-/// use a client that its parent created before fork().
+/// Readers never wait. Writers take turns at the index, but transfer contents in parallel. If a process is stopped
+/// during its turn, opening the store, reading and listing go on, and other writers fail after
+/// LocalSettings::lockTimeout with a message that names the process. Readers wait, as long as writers, only while a
+/// process is stopped in the instant in which it opens the store as its only user: it then prepares what all users
+/// share. The directory must be on a local disk: network file systems lack the locks and the shared memory that SQLite
+/// needs. A child process must not use a client that its parent created before fork().
 ///
 /// Parts: an object keeps the parts that it was completed from. copyPart() shares the bytes of a part that is passed as
 /// getObjectParts() returned it, and completeMultipartUpload() moves no bytes, so the cost of neither depends on the

@@ -12,8 +12,9 @@ namespace storage::clients
 /// What may be chosen when a store is opened.
 struct OpenStoreOptions
 {
-    /// Whether the process is interrupted: then no call waits, and nothing is retried; see S3Settings and
-    /// RetryingClient. Must be safe to call from any thread during the lifetime of the store. Empty: never.
+    /// Whether the process is interrupted: then requests in progress are cancelled, nothing is retried, and no call
+    /// waits for a lock; see S3Settings, RetryingClient and LocalSettings. Must be safe to call from any thread during
+    /// the lifetime of the store. Empty: never.
     std::function<bool()> interrupted = {};
 
     /// Create a local store that does not exist. False: opening it throws, and nothing is created.

@@ -1,0 +1,79 @@
+#include "LockWait.hpp"
+
+#include "StoreError.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include <sys/stat.h>
+
+namespace storage::clients::local
+{
+
+using namespace std::chrono_literals;
+
+LockWait::LockWait(const LockLimits& limits)
+    : m_limits(&limits)
+    , m_begin(std::chrono::steady_clock::now())
+{
+}
+
+bool LockWait::pause()
+{
+    // An interrupted process still waits long enough for the turn of a living writer, so that it can abort its uploads.
+    constexpr std::chrono::milliseconds timeoutWhenInterrupted = 1s;
+    const auto timeout = isInterrupted() ? std::min(timeoutWhenInterrupted, m_limits->timeout) : m_limits->timeout;
+    if (std::chrono::steady_clock::now() - m_begin >= timeout)
+    {
+        return false;
+    }
+    std::this_thread::sleep_for(1ms); // about as long as a commit takes
+    return true;
+}
+
+void LockWait::fail(const std::string& what, std::optional<pid_t> holder) const
+{
+    const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - m_begin;
+    throw StoreError(StoreError::Kind::Locked, fmt::format("{} keeps {} locked; gave up after {:.1f} s{}",
+                                                   holder ? fmt::format("process {}", *holder) : "another client", what,
+                                                   waited.count(), isInterrupted() ? " because of an interrupt" : ""));
+}
+
+std::optional<pid_t> findLockHolder(const std::filesystem::path& file, std::int64_t byte)
+{
+    struct stat status = {};
+    if (::stat(file.c_str(), &status) != 0)
+    {
+        return std::nullopt;
+    }
+    // F_GETLK would need a handle of the file, and closing that would drop the locks that SQLite has in this process.
+    // The device is not compared: some file systems show another one there.
+    const std::string inode = ':' + std::to_string(status.st_ino);
+    std::ifstream locks("/proc/locks");
+    for (std::string line; std::getline(locks, line);)
+    {
+        // 1: POSIX ADVISORY WRITE 4711 fe:00:131 120 120
+        std::istringstream fields(line);
+        std::string number;
+        std::string type;
+        std::string mode;
+        std::string access;
+        std::string place;
+        pid_t process = 0;
+        std::int64_t first = 0;
+        std::string last;
+        fields >> number >> type >> mode >> access >> process >> place >> first >> last;
+        if (fields && access == "WRITE" && process > 0 && place.ends_with(inode) && first <= byte &&
+            (last == "EOF" || byte <= std::strtoll(last.c_str(), nullptr, 10)))
+        {
+            return process;
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace storage::clients::local
