@@ -49,12 +49,13 @@ std::string temporaryFileReason()
 
 } // namespace
 
-void CommandContext::open()
+void CommandContext::open(bool createMissing)
 {
     diagnostics::install(verbose);
     try
     {
-        m_store = storage::clients::openStore(storeUrl, {.interrupted = &interrupt::isPending});
+        m_store = storage::clients::openStore(
+            storeUrl, {.interrupted = &interrupt::isPending, .createMissing = createMissing});
     }
     catch (const CloudException& exception)
     {

@@ -27,8 +27,9 @@ public:
 
     /// Open the store. Call once, before every other operation.
     ///
+    /// @param createMissing  whether a missing local store is created, or an error
     /// @throws CommandError that begins with storeForMessages()
-    void open();
+    void open(bool createMissing);
 
     /// Return the store's URL in quotes, or "--store" if the URL is empty or may contain a password.
     std::string storeForMessages() const;

@@ -50,7 +50,7 @@ void addGlobalOptions(CLI::App& app, CommandContext& context)
 
 constexpr const char* globalOptionForms = // at most 100 columns
     "Stores:\n"
-    "  local:DIR       A local folder, which is created if it is missing\n"
+    "  local:DIR       A local folder, which put and mkdir create if it is missing\n"
     "  local:          The default folder: $XDG_DATA_HOME/cloudfs, or ~/.local/share/cloudfs\n"
     "  memory:         A store in memory: empty, and gone when the command ends\n"
     "  s3://BUCKET?endpoint=URL&region=REGION&path-style=1\n"
@@ -138,7 +138,7 @@ int run(int argc, char** argv)
     app.fallthrough();
     app.set_version_flag("--version", "cloudfs " CLOUDFS_VERSION, "Print the version and exit");
     addGlobalOptions(app, context);
-    app.parse_complete_callback([&context] { context.open(); });
+    app.parse_complete_callback([&] { context.open(app.got_subcommand("put") || app.got_subcommand("mkdir")); });
     addListCommands(app, context);
     addFolderCommands(app, context);
     addPutCommand(app, context);

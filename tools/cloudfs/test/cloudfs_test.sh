@@ -148,6 +148,7 @@ test_errors()
     mkdir folder
     expect 0 '' put one /file
     expect 0 '' mkdir /folder
+    store=local:none expect 1 '"local:none": .*no store in this directory.*code 4 .*' cat /file
     store=local:/etc expect 1 '"local:/etc": .*code 1 .*' ls
     store=foo: expect 1 '"foo:": unknown kind of store; .*code 1 .*' ls
     expect_rows <<'END'
