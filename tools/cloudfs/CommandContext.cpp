@@ -7,7 +7,6 @@
 
 #include <storage/clients/common/StoreCounters.hpp>
 #include <storage/clients/decorators/FindInterface.hpp>
-#include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/clients/stores/OpenStore.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 #include <storage/cloudprovider/utils.hpp>
@@ -200,10 +199,10 @@ void CommandContext::requireNoParentIsFile(const StorePath& path) const
     }
 }
 
-unsigned CommandContext::failedAttempts() const
+storage::clients::RetryingClient::Waiting CommandContext::waiting() const
 {
     const auto* retrying = storage::clients::findInterface<const storage::clients::RetryingClient>(*m_store);
-    return retrying != nullptr ? retrying->failedAttempts() : 0;
+    return retrying != nullptr ? retrying->waiting() : storage::clients::RetryingClient::Waiting();
 }
 
 void CommandContext::printCounters() const

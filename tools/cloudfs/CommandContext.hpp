@@ -4,6 +4,7 @@
 
 #include <storage/clients/decorators/CancellableClient.hpp>
 #include <storage/clients/decorators/FailureRecordingClient.hpp>
+#include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/cloudprovider/CloudProvider.hpp>
 
 #include <foundation/storage/provider/IProvider.hpp>
@@ -86,8 +87,8 @@ public:
     /// @throws CommandError if a parent of this path is a file; the store itself would accept that
     void requireNoParentIsFile(const StorePath& path) const;
 
-    /// Return how many attempts of a request that is being retried have failed; 0: none is. See RetryingClient.
-    unsigned failedAttempts() const;
+    /// What the store's calls in progress wait for; all zero if the store does not retry.
+    storage::clients::RetryingClient::Waiting waiting() const;
 
     /// Print the store's call counters on standard error, if verbose.
     void printCounters() const;

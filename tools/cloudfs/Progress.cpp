@@ -23,6 +23,7 @@ namespace
 
 constexpr auto delay = std::chrono::milliseconds(500);    // shorter transfers show no bar
 constexpr auto interval = std::chrono::milliseconds(100); // faster changes are unreadable
+constexpr auto longQuietTime = std::chrono::seconds(5);   // a slow connection sends a part in that time
 
 } // namespace
 
@@ -94,8 +95,10 @@ void Progress::repaint()
 
 void Progress::paint()
 {
-    const unsigned failed = m_context.failedAttempts();
-    if (failed == 0 && m_done == 0)
+    const auto waiting = m_context.waiting();
+    const auto quietTime = std::chrono::floor<std::chrono::seconds>(waiting.quietTime);
+    const bool isQuiet = quietTime >= longQuietTime;
+    if (waiting.failedAttempts == 0 && !isQuiet && m_done == 0)
     {
         erase();
         return;
@@ -113,9 +116,16 @@ void Progress::paint()
         bar = fmt::format("[{:#<{}}{:.<{}}] {:3.0f}%  ", "", filled, "", width - filled, share * 100);
         left = fmt::format("{}:{:02} left  ", wait / 60, wait % 60);
     }
-    const std::string state = failed > 0 ? fmt::format("the store does not respond, attempt {}", failed + 1)
-                                         : fmt::format("{}{}  {}/s", left, formatBytes(m_done),
-                                               formatBytes(static_cast<std::uint64_t>(rate)));
+    std::string state =
+        fmt::format("{}{}  {}/s", left, formatBytes(m_done), formatBytes(static_cast<std::uint64_t>(rate)));
+    if (waiting.failedAttempts > 0)
+    {
+        state = fmt::format("the store does not respond, attempt {}", waiting.failedAttempts + 1);
+    }
+    else if (isQuiet)
+    {
+        state = fmt::format("waiting for the store, {} s", quietTime.count());
+    }
     diagnostics::print(fmt::format("\r{}{}\x1b[K", bar, state));
     m_painted = true;
 }

@@ -15,8 +15,9 @@ namespace cloudfs
 /// A progress bar on standard error for a long transfer, and the error lines printed meanwhile.
 ///
 /// Painted only if standard output and standard error are terminals; first after half a second, then ten times a
-/// second by a thread of its own, also while nothing is transferred. While a request fails and is retried, the bar says
-/// so instead of the time left, also before the first byte. Safe for concurrent calls on one instance.
+/// second by a thread of its own, also while nothing is transferred. While a request fails and is retried, or none has
+/// ended for five seconds, the bar says so instead of the time left, also before the first byte. Safe for concurrent
+/// calls on one instance.
 class Progress
 {
 public:

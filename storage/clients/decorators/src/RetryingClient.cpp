@@ -46,38 +46,42 @@ Duration uniformJitter(Duration max)
     return Duration(std::uniform_int_distribution<Duration::rep>(0, max.count())(random));
 }
 
-/// The failed attempts of one call.
+/// The failed attempts of one call in progress.
 struct RetryingClient::Attempts
 {
-    RetryingClient& client;
-    const Call& call;
-    const std::chrono::steady_clock::time_point begin;
-    std::chrono::steady_clock::time_point budgetBegin;
-    Duration nextMaxDelay; // maximum of the next wait
-    unsigned failed = 0;
+    Attempts(RetryingClient& owner, const Call& made)
+        : client(owner)
+        , call(made)
+    {
+        const std::lock_guard lock(client.m_mutex);
+        client.m_quietSince = client.m_failedAttempts.empty() ? begin : client.m_quietSince;
+        client.m_failedAttempts.insert(0);
+    }
+    Attempts(const Attempts&) = delete;
+    Attempts& operator=(const Attempts&) = delete;
 
     ~Attempts()
     {
         const std::lock_guard lock(client.m_mutex);
-        forget();
+        client.m_failedAttempts.erase(client.m_failedAttempts.find(failed));
+        client.m_quietSince = client.m_clock.now();
     }
 
     void countFailure()
     {
         const std::lock_guard lock(client.m_mutex);
-        client.m_failed.insert(failed + 1);
-        forget();
-        ++failed;
+        auto entry = client.m_failedAttempts.extract(failed);
+        entry.value() = ++failed;
+        client.m_failedAttempts.insert(std::move(entry));
+        client.m_quietSince = client.m_clock.now();
     }
 
-private:
-    void forget()
-    {
-        if (failed > 0)
-        {
-            client.m_failed.erase(client.m_failed.find(failed));
-        }
-    }
+    RetryingClient& client;
+    const Call& call;
+    const std::chrono::steady_clock::time_point begin = client.m_clock.now();
+    std::chrono::steady_clock::time_point budgetBegin = begin;
+    Duration nextMaxDelay = client.firstMaxDelay(); // maximum of the next wait
+    unsigned failed = 0;
 };
 
 RetryingClient::RetryingClient(
@@ -97,8 +101,7 @@ void RetryingClient::around(const Call& call, const std::function<void()>& proce
 
 void RetryingClient::retry(const Call& call, const std::function<void()>& proceed, const std::function<bool()>& rewind)
 {
-    const auto begin = m_clock.now();
-    Attempts attempts{*this, call, begin, begin, firstMaxDelay()};
+    Attempts attempts(*this, call);
     for (;;)
     {
         try
@@ -117,10 +120,10 @@ void RetryingClient::retry(const Call& call, const std::function<void()>& procee
     }
 }
 
-unsigned RetryingClient::failedAttempts() const
+RetryingClient::Waiting RetryingClient::waiting() const
 {
     const std::lock_guard lock(m_mutex);
-    return m_failed.empty() ? 0 : *m_failed.rbegin();
+    return m_failedAttempts.empty() ? Waiting() : Waiting{*m_failedAttempts.rbegin(), m_clock.now() - m_quietSince};
 }
 
 Duration RetryingClient::firstMaxDelay() const

@@ -231,14 +231,17 @@ TEST_F(RetryingClientTest, WaitsThenGivesUp)
     {
         SCOPED_TRACE(row.name);
         const auto begin = time;
+        auto lastEnd = time;
         RetryingClient client(counted, row.policy, clock());
         std::vector<int> attempts;
         faults->setHook(
             [&](Operation, const std::string&)
             {
-                EXPECT_EQ(client.failedAttempts(), attempts.size());
+                EXPECT_EQ(client.waiting().failedAttempts, attempts.size());
+                EXPECT_EQ(client.waiting().quietTime, time - lastEnd);
                 attempts.push_back(static_cast<int>((time - begin) / 1ms));
                 time += row.duration;
+                lastEnd = time;
                 throw TransientException("Busy", "store busy", row.retryAfter, attempts.size() <= row.progressing);
             });
         EXPECT_THAT([&] { client.deleteObject("a"); },
@@ -246,7 +249,7 @@ TEST_F(RetryingClientTest, WaitsThenGivesUp)
                 AllOf(hasDetail("store busy; gave up after " + row.summary + " s after the first: another wait"),
                     Property(&TransientException::retryAfter, row.retryAfter))));
         EXPECT_EQ(attempts, row.attempts);
-        EXPECT_EQ(client.failedAttempts(), 0U);
+        EXPECT_EQ(client.waiting().failedAttempts, 0U);
     }
 }
 

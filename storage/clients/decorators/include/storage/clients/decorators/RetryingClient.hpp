@@ -78,9 +78,16 @@ public:
     std::string uploadPart(const std::string& key, const std::string& uploadId, const cloudprovider::PartInfo& part,
         std::istream& content) override;
 
-    /// Return how many attempts have failed of the call in progress that has failed most often; 0: no call in progress
-    /// has failed. For a host that shows why nothing happens. Any thread may call this; it does not block.
-    unsigned failedAttempts() const;
+    /// What the calls in progress wait for.
+    struct Waiting
+    {
+        unsigned failedAttempts = 0;      ///< of the call that has failed most often
+        RetryClock::Duration quietTime{}; ///< since an attempt of any call has ended, or the only calls have begun
+    };
+
+    /// For a host that shows why nothing happens. All zero: no call is in progress. Any thread may call this; it does
+    /// not block.
+    Waiting waiting() const;
 
 protected:
     /// Retry the call, but not if it uses a content stream: such an operation overrides its function and rewinds.
@@ -105,8 +112,10 @@ private:
     const RetryClock m_clock;
     const std::function<bool()> m_interrupted;
 
-    mutable std::mutex m_mutex;       // taken alone
-    std::multiset<unsigned> m_failed; // guarded by m_mutex; the failed attempts of each call in progress that has any
+    mutable std::mutex m_mutex; // taken alone
+    // guarded by m_mutex
+    std::multiset<unsigned> m_failedAttempts; // of each call in progress
+    std::chrono::steady_clock::time_point m_quietSince;
 };
 
 } // namespace storage::clients
