@@ -20,6 +20,7 @@
 
 #include <exception>
 #include <filesystem>
+#include <new>
 #include <sstream>
 #include <system_error>
 
@@ -87,6 +88,14 @@ void CommandContext::rethrowAsCommandError(const StorePath& path) const
     catch (const fsp::ByteStreamFailure& exception)
     {
         throw CommandError(path.text(), reasonFor(path.text(), exception.reason()), exception.reason());
+    }
+    catch (const CloudException& exception)
+    {
+        throw CommandError::fromStore(path.text(), exception);
+    }
+    catch (const std::bad_alloc&)
+    {
+        throw CommandError(path.text(), "not enough memory", fsp::ErrorCode::Unknown);
     }
     // All other exceptions describe themselves.
 }
