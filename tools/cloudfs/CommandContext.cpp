@@ -9,6 +9,7 @@
 #include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/stores/OpenStore.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
+#include <storage/cloudprovider/TemporaryFiles.hpp>
 #include <storage/cloudprovider/utils.hpp>
 
 #include <fl/i18n.hpp>
@@ -16,42 +17,19 @@
 #include <foundation/storage/provider/ByteStreamFailure.hpp>
 #include <foundation/storage/provider/Exception.hpp>
 
-#include <fmt/format.h>
-
 #include <exception>
-#include <filesystem>
 #include <new>
 #include <sstream>
-#include <system_error>
 
 namespace cloudfs
 {
 
 using storage::cloudprovider::CloudException;
 
-namespace
-{
-
-/// Return the reason for an unknown failure that the store did not report: only a temporary file can have failed. The
-/// provider gives no details.
-std::string temporaryFileReason()
-{
-    std::error_code error;
-    const std::filesystem::path folder = std::filesystem::temp_directory_path(error);
-    if (error)
-    {
-        return "no folder for temporary files: " + error.message();
-    }
-    const auto space = std::filesystem::space(folder, error);
-    return fmt::format("cannot write a temporary file in {} ({} free)", folder.native(),
-        error ? "unknown" : storage::clients::formatBytes(space.available));
-}
-
-} // namespace
-
 void CommandContext::open(bool createMissing)
 {
     diagnostics::install(verbose);
+    storage::cloudprovider::removeTemporaryFilesOfDeadProcesses();
     try
     {
         m_store = storage::clients::openStore(
@@ -129,7 +107,7 @@ std::string CommandContext::reasonFor(const std::string& path, const fsp::ErrorC
             return exception.what();
         }
     }
-    return temporaryFileReason();
+    return defaultReason(code) + "; -v logs the cause";
 }
 
 bool CommandContext::fileExists(const StorePath& path) const
