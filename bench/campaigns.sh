@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Try to make cloudfs lose, mix or invent bytes: kill it, damage its store, disturb its network, and take its disk,
+# memory, descriptors and processes away. Prints one row of counts per campaign; docs/reliability.md has the results.
+#
+# Usage: bench/campaigns.sh [short|full]      full (default) takes about an hour, short a minute
+#
+# Builds the release preset. The campaigns on a bucket use a gateway of their own on loopback. Exits with 1 if a
+# campaign found anything that must not happen; it then prints the seed that repeats it.
+set -euo pipefail
+# shellcheck source=scripts/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/../scripts/common.sh"
+case ${1:-full} in
+    full) kills=1000 damages=500 faults=1000 flips=500 shortages=1000 ;;
+    short) kills=60 damages=60 faults=40 flips=40 shortages=80 ;;
+    *)
+        echo "usage: bench/campaigns.sh [short|full]" >&2
+        exit 2
+        ;;
+esac
+build release
+program=build/release/tools/cloudfs/cloudfs
+
+export CLOUDFS_GATEWAY_DIR=$root/build/campaigns-gateway PYTHONDONTWRITEBYTECODE=1
+trap 'scripts/gateway.sh stop' EXIT
+scripts/gateway.sh stop # one that a killed run has left
+scripts/gateway.sh start >/dev/null
+settings=$(scripts/gateway.sh env)
+eval "$settings"
+
+status=0
+# campaign SCRIPT ROUNDS OPTION…
+campaign()
+{
+    /usr/bin/python3 "bench/campaigns/$1.py" "$program" --rounds "$2" "${@:3}" || status=1
+}
+echo "| campaign | rounds | counts |"
+echo "|---|---|---|"
+campaign kills "$kills"
+campaign damage "$damages"
+campaign network "$faults"
+campaign network "$flips" --flips
+campaign shortage "$shortages"
+exit "$status"
