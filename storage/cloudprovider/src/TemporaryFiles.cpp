@@ -13,7 +13,6 @@
 #include <csignal>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -48,7 +47,8 @@ std::optional<std::string> startTimeOf(pid_t pid)
         return "";
     }
     std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(file)), {});
+    std::string text;
+    std::getline(file, text, '\0');
     // The second field, the name of the program in parentheses, may contain anything. The start time is field 22.
     std::istringstream fields(text.erase(0, text.rfind(')') + 1));
     for (int field = 3; field <= 22; ++field)
