@@ -123,7 +123,7 @@ public:
             const std::size_t size = random.below(3 * partSize + 3);
             if (choice < 2)
             {
-                close(streams.back(), random.oneIn(3));
+                close(streams.back(), random.oneIn(3), random.oneIn(4));
                 streams.pop_back();
             }
             else
@@ -235,6 +235,7 @@ private:
             m_content = m_changed ? "" : *m_stored;
             m_tag = faults->inner().getObjectInfo("file").tag;
         }
+        m_isShared = m_streams > 1;
         return opened;
     }
 
@@ -258,8 +259,14 @@ private:
         EXPECT_EQ(bytes, expected);
     }
 
-    void close(Stream& stream, bool destroys = false)
+    void close(Stream& stream, bool destroys = false, bool abandons = false)
     {
+        if (abandons)
+        {
+            stream.stream->abandon();
+            m_changed = m_changed && m_isShared;
+            EXPECT_EQ(reasonOf([&] { m_provider->openReadOnlyStream(iriOf("file")); }), m_isShared ? "done" : "InUse");
+        }
         const bool done = attempt([&] { destroys ? stream.stream.reset() : stream.stream->close(); });
         if (--m_streams == 0)
         {
@@ -303,6 +310,7 @@ private:
     std::shared_ptr<fsp::IProvider> m_provider;
     bool m_hasFaults = false;
     std::size_t m_streams = 0;
+    bool m_isShared = false; // another stream was open at the same time
     bool m_changed = false;
     std::string m_content; // as the streams see it
     Contents m_stored;     // what the store holds
