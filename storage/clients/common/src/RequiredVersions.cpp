@@ -19,7 +19,7 @@ public:
               [&]
               {
                   const std::lock_guard lock(versions.m_mutex);
-                  return versions.m_tags.emplace(key, tag);
+                  return versions.m_required.emplace(key, Required{tag});
               }())
     {
     }
@@ -27,12 +27,12 @@ public:
     ~Entry() override
     {
         const std::lock_guard lock(m_versions.m_mutex);
-        m_versions.m_tags.erase(m_entry);
+        m_versions.m_required.erase(m_entry);
     }
 
 private:
     RequiredVersions& m_versions;
-    const std::multimap<std::string, std::string>::iterator m_entry; // stays valid while other entries change
+    const ByKey::iterator m_entry; // stays valid while other entries change
 };
 
 std::unique_ptr<WriteConditions::Condition> RequiredVersions::require(const std::string& key, const std::string& tag)
@@ -43,16 +43,30 @@ std::unique_ptr<WriteConditions::Condition> RequiredVersions::require(const std:
 std::optional<std::string> RequiredVersions::find(const std::string& key) const
 {
     const std::lock_guard lock(m_mutex);
-    const auto [first, last] = m_tags.equal_range(key);
+    const auto [first, last] = m_required.equal_range(key);
     if (first == last)
     {
         return std::nullopt;
     }
-    if (std::any_of(first, last, [&](const auto& entry) { return entry.second != first->second; }))
+    if (std::any_of(first, last, [&](const auto& entry) { return entry.second.tag != first->second.tag; }))
     {
         throwOtherVersion(key, "two different tags");
     }
-    return first->second;
+    return first->second.tag;
+}
+
+void RequiredVersions::setOutcomeUnknown(const std::string& key)
+{
+    const std::lock_guard lock(m_mutex);
+    const auto [first, last] = m_required.equal_range(key);
+    std::for_each(first, last, [](auto& entry) { entry.second.isOutcomeUnknown = true; });
+}
+
+bool RequiredVersions::isOutcomeUnknown(const std::string& key) const
+{
+    const std::lock_guard lock(m_mutex);
+    const auto [first, last] = m_required.equal_range(key);
+    return std::any_of(first, last, [](const auto& entry) { return entry.second.isOutcomeUnknown; });
 }
 
 void checkRequiredVersion(const std::string& key, const std::optional<std::string>& required, const std::string& stored)

@@ -264,6 +264,15 @@ MultipartUploads::Completion MultipartUploads::prepare(
         const bool isOurs = current && m_pins.descends(upload.key(), current->tag, upload.base());
         completion.replaces = isOurs ? current->tag : upload.base();
     }
+    if (const auto required = m_required.find(upload.key()))
+    {
+        if (!completion.replaces.empty() && completion.replaces != *required)
+        {
+            throwOtherVersion(upload.key(), *required);
+        }
+        completion.replaces = *required;
+        completion.mustCreate = required->empty();
+    }
     return completion;
 }
 
@@ -362,7 +371,9 @@ std::string MultipartUploads::finishUpload(Upload& upload, const Completion& com
     { return upload.isOutcomeUnknown() && stored && !newTag.empty() && stored->tag == newTag; };
 
     const bool needsVersionCheck =
-        !completion.replaces.empty() && (completion.plan.needsVersionCheck || !m_capabilities.conditionalCompletion);
+        completion.mustCreate ? !m_capabilities.conditionalWrites
+                              : !completion.replaces.empty() &&
+                                    (completion.plan.needsVersionCheck || !m_capabilities.conditionalCompletion);
     if (upload.isOutcomeUnknown() || needsVersionCheck)
     {
         // After the last copy: if the object is still this version, all copies came from it.
@@ -371,7 +382,12 @@ std::string MultipartUploads::finishUpload(Upload& upload, const Completion& com
         {
             return newTag;
         }
-        if (!completion.replaces.empty() && (!stored || stored->tag != completion.replaces))
+        if (completion.mustCreate && stored && !upload.isOutcomeUnknown())
+        {
+            throwOtherVersion(request.key, "");
+        }
+        if ((completion.mustCreate && stored) ||
+            (!completion.replaces.empty() && (!stored || stored->tag != completion.replaces)))
         {
             upload.isOutcomeUnknown() ? throwOutcomeUnknown(request)
                                       : throwObjectChanged(m_requester.contextOf(request));
@@ -388,7 +404,8 @@ std::string MultipartUploads::finishUpload(Upload& upload, const Completion& com
     }
     try
     {
-        const std::string tag = m_requester.sendAndRead(request, readCompletion);
+        const auto send = [&] { return m_requester.sendAndRead(request, readCompletion); };
+        const std::string tag = completion.mustCreate ? m_objects.sendToCreate(request, send) : send();
         return tag.empty() ? newTag : tag;
     }
     catch (const TransientException&)
@@ -404,14 +421,18 @@ std::string MultipartUploads::finishUpload(Upload& upload, const Completion& com
     {
         upload.setOutcomeUnknown();
     }
-    catch (const UnknownErrorException&)
+    catch (const UnknownErrorException& failure)
     {
         // When a connection breaks, the HTTP client may send the request twice. The second may be refused because the
         // first one has succeeded.
-        upload.setOutcomeUnknown();
+        const bool isThere = completion.mustCreate && dynamic_cast<const PreconditionFailed*>(&failure) != nullptr;
+        if (!isThere || body.wasSentTwice())
+        {
+            upload.setOutcomeUnknown();
+        }
         if (!isDone(m_objects.info(operation, request.key)))
         {
-            throw;
+            isThere ? throwOtherVersion(request.key, "") : throw;
         }
     }
     if (isDone(m_objects.info(operation, request.key)))

@@ -6,6 +6,7 @@
 
 #include "protocol/Requester.hpp"
 
+#include <storage/clients/common/RequiredVersions.hpp>
 #include <storage/clients/common/UploadInventory.hpp>
 #include <storage/clients/common/VersionPins.hpp>
 #include <storage/clients/s3/S3Settings.hpp>
@@ -30,9 +31,11 @@ namespace storage::clients::s3
 class MultipartUploads
 {
 public:
-    MultipartUploads(Requester& requester, VersionPins& pins, Objects& objects, const S3Settings& settings)
+    MultipartUploads(Requester& requester, VersionPins& pins, const RequiredVersions& required, Objects& objects,
+        const S3Settings& settings)
         : m_requester(requester)
         , m_pins(pins)
+        , m_required(required)
         , m_objects(objects)
         , m_capabilities(settings.capabilities)
         , m_transfers(settings.transfers)
@@ -53,8 +56,9 @@ private:
     struct Completion
     {
         UploadPlan plan;
-        Version source;       ///< of the object that unchanged bytes are copied from; no tag: nothing is copied
-        std::string replaces; ///< entity tag of the object that it may replace; empty: any
+        Version source;          ///< of the object that unchanged bytes are copied from; no tag: nothing is copied
+        std::string replaces;    ///< entity tag of the object that it may replace; empty: any
+        bool mustCreate = false; ///< it may replace none
     };
     using NumberedTags = std::vector<std::pair<std::size_t, std::string>>;
 
@@ -74,6 +78,7 @@ private:
 
     Requester& m_requester;
     VersionPins& m_pins;
+    const RequiredVersions& m_required;
     Objects& m_objects;
     const EndpointCapabilities m_capabilities;
     const std::size_t m_transfers; // maximum requests at a time in one completion

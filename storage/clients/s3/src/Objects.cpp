@@ -2,9 +2,11 @@
 
 #include "PartCutting.hpp"
 #include "RangeReceiver.hpp"
+#include "UploadPlan.hpp"
 
 #include "protocol/Responses.hpp"
 #include "protocol/Times.hpp"
+#include "signing/Hashing.hpp"
 
 #include <storage/clients/common/Content.hpp>
 #include <storage/clients/common/KeyRules.hpp>
@@ -13,6 +15,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <limits>
 #include <sstream>
 #include <string_view>
@@ -44,6 +47,16 @@ std::string rangeField(const ByteRange& range)
 constexpr unsigned maxEmptyPages = 1000;
 
 } // namespace
+
+Objects::Objects(Requester& requester, VersionPins& pins, RequiredVersions& required, const S3Settings& settings)
+    : m_requester(requester)
+    , m_pins(pins)
+    , m_required(required)
+    , m_conditionalWrites(settings.capabilities.conditionalWrites)
+    , m_partSize(settings.capabilities.equalParts ? std::max<std::uint64_t>(settings.partSize, minPartSize)
+                                                  : settings.partSize)
+{
+}
 
 std::optional<ObjectInfo> Objects::info(Operation operation, const std::string& key)
 {
@@ -146,11 +159,39 @@ void Objects::remove(const std::string& key)
     {
         return;
     }
-    const S3Request request{Operation::DeleteObject, key, "DELETE"};
-    const HttpResponse response = m_requester.send(request, {404});
-    if (response.status == 404)
+    S3Request request{Operation::DeleteObject, key, "DELETE"};
+    const auto required = m_required.find(key);
+    const bool mayBeDone = m_required.isOutcomeUnknown(key);
+    if (required && (!m_conditionalWrites || required->empty() || mayBeDone))
     {
-        requireMissingKey(request, response);
+        const auto stored = info(request.operation.value(), key);
+        if (!stored && mayBeDone)
+        {
+            return;
+        }
+        checkRequiredVersion(key, required, stored ? stored->tag : "");
+    }
+    if (required && !required->empty() && m_conditionalWrites)
+    {
+        request.headers.add("If-Match", quotedTag(*required));
+    }
+    try
+    {
+        const HttpResponse response = m_requester.send(request, {404});
+        if (response.status == 404)
+        {
+            requireMissingKey(request, response);
+            checkRequiredVersion(key, required, "");
+        }
+    }
+    catch (const PreconditionFailed&)
+    {
+        throwOtherVersion(key, required.value_or(""));
+    }
+    catch (const TransientException&)
+    {
+        m_required.setOutcomeUnknown(key);
+        throw;
     }
 }
 
@@ -226,8 +267,56 @@ void Objects::put(const std::string& key, std::istream& content, std::uint64_t s
     StreamBody body(key, content, size);
     S3Request request{Operation::PutObject, key, "PUT"};
     request.body = &body;
+    if (const auto required = m_required.find(key))
+    {
+        putAs(*required, request, write);
+        return;
+    }
     const HttpResponse response = m_requester.send(request);
     write.succeeded({m_requester.sentTag(request, response), size});
+}
+
+/// Put the object if it has the required version. Its entity tag tells whether an earlier attempt, whose response was
+/// lost, has stored it.
+void Objects::putAs(const std::string& required, S3Request& request, VersionPins::Write& write)
+{
+    RequestBody& body = *request.body;
+    const auto isDone = [&](const std::optional<ObjectInfo>& stored)
+    { return stored && m_required.isOutcomeUnknown(request.key) && stored->tag == toHex(md5(body)); };
+    if (!m_conditionalWrites || m_required.isOutcomeUnknown(request.key))
+    {
+        const auto stored = info(Operation::PutObject, request.key);
+        if (isDone(stored))
+        {
+            write.succeeded({stored->tag, body.size()});
+            return;
+        }
+        checkRequiredVersion(request.key, required, stored ? stored->tag : "");
+    }
+    if (!required.empty() && m_conditionalWrites)
+    {
+        request.headers.add("If-Match", quotedTag(required));
+    }
+    try
+    {
+        const auto send = [&] { return m_requester.sentTag(request, m_requester.send(request)); };
+        write.succeeded({required.empty() ? sendToCreate(request, send) : send(), body.size()});
+    }
+    catch (const TransientException&)
+    {
+        m_required.setOutcomeUnknown(request.key);
+        throw;
+    }
+    catch (const PreconditionFailed&)
+    {
+        body.wasSentTwice() ? m_required.setOutcomeUnknown(request.key) : void();
+        const auto stored = info(Operation::PutObject, request.key);
+        if (!isDone(stored))
+        {
+            throwOtherVersion(request.key, required);
+        }
+        write.succeeded({stored->tag, body.size()});
+    }
 }
 
 std::vector<PartInfo> Objects::parts(const std::string& key)

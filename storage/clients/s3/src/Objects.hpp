@@ -5,6 +5,8 @@
 #include "protocol/Requester.hpp"
 
 #include <storage/clients/common/Content.hpp>
+#include <storage/clients/common/RequiredVersions.hpp>
+#include <storage/clients/common/TransientException.hpp>
 #include <storage/clients/common/VersionPins.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
 
@@ -20,13 +22,7 @@ namespace storage::clients::s3
 class Objects
 {
 public:
-    /// @param partSize  bytes of the parts that stored objects are cut into
-    Objects(Requester& requester, VersionPins& pins, std::uint64_t partSize)
-        : m_requester(requester)
-        , m_pins(pins)
-        , m_partSize(partSize)
-    {
-    }
+    Objects(Requester& requester, VersionPins& pins, RequiredVersions& required, const S3Settings& settings);
 
     /// @param operation  the caller's, for messages
     /// @return nothing when there is no such object
@@ -52,7 +48,41 @@ public:
 
     std::vector<cloudprovider::PartInfo> parts(const std::string& key);
 
+    /// Send a request that must create the object. An endpoint that knows no conditions on writes may refuse the
+    /// header; it gets the request again without it.
+    ///
+    /// @param send  sends the request
+    /// @throws PreconditionFailed when there is an object
+    template <typename Send>
+    auto sendToCreate(S3Request& request, Send&& send)
+    {
+        const HttpHeaders unconditional = request.headers;
+        request.headers.add("If-None-Match", "*");
+        try
+        {
+            return send();
+        }
+        catch (const PreconditionFailed&)
+        {
+            throw;
+        }
+        catch (const TransientException&)
+        {
+            throw;
+        }
+        catch (const cloudprovider::UnsupportedOperationException&)
+        {
+            request.headers = unconditional;
+        }
+        catch (const cloudprovider::UnknownErrorException&) // such as 400 InvalidArgument; if not, it fails again
+        {
+            request.headers = unconditional;
+        }
+        return send();
+    }
+
 private:
+    void putAs(const std::string& required, S3Request& request, VersionPins::Write& write);
     bool existsByGet(S3Request request);
     std::optional<Version> fetchBeginning(const std::string& key);
     void requireMissingKey(const S3Request& request, const HttpResponse& response);
@@ -60,7 +90,9 @@ private:
     Requester& m_requester;
     VersionPins& m_pins;
     SmallObjectCache m_contents;
-    const std::uint64_t m_partSize;
+    RequiredVersions& m_required;
+    const bool m_conditionalWrites;
+    const std::uint64_t m_partSize; // bytes of the parts that stored objects are cut into
 };
 
 } // namespace storage::clients::s3

@@ -8,8 +8,6 @@
 
 #include <storage/clients/common/KeyRules.hpp>
 
-#include <algorithm>
-
 namespace storage::clients
 {
 
@@ -17,10 +15,9 @@ using namespace cloudprovider;
 
 S3Client::S3Client(const s3::S3Settings& settings)
     : m_requester(std::make_unique<s3::Requester>(settings))
-    , m_objects(std::make_unique<s3::Objects>(*m_requester, m_pins,
-          settings.capabilities.equalParts ? std::max<std::uint64_t>(settings.partSize, s3::minPartSize)
-                                           : settings.partSize))
-    , m_uploads(std::make_unique<s3::MultipartUploads>(*m_requester, m_pins, *m_objects, settings))
+    , m_isAtomic(settings.capabilities.conditionalWrites && settings.capabilities.conditionalCompletion)
+    , m_objects(std::make_unique<s3::Objects>(*m_requester, m_pins, m_required, settings))
+    , m_uploads(std::make_unique<s3::MultipartUploads>(*m_requester, m_pins, m_required, *m_objects, settings))
 {
 }
 
@@ -96,6 +93,11 @@ void S3Client::completeMultipartUpload(
 std::vector<PendingUpload> S3Client::pendingUploads()
 {
     return m_uploads->pending();
+}
+
+std::unique_ptr<WriteConditions::Condition> S3Client::requireVersion(const std::string& key, const std::string& tag)
+{
+    return m_required.require(key, tag);
 }
 
 } // namespace storage::clients

@@ -127,6 +127,8 @@ S3Settings parseS3Url(const std::string& url)
             { settings.capabilities.conditionalCopies = readFlag(name, value); }},
         {"conditional-completion", [&](const auto& name, const auto& value)
             { settings.capabilities.conditionalCompletion = readFlag(name, value); }},
+        {"conditional-writes", [&](const auto& name, const auto& value)
+            { settings.capabilities.conditionalWrites = readFlag(name, value); }},
         {"copies-any-key",
             [&](const auto& name, const auto& value) { settings.capabilities.copiesAnyKey = readFlag(name, value); }},
         {"equal-parts",

@@ -218,7 +218,20 @@ struct Scene
     const std::string key;
     PreparedUpload upload = {};
     std::ostringstream received = {};
+    std::unique_ptr<WriteConditions::Condition> condition = nullptr;
 
+    /// Require the version that is there, or that there is none.
+    Scene& pinWrites()
+    {
+        auto& conditions = dynamic_cast<WriteConditions&>(client);
+        condition = conditions.requireVersion(key, client.getObjectInfo(key).tag);
+        return *this;
+    }
+    Scene& removed()
+    {
+        client.deleteObject(key);
+        return *this;
+    }
     Scene& begin()
     {
         upload.id = client.createMultipartUpload(key, "");
@@ -255,6 +268,11 @@ const Row rows[] = {
     {"abort", [](Scene& s) { s.client.abortMultipartUpload(s.key, s.upload.id); }, old,
         [](Scene& s) { s.begin().sendPart(); }},
     {"completion", [](Scene& s) { s.complete(); }, fresh, [](Scene& s) { s.begin().sendPart(); }},
+    {"conditionalDeletion", [](Scene& s) { s.client.deleteObject(s.key); }, std::nullopt,
+        [](Scene& s) { s.pinWrites(); }},
+    {"creation", [](Scene& s) { put(s.client, s.key, fresh); }, fresh, [](Scene& s) { s.removed().pinWrites(); }},
+    {"creationInParts", [](Scene& s) { s.complete(); }, fresh,
+        [](Scene& s) { s.removed().pinWrites().begin().sendPart(); }},
     {"completionOfAPatch", [](Scene& s) { s.complete(); }, patched,
         [](Scene& s) { s.upload = preparePatch(s.client, s.key, patchOffset, fresh); }, large},
 };
@@ -273,6 +291,7 @@ protected:
         Scene scene{client, row.name + std::string(isPersistent ? "!/key" : "/key")};
         n == 1 || row.outcome != row.before ? put(*direct, scene.key, row.before) : void();
         row.prepare(scene);
+        const Content before = contentOf(*direct, scene.key);
 
         proxy.setPlan(
             [&](std::size_t number) { return number == n || (isPersistent && number > n) ? &fault : nullptr; });
@@ -303,11 +322,11 @@ protected:
                                (status == 400 || (status == 403 && request.head.method() == Verb::head))));
             });
         const Content now = contentOf(*direct, scene.key);
-        Content seenNow = row.before; // or a failure: after a lost response it does not know what is stored
+        Content seenNow = before; // or a failure: after a lost response it does not know what is stored
         const std::string unread = failureOf([&] { seenNow = contentOf(client, scene.key); });
-        EXPECT_TRUE(seenNow == now || (failed && seenNow == row.before)) << "the client reads another version";
+        EXPECT_TRUE(seenNow == now || (failed && seenNow == before)) << "the client reads another version";
         EXPECT_TRUE(unread.empty() || failed) << unread;
-        EXPECT_TRUE(now == row.outcome || (failed && now == row.before)) << "neither old nor new is stored";
+        EXPECT_TRUE(now == row.outcome || (failed && now == before)) << "neither old nor new is stored";
         EXPECT_TRUE(!failed || isInjected) << "failed without a fault";
         EXPECT_TRUE(failed || !isInjected || recovers) << "succeeded although a request failed";
         const auto completions =

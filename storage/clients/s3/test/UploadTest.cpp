@@ -407,6 +407,76 @@ TEST(CompletionTest, ASmallPatchOfALargeFileTakesFewRequestsFromOpenToClose)
     }
 }
 
+/// A store of one object of one byte.
+struct ConditionalStore
+{
+    const Reply refusal; // of requests with a condition; status 200: it knows conditions
+    std::atomic<char> stored = 0;
+    std::atomic<bool> losesResponse = false;
+
+    static std::string tagOf(char byte) { return toHex(md5(std::string(1, byte))); }
+
+    Reply respond(const Request& request)
+    {
+        const std::string etag = stored == 0 ? "" : '"' + tagOf(stored) + '"';
+        if (request.method() == http::head || request.method() == http::get)
+        {
+            return stored == 0 ? Reply::error(404, "NoSuchKey")
+                               : Reply{.fields = {{"ETag", etag}, {"Last-Modified", "Sat, 01 Jan 2022 00:00:00 GMT"},
+                                           {"Content-Length", "1"}}};
+        }
+        const auto ifNone = request["If-None-Match"];
+        const auto ifSame = request["If-Match"];
+        if (refusal.status != 200 && ifNone.size() + ifSame.size() > 0)
+        {
+            return refusal;
+        }
+        if ((!ifNone.empty() && stored != 0) || (!ifSame.empty() && ifSame != etag))
+        {
+            return Reply::error(412, "PreconditionFailed");
+        }
+        stored = request.method() == http::put ? request.body().at(0) : '\0';
+        return losesResponse.exchange(false) ? Reply::raw("", Reply::Then::Close)
+                                             : Reply{.fields = {{"ETag", '"' + tagOf(stored) + '"'}}};
+    }
+};
+
+TEST(ConditionTest, HoldsWhetherTheEndpointKnowsItOrNot)
+{
+    const struct
+    {
+        bool isTrusted;
+        std::size_t requests; // to create the object
+        Reply refusal = {};
+    } rows[] = {{true, 1}, {false, 3}, {false, 4, Reply::error(501, "NotImplemented")},
+        {false, 4, Reply::error(400, "InvalidArgument")}};
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(testing::Message() << row.isTrusted << ' ' << row.refusal.body);
+        ConditionalStore store{row.refusal};
+        LoopbackServer server([&](const Request& request) { return store.respond(request); });
+        S3Settings settings = test::settingsFor(server);
+        settings.capabilities.conditionalWrites = row.isTrusted;
+        S3Client client(settings);
+        const auto attempt = [&](char required, char content)
+        {
+            const auto condition = client.requireVersion("key", required == 0 ? "" : store.tagOf(required));
+            return test::failureOf(
+                [&] { content == 0 ? client.deleteObject("key") : conformance::put(client, "key", {content}); });
+        };
+        EXPECT_EQ(attempt(0, 'a'), "");
+        EXPECT_EQ(server.requests().size(), row.requests);
+        EXPECT_TRUE(attempt(0, 'a').starts_with("Cloud Resource already exists")) << "the same bytes of somebody else";
+        EXPECT_TRUE(attempt('b', 'c').starts_with("Object changed"));
+        EXPECT_EQ(attempt('a', 'b'), "");
+        EXPECT_TRUE(attempt('a', 0).starts_with("Object changed"));
+        EXPECT_EQ(attempt('b', 0), "");
+        store.losesResponse = true;
+        EXPECT_EQ(attempt(0, 'd'), "") << "the transport has sent it again";
+        EXPECT_EQ(store.stored, 'd');
+    }
+}
+
 TEST(ParallelTest, RunsEverythingOnTheCallersThreadWhereNoOtherStarts)
 {
     pthread_attr_t usual;

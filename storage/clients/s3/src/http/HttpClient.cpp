@@ -301,6 +301,7 @@ private:
                 if (transfer.m_request.body != nullptr)
                 {
                     transfer.m_request.body->rewind();
+                    transfer.m_request.body->setSentTwice();
                 }
                 return CURL_SEEKFUNC_OK;
             });

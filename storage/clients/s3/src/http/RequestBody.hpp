@@ -29,6 +29,13 @@ public:
     virtual std::size_t read(char* target, std::size_t capacity) = 0;
 
     virtual std::uint64_t size() const noexcept = 0;
+
+    /// Whether the body was sent again after a broken connection: the store may have received the request twice.
+    bool wasSentTwice() const noexcept { return m_wasSentTwice; }
+    void setSentTwice() noexcept { m_wasSentTwice = true; }
+
+private:
+    bool m_wasSentTwice = false;
 };
 
 /// Bytes in memory.

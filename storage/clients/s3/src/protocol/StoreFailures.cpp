@@ -236,7 +236,7 @@ void throwErrorResponse(const FailureContext& context, const HttpResponse& respo
     case Meaning::NotSupported:
         throw UnsupportedOperationException(detail);
     case Meaning::Changed:
-        throw UnknownErrorException("Object changed", detail);
+        throw PreconditionFailed("Object changed", detail);
     case Meaning::Transient:
         throw TransientException("Store busy", detail, retryAfter(response));
     case Meaning::Other:

@@ -5,10 +5,19 @@
 #include "http/HttpFailure.hpp"
 #include "http/HttpMessage.hpp"
 
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
 #include <string>
 
 namespace storage::clients::s3
 {
+
+/// The store has refused a request because the object is not the version that a condition of the request names.
+class PreconditionFailed : public cloudprovider::UnknownErrorException
+{
+public:
+    using cloudprovider::UnknownErrorException::UnknownErrorException;
+};
 
 /// What a message says about a failed request.
 struct FailureContext

@@ -24,11 +24,22 @@ public:
     /// @throws UnknownErrorException when two requirements differ, so that no object has both versions
     std::optional<std::string> find(const std::string& key) const;
 
+    /// Remember that the response to a write of the key was lost, until its Conditions end. A retry may find the
+    /// version that the write has stored.
+    void setOutcomeUnknown(const std::string& key);
+    bool isOutcomeUnknown(const std::string& key) const;
+
 private:
+    struct Required
+    {
+        std::string tag;
+        bool isOutcomeUnknown = false;
+    };
+    using ByKey = std::multimap<std::string, Required>;
     class Entry;
 
-    mutable std::mutex m_mutex;                     // innermost
-    std::multimap<std::string, std::string> m_tags; // guarded by m_mutex; by key, one entry per living Condition
+    mutable std::mutex m_mutex; // innermost
+    ByKey m_required;           // guarded by m_mutex; one entry per living Condition
 };
 
 /// Throw unless a write may replace this version, as WriteConditions::requireVersion() says.

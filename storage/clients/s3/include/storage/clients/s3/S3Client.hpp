@@ -1,7 +1,9 @@
 #pragma once
 
+#include <storage/clients/common/RequiredVersions.hpp>
 #include <storage/clients/common/UploadInventory.hpp>
 #include <storage/clients/common/VersionPins.hpp>
+#include <storage/clients/common/WriteConditions.hpp>
 #include <storage/clients/s3/S3Settings.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
 
@@ -42,6 +44,9 @@ class Requester;
 /// - A failed copy or small part is therefore a failure of the completion. It leaves the object as it was and the
 ///   upload open with all its parts. The completion may be retried, or the upload aborted. After a transient failure a
 ///   retry transfers only the parts that are missing. Until then the transferred parts take up space in the store.
+/// - Under a condition of WriteConditions, a write looks up the object first, and `If-None-Match: *` lets the store
+///   compare, too, if the object must be new. Only EndpointCapabilities::conditionalWrites, with conditionalCompletion,
+///   makes it one step at the store. A store that refuses the header gets the request again without it.
 /// - If the response to a completion is lost, the client finds out whether the object was stored before it completes
 ///   again or reports a failure.
 /// - Transient failures are thrown as TransientException and may be retried, for example by RetryingClient. This client
@@ -55,7 +60,7 @@ class Requester;
 /// MiB. Threads: any thread may call any operation at any time; each call waits for the store on a connection of its
 /// own. A completion runs its requests on threads of its own, which end before it returns; no other threads are
 /// started. The only process-wide state is the initialisation of libcurl.
-class S3Client : public cloudprovider::CloudClient, public UploadInventory
+class S3Client : public cloudprovider::CloudClient, public UploadInventory, public WriteConditions
 {
 public:
     /// Sends nothing: a missing bucket is reported by the first operation.
@@ -82,9 +87,14 @@ public:
 
     std::vector<PendingUpload> pendingUploads() override;
 
+    std::unique_ptr<Condition> requireVersion(const std::string& key, const std::string& tag) override;
+    bool isAtomic() const noexcept override { return m_isAtomic; }
+
 private:
     const std::unique_ptr<s3::Requester> m_requester;
+    const bool m_isAtomic;
     VersionPins m_pins;
+    RequiredVersions m_required;
     const std::unique_ptr<s3::Objects> m_objects;
     const std::unique_ptr<s3::MultipartUploads> m_uploads;
 };

@@ -12,7 +12,7 @@
 namespace storage::clients::s3
 {
 
-/// Properties of an endpoint. The first three are features: without one, the client does not rely on it and sends
+/// Properties of an endpoint. The first four are features: without one, the client does not rely on it and sends
 /// additional requests instead. The last one is a restriction.
 struct EndpointCapabilities
 {
@@ -21,6 +21,10 @@ struct EndpointCapabilities
 
     /// `If-Match` prevents a completion from replacing another version of the object.
     bool conditionalCompletion = false;
+
+    /// `If-None-Match: *` prevents a put or a completion from replacing any object, and `If-Match` prevents a put or a
+    /// deletion of another version. Only used under a condition of WriteConditions.
+    bool conditionalWrites = false;
 
     /// The name of a copy's source is decoded exactly once, so that a key with "%" never names another object.
     /// Otherwise the client downloads and uploads the bytes of such objects instead of copying them.
@@ -63,9 +67,9 @@ struct S3Settings
 ///
 /// All parameters are optional; values may be percent-encoded. The others are: `transfers=N`, `memory=BYTES`,
 /// `part-size=BYTES`, `profile=NAME` (a section of the shared files), `anonymous=1`, `ca-file=PATH`, and the endpoint's
-/// capabilities `conditional-copies=1`, `conditional-completion=1`, `copies-any-key=1` and `equal-parts=1`. The
-/// endpoint defaults to the variables AWS_ENDPOINT_URL_S3 and AWS_ENDPOINT_URL, the region to defaultRegion(), else
-/// us-east-1.
+/// capabilities `conditional-copies=1`, `conditional-completion=1`, `conditional-writes=1`, `copies-any-key=1` and
+/// `equal-parts=1`. The endpoint defaults to the variables AWS_ENDPOINT_URL_S3 and AWS_ENDPOINT_URL, the region to
+/// defaultRegion(), else us-east-1.
 /// @throws cloudprovider::InvalidLocationException whose detail says what is wrong; it never repeats what may be a
 ///         secret
 S3Settings parseS3Url(const std::string& url);
