@@ -249,6 +249,7 @@ private:
         m_changed = m_changed || written != 0 || size > m_content.size();
         m_content.resize(std::max(m_content.size(), size), '\0');
         m_content.replace(std::min(start, m_content.size()), written, bytes, 0, written);
+        EXPECT_EQ(stored("file"), m_stored) << "visible before the last close";
     }
 
     void read(const Stream& stream, std::size_t offset, std::size_t size)

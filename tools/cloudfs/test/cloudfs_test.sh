@@ -326,6 +326,7 @@ test_concurrent_changes()
     echo theirs | expect 0 '' put - /tree/second
     resume 1 $'cloudfs: tree/first: was truncated.*\ncloudfs: /tree/second: already exists.*'
     same <(echo theirs) /tree/second
+    prints second ls /tree
     expect 0 '' put -rf tree /tree
     same tree/second /tree/second
 }

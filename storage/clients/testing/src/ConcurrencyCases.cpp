@@ -224,6 +224,9 @@ TEST_P(CloudClientConformance, OnlyItsOwnSuccessfulWritesReplaceTheOpenedVersion
         }
         client().getObjectParts("k");
         EXPECT_EQ(get("k"), "theirs") << "it was opened again";
+        conformance::put(*other, "k", "later");
+        put("k", "last");
+        EXPECT_EQ(get("k"), "last");
     }
 }
 
