@@ -27,7 +27,6 @@ bool isRemoved(const FileHandle& file)
 
 SessionLock::SessionLock(std::filesystem::path folder)
     : m_folder(std::move(folder))
-    , m_number(randomNumber())
 {
 }
 
@@ -44,6 +43,7 @@ void SessionLock::acquire()
     const std::lock_guard lock(m_mutex);
     while (m_file.get() < 0)
     {
+        m_number = randomNumber();
         FileHandle file = createFile(path());
         const std::shared_ptr<void> unlessKept(nullptr, // or the file would be in the way of the next attempt
             [this](void*)
@@ -53,7 +53,7 @@ void SessionLock::acquire()
                     removeFile(path());
                 }
             });
-        // A collector may have found the file before it was locked, and removes it then.
+        // A collector may have found the file before it was locked. It takes the number for that of a dead session.
         if (tryLockFile(file, path()) && !isRemoved(file))
         {
             syncFile(openFolder(m_folder), m_folder);

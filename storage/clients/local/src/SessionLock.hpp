@@ -21,7 +21,7 @@ namespace storage::clients::local
 class SessionLock
 {
 public:
-    /// Choose a session number. The file is created by acquire() only, so clients that only read have none.
+    /// The file is created by acquire() only, so clients that only read have none.
     explicit SessionLock(std::filesystem::path folder);
     SessionLock(const SessionLock&) = delete;
     SessionLock& operator=(const SessionLock&) = delete;
@@ -40,7 +40,8 @@ public:
     /// file then: without it, nobody would collect those files.
     void setUnsynced(bool isUnsynced) noexcept { m_isUnsynced = isUnsynced; }
 
-    /// Random, 64 bits: differs from the number of every other session of the store, including past ones.
+    /// Random, 64 bits: differs from the number of every other session of the store, including past ones. To be called
+    /// after acquire().
     std::uint64_t number() const noexcept { return m_number; }
 
     /// A session whose client has ended without removing its lock file.
@@ -58,7 +59,7 @@ private:
     std::filesystem::path path() const;
 
     const std::filesystem::path m_folder;
-    const std::uint64_t m_number;
+    std::uint64_t m_number = 0; // constant after acquire()
     std::atomic<bool> m_keepFile = false;
     std::atomic<bool> m_isUnsynced = false;
 
