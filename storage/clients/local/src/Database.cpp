@@ -1,5 +1,7 @@
 #include "Database.hpp"
 
+#include "StoreError.hpp"
+
 #include <unistd.h>
 
 namespace storage::clients::local
@@ -71,6 +73,41 @@ void Database::returnConnection(Connection* connection) noexcept
     {
         const std::lock_guard lock(m_poolMutex);
         m_idle.push_back(std::move(returned));
+    }
+}
+
+void Database::restartLog()
+{
+    const LockWait wait(m_limits);
+    const Turn turn = takeTurn(wait);
+    borrow(wait)->execute("PRAGMA wal_checkpoint(TRUNCATE)");
+}
+
+void Database::shrink()
+{
+    constexpr std::int64_t minFree = 256; // pages: fewer are soon used again
+    constexpr std::int64_t minShare = 4;  // a quarter
+    const auto count = [this](const char* pragma)
+    {
+        const Lease connection = borrow(LockWait(m_limits));
+        Query query = connection->query(pragma);
+        query.next();
+        return query.integer(0);
+    };
+    try
+    {
+        if (const std::int64_t free = count("PRAGMA freelist_count");
+            free >= minFree && free * minShare >= count("PRAGMA page_count"))
+        {
+            // More than a removal frees on average, and little enough that other writers do not notice.
+            WriteTransaction transaction(*this, Durability::Deferred);
+            transaction->execute("PRAGMA incremental_vacuum(128)");
+            transaction.commit();
+        }
+    }
+    catch (const StoreError&)
+    {
+        // The disk is full, or others keep the index busy. A later removal gives the pages back.
     }
 }
 

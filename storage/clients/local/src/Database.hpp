@@ -87,6 +87,15 @@ public:
         const Lease m_connection;
     };
 
+    /// Merge the write-ahead log into the index, so that the next transaction overwrites it from its start on. Needs no
+    /// disk space. Waits for all readers.
+    ///
+    /// @throws StoreError
+    void restartLog();
+
+    /// Give some pages back to the file system if much of the index is free. To be called after a removal.
+    void shrink();
+
 private:
     Turn takeTurn(const LockWait& wait);
     void endTurn() noexcept;

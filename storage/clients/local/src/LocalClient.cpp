@@ -164,9 +164,13 @@ void LocalClient::deleteObject(const std::string& key)
     perform(Operation::DeleteObject, key,
         [&]
         {
-            StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
-            removeObject(transaction, key);
-            transaction.commit();
+            local::freeRoom(*m_index,
+                [&]
+                {
+                    StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
+                    removeObject(transaction, key);
+                    transaction.commit();
+                });
         });
 }
 
@@ -263,11 +267,15 @@ void LocalClient::abortMultipartUpload(const std::string& key, const std::string
     perform(Operation::AbortMultipartUpload, key,
         [&]
         {
-            StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
-            const std::int64_t upload = m_uploads->require(transaction.index(), key, uploadId);
-            endUpload(transaction, upload);
-            transaction.commit();
-            m_uploads->end(upload);
+            local::freeRoom(*m_index,
+                [&]
+                {
+                    StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
+                    const std::int64_t upload = m_uploads->require(transaction.index(), key, uploadId);
+                    endUpload(transaction, upload);
+                    transaction.commit();
+                    m_uploads->end(upload);
+                });
         });
 }
 

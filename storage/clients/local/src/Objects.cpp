@@ -16,6 +16,38 @@ const boost::posix_time::ptime& epoch()
     return time;
 }
 
+std::optional<std::int64_t> findRemoved(Connection& index)
+{
+    Query query = index.query("SELECT object FROM removed LIMIT 1");
+    return query.next() ? std::optional(query.integer(0)) : std::nullopt;
+}
+
+// Drop parts of a version of an object that was removed.
+//
+// @return whether none is left
+bool dropParts(StoreTransaction& transaction, std::int64_t object)
+{
+    // On a full disk, the write-ahead log has room for about 120 pages. The rows of 6 parts of 5 MiB fill a page.
+    constexpr std::size_t maxDropped = 128;
+    // A separate query: DELETE ... RETURNING would create a temporary table on every call.
+    std::vector<std::int64_t> contents;
+    std::int64_t last = -1;
+    Query parts =
+        transaction.index().query("SELECT content, offset FROM object_parts WHERE object = ? ORDER BY offset", object);
+    while (contents.size() < maxDropped && parts.next())
+    {
+        contents.push_back(parts.integer(0));
+        last = parts.integer(1);
+    }
+    const bool isLast = contents.size() < maxDropped || !parts.next();
+    transaction.index().run("DELETE FROM object_parts WHERE object = ? AND offset <= ?", object, last);
+    for (const std::int64_t content : contents)
+    {
+        transaction.release(content);
+    }
+    return isLast;
+}
+
 } // namespace
 
 std::string tagOf(std::int64_t id)
@@ -110,19 +142,44 @@ void removeObject(StoreTransaction& transaction, const std::string& key)
     {
         return;
     }
-    // A separate query: DELETE ... RETURNING would create a temporary table on every call.
-    std::vector<std::int64_t> contents;
-    Query parts = transaction.index().query("SELECT content FROM object_parts WHERE object = ?", object->id);
-    while (parts.next())
-    {
-        contents.push_back(parts.integer(0));
-    }
-    transaction.index().run("DELETE FROM object_parts WHERE object = ?", object->id);
     transaction.index().run("DELETE FROM objects WHERE key = ?", Blob{key});
-    for (const std::int64_t content : contents)
+    removeParts(transaction, object->id);
+}
+
+void removeParts(StoreTransaction& transaction, std::int64_t object)
+{
+    if (!dropParts(transaction, object))
     {
-        transaction.release(content);
+        transaction.index().run("INSERT INTO removed VALUES (?)", object);
+        transaction.leaveRest();
     }
+}
+
+void dropRemoved(Database& database, ContentFiles& files)
+try
+{
+    const auto find = [&]
+    {
+        Database::ReadTransaction index(database);
+        return findRemoved(*index);
+    };
+    while (const std::optional<std::int64_t> object = find())
+    {
+        freeRoom(database,
+            [&]
+            {
+                StoreTransaction transaction(database, files, Durability::Synced);
+                if (dropParts(transaction, *object))
+                {
+                    transaction.index().run("DELETE FROM removed WHERE object = ?", *object);
+                }
+                transaction.commit();
+            });
+    }
+}
+catch (const StoreError&)
+{
+    files.leaveOrphans(); // the next client that opens the store goes on
 }
 
 } // namespace storage::clients::local

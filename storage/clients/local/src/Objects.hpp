@@ -55,7 +55,15 @@ void putObject(StoreTransaction& transaction, const std::string& key, StagedCont
 /// Store an object under the key, replacing the one that is there. Its parts are in the index already.
 void placeObject(StoreTransaction& transaction, const std::string& key, std::int64_t object, std::uint64_t size);
 
-/// Remove the object under the key and its parts. A missing object is not an error.
+/// Remove the object under the key. A missing object is not an error.
 void removeObject(StoreTransaction& transaction, const std::string& key);
+
+/// Remove the parts of a version of an object that is no longer under its key. If there are many, some are dropped only
+/// after the commit.
+void removeParts(StoreTransaction& transaction, std::int64_t object);
+
+/// Drop the parts of removed objects that are left, in small transactions: on a full disk, there is no room for a large
+/// one. If that fails, it is left to the orphan collector.
+void dropRemoved(Database& database, ContentFiles& files);
 
 } // namespace storage::clients::local

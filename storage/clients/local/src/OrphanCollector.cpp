@@ -1,5 +1,6 @@
 #include "OrphanCollector.hpp"
 
+#include "Objects.hpp"
 #include "StoreError.hpp"
 #include "StoreTransaction.hpp"
 
@@ -103,6 +104,7 @@ void collectOrphans(Database& database, ContentFiles& files)
     {
         if (removeOrphans(database, files, dead))
         {
+            dropRemoved(database, files); // no other writer is in the way now
             files.removeLocks(dead);
         }
     }

@@ -40,6 +40,7 @@ constexpr const char* createTables = R"(
         content INTEGER NOT NULL,
         PRIMARY KEY (object, offset)
     ) WITHOUT ROWID;
+    CREATE TABLE removed (object INTEGER PRIMARY KEY); -- removed or replaced; has parts that are still to be dropped
     CREATE TABLE uploads (
         id INTEGER PRIMARY KEY,
         key BLOB NOT NULL,

@@ -1,5 +1,6 @@
 #include "StoreTransaction.hpp"
 
+#include "Objects.hpp"
 #include "StoreError.hpp"
 
 namespace storage::clients::local
@@ -68,6 +69,7 @@ void StoreTransaction::share(std::int64_t content)
 
 void StoreTransaction::release(std::int64_t content)
 {
+    m_hasReleased = true;
     Query query = index().query("SELECT refs, session FROM contents WHERE id = ?", content);
     if (!query.next())
     {
@@ -95,7 +97,7 @@ void StoreTransaction::commit()
     {
         m_files.syncContentsFolder();
     }
-    if (!m_dropped.empty())
+    if (!m_dropped.empty() || m_hasRest)
     {
         m_files.prepareRemoval();
     }
@@ -120,6 +122,14 @@ void StoreTransaction::commit()
     m_added.clear();
     m_index.reset();
     removeDroppedFiles();
+    if (m_hasReleased)
+    {
+        m_database.shrink();
+    }
+    if (m_hasRest)
+    {
+        dropRemoved(m_database, m_files);
+    }
 }
 
 void StoreTransaction::removeDroppedFiles()

@@ -3,6 +3,7 @@
 #include "ContentFiles.hpp"
 #include "Database.hpp"
 #include "StagedContent.hpp"
+#include "StoreError.hpp"
 
 #include <cstdint>
 #include <optional>
@@ -49,6 +50,9 @@ public:
     /// none is left.
     void release(std::int64_t content);
 
+    /// Leave the rest of a removal to other transactions, after this one: see dropRemoved().
+    void leaveRest() { m_hasRest = true; }
+
     /// @throws StoreError; nothing has changed
     void commit();
 
@@ -60,9 +64,31 @@ private:
     ContentFiles& m_files;
     std::optional<Database::WriteTransaction> m_index; // empty after the commit
     bool m_filesToSync = false;
+    bool m_hasReleased = false;
+    bool m_hasRest = false;
     std::optional<std::int64_t> m_nextId; // empty: newId() was not called
     std::vector<FileName> m_added;        // removed unless this is committed
     std::vector<FileName> m_dropped;      // removed after the commit
 };
+
+/// Run a transaction that frees more room than it needs. On a full disk, the write-ahead log may have no room for it
+/// before it is overwritten; then the transaction runs twice.
+template <typename Body>
+void freeRoom(Database& database, Body body)
+{
+    try
+    {
+        body();
+    }
+    catch (const StoreError& error)
+    {
+        if (error.kind() != StoreError::Kind::NoSpace)
+        {
+            throw;
+        }
+        database.restartLog();
+        body();
+    }
+}
 
 } // namespace storage::clients::local

@@ -140,18 +140,12 @@ void setUploadPart(StoreTransaction& transaction, std::int64_t upload, std::size
 
 void endUpload(StoreTransaction& transaction, std::int64_t upload)
 {
-    std::vector<std::int64_t> contents;
-    Query parts = transaction.index().query("SELECT content FROM upload_parts WHERE upload = ?", upload);
-    while (parts.next())
-    {
-        contents.push_back(parts.integer(0));
-    }
-    for (const std::int64_t content : contents)
-    {
-        transaction.release(content);
-    }
+    const std::int64_t removed = transaction.newId();
+    transaction.index().run(
+        "INSERT INTO object_parts SELECT ?, number, content FROM upload_parts WHERE upload = ?", removed, upload);
     transaction.index().run("DELETE FROM upload_parts WHERE upload = ?", upload);
     transaction.index().run("DELETE FROM uploads WHERE id = ?", upload);
+    removeParts(transaction, removed);
 }
 
 void completeUpload(StoreTransaction& transaction, const std::string& key, std::int64_t upload,

@@ -345,20 +345,30 @@ TEST(LocalClientTest, AFullDiskLeavesEveryObjectAsItIs)
         [&]
         {
             if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                ::mount("none", folder.root.c_str(), "tmpfs", 0, "size=4m") != 0)
+                ::mount("none", folder.root.c_str(), "tmpfs", 0, "size=20m") != 0)
             {
                 ::_exit(notAllowed);
             }
             LocalClient client(folder.store);
             put(client, "small", content(1, 1000));
             putParts(client, "large", {content(2, 300'000), content(3, 300'000)});
+            for (std::uint64_t i = 0; i < 200; ++i)
+            {
+                put(client, "old" + std::to_string(i), content(i, 1000));
+            }
+            runSql(folder.store,
+                "BEGIN; UPDATE store SET next_id = 20000; INSERT INTO objects VALUES (x'68756765', 1000, "
+                "6000, 7); CREATE TEMP TABLE part AS WITH n(i) AS (VALUES (10001) UNION ALL SELECT "
+                "i + 1 FROM n WHERE i < 16000) SELECT i FROM n; INSERT INTO contents SELECT "
+                "i, 1, 1, 255, zeroblob(640), NULL FROM part; INSERT INTO object_parts SELECT "
+                "1000, i, i FROM part; COMMIT"); // an object of 6,000 parts of 5 MiB, without its files
             const auto expectFull = [&](const std::function<void()>& call)
             {
                 EXPECT_THAT(call, fails<UnknownErrorException>("No space left on device"));
                 EXPECT_THAT(files(folder.store / "incoming"), IsEmpty());
             };
-            expectFull([&] { put(client, "large", content(4, 4'000'000)); });
-            shell(folder, "head -c 4000000 /dev/zero > filler 2> /dev/null");
+            expectFull([&] { put(client, "large", content(4, 20'000'000)); });
+            shell(folder, "head -c 20000000 /dev/zero > filler 2> /dev/null");
             // The index can grow for a while, within the log that it has written before. With a little more room, a
             // file can be written, but the transaction that adds it fails.
             LocalClient clientWithFiles(folder.store, nothingInline);
@@ -368,7 +378,7 @@ TEST(LocalClientTest, AFullDiskLeavesEveryObjectAsItIs)
                 expectFull(
                     [&]
                     {
-                        for (std::uint64_t i = 0; i < 1000; ++i)
+                        for (std::uint64_t i = 0; i < 10'000; ++i)
                         {
                             put(room == "0" ? client : clientWithFiles, "more" + std::to_string(i), content(i, 1000));
                         }
@@ -377,6 +387,26 @@ TEST(LocalClientTest, AFullDiskLeavesEveryObjectAsItIs)
             EXPECT_EQ(versionOf(get(client, "small")), 1U);
             EXPECT_EQ(get(client, "large"), content(2, 300'000) + content(3, 300'000));
 
+            shell(folder, "cat /dev/zero > rest 2> /dev/null");
+            const auto room = [&] { return std::filesystem::space(folder.root).available; };
+            EXPECT_EQ(room(), 0U);
+            {
+                LocalClient opened(folder.store);
+                std::string token;
+                const std::vector<ObjectEntry> entries = opened.listObjects("old", token, {});
+                EXPECT_EQ(entries.size(), 200U);
+                for (const ObjectEntry& entry : entries)
+                {
+                    EXPECT_EQ(get(opened, entry.key).size(), 1000U);
+                    opened.deleteObject(entry.key);
+                    shell(folder, "cat /dev/zero > rest 2> /dev/null");
+                }
+                opened.deleteObject("huge");
+            }
+            EXPECT_EQ(runSql(folder.store,
+                          "SELECT 3 * freelist_count < page_count FROM pragma_freelist_count, pragma_page_count"),
+                "1")
+                << "the index has given no pages back";
             std::filesystem::remove(folder.root / "filler");
             put(client, "small", content(5, 200'000));
             EXPECT_EQ(versionOf(get(client, "small")), 5U);

@@ -33,7 +33,7 @@ struct LocalSettings
     ///
     /// A file needs two more syncs and a rename. On ext4 an object of 4 KiB takes 0.2 ms inline and 0.7 ms in a file,
     /// one of 64 KiB 0.5 ms and 3 ms. Inline is faster up to 1 MiB and more. But inline bytes are written twice while
-    /// all other writers wait, and the index never shrinks. At 64 KiB, most of the speed is gained.
+    /// all other writers wait. At 64 KiB, most of the speed is gained.
     std::uint64_t maxInlineSize = 64 * 1024;
 
     /// Create the store if there is none.
@@ -79,6 +79,9 @@ struct LocalSettings
 /// Failures: a full disk, a damaged store and other failures that the caller did not cause throw UnknownErrorException.
 /// Denied access throws PermissionDeniedException. Storing under a key that checkKey() refuses throws
 /// InvalidLocationException.
+///
+/// Full disk: a store can be opened, read, listed and emptied on a disk without a free byte: it keeps the half MiB that
+/// this needs. A copy-on-write file system may need more. The index gives pages back when a quarter of it is free.
 ///
 /// Damage: every read compares what it reads with checksums: a page of the index, a page of its write-ahead log, a
 /// block of 64 KiB of a content file. Bytes that the disk has changed are never returned, also not in a range; neither
