@@ -1,7 +1,9 @@
 #include "OpenPartBuffer.hpp"
 
+#include "DownloadedPartCache.hpp"
 #include "LogRecords.hpp"
 #include "OpenGuard.hpp"
+#include "TemporaryFileException.hpp"
 
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
@@ -70,6 +72,27 @@ std::size_t downloadFirstByte(const OpenFileContext& context, char* byte)
     context.client->getObjectRange(context.key, out, 0, 0);
     out.flush();
     return received;
+}
+
+/// Run an action that needs room for temporary files. If there is none, discard what the part caches of all open files
+/// hold, and run it again.
+template <typename Action>
+auto withRoom(const Action& action)
+{
+    try
+    {
+        return action();
+    }
+    catch (const TemporaryFileException& exception)
+    {
+        if (!exception.needsRoom())
+        {
+            throw;
+        }
+        logCaughtException();
+    }
+    DownloadedPartCache::discardAll();
+    return action();
 }
 
 } // namespace
@@ -194,11 +217,15 @@ void OpenPartBuffer::decrementOpenCount()
 
 BufferPtr OpenPartBuffer::buildOpenBuffer(std::size_t usedBytes) const
 {
-    // The buffer has the part's capacity, so that the part can grow in place.
-    BufferPtr buffer = m_context->bufferFactory->build(m_maxSize);
-    buffer->open();
-    buffer->reserve(usedBytes);
-    return buffer;
+    return withRoom(
+        [&]
+        {
+            // The buffer has the part's capacity, so that the part can grow in place.
+            BufferPtr buffer = m_context->bufferFactory->build(m_maxSize);
+            buffer->open();
+            buffer->reserve(usedBytes);
+            return buffer;
+        });
 }
 
 void OpenPartBuffer::download()
@@ -271,16 +298,24 @@ std::size_t OpenPartBuffer::increaseSize(std::size_t amount)
 {
     logEntry(CallSite("const size_t storage::cloudprovider::OpenPartBuffer::increaseSize(size_t)", source),
         named("amount", amount));
-    const MutexLock lock(m_mutex);
-    return growTo(std::min(m_maxSize, m_info.Size + amount));
+    return withRoom(
+        [&]
+        {
+            const MutexLock lock(m_mutex);
+            return growTo(std::min(m_maxSize, m_info.Size + amount));
+        });
 }
 
 std::size_t OpenPartBuffer::increaseSize(std::size_t amount, std::size_t offset)
 {
     logEntry(CallSite("const size_t storage::cloudprovider::OpenPartBuffer::increaseSize(size_t, size_t)", source),
         named("amount", amount), named("offset", offset));
-    const MutexLock lock(m_mutex);
-    return growTo(std::min(m_maxSize, offset + amount));
+    return withRoom(
+        [&]
+        {
+            const MutexLock lock(m_mutex);
+            return growTo(std::min(m_maxSize, offset + amount));
+        });
 }
 
 void OpenPartBuffer::markModified()

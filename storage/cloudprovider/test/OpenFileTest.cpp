@@ -3,12 +3,12 @@
 #include "DiskBackedBuffer.hpp"
 #include "OpenFileByteStream.hpp"
 #include "OpenPartManager.hpp"
+#include "TemporaryFileException.hpp"
 
 #include <storage/cloudprovider/TemporaryFiles.hpp>
 
-#include <boost/filesystem/string_file.hpp>
-
 #include <csignal>
+#include <fstream>
 #include <limits>
 
 #include <fcntl.h>
@@ -201,53 +201,82 @@ TEST_F(OpenFileTest, PartsStayClosedIfTheyCannotBeLoaded)
     EXPECT_EQ(outcome([&] { readAt(*reader, 0, 1); }), "ByteStreamReadFailure: Unknown: " + why);
 }
 
-/// Buffers whose every close() fails, but keeps the bytes.
-struct BrittleFactory : public BufferFactory
+/// A buffer that shares a limited room with others, and whose close() may always fail but keeps the bytes.
+struct Fragile : public DiskBackedBuffer
 {
-    struct Brittle : public Buffer
+    using DiskBackedBuffer::DiskBackedBuffer;
+    ~Fragile() override { s_room += reserved; }
+    void close() override
     {
-        explicit Brittle(std::size_t size)
-            : bytes(size, '\0')
-        {
-        }
-        std::size_t size() const override { return bytes.size(); }
-        void open() override { opened = true; }
-        bool isOpen() const override { return opened; }
-        const char* data() const override { return opened ? bytes.data() : nullptr; }
-        char* data() override { return opened ? bytes.data() : nullptr; }
-        void close() override
-        {
-            opened = false;
-            throw UnknownErrorException("not closed");
-        }
+        DiskBackedBuffer::close();
+        s_closes ? void() : throw UnknownErrorException("not closed");
+    }
+    void reserve(std::size_t size) override
+    {
+        size > s_room + reserved ? throw TemporaryFileException("making room", ENOSPC) : void();
+        s_room -= size - std::exchange(reserved, size);
+    }
 
-        std::string bytes;
-        bool opened = false;
-    };
-
-    BufferPtr build(std::size_t size) override { return std::make_unique<Brittle>(size); }
+    std::size_t reserved = 0;
+    static inline std::size_t s_room = 0; // bytes that are free
+    static inline bool s_closes = false;
 };
 
-TEST_F(OpenFileTest, BuffersThatFailToCloseDoNotHarmTheFile)
+class FragileBufferTest : public OpenFileTest
+{
+protected:
+    struct Factory : public BufferFactory
+    {
+        BufferPtr build(std::size_t size) override { return std::make_unique<Fragile>(size); }
+    };
+
+    std::shared_ptr<OpenFileByteStream> open(const char* key) const
+    {
+        const auto manager = std::make_shared<OpenPartManager>(
+            std::make_shared<OpenFileContext>(iriOf(key), faults, std::make_unique<Factory>()));
+        manager->initPreserveExisting(true);
+        return std::make_shared<OpenFileByteStream>(manager, fsp::ByteStreamWritePosition::AtOffset);
+    }
+};
+
+TEST_F(FragileBufferTest, FilesSurviveBuffersThatFailToClose)
 {
     setSizes(4, 6);
-    for (const std::vector<std::size_t>& parts : {std::vector<std::size_t>{4, 4, 3}, {4}})
+    Fragile::s_closes = false;
+    Fragile::s_room = 100;
+    const std::tuple<std::vector<std::size_t>, std::string, std::string> rows[] = {
+        {{4, 4, 3}, "0123456789a", "0XYZ456789UVW"}, {{4}, "0123", "0XYU"}};
+    for (const auto& [parts, before, after] : rows)
     {
-        std::string content = std::string("0123456789a").substr(0, 4 * parts.size() - (parts.size() > 1 ? 1 : 0));
-        putParts("k", content, parts);
-        const auto manager = std::make_shared<OpenPartManager>(
-            std::make_shared<OpenFileContext>(iriOf("k"), faults, std::make_unique<BrittleFactory>()));
-        manager->initPreserveExisting(true);
-        OpenFileByteStream stream(manager, fsp::ByteStreamWritePosition::AtOffset);
-        EXPECT_EQ(readAt(stream, 0, 20) + readAt(stream, 0, 20), content + content);
+        putParts("k", before, parts);
+        const auto stream = open("k");
+        EXPECT_EQ(readAt(*stream, 0, 20) + readAt(*stream, 0, 20), before + before);
         fail(Operation::UploadPart, 1);
-        writeAt(stream, 1, "XYZ");
-        writeAt(stream, content.size() - 1, parts.size() > 1 ? "UVW" : "U");
-        content.replace(1, 3, "XYZ").replace(content.size() - 1, 1, parts.size() > 1 ? "UVW" : "U");
-        EXPECT_EQ(readAt(stream, 0, 20), content);
-        stream.close();
-        EXPECT_EQ(stored("k"), content);
+        writeAt(*stream, 1, "XYZ");
+        writeAt(*stream, before.size() - 1, after.substr(before.size() - 1));
+        EXPECT_EQ(readAt(*stream, 0, 20), after);
+        stream->close();
+        EXPECT_EQ(stored("k"), after);
     }
+}
+
+TEST_F(FragileBufferTest, CachedPartsOfAllFilesMakeRoom)
+{
+    setSizes(4, 100);
+    putParts("k", "01234567", {4, 4});
+    putParts("l", "ab", {2});
+    Fragile::s_closes = true;
+    Fragile::s_room = 7;
+    const auto reader = open("k");
+    const auto writer = open("l");
+    EXPECT_EQ(readAt(*reader, 0, 8), "01234567") << "without the first part while the second is read";
+    EXPECT_EQ(readAt(*writer, 0, 2), "ab");
+    EXPECT_EQ(outcome([&] { writeAt(*writer, 2, "cd"); }),
+        "ByteStreamWriteFailure: Unknown: making room: No space left on device; TMPDIR can name another folder");
+    reader->seek(0, std::ios_base::beg); // closes a part, which is cached then
+    writeAt(*writer, 2, "cd");
+    writer->close();
+    EXPECT_EQ(stored("l"), "abcd");
 }
 
 class DiskBackedBufferTest : public ProviderTest
@@ -258,19 +287,6 @@ protected:
         struct stat result = {};
         EXPECT_EQ(::stat(boost::filesystem::directory_iterator(temp.path)->path().c_str(), &result), 0);
         return result;
-    }
-
-    /// The descriptor with which this process has opened a file.
-    static int descriptorOf(const boost::filesystem::path& file)
-    {
-        int descriptor = 0;
-        boost::system::error_code error;
-        while (boost::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error) != file &&
-               descriptor < 1000)
-        {
-            ++descriptor;
-        }
-        return descriptor;
     }
 
     DiskBackedBufferFactory factory;
@@ -291,10 +307,11 @@ TEST_F(DiskBackedBufferTest, IsATemporaryFile)
         EXPECT_FALSE(buffer->isOpen());
         EXPECT_EQ(buffer->data(), nullptr);
         EXPECT_EQ(std::as_const(*buffer).data(), nullptr);
+        const int descriptor = ::dup(0); // the lowest free number, which the mapping gets
+        ::close(descriptor);
         buffer->open();
         EXPECT_TRUE(buffer->isOpen());
         EXPECT_EQ(std::string(buffer->data(), size), std::string(size, 'x')) << "closing keeps the bytes";
-        const int descriptor = descriptorOf(*boost::filesystem::directory_iterator(temp.path));
         EXPECT_EQ(::fcntl(descriptor, F_GETFD), FD_CLOEXEC);
         ::close(descriptor); // so that closing the mapping fails
         EXPECT_THROW(buffer->close(), UnknownErrorException);
@@ -316,11 +333,17 @@ TEST_F(DiskBackedBufferTest, IsATemporaryFile)
 TEST_F(DiskBackedBufferTest, IsRemovedAfterItsProcessWasKilled)
 {
     const BufferPtr own = factory.build(1);
-    const boost::filesystem::path file = *boost::filesystem::directory_iterator(temp.path);
-    std::string name = file.filename().string(); // cloudprovider-PLACE-PID-START-xxxxxx
-    const std::size_t start = name.find('-', name.find('-', name.find('-') + 1) + 1) + 1;
-    const auto create = [&](const std::string& other) { boost::filesystem::save_string_file(temp.path / other, "x"); };
-    create(name.substr(0, start) + '9' + name.substr(start)); // of an earlier process with the same id
+    const std::string name = boost::filesystem::directory_iterator(temp.path)->path().filename().string();
+    const std::size_t pid = name.find('-', name.find('-') + 1) + 1; // cloudprovider-PLACE-PID-START-xxxxxx
+    const std::size_t start = name.find('-', pid) + 1;
+    const std::string place = name.substr(0, pid);
+    const std::string kept[] = {name, "other", "cloudprovider-00000000-4194304-1-x", place + "1-", place + "-1-1-x",
+        place + "0-1-x", place + "4194304-1"}; // 4194304: larger than any process id
+    create_directory(temp.path / (place + "4194304-1-folder"));
+    const std::string ofSameId = name.substr(0, start) + '9' + name.substr(start);
+    std::for_each(
+        std::begin(kept), std::end(kept), [&](const auto& file) { std::ofstream((temp.path / file).string()); });
+    std::ofstream((temp.path / ofSameId).string());
     const pid_t child = fork();
     if (child == 0)
     {
@@ -329,24 +352,10 @@ TEST_F(DiskBackedBufferTest, IsRemovedAfterItsProcessWasKilled)
     }
     ASSERT_EQ(waitpid(child, nullptr, 0), child);
     EXPECT_EQ(removeTemporaryFilesOfDeadProcesses(), 2);
-    EXPECT_EQ(boost::filesystem::directory_iterator(temp.path)->path(), file) << "its process lives";
-    const std::string place = name.substr(0, name.find('-', name.find('-') + 1) + 1);
-    create_directory(temp.path / (place + "4194304-1-folder")); // larger than any process id
-    create_symlink("target", temp.path / (place + "4194304-1-link"));
-    for (const char* const kept : {"1-", "-1-1-x", "0-1-x", "4194304-1", "4194304"})
-    {
-        create(place + kept);
-    }
-    create("cloudprovider-00000000-4194304-1-x"); // of another machine
-    create("other");
-    EXPECT_EQ(removeTemporaryFilesOfDeadProcesses(), 0);
-    setenv("TMPDIR", "/nowhere", 1);
-    EXPECT_EQ(removeTemporaryFilesOfDeadProcesses(), 0);
-    EXPECT_TRUE(exists(file));
-    for (const auto& entry : boost::filesystem::directory_iterator(temp.path))
-    {
-        entry.path() == file || remove(entry.path());
-    }
+    EXPECT_FALSE(exists(temp.path / ofSameId));
+    EXPECT_TRUE(remove(temp.path / (place + "4194304-1-folder")));
+    std::for_each(
+        std::begin(kept), std::end(kept), [&](const auto& file) { EXPECT_TRUE(remove(temp.path / file)) << file; });
 }
 
 TEST_F(DiskBackedBufferTest, ReservesLittleMoreThanRequested)

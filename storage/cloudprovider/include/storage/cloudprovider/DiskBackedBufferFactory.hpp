@@ -19,7 +19,9 @@ public:
     /// Build a closed buffer of `size` bytes, all zero. A size of 0 is valid.
     ///
     /// The file has its full length from the start, but occupies disk space only for bytes that are reserved.
-    /// @throws UnknownErrorException when the temporary file cannot be created; the detail says why
+    /// @throws UnknownErrorException when the temporary file cannot be created; the detail says why. If its directory
+    /// is
+    ///         full, open files free their cached parts and try once more.
     BufferPtr build(std::size_t size) override;
 };
 
