@@ -41,8 +41,8 @@ MultipartUploadManager::~MultipartUploadManager()
 void MultipartUploadManager::asyncUploadPart(
     const RecordSource& takeRecord, BufferSharedPtr buffer, DoneCallback onDone)
 {
-    logEntry(CallSite("void storage::cloudprovider::MultipartUploadManager::asyncUploadPart(PartInfo, "
-                      "BufferSharedPtr, F)",
+    logEntry(CallSite("void storage::cloudprovider::MultipartUploadManager::asyncUploadPart(const RecordSource &, "
+                      "BufferSharedPtr, DoneCallback)",
         source));
     {
         const MutexLock lock(m_mutex);
@@ -53,7 +53,8 @@ void MultipartUploadManager::asyncUploadPart(
 
 void MultipartUploadManager::asyncReusePart(PartInfo info, DoneCallback onDone)
 {
-    logEntry(CallSite("void storage::cloudprovider::MultipartUploadManager::asyncReusePart(PartInfo, F)", source));
+    logEntry(CallSite(
+        "void storage::cloudprovider::MultipartUploadManager::asyncReusePart(PartInfo, DoneCallback)", source));
     {
         const MutexLock lock(m_mutex);
         enqueue({std::move(info), nullptr, std::move(onDone)});
@@ -64,7 +65,8 @@ void MultipartUploadManager::asyncReusePart(PartInfo info, DoneCallback onDone)
 std::string MultipartUploadManager::uploadPart(const PartInfo& info, const char* data)
 {
     logEntry(CallSite(
-        "std::string storage::cloudprovider::MultipartUploadManager::uploadPart(PartInfo, const char *)", source));
+        "std::string storage::cloudprovider::MultipartUploadManager::uploadPart(const PartInfo &, const char *)",
+        source));
     const std::string uploadId = getUploadId();
     boost::iostreams::stream_buffer<boost::iostreams::basic_array_source<char>> memory(data, info.Size);
     std::istream content(&memory);
@@ -75,7 +77,8 @@ std::string MultipartUploadManager::uploadPart(const PartInfo& info, const char*
 
 std::string MultipartUploadManager::reusePart(const PartInfo& info)
 {
-    logEntry(CallSite("std::string storage::cloudprovider::MultipartUploadManager::reusePart(PartInfo)", source));
+    logEntry(
+        CallSite("std::string storage::cloudprovider::MultipartUploadManager::reusePart(const PartInfo &)", source));
     const std::string uploadId = getUploadId();
     return m_context->client->copyPart(m_context->key, uploadId, info);
 }

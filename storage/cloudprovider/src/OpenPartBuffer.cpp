@@ -264,6 +264,7 @@ void OpenPartBuffer::createBlank()
 
 void OpenPartBuffer::setOpenBuffer(BufferPtr buffer)
 {
+    logEntry(CallSite("void storage::cloudprovider::OpenPartBuffer::setOpenBuffer(BufferPtr)", source));
     const MutexLock lock(m_mutex);
     buffer->reserve(m_info.Size); // a new part may have grown over a gap since its zeros were written
     m_buffer = std::move(buffer);
@@ -296,7 +297,7 @@ void OpenPartBuffer::increaseSizeToMax()
 
 std::size_t OpenPartBuffer::increaseSize(std::size_t amount)
 {
-    logEntry(CallSite("const size_t storage::cloudprovider::OpenPartBuffer::increaseSize(size_t)", source),
+    logEntry(CallSite("size_t storage::cloudprovider::OpenPartBuffer::increaseSize(size_t)", source),
         named("amount", amount));
     return withRoom(
         [&]
@@ -308,7 +309,7 @@ std::size_t OpenPartBuffer::increaseSize(std::size_t amount)
 
 std::size_t OpenPartBuffer::increaseSize(std::size_t amount, std::size_t offset)
 {
-    logEntry(CallSite("const size_t storage::cloudprovider::OpenPartBuffer::increaseSize(size_t, size_t)", source),
+    logEntry(CallSite("size_t storage::cloudprovider::OpenPartBuffer::increaseSize(size_t, size_t)", source),
         named("amount", amount), named("offset", offset));
     return withRoom(
         [&]
@@ -373,6 +374,7 @@ bool OpenPartBuffer::openIfModified()
 
 void OpenPartBuffer::setTag(std::string tag)
 {
+    logEntry(CallSite("void storage::cloudprovider::OpenPartBuffer::setTag(std::string)", source));
     const MutexLock lock(m_mutex);
     m_info.Tag = std::move(tag);
 }

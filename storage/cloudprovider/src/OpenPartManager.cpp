@@ -120,8 +120,8 @@ std::size_t OpenPartManager::findPartIndex(std::size_t fileOffset) const
 
 void OpenPartManager::addNewPartTo(std::vector<OpenPartBufferSharedPtr>& parts) const
 {
-    logEntry(CallSite("void storage::cloudprovider::OpenPartManager::addNewPartTo(std::vector<std::shared_ptr<"
-                      "OpenPartBuffer>> &) const",
+    logEntry(CallSite(
+        "void storage::cloudprovider::OpenPartManager::addNewPartTo(std::vector<OpenPartBufferSharedPtr> &) const",
         source));
     PartInfo info;
     info.Index = parts.size();
@@ -277,7 +277,7 @@ void OpenPartManager::unregisterByteStream()
 void OpenPartManager::scheduleUpload(const OpenPartBufferSharedPtr& part)
 {
     logEntry(CallSite(
-        "void storage::cloudprovider::OpenPartManager::scheduleUpload(std::shared_ptr<OpenPartBuffer>)", source));
+        "void storage::cloudprovider::OpenPartManager::scheduleUpload(const OpenPartBufferSharedPtr &)", source));
     {
         const MutexLock lock(m_partsMutex);
         if (m_parts.size() < 2)
@@ -332,8 +332,7 @@ void OpenPartManager::flushParts()
 
 void OpenPartManager::flushSinglePartFile(OpenPartBuffer& part)
 {
-    logEntry(CallSite(
-        "void storage::cloudprovider::OpenPartManager::flushSinglePartFile(std::shared_ptr<OpenPartBuffer>)", source));
+    logEntry(CallSite("void storage::cloudprovider::OpenPartManager::flushSinglePartFile(OpenPartBuffer &)", source));
     if (!part.openIfModified())
     {
         return;

@@ -172,6 +172,7 @@ TEST_F(CloudProviderTest, LogsEntriesAndFailures)
     };
     const std::locale former = std::locale::global(std::locale(std::locale::classic(), new Grouping));
     setLog(2);
+    setSizes(2, 0);
     outcome([&] { provider->openReadOnlyStream(iriOf("file"))->seek(12'345, std::ios_base::beg); });
     move("file", "b");
     std::locale::global(former);
@@ -181,7 +182,8 @@ TEST_F(CloudProviderTest, LogsEntriesAndFailures)
              ") old_iri=mem://test/file",
              " iri=mem://test/b options={readAccess=None, create=IfMissing, truncate=Discard, ", " off=12345 way=",
              " fileOffset=0 createIfNonExistent=1", " partIndex=0", " bytesRead=3", " bytesWritten=3",
-             "m_info=PartInfo{Index=0,Offset=0,Size=3,Tag=\"", "m_localDataVersion=CLOUD", "m_localDataVersion=NEW"})
+             "m_info=PartInfo{Index=0,Offset=0,Size=3,Tag=\"", "m_localDataVersion=CLOUD", "m_localDataVersion=NEW",
+             "OpenPartBuffer::setOpenBuffer(BufferPtr) (storage", "OpenPartBuffer::setTag(std::string) (storage"})
     {
         EXPECT_THAT(records, testing::Contains(HasSubstr(part)));
     }
