@@ -48,7 +48,8 @@ std::optional<std::string> RequiredVersions::find(const std::string& key) const
     {
         return std::nullopt;
     }
-    if (std::any_of(first, last, [&](const auto& entry) { return entry.second.tag != first->second.tag; }))
+    if (std::any_of(
+            first, last, [&required = first->second](const auto& entry) { return entry.second.tag != required.tag; }))
     {
         throwOtherVersion(key, "two different tags");
     }
