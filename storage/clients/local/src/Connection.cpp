@@ -65,9 +65,9 @@ void Query::bind(Blob value)
     check(sqlite3_bind_blob64(m_statement, ++m_bound, bytes, value.bytes.size(), SQLITE_STATIC));
 }
 
-void Query::bind(std::nullptr_t)
+void Query::bind(const std::optional<std::int64_t>& value)
 {
-    check(sqlite3_bind_null(m_statement, ++m_bound));
+    value ? bind(*value) : check(sqlite3_bind_null(m_statement, ++m_bound));
 }
 
 void Query::bind(const Query& row)

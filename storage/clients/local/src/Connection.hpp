@@ -66,7 +66,7 @@ public:
 private:
     void bind(std::int64_t value);
     void bind(Blob value);
-    void bind(std::nullptr_t null);
+    void bind(const std::optional<std::int64_t>& value);
     void bind(const Query& row);
     void reset() noexcept;
     void check(int code) const;
@@ -93,7 +93,7 @@ public:
     /// Start a statement.
     ///
     /// @param sql     a string literal: the cache of prepared statements keeps a view of it
-    /// @param values  integers, Blobs, whose bytes must outlive the query, and nullptr for NULL
+    /// @param values  integers, also optional ones, and Blobs, whose bytes must outlive the query
     template <typename... Values>
     Query query(std::string_view sql, const Values&... values)
     {

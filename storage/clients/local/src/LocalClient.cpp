@@ -24,6 +24,7 @@
 #include <limits>
 #include <optional>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 namespace storage::clients
@@ -87,15 +88,23 @@ auto translateErrors(Body body, Doing doing)
     }
 }
 
-// Find the parts of the object that a part is to be copied from, and check that they are those that the caller knows.
-std::vector<StoredPart> findSource(local::Connection& index, const std::string& key, const PartInfo& part)
+Version versionOf(const StoredObject& object)
+{
+    return {local::tagOf(object.id), object.size};
+}
+
+// Find the object that a part is to be copied from and its parts in that range, and check that they are those that the
+// caller knows.
+std::pair<StoredObject, std::vector<StoredPart>> findSource(
+    local::Connection& index, const std::string& key, const PartInfo& part)
 {
     const std::uint64_t first = std::min<std::uint64_t>(part.Offset, maxOffset);
     const std::uint64_t rest = part.Size == 0 ? 0 : part.Size - 1;
     const std::uint64_t last = rest < maxOffset - first ? first + rest : maxOffset;
-    std::vector<StoredPart> source = findParts(index, requireObject(index, key).id, first, last);
+    const StoredObject object = requireObject(index, key);
+    std::vector<StoredPart> source = findParts(index, object.id, first, last);
     checkCopySource(key, part, toPartInfos(source));
-    return source;
+    return {object, std::move(source)};
 }
 
 } // namespace
@@ -168,6 +177,7 @@ void LocalClient::deleteObject(const std::string& key)
                 [&]
                 {
                     StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
+                    checkRequired(transaction.index(), key);
                     removeObject(transaction, key);
                     transaction.commit();
                 });
@@ -184,20 +194,28 @@ void LocalClient::getObjectRange(const std::string& key, std::ostream& out, std:
                 Database::ReadTransaction index(*m_index);
                 return requireObject(*index, key);
             };
-            for (;;)
-            {
-                const StoredObject object = find();
-                const ByteRange range = resolveRange(key, first, last, object.size);
-                if (readSegments(*m_index, *m_files, object.id, range.offset, range.offset + range.size,
-                        [&](const Segment& segment) {
-                            readSegment(segment,
-                                [&](const char* bytes, std::uint64_t count) { writeContent(key, out, bytes, count); });
-                        }))
+            const auto write = [&](const Segment& segment) {
+                readSegment(
+                    segment, [&](const char* bytes, std::uint64_t count) { writeContent(key, out, bytes, count); });
+            };
+            m_pins.read(key,
+                [&](const std::optional<Version>& pinned)
                 {
-                    return;
-                }
-                // The object was replaced or removed after find(); try again.
-            }
+                    for (;;)
+                    {
+                        const StoredObject object = find();
+                        if (pinned && pinned->tag != local::tagOf(object.id))
+                        {
+                            return false;
+                        }
+                        const ByteRange range = resolveRange(key, first, last, object.size);
+                        if (readSegments(*m_index, *m_files, object.id, range.offset, range.offset + range.size, write))
+                        {
+                            return true;
+                        }
+                        // The object was replaced or removed after find(); try again.
+                    }
+                });
         });
 }
 
@@ -209,9 +227,12 @@ void LocalClient::putObject(const std::string& key, std::istream& content, std::
             checkKey(key);
             StagedContent staged = stage(size);
             staged.receive(key, content);
+            VersionPins::Write write(m_pins, key);
             StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
-            local::putObject(transaction, key, staged);
+            checkRequired(transaction.index(), key);
+            const StoredObject object = local::putObject(transaction, key, staged);
             transaction.commit();
+            write.succeeded(versionOf(object));
         });
 }
 
@@ -220,18 +241,23 @@ std::vector<PartInfo> LocalClient::getObjectParts(const std::string& key)
     return perform(Operation::GetObjectParts, key,
         [&]
         {
+            VersionPins::Opening opening(m_pins, key);
             Database::ReadTransaction index(*m_index);
-            return toPartInfos(findParts(*index, requireObject(*index, key).id, 0, maxOffset));
+            const StoredObject object = requireObject(*index, key);
+            std::vector<PartInfo> parts = toPartInfos(findParts(*index, object.id, 0, maxOffset));
+            opening.opened(versionOf(object));
+            return parts;
         });
 }
 
-std::string LocalClient::createMultipartUpload(const std::string& key, const std::string&)
+std::string LocalClient::createMultipartUpload(const std::string& key, const std::string& tag)
 {
     return perform(Operation::CreateMultipartUpload, key,
         [&]
         {
             checkKey(key);
-            return m_uploads->begin(key);
+            const std::optional<Version> base = tag.empty() ? std::nullopt : m_pins.pinned(key);
+            return m_uploads->begin(key, base ? std::optional(local::idOf(base->tag)) : std::nullopt);
         });
 }
 
@@ -248,7 +274,7 @@ std::string LocalClient::uploadPart(
             }
             StagedContent staged = stage(part.Size);
             staged.receive(key, content);
-            return storePart(key, uploadId, part, staged);
+            return storePart(key, uploadId, part, staged, std::nullopt);
         });
 }
 
@@ -285,11 +311,16 @@ void LocalClient::completeMultipartUpload(
     perform(Operation::CompleteMultipartUpload, key,
         [&]
         {
+            VersionPins::Write write(m_pins, key);
             StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
             const std::int64_t upload = m_uploads->require(transaction.index(), key, uploadId);
-            completeUpload(transaction, key, upload, parts);
+            checkRequired(transaction.index(), key);
+            const StoredObject object = completeUpload(transaction, key, upload, parts,
+                [&](std::int64_t stored, std::int64_t base)
+                { return m_pins.descends(key, local::tagOf(stored), local::tagOf(base)); });
             transaction.commit();
             m_uploads->end(upload);
+            write.succeeded(versionOf(object));
         });
 }
 
@@ -304,18 +335,33 @@ std::vector<PendingUpload> LocalClient::pendingUploads()
         [&] { return fmt::format("listing the open uploads in \"{}\"", m_directory.native()); });
 }
 
+std::unique_ptr<WriteConditions::Condition> LocalClient::requireVersion(const std::string& key, const std::string& tag)
+{
+    return m_required.require(key, tag);
+}
+
+// To be called in the transaction that writes the key.
+void LocalClient::checkRequired(local::Connection& index, const std::string& key) const
+{
+    if (const std::optional<std::string> required = m_required.find(key))
+    {
+        const std::optional<StoredObject> stored = findObject(index, key);
+        checkRequiredVersion(key, required, stored ? local::tagOf(stored->id) : "");
+    }
+}
+
 StagedContent LocalClient::stage(std::uint64_t size)
 {
     return {*m_files, size, size > m_settings.maxInlineSize};
 }
 
-std::string LocalClient::storePart(
-    const std::string& key, const std::string& uploadId, const PartInfo& part, StagedContent& content)
+std::string LocalClient::storePart(const std::string& key, const std::string& uploadId, const PartInfo& part,
+    StagedContent& content, std::optional<std::int64_t> source)
 {
     StoreTransaction transaction(*m_index, *m_files, Durability::Deferred);
     const std::int64_t upload = m_uploads->requireForPart(transaction, key, uploadId);
     const std::int64_t stored = transaction.add(content);
-    setUploadPart(transaction, upload, part.Index, stored);
+    setUploadPart(transaction, upload, part.Index, stored, source);
     transaction.commit();
     m_uploads->partStored(upload);
     return local::tagOf(stored);
@@ -326,7 +372,7 @@ std::optional<std::string> LocalClient::sharePart(
 {
     StoreTransaction transaction(*m_index, *m_files, Durability::Deferred);
     const std::int64_t upload = m_uploads->requireForPart(transaction, key, uploadId);
-    const std::vector<StoredPart> source = findSource(transaction.index(), key, part);
+    const auto [object, source] = findSource(transaction.index(), key, part);
     const auto same = std::find_if(source.begin(), source.end(),
         [&](const StoredPart& stored) { return stored.offset == part.Offset && stored.size == part.Size; });
     if (same == source.end())
@@ -334,7 +380,7 @@ std::optional<std::string> LocalClient::sharePart(
         return std::nullopt;
     }
     transaction.share(same->content);
-    setUploadPart(transaction, upload, part.Index, same->content);
+    setUploadPart(transaction, upload, part.Index, same->content, object.id);
     transaction.commit();
     m_uploads->partStored(upload);
     return local::tagOf(same->content);
@@ -347,8 +393,7 @@ std::string LocalClient::copyRange(const std::string& key, const std::string& up
         const StoredObject object = [&]
         {
             Database::ReadTransaction index(*m_index);
-            findSource(*index, key, part);
-            return requireObject(*index, key);
+            return findSource(*index, key, part).first;
         }();
         StagedContent staged = stage(part.Size);
         const bool whole = readSegments(*m_index, *m_files, object.id, part.Offset, part.Offset + part.Size,
@@ -356,7 +401,7 @@ std::string LocalClient::copyRange(const std::string& key, const std::string& up
         if (whole)
         {
             staged.sync();
-            return storePart(key, uploadId, part, staged);
+            return storePart(key, uploadId, part, staged, object.id);
         }
         // The object was replaced after it was found; try again.
     }

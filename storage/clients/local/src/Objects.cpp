@@ -55,6 +55,11 @@ std::string tagOf(std::int64_t id)
     return std::to_string(id);
 }
 
+std::int64_t idOf(const std::string& tag)
+{
+    return std::stoll(tag);
+}
+
 std::int64_t toMicroseconds(const boost::posix_time::ptime& time)
 {
     return (time - epoch()).total_microseconds();
@@ -118,21 +123,23 @@ std::vector<cloudprovider::PartInfo> toPartInfos(const std::vector<StoredPart>& 
     return infos;
 }
 
-void putObject(StoreTransaction& transaction, const std::string& key, StagedContent& content)
+StoredObject putObject(StoreTransaction& transaction, const std::string& key, StagedContent& content)
 {
     const std::int64_t object = transaction.newId();
     if (content.size() > 0) // an empty object has no parts
     {
         transaction.index().run("INSERT INTO object_parts VALUES (?, 0, ?)", object, transaction.add(content));
     }
-    placeObject(transaction, key, object, content.size());
+    return placeObject(transaction, key, object, content.size());
 }
 
-void placeObject(StoreTransaction& transaction, const std::string& key, std::int64_t object, std::uint64_t size)
+StoredObject placeObject(StoreTransaction& transaction, const std::string& key, std::int64_t object, std::uint64_t size)
 {
     removeObject(transaction, key);
+    const StoredObject placed{object, size, boost::posix_time::microsec_clock::universal_time()};
     transaction.index().run("INSERT INTO objects VALUES (?, ?, ?, ?)", Blob{key}, object,
-        static_cast<std::int64_t>(size), toMicroseconds(boost::posix_time::microsec_clock::universal_time()));
+        static_cast<std::int64_t>(size), toMicroseconds(placed.modified));
+    return placed;
 }
 
 void removeObject(StoreTransaction& transaction, const std::string& key)

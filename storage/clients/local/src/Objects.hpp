@@ -32,6 +32,7 @@ struct StoredPart
 
 /// The tag of an object or a part: the id of the object, or of the content that has the part's bytes.
 std::string tagOf(std::int64_t id);
+std::int64_t idOf(const std::string& tag); ///< the inverse
 
 // Times as the index stores them: microseconds since 1970, UTC.
 std::int64_t toMicroseconds(const boost::posix_time::ptime& time);
@@ -50,10 +51,15 @@ std::vector<StoredPart> findParts(Connection& index, std::int64_t object, std::u
 std::vector<cloudprovider::PartInfo> toPartInfos(const std::vector<StoredPart>& parts);
 
 /// Store an object of one part under the key, replacing the one that is there.
-void putObject(StoreTransaction& transaction, const std::string& key, StagedContent& content);
+///
+/// @return the new object
+StoredObject putObject(StoreTransaction& transaction, const std::string& key, StagedContent& content);
 
 /// Store an object under the key, replacing the one that is there. Its parts are in the index already.
-void placeObject(StoreTransaction& transaction, const std::string& key, std::int64_t object, std::uint64_t size);
+///
+/// @return the new object
+StoredObject placeObject(
+    StoreTransaction& transaction, const std::string& key, std::int64_t object, std::uint64_t size);
 
 /// Remove the object under the key. A missing object is not an error.
 void removeObject(StoreTransaction& transaction, const std::string& key);

@@ -44,12 +44,14 @@ constexpr const char* createTables = R"(
     CREATE TABLE uploads (
         id INTEGER PRIMARY KEY,
         key BLOB NOT NULL,
-        created INTEGER NOT NULL -- like objects.modified
+        created INTEGER NOT NULL, -- like objects.modified
+        base INTEGER -- the object that the new one is made from
     );
     CREATE TABLE upload_parts (
         upload INTEGER NOT NULL,
         number INTEGER NOT NULL,
         content INTEGER NOT NULL,
+        source INTEGER, -- the object that it was copied from
         PRIMARY KEY (upload, number)
     ) WITHOUT ROWID;
     CREATE TABLE contents (

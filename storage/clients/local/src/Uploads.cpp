@@ -1,9 +1,9 @@
 #include "Uploads.hpp"
 
-#include "Objects.hpp"
 #include "StoreError.hpp"
 
 #include <storage/clients/common/PartRules.hpp>
+#include <storage/clients/common/RequiredVersions.hpp>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
@@ -41,11 +41,17 @@ struct UploadPart
 {
     std::int64_t content = 0;
     std::uint64_t size = 0;
+    std::optional<std::int64_t> source;
 };
+
+std::optional<std::int64_t> optionalInteger(const Query& query, int column)
+{
+    return query.isNull(column) ? std::nullopt : std::optional(query.integer(column));
+}
 
 std::optional<UploadPart> findPart(Connection& index, std::int64_t upload, std::size_t part)
 {
-    Query query = index.query("SELECT content.id, content.size FROM upload_parts AS part"
+    Query query = index.query("SELECT content.id, content.size, part.source FROM upload_parts AS part"
                               " JOIN contents AS content ON content.id = part.content"
                               " WHERE part.upload = ? AND part.number = ?",
         upload, static_cast<std::int64_t>(part));
@@ -53,16 +59,37 @@ std::optional<UploadPart> findPart(Connection& index, std::int64_t upload, std::
     {
         return std::nullopt;
     }
-    return UploadPart{query.integer(0), static_cast<std::uint64_t>(query.integer(1))};
+    return UploadPart{query.integer(0), static_cast<std::uint64_t>(query.integer(1)), optionalInteger(query, 2)};
+}
+
+// Throw unless the new object may replace the stored one: others must not have changed it since it was read.
+void checkReplacement(Connection& index, const std::string& key, std::int64_t upload,
+    const std::vector<std::int64_t>& sources,
+    const std::function<bool(std::int64_t stored, std::int64_t base)>& descends)
+{
+    const std::optional<StoredObject> stored = findObject(index, key);
+    for (const std::int64_t source : sources)
+    {
+        if (!stored || stored->id != source)
+        {
+            throwOtherVersion(key, tagOf(source));
+        }
+    }
+    Query query = index.query("SELECT base FROM uploads WHERE id = ?", upload);
+    const auto base = query.next() ? optionalInteger(query, 0) : std::nullopt;
+    if (base && (!stored || !descends(stored->id, *base)))
+    {
+        throwOtherVersion(key, tagOf(*base));
+    }
 }
 
 } // namespace
 
-std::string BegunUploads::begin(const std::string& key)
+std::string BegunUploads::begin(const std::string& key, std::optional<std::int64_t> base)
 {
     const auto upload = static_cast<std::int64_t>(randomNumber() >> 1U); // an id of SQLite is not negative
     const std::lock_guard lock(m_mutex);
-    m_begun[upload] = {key};
+    m_begun[upload] = {key, base};
     return std::to_string(upload);
 }
 
@@ -70,7 +97,7 @@ std::int64_t BegunUploads::require(Connection& index, const std::string& key, co
 {
     const std::int64_t upload = numberOf(uploadId);
     // In this order: another thread may be storing the first part.
-    if (!isWithoutParts(upload, key) && !isInIndex(index, upload, key))
+    if (!findWithoutParts(upload, key) && !isInIndex(index, upload, key))
     {
         throwNoUpload(uploadId);
     }
@@ -83,12 +110,13 @@ std::int64_t BegunUploads::requireForPart(
     const std::int64_t upload = numberOf(uploadId);
     if (!isInIndex(transaction.index(), upload, key))
     {
-        if (!isWithoutParts(upload, key))
+        const std::optional<Begun> begun = findWithoutParts(upload, key);
+        if (!begun)
         {
             throwNoUpload(uploadId);
         }
-        transaction.index().run("INSERT INTO uploads VALUES (?, ?, ?)", upload, Blob{key},
-            toMicroseconds(boost::posix_time::microsec_clock::universal_time()));
+        transaction.index().run("INSERT INTO uploads VALUES (?, ?, ?, ?)", upload, Blob{key},
+            toMicroseconds(boost::posix_time::microsec_clock::universal_time()), begun->base);
     }
     return upload;
 }
@@ -108,11 +136,12 @@ void BegunUploads::end(std::int64_t upload)
     m_begun.erase(upload);
 }
 
-bool BegunUploads::isWithoutParts(std::int64_t upload, const std::string& key) const
+std::optional<BegunUploads::Begun> BegunUploads::findWithoutParts(std::int64_t upload, const std::string& key) const
 {
     const std::lock_guard lock(m_mutex);
     const auto begun = m_begun.find(upload);
-    return begun != m_begun.end() && begun->second.key == key && !begun->second.hasParts;
+    const bool isFound = begun != m_begun.end() && begun->second.key == key && !begun->second.hasParts;
+    return isFound ? std::optional(begun->second) : std::nullopt;
 }
 
 std::vector<PendingUpload> listUploads(Connection& index)
@@ -127,11 +156,12 @@ std::vector<PendingUpload> listUploads(Connection& index)
     return uploads;
 }
 
-void setUploadPart(StoreTransaction& transaction, std::int64_t upload, std::size_t part, std::int64_t content)
+void setUploadPart(StoreTransaction& transaction, std::int64_t upload, std::size_t part, std::int64_t content,
+    std::optional<std::int64_t> source)
 {
     const std::optional<UploadPart> before = findPart(transaction.index(), upload, part);
-    transaction.index().run(
-        "INSERT OR REPLACE INTO upload_parts VALUES (?, ?, ?)", upload, static_cast<std::int64_t>(part), content);
+    transaction.index().run("INSERT OR REPLACE INTO upload_parts VALUES (?, ?, ?, ?)", upload,
+        static_cast<std::int64_t>(part), content, source);
     if (before)
     {
         transaction.release(before->content);
@@ -148,17 +178,24 @@ void endUpload(StoreTransaction& transaction, std::int64_t upload)
     removeParts(transaction, removed);
 }
 
-void completeUpload(StoreTransaction& transaction, const std::string& key, std::int64_t upload,
-    const std::vector<cloudprovider::PartInfo>& parts)
+StoredObject completeUpload(StoreTransaction& transaction, const std::string& key, std::int64_t upload,
+    const std::vector<cloudprovider::PartInfo>& parts,
+    const std::function<bool(std::int64_t stored, std::int64_t base)>& descends)
 {
     Connection& index = transaction.index();
+    std::vector<std::int64_t> sources;
     checkPartList(key, parts,
         [&](std::size_t part) -> std::optional<SentPart>
         {
             const std::optional<UploadPart> sent = findPart(index, upload, part);
+            if (sent && sent->source)
+            {
+                sources.push_back(*sent->source);
+            }
             return sent ? std::optional(SentPart{tagOf(sent->content), sent->size}) : std::nullopt;
         });
 
+    checkReplacement(index, key, upload, sources, descends);
     transaction.syncEarlierFiles();
 
     // The object takes over the references to the contents of the listed parts.
@@ -173,7 +210,7 @@ void completeUpload(StoreTransaction& transaction, const std::string& key, std::
         size += sent.size;
     }
     endUpload(transaction, upload);
-    placeObject(transaction, key, object, size);
+    return placeObject(transaction, key, object, size);
 }
 
 } // namespace storage::clients::local

@@ -1,12 +1,15 @@
 #pragma once
 
+#include "Objects.hpp"
 #include "StoreTransaction.hpp"
 
 #include <storage/clients/common/UploadInventory.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -22,8 +25,9 @@ namespace storage::clients::local
 class BegunUploads
 {
 public:
+    /// @param base  the object that the new one is made from, if there is one
     /// @return the id of a new upload: random, so that it differs from those of other clients of the store
-    std::string begin(const std::string& key);
+    std::string begin(const std::string& key, std::optional<std::int64_t> base);
 
     /// Find an upload: one in the index, or one that this client has begun and that has no part yet.
     ///
@@ -44,10 +48,11 @@ private:
     struct Begun
     {
         std::string key;
+        std::optional<std::int64_t> base;
         bool hasParts = false; // if so and it is not in the index, another client has ended it
     };
 
-    bool isWithoutParts(std::int64_t upload, const std::string& key) const;
+    std::optional<Begun> findWithoutParts(std::int64_t upload, const std::string& key) const;
 
     mutable std::mutex m_mutex;                      // innermost
     std::unordered_map<std::int64_t, Begun> m_begun; // guarded by m_mutex; by id
@@ -57,15 +62,22 @@ private:
 std::vector<PendingUpload> listUploads(Connection& index);
 
 /// Store the content as a part, replacing what was sent for it before. Takes over one reference to the content.
-void setUploadPart(StoreTransaction& transaction, std::int64_t upload, std::size_t part, std::int64_t content);
+///
+/// @param source  the object that the part was copied from; empty: it was sent
+void setUploadPart(StoreTransaction& transaction, std::int64_t upload, std::size_t part, std::int64_t content,
+    std::optional<std::int64_t> source);
 
 /// End the upload and drop its parts.
 void endUpload(StoreTransaction& transaction, std::int64_t upload);
 
 /// Make the listed parts the object under the key, and end the upload. No bytes are moved.
 ///
-/// @throws UnknownErrorException from checkPartList()
-void completeUpload(StoreTransaction& transaction, const std::string& key, std::int64_t upload,
-    const std::vector<cloudprovider::PartInfo>& parts);
+/// @param descends  tells whether the first object was made by this client from the second one
+/// @return the new object
+/// @throws UnknownErrorException from checkPartList(), and when the object under the key is not the one that a listed
+///         part was copied from, or was not made from the upload's base
+StoredObject completeUpload(StoreTransaction& transaction, const std::string& key, std::int64_t upload,
+    const std::vector<cloudprovider::PartInfo>& parts,
+    const std::function<bool(std::int64_t stored, std::int64_t base)>& descends);
 
 } // namespace storage::clients::local

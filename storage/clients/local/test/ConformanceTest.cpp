@@ -26,13 +26,6 @@ public:
         return std::make_shared<LocalClient>(m_folder.store, m_settings);
     }
 
-    conformance::Capabilities capabilities() const override
-    {
-        conformance::Capabilities result;
-        result.noVersionPins = "the local store reads the version that is there";
-        return result;
-    }
-
     cloudprovider::CloudClientSharedPtr openReadOnly() override
     {
         test::runSql(m_folder.store,

@@ -1,7 +1,10 @@
 #pragma once
 
 #include <storage/clients/common/Operation.hpp>
+#include <storage/clients/common/RequiredVersions.hpp>
 #include <storage/clients/common/UploadInventory.hpp>
+#include <storage/clients/common/VersionPins.hpp>
+#include <storage/clients/common/WriteConditions.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
 
 #include <chrono>
@@ -20,6 +23,7 @@ namespace storage::clients
 namespace local
 {
 class BegunUploads;
+class Connection;
 class ContentFiles;
 class Database;
 class StagedContent;
@@ -70,6 +74,11 @@ struct LocalSettings
 /// Listing: a page has at most 1,000 entries. The entry of a group has the time of the object under exactly the group's
 /// key, if there is one. The cost of a group does not depend on the number of its keys.
 ///
+/// Versions: ranges are read from the version that getObjectParts() returned, or that this client has stored since; see
+/// VersionPins. If somebody else has replaced or removed the object, the read fails, and so does the completion of an
+/// upload that was begun with a part's tag or that copies parts. An object that this client has not opened is read as
+/// it is.
+///
 /// Reading: a range in at most 16 parts is read from one version of the object, even if the object is replaced or
 /// removed meanwhile. A read of more parts can fail in that case.
 ///
@@ -92,7 +101,7 @@ struct LocalSettings
 /// takes as long and as much room as a copy of its file. A crash leaves the old index or the new one. Content files
 /// from before have no checksums; only their sizes are checked. Older programs refuse an upgraded store, and must not
 /// use the store while it is upgraded: opening it fails then.
-class LocalClient final : public cloudprovider::CloudClient, public UploadInventory
+class LocalClient final : public cloudprovider::CloudClient, public UploadInventory, public WriteConditions
 {
 public:
     /// Open the store in a directory. A missing directory is created with its parents, and an empty one becomes an
@@ -128,14 +137,19 @@ public:
 
     std::vector<PendingUpload> pendingUploads() override;
 
+    std::unique_ptr<Condition> requireVersion(const std::string& key, const std::string& tag) override;
+    bool isAtomic() const noexcept override { return true; }
+
 private:
     template <typename Body>
     auto perform(Operation operation, const std::string& key, Body body);
 
+    void checkRequired(local::Connection& index, const std::string& key) const;
+
     local::StagedContent stage(std::uint64_t size);
 
     std::string storePart(const std::string& key, const std::string& uploadId, const cloudprovider::PartInfo& part,
-        local::StagedContent& content);
+        local::StagedContent& content, std::optional<std::int64_t> source);
 
     // The two ways of copyPart(). sharePart() moves no bytes; it returns nullopt when the range is not a stored part.
     std::optional<std::string> sharePart(
@@ -145,6 +159,8 @@ private:
     const std::filesystem::path m_directory; // absolute
     const LocalSettings m_settings;
     const std::unique_ptr<local::BegunUploads> m_uploads;
+    VersionPins m_pins;
+    RequiredVersions m_required;
     std::unique_ptr<local::Database> m_index;     // constant after construction
     std::unique_ptr<local::ContentFiles> m_files; // constant after construction
 };
