@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Try to make cloudfs lose, mix or invent bytes: kill it, damage its store, disturb its network, and take its disk,
-# memory, descriptors and processes away. Prints one row of counts per campaign; docs/reliability.md has the results.
+# Try to make cloudfs lose, mix or invent bytes: kill it, cut its power, damage its store, disturb its network, and take
+# its disk, memory, descriptors and processes away. Prints one row of counts per campaign; docs/reliability.md has the
+# results.
 #
 # Usage: bench/campaigns.sh [short|full]      full (default) takes about an hour, short a minute
 #
@@ -10,8 +11,8 @@ set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/../scripts/common.sh"
 case ${1:-full} in
-    full) kills=1000 damages=500 faults=1000 flips=500 shortages=1000 ;;
-    short) kills=60 damages=60 faults=40 flips=40 shortages=80 ;;
+    full) kills=1000 losses=500 damages=500 faults=1000 flips=500 shortages=1000 ;;
+    short) kills=60 losses=30 damages=60 faults=40 flips=40 shortages=80 ;;
     *)
         echo "usage: bench/campaigns.sh [short|full]" >&2
         exit 2
@@ -36,6 +37,7 @@ campaign()
 echo "| campaign | rounds | counts |"
 echo "|---|---|---|"
 campaign kills "$kills"
+campaign power "$losses"
 campaign damage "$damages"
 campaign network "$faults"
 campaign network "$flips" --flips
