@@ -4,8 +4,12 @@
 
 #include <foundation/storage/provider/ByteStreamFailure.hpp>
 
+#include <cerrno>
 #include <memory>
+#include <system_error>
 #include <utility>
+
+#include <fcntl.h>
 
 namespace foundation::storage::provider
 {
@@ -13,21 +17,19 @@ namespace foundation::storage::provider
 namespace
 {
 
+/// Open an empty file that has no name, and that programs started by the host do not inherit.
 boost::iostreams::file_descriptor openUnnamedFile(const fl::filesystem::path& folder)
 {
     const fl::filesystem::path file = fl::filesystem::tmpnam(folder);
-    try
+    const int opened = ::open(file.native().c_str(), O_RDWR | O_CLOEXEC);
+    const int error = errno;
+    boost::iostreams::file_descriptor result(opened, boost::iostreams::close_handle);
+    fl::filesystem::remove(file);
+    if (opened < 0)
     {
-        boost::iostreams::file_descriptor result(
-            file.native(), std::ios_base::in | std::ios_base::out | std::ios_base::binary);
-        fl::filesystem::remove(file);
-        return result;
+        throw std::system_error(error, std::generic_category(), "opening a temporary file");
     }
-    catch (const std::ios_base::failure&)
-    {
-        fl::filesystem::remove(file);
-        throw;
-    }
+    return result;
 }
 
 /// Run an operation on the temporary file and translate its failures, for example a full disk, into Failure.

@@ -2,6 +2,8 @@
 
 #include <fl/i18n.hpp>
 
+#include <fcntl.h>
+
 // The operations that the provider does not override. The framework implements them by calling other operations.
 
 namespace storage::cloudprovider
@@ -154,6 +156,10 @@ TEST_F(DefaultOperationsTest, KeepTransactionsInTheScratchFolder)
     EXPECT_EQ(open("file://" + scratch.string()), "done");
     EXPECT_TRUE(boost::filesystem::is_empty(scratch));
     remove(scratch);
+    const int lowest = ::dup(0); // the number that the next file gets
+    ::close(lowest);
+    const auto stream = provider->openTransactionalStream(file);
+    EXPECT_EQ(::fcntl(lowest, F_GETFD), FD_CLOEXEC);
     for (const std::string place : {"mem://test/file", "mem:///tmp", "file://host/tmp"})
     {
         EXPECT_THAT(open(place), StartsWith("InvalidLocation: " + place));
