@@ -104,7 +104,7 @@ private:
         {
         }
 
-        bool will_consume(const boost::log::attribute_value_set&) override { return !s_isOpening; }
+        bool will_consume(const boost::log::attribute_value_set&) override { return !isOpening; }
 
         /// Receive a record of the host that another thread opened while the gate was in place.
         void consume(const boost::log::record_view& record) override
@@ -133,20 +133,20 @@ private:
             : owner(host)
         {
             owner.m_core->add_sink(owner.m_gate);
-            s_isOpening = true;
+            isOpening = true;
         }
         GateInPlace(const GateInPlace&) = delete;
         GateInPlace& operator=(const GateInPlace&) = delete;
         ~GateInPlace()
         {
-            s_isOpening = false;
+            isOpening = false;
             owner.m_core->remove_sink(owner.m_gate);
         }
 
         HostSinks& owner;
     };
 
-    static inline thread_local bool s_isOpening = false; // this thread opens a record that the gate has to reject
+    static inline thread_local bool isOpening = false; // this thread opens a record that the gate has to reject
 
     std::mutex m_mutex;                // held while the gate is in place
     const boost::log::core_ptr m_core; // keeps the core for loggers that outlive Boost.Log's own reference
