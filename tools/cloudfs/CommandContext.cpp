@@ -194,7 +194,8 @@ storage::clients::RetryingClient::Waiting CommandContext::waiting() const
 
 void CommandContext::printCounters() const
 {
-    const auto* counters = storage::clients::findInterface<const storage::clients::StoreCounters>(*m_store);
+    const auto* counters =
+        m_store ? storage::clients::findInterface<const storage::clients::StoreCounters>(*m_store) : nullptr;
     if (verbose && counters != nullptr)
     {
         std::ostringstream text;

@@ -90,7 +90,7 @@ public:
     /// What the store's calls in progress wait for; all zero if the store does not retry.
     storage::clients::RetryingClient::Waiting waiting() const;
 
-    /// Print the store's call counters on standard error, if verbose.
+    /// Print the store's call counters on standard error, if verbose and open.
     void printCounters() const;
 
     /// Record that a failure was reported although the command continued. Main thread only.

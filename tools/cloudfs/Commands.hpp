@@ -16,5 +16,6 @@ void addGetCommands(CLI::App& app, CommandContext& context);    // get, cat
 void addEditCommands(CLI::App& app, CommandContext& context);   // write, append
 void addCopyCommands(CLI::App& app, CommandContext& context);   // cp, mv
 void addUploadCommands(CLI::App& app, CommandContext& context); // uploads list, uploads abort
+void addCheckCommand(CLI::App& app, CommandContext& context);   // check; it runs without an open context
 
 } // namespace cloudfs

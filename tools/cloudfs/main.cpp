@@ -138,7 +138,14 @@ int run(int argc, char** argv)
     app.fallthrough();
     app.set_version_flag("--version", "cloudfs " CLOUDFS_VERSION, "Print the version and exit");
     addGlobalOptions(app, context);
-    app.parse_complete_callback([&] { context.open(app.got_subcommand("put") || app.got_subcommand("mkdir")); });
+    app.parse_complete_callback(
+        [&]
+        {
+            if (!app.got_subcommand("check")) // a damaged store cannot be opened
+            {
+                context.open(app.got_subcommand("put") || app.got_subcommand("mkdir"));
+            }
+        });
     addListCommands(app, context);
     addFolderCommands(app, context);
     addPutCommand(app, context);
@@ -146,6 +153,7 @@ int run(int argc, char** argv)
     addEditCommands(app, context);
     addCopyCommands(app, context);
     addUploadCommands(app, context);
+    addCheckCommand(app, context);
     app.footer(globalOptionForms); // after the commands, or they would inherit it
     try
     {

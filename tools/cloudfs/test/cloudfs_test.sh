@@ -332,6 +332,21 @@ test_concurrent_changes()
 }
 
 # A killed program leaves its upload open. The next one removes its temporary files.
+test_check()
+{
+    bytes 200000 >file
+    fs put file /file
+    prints '1 objects, 200000 bytes: 0 damaged, 0 repaired' check
+    printf x | dd of="$(echo cloudfs/contents/*)" bs=1 seek=100000 conv=notrunc status=none
+    fs check >out && fail "check did not report damage"
+    grep -q 'damaged  /file: ' out || fail "check did not name the damaged file"
+    fs check --repair >out || fail "check --repair failed"
+    prints '' ls /
+    rm cloudfs/index.sqlite && mkfifo cloudfs/index.sqlite
+    fs check >out && fail "check did not report an index that cannot be opened"
+    grep -q 'damaged  the index: ' out || fail "check did not name the index"
+}
+
 test_uploads()
 {
     mkfifo source

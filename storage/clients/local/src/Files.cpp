@@ -121,7 +121,7 @@ std::optional<FileHandle> openFile(const std::filesystem::path& path)
     if (file.get() < 0 ? errno == ELOOP || errno == ENXIO
                        : ::fstat(file.get(), &status) == 0 && !S_ISREG(status.st_mode))
     {
-        throw StoreError("the store is damaged: \"" + path.native() + "\" is not a regular file");
+        throw damage('"' + path.native() + "\" is not a regular file");
     }
     if (file.get() < 0)
     {

@@ -10,6 +10,7 @@
 #include "StagedContent.hpp"
 #include "StoreError.hpp"
 #include "StoreTransaction.hpp"
+#include "TranslateErrors.hpp"
 #include "Uploads.hpp"
 
 #include <storage/clients/common/Content.hpp>
@@ -41,52 +42,13 @@ using local::StoredObject;
 using local::StoredPart;
 using local::StoreError;
 using local::StoreTransaction;
+using local::translateErrors;
 
 namespace
 {
 
 constexpr std::size_t pageSize = 1000;                                        // entries; about 100 KiB of keys
 constexpr std::uint64_t maxOffset = std::numeric_limits<std::int64_t>::max(); // the largest integer of SQLite
-
-[[noreturn]] void throwCloudException(const StoreError& error, const std::string& doing)
-{
-    const std::string detail = doing + ": " + error.what();
-    switch (error.kind())
-    {
-    case StoreError::Kind::NotFound:
-        throw cloudprovider::ResourceNotFoundException(detail);
-    case StoreError::Kind::NotAStore:
-        throw cloudprovider::InvalidLocationException("Not a local store", detail);
-    case StoreError::Kind::PermissionDenied:
-        throw cloudprovider::PermissionDeniedException("Access to the local store denied", detail);
-    case StoreError::Kind::Locked:
-        throw cloudprovider::UnknownErrorException("Local store is locked", detail);
-    case StoreError::Kind::NoSpace:
-    case StoreError::Kind::Damaged:
-    case StoreError::Kind::Other:
-        break;
-    }
-    throw cloudprovider::UnknownErrorException("Local store failed", detail);
-}
-
-// The only place where errors inside the store become exceptions of the interface.
-template <typename Body, typename Doing>
-auto translateErrors(Body body, Doing doing)
-{
-    try
-    {
-        return body();
-    }
-    catch (const StoreError& error)
-    {
-        throwCloudException(error, doing());
-    }
-    catch (const std::filesystem::filesystem_error& error)
-    {
-        throwCloudException(
-            local::systemError("reading \"" + error.path1().native() + '"', error.code().value()), doing());
-    }
-}
 
 Version versionOf(const StoredObject& object)
 {

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <utility>
 
 namespace storage::clients::local
@@ -87,17 +88,6 @@ void checkApplication(Connection& connection)
     }
 }
 
-void lockFolder(const FileHandle& folder, const std::filesystem::path& path, LockWait wait)
-{
-    while (!tryLockFile(folder, path))
-    {
-        if (!wait.pause())
-        {
-            wait.fail("the directory", findLockHolder(path));
-        }
-    }
-}
-
 void create(Connection& connection)
 {
     connection.reserveChecksums();
@@ -108,6 +98,11 @@ void create(Connection& connection)
     connection.execute(fmt::format("PRAGMA application_id = {}", applicationId).c_str());
     connection.execute(fmt::format("PRAGMA user_version = {}", schemaVersion).c_str());
     connection.execute("COMMIT");
+}
+
+std::filesystem::path newIndexFile(const std::filesystem::path& directory)
+{
+    return indexFile(directory).native() + ".new";
 }
 
 // Each query of version 1, and the statement that stores its rows in this version.
@@ -131,6 +126,11 @@ void upgrade(
 {
     constexpr const char* unchecked = "unix";
     const std::filesystem::path file = indexFile(directory);
+    std::error_code ignored; // there is no such file
+    if (const auto size = std::filesystem::file_size(file.native() + logEndSuffix, ignored); size > 0 && !ignored)
+    {
+        throw StoreError(error); // it had a log with checksums
+    }
     {
         Connection old(file, wait, unchecked);
         checkApplication(old);
@@ -144,17 +144,9 @@ void upgrade(
     {
         throw StoreError("an older version of this program uses the store; it can be upgraded when no program does");
     }
-    const std::filesystem::path next = file.native() + ".new";
-    for (const char* suffix : {"", "-journal", logEndSuffix}) // of an upgrade that was interrupted
     {
-        removeFile(next.native() + suffix);
-    }
-    createFile(next);
-    {
-        Connection upgraded(next, wait);
-        create(upgraded);
-        upgraded.execute("PRAGMA cache_spill = ON"); // allowed without a log, and the index may be large
-        upgraded.execute("BEGIN IMMEDIATE");
+        Connection upgraded(createNewIndex(directory), wait);
+        beginNewIndex(upgraded);
         for (const auto& [read, write] : copiesOfVersion1)
         {
             Query row = old.query(read);
@@ -167,6 +159,44 @@ void upgrade(
         }
         upgraded.execute("COMMIT");
     }
+    installNewIndex(directory, folder);
+}
+
+} // namespace
+
+void lockFolder(const FileHandle& folder, const std::filesystem::path& path, LockWait wait)
+{
+    while (!tryLockFile(folder, path))
+    {
+        if (!wait.pause())
+        {
+            wait.fail("the directory", findLockHolder(path));
+        }
+    }
+}
+
+std::filesystem::path createNewIndex(const std::filesystem::path& directory)
+{
+    const std::filesystem::path next = newIndexFile(directory);
+    for (const char* suffix : {"", "-journal", logEndSuffix}) // of an attempt that was interrupted
+    {
+        removeFile(next.native() + suffix);
+    }
+    createFile(next);
+    return next;
+}
+
+void beginNewIndex(Connection& index)
+{
+    create(index);
+    index.execute("PRAGMA cache_spill = ON"); // allowed without a log, and the index may be large
+    index.execute("BEGIN IMMEDIATE");
+}
+
+void installNewIndex(const std::filesystem::path& directory, const FileHandle& folder)
+{
+    const std::filesystem::path next = newIndexFile(directory);
+    const std::filesystem::path file = indexFile(directory);
     removeFile(next.native() + logEndSuffix);
     if (std::rename(next.c_str(), file.c_str()) != 0)
     {
@@ -174,8 +204,6 @@ void upgrade(
     }
     syncFile(folder, directory);
 }
-
-} // namespace
 
 std::filesystem::path indexFile(const std::filesystem::path& directory)
 {

@@ -1,5 +1,6 @@
 #include "TestStore.hpp"
 
+#include <storage/clients/local/CheckLocalStore.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <gmock/gmock.h>
@@ -137,6 +138,7 @@ TEST(LocalClientTest, WaitsForAStoppedWriterOnlyToWriteAndNotForEver)
 TEST(LocalClientTest, AFlippedBitIsNeverServed)
 {
     const TestFolder folder;
+    const std::string older = content(99, 3000);
     std::map<std::string, std::string> objects;
     for (std::uint64_t i = 0; i < 20; ++i)
     {
@@ -148,7 +150,7 @@ TEST(LocalClientTest, AFlippedBitIsNeverServed)
             LocalClient client(folder.store);
             for (const auto& [key, bytes] : objects)
             {
-                put(client, key, content(99, 3000));
+                put(client, key, older);
                 put(client, key, bytes);
             }
             ::raise(SIGKILL);
@@ -156,17 +158,39 @@ TEST(LocalClientTest, AFlippedBitIsNeverServed)
     EXPECT_EQ(waitForProcess(process), -1);
     const path killed = folder.root / "killed";
     rename(folder.store, killed);
-    const auto read = [&]
+    const auto readAll = [&]
     {
         LocalClient client(folder.store);
         std::string token;
         std::size_t keys = 0;
         for (const ObjectEntry& entry : client.listObjects("", token, {}))
         {
-            EXPECT_EQ(get(client, entry.key), objects[entry.key]) << entry.key;
+            EXPECT_THAT(get(client, entry.key), AnyOf(objects[entry.key], older)) << entry.key;
             ++keys;
         }
-        EXPECT_EQ(keys, objects.size());
+        return keys;
+    };
+    const auto read = [&] { EXPECT_EQ(readAll(), objects.size()); };
+    std::size_t kept = 0;
+    const auto checkAndRepair = [&]
+    {
+        std::vector<Damage> damages;
+        CheckOptions options;
+        options.report = [&](const Damage& damage) { damages.push_back(damage); };
+        EXPECT_EQ(checkLocalStore(folder.store, options).repaired, 0U);
+        EXPECT_THAT(damages, SizeIs(1));
+        options.repair = true;
+        try
+        {
+            EXPECT_GT(checkLocalStore(folder.store, options).repaired, 0U);
+            EXPECT_THAT(damages.back().repair, AllOf(HasSubstr("damaged"), Not(HasSubstr("\n"))));
+            EXPECT_EQ(checkLocalStore(folder.store, options).damaged, 0U);
+            kept += readAll();
+        }
+        catch (const CloudException& error)
+        {
+            EXPECT_THAT(error.detail().value_or(""), HasSubstr("nothing can be read from the index"));
+        }
     };
     for (const bool isClosed : {false, true})
     {
@@ -182,7 +206,7 @@ TEST(LocalClientTest, AFlippedBitIsNeverServed)
             const std::size_t size = file.is_regular_file() ? file.file_size() : 0;
             for (std::size_t offset = 0, step = 1; offset < size; offset += step)
             {
-                step = offset < 128 ? 17 : size / 25 + 1;
+                step = offset < 128 ? 17 : size / 15 + 1;
                 copy(killed, folder.store, std::filesystem::copy_options::recursive);
                 std::fstream flipped(folder.store / relative(file.path(), killed));
                 flipped.seekg(static_cast<std::streamoff>(offset));
@@ -198,11 +222,14 @@ TEST(LocalClientTest, AFlippedBitIsNeverServed)
                 catch (const CloudException&)
                 {
                     ++found;
+                    checkAndRepair();
                 }
                 remove_all(folder.store);
             }
         }
         EXPECT_GT(found, 20U);
+        EXPECT_GT(kept, 10 * found) << "of 20 objects";
+        kept = 0;
     }
 }
 

@@ -62,12 +62,10 @@ std::shared_ptr<CountingClient> counted(const Arguments&... arguments)
 
 std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, const OpenStoreOptions& options)
 {
-    constexpr std::string_view local = "local:";
-    if (url.starts_with(local))
+    if (const auto directory = localStoreDirectory(url))
     {
-        const std::string directory = url.substr(local.size());
-        return counted<LocalClient>(directory.empty() ? defaultDirectory() : std::filesystem::path(directory),
-            LocalSettings{.createMissing = options.createMissing, .interrupted = options.interrupted});
+        return counted<LocalClient>(
+            *directory, LocalSettings{.createMissing = options.createMissing, .interrupted = options.interrupted});
     }
     if (url == "memory:")
     {
@@ -88,6 +86,17 @@ std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, co
                            .memory = settings.memory / 2});
     }
     refuse("unknown kind of store");
+}
+
+std::optional<std::filesystem::path> localStoreDirectory(const std::string& url)
+{
+    constexpr std::string_view local = "local:";
+    if (!url.starts_with(local))
+    {
+        return std::nullopt;
+    }
+    const std::string directory = url.substr(local.size());
+    return directory.empty() ? defaultDirectory() : std::filesystem::path(directory);
 }
 
 } // namespace storage::clients

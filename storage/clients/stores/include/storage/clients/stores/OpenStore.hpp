@@ -2,8 +2,10 @@
 
 #include <storage/cloudprovider/CloudClient.hpp>
 
+#include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace storage::clients
@@ -43,5 +45,10 @@ struct OpenStoreOptions
 /// @throws ResourceNotFoundException when a local store does not exist and is not to be created
 /// @throws what the store's own constructor throws
 std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, const OpenStoreOptions& options = {});
+
+/// Return the directory of the store with this URL, for checkLocalStore(); nullopt if it is not a local store.
+///
+/// @throws InvalidLocationException as openStore()
+std::optional<std::filesystem::path> localStoreDirectory(const std::string& url);
 
 } // namespace storage::clients

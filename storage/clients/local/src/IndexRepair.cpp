@@ -1,0 +1,268 @@
+#include "IndexRepair.hpp"
+
+#include "Connection.hpp"
+#include "ContentFiles.hpp"
+#include "Files.hpp"
+#include "Schema.hpp"
+#include "StoreError.hpp"
+
+#include <storage/clients/common/KeyRules.hpp>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace storage::clients::local
+{
+
+namespace
+{
+
+struct Object
+{
+    std::string key;
+    std::int64_t id = 0;
+    std::int64_t size = 0;
+    std::int64_t modified = 0;
+};
+
+// Read rows until the end or until damage.
+//
+// @return whether all rows could be read
+bool readRows(Query query, const std::function<bool(const Query&)>& take)
+try
+{
+    while (query.next() && take(query))
+    {
+    }
+    return true;
+}
+catch (const StoreError& error)
+{
+    if (error.kind() != StoreError::Kind::Damaged)
+    {
+        throw;
+    }
+    return false;
+}
+
+class Rebuild
+{
+public:
+    Rebuild(Connection& old, Connection& fresh, std::function<void(const Damage&)> report)
+        : m_old(old)
+        , m_fresh(fresh)
+        , m_report(std::move(report))
+    {
+    }
+
+    // Copy what can be read.
+    //
+    // @return what is lost without its keys being known; empty: nothing
+    std::string run();
+
+    // No file in contents/ may get a name that is there already.
+    void finish(const std::vector<FileName>& files);
+
+private:
+    void copyObject(const Object& object);
+    bool copyParts(std::int64_t object);
+
+    Connection& m_old;
+    Connection& m_fresh;
+    const std::function<void(const Damage&)> m_report;
+    std::int64_t m_maxId = 0;
+};
+
+std::string Rebuild::run()
+{
+    std::optional<std::string> first; // the last key before the damage
+    std::optional<std::string> last;  // the first key after it
+    const auto toObject = [](const Query& row) {
+        return Object{std::string(row.bytes(0)), row.integer(1), row.integer(2), row.integer(3)};
+    };
+    const bool isComplete = readRows(m_old.query("SELECT key, id, size, modified FROM objects ORDER BY key"),
+        [&](const Query& row)
+        {
+            const Object object = toObject(row);
+            first = object.key;
+            copyObject(object);
+            return true;
+        });
+    if (isComplete)
+    {
+        return {};
+    }
+    readRows(m_old.query("SELECT key, id, size, modified FROM objects ORDER BY key DESC"),
+        [&](const Query& row)
+        {
+            const Object object = toObject(row);
+            if (first && object.key <= *first)
+            {
+                return false;
+            }
+            last = object.key;
+            copyObject(object);
+            return true;
+        });
+    return "all objects" + (first ? " after " + clients::quoted(*first) : "") + (first && last ? " and" : "") +
+           (last ? " before " + clients::quoted(*last) : "");
+}
+
+void Rebuild::finish(const std::vector<FileName>& files)
+{
+    readRows(m_old.query("SELECT next_id FROM store"),
+        [&](const Query& row)
+        {
+            m_maxId = std::max(m_maxId, row.integer(0));
+            return true;
+        });
+    for (const FileName file : files)
+    {
+        m_maxId = std::max(m_maxId, file.content);
+    }
+    m_fresh.run("UPDATE store SET next_id = ?", m_maxId + 1);
+    m_fresh.execute("COMMIT");
+}
+
+void Rebuild::copyObject(const Object& object)
+{
+    m_fresh.execute("SAVEPOINT object");
+    if (copyParts(object.id))
+    {
+        m_fresh.run("INSERT INTO objects (key, id, size, modified) VALUES (?, ?, ?, ?)", Blob{object.key}, object.id,
+            object.size, object.modified);
+        m_maxId = std::max(m_maxId, object.id);
+    }
+    else
+    {
+        m_fresh.execute("ROLLBACK TO object");
+        m_report({Damage::Kind::Object, object.key, "the index has lost its parts", "removed"});
+    }
+    m_fresh.execute("RELEASE object");
+}
+
+bool Rebuild::copyParts(std::int64_t object)
+{
+    bool isWhole = true;
+    const bool isReadable =
+        readRows(m_old.query("SELECT part.object, part.offset, part.content, content.id FROM object_parts AS part"
+                             " LEFT JOIN contents AS content ON content.id = part.content WHERE part.object = ?",
+                     object),
+            [&](const Query& row)
+            {
+                m_fresh.run("INSERT INTO object_parts (object, offset, content) VALUES (?, ?, ?)", row.integer(0),
+                    row.integer(1), row.integer(2));
+                isWhole = !row.isNull(3);
+                m_maxId = std::max(m_maxId, row.integer(2));
+                return isWhole;
+            });
+    return isReadable && isWhole &&
+           readRows(m_old.query("SELECT id, 1, size, session, hashes, data FROM object_parts AS part"
+                                " JOIN contents ON id = part.content WHERE part.object = ?",
+                        object),
+               [&](const Query& row)
+               {
+                   m_fresh.run("INSERT INTO contents (id, refs, size, session, hashes, data) VALUES (?, ?, ?, ?, ?, ?)"
+                               " ON CONFLICT (id) DO UPDATE SET refs = refs + 1",
+                       row);
+                   return true;
+               });
+}
+
+// Open the old index for this process alone. It then keeps SQLite's shared memory in its own memory.
+//
+// @return whether it can be read
+bool open(std::optional<Connection>& connection, const std::filesystem::path& file, const LockWait& wait)
+try
+{
+    connection.emplace(file, wait);
+    connection->execute("PRAGMA locking_mode = EXCLUSIVE");
+    connection->query("SELECT 1 FROM sqlite_schema").next();
+    return true;
+}
+catch (const StoreError& error)
+{
+    if (error.kind() != StoreError::Kind::Damaged)
+    {
+        throw;
+    }
+    return false;
+}
+
+// Move the content files of lost objects aside.
+void moveUnnamedFiles(const std::filesystem::path& directory, const std::filesystem::path& aside, const LockWait& wait)
+{
+    Connection index(indexFile(directory), wait);
+    const ContentFiles files(directory);
+    for (const FileName name : files.list())
+    {
+        if (!index
+                 .query("SELECT 1 FROM contents WHERE id = ? AND session = ?", name.content,
+                     static_cast<std::int64_t>(name.session))
+                 .next())
+        {
+            const std::filesystem::path path = files.path(name);
+            std::filesystem::rename(path, aside / path.filename());
+        }
+    }
+}
+
+} // namespace
+
+void repairIndex(const std::filesystem::path& directory, const LockLimits& limits, const std::string& reason,
+    const std::function<void(const Damage&)>& report)
+{
+    const std::filesystem::path file = indexFile(directory);
+    const std::filesystem::path aside = directory / "damaged";
+    const LockWait wait(limits);
+    const FileHandle folder = openFolder(directory);
+    lockFolder(folder, directory, wait);
+    makeFolders(aside);
+    std::vector<std::string> lost;
+    {
+        std::optional<Connection> old;
+        const bool isReadable = open(old, file, wait);
+        old.reset(); // closing the files that are copied drops its locks
+        for (const char* suffix : {"", "-wal", logEndSuffix})
+        {
+            if (std::filesystem::exists(file.native() + suffix))
+            {
+                std::filesystem::copy_file(file.native() + suffix, aside / (file.filename().native() + suffix),
+                    std::filesystem::copy_options::overwrite_existing);
+            }
+        }
+        if (!isReadable)
+        {
+            // Without its end, the log counts up to the first damage.
+            removeFile(file.native() + logEndSuffix);
+            lost.emplace_back("the last changes");
+        }
+        if (!open(old, file, wait))
+        {
+            throw damage("nothing can be read from the index");
+        }
+        Connection fresh(createNewIndex(directory), wait);
+        beginNewIndex(fresh);
+        Rebuild rebuild(*old, fresh, report);
+        if (const std::string objects = rebuild.run(); !objects.empty())
+        {
+            lost.push_back(objects);
+        }
+        rebuild.finish(ContentFiles(directory).list());
+    }
+    for (const char* suffix : {"-wal", "-shm", logEndSuffix})
+    {
+        removeFile(file.native() + suffix);
+    }
+    installNewIndex(directory, folder);
+    moveUnnamedFiles(directory, aside, wait);
+    lost.emplace_back("open uploads");
+    report({Damage::Kind::Index, {}, reason,
+        fmt::format("replaced; lost are {}; a copy is in \"{}\"", fmt::join(lost, " and "), aside.native())});
+}
+
+} // namespace storage::clients::local

@@ -1,0 +1,22 @@
+#pragma once
+
+#include "LockWait.hpp"
+
+#include <storage/clients/local/CheckLocalStore.hpp>
+
+#include <filesystem>
+#include <functional>
+
+namespace storage::clients::local
+{
+
+/// Replace a damaged index by one with all objects that can still be read from it. A crash leaves the old index, unless
+/// it interrupts the last step; a copy of the old index and its log is in the folder `damaged` by then.
+///
+/// @param reason  why the index counts as damaged
+/// @param report  called for each object that is lost, and for the index
+/// @throws StoreError when the store is in use, or nothing can be read from the index
+void repairIndex(const std::filesystem::path& directory, const LockLimits& limits, const std::string& reason,
+    const std::function<void(const Damage&)>& report);
+
+} // namespace storage::clients::local
