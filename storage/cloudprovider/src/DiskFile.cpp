@@ -25,7 +25,7 @@ namespace
 
 constexpr const char* source = "src/DiskBackedBufferFactory";
 
-/// Closes a file descriptor at the end of its scope. Writes are not buffered, so a failure of close() loses nothing.
+/// Closes a file descriptor at the end of its scope, unless close() was called.
 class Descriptor
 {
 public:
@@ -35,12 +35,21 @@ public:
     }
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() { ::close(m_descriptor); }
+    ~Descriptor()
+    {
+        if (m_descriptor >= 0)
+        {
+            ::close(m_descriptor);
+        }
+    }
 
     int get() const { return m_descriptor; }
 
+    /// @return as the system call: -1 if bytes that were written may be lost
+    int close() { return ::close(std::exchange(m_descriptor, -1)); }
+
 private:
-    const int m_descriptor;
+    int m_descriptor; // -1 after close()
 };
 
 /// Create an empty temporary file. Its name tells which process it belongs to.
@@ -111,7 +120,7 @@ void DiskFile::fillWithZeros(std::size_t first, std::size_t last)
     {
         throw TemporaryFileException("opening a temporary file in " + folder(), errno);
     }
-    const Descriptor file(opened);
+    Descriptor file(opened);
     while (first < last)
     {
         std::array<iovec, 128> blocks{};
@@ -135,6 +144,10 @@ void DiskFile::fillWithZeros(std::size_t first, std::size_t last)
                 written < 0 ? errno : ENOSPC);
         }
         first += static_cast<std::size_t>(written);
+    }
+    if (file.close() != 0 && errno != EINTR) // a network file system reports only now that it has no room
+    {
+        throw TemporaryFileException("writing to a temporary file in " + folder(), errno);
     }
 }
 

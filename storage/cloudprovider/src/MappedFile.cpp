@@ -49,7 +49,7 @@ void MappedFile::close()
     }
     int error = ::munmap(std::exchange(m_data, nullptr), m_size) == 0 ? 0 : errno;
     error = ::close(std::exchange(m_descriptor, -1)) == 0 ? error : errno;
-    if (error != 0)
+    if (error != 0 && error != EINTR) // an interrupted close() has lost nothing
     {
         throw TemporaryFileException("closing a temporary file, whose bytes may be lost", error);
     }

@@ -20,9 +20,9 @@ namespace foundation::log
 /// "Severity" (std::uint32_t) and "Message" (std::string). If the host has attached none, Boost.Log writes the host's
 /// own records to standard output, as it would without this class, and none of these.
 ///
-/// Logging never throws. Safe for concurrent calls on one instance, except from a filter or an exception handler of the
-/// core, which must not log with this class. An instance is usable until its destructor, also while static objects are
-/// destroyed; from then on its records do not go to Boost.Log. The sink must then be usable, too.
+/// Logging never throws. Safe for concurrent calls on one instance. Filters and exception handlers of the core must not
+/// log with this class: that would deadlock. An instance is usable until its destructor. While the process ends, its
+/// records bypass Boost.Log, and the sink must still be usable.
 ///
 /// Check isEnabled() before building a message, so that a disabled record costs one atomic load:
 ///
