@@ -15,8 +15,9 @@ Database::Database(std::filesystem::path file, LockLimits limits)
 
 Database::~Database()
 {
-    // The first process that opens the index reads the log, and keeps others waiting meanwhile. So leave none.
-    if (!m_idle.empty())
+    // The first process that opens the index reads the log, and keeps others waiting meanwhile. So leave none. A client
+    // that has only read does not write now.
+    if (m_hasCommitted && !m_idle.empty())
     {
         m_idle.back()->emptyLog();
     }
@@ -100,7 +101,7 @@ void Database::shrink()
             free >= minFree && free * minShare >= count("PRAGMA page_count"))
         {
             // More than a removal frees on average, and little enough that other writers do not notice.
-            WriteTransaction transaction(*this, Durability::Deferred);
+            WriteTransaction transaction(*this, Durability::Deferred, LockWait(noWait));
             transaction->execute("PRAGMA incremental_vacuum(128)");
             transaction.commit();
         }
@@ -135,6 +136,7 @@ Database::WriteTransaction::WriteTransaction(Database& database, Durability dura
 void Database::WriteTransaction::commit()
 {
     m_connection->run("COMMIT");
+    m_turn->m_hasCommitted = true;
 }
 
 } // namespace storage::clients::local

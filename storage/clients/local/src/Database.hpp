@@ -108,7 +108,8 @@ private:
     // A writer takes its turn before SQLite's lock. Both mutexes are innermost.
     std::mutex m_turnMutex;
     std::condition_variable m_turnEnded;
-    bool m_isWriting = false; // guarded by m_turnMutex
+    bool m_isWriting = false;    // guarded by m_turnMutex
+    bool m_hasCommitted = false; // changed by the writer whose turn it is
     std::mutex m_poolMutex;
     std::size_t m_connections = 0;                   // guarded by m_poolMutex; opened so far
     std::vector<std::unique_ptr<Connection>> m_idle; // guarded by m_poolMutex; has capacity for all of them

@@ -18,6 +18,8 @@ struct LockLimits
     std::function<bool()> interrupted; ///< empty: never
 };
 
+inline const LockLimits noWait{std::chrono::milliseconds(0), {}};
+
 /// One wait for a lock. It is over when the time is, and earlier when the process is interrupted.
 class LockWait
 {

@@ -18,8 +18,6 @@ namespace storage::clients::local
 namespace
 {
 
-const LockLimits noWait{std::chrono::milliseconds(0), {}}; // opening a store must not wait for a writer
-
 void logLeft(std::uint32_t severity, const StoreError& error)
 {
     cloudprovider::getLogger().write(
@@ -69,6 +67,7 @@ bool removeOrphans(Database& database, ContentFiles& files, const std::vector<Se
     bool complete = true;
     {
         // A client publishes a file inside the transaction that names it, and this transaction excludes all others.
+        // Opening a store must not wait for a writer.
         Database::WriteTransaction index(database, Durability::Synced, LockWait(noWait));
         std::erase_if(orphans, [&](FileName name) { return isNamed(*index, name); });
         const std::int64_t nextId = readNextId(*index);
