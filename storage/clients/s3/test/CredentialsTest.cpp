@@ -163,6 +163,7 @@ TEST_F(CredentialsTest, ComeFromServices)
         {"its expiry is not a time", container, {{"/", document("id", "2024-02-30T01:00:00Z")}}},
         {"never: ", container, {{"/", document("", "2024-05-01T01:00:00Z")}}},
         {"it is not JSON", container, {{"/", {.body = "S3CRET{"}}}},
+        {"it has too many brackets", container, {{"/", {.body = std::string(150'000, '[')}}}},
         {"never: ", container, {{"/", {403, {}, "S3CRET"}}}},
         {"later: ", container, {{"/", {503, {}, "S3CRET"}}}},
         {"later: ", container, {{"/", Reply::reset()}}},

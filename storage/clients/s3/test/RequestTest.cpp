@@ -1,6 +1,7 @@
 #include "TestCalls.hpp"
 
 #include "http/HttpClient.hpp"
+#include "protocol/Times.hpp"
 #include "signing/Hashing.hpp"
 #include "signing/RequestSigner.hpp"
 #include "signing/UriEncoding.hpp"
@@ -385,6 +386,18 @@ TEST(RequestTest, TrustsTheAuthoritiesGivenAndNoOther)
     EXPECT_THAT(failure(path, "localhost"), HasSubstr("Certificate refused"));
     EXPECT_THAT(failure(path + "/none"), HasSubstr("Invalid store"));
     std::filesystem::remove(path);
+}
+
+TEST(TimesTest, AreReadOnlyInTheirForm)
+{
+    EXPECT_EQ(readIsoTime("2026-11-21T10:50:54.5Z") - readIsoTime("2026-11-20T00:00:00"),
+        boost::posix_time::hours(34) + boost::posix_time::millisec(50 * 60'000 + 54'500));
+    for (const char* text : {"", "Z", "2026", "2026-", "--T::", "2026-11-21", "2026-11-21T", "2026-11-21T10:50Z",
+             "2026-13-21T10:50:54Z", "2026-11-21T10:50:54.Z", "2026-11-21T10:50:54.0123456789Z", "T10:50:54Z",
+             "2026-11-21T-1:50:54Z", "2026-11-21T10:50:54 Z"})
+    {
+        EXPECT_TRUE(readIsoTime(text).is_not_a_date_time()) << text;
+    }
 }
 
 TEST(RequestTest, SkipsEmptyPagesAndDetectsListingsThatDoNotAdvance)

@@ -4,7 +4,9 @@
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 
+#include <algorithm>
 #include <charconv>
+#include <cstddef>
 #include <sstream>
 #include <string_view>
 
@@ -15,6 +17,8 @@ namespace
 {
 
 using Document = boost::property_tree::ptree;
+
+constexpr std::ptrdiff_t maxBrackets = 100; // a document with credentials has one
 
 CredentialsDocumentError badExpiry()
 {
@@ -84,6 +88,11 @@ std::chrono::sys_seconds readTime(std::string_view text)
 
 IssuedCredentials readCredentialsDocument(const std::string& text)
 {
+    // The parser calls itself for each bracket, so that a long row of them would overflow the stack.
+    if (std::count_if(text.begin(), text.end(), [](char c) { return c == '[' || c == '{'; }) > maxBrackets)
+    {
+        throw CredentialsDocumentError("it has too many brackets");
+    }
     Document document;
     try
     {

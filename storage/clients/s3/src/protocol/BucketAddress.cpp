@@ -24,6 +24,8 @@ namespace
         "Invalid store", reason + "; the form is s3://BUCKET?endpoint=URL&region=REGION&path-style=1");
 }
 
+constexpr std::size_t maxEndpoint = 2'000; // characters; for long texts, matching needs more stack than there is
+
 /// Whether the bucket can be a part of the host name: the endpoint's certificate covers only one more label, and a
 /// numeric address has no labels.
 bool fitsIntoHostName(const std::string& bucket, const std::string& endpointHost)
@@ -66,7 +68,7 @@ BucketAddress::BucketAddress(const S3Settings& settings)
             R"((https?)://([a-z0-9.-]+|\[[0-9a-f:.]+\])(:\d{1,5})?(/([a-z0-9._~/-]|%[0-9a-f]{2})*)?)",
             std::regex::icase);
         std::smatch match;
-        if (!std::regex_match(settings.endpoint, match, form))
+        if (settings.endpoint.size() > maxEndpoint || !std::regex_match(settings.endpoint, match, form))
         {
             refuse(
                 "the endpoint must be like https://HOST or http://HOST:PORT"); // not quoted: it may contain a password
