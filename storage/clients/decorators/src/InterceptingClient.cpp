@@ -79,24 +79,27 @@ std::string InterceptingClient::createMultipartUpload(const std::string& key, co
 std::string InterceptingClient::uploadPart(
     const std::string& key, const std::string& uploadId, const PartInfo& part, std::istream& content)
 {
-    return pass({Operation::UploadPart, key, &part, part.Size},
+    return pass({Operation::UploadPart, key, &part, part.Size, &uploadId},
         [&] { return m_inner->uploadPart(key, uploadId, part, content); });
 }
 
 std::string InterceptingClient::copyPart(const std::string& key, const std::string& uploadId, const PartInfo& part)
 {
-    return pass({Operation::CopyPart, key, &part, part.Size}, [&] { return m_inner->copyPart(key, uploadId, part); });
+    return pass({Operation::CopyPart, key, &part, part.Size, &uploadId},
+        [&] { return m_inner->copyPart(key, uploadId, part); });
 }
 
 void InterceptingClient::abortMultipartUpload(const std::string& key, const std::string& uploadId)
 {
-    pass({Operation::AbortMultipartUpload, key}, [&] { m_inner->abortMultipartUpload(key, uploadId); });
+    pass({Operation::AbortMultipartUpload, key, nullptr, 0, &uploadId},
+        [&] { m_inner->abortMultipartUpload(key, uploadId); });
 }
 
 void InterceptingClient::completeMultipartUpload(
     const std::string& key, const std::string& uploadId, const std::vector<PartInfo>& parts)
 {
-    pass({Operation::CompleteMultipartUpload, key}, [&] { m_inner->completeMultipartUpload(key, uploadId, parts); });
+    pass({Operation::CompleteMultipartUpload, key, nullptr, 0, &uploadId},
+        [&] { m_inner->completeMultipartUpload(key, uploadId, parts); });
 }
 
 } // namespace storage::clients

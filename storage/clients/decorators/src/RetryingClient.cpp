@@ -101,19 +101,29 @@ void RetryingClient::around(const Call& call, const std::function<void()>& proce
 
 void RetryingClient::retry(const Call& call, const std::function<void()>& proceed, const std::function<bool()>& rewind)
 {
+    if (const auto failure = uploadFailure(call); failure && call.operation != Operation::AbortMultipartUpload)
+    {
+        std::rethrow_exception(failure);
+    }
     Attempts attempts(*this, call);
     for (;;)
     {
         try
         {
-            return proceed();
+            proceed();
+            if (call.uploadId != nullptr)
+            {
+                const std::lock_guard lock(m_mutex);
+                m_uploadFailures.erase(*call.uploadId);
+            }
+            return;
         }
         catch (const TransientException& failure)
         {
             attempts.countFailure();
             if (!rewind())
             {
-                giveUp(attempts, failure, "the content stream cannot be rewound");
+                throw gaveUp(attempts, failure, "the content stream cannot be rewound");
             }
             waitForNext(attempts, failure);
         }
@@ -131,7 +141,7 @@ Duration RetryingClient::firstMaxDelay() const
     return std::min(m_policy.firstDelay, m_policy.maxDelay);
 }
 
-void RetryingClient::waitForNext(Attempts& attempts, const TransientException& failure) const
+void RetryingClient::waitForNext(Attempts& attempts, const TransientException& failure)
 {
     if (failure.madeProgress())
     {
@@ -147,7 +157,10 @@ void RetryingClient::waitForNext(Attempts& attempts, const TransientException& f
     const Duration left = m_policy.budget - (m_clock.now() - attempts.budgetBegin);
     if (asked > std::chrono::floor<std::chrono::milliseconds>(left) || jitter > left - asked)
     {
-        giveUp(attempts, failure, fmt::format("another wait would exceed the limit of {} s", seconds(m_policy.budget)));
+        const TransientException last = gaveUp(
+            attempts, failure, fmt::format("another wait would exceed the limit of {} s", seconds(m_policy.budget)));
+        recordUploadFailure(attempts.call, last);
+        throw last;
     }
     const Duration time = asked + jitter;
 
@@ -158,27 +171,52 @@ void RetryingClient::waitForNext(Attempts& attempts, const TransientException& f
             fmt::format("{} of {}: attempt {} failed, retrying in {:.3f} s: {}", name(attempts.call.operation),
                 quoted(attempts.call.key), attempts.failed, seconds(time), reason(failure)));
     }
-    if (!sleep(time))
+    if (!sleep(time, attempts.call))
     {
-        giveUp(attempts, failure, "interrupted");
+        throw gaveUp(attempts, failure, isInterrupted() ? "interrupted" : "another call of this upload gave up");
     }
 }
 
-/// @return false: interrupted
-bool RetryingClient::sleep(Duration time) const
+/// @return false: interrupted, or the call's upload has failed
+bool RetryingClient::sleep(Duration time, const Call& call) const
 {
+    const auto mayWait = [&] { return !isInterrupted() && !uploadFailure(call); };
     const auto end = m_clock.now() + time;
-    for (Duration left = time; left > Duration::zero() && !isInterrupted(); left = end - m_clock.now())
+    for (Duration left = time; left > Duration::zero() && mayWait(); left = end - m_clock.now())
     {
         m_clock.sleep(std::min(left, maxSleep));
     }
-    return !isInterrupted();
+    return mayWait();
 }
 
-void RetryingClient::giveUp(
+/// The failure of a call of the same upload that has used up the budget; null: there was none.
+std::exception_ptr RetryingClient::uploadFailure(const Call& call) const
+{
+    if (call.uploadId == nullptr)
+    {
+        return nullptr;
+    }
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_uploadFailures.find(*call.uploadId);
+    const bool isValid = found != m_uploadFailures.end() && m_clock.now() - found->second.time < m_policy.budget;
+    return isValid ? found->second.failure : nullptr;
+}
+
+void RetryingClient::recordUploadFailure(const Call& call, const TransientException& failure)
+{
+    if (call.uploadId != nullptr)
+    {
+        const auto now = m_clock.now();
+        const std::lock_guard lock(m_mutex);
+        std::erase_if(m_uploadFailures, [&](const auto& entry) { return now - entry.second.time >= m_policy.budget; });
+        m_uploadFailures.insert_or_assign(*call.uploadId, UploadFailure{now, std::make_exception_ptr(failure)});
+    }
+}
+
+TransientException RetryingClient::gaveUp(
     const Attempts& attempts, const TransientException& failure, const std::string& whyNoRetry) const
 {
-    throw TransientException(failure.what(),
+    return TransientException(failure.what(),
         fmt::format("{}; gave up after attempt {}, {:.1f} s after the first: {}", reason(failure), attempts.failed,
             seconds(m_clock.now() - attempts.begin), whyNoRetry),
         failure.retryAfter());
@@ -227,7 +265,7 @@ std::string RetryingClient::uploadPart(
     RewindableStream body(content);
     std::string tag;
     retry(
-        {Operation::UploadPart, key, &part, part.Size},
+        {Operation::UploadPart, key, &part, part.Size, &uploadId},
         [&] { tag = inner().uploadPart(key, uploadId, part, body.get()); }, [&] { return body.rewind(); });
     return tag;
 }

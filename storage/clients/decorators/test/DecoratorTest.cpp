@@ -273,6 +273,47 @@ TEST_F(RetryingClientTest, DoesNotRetryOtherFailuresNorAfterAnInterrupt)
     EXPECT_EQ(counted->callSnapshot().totalCalls(), 2U);
 }
 
+TEST_F(RetryingClientTest, WaitsOnceForAnUploadWhoseStoreWentAway)
+{
+    RetryingClient client(counted, {1s, 1s, 1min}, clock());
+    const std::string id = client.createMultipartUpload("k", "");
+    const std::string other = client.createMultipartUpload("k", "");
+    const PartInfo part = uploadPart(client, "k", id, 0, "x");
+    bool isFirst = true;
+    faults->inject({.failure = busy});
+    faults->setHook(
+        [&](Operation, const std::string&)
+        {
+            if (std::exchange(isFirst, false))
+            {
+                EXPECT_THROW(uploadPart(client, "k", id, 2, "y"), TransientException);
+                throw TransientException("Busy", "store busy", std::nullopt, true); // would get another budget
+            }
+        });
+    const struct
+    {
+        std::function<void()> call;
+        std::chrono::seconds waited;
+        std::uint64_t attempts;
+    } rows[] = {{[&] { uploadPart(client, "k", id, 1, "x"); }, 60s, 62}, // the other part has waited, this one has not
+        {[&] { uploadPart(client, "k", id, 1, "x"); }, 0s, 0}, {[&] { client.copyPart("k", id, part); }, 0s, 0},
+        {[&] { client.completeMultipartUpload("k", id, {part}); }, 0s, 0},
+        {[&] { client.abortMultipartUpload("k", id); }, 0s, 1},
+        {[&] { uploadPart(client, "k", other, 0, "x"); }, 60s, 61},
+        {[&] { uploadPart(client, "k", id, 1, "x"); }, 60s, 61}};
+    for (const auto& row : rows)
+    {
+        const auto begin = time;
+        const std::uint64_t before = counted->callSnapshot().totalCalls();
+        EXPECT_THAT(row.call, Throws<TransientException>(hasDetail("gave up")));
+        EXPECT_EQ(time - begin, row.waited);
+        EXPECT_EQ(counted->callSnapshot().totalCalls() - before, row.attempts);
+    }
+    faults->clearFaults();
+    client.abortMultipartUpload("k", id);
+    EXPECT_NO_THROW(client.abortMultipartUpload("k", other)) << "it ends the record, too";
+}
+
 TEST_F(RetryingClientTest, JitterReachesItsBounds)
 {
     std::set<RetryClock::Duration::rep> drawn;

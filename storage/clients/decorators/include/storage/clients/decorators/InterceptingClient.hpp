@@ -60,6 +60,8 @@ protected:
         const cloudprovider::PartInfo* part = nullptr;
         /// How many bytes putObject() or uploadPart() sends, or copyPart() copies; 0 for all other operations.
         std::uint64_t size = 0;
+        /// Of the upload that the call is for; null for all other operations.
+        const std::string* uploadId = nullptr;
     };
 
     /// Make one call. This default does nothing else. Called on the thread of the operation's caller, without any lock

@@ -4,8 +4,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <iosfwd>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -54,6 +56,11 @@ struct RetryClock
 /// followed by the number of attempts, the time since the first one, and the reason why there is no further one. All
 /// other exceptions are passed on at once.
 ///
+/// Uploads: a call of an upload that has used up its budget ends the retries of the whole upload, so that a store that
+/// went away is not waited for again with each part. For the time of another budget, other calls of this upload do not
+/// wait any more. New ones fail at once with the same exception, except abortMultipartUpload(), which makes one
+/// attempt. This ends early when a call of the upload succeeds.
+///
 /// Content streams: before each retry, a seekable stream is rewound to its position at the start of the call. The retry
 /// reads the same bytes again, or overwrites what the failed attempt wrote. With a stream that is not seekable, the
 /// call is retried only while no byte has been read from it or written to it. Do not pass a file stream opened for
@@ -95,15 +102,22 @@ protected:
 
 private:
     struct Attempts;
+    struct UploadFailure
+    {
+        std::chrono::steady_clock::time_point time;
+        std::exception_ptr failure;
+    };
 
     /// @param call    complete, as InterceptingClient describes it
     /// @param rewind  prepares a further attempt; returns false if that is impossible
     void retry(const Call& call, const std::function<void()>& proceed, const std::function<bool()>& rewind);
 
     RetryClock::Duration firstMaxDelay() const;
-    void waitForNext(Attempts& attempts, const TransientException& failure) const;
-    bool sleep(RetryClock::Duration time) const;
-    [[noreturn]] void giveUp(
+    void waitForNext(Attempts& attempts, const TransientException& failure);
+    bool sleep(RetryClock::Duration time, const Call& call) const;
+    std::exception_ptr uploadFailure(const Call& call) const;
+    void recordUploadFailure(const Call& call, const TransientException& failure);
+    TransientException gaveUp(
         const Attempts& attempts, const TransientException& failure, const std::string& whyNoRetry) const;
 
     bool isInterrupted() const { return m_interrupted && m_interrupted(); }
@@ -116,6 +130,7 @@ private:
     // guarded by m_mutex
     std::multiset<unsigned> m_failedAttempts; // of each call in progress
     std::chrono::steady_clock::time_point m_quietSince;
+    std::map<std::string, UploadFailure> m_uploadFailures; // by upload id; uploads whose budget is used up
 };
 
 } // namespace storage::clients
