@@ -60,12 +60,11 @@ void CommandContext::rethrowAsCommandError(const StorePath& path) const
     catch (const fsp::Exception& exception)
     {
         // Use the exception's own path: for a copy it may be the source or the destination.
-        const std::string failedPath = fl::i18n::ustring_to_utf8(exception.iri().getPath());
-        throw CommandError(failedPath, reasonFor(failedPath, exception.errorCode()), exception.errorCode());
+        throwFailure(fl::i18n::ustring_to_utf8(exception.iri().getPath()), exception.errorCode());
     }
     catch (const fsp::ByteStreamFailure& exception)
     {
-        throw CommandError(path.text(), reasonFor(path.text(), exception.reason()), exception.reason());
+        throwFailure(path.text(), exception.reason());
     }
     catch (const CloudException& exception)
     {
@@ -78,36 +77,40 @@ void CommandContext::rethrowAsCommandError(const StorePath& path) const
     // All other exceptions describe themselves.
 }
 
-std::string CommandContext::reasonFor(const std::string& path, const fsp::ErrorCode& code) const
+void CommandContext::throwFailure(const std::string& path, const fsp::ErrorCode& code) const
 {
-    if (code.detail())
+    std::string reason = code.detail().value_or(defaultReason(code));
+    if (code == fsp::ErrorCode::AlreadyExists)
     {
-        return *code.detail();
+        reason = defaultReason(code); // the store's words would tell of requests
     }
-    if (!(code == fsp::ErrorCode::Unknown))
+    else if (code == fsp::ErrorCode::Unknown && !code.detail())
     {
-        return defaultReason(code);
+        const std::string key = path.substr(1);
+        throwRecordedFailure(path, key);
+        throwRecordedFailure(path, storage::cloudprovider::utils::ensureTrailingSlash(key));
+        reason += "; -v logs the cause";
     }
-    const std::string key = path.substr(1);
-    for (const std::string& recorded : {key, storage::cloudprovider::utils::ensureTrailingSlash(key)})
+    throw CommandError(path, reason, code);
+}
+
+void CommandContext::throwRecordedFailure(const std::string& path, const std::string& key) const
+{
+    try
     {
-        try
+        if (const auto failure = m_recorder->takeFailure(key))
         {
-            if (const auto failure = m_recorder->takeFailure(recorded))
-            {
-                std::rethrow_exception(failure);
-            }
-        }
-        catch (const CloudException& exception)
-        {
-            return exception.detail().value_or(exception.what());
-        }
-        catch (const std::exception& exception)
-        {
-            return exception.what();
+            std::rethrow_exception(failure);
         }
     }
-    return defaultReason(code) + "; -v logs the cause";
+    catch (const CloudException& exception)
+    {
+        throw CommandError::fromStore(path, exception);
+    }
+    catch (const std::exception& exception)
+    {
+        throw CommandError(path, exception.what(), fsp::ErrorCode::Unknown);
+    }
 }
 
 bool CommandContext::fileExists(const StorePath& path) const
@@ -127,17 +130,7 @@ fsp::FileAttributes CommandContext::fileAttributes(const StorePath& path) const
 
 void CommandContext::requireCommitted(const StorePath& path) const
 {
-    try
-    {
-        if (const auto failure = m_recorder->takeFailure(path.key()))
-        {
-            std::rethrow_exception(failure);
-        }
-    }
-    catch (const CloudException& exception)
-    {
-        throw CommandError::fromStore(path.text(), exception);
-    }
+    throwRecordedFailure(path.text(), path.key());
 }
 
 void CommandContext::requireFile(const StorePath& path) const
@@ -154,16 +147,24 @@ void CommandContext::requireFile(const StorePath& path) const
     throw CommandError(path.text(), path.namesFolder() ? "no such folder" : "no such file", fsp::ErrorCode::NotFound);
 }
 
-void CommandContext::requireCanStore(const StorePath& path, bool replace) const
+CommandContext::Condition CommandContext::requireCanStore(const StorePath& path, bool replace) const
 {
     if (folderExists(path))
     {
         throw CommandError(path.text(), "is a folder", fsp::ErrorCode::AlreadyExists);
     }
-    if (!replace)
+    if (replace)
     {
-        requireNoFile(path);
+        return nullptr;
     }
+    requireNoFile(path);
+    return requireVersion(path, "");
+}
+
+CommandContext::Condition CommandContext::requireVersion(const StorePath& path, const std::string& tag) const
+{
+    auto* const conditions = storage::clients::findInterface<storage::clients::WriteConditions>(*m_store);
+    return conditions != nullptr ? conditions->requireVersion(path.key(), tag) : nullptr;
 }
 
 void CommandContext::requireNoFile(const StorePath& path) const

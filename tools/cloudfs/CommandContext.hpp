@@ -2,6 +2,7 @@
 
 #include "StorePath.hpp"
 
+#include <storage/clients/common/WriteConditions.hpp>
 #include <storage/clients/decorators/CancellableClient.hpp>
 #include <storage/clients/decorators/FailureRecordingClient.hpp>
 #include <storage/clients/decorators/RetryingClient.hpp>
@@ -41,11 +42,11 @@ public:
     /// The store as openStore() returned it, for findInterface().
     storage::cloudprovider::CloudClient& store() const noexcept { return *m_store; }
 
-    /// Call a function of the provider and translate what it throws.
+    /// Call a function of the provider or of client() and translate what it throws.
     ///
     /// @return what the function returns
-    /// @throws CommandError for an exception of the provider: with the path that the exception names, or else `path`,
-    ///         and the most specific reason known. Other exceptions pass unchanged.
+    /// @throws CommandError for an exception of the provider or of a client: with the path that the exception names, or
+    ///         else `path`, and the most specific reason known. Other exceptions pass unchanged.
     template <typename Call>
     auto translateErrors(const StorePath& path, Call call) const
     {
@@ -75,11 +76,20 @@ public:
     /// @throws CommandError if the path is a folder or does not exist
     void requireFile(const StorePath& path) const;
 
+    using Condition = std::unique_ptr<storage::clients::WriteConditions::Condition>;
+
     /// Check that a file may be stored under this path.
     ///
     /// @param replace  whether an existing file may be replaced
+    /// @return keep it until the file is stored: if `replace` is false, a file that another program has stored
+    ///         meanwhile makes the commit fail, as WriteConditions says
     /// @throws CommandError if the path is a folder, or if it is a file and `replace` is false
-    void requireCanStore(const StorePath& path, bool replace) const;
+    [[nodiscard]] Condition requireCanStore(const StorePath& path, bool replace) const;
+
+    /// Let the store reject every change of a file that has another version by then. Null if the store cannot.
+    ///
+    /// @param tag  ObjectInfo::tag; empty: there must be no file
+    [[nodiscard]] Condition requireVersion(const StorePath& path, const std::string& tag) const;
 
     /// @throws CommandError if the path is a file
     void requireNoFile(const StorePath& path) const;
@@ -99,7 +109,8 @@ public:
 
 private:
     [[noreturn]] void rethrowAsCommandError(const StorePath& path) const;
-    std::string reasonFor(const std::string& path, const fsp::ErrorCode& code) const;
+    [[noreturn]] void throwFailure(const std::string& path, const fsp::ErrorCode& code) const;
+    void throwRecordedFailure(const std::string& path, const std::string& key) const;
 
     std::shared_ptr<storage::cloudprovider::CloudClient> m_store;
     std::shared_ptr<storage::clients::FailureRecordingClient> m_recorder;

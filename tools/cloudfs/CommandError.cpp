@@ -52,6 +52,10 @@ fsp::ErrorCode codeOfStoreFailure(const CloudException& exception)
     {
         return fsp::ErrorCode::NotFound;
     }
+    if (dynamic_cast<const ResourceAlreadyExistsException*>(&exception) != nullptr)
+    {
+        return fsp::ErrorCode::AlreadyExists;
+    }
     return fsp::ErrorCode::Unknown;
 }
 
@@ -68,9 +72,14 @@ CommandError CommandError::fromErrno(const std::string& path, int error)
     return {path, std::generic_category().message(error), codeOfSystemError(error)};
 }
 
-CommandError CommandError::fromStore(const std::string& path, const CloudException& exception)
+CommandError CommandError::fromStore(
+    const std::string& path, const CloudException& exception, const std::string& before)
 {
-    return {path, exception.detail().value_or(exception.what()), codeOfStoreFailure(exception)};
+    const fsp::ErrorCode code = codeOfStoreFailure(exception);
+    return {path,
+        before + (code == fsp::ErrorCode::AlreadyExists ? defaultReason(code)
+                                                        : exception.detail().value_or(exception.what())),
+        code};
 }
 
 std::string defaultReason(const fsp::ErrorCode& code)

@@ -28,7 +28,10 @@ public:
     static CommandError fromErrno(const std::string& path, int error);
 
     /// Describe an exception from the store.
-    static CommandError fromStore(const std::string& path, const storage::cloudprovider::CloudException& exception);
+    ///
+    /// @param before  begins the reason
+    static CommandError fromStore(const std::string& path, const storage::cloudprovider::CloudException& exception,
+        const std::string& before = {});
 
     /// The framework's code, for callers that handle one kind of failure in their own way.
     const fsp::ErrorCode& code() const noexcept { return m_code; }

@@ -9,6 +9,12 @@
 namespace cloudfs
 {
 
+/// For the help of the commands that have -f.
+inline constexpr const char* concurrentFileHelp =
+    "Without -f, a file that another program stores meanwhile is not replaced either: the command fails.\n"
+    "If the endpoint of a bucket ignores If-None-Match, the path is only looked up just before the\n"
+    "commit, and a file that is stored between the two is replaced.";
+
 void addListCommands(CLI::App& app, CommandContext& context);   // ls, stat
 void addFolderCommands(CLI::App& app, CommandContext& context); // mkdir, rmdir, rm
 void addPutCommand(CLI::App& app, CommandContext& context);     // put

@@ -2,7 +2,11 @@
 #include "Commands.hpp"
 #include "Progress.hpp"
 
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
 #include <foundation/storage/provider/ReplacementPolicy.hpp>
+
+#include <fmt/format.h>
 
 #include <memory>
 #include <string>
@@ -25,47 +29,69 @@ struct Options
     }
 };
 
-struct SourceAndDestination
+struct CheckedPaths
 {
     StorePath source;
     StorePath destination;
+    CommandContext::Condition condition; // of the destination
 };
 
-SourceAndDestination checkedPaths(const CommandContext& context, const Options& options)
+CheckedPaths checkedPaths(const CommandContext& context, const Options& options)
 {
     const StorePath source = StorePath::parse(options.source);
     context.requireFile(source);
     const StorePath destination = StorePath::parse(options.destination).resolveFile(source.name());
     context.requireNoParentIsFile(destination);
-    context.requireCanStore(destination, options.force);
-    return {source, destination};
+    return {source, destination, context.requireCanStore(destination, options.force)};
+}
+
+void copyFile(const CommandContext& context, const CheckedPaths& paths, const Options& options)
+{
+    context.translateErrors(paths.destination,
+        [&] { context.provider().copyFile(paths.source.iri(), paths.destination.iri(), options.policy()); });
+    context.requireCommitted(paths.destination);
 }
 
 void copy(const CommandContext& context, const Options& options)
 {
     const Progress progress(context);
-    const auto [source, destination] = checkedPaths(context, options);
-    if (source.iri() == destination.iri())
+    const auto paths = checkedPaths(context, options);
+    if (paths.source.iri() != paths.destination.iri()) // a file that replaces itself stays as it is
     {
-        return; // a file that replaces itself stays as it is
+        copyFile(context, paths, options);
     }
-    context.translateErrors(destination,
-        [&, from = source.iri(), to = destination.iri()] { context.provider().copyFile(from, to, options.policy()); });
-    context.requireCommitted(destination);
 }
 
 void move(const CommandContext& context, const Options& options)
 {
     const Progress progress(context);
-    const auto [source, destination] = checkedPaths(context, options);
-    context.translateErrors(destination,
-        [&, from = source.iri(), to = destination.iri()] { context.provider().moveFile(from, to, options.policy()); });
-    context.requireCommitted(destination);
+    const auto paths = checkedPaths(context, options);
+    const StorePath& source = paths.source;
+    if (source.iri() == paths.destination.iri())
+    {
+        return;
+    }
+    // Not the provider's move, which removes whatever the source is by then. The version is looked up before the copy
+    // reads it: if another program replaces the source meanwhile, this version is not the one that would be removed.
+    const std::string version =
+        context.translateErrors(source, [&] { return context.client().getObjectInfo(source.key()).tag; });
+    copyFile(context, paths, options);
+    const auto unchanged = version.empty() ? nullptr : context.requireVersion(source, version);
+    try
+    {
+        context.client().deleteObject(source.key());
+    }
+    catch (const storage::cloudprovider::CloudException& exception)
+    {
+        throw CommandError::fromStore(
+            source.text(), exception, fmt::format("was copied to {}, but not removed: ", paths.destination.text()));
+    }
 }
 
-CLI::App* addCommand(CLI::App& app, Options& options, const char* name, const char* description)
+CLI::App* addCommand(CLI::App& app, Options& options, const char* name, const char* description, const char* help)
 {
     auto* command = app.add_subcommand(name, description);
+    command->footer(std::string(help) + concurrentFileHelp);
     command->add_option("SRC", options.source, "An existing file")->required();
     command
         ->add_option(
@@ -80,10 +106,13 @@ CLI::App* addCommand(CLI::App& app, Options& options, const char* name, const ch
 void addCopyCommands(CLI::App& app, CommandContext& context)
 {
     const auto copied = std::make_shared<Options>();
-    addCommand(app, *copied, "cp", "Copy a file inside the store")
+    addCommand(app, *copied, "cp", "Copy a file inside the store", "")
         ->callback([&context, copied] { copy(context, *copied); });
     const auto moved = std::make_shared<Options>();
-    addCommand(app, *moved, "mv", "Move a file inside the store; moving a file onto itself changes nothing")
+    addCommand(app, *moved, "mv", "Move a file inside the store",
+        "The file is copied, then the source is removed if it is still the version that was copied.\n"
+        "Otherwise both stay, and the command fails. If the URL of a bucket lacks conditional-writes=1, the\n"
+        "version is only looked up just before the removal. Moving a file onto itself changes nothing.\n")
         ->callback([&context, moved] { move(context, *moved); });
 }
 

@@ -1,6 +1,5 @@
 #include "FolderSnapshot.hpp"
 
-#include "CommandContext.hpp"
 #include "CommandError.hpp"
 #include "Interrupt.hpp"
 
@@ -42,17 +41,22 @@ FolderSnapshot::FolderSnapshot(const CommandContext& context, const StorePath& f
         });
 }
 
-void FolderSnapshot::requireCanStore(const StorePath& file, bool replace, std::uint64_t size) const
+CommandContext::Condition FolderSnapshot::requireCanStore(const StorePath& file, bool replace, std::uint64_t size) const
 {
     const auto entry = m_isFolder.find(file.name());
     if (!m_isComplete || (entry != m_isFolder.end() && (entry->second || !replace)))
     {
-        m_context.requireCanStore(file, replace); // throws the right error, or checks this file alone
+        return m_context.requireCanStore(file, replace); // throws the right error, or checks this file alone
     }
-    else if (!replace && size > largeFile)
+    if (replace)
+    {
+        return nullptr;
+    }
+    if (size > largeFile)
     {
         m_context.requireNoFile(file);
     }
+    return m_context.requireVersion(file, "");
 }
 
 } // namespace cloudfs

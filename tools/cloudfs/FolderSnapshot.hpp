@@ -1,6 +1,6 @@
 #pragma once
 
-#include "StorePath.hpp"
+#include "CommandContext.hpp"
 
 #include <cstdint>
 #include <map>
@@ -9,12 +9,10 @@
 namespace cloudfs
 {
 
-class CommandContext;
-
 /// The names in one folder of the store, listed once for all files that are uploaded into it.
 ///
-/// A file that another program stores there later is not seen, and an upload of the same name replaces it. Before a
-/// file of more than 5 MiB, whose upload takes many requests anyway, the store is asked again.
+/// A file that another program stores there later is not seen here, but makes the commit fail. So that this is known
+/// before a long upload, the store is asked again for a file of more than 5 MiB.
 ///
 /// Constant after construction; any thread may call requireCanStore().
 class FolderSnapshot
@@ -30,7 +28,8 @@ public:
     /// Do what CommandContext::requireCanStore() does, for a file in this folder.
     ///
     /// @param size  the new file's size in bytes
-    void requireCanStore(const StorePath& file, bool replace, std::uint64_t size) const;
+    [[nodiscard]] CommandContext::Condition requireCanStore(
+        const StorePath& file, bool replace, std::uint64_t size) const;
 
 private:
     const CommandContext& m_context;

@@ -30,7 +30,7 @@ void uploadFile(const CommandContext& context, const Options& options, LocalSour
 {
     Progress progress(context, !source.isTerminal());
     context.requireNoParentIsFile(path);
-    context.requireCanStore(path, options.force);
+    const auto condition = context.requireCanStore(path, options.force);
     progress.addToTotal(source.size().value_or(0));
     progress.markTotalFinal();
     upload(context, path, wholeFile, 0, source, progress);
@@ -75,7 +75,7 @@ private:
                 m_batch.submit(
                     [this, local, path, size, snapshot = snapshotOf(path.parent())]
                     {
-                        snapshot->requireCanStore(path, m_options.force, size);
+                        const auto condition = snapshot->requireCanStore(path, m_options.force, size);
                         LocalSource source(local);
                         upload(m_context, path, wholeFile, 0, source, m_progress);
                     });
@@ -160,10 +160,8 @@ void addPutCommand(CLI::App& app, CommandContext& context)
         "name. The folder of a file need not exist. With -r, missing folders are created, symbolic links to\n"
         "files are followed, and entries that cannot be stored (links to folders, devices, names that are\n"
         "not UTF-8 or end in a dot) are reported and skipped. With --folders prefix, empty folders are not\n"
-        "stored.\n"
-        "With -r, each folder of the store is listed once, before its first file is uploaded. A file that\n"
-        "another program stores there later may be replaced even without -f, unless the new file is larger\n"
-        "than 5 MiB: such files are checked again just before their upload.");
+        "stored.\n" +
+        std::string(concurrentFileHelp));
     command->add_option("LOCAL", options->local, "A file, a folder with -r, or - for standard input")->required();
     command->add_option("PATH", options->path, "The destination in the store")->required();
     auto* recursive = command->add_flag("-r", options->recursive, "Upload a folder and its contents");

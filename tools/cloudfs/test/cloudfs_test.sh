@@ -329,6 +329,20 @@ test_concurrent_changes()
     prints second ls /tree
     expect 0 '' put -rf tree /tree
     same tree/second /tree/second
+
+    # Stored during an upload of the same path, and during a move.
+    ZV_CLOUD_PART_SIZE_OVERRIDE=16384 start_until doWrite put tree/second /new
+    echo theirs | expect 0 '' put - /new
+    resume 1 'cloudfs: /new: already exists .*code 3 .*'
+    same <(echo theirs) /new
+    local round
+    for round in {1..10}; do
+        echo old | fs put -f - /from
+        fs mv -f /from /to 2>err &
+        echo "$round" | fs put -f - /from
+        wait $!
+        [[ $(fs cat /to) == "$round" || $(fs cat /from) == "$round" ]] || fail "removed by mv: $(<err)"
+    done
 }
 
 # A killed program leaves its upload open. The next one removes its temporary files.
