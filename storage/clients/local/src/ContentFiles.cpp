@@ -93,10 +93,11 @@ IncomingFile ContentFiles::create()
     return {*this, m_incoming / fmt::format("{}-{}", fileNameOf(m_sessionLock.number()), ++m_created)};
 }
 
-FileName ContentFiles::publish(IncomingFile& file, std::int64_t content)
+FileName ContentFiles::publish(IncomingFile& file, std::int64_t content, SessionLock::Notes& notes)
 {
     const FileName name{content, m_sessionLock.number()};
     const std::filesystem::path place = path(name);
+    notes.add(place.filename());
     if (std::rename(file.m_path.c_str(), place.c_str()) != 0)
     {
         throw systemError("renaming to \"" + place.native() + '"', errno);
@@ -148,6 +149,37 @@ std::vector<FileName> ContentFiles::list() const
         }
     }
     return names;
+}
+
+std::vector<FileName> ContentFiles::listCandidates(const std::vector<SessionLock::Dead>& sessions) const
+{
+    std::vector<FileName> names;
+    for (const SessionLock::Dead& session : sessions)
+    {
+        if (!session.noted)
+        {
+            return list();
+        }
+        for (const std::string& text : *session.noted)
+        {
+            FileName name;
+            if (!parse(text, name.content, 10, name.session, 16))
+            {
+                return list();
+            }
+            names.push_back(name);
+        }
+    }
+    return names;
+}
+
+void ContentFiles::prepareRemoval(const std::vector<FileName>& names, SessionLock::Notes& notes)
+{
+    m_sessionLock.acquire();
+    for (const FileName name : names)
+    {
+        notes.add(path(name).filename());
+    }
 }
 
 void ContentFiles::removeIncoming(const std::vector<SessionLock::Dead>& sessions)

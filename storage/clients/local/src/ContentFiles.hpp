@@ -68,7 +68,7 @@ public:
 
     /// Rename a synced file into contents/. Must be called inside the transaction that adds the file: an orphan
     /// collector, which looks for files in a write transaction, then never takes one that the index is about to name.
-    FileName publish(IncomingFile& file, std::int64_t content);
+    FileName publish(IncomingFile& file, std::int64_t content, SessionLock::Notes& notes);
 
     /// Sync the names of all published files to the disk.
     void syncContentsFolder() const;
@@ -80,8 +80,11 @@ public:
 
     std::filesystem::path path(FileName name) const;
 
-    /// Prepare remove(). Must be called before the transaction that drops a file is committed.
-    void prepareRemoval() { m_sessionLock.acquire(); }
+    /// Prepare remove(). Must be called before the transaction that drops the files is committed. The notes must live
+    /// until all are removed.
+    void prepareRemoval(const std::vector<FileName>& names, SessionLock::Notes& notes);
+
+    SessionLock& session() noexcept { return m_sessionLock; }
 
     /// Remove a file that the index does not name. If that fails, it is left to the orphan collector.
     void remove(FileName name) noexcept;
@@ -97,6 +100,10 @@ public:
 
     /// List the files in contents/, including orphans.
     std::vector<FileName> list() const;
+
+    /// List the files that these sessions may have left as orphans: those that they have noted, or all files after a
+    /// restart of the machine.
+    std::vector<FileName> listCandidates(const std::vector<SessionLock::Dead>& sessions) const;
 
     /// Remove the files that these sessions were writing.
     void removeIncoming(const std::vector<SessionLock::Dead>& sessions);

@@ -58,12 +58,13 @@ catch (const StoreError& error)
 // @return whether no orphan of a dead session is left
 bool removeOrphans(Database& database, ContentFiles& files, const std::vector<SessionLock::Dead>& dead)
 {
-    std::vector<FileName> orphans = files.list();
+    std::vector<FileName> orphans = files.listCandidates(dead);
     {
         Database::ReadTransaction index(database);
         std::erase_if(orphans, [&](FileName name) { return isNamed(*index, name); });
     }
-    files.prepareRemoval();
+    SessionLock::Notes notes(files.session());
+    files.prepareRemoval({}, notes); // if this client is killed, the notes of the dead sessions are still there
     bool complete = true;
     {
         // A client publishes a file inside the transaction that names it, and this transaction excludes all others.

@@ -6,9 +6,12 @@
 
 #include <cerrno>
 #include <charconv>
+#include <fstream>
 #include <memory>
+#include <sstream>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace storage::clients::local
 {
@@ -21,6 +24,37 @@ bool isRemoved(const FileHandle& file)
 {
     struct stat status = {};
     return ::fstat(file.get(), &status) == 0 && status.st_nlink == 0;
+}
+
+const std::string& bootId()
+{
+    static const std::string id = []
+    {
+        std::string line;
+        std::getline(std::ifstream("/proc/sys/kernel/random/boot_id"), line);
+        return line;
+    }();
+    return id;
+}
+
+// @return the lines after the first one; nullopt: it is of another boot, or the file is not complete
+std::optional<std::vector<std::string>> readNotes(const FileHandle& file, const std::filesystem::path& path)
+{
+    std::string text(fileSize(file, path), '\0');
+    readFile(file, path, text.data(), text.size(), 0);
+    std::istringstream in(text);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);)
+    {
+        lines.push_back(line);
+    }
+    const bool isComplete = text.ends_with('\n') && text.find('\0') == std::string::npos;
+    if (!isComplete || lines.front().empty() || lines.front() != bootId())
+    {
+        return std::nullopt;
+    }
+    lines.erase(lines.begin());
+    return lines;
 }
 
 } // namespace
@@ -58,6 +92,7 @@ void SessionLock::acquire()
         {
             syncFile(openFolder(m_folder), m_folder);
             m_file = std::move(file);
+            append(bootId());
         }
     }
 }
@@ -77,10 +112,46 @@ std::vector<SessionLock::Dead> SessionLock::findDead(const std::filesystem::path
         std::optional<FileHandle> file = openFile(entry.path());
         if (file && tryLockFile(*file, entry.path()) && !isRemoved(*file))
         {
-            dead.push_back({entry.path(), number, std::move(*file)});
+            dead.push_back({entry.path(), number, std::move(*file), std::nullopt});
+            dead.back().noted = readNotes(dead.back().file, entry.path());
         }
     }
     return dead;
+}
+
+void SessionLock::append(const std::string& line)
+{
+    const std::string bytes = line + '\n';
+    const ssize_t written = ::pwrite(m_file.get(), bytes.data(), bytes.size(), m_size);
+    m_size += static_cast<off_t>(bytes.size());
+    // On a full disk, leave a hole, which needs no room: then the notes count as unknown.
+    if (written != static_cast<ssize_t>(bytes.size()) && ::ftruncate(m_file.get(), m_size) != 0)
+    {
+        throw systemError("writing \"" + path().native() + '"', errno);
+    }
+}
+
+SessionLock::Notes::~Notes()
+{
+    if (m_isEmpty)
+    {
+        return;
+    }
+    const std::lock_guard lock(m_session.m_mutex);
+    const off_t sizeOfFirstLine = static_cast<off_t>(bootId().size() + 1);
+    if (--m_session.m_noting == 0 && !m_session.m_keepFile && ::ftruncate(m_session.m_file.get(), sizeOfFirstLine) == 0)
+    {
+        m_session.m_size = sizeOfFirstLine;
+    }
+}
+
+void SessionLock::Notes::add(const std::string& fileName)
+{
+    m_session.acquire();
+    const std::lock_guard lock(m_session.m_mutex);
+    m_session.m_noting += m_isEmpty ? 1 : 0;
+    m_isEmpty = false;
+    m_session.append(fileName);
 }
 
 std::filesystem::path SessionLock::path() const

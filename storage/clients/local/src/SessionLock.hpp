@@ -6,8 +6,11 @@
 #include <cstdint>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include <sys/types.h>
 
 namespace storage::clients::local
 {
@@ -16,8 +19,9 @@ namespace storage::clients::local
 ///
 /// The client holds the lock as long as it lives, and removes the file when it is destroyed, unless it leaves orphans.
 /// A lock file that is not locked shows the next client that opens the store that a session is dead. The file's name is
-/// the session number, which is part of the names of the session's content files. Safe for concurrent calls on one
-/// instance.
+/// the session number, which is part of the names of the session's content files. The file has the id of the machine's
+/// last start, and the notes. They are not synced: after a restart they may be incomplete. Safe for concurrent calls on
+/// one instance.
 class SessionLock
 {
 public:
@@ -32,6 +36,30 @@ public:
     ///
     /// @throws StoreError
     void acquire();
+
+    /// Notes which content files are about to be added or removed, for the collector of a dead session.
+    class Notes
+    {
+    public:
+        explicit Notes(SessionLock& session)
+            : m_session(session)
+        {
+        }
+        Notes(const Notes&) = delete;
+        Notes& operator=(const Notes&) = delete;
+
+        /// All of them were added or removed, or keepFile() was called.
+        ~Notes();
+
+        /// Note a file before it is added or removed. Calls acquire().
+        ///
+        /// @throws StoreError
+        void add(const std::string& fileName);
+
+    private:
+        SessionLock& m_session;
+        bool m_isEmpty = true;
+    };
 
     /// Do not remove the file in the destructor: there are orphans to collect.
     void keepFile() noexcept { m_keepFile = true; }
@@ -50,6 +78,8 @@ public:
         std::filesystem::path path;
         std::uint64_t number = 0;
         FileHandle file; // locked, so that no other client collects the same orphans
+        /// The files that it has noted; nullopt: unknown, because the machine was restarted since.
+        std::optional<std::vector<std::string>> noted;
     };
 
     /// Find the dead sessions, except those whose orphans another client is collecting.
@@ -57,6 +87,7 @@ public:
 
 private:
     std::filesystem::path path() const;
+    void append(const std::string& line);
 
     const std::filesystem::path m_folder;
     std::uint64_t m_number = 0; // constant after acquire()
@@ -65,6 +96,8 @@ private:
 
     std::mutex m_mutex; // innermost
     FileHandle m_file;  // guarded by m_mutex; empty: acquire() was not called
+    off_t m_size = 0;   // guarded by m_mutex; of the file
+    int m_noting = 0;   // guarded by m_mutex; instances of Notes that are not empty
 };
 
 /// A session number as it appears in file names: 16 hexadecimal digits.

@@ -20,6 +20,7 @@ StoreTransaction::StoreTransaction(Database& database, ContentFiles& files, Dura
     : m_durability(durability)
     , m_database(database)
     , m_files(files)
+    , m_notes(files.session())
     , m_index(std::in_place, database, durability)
 {
 }
@@ -48,7 +49,7 @@ std::int64_t StoreTransaction::add(StagedContent& content)
     if (content.file())
     {
         m_added.reserve(m_added.size() + 1);
-        const FileName name = m_files.publish(*content.file(), id);
+        const FileName name = m_files.publish(*content.file(), id, m_notes);
         m_added.push_back(name);
         m_filesToSync = true;
         const std::string hashes = content.hashes();
@@ -99,7 +100,7 @@ void StoreTransaction::commit()
     }
     if (!m_dropped.empty() || m_hasRest)
     {
-        m_files.prepareRemoval();
+        m_files.prepareRemoval(m_dropped, m_notes);
     }
     try
     {

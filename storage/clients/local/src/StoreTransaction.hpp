@@ -62,6 +62,7 @@ private:
     const Durability m_durability;
     Database& m_database;
     ContentFiles& m_files;
+    SessionLock::Notes m_notes;
     std::optional<Database::WriteTransaction> m_index; // empty after the commit
     bool m_filesToSync = false;
     bool m_hasReleased = false;

@@ -70,6 +70,15 @@ void writeUntilKilled(const path& store, const std::string& folder, Writer& writ
     }
 }
 
+// Let the sessions of a store be of an earlier start of the machine, so that their notes do not count.
+void restartMachine(const path& store)
+{
+    for (const std::string& session : files(store / "sessions"))
+    {
+        std::ofstream(store / "sessions" / session) << "earlier\n";
+    }
+}
+
 } // namespace
 
 TEST(CrashTest, EveryObjectIsACompleteVersionAndNothingElseIsLeft)
@@ -145,6 +154,21 @@ TEST(CrashTest, CollectsOrphansOfDeadSessionsOnly)
     EXPECT_EQ(versionOf(get(living, "k")), 1U);
     checkStore(store);
 
+    std::string boot;
+    std::getline(std::ifstream("/proc/sys/kernel/random/boot_id"), boot);
+    std::ofstream(store / "sessions/00000000000000fe") << boot << "\n0-00000000000000fe\n";
+    std::ofstream(store / "contents/0-00000000000000fe") << "noted orphan";
+    std::ofstream(store / "contents/0-00000000000000fd") << "other file";
+    runSql(store,
+        "INSERT INTO contents (id, refs, size, data) VALUES (98, 1, 1, x'00'); INSERT INTO object_parts VALUES "
+        "(99, 0, 98); INSERT INTO removed VALUES (99)"); // a large object whose removal was interrupted
+    {
+        const LocalClient collecting(store);
+    }
+    EXPECT_TRUE(remove(store / "contents/0-00000000000000fd")) << "not all files are looked at";
+    checkStore(store);
+    EXPECT_EQ(runSql(store, "SELECT count(*) FROM contents WHERE id = 98"), "0");
+
     LocalClient removing(store);
     removing.deleteObject("k");
     EXPECT_THAT(files(store / "sessions"), SizeIs(2)) << "a crash before the file is removed must be noticed";
@@ -161,6 +185,7 @@ TEST(CrashTest, CollectsAnUploadThatAClientLeftAndALossOfPowerUndid)
     {
         runSql(folder.store, std::string("DELETE FROM ") + table);
     }
+    restartMachine(folder.store);
     const LocalClient collecting(folder.store);
     checkStore(folder.store);
 }
@@ -188,6 +213,7 @@ TEST(CrashTest, CollectsNothingThatAnUnseenCommitNames)
         std::fstream(shared).read(seen, sizeof(seen));
         killAfter([](LocalClient& client) { put(client, "new", content(2, 1000)); });
         std::fstream(shared).write(seen, sizeof(seen));
+        restartMachine(folder.store);   // also in place of the note that it had before its commit
         killAfter([](LocalClient&) {}); // collects
     };
     killAfter(runWithCrashes);
