@@ -68,12 +68,15 @@ TEST_F(OpenFileTest, UploadsWhatChangedAndCopiesTheRest)
     }
 }
 
-TEST_F(OpenFileTest, ReportsNothingIfItsUploadCannotBeOpened)
+TEST_F(OpenFileTest, ReportsOnlyToStoreOrAbandonThatNoUploadCanBeOpened)
 {
     const auto stream = openStored({4, 4}, 4);
     fail(Operation::CreateMultipartUpload);
     write(*stream, "news");
     EXPECT_NO_THROW(stream->close());
+    const auto other = openStored({4, 4}, 4);
+    fail(Operation::CreateMultipartUpload);
+    EXPECT_EQ(reasonOf([&] { fsp::storeOrAbandon(*other, [&] { write(*other, "news"); }); }), "PermissionDenied");
     EXPECT_EQ(stored("k"), "01234567");
 }
 

@@ -80,6 +80,8 @@ using ByteStreamPtr = std::unique_ptr<ByteStream>;
 
 /// Write to a stream, close it, and throw unless everything is stored. After a failure the stream is abandoned.
 ///
+/// If other streams share the contents, the last of them to close stores them, after this call.
+///
 /// @param write  writes to `stream`
 /// @throws everything that `write` and the stream throw
 FOUNDATION_EXPORT void storeOrAbandon(ByteStream& stream, const std::function<void()>& write);
