@@ -79,9 +79,15 @@ template <typename... Values>
 template <typename... Values>
 void logEntry(const CallSite& site, const Named<Values>&... arguments) noexcept
 {
-    if (getLogger().isEnabled(foundation::log::severity::detail))
+    try
     {
-        logMessage(foundation::log::severity::detail, site, arguments...);
+        if (getLogger().isEnabled(foundation::log::severity::detail))
+        {
+            logMessage(foundation::log::severity::detail, site, arguments...);
+        }
+    }
+    catch (...) // There is no memory to construct the logger.
+    {
     }
 }
 
