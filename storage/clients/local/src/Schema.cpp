@@ -248,7 +248,6 @@ void prepareIndex(const std::filesystem::path& directory, bool createMissing, co
         createFile(file);
         syncFile(folder, directory);
     }
-
     else if (!std::filesystem::is_regular_file(status)) // SQLite could wait for ever
     {
         throw damage("the index is not a regular file");
