@@ -131,9 +131,9 @@ private:
     BufferPtr buildOpenBuffer(std::size_t usedBytes) const;
     std::size_t growTo(std::size_t newSize) REQUIRES(m_mutex); // returns the size before
 
-    // Innermost lock: may be taken under the stream lock, the parts mutex or the upload manager's mutex. While it is
-    // held, no other lock is taken and the store is not called. Only local storage is: the buffer is mapped, unmapped
-    // or given disk space.
+    // Innermost lock: may be taken under the stream lock, the parts mutex, the upload manager's mutex or the mutex of
+    // the registry of caches. While it is held, no other lock is taken but the log's, and the store is not called. Only
+    // local storage is: the buffer is mapped, unmapped, freed or given disk space, and a failure of that is logged.
     mutable Mutex m_mutex;
     ConditionVariable m_changed; // m_buffer or m_openCount changed; a woken opener wakes the next one
 

@@ -20,8 +20,7 @@ public:
     ///
     /// The file has its full length from the start, but occupies disk space only for bytes that are reserved.
     /// @throws UnknownErrorException when the temporary file cannot be created; the detail says why. If its directory
-    /// is
-    ///         full, open files free their cached parts and try once more.
+    ///         is full, open files free their cached parts and try once more.
     BufferPtr build(std::size_t size) override;
 };
 
