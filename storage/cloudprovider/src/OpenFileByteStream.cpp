@@ -52,11 +52,11 @@ void requireOpen(const OpenPartManager* partManager)
 } // namespace
 
 OpenFileByteStream::OpenFileByteStream(
-    std::shared_ptr<OpenPartManager> partManager, fsp::ByteStreamWritePosition position)
+    std::shared_ptr<OpenPartManager> partManager, fsp::ByteStreamWritePosition position, bool mayWrite)
     : m_writeAtOffset(position)
     , m_partManager(std::move(partManager))
 {
-    m_partManager->registerByteStream();
+    m_partManager->registerByteStream(mayWrite);
 }
 
 OpenFileByteStream::~OpenFileByteStream()

@@ -23,8 +23,9 @@ public:
 
     /// Register with the part manager.
     /// @param position  Append: every write goes to the end of the file; any other value: to the stream's position
-    OpenFileByteStream(
-        std::shared_ptr<OpenPartManager> partManager, foundation::storage::provider::ByteStreamWritePosition position);
+    /// @param mayWrite  false: the owner never writes to the stream and never abandons it
+    OpenFileByteStream(std::shared_ptr<OpenPartManager> partManager,
+        foundation::storage::provider::ByteStreamWritePosition position, bool mayWrite = true);
 
     /// Close the stream. A failure is logged.
     ~OpenFileByteStream() override;

@@ -150,8 +150,9 @@ fsp::ByteStreamPtr OpenFileManager::openReadOnly(fsp::StorageIRI iri, CloudClien
         named("iri", iri));
     auto partManager =
         open(std::move(iri), fsp::ByteStreamCreate::MustExist, fsp::ByteStreamTruncate::Keep, std::move(client));
+    constexpr bool mayWrite = false;
     return std::make_unique<ReadOnlyByteStream>(
-        std::make_unique<OpenFileByteStream>(std::move(partManager), fsp::ByteStreamWritePosition::AtOffset));
+        std::make_unique<OpenFileByteStream>(std::move(partManager), fsp::ByteStreamWritePosition::AtOffset, mayWrite));
 }
 
 fsp::ByteStreamPtr OpenFileManager::openReadWrite(

@@ -245,22 +245,27 @@ void OpenPartManager::rerunFailedUploads()
     m_uploadManager->rerunFailedUploads();
 }
 
-void OpenPartManager::registerByteStream()
+void OpenPartManager::registerByteStream(bool mayWrite)
 {
-    logEntry(CallSite("void storage::cloudprovider::OpenPartManager::registerByteStream()", source));
+    logEntry(CallSite("void storage::cloudprovider::OpenPartManager::registerByteStream(bool)", source),
+        named("mayWrite", mayWrite));
     const std::unique_lock streamLock(m_streamLock);
     if (m_isAbandoned)
     {
         throw ResourceInUseException("the changes of the file are being dropped");
     }
-    m_isShared = ++m_byteStreamCount > 1;
+    if (m_byteStreamCount++ == 0)
+    {
+        m_writerCount = 0;
+    }
+    m_writerCount += mayWrite ? 1 : 0;
 }
 
 void OpenPartManager::abandonChanges()
 {
     logEntry(CallSite("void storage::cloudprovider::OpenPartManager::abandonChanges()", source));
     const std::unique_lock streamLock(m_streamLock);
-    m_isAbandoned = !m_isShared;
+    m_isAbandoned = m_byteStreamCount == 1 && m_writerCount == 1;
 }
 
 void OpenPartManager::unregisterByteStream()

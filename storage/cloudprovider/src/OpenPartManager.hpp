@@ -76,11 +76,13 @@ public:
     void rerunFailedUploads();
 
     /// Register a stream. Waits until no part is being opened or closed.
+    /// @param mayWrite  whether the stream accepts writes
     /// @throws ResourceInUseException when the changes were abandoned: opening the file again can succeed at once
-    void registerByteStream();
+    void registerByteStream(bool mayWrite);
 
-    /// Drop all changes instead of writing them when the last stream unregisters. Does nothing if another stream has
-    /// been registered since the caller's, because it shares the changes and may have made some of them.
+    /// Drop all changes instead of writing them when the caller's stream, which may write, unregisters. Does nothing if
+    /// another stream is registered, or if one that may write was registered at the same time: it shares the changes
+    /// and may have made some of them.
     void abandonChanges();
 
     /// Unregister a stream. The last one writes the file to the store if it was modified.
@@ -97,9 +99,12 @@ private:
 
     mutable Mutex m_partsMutex;
     std::vector<OpenPartBufferSharedPtr> m_parts GUARDED_BY(m_partsMutex); // never empty; element i has Index i
-    std::size_t m_byteStreamCount = 0;                                     // these three guarded by m_streamLock:
-    bool m_isShared = false;                                               // several streams since there was none
-    bool m_isAbandoned = false;                                            // exclusive to change, shared to read
+
+    // Guarded by m_streamLock: exclusive to change, shared to read.
+    std::size_t m_byteStreamCount = 0;
+    std::size_t m_writerCount = 0; // streams that may write, registered since there was no stream
+    bool m_isAbandoned = false;
+
     DownloadedPartCache m_partCache;
     const std::unique_ptr<MultipartUploadManager> m_uploadManager;
     const OpenFileContextSharedPtr m_context;

@@ -44,6 +44,8 @@ std::streamsize ReadOnlyByteStream::doWrite(const char* /*s*/, std::streamsize /
     throw fsp::ByteStreamWriteFailure(fsp::ErrorCode::PermissionDenied);
 }
 
+void ReadOnlyByteStream::doAbandon() {}
+
 std::streamsize WriteOnlyByteStream::doRead(char* /*s*/, std::streamsize /*n*/)
 {
     throw fsp::ByteStreamReadFailure(fsp::ErrorCode::PermissionDenied);

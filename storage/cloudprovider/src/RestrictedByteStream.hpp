@@ -24,7 +24,8 @@ private:
     const foundation::storage::provider::ByteStreamPtr m_inner;
 };
 
-/// Rejects writes. A rejected write does not affect the file or the position.
+/// Rejects writes. A rejected write does not affect the file or the position. Abandoning the stream does nothing: what
+/// it would drop was written by others.
 class ReadOnlyByteStream : public RestrictedByteStream
 {
 public:
@@ -32,6 +33,7 @@ public:
 
 protected:
     std::streamsize doWrite(const char* s, std::streamsize n) override;
+    void doAbandon() override;
 };
 
 /// Rejects reads. A rejected read does not affect the file or the position.

@@ -40,10 +40,11 @@ enum class FolderPolicy : std::uint32_t
 ///   destination during the copy and is still open after it, the move keeps the source and fails (InUse).
 /// - A copy fails if the destination is a file and the policy is 0 or 4, or if it is a folder and the provider was
 ///   built to check for that (AlreadyExists). If the destination is open, the copy writes into the contents that its
-///   streams share: bytes beyond the end of the source stay, a failed copy leaves what it has written, and the last of
-///   the streams to close stores the result. A copy whose destination is opened during the copy does the same.
-/// - A stream that is abandoned stores nothing, unless another stream was open on the file at the same time: that
-///   stream shares the contents and may have changed them, so the last of them to close stores all.
+///   streams share: bytes beyond the end of the source stay, and the last of the streams to close stores the result. A
+///   copy whose destination is opened during the copy does the same. A copy that fails abandons its stream.
+/// - A stream that is abandoned stores nothing, unless another stream is open on the file, or one that can write was
+///   open at the same time: they share the contents and may have changed them, so the last of them to close stores all,
+///   also what the abandoned stream has written. Abandoning a read-only stream does nothing.
 /// - Recursive removal stops at the first failure. Entries removed before that stay removed.
 /// - Folders cannot be moved; times and permissions cannot be set (Unsupported).
 /// - A listing fetches pages as the caller advances, each time up to the next entry. The call that returns it fetches
