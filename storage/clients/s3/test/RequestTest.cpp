@@ -151,10 +151,11 @@ TEST_F(HttpClientTest, CancelsOnlyRequestsThatBeganBeforeAnInterrupt)
             interrupted = true;
             return request.target() == "/silent" ? Reply::stall() : echo(request);
         });
-    HttpClient interruptible({.interrupted = [&] { return interrupted.load(); }});
+    HttpClient interruptible({.timeouts = {.cleanUp = 1s}, .interrupted = [&] { return interrupted.load(); }});
     const std::string silent = server.url() + "/silent";
     EXPECT_EQ(failureKind(interruptible, {.method = "GET", .url = silent}), Kind::Interrupted);
     EXPECT_EQ(failureKind(interruptible, {.method = "DELETE", .url = server.url()}), std::nullopt);
+    EXPECT_EQ(failureKind(interruptible, {.method = "DELETE", .url = silent}), Kind::Stalled);
     interrupted = false;
     EXPECT_EQ(failureKind(interruptible, {.method = "GET", .url = silent, .deadline = 1200ms, .uninterruptible = true}),
         Kind::Stalled);

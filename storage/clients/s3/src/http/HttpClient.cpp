@@ -110,8 +110,9 @@ public:
         {
             set(CURLOPT_PROXY, "");
         }
-        setLimits(settings.timeouts);
-        watchInterrupts(settings.interrupted);
+        const bool isInterrupted = settings.interrupted && settings.interrupted();
+        setLimits(settings.timeouts, isInterrupted);
+        watchInterrupts(settings.interrupted, isInterrupted);
         setMethod();
         for (const HttpHeaders::Field& field : request.headers)
         {
@@ -193,9 +194,10 @@ private:
         }
     }
 
-    void setLimits(const HttpTimeouts& timeouts)
+    void setLimits(const HttpTimeouts& timeouts, bool isInterrupted)
     {
-        const auto deadline = m_request.deadline.value_or(timeouts.request);
+        const auto longest = m_request.deadline.value_or(timeouts.request);
+        const auto deadline = isInterrupted ? std::min(longest, timeouts.cleanUp) : longest;
         set(CURLOPT_TIMEOUT_MS, static_cast<long>(deadline.count()));
         set(CURLOPT_CONNECTTIMEOUT_MS,
             static_cast<long>(std::min<std::chrono::milliseconds>(timeouts.connect, deadline).count()));
@@ -203,10 +205,10 @@ private:
         set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(m_request.stallWindow.value_or(timeouts.stallWindow).count()));
     }
 
-    void watchInterrupts(const std::function<bool()>& interrupted)
+    void watchInterrupts(const std::function<bool()>& interrupted, bool isInterrupted)
     {
         // Requests that begin after the interrupt clean up, and must not be cancelled.
-        if (interrupted && !m_request.uninterruptible && !interrupted())
+        if (interrupted && !m_request.uninterruptible && !isInterrupted)
         {
             m_interrupted = interrupted;
             set(CURLOPT_XFERINFOFUNCTION, &onProgress);

@@ -26,6 +26,9 @@ struct HttpTimeouts
     /// One request in total, even if its bytes move steadily. A copy may take its stall window instead if that is
     /// longer.
     std::chrono::seconds request{3'600};
+
+    /// One request in total that begins after an interrupt, to clean up: the user waits for the end of the process.
+    std::chrono::milliseconds cleanUp{5'000};
 };
 
 } // namespace storage::clients::s3

@@ -59,7 +59,7 @@ struct S3Settings
 
     /// Called about once a second during a request, on the thread that waits for it. When it returns true, requests
     /// that started before are cancelled, except those that open an upload. Requests that start later are not
-    /// cancelled, because they clean up. Null: nothing is cancelled.
+    /// cancelled, because they clean up; HttpTimeouts::cleanUp limits them. Null: nothing is cancelled.
     std::function<bool()> interrupted = nullptr;
 };
 
