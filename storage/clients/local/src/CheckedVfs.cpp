@@ -79,13 +79,13 @@ std::uint32_t littleEndian(Bytes bytes)
 }
 
 // SQLite's checksum of a log.
-template <std::uint32_t (*number)(Bytes)>
+template <std::uint32_t (*Number)(Bytes)>
 Sum add(Sum sum, Bytes bytes, int size)
 {
     for (int i = 0; i < size; i += 8)
     {
-        sum.first += number(bytes + i) + sum.second;
-        sum.second += number(bytes + i + 4) + sum.first;
+        sum.first += Number(bytes + i) + sum.second;
+        sum.second += Number(bytes + i + 4) + sum.first;
     }
     return sum;
 }
@@ -174,11 +174,11 @@ int close(sqlite3_file* base)
     return code;
 }
 
-template <auto method, typename... Arguments>
+template <auto Method, typename... Arguments>
 int forward(sqlite3_file* base, Arguments... arguments)
 {
     File& file = fileOf(base);
-    return (file.call().*method)(file.inner(), arguments...);
+    return (file.call().*Method)(file.inner(), arguments...);
 }
 
 void barrier(sqlite3_file* base)

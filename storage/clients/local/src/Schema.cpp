@@ -177,7 +177,7 @@ void lockFolder(const FileHandle& folder, const std::filesystem::path& path, Loc
 
 std::filesystem::path createNewIndex(const std::filesystem::path& directory)
 {
-    const std::filesystem::path next = newIndexFile(directory);
+    std::filesystem::path next = newIndexFile(directory);
     for (const char* suffix : {"", "-journal", logEndSuffix}) // of an attempt that was interrupted
     {
         removeFile(next.native() + suffix);
