@@ -159,12 +159,13 @@ std::vector<ObjectEntry> listEntries(CloudClient& client, const fsp::StorageIRI&
 
 /// Copy one stream into another up to its end, then close both. After a failure the destination is abandoned.
 /// @param currentIri  set to the IRI of the stream that is in use
-void copyStream(fsp::ByteStreamPtr reader, const fsp::StorageIRI& sourceIri, fsp::ByteStreamPtr writer,
+void copyStream(fsp::ByteStream& reader, const fsp::StorageIRI& sourceIri, fsp::ByteStream& writer,
     const fsp::StorageIRI& destinationIri, const fsp::StorageIRI*& currentIri)
 {
-    fsp::ByteStream& destination = *writer;
-    fsp::GenericByteStreamDevice from(std::move(reader));
-    fsp::GenericByteStreamDevice to(std::move(writer));
+    // The devices borrow the streams. Owning them needs memory; if there were none, the writer would not be abandoned.
+    const std::shared_ptr<void> noOwner;
+    fsp::GenericByteStreamDevice from(std::shared_ptr<fsp::ByteStream>(noOwner, &reader));
+    fsp::GenericByteStreamDevice to(std::shared_ptr<fsp::ByteStream>(noOwner, &writer));
     const auto copy = [&]
     {
         std::array<char, 4096> chunk{};
@@ -182,7 +183,7 @@ void copyStream(fsp::ByteStreamPtr reader, const fsp::StorageIRI& sourceIri, fsp
         from.close();
         currentIri = &destinationIri;
     };
-    fsp::storeOrAbandon(destination, copy);
+    fsp::storeOrAbandon(writer, copy);
 }
 
 } // namespace
@@ -315,11 +316,11 @@ void CloudProvider::doMoveFile(
                 // close. The source would be removed before that.
                 throw fsp::Exception(fsp::ErrorCode::InUse, to);
             }
-            fsp::ByteStreamPtr reader = openReadOnlyStream(from);
-            fsp::ByteStreamPtr writer =
+            const fsp::ByteStreamPtr reader = openReadOnlyStream(from);
+            const fsp::ByteStreamPtr writer =
                 openStream(to, {fsp::ByteStreamReadAccess::None, fsp::ByteStreamCreate::IfMissing,
                                    fsp::ByteStreamTruncate::Discard, fsp::ByteStreamWritePosition::AtOffset});
-            copyStream(std::move(reader), from, std::move(writer), to, currentIri);
+            copyStream(*reader, from, *writer, to, currentIri);
             if (globalOpenFileManager().isOpen(to))
             {
                 // Opened during the copy. The source stays, because only the close of that stream may store the copy.
@@ -519,11 +520,11 @@ void CloudProvider::doCopyFile(
                 getFileAttributes(from);
                 return;
             }
-            fsp::ByteStreamPtr reader = openReadOnlyStream(from);
-            fsp::ByteStreamPtr writer =
+            const fsp::ByteStreamPtr reader = openReadOnlyStream(from);
+            const fsp::ByteStreamPtr writer =
                 openStream(to, {fsp::ByteStreamReadAccess::Allowed, fsp::ByteStreamCreate::IfMissing,
                                    fsp::ByteStreamTruncate::Discard, fsp::ByteStreamWritePosition::AtOffset});
-            copyStream(std::move(reader), from, std::move(writer), to, currentIri);
+            copyStream(*reader, from, *writer, to, currentIri);
         });
 }
 

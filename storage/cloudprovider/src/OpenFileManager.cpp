@@ -166,7 +166,16 @@ fsp::ByteStreamPtr OpenFileManager::openReadWrite(
     auto stream = std::make_unique<OpenFileByteStream>(std::move(partManager), options.writePosition);
     if (options.readAccess == fsp::ByteStreamReadAccess::None)
     {
-        return std::make_unique<WriteOnlyByteStream>(std::move(stream));
+        OpenFileByteStream& opened = *stream;
+        try
+        {
+            return std::make_unique<WriteOnlyByteStream>(std::move(stream));
+        }
+        catch (...) // There is no memory, so the stream was not moved. An open that fails must not store an empty file.
+        {
+            opened.abandon();
+            throw;
+        }
     }
     return stream;
 }

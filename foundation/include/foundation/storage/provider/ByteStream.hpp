@@ -6,7 +6,6 @@
 
 #include <boost/iostreams/positioning.hpp>
 
-#include <functional>
 #include <ios>
 #include <memory>
 
@@ -82,8 +81,27 @@ using ByteStreamPtr = std::unique_ptr<ByteStream>;
 ///
 /// If other streams share the contents, the last of them to close stores them, after this call.
 ///
-/// @param write  writes to `stream`
+/// @param write  called without arguments; writes to `stream`
 /// @throws everything that `write` and the stream throw
-FOUNDATION_EXPORT void storeOrAbandon(ByteStream& stream, const std::function<void()>& write);
+template <class Write>
+void storeOrAbandon(ByteStream& stream, const Write& write)
+{
+    try
+    {
+        write();
+        // A stream may send parts while it is written, and retry failed ones with the next write. Leave the part that
+        // was written last, which may be any, so that it is sent, and let an empty write report what failed: close()
+        // alone may not.
+        stream.seek(0, std::ios_base::end);
+        stream.seek(0, std::ios_base::beg);
+        stream.write("", 0);
+        stream.close();
+    }
+    catch (...)
+    {
+        stream.abandon();
+        throw;
+    }
+}
 
 } // namespace foundation::storage::provider
