@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -130,11 +131,16 @@ std::filesystem::path ContentFiles::path(FileName name) const
 }
 
 void ContentFiles::remove(FileName name) noexcept
+try
 {
     if (removeFile(path(name)) != 0)
     {
         leaveOrphans();
     }
+}
+catch (const std::bad_alloc&) // making the path needs memory
+{
+    leaveOrphans();
 }
 
 std::vector<FileName> ContentFiles::list() const
