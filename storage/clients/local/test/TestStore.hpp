@@ -106,11 +106,17 @@ inline std::vector<std::string> files(const path& folder)
     return names;
 }
 
+/// Let SQLite know the file layer that checks the pages of an index.
+inline void registerFileLayer()
+{
+    static const TestFolder other;
+    static const LocalClient registering(other.store);
+}
+
 /// Run SQL on the index directly. @return the first column of the first row; empty when there is none
 inline std::string runSql(const path& store, const std::string& sql, const char* vfs = "cloudprovider-checked")
 {
-    static const TestFolder other;
-    static const LocalClient registering(other.store); // registers the file layer that checks the pages
+    registerFileLayer();
     sqlite3* handle = nullptr;
     constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
     EXPECT_EQ(sqlite3_open_v2((store / "index.sqlite").c_str(), &handle, flags, vfs), SQLITE_OK);
@@ -146,7 +152,8 @@ inline void checkStore(const path& store)
 /// Run a task in a child process, which ends when the task returns. @return process id
 inline int startProcess(const std::function<void()>& task)
 {
-    std::cout.flush(); // or the child prints it again
+    registerFileLayer(); // here, because the child does not remove its folder
+    std::cout.flush();   // or the child prints it again
     const pid_t process = ::fork();
     if (process == 0)
     {
