@@ -1,7 +1,4 @@
-#include <foundation/core/except/InterruptedException.hpp>
-#include <foundation/interrupt/utInterruptState.hpp>
 #include <foundation/log/basic_diagnostic_logger.hpp>
-#include <foundation/usm/Context.hpp>
 
 #include <fl/filesystem.hpp>
 #include <fl/i18n.hpp>
@@ -13,9 +10,7 @@
 #include <boost/log/utility/setup/console.hpp>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
-#include <optional>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -25,7 +20,7 @@
 
 #include <sys/stat.h>
 
-// What the framework offers around storage: logging, interruption, local files, text.
+// What the framework offers around storage: logging, local files, text. The tests of the provider cover interrupts.
 
 namespace
 {
@@ -155,29 +150,6 @@ TEST(LoggerDeathTest, StaticDestructorsMayLog)
         testing::ExitedWithCode(0), "later error: before\nstatic error: at the end");
 }
 
-TEST(InterruptTest, StaysPendingUntilCleared)
-{
-    const auto former = std::signal(SIGUSR1, [](int) { utInterruptState::RequestInterrupt(); });
-    std::raise(SIGUSR1);
-    std::signal(SIGUSR1, former);
-    EXPECT_TRUE(utInterruptState::IsInterruptPending());
-    EXPECT_THROW(utInterruptState::ThrowIfInterruptPending(), foundation::core::except::InterruptedException);
-    EXPECT_THROW(utInterruptState::ThrowIfInterruptPending(), foundation::core::except::InterruptedException);
-    utInterruptState::ClearInterrupt();
-    EXPECT_NO_THROW(utInterruptState::ThrowIfInterruptPending());
-}
-
-TEST(ContextTest, IsActiveWhileAnyScopeLives)
-{
-    EXPECT_FALSE(foundation::usm::isRequiredContextActive());
-    std::optional<foundation::usm::ContextScope> first(std::in_place);
-    std::optional<foundation::usm::ContextScope> second(std::in_place);
-    first.reset();
-    EXPECT_TRUE(foundation::usm::isRequiredContextActive());
-    second.reset();
-    EXPECT_FALSE(foundation::usm::isRequiredContextActive());
-}
-
 TEST(FilesystemTest, TemporaryFilesAreNewEmptyAndPrivate)
 {
     const fs::path folder = fs::temp_directory_path() / fs::unique_path();
@@ -256,16 +228,6 @@ TEST(TextTest, IllFormedTextIsRefused)
     {
         EXPECT_THROW(fl::i18n::ustring_to_utf8(bad), std::range_error) << testing::PrintToString(bad);
     }
-}
-
-TEST(TextTest, EnvironmentIsReadAsUtf8)
-{
-    EXPECT_EQ(fl::i18n::getenv("FOUNDATION_TEXT_TEST"), u"");
-    ::setenv("FOUNDATION_TEXT_TEST", "5\xc3\xa4", 1);
-    EXPECT_EQ(fl::i18n::getenv("FOUNDATION_TEXT_TEST"), u"5\u00e4");
-    ::setenv("FOUNDATION_TEXT_TEST", "\xff", 1);
-    EXPECT_THROW(fl::i18n::getenv("FOUNDATION_TEXT_TEST"), std::range_error);
-    ::unsetenv("FOUNDATION_TEXT_TEST");
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "ProviderTest.hpp"
 
+#include <foundation/core/except/InterruptedException.hpp>
 #include <foundation/interrupt/utInterruptState.hpp>
 #include <foundation/usm/Context.hpp>
 
@@ -86,6 +87,11 @@ TEST_F(CloudProviderTest, FailedTransfersNameTheFileThatFailed)
     EXPECT_EQ(move("file", "b"), "Unknown: mem://test/b") << "a failure of a stream";
     fail(Operation::DeleteObject, 1);
     EXPECT_EQ(move("file", "b"), "PermissionDenied: mem://test/file: why");
+    const auto copyAtomically = [&] { provider->copyFileAtomic(iriOf("file"), iriOf("b"), fsp::ReplacementPolicy{1}); };
+    fail(Operation::GetObjectRange, 1);
+    EXPECT_EQ(outcome(copyAtomically), "PermissionDenied: mem://test/file: why");
+    fail(Operation::PutObject, 1);
+    EXPECT_EQ(outcome(copyAtomically), "PermissionDenied: mem://test/b: why");
     const auto copy = [&] { provider->copyFile(iriOf("file"), fsp::StorageIRI(u"no iri"), {}); };
     EXPECT_THAT(outcome(copy), StartsWith("InvalidLocation: no%20iri"));
 }
@@ -117,11 +123,14 @@ TEST_F(CloudProviderTest, LongRemovalsCanBeInterruptedBetweenPages)
     utInterruptState::RequestInterrupt();
     {
         const foundation::usm::ContextScope context;
+        static_cast<void>(foundation::usm::ContextScope()); // leaves the outer one active
         EXPECT_EQ(removeTree("marked"), "Unknown: mem://test/marked");
         EXPECT_EQ(faults->takeCalls(), "listObjects marked/ '' -1");
     }
     EXPECT_EQ(removeTree("marked"), "done") << "without the context there is no check";
+    EXPECT_THROW(utInterruptState::ThrowIfInterruptPending(), foundation::core::except::InterruptedException);
     utInterruptState::ClearInterrupt();
+    EXPECT_NO_THROW(utInterruptState::ThrowIfInterruptPending());
 }
 
 TEST_F(CloudProviderTest, AFailedFetchDoesNotLoseTheEntryTaken)

@@ -54,20 +54,6 @@ TEST_F(DefaultOperationsTest, CreateMissingFoldersOutermostFirst)
     EXPECT_THAT(store->keys(), testing::ElementsAre("a/", "a/b/", "a/b/c/", "file", "raced/", "raced/d/"));
 }
 
-TEST_F(DefaultOperationsTest, DescribeFilesAndFolders)
-{
-    using fsp::ResourceKind;
-    store->put("folder/", "");
-    const auto time = utils::long2Ptime(5000);
-    EXPECT_TRUE(provider->exists(folder));
-    EXPECT_EQ(provider->existsExtended(file), ResourceKind::File);
-    EXPECT_EQ(provider->existsExtended(iriOf("no")), ResourceKind::None);
-    EXPECT_EQ(provider->getExtendedAttributes(file), (fsp::ExtendedAttributes{ResourceKind::File, 3, time, true}));
-    EXPECT_EQ(provider->getExtendedAttributes(folder),
-        (fsp::ExtendedAttributes{ResourceKind::Folder, std::nullopt, time, true}));
-    EXPECT_EQ(outcome([&] { provider->getExtendedAttributes(iriOf("no")); }), "NotFound: mem://test/no");
-}
-
 TEST_F(DefaultOperationsTest, FilterEveryListingByTheLastName)
 {
     // A folder without a name, or whose name ends in "/", is not listed: its IRI is that of another folder.
@@ -158,21 +144,6 @@ TEST_F(DefaultOperationsTest, KeepTransactionsInTheScratchFolder)
     for (const std::string place : {"mem://test/file", "mem:///tmp", "file://host/tmp"})
     {
         EXPECT_THAT(open(place), StartsWith("InvalidLocation: " + place));
-    }
-}
-
-TEST_F(DefaultOperationsTest, CopyAtomically)
-{
-    const auto copy = [&](std::uint32_t policy)
-    { return outcome([&] { provider->copyFileAtomic(file, iriOf("copy"), fsp::ReplacementPolicy{policy}); }); };
-    EXPECT_EQ(copy(0), "done");
-    EXPECT_EQ(copy(0), "AlreadyExists: mem://test/copy");
-    EXPECT_THAT(copy(2), StartsWith("Unsupported: mem://test/copy: "));
-    for (const auto& [operation, side] : {std::pair(Operation::GetObjectRange, "file"), {Operation::PutObject, "copy"}})
-    {
-        fail(operation, 0, refused);
-        EXPECT_EQ(copy(1), std::string("PermissionDenied: mem://test/") + side + ": why");
-        faults->clearFaults();
     }
 }
 

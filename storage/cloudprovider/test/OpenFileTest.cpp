@@ -175,7 +175,8 @@ TEST_F(OpenFileTest, TakesSizesFromTheEnvironment)
     EXPECT_EQ(contextOf("k")->downloadedPartCacheLimit, 104'857'600);
     setLog(16);
     const std::tuple<const char*, std::uint64_t, unsigned> rows[] = {{"", 5'242'880, 0}, {" 12abc", 12, 0},
-        {"010", 10, 0}, {"0", 0, 0}, {"18446744073709551616", 5'242'880, 1}, {"abc", 5'242'880, 1}};
+        {"010", 10, 0}, {"0", 0, 0}, {"18446744073709551616", 5'242'880, 1}, {"abc", 5'242'880, 1},
+        {"12\xff", 5'242'880, 1}}; // the last one is not UTF-8
     for (const auto& [value, size, logged] : rows)
     {
         setenv(partSizeVariable, value, 1);

@@ -1,5 +1,6 @@
 #include "ProviderTest.hpp"
 
+#include <array>
 #include <map>
 #include <set>
 
@@ -125,23 +126,21 @@ protected:
         const std::string from = randomPath();
         const std::string to = randomPath();
         const auto policy = static_cast<std::uint32_t>(m_random.below(6));
-        const bool moves = m_random.oneIn(2);
-        const bool isRefused = moves ? (policy == 0 && has(to)) || folderSeen(to)
-                                     : ((policy == 0 || policy == 4) && has(to)) || (m_checksFolders && folderSeen(to));
-        const std::string reason = moves && policy > 1 ? "Unsupported"
-                                   : isRefused         ? "AlreadyExists"
-                                   : has(from)         ? "done"
-                                                       : "NotFound";
-        const auto operation = [&]
-        {
-            moves ? m_tree->moveFile(iriOf(from), iriOf(to), fsp::ReplacementPolicy{policy})
-                  : m_tree->copyFile(iriOf(from), iriOf(to), fsp::ReplacementPolicy{policy});
-        };
-        ASSERT_EQ(reasonOf(operation), reason) << (moves ? "mv " : "cp ") << from << ' ' << to << " policy " << policy;
+        const std::size_t kind = m_random.below(3); // move, copy, copy atomically
+        const bool isRefused = (policy == 0 && has(to)) || (kind == 0 && folderSeen(to)) ||
+                               (kind == 1 && ((policy == 4 && has(to)) || (m_checksFolders && folderSeen(to))));
+        const std::string reason = kind != 1 && policy > 1 ? "Unsupported"
+                                   : isRefused             ? "AlreadyExists"
+                                   : has(from)             ? "done"
+                                                           : "NotFound";
+        const auto transfer =
+            std::array{&fsp::IProvider::moveFile, &fsp::IProvider::copyFile, &fsp::IProvider::copyFileAtomic}.at(kind);
+        const auto operation = [&] { ((*m_tree).*transfer)(iriOf(from), iriOf(to), fsp::ReplacementPolicy{policy}); };
+        ASSERT_EQ(reasonOf(operation), reason) << from << " to " << to << " kind " << kind << " policy " << policy;
         if (reason == "done" && from != to)
         {
             m_objects[to] = m_objects[from];
-            moves ? m_objects.erase(from) : 0;
+            kind == 0 ? m_objects.erase(from) : 0;
         }
     }
 
@@ -160,6 +159,19 @@ protected:
         const auto describeFolder = [&] { time = m_tree->getFolderAttributes(iri).lastModified(); };
         ASSERT_EQ(reasonOf(describeFolder), isMarked || folderSeen(path) ? "done" : "NotFound") << path;
         ASSERT_EQ(time, isMarked ? utils::long2Ptime(5000) : boost::posix_time::ptime()) << path;
+        using fsp::ResourceKind;
+        const ResourceKind kind = has(path)          ? ResourceKind::File
+                                  : folderSeen(path) ? ResourceKind::Folder
+                                                     : ResourceKind::None;
+        ASSERT_EQ(m_tree->exists(iri), kind != ResourceKind::None) << path;
+        ASSERT_EQ(m_tree->existsExtended(iri), kind) << path;
+        fsp::ExtendedAttributes expected{kind, std::nullopt, time, true};
+        if (has(path))
+        {
+            expected = {kind, size, utils::long2Ptime(5000), true};
+        }
+        const auto describeAny = [&] { EXPECT_EQ(m_tree->getExtendedAttributes(iri), expected) << path; };
+        ASSERT_EQ(reasonOf(describeAny), kind == ResourceKind::None ? "NotFound" : "done") << path;
     }
 
     void list()
