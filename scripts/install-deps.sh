@@ -18,9 +18,10 @@ packages=(
     libgtest-dev libgmock-dev
     clang-14 libclang-rt-14-dev
     pkg-config
-    # testing that client: a gateway with its monitor and storage daemon, and a program that creates a bucket
+    # testing that client: a gateway with its monitor and storage daemon, a program that creates a bucket, and one that
+    # makes the certificate of a server
     ceph-base ceph-common ceph-mon ceph-osd radosgw
-    curl
+    curl openssl
     # checking: git lists the files of the project
     clang-format-14 clang-tidy-14 git
     # measuring

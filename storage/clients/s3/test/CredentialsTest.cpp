@@ -272,7 +272,7 @@ protected:
     const std::unique_ptr<CredentialsSource> tested = refreshing(std::unique_ptr<CredentialsProvider>(&provider));
 };
 
-TEST_F(RefreshTest, LoadsWhenTheyAreDueAndLimitsHowOftenItFails)
+TEST_F(RefreshTest, LoadsWhenTheyAreDueOrRefusedAndLimitsHowOftenItFails)
 {
     const auto succeed = [] {};
     const auto haveNone = [] { throw invalidCredentials("none"); };
@@ -282,33 +282,27 @@ TEST_F(RefreshTest, LoadsWhenTheyAreDueAndLimitsHowOftenItFails)
         std::function<void()> onLoad;
         int loads; // in all
         const char* expected;
+        int refused = 0; // callers, before
     } rows[] = {
-        {0s, succeed, 1, "id1"}, {55min - 1s, succeed, 1, "id1"},
-        {1s, succeed, 2, "id2"},       // five minutes before the expiry
-        {55min, failForNow, 3, "id2"}, // the old ones are still valid
-        {29s, failForNow, 3, "id2"},   // not asked again for a while
-        {1s, failForNow, 4, "id2"}, {5min, failForNow, 5, "later"}, {1s, succeed, 6, "id6"}, {1h, haveNone, 7, "never"},
-        {59s, haveNone, 7, "never"},                             // not asked again for a minute
-        {1s, haveNone, 8, "never"}, {-1s, haveNone, 9, "never"}, // the clock was set back
+        {0s, succeed, 1, "id1"}, {10s, succeed, 1, "id1", 1}, // they were new
+        {0s, succeed, 2, "id2", 2}, {0s, succeed, 2, "id2", 1}, {55min - 1s, succeed, 2, "id2"},
+        {1s, succeed, 3, "id3"},       // five minutes before the expiry
+        {55min, failForNow, 4, "id3"}, // the old ones are still valid
+        {29s, failForNow, 4, "id3"},   // not asked again for a while
+        {1s, failForNow, 5, "id3"}, {5min, failForNow, 6, "later"}, {1s, succeed, 7, "id7"}, {1h, haveNone, 8, "never"},
+        {59s, haveNone, 8, "never"},                              // not asked again for a minute
+        {1s, haveNone, 9, "never"}, {-1s, haveNone, 10, "never"}, // the clock was set back
     };
     for (const auto& row : rows)
     {
+        for (int i = 0; i < row.refused; ++i)
+        {
+            tested->refresh();
+        }
         provider.onLoad = row.onLoad;
         expectAfter(row.later, row.loads, row.expected);
     }
     EXPECT_THAT(log, HasSubstr("could not be replaced: closed"));
-}
-
-TEST_F(RefreshTest, LoadsOnceForCallersThatWereRefusedTogether)
-{
-    expectAfter(0s, 1, "id1");
-    tested->refresh();
-    expectAfter(10s, 1, "id1");
-    tested->refresh();
-    tested->refresh();
-    expectAfter(0s, 2, "id2");
-    tested->refresh();
-    expectAfter(0s, 2, "id2");
 }
 
 TEST_F(RefreshTest, LetsOneThreadLoadForAll)

@@ -5,13 +5,10 @@
 #include <boost/asio/ssl.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/http.hpp>
-#include <openssl/ec.h>
-#include <openssl/pem.h>
-#include <openssl/x509v3.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
-#include <memory>
 #include <sstream>
 
 #include <sys/socket.h>
@@ -26,27 +23,15 @@ namespace asio = boost::asio;
 namespace http = boost::beast::http;
 using boost::system::error_code;
 
-/// Have a server present a new certificate for 127.0.0.1, signed by itself, and write that to a file.
-void useNewCertificate(SSL_CTX* server, const std::string& path)
+/// Have a server present a new certificate for 127.0.0.1, signed by itself. Write that and its key to a file.
+void useNewCertificate(asio::ssl::context& server, const std::string& path)
 {
-    const std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> pair(EVP_EC_gen("P-256"), EVP_PKEY_free);
-    const std::unique_ptr<X509, void (*)(X509*)> certificate(X509_new(), X509_free);
-    const std::unique_ptr<X509_EXTENSION, void (*)(X509_EXTENSION*)> holder(
-        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, "IP:127.0.0.1"), X509_EXTENSION_free);
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "w"), std::fclose);
-    X509_NAME* const name = X509_get_subject_name(certificate.get());
-    X509_NAME_add_entry_by_NID(
-        name, NID_commonName, MBSTRING_ASC, reinterpret_cast<const unsigned char*>("test"), -1, -1, 0);
-    X509_set_version(certificate.get(), X509_VERSION_3);
-    X509_set_issuer_name(certificate.get(), name);
-    X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -3600);
-    X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 3600);
-    X509_set_pubkey(certificate.get(), pair.get());
-    X509_add_ext(certificate.get(), holder.get(), -1);
-    X509_sign(certificate.get(), pair.get(), EVP_sha256());
-    EXPECT_EQ(PEM_write_X509(file.get(), certificate.get()), 1);
-    EXPECT_EQ(SSL_CTX_use_certificate(server, certificate.get()), 1);
-    EXPECT_EQ(SSL_CTX_use_PrivateKey(server, pair.get()), 1);
+    const std::string command = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=test "
+                                "-addext subjectAltName=IP:127.0.0.1 -keyout '" +
+                                path + "' -out '" + path + "'";
+    EXPECT_EQ(std::system(command.c_str()), 0) << command;
+    server.use_certificate_file(path, asio::ssl::context::pem);
+    server.use_private_key_file(path, asio::ssl::context::pem);
 }
 
 std::string headOf(const Reply& reply)
@@ -74,7 +59,7 @@ LoopbackServer::LoopbackServer(Handler handler, const std::string& certificateFi
 {
     if (!certificateFile.empty())
     {
-        useNewCertificate(m_tls.emplace(asio::ssl::context::tls_server).native_handle(), certificateFile);
+        useNewCertificate(m_tls.emplace(asio::ssl::context::tls_server), certificateFile);
     }
     m_thread = std::jthread([this] { accept(); });
 }

@@ -62,7 +62,7 @@ public:
     using Handler = std::function<Reply(const Request&)>;
 
     /// @param certificateFile  not empty: serve https with a new certificate for 127.0.0.1, which is its own authority,
-    ///                         and write the certificate to this file
+    ///                         and write the certificate and its key to this file
     explicit LoopbackServer(Handler handler, const std::string& certificateFile = {});
     LoopbackServer(const LoopbackServer&) = delete;
     LoopbackServer& operator=(const LoopbackServer&) = delete;
