@@ -231,7 +231,7 @@ TEST(ProviderTest, RefusesOperationsWithoutADefault)
     EXPECT_THAT([&] { provider.fileExists(file); }, isRefused);
 }
 
-TEST(ProviderTest, DistinguishesCase)
+TEST(ProviderTest, DistinguishesCaseAndKnowsTwoReplacementPolicies)
 {
     const BareProvider provider;
     const StorageIRI upper(u"x://h/A");
@@ -240,6 +240,9 @@ TEST(ProviderTest, DistinguishesCase)
     EXPECT_TRUE(provider.getPathComparator()(upper, lower));
     EXPECT_FALSE(provider.getPathComparator()(lower, lower));
     EXPECT_EQ(provider.getCanonicalLocation(upper), upper);
+    EXPECT_TRUE(provider.supportsReplacementPolicy(fsp::ReplacementPolicy::Fail));
+    EXPECT_TRUE(provider.supportsReplacementPolicy(fsp::ReplacementPolicy::Replace));
+    EXPECT_FALSE(provider.supportsReplacementPolicy(fsp::ReplacementPolicy{2}));
 }
 
 TEST(ProviderRegistryTest, FindsProvidersBySchemeAndAuthority)

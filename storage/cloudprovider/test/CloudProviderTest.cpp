@@ -87,11 +87,14 @@ TEST_F(CloudProviderTest, FailedTransfersNameTheFileThatFailed)
     EXPECT_EQ(move("file", "b"), "Unknown: mem://test/b") << "a failure of a stream";
     fail(Operation::DeleteObject, 1);
     EXPECT_EQ(move("file", "b"), "PermissionDenied: mem://test/file: why");
-    const auto copyAtomically = [&] { provider->copyFileAtomic(iriOf("file"), iriOf("b"), fsp::ReplacementPolicy{1}); };
+    const auto copyAtomically = [&](std::uint32_t policy)
+    { return outcome([&] { provider->copyFileAtomic(iriOf("file"), iriOf("b"), fsp::ReplacementPolicy{policy}); }); };
+    EXPECT_EQ(copyAtomically(0), "AlreadyExists: mem://test/b");
+    EXPECT_THAT(copyAtomically(2), StartsWith("Unsupported: mem://test/b"));
     fail(Operation::GetObjectRange, 1);
-    EXPECT_EQ(outcome(copyAtomically), "PermissionDenied: mem://test/file: why");
+    EXPECT_EQ(copyAtomically(1), "PermissionDenied: mem://test/file: why");
     fail(Operation::PutObject, 1);
-    EXPECT_EQ(outcome(copyAtomically), "PermissionDenied: mem://test/b: why");
+    EXPECT_EQ(copyAtomically(1), "PermissionDenied: mem://test/b: why");
     const auto copy = [&] { provider->copyFile(iriOf("file"), fsp::StorageIRI(u"no iri"), {}); };
     EXPECT_THAT(outcome(copy), StartsWith("InvalidLocation: no%20iri"));
 }

@@ -5,6 +5,7 @@
 #include <storage/clients/decorators/FaultyClient.hpp>
 #include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
+#include <storage/clients/testing/ClientCalls.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 #include <storage/cloudprovider/CloudProvider.hpp>
 #include <storage/cloudprovider/DiskBackedBufferFactory.hpp>
@@ -25,7 +26,6 @@
 #include <optional>
 #include <random>
 #include <set>
-#include <sstream>
 #include <string>
 #include <unistd.h>
 #include <utility>
@@ -257,26 +257,20 @@ protected:
     /// Store an object in parts of the given sizes, without the provider.
     void putParts(const std::string& key, const std::string& content, const std::vector<std::size_t>& sizes)
     {
-        CloudClient& client = faults->inner();
-        const std::string upload = client.createMultipartUpload(key, "");
-        std::vector<PartInfo> parts;
+        std::vector<std::string> parts;
         for (std::size_t offset = 0; const std::size_t size : sizes)
         {
-            std::istringstream bytes(content.substr(offset, size));
-            parts.push_back({parts.size(), offset, size, ""});
-            parts.back().Tag = client.uploadPart(key, upload, parts.back(), bytes);
+            parts.push_back(content.substr(offset, size));
             offset += size;
         }
-        client.completeMultipartUpload(key, upload, parts);
+        clients::conformance::putParts(faults->inner(), key, parts);
     }
 
     /// The bytes of a stored object, if there is one.
     std::optional<std::string> stored(const std::string& key) const
     {
-        std::ostringstream bytes;
-        const bool exists = faults->inner().getObjectInfo(key).exists;
-        exists ? faults->inner().getObjectRange(key, bytes, 0, 0) : void();
-        return exists ? std::optional(bytes.str()) : std::nullopt;
+        CloudClient& client = faults->inner();
+        return client.getObjectInfo(key).exists ? std::optional(clients::conformance::get(client, key)) : std::nullopt;
     }
 
     std::vector<clients::PendingUpload> openUploads() const
