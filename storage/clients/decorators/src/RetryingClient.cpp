@@ -55,7 +55,7 @@ struct RetryingClient::Attempts
     {
         const std::lock_guard lock(client.m_mutex);
         client.m_quietSince = client.m_failedAttempts.empty() ? begin : client.m_quietSince;
-        client.m_failedAttempts.insert(0);
+        counted = client.m_failedAttempts.insert(0);
     }
     Attempts(const Attempts&) = delete;
     Attempts& operator=(const Attempts&) = delete;
@@ -63,16 +63,15 @@ struct RetryingClient::Attempts
     ~Attempts()
     {
         const std::lock_guard lock(client.m_mutex);
-        client.m_failedAttempts.erase(client.m_failedAttempts.find(failed));
+        client.m_failedAttempts.erase(counted);
         client.m_quietSince = client.m_clock.now();
     }
 
     void countFailure()
     {
         const std::lock_guard lock(client.m_mutex);
-        auto entry = client.m_failedAttempts.extract(failed);
-        entry.value() = ++failed;
-        client.m_failedAttempts.insert(std::move(entry));
+        client.m_failedAttempts.erase(counted);
+        counted = client.m_failedAttempts.insert(++failed);
         client.m_quietSince = client.m_clock.now();
     }
 
@@ -82,6 +81,7 @@ struct RetryingClient::Attempts
     std::chrono::steady_clock::time_point budgetBegin = begin;
     Duration nextMaxDelay = client.firstMaxDelay(); // maximum of the next wait
     unsigned failed = 0;
+    std::multiset<unsigned>::iterator counted; // `failed` in m_failedAttempts
 };
 
 RetryingClient::RetryingClient(
