@@ -95,6 +95,9 @@ public:
     /// See SessionLock::setUnsynced().
     void setUnsynced(bool isUnsynced) noexcept { m_sessionLock.setUnsynced(isUnsynced); }
 
+    /// See SessionLock::isDead().
+    bool isDead(std::uint64_t session) const { return SessionLock::isDead(m_sessions, session); }
+
     /// See SessionLock::findDead().
     std::vector<SessionLock::Dead> findDeadSessions() const { return SessionLock::findDead(m_sessions); }
 

@@ -118,14 +118,9 @@ Database::ReadTransaction::ReadTransaction(Database& database)
     m_connection->run("BEGIN");
 }
 
-Database::WriteTransaction::WriteTransaction(Database& database, Durability durability)
-    : WriteTransaction(database, durability, LockWait(database.m_limits))
-{
-}
-
-Database::WriteTransaction::WriteTransaction(Database& database, Durability durability, LockWait wait)
-    : m_turn(database.takeTurn(wait))
-    , m_connection(database.borrow(wait))
+Database::WriteTransaction::WriteTransaction(Database& database, Durability durability, std::optional<LockWait> wait)
+    : m_turn(database.takeTurn(wait ? *wait : wait.emplace(database.m_limits)))
+    , m_connection(database.borrow(*wait))
 {
     // Whether the commit waits for the disk. SQLite does not allow a change inside a transaction.
     m_connection->execute(

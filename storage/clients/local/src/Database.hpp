@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -67,9 +68,9 @@ public:
     class WriteTransaction
     {
     public:
+        /// @param wait  for other writers; empty: as long as LocalSettings say
         /// @throws StoreError of kind Locked when another client does not end its transaction in time
-        WriteTransaction(Database& database, Durability durability);
-        WriteTransaction(Database& database, Durability durability, LockWait wait);
+        WriteTransaction(Database& database, Durability durability, std::optional<LockWait> wait = std::nullopt);
         WriteTransaction(const WriteTransaction&) = delete;
         WriteTransaction& operator=(const WriteTransaction&) = delete;
 

@@ -3,6 +3,7 @@
 #include "Objects.hpp"
 #include "StoreError.hpp"
 #include "StoreTransaction.hpp"
+#include "Uploads.hpp"
 
 #include <storage/cloudprovider/Logger.hpp>
 
@@ -94,14 +95,15 @@ bool removeOrphans(Database& database, ContentFiles& files, const std::vector<Se
 
 void collectOrphans(Database& database, ContentFiles& files)
 {
-    const std::vector<SessionLock::Dead> dead = files.findDeadSessions();
-    if (dead.empty())
-    {
-        return;
-    }
-    files.removeIncoming(dead);
     try
     {
+        endUploadsOfDeadClients(database, files);
+        const std::vector<SessionLock::Dead> dead = files.findDeadSessions();
+        if (dead.empty())
+        {
+            return;
+        }
+        files.removeIncoming(dead);
         if (removeOrphans(database, files, dead))
         {
             dropRemoved(database, files); // no other writer is in the way now

@@ -6,8 +6,8 @@
 namespace storage::clients::local
 {
 
-/// Remove orphans: files that dead clients left and that the index does not name. Other clients may use the store
-/// meanwhile; their session locks protect the files that they are writing.
+/// End the uploads that dead clients left, and remove orphans: files that dead clients left and that the index does not
+/// name. Other clients may use the store meanwhile; their session locks protect the files that they are writing.
 ///
 /// Lists one folder, and looks at the files that dead sessions have noted. It lists all content files only if the
 /// machine was restarted since a session died, for then the notes may be incomplete. On a full disk, those files are

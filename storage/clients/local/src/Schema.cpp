@@ -46,6 +46,7 @@ constexpr const char* createTables = R"(
         id INTEGER PRIMARY KEY,
         key BLOB NOT NULL,
         created INTEGER NOT NULL, -- like objects.modified
+        session INTEGER NOT NULL, -- of the client that began it; the upload ends with that client
         base INTEGER -- the object that the new one is made from
     );
     CREATE TABLE upload_parts (
@@ -112,7 +113,7 @@ constexpr std::pair<const char*, const char*> copiesOfVersion1[] = {
         "INSERT INTO objects (key, id, size, modified) VALUES (?, ?, ?, ?)"},
     {"SELECT object, offset, content FROM object_parts",
         "INSERT INTO object_parts (object, offset, content) VALUES (?, ?, ?)"},
-    {"SELECT id, key, created FROM uploads", "INSERT INTO uploads (id, key, created) VALUES (?, ?, ?)"},
+    {"SELECT id, key, created FROM uploads", "INSERT INTO uploads (id, key, created, session) VALUES (?, ?, ?, 0)"},
     {"SELECT upload, number, content FROM upload_parts",
         "INSERT INTO upload_parts (upload, number, content) VALUES (?, ?, ?)"},
     {"SELECT id, refs, size, session, data FROM contents",

@@ -97,6 +97,13 @@ void SessionLock::acquire()
     }
 }
 
+bool SessionLock::isDead(const std::filesystem::path& folder, std::uint64_t number)
+{
+    const std::filesystem::path path = folder / fileNameOf(number);
+    const std::optional<FileHandle> file = openFile(path); // a client that ends removes it
+    return !file || tryLockFile(*file, path);
+}
+
 std::vector<SessionLock::Dead> SessionLock::findDead(const std::filesystem::path& folder)
 {
     std::vector<Dead> dead;

@@ -82,6 +82,9 @@ public:
         std::optional<std::vector<std::string>> noted;
     };
 
+    /// Tell whether the client of a session has ended. False, too, while another client is collecting its orphans.
+    static bool isDead(const std::filesystem::path& folder, std::uint64_t number);
+
     /// Find the dead sessions, except those whose orphans another client is collecting.
     static std::vector<Dead> findDead(const std::filesystem::path& folder);
 

@@ -16,12 +16,13 @@ std::int64_t readNextId(Connection& index)
     return query.integer(0);
 }
 
-StoreTransaction::StoreTransaction(Database& database, ContentFiles& files, Durability durability)
+StoreTransaction::StoreTransaction(
+    Database& database, ContentFiles& files, Durability durability, std::optional<LockWait> wait)
     : m_durability(durability)
     , m_database(database)
     , m_files(files)
     , m_notes(files.session())
-    , m_index(std::in_place, database, durability)
+    , m_index(std::in_place, database, durability, wait)
 {
 }
 
@@ -31,6 +32,12 @@ StoreTransaction::~StoreTransaction()
     {
         m_files.remove(name);
     }
+}
+
+std::int64_t StoreTransaction::session()
+{
+    m_files.session().acquire();
+    return static_cast<std::int64_t>(m_files.session().number());
 }
 
 std::int64_t StoreTransaction::newId()

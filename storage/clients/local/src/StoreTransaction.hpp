@@ -24,12 +24,17 @@ std::int64_t readNextId(Connection& index);
 class StoreTransaction
 {
 public:
-    StoreTransaction(Database& database, ContentFiles& files, Durability durability);
+    /// @param wait  see Database::WriteTransaction
+    StoreTransaction(
+        Database& database, ContentFiles& files, Durability durability, std::optional<LockWait> wait = std::nullopt);
     StoreTransaction(const StoreTransaction&) = delete;
     StoreTransaction& operator=(const StoreTransaction&) = delete;
     ~StoreTransaction();
 
     Connection& index() { return **m_index; }
+
+    /// The session of this client. Other clients see that it has ended when the client has.
+    std::int64_t session();
 
     /// An id that no object or content (see add()) of the store has or had.
     std::int64_t newId();

@@ -115,8 +115,8 @@ std::int64_t BegunUploads::requireForPart(
         {
             throwNoUpload(uploadId);
         }
-        transaction.index().run("INSERT INTO uploads VALUES (?, ?, ?, ?)", upload, Blob{key},
-            toMicroseconds(boost::posix_time::microsec_clock::universal_time()), begun->base);
+        transaction.index().run("INSERT INTO uploads VALUES (?, ?, ?, ?, ?)", upload, Blob{key},
+            toMicroseconds(boost::posix_time::microsec_clock::universal_time()), transaction.session(), begun->base);
     }
     return upload;
 }
@@ -142,6 +142,36 @@ std::optional<BegunUploads::Begun> BegunUploads::findWithoutParts(std::int64_t u
     const auto begun = m_begun.find(upload);
     const bool isFound = begun != m_begun.end() && begun->second.key == key && !begun->second.hasParts;
     return isFound ? std::optional(begun->second) : std::nullopt;
+}
+
+void endUploadsOfDeadClients(Database& database, ContentFiles& files)
+{
+    std::vector<std::int64_t> uploads;
+    {
+        Database::ReadTransaction index(database);
+        Query query = index->query("SELECT id, session FROM uploads");
+        while (query.next())
+        {
+            if (files.isDead(static_cast<std::uint64_t>(query.integer(1))))
+            {
+                uploads.push_back(query.integer(0));
+            }
+        }
+    }
+    if (uploads.empty())
+    {
+        return;
+    }
+    freeRoom(database,
+        [&]
+        {
+            StoreTransaction transaction(database, files, Durability::Synced, LockWait(noWait));
+            for (const std::int64_t upload : uploads)
+            {
+                endUpload(transaction, upload); // changes nothing if another client has ended it meanwhile
+            }
+            transaction.commit();
+        });
 }
 
 std::vector<PendingUpload> listUploads(Connection& index)

@@ -17,8 +17,8 @@
 namespace storage::clients::local
 {
 
-// Multipart uploads. From the first part on, they stay in the index until they are completed or aborted, even if the
-// process that began them has ended.
+// Multipart uploads. From the first part on, they are in the index until they are completed or aborted, or until the
+// next client opens the store after the one that began them has ended.
 
 /// The uploads that one client has begun. An upload is added to the index with its first part, so an index that cannot
 /// be written fails a part, which the writer sees, and not the beginning of the upload. Safe for concurrent calls.
@@ -57,6 +57,11 @@ private:
     mutable std::mutex m_mutex;                      // innermost
     std::unordered_map<std::int64_t, Begun> m_begun; // guarded by m_mutex; by id
 };
+
+/// End the uploads of clients that have ended, or were killed: nobody completes them. Does not wait for a writer.
+///
+/// @throws StoreError, of kind Locked while another client writes; nothing has changed
+void endUploadsOfDeadClients(Database& database, ContentFiles& files);
 
 /// List the uploads in the index, the oldest first.
 std::vector<PendingUpload> listUploads(Connection& index);

@@ -174,6 +174,27 @@ TEST(CrashTest, CollectsOrphansOfDeadSessionsOnly)
     EXPECT_THAT(files(store / "sessions"), SizeIs(2)) << "a crash before the file is removed must be noticed";
 }
 
+TEST(CrashTest, EndsTheUploadsOfClientsThatHaveEnded)
+{
+    const TestFolder folder;
+    put(*std::make_unique<LocalClient>(folder.store), "k", content(1, 1000));
+    LocalClient living(folder.store);
+    {
+        LocalClient ending(folder.store);
+        for (LocalClient* const client : {&living, &ending})
+        {
+            const std::string upload = client->createMultipartUpload("k", "");
+            client->copyPart("k", upload, client->getObjectParts("k").at(0)); // writes no file
+        }
+    }
+    LocalClient next(folder.store);
+    EXPECT_THAT(next.pendingUploads(), SizeIs(1));
+    const std::string left = living.pendingUploads().at(0).uploadId;
+    EXPECT_NO_THROW(living.completeMultipartUpload(
+        "k", left, {{0, 0, 1000, living.copyPart("k", left, living.getObjectParts("k").at(0))}}));
+    checkStore(folder.store);
+}
+
 TEST(CrashTest, CollectsAnUploadThatAClientLeftAndALossOfPowerUndid)
 {
     const TestFolder folder;

@@ -83,7 +83,8 @@ struct LocalSettings
 /// removed meanwhile. A read of more parts can fail in that case.
 ///
 /// Uploads: createMultipartUpload() does not access the disk. The store knows an upload from its first part on; then
-/// any client may use it, and it stays open until it is completed or aborted, even if the process that began it ends.
+/// any client may use it. An upload ends with the client that began it: the next client that opens the store discards
+/// what clients that no longer exist have neither completed nor aborted.
 ///
 /// Failures: a full disk, a damaged store and other failures that the caller did not cause throw UnknownErrorException.
 /// Denied access throws PermissionDeniedException. Storing under a key that checkKey() refuses throws
