@@ -13,18 +13,8 @@ namespace
 
 using testing::PrintToString;
 
-TEST(StoreCountersTest, PrintsCallsBytesAndParts)
+TEST(StoreCountersTest, PrintsBytesInUnits)
 {
-    CallSnapshot calls;
-    EXPECT_EQ(PrintToString(calls), "no calls");
-    calls[Operation::PutObject] = {1, 1000};
-    calls[Operation::CopyPart] = {6, 30U << 20};
-    for (const std::size_t index : {12U, 0U, 2U, 1U, 3U, 9U})
-    {
-        calls[Operation::CopyPart].parts.insert(index);
-    }
-    EXPECT_EQ(PrintToString(calls), "putObject 1 (1000 B), copyPart 6 (30.0 MiB; parts 0-3,9,12)");
-    EXPECT_EQ(calls.totalCalls(), 7U);
     EXPECT_EQ(formatBytes(1023) + ", " + formatBytes(1024) + ", " + formatBytes((1U << 20) - 1) + ", " +
                   formatBytes(~std::uint64_t{0}),
         "1023 B, 1.0 KiB, 1.0 MiB, 16.0 EiB");
@@ -68,6 +58,7 @@ TEST(PartIndexesTest, BoundsItsMemoryAndSaysSo)
     indexes.insert(200'000);
     EXPECT_FALSE(indexes.complete());
     EXPECT_FALSE(indexes.contains(200'000));
+    EXPECT_TRUE(PrintToString(indexes).starts_with("0-2,4,")) << PrintToString(indexes);
     EXPECT_TRUE(PrintToString(indexes).ends_with(",100000,...")) << PrintToString(indexes);
 }
 

@@ -125,6 +125,7 @@ TEST_F(DecoratorTest, RecordsOnlyFailuresOfKeys)
 
 TEST_F(DecoratorTest, CountsCallsAndWhatTheyMoved)
 {
+    EXPECT_EQ(PrintToString(counted->callSnapshot()), "no calls");
     std::istringstream bytes("0123456789abcde");
     counted->putObject("k", bytes, 10);
     const std::string id = counted->createMultipartUpload("k", "");
