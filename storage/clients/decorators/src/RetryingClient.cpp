@@ -101,7 +101,7 @@ void RetryingClient::around(const Call& call, const std::function<void()>& proce
 
 void RetryingClient::retry(const Call& call, const std::function<void()>& proceed, const std::function<bool()>& rewind)
 {
-    if (const auto failure = uploadFailure(call); failure && call.operation != Operation::AbortMultipartUpload)
+    if (const auto failure = uploadFailure(call); failure && !mayAbort(call))
     {
         std::rethrow_exception(failure);
     }
@@ -202,6 +202,15 @@ std::exception_ptr RetryingClient::uploadFailure(const Call& call) const
     return isValid ? found->second.failure : nullptr;
 }
 
+/// Whether the call is the first to abort its upload since the upload has failed.
+bool RetryingClient::mayAbort(const Call& call)
+{
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_uploadFailures.find(*call.uploadId);
+    return call.operation == Operation::AbortMultipartUpload &&
+           (found == m_uploadFailures.end() || !std::exchange(found->second.isAbortTried, true));
+}
+
 void RetryingClient::recordUploadFailure(const Call& call, const TransientException& failure)
 {
     if (call.uploadId != nullptr)
@@ -209,7 +218,8 @@ void RetryingClient::recordUploadFailure(const Call& call, const TransientExcept
         const auto now = m_clock.now();
         const std::lock_guard lock(m_mutex);
         std::erase_if(m_uploadFailures, [&](const auto& entry) { return now - entry.second.time >= m_policy.budget; });
-        m_uploadFailures.insert_or_assign(*call.uploadId, UploadFailure{now, std::make_exception_ptr(failure)});
+        m_uploadFailures.insert_or_assign(*call.uploadId,
+            UploadFailure{now, std::make_exception_ptr(failure), call.operation == Operation::AbortMultipartUpload});
     }
 }
 

@@ -299,7 +299,7 @@ TEST_F(RetryingClientTest, WaitsOnceForAnUploadWhoseStoreWentAway)
     } rows[] = {{[&] { uploadPart(client, "k", id, 1, "x"); }, 60s, 62}, // the other part has waited, this one has not
         {[&] { uploadPart(client, "k", id, 1, "x"); }, 0s, 0}, {[&] { client.copyPart("k", id, part); }, 0s, 0},
         {[&] { client.completeMultipartUpload("k", id, {part}); }, 0s, 0},
-        {[&] { client.abortMultipartUpload("k", id); }, 0s, 1},
+        {[&] { client.abortMultipartUpload("k", id); }, 0s, 1}, {[&] { client.abortMultipartUpload("k", id); }, 0s, 0},
         {[&] { uploadPart(client, "k", other, 0, "x"); }, 60s, 61},
         {[&] { uploadPart(client, "k", id, 1, "x"); }, 60s, 61}};
     for (const auto& row : rows)

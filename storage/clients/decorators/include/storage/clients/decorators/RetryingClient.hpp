@@ -58,8 +58,8 @@ struct RetryClock
 ///
 /// Uploads: a call of an upload that has used up its budget ends the retries of the whole upload, so that a store that
 /// went away is not waited for again with each part. For the time of another budget, other calls of this upload do not
-/// wait any more. New ones fail at once with the same exception, except abortMultipartUpload(), which makes one
-/// attempt. This ends early when a call of the upload succeeds.
+/// wait any more. New ones fail at once with the same exception, except the first abortMultipartUpload(), which makes
+/// one attempt. This ends early when a call of the upload succeeds.
 ///
 /// Content streams: before each retry, a seekable stream is rewound to its position at the start of the call. The retry
 /// reads the same bytes again, or overwrites what the failed attempt wrote. With a stream that is not seekable, the
@@ -106,6 +106,7 @@ private:
     {
         std::chrono::steady_clock::time_point time;
         std::exception_ptr failure;
+        bool isAbortTried; // since then
     };
 
     /// @param call    complete, as InterceptingClient describes it
@@ -116,6 +117,7 @@ private:
     void waitForNext(Attempts& attempts, const TransientException& failure);
     bool sleep(RetryClock::Duration time, const Call& call) const;
     std::exception_ptr uploadFailure(const Call& call) const;
+    bool mayAbort(const Call& call);
     void recordUploadFailure(const Call& call, const TransientException& failure);
     TransientException gaveUp(
         const Attempts& attempts, const TransientException& failure, const std::string& whyNoRetry) const;
