@@ -49,7 +49,8 @@ public:
     std::vector<cloudprovider::PartInfo> parts(const std::string& key);
 
     /// Send a request that must create the object. An endpoint that knows no conditions on writes may refuse the
-    /// header; it gets the request again without it.
+    /// header; it gets the request again without it, unless conditionalWrites is set: then nobody has looked for the
+    /// object before.
     ///
     /// @param send  sends the request
     /// @throws PreconditionFailed when there is an object
@@ -72,11 +73,11 @@ public:
         }
         catch (const cloudprovider::UnsupportedOperationException&)
         {
-            request.headers = unconditional;
+            m_conditionalWrites ? throw : request.headers = unconditional;
         }
         catch (const cloudprovider::UnknownErrorException&) // such as 400 InvalidArgument; if not, it fails again
         {
-            request.headers = unconditional;
+            m_conditionalWrites ? throw : request.headers = unconditional;
         }
         return send();
     }

@@ -477,6 +477,23 @@ TEST(ConditionTest, HoldsWhetherTheEndpointKnowsItOrNot)
     }
 }
 
+// The bytes of another program are there, and this client did not look for them before, or not in time.
+TEST(ConditionTest, ReplacesNothingWhereTheStoreRefusesToCompare)
+{
+    for (const bool isTrusted : {true, false})
+    {
+        ConditionalStore store{isTrusted ? Reply::error(400, "InvalidArgument") : Reply::error(409, "Conflict")};
+        store.stored = isTrusted ? 'a' : '\0';
+        LoopbackServer server([&](const Request& request) { return store.respond(request); });
+        S3Settings settings = test::settingsFor(server);
+        settings.capabilities.conditionalWrites = isTrusted;
+        S3Client client(settings);
+        const auto condition = client.requireVersion("key", "");
+        EXPECT_THROW(conformance::put(client, "key", "b"), CloudException);
+        EXPECT_NE(store.stored, 'b') << isTrusted;
+    }
+}
+
 TEST(ParallelTest, RunsEverythingOnTheCallersThreadWhereNoOtherStarts)
 {
     pthread_attr_t usual;

@@ -101,6 +101,7 @@ Meaning meaningOf(int status)
     case 412:
         return Meaning::Changed;
     case 408:
+    case 409: // another request is changing the object
     case 429:
         return Meaning::Transient;
     case 301:

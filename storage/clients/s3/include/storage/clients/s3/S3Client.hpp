@@ -46,7 +46,8 @@ class Requester;
 ///   retry transfers only the parts that are missing. Until then the transferred parts take up space in the store.
 /// - Under a condition of WriteConditions, a write looks up the object first, and `If-None-Match: *` lets the store
 ///   compare, too, if the object must be new. Only EndpointCapabilities::conditionalWrites, with conditionalCompletion,
-///   makes it one step at the store. A store that refuses the header gets the request again without it.
+///   makes it one step at the store. Without conditionalWrites, a store that refuses the header gets the request again
+///   without it; with it, the write fails.
 /// - If the response to a completion is lost, the client finds out whether the object was stored before it completes
 ///   again or reports a failure.
 /// - Transient failures are thrown as TransientException and may be retried, for example by RetryingClient. This client
