@@ -34,7 +34,9 @@ CancellableClient::Cancellation::~Cancellation()
 
 void CancellableClient::around(const Call& call, const std::function<void()>& proceed)
 {
-    if (changesStore(call.operation) && call.operation != Operation::AbortMultipartUpload)
+    // A flush whose upload cannot be opened ends without an error. So the upload is opened, and its parts are refused.
+    if (changesStore(call.operation) && call.operation != Operation::CreateMultipartUpload &&
+        call.operation != Operation::AbortMultipartUpload)
     {
         if (m_interrupted && m_interrupted())
         {

@@ -18,10 +18,10 @@ namespace storage::clients
 /// commit: the close fails, the upload is aborted, and the object under the key does not change.
 ///
 /// While a key is cancelled, every operation on it that stores something throws UnknownErrorException: putObject(),
-/// createMultipartUpload(), uploadPart(), copyPart() and completeMultipartUpload(). While the process is interrupted,
-/// these and deleteObject() throw for every key, so that the removal of a tree stops, too. All other operations pass,
-/// in particular abortMultipartUpload(), which cleans up. A call that is already in progress is not affected. Safe for
-/// concurrent calls on one instance.
+/// uploadPart(), copyPart() and completeMultipartUpload(). While the process is interrupted, these and deleteObject()
+/// throw for every key, so that the removal of a tree stops, too. All other operations pass: createMultipartUpload(),
+/// because the provider would close a file without an error if it failed, and abortMultipartUpload(), which cleans up.
+/// A call that is already in progress is not affected. Safe for concurrent calls on one instance.
 class CancellableClient : public InterceptingClient
 {
 public:
