@@ -3,7 +3,7 @@
 # its disk, memory, descriptors and processes away. Prints one row of counts per campaign; docs/reliability.md has the
 # results.
 #
-# Usage: bench/campaigns.sh [short|full]      full (default) takes about an hour, short a minute
+# Usage: bench/campaigns.sh [short|full]      full (default) takes about an hour, short a few minutes
 #
 # Builds the release preset. The campaigns on a bucket use a gateway of their own on loopback. Exits with 1 if a
 # campaign found anything that must not happen; it then prints the seed that repeats it.

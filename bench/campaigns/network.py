@@ -2,7 +2,7 @@
 """Work on a bucket through a proxy that resets, stalls, cuts and refuses requests, and check every file afterwards.
 
 With --flips, the proxy changes one bit of one body for each command instead, and the counts say what noticed it. Needs
-a gateway: run it through run.sh.
+a gateway: run it through bench/campaigns.sh.
 """
 
 import os
