@@ -170,15 +170,15 @@ void addPutCommand(CLI::App& app, CommandContext& context)
         ->type_name("N")
         ->capture_default_str();
     command->add_flag("-f", options->force, "Replace existing files");
-    command->callback(
-        [&context, options, recursive]
+    command->parse_complete_callback( // runs before the store is opened, which would create it
+        [options, recursive]
         {
             if (options->local == "-" && options->recursive)
             {
                 throw CLI::ValidationError(recursive->get_name(), "standard input is not a folder");
             }
-            put(context, *options);
         });
+    command->callback([&context, options] { put(context, *options); });
 }
 
 } // namespace cloudfs
