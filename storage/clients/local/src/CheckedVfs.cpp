@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 #include <xxhash.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -105,6 +106,21 @@ bool isLogHeaderRight(Bytes header)
 {
     return equal(add<littleEndian>({}, header, checksumInHeader), header + checksumInHeader) ||
            equal(add<bigEndian>({}, header, checksumInHeader), header + checksumInHeader);
+}
+
+// Whether only the mark of truncateLog() differs from a right header.
+bool isMarkedClosed(Bytes header)
+{
+    std::array<unsigned char, logHeaderSize> before{};
+    std::memcpy(before.data(), header, before.size());
+    constexpr std::array<std::array<unsigned char, 4>, 2> magicNumbers{
+        {{0x37, 0x7f, 0x06, 0x82}, {0x37, 0x7f, 0x06, 0x83}}};
+    return bigEndian(header) == 0 && std::any_of(magicNumbers.begin(), magicNumbers.end(),
+                                         [&](const auto& magic)
+                                         {
+                                             std::copy(magic.begin(), magic.end(), before.begin());
+                                             return isLogHeaderRight(before.data());
+                                         });
 }
 
 bool isFrameRight(Sum before, Bytes header, Bytes page)
@@ -277,11 +293,12 @@ int checkLogHeader(File& log, Bytes header)
 {
     log.expected = {};
     const LogEnd end = readLogEnd(*log.other);
-    if (end.frames == 0 || bigEndian(header) == 0) // 0: closed, see truncateLog()
+    if (end.frames == 0 || isMarkedClosed(header))
     {
         return SQLITE_OK;
     }
-    if (!isLogHeaderRight(header))
+    // The sum of a header of zeros is right. A lost log has one: open() reserves room for it.
+    if (bigEndian(header) == 0 || !isLogHeaderRight(header))
     {
         return SQLITE_CORRUPT;
     }

@@ -192,6 +192,14 @@ TEST(LocalClientTest, AFlippedBitIsNeverServed)
             EXPECT_THAT(error.detail().value_or(""), HasSubstr("nothing can be read from the index"));
         }
     };
+    for (const char* loss : {"rm store/index.sqlite-wal",
+             "dd if=/dev/zero of=store/index.sqlite-wal bs=4096 count=1 conv=notrunc status=none"})
+    {
+        copy(killed, folder.store, std::filesystem::copy_options::recursive);
+        EXPECT_EQ(shell(folder, loss), 0);
+        EXPECT_THAT(readAll, fails<UnknownErrorException>("the index is damaged")) << loss;
+        remove_all(folder.store);
+    }
     for (const bool isClosed : {false, true})
     {
         if (isClosed)
