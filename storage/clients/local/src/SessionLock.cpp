@@ -26,6 +26,13 @@ bool isRemoved(const FileHandle& file)
     return ::fstat(file.get(), &status) == 0 && status.st_nlink == 0;
 }
 
+// @return nullopt: it does not exist, or something else is in its place, which must not keep the store from being
+// opened
+std::optional<FileHandle> openLockFile(const std::filesystem::path& path)
+{
+    return std::filesystem::is_regular_file(std::filesystem::symlink_status(path)) ? openFile(path) : std::nullopt;
+}
+
 const std::string& bootId()
 {
     static const std::string id = []
@@ -100,7 +107,7 @@ void SessionLock::acquire()
 bool SessionLock::isDead(const std::filesystem::path& folder, std::uint64_t number)
 {
     const std::filesystem::path path = folder / fileNameOf(number);
-    const std::optional<FileHandle> file = openFile(path); // a client that ends removes it
+    const std::optional<FileHandle> file = openLockFile(path); // a client that ends removes it
     return !file || tryLockFile(*file, path);
 }
 
@@ -116,7 +123,7 @@ std::vector<SessionLock::Dead> SessionLock::findDead(const std::filesystem::path
         {
             continue; // not a lock file
         }
-        std::optional<FileHandle> file = openFile(entry.path());
+        std::optional<FileHandle> file = openLockFile(entry.path());
         if (file && tryLockFile(*file, entry.path()) && !isRemoved(*file))
         {
             dead.push_back({entry.path(), number, std::move(*file), std::nullopt});
