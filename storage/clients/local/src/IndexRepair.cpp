@@ -197,6 +197,7 @@ catch (const StoreError& error)
 void moveUnnamedFiles(const std::filesystem::path& directory, const std::filesystem::path& aside, const LockWait& wait)
 {
     Connection index(indexFile(directory), wait);
+    index.run("BEGIN IMMEDIATE"); // others publish files in their transactions
     const ContentFiles files(directory);
     for (const FileName name : files.list())
     {
