@@ -38,6 +38,7 @@ void check(CommandContext& context, bool repair)
     CheckOptions options;
     options.repair = repair;
     options.progress = interrupt::throwIfPending;
+    options.interrupted = interrupt::isPending;
     options.report = [&output](const Damage& damage)
     {
         output.line(describe(damage));

@@ -49,6 +49,15 @@ struct UploadPart
     FileName name;
 };
 
+// What cannot be read now, for example without permission or descriptors, may be intact. To be called in a handler.
+void throwUnlessDamage(const StoreError& error)
+{
+    if (error.kind() != StoreError::Kind::Damaged)
+    {
+        throw;
+    }
+}
+
 class Check
 {
 public:
@@ -78,7 +87,7 @@ private:
 
     const std::filesystem::path m_directory;
     const CheckOptions& m_options;
-    const local::LockLimits m_limits{LocalSettings().lockTimeout, {}};
+    const local::LockLimits m_limits{LocalSettings().lockTimeout, m_options.interrupted};
     std::unique_ptr<Database> m_index;
     std::unique_ptr<local::ContentFiles> m_files;
     CheckResult m_result;
@@ -105,10 +114,7 @@ bool Check::openAndCheckIndex()
     }
     catch (const StoreError& error)
     {
-        if (error.kind() != StoreError::Kind::Damaged)
-        {
-            throw;
-        }
+        throwUnlessDamage(error);
         reason = error.what();
     }
     m_files.reset();
@@ -189,6 +195,7 @@ void Check::checkObject(const Object& object)
                 return;
             }
         }
+        throwUnlessDamage(error);
         report({Damage::Kind::Object, object.key, error.what(), m_options.repair ? removeObject(object) : ""});
     }
     ++m_result.objects;
@@ -251,6 +258,7 @@ std::optional<std::string> Check::findDamage(UploadPart& part)
     }
     catch (const StoreError& error)
     {
+        throwUnlessDamage(error);
         return error.what();
     }
 }
@@ -303,11 +311,7 @@ void Check::copyAside(const Object& object, const std::filesystem::path& target)
         }
         catch (const StoreError& error)
         {
-            if (error.kind() == StoreError::Kind::NoSpace)
-            {
-                throw;
-            }
-            // The rest of the part cannot be read.
+            throwUnlessDamage(error); // else the rest of the part cannot be read
         }
     }
     if (::ftruncate(to.get(), static_cast<off_t>(object.size)) != 0)

@@ -22,6 +22,8 @@ StoreError::Kind kindOf(int error)
     case ENOSPC:
     case EDQUOT:
         return StoreError::Kind::NoSpace;
+    case EIO: // the disk has lost bytes
+        return StoreError::Kind::Damaged;
     default:
         return StoreError::Kind::Other;
     }

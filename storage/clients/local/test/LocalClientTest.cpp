@@ -129,6 +129,8 @@ TEST(LocalClientTest, WaitsForAStoppedWriterOnlyToWriteAndNotForEver)
         LocalClient writer(folder.store, limits);
         EXPECT_THAT([&] { put(writer, "small", "new"); }, isLocked);
         EXPECT_THAT([&] { LocalClient(folder.root / "new", limits); }, isLocked);
+        EXPECT_THAT([&] { checkLocalStore(folder.root / "new", {.interrupted = [] { return true; }}); },
+            fails<UnknownErrorException>("because of an interrupt"));
     }
     ASSERT_EQ(::kill(process, SIGCONT), 0);
     EXPECT_EQ(waitForProcess(process), 0);
@@ -350,7 +352,7 @@ TEST(LocalClientTest, WorksAgainAfterAShortageOfDescriptors)
     rlimit before = {};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
     bool hasWorked = false;
-    for (rlim_t spare = 0; !hasWorked && spare < 20; ++spare)
+    for (rlim_t spare = 0; !hasWorked && spare < 40; ++spare)
     {
         const TestFolder folder;
         LocalClient client(folder.store, nothingInline);
@@ -361,6 +363,7 @@ TEST(LocalClientTest, WorksAgainAfterAShortageOfDescriptors)
         try
         {
             put(client, "k", "content");
+            EXPECT_EQ(checkLocalStore(folder.store, {}).damaged, 0U);
             hasWorked = true;
         }
         catch (const UnknownErrorException&)

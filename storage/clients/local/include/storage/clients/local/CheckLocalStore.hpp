@@ -34,6 +34,9 @@ struct CheckOptions
 
     /// Called at least once for every 256 KiB that are read. Whatever it throws ends the check.
     std::function<void()> progress = [] {};
+
+    /// As in LocalSettings.
+    std::function<bool()> interrupted = {};
 };
 
 struct CheckResult
