@@ -42,4 +42,7 @@ campaign damage "$damages"
 campaign network "$faults"
 campaign network "$flips" --flips
 campaign shortage "$shortages"
+if [[ ${1:-full} == full ]]; then # the tests of the project run it, too
+    /usr/bin/python3 bench/campaigns/sweep.py build/release || status=1
+fi
 exit "$status"

@@ -149,6 +149,7 @@ protected:
         m_stored = prepare("file", GetParam().parts, 0);
         const Contents source = prepare("source", GetParam().source, 77);
         m_hasFaults = !planned.empty();
+        m_faultedRuns += planned.empty() ? 0 : 1;
         m_expected.reset();
         m_streams = 0;
         m_failures.clear();
@@ -185,10 +186,13 @@ protected:
         }
     }
 
+    void TearDown() override { RecordProperty("faultedRuns", m_faultedRuns); } // for bench/campaigns/sweep.py
+
     std::size_t m_unit = 1; // bytes; a part of a scripted scenario has 16 units
     unsigned m_seed = Random(GetParam().seed).seed;
     std::vector<Operation> m_calls;      // of a run
     std::vector<std::string> m_failures; // why steps of it failed
+    int m_faultedRuns = 0;
 
 private:
     Contents prepare(const std::string& key, std::vector<std::size_t> sizes, std::size_t firstByte)

@@ -347,11 +347,14 @@ protected:
         for (std::size_t n = 1; isReached; ++n)
         {
             SCOPED_TRACE(testing::Message() << row.name << ", request " << n << (isPersistent ? " and all after" : ""));
+            ++faultedRuns;
             const std::string failure = failureOf([&] { isReached = failRequest(row, n, isPersistent); });
             ASSERT_EQ(failure, "");
             EXPECT_TRUE(isReached || n > 1) << "no request";
         }
     }
+
+    std::atomic<int> faultedRuns = 0;
 };
 
 TEST_P(FaultTest, LosesNothingAtAnyOperation)
@@ -364,6 +367,7 @@ TEST_P(FaultTest, LosesNothingAtAnyOperation)
             threads.emplace_back([&] { failEachRequest(row, true); });
         }
     }
+    RecordProperty("faultedRuns", faultedRuns); // for bench/campaigns/sweep.py
     for (const PendingUpload& upload : direct->pendingUploads())
     {
         EXPECT_TRUE(upload.key.starts_with("uploadPart") || upload.key.starts_with("completion"))
