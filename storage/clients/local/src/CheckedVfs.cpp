@@ -13,6 +13,7 @@
 #include <string>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace storage::clients::local
@@ -408,6 +409,13 @@ int sizeOfLog(sqlite3_file* base, sqlite3_int64* size)
     return isLost ? SQLITE_CORRUPT : code;
 }
 
+// A FIFO, for example, takes what is written and never returns it.
+bool isIrregular(const std::string& path)
+{
+    struct stat status = {};
+    return ::lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+}
+
 using Methods = sqlite3_io_methods;
 
 constexpr Methods indexMethods = {2, // without the methods for memory mapping, which would bypass the checks
@@ -429,6 +437,10 @@ int open(sqlite3_vfs* vfs, const char* name, sqlite3_file* target, int flags, in
         return below->xOpen(below, name, target, flags, usedFlags);
     }
     auto* file = new (target) File();
+    if (isIrregular(name) || isIrregular(std::string(name) + logEndSuffix))
+    {
+        return SQLITE_CORRUPT;
+    }
     int code = below->xOpen(below, name, file->inner(), flags, usedFlags);
     if (code != SQLITE_OK)
     {

@@ -230,10 +230,15 @@ void repairIndex(const std::filesystem::path& directory, const LockLimits& limit
         old.reset(); // closing the files that are copied drops its locks
         for (const char* suffix : {"", "-wal", logEndSuffix})
         {
-            if (std::filesystem::exists(file.native() + suffix))
+            const std::filesystem::path source = file.native() + suffix;
+            if (std::filesystem::is_regular_file(std::filesystem::symlink_status(source)))
             {
-                std::filesystem::copy_file(file.native() + suffix, aside / (file.filename().native() + suffix),
-                    std::filesystem::copy_options::overwrite_existing);
+                std::filesystem::copy_file(
+                    source, aside / source.filename(), std::filesystem::copy_options::overwrite_existing);
+            }
+            else
+            {
+                removeFile(source); // a FIFO, for example
             }
         }
         if (!isReadable)

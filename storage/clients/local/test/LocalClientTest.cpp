@@ -195,11 +195,13 @@ TEST(LocalClientTest, AFlippedBitIsNeverServed)
         }
     };
     for (const char* loss : {"rm store/index.sqlite-wal",
+             "cd store && rm index.sqlite-wal index.sqlite-end && mkfifo index.sqlite-wal index.sqlite-end",
              "dd if=/dev/zero of=store/index.sqlite-wal bs=4096 count=1 conv=notrunc status=none"})
     {
         copy(killed, folder.store, std::filesystem::copy_options::recursive);
         EXPECT_EQ(shell(folder, loss), 0);
         EXPECT_THAT(readAll, fails<UnknownErrorException>("the index is damaged")) << loss;
+        checkAndRepair();
         remove_all(folder.store);
     }
     for (const bool isClosed : {false, true})
