@@ -25,8 +25,11 @@ Database::~Database()
 
 Database::Turn Database::takeTurn(const LockWait& wait)
 {
+    // The writer in front may be waiting for another process. Let it fail first: then this one finds that process, too.
+    constexpr std::chrono::seconds grace{1};
+    const auto end = wait.end() > std::chrono::steady_clock::now() ? wait.end() + grace : wait.end();
     std::unique_lock lock(m_turnMutex);
-    if (!m_turnEnded.wait_until(lock, wait.end(), [this] { return !m_isWriting; }))
+    if (!m_turnEnded.wait_until(lock, end, [this] { return !m_isWriting; }))
     {
         wait.fail("the index", ::getpid());
     }

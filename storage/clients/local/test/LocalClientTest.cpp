@@ -13,6 +13,7 @@
 #include <functional>
 #include <map>
 #include <sstream>
+#include <thread>
 
 #include <fcntl.h>
 #include <sched.h>
@@ -127,7 +128,10 @@ TEST(LocalClientTest, WaitsForAStoppedWriterOnlyToWriteAndNotForEver)
     {
         const auto isLocked = fails<UnknownErrorException>("process " + std::to_string(process) + " keeps");
         LocalClient writer(folder.store, limits);
-        EXPECT_THAT([&] { put(writer, "small", "new"); }, isLocked);
+        const auto expectLocked = [&] { EXPECT_THAT([&] { put(writer, "small", "new"); }, isLocked); };
+        std::thread second(expectLocked);
+        expectLocked();
+        second.join();
         EXPECT_THAT([&] { LocalClient(folder.root / "new", limits); }, isLocked);
         EXPECT_THAT([&] { checkLocalStore(folder.root / "new", {.interrupted = [] { return true; }}); },
             fails<UnknownErrorException>("because of an interrupt"));
