@@ -22,6 +22,8 @@ packages=(
     # makes the certificate of a server
     ceph-base ceph-common ceph-mon ceph-osd radosgw
     curl openssl
+    # the campaigns in bench/campaigns
+    python3
     # checking: git lists the files of the project
     clang-format-14 clang-tidy-14 git
     # measuring
@@ -29,7 +31,7 @@ packages=(
 )
 case ${1:-} in
     '') ;;
-    compare) packages+=(fuse3 libgdal-dev python3 python3-matplotlib rclone s3fs) ;;
+    compare) packages+=(fuse3 libgdal-dev python3-matplotlib rclone s3fs) ;;
     *)
         echo "usage: scripts/install-deps.sh [compare]" >&2
         exit 2
