@@ -2,6 +2,12 @@
 
 #include "StoreError.hpp"
 
+#include <storage/cloudprovider/Logger.hpp>
+
+#include <foundation/log/Severity.hpp>
+
+#include <fmt/format.h>
+
 #include <unistd.h>
 
 namespace storage::clients::local
@@ -109,9 +115,10 @@ void Database::shrink()
             transaction.commit();
         }
     }
-    catch (const StoreError&)
+    catch (const StoreError& error) // The disk is full, or others keep the index busy. A later removal tries again.
     {
-        // The disk is full, or others keep the index busy. A later removal gives the pages back.
+        cloudprovider::getLogger().write(foundation::log::severity::progress,
+            fmt::format("Not giving back free pages of a local store's index: {}", error.what()));
     }
 }
 

@@ -2,6 +2,12 @@
 
 #include "StoreError.hpp"
 
+#include <storage/cloudprovider/Logger.hpp>
+
+#include <foundation/log/Severity.hpp>
+
+#include <fmt/format.h>
+
 #include <boost/date_time/gregorian/gregorian_types.hpp>
 
 namespace storage::clients::local
@@ -184,8 +190,10 @@ try
             });
     }
 }
-catch (const StoreError&)
+catch (const StoreError& error)
 {
+    cloudprovider::getLogger().write(foundation::log::severity::warning,
+        fmt::format("Leaving parts of a removed object in a local store: {}", error.what()));
     files.leaveOrphans(); // the next client that opens the store goes on
 }
 

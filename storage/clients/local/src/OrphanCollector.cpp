@@ -19,7 +19,7 @@ namespace storage::clients::local
 namespace
 {
 
-void logLeft(std::uint32_t severity, const StoreError& error)
+void logLeft(std::uint32_t severity, const std::exception& error)
 {
     cloudprovider::getLogger().write(
         severity, fmt::format("Leaving orphaned files in a local store: {}", error.what()));
@@ -112,11 +112,12 @@ void collectOrphans(Database& database, ContentFiles& files)
     }
     catch (const StoreError& error)
     {
-        if (error.kind() != StoreError::Kind::Locked)
-        {
-            throw;
-        }
-        logLeft(foundation::log::severity::progress, error); // the next client that opens the store tries again
+        using namespace foundation::log;
+        logLeft(error.kind() == StoreError::Kind::Locked ? severity::progress : severity::warning, error);
+    }
+    catch (const std::filesystem::filesystem_error& error)
+    {
+        logLeft(foundation::log::severity::warning, error);
     }
 }
 

@@ -13,7 +13,8 @@ namespace storage::clients::local
 /// machine was restarted since a session died, for then the notes may be incomplete. On a full disk, those files are
 /// left that an interrupted commit may name: at most the files of one transaction for each dead client. While another
 /// client writes, all are left.
-/// @throws StoreError; orphans that remain are collected by the next call
+///
+/// Failures are logged: orphans must not keep anybody from reading. The next call tries again.
 void collectOrphans(Database& database, ContentFiles& files);
 
 } // namespace storage::clients::local

@@ -86,7 +86,8 @@ void checkBlocks(const Segment& segment, std::uint64_t offset, const char* bytes
 bool exists(Database& database, std::int64_t object)
 {
     Database::ReadTransaction index(database);
-    return index->query("SELECT 1 FROM object_parts WHERE object = ?", object).next();
+    // Not a lookup by key, but rare. The parts of a removed object do not count: they may be dropped one by one.
+    return index->query("SELECT 1 FROM objects WHERE id = ?", object).next();
 }
 
 // Find and open the next segments; nullopt when the version was replaced.

@@ -173,6 +173,10 @@ TEST(CrashTest, CollectsOrphansOfDeadSessionsOnly)
     LocalClient removing(store);
     removing.deleteObject("k");
     EXPECT_THAT(files(store / "sessions"), SizeIs(2)) << "a crash before the file is removed must be noticed";
+
+    std::filesystem::create_directory(store / "incoming/00000000000000fc-1"); // cannot be removed
+    std::ofstream(store / "sessions/00000000000000fc") << "dead";
+    EXPECT_NO_THROW(LocalClient(store, {.createMissing = false}));
 }
 
 TEST(CrashTest, EndsTheUploadsOfClientsThatHaveEnded)

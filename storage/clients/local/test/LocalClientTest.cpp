@@ -82,6 +82,7 @@ TEST(LocalClientTest, RefusesOtherDirectoriesAndReportsDamage)
         {damaged, "is not a regular file", "for f in store/contents/*; do rm $f; mkfifo $f; done"},
         {damaged, "is not a regular file", "for f in store/contents/*; do mv $f moved; ln -s $PWD/moved $f; done"},
         {damaged, "damaged: the index has lost a part", "true", "DELETE FROM contents WHERE data IS NULL"},
+        {damaged, "damaged: the index has lost", "true", "DELETE FROM object_parts"},
         {damaged, "damaged: the index has lost", "true", "UPDATE object_parts SET offset = 9 WHERE content = 4"},
         {damaged, "the index is damaged",
             "head -c 40000 /dev/zero | dd of=store/index.sqlite bs=8192 seek=1 conv=notrunc status=none"}};
