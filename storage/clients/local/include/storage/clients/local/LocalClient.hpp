@@ -98,7 +98,7 @@ struct LocalSettings
 /// is a content file with a wrong size. A read of a range has to read whole blocks. A damaged log is refused as long as
 /// it should be complete: from the last operation that was durable when it returned.
 ///
-/// Versions: a store of version 1, which has no checksums, is upgraded when it is opened. That copies the index, which
+/// Upgrade: a store of version 1, which has no checksums, is upgraded when it is opened. That copies the index, which
 /// takes as long and as much room as a copy of its file. A crash leaves the old index or the new one. Content files
 /// from before have no checksums; only their sizes are checked. Older programs refuse an upgraded store, and must not
 /// use the store while it is upgraded: opening it fails then.
