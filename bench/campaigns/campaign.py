@@ -43,7 +43,8 @@ class Campaign:
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="campaign-"))
         self.buffers = self.folder / "buffers"
         self.buffers.mkdir()
-        self.environment = dict(os.environ, TMPDIR=str(self.buffers), LC_ALL="C.UTF-8", AWS_EC2_METADATA_DISABLED="true")
+        self.environment = {**os.environ, "TMPDIR": str(self.buffers), "LC_ALL": "C.UTF-8",
+                            "AWS_EC2_METADATA_DISABLED": "true"}  # fmt: skip
 
     def command(self, store, *arguments):
         return [str(self.program), "--store", store, *map(str, arguments)]

@@ -32,7 +32,8 @@ class Damage(Campaign):
         self.run(self.store, "put", "-r", source, "/")
         # The log of a store holds committed transactions until the last client closes: keep one client alive meanwhile.
         client = subprocess.Popen(
-            self.command(self.store, "put", "-f", "-", "tree/small000"), stdin=subprocess.PIPE, env=self.environment)  # fmt: skip
+            self.command(self.store, "put", "-f", "-", "tree/small000"), stdin=subprocess.PIPE,
+            env=self.environment)  # fmt: skip
         while not (self.intact / "index.sqlite-wal").exists():
             time.sleep(0.01)
         for name in ("small001", "medium1"):

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""Kill the program at random instants while it changes a local store, and check what the next start finds.
+"""Kill the program at random instants while it works on a local store, and check what the next start finds.
 
 Every file must be one of the versions that the killed commands were storing or replacing, a command that reported
-success must have stored its file, and nothing but the files may be left.
+success must have stored its file, and nothing but the files may be left. A file that get downloads is whole or the old
+one, too.
 """
 
 import math
@@ -22,6 +23,9 @@ class Kills(Campaign):
         super().__init__(__doc__, rounds=1000)
         self.store_folder = self.folder / "store"
         self.store = f"local:{self.store_folder}"
+        self.downloads = self.folder / "downloads"
+        self.downloads.mkdir()
+        self.downloaded = {}  # file in that folder → its bytes
         self.durations = {}  # of each kind of command that was not killed, in seconds
         self.files = {}  # path in the store → its bytes
         for half in "ab":
@@ -43,11 +47,11 @@ class Kills(Campaign):
         return root
 
     def plan(self, half):
-        """Choose a command in one half of the store. Return its kind, arguments, input and what it does to the files."""
+        """Choose a command in one half of the store. Return its kind, arguments, input and what it does to files."""
         present = [path for path in self.files if path.startswith(half) and self.files[path] is not None]
         names = [f"{half}/{name}" for name in SIZES]
-        kind = self.rng.choice(["put", "put", "write", "mv", "rm", "put -r"])
-        if kind in ("write", "mv", "rm") and not present:
+        kind = self.rng.choice(["put", "put", "write", "mv", "rm", "put -r", "get"])
+        if kind in ("write", "mv", "rm", "get") and not present:
             kind = "put"
         if kind == "put":
             path = self.rng.choice(names)
@@ -61,6 +65,8 @@ class Kills(Campaign):
         old = self.files[path]
         if kind == "rm":
             return kind, ["rm", path], b"", {path: None}
+        if kind == "get":
+            return kind, ["get", "-f", path, self.downloads / half], b"", {}
         if kind == "mv":
             target = self.rng.choice([name for name in names if name != path])
             return kind, ["mv", "-f", path, target], b"", {target: old, path: None}
@@ -107,6 +113,7 @@ class Kills(Campaign):
             self.fail("failed without a kill", f"{plan[1]}: exit {status}")
         before = self.durations.get(plan[0], elapsed)
         self.durations[plan[0]] = 0.7 * before + 0.3 * elapsed
+        self.check_downloads([plan], [status])
         self.files.update(plan[3])
 
     def read_all(self):
@@ -132,8 +139,8 @@ class Kills(Campaign):
             for path, data in effects.items():
                 allowed[path].append(data)
         for plan, status in zip(plans, statuses):
-            for path in plan[3] if status == 0 else ():
-                allowed[path] = [data for data in allowed[path] if data is not self.files[path]]  # a command that succeeded has replaced the old bytes
+            for path in plan[3] if status == 0 else ():  # a command that succeeded has replaced the old bytes
+                allowed[path] = [data for data in allowed[path] if data is not self.files[path]]
         found = self.read_all()
         if found is None:
             return
@@ -145,8 +152,23 @@ class Kills(Campaign):
                 target, source = effects
                 if found[source] is None and digest(found[target]) != digest(effects[target]):
                     self.fail("lost", f"{source} after {arguments}")
+        self.check_downloads(plans, statuses)
         self.files = found
         self.check_leftovers()
+
+    def check_downloads(self, plans, statuses):
+        for (kind, arguments, _, _), status in zip(plans, statuses):
+            if kind == "get":
+                *_, path, file = arguments
+                found = file.read_bytes() if file.exists() else None
+                allowed = [self.files[path]] if status == 0 else [self.files[path], self.downloaded.get(file)]
+                if digest(found) not in map(digest, allowed):
+                    self.fail("torn", f"{file} after {arguments}")
+                self.downloaded[file] = found
+        if left := {*self.downloads.iterdir()} - {*self.downloaded}:
+            self.fail("left over", f"{left} after {[plan[1] for plan in plans]}")
+            for file in left:
+                file.unlink()
 
     def check_leftovers(self):
         if left := list(self.buffers.iterdir()):
@@ -175,7 +197,8 @@ class Kills(Campaign):
             self.counts["killed"] += sum(status == -signal.SIGKILL for status in statuses)
             self.counts["finished first"] += sum(status == 0 for status in statuses)
             self.check(plans, statuses)
-        self.finish("kill -9 of put, write, mv, rm, put -r", ["torn", "lost", "left over", "wrong status", "hang", "signal"])
+        self.finish("kill -9 of put, write, mv, rm, put -r, get",
+                    ["torn", "lost", "left over", "wrong status", "hang", "signal"])  # fmt: skip
 
 
 Kills().main()

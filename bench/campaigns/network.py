@@ -14,6 +14,14 @@ import urllib.parse
 import proxy
 from campaign import LARGE, MEDIUM, SMALL, Campaign, digest, make_bytes
 
+STALL_EVERY = 50  # faults: each stall lasts about 40 s, until the client gives the connection up
+
+# What a flip can be noticed by, and what the log says then.
+NOTICED_BY = {
+    b"XAmzContentSHA256Mismatch": "the signed hash of the request",
+    b"do not match the entity tag": "the entity tag of the response",
+}
+
 
 class Network(Campaign):
     def __init__(self):
@@ -27,7 +35,8 @@ class Network(Campaign):
         self.faults = 0
         self.proxy = proxy.Proxy(store.hostname, store.port, self.choose)
         bucket = f"campaign-{os.getpid()}"
-        access, secret, region = (os.environ[f"AWS_{name}"] for name in ("ACCESS_KEY_ID", "SECRET_ACCESS_KEY", "REGION"))
+        access, secret, region = (os.environ[name] for name in
+                                  ("AWS_ACCESS_KEY_ID", "AWS_SECRET_ACCESS_KEY", "AWS_REGION"))  # fmt: skip
         subprocess.run(["curl", "-sSf", "-X", "PUT", "-K", "-", "--aws-sigv4", f"aws:amz:{region}:s3",
                         "-H", "x-amz-content-sha256: UNSIGNED-PAYLOAD", f"{store.geturl()}/{bucket}"],
                        input=f'user="{access}:{secret}"'.encode(), check=True)  # fmt: skip
@@ -43,16 +52,14 @@ class Network(Campaign):
         with self.lock:
             if self.flips or self.rng.random() > 0.15:
                 return self.pass_with_flip if self.flip else None
+            fault = proxy.stall if self.faults % STALL_EVERY == 0 else self.rng.choice(proxy.FAULTS)
             self.faults += 1
-            return proxy.stall if self.rng.random() < 0.01 else self.rng.choice(proxy.FAULTS)
+            return fault
 
     def pass_with_flip(self, forwarder, request, client):
         """Flip one bit of this request's body or its response's, if it has one and none was flipped before."""
-        body = self.flip_once("sent", request.body) if request.method in ("PUT", "POST") else request.body
-        head, response = proxy.split(forwarder.forward(request, body))
-        if request.method == "GET":
-            response = self.flip_once("received", response)
-        client.sendall(head + response)
+        head, response = proxy.split(forwarder.forward(request, self.flip_once("sent", request.body)))
+        client.sendall(head + self.flip_once("received", response))
 
     def flip_once(self, direction, body):
         with self.lock:
@@ -105,6 +112,7 @@ class Network(Campaign):
             if done is not None:
                 self.check(arguments, done, effects)
         self.counts["faults injected"] = self.faults
+        self.counts["of them stalls"] = -(-self.faults // STALL_EVERY)
         uploads = self.run(self.direct, "uploads", "list").stdout
         self.counts["uploads left open"] = len(uploads.splitlines())
         self.finish("commands through a faulty proxy", ["wrong bytes", "left over", "hang", "signal"])
@@ -113,27 +121,35 @@ class Network(Campaign):
         for number in range(self.options.rounds):
             name = self.rng.choice(list(self.files))
             data = make_bytes(self.rng, len(self.files[name]))
-            direction = "sent" if number % 2 else "received"
-            bodies = {"small": 1, "medium": 2, "large": 4}[name]  # not the same one each time
+            # Not the same body each time. The only body that a put receives is the result of its completion.
+            kind, direction, bodies = [("cat", "received", {"small": 1, "medium": 2, "large": 4}[name]),
+                                       ("put", "sent", {"small": 1, "medium": 1, "large": 4}[name]),
+                                       ("put", "received", 2)][number % 5 // 2]  # fmt: skip
             self.flip = (direction, self.rng.randrange(bodies), self.rng.randrange(1 << 40))
-            if direction == "sent":
-                done = self.run(self.store, "put", "-f", "-", name, data=data)
-                self.files[name] = found = self.run(self.direct, "cat", name).stdout
+            if kind == "put":
+                done = self.run(self.store, "-v", "put", "-f", "-", name, data=data)
+                found = self.run(self.direct, "cat", name).stdout
             else:
-                done = self.run(self.store, "cat", name)
+                done = self.run(self.store, "-v", "cat", name)
                 data, found = self.files[name], done and done.stdout
-            if self.flip is not None:
-                self.counts["without so many bodies"] += 1
-            elif done is not None and done.returncode == 0:
-                if found == data:
-                    self.counts[f"{direction} and corrected"] += 1
-                elif direction == "received":
-                    self.counts["received in a range, which carries no checksum, and unnoticed"] += 1
-                else:
-                    self.fail("unnoticed", f"{direction} {name}")
-            else:
-                self.counts[f"{direction} and refused"] += 1
-        self.finish("bodies with a flipped bit", ["unnoticed", "hang", "signal"])
+            if done is not None:
+                self.count_flip(f"{kind} {name}", direction, done, found == data)
+            self.files[name] = data if kind == "cat" else found
+        self.finish("bodies with a flipped bit", ["wrong bytes", "hang", "signal"])
+
+    def count_flip(self, command, direction, done, is_right):
+        noticed = [name for text, name in NOTICED_BY.items() if text in done.stderr]
+        if self.flip is not None:
+            self.counts["not flipped: fewer bodies"] += 1
+        elif done.returncode != 0 or noticed:
+            self.counts[f"{direction}, noticed by {noticed[0] if noticed else 'something else'}"] += 1
+            self.counts["refused"] += done.returncode != 0
+        elif is_right:
+            self.counts[f"{direction}, without effect"] += 1
+        elif command == "cat large":
+            self.counts["received in a range, unnoticed"] += 1
+        if done.returncode == 0 and not is_right and (noticed or command != "cat large"):
+            self.fail("wrong bytes", command)
 
 
 network = Network()

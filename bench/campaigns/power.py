@@ -2,8 +2,8 @@
 """Cut the power at random instants while the program changes a local store, and check what is then on the disk.
 
 The disk is replayed: each file has the bytes of its last sync or the latest, and each folder the names of its last sync
-or the latest. Every file must be one of the versions that the command was storing or replacing, and after the end of the
-command it must be the new one.
+or the latest. Every file must be one of the versions that the command was storing or replacing, and after the end of
+the command it must be the new one.
 """
 
 import pathlib
@@ -120,7 +120,8 @@ class Power(Campaign):
             names, contents = self.stored()
             self.recording.mkdir()
             self.store_folder.mkdir(exist_ok=True)
-            self.environment |= {"LD_PRELOAD": str(self.recorder), "RECORDED": str(self.store_folder), "RECORDING": str(self.recording)}
+            self.environment |= {"LD_PRELOAD": str(self.recorder), "RECORDED": str(self.store_folder),
+                                 "RECORDING": str(self.recording)}  # fmt: skip
             done = self.run(self.store, *arguments, data=data)
             del self.environment["LD_PRELOAD"]
             if done is None or done.returncode != 0:

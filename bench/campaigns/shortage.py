@@ -55,7 +55,8 @@ class Shortage(Campaign):
             yield ["put", "-f", "-", name], data, {name: data}
             yield ["put", "-", "another"], data, {"another": data}
             yield ["cat", name], b"", {}
-            yield ["write", name, "--offset", "1000"], b"patch", {name: self.old[name][:1000] + b"patch" + self.old[name][1005:]}  # fmt: skip
+            patched = self.old[name][:1000] + b"patch" + self.old[name][1005:]
+            yield ["write", name, "--offset", "1000"], b"patch", {name: patched}
             yield ["mv", name, "another"], b"", {"another": self.old[name], name: None}
             yield ["rm", name], b"", {name: None}
         yield ["put", "-rf", self.tree, "/"], b"", {f"tree/{name}": data for name, data in self.new.items()}
