@@ -20,15 +20,16 @@ namespace
 /// Open an empty file that has no name, and that programs started by the host do not inherit.
 boost::iostreams::file_descriptor openUnnamedFile(const fl::filesystem::path& folder)
 {
+    boost::iostreams::file_descriptor result; // takes the memory that it needs to own a file
     const fl::filesystem::path file = fl::filesystem::tmpnam(folder);
     const int opened = ::open(file.native().c_str(), O_RDWR | O_CLOEXEC);
     const int error = errno;
-    boost::iostreams::file_descriptor result(opened, boost::iostreams::close_handle);
-    fl::filesystem::remove(file);
+    fl::filesystem::remove(file); // before anything else can fail
     if (opened < 0)
     {
         throw std::system_error(error, std::generic_category(), "opening a temporary file");
     }
+    result.open(opened, boost::iostreams::close_handle);
     return result;
 }
 

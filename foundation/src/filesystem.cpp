@@ -6,8 +6,10 @@
 #include <boost/system/system_error.hpp>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -88,12 +90,21 @@ path tmpnam(const path& folder, const path& prefix, const path& suffix)
         ::unlink(name.c_str());
         throwSystemError(error, "setting the permissions of \"" + name + "\"");
     }
-    return name;
+    return path(std::move(name)); // takes no memory: a failure would leave the file without an owner
 }
 
 bool remove(const path& file)
 {
-    return boost::filesystem::remove(detail::make_access_form(detail::to_filesystem(file)));
+    // Takes no memory unless it fails, so that destructors can remove their files.
+    if (std::remove(file.native().c_str()) == 0)
+    {
+        return true;
+    }
+    if (errno != ENOENT && errno != ENOTDIR)
+    {
+        throwSystemError(errno, "removing \"" + file.native() + "\"");
+    }
+    return false;
 }
 
 } // namespace fl::filesystem

@@ -70,7 +70,8 @@ FOUNDATION_EXPORT path make_native_form(const path& file, bool absolute);
 /// The file is created atomically and exclusively, so that no other process can put a file or a link in its place. Only
 /// its owner can read and write it (mode 0600), whatever the umask. The caller removes it. Any thread may call this.
 ///
-/// @param folder  where to create the file; empty: the system's temporary folder ($TMPDIR, else /tmp)
+/// @param folder  where to create the file; empty: the system's temporary folder, named by the first of TMPDIR,
+///                TMP, TEMP and TEMPDIR that is set, else /tmp
 /// @param prefix  start of the file's name, without separators; empty: "fl"
 /// @param suffix  end of the file's name, without separators, for example ".tmp"
 /// @return the file's path; never empty

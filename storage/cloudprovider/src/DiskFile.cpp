@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <string>
 #include <utility>
 
@@ -55,15 +54,18 @@ private:
 /// Create an empty temporary file. Its name tells which process it belongs to.
 fl::filesystem::path createFile()
 {
+    boost::filesystem::path folder;
     try
     {
-        return fl::filesystem::detail::make_native_form(fl::filesystem::tmpnam({}, temporaryFilePrefix(), {}), true);
+        // Absolute before the file exists: nothing may fail between its creation and that of its owner.
+        folder = boost::filesystem::absolute(boost::filesystem::temp_directory_path());
+        return fl::filesystem::tmpnam(folder.string(), temporaryFilePrefix(), {});
     }
     catch (const boost::system::system_error& error)
     {
-        const char* const variable = std::getenv("TMPDIR");
+        const auto* const noFolder = dynamic_cast<const boost::filesystem::filesystem_error*>(&error);
         throw TemporaryFileException(
-            std::string("creating a temporary file in ") + (variable != nullptr ? variable : "/tmp"),
+            "creating a temporary file in " + (noFolder != nullptr ? noFolder->path1() : folder).string(),
             error.code().value());
     }
 }

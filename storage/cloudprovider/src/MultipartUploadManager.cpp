@@ -44,9 +44,13 @@ void MultipartUploadManager::asyncUploadPart(
     logEntry(CallSite("void storage::cloudprovider::MultipartUploadManager::asyncUploadPart(const RecordSource &, "
                       "BufferSharedPtr, DoneCallback)",
         source));
+    UploadTasks task(1); // takes memory before the record is taken: a part whose record was taken must be queued
+    task.front().buffer = std::move(buffer);
+    task.front().onDone = std::move(onDone);
     {
         const MutexLock lock(m_mutex);
-        enqueue({takeRecord(), std::move(buffer), std::move(onDone)});
+        task.front().info = takeRecord();
+        enqueue(task);
     }
     processQueueAndLogFailure();
 }
@@ -55,9 +59,11 @@ void MultipartUploadManager::asyncReusePart(PartInfo info, DoneCallback onDone)
 {
     logEntry(CallSite(
         "void storage::cloudprovider::MultipartUploadManager::asyncReusePart(PartInfo, DoneCallback)", source));
+    UploadTasks task;
+    task.push_back({std::move(info), nullptr, std::move(onDone)});
     {
         const MutexLock lock(m_mutex);
-        enqueue({std::move(info), nullptr, std::move(onDone)});
+        enqueue(task);
     }
     processQueueAndLogFailure();
 }
@@ -143,10 +149,16 @@ std::string MultipartUploadManager::getUploadId()
     return *m_uploadId;
 }
 
-void MultipartUploadManager::enqueue(UploadTask task)
+bool MultipartUploadManager::holds(const UploadTasks& tasks, std::size_t index)
 {
-    std::erase_if(m_queue, [&](const UploadTask& waiting) { return waiting.info.Index == task.info.Index; });
-    m_queue.push_back(std::move(task));
+    return std::any_of(tasks.begin(), tasks.end(), [&](const UploadTask& task) { return task.info.Index == index; });
+}
+
+void MultipartUploadManager::enqueue(UploadTasks& task)
+{
+    const std::size_t index = task.front().info.Index;
+    m_queue.remove_if([&](const UploadTask& waiting) { return waiting.info.Index == index; });
+    m_queue.splice(m_queue.end(), task);
 }
 
 void MultipartUploadManager::processQueueAndLogFailure()
@@ -163,36 +175,35 @@ void MultipartUploadManager::processQueueAndLogFailure()
 
 void MultipartUploadManager::processQueue()
 {
-    while (std::optional<UploadTask> task = takeNextTask())
+    while (const std::optional<UploadTasks::iterator> task = takeNextTask())
     {
+        UploadTasks done; // destroyed without the lock
         try
         {
-            transfer(*task);
+            transfer(**task);
         }
         catch (...)
         {
-            requeue(std::move(*task));
+            requeue(*task);
             throw;
         }
         const MutexLock lock(m_mutex);
-        m_partsInFlight.erase(task->info.Index);
+        done.splice(done.end(), m_inFlight, *task);
     }
 }
 
-std::optional<MultipartUploadManager::UploadTask> MultipartUploadManager::takeNextTask()
+std::optional<MultipartUploadManager::UploadTasks::iterator> MultipartUploadManager::takeNextTask()
 {
     const MutexLock lock(m_mutex);
     // Skip parts in flight: the thread that is transferring such a part comes back here when it has finished.
     const auto next = std::find_if(m_queue.begin(), m_queue.end(),
-        [this](const UploadTask& task) REQUIRES(m_mutex) { return !m_partsInFlight.contains(task.info.Index); });
+        [this](const UploadTask& task) REQUIRES(m_mutex) { return !holds(m_inFlight, task.info.Index); });
     if (next == m_queue.end())
     {
         return std::nullopt;
     }
-    m_partsInFlight.insert(next->info.Index);
-    UploadTask task = std::move(*next);
-    m_queue.erase(next);
-    return task;
+    m_inFlight.splice(m_inFlight.end(), m_queue, next);
+    return next;
 }
 
 void MultipartUploadManager::transfer(UploadTask& task)
@@ -214,16 +225,12 @@ void MultipartUploadManager::transfer(UploadTask& task)
     task.onDone(tag);
 }
 
-void MultipartUploadManager::requeue(UploadTask task)
+void MultipartUploadManager::requeue(UploadTasks::iterator task)
 {
+    UploadTasks superseded; // destroyed without the lock
     const MutexLock lock(m_mutex);
-    m_partsInFlight.erase(task.info.Index);
-    const bool superseded = std::any_of(m_queue.begin(), m_queue.end(),
-        [&](const UploadTask& waiting) { return waiting.info.Index == task.info.Index; });
-    if (!superseded)
-    {
-        m_queue.push_back(std::move(task));
-    }
+    UploadTasks& target = holds(m_queue, task->info.Index) ? superseded : m_queue;
+    target.splice(target.end(), m_inFlight, task);
 }
 
 } // namespace storage::cloudprovider

@@ -7,10 +7,9 @@
 #include <storage/cloudprovider/CloudClient.hpp>
 
 #include <cstddef>
-#include <deque>
 #include <functional>
+#include <list>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -92,12 +91,16 @@ private:
         DoneCallback onDone;
     };
 
-    void enqueue(UploadTask task) REQUIRES(m_mutex);
+    // Tasks only move from list to list. That takes no memory, so no task is lost when there is none.
+    using UploadTasks = std::list<UploadTask>;
+
+    static bool holds(const UploadTasks& tasks, std::size_t index);
+    void enqueue(UploadTasks& task) REQUIRES(m_mutex); // the only one in its list
     void processQueueAndLogFailure();
     void processQueue();
-    std::optional<UploadTask> takeNextTask();
+    std::optional<UploadTasks::iterator> takeNextTask();
     void transfer(UploadTask& task);
-    void requeue(UploadTask task);
+    void requeue(UploadTasks::iterator task);
     std::string getUploadId();
 
     const OpenFileContextSharedPtr m_context;
@@ -109,8 +112,8 @@ private:
     mutable Mutex m_mutex;
     std::optional<std::string> m_uploadId GUARDED_BY(m_mutex); // empty: no upload is open
     std::string m_lastTag GUARDED_BY(m_mutex);                 // of the part uploaded last, or as set by setLastTag()
-    std::deque<UploadTask> m_queue GUARDED_BY(m_mutex);        // oldest first; at most one task per part
-    std::set<std::size_t> m_partsInFlight GUARDED_BY(m_mutex); // indexes of the parts that are being transferred
+    UploadTasks m_queue GUARDED_BY(m_mutex);                   // oldest first; at most one task per part
+    UploadTasks m_inFlight GUARDED_BY(m_mutex);                // being transferred; at most one task per part
 };
 
 } // namespace storage::cloudprovider

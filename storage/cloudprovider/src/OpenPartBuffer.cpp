@@ -330,8 +330,9 @@ PartInfo OpenPartBuffer::markUploading()
 {
     logEntry(CallSite("PartInfo storage::cloudprovider::OpenPartBuffer::markUploading()", source));
     const MutexLock lock(m_mutex);
+    PartInfo record = m_info; // before the state changes, because it takes memory
     m_localDataVersion = LocalDataVersion::SCHEDULED_UPLOAD;
-    return m_info;
+    return record;
 }
 
 void OpenPartBuffer::markUploaded()
@@ -340,8 +341,8 @@ void OpenPartBuffer::markUploaded()
     const MutexLock lock(m_mutex);
     if (m_localDataVersion != LocalDataVersion::NEW)
     {
-        m_localDataVersion = LocalDataVersion::CLOUD;
         m_storedTag = m_info.Tag;
+        m_localDataVersion = LocalDataVersion::CLOUD;
     }
 }
 

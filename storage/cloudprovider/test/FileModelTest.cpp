@@ -15,6 +15,23 @@
 // After each close, the object has its old or its new bytes, and a change that is missing was reported. Nothing is left
 // behind. Random scenarios print their seed; MODEL_SEED=n runs the rows "random" with that seed.
 
+void* operator new(std::size_t size)
+{
+    std::size_t& left = storage::cloudprovider::allocationsLeft;
+    void* const memory = left != 0 && --left == 0 ? nullptr : std::malloc(size);
+    return memory != nullptr ? memory : throw std::bad_alloc();
+}
+
+void operator delete(void* memory) noexcept
+{
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t /*size*/) noexcept
+{
+    std::free(memory);
+}
+
 namespace storage::cloudprovider
 {
 
@@ -175,7 +192,7 @@ protected:
         {
             checkReplacement(source);
         }
-        EXPECT_THAT(m_failures, testing::Each("Unknown"));
+        EXPECT_THAT(m_failures, testing::Each(testing::AnyOf("Unknown", "std"))); // std::bad_alloc
         EXPECT_TRUE(is_empty(temp.path)) << "temporary files are left";
         // An upload stays if its id was lost or if it could not be aborted.
         EXPECT_TRUE(faults->hasFailed(Operation::CreateMultipartUpload) ||
@@ -193,6 +210,7 @@ protected:
     std::vector<Operation> m_calls;      // of a run
     std::vector<std::string> m_failures; // why steps of it failed
     int m_faultedRuns = 0;
+    std::size_t m_allocationsLeft = 0; // of a run, see allocationsLeft
 
 private:
     Contents prepare(const std::string& key, std::vector<std::size_t> sizes, std::size_t firstByte)
@@ -206,10 +224,12 @@ private:
         return stored(key);
     }
 
-    /// Run a step. @return whether it succeeded
+    /// Run a step, which may be the one that gets no memory. @return whether it succeeded
     bool attempt(const std::function<void()>& step, const std::string& expected = "done")
     {
+        allocationsLeft = m_allocationsLeft;
         const std::string reason = reasonOf(step);
+        m_allocationsLeft = std::exchange(allocationsLeft, 0);
         if (reason != expected)
         {
             m_failures.push_back(reason);
@@ -248,9 +268,19 @@ private:
     void write(const Stream& stream, std::size_t offset, const std::string& bytes)
     {
         const std::size_t start = stream.appends ? m_content.size() : offset;
-        attempt([&] { writeAt(*stream.stream, start, bytes); }, stream.writes ? "done" : "PermissionDenied");
-        const auto written = static_cast<std::size_t>(stream.stream->seek(0, std::ios_base::cur)) - start;
-        const auto size = static_cast<std::size_t>(stream.stream->seek(0, std::ios_base::end));
+        std::size_t first = ~std::size_t{0}; // stays if the seek fails
+        const auto writeBytes = [&]
+        {
+            first =
+                static_cast<std::size_t>(stream.stream->seek(static_cast<std::streamoff>(start), std::ios_base::beg));
+            storage::cloudprovider::write(*stream.stream, bytes);
+        };
+        const bool isWritten = attempt(writeBytes, stream.writes ? "done" : "PermissionDenied");
+        const auto position = static_cast<std::size_t>(stream.stream->seek(0, std::ios_base::cur));
+        const std::size_t written = first == start ? position - start : 0;
+        // The stream is asked only after a failure, because it leaves the part, which sends it.
+        const auto size = isWritten ? (written != 0 ? start + written : 0)
+                                    : static_cast<std::size_t>(stream.stream->seek(0, std::ios_base::end));
         m_changed = m_changed || written != 0 || size > m_content.size();
         m_content.resize(std::max(m_content.size(), size), '\0');
         m_content.replace(std::min(start, m_content.size()), written, bytes, 0, written);
@@ -354,6 +384,18 @@ TEST_P(FileModelTest, SurvivesAnOperationThatFailsForAWhile)
     }
 }
 
+using LittleMemoryTest = FileModelTest; // not over clients that allocate on threads of their own
+
+TEST_P(LittleMemoryTest, SurvivesTheFailureOfEveryAllocation)
+{
+    for (std::size_t n = 1; m_allocationsLeft == 0; ++n)
+    {
+        m_allocationsLeft = n;
+        runOnce({});
+        ASSERT_FALSE(HasFailure()) << "allocation " << n;
+    }
+}
+
 using RandomFileTest = FileModelTest;
 
 TEST_P(RandomFileTest, BehavesLikeAString)
@@ -408,14 +450,16 @@ TEST_P(FullDiskTest, LeavesTheOldObjectOrTheNewOne)
 
 using Model = FileModelTest;
 const auto rowName = [](const auto& row) { return row.param.name; };
-const auto scenarios = testing::Values(Scenario{"newFile", &Model::patchGapAppend},
-    Scenario{"newSmallFile", &Model::patch}, Scenario{"fileOfManyParts", &Model::patchGapAppend, {16, 10, 12}},
-    Scenario{"smallFile", &Model::patch, {7}}, Scenario{"move", &Model::move, {7}, {16, 16, 13}},
-    Scenario{"moveOfTwoParts", &Model::move, {7}, {16, 7}}, Scenario{"copy", &Model::copy, {20}, {16, 16, 13}},
-    Scenario{"copyAtomically", &Model::copyAtomically, {7}, {16, 7}}, Scenario{"extend", &Model::extend, {7}},
-    Scenario{"extendManyParts", &Model::extend, {16, 16, 3}});
+const auto scenarios =
+    testing::Values(Scenario{"newFile", &Model::patchGapAppend}, Scenario{"newSmallFile", &Model::patch},
+        Scenario{"fileOfManyParts", &Model::patchGapAppend, {16, 10, 12}}, Scenario{"smallFile", &Model::patch, {7}},
+        Scenario{"partOfTwo", &Model::patch, {16, 7}}, Scenario{"move", &Model::move, {7}, {16, 16, 13}},
+        Scenario{"moveOfTwoParts", &Model::move, {7}, {16, 7}}, Scenario{"copy", &Model::copy, {20}, {16, 16, 13}},
+        Scenario{"copyAtomically", &Model::copyAtomically, {7}, {16, 7}}, Scenario{"extend", &Model::extend, {7}},
+        Scenario{"extendManyParts", &Model::extend, {16, 16, 3}});
 INSTANTIATE_TEST_SUITE_P(Scenarios, FileModelTest, scenarios, rowName);
 INSTANTIATE_TEST_SUITE_P(Scenarios, FullDiskTest, scenarios, rowName);
+INSTANTIATE_TEST_SUITE_P(Scenarios, LittleMemoryTest, scenarios, rowName);
 INSTANTIATE_TEST_SUITE_P(Stacks, FileModelTest,
     testing::Values(Scenario{"fileOfManyPartsLocal", &Model::patchGapAppend, {16, 10, 12}, {}, Stack::Local},
         Scenario{"empty", &Model::empty, {16, 7}}, Scenario{"moveLocal", &Model::move, {7}, {16, 7}, Stack::Local},

@@ -198,11 +198,13 @@ TEST_F(OpenFileTest, PartsStayClosedIfTheyCannotBeLoaded)
     EXPECT_FALSE(part.isOpen());
     part.markModified();
     const auto reader = provider->openReadOnlyStream(iriOf("k"));
-    setenv("TMPDIR", "/nowhere", 1);
+    unsetenv("TMPDIR");
+    setenv("TEMP", "/nowhere", 1); // also names the folder
     EXPECT_THROW(part.openIfModified(), UnknownErrorException);
     EXPECT_FALSE(part.isOpen());
     const std::string why = "creating a temporary file in /nowhere: Not a directory; TMPDIR can name another folder";
     EXPECT_EQ(outcome([&] { readAt(*reader, 0, 1); }), "ByteStreamReadFailure: Unknown: " + why);
+    unsetenv("TEMP");
 }
 
 /// A buffer that shares a limited room with others, and whose close() may always fail but keeps the bytes.

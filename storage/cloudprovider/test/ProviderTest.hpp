@@ -144,6 +144,9 @@ struct PrivateFolder
         boost::filesystem::unique_path("files-%%%%%%%%");
 };
 
+/// The allocation of this thread that fails: 1 is the next one; 0: none. Counts down in a program that replaces new.
+inline thread_local std::size_t allocationsLeft = 0;
+
 /// Records calls: "listObjects d/ '/' -1; getObjectRange d/k 4 7; uploadPart d/k 1+4".
 class RecordingClient : public clients::FaultyClient
 {
@@ -180,6 +183,7 @@ public:
 protected:
     void around(const Call& call, const std::function<void()>& proceed) override
     {
+        const std::size_t left = std::exchange(allocationsLeft, 0); // stores and tests have enough memory
         std::string text = std::string(clients::name(call.operation)) + " " + call.key + std::exchange(s_arguments, "");
         if (call.part != nullptr)
         {
@@ -192,11 +196,13 @@ protected:
         try
         {
             FaultyClient::around(call, proceed);
+            allocationsLeft = left;
         }
         catch (...)
         {
             const std::lock_guard lock(m_mutex);
             m_failed.insert(call.operation);
+            allocationsLeft = left;
             throw;
         }
     }
