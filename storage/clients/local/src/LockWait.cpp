@@ -10,6 +10,7 @@
 #include <thread>
 
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 namespace storage::clients::local
 {
@@ -51,8 +52,11 @@ std::optional<pid_t> findLockHolder(const std::filesystem::path& file, std::int6
         return std::nullopt;
     }
     // F_GETLK would need a handle of the file, and closing that would drop the locks that SQLite has in this process.
-    // The device is not compared: some file systems show another one there.
+    // Some file systems show another device there than stat() does. So a file of the same number counts if there is no
+    // better one.
     const std::string inode = ':' + std::to_string(status.st_ino);
+    const std::string place = fmt::format("{:02x}:{:02x}", major(status.st_dev), minor(status.st_dev)) + inode;
+    std::optional<pid_t> holder;
     std::ifstream locks("/proc/locks");
     for (std::string line; std::getline(locks, line);)
     {
@@ -62,18 +66,22 @@ std::optional<pid_t> findLockHolder(const std::filesystem::path& file, std::int6
         std::string type;
         std::string mode;
         std::string access;
-        std::string place;
+        std::string found;
         pid_t process = 0;
         std::int64_t first = 0;
         std::string last;
-        fields >> number >> type >> mode >> access >> process >> place >> first >> last;
-        if (fields && access == "WRITE" && process > 0 && place.ends_with(inode) && first <= byte &&
+        fields >> number >> type >> mode >> access >> process >> found >> first >> last;
+        if (fields && access == "WRITE" && process > 0 && found.ends_with(inode) && first <= byte &&
             (last == "EOF" || byte <= std::strtoll(last.c_str(), nullptr, 10)))
         {
-            return process;
+            holder = process;
+            if (found == place)
+            {
+                break;
+            }
         }
     }
-    return std::nullopt;
+    return holder;
 }
 
 } // namespace storage::clients::local
