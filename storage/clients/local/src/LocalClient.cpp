@@ -260,9 +260,12 @@ void LocalClient::abortMultipartUpload(const std::string& key, const std::string
                 {
                     StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
                     const std::int64_t upload = m_uploads->require(transaction.index(), key, uploadId);
-                    endUpload(transaction, upload);
-                    transaction.commit();
+                    const bool hasParts = endUpload(transaction, upload);
                     m_uploads->end(upload);
+                    if (hasParts)
+                    {
+                        transaction.commit();
+                    }
                 });
         });
 }
@@ -280,8 +283,8 @@ void LocalClient::completeMultipartUpload(
             const StoredObject object = completeUpload(transaction, key, upload, parts,
                 [&](std::int64_t stored, std::int64_t base)
                 { return m_pins.descends(key, local::tagOf(stored), local::tagOf(base)); });
-            transaction.commit();
             m_uploads->end(upload);
+            transaction.commit();
             write.succeeded(versionOf(object));
         });
 }

@@ -168,7 +168,7 @@ void endUploadsOfDeadClients(Database& database, ContentFiles& files)
             StoreTransaction transaction(database, files, Durability::Synced, LockWait(noWait));
             for (const std::int64_t upload : uploads)
             {
-                endUpload(transaction, upload); // changes nothing if another client has ended it meanwhile
+                endUpload(transaction, upload); // another client may have ended it meanwhile
             }
             transaction.commit();
         });
@@ -198,14 +198,19 @@ void setUploadPart(StoreTransaction& transaction, std::int64_t upload, std::size
     }
 }
 
-void endUpload(StoreTransaction& transaction, std::int64_t upload)
+bool endUpload(StoreTransaction& transaction, std::int64_t upload)
 {
+    if (!transaction.index().query("SELECT 1 FROM uploads WHERE id = ?", upload).next())
+    {
+        return false;
+    }
     const std::int64_t removed = transaction.newId();
     transaction.index().run(
         "INSERT INTO object_parts SELECT ?, number, content FROM upload_parts WHERE upload = ?", removed, upload);
     transaction.index().run("DELETE FROM upload_parts WHERE upload = ?", upload);
     transaction.index().run("DELETE FROM uploads WHERE id = ?", upload);
     removeParts(transaction, removed);
+    return true;
 }
 
 StoredObject completeUpload(StoreTransaction& transaction, const std::string& key, std::int64_t upload,

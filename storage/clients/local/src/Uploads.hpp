@@ -41,7 +41,8 @@ public:
     /// To be called after the transaction of requireForPart() was committed.
     void partStored(std::int64_t upload);
 
-    /// To be called after the transaction that ended the upload was committed.
+    /// To be called in the transaction that ends the upload, before its commit: between the two, another thread could
+    /// store a part, which would add the upload again. If the commit fails, an upload that has parts remains.
     void end(std::int64_t upload);
 
 private:
@@ -73,7 +74,9 @@ void setUploadPart(StoreTransaction& transaction, std::int64_t upload, std::size
     std::optional<std::int64_t> source);
 
 /// End the upload and drop its parts.
-void endUpload(StoreTransaction& transaction, std::int64_t upload);
+///
+/// @return false: it is not in the index, because it has no parts or has ended
+bool endUpload(StoreTransaction& transaction, std::int64_t upload);
 
 /// Make the listed parts the object under the key, and end the upload. No bytes are moved.
 ///
