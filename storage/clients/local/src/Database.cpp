@@ -86,11 +86,10 @@ void Database::returnConnection(Connection* connection) noexcept
     }
 }
 
-void Database::restartLog()
+void Database::restartLog(std::optional<LockWait> wait)
 {
-    const LockWait wait(m_limits);
-    const Turn turn = takeTurn(wait);
-    borrow(wait)->execute("PRAGMA wal_checkpoint(TRUNCATE)");
+    const Turn turn = takeTurn(wait ? *wait : wait.emplace(m_limits));
+    borrow(*wait)->execute("PRAGMA wal_checkpoint(TRUNCATE)");
 }
 
 void Database::shrink()

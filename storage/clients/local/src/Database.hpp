@@ -89,10 +89,11 @@ public:
     };
 
     /// Merge the write-ahead log into the index, so that the next transaction overwrites it from its start on. Needs no
-    /// disk space. Waits for all readers.
+    /// disk space. Waits for all readers and writers.
     ///
+    /// @param wait  empty: as long as LocalSettings say
     /// @throws StoreError
-    void restartLog();
+    void restartLog(std::optional<LockWait> wait = std::nullopt);
 
     /// Give some pages back to the file system if much of the index is free. To be called after a removal.
     void shrink();

@@ -168,7 +168,7 @@ void removeParts(StoreTransaction& transaction, std::int64_t object)
     }
 }
 
-void dropRemoved(Database& database, ContentFiles& files)
+void dropRemoved(Database& database, ContentFiles& files, std::optional<LockWait> wait)
 try
 {
     const auto find = [&]
@@ -178,16 +178,18 @@ try
     };
     while (const std::optional<std::int64_t> object = find())
     {
-        freeRoom(database,
+        freeRoom(
+            database,
             [&]
             {
-                StoreTransaction transaction(database, files, Durability::Synced);
+                StoreTransaction transaction(database, files, Durability::Synced, wait);
                 if (dropParts(transaction, *object))
                 {
                     transaction.index().run("DELETE FROM removed WHERE object = ?", *object);
                 }
                 transaction.commit();
-            });
+            },
+            wait);
     }
 }
 catch (const StoreError& error)

@@ -70,6 +70,8 @@ void removeParts(StoreTransaction& transaction, std::int64_t object);
 
 /// Drop the parts of removed objects that are left, in small transactions: on a full disk, there is no room for a large
 /// one. If that fails, it is left to the orphan collector.
-void dropRemoved(Database& database, ContentFiles& files);
+///
+/// @param wait  for other clients; empty: as long as LocalSettings say
+void dropRemoved(Database& database, ContentFiles& files, std::optional<LockWait> wait = std::nullopt);
 
 } // namespace storage::clients::local

@@ -106,7 +106,7 @@ void collectOrphans(Database& database, ContentFiles& files)
         files.removeIncoming(dead);
         if (removeOrphans(database, files, dead))
         {
-            dropRemoved(database, files); // no other writer is in the way now
+            dropRemoved(database, files, LockWait(noWait));
             files.removeLocks(dead);
         }
     }

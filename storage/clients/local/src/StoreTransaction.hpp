@@ -79,8 +79,10 @@ private:
 
 /// Run a transaction that frees more room than it needs. On a full disk, the write-ahead log may have no room for it
 /// before it is overwritten; then the transaction runs twice.
+///
+/// @param wait  for other clients in between; see Database::restartLog()
 template <typename Body>
-void freeRoom(Database& database, Body body)
+void freeRoom(Database& database, Body body, const std::optional<LockWait>& wait = std::nullopt)
 {
     try
     {
@@ -92,7 +94,7 @@ void freeRoom(Database& database, Body body)
         {
             throw;
         }
-        database.restartLog();
+        database.restartLog(wait);
         body();
     }
 }

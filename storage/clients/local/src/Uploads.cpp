@@ -162,7 +162,8 @@ void endUploadsOfDeadClients(Database& database, ContentFiles& files)
     {
         return;
     }
-    freeRoom(database,
+    freeRoom(
+        database,
         [&]
         {
             StoreTransaction transaction(database, files, Durability::Synced, LockWait(noWait));
@@ -171,7 +172,8 @@ void endUploadsOfDeadClients(Database& database, ContentFiles& files)
                 endUpload(transaction, upload); // another client may have ended it meanwhile
             }
             transaction.commit();
-        });
+        },
+        LockWait(noWait));
 }
 
 std::vector<PendingUpload> listUploads(Connection& index)
