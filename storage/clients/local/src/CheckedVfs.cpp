@@ -1,5 +1,7 @@
 #include "CheckedVfs.hpp"
 
+#include "Files.hpp"
+
 #include <sqlite3.h>
 #include <xxhash.h>
 
@@ -13,7 +15,6 @@
 #include <string>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace storage::clients::local
@@ -59,10 +60,12 @@ struct File : sqlite3_file
     sqlite3_file* inner() noexcept { return reinterpret_cast<sqlite3_file*>(this + 1); }
     const sqlite3_io_methods& call() noexcept { return *inner()->pMethods; }
 
-    File* other = nullptr; // of a log: the index; of an index: the log, if it is open
-    int logEnd = -1;       // of an index: the file with the LogEnd
-    LogEnd written;        // of a log: where the transaction that is being written ends
-    LogEnd expected;       // of a log: what the recovery that is in progress must find
+    const char* name = nullptr; // SQLite keeps it while the file is open
+    File* other = nullptr;      // of a log: the index; of an index: the log, if it is open
+    int logEnd = -1;            // of an index: the file with the LogEnd
+    bool ignoresLogEnd = false; // of an index
+    LogEnd written;             // of a log: where the transaction that is being written ends
+    LogEnd expected;            // of a log: what the recovery that is in progress must find
 };
 
 File& fileOf(sqlite3_file* file)
@@ -154,7 +157,7 @@ static_assert(sizeof(StoredLogEnd) == 24); // no padding: all bytes are written
 LogEnd readLogEnd(const File& index)
 {
     StoredLogEnd stored;
-    const bool isRight = ::pread(index.logEnd, &stored, sizeof(stored), 0) == sizeof(stored) &&
+    const bool isRight = !index.ignoresLogEnd && ::pread(index.logEnd, &stored, sizeof(stored), 0) == sizeof(stored) &&
                          StoredLogEnd::hashOf(stored.end) == stored.hash;
     return isRight ? stored.end : LogEnd();
 }
@@ -172,6 +175,22 @@ int reserve(File& file, sqlite3_int64 size)
     const auto control = file.call().xFileControl;
     control(file.inner(), SQLITE_FCNTL_CHUNK_SIZE, &step);
     return control(file.inner(), SQLITE_FCNTL_SIZE_HINT, &size) == SQLITE_OK ? SQLITE_OK : SQLITE_FULL;
+}
+
+// Run a function that may throw: SQLite is not written for exceptions.
+template <typename Body>
+int guarded(Body body) noexcept
+try
+{
+    return body();
+}
+catch (const std::bad_alloc&)
+{
+    return SQLITE_NOMEM;
+}
+catch (...)
+{
+    return SQLITE_IOERR;
 }
 
 // Methods of both kinds of files.
@@ -244,6 +263,23 @@ int writeIndex(sqlite3_file* base, const void* bytes, int size, sqlite3_int64 of
     return file.call().xWrite(file.inner(), page.data(), size, offset);
 }
 
+int mapShared(sqlite3_file* base, int region, int size, int extend, void volatile** mapped)
+{
+    File& file = fileOf(base);
+    return guarded(
+        [&]
+        {
+            if (isIrregular(std::string(file.name) + "-shm"))
+            {
+                return SQLITE_CORRUPT;
+            }
+            const int code = file.call().xShmMap(file.inner(), region, size, extend, mapped);
+            // Another process is opening the index as its first user. SQLite would sleep up to 10 s by itself, and only
+            // then call the handler that can be interrupted. It calls that at once while another process recovers.
+            return code == SQLITE_BUSY ? SQLITE_BUSY_RECOVERY : code;
+        });
+}
+
 int lockShared(sqlite3_file* base, int offset, int count, int flags)
 {
     constexpr int writeLock = 0;
@@ -263,6 +299,11 @@ int controlIndex(sqlite3_file* base, int operation, void* argument)
         return SQLITE_OK;
     }
     File& file = fileOf(base);
+    if (operation == ignoreLogEnd)
+    {
+        file.ignoresLogEnd = true;
+        return SQLITE_OK;
+    }
     return file.call().xFileControl(file.inner(), operation, argument);
 }
 
@@ -409,25 +450,58 @@ int sizeOfLog(sqlite3_file* base, sqlite3_int64* size)
     return isLost ? SQLITE_CORRUPT : code;
 }
 
-// A FIFO, for example, takes what is written and never returns it.
-bool isIrregular(const std::string& path)
-{
-    struct stat status = {};
-    return ::lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
-}
-
 using Methods = sqlite3_io_methods;
 
 constexpr Methods indexMethods = {2, // without the methods for memory mapping, which would bypass the checks
     close, readIndex, writeIndex, forward<&Methods::xTruncate>, forward<&Methods::xSync>, forward<&Methods::xFileSize>,
     forward<&Methods::xLock>, forward<&Methods::xUnlock>, forward<&Methods::xCheckReservedLock>, controlIndex,
-    forward<&Methods::xSectorSize>, forward<&Methods::xDeviceCharacteristics>, forward<&Methods::xShmMap>, lockShared,
-    barrier, forward<&Methods::xShmUnmap>, nullptr, nullptr};
+    forward<&Methods::xSectorSize>, forward<&Methods::xDeviceCharacteristics>, mapShared, lockShared, barrier,
+    forward<&Methods::xShmUnmap>, nullptr, nullptr};
 
 constexpr Methods logMethods = {1, close, readLog, writeLog, truncateLog, syncLog, sizeOfLog, forward<&Methods::xLock>,
     forward<&Methods::xUnlock>, forward<&Methods::xCheckReservedLock>, forward<&Methods::xFileControl>,
     forward<&Methods::xSectorSize>, forward<&Methods::xDeviceCharacteristics>, nullptr, nullptr, nullptr, nullptr,
     nullptr, nullptr};
+
+bool hasMoved(File& index)
+{
+    int moved = 0;
+    index.call().xFileControl(index.inner(), SQLITE_FCNTL_HAS_MOVED, &moved);
+    return moved != 0;
+}
+
+int openChecked(sqlite3_vfs* below, const char* name, sqlite3_file* target, int flags, int* usedFlags)
+{
+    auto* file = new (target) File();
+    file->name = name;
+    if (isIrregular(name) || isIrregular(std::string(name) + logEndSuffix))
+    {
+        return SQLITE_CORRUPT;
+    }
+    const bool isLog = (flags & SQLITE_OPEN_WAL) != 0;
+    File* const index = isLog ? &fileOf(sqlite3_database_file_object(name)) : nullptr;
+    if (isLog && hasMoved(*index)) // the log belongs to the index that has replaced it
+    {
+        return SQLITE_READONLY_DBMOVED;
+    }
+    int code = below->xOpen(below, name, file->inner(), flags, usedFlags);
+    if (code != SQLITE_OK)
+    {
+        return code;
+    }
+    if (isLog)
+    {
+        file->pMethods = &logMethods;
+        file->other = index;
+        index->other = file;
+        reserve(*file, keptLogSize); // if there is no room yet, a later connection finds it
+        return SQLITE_OK;
+    }
+    file->pMethods = &indexMethods;
+    constexpr mode_t mode = 0600;
+    file->logEnd = ::open((std::string(name) + logEndSuffix).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, mode);
+    return file->logEnd >= 0 ? SQLITE_OK : SQLITE_CANTOPEN; // SQLite closes the file
+}
 
 int open(sqlite3_vfs* vfs, const char* name, sqlite3_file* target, int flags, int* usedFlags)
 {
@@ -436,28 +510,7 @@ int open(sqlite3_vfs* vfs, const char* name, sqlite3_file* target, int flags, in
     {
         return below->xOpen(below, name, target, flags, usedFlags);
     }
-    auto* file = new (target) File();
-    if (isIrregular(name) || isIrregular(std::string(name) + logEndSuffix))
-    {
-        return SQLITE_CORRUPT;
-    }
-    int code = below->xOpen(below, name, file->inner(), flags, usedFlags);
-    if (code != SQLITE_OK)
-    {
-        return code;
-    }
-    if ((flags & SQLITE_OPEN_WAL) != 0)
-    {
-        file->pMethods = &logMethods;
-        file->other = &fileOf(sqlite3_database_file_object(name));
-        file->other->other = file;
-        reserve(*file, keptLogSize); // if there is no room yet, a later connection finds it
-        return SQLITE_OK;
-    }
-    file->pMethods = &indexMethods;
-    constexpr mode_t mode = 0600;
-    file->logEnd = ::open((std::string(name) + logEndSuffix).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, mode);
-    return file->logEnd >= 0 ? SQLITE_OK : SQLITE_CANTOPEN; // SQLite closes the file
+    return guarded([&] { return openChecked(below, name, target, flags, usedFlags); });
 }
 
 } // namespace

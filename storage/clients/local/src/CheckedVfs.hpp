@@ -12,6 +12,11 @@ constexpr int pageChecksumSize = 8;
 /// The suffix of the file beside the index that says how much of the write-ahead log must be intact.
 constexpr const char* logEndSuffix = "-end";
 
+// Operations of sqlite3_file_control() on an index.
+
+/// Let the write-ahead log count up to its first damage. No argument.
+constexpr int ignoreLogEnd = 1001;
+
 /// Return the name of a file layer (VFS) of SQLite that checks everything that it reads from an index. It is registered
 /// at the first call. Any thread may call this.
 ///
@@ -21,7 +26,9 @@ constexpr const char* logEndSuffix = "-end";
 ///   and loses the transactions after it. So a small file beside the index keeps the place up to which the log was
 ///   synced, and a log that is damaged before that place is refused.
 ///
-/// Damage fails with SQLITE_CORRUPT. The shared memory of the connections is not checked: it does not outlive them.
+/// Damage fails with SQLITE_CORRUPT, as does something that is not a regular file in the place of one. An index that
+/// was replaced while it was being opened fails with SQLITE_READONLY_DBMOVED. The contents of the shared memory of the
+/// connections is not checked: it does not outlive them.
 ///
 /// The layer also keeps the room that removals need on a full disk. A transaction that enlarges the index gets the room
 /// for it before it is committed, so that a checkpoint never needs more. The log is never removed, and a part of it is

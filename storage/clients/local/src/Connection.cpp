@@ -151,6 +151,11 @@ void Connection::reserveChecksums()
     sqlite3_file_control(m_handle, "main", SQLITE_FCNTL_RESERVE_BYTES, &size);
 }
 
+void Connection::ignoreLogEnd()
+{
+    sqlite3_file_control(m_handle, "main", local::ignoreLogEnd, nullptr);
+}
+
 void Connection::emptyLog() noexcept
 {
     m_wait.reset();

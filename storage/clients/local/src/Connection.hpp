@@ -113,6 +113,9 @@ public:
     /// Let the pages of a new, empty index end in checksums.
     void reserveChecksums();
 
+    /// Let the write-ahead log count up to its first damage. To be called before the index is read.
+    void ignoreLogEnd();
+
     /// Set how long to wait from now on for locks of other connections.
     void setWait(const LockWait& wait) { m_wait = wait; }
 

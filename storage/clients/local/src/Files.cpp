@@ -130,6 +130,12 @@ std::optional<FileHandle> openFile(const std::filesystem::path& path)
     return file;
 }
 
+bool isIrregular(const std::filesystem::path& path) noexcept
+{
+    struct stat status = {};
+    return ::lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+}
+
 bool tryLockFile(const FileHandle& file, const std::filesystem::path& path)
 {
     if (::flock(file.get(), LOCK_EX | LOCK_NB) == 0)

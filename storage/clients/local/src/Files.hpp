@@ -52,6 +52,9 @@ FileHandle createFile(const std::filesystem::path& path);
 /// Open a regular file for reading; nullopt when there is none. Never waits, also if a FIFO is in its place.
 std::optional<FileHandle> openFile(const std::filesystem::path& path);
 
+/// Whether there is something that is no regular file: a FIFO, for example, takes what is written and never returns it.
+bool isIrregular(const std::filesystem::path& path) noexcept;
+
 /// Lock the file or folder against all other handles until this one is closed. Does not wait.
 ///
 /// @return false: it is locked

@@ -52,10 +52,11 @@ catch (const StoreError& error)
 class Rebuild
 {
 public:
-    Rebuild(Connection& old, Connection& fresh, std::function<void(const Damage&)> report)
+    // @param removed  where to add the objects that are lost
+    Rebuild(Connection& old, Connection& fresh, std::vector<Damage>& removed)
         : m_old(old)
         , m_fresh(fresh)
-        , m_report(std::move(report))
+        , m_removed(removed)
     {
     }
 
@@ -73,7 +74,7 @@ private:
 
     Connection& m_old;
     Connection& m_fresh;
-    const std::function<void(const Damage&)> m_report;
+    std::vector<Damage>& m_removed;
     std::int64_t m_maxId = 0;
 };
 
@@ -140,7 +141,7 @@ void Rebuild::copyObject(const Object& object)
     else
     {
         m_fresh.execute("ROLLBACK TO object");
-        m_report({Damage::Kind::Object, object.key, "the index has lost its parts", "removed"});
+        m_removed.push_back({Damage::Kind::Object, object.key, "the index has lost its parts", "removed"});
     }
     m_fresh.execute("RELEASE object");
 }
@@ -175,11 +176,16 @@ bool Rebuild::copyParts(std::int64_t object)
 
 // Open the old index for this process alone. It then keeps SQLite's shared memory in its own memory.
 //
+// @param wholeLog  refuse a log that is damaged; else it counts up to the first damage
 // @return whether it can be read
-bool open(std::optional<Connection>& connection, const std::filesystem::path& file, const LockWait& wait)
+bool open(std::optional<Connection>& connection, const std::filesystem::path& file, const LockWait& wait, bool wholeLog)
 try
 {
     connection.emplace(file, wait);
+    if (!wholeLog)
+    {
+        connection->ignoreLogEnd();
+    }
     connection->execute("PRAGMA locking_mode = EXCLUSIVE");
     connection->query("SELECT 1 FROM sqlite_schema").next();
     return true;
@@ -191,6 +197,34 @@ catch (const StoreError& error)
         throw;
     }
     return false;
+}
+
+// Create a folder for what this repair moves.
+std::filesystem::path newFolder(const std::filesystem::path& parent)
+{
+    makeFolders(parent);
+    for (int number = 1;; ++number)
+    {
+        std::filesystem::path folder = parent / fmt::format("index-{}", number);
+        if (std::filesystem::create_directory(folder) || std::filesystem::is_empty(folder))
+        {
+            return folder;
+        }
+    }
+}
+
+// Move a file beside the index.
+//
+// @return whether it was there
+bool moveAside(
+    const std::filesystem::path& file, const std::filesystem::path& folder, const std::string& addedToName = {})
+{
+    const bool exists = std::filesystem::exists(std::filesystem::symlink_status(file));
+    if (exists)
+    {
+        std::filesystem::rename(file, folder / (file.filename().native() + addedToName));
+    }
+    return exists;
 }
 
 // Move the content files of lost objects aside.
@@ -217,58 +251,52 @@ void moveUnnamedFiles(const std::filesystem::path& directory, const std::filesys
 void repairIndex(const std::filesystem::path& directory, const LockLimits& limits, const std::string& reason,
     const std::function<void(const Damage&)>& report)
 {
-    const std::filesystem::path file = indexFile(directory);
-    const std::filesystem::path aside = directory / "damaged";
+    const std::filesystem::path file = std::filesystem::canonical(indexFile(directory)); // as SQLite takes it
     const LockWait wait(limits);
     const FileHandle folder = openFolder(directory);
     lockFolder(folder, directory, wait);
-    makeFolders(aside);
+    const std::filesystem::path aside = newFolder(directory / "damaged");
     std::vector<std::string> lost;
+    bool hasWholeLog = true;
+    for (const char* suffix : {"-shm", "-wal", logEndSuffix})
     {
-        std::optional<Connection> old;
-        const bool isReadable = open(old, file, wait);
-        old.reset(); // closing the files that are copied drops its locks
-        for (const char* suffix : {"", "-wal", logEndSuffix})
+        const std::filesystem::path other = file.native() + suffix;
+        if (isIrregular(other) && moveAside(other, aside, ".irregular"))
         {
-            const std::filesystem::path source = file.native() + suffix;
-            if (std::filesystem::is_regular_file(std::filesystem::symlink_status(source)))
-            {
-                std::filesystem::copy_file(
-                    source, aside / source.filename(), std::filesystem::copy_options::overwrite_existing);
-            }
-            else
-            {
-                removeFile(source); // a FIFO, for example
-            }
+            hasWholeLog = hasWholeLog && suffix == std::string("-shm"); // which is made from the log
         }
-        if (!isReadable)
-        {
-            // Without its end, the log counts up to the first damage.
-            removeFile(file.native() + logEndSuffix);
-            lost.emplace_back("the last changes");
-        }
-        if (!open(old, file, wait))
+    }
+    std::optional<Connection> old; // keeps others out until its files are replaced
+    if (!hasWholeLog || !open(old, file, wait, true))
+    {
+        lost.emplace_back("the last changes");
+        if (isIrregular(file) || !open(old, file, wait, false))
         {
             throw damage("nothing can be read from the index");
         }
+    }
+    std::vector<Damage> removed;
+    {
         Connection fresh(createNewIndex(directory), wait);
         beginNewIndex(fresh);
-        Rebuild rebuild(*old, fresh, report);
+        Rebuild rebuild(*old, fresh, removed);
         if (const std::string objects = rebuild.run(); !objects.empty())
         {
             lost.push_back(objects);
         }
         rebuild.finish(ContentFiles(directory).list());
     }
-    for (const char* suffix : {"-wal", "-shm", logEndSuffix})
+    for (const char* suffix : {"", "-wal", "-shm", logEndSuffix})
     {
-        removeFile(file.native() + suffix);
+        moveAside(file.native() + suffix, aside);
     }
     installNewIndex(directory, folder);
+    old.reset();
+    std::for_each(removed.begin(), removed.end(), report);
     moveUnnamedFiles(directory, aside, wait);
     lost.emplace_back("open uploads");
     report({Damage::Kind::Index, {}, reason,
-        fmt::format("replaced; lost are {}; a copy is in \"{}\"", fmt::join(lost, " and "), aside.native())});
+        fmt::format("replaced; lost are {}; the old one is in \"{}\"", fmt::join(lost, " and "), aside.native())});
 }
 
 } // namespace storage::clients::local

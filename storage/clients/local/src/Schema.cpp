@@ -127,6 +127,13 @@ void upgrade(
 {
     constexpr const char* unchecked = "unix";
     const std::filesystem::path file = indexFile(directory);
+    for (const char* suffix : {"-wal", "-shm", logEndSuffix})
+    {
+        if (isIrregular(file.native() + suffix))
+        {
+            throw StoreError(error); // else SQLite would use it
+        }
+    }
     std::error_code ignored; // there is no such file
     if (const auto size = std::filesystem::file_size(file.native() + logEndSuffix, ignored); size > 0 && !ignored)
     {

@@ -48,6 +48,10 @@ StoreError systemError(const std::string& doing, int error)
 
 StoreError sqliteError(int code, int error, const std::string& message)
 {
+    if (code == SQLITE_READONLY_DBMOVED)
+    {
+        return StoreError("the index was replaced while it was being opened; open the store again");
+    }
     switch (code & 0xFF)
     {
     case SQLITE_CORRUPT:

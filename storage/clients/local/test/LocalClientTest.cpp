@@ -107,6 +107,7 @@ TEST(LocalClientTest, WaitsForAStoppedWriterOnlyToWriteAndNotForEver)
 {
     const TestFolder folder;
     makeStore(folder.store);
+    makeStore(folder.root / "opening");
     ASSERT_EQ(::mkdir((folder.root / "new").c_str(), 0700), 0);
     const int process = startProcess(
         [&]
@@ -116,6 +117,9 @@ TEST(LocalClientTest, WaitsForAStoppedWriterOnlyToWriteAndNotForEver)
             EXPECT_EQ(::flock(creating, LOCK_EX), 0);
             EXPECT_EQ(sqlite3_open((folder.store / "index.sqlite").c_str(), &index), SQLITE_OK);
             EXPECT_EQ(sqlite3_exec(index, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+            struct flock firstUser = {F_WRLCK, SEEK_SET, 128, 1, 0};
+            const path shared = folder.root / "opening" / "index.sqlite-shm";
+            EXPECT_EQ(::fcntl(::open(shared.c_str(), O_RDWR), F_SETLK, &firstUser), 0);
             ::raise(SIGSTOP);
         });
     int status = 0;
@@ -134,6 +138,9 @@ TEST(LocalClientTest, WaitsForAStoppedWriterOnlyToWriteAndNotForEver)
         expectLocked();
         second.join();
         EXPECT_THAT([&] { LocalClient(folder.root / "new", limits); }, isLocked);
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_THAT([&] { LocalClient(folder.root / "opening", limits); }, isLocked);
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, 8s);
         EXPECT_THAT([&] { checkLocalStore(folder.root / "new", {.interrupted = [] { return true; }}); },
             fails<UnknownErrorException>("because of an interrupt"));
     }
@@ -201,6 +208,7 @@ TEST(LocalClientTest, AFlippedBitIsNeverServed)
     };
     for (const char* loss : {"rm store/index.sqlite-wal",
              "cd store && rm index.sqlite-wal index.sqlite-end && mkfifo index.sqlite-wal index.sqlite-end",
+             "rm store/index.sqlite-shm && mkdir store/index.sqlite-shm",
              "dd if=/dev/zero of=store/index.sqlite-wal bs=4096 count=1 conv=notrunc status=none"})
     {
         copy(killed, folder.store, std::filesystem::copy_options::recursive);
@@ -248,6 +256,25 @@ TEST(LocalClientTest, AFlippedBitIsNeverServed)
         EXPECT_GT(kept, 10 * found) << "of 20 objects";
         kept = 0;
     }
+}
+
+TEST(LocalClientTest, ARepairKeepsTheOldIndexAndKeepsOthersFromIt)
+{
+    const TestFolder folder;
+    makeStore(folder.store);
+    for (const char* kept : {"damaged/index-1/index.sqlite", "damaged/index-2/index.sqlite"})
+    {
+        ASSERT_EQ(shell(folder, "rm -f store/index.sqlite-shm && mkfifo store/index.sqlite-shm"), 0);
+        sqlite3* early = nullptr; // opens the index before the repair, and reads it after
+        const path file = folder.store / "index.sqlite";
+        EXPECT_EQ(sqlite3_open_v2(file.c_str(), &early, SQLITE_OPEN_READWRITE, "cloudprovider-checked"), SQLITE_OK);
+        EXPECT_EQ(checkLocalStore(folder.store, {.repair = true}).repaired, 1U);
+        EXPECT_EQ(sqlite3_exec(early, "SELECT * FROM store", nullptr, nullptr, nullptr), SQLITE_READONLY);
+        EXPECT_EQ(sqlite3_close(early), SQLITE_OK);
+        EXPECT_TRUE(exists(folder.store / kept));
+    }
+    LocalClient client(folder.store);
+    EXPECT_EQ(get(client, "small") + get(client, "large"), content(1, 1000) + content(2, 500'000));
 }
 
 TEST(LocalClientTest, UpgradesAnIndexWithoutChecksums)

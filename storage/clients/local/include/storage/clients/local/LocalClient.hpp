@@ -48,7 +48,7 @@ struct LocalSettings
     std::chrono::milliseconds lockTimeout = std::chrono::minutes(1);
 
     /// Whether the process is interrupted: then a writer waits for at most a second. Called from any thread that uses
-    /// the client. Empty: never.
+    /// the client. Must not throw. Empty: never.
     std::function<bool()> interrupted = {};
 };
 
