@@ -47,6 +47,7 @@ struct UploadPart
     std::string key;
     Segment segment;
     FileName name;
+    bool isInIndex = true;
 };
 
 // What cannot be read now, for example without permission or descriptors, may be intact. To be called in a handler.
@@ -56,6 +57,13 @@ void throwUnlessDamage(const StoreError& error)
     {
         throw;
     }
+}
+
+// Whether the object is still under its key.
+bool isStored(local::Connection& index, const Object& object)
+{
+    const auto now = findObject(index, object.key);
+    return now && now->id == object.id;
 }
 
 class Check
@@ -76,7 +84,9 @@ private:
     void checkObject(const Object& object);
     void checkUploads();
     std::optional<std::string> findDamage(UploadPart& part);
-    std::string removeObject(const Object& object);
+    bool isOpen(std::int64_t upload);
+    bool abortUpload(std::int64_t upload);
+    std::optional<std::string> removeObject(const Object& object);
     void copyAside(const Object& object, const std::filesystem::path& target);
     void report(const Damage& damage);
 
@@ -134,13 +144,7 @@ void Check::open()
     local::prepareIndex(m_directory, false, m_limits);
     m_index = std::make_unique<Database>(local::indexFile(m_directory), m_limits);
     m_files = std::make_unique<local::ContentFiles>(m_directory);
-    Database::ReadTransaction index(*m_index);
-    local::Query query = index->query("PRAGMA integrity_check(1)"); // reads every page
-    if (query.next() && query.bytes(0) != "ok")
-    {
-        const std::string_view text = query.bytes(0);
-        throw local::damage("the index: " + std::string(text.substr(text.find('\n') + 1))); // without a heading
-    }
+    Database::ReadTransaction(*m_index)->checkPages(m_options.interrupted);
 }
 
 void Check::checkObjects()
@@ -187,16 +191,17 @@ void Check::checkObject(const Object& object)
     }
     catch (const StoreError& error)
     {
+        if (!isStored(*Database::ReadTransaction(*m_index), object))
         {
-            Database::ReadTransaction index(*m_index);
-            const auto now = findObject(*index, object.key);
-            if (!now || now->id != object.id)
-            {
-                return;
-            }
+            return;
         }
         throwUnlessDamage(error);
-        report({Damage::Kind::Object, object.key, error.what(), m_options.repair ? removeObject(object) : ""});
+        const std::optional<std::string> repair = m_options.repair ? removeObject(object) : "";
+        if (!repair)
+        {
+            return; // it was replaced or removed meanwhile
+        }
+        report({Damage::Kind::Object, object.key, error.what(), *repair});
     }
     ++m_result.objects;
     m_result.bytes += object.size;
@@ -210,14 +215,14 @@ void Check::checkUploads()
         Database::ReadTransaction index(*m_index);
         local::Query query = index->query(
             "SELECT upload.id, upload.key, content.id, content.size, content.session, content.hashes FROM uploads AS"
-            " upload JOIN upload_parts AS part ON part.upload = upload.id JOIN contents AS content ON content.id ="
-            " part.content WHERE content.session IS NOT NULL ORDER BY upload.id");
+            " upload JOIN upload_parts AS part ON part.upload = upload.id LEFT JOIN contents AS content ON content.id"
+            " = part.content WHERE content.session IS NOT NULL OR content.id IS NULL ORDER BY upload.id");
         while (query.next())
         {
             const auto size = static_cast<std::uint64_t>(query.integer(3));
             const FileName name{query.integer(2), static_cast<std::uint64_t>(query.integer(4))};
             parts.push_back({query.integer(0), std::string(query.bytes(1)),
-                {size, {}, {}, m_files->path(name), 0, size, std::string(query.bytes(5))}, name});
+                {size, {}, {}, m_files->path(name), 0, size, std::string(query.bytes(5))}, name, !query.isNull(2)});
         }
     }
     std::int64_t damaged = -1;
@@ -229,17 +234,10 @@ void Check::checkUploads()
             continue;
         }
         damaged = part.upload;
-        StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
-        if (!transaction.index().query("SELECT 1 FROM uploads WHERE id = ?", part.upload).next())
+        if (m_options.repair ? abortUpload(part.upload) : isOpen(part.upload))
         {
-            continue; // it was completed or aborted
+            report({Damage::Kind::Upload, part.key, *reason, m_options.repair ? "aborted" : ""});
         }
-        if (m_options.repair)
-        {
-            endUpload(transaction, part.upload);
-            transaction.commit();
-        }
-        report({Damage::Kind::Upload, part.key, *reason, m_options.repair ? "aborted" : ""});
     }
 }
 
@@ -247,6 +245,10 @@ std::optional<std::string> Check::findDamage(UploadPart& part)
 {
     try
     {
+        if (!part.isInIndex)
+        {
+            return "the index has lost a part";
+        }
         std::optional<local::FileHandle> file = m_files->open(part.name, part.segment.size);
         if (!file)
         {
@@ -263,22 +265,50 @@ std::optional<std::string> Check::findDamage(UploadPart& part)
     }
 }
 
-std::string Check::removeObject(const Object& object)
+bool Check::isOpen(std::int64_t upload)
+{
+    Database::ReadTransaction index(*m_index);
+    return index->query("SELECT 1 FROM uploads WHERE id = ?", upload).next();
+}
+
+// @return false: it was completed or aborted meanwhile
+bool Check::abortUpload(std::int64_t upload)
+{
+    bool isAborted = false;
+    local::freeRoom(*m_index,
+        [&]
+        {
+            StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
+            isAborted = endUpload(transaction, upload);
+            transaction.commit();
+        });
+    return isAborted;
+}
+
+// @return what was done; nullopt: the object was replaced or removed meanwhile
+std::optional<std::string> Check::removeObject(const Object& object)
 {
     const std::filesystem::path folder = m_directory / "damaged";
     local::makeFolders(folder);
     const std::filesystem::path target = folder / local::tagOf(object.id);
     copyAside(object, target);
+    bool isStillStored = false;
     local::freeRoom(*m_index,
         [&]
         {
             StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
-            if (const auto now = findObject(transaction.index(), object.key); now && now->id == object.id)
+            isStillStored = isStored(transaction.index(), object);
+            if (isStillStored)
             {
                 local::removeObject(transaction, object.key);
                 transaction.commit();
             }
         });
+    if (!isStillStored)
+    {
+        local::removeFile(target);
+        return std::nullopt;
+    }
     return fmt::format("removed; what was found of its {} bytes is in \"{}\"", object.size, target.native());
 }
 

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <new>
 #include <string>
@@ -60,12 +61,13 @@ struct File : sqlite3_file
     sqlite3_file* inner() noexcept { return reinterpret_cast<sqlite3_file*>(this + 1); }
     const sqlite3_io_methods& call() noexcept { return *inner()->pMethods; }
 
-    const char* name = nullptr; // SQLite keeps it while the file is open
-    File* other = nullptr;      // of a log: the index; of an index: the log, if it is open
-    int logEnd = -1;            // of an index: the file with the LogEnd
-    bool ignoresLogEnd = false; // of an index
-    LogEnd written;             // of a log: where the transaction that is being written ends
-    LogEnd expected;            // of a log: what the recovery that is in progress must find
+    const char* name = nullptr;                    // SQLite keeps it while the file is open
+    File* other = nullptr;                         // of a log: the index; of an index: the log, if it is open
+    int logEnd = -1;                               // of an index: the file with the LogEnd
+    bool ignoresLogEnd = false;                    // of an index
+    const std::function<void()>* onRead = nullptr; // of an index; null: nothing is to be called
+    LogEnd written;                                // of a log: where the transaction that is being written ends
+    LogEnd expected;                               // of a log: what the recovery that is in progress must find
 };
 
 File& fileOf(sqlite3_file* file)
@@ -228,6 +230,10 @@ void barrier(sqlite3_file* base)
 int readIndex(sqlite3_file* base, void* target, int size, sqlite3_int64 offset)
 {
     File& file = fileOf(base);
+    if (file.onRead != nullptr)
+    {
+        (*file.onRead)();
+    }
     const int code = file.call().xRead(file.inner(), target, size, offset);
     if (size != indexPageSize) // the header alone, which SQLite also reads as a part of its page
     {
@@ -299,6 +305,11 @@ int controlIndex(sqlite3_file* base, int operation, void* argument)
         return SQLITE_OK;
     }
     File& file = fileOf(base);
+    if (operation == callOnRead)
+    {
+        file.onRead = static_cast<const std::function<void()>*>(argument);
+        return SQLITE_OK;
+    }
     if (operation == ignoreLogEnd)
     {
         file.ignoresLogEnd = true;

@@ -14,6 +14,10 @@ constexpr const char* logEndSuffix = "-end";
 
 // Operations of sqlite3_file_control() on an index.
 
+/// Call a function before each read of the index. The argument is a pointer to a std::function<void()> that does not
+/// throw; null: call nothing.
+constexpr int callOnRead = 1000;
+
 /// Let the write-ahead log count up to its first damage. No argument.
 constexpr int ignoreLogEnd = 1001;
 

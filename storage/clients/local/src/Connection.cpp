@@ -4,6 +4,8 @@
 
 #include <sqlite3.h>
 
+#include <memory>
+#include <string>
 #include <utility>
 
 namespace storage::clients::local
@@ -154,6 +156,27 @@ void Connection::reserveChecksums()
 void Connection::ignoreLogEnd()
 {
     sqlite3_file_control(m_handle, "main", local::ignoreLogEnd, nullptr);
+}
+
+void Connection::checkPages(const std::function<bool()>& interrupted)
+{
+    // SQLite has a handler for long statements, but does not call it while it reads the pages.
+    std::function<void()> onRead = [&]
+    {
+        if (interrupted && interrupted())
+        {
+            sqlite3_interrupt(m_handle);
+        }
+    };
+    sqlite3_file_control(m_handle, "main", callOnRead, &onRead);
+    const std::shared_ptr<void> atEnd(
+        nullptr, [this](void*) { sqlite3_file_control(m_handle, "main", callOnRead, nullptr); });
+    Query check = query("PRAGMA integrity_check(1)");
+    if (check.next() && check.bytes(0) != "ok")
+    {
+        const std::string_view text = check.bytes(0);
+        throw damage("the index: " + std::string(text.substr(text.find('\n') + 1))); // without a heading
+    }
 }
 
 void Connection::emptyLog() noexcept

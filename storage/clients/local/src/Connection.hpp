@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -115,6 +116,12 @@ public:
 
     /// Let the write-ahead log count up to its first damage. To be called before the index is read.
     void ignoreLogEnd();
+
+    /// Read every page and check what it holds.
+    ///
+    /// @param interrupted  called often; does not throw; empty: never
+    /// @throws StoreError when the index is damaged, or if the check was interrupted
+    void checkPages(const std::function<bool()>& interrupted);
 
     /// Set how long to wait from now on for locks of other connections.
     void setWait(const LockWait& wait) { m_wait = wait; }

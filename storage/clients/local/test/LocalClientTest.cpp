@@ -143,6 +143,8 @@ TEST(LocalClientTest, WaitsForAStoppedWriterOnlyToWriteAndNotForEver)
         EXPECT_LT(std::chrono::steady_clock::now() - begin, 8s);
         EXPECT_THAT([&] { checkLocalStore(folder.root / "new", {.interrupted = [] { return true; }}); },
             fails<UnknownErrorException>("because of an interrupt"));
+        EXPECT_THAT([&] { checkLocalStore(folder.store, {.interrupted = [] { return true; }}); },
+            fails<UnknownErrorException>("the index failed: interrupted"));
     }
     ASSERT_EQ(::kill(process, SIGCONT), 0);
     EXPECT_EQ(waitForProcess(process), 0);
@@ -275,6 +277,12 @@ TEST(LocalClientTest, ARepairKeepsTheOldIndexAndKeepsOthersFromIt)
     }
     LocalClient client(folder.store);
     EXPECT_EQ(get(client, "small") + get(client, "large"), content(1, 1000) + content(2, 500'000));
+
+    uploadPart(client, "k", client.createMultipartUpload("k", ""), 0, content(1, 1000));
+    runSql(folder.store, "DELETE FROM contents WHERE id IN (SELECT content FROM upload_parts)");
+    EXPECT_EQ(checkLocalStore(folder.store, {}).damaged, 1U);
+    EXPECT_EQ(checkLocalStore(folder.store, {.repair = true}).repaired, 1U);
+    EXPECT_THAT(client.pendingUploads(), IsEmpty());
 }
 
 TEST(LocalClientTest, UpgradesAnIndexWithoutChecksums)

@@ -35,7 +35,7 @@ struct CheckOptions
     /// Called at least once for every 256 KiB that are read. Whatever it throws ends the check.
     std::function<void()> progress = [] {};
 
-    /// As in LocalSettings.
+    /// As in LocalSettings. It also ends the check of the index, during which progress() is not called.
     std::function<bool()> interrupted = {};
 };
 
@@ -57,11 +57,15 @@ struct CheckResult
 /// - A damaged object is removed. The file `damaged/OBJECT` gets its bytes as they were found, zeros for those that are
 ///   missing. OBJECT is the tag that the object had.
 /// - A damaged upload is aborted.
-/// - A damaged index is replaced by one with everything that can still be read, and the old one is moved. Nobody else
-///   may use the store then. Open uploads are lost. Content files that the new index does not name are moved, too.
+/// - A damaged index is replaced by one with everything that can still be read, and the old one is moved into a new
+///   folder `damaged/index-NUMBER`. Nobody else may use the store then. Open uploads are lost. Content files that the
+///   new index does not name are moved, too.
 ///
-/// @throws as the constructor of LocalClient, but not for a damaged store; UnknownErrorException also when a repair
-///         fails
+/// @throws as the constructor of LocalClient, but not for a damaged store
+/// @throws PermissionDeniedException, UnknownErrorException also when something cannot be read for another reason than
+///         damage, for example without descriptors, and when a repair fails, for example on a full disk. Then repairs
+///         that were reported have been made.
+/// @throws UnknownErrorException also when the check of the index was interrupted
 CheckResult checkLocalStore(const std::filesystem::path& directory, const CheckOptions& options);
 
 } // namespace storage::clients
