@@ -2,6 +2,7 @@
 
 #include <storage/clients/common/Content.hpp>
 #include <storage/clients/common/KeyRules.hpp>
+#include <storage/clients/common/TransientException.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 #include <storage/cloudprovider/Logger.hpp>
 
@@ -54,11 +55,20 @@ UploadPipeline::UploadPipeline(CloudClient& inner, const PipelineSettings& setti
 UploadPipeline::~UploadPipeline()
 {
     const auto open = m_uploads; // no lock: no call is in progress, and the workers do not touch the map
+    std::exception_ptr outage;   // the next abort would take as long to fail
     for (const auto& [address, upload] : open)
     {
         try
         {
-            abort(upload->key, upload->id);
+            try
+            {
+                outage ? std::rethrow_exception(outage) : abort(upload->key, upload->id);
+            }
+            catch (const TransientException&)
+            {
+                outage = std::current_exception();
+                throw;
+            }
         }
         catch (...)
         {

@@ -1,6 +1,7 @@
 #include "BufferPool.hpp"
 #include "awaitThreads.hpp"
 
+#include <storage/clients/common/TransientException.hpp>
 #include <storage/clients/decorators/CountingClient.hpp>
 #include <storage/clients/decorators/FaultyClient.hpp>
 #include <storage/clients/decorators/PipelinedUploadClient.hpp>
@@ -267,8 +268,15 @@ TEST_F(PipelinedUploadClientTest, AbortDropsWhatHasNotStartedAndWaitsForTheRest)
     store->abortMultipartUpload("k", upload);
     EXPECT_THROW(client->abortMultipartUpload("k", upload), ResourceNotFoundException);
     const std::uint64_t aborts = calls(Operation::AbortMultipartUpload);
+    client->createMultipartUpload("k", "");
+    faults->inject({.operation = Operation::AbortMultipartUpload,
+        .failure = std::make_exception_ptr(TransientException("the store is away"))});
     client.reset();
-    EXPECT_EQ(calls(Operation::AbortMultipartUpload), aborts + 1) << "the abort that failed should be retried";
+    EXPECT_EQ(calls(Operation::AbortMultipartUpload), aborts + 1) << "of two open uploads";
+    for (const auto& open : store->openUploads())
+    {
+        store->abortMultipartUpload(open.key, open.uploadId);
+    }
 }
 
 TEST_F(PipelinedUploadClientTest, AcceptsProvisionalTagsWhileTheStoresAreKnown)

@@ -156,9 +156,15 @@ TEST_F(HttpClientTest, CancelsOnlyRequestsThatBeganBeforeAnInterrupt)
     EXPECT_EQ(failureKind(interruptible, {.method = "GET", .url = silent}), Kind::Interrupted);
     EXPECT_EQ(failureKind(interruptible, {.method = "DELETE", .url = server.url()}), std::nullopt);
     EXPECT_EQ(failureKind(interruptible, {.method = "DELETE", .url = silent}), Kind::Stalled);
-    interrupted = false;
-    EXPECT_EQ(failureKind(interruptible, {.method = "GET", .url = silent, .deadline = 1200ms, .uninterruptible = true}),
-        Kind::Stalled);
+    EXPECT_EQ(failureKind(interruptible, {.method = "POST", .url = server.url(), .uninterruptible = true}),
+        Kind::Interrupted);
+    for (const auto& [deadline, kind] : {std::pair(1200ms, Kind::Stalled), std::pair(9000ms, Kind::Interrupted)})
+    {
+        interrupted = false;
+        EXPECT_EQ(failureKind(
+                      interruptible, {.method = "POST", .url = silent, .deadline = deadline, .uninterruptible = true}),
+            kind);
+    }
 }
 
 TEST_F(HttpClientTest, RefusesControlCharactersInFields)

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <exception>
 #include <new>
 #include <optional>
@@ -111,8 +112,15 @@ public:
             set(CURLOPT_PROXY, "");
         }
         const bool isInterrupted = settings.interrupted && settings.interrupted();
+        if (isInterrupted && (request.uninterruptible || request.body != nullptr))
+        {
+            throw HttpFailure(HttpFailure::Kind::Interrupted, "not sent because of an interrupt");
+        }
         setLimits(settings.timeouts, isInterrupted);
-        watchInterrupts(settings.interrupted, isInterrupted);
+        if (settings.interrupted && !isInterrupted)
+        {
+            watchInterrupts(settings);
+        }
         setMethod();
         for (const HttpHeaders::Field& field : request.headers)
         {
@@ -205,16 +213,24 @@ private:
         set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(m_request.stallWindow.value_or(timeouts.stallWindow).count()));
     }
 
-    void watchInterrupts(const std::function<bool()>& interrupted, bool isInterrupted)
+    void watchInterrupts(const HttpClient::Settings& settings)
     {
-        // Requests that begin after the interrupt clean up, and must not be cancelled.
-        if (interrupted && !m_request.uninterruptible && !isInterrupted)
+        m_interrupted = settings.interrupted;
+        m_timeAfterInterrupt = m_request.uninterruptible ? settings.timeouts.cleanUp : std::chrono::milliseconds(0);
+        set(CURLOPT_XFERINFOFUNCTION, &onProgress);
+        set(CURLOPT_XFERINFODATA, this);
+        set(CURLOPT_NOPROGRESS, 0L);
+    }
+
+    bool isCancelled()
+    {
+        if (!m_interrupted())
         {
-            m_interrupted = interrupted;
-            set(CURLOPT_XFERINFOFUNCTION, &onProgress);
-            set(CURLOPT_XFERINFODATA, this);
-            set(CURLOPT_NOPROGRESS, 0L);
+            return false;
         }
+        const auto now = std::chrono::steady_clock::now();
+        m_cancelTime = m_cancelTime.value_or(now + m_timeAfterInterrupt);
+        return now >= *m_cancelTime;
     }
 
     void setMethod()
@@ -281,7 +297,7 @@ private:
     static int onProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) noexcept
     {
         return static_cast<int>(
-            guarded(self, 1, [](Transfer& transfer) -> std::size_t { return transfer.m_interrupted() ? 1 : 0; }));
+            guarded(self, 1, [](Transfer& transfer) -> std::size_t { return transfer.isCancelled() ? 1 : 0; }));
     }
 
     static std::size_t onRead(char* target, std::size_t size, std::size_t count, void* self) noexcept
@@ -380,6 +396,8 @@ private:
     HttpResponse m_response;
     bool m_delivered = false;
     std::function<bool()> m_interrupted;
+    std::chrono::milliseconds m_timeAfterInterrupt{0};
+    std::optional<std::chrono::steady_clock::time_point> m_cancelTime; // empty: not interrupted
     std::exception_ptr m_thrown;
 };
 

@@ -42,7 +42,7 @@ struct HttpRequest
     std::optional<std::chrono::seconds> stallWindow = {};   ///< instead of the client's own
     std::optional<std::chrono::milliseconds> deadline = {}; ///< for the whole request, instead of the client's own
     bool bypassProxy = false;                               ///< never through a proxy
-    bool uninterruptible = false; ///< an interrupt does not cancel it, since its effect could not be undone
+    bool uninterruptible = false; ///< an interrupt cancels it only after HttpTimeouts::cleanUp: it cannot be undone
 };
 
 struct HttpResponse

@@ -28,7 +28,7 @@ struct S3Request
     QueryParameters query = {};
     HttpHeaders headers = {};
     RequestBody* body = nullptr;       ///< borrowed; null: none
-    bool uninterruptible = false;      ///< an interrupt does not cancel it
+    bool uninterruptible = false;      ///< see HttpRequest
     bool serverSideWork = false;       ///< the store moves bytes internally before it responds
     std::uint64_t serverSideBytes = 0; ///< how many, including those of concurrent requests; 0: few
 };

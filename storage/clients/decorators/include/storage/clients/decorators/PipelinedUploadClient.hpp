@@ -48,7 +48,7 @@ struct PipelineSettings
 /// flight, for as long as the inner client takes. If the inner client then fails to abort, the upload stays open and
 /// the abort may be retried, except after a ResourceNotFoundException: then there is nothing left to abort. Completing
 /// it with a part that was dropped fails with UnknownErrorException until that part is sent again. The destructor
-/// aborts every upload that is still open, and logs failures.
+/// aborts every upload that is still open, and logs failures. After a TransientException, it aborts no other upload.
 ///
 /// Tags: copyPart() and createMultipartUpload() accept provisional tags, too. They pass the store's tag on if it is
 /// known, which it is for the last 20,000 parts of uploads that have ended. With any other provisional tag, copyPart()

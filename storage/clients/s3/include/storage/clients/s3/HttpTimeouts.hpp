@@ -27,7 +27,8 @@ struct HttpTimeouts
     /// longer.
     std::chrono::seconds request{3'600};
 
-    /// One request in total that begins after an interrupt, to clean up: the user waits for the end of the process.
+    /// One request in total that begins after an interrupt, to clean up, and the rest of one that opens an upload: the
+    /// user waits for the end of the process.
     std::chrono::milliseconds cleanUp{5'000};
 };
 

@@ -57,9 +57,10 @@ struct S3Settings
     std::filesystem::path authorities = {}; ///< PEM file that replaces the system's certificate authorities
     std::shared_ptr<CredentialsSource> credentials = nullptr; ///< null: defaultCredentials()
 
-    /// Called about once a second during a request, on the thread that waits for it. When it returns true, requests
-    /// that started before are cancelled, except those that open an upload. Requests that start later are not
-    /// cancelled, because they clean up; HttpTimeouts::cleanUp limits them. Null: nothing is cancelled.
+    /// Called about once a second during a request, on the thread that waits for it. When it returns true, requests in
+    /// progress are cancelled, one that opens an upload only after HttpTimeouts::cleanUp, and no request that opens an
+    /// upload or has a body is sent any more. Other requests that start later clean up, so they are not cancelled;
+    /// HttpTimeouts::cleanUp limits them. Null: nothing is cancelled.
     std::function<bool()> interrupted = nullptr;
 };
 
