@@ -72,10 +72,15 @@ public:
 
     bool run()
     {
-        if (::mkdir(m_target.c_str(), 0777) != 0 && !isLocalFolder(m_target))
+        if (::mkdir(m_target.c_str(), 0777) != 0)
         {
-            throw errno == EEXIST ? CommandError(m_target, notAFolder, fsp::ErrorCode::AlreadyExists)
-                                  : CommandError::fromErrno(m_target, errno);
+            const int error = errno;
+            if (!isLocalFolder(m_target))
+            {
+                throw error == EEXIST ? CommandError(m_target, notAFolder, fsp::ErrorCode::AlreadyExists)
+                                      : CommandError::fromErrno(m_target, error);
+            }
+            LocalTarget::removeLeftovers(m_target);
         }
         m_folders.insert("");
         m_context.translateErrors(m_source,
@@ -113,6 +118,7 @@ private:
             {
                 throw CommandError(local, notAFolder, fsp::ErrorCode::AlreadyExists);
             }
+            LocalTarget::removeLeftovers(local);
         }
         m_folders.insert(name);
     }

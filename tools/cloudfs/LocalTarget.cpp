@@ -4,8 +4,11 @@
 #include "Diagnostics.hpp"
 #include "Interrupt.hpp"
 
+#include <storage/cloudprovider/TemporaryFiles.hpp>
+
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -23,11 +26,26 @@ namespace cloudfs
 namespace
 {
 
+constexpr auto temporaryName = ".cloudfs";
+
 /// Resolve all symbolic links of a path. A path that cannot be resolved, such as that of a new file, stays unchanged.
 std::string resolveLinks(const std::string& path)
 {
     const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr), &std::free);
     return real ? std::string(real.get()) : path;
+}
+
+/// Return the folder of a file: "/" for "/a", "." for "a".
+std::string folderOf(const std::string& path)
+{
+    const std::size_t end = path.rfind('/');
+    return end == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(end, 1));
+}
+
+/// Return a path that linkat() takes for an open file, because it has no name.
+std::string pathOf(int descriptor)
+{
+    return fmt::format("/proc/self/fd/{}", descriptor);
 }
 
 } // namespace
@@ -36,6 +54,7 @@ LocalTarget::LocalTarget(const std::string& path, bool replace, Destination dest
     : m_name(path)
     , m_replace(replace)
     , m_path(destination == Destination::NamedByUser ? resolveLinks(path) : path)
+    , m_folder(folderOf(m_path))
 {
     struct stat status = {};
     const bool exists = ::lstat(m_path.c_str(), &status) == 0;
@@ -61,6 +80,10 @@ LocalTarget::LocalTarget(const std::string& path, bool replace, Destination dest
     }
     else
     {
+        if (destination == Destination::NamedByUser)
+        {
+            removeLeftovers(m_folder);
+        }
         createTemporary();
     }
     if (m_descriptor < 0)
@@ -69,20 +92,45 @@ LocalTarget::LocalTarget(const std::string& path, bool replace, Destination dest
     }
 }
 
+void LocalTarget::removeLeftovers(const std::string& folder)
+{
+    storage::cloudprovider::removeTemporaryFilesOfDeadProcesses(folder, temporaryName);
+}
+
 void LocalTarget::createTemporary()
 {
-    // In the folder of the target, so that commit() can rename it.
+    m_descriptor = ::open(m_folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
+    if (m_descriptor >= 0)
+    {
+        m_isUnnamed = ::access(pathOf(m_descriptor).c_str(), F_OK) == 0;
+        if (m_isUnnamed)
+        {
+            return;
+        }
+        ::close(m_descriptor); // without /proc, it could never get a name
+    }
+    makeTemporaryName(
+        [this](const char* name)
+        {
+            m_descriptor = ::open(name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+            return m_descriptor >= 0;
+        });
+}
+
+bool LocalTarget::makeTemporaryName(const std::function<bool(const char* name)>& make)
+{
     static std::atomic<unsigned> counter{0};
-    const std::string folder = m_path.substr(0, m_path.rfind('/') + 1);
     do
     {
-        m_temporary = fmt::format("{}.cloudfs-{}-{}", folder, ::getpid(), counter++);
-        m_descriptor = ::open(m_temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    } while (m_descriptor < 0 && errno == EEXIST);
-    if (m_descriptor < 0)
-    {
-        m_temporary.clear();
-    }
+        m_temporary =
+            fmt::format("{}/{}{}", m_folder, storage::cloudprovider::temporaryFilePrefix(temporaryName), counter++);
+        if (make(m_temporary.c_str()))
+        {
+            return true;
+        }
+    } while (errno == EEXIST);
+    m_temporary.clear();
+    return false;
 }
 
 LocalTarget::~LocalTarget()
@@ -91,7 +139,7 @@ LocalTarget::~LocalTarget()
     {
         ::close(m_descriptor);
     }
-    if (!m_temporary.empty() && ::unlink(m_temporary.c_str()) != 0)
+    if (!m_temporary.empty() && ::unlink(m_temporary.c_str()) != 0 && errno != ENOENT)
     {
         diagnostics::printLine(CommandError::fromErrno(m_temporary, errno).what());
     }
@@ -118,31 +166,45 @@ void LocalTarget::write(const char* data, std::size_t size)
 
 void LocalTarget::commit()
 {
-    const int descriptor = m_descriptor;
-    m_descriptor = -1;
-    if (::close(descriptor) != 0) // some file systems report a full disk only here
-    {
-        throw CommandError::fromErrno(m_name, errno);
-    }
-    if (m_temporary.empty())
-    {
-        return;
-    }
-    const char* from = m_temporary.c_str();
-    const char* to = m_path.c_str();
-    const unsigned flags = m_replace ? 0U : static_cast<unsigned>(RENAME_NOREPLACE);
-    int failed = ::renameat2(AT_FDCWD, from, AT_FDCWD, to, flags);
-    if (failed != 0 && errno == EINVAL)
-    {
-        // This file system cannot rename without replacing. Checking first leaves a short race.
-        errno = EEXIST;
-        failed = ::access(to, F_OK) == 0 ? -1 : std::rename(from, to);
-    }
-    if (failed != 0)
+    // Some file systems report a full disk only here. An unnamed file would be lost if its last descriptor was closed.
+    const int copy = ::fcntl(m_descriptor, F_DUPFD_CLOEXEC, 0);
+    if (copy < 0 || ::close(copy) != 0 || !makeVisible())
     {
         throw CommandError::fromErrno(m_name, errno);
     }
     m_temporary.clear();
+}
+
+bool LocalTarget::makeVisible()
+{
+    const auto link = [this](const char* name)
+    { return ::linkat(AT_FDCWD, pathOf(m_descriptor).c_str(), AT_FDCWD, name, AT_SYMLINK_FOLLOW) == 0; };
+    if (m_isUnnamed && !m_replace)
+    {
+        return link(m_path.c_str());
+    }
+    if (m_isUnnamed && !makeTemporaryName(link))
+    {
+        return false;
+    }
+    if (m_temporary.empty()) // a device or pipe
+    {
+        return true;
+    }
+    const char* from = m_temporary.c_str();
+    const char* to = m_path.c_str();
+    const unsigned flags = m_replace ? 0U : static_cast<unsigned>(RENAME_NOREPLACE);
+    if (::renameat2(AT_FDCWD, from, AT_FDCWD, to, flags) == 0)
+    {
+        return true;
+    }
+    if (errno != EINVAL)
+    {
+        return false;
+    }
+    // This file system cannot rename without replacing. Checking first leaves a short race.
+    errno = EEXIST;
+    return ::access(to, F_OK) != 0 && std::rename(from, to) == 0;
 }
 
 } // namespace cloudfs

@@ -1,13 +1,17 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 
 namespace cloudfs
 {
 
-/// Writes a local file that appears complete or not at all: until commit() it has a temporary name in the same folder.
-/// One thread at a time.
+/// Writes a local file that appears complete or not at all. One thread at a time.
+///
+/// Until commit() the file has no name, so nothing is left if the process is killed. Some file systems, such as NFS,
+/// have no such files. There it has a temporary name in the same folder, which a process that is killed leaves behind.
+/// A file that replaces another one has such a name only for the instant of commit().
 class LocalTarget
 {
 public:
@@ -18,7 +22,10 @@ public:
         InsideTree   ///< a symbolic link is replaced, not followed; devices and pipes are refused
     };
 
-    /// Create the temporary file, or open the device or pipe.
+    /// Remove the files with temporary names that processes which no longer exist have left in a folder.
+    static void removeLeftovers(const std::string& folder);
+
+    /// Create the file, or open the device or pipe. If the user has named it, removeLeftovers() in its folder first.
     ///
     /// @param replace  whether to replace an existing file; if false, it is refused here and again at the commit
     /// @throws CommandError
@@ -27,7 +34,7 @@ public:
     LocalTarget(const LocalTarget&) = delete;
     LocalTarget& operator=(const LocalTarget&) = delete;
 
-    /// Remove the temporary file, unless it was committed. A failure is printed.
+    /// Remove the file, unless it was committed. A failure is printed.
     ~LocalTarget();
 
     /// Append bytes.
@@ -35,19 +42,23 @@ public:
     /// @throws CommandError; interrupt::Interrupted
     void write(const char* data, std::size_t size);
 
-    /// Rename the temporary file to its final path. Call once, after the last write().
+    /// Give the file its final path. Call once, after the last write().
     ///
     /// @throws CommandError; an existing file at the path is then unchanged
     void commit();
 
 private:
     void createTemporary();
+    bool makeTemporaryName(const std::function<bool(const char* name)>& make);
+    bool makeVisible();
 
     const std::string m_name; // as the user named it, for messages
     const bool m_replace;
-    std::string m_path;      // the final path
-    std::string m_temporary; // empty: device or pipe, or committed
+    const std::string m_path; // the final path
+    const std::string m_folder;
+    std::string m_temporary; // empty: none
     int m_descriptor = -1;
+    bool m_isUnnamed = false; // until it is committed
 };
 
 } // namespace cloudfs

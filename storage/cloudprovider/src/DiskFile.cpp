@@ -2,7 +2,8 @@
 
 #include "LogRecords.hpp"
 #include "TemporaryFileException.hpp"
-#include "TemporaryFileNames.hpp"
+
+#include <storage/cloudprovider/TemporaryFiles.hpp>
 
 #include <boost/filesystem/operations.hpp>
 

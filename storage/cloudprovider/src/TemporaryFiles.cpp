@@ -2,7 +2,6 @@
 
 #include "LogRecords.hpp"
 #include "Mutex.hpp"
-#include "TemporaryFileNames.hpp"
 
 #include <boost/crc.hpp>
 #include <boost/filesystem/operations.hpp>
@@ -28,8 +27,6 @@ namespace storage::cloudprovider
 
 namespace
 {
-
-constexpr std::string_view namePrefix = "cloudprovider-";
 
 /// Return the target of a symbolic link, or nothing if it cannot be read.
 std::string linkTarget(const char* path)
@@ -93,25 +90,24 @@ bool belongsToDeadProcess(std::string_view name)
     return start && *start != std::string(pidEnd + 1, startEnd);
 }
 
-std::size_t removeFiles()
+std::size_t removeFiles(const boost::filesystem::path& folder, const std::string& name)
 {
     const std::string place = findPlace();
-    const boost::filesystem::path folder = boost::filesystem::temp_directory_path();
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(::opendir(folder.c_str()), &::closedir);
     if (place.empty() || !entries)
     {
         return 0;
     }
-    const std::string prefix = std::string(namePrefix) + place + '-';
+    const std::string prefix = name + '-' + place + '-';
     const int directory = ::dirfd(entries.get());
     std::size_t removed = 0;
     while (const dirent* const entry = ::readdir(entries.get()))
     {
-        const std::string_view name = entry->d_name;
+        const std::string_view file = entry->d_name;
         struct ::stat status = {};
-        if (!name.starts_with(prefix) || ::fstatat(directory, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+        if (!file.starts_with(prefix) || ::fstatat(directory, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0 ||
             !S_ISREG(status.st_mode) || status.st_uid != ::geteuid() ||
-            !belongsToDeadProcess(name.substr(prefix.size())))
+            !belongsToDeadProcess(file.substr(prefix.size())))
         {
             continue;
         }
@@ -130,13 +126,13 @@ std::size_t removeFiles()
 
 } // namespace
 
-std::string detail::temporaryFilePrefix()
+std::string temporaryFilePrefix(const std::string& name)
 {
     struct Cache
     {
         Mutex mutex;
         pid_t pid GUARDED_BY(mutex) = 0; // differs in a child after fork()
-        std::string prefix GUARDED_BY(mutex);
+        std::string process GUARDED_BY(mutex);
     };
     static Cache& cache = *new Cache; // never destroyed, because static destructors may create files
     const MutexLock lock(cache.mutex);
@@ -145,18 +141,17 @@ std::string detail::temporaryFilePrefix()
     {
         const std::string place = findPlace();
         const std::string start = place.empty() ? std::string() : startTimeOf(pid).value_or("");
-        cache.prefix = std::string(namePrefix) +
-                       (start.empty() ? std::to_string(pid) : place + '-' + std::to_string(pid) + '-' + start) + '-';
+        cache.process = (start.empty() ? std::to_string(pid) : place + '-' + std::to_string(pid) + '-' + start) + '-';
         cache.pid = pid;
     }
-    return cache.prefix;
+    return name + '-' + cache.process;
 }
 
-std::size_t removeTemporaryFilesOfDeadProcesses() noexcept
+std::size_t removeTemporaryFilesOfDeadProcesses(const std::string& folder, const std::string& name) noexcept
 {
     try
     {
-        return removeFiles();
+        return removeFiles(folder.empty() ? boost::filesystem::temp_directory_path() : folder, name);
     }
     catch (...)
     {

@@ -300,11 +300,15 @@ test_interrupted_put()
     same <(echo old) /file
 }
 
-# A download is interrupted, and one finds at its end that another program has created the local file.
+# A download is killed, one is interrupted, and one finds at its end that another program has created the local file.
 test_interrupted_get()
 {
     bytes 2000000 | ZV_CLOUD_PART_SIZE_OVERRIDE=16384 fs put - /many || fail "put"
     mkdir target
+    start_until doRead get /many target/file
+    kill -s KILL "$pid"
+    resume 137 ''
+    [[ -z $(find target -type f) ]] || fail "left behind by a kill: $(find target -type f)"
     start_until doRead get /many target/file
     kill -s INT "$pid"
     resume 130 'cloudfs: interrupted'
@@ -377,11 +381,15 @@ test_uploads()
     kill -s KILL "$pid"
     wait "$pid"
     exec 3>&-
+    local left=(buffers/cloudprovider-*)
+    mv "${left[0]}" ".cloudfs-${left[0]#*-}" # as a killed get leaves it on a file system without unnamed files
     if [[ $store == local: ]]; then
         prints '' uploads list
     else
         prints 'aborted .*  /killed' uploads abort --older-than 0s
     fi
+    echo new | expect 0 '' put - /new
+    expect 0 '' get /new .
     nothing_left
 }
 
