@@ -75,8 +75,13 @@ void move(const CommandContext& context, const Options& options)
     // reads it: if another program replaces the source meanwhile, this version is not the one that would be removed.
     const std::string version =
         context.translateErrors(source, [&] { return context.client().getObjectInfo(source.key()).tag; });
-    copyFile(context, paths, options);
     const auto unchanged = version.empty() ? nullptr : context.requireVersion(source, version);
+    if (!unchanged)
+    {
+        throw CommandError(source.text(), "cannot be moved, because the store reports no version of it; use cp and rm",
+            fsp::ErrorCode::Unsupported);
+    }
+    copyFile(context, paths, options);
     try
     {
         context.client().deleteObject(source.key());
