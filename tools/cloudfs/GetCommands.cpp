@@ -212,15 +212,15 @@ void addGetCommands(CLI::App& app, CommandContext& context)
         ->type_name("N")
         ->capture_default_str();
     command->add_flag("-f", options->force, "Replace existing files");
-    command->callback(
-        [&context, options, recursive]
+    command->parse_complete_callback( // runs before the store is opened, which may fail
+        [options, recursive]
         {
             if (options->local == "-" && options->recursive)
             {
                 throw CLI::ValidationError(recursive->get_name(), "cannot write a folder to standard output");
             }
-            get(context, *options);
         });
+    command->callback([&context, options] { get(context, *options); });
 
     const auto path = std::make_shared<std::string>();
     auto* cat = app.add_subcommand("cat", "Write a file to standard output");

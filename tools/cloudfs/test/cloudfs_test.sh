@@ -152,6 +152,7 @@ test_errors()
     store=local:/etc expect 1 '"local:/etc": .*code 1 .*' ls
     store=foo: expect 1 '"foo:": unknown kind of store; .*code 1 .*' ls
     store=local:new expect 2 '-r: .*standard input.*' put -r - /x
+    store=local:new expect 2 '-r: .*standard output.*' get -r / -
     expect_rows <<'END'
 1|cloudfs://store/%zz: .*code 1 .*|cat cloudfs://store/%zz
 1|"": .*code 1 .*|ls ''
@@ -178,7 +179,6 @@ test_errors()
 2|unknown command: frob; .*|frob
 2|--offset is required; see cloudfs write --help|write /file
 2|--folders: must be marker or prefix; see cloudfs --help|--folders x ls
-2|-r: .*standard output.*|get -r / -
 2|-j: must be between 1 and 64; .*|put -j 0 one /x
 2|--offset: must be between 0 and 5497558138880; .*|write /file --offset -5
 2|unknown command: frob; see cloudfs uploads --help|uploads frob
