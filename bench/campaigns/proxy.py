@@ -9,8 +9,11 @@ import time
 
 def receive_all(connection):
     data = b""
-    while block := connection.recv(1 << 20):
-        data += block
+    try:
+        while block := connection.recv(1 << 20):
+            data += block
+    except ConnectionResetError:
+        pass  # what arrived before is complete, or an early response
     return data
 
 
@@ -83,7 +86,10 @@ class Proxy:
     def forward(self, request, body=None):
         """Return the store's whole response."""
         with socket.create_connection(self.store, timeout=120) as store:
-            store.sendall(request.head + (request.body if body is None else body))
+            try:
+                store.sendall(request.head + (request.body if body is None else body))
+            except OSError:
+                pass  # the store has responded without reading the whole body
             return receive_all(store)
 
 
