@@ -280,6 +280,10 @@ int mapShared(sqlite3_file* base, int region, int size, int extend, void volatil
                 return SQLITE_CORRUPT;
             }
             const int code = file.call().xShmMap(file.inner(), region, size, extend, mapped);
+            if ((code & 0xFF) == SQLITE_READONLY) // SQLite would take that for a lock
+            {
+                return SQLITE_PERM;
+            }
             // Another process is opening the index as its first user. SQLite would sleep up to 10 s by itself, and only
             // then call the handler that can be interrupted. It calls that at once while another process recovers.
             return code == SQLITE_BUSY ? SQLITE_BUSY_RECOVERY : code;

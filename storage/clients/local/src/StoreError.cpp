@@ -63,10 +63,15 @@ StoreError sqliteError(int code, int error, const std::string& message)
     case SQLITE_LOCKED:
     case SQLITE_PROTOCOL: // the same while the log is opened
         return {StoreError::Kind::Locked, "another client keeps the index locked"};
-    case SQLITE_PERM:
     case SQLITE_READONLY:
     case SQLITE_AUTH:
         return {StoreError::Kind::PermissionDenied, "access to the index denied: " + message};
+    case SQLITE_PERM:
+        error = EACCES;
+        [[fallthrough]];
+    case SQLITE_CANTOPEN:
+        return {kindOf(error), "\"index.sqlite\" or a file beside it cannot be opened for reading and writing" +
+                                   (error == 0 ? "" : ": " + messageOf(error))};
     default:
         return {kindOf(error), "the index failed: " + message + (error == 0 ? "" : ": " + messageOf(error))};
     }
