@@ -53,10 +53,11 @@ class Rebuild
 {
 public:
     // @param removed  where to add the objects that are lost
-    Rebuild(Connection& old, Connection& fresh, std::vector<Damage>& removed)
+    Rebuild(Connection& old, Connection& fresh, std::vector<Damage>& removed, const std::function<bool()>& interrupted)
         : m_old(old)
         , m_fresh(fresh)
         , m_removed(removed)
+        , m_interrupted(interrupted)
     {
     }
 
@@ -75,6 +76,7 @@ private:
     Connection& m_old;
     Connection& m_fresh;
     std::vector<Damage>& m_removed;
+    const std::function<bool()>& m_interrupted;
     std::int64_t m_maxId = 0;
 };
 
@@ -131,6 +133,10 @@ void Rebuild::finish(const std::vector<FileName>& files)
 
 void Rebuild::copyObject(const Object& object)
 {
+    if (m_interrupted && m_interrupted())
+    {
+        throw StoreError("the repair of the index was interrupted; nothing was replaced");
+    }
     m_fresh.execute("SAVEPOINT object");
     if (copyParts(object.id))
     {
@@ -202,12 +208,12 @@ catch (const StoreError& error)
 // Create a folder for what this repair moves.
 std::filesystem::path newFolder(const std::filesystem::path& parent)
 {
-    makeFolders(parent);
     for (int number = 1;; ++number)
     {
         std::filesystem::path folder = parent / fmt::format("index-{}", number);
-        if (std::filesystem::create_directory(folder) || std::filesystem::is_empty(folder))
+        if (!std::filesystem::exists(folder) || std::filesystem::is_empty(folder))
         {
+            makeFolders(folder);
             return folder;
         }
     }
@@ -276,10 +282,11 @@ void repairIndex(const std::filesystem::path& directory, const LockLimits& limit
         }
     }
     std::vector<Damage> removed;
+    NewIndex next(directory);
     {
-        Connection fresh(createNewIndex(directory), wait);
-        beginNewIndex(fresh);
-        Rebuild rebuild(*old, fresh, removed);
+        Connection fresh(next.file(), wait);
+        NewIndex::begin(fresh);
+        Rebuild rebuild(*old, fresh, removed, limits.interrupted);
         if (const std::string objects = rebuild.run(); !objects.empty())
         {
             lost.push_back(objects);
@@ -290,7 +297,7 @@ void repairIndex(const std::filesystem::path& directory, const LockLimits& limit
     {
         moveAside(file.native() + suffix, aside);
     }
-    installNewIndex(directory, folder);
+    next.install(folder);
     old.reset();
     std::for_each(removed.begin(), removed.end(), report);
     moveUnnamedFiles(directory, aside, wait);

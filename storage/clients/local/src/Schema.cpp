@@ -101,11 +101,6 @@ void create(Connection& connection)
     connection.execute("COMMIT");
 }
 
-std::filesystem::path newIndexFile(const std::filesystem::path& directory)
-{
-    return indexFile(directory).native() + ".new";
-}
-
 // Each query of version 1, and the statement that stores its rows in this version.
 constexpr std::pair<const char*, const char*> copiesOfVersion1[] = {
     {"SELECT next_id FROM store", "UPDATE store SET next_id = ?"},
@@ -152,9 +147,10 @@ void upgrade(
     {
         throw StoreError("an older version of this program uses the store; it can be upgraded when no program does");
     }
+    NewIndex next(directory);
     {
-        Connection upgraded(createNewIndex(directory), wait);
-        beginNewIndex(upgraded);
+        Connection upgraded(next.file(), wait);
+        NewIndex::begin(upgraded);
         for (const auto& [read, write] : copiesOfVersion1)
         {
             Query row = old.query(read);
@@ -167,7 +163,7 @@ void upgrade(
         }
         upgraded.execute("COMMIT");
     }
-    installNewIndex(directory, folder);
+    next.install(folder);
 }
 
 } // namespace
@@ -183,34 +179,42 @@ void lockFolder(const FileHandle& folder, const std::filesystem::path& path, Loc
     }
 }
 
-std::filesystem::path createNewIndex(const std::filesystem::path& directory)
+NewIndex::NewIndex(const std::filesystem::path& directory)
+    : m_directory(directory)
+    , m_file(indexFile(directory).native() + ".new")
 {
-    std::filesystem::path next = newIndexFile(directory);
-    for (const char* suffix : {"", "-journal", logEndSuffix}) // of an attempt that was interrupted
-    {
-        removeFile(next.native() + suffix);
-    }
-    createFile(next);
-    return next;
+    remove(); // of an attempt that was killed
+    createFile(m_file);
 }
 
-void beginNewIndex(Connection& index)
+NewIndex::~NewIndex()
+{
+    remove();
+}
+
+void NewIndex::remove() const
+{
+    for (const char* suffix : {"", "-journal", logEndSuffix})
+    {
+        removeFile(m_file.native() + suffix);
+    }
+}
+
+void NewIndex::begin(Connection& index)
 {
     create(index);
     index.execute("PRAGMA cache_spill = ON"); // allowed without a log, and the index may be large
     index.execute("BEGIN IMMEDIATE");
 }
 
-void installNewIndex(const std::filesystem::path& directory, const FileHandle& folder)
+void NewIndex::install(const FileHandle& folder)
 {
-    const std::filesystem::path next = newIndexFile(directory);
-    const std::filesystem::path file = indexFile(directory);
-    removeFile(next.native() + logEndSuffix);
-    if (std::rename(next.c_str(), file.c_str()) != 0)
+    const std::filesystem::path file = indexFile(m_directory);
+    if (std::rename(m_file.c_str(), file.c_str()) != 0)
     {
         throw systemError("renaming to \"" + file.native() + '"', errno);
     }
-    syncFile(folder, directory);
+    syncFile(folder, m_directory);
 }
 
 std::filesystem::path indexFile(const std::filesystem::path& directory)

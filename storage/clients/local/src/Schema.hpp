@@ -23,17 +23,30 @@ void prepareIndex(const std::filesystem::path& directory, bool createMissing, co
 /// Lock the store's directory, against others that create, upgrade or repair an index.
 void lockFolder(const FileHandle& folder, const std::filesystem::path& path, LockWait wait);
 
-// To replace an index by a new one, without ever leaving a part of it:
+/// A new index that is to replace the one of a store, never by a part of it. The destructor removes it unless it was
+/// installed.
+class NewIndex
+{
+public:
+    /// Create an empty file beside the index.
+    explicit NewIndex(const std::filesystem::path& directory);
+    NewIndex(const NewIndex&) = delete;
+    NewIndex& operator=(const NewIndex&) = delete;
+    ~NewIndex();
 
-/// Create an empty file for a new index beside the index.
-///
-/// @return its path
-std::filesystem::path createNewIndex(const std::filesystem::path& directory);
+    const std::filesystem::path& file() const noexcept { return m_file; }
 
-/// Create the tables in the new index, and begin the transaction that fills them.
-void beginNewIndex(Connection& index);
+    /// Create the tables in the new index, and begin the transaction that fills them.
+    static void begin(Connection& index);
 
-/// Replace the index by the new one, to which no connection is open.
-void installNewIndex(const std::filesystem::path& directory, const FileHandle& folder);
+    /// Replace the index by the new one, to which no connection is open.
+    void install(const FileHandle& folder);
+
+private:
+    void remove() const;
+
+    const std::filesystem::path m_directory;
+    const std::filesystem::path m_file;
+};
 
 } // namespace storage::clients::local

@@ -264,9 +264,15 @@ TEST(LocalClientTest, ARepairKeepsTheOldIndexAndKeepsOthersFromIt)
 {
     const TestFolder folder;
     makeStore(folder.store);
-    for (const char* kept : {"damaged/index-1/index.sqlite", "damaged/index-2/index.sqlite"})
+    const auto damageIt = [&]
+    { ASSERT_EQ(shell(folder, "rm -f store/index.sqlite-shm && mkfifo store/index.sqlite-shm"), 0); };
+    damageIt();
+    EXPECT_THAT([&] { checkLocalStore(folder.store, {.repair = true, .interrupted = [] { return true; }}); },
+        fails<UnknownErrorException>("the repair of the index was interrupted"));
+    EXPECT_FALSE(exists(folder.store / "index.sqlite.new"));
+    for (const char* kept : {"damaged/index-2/index.sqlite", "damaged/index-3/index.sqlite"})
     {
-        ASSERT_EQ(shell(folder, "rm -f store/index.sqlite-shm && mkfifo store/index.sqlite-shm"), 0);
+        damageIt();
         sqlite3* early = nullptr; // opens the index before the repair, and reads it after
         const path file = folder.store / "index.sqlite";
         EXPECT_EQ(sqlite3_open_v2(file.c_str(), &early, SQLITE_OPEN_READWRITE, "cloudprovider-checked"), SQLITE_OK);

@@ -35,7 +35,8 @@ struct CheckOptions
     /// Called at least once for every 256 KiB that are read. Whatever it throws ends the check.
     std::function<void()> progress = [] {};
 
-    /// As in LocalSettings. It also ends the check of the index, during which progress() is not called.
+    /// As in LocalSettings. It also ends the check and the repair of the index, during which progress() is not
+    /// called.
     std::function<bool()> interrupted = {};
 };
 
@@ -65,7 +66,7 @@ struct CheckResult
 /// @throws PermissionDeniedException, UnknownErrorException also when something cannot be read for another reason than
 ///         damage, for example without descriptors, and when a repair fails, for example on a full disk. Then repairs
 ///         that were reported have been made.
-/// @throws UnknownErrorException also when the check of the index was interrupted
+/// @throws UnknownErrorException also when the check or the repair of the index was interrupted
 CheckResult checkLocalStore(const std::filesystem::path& directory, const CheckOptions& options);
 
 } // namespace storage::clients
