@@ -78,7 +78,9 @@ struct RetryingClient::Attempts
     RetryingClient& client;
     const Call& call;
     const std::chrono::steady_clock::time_point begin = client.m_clock.now();
+    std::chrono::steady_clock::time_point attemptBegin = begin;
     std::chrono::steady_clock::time_point budgetBegin = begin;
+    unsigned failedInBudget = 0;
     Duration nextMaxDelay = client.firstMaxDelay(); // maximum of the next wait
     unsigned failed = 0;
     std::multiset<unsigned>::iterator counted; // `failed` in m_failedAttempts
@@ -108,6 +110,7 @@ void RetryingClient::retry(const Call& call, const std::function<void()>& procee
     Attempts attempts(*this, call);
     for (;;)
     {
+        attempts.attemptBegin = m_clock.now();
         try
         {
             proceed();
@@ -143,9 +146,12 @@ Duration RetryingClient::firstMaxDelay() const
 
 void RetryingClient::waitForNext(Attempts& attempts, const TransientException& failure)
 {
+    const auto now = m_clock.now();
+    ++attempts.failedInBudget;
     if (failure.madeProgress())
     {
-        attempts.budgetBegin = m_clock.now();
+        attempts.budgetBegin = now;
+        attempts.failedInBudget = 0;
         attempts.nextMaxDelay = firstMaxDelay();
     }
     const Duration jitter = m_clock.jitter(attempts.nextMaxDelay);
@@ -154,11 +160,13 @@ void RetryingClient::waitForNext(Attempts& attempts, const TransientException& f
 
     // Compare milliseconds first, since a store may ask for more than a Duration can hold.
     const auto asked = std::max(failure.retryAfter().value_or(std::chrono::milliseconds(0)), {});
-    const Duration left = m_policy.budget - (m_clock.now() - attempts.budgetBegin);
+    // One slow failure does not show that the next attempt is as slow.
+    const Duration expected = attempts.failedInBudget > 1 ? now - attempts.attemptBegin : Duration(0);
+    const Duration left = m_policy.budget - (now - attempts.budgetBegin) - expected;
     if (asked > std::chrono::floor<std::chrono::milliseconds>(left) || jitter > left - asked)
     {
         const TransientException last = gaveUp(
-            attempts, failure, fmt::format("another wait would exceed the limit of {} s", seconds(m_policy.budget)));
+            attempts, failure, fmt::format("another attempt would exceed the limit of {} s", seconds(m_policy.budget)));
         recordUploadFailure(attempts.call, last);
         throw last;
     }

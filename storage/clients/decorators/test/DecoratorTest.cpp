@@ -242,7 +242,9 @@ TEST_F(RetryingClientTest, WaitsThenGivesUp)
     } rows[] = {
         {"doubles", {100ms, 1s, 3500ms}, 0ms, {}, {0, 100, 300, 700, 1500, 2500, 3500}, "attempt 7, 3.5"},
         {"starts at the maximum", {5s, 1s, 2s}, 0ms, {}, {0, 1000, 2000}, "attempt 3, 2.0"},
-        {"counts the time of attempts", {100ms, 20s, 2300ms}, 1s, {}, {0, 1100, 2300}, "attempt 3, 3.3"},
+        {"expects attempts as long as the last", {100ms, 20s, 3300ms}, 1s, {}, {0, 1100, 2300}, "attempt 3, 3.3"},
+        {"begins no attempt that would end later", {100ms, 20s, 3299ms}, 1s, {}, {0, 1100}, "attempt 2, 2.1"},
+        {"tries twice where the time allows one", {100ms, 20s, 1100ms}, 1s, {}, {0, 1100}, "attempt 2, 2.1"},
         {"obeys the store", {100ms, 20s, 12s}, 0ms, 5s, {0, 5100, 10300}, "attempt 3, 10.3"},
         {"store asks for too long", {1ms, 1ms, 12s}, 0ms, 12s, {0}, "attempt 1, 0.0"},
         {"store asks for the maximum", {1ms, 1ms, 12s}, 0ms, milliseconds::max(), {0}, "attempt 1, 0.0"},
@@ -269,7 +271,7 @@ TEST_F(RetryingClientTest, WaitsThenGivesUp)
             });
         EXPECT_THAT([&] { client.deleteObject("a"); },
             Throws<TransientException>(
-                AllOf(hasDetail("store busy; gave up after " + row.summary + " s after the first: another wait"),
+                AllOf(hasDetail("store busy; gave up after " + row.summary + " s after the first: another attempt"),
                     Property(&TransientException::retryAfter, row.retryAfter))));
         EXPECT_EQ(attempts, row.attempts);
         EXPECT_EQ(client.waiting().failedAttempts, 0U);

@@ -157,6 +157,7 @@ void MultipartUploads::abort(const std::string& key, const std::string& id)
     {
         S3Request request{Operation::AbortMultipartUpload, key, "DELETE"};
         request.query = {{"uploadId", storeId}};
+        request.cleansUp = true;
         m_requester.send(request, {404}); // an upload that no longer exists counts as aborted
     }
     m_registry.finish(id, upload->base());

@@ -125,6 +125,10 @@ HttpResponse Requester::sendOnce(
     {
         http.deadline = std::max(m_timeouts.request, *http.stallWindow);
     }
+    if (request.cleansUp)
+    {
+        http.deadline = m_timeouts.cleanUp;
+    }
     const Credentials credentials = m_credentials->credentials();
     if (credentials.isAnonymous() && request.body != nullptr)
     {

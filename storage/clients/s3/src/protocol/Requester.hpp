@@ -29,6 +29,7 @@ struct S3Request
     HttpHeaders headers = {};
     RequestBody* body = nullptr;       ///< borrowed; null: none
     bool uninterruptible = false;      ///< see HttpRequest
+    bool cleansUp = false;             ///< HttpTimeouts::cleanUp limits it
     bool serverSideWork = false;       ///< the store moves bytes internally before it responds
     std::uint64_t serverSideBytes = 0; ///< how many, including those of concurrent requests; 0: few
 };

@@ -27,7 +27,8 @@ struct RetryPolicy
     std::chrono::milliseconds firstDelay{100};
     /// Limit of the doubling.
     std::chrono::milliseconds maxDelay = std::chrono::seconds(20);
-    /// No wait ends later than this after the call began, or after the last attempt that made progress.
+    /// No attempt begins later than this after the call began, or after the last attempt that made progress. Attempts
+    /// after the first retry begin only if they would end by then, provided that they take as long as the last one.
     std::chrono::milliseconds budget = std::chrono::minutes(2);
 };
 
@@ -48,9 +49,12 @@ struct RetryClock
 ///
 /// Waits: the k-th wait, k = 0 first, is uniformly random in [0, min(maxDelay, firstDelay * 2^k)], so that clients
 /// which failed at the same time do not retry at the same time. If the store said how long to wait, that time is added.
-/// A wait that would end beyond the budget does not start. An interrupt ends a wait within a tenth of a second. The
-/// budget does not end an attempt that is in progress: the inner client limits how long one takes. After an attempt
-/// that failed but made progress, as its TransientException says, the delays and the budget start again.
+/// An interrupt ends a wait within a tenth of a second.
+///
+/// Budget: a wait for an attempt that may not begin any more does not start; see RetryPolicy. The first retry may end
+/// beyond the budget, so that a slow call is not given up after one failure. An attempt in progress is not ended: the
+/// inner client limits how long one takes. After an attempt that failed but made progress, as its TransientException
+/// says, the delays and the budget start again.
 ///
 /// If there is no further attempt, the call throws a TransientException. Its detail is that of the last failure,
 /// followed by the number of attempts, the time since the first one, and the reason why there is no further one. All

@@ -27,8 +27,10 @@ struct HttpTimeouts
     /// longer.
     std::chrono::seconds request{3'600};
 
-    /// One request in total that begins after an interrupt, to clean up, and the rest of one that opens an upload: the
-    /// user waits for the end of the process.
+    /// One request in total that cleans up: each that begins after an interrupt, and the abort of an upload of this
+    /// client, which often follows the failure of a silent store. Also the rest of a request that opens an upload when
+    /// it is interrupted. The user waits for the end of the process. An abort that takes longer in the store can be
+    /// retried: an upload that is gone counts as aborted.
     std::chrono::milliseconds cleanUp{5'000};
 };
 
