@@ -26,12 +26,26 @@ std::string newPrefix()
 
 std::string Upload::ensureStoreId(const std::function<std::string()>& open)
 {
+    const unsigned failedBefore = m_failedOpenings; // before waiting for the lock
     const std::lock_guard lock(m_openingMutex);
-    if (m_storeId.empty())
+    if (!m_storeId.empty())
     {
-        m_storeId = open();
+        return m_storeId;
     }
-    return m_storeId;
+    if (m_failedOpenings != failedBefore)
+    {
+        std::rethrow_exception(m_openingFailure);
+    }
+    try
+    {
+        return m_storeId = open();
+    }
+    catch (...)
+    {
+        m_openingFailure = std::current_exception();
+        ++m_failedOpenings;
+        throw;
+    }
 }
 
 std::string Upload::storeId() const

@@ -5,8 +5,10 @@
 
 #include <storage/clients/common/VersionPins.hpp>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <list>
 #include <map>
@@ -49,7 +51,8 @@ public:
     const std::string& base() const noexcept { return m_base; }
     bool isNew() const noexcept { return m_isNew; }
 
-    /// The store's own id of the upload, which is opened first if it is not open.
+    /// The store's own id of the upload, which is opened first if it is not open. If another thread is opening it, wait
+    /// for that. If that fails, fail with the same exception, so that the threads do not fail one after the other.
     ///
     /// @param open  opens the upload at the store and returns its id; not called again after it has succeeded
     std::string ensureStoreId(const std::function<std::string()>& open);
@@ -86,8 +89,10 @@ private:
     PartSpool m_spool{minPartSize};
     mutable std::mutex m_openingMutex;   // held while the upload is opened; taken before m_mutex
     std::string m_storeId;               // guarded by m_openingMutex
-    mutable std::mutex m_mutex;          // innermost; guards everything below
-    std::map<std::size_t, Part> m_parts; // by index
+    std::exception_ptr m_openingFailure; // guarded by m_openingMutex; the last one
+    std::atomic<unsigned> m_failedOpenings = 0;
+    mutable std::mutex m_mutex;                                        // innermost; guards everything below
+    std::map<std::size_t, Part> m_parts;                               // by index
     std::map<std::size_t, std::pair<PlannedPart, std::string>> m_done; // by number; cleared when a part is uploaded
     std::uint64_t m_spoolCount = 0;
     bool m_isOutcomeUnknown = false;

@@ -5,6 +5,7 @@
 
 #include "signing/Hashing.hpp"
 
+#include <storage/clients/common/TransientException.hpp>
 #include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/clients/s3/S3Client.hpp>
 
@@ -15,6 +16,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <latch>
 #include <limits>
 #include <random>
 
@@ -492,6 +494,27 @@ TEST(ConditionTest, ReplacesNothingWhereTheStoreRefusesToCompare)
         EXPECT_THROW(conformance::put(client, "key", "b"), CloudException);
         EXPECT_NE(store.stored, 'b') << isTrusted;
     }
+}
+
+TEST(ParallelTest, ThreadsThatWaitForAnUploadToBeOpenedFailWithIt)
+{
+    constexpr std::size_t threads = 8;
+    std::latch begun(threads);
+    FakeStore store{3};
+    store.handler = [&](const Request&)
+    {
+        begun.wait();
+        return Reply{.status = 503, .delay = std::chrono::milliseconds(200)}; // the others reach the lock meanwhile
+    };
+    S3Client client(store.settings);
+    const std::string id = client.createMultipartUpload("key", "");
+    const auto send = [&]
+    {
+        begun.count_down();
+        conformance::uploadPart(client, "key", id, 0, bytes);
+    };
+    EXPECT_THROW(runParallel(threads, Tasks(threads, send), 1, {}), TransientException);
+    EXPECT_LT(store.server.requests().size(), threads) << "one after the other";
 }
 
 TEST(ParallelTest, RunsEverythingOnTheCallersThreadWhereNoOtherStarts)
