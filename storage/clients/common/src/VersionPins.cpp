@@ -67,10 +67,8 @@ void VersionPins::Write::succeeded(const Version& version)
     auto& [key, activity] = *m_activity;
     ++activity.stored;
     activity.last = version;
-    if (const Pin* const before = m_pins.find(key))
-    {
-        m_pins.pin(key, std::string(before->opened), version);
-    }
+    const Pin* const before = m_pins.find(key);
+    m_pins.pin(key, before != nullptr ? std::string(before->opened) : version.tag, version);
     m_pins.m_writeEnded.notify_all();
 }
 

@@ -28,11 +28,14 @@ struct Version
 /// getObjectParts() pins the version that it returns. Ranges are then read from this version or fail. The pin moves
 /// only when the key is opened again, and when a write of this client has succeeded. A write with an unknown outcome
 /// and a deletion leave the pin where it is: until the key is opened again, reads fail if the object is another one.
-/// A key that was never opened has no pin, and its object is read as it is.
+/// A successful write also pins a key that was never opened, because a file may be read through the stream that has
+/// created it. A key that this client has neither opened nor written has no pin, and its object is read as it is.
 ///
 /// At most `capacity` keys are pinned. Beyond that, the pin of the least recently used key is evicted, and reads of
-/// this key fail until it is opened again. Evicted keys are remembered in a bitmap of their hashes, so a few keys that
-/// were never opened may be refused, too. Safe for concurrent calls.
+/// this key fail until it is opened again or written. So a client that stores `capacity` new objects evicts the pin of
+/// a file that is open and idle meanwhile: its reads fail, but never deliver another version. Evicted keys are
+/// remembered in a bitmap of their hashes, which is never cleared, so some keys without a pin may be refused, too: one
+/// in ten after 100,000 evictions. Safe for concurrent calls.
 class VersionPins
 {
     struct Activity
@@ -45,7 +48,7 @@ class VersionPins
     using Activities = std::map<std::string, Activity>;
 
 public:
-    /// @param capacity  keys; more than files are open at the same time
+    /// @param capacity  keys; more than files are open at the same time, and new ones stored meanwhile
     explicit VersionPins(std::size_t capacity = 16'384)
         : m_capacity(capacity)
     {
@@ -79,7 +82,7 @@ public:
         Write& operator=(const Write&) = delete;
         ~Write();
 
-        /// Report the object's new version. It becomes the pinned one if the key has a pin.
+        /// Report the object's new version, which becomes the pinned one.
         void succeeded(const Version& version);
 
     private:
