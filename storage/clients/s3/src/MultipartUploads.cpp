@@ -383,15 +383,16 @@ std::string MultipartUploads::finishUpload(Upload& upload, const Completion& com
         {
             return newTag;
         }
-        if (completion.mustCreate && stored && !upload.isOutcomeUnknown())
-        {
-            throwOtherVersion(request.key, "");
-        }
         if ((completion.mustCreate && stored) ||
             (!completion.replaces.empty() && (!stored || stored->tag != completion.replaces)))
         {
-            upload.isOutcomeUnknown() ? throwOutcomeUnknown(request)
-                                      : throwObjectChanged(m_requester.contextOf(request));
+            // No completion has taken effect while the upload is open: the object is somebody else's.
+            if (upload.isOutcomeUnknown() && !isOpenAtStore(upload).value_or(false))
+            {
+                throwOutcomeUnknown(request);
+            }
+            completion.mustCreate ? throwOtherVersion(request.key, "")
+                                  : throwObjectChanged(m_requester.contextOf(request));
         }
     }
 
@@ -413,7 +414,7 @@ std::string MultipartUploads::finishUpload(Upload& upload, const Completion& com
     {
         upload.setOutcomeUnknown();
         // Look up the upload before the object: the store removes the upload after it has stored the object.
-        if (!isUploadGone(upload))
+        if (isOpenAtStore(upload).value_or(true))
         {
             throw;
         }
@@ -452,18 +453,18 @@ void MultipartUploads::throwOutcomeUnknown(const S3Request& request)
             "entity tags of its own");
 }
 
-/// Whether the store has said that the upload no longer exists; false when the request for it fails.
-bool MultipartUploads::isUploadGone(const Upload& upload)
+/// Whether the upload still exists; nothing when the request for it fails.
+std::optional<bool> MultipartUploads::isOpenAtStore(const Upload& upload)
 {
     S3Request request{Operation::CompleteMultipartUpload, upload.key(), "GET"};
     request.query = {{"uploadId", upload.storeId()}, {"max-parts", "1"}};
     try
     {
-        return m_requester.send(request, {404}).status == 404;
+        return m_requester.send(request, {404}).status != 404;
     }
     catch (const CloudException&)
     {
-        return false;
+        return std::nullopt;
     }
 }
 

@@ -73,7 +73,7 @@ private:
     std::string gather(const Upload& upload, const PlannedPart& part, const Version& source);
     std::string finishUpload(Upload& upload, const Completion& completion, const NumberedTags& parts);
     [[noreturn]] void throwOutcomeUnknown(const S3Request& request);
-    bool isUploadGone(const Upload& upload);
+    std::optional<bool> isOpenAtStore(const Upload& upload);
     void abortForeignUpload(const std::string& key, const std::string& storeId);
 
     Requester& m_requester;

@@ -409,6 +409,34 @@ TEST(CompletionTest, ASmallPatchOfALargeFileTakesFewRequestsFromOpenToClose)
     }
 }
 
+TEST(CompletionTest, ALostRaceHasAKnownOutcomeWhileTheUploadIsOpen)
+{
+    for (const bool endsUpload : {false, true})
+    {
+        FakeStore store{3};
+        std::atomic<int> lookups = 0; // of the upload
+        store.handler = [&](const Request& request) -> std::optional<Reply>
+        {
+            const bool isLast = request.method() == http::get && ++lookups == 2;
+            store.tag = isCompletion(request) ? &theirTag : store.tag.load();
+            return isCompletion(request)               ? std::optional(Reply::error(409, "OperationAborted"))
+                   : request.method() == http::delete_ ? std::optional(Reply::stall())
+                   : isLast && endsUpload              ? std::optional(Reply::error(404, "NoSuchUpload"))
+                                                       : std::nullopt;
+        };
+        store.settings.timeouts.cleanUp = std::chrono::milliseconds(200);
+        S3Client client(store.settings);
+        const std::string id = client.createMultipartUpload("key", "old");
+        const PreparedUpload upload{id, {conformance::uploadPart(client, "key", id, 0, bytes)}};
+        EXPECT_THROW(upload.complete(client, "key"), TransientException);
+        EXPECT_THAT(test::failureOf([&] { upload.complete(client, "key"); }),
+            testing::StartsWith(endsUpload ? "Outcome unknown" : "Object changed"));
+        EXPECT_THAT(
+            test::failureOf([&] { client.abortMultipartUpload("key", id); }), testing::HasSubstr("timed out after"))
+            << "the stall window is not for an abort";
+    }
+}
+
 /// A store of one object of one byte.
 struct ConditionalStore
 {
