@@ -49,8 +49,8 @@ public:
     std::vector<cloudprovider::PartInfo> parts(const std::string& key);
 
     /// Send a request that must create the object. An endpoint that knows no conditions on writes may refuse the
-    /// header; it gets the request again without it, unless conditionalWrites is set: then nobody has looked for the
-    /// object before.
+    /// header as not implemented, or as a bad request; it gets the request again without it, unless conditionalWrites
+    /// is set: then nobody has looked for the object before.
     ///
     /// @param send  sends the request
     /// @throws PreconditionFailed when there is an object
@@ -63,19 +63,11 @@ public:
         {
             return send();
         }
-        catch (const PreconditionFailed&)
-        {
-            throw;
-        }
-        catch (const TransientException&)
-        {
-            throw;
-        }
         catch (const cloudprovider::UnsupportedOperationException&)
         {
             m_conditionalWrites ? throw : request.headers = unconditional;
         }
-        catch (const cloudprovider::UnknownErrorException&) // such as 400 InvalidArgument; if not, it fails again
+        catch (const NotUnderstood&)
         {
             m_conditionalWrites ? throw : request.headers = unconditional;
         }

@@ -510,9 +510,10 @@ TEST(ConditionTest, HoldsWhetherTheEndpointKnowsItOrNot)
 // The bytes of another program are there, and this client did not look for them before, or not in time.
 TEST(ConditionTest, ReplacesNothingWhereTheStoreRefusesToCompare)
 {
-    for (const bool isTrusted : {true, false})
+    for (const auto& [isTrusted, refusal] : {std::pair(true, Reply::error(400, "InvalidArgument")),
+             {false, Reply::error(409, "Conflict")}, {false, Reply::error(400, "EntityTooSmall")}})
     {
-        ConditionalStore store{isTrusted ? Reply::error(400, "InvalidArgument") : Reply::error(409, "Conflict")};
+        ConditionalStore store{refusal};
         store.stored = isTrusted ? 'a' : '\0';
         LoopbackServer server([&](const Request& request) { return store.respond(request); });
         S3Settings settings = test::settingsFor(server);
@@ -520,7 +521,7 @@ TEST(ConditionTest, ReplacesNothingWhereTheStoreRefusesToCompare)
         S3Client client(settings);
         const auto condition = client.requireVersion("key", "");
         EXPECT_THROW(conformance::put(client, "key", "b"), CloudException);
-        EXPECT_NE(store.stored, 'b') << isTrusted;
+        EXPECT_NE(store.stored, 'b') << refusal.body;
     }
 }
 

@@ -32,6 +32,7 @@ enum class Meaning
     Denied,
     BadLocation,
     NotSupported,
+    NotUnderstood,
     Changed,
     Transient,
     Other
@@ -83,12 +84,16 @@ constexpr std::array rows{
     Row{"ConditionalRequestConflict", Meaning::Transient, ""},
     Row{"EntityTooSmall", Meaning::Other, "every part but the last must have at least 5 MiB"},
     Row{"EntityTooLarge", Meaning::Other, "the store does not accept so many bytes in one request"},
+    Row{"InvalidPart", Meaning::Other, ""},
+    Row{"InvalidPartOrder", Meaning::Other, ""},
 };
 
 Meaning meaningOf(int status)
 {
     switch (status)
     {
+    case 400:
+        return Meaning::NotUnderstood;
     case 401:
         return Meaning::BadCredentials;
     case 403:
@@ -236,6 +241,8 @@ void throwErrorResponse(const FailureContext& context, const HttpResponse& respo
         throw InvalidLocationException("Invalid location", detail);
     case Meaning::NotSupported:
         throw UnsupportedOperationException(detail);
+    case Meaning::NotUnderstood:
+        throw NotUnderstood("Store error", detail);
     case Meaning::Changed:
         throw PreconditionFailed("Object changed", detail);
     case Meaning::Transient:

@@ -19,6 +19,13 @@ public:
     using cloudprovider::UnknownErrorException::UnknownErrorException;
 };
 
+/// The store has refused a request as one that it does not understand. It may not know a header of it.
+class NotUnderstood : public cloudprovider::UnknownErrorException
+{
+public:
+    using cloudprovider::UnknownErrorException::UnknownErrorException;
+};
+
 /// What a message says about a failed request.
 struct FailureContext
 {
