@@ -177,16 +177,17 @@ void Objects::remove(const std::string& key)
     }
     try
     {
-        const HttpResponse response = m_requester.send(request, {404});
+        const HttpResponse response = m_requester.send(request, {404, 412});
         if (response.status == 404)
         {
             requireMissingKey(request, response);
-            checkRequiredVersion(key, required, "");
         }
-    }
-    catch (const PreconditionFailed&)
-    {
-        throwOtherVersion(key, required.value_or(""));
+        const bool wasOther = response.status == 412 || (response.status == 404 && !required.value_or("").empty());
+        // If it was sent twice, the first one may have removed the object.
+        if (wasOther && !(response.wasSentTwice && !info(*request.operation, key)))
+        {
+            throwOtherVersion(key, required.value_or(""));
+        }
     }
     catch (const TransientException&)
     {

@@ -121,6 +121,8 @@ public:
         {
             watchInterrupts(settings);
         }
+        set(CURLOPT_PREREQFUNCTION, &onSend);
+        set(CURLOPT_PREREQDATA, this);
         setMethod();
         for (const HttpHeaders::Field& field : request.headers)
         {
@@ -171,6 +173,7 @@ public:
         {
             m_receiver(m_response, {});
         }
+        m_response.wasSentTwice = m_sends > 1;
         return std::move(m_response);
     }
 
@@ -181,6 +184,7 @@ private:
         {
             m_request.body->rewind();
         }
+        m_sends = 0;
         return curl_easy_perform(m_handle);
     }
 
@@ -307,6 +311,17 @@ private:
             { return transfer.m_request.body == nullptr ? 0 : transfer.m_request.body->read(target, size * count); });
     }
 
+    /// Called before the request is sent. If a reused connection breaks without a response, the library sends it again.
+    static int onSend(void* self, char*, char*, int, int) noexcept
+    {
+        auto& transfer = *static_cast<Transfer*>(self);
+        if (++transfer.m_sends > 1 && transfer.m_request.body != nullptr)
+        {
+            transfer.m_request.body->setSentTwice();
+        }
+        return CURL_PREREQFUNC_OK;
+    }
+
     static int onSeek(void* self, curl_off_t offset, int origin) noexcept
     {
         if (offset != 0 || origin != SEEK_SET)
@@ -319,7 +334,6 @@ private:
                 if (transfer.m_request.body != nullptr)
                 {
                     transfer.m_request.body->rewind();
-                    transfer.m_request.body->setSentTwice();
                 }
                 return CURL_SEEKFUNC_OK;
             });
@@ -395,6 +409,7 @@ private:
     std::array<char, CURL_ERROR_SIZE> m_message{};
     HttpResponse m_response;
     bool m_delivered = false;
+    unsigned m_sends = 0; // by the library, in the last runOnce()
     std::function<bool()> m_interrupted;
     std::chrono::milliseconds m_timeAfterInterrupt{0};
     std::optional<std::chrono::steady_clock::time_point> m_cancelTime; // empty: not interrupted

@@ -50,6 +50,8 @@ struct HttpResponse
     int status = 0;
     HttpHeaders headers = {};
     std::string body; ///< empty when a receiver took it
+    /// The request was sent again after a broken connection: the store may have received it twice.
+    bool wasSentTwice = false;
 };
 
 } // namespace storage::clients::s3

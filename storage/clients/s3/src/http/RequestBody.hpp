@@ -30,7 +30,7 @@ public:
 
     virtual std::uint64_t size() const noexcept = 0;
 
-    /// Whether the body was sent again after a broken connection: the store may have received the request twice.
+    /// See HttpResponse. A request that gets no response tells it here.
     bool wasSentTwice() const noexcept { return m_wasSentTwice; }
     void setSentTwice() noexcept { m_wasSentTwice = true; }
 
