@@ -10,6 +10,17 @@ namespace storage::clients
 
 using namespace cloudprovider;
 
+namespace
+{
+
+[[noreturn]] void throwChanged(const std::string& key)
+{
+    throw UnknownErrorException(
+        "Object changed", "writing " + quoted(key) + ": the object is not the expected version any more");
+}
+
+} // namespace
+
 class RequiredVersions::Entry : public WriteConditions::Condition
 {
 public:
@@ -51,7 +62,7 @@ std::optional<std::string> RequiredVersions::find(const std::string& key) const
     if (std::any_of(
             first, last, [&required = first->second](const auto& entry) { return entry.second.tag != required.tag; }))
     {
-        throwOtherVersion(key, "two different tags");
+        throwChanged(key);
     }
     return first->second.tag;
 }
@@ -84,8 +95,7 @@ void throwOtherVersion(const std::string& key, const std::string& required)
     {
         throw ResourceAlreadyExistsException("an object " + quoted(key) + " exists already, and none was expected");
     }
-    throw UnknownErrorException(
-        "Object changed", "writing " + quoted(key) + ": the object is not the expected version any more");
+    throwChanged(key);
 }
 
 } // namespace storage::clients
