@@ -57,7 +57,8 @@ void add(std::vector<PlannedBytes>& origin, const PlannedBytes& bytes)
 
 /// Expect that the plan makes the file's bytes within the limits.
 /// @param forced  bytes; a part that is sent has fewer, however few numbers there are for it
-void expectRight(
+/// @return bytes that are read from the object to be sent
+std::uint64_t expectRight(
     const UploadPlan& plan, const std::vector<FilePart>& file, const UploadLimits& limits, std::uint64_t forced)
 {
     std::vector<PlannedBytes> expected;
@@ -69,6 +70,7 @@ void expectRight(
     std::vector<PlannedBytes> planned;
     bool copies = false;
     std::uint64_t size = 0;
+    std::uint64_t read = 0;
     std::size_t number = 0;
     for (const PlannedPart& part : plan.parts)
     {
@@ -78,6 +80,7 @@ void expectRight(
         {
             add(planned, bytes);
             sum += bytes.size;
+            read += part.how == How::Send && bytes.place == PartPlace::Object ? bytes.size : 0;
         }
         EXPECT_EQ(sum, part.how == How::Keep ? 0 : part.size);
         EXPECT_TRUE(part.size >= limits.minPartSize || isLast) << "part of " << part.size << " bytes";
@@ -94,6 +97,11 @@ void expectRight(
             break;
         case How::Send:
             EXPECT_TRUE(limits.equalParts || part.size < std::max(2 * limits.minPartSize, forced)) << "too much memory";
+            if (isLast && limits.maxCopySize > 0 && !limits.equalParts && part.bytes.size() > 1)
+            {
+                const PlannedBytes& tail = part.bytes.back();
+                EXPECT_TRUE(tail.place != PartPlace::Object || sum < limits.minPartSize + tail.size) << "not copied";
+            }
         }
         EXPECT_TRUE(!limits.equalParts || isLast || part.size == plan.parts[0].size);
         size += part.size;
@@ -103,6 +111,7 @@ void expectRight(
     EXPECT_EQ(plan.size, size);
     EXPECT_LE(plan.size, limits.maxObjectSize);
     EXPECT_EQ(plan.needsVersionCheck, copies && !limits.pinnedCopies);
+    return read;
 }
 
 TEST(UploadPlanTest, KeepsToEveryLimitAndLosesNoByte)
@@ -176,7 +185,7 @@ TEST(UploadPlanTest, PlansEveryPatchOfAnObjectAsItIsCut)
 {
     std::mt19937_64 random(2);
     const auto roll = [&](std::uint64_t max) { return std::uniform_int_distribution<std::uint64_t>(0, max)(random); };
-    for (int round = 0; round < 300 && !testing::Test::HasFailure(); ++round)
+    for (int round = 0; round < 500 && !testing::Test::HasFailure(); ++round)
     {
         const std::uint64_t cut = std::array{mebi / 16, mebi / 4, mebi, 5 * mebi, 7 * mebi}.at(roll(4));
         const std::uint64_t size = std::array{30 * mebi, 6 * mebi, 600 * mebi, 40 * gibi, 4000 * gibi}.at(roll(4));
@@ -189,7 +198,8 @@ TEST(UploadPlanTest, PlansEveryPatchOfAnObjectAsItIsCut)
             const UploadLimits limits{.maxCopySize = copies};
             SCOPED_TRACE(testing::Message() << "changed from part " << first << ", " << objectSize
                                             << " bytes in parts of " << cut << ", round " << round);
-            expectRight(planUpload(file, limits), file, limits, file.front().size / 4 * 5);
+            const auto read = expectRight(planUpload(file, limits), file, limits, file.front().size / 4 * 5);
+            EXPECT_LE(read, copies > 0 ? 4 * minPartSize : objectSize) << "sent instead of copied";
         }
     }
     const UploadPlan append = planUpload(patched(256 * mebi, mebi, 999, 999, 1024), {});
