@@ -149,6 +149,9 @@ TEST_F(OpenFileTest, RejectsWhatItCannotDo)
     openStored({}, 4).reset(); // the flush fails, and the destructor must not throw
     faults->clearFaults();
     stream = openStored({4}, 4);
+    const auto unstorable = provider->openStream(iriOf(std::string(600, 'a') + "/" + std::string(600, 'b')), editing);
+    EXPECT_EQ(write(*unstorable, "0123456789"), 10);
+    EXPECT_EQ(reasonOf([&] { unstorable->close(); }), "InvalidLocation") << "a key that the store cannot keep";
     EXPECT_EQ(reasonOf([&] { writeAt(*stream, 40'004, "x"); }), "Unsupported") << "a gap of more than 10,000 parts";
     EXPECT_EQ(stream->seek(0, std::ios_base::end), 4) << "refused before the first part is added";
 }

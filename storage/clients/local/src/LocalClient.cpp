@@ -217,7 +217,6 @@ std::string LocalClient::createMultipartUpload(const std::string& key, const std
     return perform(Operation::CreateMultipartUpload, key,
         [&]
         {
-            checkKey(key);
             const std::optional<Version> base = tag.empty() ? std::nullopt : m_pins.pinned(key);
             return m_uploads->begin(key, base ? std::optional(local::idOf(base->tag)) : std::nullopt);
         });
@@ -234,6 +233,7 @@ std::string LocalClient::uploadPart(
                 Database::ReadTransaction index(*m_index);
                 m_uploads->require(*index, key, uploadId);
             }
+            checkKey(key); // not when the upload is opened, because a close might hide that failure
             StagedContent staged = stage(part.Size);
             staged.receive(key, content);
             return storePart(key, uploadId, part, staged, std::nullopt);

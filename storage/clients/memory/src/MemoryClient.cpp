@@ -102,7 +102,6 @@ std::vector<PartInfo> MemoryClient::getObjectParts(const std::string& key)
 
 std::string MemoryClient::createMultipartUpload(const std::string& key, const std::string& tag)
 {
-    checkKey(key);
     const auto base = tag.empty() ? std::nullopt : m_pins.pinned(key);
     return m_store->openUpload(key, tag, base ? base->tag : "", m_clock());
 }
@@ -111,6 +110,7 @@ std::string MemoryClient::uploadPart(
     const std::string& key, const std::string& uploadId, const PartInfo& part, std::istream& content)
 {
     m_store->checkUpload(key, uploadId); // before the transfer, so that a missing upload is reported early
+    checkKey(key);                       // not when the upload is opened, because a close might hide that failure
     return m_store->addPart(key, uploadId, part.Index, SharedBytes(key, content, part.Size));
 }
 

@@ -48,7 +48,6 @@ std::string multipartTag(const std::vector<std::pair<std::size_t, std::string>>&
 
 std::string MultipartUploads::create(const std::string& key, const std::string& tag)
 {
-    checkKey(key);
     return m_registry.begin(key, tag);
 }
 
@@ -78,6 +77,7 @@ std::string MultipartUploads::send(
     const std::string& key, const std::string& id, const PartInfo& part, std::istream& content)
 {
     const auto upload = m_registry.find(key, id);
+    checkKey(key); // not when the upload is opened, because a close might hide that failure
     if (part.Index >= maxParts)
     {
         throw UnknownErrorException("Too many parts",

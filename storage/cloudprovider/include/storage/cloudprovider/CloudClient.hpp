@@ -80,7 +80,7 @@ public:
     /// Reject a file name that the store cannot hold, before anything is written. Returning accepts the name.
     ///
     /// Called when a file is opened with empty contents and may be created. Other operations that create objects do not
-    /// call it, so putObject() and createMultipartUpload() must check the key themselves.
+    /// call it, so putObject() and uploadPart() must check the key themselves.
     /// @param name  the last segment of the path, UTF-8, without "/"
     /// @throws InvalidLocationException with the reason in its detail
     virtual void validateObjectName(const std::string& name) = 0;
@@ -121,6 +121,9 @@ public:
 
     /// Begin a multipart upload that will replace the object under the key on completion, and not before.
     ///
+    /// Must not fail if that can be avoided: if this call fails whenever it is made until a file is closed, the close
+    /// may succeed although nothing was stored. A client therefore returns an id of its own, opens the upload in the
+    /// store with its first part, and refuses a key that it cannot store there.
     /// @param tag  the tag of the part that was uploaded last for this open file; before the first one, the tag that
     ///             the stored object's first part had when the file was opened; empty for a new file
     /// @return the upload id; the client defines its format
