@@ -3,6 +3,7 @@
 #include "ErrorTranslation.hpp"
 #include "FlatCloudEntryIterator.hpp"
 #include "LogRecords.hpp"
+#include "OpenPartManager.hpp"
 #include "RecursiveCloudEntryIterator.hpp"
 
 #include <storage/cloudprovider/CloudExceptions.hpp>
@@ -320,10 +321,12 @@ void CloudProvider::doMoveFile(
             const fsp::ByteStreamPtr writer =
                 openStream(to, {fsp::ByteStreamReadAccess::None, fsp::ByteStreamCreate::IfMissing,
                                    fsp::ByteStreamTruncate::Discard, fsp::ByteStreamWritePosition::AtOffset});
+            // The contents that the writer shares with streams that are opened on the destination meanwhile.
+            auto contents = globalOpenFileManager().open(to, {}, {}, m_client);
             copyStream(*reader, from, *writer, to, currentIri);
-            if (globalOpenFileManager().isOpen(to))
+            if (!std::exchange(contents, nullptr)->isStored())
             {
-                // Opened during the copy. The source stays, because only the close of that stream may store the copy.
+                // Another stream is still open, or was the last to close and has not stored the copy.
                 throw fsp::Exception(fsp::ErrorCode::InUse, to);
             }
             removeFile(from);

@@ -257,6 +257,7 @@ void OpenPartManager::registerByteStream(bool mayWrite)
     if (m_byteStreamCount++ == 0)
     {
         m_writerCount = 0;
+        m_isStored = false;
     }
     m_writerCount += mayWrite ? 1 : 0;
 }
@@ -268,6 +269,13 @@ void OpenPartManager::abandonChanges()
     m_isAbandoned = m_byteStreamCount == 1 && m_writerCount == 1;
 }
 
+bool OpenPartManager::isStored()
+{
+    logEntry(CallSite("bool storage::cloudprovider::OpenPartManager::isStored()", source));
+    const std::shared_lock streamLock(m_streamLock);
+    return m_isStored;
+}
+
 void OpenPartManager::unregisterByteStream()
 {
     logEntry(CallSite("void storage::cloudprovider::OpenPartManager::unregisterByteStream()", source));
@@ -275,7 +283,7 @@ void OpenPartManager::unregisterByteStream()
     --m_byteStreamCount;
     if (m_byteStreamCount == 0 && !m_isAbandoned)
     {
-        flushParts(); // under the lock, so that no part is opened or closed meanwhile
+        m_isStored = flushParts(); // under the lock, so that no part is opened or closed meanwhile
     }
 }
 
@@ -294,14 +302,14 @@ void OpenPartManager::scheduleUpload(const OpenPartBufferSharedPtr& part)
         [&part] { return part->markUploading(); }, part, [part](const std::string& tag) { part->setTag(tag); });
 }
 
-void OpenPartManager::flushParts()
+bool OpenPartManager::flushParts()
 {
     logEntry(CallSite("void storage::cloudprovider::OpenPartManager::flushParts()", source));
     const std::vector<OpenPartBufferSharedPtr> flushed = parts();
     if (flushed.size() == 1)
     {
         flushSinglePartFile(*flushed.front());
-        return;
+        return true;
     }
     for (const OpenPartBufferSharedPtr& part : flushed)
     {
@@ -313,7 +321,8 @@ void OpenPartManager::flushParts()
     if (!m_uploadManager->isUploading())
     {
         // Nothing was changed, or no upload could be opened. In both cases the stored object stays as it is.
-        return;
+        return std::all_of(flushed.begin(), flushed.end(),
+            [](const OpenPartBufferSharedPtr& part) { return part->localDataVersion() == LocalDataVersion::CLOUD; });
     }
     for (const OpenPartBufferSharedPtr& part : flushed)
     {
@@ -333,6 +342,7 @@ void OpenPartManager::flushParts()
     {
         part->markUploaded();
     }
+    return true;
 }
 
 void OpenPartManager::flushSinglePartFile(OpenPartBuffer& part)

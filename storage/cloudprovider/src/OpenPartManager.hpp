@@ -85,6 +85,9 @@ public:
     /// and may have made some of them.
     void abandonChanges();
 
+    /// Return whether no stream is registered and the last one has stored all changes. Waits for a flush.
+    bool isStored();
+
     /// Unregister a stream. The last one writes the file to the store if it was modified.
     /// @throws CloudException when the file was not written; the stored object is unchanged
     void unregisterByteStream();
@@ -93,7 +96,7 @@ private:
     void extendTo(std::size_t fileOffset);
     void appendPartAfter(const OpenPartBufferSharedPtr& last);
     void scheduleUpload(const OpenPartBufferSharedPtr& part);
-    void flushParts();
+    bool flushParts(); // returns whether everything is stored
     void flushSinglePartFile(OpenPartBuffer& part);
     std::vector<OpenPartBufferSharedPtr> parts() const;
 
@@ -104,6 +107,7 @@ private:
     std::size_t m_byteStreamCount = 0;
     std::size_t m_writerCount = 0; // streams that may write, registered since there was no stream
     bool m_isAbandoned = false;
+    bool m_isStored = false; // by the last stream that unregistered, and none has been registered since
 
     DownloadedPartCache m_partCache;
     const std::unique_ptr<MultipartUploadManager> m_uploadManager;

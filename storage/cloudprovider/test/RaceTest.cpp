@@ -179,6 +179,40 @@ TEST_P(RaceTest, AMoveLosesNothingIfItsDestinationIsOpened)
     EXPECT_EQ(stored("file"), (fails ? std::string(10, '\0') : "0123456789") + "other");
 }
 
+TEST_P(RaceTest, AMoveKeepsItsSourceUnlessItsDestinationIsStored)
+{
+    for (const Operation failing : {Operation::PutObject, Operation::CreateMultipartUpload})
+    {
+        store->put("source", "0123456789");
+        fsp::ByteStreamPtr other;
+        const auto open = [&](Operation operation, const std::string&) {
+            operation == Operation::GetObjectRange ? void(other = provider->openStream(iriOf("file"), editing))
+                                                   : void();
+        };
+        faults->setHook(open);
+        const auto close = [&](auto&&, auto&&, std::string_view record)
+        {
+            if (record.find("isStored") != std::string_view::npos) // the move has closed its streams
+            {
+                setLog(0);
+                writeAt(*other, failing == Operation::PutObject ? 10 : 20, "other"); // in one part or two
+                fails ? fail(failing) : void();
+                // A flush that cannot open its upload is quiet.
+                const bool isReported = fails && failing == Operation::PutObject;
+                EXPECT_EQ(reasonOf([&] { other->close(); }), isReported ? "PermissionDenied" : "done");
+            }
+        };
+        foundation::log::setSink(close);
+        setLog(2);
+        const auto move = [&] { provider->moveFile(iriOf("source"), iriOf("file"), {}); };
+        EXPECT_EQ(reasonOf(move), fails ? "InUse" : "done");
+        EXPECT_EQ(stored("source"), fails ? std::optional("0123456789") : std::nullopt);
+        EXPECT_EQ(stored("file").has_value(), !fails);
+        faults->clearFaults();
+        store->remove("file");
+    }
+}
+
 TEST_P(RaceTest, TwoFirstPartsOpenOneUpload)
 {
     putParts("file", std::string(48, 'a'), {16, 16, 16});
