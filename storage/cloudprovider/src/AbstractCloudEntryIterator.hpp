@@ -12,9 +12,11 @@
 
 #include <fl/i18n.hpp>
 
+#include <cstddef>
 #include <deque>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace storage::cloudprovider
@@ -62,14 +64,29 @@ protected:
             foundation::storage::provider::FileAttributes(entry.size, entry.lastModified, true));
     }
 
-    /// Does nothing for a name that is empty or ends in "/", as keys with "//" give it: its IRI is that of another
-    /// folder, so a caller that lists folder by folder would not end.
     void queueFolder(const std::string& name, const boost::posix_time::ptime& lastModified)
     {
-        if (!name.empty() && !utils::hasTrailingSlash(name))
+        m_pending.emplace_back(
+            fl::i18n::utf8_to_ustring(name), foundation::storage::provider::FolderAttributes(lastModified, true));
+    }
+
+    /// Return where the first segment begins that is empty or "."; npos if there is none. An entry with such a segment
+    /// is not listed: its IRI names something else, so a caller that lists folder by folder would not end.
+    static std::size_t findUnlistedSegment(std::string_view name)
+    {
+        for (std::size_t begin = 0;;)
         {
-            m_pending.emplace_back(
-                fl::i18n::utf8_to_ustring(name), foundation::storage::provider::FolderAttributes(lastModified, true));
+            const std::size_t end = name.find('/', begin);
+            const std::string_view segment = name.substr(begin, end - begin);
+            if (segment.empty() || segment == ".")
+            {
+                return begin;
+            }
+            if (end == std::string_view::npos)
+            {
+                return end;
+            }
+            begin = end + 1;
         }
     }
 

@@ -19,15 +19,13 @@ std::string FlatCloudEntryIterator::delimiter() const
 void FlatCloudEntryIterator::processEntry(std::string name, const ObjectEntry& entry)
 {
     const bool isFolder = utils::hasTrailingSlash(name);
-    if (isFolder && m_filter != ListFilter::FilesOnly)
+    name.resize(name.size() - (isFolder ? 1 : 0));
+    if (m_filter == (isFolder ? ListFilter::FilesOnly : ListFilter::FoldersOnly) ||
+        findUnlistedSegment(name) != std::string::npos)
     {
-        name.pop_back();
-        queueFolder(name, entry.lastModified);
+        return;
     }
-    else if (!isFolder && m_filter != ListFilter::FoldersOnly)
-    {
-        queueFile(name, entry);
-    }
+    isFolder ? queueFolder(name, entry.lastModified) : queueFile(name, entry);
 }
 
 } // namespace storage::cloudprovider

@@ -20,14 +20,19 @@ std::string RecursiveCloudEntryIterator::delimiter() const
 
 void RecursiveCloudEntryIterator::processEntry(std::string name, const ObjectEntry& entry)
 {
-    if (!utils::hasTrailingSlash(name))
+    const bool isFolder = utils::hasTrailingSlash(name);
+    name.resize(name.size() - (isFolder ? 1 : 0));
+    const std::size_t unlisted = findUnlistedSegment(name);
+    if (unlisted != std::string::npos)
+    {
+        addParentFolders(name.substr(0, unlisted));
+    }
+    else if (!isFolder)
     {
         addParentFolders(name);
         queueFile(name, entry);
-        return;
     }
-    name.pop_back();
-    if (m_seenFolders.insert(name).second)
+    else if (m_seenFolders.insert(name).second)
     {
         addParentFolders(name);
         queueFolder(name, entry.lastModified);

@@ -56,16 +56,22 @@ TEST_F(DefaultOperationsTest, CreateMissingFoldersOutermostFirst)
 
 TEST_F(DefaultOperationsTest, FilterEveryListingByTheLastName)
 {
-    // A folder without a name, or whose name ends in "/", is not listed: its IRI is that of another folder.
-    for (const char* key :
-        {"folder//x", "folder/ab", "folder/ac/", "folder/b/", "folder/b//", "folder/b/aa", "folder/b/c"})
+    // What has an empty segment, or a segment ".", is not listed: its IRI names something else.
+    for (const char* key : {"folder//x", "folder/./x", "folder/.", "folder/ab", "folder/ac/", "folder/b/", "folder/b//",
+             "folder/b/aa", "folder/b/c", "odd//x", "odd/./", "odd/.//x"})
     {
         store->put(key, "");
     }
     const fsp::IProvider& p = *provider;
     EXPECT_EQ(namesOf({p.listAllNamesOnly(folder), p.listFilesNamesOnly(folder), p.listFoldersNamesOnly(folder),
                   p.listAllRecursiveNamesOnly(folder)}),
-        "ab ac b | ab | ac b | /x ab ac b b/aa b/c | ");
+        "ab ac b | ab | ac b | ab ac b b/aa b/c | ");
+    const fsp::StorageIRI odd = iriOf("odd");
+    EXPECT_TRUE(p.folderExists(odd));
+    EXPECT_EQ(namesOf({p.listAll(odd), p.listAllRecursive(odd)}), "| | ");
+    EXPECT_EQ(reasonOf([&] { p.removeFolder(odd); }), "FolderNotEmpty");
+    EXPECT_EQ(reasonOf([&] { p.removeFolderRecursively(odd); }), "done");
+    EXPECT_FALSE(p.folderExists(odd));
     const std::u16string pattern = u"a*";
     EXPECT_EQ(namesOf({p.listAllWildcards(folder, pattern), p.listFilesWildcards(folder, pattern),
                   p.listFoldersWildcards(folder, pattern), p.listAllNamesOnlyWildcards(folder, pattern),

@@ -37,7 +37,8 @@ enum class FolderPolicy : std::uint32_t
 ///   destination is the old object or the complete copy. Moving or copying a file onto itself changes nothing.
 /// - A move fails if the destination is a folder (AlreadyExists), is a file and the policy is ReplacementPolicy::Fail
 ///   (AlreadyExists), or is open (InUse), and if the policy is unknown (Unsupported). If a stream is opened on the
-///   destination during the copy and is still open after it, the move keeps the source and fails (InUse).
+///   destination during the copy, and is still open after it or could not store it, the move keeps the source and fails
+///   (InUse).
 /// - A copy fails if the destination is a file and the policy is 0 or 4, or if it is a folder and the provider was
 ///   built to check for that (AlreadyExists). If the destination is open, the copy writes into the contents that its
 ///   streams share: bytes beyond the end of the source stay, and the last of the streams to close stores the result. A
@@ -48,7 +49,9 @@ enum class FolderPolicy : std::uint32_t
 /// - Recursive removal stops at the first failure. Entries removed before that stay removed.
 /// - Folders cannot be moved; times and permissions cannot be set (Unsupported).
 /// - A listing fetches pages as the caller advances, each time up to the next entry. The call that returns it fetches
-///   the first entry. Folders whose name would be empty or end in "/" are left out: their IRI names another folder.
+///   the first entry. Keys with an empty segment or a segment "." are left out, such as "a//x", "/x" and "./x":
+///   their IRI names something else. A folder that has no other keys exists, is listed as empty, and is removed only
+///   recursively.
 class CLOUDPROVIDER_EXPORT CloudProvider : public foundation::storage::provider::IProvider
 {
 public:
