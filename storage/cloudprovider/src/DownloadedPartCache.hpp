@@ -1,7 +1,9 @@
 #pragma once
 
+#include "LogRecords.hpp"
 #include "Mutex.hpp"
 #include "OpenPartBuffer.hpp"
+#include "TemporaryFileException.hpp"
 
 #include <cstdint>
 #include <deque>
@@ -25,6 +27,27 @@ public:
     /// Empty the caches of all open files of the process, and free the bytes of their parts. Call when there is no room
     /// for temporary files, holding no lock but the stream lock.
     static void discardAll();
+
+    /// Run an action that needs room for temporary files. If there is none, call discardAll() and run it again. The
+    /// action must be repeatable after such a failure, and the caller's locks are limited as for discardAll().
+    template <typename Action>
+    static auto withRoom(const Action& action)
+    {
+        try
+        {
+            return action();
+        }
+        catch (const TemporaryFileException& exception)
+        {
+            if (!exception.needsRoom())
+            {
+                throw;
+            }
+            logCaughtException();
+        }
+        discardAll();
+        return action();
+    }
 
     /// Add a part as the newest entry.
     /// @return the evicted parts, oldest first; the added part is among them if it alone exceeds the limit

@@ -3,7 +3,6 @@
 #include "DownloadedPartCache.hpp"
 #include "LogRecords.hpp"
 #include "OpenGuard.hpp"
-#include "TemporaryFileException.hpp"
 
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
@@ -72,27 +71,6 @@ std::size_t downloadFirstByte(const OpenFileContext& context, char* byte)
     context.client->getObjectRange(context.key, out, 0, 0);
     out.flush();
     return received;
-}
-
-/// Run an action that needs room for temporary files. If there is none, discard what the part caches of all open files
-/// hold, and run it again.
-template <typename Action>
-auto withRoom(const Action& action)
-{
-    try
-    {
-        return action();
-    }
-    catch (const TemporaryFileException& exception)
-    {
-        if (!exception.needsRoom())
-        {
-            throw;
-        }
-        logCaughtException();
-    }
-    DownloadedPartCache::discardAll();
-    return action();
 }
 
 } // namespace
@@ -217,7 +195,7 @@ void OpenPartBuffer::decrementOpenCount()
 
 BufferPtr OpenPartBuffer::buildOpenBuffer(std::size_t usedBytes) const
 {
-    return withRoom(
+    return DownloadedPartCache::withRoom(
         [&]
         {
             // The buffer has the part's capacity, so that the part can grow in place.
@@ -299,7 +277,7 @@ std::size_t OpenPartBuffer::increaseSize(std::size_t amount)
 {
     logEntry(CallSite("size_t storage::cloudprovider::OpenPartBuffer::increaseSize(size_t)", source),
         named("amount", amount));
-    return withRoom(
+    return DownloadedPartCache::withRoom(
         [&]
         {
             const MutexLock lock(m_mutex);
@@ -311,7 +289,7 @@ std::size_t OpenPartBuffer::increaseSize(std::size_t amount, std::size_t offset)
 {
     logEntry(CallSite("size_t storage::cloudprovider::OpenPartBuffer::increaseSize(size_t, size_t)", source),
         named("amount", amount), named("offset", offset));
-    return withRoom(
+    return DownloadedPartCache::withRoom(
         [&]
         {
             const MutexLock lock(m_mutex);

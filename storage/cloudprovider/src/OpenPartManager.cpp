@@ -138,7 +138,7 @@ std::unique_ptr<OpenPartDevice> OpenPartManager::openPart(std::size_t fileOffset
     const std::size_t index = findPartIndex(fileOffset);
     if (createIfNonExistent)
     {
-        extendTo(fileOffset);
+        DownloadedPartCache::withRoom([&] { extendTo(fileOffset); });
     }
     OpenPartBufferSharedPtr part;
     {
