@@ -372,6 +372,7 @@ test_uploads()
     bytes 100000 >&3
     while [[ -z $(fs uploads list) ]] && kill -0 "$pid"; do :; done # another thread opens the upload
     prints '' uploads list --older-than 1h
+    prints '' uploads abort --older-than 1h
     expect 2 '.*--older-than.*' uploads abort
     expect 2 '.*--older-than.*' uploads abort --older-than 5
     fs uploads list >/dev/full 2>err && fail "uploads list ignored a full disk"
