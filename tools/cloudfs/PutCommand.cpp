@@ -7,9 +7,13 @@
 #include "Transfer.hpp"
 #include "Validators.hpp"
 
+#include <storage/clients/stores/OpenStore.hpp>
+
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
+#include <system_error>
 
 namespace cloudfs
 {
@@ -52,6 +56,7 @@ public:
 
     bool run()
     {
+        requireNotTheStore(m_options.local);
         m_context.requireNoParentIsFile(m_target);
         makeFolder(m_target);
         walkLocalTree(m_options.local, *this);
@@ -60,9 +65,14 @@ public:
     }
 
 private:
-    bool enterFolder(const std::string&, const std::string& name) override
+    bool enterFolder(const std::string& local, const std::string& name) override
     {
-        return m_batch.runNow([&] { makeFolder(m_target.child(name)); });
+        return m_batch.runNow(
+            [&]
+            {
+                requireNotTheStore(local);
+                makeFolder(m_target.child(name));
+            });
     }
 
     void visitFile(const std::string& local, const std::string& name, std::uint64_t size) override
@@ -96,6 +106,18 @@ private:
             snapshot = std::make_shared<FolderSnapshot>(m_context, folder);
         }
         return snapshot;
+    }
+
+    /// A store in its own folder would grow with each upload. And if this process opened and closed the index as a
+    /// file, it would lose its locks on it.
+    void requireNotTheStore(const std::string& local) const
+    {
+        const auto store = storage::clients::localStoreDirectory(m_context.storeUrl);
+        std::error_code error;
+        if (store && std::filesystem::equivalent(*store, local, error))
+        {
+            throw CommandError(local, "skipped: it is the folder of the store", fsp::ErrorCode::Unsupported);
+        }
     }
 
     void makeFolder(const StorePath& path) const
@@ -158,9 +180,9 @@ void addPutCommand(CLI::App& app, CommandContext& context)
     command->footer(
         "If PATH ends in \"/\", LOCAL is stored in that folder under its own name; otherwise PATH is the new\n"
         "name. The folder of a file need not exist. With -r, missing folders are created, symbolic links to\n"
-        "files are followed, and entries that cannot be stored (links to folders, devices, names that are\n"
-        "not UTF-8 or end in a dot) are reported and skipped. With --folders prefix, empty folders are not\n"
-        "stored.\n" +
+        "files are followed, and entries that cannot be stored (links to folders, devices, the folder of the\n"
+        "store, names that are not UTF-8 or end in a dot) are reported and skipped. With --folders prefix,\n"
+        "empty folders are not stored.\n" +
         std::string(concurrentFileHelp));
     command->add_option("LOCAL", options->local, "A file, a folder with -r, or - for standard input")->required();
     command->add_option("PATH", options->path, "The destination in the store")->required();

@@ -268,6 +268,11 @@ test_skipped_entries()
     [[ $(wc -l <err) == 6 ]] || fail "more than one line each: $(<err)"
     prints $'link\nplain' ls -R /odd
 
+    # A folder that contains the store itself.
+    mkdir home
+    store=local:home/store expect 0 '' put odd/plain /plain
+    store=local:home/store expect 1 'home/store: skipped: .*' put -r home /home
+
     # Symbolic links in the target that lead out of it are not followed, and pipes are not opened.
     mkdir -p back/odd
     touch target/file
