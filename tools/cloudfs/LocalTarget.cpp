@@ -66,7 +66,10 @@ LocalTarget::LocalTarget(const std::string& path, bool replace, Destination dest
     {
         throw CommandError(m_name, "is a folder", fsp::ErrorCode::AlreadyExists);
     }
-    if (exists && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode))
+    // Only the system can follow some links, such as /dev/stdout if it is a pipe.
+    const bool isOpenLink =
+        destination == Destination::NamedByUser && S_ISLNK(status.st_mode) && ::access(m_path.c_str(), F_OK) == 0;
+    if (exists && !S_ISREG(status.st_mode) && (!S_ISLNK(status.st_mode) || isOpenLink))
     {
         if (destination == Destination::InsideTree)
         {

@@ -197,6 +197,7 @@ END
 test_failing_streams()
 {
     echo old | expect 0 '' put - /file
+    ln -s /proc/self/fd/1 link # as /dev/stdout
     expect_rows <<'END'
 1|standard input: Bad file descriptor.*|put -f - /file <&-
 1|standard input: Is a directory.*|put -f - /file <buffers
@@ -204,6 +205,7 @@ test_failing_streams()
 1|standard output: No space left.*|ls >/dev/full
 1|standard output: No space left.*|put --help >/dev/full
 1|standard output: No space left.*|--version >/dev/full
+0||get -f /file link | grep -x old
 1||cat /missing 2>/dev/full
 2||frob 2>&-
 END
