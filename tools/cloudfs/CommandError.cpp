@@ -62,7 +62,8 @@ fsp::ErrorCode codeOfStoreFailure(const CloudException& exception)
 } // namespace
 
 CommandError::CommandError(const std::string& path, const std::string& reason, const fsp::ErrorCode& code)
-    : std::runtime_error(text::printable(fmt::format("{}: {} (code {} {})", path, reason, code.value(), code.name())))
+    : std::runtime_error(text::printable(
+          fmt::format("{}: {} (code {} {})", path.empty() ? "\"\"" : path, reason, code.value(), code.name())))
     , m_code(code)
 {
 }

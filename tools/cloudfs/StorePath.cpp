@@ -63,7 +63,7 @@ StorePath StorePath::parse(const std::string& argument)
     const std::string path = isIri ? decodedPath(argument) : argument;
     if (path.empty() && !isIri)
     {
-        throw CommandError("\"\"", "the path is empty", fsp::ErrorCode::InvalidLocation);
+        throw CommandError(argument, "the path is empty", fsp::ErrorCode::InvalidLocation);
     }
     StorePath result;
     forEachSegment(path,

@@ -160,6 +160,7 @@ test_errors()
 1|/missing: .*code 4 .*|stat missing
 1|/missing: no such folder; .*-p .*code 4 .*|mkdir missing/x
 1|missing: No such file .*code 4 .*|put missing /x
+1|"": No such file .*code 4 .*|put '' /x
 1|none/x: No such file .*code 4 .*|get /file none/x
 1|/folder: is a folder .*code 1 .*|cat /folder
 1|/folder: is a folder; .*-r .*|rm folder
