@@ -158,6 +158,7 @@ TEST_F(HttpClientTest, CancelsOnlyRequestsThatBeganBeforeAnInterrupt)
     EXPECT_EQ(failureKind(interruptible, {.method = "DELETE", .url = silent}), Kind::Stalled);
     EXPECT_EQ(failureKind(interruptible, {.method = "POST", .url = server.url(), .uninterruptible = true}),
         Kind::Interrupted);
+    EXPECT_THROW(interruptible.perform({.method = "GET", .url = server.url()}, [](auto&&...) {}), HttpFailure);
     for (const auto& [deadline, kind] : {std::pair(1200ms, Kind::Stalled), std::pair(9000ms, Kind::Interrupted)})
     {
         interrupted = false;

@@ -112,7 +112,7 @@ public:
             set(CURLOPT_PROXY, "");
         }
         const bool isInterrupted = settings.interrupted && settings.interrupted();
-        if (isInterrupted && (request.uninterruptible || request.body != nullptr))
+        if (isInterrupted && (request.uninterruptible || request.body != nullptr || receiver))
         {
             throw HttpFailure(HttpFailure::Kind::Interrupted, "not sent because of an interrupt");
         }
