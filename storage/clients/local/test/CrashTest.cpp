@@ -41,6 +41,7 @@ void writeUntilKilled(const path& store, const std::string& folder, Writer& writ
 {
     std::mt19937 random(seed);
     LocalClient client(store);
+    LocalClient reader(store); // stores nothing, so it reads what others have stored
     for (std::uint64_t version = 1'000'000 * seed; !Test::HasFailure(); ++version)
     {
         const std::size_t object = random() % objects;
@@ -66,7 +67,7 @@ void writeUntilKilled(const path& store, const std::string& folder, Writer& writ
         }
         writer.done[object] = writer.attempted[object].load();
         put(client, "shared", content(version, 100 + random() % 100'000));
-        versionOf(get(client, "shared"));
+        versionOf(get(reader, "shared"));
         ++writer.steps;
     }
 }
