@@ -15,19 +15,25 @@
 // After each close, the object has its old or its new bytes, and a change that is missing was reported. Nothing is left
 // behind. Random scenarios print their seed; MODEL_SEED=n runs the rows "random" with that seed.
 
-void* operator new(std::size_t size)
+// Weak, because the thread sanitizer has its own operators, which then count nothing.
+[[gnu::weak]] void* operator new(std::size_t size)
 {
     std::size_t& left = storage::cloudprovider::allocationsLeft;
     void* const memory = left != 0 && --left == 0 ? nullptr : std::malloc(size);
     return memory != nullptr ? memory : throw std::bad_alloc();
 }
 
-void operator delete(void* memory) noexcept
+[[gnu::weak]] void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept
+{
+    return std::malloc(size);
+}
+
+[[gnu::weak]] void operator delete(void* memory) noexcept
 {
     std::free(memory);
 }
 
-void operator delete(void* memory, std::size_t /*size*/) noexcept
+[[gnu::weak]] void operator delete(void* memory, std::size_t /*size*/) noexcept
 {
     std::free(memory);
 }
@@ -388,11 +394,16 @@ using LittleMemoryTest = FileModelTest; // not over clients that allocate on thr
 
 TEST_P(LittleMemoryTest, SurvivesTheFailureOfEveryAllocation)
 {
-    for (std::size_t n = 1; m_allocationsLeft == 0; ++n)
+    std::size_t n = 1;
+    for (; m_allocationsLeft == 0; ++n)
     {
         m_allocationsLeft = n;
         runOnce({});
         ASSERT_FALSE(HasFailure()) << "allocation " << n;
+    }
+    if (n == 2)
+    {
+        GTEST_SKIP() << "this program cannot replace operator new";
     }
 }
 
