@@ -90,6 +90,16 @@ protected:
         }
     }
 
+    /// Log a key that is not listed. Once per listing, because such keys usually come in numbers.
+    void warnAboutUnlisted(const std::string& key)
+    {
+        if (!std::exchange(m_hasWarned, true))
+        {
+            logMessage(foundation::log::severity::warning, "Not listed, perhaps with others like it: the key \"", key,
+                "\" has an empty segment or a segment \".\"");
+        }
+    }
+
     /// Fetch pages until an entry is pending or the listing ends.
     ///
     /// The constructor of the derived class calls it once with `first` set, when its members are initialised.
@@ -135,6 +145,7 @@ private:
     std::optional<foundation::storage::provider::FolderEntry> m_current; // empty until the first next()
     std::deque<foundation::storage::provider::FolderEntry> m_pending;    // fetched, not returned yet
     std::string m_continuationToken;                                     // empty: there is no further page
+    bool m_hasWarned = false;                                            // about a key that is not listed
     foundation::storage::provider::StorageIRI m_iri;
     CloudClientSharedPtr m_client;
 };

@@ -20,9 +20,13 @@ void FlatCloudEntryIterator::processEntry(std::string name, const ObjectEntry& e
 {
     const bool isFolder = utils::hasTrailingSlash(name);
     name.resize(name.size() - (isFolder ? 1 : 0));
-    if (m_filter == (isFolder ? ListFilter::FilesOnly : ListFilter::FoldersOnly) ||
-        findUnlistedSegment(name) != std::string::npos)
+    if (m_filter == (isFolder ? ListFilter::FilesOnly : ListFilter::FoldersOnly))
     {
+        return;
+    }
+    if (findUnlistedSegment(name) != std::string::npos)
+    {
+        warnAboutUnlisted(entry.key);
         return;
     }
     isFolder ? queueFolder(name, entry.lastModified) : queueFile(name, entry);

@@ -25,6 +25,7 @@ void RecursiveCloudEntryIterator::processEntry(std::string name, const ObjectEnt
     const std::size_t unlisted = findUnlistedSegment(name);
     if (unlisted != std::string::npos)
     {
+        warnAboutUnlisted(entry.key);
         addParentFolders(name.substr(0, unlisted));
     }
     else if (!isFolder)

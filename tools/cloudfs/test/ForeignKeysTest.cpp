@@ -51,7 +51,7 @@ TEST(ForeignKeysTest, StayInsideTheTargetAndCanBeRemoved)
     EXPECT_EQ(files, (std::set<std::string>{"err", "in/tree/deep/ok", "in/tree/ok", "out"})) << errors;
     EXPECT_FALSE(fs::exists(directory / "made"));
     EXPECT_FALSE(fs::exists("/etc/absolute"));
-    for (const char* refused : {"/t/../../escape", "/t/dot.: ", "/t/dot./file", "both"})
+    for (const char* refused : {"/t/../../escape", "t//etc/absolute", "/t/dot.: ", "/t/dot./file", "both"})
     {
         EXPECT_NE(errors.find(refused), std::string::npos) << refused << " is not reported:\n" << errors;
     }
