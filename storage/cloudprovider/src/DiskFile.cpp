@@ -62,12 +62,13 @@ fl::filesystem::path createFile()
         folder = boost::filesystem::absolute(boost::filesystem::temp_directory_path());
         return fl::filesystem::tmpnam(folder.string(), temporaryFilePrefix(), {});
     }
+    catch (const boost::filesystem::filesystem_error& error) // there is no such folder
+    {
+        throw TemporaryFileException("creating a temporary file in " + error.path1().string(), error.code().value());
+    }
     catch (const boost::system::system_error& error)
     {
-        const auto* const noFolder = dynamic_cast<const boost::filesystem::filesystem_error*>(&error);
-        throw TemporaryFileException(
-            "creating a temporary file in " + (noFolder != nullptr ? noFolder->path1() : folder).string(),
-            error.code().value());
+        throw TemporaryFileException("creating a temporary file in " + folder.string(), error.code().value());
     }
 }
 
