@@ -21,7 +21,10 @@ std::string RecursiveCloudEntryIterator::delimiter() const
 void RecursiveCloudEntryIterator::processEntry(std::string name, const ObjectEntry& entry)
 {
     const bool isFolder = utils::hasTrailingSlash(name);
-    name.resize(name.size() - (isFolder ? 1 : 0));
+    if (isFolder)
+    {
+        name.pop_back();
+    }
     const std::size_t unlisted = findUnlistedSegment(name);
     if (unlisted != std::string::npos)
     {
