@@ -9,9 +9,9 @@ namespace cloudfs
 
 /// Writes a local file that appears complete or not at all. One thread at a time.
 ///
-/// Until commit() the file has no name, so nothing is left if the process is killed. Some file systems, such as NFS,
-/// have no such files. There it has a temporary name in the same folder, which a process that is killed leaves behind.
-/// A file that replaces another one has such a name only for the instant of commit().
+/// Until commit() the file has no name, so nothing is left if the process is killed. A file that replaces another one
+/// then gets a temporary name in the same folder for an instant. On file systems without unnamed files, such as NFS, it
+/// has that name from the start. removeLeftovers() removes what a process that was killed has left under such a name.
 class LocalTarget
 {
 public:
