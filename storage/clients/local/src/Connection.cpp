@@ -15,16 +15,18 @@ namespace
 {
 
 // Find the process that keeps this process from using an index, by the bytes that SQLite locks.
-std::optional<pid_t> findHolder(const std::filesystem::path& index)
+//
+// @param alone  whether others may not even read
+std::optional<pid_t> findHolder(const std::filesystem::path& index, bool alone)
 {
-    constexpr std::int64_t writer = 120;                // of the shared memory
-    constexpr std::int64_t firstUser = 128;             // of the shared memory
-    constexpr std::int64_t foreignProgram = 0x40000002; // of the index: a program that does not use the log
+    constexpr std::int64_t writer = 120;         // of the shared memory
+    constexpr std::int64_t firstUser = 128;      // of the shared memory
+    constexpr std::int64_t anyUser = 0x40000002; // of the index: exclusive, if a program does not use the log
     const std::filesystem::path memory = index.native() + "-shm";
     for (const auto& [file, byte] :
-        {std::pair(memory, writer), std::pair(memory, firstUser), std::pair(index, foreignProgram)})
+        {std::pair(memory, writer), std::pair(memory, firstUser), std::pair(index, anyUser)})
     {
-        if (const auto holder = findLockHolder(file, byte))
+        if (const auto holder = findLockHolder(file, byte, alone && byte == anyUser))
         {
             return holder;
         }
@@ -153,6 +155,12 @@ void Connection::reserveChecksums()
     sqlite3_file_control(m_handle, "main", SQLITE_FCNTL_RESERVE_BYTES, &size);
 }
 
+void Connection::keepOthersOut()
+{
+    m_keepsOthersOut = true;
+    execute("PRAGMA locking_mode = EXCLUSIVE");
+}
+
 void Connection::ignoreLogEnd()
 {
     sqlite3_file_control(m_handle, "main", local::ignoreLogEnd, nullptr);
@@ -219,7 +227,7 @@ void Connection::check(int code) const
     const int kind = code & 0xFF;
     if (m_wait && (kind == SQLITE_BUSY || kind == SQLITE_PROTOCOL))
     {
-        m_wait->fail("the index", findHolder(sqlite3_db_filename(m_handle, "main")));
+        m_wait->fail("the index", findHolder(sqlite3_db_filename(m_handle, "main"), m_keepsOthersOut));
     }
     throw sqliteError(code, sqlite3_system_errno(m_handle), sqlite3_errmsg(m_handle));
 }

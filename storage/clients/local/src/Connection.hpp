@@ -114,6 +114,10 @@ public:
     /// Let the pages of a new, empty index end in checksums.
     void reserveChecksums();
 
+    /// Let the next statement that reads the index lock it for this connection alone, until the connection is closed.
+    /// The connection then keeps SQLite's shared memory in its own memory.
+    void keepOthersOut();
+
     /// Let the write-ahead log count up to its first damage. To be called before the index is read.
     void ignoreLogEnd();
 
@@ -144,6 +148,7 @@ private:
 
     sqlite3* m_handle = nullptr;
     std::optional<LockWait> m_wait;
+    bool m_keepsOthersOut = false;
     std::unordered_map<std::string_view, sqlite3_stmt*> m_statements; // by SQL text
 };
 

@@ -180,7 +180,7 @@ bool Rebuild::copyParts(std::int64_t object)
                });
 }
 
-// Open the old index for this process alone. It then keeps SQLite's shared memory in its own memory.
+// Open the old index for this process alone.
 //
 // @param wholeLog  refuse a log that is damaged; else it counts up to the first damage
 // @return whether it can be read
@@ -192,8 +192,23 @@ try
     {
         connection->ignoreLogEnd();
     }
-    connection->execute("PRAGMA locking_mode = EXCLUSIVE");
+    connection->keepOthersOut();
     connection->query("SELECT 1 FROM sqlite_schema").next();
+    return true;
+}
+catch (const StoreError& error)
+{
+    if (error.kind() != StoreError::Kind::Damaged)
+    {
+        throw;
+    }
+    return false;
+}
+
+bool isIntact(Connection& index, const std::function<bool()>& interrupted)
+try
+{
+    index.checkPages(interrupted);
     return true;
 }
 catch (const StoreError& error)
@@ -273,7 +288,15 @@ void repairIndex(const std::filesystem::path& directory, const LockLimits& limit
         }
     }
     std::optional<Connection> old; // keeps others out until its files are replaced
-    if (!hasWholeLog || !open(old, file, wait, true))
+    if (hasWholeLog && open(old, file, wait, true))
+    {
+        if (std::filesystem::is_empty(aside) && isIntact(*old, limits.interrupted))
+        {
+            std::filesystem::remove(aside);
+            return; // another process has repaired it meanwhile
+        }
+    }
+    else
     {
         lost.emplace_back("the last changes");
         if (isIrregular(file) || !open(old, file, wait, false))
@@ -300,10 +323,10 @@ void repairIndex(const std::filesystem::path& directory, const LockLimits& limit
     next.install(folder);
     old.reset();
     std::for_each(removed.begin(), removed.end(), report);
-    moveUnnamedFiles(directory, aside, wait);
     lost.emplace_back("open uploads");
     report({Damage::Kind::Index, {}, reason,
         fmt::format("replaced; lost are {}; the old one is in \"{}\"", fmt::join(lost, " and "), aside.native())});
+    moveUnnamedFiles(directory, aside, LockWait(limits)); // a long repair has used up the other wait
 }
 
 } // namespace storage::clients::local

@@ -11,9 +11,10 @@ namespace storage::clients::local
 {
 
 /// Replace a damaged index by one with all objects that can still be read from it, and move the old one into a folder
-/// in `damaged`. A crash leaves the old index, unless it interrupts these last steps: then the store has no index and
-/// is refused; the new one is in `index.sqlite.new`, and the old one with its log is in that folder. Others are kept
-/// from the index meanwhile; one that was waiting for it fails.
+/// in `damaged`. Does nothing if another process has repaired the index meanwhile. A crash leaves the old index, unless
+/// it interrupts these last steps: then the store has no index and is refused; the new one is in `index.sqlite.new`,
+/// and the old one with its log is in that folder. Others are kept from the index meanwhile; one that was waiting for
+/// it fails.
 ///
 /// @param reason  why the index counts as damaged
 /// @param report  called for each object that is lost, and for the index

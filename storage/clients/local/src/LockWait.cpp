@@ -11,6 +11,7 @@
 
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
 namespace storage::clients::local
 {
@@ -44,7 +45,7 @@ void LockWait::fail(const std::string& what, std::optional<pid_t> holder) const
                                                    waited.count(), isInterrupted() ? " because of an interrupt" : ""));
 }
 
-std::optional<pid_t> findLockHolder(const std::filesystem::path& file, std::int64_t byte)
+std::optional<pid_t> findLockHolder(const std::filesystem::path& file, std::int64_t byte, bool readers)
 {
     struct stat status = {};
     if (::stat(file.c_str(), &status) != 0)
@@ -71,7 +72,8 @@ std::optional<pid_t> findLockHolder(const std::filesystem::path& file, std::int6
         std::int64_t first = 0;
         std::string last;
         fields >> number >> type >> mode >> access >> process >> found >> first >> last;
-        if (fields && access == "WRITE" && process > 0 && found.ends_with(inode) && first <= byte &&
+        const bool isInTheWay = access == "WRITE" || (readers && process != ::getpid());
+        if (fields && isInTheWay && process > 0 && found.ends_with(inode) && first <= byte &&
             (last == "EOF" || byte <= std::strtoll(last.c_str(), nullptr, 10)))
         {
             holder = process;

@@ -50,7 +50,8 @@ private:
 
 /// Find the process that keeps others from locking this byte of a file.
 ///
+/// @param readers  whether a shared lock of another process is also in the way
 /// @return nullopt: there is none, or the system does not tell
-std::optional<pid_t> findLockHolder(const std::filesystem::path& file, std::int64_t byte = 0);
+std::optional<pid_t> findLockHolder(const std::filesystem::path& file, std::int64_t byte = 0, bool readers = false);
 
 } // namespace storage::clients::local

@@ -266,11 +266,25 @@ TEST(LocalClientTest, ARepairKeepsTheOldIndexAndKeepsOthersFromIt)
     makeStore(folder.store);
     const auto damageIt = [&]
     { ASSERT_EQ(shell(folder, "rm -f store/index.sqlite-shm && mkfifo store/index.sqlite-shm"), 0); };
-    damageIt();
-    EXPECT_THAT([&] { checkLocalStore(folder.store, {.repair = true, .interrupted = [] { return true; }}); },
-        fails<UnknownErrorException>("the repair of the index was interrupted"));
+    const auto interrupted = [&]
+    {
+        damageIt();
+        checkLocalStore(folder.store, {.repair = true, .interrupted = [] { return true; }});
+    };
+    const int reader = startProcess(
+        [&]
+        {
+            LocalClient client(folder.store);
+            get(client, "small");
+            ::raise(SIGSTOP);
+        });
+    ASSERT_EQ(::waitpid(reader, nullptr, WUNTRACED), reader);
+    EXPECT_THAT(interrupted, fails<UnknownErrorException>("process " + std::to_string(reader) + " keeps the index"));
+    ASSERT_EQ(::kill(reader, SIGKILL), 0);
+    EXPECT_EQ(waitForProcess(reader), -1);
+    EXPECT_THAT(interrupted, fails<UnknownErrorException>("the repair of the index was interrupted"));
     EXPECT_FALSE(exists(folder.store / "index.sqlite.new"));
-    for (const char* kept : {"damaged/index-2/index.sqlite", "damaged/index-3/index.sqlite"})
+    for (const char* kept : {"damaged/index-3/index.sqlite", "damaged/index-4/index.sqlite"})
     {
         damageIt();
         sqlite3* early = nullptr; // opens the index before the repair, and reads it after
@@ -289,6 +303,31 @@ TEST(LocalClientTest, ARepairKeepsTheOldIndexAndKeepsOthersFromIt)
     EXPECT_EQ(checkLocalStore(folder.store, {}).damaged, 1U);
     EXPECT_EQ(checkLocalStore(folder.store, {.repair = true}).repaired, 1U);
     EXPECT_THAT(client.pendingUploads(), IsEmpty());
+}
+
+TEST(LocalClientTest, ASecondRepairLeavesARepairedIndexAlone)
+{
+    const TestFolder folder;
+    makeStore(folder.store);
+    const std::string page = runSql(folder.store, "PRAGMA page_count"); // the last one loses its checksum
+    ASSERT_EQ(
+        shell(folder, "dd if=/dev/zero of=store/index.sqlite bs=8 count=1 conv=notrunc status=none seek=$((512 * " +
+                          page + " - 1))"),
+        0);
+    const int lock = ::open(folder.store.c_str(), O_RDONLY);
+    EXPECT_EQ(::flock(lock, LOCK_EX), 0);
+    int calls = 0; // few while the index is read, many while the repair waits for the lock
+    const auto repairFirst = [&]
+    {
+        if (++calls == 100)
+        {
+            ::close(lock);
+            EXPECT_GT(checkLocalStore(folder.store, {.repair = true}).repaired, 0U);
+        }
+        return false;
+    };
+    EXPECT_EQ(checkLocalStore(folder.store, {.repair = true, .interrupted = repairFirst}).damaged, 0U);
+    EXPECT_GE(calls, 100);
 }
 
 TEST(LocalClientTest, UpgradesAnIndexWithoutChecksums)
