@@ -181,7 +181,13 @@ void RetryingClient::waitForNext(Attempts& attempts, const TransientException& f
     }
     if (!sleep(time, attempts.call))
     {
-        throw gaveUp(attempts, failure, isInterrupted() ? "interrupted" : "another call of this upload gave up");
+        const TransientException last =
+            gaveUp(attempts, failure, isInterrupted() ? "interrupted" : "another call of this upload gave up");
+        if (attempts.call.operation == Operation::AbortMultipartUpload)
+        {
+            recordUploadFailure(attempts.call, last); // whoever cleans up next would wait as long
+        }
+        throw last;
     }
 }
 

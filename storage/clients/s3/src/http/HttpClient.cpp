@@ -112,7 +112,7 @@ public:
             set(CURLOPT_PROXY, "");
         }
         const bool isInterrupted = settings.interrupted && settings.interrupted();
-        if (isInterrupted && (request.uninterruptible || request.body != nullptr || receiver))
+        if (isInterrupted && request.method != "DELETE") // which cleans up
         {
             throw HttpFailure(HttpFailure::Kind::Interrupted, "not sent because of an interrupt");
         }

@@ -63,7 +63,8 @@ struct RetryClock
 /// Uploads: a call of an upload that has used up its budget ends the retries of the whole upload, so that a store that
 /// went away is not waited for again with each part. For the time of another budget, other calls of this upload do not
 /// wait any more. New ones fail at once with the same exception, except the first abortMultipartUpload(), which makes
-/// one attempt. This ends early when a call of the upload succeeds.
+/// one attempt. This ends early when a call of the upload succeeds. An abort that fails after an interrupt counts, too:
+/// the next one fails at once.
 ///
 /// Content streams: before each retry, a seekable stream is rewound to its position at the start of the call. The retry
 /// reads the same bytes again, or overwrites what the failed attempt wrote. With a stream that is not seekable, the

@@ -58,9 +58,8 @@ struct S3Settings
     std::shared_ptr<CredentialsSource> credentials = nullptr; ///< null: defaultCredentials()
 
     /// Called about once a second during a request, on the thread that waits for it. When it returns true, requests in
-    /// progress are cancelled, one that opens an upload only after HttpTimeouts::cleanUp, and no request that opens an
-    /// upload, has a body or reads an object is sent any more. Other requests that start later clean up, so they are
-    /// not cancelled; HttpTimeouts::cleanUp limits them. Null: nothing is cancelled.
+    /// progress are cancelled, one that opens an upload only after HttpTimeouts::cleanUp. Only deletions and aborts are
+    /// sent from then on, because they clean up; HttpTimeouts::cleanUp limits them. Null: nothing is cancelled.
     std::function<bool()> interrupted = nullptr;
 };
 
