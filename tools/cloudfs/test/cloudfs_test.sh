@@ -327,12 +327,12 @@ test_interrupted_get()
     resume 1 'cloudfs: target/file: File exists .*code 3 .*'
 }
 
-# Another program truncates a file that is being uploaded, and stores a large file after its folder was listed.
+# Another program truncates a file that is being uploaded, and stores another one after its folder was listed.
 test_concurrent_changes()
 {
     mkdir tree
     bytes 4000000 >tree/first
-    truncate -s 6M tree/second
+    truncate -s 1M tree/second # small enough that it is not looked up before it is sent
     ZV_CLOUD_PART_SIZE_OVERRIDE=16384 start_until doWrite put -r -j 1 tree /tree
     truncate -s 2M tree/first
     echo theirs | expect 0 '' put - /tree/second
@@ -343,7 +343,7 @@ test_concurrent_changes()
     same tree/second /tree/second
 
     # Stored during an upload of the same path, and during a move.
-    ZV_CLOUD_PART_SIZE_OVERRIDE=16384 start_until doWrite put tree/second /new
+    ZV_CLOUD_PART_SIZE_OVERRIDE=16384 start_until doWrite put tree/first /new
     echo theirs | expect 0 '' put - /new
     resume 1 'cloudfs: /new: already exists .*code 3 .*'
     same <(echo theirs) /new
