@@ -248,6 +248,17 @@ bool moveAside(
     return exists;
 }
 
+// Replace the index by the new one, which is complete. The index goes first: without it, the new one counts.
+void replaceIndex(const std::filesystem::path& directory, const FileHandle& folder, const std::filesystem::path& file,
+    const std::filesystem::path& aside)
+{
+    for (const char* suffix : {"", "-wal", "-shm", logEndSuffix})
+    {
+        moveAside(file.native() + suffix, aside);
+    }
+    NewIndex::install(directory, folder);
+}
+
 // Move the content files of lost objects aside.
 void moveUnnamedFiles(const std::filesystem::path& directory, const std::filesystem::path& aside, const LockWait& wait)
 {
@@ -316,17 +327,22 @@ void repairIndex(const std::filesystem::path& directory, const LockLimits& limit
         }
         rebuild.finish(ContentFiles(directory).list());
     }
-    for (const char* suffix : {"", "-wal", "-shm", logEndSuffix})
-    {
-        moveAside(file.native() + suffix, aside);
-    }
-    next.install(folder);
+    replaceIndex(directory, folder, file, aside);
     old.reset();
     std::for_each(removed.begin(), removed.end(), report);
     lost.emplace_back("open uploads");
     report({Damage::Kind::Index, {}, reason,
         fmt::format("replaced; lost are {}; the old one is in \"{}\"", fmt::join(lost, " and "), aside.native())});
     moveUnnamedFiles(directory, aside, LockWait(limits)); // a long repair has used up the other wait
+}
+
+void finishRepair(const std::filesystem::path& directory, const FileHandle& folder)
+{
+    const std::filesystem::path file = indexFile(directory);
+    if (!std::filesystem::exists(file) && std::filesystem::exists(newIndexFile(directory)))
+    {
+        replaceIndex(directory, folder, file, newFolder(directory / "damaged"));
+    }
 }
 
 } // namespace storage::clients::local

@@ -2,6 +2,7 @@
 
 #include "Connection.hpp"
 #include "Files.hpp"
+#include "IndexRepair.hpp"
 #include "StoreError.hpp"
 
 #include <fmt/format.h>
@@ -163,7 +164,7 @@ void upgrade(
         }
         upgraded.execute("COMMIT");
     }
-    next.install(folder);
+    NewIndex::install(directory, folder);
 }
 
 } // namespace
@@ -180,8 +181,7 @@ void lockFolder(const FileHandle& folder, const std::filesystem::path& path, Loc
 }
 
 NewIndex::NewIndex(const std::filesystem::path& directory)
-    : m_directory(directory)
-    , m_file(indexFile(directory).native() + ".new")
+    : m_file(newIndexFile(directory))
 {
     remove(); // of an attempt that was killed
     createFile(m_file);
@@ -207,19 +207,24 @@ void NewIndex::begin(Connection& index)
     index.execute("BEGIN IMMEDIATE");
 }
 
-void NewIndex::install(const FileHandle& folder)
+void NewIndex::install(const std::filesystem::path& directory, const FileHandle& folder)
 {
-    const std::filesystem::path file = indexFile(m_directory);
-    if (std::rename(m_file.c_str(), file.c_str()) != 0)
+    const std::filesystem::path file = indexFile(directory);
+    if (std::rename(newIndexFile(directory).c_str(), file.c_str()) != 0)
     {
         throw systemError("renaming to \"" + file.native() + '"', errno);
     }
-    syncFile(folder, m_directory);
+    syncFile(folder, directory);
 }
 
 std::filesystem::path indexFile(const std::filesystem::path& directory)
 {
     return directory / "index.sqlite";
+}
+
+std::filesystem::path newIndexFile(const std::filesystem::path& directory)
+{
+    return directory / "index.sqlite.new";
 }
 
 void prepareIndex(const std::filesystem::path& directory, bool createMissing, const LockLimits& limits)
@@ -246,6 +251,15 @@ void prepareIndex(const std::filesystem::path& directory, bool createMissing, co
     }
 
     const std::filesystem::path file = indexFile(directory);
+    if (!std::filesystem::exists(file) && std::filesystem::exists(newIndexFile(directory)))
+    {
+        if (!isLocked)
+        {
+            lockFolder(folder, directory, wait); // the repair may be in progress
+            isLocked = true;
+        }
+        finishRepair(directory, folder);
+    }
     const std::filesystem::file_status status = std::filesystem::status(file);
     if (!std::filesystem::exists(status))
     {

@@ -12,6 +12,9 @@ namespace storage::clients::local
 /// The path of the index of the store in this directory.
 std::filesystem::path indexFile(const std::filesystem::path& directory);
 
+/// The path of a new index that is to replace it.
+std::filesystem::path newIndexFile(const std::filesystem::path& directory);
+
 /// Check that the directory holds an index that this program understands. If it is missing or empty, create both,
 /// or throw StoreError of kind NotFound. Processes that create a store at the same time wait for each other.
 ///
@@ -39,13 +42,12 @@ public:
     /// Create the tables in the new index, and begin the transaction that fills them.
     static void begin(Connection& index);
 
-    /// Replace the index by the new one, to which no connection is open.
-    void install(const FileHandle& folder);
+    /// Replace the index of a directory by the new one, to which no connection is open.
+    static void install(const std::filesystem::path& directory, const FileHandle& folder);
 
 private:
     void remove() const;
 
-    const std::filesystem::path m_directory;
     const std::filesystem::path m_file;
 };
 
