@@ -339,7 +339,9 @@ void repairIndex(const std::filesystem::path& directory, const LockLimits& limit
 void finishRepair(const std::filesystem::path& directory, const FileHandle& folder)
 {
     const std::filesystem::path file = indexFile(directory);
-    if (!std::filesystem::exists(file) && std::filesystem::exists(newIndexFile(directory)))
+    const std::filesystem::path next = newIndexFile(directory);
+    const bool isComplete = std::filesystem::exists(next) && !std::filesystem::exists(next.native() + "-journal");
+    if (!std::filesystem::exists(file) && isComplete)
     {
         replaceIndex(directory, folder, file, newFolder(directory / "damaged"));
     }
