@@ -51,7 +51,8 @@ enum class FolderPolicy : std::uint32_t
 /// - A listing fetches pages as the caller advances, each time up to the next entry. The call that returns it fetches
 ///   the first entry. Keys with an empty segment or a segment "." are left out, such as "a//x", "/x" and "./x":
 ///   their IRI names something else. A folder that has no other keys exists, is listed as empty, and is removed only
-///   recursively.
+///   recursively. Keys with a segment that ends in a dot are listed, although their IRI names the key without that dot:
+///   with such an entry, a host reads or removes another object. See utils::canonicalize().
 class CLOUDPROVIDER_EXPORT CloudProvider : public foundation::storage::provider::IProvider
 {
 public:
