@@ -7,6 +7,7 @@ set(libraries foundation cloudprovider)
 set(stores
     cloudprovider_clients_common
     cloudprovider_decorators
+    cloudprovider_http
     cloudprovider_local
     cloudprovider_memory
     cloudprovider_s3

@@ -3,12 +3,11 @@
 #include "Parallel.hpp"
 
 #include "protocol/Responses.hpp"
-#include "signing/Hashing.hpp"
-
 #include <storage/clients/common/Content.hpp>
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/common/PartRules.hpp>
 #include <storage/clients/common/TransientException.hpp>
+#include <storage/clients/http/Hashing.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <boost/iostreams/device/array.hpp>

@@ -5,12 +5,11 @@
 #include "UploadPlan.hpp"
 
 #include "protocol/Responses.hpp"
-#include "protocol/Times.hpp"
-#include "signing/Hashing.hpp"
-
 #include <storage/clients/common/Content.hpp>
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/common/TransientException.hpp>
+#include <storage/clients/http/Hashing.hpp>
+#include <storage/clients/http/Times.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <fmt/format.h>

@@ -1,11 +1,10 @@
 #pragma once
 
-#include "http/HttpMessage.hpp"
 #include "protocol/StoreFailures.hpp"
-#include "signing/Hashing.hpp"
-
 #include <storage/clients/common/Content.hpp>
 #include <storage/clients/common/VersionPins.hpp>
+#include <storage/clients/http/Hashing.hpp>
+#include <storage/clients/http/HttpMessage.hpp>
 
 #include <cstdint>
 #include <iosfwd>

@@ -1,8 +1,7 @@
 #include <storage/clients/s3/S3Settings.hpp>
 
 #include "protocol/BucketAddress.hpp"
-#include "signing/UriEncoding.hpp"
-
+#include <storage/clients/http/UriEncoding.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <boost/algorithm/string/classification.hpp>

@@ -2,7 +2,7 @@
 
 #include "LoopbackServer.hpp"
 
-#include "http/HttpClient.hpp"
+#include <storage/clients/http/HttpClient.hpp>
 
 #include <boost/beast/http.hpp>
 
@@ -78,8 +78,8 @@ private:
 
     Reply forward(const Request& request)
     {
-        s3::TextBody body(request.body());
-        s3::HttpRequest forwarded{std::string(request.method_string()), m_store + std::string(request.target())};
+        TextBody body(request.body());
+        HttpRequest forwarded{std::string(request.method_string()), m_store + std::string(request.target())};
         forwarded.body = request.body().empty() ? nullptr : &body;
         for (const auto& field : request)
         {
@@ -88,7 +88,7 @@ private:
                 forwarded.headers.add(std::string(field.name_string()), std::string(field.value()));
             }
         }
-        s3::HttpResponse response = m_client.perform(forwarded);
+        HttpResponse response = m_client.perform(forwarded);
         Reply reply{response.status, {}, std::move(response.body)};
         for (const auto& [field, value] : response.headers)
         {
@@ -103,7 +103,7 @@ private:
     }
 
     const std::string m_store;
-    s3::HttpClient m_client{{}};
+    HttpClient m_client{{}};
     mutable std::mutex m_mutex;
     std::size_t m_count = 0; // guarded by m_mutex, as is all below; requests since the plan was set
     std::vector<SeenRequest> m_seen;

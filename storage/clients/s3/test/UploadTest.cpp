@@ -3,10 +3,9 @@
 #include "TestCalls.hpp"
 #include "UploadPlan.hpp"
 
-#include "signing/Hashing.hpp"
-
 #include <storage/clients/common/TransientException.hpp>
 #include <storage/clients/decorators/RetryingClient.hpp>
+#include <storage/clients/http/Hashing.hpp>
 #include <storage/clients/s3/S3Client.hpp>
 
 #include <fmt/format.h>

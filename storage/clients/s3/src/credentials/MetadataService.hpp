@@ -2,7 +2,7 @@
 
 #include "CredentialsProvider.hpp"
 
-#include "http/HttpClient.hpp"
+#include <storage/clients/http/HttpClient.hpp>
 
 #include <chrono>
 #include <string>

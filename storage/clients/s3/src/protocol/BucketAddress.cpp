@@ -1,8 +1,7 @@
 #include "BucketAddress.hpp"
 
-#include "signing/UriEncoding.hpp"
-
 #include <storage/clients/common/KeyRules.hpp>
+#include <storage/clients/http/UriEncoding.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <boost/algorithm/string/case_conv.hpp>

@@ -1,9 +1,8 @@
 #include "Requester.hpp"
 
-#include "signing/Hashing.hpp"
 #include "signing/RequestSigner.hpp"
-
 #include <storage/clients/common/KeyRules.hpp>
+#include <storage/clients/http/Hashing.hpp>
 
 #include <fmt/format.h>
 

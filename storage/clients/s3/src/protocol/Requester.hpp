@@ -3,10 +3,9 @@
 #include "BucketAddress.hpp"
 #include "StoreFailures.hpp"
 
-#include "http/HttpClient.hpp"
-#include "signing/UriEncoding.hpp"
-
 #include <storage/clients/common/Operation.hpp>
+#include <storage/clients/http/HttpClient.hpp>
+#include <storage/clients/http/UriEncoding.hpp>
 #include <storage/clients/s3/S3Settings.hpp>
 
 #include <atomic>

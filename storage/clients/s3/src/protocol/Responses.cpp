@@ -1,8 +1,7 @@
 #include "Responses.hpp"
 
-#include "Times.hpp"
-
-#include "signing/UriEncoding.hpp"
+#include <storage/clients/http/Times.hpp>
+#include <storage/clients/http/UriEncoding.hpp>
 
 #include <pugixml.hpp>
 

@@ -1,9 +1,8 @@
 #include "StoreFailures.hpp"
 
-#include "Times.hpp"
-
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/common/TransientException.hpp>
+#include <storage/clients/http/Times.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <boost/date_time/posix_time/posix_time.hpp>

@@ -2,9 +2,8 @@
 
 #include "Responses.hpp"
 
-#include "http/HttpFailure.hpp"
-#include "http/HttpMessage.hpp"
-
+#include <storage/clients/http/HttpFailure.hpp>
+#include <storage/clients/http/HttpMessage.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <string>

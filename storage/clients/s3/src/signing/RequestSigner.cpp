@@ -1,6 +1,6 @@
 #include "RequestSigner.hpp"
 
-#include "Hashing.hpp"
+#include <storage/clients/http/Hashing.hpp>
 
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/trim_all.hpp>

@@ -1,7 +1,6 @@
 #pragma once
 
-#include "http/HttpMessage.hpp"
-
+#include <storage/clients/http/HttpMessage.hpp>
 #include <storage/clients/s3/Credentials.hpp>
 
 #include <ctime>

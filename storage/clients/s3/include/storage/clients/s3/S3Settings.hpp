@@ -1,7 +1,7 @@
 #pragma once
 
+#include <storage/clients/http/HttpTimeouts.hpp>
 #include <storage/clients/s3/Credentials.hpp>
-#include <storage/clients/s3/HttpTimeouts.hpp>
 
 #include <filesystem>
 #include <functional>

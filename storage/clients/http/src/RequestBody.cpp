@@ -1,4 +1,4 @@
-#include "RequestBody.hpp"
+#include <storage/clients/http/RequestBody.hpp>
 
 #include <storage/clients/common/Content.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <istream>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
 namespace
@@ -69,4 +69,4 @@ std::size_t StreamBody::read(char* target, std::size_t capacity)
     return count;
 }
 
-} // namespace storage::clients::s3
+} // namespace storage::clients

@@ -1,10 +1,9 @@
 #pragma once
 
-#include "HttpFailure.hpp"
-#include "HttpMessage.hpp"
-#include "RequestBody.hpp"
-
-#include <storage/clients/s3/HttpTimeouts.hpp>
+#include <storage/clients/http/HttpFailure.hpp>
+#include <storage/clients/http/HttpMessage.hpp>
+#include <storage/clients/http/HttpTimeouts.hpp>
+#include <storage/clients/http/RequestBody.hpp>
 
 #include <filesystem>
 #include <functional>
@@ -13,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
 /// Sends requests, each on the calling thread, and reuses their connections.
@@ -27,7 +26,11 @@ public:
     {
         HttpTimeouts timeouts = {};
         std::filesystem::path authorities = {}; ///< PEM file that replaces the system's certificate authorities
-        std::function<bool()> interrupted = {}; ///< see S3Settings; null: never
+
+        /// Whether the process is interrupted. Called about once a second on the thread that waits for a request. Then
+        /// requests in progress are cancelled, an uninterruptible one only after HttpTimeouts::cleanUp. Only DELETE is
+        /// sent from then on, because it cleans up; HttpTimeouts::cleanUp limits it. Null: never.
+        std::function<bool()> interrupted = {};
     };
 
     /// Takes the body of a response piece by piece. An exception ends the request and reaches the caller.
@@ -58,4 +61,4 @@ private:
     std::vector<std::unique_ptr<Connection>> m_idle; // guarded by m_mutex; the last one is reused first
 };
 
-} // namespace storage::clients::s3
+} // namespace storage::clients

@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
 /// A request without a complete response.
@@ -37,4 +37,4 @@ private:
     Kind m_kind;
 };
 
-} // namespace storage::clients::s3
+} // namespace storage::clients

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <cstdint>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
 /// How long one request may take. A request that exceeds one of these limits has failed and may be retried.
@@ -34,4 +34,4 @@ struct HttpTimeouts
     std::chrono::milliseconds cleanUp{5'000};
 };
 
-} // namespace storage::clients::s3
+} // namespace storage::clients

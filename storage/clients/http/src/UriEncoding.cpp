@@ -1,10 +1,10 @@
-#include "UriEncoding.hpp"
+#include <storage/clients/http/UriEncoding.hpp>
 
-#include "Hashing.hpp"
+#include <storage/clients/http/Hashing.hpp>
 
 #include <algorithm>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
 namespace
@@ -84,4 +84,4 @@ std::string encodeQuery(const QueryParameters& parameters)
     return query;
 }
 
-} // namespace storage::clients::s3
+} // namespace storage::clients

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
 /// Percent-encode every byte except letters, digits, "-", ".", "_" and "~". Signatures require exactly this form.
@@ -23,4 +23,4 @@ using QueryParameters = std::vector<std::pair<std::string, std::string>>;
 /// "name=value&…", encoded, in the order that signing requires.
 std::string encodeQuery(const QueryParameters& parameters);
 
-} // namespace storage::clients::s3
+} // namespace storage::clients

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
 class Digest;
@@ -50,4 +50,4 @@ std::string toHex(std::string_view bytes);
 /// Decode hexadecimal digits; empty for any other text.
 std::string fromHex(std::string_view digits);
 
-} // namespace storage::clients::s3
+} // namespace storage::clients

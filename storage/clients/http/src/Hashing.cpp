@@ -1,6 +1,6 @@
-#include "Hashing.hpp"
+#include <storage/clients/http/Hashing.hpp>
 
-#include "http/RequestBody.hpp"
+#include <storage/clients/http/RequestBody.hpp>
 
 #include <boost/algorithm/hex.hpp>
 
@@ -14,7 +14,7 @@
 #include <stdexcept>
 #include <vector>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
 namespace
@@ -150,4 +150,4 @@ std::string fromHex(std::string_view digits)
     return bytes;
 }
 
-} // namespace storage::clients::s3
+} // namespace storage::clients

@@ -1,10 +1,10 @@
-#include "HttpMessage.hpp"
+#include <storage/clients/http/HttpMessage.hpp>
 
 #include <boost/algorithm/string/predicate.hpp>
 
 #include <algorithm>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
 const std::string* HttpHeaders::find(std::string_view name) const
@@ -14,4 +14,4 @@ const std::string* HttpHeaders::find(std::string_view name) const
     return found == m_fields.rend() ? nullptr : &found->value;
 }
 
-} // namespace storage::clients::s3
+} // namespace storage::clients

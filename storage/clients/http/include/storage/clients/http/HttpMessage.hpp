@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
 class RequestBody;
@@ -54,4 +54,4 @@ struct HttpResponse
     bool wasSentTwice = false;
 };
 
-} // namespace storage::clients::s3
+} // namespace storage::clients

@@ -1,4 +1,4 @@
-#include "HttpClient.hpp"
+#include <storage/clients/http/HttpClient.hpp>
 
 #include <curl/curl.h>
 #include <openssl/crypto.h>
@@ -13,7 +13,7 @@
 #include <string>
 #include <utility>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
 namespace
@@ -456,4 +456,4 @@ void HttpClient::release(std::unique_ptr<Connection> connection)
     }
 }
 
-} // namespace storage::clients::s3
+} // namespace storage::clients

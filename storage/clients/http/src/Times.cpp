@@ -1,4 +1,4 @@
-#include "Times.hpp"
+#include <storage/clients/http/Times.hpp>
 
 #include <boost/date_time/posix_time/conversion.hpp>
 #include <boost/date_time/posix_time/posix_time_types.hpp>
@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <string_view>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
 namespace
@@ -54,4 +54,4 @@ boost::posix_time::ptime readIsoTime(const std::string& text)
     }
 }
 
-} // namespace storage::clients::s3
+} // namespace storage::clients

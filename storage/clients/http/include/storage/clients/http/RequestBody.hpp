@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
 /// The bytes of a request. They can be read from the start any number of times: to hash them before they are sent, and
@@ -79,4 +79,4 @@ private:
     std::uint64_t m_position = 0;
 };
 
-} // namespace storage::clients::s3
+} // namespace storage::clients
