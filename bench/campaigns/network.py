@@ -20,6 +20,7 @@ STALL_EVERY = 50  # faults: each stall lasts about 40 s, until the client gives 
 NOTICED_BY = {
     b"XAmzContentSHA256Mismatch": "the signed hash of the request",
     b"do not match the entity tag": "the entity tag of the response",
+    b"NoSuchUpload": "the store, which has no upload of that id",
 }
 
 
@@ -143,9 +144,8 @@ class Network(Campaign):
             self.counts["not flipped: fewer bodies"] += 1
         elif done.returncode != 0 or noticed:
             self.counts[f"{direction}, noticed by {noticed[0] if noticed else 'something else'}"] += 1
-            self.counts["refused"] += done.returncode != 0
         elif is_right:
-            self.counts[f"{direction}, without effect"] += 1
+            self.counts[f"{direction} in something that the client does not use"] += 1
         elif command == "cat large":
             self.counts["received in a range, unnoticed"] += 1
         if done.returncode == 0 and not is_right and (noticed or command != "cat large"):
