@@ -156,8 +156,9 @@ void VersionPins::pin(const std::string& key, const std::string& opened, const V
         m_pins.front().current = current;
         return;
     }
-    m_pins.push_front({key, opened, current});
-    m_byKey.emplace(m_pins.front().key, m_pins.begin());
+    Pins added{{key, opened, current}};
+    m_byKey.emplace(added.front().key, added.begin());
+    m_pins.splice(m_pins.begin(), added); // keeps the iterator, and cannot fail when memory is short
     if (m_pins.size() > m_capacity)
     {
         m_evicted.resize(evictionBits);
