@@ -22,6 +22,7 @@ namespace
 constexpr std::size_t maxIdle = 64;           // connections; others are closed after their request
 constexpr std::size_t maxBodySize = 64 << 20; // bytes; a listing of 1,000 long keys has 2 MiB
 constexpr long bufferSize = 256 * 1024;       // bytes; fewer, larger reads and writes take less time
+constexpr int maxWait = 100;                  // ms, until the next look at an interrupt
 
 /// Never cleans up: threads and static objects of the host may still send requests while the process exits. If the host
 /// has initialised OpenSSL before, its options remain.
@@ -70,26 +71,26 @@ HttpFailure::Kind kindOf(CURLcode code, bool connected)
 struct HttpClient::Connection
 {
     Connection()
-        : handle(curl_easy_init())
     {
-        if (handle == nullptr)
+        if (!transfers || !handle)
         {
             throw std::bad_alloc();
         }
     }
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
-    ~Connection() { curl_easy_cleanup(handle); }
 
-    CURL* const handle; // keeps the connection of its last request
+    /// Keeps the connection of the last request. Has one transfer at a time, so that the thread that waits for it can
+    /// do something else in between, as it could not in curl_easy_perform().
+    const std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)> transfers{curl_multi_init(), &curl_multi_cleanup};
+    const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> handle{curl_easy_init(), &curl_easy_cleanup};
 };
 
 /// One running request: receives the library's callbacks.
 class HttpClient::Transfer
 {
 public:
-    Transfer(CURL* handle, const Settings& settings, const HttpRequest& request, const Receiver& receiver)
-        : m_handle(handle)
+    Transfer(Connection& connection, const Settings& settings, const HttpRequest& request, const Receiver& receiver)
+        : m_transfers(connection.transfers.get())
+        , m_handle(connection.handle.get())
         , m_request(request)
         , m_receiver(receiver)
     {
@@ -119,7 +120,8 @@ public:
         setLimits(settings.timeouts, isInterrupted);
         if (settings.interrupted && !isInterrupted)
         {
-            watchInterrupts(settings);
+            m_interrupted = settings.interrupted;
+            m_timeAfterInterrupt = request.uninterruptible ? settings.timeouts.cleanUp : std::chrono::milliseconds(0);
         }
         set(CURLOPT_PREREQFUNCTION, &onSend);
         set(CURLOPT_PREREQDATA, this);
@@ -185,7 +187,31 @@ private:
             m_request.body->rewind();
         }
         m_sends = 0;
-        return curl_easy_perform(m_handle);
+        require(curl_multi_add_handle(m_transfers, m_handle));
+        const auto end = [this](CURL* handle) { curl_multi_remove_handle(m_transfers, handle); };
+        const std::unique_ptr<CURL, decltype(end)> running(m_handle, end);
+        for (;;)
+        {
+            int count = 0;
+            require(curl_multi_perform(m_transfers, &count));
+            if (count == 0)
+            {
+                return curl_multi_info_read(m_transfers, &count)->data.result;
+            }
+            if (isCancelled())
+            {
+                throw HttpFailure(HttpFailure::Kind::Interrupted, "cancelled because of an interrupt");
+            }
+            require(curl_multi_poll(m_transfers, nullptr, 0, maxWait, nullptr));
+        }
+    }
+
+    static void require(CURLMcode code)
+    {
+        if (code != CURLM_OK)
+        {
+            throw HttpFailure(HttpFailure::Kind::Broken, curl_multi_strerror(code));
+        }
     }
 
     /// Whether the last attempt used a connection opened by an earlier request.
@@ -217,18 +243,9 @@ private:
         set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(m_request.stallWindow.value_or(timeouts.stallWindow).count()));
     }
 
-    void watchInterrupts(const HttpClient::Settings& settings)
-    {
-        m_interrupted = settings.interrupted;
-        m_timeAfterInterrupt = m_request.uninterruptible ? settings.timeouts.cleanUp : std::chrono::milliseconds(0);
-        set(CURLOPT_XFERINFOFUNCTION, &onProgress);
-        set(CURLOPT_XFERINFODATA, this);
-        set(CURLOPT_NOPROGRESS, 0L);
-    }
-
     bool isCancelled()
     {
-        if (!m_interrupted())
+        if (!m_interrupted || !m_interrupted())
         {
             return false;
         }
@@ -295,13 +312,6 @@ private:
             transfer.m_thrown = std::current_exception();
             return failure;
         }
-    }
-
-    /// Called about once a second, even while no bytes move. @return non-zero to end the request
-    static int onProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) noexcept
-    {
-        return static_cast<int>(
-            guarded(self, 1, [](Transfer& transfer) -> std::size_t { return transfer.isCancelled() ? 1 : 0; }));
     }
 
     static std::size_t onRead(char* target, std::size_t size, std::size_t count, void* self) noexcept
@@ -402,6 +412,7 @@ private:
         m_response.body += bytes;
     }
 
+    CURLM* const m_transfers;
     CURL* const m_handle;
     const HttpRequest& m_request;
     const Receiver& m_receiver;
@@ -428,7 +439,7 @@ HttpResponse HttpClient::perform(const HttpRequest& request, const Receiver& rec
 {
     // After a failure the connection is closed: the rest of the failed response may still be in transit on it.
     std::unique_ptr<Connection> connection = acquire();
-    HttpResponse response = Transfer(connection->handle, m_settings, request, receiver).run();
+    HttpResponse response = Transfer(*connection, m_settings, request, receiver).run();
     release(std::move(connection));
     return response;
 }

@@ -27,9 +27,9 @@ public:
         HttpTimeouts timeouts = {};
         std::filesystem::path authorities = {}; ///< PEM file that replaces the system's certificate authorities
 
-        /// Whether the process is interrupted. Called about once a second on the thread that waits for a request. Then
-        /// requests in progress are cancelled, an uninterruptible one only after HttpTimeouts::cleanUp. Only DELETE is
-        /// sent from then on, because it cleans up; HttpTimeouts::cleanUp limits it. Null: never.
+        /// Whether the process is interrupted. Called at least ten times a second on the thread that waits for a
+        /// request. Then requests in progress are cancelled, an uninterruptible one only after HttpTimeouts::cleanUp.
+        /// Only DELETE is sent from then on, because it cleans up; HttpTimeouts::cleanUp limits it. Null: never.
         std::function<bool()> interrupted = {};
     };
 

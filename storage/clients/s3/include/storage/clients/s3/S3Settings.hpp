@@ -57,9 +57,10 @@ struct S3Settings
     std::filesystem::path authorities = {}; ///< PEM file that replaces the system's certificate authorities
     std::shared_ptr<CredentialsSource> credentials = nullptr; ///< null: defaultCredentials()
 
-    /// Called about once a second during a request, on the thread that waits for it. When it returns true, requests in
-    /// progress are cancelled, one that opens an upload only after HttpTimeouts::cleanUp. Only deletions and aborts are
-    /// sent from then on, because they clean up; HttpTimeouts::cleanUp limits them. Null: nothing is cancelled.
+    /// Called at least ten times a second during a request, on the thread that waits for it. When it returns true,
+    /// requests in progress are cancelled, one that opens an upload only after HttpTimeouts::cleanUp. Only deletions
+    /// and aborts are sent from then on, because they clean up; HttpTimeouts::cleanUp limits them. Null: nothing is
+    /// cancelled.
     std::function<bool()> interrupted = nullptr;
 };
 
