@@ -5,6 +5,9 @@
 #include <storage/clients/http/HttpTimeouts.hpp>
 #include <storage/clients/http/RequestBody.hpp>
 
+#include <openssl/types.h>
+
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -53,12 +56,15 @@ private:
     class Transfer;
     struct Connection;
 
+    std::shared_ptr<X509_STORE> authorities();
     std::unique_ptr<Connection> acquire();
     void release(std::unique_ptr<Connection> connection);
 
     const Settings m_settings;
-    std::mutex m_mutex;                              // innermost; never held during a request
-    std::vector<std::unique_ptr<Connection>> m_idle; // guarded by m_mutex; the last one is reused first
+    std::mutex m_mutex;                              // innermost; never held during a request; guards everything below
+    std::vector<std::unique_ptr<Connection>> m_idle; // the last one is reused first
+    std::shared_ptr<X509_STORE> m_authorities;       // null: no request has used TLS
+    std::chrono::steady_clock::time_point m_authoritiesRead;
 };
 
 } // namespace storage::clients
