@@ -24,12 +24,15 @@ boost::iostreams::file_descriptor openUnnamedFile(const fl::filesystem::path& fo
     const fl::filesystem::path file = fl::filesystem::tmpnam(folder);
     const int opened = ::open(file.native().c_str(), O_RDWR | O_CLOEXEC);
     const int error = errno;
-    fl::filesystem::remove(file); // before anything else can fail
+    if (opened >= 0)
+    {
+        result.open(opened, boost::iostreams::close_handle);
+    }
+    fl::filesystem::remove(file);
     if (opened < 0)
     {
         throw std::system_error(error, std::generic_category(), "opening a temporary file");
     }
-    result.open(opened, boost::iostreams::close_handle);
     return result;
 }
 

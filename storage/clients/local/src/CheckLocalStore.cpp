@@ -50,15 +50,6 @@ struct UploadPart
     bool isInIndex = true;
 };
 
-// What cannot be read now, for example without permission or descriptors, may be intact. To be called in a handler.
-void throwUnlessDamage(const StoreError& error)
-{
-    if (error.kind() != StoreError::Kind::Damaged)
-    {
-        throw;
-    }
-}
-
 // Whether the object is still under its key.
 bool isStored(local::Connection& index, const Object& object)
 {

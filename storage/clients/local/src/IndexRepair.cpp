@@ -42,10 +42,7 @@ try
 }
 catch (const StoreError& error)
 {
-    if (error.kind() != StoreError::Kind::Damaged)
-    {
-        throw;
-    }
+    throwUnlessDamage(error);
     return false;
 }
 
@@ -198,10 +195,7 @@ try
 }
 catch (const StoreError& error)
 {
-    if (error.kind() != StoreError::Kind::Damaged)
-    {
-        throw;
-    }
+    throwUnlessDamage(error);
     return false;
 }
 
@@ -213,10 +207,7 @@ try
 }
 catch (const StoreError& error)
 {
-    if (error.kind() != StoreError::Kind::Damaged)
-    {
-        throw;
-    }
+    throwUnlessDamage(error);
     return false;
 }
 

@@ -291,10 +291,7 @@ void prepareIndex(const std::filesystem::path& directory, bool createMissing, co
         catch (const StoreError& error)
         {
             connection.reset();
-            if (error.kind() != StoreError::Kind::Damaged)
-            {
-                throw;
-            }
+            throwUnlessDamage(error);
             if (isLocked)
             {
                 upgrade(directory, folder, wait, error);

@@ -41,6 +41,14 @@ StoreError damage(const std::string& what)
     return {StoreError::Kind::Damaged, "the store is damaged: " + what};
 }
 
+void throwUnlessDamage(const StoreError& error)
+{
+    if (error.kind() != StoreError::Kind::Damaged)
+    {
+        throw;
+    }
+}
+
 StoreError systemError(const std::string& doing, int error)
 {
     return {kindOf(error), doing + ": " + messageOf(error)};

@@ -42,6 +42,10 @@ private:
 /// The error that the store has lost or changed what was stored.
 StoreError damage(const std::string& what);
 
+/// Throw the error on, unless it is damage. What cannot be read for another reason, for example without permission or
+/// descriptors, may be intact. To be called in the error's handler.
+void throwUnlessDamage(const StoreError& error);
+
 /// The error of a system call.
 ///
 /// @param doing  the attempted action and its object: "writing contents/12"
