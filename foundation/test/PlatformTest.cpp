@@ -101,7 +101,8 @@ TEST_F(LoggerTest, WritesToBoostLogOnlyIfTheHostHasASinkThere)
         logBoth();
     };
     const auto count = [](const std::string& text) { return std::count(text.begin(), text.end(), '\n'); };
-    boost::log::trivial::logger::get(); // thread sanitizer does not see how Boost.Log's library shares its creation
+    // ThreadSanitizer does not see how Boost.Log's library protects what its first use creates: one thread comes first.
+    boost::log::trivial::logger::get();
     testing::internal::CaptureStdout();
     log();
     const std::string output = testing::internal::GetCapturedStdout();
@@ -109,8 +110,9 @@ TEST_F(LoggerTest, WritesToBoostLogOnlyIfTheHostHasASinkThere)
     EXPECT_EQ(output.find("framework"), std::string::npos);
     std::ostringstream written;
     const auto sink = boost::log::add_console_log(written);
+    BOOST_LOG_TRIVIAL(info) << "alone";
     log();
-    EXPECT_EQ(count(written.str()), 3000);
+    EXPECT_EQ(count(written.str()), 3001);
     sink->set_formatter([](const auto&, auto&) { throw 1; });
     testing::internal::CaptureStderr();
     logger.write(severity::error, "text");
