@@ -12,7 +12,6 @@
 #include <memory>
 #include <new>
 #include <stdexcept>
-#include <vector>
 
 namespace storage::clients
 {
@@ -59,12 +58,7 @@ namespace
 std::string hashOf(RequestBody& body, const EVP_MD* kind)
 {
     Digest digest(kind);
-    std::vector<char> piece(64 * 1024);
-    body.rewind();
-    while (const std::size_t count = body.read(piece.data(), piece.size()))
-    {
-        digest.add({piece.data(), count});
-    }
+    body.forEachPiece([&digest](std::string_view piece) { digest.add(piece); });
     return digest.finish();
 }
 

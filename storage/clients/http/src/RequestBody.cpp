@@ -5,28 +5,57 @@
 
 #include <algorithm>
 #include <istream>
+#include <numeric>
 
 namespace storage::clients
 {
 
-namespace
+void RequestBody::forEachPiece(const std::function<void(std::string_view)>& use)
 {
+    std::vector<char> buffer(64 * 1024);
+    rewind();
+    while (const std::size_t count = read(buffer.data(), buffer.size()))
+    {
+        use({buffer.data(), count});
+    }
+}
 
-constexpr std::streamoff unseekable = -1;
-
-std::size_t readFrom(const std::string& text, std::uint64_t& position, char* target, std::size_t capacity)
+SpanBody::SpanBody(std::vector<std::string_view> pieces)
+    : m_pieces(std::move(pieces))
+    , m_size(std::accumulate(m_pieces.begin(), m_pieces.end(), std::uint64_t{0},
+          [](std::uint64_t size, std::string_view piece) { return size + piece.size(); }))
 {
-    const std::size_t count = std::min<std::size_t>(capacity, text.size() - position);
-    std::copy_n(text.data() + position, count, target);
-    position += count;
+}
+
+void SpanBody::rewind()
+{
+    m_piece = 0;
+    m_position = 0;
+}
+
+std::size_t SpanBody::read(char* target, std::size_t capacity)
+{
+    std::size_t count = 0;
+    while (m_piece < m_pieces.size() && count < capacity)
+    {
+        const std::size_t copied = m_pieces[m_piece].copy(target + count, capacity - count, m_position);
+        count += copied;
+        m_position += copied;
+        if (m_position == m_pieces[m_piece].size())
+        {
+            ++m_piece;
+            m_position = 0;
+        }
+    }
     return count;
 }
 
-} // namespace
-
-std::size_t TextBody::read(char* target, std::size_t capacity)
+void SpanBody::forEachPiece(const std::function<void(std::string_view)>& use)
 {
-    return readFrom(m_text, m_position, target, capacity);
+    for (const std::string_view piece : m_pieces)
+    {
+        use(piece);
+    }
 }
 
 StreamBody::StreamBody(const std::string& key, std::istream& content, std::uint64_t size)
@@ -35,38 +64,46 @@ StreamBody::StreamBody(const std::string& key, std::istream& content, std::uint6
     , m_size(size)
     , m_start(content.tellg())
 {
-    if (m_start == unseekable)
+    if (m_start == -1)
     {
         m_content.clear();
-        m_buffered.resize(size);
-        readContent(key, m_content, m_buffered.data(), size);
+        std::string bytes(size, '\0');
+        readContent(key, m_content, bytes.data(), size);
+        m_buffered.emplace(std::move(bytes));
     }
 }
 
 void StreamBody::rewind()
 {
-    m_position = 0;
-    if (m_start != unseekable)
+    if (m_buffered)
     {
-        m_content.clear();
-        if (!m_content.seekg(m_start))
-        {
-            throw cloudprovider::UnknownErrorException(
-                "Content unreadable", "the content for \"" + m_key + "\" cannot be read again");
-        }
+        m_buffered->rewind();
+        return;
+    }
+    m_position = 0;
+    m_content.clear();
+    if (!m_content.seekg(m_start))
+    {
+        throw cloudprovider::UnknownErrorException(
+            "Content unreadable", "the content for \"" + m_key + "\" cannot be read again");
     }
 }
 
 std::size_t StreamBody::read(char* target, std::size_t capacity)
 {
-    if (m_start == unseekable)
+    if (m_buffered)
     {
-        return readFrom(m_buffered, m_position, target, capacity);
+        return m_buffered->read(target, capacity);
     }
     const std::size_t count = std::min<std::uint64_t>(capacity, m_size - m_position);
     readContent(m_key, m_content, target, count);
     m_position += count;
     return count;
+}
+
+void StreamBody::forEachPiece(const std::function<void(std::string_view)>& use)
+{
+    m_buffered ? m_buffered->forEachPiece(use) : RequestBody::forEachPiece(use);
 }
 
 } // namespace storage::clients

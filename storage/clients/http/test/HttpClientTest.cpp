@@ -6,12 +6,16 @@
 
 #include <gmock/gmock.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <initializer_list>
 #include <iostream>
 #include <optional>
+#include <sstream>
 #include <string>
+#include <string_view>
 
 namespace storage::clients::test
 {
@@ -32,6 +36,41 @@ TEST(HashingTest, WorksWhileTheProcessExits)
         std::exit(0);
     };
     EXPECT_EXIT(end(), testing::ExitedWithCode(0), "e3b0c44298fc1c14");
+}
+
+TEST(RequestBodyTest, GivesTheSameBytesEachTime)
+{
+    const std::string text = "0123456789";
+    const std::string_view view = text;
+    struct : std::stringbuf
+    {
+        pos_type seekoff(off_type, std::ios::seekdir, std::ios::openmode) override { return -1; }
+    } unseekable;
+    unseekable.str(text);
+    std::istringstream seekable("--" + text + "--");
+    seekable.ignore(2);
+    std::istream pipe(&unseekable);
+    SpanBody span({view.substr(0, 0), view.substr(0, 3), view.substr(3, 0), view.substr(3)});
+    TextBody whole(text);
+    StreamBody file("key", seekable, text.size());
+    StreamBody kept("key", pipe, text.size());
+    for (RequestBody* const body : std::initializer_list<RequestBody*>{&span, &whole, &file, &kept})
+    {
+        std::array<char, 4> piece{};
+        EXPECT_EQ(body->size(), text.size());
+        EXPECT_EQ(body->read(piece.data(), 2), 2U);
+        EXPECT_EQ(sha256Hex(*body), sha256Hex(text));
+        body->rewind();
+        std::string bytes;
+        while (const std::size_t count = body->read(piece.data(), piece.size()))
+        {
+            bytes.append(piece.data(), count);
+        }
+        EXPECT_EQ(bytes, text);
+    }
+    std::string_view last;
+    span.forEachPiece([&](std::string_view piece) { last = piece; });
+    EXPECT_EQ(last.data(), text.data() + 3) << "not copied";
 }
 
 using Kind = HttpFailure::Kind;

@@ -13,7 +13,7 @@ class RequestBody;
 /// SHA-256 of the text, as 64 lower-case hexadecimal digits.
 std::string sha256Hex(std::string_view text);
 
-/// The same of a body, read once from its start.
+/// The same of a whole body. Moves the position of its read().
 std::string sha256Hex(RequestBody& body);
 
 /// HMAC with SHA-256: 32 bytes.
@@ -22,7 +22,7 @@ std::string hmacSha256(std::string_view key, std::string_view text);
 /// MD5 of the text: 16 bytes.
 std::string md5(std::string_view text);
 
-/// The same of a body, read once from its start.
+/// The same of a whole body. Moves the position of its read().
 std::string md5(RequestBody& body);
 
 /// The same of bytes added piece by piece.

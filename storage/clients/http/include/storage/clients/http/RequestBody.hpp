@@ -2,9 +2,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace storage::clients
 {
@@ -30,6 +34,11 @@ public:
 
     virtual std::uint64_t size() const noexcept = 0;
 
+    /// Pass all bytes, from the first to the last, to a function. A piece is valid only during its call. Bytes in
+    /// memory are passed where they are, other bytes through a buffer. Moves the position of read().
+    /// @throws as rewind() and read(), and whatever `use` throws
+    virtual void forEachPiece(const std::function<void(std::string_view)>& use);
+
     /// See HttpResponse. A request that gets no response tells it here.
     bool wasSentTwice() const noexcept { return m_wasSentTwice; }
     void setSentTwice() noexcept { m_wasSentTwice = true; }
@@ -38,22 +47,42 @@ private:
     bool m_wasSentTwice = false;
 };
 
-/// Bytes in memory.
+/// Pieces of memory, one after the other. The bytes are borrowed: they must not change while the body exists.
+class SpanBody : public RequestBody
+{
+public:
+    explicit SpanBody(std::vector<std::string_view> pieces);
+
+    void rewind() override;
+    std::size_t read(char* target, std::size_t capacity) override;
+    std::uint64_t size() const noexcept override { return m_size; }
+    void forEachPiece(const std::function<void(std::string_view)>& use) override;
+
+private:
+    const std::vector<std::string_view> m_pieces;
+    const std::uint64_t m_size;
+    std::size_t m_piece = 0;    // the one that is read next
+    std::size_t m_position = 0; // in it
+};
+
+/// A text of its own.
 class TextBody : public RequestBody
 {
 public:
     explicit TextBody(std::string text)
         : m_text(std::move(text))
+        , m_span({m_text})
     {
     }
 
-    void rewind() override { m_position = 0; }
-    std::size_t read(char* target, std::size_t capacity) override;
+    void rewind() override { m_span.rewind(); }
+    std::size_t read(char* target, std::size_t capacity) override { return m_span.read(target, capacity); }
     std::uint64_t size() const noexcept override { return m_text.size(); }
+    void forEachPiece(const std::function<void(std::string_view)>& use) override { use(m_text); }
 
 private:
     const std::string m_text;
-    std::uint64_t m_position = 0;
+    SpanBody m_span;
 };
 
 /// The next `size` bytes of a stream, from its current position.
@@ -69,13 +98,14 @@ public:
     void rewind() override;
     std::size_t read(char* target, std::size_t capacity) override;
     std::uint64_t size() const noexcept override { return m_size; }
+    void forEachPiece(const std::function<void(std::string_view)>& use) override;
 
 private:
     const std::string& m_key;
     std::istream& m_content;
     const std::uint64_t m_size;
-    const std::streamoff m_start; // of the content in the stream; -1: the stream is not seekable
-    std::string m_buffered;       // all bytes, when the stream is not seekable
+    const std::streamoff m_start;       // of the content in the stream; -1: the stream is not seekable
+    std::optional<TextBody> m_buffered; // all bytes, when the stream is not seekable
     std::uint64_t m_position = 0;
 };
 
