@@ -1,20 +1,27 @@
 #include <storage/clients/http/HttpClient.hpp>
 
 #include <curl/curl.h>
+#include <fmt/format.h>
+#include <linux/tcp.h>
+#include <netinet/in.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstdint>
 #include <exception>
 #include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace storage::clients
 {
@@ -105,6 +112,8 @@ struct HttpClient::Connection
         }
     }
 
+    std::vector<curl_socket_t> sockets; // that are open
+
     /// Keeps the connection of the last request. Has one transfer at a time, so that the thread that waits for it can
     /// do something else in between, as it could not in curl_easy_perform().
     const std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)> transfers{curl_multi_init(), &curl_multi_cleanup};
@@ -117,7 +126,8 @@ class HttpClient::Transfer
 public:
     Transfer(Connection& connection, std::shared_ptr<X509_STORE> authorities, const Settings& settings,
         const HttpRequest& request, const Receiver& receiver)
-        : m_transfers(connection.transfers.get())
+        : m_sockets(connection.sockets)
+        , m_transfers(connection.transfers.get())
         , m_handle(connection.handle.get())
         , m_authorities(std::move(authorities))
         , m_request(request)
@@ -154,6 +164,10 @@ public:
             m_interrupted = settings.interrupted;
             m_timeAfterInterrupt = request.uninterruptible ? settings.timeouts.cleanUp : std::chrono::milliseconds(0);
         }
+        set(CURLOPT_SOCKOPTFUNCTION, &onOpen);
+        set(CURLOPT_SOCKOPTDATA, &connection.sockets);
+        set(CURLOPT_CLOSESOCKETFUNCTION, &onClose);
+        set(CURLOPT_CLOSESOCKETDATA, &connection.sockets); // used until the connection is closed
         set(CURLOPT_PREREQFUNCTION, &onSend);
         set(CURLOPT_PREREQDATA, this);
         setMethod();
@@ -233,8 +247,52 @@ private:
             {
                 throw HttpFailure(HttpFailure::Kind::Interrupted, "cancelled because of an interrupt");
             }
+            checkStall();
+            const auto begin = std::chrono::steady_clock::now();
             require(curl_multi_poll(m_transfers, nullptr, 0, maxWait, nullptr));
+            m_waited += std::chrono::steady_clock::now() - begin;
         }
+    }
+
+    /// Fail when too few bytes have moved while this thread waited for them. Time during which the caller produces the
+    /// request's body, or takes that of the response, does not count.
+    void checkStall()
+    {
+        const std::uint64_t moved = movedBytes();
+        m_movedBefore = std::min(m_movedBefore, moved); // fewer than before: a new connection
+        if (m_sends == 0 || moved - m_movedBefore >= m_stallBytes)
+        {
+            m_movedBefore = moved;
+            m_waited = {};
+        }
+        if (m_waited > m_stallWindow)
+        {
+            throw HttpFailure(HttpFailure::Kind::Stalled, fmt::format("fewer than {} bytes moved in {} s", m_stallBytes,
+                                                              std::chrono::duration<double>(m_stallWindow).count()));
+        }
+    }
+
+    /// The bytes that have arrived, at either end of the connection. Bytes that were only handed to the kernel may wait
+    /// in its buffer for minutes.
+    std::uint64_t movedBytes() const
+    {
+        std::uint64_t moved = 0;
+        for (const curl_socket_t socket : m_sockets)
+        {
+            tcp_info info{};
+            socklen_t size = sizeof info;
+            ::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size);
+            moved += info.tcpi_bytes_acked + info.tcpi_bytes_received;
+        }
+        if (moved == 0) // the kernel does not count them, as in some sandboxes
+        {
+            curl_off_t sent = 0;
+            curl_off_t received = 0;
+            curl_easy_getinfo(m_handle, CURLINFO_SIZE_UPLOAD_T, &sent);
+            curl_easy_getinfo(m_handle, CURLINFO_SIZE_DOWNLOAD_T, &received);
+            moved = static_cast<std::uint64_t>(sent + received);
+        }
+        return moved;
     }
 
     static void require(CURLMcode code)
@@ -270,8 +328,8 @@ private:
         set(CURLOPT_TIMEOUT_MS, static_cast<long>(deadline.count()));
         set(CURLOPT_CONNECTTIMEOUT_MS,
             static_cast<long>(std::min<std::chrono::milliseconds>(timeouts.connect, deadline).count()));
-        set(CURLOPT_LOW_SPEED_LIMIT, timeouts.stallBytesPerSecond);
-        set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(m_request.stallWindow.value_or(timeouts.stallWindow).count()));
+        m_stallWindow = m_request.stallWindow.value_or(timeouts.stallWindow);
+        m_stallBytes = static_cast<std::uint64_t>(timeouts.stallBytesPerSecond * m_stallWindow.count() / 1000);
     }
 
     bool isCancelled()
@@ -358,10 +416,23 @@ private:
             { return transfer.m_request.body == nullptr ? 0 : transfer.m_request.body->read(target, size * count); });
     }
 
+    static int onOpen(void* sockets, curl_socket_t socket, curlsocktype) noexcept
+    {
+        static_cast<std::vector<curl_socket_t>*>(sockets)->push_back(socket);
+        return CURL_SOCKOPT_OK;
+    }
+
+    static int onClose(void* sockets, curl_socket_t socket) noexcept
+    {
+        std::erase(*static_cast<std::vector<curl_socket_t>*>(sockets), socket);
+        return ::close(socket);
+    }
+
     /// Called before the request is sent. If a reused connection breaks without a response, the library sends it again.
     static int onSend(void* self, char*, char*, int, int) noexcept
     {
         auto& transfer = *static_cast<Transfer*>(self);
+        transfer.m_waited = {};
         if (++transfer.m_sends > 1 && transfer.m_request.body != nullptr)
         {
             transfer.m_request.body->setSentTwice();
@@ -449,6 +520,7 @@ private:
         m_response.body += bytes;
     }
 
+    const std::vector<curl_socket_t>& m_sockets;
     CURLM* const m_transfers;
     CURL* const m_handle;
     const std::shared_ptr<X509_STORE> m_authorities; // null: the request does not use TLS
@@ -459,6 +531,10 @@ private:
     HttpResponse m_response;
     bool m_delivered = false;
     unsigned m_sends = 0; // by the library, in the last runOnce()
+    std::chrono::milliseconds m_stallWindow{0};
+    std::uint64_t m_stallBytes = 0;                  // a request that moves fewer in the window has stalled
+    std::uint64_t m_movedBefore = 0;                 // movedBytes() when m_waited was 0
+    std::chrono::steady_clock::duration m_waited{0}; // for the next m_stallBytes
     std::function<bool()> m_interrupted;
     std::chrono::milliseconds m_timeAfterInterrupt{0};
     std::optional<std::chrono::steady_clock::time_point> m_cancelTime; // empty: not interrupted

@@ -114,13 +114,13 @@ TEST_F(HttpClientTest, AFailureDoesNotAffectTheNextRequest)
         Reply reply;
         Kind expected = Kind::Broken;
         std::optional<std::chrono::milliseconds> deadline = {};
-        std::optional<std::chrono::seconds> stallWindow = {};
+        std::optional<std::chrono::milliseconds> stallWindow = {};
     } rows[] = {
         {"reset", Reply::reset()},
         {"garbage", Reply::raw("garbage\r\n\r\n", Reply::Then::Close)},
         {"cut head", Reply::raw("HTTP/1.1 200 OK\r\nContent-", Reply::Then::Close)},
         {"cut body", {200, {{"Content-Length", "9"}}, "short", Reply::Then::Close}},
-        {"silent in the body", {200, {{"Content-Length", "9"}}, "short"}, Kind::Stalled, {}, 1s},
+        {"silent in the body", {200, {{"Content-Length", "9"}}, "short"}, Kind::Stalled, {}, 50ms},
         {"past its deadline", Reply::stall(), Kind::Stalled, 50ms},
     };
     for (const auto& row : rows)
@@ -133,6 +133,23 @@ TEST_F(HttpClientTest, AFailureDoesNotAffectTheNextRequest)
             .method = "GET", .url = server.url() + "/bad", .stallWindow = row.stallWindow, .deadline = row.deadline};
         EXPECT_EQ(failureKind(client, bad), row.expected);
         EXPECT_EQ(put(server.url(), "two").body, "two");
+    }
+}
+
+TEST_F(HttpClientTest, AnUploadLastsAsLongAsTheServerTakesBytes)
+{
+    TextBody body(std::string(2'000'000, 'b')); // the system may buffer all of it at once
+    const struct
+    {
+        std::chrono::milliseconds pace;
+        std::chrono::milliseconds stallWindow;
+        std::optional<Kind> expected;
+    } rows[] = {{30ms, 500ms, std::nullopt}, {1h, 50ms, Kind::Stalled}};
+    for (const auto& [pace, stallWindow, expected] : rows)
+    {
+        LoopbackServer server([](const Request&) { return Reply(); }, "", pace);
+        const HttpRequest request{.method = "PUT", .url = server.url(), .body = &body, .stallWindow = stallWindow};
+        EXPECT_EQ(failureKind(client, request), expected);
     }
 }
 

@@ -53,13 +53,18 @@ std::string headOf(const Reply& reply)
 
 } // namespace
 
-LoopbackServer::LoopbackServer(Handler handler, const std::string& certificateFile)
+LoopbackServer::LoopbackServer(Handler handler, const std::string& certificateFile, std::chrono::milliseconds pace)
     : m_handler(std::move(handler))
+    , m_pace(pace)
     , m_acceptor(m_context, {asio::ip::address_v4::loopback(), 0})
 {
     if (!certificateFile.empty())
     {
         useNewCertificate(m_tls.emplace(asio::ssl::context::tls_server), certificateFile);
+    }
+    if (pace.count() > 0)
+    {
+        m_acceptor.set_option(asio::socket_base::receive_buffer_size(64 * 1024)); // of the connections, too
     }
     m_thread = std::jthread([this] { accept(); });
 }
@@ -139,22 +144,24 @@ template <typename Stream>
 Reply::Then LoopbackServer::talk(Stream& stream)
 {
     boost::beast::flat_buffer buffer;
+    buffer.reserve(64 * 1024); // read at once
     for (;;)
     {
         error_code error;
         http::request_parser<http::string_body> parser;
         parser.body_limit(std::numeric_limits<std::uint64_t>::max());
-        http::read(stream, buffer, parser, error);
+        while (!parser.is_done() && !error)
+        {
+            sleep(m_pace);
+            http::read_some(stream, buffer, parser, error);
+        }
         if (error)
         {
             return Reply::Then::Close;
         }
         const Request request = parser.release();
         const Reply reply = replyTo(request);
-        {
-            std::unique_lock lock(m_mutex);
-            m_ending.wait_for(lock, reply.delay, [this] { return m_isEnding; });
-        }
+        sleep(reply.delay);
         const std::string head = reply.isRaw ? std::string() : headOf(reply);
         asio::write(stream, asio::buffer(request.method() == http::verb::head ? head : head + reply.body), error);
         if (error || reply.then != Reply::Then::Keep)
@@ -162,6 +169,12 @@ Reply::Then LoopbackServer::talk(Stream& stream)
             return error ? Reply::Then::Close : reply.then;
         }
     }
+}
+
+void LoopbackServer::sleep(std::chrono::milliseconds time)
+{
+    std::unique_lock lock(m_mutex);
+    m_ending.wait_for(lock, time, [this] { return m_isEnding; });
 }
 
 Reply LoopbackServer::replyTo(const Request& request)

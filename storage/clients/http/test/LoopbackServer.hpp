@@ -63,7 +63,9 @@ public:
 
     /// @param certificateFile  not empty: serve https with a new certificate for 127.0.0.1, which is its own authority,
     ///                         and write the certificate and its key to this file
-    explicit LoopbackServer(Handler handler, const std::string& certificateFile = {});
+    /// @param pace  time that passes before each read of at most 64 KiB. If it is not 0, the system buffers little.
+    explicit LoopbackServer(
+        Handler handler, const std::string& certificateFile = {}, std::chrono::milliseconds pace = {});
     LoopbackServer(const LoopbackServer&) = delete;
     LoopbackServer& operator=(const LoopbackServer&) = delete;
 
@@ -93,8 +95,10 @@ private:
     template <typename Stream>
     Reply::Then talk(Stream& stream); // returns how to end the connection
     Reply replyTo(const Request& request);
+    void sleep(std::chrono::milliseconds time); // ends earlier with the server
 
     const Handler m_handler;
+    const std::chrono::milliseconds m_pace;
     std::optional<boost::asio::ssl::context> m_tls;
     boost::asio::io_context m_context; // its sockets are used synchronously; it never runs
     Tcp::acceptor m_acceptor;

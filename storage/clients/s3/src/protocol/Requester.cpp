@@ -122,7 +122,7 @@ HttpResponse Requester::sendOnce(
     }
     if (request.serverSideBytes > 0)
     {
-        http.deadline = std::max(m_timeouts.request, *http.stallWindow);
+        http.deadline = std::max<std::chrono::milliseconds>(m_timeouts.request, *http.stallWindow);
     }
     if (request.cleansUp)
     {

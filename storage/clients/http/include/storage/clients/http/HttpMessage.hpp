@@ -38,10 +38,10 @@ struct HttpRequest
     std::string method; ///< GET, HEAD, PUT, POST or DELETE
     std::string url;    ///< absolute, http or https, percent-encoded; sent unchanged, "." segments included
     HttpHeaders headers = {};
-    RequestBody* body = nullptr;                            ///< borrowed during the call; null: none
-    std::optional<std::chrono::seconds> stallWindow = {};   ///< instead of the client's own
-    std::optional<std::chrono::milliseconds> deadline = {}; ///< for the whole request, instead of the client's own
-    bool bypassProxy = false;                               ///< never through a proxy
+    RequestBody* body = nullptr;                               ///< borrowed during the call; null: none
+    std::optional<std::chrono::milliseconds> stallWindow = {}; ///< instead of the client's own
+    std::optional<std::chrono::milliseconds> deadline = {};    ///< for the whole request, instead of the client's own
+    bool bypassProxy = false;                                  ///< never through a proxy
     bool uninterruptible = false; ///< an interrupt cancels it only after HttpTimeouts::cleanUp: it cannot be undone
 };
 

@@ -13,14 +13,15 @@ struct HttpTimeouts
     std::chrono::milliseconds connect{10'000};
 
     /// A request fails when it moves fewer than `stallBytesPerSecond` bytes per second, on average, for this long. The
-    /// time until the store starts to respond counts.
-    std::chrono::seconds stallWindow{30};
+    /// time until the store starts to respond counts. Bytes that are sent have moved when the store's machine has
+    /// received them.
+    std::chrono::milliseconds stallWindow{30'000};
     long stallBytesPerSecond = 64;
 
     /// The same for copies and completions, during which the store moves bytes internally and sends none. A copy gets
     /// extra time: its size times the maximum number of concurrent copies, divided by `serverSideBytesPerSecond`, which
     /// must not be 0.
-    std::chrono::seconds serverSideStallWindow{300};
+    std::chrono::milliseconds serverSideStallWindow{300'000};
     std::uint64_t serverSideBytesPerSecond = 16 << 20;
 
     /// One request in total, even if its bytes move steadily. A copy may take its stall window instead if that is
