@@ -22,6 +22,8 @@ packages=(
     # makes the certificate of a server
     ceph-base ceph-common ceph-mon ceph-osd radosgw
     curl openssl
+    # testing it against a second server, which shares no code with the first
+    memcached python3-swift
     # the campaigns in bench/campaigns
     python3
     # checking: git lists the files of the project
