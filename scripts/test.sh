@@ -1,26 +1,39 @@
 #!/usr/bin/env bash
 # Install what is missing, build, and run all tests. Prints only failures and the summary.
 #
-# Usage: scripts/test.sh [PRESET]       release (default), debug, asan or tsan
+# Usage: scripts/test.sh [PRESET] [swift]       PRESET is release (default), debug, asan or tsan
 #
 # The S3 tests run against a gateway that this script starts and stops. If it does not start, one line says that they
 # are skipped; with CLOUDFS_REQUIRE_GATEWAY=1 that is a failure.
+#
+# With "swift", run only the programs that have S3 tests, against the gateway of OpenStack Swift.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 preset=${1:-release}
+run=$preset
+gateway=(scripts/gateway.sh)
+tests=()
+if [[ ${2:-} == swift ]]; then
+    run+=-swift
+    gateway+=(swift)
+    tests=(-R '^(s3_test|stores_test|cloudfs\.gateway)\.')
+elif [[ -n ${2:-} ]]; then
+    echo "usage: scripts/test.sh [PRESET] [swift]" >&2
+    exit 2
+fi
 
 scripts/install-deps.sh
 build "$preset"
 
 # Use a separate gateway, because it keeps all objects in memory.
 export CLOUDFS_GATEWAY_DIR=$root/build/$preset/gateway
-trap 'scripts/gateway.sh stop' EXIT
+trap '"${gateway[@]}" stop' EXIT
 trap 'exit 130' INT TERM
-scripts/gateway.sh stop # one that a killed run has left
-log=build/logs/$preset-gateway.log
-if scripts/gateway.sh start >"$log" 2>&1; then
-    settings=$(scripts/gateway.sh env)
+"${gateway[@]}" stop # one that a killed run has left
+log=build/logs/$run-gateway.log
+if "${gateway[@]}" start >"$log" 2>&1; then
+    settings=$("${gateway[@]}" env)
     eval "$settings"
 else
     trap - EXIT # keep its files for diagnosis
@@ -37,9 +50,9 @@ fi
 
 # Each test has its own time limit; this one is for all of them together. At the limit and at Ctrl-C, the whole process
 # group of the tests is ended.
-log=build/logs/$preset-test.log
+log=build/logs/$run-test.log
 status=0
-timeout 25m ctest --preset "$preset" -j "$(nproc)" >"$log" 2>&1 </dev/null &
+timeout 25m ctest --preset "$preset" "${tests[@]}" -j "$(nproc)" >"$log" 2>&1 </dev/null &
 trap 'kill "$!"' INT TERM
 wait "$!" || status=$?
 if ((status == 124)); then

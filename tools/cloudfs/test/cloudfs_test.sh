@@ -21,8 +21,11 @@ if [[ ${3-} == gateway ]]; then
     [[ -n ${CLOUDFS_TEST_S3_ENDPOINT-} ]] || { echo "skipped: no gateway; scripts/test.sh starts one"; exit 77; }
     bucket=cli-$$-${2//_/-}
     store="s3://$bucket?endpoint=$CLOUDFS_TEST_S3_ENDPOINT&path-style=1"
-    curl -sSf -X PUT -K <(echo "user=$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY") --aws-sigv4 "aws:amz:$AWS_REGION:s3" \
-        -H "x-amz-content-sha256: UNSIGNED-PAYLOAD" "$CLOUDFS_TEST_S3_ENDPOINT/$bucket" || exit 1
+    # A key may contain a colon, so both are in the URL, percent-encoded.
+    percent() { printf %s "$1" | od -An -v -tx1 | tr -d '\n' | tr ' ' %; }
+    user=$(percent "$AWS_ACCESS_KEY_ID"):$(percent "$AWS_SECRET_ACCESS_KEY")
+    curl -sSf -X PUT -K <(echo "url=${CLOUDFS_TEST_S3_ENDPOINT/:\/\//://$user@}/$bucket") \
+        --aws-sigv4 "aws:amz:$AWS_REGION:s3" -H "x-amz-content-sha256: UNSIGNED-PAYLOAD" || exit 1
 fi
 
 fail()

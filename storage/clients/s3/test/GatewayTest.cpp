@@ -44,6 +44,22 @@ Content contentOf(CloudClient& client, const std::string& key, bool opens = true
     return exists ? Content(conformance::get(client, key)) : std::nullopt;
 }
 
+/// What a server lacks, by the name that CLOUDFS_TEST_S3_SERVER gives it. The tests excuse nothing else.
+struct KnownServer
+{
+    const char* name;
+    const char* noUnlistedParts; ///< as in conformance::Capabilities
+};
+
+const KnownServer knownServers[] = {{"ceph", "this gateway wants every part listed"}, {"another", ""}};
+
+KnownServer knownServer()
+{
+    const char* const name = std::getenv("CLOUDFS_TEST_S3_SERVER");
+    return *std::find_if(std::begin(knownServers), std::end(knownServers) - 1,
+        [&](const KnownServer& server) { return std::string(name == nullptr ? "" : name) == server.name; });
+}
+
 /// A bucket of its own in the gateway that the environment names, as scripts/gateway.sh sets it up.
 class GatewayBucket
 {
@@ -110,7 +126,7 @@ public:
 
     conformance::Capabilities capabilities() const override
     {
-        return {5 << 20, "", "", "an object is cut by rule", "this gateway wants every part listed",
+        return {5 << 20, "", "", "an object is cut by rule", knownServer().noUnlistedParts,
             "the store hears of an upload with its first part", ""};
     }
 
@@ -197,7 +213,8 @@ bool cutBody(const Request& request, Reply& reply)
 
 bool cutDocument(const Request&, Reply& reply)
 {
-    const bool isDocument = reply.body.starts_with('<');
+    // A client can do without what the store has not implemented, whatever the document says.
+    const bool isDocument = reply.body.starts_with('<') && reply.status != 501;
     reply.body.resize(isDocument ? reply.body.size() / 2 : reply.body.size());
     return isDocument;
 }
