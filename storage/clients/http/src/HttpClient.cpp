@@ -93,8 +93,11 @@ HttpFailure::Kind kindOf(CURLcode code, bool connected)
     case CURLE_SSL_CACERT_BADFILE:
     case CURLE_URL_MALFORMAT:
         return HttpFailure::Kind::Invalid;
-    case CURLE_UNSUPPORTED_PROTOCOL: // of the URL, or a response without a head
-        return connected ? HttpFailure::Kind::Broken : HttpFailure::Kind::Invalid;
+    case CURLE_UNSUPPORTED_PROTOCOL: // of the URL, or of the response
+        return connected ? HttpFailure::Kind::Unusable : HttpFailure::Kind::Invalid;
+    case CURLE_BAD_CONTENT_ENCODING:
+    case CURLE_WEIRD_SERVER_REPLY:
+        return HttpFailure::Kind::Unusable;
     default:
         return HttpFailure::Kind::Broken;
     }
@@ -209,8 +212,10 @@ public:
         {
             curl_off_t connectTime = 0;
             curl_easy_getinfo(m_handle, CURLINFO_PRETRANSFER_TIME_T, &connectTime);
+            const HttpFailure::Kind kind = kindOf(code, connectTime > 0);
             throw HttpFailure(
-                kindOf(code, connectTime > 0), m_message[0] != '\0' ? m_message.data() : curl_easy_strerror(code));
+                kind, std::string(kind == HttpFailure::Kind::Unusable ? "the response is not HTTP: " : "") +
+                          (m_message[0] != '\0' ? m_message.data() : curl_easy_strerror(code)));
         }
         if (m_response.status == 0) // curl does not report this as an error
         {
@@ -515,7 +520,7 @@ private:
         }
         if (bytes.size() > maxBodySize - m_response.body.size())
         {
-            throw HttpFailure(HttpFailure::Kind::Broken, "the response is longer than 64 MiB");
+            throw HttpFailure(HttpFailure::Kind::Unusable, "the response is longer than 64 MiB");
         }
         m_response.body += bytes;
     }

@@ -10,8 +10,10 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <initializer_list>
 #include <iostream>
+#include <iterator>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -108,18 +110,29 @@ protected:
 
 TEST_F(HttpClientTest, AFailureDoesNotAffectTheNextRequest)
 {
+    constexpr auto keep = Reply::Then::Keep;
+    constexpr auto close = Reply::Then::Close;
+    const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
     const struct
     {
         const char* name;
         Reply reply;
-        Kind expected = Kind::Broken;
+        std::optional<Kind> expected = Kind::Broken;
         std::optional<std::chrono::milliseconds> deadline = {};
         std::optional<std::chrono::milliseconds> stallWindow = {};
     } rows[] = {
         {"reset", Reply::reset()},
-        {"garbage", Reply::raw("garbage\r\n\r\n", Reply::Then::Close)},
-        {"cut head", Reply::raw("HTTP/1.1 200 OK\r\nContent-", Reply::Then::Close)},
-        {"cut body", {200, {{"Content-Length", "9"}}, "short", Reply::Then::Close}},
+        {"garbage", Reply::raw("garbage\r\n\r\n", keep), Kind::Unusable},
+        {"no status", Reply::raw("HTTP/1.1 OK\r\n\r\n", keep), Kind::Unusable},
+        {"no field", Reply::raw("HTTP/1.1 200 OK\r\nContent\r\n\r\n", keep), Kind::Unusable},
+        {"no number", {200, {{"Content-Length", "-5"}}}, Kind::Unusable},
+        {"interim response only", Reply::raw("HTTP/1.1 100 Continue\r\n\r\n", close)},
+        {"old response", Reply::raw("HTTP/1.0 200 OK\r\n\r\n<html>", close), std::nullopt},
+        {"no length", Reply::raw("HTTP/1.1 200 OK\r\n\r\n<html>", keep), Kind::Stalled, {}, 50ms},
+        {"no last chunk", Reply::raw(chunked + "1\r\nx\r\n", keep), Kind::Stalled, {}, 50ms},
+        {"bad chunk", Reply::raw(chunked + "x\r\n", keep)},
+        {"cut head", Reply::raw("HTTP/1.1 200 OK\r\nContent-", close)},
+        {"cut body", {200, {{"Content-Length", "9"}}, "short", close}},
         {"silent in the body", {200, {{"Content-Length", "9"}}, "short"}, Kind::Stalled, {}, 50ms},
         {"past its deadline", Reply::stall(), Kind::Stalled, 50ms},
     };
@@ -185,7 +198,10 @@ TEST_F(HttpClientTest, CancelsOnlyRequestsThatBeganBeforeAnInterrupt)
         });
     HttpClient interruptible({.timeouts = {.cleanUp = 1s}, .interrupted = [&] { return interrupted.load(); }});
     const std::string silent = server.url() + "/silent";
+    const auto countFiles = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    const auto filesBefore = countFiles();
     EXPECT_EQ(failureKind(interruptible, {.method = "GET", .url = silent}), Kind::Interrupted);
+    EXPECT_EQ(countFiles(), filesBefore + 1) << "only the server still has its end of the connection";
     EXPECT_EQ(failureKind(interruptible, {.method = "DELETE", .url = server.url()}), std::nullopt);
     EXPECT_EQ(failureKind(interruptible, {.method = "DELETE", .url = silent}), Kind::Stalled);
     for (const char* method : {"GET", "POST"})

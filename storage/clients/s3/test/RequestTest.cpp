@@ -107,7 +107,12 @@ bool isA(const CloudException& exception)
 {
     const bool isTransient = dynamic_cast<const TransientException*>(&exception) != nullptr;
     return dynamic_cast<const Exception*>(&exception) != nullptr &&
-           isTransient == std::is_same_v<Exception, TransientException>;
+           isTransient == std::is_base_of_v<TransientException, Exception>;
+}
+
+bool isBroken(const CloudException& exception)
+{
+    return isA<TransientException>(exception) && !isA<UnusableResponse>(exception);
 }
 
 template <int seconds>
@@ -182,9 +187,13 @@ const ErrorRow errors[] = {
     {"damagedObject", readWhole, isA<TransientException>, "the bytes do not match", damaged(200)},
     {"ignoredRange", readRange, isA<UnsupportedOperationException>, "the store ignores ranges", damaged(200)},
     {"damagedRangeOfTheWhole", readRange, isA<TransientException>, "the bytes do not match", damaged(206)},
-    {"noTag", put, isA<TransientException>, "lacks the entity tag", reply(200, "")},
+    {"noTag", put, isA<UnusableResponse>, "lacks the entity tag", reply(200, "")},
     {"corruptedInTransit", put, isA<TransientException>, "corrupted", refusal(400, "XAmzContentSHA256Mismatch")},
-    {"emptyListing", list, isA<TransientException>, "lacks IsTruncated", reply(200, "<ListBucketResult/>")},
+    {"emptyListing", list, isA<UnusableResponse>, "lacks IsTruncated", reply(200, "<ListBucketResult/>")},
+    {"pageOfAnotherKind", listUploads, isA<UnusableResponse>, "does not support ListMultipartUploads",
+        page("ListBucketResult", "")},
+    {"truncatedListing", list, isBroken, "is truncated", reply(200, "<ListBucketResult><IsTruncated>true")},
+    {"noHttp", put, isA<UnusableResponse>, "check the endpoint", Reply::raw("SSH-2.0-x\r\n", Reply::Then::Close)},
     {"entryOfNoSize", list, isA<TransientException>, "Size in the response is not a number",
         page("ListBucketResult", "<Contents><Key>k</Key><Size>1 MB</Size></Contents>")},
     {"uploadsWithoutMarker", listUploads, isA<TransientException>, "lacks NextKeyMarker",

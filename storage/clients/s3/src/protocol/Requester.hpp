@@ -67,6 +67,10 @@ public:
         {
             throwMalformedResponse(contextOf(request), response, failure.what());
         }
+        catch (const HttpFailure& failure)
+        {
+            throwNoResponse(contextOf(request), failure);
+        }
     }
 
     /// Return the entity tag that the store gave to the request body, without quotes.

@@ -1,8 +1,10 @@
 #include "Responses.hpp"
 
+#include <storage/clients/http/HttpFailure.hpp>
 #include <storage/clients/http/Times.hpp>
 #include <storage/clients/http/UriEncoding.hpp>
 
+#include <fmt/format.h>
 #include <pugixml.hpp>
 
 #include <algorithm>
@@ -67,7 +69,8 @@ bool isError(pugi::xml_document& parsed, const std::string& document)
 class Document
 {
 public:
-    Document(const std::string& text, const char* rootName)
+    /// @param action  the store's name for the request
+    Document(const std::string& text, const char* rootName, const char* action)
     {
         // Keys may consist of blanks, and ends of lines in keys must not be normalised.
         const auto result = m_document.load_buffer(
@@ -77,9 +80,16 @@ public:
         {
             throw ErrorResponse(errorIn(root));
         }
-        if (!result || std::string_view(root.name()) != rootName)
+        if (std::string_view(root.name()) != rootName)
         {
-            throw MalformedResponse(std::string("the response is not a ") + rootName + " document");
+            throw MalformedResponse(fmt::format("the response is not a {} document: either the store does not support "
+                                                "{}, or a proxy has responded for it",
+                rootName, action));
+        }
+        if (!result)
+        {
+            throw HttpFailure(
+                HttpFailure::Kind::Broken, fmt::format("the {} document in the response is truncated", rootName));
         }
     }
 
@@ -124,7 +134,7 @@ bool isError(const std::string& document)
 
 ListingPage readListing(const std::string& document)
 {
-    const Document parsed(document, "ListBucketResult");
+    const Document parsed(document, "ListBucketResult", "ListObjectsV2");
     ListingPage page;
     std::vector<cloudprovider::ObjectEntry> groups;
     for (const pugi::xml_node& node : parsed.root().children("Contents"))
@@ -151,7 +161,7 @@ ListingPage readListing(const std::string& document)
 
 UploadsPage readUploads(const std::string& document)
 {
-    const Document parsed(document, "ListMultipartUploadsResult");
+    const Document parsed(document, "ListMultipartUploadsResult", "ListMultipartUploads");
     UploadsPage page;
     for (const pugi::xml_node& node : parsed.root().children("Upload"))
     {
@@ -169,17 +179,18 @@ UploadsPage readUploads(const std::string& document)
 
 std::string readNewUpload(const std::string& document)
 {
-    return Document(document, "InitiateMultipartUploadResult").required("UploadId");
+    return Document(document, "InitiateMultipartUploadResult", "CreateMultipartUpload").required("UploadId");
 }
 
 std::string readCopiedPart(const std::string& document)
 {
-    return unquotedTag(Document(document, "CopyPartResult").required("ETag"));
+    return unquotedTag(Document(document, "CopyPartResult", "UploadPartCopy").required("ETag"));
 }
 
 std::string readCompletion(const std::string& document)
 {
-    return unquotedTag(textOf(Document(document, "CompleteMultipartUploadResult").root(), "ETag"));
+    return unquotedTag(
+        textOf(Document(document, "CompleteMultipartUploadResult", "CompleteMultipartUpload").root(), "ETag"));
 }
 
 std::string writeCompletion(const std::vector<std::pair<std::size_t, std::string>>& parts)

@@ -25,7 +25,7 @@ struct ErrorDocument
     std::string endpoint; ///< likewise
 };
 
-/// A document that is truncated or of an unexpected kind.
+/// A document that lacks something, or of another kind than requested.
 class MalformedResponse : public std::runtime_error
 {
 public:
@@ -57,7 +57,7 @@ ErrorDocument readError(const std::string& document);
 /// Whether a document is an error document, even an empty one.
 bool isError(const std::string& document);
 
-// Each of the following throws MalformedResponse or ErrorResponse.
+// Each of the following throws MalformedResponse, ErrorResponse, or an HttpFailure for a document that is truncated.
 
 struct ListingPage
 {

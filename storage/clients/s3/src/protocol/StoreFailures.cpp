@@ -269,6 +269,8 @@ void throwNoResponse(const FailureContext& context, const HttpFailure& failure)
                 "Store unreachable", detail + "; check the endpoint, and that the store is running");
         }
         break;
+    case HttpFailure::Kind::Unusable:
+        throw UnusableResponse("Malformed response", detail + "; check the endpoint");
     case HttpFailure::Kind::Stalled:
     case HttpFailure::Kind::Broken:
     case HttpFailure::Kind::Interrupted: // the request may have taken effect, as after a broken connection
@@ -279,7 +281,7 @@ void throwNoResponse(const FailureContext& context, const HttpFailure& failure)
 
 void throwMalformedResponse(const FailureContext& context, const HttpResponse& response, const std::string& reason)
 {
-    throw TransientException("Malformed response", describe(context, response, {}) + "; " + reason);
+    throw UnusableResponse("Malformed response", describe(context, response, {}) + "; " + reason);
 }
 
 void throwObjectChanged(const FailureContext& context)

@@ -46,7 +46,8 @@ struct FailureContext
 /// Throw the exception for a request without a complete response.
 [[noreturn]] void throwNoResponse(const FailureContext& context, const HttpFailure& failure);
 
-/// Throw a TransientException for a response that is malformed.
+/// Throw an UnusableResponse for a response that is malformed.
+/// @param reason  names what is missing
 [[noreturn]] void throwMalformedResponse(
     const FailureContext& context, const HttpResponse& response, const std::string& reason);
 

@@ -63,4 +63,13 @@ private:
     bool m_madeProgress;
 };
 
+/// The response can hardly get better: retry once. The store lacks what the request needs, or is no such store at all.
+///
+/// It is transient nevertheless, because a proxy may have responded for a store that is being restarted.
+class UnusableResponse : public TransientException
+{
+public:
+    using TransientException::TransientException;
+};
+
 } // namespace storage::clients

@@ -15,7 +15,8 @@ public:
         Unreachable, ///< no connection: unknown host, refused, timed out while connecting
         Certificate, ///< the server's certificate is not trusted or not for this host
         Stalled,     ///< connected, then too slow or silent
-        Broken,      ///< the connection ended early, or the response is not HTTP
+        Broken,      ///< the connection ended early
+        Unusable,    ///< the response is not HTTP, or is too long
         Interrupted, ///< cancelled by the host
         Invalid      ///< the request cannot be sent: a malformed URL, a control character in a field, a file of
                      ///< authorities that cannot be read
