@@ -377,10 +377,10 @@ test_check()
 test_uploads()
 {
     mkfifo source
-    ZV_CLOUD_PART_SIZE_OVERRIDE=16384 "$program" --store "$store" put - /killed <source &
+    "$program" --store "$store" put - /killed <source &
     pid=$!
     exec 3>source
-    bytes 100000 >&3
+    bytes 12000000 >&3 # more than a bucket takes as its smallest part
     while [[ -z $(fs uploads list) ]] && kill -0 "$pid"; do :; done # another thread opens the upload
     prints '' uploads list --older-than 1h
     prints '' uploads abort --older-than 1h
