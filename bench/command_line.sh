@@ -5,6 +5,7 @@
 # Usage: bench/command_line.sh [RUNS]     medians of RUNS runs (default 5) in $TMPDIR; needs the release build
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+export AWS_EC2_METADATA_DISABLED=true # never ask the machine for credentials
 runs=${1:-5}
 cloudfs=$PWD/build/release/tools/cloudfs/cloudfs
 

@@ -46,7 +46,7 @@ class Gateway:
         for name in os.environ:
             if name.upper().startswith(("AWS", "RCLONE_")) or name.upper().endswith("_PROXY"):
                 del os.environ[name]
-        os.environ.update(environment)
+        os.environ.update(environment, AWS_EC2_METADATA_DISABLED="true")
         self.endpoint = environment["CLOUDFS_TEST_S3_ENDPOINT"].removeprefix("http://")
         self.bucket = environment["CLOUDFS_TEST_S3_BUCKET"]
         self.keys = environment["AWS_ACCESS_KEY_ID"], environment["AWS_SECRET_ACCESS_KEY"]

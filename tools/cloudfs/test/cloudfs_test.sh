@@ -14,7 +14,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work" || exit
 mkdir buffers
-export TMPDIR=$work/buffers XDG_DATA_HOME=$work TZ=UTC LC_ALL=C.UTF-8
+export TMPDIR=$work/buffers XDG_DATA_HOME=$work TZ=UTC LC_ALL=C.UTF-8 AWS_EC2_METADATA_DISABLED=true
 
 store=local:
 if [[ ${3-} == gateway ]]; then
