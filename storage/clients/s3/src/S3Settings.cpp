@@ -107,7 +107,6 @@ S3Settings parseS3Url(const std::string& url)
     {
         refuse("credentials must not be part of a store's URL");
     }
-    std::string profile;
     bool anonymous = false;
     const std::map<std::string_view, std::function<void(const std::string& name, const std::string& value)>> known{
         {"endpoint", [&](const auto&, const auto& value) { settings.endpoint = value; }},
@@ -119,7 +118,7 @@ S3Settings parseS3Url(const std::string& url)
             [&](const auto& name, const auto& value) { settings.memory = readNumber(name, value, 0, 1ULL << 40U); }},
         {"part-size", [&](const auto& name, const auto& value)
             { settings.partSize = readNumber(name, value, 64 << 10, 1 << 30); }},
-        {"profile", [&](const auto&, const auto& value) { profile = value; }},
+        {"profile", [&](const auto&, const auto& value) { settings.profile = value; }},
         {"anonymous", [&](const auto& name, const auto& value) { anonymous = readFlag(name, value); }},
         {"ca-file", [&](const auto&, const auto& value) { settings.authorities = value; }},
         {"conditional-copies", [&](const auto& name, const auto& value)
@@ -150,13 +149,20 @@ S3Settings parseS3Url(const std::string& url)
     }
     if (settings.region.empty())
     {
-        settings.region = defaultRegion(profile);
+        settings.region = defaultRegion(settings.profile);
     }
     if (settings.region.empty())
     {
         settings.region = "us-east-1";
     }
-    settings.credentials = anonymous ? anonymousCredentials() : defaultCredentials(profile);
+    if (settings.authorities.empty())
+    {
+        settings.authorities = defaultAuthorities(settings.profile);
+    }
+    if (anonymous)
+    {
+        settings.credentials = anonymousCredentials();
+    }
     const BucketAddress valid(settings);
     return settings;
 }

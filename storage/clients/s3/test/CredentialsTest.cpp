@@ -4,6 +4,9 @@
 #include "credentials/CredentialsChain.hpp"
 #include "credentials/CredentialsFailure.hpp"
 #include "credentials/RefreshingCredentials.hpp"
+#include "credentials/ServiceAddress.hpp"
+
+#include <storage/clients/s3/S3Settings.hpp>
 
 #include <foundation/log/basic_diagnostic_logger.hpp>
 
@@ -80,17 +83,20 @@ protected:
         return std::make_unique<RefreshingCredentials>(std::move(provider), [this] { return now.load(); });
     }
 
-    std::unique_ptr<CredentialsSource> source(Environment::Variables variables, const std::string& profile = {})
+    std::unique_ptr<CredentialsSource> source(Environment::Variables variables, const std::string& profile = {},
+        const std::filesystem::path& authorities = {})
     {
         variables.emplace("HOME", home);
         variables.emplace("AWS_EC2_METADATA_DISABLED", "TRUE");
-        return refreshing(std::make_unique<CredentialsChain>(Environment(std::move(variables)), profile));
+        return refreshing(std::make_unique<CredentialsChain>(ProviderContext{
+            Environment(std::move(variables)), profile, authorities, [this] { return isInterrupted; }}));
     }
 
     void write(const char* file, const std::string& text) { std::ofstream(home / file, std::ios::binary) << text; }
 
     std::filesystem::path home;
     std::atomic<RefreshingCredentials::TimePoint> now{std::chrono::sys_days(std::chrono::year(2024) / 5 / 1)};
+    bool isInterrupted = false;
     std::string log;
 };
 
@@ -117,7 +123,8 @@ TEST_F(CredentialsTest, ComeFromTheFirstPlaceThatHasSome)
         {"id/S3CRET/.", {{"AWS_CONFIG_FILE", "~/.aws/credentials"}}, "[default]\n" + keys},
         {"unusable: no profile \"a\" in /", {{"AWS_PROFILE", "a"}}, "[default]\n" + keys, "[a]\n" + keys},
         {"only one of aws_access_key_id", {}, "[default]\naws_secret_access_key = S3CRET\n"},
-        {"has no keys but role_arn, which is not supported", {}, "", "[default]\nrole_arn = a\n"},
+        {"has no keys but login_session, which is not supported", {}, "", "[default]\nlogin_session = a\n"},
+        {"id/S3CRET/.", {{"AWS_DEFAULT_PROFILE", "a"}}, "[a]\n" + keys},
         {"credentials, line 1: ", {}, keys},
         {"config, line 2: ", {}, "", "[default]\nS3CRET\n"},
         {"credentials, line 3: ", {}, "\n#\n[S3CRET\n"},
@@ -198,6 +205,18 @@ TEST_F(CredentialsTest, ComeFromServices)
         EXPECT_THAT(outcomeOf(*asked), HasSubstr(row.expected));
         EXPECT_EQ(server.requests().size(), requests) << "not remembered";
     }
+}
+
+TEST(ServiceAddressTest, IsThatOfTheRegionUnlessAVariableNamesOne)
+{
+    const Environment none({});
+    EXPECT_EQ(regionalAddress(none, "STS", "sts", "").url, "https://sts.amazonaws.com");
+    EXPECT_EQ(regionalAddress(none, "SSO", "portal.sso", "eu-x").url, "https://portal.sso.eu-x.amazonaws.com");
+    EXPECT_EQ(regionalAddress(none, "STS", "sts", "cn-north-1").url, "https://sts.cn-north-1.amazonaws.com.cn");
+    EXPECT_THROW(regionalAddress(none, "STS", "sts", "a.example/"), cloudprovider::InvalidCredentialsException);
+    const Environment both({{"AWS_ENDPOINT_URL", "https://a"}, {"AWS_ENDPOINT_URL_SSO", "ftp://b"}});
+    EXPECT_EQ(regionalAddress(both, "STS", "sts", "").url, "https://a");
+    EXPECT_THROW(regionalAddress(both, "SSO", "sts", ""), cloudprovider::InvalidCredentialsException);
 }
 
 TEST_F(CredentialsTest, ComeFromAFixedAddressForARelativeUri)
@@ -326,11 +345,11 @@ TEST_F(RefreshTest, LetsOneThreadLoadForAll)
 
 TEST_F(CredentialsTest, ComeFromTheEnvironmentOfTheProcess)
 {
-    write(".aws/config", "[profile a]\nregion = filed\n" + keys);
+    write(".aws/config", "[profile a]\nregion = filed\nca_bundle = ~/b\n" + keys);
     const auto report = [this]
     {
         Environment::Variables variables = inVariables;
-        variables.insert({{"HOME", home}, {"AWS_CONFIG_FILE", ""}, {"AWS_REGION", "set"}});
+        variables.insert({{"HOME", home}, {"AWS_CONFIG_FILE", ""}, {"AWS_REGION", "set"}, {"AWS_CA_BUNDLE", ""}});
         for (const auto& [name, value] : variables)
         {
             ::setenv(name.c_str(), value.c_str(), 1);
@@ -339,11 +358,14 @@ TEST_F(CredentialsTest, ComeFromTheEnvironmentOfTheProcess)
         std::cerr << defaultRegion("a") << ' ';
         ::setenv("AWS_REGION", "", 1);
         ::setenv("AWS_DEFAULT_REGION", "", 1);
-        std::cerr << defaultRegion("a") << ' ' << defaultRegion("b") << '.';
+        std::cerr << defaultRegion("a") << ' ' << defaultRegion("b") << '.' << defaultAuthorities("a").filename();
+        ::setenv("AWS_CA_BUNDLE", "c", 1);
+        std::cerr << parseS3Url("s3://bucket?profile=a").authorities;
+        std::cerr << parseS3Url("s3://bucket?ca-file=d").authorities;
         std::_Exit(0);
     };
     // In a process of its own, whose environment it may change.
-    EXPECT_EXIT(report(), testing::ExitedWithCode(0), "own/S3CRET0/t. id/S3CRET/. set filed \\.");
+    EXPECT_EXIT(report(), testing::ExitedWithCode(0), "own/S3CRET0/t. id/S3CRET/. set filed \\.\"b\"\"c\"\"d\"");
 }
 
 } // namespace

@@ -1,18 +1,14 @@
 #include "ContainerCredentials.hpp"
 
+#include "CredentialsDocument.hpp"
 #include "CredentialsFailure.hpp"
-#include "MetadataService.hpp"
+#include "CredentialsService.hpp"
+#include "ServiceAddress.hpp"
+#include "SmallFile.hpp"
 
 #include <arpa/inet.h>
-#include <curl/curl.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <fstream>
-#include <iterator>
-#include <memory>
-#include <new>
-#include <system_error>
 #include <utility>
 
 namespace storage::clients::s3
@@ -26,19 +22,8 @@ using namespace std::chrono_literals;
 constexpr const char* relative = "AWS_CONTAINER_CREDENTIALS_RELATIVE_URI";
 constexpr const char* full = "AWS_CONTAINER_CREDENTIALS_FULL_URI";
 constexpr const char* tokenFile = "AWS_CONTAINER_AUTHORIZATION_TOKEN_FILE";
-constexpr auto deadline = 5s; // the host itself may have to send requests
-
-/// Parse a part of a URL with the library that will connect to it, so that both see the same host.
-std::string partOf(CURLU* address, CURLUPart part)
-{
-    char* text = nullptr;
-    if (curl_url_get(address, part, &text, 0) != CURLUE_OK)
-    {
-        return {};
-    }
-    const std::unique_ptr<char, decltype(&curl_free)> owner(text, &curl_free);
-    return text;
-}
+constexpr auto deadline = 5s;        // the host itself may have to send requests
+constexpr auto connectDeadline = 1s; // it is near
 
 /// Whether requests to the host stay on this machine.
 bool isLocal(const std::string& host)
@@ -51,44 +36,11 @@ bool isLocal(const std::string& host)
     return host == "localhost" || host == "[::1]" || host == "[fd00:ec2::23]";
 }
 
-void checkAddress(const std::string& text)
-{
-    const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> address(curl_url(), &curl_url_cleanup);
-    if (address == nullptr)
-    {
-        throw std::bad_alloc();
-    }
-    if (curl_url_set(address.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK)
-    {
-        throw invalidCredentials(std::string(full) + " is not a valid URL");
-    }
-    const std::string scheme = partOf(address.get(), CURLUPART_SCHEME);
-    if (!partOf(address.get(), CURLUPART_USER).empty())
-    {
-        throw invalidCredentials(std::string(full) + " must not contain a user name");
-    }
-    if (scheme != "https" && (scheme != "http" || !isLocal(partOf(address.get(), CURLUPART_HOST))))
-    {
-        throw invalidCredentials(std::string(full) + " must be https, or http on this machine");
-    }
-}
-
 std::string authorization(const Environment& environment)
 {
     const std::string& path = environment[tokenFile];
-    std::string token = environment["AWS_CONTAINER_AUTHORIZATION_TOKEN"];
-    if (!path.empty())
-    {
-        errno = 0;
-        std::ifstream file(path, std::ios::binary);
-        std::getline(file, token, '\0'); // the whole file
-        if (!file.is_open() || file.bad() || token.empty())
-        {
-            const int error = errno;
-            throw invalidCredentials("reading " + path + ", which " + tokenFile + " names: " +
-                                     (error == 0 ? "it is empty" : std::generic_category().message(error)));
-        }
-    }
+    std::string token = path.empty() ? environment["AWS_CONTAINER_AUTHORIZATION_TOKEN"]
+                                     : readSmallFile(path, std::string("which ") + tokenFile + " names");
     token.erase(token.find_last_not_of(" \t\r\n") + 1);
     if (std::any_of(token.begin(), token.end(), [](char letter) { return letter >= 0 && letter < ' '; }))
     {
@@ -99,37 +51,33 @@ std::string authorization(const Environment& environment)
 
 } // namespace
 
-ContainerCredentials::ContainerCredentials(Environment environment)
-    : m_environment(std::move(environment))
+ContainerCredentials::ContainerCredentials(ProviderContext context)
+    : m_context(std::move(context))
 {
 }
 
 CredentialsProvider::LoadResult ContainerCredentials::load()
 {
-    const auto url = address(m_environment);
+    const auto url = address(m_context.environment);
     if (!url)
     {
         return NoCredentials{std::string("neither ") + relative + " nor " + full + " is set"};
     }
     HttpHeaders headers;
     // Read each time: the file may be replaced while the program runs.
-    if (std::string token = authorization(m_environment); !token.empty())
+    if (std::string token = authorization(m_context.environment); !token.empty())
     {
         headers.add("Authorization", std::move(token));
     }
-    MetadataService service("the container's credentials endpoint", deadline);
+    CredentialsService service({"the container's credentials endpoint", deadline, m_context.authorities,
+        m_context.interrupted, connectDeadline, true});
     try
     {
-        return service.read(service.send("GET", *url, headers));
+        return service.read(service.send({"GET", *url, headers}), readCredentialsDocument);
     }
     catch (const HttpFailure& failure)
     {
-        const std::string detail = service.name() + " does not respond: " + failure.what();
-        if (failure.isTransient())
-        {
-            throw credentialsUnavailable(detail);
-        }
-        throw invalidCredentials(detail);
+        service.fail(failure);
     }
 }
 
@@ -148,7 +96,11 @@ std::optional<std::string> ContainerCredentials::address(const Environment& envi
     {
         return std::nullopt;
     }
-    checkAddress(url);
+    const ServiceAddress address = parseAddress(full, url);
+    if (address.scheme != "https" && (address.scheme != "http" || !isLocal(address.host)))
+    {
+        throw invalidCredentials(std::string(full) + " must be https, or http on this machine");
+    }
     return url;
 }
 

@@ -1,20 +1,18 @@
 #pragma once
 
 #include "CredentialsProvider.hpp"
-#include "Environment.hpp"
+#include "ProviderContext.hpp"
 
 #include <optional>
 
 namespace storage::clients::s3
 {
 
-class MetadataService;
-
 /// Credentials from the endpoint that a container's host provides.
 class ContainerCredentials : public CredentialsProvider
 {
 public:
-    explicit ContainerCredentials(Environment environment);
+    explicit ContainerCredentials(ProviderContext context);
 
     LoadResult load() override;
 
@@ -25,7 +23,7 @@ public:
     static std::optional<std::string> address(const Environment& environment);
 
 private:
-    const Environment m_environment;
+    const ProviderContext m_context;
 };
 
 } // namespace storage::clients::s3

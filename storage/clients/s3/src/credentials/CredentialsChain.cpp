@@ -5,18 +5,20 @@
 #include "MachineCredentials.hpp"
 #include "ProfileCredentials.hpp"
 
+#include <string>
+
 namespace storage::clients::s3
 {
 
-CredentialsChain::CredentialsChain(const Environment& environment, const std::string& profile)
+CredentialsChain::CredentialsChain(const ProviderContext& context)
 {
-    if (profile.empty())
+    if (context.profile.empty())
     {
-        m_providers.push_back(std::make_unique<EnvironmentCredentials>(environment));
+        m_providers.push_back(std::make_unique<EnvironmentCredentials>(context.environment));
     }
-    m_providers.push_back(std::make_unique<ProfileCredentials>(environment, profile));
-    m_providers.push_back(std::make_unique<ContainerCredentials>(environment));
-    m_providers.push_back(std::make_unique<MachineCredentials>(environment));
+    m_providers.push_back(std::make_unique<ProfileCredentials>(context));
+    m_providers.push_back(std::make_unique<ContainerCredentials>(context));
+    m_providers.push_back(std::make_unique<MachineCredentials>(context));
 }
 
 CredentialsProvider::LoadResult CredentialsChain::load()

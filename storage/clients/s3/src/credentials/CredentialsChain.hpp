@@ -1,10 +1,9 @@
 #pragma once
 
 #include "CredentialsProvider.hpp"
-#include "Environment.hpp"
+#include "ProviderContext.hpp"
 
 #include <memory>
-#include <string>
 #include <vector>
 
 namespace storage::clients::s3
@@ -14,7 +13,7 @@ namespace storage::clients::s3
 class CredentialsChain : public CredentialsProvider
 {
 public:
-    CredentialsChain(const Environment& environment, const std::string& profile);
+    explicit CredentialsChain(const ProviderContext& context);
 
     /// @return the reasons of all providers when none has credentials
     /// @throws what a provider throws; later providers are then not used

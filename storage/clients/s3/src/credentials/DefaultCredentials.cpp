@@ -1,7 +1,6 @@
 #include "CredentialsChain.hpp"
-#include "Environment.hpp"
-#include "ProfileCredentials.hpp"
 #include "RefreshingCredentials.hpp"
+#include "SharedConfig.hpp"
 
 #include <storage/clients/s3/Credentials.hpp>
 
@@ -39,23 +38,22 @@ std::shared_ptr<CredentialsSource> anonymousCredentials()
     return fixedCredentials({});
 }
 
-std::shared_ptr<CredentialsSource> defaultCredentials(const std::string& profile)
+std::shared_ptr<CredentialsSource> defaultCredentials(
+    const std::string& profile, const std::filesystem::path& authorities, const std::function<bool()>& interrupted)
 {
-    return std::make_shared<RefreshingCredentials>(
-        std::make_unique<CredentialsChain>(Environment::ofProcess(), profile));
+    return std::make_shared<RefreshingCredentials>(std::make_unique<CredentialsChain>(
+        ProviderContext{Environment::ofProcess(), profile, authorities, interrupted}));
 }
 
 std::string defaultRegion(const std::string& profile)
 {
-    const Environment environment = Environment::ofProcess();
-    for (const char* name : {"AWS_REGION", "AWS_DEFAULT_REGION"})
-    {
-        if (const std::string& region = environment[name]; !region.empty())
-        {
-            return region;
-        }
-    }
-    return ProfileCredentials(environment, profile).region();
+    return configured({Environment::ofProcess(), profile}, {"AWS_REGION", "AWS_DEFAULT_REGION"}, "region");
+}
+
+std::filesystem::path defaultAuthorities(const std::string& profile)
+{
+    const ProviderContext context{Environment::ofProcess(), profile};
+    return expandHome(context.environment, configured(context, {"AWS_CA_BUNDLE"}, "ca_bundle"));
 }
 
 } // namespace storage::clients::s3

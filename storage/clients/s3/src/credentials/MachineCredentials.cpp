@@ -1,5 +1,6 @@
 #include "MachineCredentials.hpp"
 
+#include "CredentialsDocument.hpp"
 #include "CredentialsFailure.hpp"
 
 #include <boost/algorithm/string/predicate.hpp>
@@ -15,6 +16,7 @@ namespace
 using namespace std::chrono_literals;
 
 constexpr auto deadline = 2s;
+constexpr auto connectDeadline = 1s;        // where there is no such service, nothing responds
 constexpr const char* tokenLifetime = "60"; // seconds; each load requests a new token
 constexpr const char* roles = "/latest/meta-data/iam/security-credentials/";
 
@@ -43,10 +45,11 @@ bool isRoleName(std::string_view text)
 
 } // namespace
 
-MachineCredentials::MachineCredentials(const Environment& environment)
-    : m_isDisabled(boost::algorithm::iequals(environment["AWS_EC2_METADATA_DISABLED"], "true"))
-    , m_endpoint(endpointOf(environment))
-    , m_service("the machine's metadata service", deadline)
+MachineCredentials::MachineCredentials(const ProviderContext& context)
+    : m_isDisabled(boost::algorithm::iequals(context.environment["AWS_EC2_METADATA_DISABLED"], "true"))
+    , m_endpoint(endpointOf(context.environment))
+    , m_service(
+          {"the machine's metadata service", deadline, context.authorities, context.interrupted, connectDeadline, true})
 {
 }
 
@@ -62,16 +65,11 @@ CredentialsProvider::LoadResult MachineCredentials::load()
     }
     catch (const HttpFailure& failure)
     {
-        const std::string detail = m_service.name() + " does not respond: " + failure.what();
         if (failure.kind() == HttpFailure::Kind::Unreachable && !m_hasResponded)
         {
-            return NoCredentials{detail};
+            return NoCredentials{m_service.describe(failure)};
         }
-        if (failure.isTransient())
-        {
-            throw credentialsUnavailable(detail);
-        }
-        throw invalidCredentials(detail);
+        m_service.fail(failure);
     }
 }
 
@@ -79,7 +77,7 @@ CredentialsProvider::LoadResult MachineCredentials::request()
 {
     HttpHeaders lifetime;
     lifetime.add("X-aws-ec2-metadata-token-ttl-seconds", tokenLifetime);
-    const HttpResponse token = m_service.send("PUT", m_endpoint + "/latest/api/token", lifetime);
+    const HttpResponse token = send("PUT", "/latest/api/token", lifetime);
     m_hasResponded = true;
     if (token.status != 200)
     {
@@ -87,7 +85,7 @@ CredentialsProvider::LoadResult MachineCredentials::request()
     }
     HttpHeaders headers;
     headers.add("X-aws-ec2-metadata-token", firstLine(token.body));
-    const HttpResponse role = m_service.send("GET", m_endpoint + roles, headers);
+    const HttpResponse role = send("GET", roles, headers);
     if (role.status == 404)
     {
         return NoCredentials{m_service.name() + " has no role for this machine"};
@@ -97,7 +95,12 @@ CredentialsProvider::LoadResult MachineCredentials::request()
     {
         throw invalidCredentials(m_service.name() + " returned no role: status " + std::to_string(role.status));
     }
-    return m_service.read(m_service.send("GET", m_endpoint + roles + name, headers));
+    return m_service.read(send("GET", roles + name, headers), readCredentialsDocument);
+}
+
+HttpResponse MachineCredentials::send(const char* method, const std::string& path, const HttpHeaders& headers)
+{
+    return m_service.send({method, m_endpoint + path, headers});
 }
 
 } // namespace storage::clients::s3

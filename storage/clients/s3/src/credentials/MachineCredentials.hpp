@@ -1,8 +1,8 @@
 #pragma once
 
 #include "CredentialsProvider.hpp"
-#include "Environment.hpp"
-#include "MetadataService.hpp"
+#include "CredentialsService.hpp"
+#include "ProviderContext.hpp"
 
 #include <string>
 
@@ -14,7 +14,7 @@ namespace storage::clients::s3
 class MachineCredentials : public CredentialsProvider
 {
 public:
-    explicit MachineCredentials(const Environment& environment);
+    explicit MachineCredentials(const ProviderContext& context);
 
     /// If the service is unreachable and has never responded, that is not a failure: most machines have no such
     /// service.
@@ -22,10 +22,11 @@ public:
 
 private:
     LoadResult request();
+    HttpResponse send(const char* method, const std::string& path, const HttpHeaders& headers);
 
     const bool m_isDisabled;
     const std::string m_endpoint;
-    MetadataService m_service;
+    CredentialsService m_service;
     bool m_hasResponded = false;
 };
 

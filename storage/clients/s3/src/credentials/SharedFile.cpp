@@ -48,17 +48,12 @@ std::string lowerCase(std::string_view text)
     return result;
 }
 
-/// The profile that a section describes; nothing when it is another kind of section.
-std::optional<std::string> profileName(SharedFile::Kind kind, std::string_view section)
+/// The name in a section "KIND NAME"; nothing when it is of another kind.
+std::optional<std::string> nameAfter(std::string_view kind, std::string_view section)
 {
-    constexpr std::string_view prefix = "profile";
-    if (kind == SharedFile::Kind::Credentials || section == "default")
+    if (section.starts_with(kind) && trimmed(section.substr(kind.size(), 1)).empty())
     {
-        return std::string(section);
-    }
-    if (section.starts_with(prefix) && trimmed(section.substr(prefix.size(), 1)).empty())
-    {
-        return std::string(trimmed(section.substr(prefix.size())));
+        return std::string(trimmed(section.substr(kind.size())));
     }
     return std::nullopt;
 }
@@ -87,7 +82,7 @@ public:
         return text.starts_with('[') ? takeSection(text) : takeSetting(text, indent);
     }
 
-    std::map<std::string, Profile, std::less<>> takeProfiles() { return std::move(m_profiles); }
+    SharedSections takeSections() { return std::move(m_sections); }
 
 private:
     static constexpr std::size_t noSetting = std::string_view::npos; // no line can be indented deeper
@@ -100,10 +95,22 @@ private:
         {
             return "a section must be written [NAME]";
         }
-        const auto name = profileName(m_kind, trimmed(text.substr(1, end - 1)));
-        m_profile = name ? &m_profiles[*name] : &m_ignored;
+        m_settings = &settingsOf(trimmed(text.substr(1, end - 1)));
         m_indent = noSetting;
         return {};
+    }
+
+    SharedSettings& settingsOf(std::string_view section)
+    {
+        if (m_kind == SharedFile::Kind::Credentials || section == "default")
+        {
+            return m_sections.profiles[std::string(section)];
+        }
+        if (const auto name = nameAfter("profile", section))
+        {
+            return m_sections.profiles[*name];
+        }
+        return m_ignored;
     }
 
     std::string_view takeSetting(std::string_view text, std::size_t indent)
@@ -113,20 +120,20 @@ private:
         {
             return "expected [SECTION] or NAME = VALUE";
         }
-        if (m_profile == nullptr)
+        if (m_settings == nullptr)
         {
             return "a setting before the first section";
         }
         const std::string_view value = trimmed(withoutComment(text.substr(sign + 1)));
-        m_profile->insert_or_assign(lowerCase(trimmed(text.substr(0, sign))), std::string(value));
+        m_settings->insert_or_assign(lowerCase(trimmed(text.substr(0, sign))), std::string(value));
         m_indent = indent;
         return {};
     }
 
     const SharedFile::Kind m_kind;
-    std::map<std::string, Profile, std::less<>> m_profiles;
-    Profile m_ignored;
-    Profile* m_profile = nullptr; // of the current section
+    SharedSections m_sections;
+    SharedSettings m_ignored;
+    SharedSettings* m_settings = nullptr; // of the current section
     std::size_t m_indent = noSetting;
 };
 
@@ -138,7 +145,7 @@ private:
 
 } // namespace
 
-std::map<std::string, Profile, std::less<>> readProfiles(const SharedFile& file)
+SharedSections readSharedFile(const SharedFile& file)
 {
     errno = 0;
     std::ifstream content(file.path, std::ios::binary);
@@ -165,7 +172,7 @@ std::map<std::string, Profile, std::less<>> readProfiles(const SharedFile& file)
     {
         failReading(file, errno);
     }
-    return parser.takeProfiles();
+    return parser.takeSections();
 }
 
 } // namespace storage::clients::s3

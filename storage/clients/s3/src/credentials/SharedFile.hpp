@@ -7,8 +7,14 @@
 namespace storage::clients::s3
 {
 
-/// The settings of one profile by name. Names are in lower case.
-using Profile = std::map<std::string, std::string, std::less<>>;
+/// The values of settings by name. Names are in lower case.
+using SharedSettings = std::map<std::string, std::string, std::less<>>;
+
+/// The sections of a file by name.
+struct SharedSections
+{
+    std::map<std::string, SharedSettings, std::less<>> profiles;
+};
 
 /// One of the two files that the store's tools share.
 struct SharedFile
@@ -16,14 +22,14 @@ struct SharedFile
     enum class Kind
     {
         Credentials, ///< a section is named like its profile: [NAME]
-        Config       ///< [default], and [profile NAME] for every other profile; further sections are not profiles
+        Config       ///< [default], and [profile NAME] for every other profile
     };
 
     Kind kind;
     std::filesystem::path path;
 };
 
-/// Read all profiles of a file, which consists of sections with settings `name = value`.
+/// Read a file, which consists of sections with settings `name = value`. Sections of other kinds are ignored.
 ///
 /// Blank lines and lines that begin with # or ; are ignored. A value ends before a blank followed by # or ;. Lines that
 /// are indented deeper than the setting above them belong to that setting and are ignored. Sections with the same name
@@ -31,6 +37,6 @@ struct SharedFile
 /// @return empty when there is no such file
 /// @throws cloudprovider::InvalidCredentialsException when it cannot be read or parsed, with the file and the line
 ///         number but never the text of a line
-std::map<std::string, Profile, std::less<>> readProfiles(const SharedFile& file);
+SharedSections readSharedFile(const SharedFile& file);
 
 } // namespace storage::clients::s3

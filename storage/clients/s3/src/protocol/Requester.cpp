@@ -33,7 +33,9 @@ bool hasErrorDocument(const S3Request& request, const HttpResponse& response)
 } // namespace
 
 Requester::Requester(const S3Settings& settings)
-    : m_credentials(settings.credentials ? settings.credentials : defaultCredentials())
+    : m_credentials(settings.credentials
+                        ? settings.credentials
+                        : defaultCredentials(settings.profile, settings.authorities, settings.interrupted))
     , m_http({settings.timeouts, settings.authorities, settings.interrupted})
     , m_timeouts(settings.timeouts)
     , m_address(settings)

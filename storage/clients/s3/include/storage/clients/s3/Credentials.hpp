@@ -1,8 +1,8 @@
 #pragma once
 
-#include <chrono>
+#include <filesystem>
+#include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 
 namespace storage::clients::s3
@@ -29,8 +29,8 @@ public:
 
     /// Get credentials that are valid now. Loads new ones if the current ones are about to expire.
     ///
-    /// May block for some seconds while it loads them. If loading fails while the old ones are still valid, it logs the
-    /// failure and returns the old ones.
+    /// May block for some seconds while it loads them. If loading fails while
+    /// the old ones are still valid, it logs the failure and returns the old ones.
     /// @throws cloudprovider::InvalidCredentialsException when there are none, with a detail that names the sources
     ///         searched; TransientException when the source that has them does not respond now
     virtual Credentials credentials() = 0;
@@ -49,24 +49,29 @@ std::shared_ptr<CredentialsSource> anonymousCredentials();
 
 /// Credentials from the sources that the store's own tools use. The first source that has some is used.
 ///
-/// 1. the variables AWS_ACCESS_KEY_ID and AWS_SECRET_ACCESS_KEY, with AWS_SESSION_TOKEN when set; skipped when a
-///    profile is given
+/// 1. the variables AWS_ACCESS_KEY_ID and AWS_SECRET_ACCESS_KEY, with AWS_SESSION_TOKEN when set
 /// 2. the profile in the shared files (AWS_SHARED_CREDENTIALS_FILE and AWS_CONFIG_FILE, else ~/.aws/credentials and
-///    ~/.aws/config): aws_access_key_id and aws_secret_access_key, with aws_session_token
+///    ~/.aws/config): aws_access_key_id and
+///    aws_secret_access_key, with aws_session_token
 /// 3. a container's endpoint (AWS_CONTAINER_CREDENTIALS_RELATIVE_URI or AWS_CONTAINER_CREDENTIALS_FULL_URI, with
 ///    AWS_CONTAINER_AUTHORIZATION_TOKEN or the file AWS_CONTAINER_AUTHORIZATION_TOKEN_FILE)
 /// 4. the machine's metadata service, version 2 (AWS_EC2_METADATA_SERVICE_ENDPOINT); skipped when
 ///    AWS_EC2_METADATA_DISABLED is true
 ///
-/// A misconfigured source is an error and is not skipped. Examples are a key without its secret, a file that cannot be
-/// read, and a named profile that does not exist or that needs a role, a program or a login to get its keys. If there
-/// are no credentials, that result is cached for a minute. Credentials from 3 and 4 expire; they are replaced five
-/// minutes before that.
+/// 1 is skipped when a profile is given.
 ///
-/// Reads the variables now; no other thread may change the environment during the call. Reads files and services at the
-/// first use.
-/// @param profile  a section of the shared files; empty: AWS_PROFILE, else "default"
-std::shared_ptr<CredentialsSource> defaultCredentials(const std::string& profile = {});
+/// A misconfigured source is an error and is not skipped: its credentials would be those of another identity. Examples
+/// are a key without its secret, a file that cannot be read, and a
+/// named profile that does not exist or that needs a role, a program or a login. If there are no credentials, that
+/// result is cached for a minute. Credentials that expire are replaced five minutes before that.
+///
+/// Reads the variables now; no other thread may change the environment during the call. Reads files and
+/// uses services at the first use.
+/// @param profile      a section of the shared files; empty: AWS_PROFILE, else AWS_DEFAULT_PROFILE, else "default"
+/// @param authorities  PEM file of the certificate authorities for these services; empty: the system's
+/// @param interrupted  as in S3Settings
+std::shared_ptr<CredentialsSource> defaultCredentials(const std::string& profile = {},
+    const std::filesystem::path& authorities = {}, const std::function<bool()>& interrupted = {});
 
 /// Return the region from the variable AWS_REGION, else from AWS_DEFAULT_REGION, else from the profile in the shared
 /// files; empty if none of them names one. No other thread may change the environment during the call.
@@ -74,5 +79,9 @@ std::shared_ptr<CredentialsSource> defaultCredentials(const std::string& profile
 /// @param profile  as above; a profile that does not exist is not an error here
 /// @throws cloudprovider::InvalidCredentialsException when a shared file exists and cannot be read
 std::string defaultRegion(const std::string& profile = {});
+
+/// Return the PEM file with certificate authorities that the variable AWS_CA_BUNDLE names, else ca_bundle of the
+/// profile; empty if neither does. Otherwise as defaultRegion().
+std::filesystem::path defaultAuthorities(const std::string& profile = {});
 
 } // namespace storage::clients::s3

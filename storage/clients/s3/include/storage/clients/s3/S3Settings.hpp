@@ -55,7 +55,8 @@ struct S3Settings
 
     std::uint64_t partSize = 256 << 10;     ///< bytes of the parts that stored objects are read in; 64 KiB to 1 GiB
     std::filesystem::path authorities = {}; ///< PEM file that replaces the system's certificate authorities
-    std::shared_ptr<CredentialsSource> credentials = nullptr; ///< null: defaultCredentials()
+    std::shared_ptr<CredentialsSource> credentials = nullptr; ///< null: defaultCredentials() of the profile
+    std::string profile = {};                                 ///< see there
 
     /// Called at least ten times a second during a request, on the thread that waits for it. When it returns true,
     /// requests in progress are cancelled, one that opens an upload only after HttpTimeouts::cleanUp. Only deletions
@@ -70,9 +71,9 @@ struct S3Settings
 /// `part-size=BYTES`, `profile=NAME` (a section of the shared files), `anonymous=1`, `ca-file=PATH`, and the endpoint's
 /// capabilities `conditional-copies=1`, `conditional-completion=1`, `conditional-writes=1`, `copies-any-key=1` and
 /// `equal-parts=1`. The endpoint defaults to the variables AWS_ENDPOINT_URL_S3 and AWS_ENDPOINT_URL, the region to
-/// defaultRegion(), else us-east-1.
+/// defaultRegion(), else us-east-1, and the file of authorities to defaultAuthorities().
 /// @throws cloudprovider::InvalidLocationException whose detail says what is wrong; it never repeats what may be a
-///         secret
+///         secret; cloudprovider::InvalidCredentialsException when a shared file exists and cannot be read
 S3Settings parseS3Url(const std::string& url);
 
 } // namespace storage::clients::s3

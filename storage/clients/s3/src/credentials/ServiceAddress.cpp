@@ -1,0 +1,81 @@
+#include "ServiceAddress.hpp"
+
+#include "CredentialsFailure.hpp"
+
+#include <storage/clients/common/KeyRules.hpp>
+
+#include <curl/curl.h>
+
+#include <memory>
+#include <new>
+#include <string_view>
+
+namespace storage::clients::s3
+{
+
+namespace
+{
+
+std::string partOf(CURLU* address, CURLUPart part)
+{
+    char* text = nullptr;
+    if (curl_url_get(address, part, &text, CURLU_NO_DEFAULT_PORT) != CURLUE_OK)
+    {
+        return {};
+    }
+    const std::unique_ptr<char, decltype(&curl_free)> owner(text, &curl_free);
+    return text;
+}
+
+/// The end of the name of each host in a region.
+std::string domainOf(const std::string& region)
+{
+    constexpr std::string_view letters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-";
+    if (region.find_first_not_of(letters) != std::string::npos || region.size() > 63)
+    {
+        throw invalidCredentials(quoted(region) + " is not a valid region name");
+    }
+    return (region.empty() ? "" : "." + region) + (region.starts_with("cn-") ? ".amazonaws.com.cn" : ".amazonaws.com");
+}
+
+} // namespace
+
+ServiceAddress parseAddress(const std::string& name, const std::string& url)
+{
+    const std::string base = url.substr(0, url.find_last_not_of('/') + 1);
+    const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> parsed(curl_url(), &curl_url_cleanup);
+    if (parsed == nullptr)
+    {
+        throw std::bad_alloc();
+    }
+    if (curl_url_set(parsed.get(), CURLUPART_URL, base.c_str(), CURLU_PATH_AS_IS) != CURLUE_OK)
+    {
+        throw invalidCredentials(name + " is not a valid URL");
+    }
+    if (!partOf(parsed.get(), CURLUPART_USER).empty())
+    {
+        throw invalidCredentials(name + " must not contain a user name");
+    }
+    return {base, partOf(parsed.get(), CURLUPART_SCHEME), partOf(parsed.get(), CURLUPART_HOST),
+        partOf(parsed.get(), CURLUPART_PORT), partOf(parsed.get(), CURLUPART_PATH)};
+}
+
+ServiceAddress regionalAddress(
+    const Environment& environment, const std::string& service, const std::string& host, const std::string& region)
+{
+    for (const std::string& variable : {"AWS_ENDPOINT_URL_" + service, std::string("AWS_ENDPOINT_URL")})
+    {
+        if (const std::string& url = environment[variable]; !url.empty())
+        {
+            ServiceAddress address = parseAddress(variable, url);
+            if (address.scheme != "https" && address.scheme != "http")
+            {
+                throw invalidCredentials(variable + " must be like https://HOST or http://HOST:PORT");
+            }
+            return address;
+        }
+    }
+    return parseAddress("the endpoint", "https://" + host + domainOf(region));
+}
+
+} // namespace storage::clients::s3

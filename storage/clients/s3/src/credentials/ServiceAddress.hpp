@@ -1,0 +1,36 @@
+#pragma once
+
+#include "Environment.hpp"
+
+#include <string>
+
+namespace storage::clients::s3
+{
+
+/// The address of a service, parsed with the library that will connect to it, so that both see the same host.
+struct ServiceAddress
+{
+    std::string url; ///< without a trailing "/"
+    std::string scheme;
+    std::string host;
+    std::string port; ///< empty: the scheme's default
+    std::string path; ///< from the first "/"
+};
+
+/// Parse a URL.
+///
+/// @param name  what contains the URL, for errors
+/// @throws cloudprovider::InvalidCredentialsException, whose detail does not repeat the URL, if it is not valid or
+///         contains a user name
+ServiceAddress parseAddress(const std::string& name, const std::string& url);
+
+/// The address of one of the regional services that issue credentials.
+///
+/// @param service  as in variables: AWS_ENDPOINT_URL_SERVICE, else AWS_ENDPOINT_URL replaces the region's own endpoint
+/// @param host     the first labels of the region's own endpoint
+/// @param region   empty: the service's global endpoint
+/// @throws cloudprovider::InvalidCredentialsException as above, or when the region is not a valid name
+ServiceAddress regionalAddress(
+    const Environment& environment, const std::string& service, const std::string& host, const std::string& region);
+
+} // namespace storage::clients::s3

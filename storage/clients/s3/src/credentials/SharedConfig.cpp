@@ -1,0 +1,121 @@
+#include "SharedConfig.hpp"
+
+#include <utility>
+
+namespace storage::clients::s3
+{
+
+namespace
+{
+
+constexpr std::string_view keyId = "aws_access_key_id";
+constexpr std::string_view secret = "aws_secret_access_key";
+constexpr std::string_view token = "aws_session_token";
+
+const std::string& find(const SharedSettings& settings, std::string_view name)
+{
+    static const std::string unset;
+    const auto found = settings.find(name);
+    return found == settings.end() ? unset : found->second;
+}
+
+bool hasKeys(const SharedSettings& settings)
+{
+    return !find(settings, keyId).empty() || !find(settings, secret).empty();
+}
+
+void merge(SharedSection& section, const SharedSettings& settings, const std::string& kind, const std::string& name,
+    const std::filesystem::path& file)
+{
+    const bool skipKeys = hasKeys(section.settings) || !hasKeys(settings);
+    for (const auto& [setting, value] : settings)
+    {
+        const bool isKey = setting == keyId || setting == secret || setting == token;
+        if (std::string& merged = section.settings[setting]; merged.empty() && !(isKey && skipKeys))
+        {
+            merged = value;
+        }
+    }
+    section.where += section.where.empty() ? kind + " \"" + name + "\" in " : " and ";
+    section.where += file.string();
+}
+
+} // namespace
+
+const std::string& SharedSection::operator[](std::string_view name) const
+{
+    return find(settings, name);
+}
+
+SharedConfig::SharedConfig(const Environment& environment)
+{
+    const auto read = [&](SharedFile::Kind kind, std::string_view variable, const char* underHome)
+    {
+        const std::string& given = environment[variable];
+        SharedFile file{kind, expandHome(environment, given.empty() ? underHome : given)};
+        if (file.path.empty())
+        {
+            return;
+        }
+        const SharedSections sections = readSharedFile(file);
+        for (const auto& [name, settings] : sections.profiles)
+        {
+            merge(m_profiles[name], settings, "profile", name, file.path);
+        }
+        m_files.push_back(std::move(file));
+    };
+    read(SharedFile::Kind::Credentials, "AWS_SHARED_CREDENTIALS_FILE", "~/.aws/credentials");
+    read(SharedFile::Kind::Config, "AWS_CONFIG_FILE", "~/.aws/config");
+}
+
+const SharedSection* SharedConfig::profile(const std::string& name) const
+{
+    const auto found = m_profiles.find(name);
+    return found == m_profiles.end() ? nullptr : &found->second;
+}
+
+std::string SharedConfig::files() const
+{
+    std::string text;
+    for (const SharedFile& file : m_files)
+    {
+        text += (text.empty() ? "" : " or ") + file.path.string();
+    }
+    return text.empty() ? "the shared files (HOME is not set)" : text;
+}
+
+const std::string& namedProfile(const ProviderContext& context)
+{
+    const std::string& fromEnvironment = context.environment["AWS_PROFILE"];
+    return !context.profile.empty()   ? context.profile
+           : !fromEnvironment.empty() ? fromEnvironment
+                                      : context.environment["AWS_DEFAULT_PROFILE"];
+}
+
+std::string configured(
+    const ProviderContext& context, std::initializer_list<const char*> variables, std::string_view setting)
+{
+    for (const char* variable : variables)
+    {
+        if (const std::string& value = context.environment[variable]; !value.empty())
+        {
+            return value;
+        }
+    }
+    const std::string& name = namedProfile(context);
+    const SharedConfig config(context.environment);
+    const SharedSection* const profile = config.profile(name.empty() ? "default" : name);
+    return profile == nullptr ? std::string() : (*profile)[setting];
+}
+
+std::filesystem::path expandHome(const Environment& environment, const std::string& path)
+{
+    if (!path.starts_with("~/"))
+    {
+        return path;
+    }
+    const std::filesystem::path home = environment["HOME"];
+    return home.empty() ? home : home / path.substr(2);
+}
+
+} // namespace storage::clients::s3

@@ -1,0 +1,59 @@
+#pragma once
+
+#include "ProviderContext.hpp"
+#include "SharedFile.hpp"
+
+#include <initializer_list>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace storage::clients::s3
+{
+
+/// What the shared files say about one profile.
+struct SharedSection
+{
+    SharedSettings settings;
+    std::string where; ///< for messages: profile "NAME" in FILE
+
+    /// The value of a setting; empty when it has none. Valid as long as this object.
+    const std::string& operator[](std::string_view name) const;
+};
+
+/// The two shared files as one. Of settings with the same name, that of the credentials file is used. Key id, secret
+/// and token come from one file: a token belongs to its keys.
+class SharedConfig
+{
+public:
+    /// Read both files, from where the variables say, else from the home folder.
+    /// @throws cloudprovider::InvalidCredentialsException when one exists and cannot be read
+    explicit SharedConfig(const Environment& environment);
+
+    /// Null when neither file has it. Valid as long as this object.
+    const SharedSection* profile(const std::string& name) const;
+
+    /// Where the files are, for messages.
+    std::string files() const;
+
+private:
+    using Sections = std::map<std::string, SharedSection>;
+
+    std::vector<SharedFile> m_files;
+    Sections m_profiles;
+};
+
+/// The profile that the caller or a variable names; empty when none is named, which means "default".
+const std::string& namedProfile(const ProviderContext& context);
+
+/// A setting from the first of the variables that is set, else from the profile; empty when there is none.
+///
+/// @throws cloudprovider::InvalidCredentialsException as above
+std::string configured(
+    const ProviderContext& context, std::initializer_list<const char*> variables, std::string_view setting);
+
+/// Replace "~/" at the front of a path by the home folder: a variable from a unit file has not been through a shell.
+std::filesystem::path expandHome(const Environment& environment, const std::string& path);
+
+} // namespace storage::clients::s3

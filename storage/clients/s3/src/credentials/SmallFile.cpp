@@ -1,0 +1,44 @@
+#include "SmallFile.hpp"
+
+#include "CredentialsFailure.hpp"
+
+#include <cerrno>
+#include <fstream>
+#include <system_error>
+
+namespace storage::clients::s3
+{
+
+namespace
+{
+
+constexpr std::size_t maxSize = 64 << 10; // services accept less
+
+} // namespace
+
+std::string readSmallFile(const std::filesystem::path& path, const std::string& role)
+{
+    const auto refuse = [&](const std::string& reason)
+    { return invalidCredentials("reading " + path.string() + ", " + role + ": " + reason); };
+    errno = 0;
+    std::ifstream file(path, std::ios::binary);
+    std::string text(maxSize + 1, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    if (!file.is_open() || file.bad())
+    {
+        throw refuse(std::generic_category().message(errno == 0 ? EIO : errno));
+    }
+    text.resize(static_cast<std::size_t>(file.gcount()));
+    if (text.size() > maxSize)
+    {
+        throw refuse("it is too large");
+    }
+    text.erase(text.find_last_not_of(" \t\r\n") + 1);
+    if (text.empty())
+    {
+        throw refuse("it is empty");
+    }
+    return text;
+}
+
+} // namespace storage::clients::s3

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace storage::clients::s3
+{
+
+/// Read a file that another program keeps up to date, such as one with a token.
+///
+/// @param role  why this file is read, for errors: which VARIABLE names
+/// @return its contents without blanks and line breaks at the end; never empty
+/// @throws cloudprovider::InvalidCredentialsException when it cannot be read, is empty, or has more than 64 KiB
+std::string readSmallFile(const std::filesystem::path& path, const std::string& role);
+
+} // namespace storage::clients::s3
