@@ -6,6 +6,7 @@
 #include "credentials/RefreshingCredentials.hpp"
 #include "credentials/ServiceAddress.hpp"
 
+#include <storage/clients/http/UriEncoding.hpp>
 #include <storage/clients/s3/S3Settings.hpp>
 
 #include <foundation/log/basic_diagnostic_logger.hpp>
@@ -110,7 +111,7 @@ TEST_F(CredentialsTest, ComeFromTheFirstPlaceThatHasSome)
         std::string config = {};
         std::string profile = {};
     } rows[] = {
-        {"AWS_ACCESS_KEY_ID is not set; no profile \"default\" in /", {}},
+        {"AWS_WEB_IDENTITY_TOKEN_FILE is not set; no profile \"default\" in /", {}},
         {"own/S3CRET0/t.", inVariables, "[default]\n" + keys},
         {"only one is set", {{"AWS_SECRET_ACCESS_KEY", "S3CRET"}}, "[default]\n" + keys},
         {"control character", {{"AWS_ACCESS_KEY_ID", "own"}, {"AWS_SECRET_ACCESS_KEY", "S3CRET\n"}}},
@@ -205,6 +206,108 @@ TEST_F(CredentialsTest, ComeFromServices)
         EXPECT_THAT(outcomeOf(*asked), HasSubstr(row.expected));
         EXPECT_EQ(server.requests().size(), requests) << "not remembered";
     }
+}
+
+/// Plays the security token service. The key id that it issues says what it was asked for.
+Reply issue(const Request& request)
+{
+    std::map<std::string, std::string> form;
+    for (std::size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1)
+    {
+        end = request.body().find('&', begin);
+        const std::string field = uriDecode(request.body().substr(begin, end - begin));
+        form[field.substr(0, field.find('='))] = field.substr(field.find('=') + 1);
+    }
+    const std::string role = form["RoleArn"];
+    if (role == "denied" || role == "Throttling")
+    {
+        return {400, {}, "<E><Error><Code>" + role + "</Code><Message>why\n\nS3CRET</Message></Error></E>"};
+    }
+    // Credential=ID/DAY/REGION/sts/aws4_request
+    std::string caller(request["Authorization"]);
+    caller = caller.substr(std::min(caller.find('='), caller.size() - 1) + 1);
+    caller = caller.substr(0, caller.find(',')) + std::string(request["x-amz-security-token"]);
+    const std::string text = role + "[" + form["WebIdentityToken"] + caller + "|" + form["RoleSessionName"] + "|" +
+                             form["ExternalId"] + "|" + form["DurationSeconds"] + "]";
+    return {.body = role == "empty" ? "<A/>"
+                                    : "<A><B><Credentials><AccessKeyId>" + text +
+                                          "</AccessKeyId><SecretAccessKey>S3CRET</SecretAccessKey><SessionToken>+t"
+                                          "</SessionToken><Expiration>2024-05-01T01:00:00Z</Expiration>"
+                                          "</Credentials></B></A>"};
+}
+
+TEST_F(CredentialsTest, ComeFromRoles)
+{
+    LoopbackServer server(issue);
+    write("token", "webS3CRET\n");
+    write("empty", "\n");
+    const auto role = [](const std::string& settings) { return "[default]\nrole_arn = r\n" + settings + "\n"; };
+    const std::string others = "[profile k]\n" + keys + "[profile a]\nrole_arn=q\nsource_profile=k\n[profile n]\n" +
+                               "[profile b]\nrole_arn=q\nsource_profile=default\n[sso-session s]\nsso_start_url=u\n" +
+                               "sso_region=x\n[sso-session i]\n";
+    const char* const tokenVariable = "AWS_WEB_IDENTITY_TOKEN_FILE";
+    const struct
+    {
+        std::string expected; // a part of the outcome
+        std::string config = {};
+        Environment::Variables variables = {};
+        std::string profile = {};
+    } rows[] = {
+        {"r[webS3CRET|s||]/S3CRET/+t.", "[default]\n" + keys,
+            {{"AWS_ROLE_ARN", "r"}, {tokenVariable, "~/token"}, {"AWS_ROLE_SESSION_NAME", "s"}}},
+        {"only one is set", "[default]\n" + keys, {{"AWS_ROLE_ARN", "r"}}},
+        {"only one is set", "[default]\n" + keys, {{tokenVariable, "~/token"}}},
+        {"which AWS_WEB_IDENTITY_TOKEN_FILE names: No such file", "",
+            {{"AWS_ROLE_ARN", "r"}, {tokenVariable, "/none"}}},
+        {"it is empty", "", {{"AWS_ROLE_ARN", "r"}, {tokenVariable, "~/empty"}}},
+        {"id/S3CRET/.", "", {{"AWS_ROLE_ARN", "r"}, {tokenVariable, "/none"}}, "k"}, // a given profile before variables
+        {"r[id/20", role("source_profile=k")},
+        {"/us-east-1/sts/aws4_request|cloudprovider||]/S3CRET/+t.", role("source_profile=k")},
+        {"/eu-west-9/sts/aws4_request|n|e|900]", role("source_profile=k\nregion=eu-west-9\nexternal_id=e\n"
+                                                      "role_session_name=n\nduration_seconds=900")},
+        {"/us-east-1/sts", role("source_profile=k"),
+            {{"AWS_REGION", "eu-west-1"}, {"AWS_STS_REGIONAL_ENDPOINTS", "legacy"}}},
+        {"must be regional or legacy", role("source_profile=k\nsts_regional_endpoints=x")},
+        {"r[q[id/20", role("source_profile=a")},
+        {"+t|cloudprovider||]/S3CRET/+t.", role("source_profile=a")},
+        {"r[id/20", role("source_profile=default\n" + keys)},
+        {"\"default\" -> \"default\"", role("source_profile=default")},
+        {"\"default\" -> \"b\" -> \"default\"", role("source_profile=b\n" + keys)},
+        {"no profile \"x\" in /", role("source_profile=x")},
+        {"needs other credentials to assume its role: profile \"n\" has no keys", role("source_profile=n")},
+        {"has mfa_serial", role("source_profile=k\nmfa_serial=m")},
+        {"must have one of", role(keys)},
+        {"must have one of", role("source_profile=k\ncredential_source=Environment")},
+        {"has no role_arn", "[default]\nsource_profile=k\n"},
+        {"r[own/20", "[profile c]\nrole_arn=r\ncredential_source=Environment\n", inVariables, "c"},
+        {"role: AWS_EC2_METADATA_DISABLED", role("credential_source=Ec2InstanceMetadata")},
+        {"role: neither AWS_CONTAINER", role("credential_source=EcsContainer")},
+        {"must be Environment, EcsContainer", role("credential_source=x")},
+        {"r[webS3CRET|cloudprovider||]", role("web_identity_token_file=~/token")},
+        {"asked for role denied of profile \"d\" in /", "[profile d]\nrole_arn=denied\nsource_profile=k\n", {}, "d"},
+        {"returned status 400 \"denied\": \"why\"", "[profile d]\nrole_arn=denied\nsource_profile=k\n", {}, "d"},
+        {"later: ", "[profile d]\nrole_arn=Throttling\nsource_profile=k\n", {}, "d"},
+        {"it has no keys", "[profile d]\nrole_arn=empty\nsource_profile=k\n", {}, "d"},
+    };
+    for (const auto& row : rows)
+    {
+        write(".aws/config", row.config + others);
+        Environment::Variables variables = row.variables;
+        variables.insert({{"AWS_ENDPOINT_URL_STS", server.url() + "/"}, {"AWS_ENDPOINT_URL", server.url()}});
+        EXPECT_THAT(outcomeOf(*source(variables, row.profile)), HasSubstr(row.expected)) << row.config;
+    }
+}
+
+TEST_F(CredentialsTest, ComeFromServicesWithAnAuthorityOfTheirOwn)
+{
+    LoopbackServer server(issue, home / "authority.pem");
+    Environment::Variables variables{{"AWS_ENDPOINT_URL", server.url()}, {"AWS_ROLE_ARN", "r"}};
+    variables.emplace("AWS_WEB_IDENTITY_TOKEN_FILE", "~/token");
+    write("token", "webS3CRET");
+    EXPECT_THAT(outcomeOf(*source(variables)), testing::StartsWith("never: "));
+    EXPECT_THAT(outcomeOf(*source(variables, {}, home / "authority.pem")), testing::StartsWith("r["));
+    isInterrupted = true;
+    EXPECT_THAT(outcomeOf(*source(variables, {}, home / "authority.pem")), HasSubstr("because of an interrupt"));
 }
 
 TEST(ServiceAddressTest, IsThatOfTheRegionUnlessAVariableNamesOne)

@@ -4,6 +4,7 @@
 #include "EnvironmentCredentials.hpp"
 #include "MachineCredentials.hpp"
 #include "ProfileCredentials.hpp"
+#include "WebIdentityCredentials.hpp"
 
 #include <string>
 
@@ -15,6 +16,7 @@ CredentialsChain::CredentialsChain(const ProviderContext& context)
     if (context.profile.empty())
     {
         m_providers.push_back(std::make_unique<EnvironmentCredentials>(context.environment));
+        m_providers.push_back(std::make_unique<WebIdentityCredentials>(context));
     }
     m_providers.push_back(std::make_unique<ProfileCredentials>(context));
     m_providers.push_back(std::make_unique<ContainerCredentials>(context));

@@ -4,11 +4,14 @@
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 
+#include <pugixml.hpp>
+
 #include <algorithm>
 #include <charconv>
 #include <cstddef>
 #include <sstream>
 #include <string_view>
+#include <utility>
 
 namespace storage::clients::s3
 {
@@ -84,9 +87,7 @@ std::chrono::sys_seconds readTime(std::string_view text)
     return sys_days(date) + hour + minute + second - offset;
 }
 
-} // namespace
-
-IssuedCredentials readCredentialsDocument(const std::string& text)
+Document parse(const std::string& text)
 {
     // The parser calls itself for each bracket, so that a long row of them would overflow the stack.
     if (std::count_if(text.begin(), text.end(), [](char c) { return c == '[' || c == '{'; }) > maxBrackets)
@@ -103,21 +104,54 @@ IssuedCredentials readCredentialsDocument(const std::string& text)
     {
         throw CredentialsDocumentError("it is not JSON");
     }
+    return document;
+}
+
+IssuedCredentials issued(Credentials credentials)
+{
+    if (credentials.keyId.empty() || credentials.secret.empty())
+    {
+        throw CredentialsDocumentError("it has no keys");
+    }
+    return {std::move(credentials)};
+}
+
+/// The keys in a document whose names differ in that of the token.
+IssuedCredentials readKeys(const Document& document, const char* token)
+{
+    IssuedCredentials result = issued({document.get<std::string>("AccessKeyId", ""),
+        document.get<std::string>("SecretAccessKey", ""), document.get<std::string>(token, "")});
+    if (const auto expiry = document.get_optional<std::string>("Expiration"))
+    {
+        result.expiry = readTime(*expiry);
+    }
+    return result;
+}
+
+} // namespace
+
+IssuedCredentials readCredentialsDocument(const std::string& text)
+{
+    const Document document = parse(text);
     if (const auto code = document.get<std::string>("Code", "Success"); code != "Success")
     {
         throw CredentialsDocumentError("it reports " + code);
     }
-    IssuedCredentials issued{{document.get<std::string>("AccessKeyId", ""),
-        document.get<std::string>("SecretAccessKey", ""), document.get<std::string>("Token", "")}};
-    if (issued.credentials.keyId.empty() || issued.credentials.secret.empty())
+    return readKeys(document, "Token");
+}
+
+IssuedCredentials readAssumedRole(const std::string& text)
+{
+    pugi::xml_document document;
+    if (!document.load_buffer(text.data(), text.size()))
     {
-        throw CredentialsDocumentError("it has no keys");
+        throw CredentialsDocumentError("it is not XML");
     }
-    if (const auto expiry = document.get_optional<std::string>("Expiration"))
-    {
-        issued.expiry = readTime(*expiry);
-    }
-    return issued;
+    const auto textOf = [found = document.document_element().first_child().child("Credentials")](const char* name)
+    { return std::string(found.child(name).text().as_string()); };
+    IssuedCredentials result = issued({textOf("AccessKeyId"), textOf("SecretAccessKey"), textOf("SessionToken")});
+    result.expiry = readTime(textOf("Expiration"));
+    return result;
 }
 
 } // namespace storage::clients::s3

@@ -20,4 +20,9 @@ public:
 /// @throws CredentialsDocumentError
 IssuedCredentials readCredentialsDocument(const std::string& text);
 
+/// Parse the XML document that the token service returns.
+///
+/// @throws CredentialsDocumentError
+IssuedCredentials readAssumedRole(const std::string& text);
+
 } // namespace storage::clients::s3

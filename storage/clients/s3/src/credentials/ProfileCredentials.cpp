@@ -1,12 +1,18 @@
 #include "ProfileCredentials.hpp"
 
+#include "ContainerCredentials.hpp"
 #include "CredentialsFailure.hpp"
+#include "EnvironmentCredentials.hpp"
+#include "MachineCredentials.hpp"
+#include "SecurityTokenService.hpp"
 #include "SharedConfig.hpp"
 
 #include <algorithm>
+#include <array>
 #include <initializer_list>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace storage::clients::s3
 {
@@ -14,12 +20,13 @@ namespace storage::clients::s3
 namespace
 {
 
-/// Finds credentials in a profile.
+/// Follows a profile to those that it names.
 class Resolver
 {
 public:
     explicit Resolver(const ProviderContext& context)
-        : m_config(context.environment)
+        : m_context(context)
+        , m_config(context.environment)
     {
     }
 
@@ -31,12 +38,20 @@ public:
             const std::string reason = "no profile \"" + name + "\" in " + m_config.files();
             return isNamed ? throw invalidCredentials(reason) : NoCredentials{reason};
         }
+        requireNew(name);
+        if (hasOneOf(*profile, {"role_arn"}))
+        {
+            return assume(name, *profile);
+        }
         if (hasKeys(*profile))
         {
             return keysOf(*profile);
         }
-        for (const char* setting : {"role_arn", "source_profile", "sso_session", "sso_start_url", "credential_process",
-                 "web_identity_token_file", "login_session"})
+        if (hasOneOf(*profile, {"source_profile", "credential_source", "web_identity_token_file"}))
+        {
+            throw invalidCredentials(profile->where + " says how to assume a role but has no role_arn");
+        }
+        for (const char* setting : {"sso_session", "sso_start_url", "credential_process", "login_session"})
         {
             if (hasOneOf(*profile, {setting}))
             {
@@ -68,7 +83,75 @@ private:
         return {std::move(keys)};
     }
 
+    void requireNew(const std::string& name)
+    {
+        const bool isKnown = std::find(m_names.begin(), m_names.end(), name) != m_names.end();
+        m_names.push_back(name);
+        if (isKnown)
+        {
+            std::string loop;
+            for (const std::string& visited : m_names)
+            {
+                loop += (loop.empty() ? "\"" : " -> \"") + visited + "\"";
+            }
+            throw invalidCredentials("the profiles name each other as source_profile: " + loop);
+        }
+    }
+
+    IssuedCredentials assume(const std::string& name, const SharedSection& profile)
+    {
+        if (!profile["mfa_serial"].empty())
+        {
+            throw invalidCredentials(profile.where + " has mfa_serial: a role that needs a one-time code is not "
+                                                     "supported; put temporary keys into the environment");
+        }
+        const RoleRequest role{profile["role_arn"], profile.where, profile["role_session_name"], profile["external_id"],
+            profile["duration_seconds"]};
+        const std::array sources{
+            profile["web_identity_token_file"], profile["source_profile"], profile["credential_source"]};
+        const auto& [tokenFile, sourceName, sourceKind] = sources;
+        if (std::count(sources.begin(), sources.end(), "") != 2)
+        {
+            throw invalidCredentials(profile.where + " must have one of source_profile, credential_source and "
+                                                     "web_identity_token_file for its role_arn");
+        }
+        if (!tokenFile.empty())
+        {
+            return assumeRoleWithWebIdentity(m_context, role, tokenFile, "web_identity_token_file of " + profile.where);
+        }
+        if (sourceName == name && hasKeys(profile))
+        {
+            return assumeRole(m_context, role, keysOf(profile).credentials);
+        }
+        const auto source = sourceName.empty() ? loadFrom(sourceKind, profile) : resolve(sourceName, true);
+        if (const auto* none = std::get_if<NoCredentials>(&source))
+        {
+            throw invalidCredentials(profile.where + " needs other credentials to assume its role: " + none->reason);
+        }
+        return assumeRole(m_context, role, std::get<IssuedCredentials>(source).credentials);
+    }
+
+    CredentialsProvider::LoadResult loadFrom(const std::string& kind, const SharedSection& profile) const
+    {
+        if (kind == "Environment")
+        {
+            return EnvironmentCredentials(m_context.environment).load();
+        }
+        if (kind == "EcsContainer")
+        {
+            return ContainerCredentials(m_context).load();
+        }
+        if (kind == "Ec2InstanceMetadata")
+        {
+            return MachineCredentials(m_context).load();
+        }
+        throw invalidCredentials(
+            "credential_source of " + profile.where + " must be Environment, EcsContainer or Ec2InstanceMetadata");
+    }
+
+    const ProviderContext& m_context;
     const SharedConfig m_config;
+    std::vector<std::string> m_names; // of the profiles visited
 };
 
 } // namespace

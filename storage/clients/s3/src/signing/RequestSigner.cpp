@@ -17,7 +17,6 @@ namespace
 {
 
 constexpr std::string_view algorithm = "AWS4-HMAC-SHA256";
-constexpr std::string_view service = "s3";
 
 /// Fields by lower-case name, with runs of blanks reduced to one, as the protocol canonicalises them.
 std::map<std::string, std::string> canonicalFields(const HttpRequest& request, const std::string& host)
@@ -30,11 +29,11 @@ std::map<std::string, std::string> canonicalFields(const HttpRequest& request, c
     return fields;
 }
 
-std::string signingKey(const std::string& secret, const std::string& day, const std::string& region)
+std::string signingKey(const std::string& secret, const std::string& day, const SigningContext& context)
 {
     const std::string dayKey = hmacSha256("AWS4" + secret, day);
-    const std::string regionKey = hmacSha256(dayKey, region);
-    return hmacSha256(hmacSha256(regionKey, service), "aws4_request");
+    const std::string regionKey = hmacSha256(dayKey, context.region);
+    return hmacSha256(hmacSha256(regionKey, context.service), "aws4_request");
 }
 
 } // namespace
@@ -64,9 +63,9 @@ void sign(HttpRequest& request, const SigningContext& context, const Credentials
     }
     const std::string canonical = fmt::format(
         "{}\n{}\n{}\n{}\n{}\n{}", request.method, context.path, context.query, fields, names, context.payloadHash);
-    const std::string scope = fmt::format("{}/{}/{}/aws4_request", day, context.region, service);
+    const std::string scope = fmt::format("{}/{}/{}/aws4_request", day, context.region, context.service);
     const std::string toSign = fmt::format("{}\n{}\n{}\n{}", algorithm, time, scope, sha256Hex(canonical));
-    const std::string signature = toHex(hmacSha256(signingKey(credentials.secret, day, context.region), toSign));
+    const std::string signature = toHex(hmacSha256(signingKey(credentials.secret, day, context), toSign));
     request.headers.add("Authorization", fmt::format("{} Credential={}/{},SignedHeaders={},Signature={}", algorithm,
                                              credentials.keyId, scope, names, signature));
 }

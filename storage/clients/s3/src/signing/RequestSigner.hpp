@@ -18,6 +18,7 @@ struct SigningContext
     std::string payloadHash; ///< SHA-256 of the body in hexadecimal
     std::string region;
     std::time_t time = 0; ///< of sending
+    const char* service = "s3";
 };
 
 /// Add the fields that authenticate a request: the signature (version 4) of all its fields, the host, the time and the

@@ -50,20 +50,26 @@ std::shared_ptr<CredentialsSource> anonymousCredentials();
 /// Credentials from the sources that the store's own tools use. The first source that has some is used.
 ///
 /// 1. the variables AWS_ACCESS_KEY_ID and AWS_SECRET_ACCESS_KEY, with AWS_SESSION_TOKEN when set
-/// 2. the profile in the shared files (AWS_SHARED_CREDENTIALS_FILE and AWS_CONFIG_FILE, else ~/.aws/credentials and
-///    ~/.aws/config): aws_access_key_id and
-///    aws_secret_access_key, with aws_session_token
-/// 3. a container's endpoint (AWS_CONTAINER_CREDENTIALS_RELATIVE_URI or AWS_CONTAINER_CREDENTIALS_FULL_URI, with
+/// 2. the role AWS_ROLE_ARN for the token in the file AWS_WEB_IDENTITY_TOKEN_FILE, with AWS_ROLE_SESSION_NAME when set
+/// 3. the profile in the shared files (AWS_SHARED_CREDENTIALS_FILE and AWS_CONFIG_FILE, else ~/.aws/credentials and
+///    ~/.aws/config), which has one of these, or else the first one:
+///    - role_arn, with external_id, role_session_name and duration_seconds when set, for the credentials of
+///      source_profile, those of credential_source (Environment, EcsContainer or Ec2InstanceMetadata), or the token in
+///      web_identity_token_file
+///    - aws_access_key_id and aws_secret_access_key, with aws_session_token
+/// 4. a container's endpoint (AWS_CONTAINER_CREDENTIALS_RELATIVE_URI or AWS_CONTAINER_CREDENTIALS_FULL_URI, with
 ///    AWS_CONTAINER_AUTHORIZATION_TOKEN or the file AWS_CONTAINER_AUTHORIZATION_TOKEN_FILE)
-/// 4. the machine's metadata service, version 2 (AWS_EC2_METADATA_SERVICE_ENDPOINT); skipped when
+/// 5. the machine's metadata service, version 2 (AWS_EC2_METADATA_SERVICE_ENDPOINT); skipped when
 ///    AWS_EC2_METADATA_DISABLED is true
 ///
-/// 1 is skipped when a profile is given.
+/// 1 and 2 are skipped when a profile is given. Roles are requested from the security token service of the default
+/// region (us-east-1 if there is none), of the global endpoint if AWS_STS_REGIONAL_ENDPOINTS is legacy, or from
+/// AWS_ENDPOINT_URL_STS, else AWS_ENDPOINT_URL.
 ///
 /// A misconfigured source is an error and is not skipped: its credentials would be those of another identity. Examples
-/// are a key without its secret, a file that cannot be read, and a
-/// named profile that does not exist or that needs a role, a program or a login. If there are no credentials, that
-/// result is cached for a minute. Credentials that expire are replaced five minutes before that.
+/// are a key without its secret, a file that cannot be read, a role that is refused, and a
+/// named profile that does not exist or that needs a one-time code. If there are no credentials, that result is cached
+/// for a minute. Credentials that expire are replaced five minutes before that.
 ///
 /// Reads the variables now; no other thread may change the environment during the call. Reads files and
 /// uses services at the first use.
