@@ -1,5 +1,7 @@
 #include "LoopbackServer.hpp"
 
+#include "credentials/ChildProcess.hpp"
+#include "credentials/CommandWords.hpp"
 #include "credentials/ContainerCredentials.hpp"
 #include "credentials/CredentialsChain.hpp"
 #include "credentials/CredentialsFailure.hpp"
@@ -22,6 +24,10 @@
 #include <map>
 #include <thread>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace storage::clients::s3
@@ -236,11 +242,13 @@ Reply issue(const Request& request)
                                           "</Credentials></B></A>"};
 }
 
-TEST_F(CredentialsTest, ComeFromRoles)
+TEST_F(CredentialsTest, ComeFromRolesAndPrograms)
 {
     LoopbackServer server(issue);
     write("token", "webS3CRET\n");
     write("empty", "\n");
+    write("printed keys", R"({"Version":1,"AccessKeyId":"id","SecretAccessKey":"S3CRET","SessionToken":"t"})");
+    const auto program = [](const std::string& command) { return "[default]\ncredential_process = " + command + "\n"; };
     const auto role = [](const std::string& settings) { return "[default]\nrole_arn = r\n" + settings + "\n"; };
     const std::string others = "[profile k]\n" + keys + "[profile a]\nrole_arn=q\nsource_profile=k\n[profile n]\n" +
                                "[profile b]\nrole_arn=q\nsource_profile=default\n[sso-session s]\nsso_start_url=u\n" +
@@ -288,6 +296,13 @@ TEST_F(CredentialsTest, ComeFromRoles)
         {"returned status 400 \"denied\": \"why\"", "[profile d]\nrole_arn=denied\nsource_profile=k\n", {}, "d"},
         {"later: ", "[profile d]\nrole_arn=Throttling\nsource_profile=k\n", {}, "d"},
         {"it has no keys", "[profile d]\nrole_arn=empty\nsource_profile=k\n", {}, "d"},
+        {"id/S3CRET/t.", program("/bin/cat \"" + (home / "printed keys").string() + '"')},
+        {"sh exited with status 3; it wrote \"why not\"", program("sh -c 'echo why >&2; echo not >&2; exit 3'")},
+        {"was ended by signal 9", program("sh -c 'kill -9 $$'")},
+        {"cannot be started: /none: No such file", program("/none S3CRET")},
+        {"is not a command", program("sh 'S3CRET")},
+        {"printed no credentials: it is not JSON", program("head -c 200000 /dev/zero")},
+        {"its Version is not 1", program("/bin/echo '{}'")},
     };
     for (const auto& row : rows)
     {
@@ -320,6 +335,31 @@ TEST(ServiceAddressTest, IsThatOfTheRegionUnlessAVariableNamesOne)
     const Environment both({{"AWS_ENDPOINT_URL", "https://a"}, {"AWS_ENDPOINT_URL_SSO", "ftp://b"}});
     EXPECT_EQ(regionalAddress(both, "STS", "sts", "").url, "https://a");
     EXPECT_THROW(regionalAddress(both, "SSO", "sts", ""), cloudprovider::InvalidCredentialsException);
+}
+
+TEST_F(CredentialsTest, EndAProgramAndItsChildren)
+{
+    const std::string fifo = home / "fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const int end = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+    const auto hasStarted = [end, letter = ' ']() mutable { return ::read(end, &letter, 1) == 1; };
+    const auto result = runProgram({"sh", "-c", "(echo; sleep 600) >" + fifo + " & wait"}, 10min, hasStarted);
+    EXPECT_EQ(result.end, ProgramResult::End::Interrupted);
+    pollfd writers{end, 0, 0}; // told when the last one has closed the file
+    EXPECT_EQ(::poll(&writers, 1, 60'000), 1);
+    ::close(end);
+    EXPECT_EQ(runProgram({"sleep", "600"}, 1ms, nullptr).end, ProgramResult::End::Late);
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a zombie remains";
+}
+
+TEST(CommandWordsTest, AreSplitAsByAShell)
+{
+    using Words = std::vector<std::string>;
+    EXPECT_EQ(splitWords(R"( a	"b  c" 'd\"' "e\"\\\f" g\ \' "" h"i"'j')"),
+        (Words{"a", "b  c", R"(d\")", R"(e"\\f)", "g '", "", "hij"}));
+    EXPECT_EQ(splitWords(" "), Words());
+    EXPECT_EQ(splitWords("a \""), std::nullopt);
+    EXPECT_EQ(splitWords("a\\"), std::nullopt);
 }
 
 TEST_F(CredentialsTest, ComeFromAFixedAddressForARelativeUri)

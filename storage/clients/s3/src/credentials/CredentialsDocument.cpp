@@ -140,6 +140,16 @@ IssuedCredentials readCredentialsDocument(const std::string& text)
     return readKeys(document, "Token");
 }
 
+IssuedCredentials readPrintedCredentials(const std::string& text)
+{
+    const Document document = parse(text);
+    if (document.get<std::string>("Version", "") != "1")
+    {
+        throw CredentialsDocumentError("its Version is not 1");
+    }
+    return readKeys(document, "SessionToken");
+}
+
 IssuedCredentials readAssumedRole(const std::string& text)
 {
     pugi::xml_document document;

@@ -20,6 +20,11 @@ public:
 /// @throws CredentialsDocumentError
 IssuedCredentials readCredentialsDocument(const std::string& text);
 
+/// Parse the JSON document in which a program prints credentials.
+///
+/// @throws CredentialsDocumentError
+IssuedCredentials readPrintedCredentials(const std::string& text);
+
 /// Parse the XML document that the token service returns.
 ///
 /// @throws CredentialsDocumentError

@@ -4,6 +4,7 @@
 #include "CredentialsFailure.hpp"
 #include "EnvironmentCredentials.hpp"
 #include "MachineCredentials.hpp"
+#include "ProcessCredentials.hpp"
 #include "SecurityTokenService.hpp"
 #include "SharedConfig.hpp"
 
@@ -47,11 +48,15 @@ public:
         {
             return keysOf(*profile);
         }
+        if (hasOneOf(*profile, {"credential_process"}))
+        {
+            return processCredentials(m_context, *profile);
+        }
         if (hasOneOf(*profile, {"source_profile", "credential_source", "web_identity_token_file"}))
         {
             throw invalidCredentials(profile->where + " says how to assume a role but has no role_arn");
         }
-        for (const char* setting : {"sso_session", "sso_start_url", "credential_process", "login_session"})
+        for (const char* setting : {"sso_session", "sso_start_url", "login_session"})
         {
             if (hasOneOf(*profile, {setting}))
             {

@@ -29,7 +29,7 @@ public:
 
     /// Get credentials that are valid now. Loads new ones if the current ones are about to expire.
     ///
-    /// May block for some seconds while it loads them. If loading fails while
+    /// May block for some seconds while it loads them, for a minute if a program provides them. If loading fails while
     /// the old ones are still valid, it logs the failure and returns the old ones.
     /// @throws cloudprovider::InvalidCredentialsException when there are none, with a detail that names the sources
     ///         searched; TransientException when the source that has them does not respond now
@@ -57,6 +57,7 @@ std::shared_ptr<CredentialsSource> anonymousCredentials();
 ///      source_profile, those of credential_source (Environment, EcsContainer or Ec2InstanceMetadata), or the token in
 ///      web_identity_token_file
 ///    - aws_access_key_id and aws_secret_access_key, with aws_session_token
+///    - credential_process: a program, which is started without a shell, has no terminal, and must end within a minute
 /// 4. a container's endpoint (AWS_CONTAINER_CREDENTIALS_RELATIVE_URI or AWS_CONTAINER_CREDENTIALS_FULL_URI, with
 ///    AWS_CONTAINER_AUTHORIZATION_TOKEN or the file AWS_CONTAINER_AUTHORIZATION_TOKEN_FILE)
 /// 5. the machine's metadata service, version 2 (AWS_EC2_METADATA_SERVICE_ENDPOINT); skipped when
@@ -71,11 +72,11 @@ std::shared_ptr<CredentialsSource> anonymousCredentials();
 /// named profile that does not exist or that needs a one-time code. If there are no credentials, that result is cached
 /// for a minute. Credentials that expire are replaced five minutes before that.
 ///
-/// Reads the variables now; no other thread may change the environment during the call. Reads files and
-/// uses services at the first use.
+/// Reads the variables now; no other thread may change the environment during the call. Reads files, runs programs and
+/// uses services at the first use. Programs inherit the environment that the process has then.
 /// @param profile      a section of the shared files; empty: AWS_PROFILE, else AWS_DEFAULT_PROFILE, else "default"
 /// @param authorities  PEM file of the certificate authorities for these services; empty: the system's
-/// @param interrupted  as in S3Settings
+/// @param interrupted  as in S3Settings; ends a running program, too
 std::shared_ptr<CredentialsSource> defaultCredentials(const std::string& profile = {},
     const std::filesystem::path& authorities = {}, const std::function<bool()>& interrupted = {});
 

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace storage::clients::s3
+{
+
+/// How a program ended and what it wrote.
+struct ProgramResult
+{
+    enum class End
+    {
+        Exited,     ///< by itself
+        Signal,     ///< by a signal
+        Late,       ///< it was ended because it took too long
+        Interrupted ///< it was ended because this process is interrupted
+    };
+
+    End end = End::Exited;
+    int code = 0;       ///< the exit status, or the number of the signal
+    std::string output; ///< the first 64 KiB of standard output
+    std::string errors; ///< the first 64 KiB of standard error
+};
+
+/// Run a program and wait for its end. It has the environment of this process, no input, no terminal and none of this
+/// process's open files.
+///
+/// At the limit, or when this process is interrupted, the program and its children are killed. No zombie remains.
+/// @param words        the program, which is looked for in PATH unless it has a "/", and its arguments; not empty
+/// @param interrupted  called at least ten times a second; null: never
+/// @throws std::system_error when the program cannot be started
+ProgramResult runProgram(
+    const std::vector<std::string>& words, std::chrono::milliseconds limit, const std::function<bool()>& interrupted);
+
+} // namespace storage::clients::s3
