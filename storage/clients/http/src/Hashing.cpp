@@ -85,6 +85,13 @@ std::string hmacSha256(std::string_view key, std::string_view text)
     return {digest.begin(), digest.begin() + size};
 }
 
+std::string sha1Hex(std::string_view text)
+{
+    Digest digest(EVP_sha1());
+    digest.add(text);
+    return toHex(digest.finish());
+}
+
 std::string md5(std::string_view text)
 {
     Digest digest(EVP_md5());

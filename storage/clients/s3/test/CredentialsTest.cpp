@@ -214,9 +214,15 @@ TEST_F(CredentialsTest, ComeFromServices)
     }
 }
 
-/// Plays the security token service. The key id that it issues says what it was asked for.
+/// Plays the security token service and the login portal. The key id that it issues says what it was asked for.
 Reply issue(const Request& request)
 {
+    if (request.target() == "/federation/credentials?account_id=1&role_name=r")
+    {
+        const std::string key = R"({"roleCredentials":{"accessKeyId":"id","secretAccessKey":"S3CRET","sessionToken":")";
+        const bool isValid = request["x-amz-sso_bearer_token"] == "loginS3CRET";
+        return isValid ? Reply{.body = key + R"(","expiration":1714525200000}})"} : Reply{401, {}, "S3CRET"};
+    }
     std::map<std::string, std::string> form;
     for (std::size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1)
     {
@@ -242,17 +248,21 @@ Reply issue(const Request& request)
                                           "</Credentials></B></A>"};
 }
 
-TEST_F(CredentialsTest, ComeFromRolesAndPrograms)
+TEST_F(CredentialsTest, ComeFromRolesLoginsAndPrograms)
 {
     LoopbackServer server(issue);
     write("token", "webS3CRET\n");
     write("empty", "\n");
     write("printed keys", R"({"Version":1,"AccessKeyId":"id","SecretAccessKey":"S3CRET","SessionToken":"t"})");
+    std::filesystem::create_directories(home / ".aws/sso/cache");
+    write(".aws/sso/cache/a0f1490a20d0211c997b44bc357e1972deab8ae3.json", R"({"accessToken":"loginS3CRET"})"); // of "s"
+    write(".aws/sso/cache/51e69892ab49df85c6230ccc57f8e1d1606caccc.json", R"({"accessToken":"oldS3CRET"})");   // of "u"
     const auto program = [](const std::string& command) { return "[default]\ncredential_process = " + command + "\n"; };
     const auto role = [](const std::string& settings) { return "[default]\nrole_arn = r\n" + settings + "\n"; };
     const std::string others = "[profile k]\n" + keys + "[profile a]\nrole_arn=q\nsource_profile=k\n[profile n]\n" +
                                "[profile b]\nrole_arn=q\nsource_profile=default\n[sso-session s]\nsso_start_url=u\n" +
                                "sso_region=x\n[sso-session i]\n";
+    const std::string login = "[default]\nsso_account_id=1\nsso_role_name=r\nsso_region=x\n";
     const char* const tokenVariable = "AWS_WEB_IDENTITY_TOKEN_FILE";
     const struct
     {
@@ -296,6 +306,13 @@ TEST_F(CredentialsTest, ComeFromRolesAndPrograms)
         {"returned status 400 \"denied\": \"why\"", "[profile d]\nrole_arn=denied\nsource_profile=k\n", {}, "d"},
         {"later: ", "[profile d]\nrole_arn=Throttling\nsource_profile=k\n", {}, "d"},
         {"it has no keys", "[profile d]\nrole_arn=empty\nsource_profile=k\n", {}, "d"},
+        {"id/S3CRET/.", login + "sso_session=s\n"},
+        {"the login has expired", login + "sso_start_url=u\n"},
+        {"there is no section [sso-session x]", login + "sso_session=x\n"},
+        {"sso-session \"i\" in ", login + "sso_session=i\n"},
+        {"has no sso_account_id", "[default]\nsso_session=s\n"},
+        {"has no sso_start_url", "[default]\nsso_role_name=r\n"},
+        {"aws sso login", login + "sso_start_url=y\n"},
         {"id/S3CRET/t.", program("/bin/cat \"" + (home / "printed keys").string() + '"')},
         {"sh exited with status 3; it wrote \"why not\"", program("sh -c 'echo why >&2; echo not >&2; exit 3'")},
         {"was ended by signal 9", program("sh -c 'kill -9 $$'")},

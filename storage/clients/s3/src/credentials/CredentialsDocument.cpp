@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstddef>
+#include <cstdint>
 #include <sstream>
 #include <string_view>
 #include <utility>
@@ -87,6 +88,17 @@ std::chrono::sys_seconds readTime(std::string_view text)
     return sys_days(date) + hour + minute + second - offset;
 }
 
+/// Parse a number of milliseconds since 1970.
+std::chrono::sys_seconds readMilliseconds(const std::string& text)
+{
+    std::int64_t number = 0;
+    if (std::from_chars(text.data(), text.data() + text.size(), number).ptr != text.data() + text.size())
+    {
+        throw badExpiry();
+    }
+    return std::chrono::sys_seconds(std::chrono::floor<std::chrono::seconds>(std::chrono::milliseconds(number)));
+}
+
 Document parse(const std::string& text)
 {
     // The parser calls itself for each bracket, so that a long row of them would overflow the stack.
@@ -150,6 +162,18 @@ IssuedCredentials readPrintedCredentials(const std::string& text)
     return readKeys(document, "SessionToken");
 }
 
+IssuedCredentials readPortalCredentials(const std::string& text)
+{
+    const Document document = parse(text).get_child("roleCredentials", Document());
+    IssuedCredentials result = issued({document.get<std::string>("accessKeyId", ""),
+        document.get<std::string>("secretAccessKey", ""), document.get<std::string>("sessionToken", "")});
+    if (const auto expiry = document.get_optional<std::string>("expiration"))
+    {
+        result.expiry = readMilliseconds(*expiry);
+    }
+    return result;
+}
+
 IssuedCredentials readAssumedRole(const std::string& text)
 {
     pugi::xml_document document;
@@ -162,6 +186,16 @@ IssuedCredentials readAssumedRole(const std::string& text)
     IssuedCredentials result = issued({textOf("AccessKeyId"), textOf("SecretAccessKey"), textOf("SessionToken")});
     result.expiry = readTime(textOf("Expiration"));
     return result;
+}
+
+std::string readLogin(const std::string& text)
+{
+    std::string token = parse(text).get<std::string>("accessToken", "");
+    if (token.empty())
+    {
+        throw CredentialsDocumentError("it has no accessToken");
+    }
+    return token;
 }
 
 } // namespace storage::clients::s3

@@ -25,9 +25,20 @@ IssuedCredentials readCredentialsDocument(const std::string& text);
 /// @throws CredentialsDocumentError
 IssuedCredentials readPrintedCredentials(const std::string& text);
 
+/// Parse the JSON document that the portal of a login returns.
+///
+/// @throws CredentialsDocumentError
+IssuedCredentials readPortalCredentials(const std::string& text);
+
 /// Parse the XML document that the token service returns.
 ///
 /// @throws CredentialsDocumentError
 IssuedCredentials readAssumedRole(const std::string& text);
+
+/// Parse the JSON file in which a login has left its token.
+///
+/// @return the token
+/// @throws CredentialsDocumentError
+std::string readLogin(const std::string& text);
 
 } // namespace storage::clients::s3

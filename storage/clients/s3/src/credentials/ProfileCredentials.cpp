@@ -3,6 +3,7 @@
 #include "ContainerCredentials.hpp"
 #include "CredentialsFailure.hpp"
 #include "EnvironmentCredentials.hpp"
+#include "LoginCredentials.hpp"
 #include "MachineCredentials.hpp"
 #include "ProcessCredentials.hpp"
 #include "SecurityTokenService.hpp"
@@ -48,6 +49,10 @@ public:
         {
             return keysOf(*profile);
         }
+        if (hasOneOf(*profile, {"sso_session", "sso_start_url", "sso_account_id", "sso_role_name"}))
+        {
+            return loginCredentials(m_context, m_config, *profile);
+        }
         if (hasOneOf(*profile, {"credential_process"}))
         {
             return processCredentials(m_context, *profile);
@@ -56,12 +61,9 @@ public:
         {
             throw invalidCredentials(profile->where + " says how to assume a role but has no role_arn");
         }
-        for (const char* setting : {"sso_session", "sso_start_url", "login_session"})
+        if (hasOneOf(*profile, {"login_session"}))
         {
-            if (hasOneOf(*profile, {setting}))
-            {
-                throw invalidCredentials(profile->where + " has no keys but " + setting + ", which is not supported");
-            }
+            throw invalidCredentials(profile->where + " has no keys but login_session, which is not supported");
         }
         return NoCredentials{"profile \"" + name + "\" has no keys"};
     }

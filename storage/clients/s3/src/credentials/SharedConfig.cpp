@@ -62,6 +62,10 @@ SharedConfig::SharedConfig(const Environment& environment)
         {
             merge(m_profiles[name], settings, "profile", name, file.path);
         }
+        for (const auto& [name, settings] : sections.sessions)
+        {
+            merge(m_sessions[name], settings, "sso-session", name, file.path);
+        }
         m_files.push_back(std::move(file));
     };
     read(SharedFile::Kind::Credentials, "AWS_SHARED_CREDENTIALS_FILE", "~/.aws/credentials");
@@ -72,6 +76,12 @@ const SharedSection* SharedConfig::profile(const std::string& name) const
 {
     const auto found = m_profiles.find(name);
     return found == m_profiles.end() ? nullptr : &found->second;
+}
+
+const SharedSection* SharedConfig::session(const std::string& name) const
+{
+    const auto found = m_sessions.find(name);
+    return found == m_sessions.end() ? nullptr : &found->second;
 }
 
 std::string SharedConfig::files() const

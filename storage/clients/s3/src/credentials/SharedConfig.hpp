@@ -12,7 +12,7 @@
 namespace storage::clients::s3
 {
 
-/// What the shared files say about one profile.
+/// What the shared files say about one profile or session.
 struct SharedSection
 {
     SharedSettings settings;
@@ -33,6 +33,7 @@ public:
 
     /// Null when neither file has it. Valid as long as this object.
     const SharedSection* profile(const std::string& name) const;
+    const SharedSection* session(const std::string& name) const;
 
     /// Where the files are, for messages.
     std::string files() const;
@@ -42,6 +43,7 @@ private:
 
     std::vector<SharedFile> m_files;
     Sections m_profiles;
+    Sections m_sessions;
 };
 
 /// The profile that the caller or a variable names; empty when none is named, which means "default".

@@ -110,7 +110,8 @@ private:
         {
             return m_sections.profiles[*name];
         }
-        return m_ignored;
+        const auto name = nameAfter("sso-session", section);
+        return name ? m_sections.sessions[*name] : m_ignored;
     }
 
     std::string_view takeSetting(std::string_view text, std::size_t indent)

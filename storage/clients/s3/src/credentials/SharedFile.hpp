@@ -14,6 +14,7 @@ using SharedSettings = std::map<std::string, std::string, std::less<>>;
 struct SharedSections
 {
     std::map<std::string, SharedSettings, std::less<>> profiles;
+    std::map<std::string, SharedSettings, std::less<>> sessions; ///< what several profiles say about one login
 };
 
 /// One of the two files that the store's tools share.
@@ -22,7 +23,7 @@ struct SharedFile
     enum class Kind
     {
         Credentials, ///< a section is named like its profile: [NAME]
-        Config       ///< [default], and [profile NAME] for every other profile
+        Config       ///< [default], [profile NAME] for every other profile, and [sso-session NAME]
     };
 
     Kind kind;

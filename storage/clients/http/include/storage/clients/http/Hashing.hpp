@@ -19,6 +19,9 @@ std::string sha256Hex(RequestBody& body);
 /// HMAC with SHA-256: 32 bytes.
 std::string hmacSha256(std::string_view key, std::string_view text);
 
+/// SHA-1 of the text, as 40 lower-case hexadecimal digits. Only for names of files that others have chosen so.
+std::string sha1Hex(std::string_view text);
+
 /// MD5 of the text: 16 bytes.
 std::string md5(std::string_view text);
 
