@@ -66,7 +66,9 @@ void CredentialsService::fail(const HttpFailure& failure) const
 
 std::string CredentialsService::describe(const HttpFailure& failure) const
 {
-    return name() + " does not respond: " + failure.what();
+    const bool isUntrusted = failure.kind() == HttpFailure::Kind::Certificate;
+    return name() + " does not respond: " + failure.what() +
+           (isUntrusted ? "; if it has its own certificate authority, name the PEM file in AWS_CA_BUNDLE" : "");
 }
 
 } // namespace storage::clients::s3
