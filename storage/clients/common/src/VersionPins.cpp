@@ -85,6 +85,7 @@ void VersionPins::read(
                 "reading " + quoted(key) + ": too many other files were opened after this one; open it again");
         }
         const std::optional<Version> version = known == nullptr ? std::nullopt : std::optional(known->current);
+        const std::uint64_t moves = known == nullptr ? 0 : known->moves;
         lock.unlock();
         if (tryRead(version))
         {
@@ -94,7 +95,7 @@ void VersionPins::read(
         const auto hasMoved = [&]
         {
             const Pin* const now = find(key);
-            return now == nullptr ? version.has_value() : !version || now->current.tag != version->tag;
+            return moves != (now == nullptr ? 0 : now->moves); // the tag may be the same again after two writes
         };
         m_writeEnded.wait_for(lock, maxWriteWait, [&] { return hasMoved() || !isWritten(key); });
         if (hasMoved())
@@ -154,9 +155,10 @@ void VersionPins::pin(const std::string& key, const std::string& opened, const V
         m_pins.splice(m_pins.begin(), m_pins, known->second);
         m_pins.front().opened = opened;
         m_pins.front().current = current;
+        m_pins.front().moves = ++m_moves;
         return;
     }
-    Pins added{{key, opened, current}};
+    Pins added{{key, opened, current, ++m_moves}};
     m_byKey.emplace(added.front().key, added.begin());
     m_pins.splice(m_pins.begin(), added); // keeps the iterator, and cannot fail when memory is short
     if (m_pins.size() > m_capacity)

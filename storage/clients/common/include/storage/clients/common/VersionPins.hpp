@@ -113,6 +113,7 @@ private:
         std::string key;
         std::string opened; ///< tag
         Version current;
+        std::uint64_t moves = 0; ///< m_moves when `current` was set
     };
     using Pins = std::list<Pin>;
 
@@ -130,6 +131,7 @@ private:
     Activities m_activities;              // one for each key that is being opened or written
     Pins m_pins;                          // the most recently used first
     std::unordered_map<std::string_view, Pins::iterator> m_byKey;
+    std::uint64_t m_moves = 0;   // how often any pin was set
     std::vector<bool> m_evicted; // by hash of the key; empty until the first pin is evicted
 };
 
