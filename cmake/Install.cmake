@@ -10,6 +10,7 @@ set(stores
     cloudprovider_http
     cloudprovider_local
     cloudprovider_memory
+    cloudprovider_remote
     cloudprovider_s3
     cloudprovider_stores)
 set(programs cloudfs)

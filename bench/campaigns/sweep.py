@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Let each call of a store fail, one after the other, before or after it took effect, and check what is stored.
 
-Runs the tests that do this, over the memory store, the local store, a client that works ahead, and a bucket, and counts
-their runs.
+Runs the tests that do this, over the memory store, the local store, the client for distant stores, and a bucket, and
+counts their runs.
 """
 
 import json
@@ -16,15 +16,15 @@ if len(sys.argv) != 2:
 build = pathlib.Path(sys.argv[1])
 programs = {
     build / "storage/cloudprovider/test/cloudprovider_model_test": "*FileModelTest.Survives*:*RandomFileTest*",
-    build / "storage/clients/s3/s3_test": "*FaultTest.*",
+    build / "storage/clients/remote/remote_test": "RemoteClientTest.EndsWith*",
 }
-counts = dict.fromkeys(["memory", "local", "a client that works ahead", "S3"], 0)
+counts = dict.fromkeys(["memory", "local", "the client for distant stores", "a store's requests"], 0)
 
 
 def store_of(suite, case):
-    if "FaultTest" in suite:
-        return "S3"
-    return "local" if "Local" in case else "a client that works ahead" if "WorkingAhead" in case else "memory"
+    if "RemoteClientTest" in suite:
+        return "a store's requests"
+    return "local" if "Local" in case else "the client for distant stores" if "Remote" in case else "memory"
 
 
 failed = 0

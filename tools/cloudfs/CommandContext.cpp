@@ -187,10 +187,10 @@ void CommandContext::requireNoParentIsFile(const StorePath& path) const
     }
 }
 
-storage::clients::RetryingClient::Waiting CommandContext::waiting() const
+storage::clients::RemoteClient::Waiting CommandContext::waiting() const
 {
-    const auto* retrying = storage::clients::findInterface<const storage::clients::RetryingClient>(*m_store);
-    return retrying != nullptr ? retrying->waiting() : storage::clients::RetryingClient::Waiting();
+    const auto* remote = storage::clients::findInterface<const storage::clients::RemoteClient>(*m_store);
+    return remote != nullptr ? remote->waiting() : storage::clients::RemoteClient::Waiting();
 }
 
 void CommandContext::printCounters() const

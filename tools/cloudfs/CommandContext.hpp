@@ -5,7 +5,7 @@
 #include <storage/clients/common/WriteConditions.hpp>
 #include <storage/clients/decorators/CancellableClient.hpp>
 #include <storage/clients/decorators/FailureRecordingClient.hpp>
-#include <storage/clients/decorators/RetryingClient.hpp>
+#include <storage/clients/remote/RemoteClient.hpp>
 #include <storage/cloudprovider/CloudProvider.hpp>
 
 #include <foundation/storage/provider/IProvider.hpp>
@@ -97,8 +97,8 @@ public:
     /// @throws CommandError if a parent of this path is a file; the store itself would accept that
     void requireNoParentIsFile(const StorePath& path) const;
 
-    /// What the store's calls in progress wait for; all zero if the store does not retry.
-    storage::clients::RetryingClient::Waiting waiting() const;
+    /// What the store's requests in progress wait for; all zero if the store does not retry.
+    storage::clients::RemoteClient::Waiting waiting() const;
 
     /// Print the store's call counters on standard error, if verbose and open.
     void printCounters() const;

@@ -52,7 +52,7 @@ private:
     const CommandContext& m_context;
     const Clock::time_point m_begin = Clock::now();
 
-    std::mutex m_mutex; // only RetryingClient's lock is taken while it is held
+    std::mutex m_mutex; // only RemoteClient's lock is taken while it is held
     std::condition_variable m_closed;
     // guarded by m_mutex
     std::uint64_t m_total = 0;

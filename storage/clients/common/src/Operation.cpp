@@ -13,23 +13,22 @@ struct Description
     std::string_view name;
     bool changesStore;
     bool replacesObject;
-    bool usesContentStream;
 };
 
 constexpr std::array<Description, allOperations.size()> descriptions{{
-    // name, changesStore, replacesObject, usesContentStream
-    {"getObjectInfo", false, false, false},
-    {"validateObjectName", false, false, false},
-    {"listObjects", false, false, false},
-    {"deleteObject", true, true, false},
-    {"getObjectRange", false, false, true},
-    {"putObject", true, true, true},
-    {"getObjectParts", false, false, false},
-    {"createMultipartUpload", true, false, false},
-    {"uploadPart", true, false, true},
-    {"copyPart", true, false, false},
-    {"abortMultipartUpload", true, false, false},
-    {"completeMultipartUpload", true, true, false},
+    // name, changesStore, replacesObject
+    {"getObjectInfo", false, false},
+    {"validateObjectName", false, false},
+    {"listObjects", false, false},
+    {"deleteObject", true, true},
+    {"getObjectRange", false, false},
+    {"putObject", true, true},
+    {"getObjectParts", false, false},
+    {"createMultipartUpload", true, false},
+    {"uploadPart", true, false},
+    {"copyPart", true, false},
+    {"abortMultipartUpload", true, false},
+    {"completeMultipartUpload", true, true},
 }};
 
 static_assert(!descriptions.back().name.empty());
@@ -54,11 +53,6 @@ bool changesStore(Operation operation) noexcept
 bool replacesObject(Operation operation) noexcept
 {
     return describe(operation).replacesObject;
-}
-
-bool usesContentStream(Operation operation) noexcept
-{
-    return describe(operation).usesContentStream;
 }
 
 std::ostream& operator<<(std::ostream& out, Operation operation)

@@ -1,15 +1,10 @@
-#include <storage/clients/common/TransientException.hpp>
 #include <storage/clients/decorators/CancellableClient.hpp>
 #include <storage/clients/decorators/CountingClient.hpp>
 #include <storage/clients/decorators/FailureRecordingClient.hpp>
 #include <storage/clients/decorators/FaultyClient.hpp>
-#include <storage/clients/decorators/PipelinedUploadClient.hpp>
-#include <storage/clients/decorators/ReadAheadClient.hpp>
-#include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
 #include <storage/clients/testing/CloudClientConformance.hpp>
 
-#include <chrono>
 #include <memory>
 
 namespace storage::clients
@@ -20,29 +15,14 @@ namespace
 
 using cloudprovider::CloudClientSharedPtr;
 
-/// What openStore() puts over a store, and all that programs add, over one in which every second call of a thread
-/// fails. Listings have small and empty pages, on which their results must not depend.
+/// The decorators that programs add, over a store whose listings have small and empty pages, on which their results
+/// must not depend.
 CloudClientSharedPtr makeStack(const std::shared_ptr<MemoryClient>& store)
 {
     store->setPageSize(3);
     const auto faults = std::make_shared<FaultyClient>(std::make_shared<CountingClient>(store));
     faults->setEmptyPages(2);
-    faults->setHook(
-        [](Operation, const std::string&)
-        {
-            thread_local unsigned calls = 0;
-            if (calls++ % 2 == 0)
-            {
-                throw TransientException("Busy");
-            }
-        });
-    const auto retrying =
-        std::make_shared<RetryingClient>(faults, RetryPolicy{.firstDelay = std::chrono::milliseconds(0)});
-    // With buffers for two small parts, so that callers wait, and none for large parts.
-    const auto pipelined =
-        std::make_shared<PipelinedUploadClient>(retrying, PipelineSettings{.transfers = 4, .memory = 250});
-    return std::make_shared<CancellableClient>(
-        std::make_shared<FailureRecordingClient>(std::make_shared<ReadAheadClient>(pipelined)));
+    return std::make_shared<CancellableClient>(std::make_shared<FailureRecordingClient>(faults));
 }
 
 /// Decorators over a store in memory. They must keep the contract.

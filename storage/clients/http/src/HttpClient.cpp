@@ -438,10 +438,7 @@ private:
     {
         auto& transfer = *static_cast<Transfer*>(self);
         transfer.m_waited = {};
-        if (++transfer.m_sends > 1 && transfer.m_request.body != nullptr)
-        {
-            transfer.m_request.body->setSentTwice();
-        }
+        ++transfer.m_sends;
         return CURL_PREREQFUNC_OK;
     }
 

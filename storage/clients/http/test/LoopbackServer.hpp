@@ -58,7 +58,7 @@ struct Reply
 class LoopbackServer
 {
 public:
-    /// Called by many threads at once, for each connection by one. What it throws fails the test.
+    /// Called by many threads at once, for each connection by one. Must not throw.
     using Handler = std::function<Reply(const Request&)>;
 
     /// @param certificateFile  not empty: serve https with a new certificate for 127.0.0.1, which is its own authority,

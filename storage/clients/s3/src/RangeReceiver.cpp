@@ -2,14 +2,11 @@
 
 #include "protocol/Responses.hpp"
 
-#include <storage/clients/common/KeyRules.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <ostream>
-#include <utility>
 
 namespace storage::clients::s3
 {
@@ -32,28 +29,10 @@ std::string hashIn(const HttpResponse& head, const std::string& tag)
 
 } // namespace
 
-void throwBeyondEnd(const std::string& key, const ByteRange& range)
-{
-    throw UnknownErrorException(
-        "Invalid range", fmt::format("bytes {} to {} of {} end beyond the object, which has become shorter",
-                             range.offset, range.offset + range.size - 1, quoted(key)));
-}
-
 std::optional<std::uint64_t> lengthOf(const HttpResponse& response)
 {
     const std::string* const field = response.headers.find("Content-Length");
     return field == nullptr ? std::nullopt : readNumber(*field);
-}
-
-RangeReceiver::RangeReceiver(const std::string& key, FailureContext context, std::ostream& out,
-    std::optional<ByteRange> range, std::optional<Version> version, End end)
-    : m_key(key)
-    , m_context(std::move(context))
-    , m_out(out)
-    , m_range(range)
-    , m_version(std::move(version))
-    , m_end(end)
-{
 }
 
 void RangeReceiver::take(const HttpResponse& head, std::string_view bytes)
@@ -66,11 +45,11 @@ void RangeReceiver::take(const HttpResponse& head, std::string_view bytes)
     {
         m_hash->add(bytes);
     }
-    writeContent(m_key, m_out, bytes.data(), bytes.size());
     m_received += bytes.size();
+    m_receiver(m_object, bytes);
 }
 
-std::uint64_t RangeReceiver::finish(const HttpResponse& response)
+Version RangeReceiver::finish(const HttpResponse& response)
 {
     if (!m_expected || m_received != *m_expected)
     {
@@ -79,9 +58,9 @@ std::uint64_t RangeReceiver::finish(const HttpResponse& response)
     }
     if (m_hash && m_hash->finish() != m_expectedHash)
     {
-        throwMalformedResponse(m_context, response, "the bytes do not match the entity tag");
+        throwCorruptContent(m_context, response);
     }
-    return m_received;
+    return m_object;
 }
 
 void RangeReceiver::check(const HttpResponse& head)
@@ -96,7 +75,7 @@ void RangeReceiver::check(const HttpResponse& head)
     m_object = {unquotedTag(*tag), *length};
     if (m_version && m_object.tag != m_version->tag)
     {
-        throw VersionMismatch();
+        throwObjectChanged(m_context);
     }
     if (m_range)
     {
@@ -114,7 +93,7 @@ void RangeReceiver::checkRange(const HttpResponse& head, std::uint64_t length)
 {
     if (head.status != 206)
     {
-        if (m_end == End::MayExceedObject && m_range->offset == 0 && length <= m_range->size)
+        if (m_range->offset == 0 && length <= m_range->size)
         {
             return; // the whole object
         }
@@ -127,12 +106,7 @@ void RangeReceiver::checkRange(const HttpResponse& head, std::uint64_t length)
     {
         throwMalformedResponse(m_context, head, "the response lacks the size of the object");
     }
-    const std::uint64_t requestedEnd = m_range->offset + m_range->size;
-    const std::uint64_t end = m_end == End::MayExceedObject ? std::min(requestedEnd, *objectSize) : requestedEnd;
-    if (end > *objectSize)
-    {
-        throwBeyondEnd(m_key, *m_range);
-    }
+    const std::uint64_t end = std::min(m_range->offset + m_range->size, *objectSize);
     if (length != end - m_range->offset ||
         place != fmt::format("bytes {}-{}/{}", m_range->offset, end - 1, *objectSize))
     {

@@ -1,4 +1,4 @@
-#include "LoopbackServer.hpp"
+#include "TestCalls.hpp"
 
 #include "credentials/ChildProcess.hpp"
 #include "credentials/CommandWords.hpp"
@@ -9,12 +9,12 @@
 #include "credentials/ServiceAddress.hpp"
 
 #include <storage/clients/http/UriEncoding.hpp>
-#include <storage/clients/s3/S3Settings.hpp>
 
 #include <foundation/log/basic_diagnostic_logger.hpp>
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
@@ -22,6 +22,7 @@
 #include <future>
 #include <iostream>
 #include <map>
+#include <regex>
 #include <thread>
 
 #include <fcntl.h>
@@ -60,7 +61,7 @@ std::string outcomeOf(CredentialsSource& source)
     {
         const bool isTransient = dynamic_cast<const TransientException*>(&failure) != nullptr;
         EXPECT_NE(isTransient, dynamic_cast<const cloudprovider::InvalidCredentialsException*>(&failure) != nullptr);
-        const std::string text = failure.what() + (": " + failure.detail().value_or(""));
+        const std::string text = test::textOf(failure);
         EXPECT_THAT(text, Not(HasSubstr("S3CRET")));
         return (isTransient ? "later: " : "never: ") + text;
     }
@@ -223,29 +224,23 @@ Reply issue(const Request& request)
         const bool isValid = request["x-amz-sso_bearer_token"] == "loginS3CRET";
         return isValid ? Reply{.body = key + R"(","expiration":1714525200000}})"} : Reply{401, {}, "S3CRET"};
     }
-    std::map<std::string, std::string> form;
-    for (std::size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1)
+    std::string form = uriDecode(request.body());
+    std::replace(form.begin(), form.end(), '&', ' ');
+    for (const std::string code : {"denied", "Throttling"})
     {
-        end = request.body().find('&', begin);
-        const std::string field = uriDecode(request.body().substr(begin, end - begin));
-        form[field.substr(0, field.find('='))] = field.substr(field.find('=') + 1);
+        if (form.find("RoleArn=" + code) != form.npos)
+        {
+            return {400, {}, "<E><Error><Code>" + code + "</Code><Message>why\n\nS3CRET</Message></Error></E>"};
+        }
     }
-    const std::string role = form["RoleArn"];
-    if (role == "denied" || role == "Throttling")
-    {
-        return {400, {}, "<E><Error><Code>" + role + "</Code><Message>why\n\nS3CRET</Message></Error></E>"};
-    }
-    // Credential=ID/DAY/REGION/sts/aws4_request
-    std::string caller(request["Authorization"]);
-    caller = caller.substr(std::min(caller.find('='), caller.size() - 1) + 1);
-    caller = caller.substr(0, caller.find(',')) + std::string(request["x-amz-security-token"]);
-    const std::string text = role + "[" + form["WebIdentityToken"] + caller + "|" + form["RoleSessionName"] + "|" +
-                             form["ExternalId"] + "|" + form["DurationSeconds"] + "]";
-    return {.body = role == "empty" ? "<A/>"
-                                    : "<A><B><Credentials><AccessKeyId>" + text +
-                                          "</AccessKeyId><SecretAccessKey>S3CRET</SecretAccessKey><SessionToken>+t"
-                                          "</SessionToken><Expiration>2024-05-01T01:00:00Z</Expiration>"
-                                          "</Credentials></B></A>"};
+    const std::regex credential(".*Credential=(.*)/[0-9]{8}/(.*/sts/aws4_request),.*"); // without the day
+    const std::string caller = std::regex_replace(std::string(request["Authorization"]), credential, "$1/$2") +
+                               std::string(request["x-amz-security-token"]);
+    return {.body = form.find("RoleArn=empty") != form.npos
+                        ? "<A/>"
+                        : "<A><B><Credentials><AccessKeyId>" + caller + form +
+                              "</AccessKeyId><SecretAccessKey>S3CRET</SecretAccessKey><SessionToken>+t"
+                              "</SessionToken><Expiration>2024-05-01T01:00:00Z</Expiration></Credentials></B></A>"};
 }
 
 TEST_F(CredentialsTest, ComeFromRolesLoginsAndPrograms)
@@ -263,6 +258,7 @@ TEST_F(CredentialsTest, ComeFromRolesLoginsAndPrograms)
                                "[profile b]\nrole_arn=q\nsource_profile=default\n[sso-session s]\nsso_start_url=u\n" +
                                "sso_region=x\n[sso-session i]\n";
     const std::string login = "[default]\nsso_account_id=1\nsso_role_name=r\nsso_region=x\n";
+    const std::string ours = " RoleSessionName=cloudprovider Version=2011-06-15";
     const char* const tokenVariable = "AWS_WEB_IDENTITY_TOKEN_FILE";
     const struct
     {
@@ -271,7 +267,7 @@ TEST_F(CredentialsTest, ComeFromRolesLoginsAndPrograms)
         Environment::Variables variables = {};
         std::string profile = {};
     } rows[] = {
-        {"r[webS3CRET|s||]/S3CRET/+t.", "[default]\n" + keys,
+        {"RoleArn=r RoleSessionName=s Version=2011-06-15 WebIdentityToken=webS3CRET/S3CRET/+t.", "[default]\n" + keys,
             {{"AWS_ROLE_ARN", "r"}, {tokenVariable, "~/token"}, {"AWS_ROLE_SESSION_NAME", "s"}}},
         {"only one is set", "[default]\n" + keys, {{"AWS_ROLE_ARN", "r"}}},
         {"only one is set", "[default]\n" + keys, {{tokenVariable, "~/token"}}},
@@ -279,16 +275,16 @@ TEST_F(CredentialsTest, ComeFromRolesLoginsAndPrograms)
             {{"AWS_ROLE_ARN", "r"}, {tokenVariable, "/none"}}},
         {"it is empty", "", {{"AWS_ROLE_ARN", "r"}, {tokenVariable, "~/empty"}}},
         {"id/S3CRET/.", "", {{"AWS_ROLE_ARN", "r"}, {tokenVariable, "/none"}}, "k"}, // a given profile before variables
-        {"r[id/20", role("source_profile=k")},
-        {"/us-east-1/sts/aws4_request|cloudprovider||]/S3CRET/+t.", role("source_profile=k")},
-        {"/eu-west-9/sts/aws4_request|n|e|900]", role("source_profile=k\nregion=eu-west-9\nexternal_id=e\n"
-                                                      "role_session_name=n\nduration_seconds=900")},
+        {"id/us-east-1/sts/aws4_requestAction=AssumeRole RoleArn=r" + ours + "/S3CRET/+t.", role("source_profile=k")},
+        {"/eu-west-9/sts/aws4_requestAction=AssumeRole DurationSeconds=900 ExternalId=e RoleArn=r RoleSessionName=n ",
+            role("source_profile=k\nregion=eu-west-9\nexternal_id=e\n"
+                 "role_session_name=n\nduration_seconds=900")},
         {"/us-east-1/sts", role("source_profile=k"),
             {{"AWS_REGION", "eu-west-1"}, {"AWS_STS_REGIONAL_ENDPOINTS", "legacy"}}},
         {"must be regional or legacy", role("source_profile=k\nsts_regional_endpoints=x")},
-        {"r[q[id/20", role("source_profile=a")},
-        {"+t|cloudprovider||]/S3CRET/+t.", role("source_profile=a")},
-        {"r[id/20", role("source_profile=default\n" + keys)},
+        {"RoleArn=q" + ours + "/us-east-1/sts/aws4_request+tAction=AssumeRole RoleArn=r" + ours,
+            role("source_profile=a")},
+        {"id/us-east-1/sts/aws4_requestAction=AssumeRole RoleArn=r", role("source_profile=default\n" + keys)},
         {"\"default\" -> \"default\"", role("source_profile=default")},
         {"\"default\" -> \"b\" -> \"default\"", role("source_profile=b\n" + keys)},
         {"no profile \"x\" in /", role("source_profile=x")},
@@ -297,11 +293,11 @@ TEST_F(CredentialsTest, ComeFromRolesLoginsAndPrograms)
         {"must have one of", role(keys)},
         {"must have one of", role("source_profile=k\ncredential_source=Environment")},
         {"has no role_arn", "[default]\nsource_profile=k\n"},
-        {"r[own/20", "[profile c]\nrole_arn=r\ncredential_source=Environment\n", inVariables, "c"},
+        {"own/us-east-1", "[profile c]\nrole_arn=r\ncredential_source=Environment\n", inVariables, "c"},
         {"role: AWS_EC2_METADATA_DISABLED", role("credential_source=Ec2InstanceMetadata")},
         {"role: neither AWS_CONTAINER", role("credential_source=EcsContainer")},
         {"must be Environment, EcsContainer", role("credential_source=x")},
-        {"r[webS3CRET|cloudprovider||]", role("web_identity_token_file=~/token")},
+        {"RoleArn=r" + ours + " WebIdentityToken=webS3CRET/", role("web_identity_token_file=~/token")},
         {"asked for role denied of profile \"d\" in /", "[profile d]\nrole_arn=denied\nsource_profile=k\n", {}, "d"},
         {"returned status 400 \"denied\": \"why\"", "[profile d]\nrole_arn=denied\nsource_profile=k\n", {}, "d"},
         {"later: ", "[profile d]\nrole_arn=Throttling\nsource_profile=k\n", {}, "d"},
@@ -337,7 +333,8 @@ TEST_F(CredentialsTest, ComeFromServicesWithAnAuthorityOfTheirOwn)
     variables.emplace("AWS_WEB_IDENTITY_TOKEN_FILE", "~/token");
     write("token", "webS3CRET");
     EXPECT_THAT(outcomeOf(*source(variables)), HasSubstr("AWS_CA_BUNDLE"));
-    EXPECT_THAT(outcomeOf(*source(variables, {}, home / "authority.pem")), testing::StartsWith("r["));
+    EXPECT_THAT(outcomeOf(*source(variables, {}, home / "authority.pem")),
+        testing::StartsWith("Action=AssumeRoleWithWebIdentity"));
     isInterrupted = true;
     EXPECT_THAT(outcomeOf(*source(variables, {}, home / "authority.pem")), HasSubstr("because of an interrupt"));
 }
@@ -352,6 +349,8 @@ TEST(ServiceAddressTest, IsThatOfTheRegionUnlessAVariableNamesOne)
     const Environment both({{"AWS_ENDPOINT_URL", "https://a"}, {"AWS_ENDPOINT_URL_SSO", "ftp://b"}});
     EXPECT_EQ(regionalAddress(both, "STS", "sts", "").url, "https://a");
     EXPECT_THROW(regionalAddress(both, "SSO", "sts", ""), cloudprovider::InvalidCredentialsException);
+    const Environment relative(Environment::Variables{{"AWS_CONTAINER_CREDENTIALS_RELATIVE_URI", "/a?b"}});
+    EXPECT_EQ(ContainerCredentials::address(relative), "http://169.254.170.2/a?b");
 }
 
 TEST_F(CredentialsTest, EndAProgramAndItsChildren)
@@ -379,12 +378,6 @@ TEST(CommandWordsTest, AreSplitAsByAShell)
     EXPECT_EQ(splitWords("a\\"), std::nullopt);
 }
 
-TEST_F(CredentialsTest, ComeFromAFixedAddressForARelativeUri)
-{
-    const Environment::Variables variables = {{"AWS_CONTAINER_CREDENTIALS_RELATIVE_URI", "/a?b"}};
-    EXPECT_EQ(ContainerCredentials::address(Environment(variables)), "http://169.254.170.2/a?b");
-}
-
 TEST_F(CredentialsTest, AreNotExpectedFromAServiceThatNeverResponded)
 {
     auto server = std::make_unique<LoopbackServer>([](const Request&) { return Reply{.body = "../"}; });
@@ -398,37 +391,18 @@ TEST_F(CredentialsTest, AreNotExpectedFromAServiceThatNeverResponded)
         testing::AllOf(HasSubstr("never: "), HasSubstr("the machine's metadata service does not respond")));
 }
 
-/// Gives credentials of an hour, numbered, unless told to fail.
+/// Numbers its loads.
 struct FakeProvider : CredentialsProvider
 {
-    explicit FakeProvider(const std::atomic<RefreshingCredentials::TimePoint>& clock)
-        : now(clock)
-    {
-    }
+    LoadResult load() override { return onLoad("id" + std::to_string(++loads)); }
 
-    LoadResult load() override
-    {
-        const std::string id = "id" + std::to_string(++loads);
-        onLoad();
-        return IssuedCredentials{{id, "S3CRET", ""}, now.load() + 1h};
-    }
-
-    const std::atomic<RefreshingCredentials::TimePoint>& now;
-    std::function<void()> onLoad = [] {};
+    std::function<IssuedCredentials(const std::string& id)> onLoad;
     std::atomic<int> loads = 0;
 };
 
 class RefreshTest : public CredentialsTest
 {
 protected:
-    /// Advance the clock, and expect how often credentials have been loaded then, and how the outcome begins.
-    void expectAfter(std::chrono::seconds time, int loads, const char* outcome)
-    {
-        now = now.load() + time;
-        EXPECT_THAT(outcomeOf(*tested), testing::StartsWith(outcome)) << loads << " loads";
-        EXPECT_EQ(provider.loads, loads);
-    }
-
     void expectOnAllThreads(const char* expected)
     {
         std::vector<std::future<void>> threads;
@@ -444,21 +418,22 @@ protected:
         }
     }
 
-    static void failForNow() { throw credentialsUnavailable("closed"); }
+    IssuedCredentials issueForAnHour(const std::string& id) { return {{id, "S3CRET", ""}, now.load() + 1h}; }
+    static IssuedCredentials failForNow(const std::string&) { throw credentialsUnavailable("closed"); }
 
     std::atomic<int> asking = 0;
-    FakeProvider& provider = *new FakeProvider(now);
+    FakeProvider& provider = *new FakeProvider;
     const std::unique_ptr<CredentialsSource> tested = refreshing(std::unique_ptr<CredentialsProvider>(&provider));
 };
 
 TEST_F(RefreshTest, LoadsWhenTheyAreDueOrRefusedAndLimitsHowOftenItFails)
 {
-    const auto succeed = [] {};
-    const auto haveNone = [] { throw invalidCredentials("none"); };
+    const auto succeed = [&](const std::string& id) { return issueForAnHour(id); };
+    const auto haveNone = [](const auto&) -> IssuedCredentials { throw invalidCredentials("none"); };
     const struct
     {
         std::chrono::seconds later; // since the row before
-        std::function<void()> onLoad;
+        std::function<IssuedCredentials(const std::string&)> onLoad;
         int loads; // in all
         const char* expected;
         int refused = 0; // callers, before
@@ -479,24 +454,32 @@ TEST_F(RefreshTest, LoadsWhenTheyAreDueOrRefusedAndLimitsHowOftenItFails)
             tested->refresh();
         }
         provider.onLoad = row.onLoad;
-        expectAfter(row.later, row.loads, row.expected);
+        now = now.load() + row.later;
+        EXPECT_THAT(outcomeOf(*tested), testing::StartsWith(row.expected)) << row.loads << " loads";
+        EXPECT_EQ(provider.loads, row.loads);
     }
     EXPECT_THAT(log, HasSubstr("could not be replaced: closed"));
 }
 
 TEST_F(RefreshTest, LetsOneThreadLoadForAll)
 {
-    provider.onLoad = [&]
+    provider.onLoad = [&](const std::string& id)
     {
         while (asking < 8) // so that the others find one loading, and wait
         {
             std::this_thread::yield();
         }
+        return issueForAnHour(id);
     };
     expectOnAllThreads("id1/");
     now = now.load() + 55min;
-    provider.onLoad = [&] { expectOnAllThreads("id1/"); }; // hangs if one of them waits: the old ones are valid
-    expectAfter(0s, 2, "id2");
+    provider.onLoad = [&](const std::string& id)
+    {
+        expectOnAllThreads("id1/"); // hangs if one of them waits: the old ones are valid
+        return issueForAnHour(id);
+    };
+    EXPECT_THAT(outcomeOf(*tested), testing::StartsWith("id2"));
+    EXPECT_EQ(provider.loads, 2);
     now = now.load() + 1h;
     provider.onLoad = failForNow;
     expectOnAllThreads("later: ");

@@ -1,9 +1,6 @@
 #include <storage/clients/stores/OpenStore.hpp>
 
 #include <storage/clients/decorators/CountingClient.hpp>
-#include <storage/clients/decorators/PipelinedUploadClient.hpp>
-#include <storage/clients/decorators/ReadAheadClient.hpp>
-#include <storage/clients/decorators/RetryingClient.hpp>
 #include <storage/clients/local/LocalClient.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
 #include <storage/clients/s3/S3Client.hpp>
@@ -51,7 +48,6 @@ std::filesystem::path defaultDirectory()
     refuse("neither XDG_DATA_HOME nor HOME names a directory");
 }
 
-/// Directly around the store, so that retries are counted.
 template <typename Store, typename... Arguments>
 std::shared_ptr<CountingClient> counted(const Arguments&... arguments)
 {
@@ -75,15 +71,7 @@ std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, co
     {
         s3::S3Settings settings = s3::parseS3Url(url);
         settings.interrupted = options.interrupted;
-        // From the innermost to the outermost. Retries are inside, so that background uploads and prefetches are
-        // retried, too.
-        const auto retrying = std::make_shared<RetryingClient>(
-            counted<S3Client>(settings), RetryPolicy(), RetryClock(), options.interrupted);
-        const auto pipelined = std::make_shared<PipelinedUploadClient>(
-            retrying, PipelineSettings{.transfers = settings.transfers, .memory = settings.memory / 2});
-        return std::make_shared<ReadAheadClient>(
-            pipelined, ReadAheadSettings{.transfers = settings.transfers == 1 ? 0 : settings.transfers,
-                           .memory = settings.memory / 2});
+        return std::make_shared<S3Client>(settings);
     }
     refuse("unknown kind of store");
 }

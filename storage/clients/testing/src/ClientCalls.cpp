@@ -25,10 +25,10 @@ std::string get(CloudClient& client, const std::string& key, std::uint64_t first
 }
 
 PartInfo uploadPart(CloudClient& client, const std::string& key, const std::string& uploadId, std::size_t index,
-    const std::string& content)
+    const std::string& content, std::uint64_t offset)
 {
     std::istringstream in(content);
-    PartInfo part{index, 0, content.size(), ""};
+    PartInfo part{index, offset, content.size(), ""};
     part.Tag = client.uploadPart(key, uploadId, part, in);
     return part;
 }

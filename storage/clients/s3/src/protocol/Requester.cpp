@@ -44,12 +44,13 @@ Requester::Requester(const S3Settings& settings)
 
 std::string Requester::sentTag(const S3Request& request, const HttpResponse& response)
 {
-    const std::string* const tag = response.headers.find("ETag");
-    if (tag == nullptr || tag->empty())
+    const std::string* const field = response.headers.find("ETag");
+    const std::string tag = field == nullptr ? "" : unquotedTag(*field);
+    if (tag.empty())
     {
         throwMalformedResponse(contextOf(request), response, "the response lacks the entity tag");
     }
-    return unquotedTag(*tag);
+    return tag;
 }
 
 BucketAddress Requester::address()
@@ -60,10 +61,13 @@ BucketAddress Requester::address()
 
 FailureContext Requester::contextOf(const S3Request& request)
 {
+    const bool hasCondition = std::any_of(request.headers.begin(), request.headers.end(),
+        [](const HttpHeaders::Field& field)
+        { return field.name.starts_with("If-") || field.name == "x-amz-copy-source-if-match"; });
     const std::lock_guard lock(m_mutex);
     const std::string action = request.operation ? std::string(name(*request.operation)) : "listing the open uploads";
     return {action + (request.key.empty() ? "" : " of " + quoted(request.key)), m_address.bucket(), m_address.origin(),
-        m_lastKeyId, m_wasReached};
+        m_lastKeyId, m_wasReached, hasCondition};
 }
 
 HttpResponse Requester::send(

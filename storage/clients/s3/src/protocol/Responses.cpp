@@ -159,10 +159,10 @@ ListingPage readListing(const std::string& document)
     return page;
 }
 
-UploadsPage readUploads(const std::string& document)
+UploadsDocument readUploads(const std::string& document)
 {
     const Document parsed(document, "ListMultipartUploadsResult", "ListMultipartUploads");
-    UploadsPage page;
+    UploadsDocument page;
     for (const pugi::xml_node& node : parsed.root().children("Upload"))
     {
         page.uploads.push_back(
@@ -193,7 +193,7 @@ std::string readCompletion(const std::string& document)
         textOf(Document(document, "CompleteMultipartUploadResult", "CompleteMultipartUpload").root(), "ETag"));
 }
 
-std::string writeCompletion(const std::vector<std::pair<std::size_t, std::string>>& parts)
+std::string writeCompletion(const std::vector<NumberedTag>& parts)
 {
     pugi::xml_document document;
     pugi::xml_node root = document.append_child("CompleteMultipartUpload");

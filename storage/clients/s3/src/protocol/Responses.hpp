@@ -1,7 +1,7 @@
 #pragma once
 
 #include <storage/clients/common/UploadInventory.hpp>
-#include <storage/cloudprovider/CloudClient.hpp>
+#include <storage/clients/remote/RemoteStore.hpp>
 
 #include <cstdint>
 #include <optional>
@@ -59,20 +59,15 @@ bool isError(const std::string& document);
 
 // Each of the following throws MalformedResponse, ErrorResponse, or an HttpFailure for a document that is truncated.
 
-struct ListingPage
-{
-    std::vector<cloudprovider::ObjectEntry> entries; ///< in ascending byte order
-    std::string nextToken;                           ///< empty on the last page
-};
 ListingPage readListing(const std::string& document);
 
-struct UploadsPage
+struct UploadsDocument
 {
     std::vector<PendingUpload> uploads;
     std::string nextKey; ///< empty on the last page
     std::string nextUploadId;
 };
-UploadsPage readUploads(const std::string& document);
+UploadsDocument readUploads(const std::string& document);
 
 /// The id of a new upload.
 std::string readNewUpload(const std::string& document);
@@ -84,8 +79,7 @@ std::string readCopiedPart(const std::string& document);
 std::string readCompletion(const std::string& document);
 
 /// The document that completes an upload.
-/// @param parts  numbers, from 1, and entity tags
-std::string writeCompletion(const std::vector<std::pair<std::size_t, std::string>>& parts);
+std::string writeCompletion(const std::vector<NumberedTag>& parts);
 
 /// An entity tag without quotes, as this client keeps it.
 std::string unquotedTag(std::string tag);

@@ -58,7 +58,8 @@ constexpr std::array rows{
     Row{"TemporaryRedirect", Meaning::BadLocation, "use the bucket's own endpoint and region"},
     Row{"AuthorizationHeaderMalformed", Meaning::BadLocation, "check the region"},
     Row{"InvalidAccessKeyId", Meaning::BadCredentials, "the store does not know the key id"},
-    Row{"SignatureDoesNotMatch", Meaning::BadCredentials, "the secret does not belong to the key id"},
+    Row{"SignatureDoesNotMatch", Meaning::BadCredentials,
+        "the secret does not belong to the key id, or something between here and the store changes the request"},
     Row{"ExpiredToken", Meaning::BadCredentials, "the session has expired; log in again"},
     Row{"TokenRefreshRequired", Meaning::BadCredentials, "the session has expired; log in again"},
     Row{"InvalidToken", Meaning::BadCredentials, "check the session token"},
@@ -203,7 +204,11 @@ void throwErrorResponse(const FailureContext& context, const HttpResponse& respo
 
 void throwErrorResponse(const FailureContext& context, const HttpResponse& response, const ErrorDocument& error)
 {
-    const Row row = rowFor(response.status, error.code);
+    Row row = rowFor(response.status, error.code);
+    if (row.meaning == Meaning::Changed && !context.hasCondition) // the store means something else
+    {
+        row.meaning = Meaning::Other;
+    }
     std::string hint(row.hint);
     if (row.meaning == Meaning::ClockSkew)
     {
@@ -243,7 +248,7 @@ void throwErrorResponse(const FailureContext& context, const HttpResponse& respo
     case Meaning::NotUnderstood:
         throw NotUnderstood("Store error", detail);
     case Meaning::Changed:
-        throw PreconditionFailed("Object changed", detail);
+        throw PreconditionFailed(detail, response.wasSentTwice);
     case Meaning::Transient:
         throw TransientException("Store busy", detail, retryAfter(response));
     case Meaning::Other:
@@ -284,9 +289,15 @@ void throwMalformedResponse(const FailureContext& context, const HttpResponse& r
     throw UnusableResponse("Malformed response", describe(context, response, {}) + "; " + reason);
 }
 
-void throwObjectChanged(const FailureContext& context)
+void throwCorruptContent(const FailureContext& context, const HttpResponse& response)
 {
-    throw UnknownErrorException("Object changed", fmt::format("{} failed: {}", context.action, changed));
+    throw CorruptContent(
+        "Malformed response", describe(context, response, {}) + "; the bytes do not match the entity tag");
+}
+
+void throwObjectChanged(const FailureContext& context, bool wasSentTwice)
+{
+    throw PreconditionFailed(fmt::format("{} failed: {}", context.action, changed), wasSentTwice);
 }
 
 } // namespace storage::clients::s3

@@ -4,19 +4,13 @@
 
 #include <storage/clients/http/HttpFailure.hpp>
 #include <storage/clients/http/HttpMessage.hpp>
+#include <storage/clients/remote/RemoteFailures.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <string>
 
 namespace storage::clients::s3
 {
-
-/// The store has refused a request because the object is not the version that a condition of the request names.
-class PreconditionFailed : public cloudprovider::UnknownErrorException
-{
-public:
-    using cloudprovider::UnknownErrorException::UnknownErrorException;
-};
 
 /// The store has refused a request as one that it does not understand. It may not know a header of it.
 class NotUnderstood : public cloudprovider::UnknownErrorException
@@ -30,9 +24,10 @@ struct FailureContext
 {
     std::string action; ///< the operation and the key: `getObjectInfo of "a/b"`
     std::string bucket;
-    std::string origin;     ///< scheme and host
-    std::string keyId;      ///< of the credentials used; empty: anonymous
-    bool wasReached = true; ///< the store has responded before, so its address is correct
+    std::string origin;        ///< scheme and host
+    std::string keyId;         ///< of the credentials used; empty: anonymous
+    bool wasReached = true;    ///< the store has responded before, so its address is correct
+    bool hasCondition = false; ///< the request names a version
 };
 
 /// Throw the exception for a response that reports a failure.
@@ -51,7 +46,11 @@ struct FailureContext
 [[noreturn]] void throwMalformedResponse(
     const FailureContext& context, const HttpResponse& response, const std::string& reason);
 
-/// Throw the exception for an object that is no longer the version that was opened.
-[[noreturn]] void throwObjectChanged(const FailureContext& context);
+/// Throw a CorruptContent for bytes that do not match the entity tag in their response.
+[[noreturn]] void throwCorruptContent(const FailureContext& context, const HttpResponse& response);
+
+/// Throw a PreconditionFailed for an object that is not the required version.
+/// @param wasSentTwice  see PreconditionFailed
+[[noreturn]] void throwObjectChanged(const FailureContext& context, bool wasSentTwice = false);
 
 } // namespace storage::clients::s3

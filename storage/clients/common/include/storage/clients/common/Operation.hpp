@@ -42,9 +42,6 @@ bool changesStore(Operation operation) noexcept;
 /// Tell whether the object under the key may have other bytes after the call, or be gone, even if the call fails.
 bool replacesObject(Operation operation) noexcept;
 
-/// Tell whether the call reads from or writes to a content stream. A second attempt has to rewind the stream first.
-bool usesContentStream(Operation operation) noexcept;
-
 /// Print the name.
 std::ostream& operator<<(std::ostream& out, Operation operation);
 

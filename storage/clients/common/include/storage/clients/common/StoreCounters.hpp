@@ -12,12 +12,17 @@ namespace storage::clients
 {
 
 /// The counters at one moment. A plain value.
+///
+/// CountingClient counts the calls of a client. RemoteClient counts the requests to its store, retries and prefetches
+/// included, under the operation that each serves: the request that opens an object is a getObjectRange, one that lists
+/// open uploads a listObjects, and one that asks whether an upload is still open a completeMultipartUpload. Its parts
+/// are those of the store, so one copyPart may have copied many parts of the file.
 struct CallSnapshot
 {
     struct Count
     {
-        std::uint64_t calls = 0; ///< calls that arrived, failed ones included
-        std::uint64_t bytes = 0; ///< content bytes of the calls that succeeded; of copyPart() the bytes copied
+        std::uint64_t calls = 0; ///< that arrived, failed ones included
+        std::uint64_t bytes = 0; ///< content of the calls that succeeded; of copyPart() the bytes copied
         PartIndexes parts = {};  ///< indexes of the parts that uploadPart() or copyPart() stored, of all files together
 
         bool operator==(const Count&) const = default;
@@ -42,7 +47,7 @@ std::ostream& operator<<(std::ostream& out, const CallSnapshot& snapshot);
 /// Format a size for people, in powers of 1,024 with one decimal from KiB on: "512 B", "5.0 MiB".
 std::string formatBytes(std::uint64_t bytes);
 
-/// The interface of a client that counts calls, such as CountingClient. A host gets it with findInterface().
+/// The interface of a client that counts, such as CountingClient and RemoteClient. A host gets it with findInterface().
 class StoreCounters
 {
 public:

@@ -24,7 +24,8 @@ public:
     virtual ~UploadInventory() = default;
 
     /// List the open uploads, oldest first. Uploads without parts may be missing: many clients tell the store of an
-    /// upload with its first part. May be called from any thread, while uploads begin and end.
+    /// upload with its first part, which may be on its way for a while. May be called from any thread, while uploads
+    /// begin and end.
     ///
     /// @throws cloudprovider::CloudException
     virtual std::vector<PendingUpload> pendingUploads() = 0;

@@ -10,9 +10,9 @@ namespace storage::clients
 
 /// Count the calls of the inner client, and the bytes and parts that they move.
 ///
-/// Wrap it directly around a store to count all calls that reach the store, including retries and prefetches. A call is
-/// counted when it arrives, its bytes and its part only when it has succeeded. The bytes of getObjectRange() are those
-/// written to the output stream. Safe for concurrent calls on one instance.
+/// A call is counted when it arrives, its bytes and its part only when it has succeeded. The bytes of getObjectRange()
+/// are those written to the output stream. A RemoteClient needs no such decorator: it counts its requests itself. Safe
+/// for concurrent calls on one instance.
 class CountingClient : public InterceptingClient, public StoreCounters
 {
 public:

@@ -17,7 +17,7 @@ namespace storage::clients
 /// that calls takeFailure() after each file gets the reason.
 ///
 /// Every failure is rethrown unchanged. The latest failure of each key is kept until takeFailure() returns it, or until
-/// putObject() or completeMultipartUpload() commits the key, because a retry has then succeeded. Failures of
+/// putObject() or completeMultipartUpload() commits the key, because another attempt has then succeeded. Failures of
 /// validateObjectName(), which has no key, and of abortMultipartUpload(), which is never the cause, are not kept. Safe
 /// for concurrent calls on one instance.
 class FailureRecordingClient : public InterceptingClient

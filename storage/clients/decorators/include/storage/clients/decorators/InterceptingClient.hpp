@@ -68,9 +68,9 @@ protected:
     /// of this class.
     ///
     /// @param proceed  makes the call of the inner client, and throws what that throws. May be called several times;
-    ///                 the operation returns the last result. It does not rewind a content stream, so call it only once
-    ///                 for an operation with usesContentStream(). If it is not called, the operation returns an empty
-    ///                 result.
+    ///                 the operation returns the last result. It does not rewind the stream of getObjectRange(),
+    ///                 putObject() or uploadPart(), so call it only once for these. If it is not called, the operation
+    ///                 returns an empty result.
     virtual void around(const Call& call, const std::function<void()>& proceed);
 
 private:

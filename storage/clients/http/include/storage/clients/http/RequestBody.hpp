@@ -38,13 +38,6 @@ public:
     /// memory are passed where they are, other bytes through a buffer. Moves the position of read().
     /// @throws as rewind() and read(), and whatever `use` throws
     virtual void forEachPiece(const std::function<void(std::string_view)>& use);
-
-    /// See HttpResponse. A request that gets no response tells it here.
-    bool wasSentTwice() const noexcept { return m_wasSentTwice; }
-    void setSentTwice() noexcept { m_wasSentTwice = true; }
-
-private:
-    bool m_wasSentTwice = false;
 };
 
 /// Pieces of memory, one after the other. The bytes are borrowed: they must not change while the body exists.

@@ -46,22 +46,17 @@ struct S3Settings
     EndpointCapabilities capabilities = {};
     HttpTimeouts timeouts = {};
 
-    /// Maximum concurrent requests of one completion, and of each decorator that openStore() adds; 1 to 64.
-    std::size_t transfers = 8;
-
-    /// Bytes of the buffers that openStore() adds. A completion sends at most half of that at a time, but always at
-    /// least one part.
-    std::uint64_t memory = 64 << 20;
-
-    std::uint64_t partSize = 256 << 10;     ///< bytes of the parts that stored objects are read in; 64 KiB to 1 GiB
+    std::size_t transfers = 8;              ///< see RemoteSettings, also for the next two
+    std::uint64_t memory = 64 << 20;        ///< bytes
+    std::uint64_t partSize = 256 << 10;     ///< bytes
     std::filesystem::path authorities = {}; ///< PEM file that replaces the system's certificate authorities
     std::shared_ptr<CredentialsSource> credentials = nullptr; ///< null: defaultCredentials() of the profile
     std::string profile = {};                                 ///< see there
 
     /// Called at least ten times a second during a request, on the thread that waits for it. When it returns true,
-    /// requests in progress are cancelled, one that opens an upload only after HttpTimeouts::cleanUp. Only deletions
-    /// and aborts are sent from then on, because they clean up; HttpTimeouts::cleanUp limits them. Null: nothing is
-    /// cancelled.
+    /// nothing is retried and requests in progress are cancelled, one that opens an upload only after
+    /// HttpTimeouts::cleanUp. Only deletions and aborts are sent from then on, because they clean up;
+    /// HttpTimeouts::cleanUp limits them. Null: nothing is cancelled.
     std::function<bool()> interrupted = nullptr;
 };
 

@@ -15,8 +15,8 @@ namespace storage::clients
 struct OpenStoreOptions
 {
     /// Whether the process is interrupted: then requests in progress are cancelled, nothing is retried, and no call
-    /// waits for a lock; see S3Settings, RetryingClient and LocalSettings. Must be safe to call from any thread during
-    /// the lifetime of the store. Empty: never.
+    /// waits for a lock; see S3Settings and LocalSettings. Must be safe to call from any thread during the lifetime of
+    /// the store. Empty: never.
     std::function<bool()> interrupted = {};
 
     /// Create a local store that does not exist. False: opening it throws, and nothing is created.
@@ -26,17 +26,15 @@ struct OpenStoreOptions
 /// Open the store with this URL.
 ///
 /// - `local:DIR`  a durable store in a directory, which is created if it is missing, unless the options forbid that;
-/// see LocalClient
+///   see LocalClient
 /// - `local:`     the same in the directory $XDG_DATA_HOME/cloudfs, or ~/.local/share/cloudfs if that variable is not
 ///   set
 /// - `memory:`    a new, empty store in the memory of this process; see MemoryClient
 /// - `s3://BUCKET?endpoint=URL&region=REGION&path-style=1`  a bucket; see s3::parseS3Url() for all parameters, and
-///   S3Client. RetryingClient retries failed calls. PipelinedUploadClient uploads parts in the background and
-///   ReadAheadClient prefetches, each with up to `transfers=N` transfers at a time and half of `memory=BYTES` for its
-///   buffers. `transfers=1` turns both off.
+///   S3Client
 ///
-/// CountingClient counts the calls of every store. On the result, findInterface() finds StoreCounters, UploadInventory
-/// and the store's own class.
+/// On the result, findInterface() finds StoreCounters, UploadInventory and the store's own class. The counters are
+/// those of CountingClient, or of RemoteClient.
 ///
 /// A URL must not contain credentials, because other users of the machine could read them; such a URL is refused. Any
 /// thread may call this, but no other thread may change the environment at the same time.

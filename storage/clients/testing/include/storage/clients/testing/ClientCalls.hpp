@@ -17,9 +17,9 @@ void put(cloudprovider::CloudClient& client, const std::string& key, const std::
 std::string get(
     cloudprovider::CloudClient& client, const std::string& key, std::uint64_t first = 0, std::uint64_t last = 0);
 
-/// @return the part's record for completeMultipartUpload(); its Offset is 0
+/// @return the part's record for completeMultipartUpload()
 cloudprovider::PartInfo uploadPart(cloudprovider::CloudClient& client, const std::string& key,
-    const std::string& uploadId, std::size_t index, const std::string& content);
+    const std::string& uploadId, std::size_t index, const std::string& content, std::uint64_t offset = 0);
 
 /// Replace the object by one of these parts, with one upload.
 void putParts(cloudprovider::CloudClient& client, const std::string& key, const std::vector<std::string>& parts);

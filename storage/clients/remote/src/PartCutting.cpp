@@ -1,0 +1,37 @@
+#include "PartCutting.hpp"
+
+#include <algorithm>
+
+namespace storage::clients
+{
+
+std::vector<cloudprovider::PartInfo> cutIntoParts(
+    const Version& object, std::uint64_t partSize, const StoreAbilities& store)
+{
+    constexpr std::uint64_t step = 256 << 10; // for round numbers
+    const std::uint64_t maxCount = store.maxParts / 2;
+    if (object.size > maxCount * partSize)
+    {
+        partSize = (object.size / maxCount / step + 1) * step;
+    }
+    if (object.size < store.minPartSize + partSize)
+    {
+        partSize = std::max(partSize, store.minPartSize);
+    }
+    std::vector<cloudprovider::PartInfo> parts;
+    parts.reserve(object.size / partSize + 2);
+    std::uint64_t offset = 0;
+    do
+    {
+        const std::uint64_t size = std::min(partSize, object.size - offset);
+        parts.push_back({parts.size(), offset, size, object.tag});
+        offset += size;
+    } while (offset < object.size);
+    if (parts.size() > 1 && partSize < store.minPartSize)
+    {
+        parts.push_back({parts.size(), offset, 0, object.tag});
+    }
+    return parts;
+}
+
+} // namespace storage::clients

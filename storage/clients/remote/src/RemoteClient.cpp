@@ -1,0 +1,170 @@
+#include <storage/clients/remote/RemoteClient.hpp>
+
+#include "CountingStore.hpp"
+#include "MemoryBudget.hpp"
+#include "ObjectReader.hpp"
+#include "ObjectWriter.hpp"
+#include "ReadAhead.hpp"
+#include "Retry.hpp"
+#include "TaskPool.hpp"
+#include "Uploads.hpp"
+
+#include <storage/clients/common/KeyRules.hpp>
+
+#include <limits>
+#include <utility>
+
+namespace storage::clients
+{
+
+using namespace cloudprovider;
+
+/// The parts of a client, each of which uses those before it.
+class RemoteClient::Engine
+{
+public:
+    Engine(std::unique_ptr<RemoteStore> inner, const RemoteSettings& settings)
+        : store(std::move(inner))
+        , retry(settings.retry, settings.clock, settings.interrupted)
+        , memory(settings.memory)
+        , reader(store, retry, pins, settings.partSize)
+        , writer(store, retry, pins, required)
+        , readAhead(reader, pool, memory, settings)
+        , uploads(store, retry, pins, required, reader, memory, pool)
+        , pool(settings.transfers > 1 ? settings.transfers : 0)
+    {
+    }
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
+
+    ~Engine()
+    {
+        readAhead.drop();
+        uploads.abortAll();
+    }
+
+    CountingStore store;
+    Retry retry;
+    VersionPins pins;
+    RequiredVersions required;
+    MemoryBudget memory;
+    ObjectReader reader;
+    ObjectWriter writer;
+    ReadAhead readAhead;
+    Uploads uploads;
+    TaskPool pool; // last: destroyed first, since its tasks use all others
+};
+
+RemoteClient::RemoteClient(std::unique_ptr<RemoteStore> store, const RemoteSettings& settings)
+    : m_engine(std::make_unique<Engine>(std::move(store), settings))
+{
+}
+
+RemoteClient::~RemoteClient() = default;
+
+ObjectInfo RemoteClient::getObjectInfo(const std::string& key)
+{
+    if (key.empty())
+    {
+        return {true, {}, 0, {}};
+    }
+    const auto object = m_engine->reader.find({Operation::GetObjectInfo, key});
+    return object ? ObjectInfo{true, object->version.tag, object->version.size, object->lastModified} : ObjectInfo();
+}
+
+void RemoteClient::validateObjectName(const std::string& name)
+{
+    checkObjectName(name);
+}
+
+std::vector<ObjectEntry> RemoteClient::listObjects(
+    const std::string& prefix, std::string& continuationToken, const ListOptions& options)
+{
+    return m_engine->reader.list(prefix, continuationToken, options);
+}
+
+void RemoteClient::deleteObject(const std::string& key)
+{
+    const ReadAhead::Write write(m_engine->readAhead, key);
+    m_engine->writer.remove(key);
+}
+
+void RemoteClient::getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last)
+{
+    const bool isWhole = first == 0 && last == 0;
+    const bool isRange = !isWhole && last >= first && last != std::numeric_limits<std::uint64_t>::max();
+    if (!isRange || !m_engine->readAhead.read(key, out, {first, last - first + 1}))
+    {
+        m_engine->reader.read(key, out, first, last);
+    }
+}
+
+void RemoteClient::putObject(const std::string& key, std::istream& content, std::uint64_t size)
+{
+    const ReadAhead::Write write(m_engine->readAhead, key);
+    m_engine->writer.put(key, content, size);
+}
+
+std::vector<PartInfo> RemoteClient::getObjectParts(const std::string& key)
+{
+    ReadAhead::PartsLookup lookup(m_engine->readAhead, key);
+    auto parts = m_engine->reader.parts(key);
+    lookup.succeeded(parts);
+    return parts;
+}
+
+std::string RemoteClient::createMultipartUpload(const std::string& key, const std::string& tag)
+{
+    return m_engine->uploads.create(key, tag);
+}
+
+std::string RemoteClient::uploadPart(
+    const std::string& key, const std::string& uploadId, const PartInfo& part, std::istream& content)
+{
+    return m_engine->uploads.send(key, uploadId, part, content);
+}
+
+std::string RemoteClient::copyPart(const std::string& key, const std::string& uploadId, const PartInfo& part)
+{
+    return m_engine->uploads.copy(key, uploadId, part);
+}
+
+void RemoteClient::abortMultipartUpload(const std::string& key, const std::string& uploadId)
+{
+    m_engine->uploads.abort(key, uploadId);
+}
+
+void RemoteClient::completeMultipartUpload(
+    const std::string& key, const std::string& uploadId, const std::vector<PartInfo>& parts)
+{
+    const ReadAhead::Write write(m_engine->readAhead, key);
+    m_engine->uploads.complete(key, uploadId, parts);
+}
+
+std::vector<PendingUpload> RemoteClient::pendingUploads()
+{
+    return m_engine->uploads.pending();
+}
+
+std::unique_ptr<WriteConditions::Condition> RemoteClient::requireVersion(const std::string& key, const std::string& tag)
+{
+    return m_engine->required.require(key, tag);
+}
+
+bool RemoteClient::isAtomic() const noexcept
+{
+    const StoreAbilities store = m_engine->store.abilities({});
+    return store.conditionalWrites && store.conditionalCreation && store.conditionalCompletion;
+}
+
+CallSnapshot RemoteClient::callSnapshot() const
+{
+    return m_engine->store.snapshot();
+}
+
+RemoteClient::Waiting RemoteClient::waiting() const
+{
+    return m_engine->retry.waiting();
+}
+
+} // namespace storage::clients

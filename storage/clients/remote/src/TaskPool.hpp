@@ -1,0 +1,54 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace storage::clients
+{
+
+/// The threads of one client. Tasks start in the order in which they were posted. A thread is started when a task finds
+/// none idle, up to a maximum, and stays until destruction. Any thread may post. Tasks must not wait for other tasks.
+class TaskPool
+{
+public:
+    using Task = std::function<void()>;
+
+    /// @param maxThreads  0: every task runs on the thread that posts it
+    explicit TaskPool(std::size_t maxThreads);
+    TaskPool(const TaskPool&) = delete;
+    TaskPool& operator=(const TaskPool&) = delete;
+
+    /// Run all posted tasks, then end the threads.
+    ~TaskPool();
+
+    /// Queue a task. If there is no thread and none can be started, run it before returning.
+    /// @param task  must not throw
+    void post(Task task);
+
+    /// Run tasks concurrently and wait for all of them. After a failure no further task starts; the first failure is
+    /// thrown when the running tasks have ended. Do not call this from a task.
+    void run(const std::vector<Task>& tasks);
+
+    /// Whether tasks run on other threads than those that post them.
+    bool isConcurrent() const noexcept { return m_maxThreads > 0; }
+
+private:
+    void startThread();
+    void work();
+
+    const std::size_t m_maxThreads;
+    std::mutex m_mutex; // innermost: not held while a task runs; guards all members below
+    std::condition_variable m_changed;
+    std::deque<Task> m_tasks;
+    std::size_t m_idle = 0; // threads that wait for a task, or will next
+    bool m_isEnding = false;
+    bool m_hasWarned = false; // that a thread could not be started
+    std::vector<std::thread> m_threads;
+};
+
+} // namespace storage::clients

@@ -1,0 +1,139 @@
+#pragma once
+
+#include "PartSpool.hpp"
+#include "Retry.hpp"
+#include "UploadPlan.hpp"
+
+#include <storage/clients/common/VersionPins.hpp>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace storage::clients
+{
+
+/// What a client knows of one upload that it created. It is opened at the store with the first part that is sent. Safe
+/// for concurrent calls.
+class Upload
+{
+public:
+    struct Part
+    {
+        PartPlace place = PartPlace::Uploaded;
+        std::size_t size = 0;         ///< bytes
+        std::uint64_t offset = 0;     ///< of Object: where it begins in the stored object; else as the caller said
+        Version source = {};          ///< of Object: the stored object's version
+        std::uint64_t spooled = 0;    ///< of Spooled: its position in the spool
+        std::size_t number = 0;       ///< of Uploaded: in the store
+        std::string storeTag = {};    ///< of Uploaded: the store's; empty: the part is on the way, or lost
+        std::exception_ptr failure{}; ///< of Uploaded: why its bytes are lost; null: they are not
+        std::uint64_t generation = 0; ///< set when it is recorded; tells uploads of the same part apart
+        bool isStarted = false;       ///< of a part on the way: startSending() was called
+    };
+
+    /// @param base   tag of the object that the new one replaces parts of; empty: there is none, or it is unknown
+    /// @param isNew  there is none
+    Upload(std::string id, std::string key, std::string base, bool isNew)
+        : m_id(std::move(id))
+        , m_key(std::move(key))
+        , m_base(std::move(base))
+        , m_isNew(isNew)
+    {
+    }
+
+    const std::string& id() const noexcept { return m_id; }
+    const std::string& key() const noexcept { return m_key; }
+    const std::string& base() const noexcept { return m_base; }
+    bool isNew() const noexcept { return m_isNew; }
+    PartSpool& spool() noexcept { return m_spool; }
+    Outage& outage() noexcept { return m_outage; }
+
+    /// The store's own id of the upload, which is opened first if it is not open. If another thread is opening it, wait
+    /// for that. If that fails, fail with the same exception, so that the threads do not fail one after the other.
+    ///
+    /// @param open  opens the upload at the store and returns its id; not called again after it has succeeded
+    std::string ensureStoreId(const std::function<std::string()>& open);
+
+    /// The same, without opening; empty if the upload is not open at the store. Waits while it is being opened.
+    std::string storeId() const;
+
+    /// The tag of a part outside the client.
+    std::string tagOf(std::size_t index, const Part& part) const;
+
+    std::optional<Part> part(std::size_t index) const;
+
+    /// Record a part that is not on the way, in place of an earlier one with this index. Waits while that is on the
+    /// way.
+    /// @return its tag
+    std::string setPart(std::size_t index, Part part);
+
+    /// Record that a part is on the way. Replaces and waits like setPart().
+    ///
+    /// Its number in the store leaves enough numbers for the parts before it, whatever they become.
+    /// @return nullopt: there is no such number, and nothing was recorded
+    std::optional<Part> beginSending(const cloudprovider::PartInfo& part, const StoreAbilities& store);
+
+    /// Whether the part is still to be sent. If not, it was dropped.
+    bool startSending(std::size_t index, std::uint64_t generation);
+
+    /// Record how the transfer of a part has ended, after startSending() has returned true.
+    /// @param spooled  position of the part's bytes in the spool; nullopt: they are lost
+    void setSent(std::size_t index, std::string storeTag) noexcept;
+    void setFailed(std::size_t index, std::exception_ptr failure, const std::optional<std::uint64_t>& spooled) noexcept;
+
+    /// Throw the first failure of a part since the last report.
+    void reportFailure();
+    void forgetUnreported();
+
+    /// Wait until no part is on the way.
+    void waitUntilIdle();
+
+    /// Forget the bytes of all parts that are not sent and not being sent. They count as lost.
+    void dropUnsent();
+
+    /// Remember that a planned part is in the store, for a retry of the completion.
+    void recordDone(const PlannedPart& part, const std::string& tag);
+    /// @return its tag; nothing when it is not in the store yet
+    std::optional<std::string> doneTag(const PlannedPart& part) const;
+    void forgetDone();
+
+    /// Whether an earlier completion request was sent and its response was lost.
+    bool isOutcomeUnknown() const;
+    void setOutcomeUnknown();
+
+private:
+    // These require m_mutex.
+    void replacePart(std::size_t index, Part part);
+    bool isOnTheWay(std::size_t index) const;
+    std::size_t numberFor(const cloudprovider::PartInfo& part, const StoreAbilities& store) const;
+
+    const std::string m_id;
+    const std::string m_key;
+    const std::string m_base;
+    const bool m_isNew;
+    PartSpool m_spool;
+    Outage m_outage;
+    mutable std::mutex m_openingMutex;   // held while the upload is opened; taken before m_mutex
+    std::string m_storeId;               // guarded by m_openingMutex
+    std::exception_ptr m_openingFailure; // guarded by m_openingMutex; the last one
+    std::atomic<unsigned> m_failedOpenings = 0;
+    mutable std::mutex m_mutex;          // innermost; guards everything below
+    std::condition_variable m_changed;   // a transfer has ended
+    std::map<std::size_t, Part> m_parts; // by index
+    std::size_t m_sending = 0;           // parts that are on the way
+    std::uint64_t m_generation = 0;
+    std::exception_ptr m_unreported; // of the first transfer that failed since the last report
+    std::map<std::size_t, std::pair<PlannedPart, std::string>> m_done; // by number; cleared when a part is uploaded
+    bool m_isOutcomeUnknown = false;
+};
+
+} // namespace storage::clients

@@ -1,0 +1,330 @@
+#include "UploadPlan.hpp"
+
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace storage::clients
+{
+
+namespace
+{
+
+using How = PlannedPart::How;
+using Segments = std::vector<PlannedBytes>;
+
+[[noreturn]] void refuse(const std::string& reason)
+{
+    throw cloudprovider::UnsupportedOperationException("the store would refuse the upload: " + reason);
+}
+
+PlannedBytes bytesOf(const FilePart& part)
+{
+    return part.place == PartPlace::Spooled ? PlannedBytes{part.place, part.index, 0, part.size}
+                                            : PlannedBytes{part.place, 0, part.offset, part.size};
+}
+
+std::uint64_t sizeOf(const Segments& segments)
+{
+    std::uint64_t size = 0;
+    for (const PlannedBytes& bytes : segments)
+    {
+        size += bytes.size;
+    }
+    return size;
+}
+
+/// Append bytes to the segments; adjacent ranges of the object are merged.
+void append(Segments& segments, const PlannedBytes& bytes)
+{
+    if (!segments.empty() && segments.back().place == PartPlace::Object && bytes.place == PartPlace::Object &&
+        segments.back().offset + segments.back().size == bytes.offset)
+    {
+        segments.back().size += bytes.size;
+    }
+    else if (bytes.size > 0)
+    {
+        segments.push_back(bytes);
+    }
+}
+
+/// Remove the first `size` bytes from the segments and return them.
+Segments takeFront(Segments& segments, std::uint64_t size)
+{
+    Segments front;
+    while (size > 0)
+    {
+        PlannedBytes& first = segments.front();
+        PlannedBytes taken = first;
+        taken.size = std::min(size, first.size);
+        front.push_back(taken);
+        size -= taken.size;
+        first.offset += taken.size;
+        first.size -= taken.size;
+        if (first.size == 0)
+        {
+            segments.erase(segments.begin());
+        }
+    }
+    return front;
+}
+
+/// Plans the run of bytes between two uploaded parts. Each part of it must have the minimum size; only the last part of
+/// the file may be smaller.
+class PartRun
+{
+public:
+    /// @param isLast    whether it ends the file
+    /// @param maxParts  maximum number of parts
+    PartRun(const StoreAbilities& store, bool isLast, std::size_t maxParts)
+        : m_store(store)
+        , m_isLast(isLast)
+        , m_maxParts(maxParts)
+    {
+    }
+
+    void add(const FilePart& part) { append(m_bytes, bytesOf(part)); }
+
+    std::vector<PlannedPart> plan()
+    {
+        for (std::size_t i = 0; i < m_bytes.size(); ++i)
+        {
+            const PlannedBytes& bytes = m_bytes[i];
+            if (bytes.place == PartPlace::Object && m_store.maxTakeSize > 0)
+            {
+                addObjectRange(bytes, m_isLast && i + 1 == m_bytes.size());
+            }
+            else
+            {
+                append(m_pending, bytes);
+            }
+        }
+        if (!m_isLast && !m_pending.empty() && sizeOf(m_pending) < m_store.minPartSize)
+        {
+            fillFromPrevious();
+        }
+        send();
+        return split();
+    }
+
+private:
+    void addObjectRange(PlannedBytes bytes, bool isTail)
+    {
+        const std::uint64_t unsent = sizeOf(m_pending);
+        if (unsent > 0 && unsent < m_store.minPartSize)
+        {
+            const std::uint64_t filling = std::min(bytes.size, m_store.minPartSize - unsent);
+            append(m_pending, {bytes.place, bytes.index, bytes.offset, filling});
+            bytes.offset += filling;
+            bytes.size -= filling;
+        }
+        if (bytes.size < m_store.minPartSize && !isTail)
+        {
+            append(m_pending, bytes); // too few for a part of their own
+        }
+        else if (bytes.size > 0)
+        {
+            send();
+            m_parts.push_back({0, How::Copy, bytes.size, {bytes}});
+        }
+    }
+
+    void send()
+    {
+        if (!m_pending.empty())
+        {
+            const std::uint64_t size = sizeOf(m_pending);
+            m_parts.push_back({0, How::Send, size, std::exchange(m_pending, {})});
+        }
+    }
+
+    /// Enlarge a remainder that is too small to be a part and precedes an uploaded part: move bytes to it from the part
+    /// planned last, or all of that part.
+    void fillFromPrevious()
+    {
+        if (m_parts.empty())
+        {
+            refuse(
+                fmt::format("{} bytes before an uploaded part are too few for a part of their own", sizeOf(m_pending)));
+        }
+        PlannedPart& before = m_parts.back();
+        const std::uint64_t missing = m_store.minPartSize - sizeOf(m_pending);
+        const bool givesSome = before.how == How::Copy && before.size >= m_store.minPartSize + missing;
+        Segments kept = takeFront(before.bytes, givesSome ? before.size - missing : 0);
+        Segments filled = std::move(before.bytes);
+        for (const PlannedBytes& bytes : m_pending)
+        {
+            append(filled, bytes);
+        }
+        m_pending = std::move(filled);
+        if (givesSome)
+        {
+            before.bytes = std::move(kept);
+            before.size -= missing;
+        }
+        else
+        {
+            m_parts.pop_back();
+        }
+    }
+
+    /// Split each planned part into as few parts of about equal size as the limits allow.
+    std::vector<PlannedPart> split()
+    {
+        const std::uint64_t sendSize = minSendSize();
+        std::vector<PlannedPart> pieces;
+        for (PlannedPart& part : m_parts)
+        {
+            for (std::uint64_t left = piecesOf(part, sendSize); left > 0; --left)
+            {
+                const std::uint64_t size = (part.size + left - 1) / left;
+                pieces.push_back({0, part.how, size, takeFront(part.bytes, size)});
+                part.size -= size;
+            }
+        }
+        return pieces;
+    }
+
+    /// Copies are as large as possible; parts that are sent are small, since they are kept in memory.
+    std::uint64_t piecesOf(const PlannedPart& part, std::uint64_t sendSize) const
+    {
+        return part.how == How::Copy ? (part.size + m_store.maxTakeSize - 1) / m_store.maxTakeSize
+                                     : std::max<std::uint64_t>(part.size / sendSize, 1);
+    }
+
+    /// @return minimum bytes of a part that results from splitting, so that the number of parts stays within m_maxParts
+    std::uint64_t minSendSize() const
+    {
+        std::uint64_t largest = 0;
+        for (const PlannedPart& part : m_parts)
+        {
+            largest = std::max(largest, part.how == How::Send ? part.size : 0);
+        }
+        const auto count = [this](std::uint64_t size)
+        {
+            std::uint64_t pieces = 0;
+            for (const PlannedPart& part : m_parts)
+            {
+                pieces += piecesOf(part, size);
+            }
+            return pieces;
+        };
+        std::uint64_t size = m_store.minPartSize;
+        while (size < largest && count(size) > m_maxParts)
+        {
+            size += size / 8 + 1;
+        }
+        return size;
+    }
+
+    const StoreAbilities& m_store;
+    const bool m_isLast;
+    const std::size_t m_maxParts;
+    Segments m_bytes;
+    Segments m_pending;               // to be sent together with the bytes that follow
+    std::vector<PlannedPart> m_parts; // not split yet
+};
+
+/// Plan each part of the file on its own.
+std::vector<PlannedPart> planEqual(const std::vector<FilePart>& file, const StoreAbilities& store)
+{
+    std::vector<PlannedPart> parts;
+    for (const FilePart& part : file)
+    {
+        const bool isCopied = part.place == PartPlace::Object && part.size > 0 && part.size <= store.maxTakeSize;
+        PlannedPart planned{part.index + 1, isCopied ? How::Copy : How::Send, part.size, {}};
+        if (part.place == PartPlace::Uploaded)
+        {
+            planned.how = How::Keep;
+        }
+        else
+        {
+            append(planned.bytes, bytesOf(part));
+        }
+        parts.push_back(std::move(planned));
+    }
+    for (std::size_t i = 1; i < parts.size(); ++i)
+    {
+        const bool isLast = i + 1 == parts.size();
+        if (isLast ? parts[i].size > parts[0].size : parts[i].size != parts[0].size)
+        {
+            refuse(fmt::format("part {} has {} bytes; every part but the last must have {} bytes, like the first",
+                parts[i].number, parts[i].size, parts[0].size));
+        }
+    }
+    return parts;
+}
+
+std::vector<PlannedPart> planJoined(const std::vector<FilePart>& file, const StoreAbilities& store)
+{
+    std::vector<PlannedPart> parts;
+    for (auto next = file.begin(); next != file.end();)
+    {
+        const auto sent =
+            std::find_if(next, file.end(), [](const FilePart& part) { return part.place == PartPlace::Uploaded; });
+        const std::size_t used = parts.empty() ? 0 : parts.back().number;
+        const std::size_t end = sent == file.end() ? store.maxParts : sent->number - 1;
+        PartRun run(store, sent == file.end(), std::max(end, used) - used);
+        for (; next != sent; ++next)
+        {
+            run.add(*next);
+        }
+        for (PlannedPart& part : run.plan())
+        {
+            part.number = (parts.empty() ? 0 : parts.back().number) + 1;
+            parts.push_back(std::move(part));
+        }
+        if (sent != file.end())
+        {
+            if (!parts.empty() && parts.back().number >= sent->number)
+            {
+                refuse(fmt::format("too many parts precede part {}", sent->number));
+            }
+            parts.push_back({sent->number, How::Keep, sent->size, {}});
+            ++next;
+        }
+    }
+    if (parts.empty())
+    {
+        parts.push_back({1, How::Send, 0, {}}); // an empty object
+    }
+    return parts;
+}
+
+} // namespace
+
+UploadPlan planUpload(const std::vector<FilePart>& file, const StoreAbilities& store)
+{
+    UploadPlan plan;
+    for (const FilePart& part : file)
+    {
+        plan.size += part.size;
+    }
+    if (plan.size > store.maxObjectSize)
+    {
+        refuse(fmt::format("the object would have {} bytes; the maximum is {}", plan.size, store.maxObjectSize));
+    }
+    plan.parts = store.equalParts ? planEqual(file, store) : planJoined(file, store);
+    if (plan.parts.back().number > store.maxParts)
+    {
+        refuse(
+            fmt::format("the object would have {} parts; the maximum is {}", plan.parts.back().number, store.maxParts));
+    }
+    for (const PlannedPart& part : plan.parts)
+    {
+        if (part.size < store.minPartSize && &part != &plan.parts.back())
+        {
+            refuse(fmt::format("part {} has {} bytes; every part but the last needs at least {}", part.number,
+                part.size, store.minPartSize));
+        }
+    }
+    plan.hasCopies = std::any_of(
+        plan.parts.begin(), plan.parts.end(), [](const PlannedPart& part) { return part.how == How::Copy; });
+    return plan;
+}
+
+} // namespace storage::clients

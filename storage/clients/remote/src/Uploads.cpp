@@ -1,0 +1,617 @@
+#include "Uploads.hpp"
+
+#include <storage/clients/common/Content.hpp>
+#include <storage/clients/common/KeyRules.hpp>
+#include <storage/clients/common/PartRules.hpp>
+#include <storage/clients/common/TransientException.hpp>
+#include <storage/clients/remote/RemoteFailures.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+#include <storage/cloudprovider/Logger.hpp>
+
+#include <foundation/log/Severity.hpp>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+#include <list>
+#include <string_view>
+#include <utility>
+
+namespace storage::clients
+{
+
+using namespace cloudprovider;
+
+namespace
+{
+
+[[noreturn]] void throwObjectChanged(Operation operation, const std::string& key)
+{
+    throw UnknownErrorException(
+        "Object changed", fmt::format("{} of {} failed: somebody has changed or removed the object since it was opened",
+                              name(operation), quoted(key)));
+}
+
+[[noreturn]] void throwOutcomeUnknown(const std::string& key)
+{
+    throw UnknownErrorException("Outcome unknown",
+        fmt::format("{} of {} failed: the response was lost, the upload no longer exists, and the object under the key "
+                    "is not the expected one; the upload may have been aborted, the object may have been replaced, or "
+                    "the store uses tags of its own",
+            name(Operation::CompleteMultipartUpload), quoted(key)));
+}
+
+/// A part without a tag could not be listed in the completion.
+std::string requireTag(const std::string& key, std::string tag)
+{
+    if (tag.empty())
+    {
+        throw UnusableResponse("Malformed response", "the store gave no tag to a part of " + quoted(key));
+    }
+    return tag;
+}
+
+/// Keep the bytes of a part that could not be sent. @return their position; nullopt: there is no space
+std::optional<std::uint64_t> spool(Upload& upload, std::string_view bytes) noexcept
+{
+    try
+    {
+        const std::uint64_t position = upload.spool().allocate(bytes.size());
+        std::memcpy(upload.spool().map(position, bytes.size()).data(), bytes.data(), bytes.size());
+        return position;
+    }
+    catch (...) // the failure to send is the one to report
+    {
+        return std::nullopt;
+    }
+}
+
+} // namespace
+
+Retry::Request Uploads::request(Operation operation, Upload& upload) const
+{
+    return {operation, upload.key(), &upload.outage()};
+}
+
+std::string Uploads::create(const std::string& key, const std::string& tag)
+{
+    return m_registry.begin(key, tag);
+}
+
+std::string Uploads::openAtStore(Upload& upload)
+{
+    return upload.ensureStoreId(
+        [&]
+        {
+            return m_retry.run(
+                request(Operation::CreateMultipartUpload, upload), [&] { return m_store.createUpload(upload.key()); });
+        });
+}
+
+std::string Uploads::sendBody(Upload& upload, std::size_t number, RequestBody& body)
+{
+    const std::string storeId = openAtStore(upload);
+    return m_retry.run(request(Operation::UploadPart, upload),
+        [&] { return requireTag(upload.key(), m_store.uploadPart(upload.key(), storeId, number, body)); });
+}
+
+std::string Uploads::send(const std::string& key, const std::string& id, const PartInfo& part, std::istream& content)
+{
+    const auto upload = m_registry.find(key, id);
+    checkKey(key); // not when the upload is created, because a close might hide that failure
+    const StoreAbilities store = m_store.abilities(key);
+    if (upload->isNew() && part.Index >= store.maxParts)
+    {
+        throw UnknownErrorException("Too many parts",
+            fmt::format("{} cannot have a part {}: the store accepts at most {} parts; write it in larger parts",
+                quoted(key), part.Index + 1, store.maxParts));
+    }
+    std::optional<PartBytes> bytes;
+    if (part.Size >= store.minPartSize || store.equalParts)
+    {
+        bytes.emplace(m_memory, part.Size);
+    }
+    if (const auto failure = upload->outage().failure(m_retry.now()))
+    {
+        std::rethrow_exception(failure);
+    }
+    upload->reportFailure();
+    if (!bytes)
+    {
+        return spoolPart(*upload, part, [&](char* target) { readContent(key, content, target, part.Size); });
+    }
+    readContent(key, content, bytes->data(), part.Size);
+    if (const auto sending = upload->beginSending(part, store))
+    {
+        return sendLater(upload, part.Index, *sending, std::make_shared<PartBytes>(std::move(*bytes)));
+    }
+    return spoolPart(*upload, part, [&](char* target) { std::memcpy(target, bytes->data(), part.Size); });
+}
+
+std::string Uploads::spoolPart(Upload& upload, const PartInfo& part, const std::function<void(char* target)>& write)
+{
+    const std::uint64_t position = upload.spool().allocate(part.Size);
+    try
+    {
+        write(upload.spool().map(position, part.Size).data());
+        return upload.setPart(
+            part.Index, {.place = PartPlace::Spooled, .size = part.Size, .offset = part.Offset, .spooled = position});
+    }
+    catch (...)
+    {
+        upload.spool().free(position, part.Size);
+        throw;
+    }
+}
+
+std::string Uploads::sendLater(
+    const UploadPtr& upload, std::size_t index, const Upload::Part& part, const std::shared_ptr<PartBytes>& bytes)
+{
+    const auto task = [this, upload, index, number = part.number, generation = part.generation, bytes]
+    {
+        if (!upload->startSending(index, generation))
+        {
+            return;
+        }
+        const std::string_view content(bytes->data(), bytes->size());
+        try
+        {
+            SpanBody body({content});
+            upload->setSent(index, sendBody(*upload, number, body));
+        }
+        catch (...)
+        {
+            upload->setFailed(index, std::current_exception(),
+                upload->outage().isAborting() ? std::nullopt : spool(*upload, content));
+        }
+    };
+    try
+    {
+        std::string tag = upload->tagOf(index, part);
+        bytes->isInMemory() ? m_pool.post(task) : task();
+        return tag;
+    }
+    catch (...) // no memory
+    {
+        upload->setFailed(index, std::current_exception(), std::nullopt);
+        throw;
+    }
+}
+
+std::string Uploads::copy(const std::string& key, const std::string& id, const PartInfo& part)
+{
+    const auto upload = m_registry.find(key, id);
+    upload->reportFailure();
+    const Version source = requireSource(part, *upload);
+    return upload->setPart(
+        part.Index, {.place = PartPlace::Object, .size = part.Size, .offset = part.Offset, .source = source});
+}
+
+/// @return the stored version that the part is copied from
+Version Uploads::requireSource(const PartInfo& part, Upload& upload)
+{
+    const auto wanted = m_registry.versionOf(part.Tag);
+    if (!wanted)
+    {
+        throwObjectChanged(Operation::CopyPart, upload.key());
+    }
+    std::optional<Version> stored = m_pins.pinned(upload.key());
+    if (!stored || (!wanted->empty() && stored->tag != *wanted))
+    {
+        const auto object = m_reader.find(request(Operation::CopyPart, upload));
+        if (!object)
+        {
+            throw ResourceNotFoundException(fmt::format(
+                "{} of {} failed: there is no such object", name(Operation::CopyPart), quoted(upload.key())));
+        }
+        stored = object->version;
+    }
+    if (!wanted->empty() && stored->tag != *wanted)
+    {
+        throwObjectChanged(Operation::CopyPart, upload.key());
+    }
+    if (part.Offset > stored->size || part.Size > stored->size - part.Offset)
+    {
+        throw UnknownErrorException("Invalid range",
+            fmt::format("{} of {} failed: bytes {} to {} end beyond the object of {} bytes", name(Operation::CopyPart),
+                quoted(upload.key()), part.Offset, part.Offset + part.Size, stored->size));
+    }
+    return *stored;
+}
+
+void Uploads::abort(const std::string& key, const std::string& id)
+{
+    if (!m_registry.isOwn(id))
+    {
+        abortForeign(key, id);
+        return;
+    }
+    const auto upload = m_registry.find(key, id);
+    upload->outage().setAborting(true);
+    upload->dropUnsent();
+    upload->waitUntilIdle();
+    upload->outage().setAborting(false);
+    abortOwn(*upload);
+    m_registry.finish(id, upload->base());
+}
+
+void Uploads::abortOwn(Upload& upload)
+{
+    const std::string storeId = upload.storeId();
+    if (storeId.empty())
+    {
+        return;
+    }
+    const auto failure = upload.outage().failure(m_retry.now());
+    if (failure && !upload.outage().mayAbort(m_retry.now()))
+    {
+        std::rethrow_exception(failure);
+    }
+    try
+    {
+        const auto abort = [&] { m_store.abortUpload(upload.key(), storeId); };
+        failure ? abort() : m_retry.run(request(Operation::AbortMultipartUpload, upload), abort);
+    }
+    catch (const ResourceNotFoundException&) // an upload that no longer exists counts as aborted
+    {
+    }
+}
+
+void Uploads::abortForeign(const std::string& key, const std::string& storeId)
+{
+    if (key.empty() || storeId.empty()) // with one of them empty it would be another request
+    {
+        throw ResourceNotFoundException("no upload " + quoted(storeId) + " of " + quoted(key) + " is open");
+    }
+    // @return whether the set has changed
+    const auto setUnconfirmed = [&](bool isUnconfirmed)
+    {
+        const std::lock_guard lock(m_mutex);
+        return isUnconfirmed ? m_unconfirmedAborts.insert(storeId).second : m_unconfirmedAborts.erase(storeId) != 0;
+    };
+    m_retry.run({Operation::AbortMultipartUpload, key},
+        [&]
+        {
+            try
+            {
+                m_store.abortUpload(key, storeId);
+                setUnconfirmed(false);
+            }
+            catch (const ResourceNotFoundException&)
+            {
+                if (!setUnconfirmed(false))
+                {
+                    throw;
+                }
+            }
+            catch (const TransientException&)
+            {
+                setUnconfirmed(true);
+                throw;
+            }
+        });
+}
+
+void Uploads::abortAll() noexcept
+try
+{
+    for (const UploadPtr& upload : m_registry.open())
+    {
+        try
+        {
+            abort(upload->key(), upload->id());
+        }
+        catch (const CloudException& failure)
+        {
+            getLogger().write(foundation::log::severity::error,
+                fmt::format("Aborting an upload of {} failed; it stays open: {}", quoted(upload->key()),
+                    failure.detail().value_or(failure.what())));
+            if (dynamic_cast<const TransientException*>(&failure) != nullptr)
+            {
+                return;
+            }
+        }
+    }
+}
+catch (...) // no memory, even for a message
+{
+}
+
+void Uploads::complete(const std::string& key, const std::string& id, const std::vector<PartInfo>& parts)
+{
+    const auto upload = m_registry.find(key, id);
+    // What could not be sent is reported by the failure that is thrown.
+    const auto forgetUnreported = [&]
+    {
+        upload->waitUntilIdle();
+        upload->forgetUnreported();
+    };
+    try
+    {
+        m_registry.finish(id, assembleObject(*upload, parts));
+    }
+    catch (const TransientException&)
+    {
+        forgetUnreported();
+        throw;
+    }
+    catch (...)
+    {
+        forgetUnreported();
+        if (!upload->isOutcomeUnknown()) // otherwise the tags of the parts tell whether the new object was stored
+        {
+            upload->forgetDone(); // the parts may be of another version than the one that a retry will find
+        }
+        throw;
+    }
+}
+
+/// @return the new object's tag
+std::string Uploads::assembleObject(Upload& upload, const std::vector<PartInfo>& parts)
+{
+    Completion completion = prepare(upload, parts);
+    std::optional<std::vector<NumberedTag>> tags;
+    for (;;)
+    {
+        transferParts(upload, completion);
+        upload.waitUntilIdle();
+        tags = tagsOf(upload, completion);
+        if (tags)
+        {
+            break;
+        }
+        completion = prepare(upload, parts); // a part that was on the way has failed and is in the spool now
+    }
+    // Not before the transfers: they may take minutes and change no object, and a read that finds another version
+    // waits.
+    VersionPins::Write write(m_pins, upload.key());
+    std::string tag = m_retry.run(
+        request(Operation::CompleteMultipartUpload, upload), [&] { return finish(upload, completion, *tags); });
+    if (!tag.empty())
+    {
+        write.succeeded({tag, completion.plan.size});
+    }
+    return tag;
+}
+
+Uploads::Completion Uploads::prepare(Upload& upload, const std::vector<PartInfo>& parts)
+{
+    checkPartList(upload.key(), parts,
+        [&](std::size_t index) -> std::optional<SentPart>
+        {
+            const auto part = upload.part(index);
+            return part ? std::optional(SentPart{upload.tagOf(index, *part), part->size}) : std::nullopt;
+        });
+    Completion completion;
+    std::vector<FilePart> file;
+    for (const PartInfo& listed : parts)
+    {
+        const Upload::Part part = upload.part(listed.Index).value();
+        if (part.failure)
+        {
+            std::rethrow_exception(part.failure);
+        }
+        file.push_back({listed.Index, part.place, part.size, part.offset, part.number});
+        if (part.place == PartPlace::Uploaded)
+        {
+            completion.kept.emplace(part.number, listed.Index);
+        }
+        else if (part.place == PartPlace::Object)
+        {
+            if (!completion.source.tag.empty() && completion.source.tag != part.source.tag)
+            {
+                throwObjectChanged(Operation::CompleteMultipartUpload, upload.key());
+            }
+            completion.source = part.source;
+        }
+    }
+    completion.plan = planUpload(file, m_store.abilities(upload.key()));
+    std::string replaces = completion.source.tag;
+    if (replaces.empty() && !upload.base().empty())
+    {
+        // A version that this process has written since the file was opened may be replaced.
+        const auto current = m_pins.pinned(upload.key());
+        const bool isOurs = current && m_pins.descends(upload.key(), current->tag, upload.base());
+        replaces = isOurs ? current->tag : upload.base();
+    }
+    completion.replaces = m_required.find(upload.key());
+    if (completion.replaces && !replaces.empty() && replaces != *completion.replaces)
+    {
+        throwOtherVersion(upload.key(), *completion.replaces);
+    }
+    if (!completion.replaces && !replaces.empty())
+    {
+        completion.replaces = replaces;
+    }
+    return completion;
+}
+
+/// Copy and send the parts that are not sent yet.
+void Uploads::transferParts(Upload& upload, const Completion& completion)
+{
+    std::vector<TaskPool::Task> tasks;
+    for (const PlannedPart& part : completion.plan.parts)
+    {
+        if (part.how != PlannedPart::How::Keep && !upload.doneTag(part))
+        {
+            tasks.emplace_back([&] { upload.recordDone(part, transferPart(upload, part, completion.source)); });
+        }
+    }
+    m_pool.run(tasks);
+}
+
+/// @return the store's tag
+std::string Uploads::transferPart(Upload& upload, const PlannedPart& part, const Version& source)
+{
+    if (part.how == PlannedPart::How::Copy)
+    {
+        const std::string storeId = openAtStore(upload);
+        const ByteRange range{part.bytes.front().offset, part.size};
+        return m_retry.run(request(Operation::CopyPart, upload), [&]
+            { return requireTag(upload.key(), m_store.takePart(upload.key(), storeId, part.number, source, range)); });
+    }
+    std::list<MappedBytes> mapped;
+    std::vector<std::string_view> pieces;
+    for (const PlannedBytes& bytes : part.bytes)
+    {
+        if (bytes.place == PartPlace::Spooled)
+        {
+            const std::uint64_t position = upload.part(bytes.index).value().spooled;
+            mapped.push_back(upload.spool().map(position + bytes.offset, bytes.size));
+        }
+        else
+        {
+            mapped.push_back(PartSpool::scratch(bytes.size));
+            m_reader.readVersion(
+                request(Operation::CopyPart, upload), mapped.back().data(), {bytes.offset, bytes.size}, source);
+        }
+        pieces.emplace_back(mapped.back().data(), bytes.size);
+    }
+    SpanBody body(std::move(pieces));
+    return sendBody(upload, part.number, body);
+}
+
+/// @return the tags of all parts; nullopt: a part that was to be kept could not be sent
+std::optional<std::vector<NumberedTag>> Uploads::tagsOf(const Upload& upload, const Completion& completion) const
+{
+    std::vector<NumberedTag> tags;
+    for (const PlannedPart& planned : completion.plan.parts)
+    {
+        std::optional<std::string> tag;
+        if (planned.how != PlannedPart::How::Keep)
+        {
+            tag = upload.doneTag(planned);
+        }
+        else if (const auto part = upload.part(completion.kept.at(planned.number)))
+        {
+            tag = part->storeTag;
+        }
+        if (!tag || tag->empty())
+        {
+            return std::nullopt;
+        }
+        tags.emplace_back(planned.number, *tag);
+    }
+    return tags;
+}
+
+/// Make one attempt to complete the upload. @return the new object's tag
+std::string Uploads::finish(Upload& upload, const Completion& completion, const std::vector<NumberedTag>& parts)
+{
+    const std::string& key = upload.key();
+    const std::string newTag = m_store.tagOf(parts);
+    const auto isDone = [&](const std::optional<StoredObject>& stored)
+    { return upload.isOutcomeUnknown() && stored && !newTag.empty() && stored->version.tag == newTag; };
+
+    const StoreAbilities store = m_store.abilities(key);
+    const bool mustCreate = completion.replaces && completion.replaces->empty();
+    const bool needsLookup =
+        mustCreate ? !store.conditionalCreation
+                   : completion.replaces &&
+                         ((completion.plan.hasCopies && !store.conditionalTakes) || !store.conditionalCompletion);
+    if (upload.isOutcomeUnknown() || needsLookup)
+    {
+        // After the last copy: if the object is still this version, all copies came from it.
+        const auto stored = m_store.findObject(key);
+        if (isDone(stored))
+        {
+            return newTag;
+        }
+        if (completion.replaces && *completion.replaces != (stored ? stored->version.tag : ""))
+        {
+            // No completion has taken effect while the upload is open: the object is somebody else's.
+            if (upload.isOutcomeUnknown() && !isOpenAtStore(upload).value_or(false))
+            {
+                throwOutcomeUnknown(key);
+            }
+            mustCreate ? throwOtherVersion(key, "") : throwObjectChanged(Operation::CompleteMultipartUpload, key);
+        }
+    }
+    try
+    {
+        const std::string tag = m_store.completeUpload(key, upload.storeId(), parts, completion.replaces);
+        return tag.empty() ? newTag : tag;
+    }
+    catch (const TransientException&)
+    {
+        upload.setOutcomeUnknown();
+        // Look up the upload before the object: the store removes the upload after it has stored the object.
+        if (isOpenAtStore(upload).value_or(true))
+        {
+            throw;
+        }
+    }
+    catch (const ResourceNotFoundException&)
+    {
+        upload.setOutcomeUnknown();
+    }
+    catch (const UnknownErrorException& failure)
+    {
+        // A request that was sent twice may have been refused because the first one has succeeded.
+        const auto* const refusal = dynamic_cast<const PreconditionFailed*>(&failure);
+        const bool isThere = mustCreate && refusal != nullptr;
+        if (!isThere || refusal->wasSentTwice())
+        {
+            upload.setOutcomeUnknown();
+        }
+        if (!isDone(m_store.findObject(key)))
+        {
+            isThere ? throwOtherVersion(key, "") : throw;
+        }
+    }
+    if (isDone(m_store.findObject(key)))
+    {
+        return newTag;
+    }
+    throwOutcomeUnknown(key);
+}
+
+/// Whether the upload still exists; nothing when the store does not tell. A TransientException passes: the attempt to
+/// complete the upload is made again.
+std::optional<bool> Uploads::isOpenAtStore(const Upload& upload)
+{
+    try
+    {
+        return m_store.isOpen(upload.key(), upload.storeId());
+    }
+    catch (const TransientException&)
+    {
+        throw;
+    }
+    catch (const CloudException&)
+    {
+        return std::nullopt;
+    }
+}
+
+std::vector<PendingUpload> Uploads::pending()
+{
+    static const std::string noKey;
+    std::vector<PendingUpload> uploads;
+    std::set<std::string> tokens;
+    for (std::string token;;)
+    {
+        UploadsPage page = m_retry.run({Operation::ListObjects, noKey}, [&] { return m_store.listUploads(token); });
+        for (PendingUpload& upload : page.uploads)
+        {
+            upload.uploadId = m_registry.ownIdOf(upload.uploadId).value_or(upload.uploadId);
+            uploads.push_back(std::move(upload));
+        }
+        token = std::move(page.nextToken);
+        if (token.empty())
+        {
+            break;
+        }
+        if (!tokens.insert(token).second)
+        {
+            throw UnknownErrorException(
+                "Malformed response", "listing the open uploads failed: the store repeats a page of its list");
+        }
+    }
+    std::stable_sort(
+        uploads.begin(), uploads.end(), [](const auto& a, const auto& b) { return a.created < b.created; });
+    return uploads;
+}
+
+} // namespace storage::clients

@@ -1,0 +1,105 @@
+#pragma once
+
+#include "MemoryBudget.hpp"
+#include "ObjectReader.hpp"
+#include "PartBytes.hpp"
+#include "Retry.hpp"
+#include "TaskPool.hpp"
+#include "UploadRegistry.hpp"
+
+#include <storage/clients/common/RequiredVersions.hpp>
+#include <storage/clients/common/UploadInventory.hpp>
+#include <storage/clients/common/VersionPins.hpp>
+#include <storage/clients/remote/RemoteStore.hpp>
+#include <storage/cloudprovider/CloudClient.hpp>
+
+#include <functional>
+#include <iosfwd>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace storage::clients
+{
+
+/// Objects that are written in parts. The operations are those of CloudClient. Safe for concurrent calls.
+///
+/// A part that the store accepts on its own is copied into a buffer and sent in the background. Copies are only
+/// recorded, and smaller parts are kept in the upload's spool. The completion knows the whole file: it combines them
+/// into few requests and runs several at a time. What it has transferred stays, so that a retry of the completion
+/// transfers only what is missing.
+///
+/// A part that could not be sent goes to the spool, too. The next uploadPart() or copyPart() of the upload throws its
+/// failure, once, and the completion sends it again.
+class Uploads
+{
+public:
+    Uploads(RemoteStore& store, Retry& retry, VersionPins& pins, const RequiredVersions& required, ObjectReader& reader,
+        MemoryBudget& memory, TaskPool& pool)
+        : m_store(store)
+        , m_retry(retry)
+        , m_pins(pins)
+        , m_required(required)
+        , m_reader(reader)
+        , m_memory(memory)
+        , m_pool(pool)
+    {
+    }
+
+    std::string create(const std::string& key, const std::string& tag);
+    std::string send(
+        const std::string& key, const std::string& id, const cloudprovider::PartInfo& part, std::istream& content);
+    std::string copy(const std::string& key, const std::string& id, const cloudprovider::PartInfo& part);
+    void abort(const std::string& key, const std::string& id);
+    void complete(const std::string& key, const std::string& id, const std::vector<cloudprovider::PartInfo>& parts);
+    std::vector<PendingUpload> pending();
+
+    /// Abort every upload that is open, and log failures. After a TransientException, abort no other: it would take as
+    /// long to fail. Call before the thread pool ends; no other call may be in progress.
+    void abortAll() noexcept;
+
+private:
+    /// What a completion will do.
+    struct Completion
+    {
+        UploadPlan plan;
+        std::map<std::size_t, std::size_t> kept; // number -> index of the parts that are sent already
+        Version source;                          // of the object that bytes are copied from; no tag: none are
+        WriteCondition replaces;                 // the object that it may replace
+    };
+
+    Retry::Request request(Operation operation, Upload& upload) const;
+    std::string openAtStore(Upload& upload);
+    std::string sendBody(Upload& upload, std::size_t number, RequestBody& body);
+    std::string sendLater(
+        const UploadPtr& upload, std::size_t index, const Upload::Part& part, const std::shared_ptr<PartBytes>& bytes);
+    std::string spoolPart(
+        Upload& upload, const cloudprovider::PartInfo& part, const std::function<void(char* target)>& write);
+    Version requireSource(const cloudprovider::PartInfo& part, Upload& upload);
+    void abortOwn(Upload& upload);
+    void abortForeign(const std::string& key, const std::string& storeId);
+    Completion prepare(Upload& upload, const std::vector<cloudprovider::PartInfo>& parts);
+    std::string assembleObject(Upload& upload, const std::vector<cloudprovider::PartInfo>& parts);
+    void transferParts(Upload& upload, const Completion& completion);
+    std::string transferPart(Upload& upload, const PlannedPart& part, const Version& source);
+    std::optional<std::vector<NumberedTag>> tagsOf(const Upload& upload, const Completion& completion) const;
+    std::string finish(Upload& upload, const Completion& completion, const std::vector<NumberedTag>& parts);
+    std::optional<bool> isOpenAtStore(const Upload& upload);
+
+    RemoteStore& m_store;
+    Retry& m_retry;
+    VersionPins& m_pins;
+    const RequiredVersions& m_required;
+    ObjectReader& m_reader;
+    MemoryBudget& m_memory;
+    TaskPool& m_pool;
+    UploadRegistry m_registry;
+    std::mutex m_mutex;                        // innermost
+    std::set<std::string> m_unconfirmedAborts; // guarded by m_mutex; uploads of others whose abort got no response
+};
+
+} // namespace storage::clients

@@ -1,0 +1,661 @@
+#include "FakeClock.hpp"
+#include "MemoryRemoteStore.hpp"
+#include "awaitThreads.hpp"
+
+#include <storage/clients/remote/RemoteClient.hpp>
+#include <storage/clients/testing/ClientCalls.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+#include <storage/cloudprovider/Logger.hpp>
+
+#include <foundation/log/Severity.hpp>
+#include <foundation/log/basic_diagnostic_logger.hpp>
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <future>
+#include <map>
+#include <mutex>
+#include <random>
+#include <sstream>
+
+#include <pthread.h>
+
+// The client over a store in memory, in which any request can fail.
+
+namespace storage::clients
+{
+
+namespace
+{
+
+using namespace cloudprovider;
+using namespace conformance;
+using namespace test;
+using namespace testing;
+using namespace std::chrono_literals;
+using How = Fault::How;
+
+std::string content(std::size_t size, unsigned seed)
+{
+    std::string bytes(size, '\0');
+    std::minstd_rand next(seed + 1);
+    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>('a' + next() / 256 % 26); });
+    return bytes;
+}
+
+/// @return nullopt: the call has succeeded
+std::optional<std::string> failureOf(const std::function<void()>& call)
+try
+{
+    call();
+    return std::nullopt;
+}
+catch (const CloudException& failure)
+{
+    return failure.what() + (": " + failure.detail().value_or(""));
+}
+
+using Parts = std::vector<PartInfo>;
+
+/// Replace bytes of an object as a file does: upload the parts that change, copy the others. After a failure the upload
+/// is aborted.
+/// @param bytes  may continue beyond the end
+void patch(CloudClient& client, const std::string& key, std::size_t offset, std::string_view bytes)
+{
+    Parts parts = client.getObjectParts(key);
+    const std::string id = client.createMultipartUpload(key, parts[0].Tag);
+    try
+    {
+        for (PartInfo& part : parts)
+        {
+            const bool isLast = &part == &parts.back();
+            const std::size_t oldEnd = part.Offset + part.Size;
+            const std::size_t end = isLast ? std::max(oldEnd, offset + bytes.size()) : oldEnd;
+            const std::size_t from = std::max(offset, part.Offset);
+            const std::size_t to = std::min(offset + bytes.size(), end);
+            if (from >= to)
+            {
+                part.Tag = client.copyPart(key, id, part);
+                continue;
+            }
+            std::string changed = part.Size == 0 ? "" : get(client, key, part.Offset, oldEnd - 1);
+            changed.resize(end - part.Offset);
+            changed.replace(from - part.Offset, to - from, bytes.substr(from - offset, to - from));
+            part = uploadPart(client, key, id, part.Index, changed, part.Offset);
+        }
+        client.completeMultipartUpload(key, id, parts);
+    }
+    catch (const CloudException&)
+    {
+        failureOf([&] { client.abortMultipartUpload(key, id); });
+        throw;
+    }
+}
+
+class RemoteClientTest : public Test
+{
+protected:
+    RemoteClientTest()
+    {
+        getLogger().setEnabledSeverities(0);
+        bucket->abilities.minPartSize = 100;
+        bucket->abilities.maxTakeSize = 1'000;
+    }
+
+    ~RemoteClientTest() override
+    {
+        bucket->hold("");
+        client.reset();
+        awaitThreads(1);
+        EXPECT_EQ(bucket->openUploads(), 0U);
+    }
+
+    void open(std::size_t transfers, std::uint64_t memory = 100'000)
+    {
+        client.reset();
+        client = std::make_unique<RemoteClient>(bucket->connect(), RemoteSettings{.transfers = transfers,
+                                                                       .memory = memory,
+                                                                       .partSize = partSize,
+                                                                       .retry = retry,
+                                                                       .clock = clock.clock(),
+                                                                       .interrupted = nullptr});
+    }
+
+    /// Whether the store compares versions itself.
+    void setConditions(bool areHonoured)
+    {
+        StoreAbilities& can = bucket->abilities;
+        can.conditionalWrites = can.conditionalCreation = can.conditionalCompletion = areHonoured;
+        can.conditionalTakes = areHonoured;
+    }
+
+    std::string begin(const std::string& tag = "") { return client->createMultipartUpload("k", tag); }
+
+    PartInfo send(const std::string& id, std::size_t index, const std::string& bytes)
+    {
+        return uploadPart(*client, "k", id, index, bytes);
+    }
+
+    void complete(const std::string& id, const Parts& parts) { client->completeMultipartUpload("k", id, parts); }
+
+    /// Wait until the store has received so many parts.
+    void awaitParts(std::ptrdiff_t count)
+    {
+        bucket->await([&](const auto& requests)
+            { return std::ranges::count(requests, "uploadPart", &StoreRequest::operation) >= count; });
+    }
+
+    /// Let requests for an operation fail, until endFaults(). Call this while no request runs.
+    /// @param first, last  by number, from 1
+    void fail(const std::string& operation, const Fault& fault, unsigned first = 1, unsigned last = 1'000'000)
+    {
+        lastFault = last;
+        bucket->faults = [=, this, number = std::make_shared<std::atomic<unsigned>>(0)](const StoreRequest& request)
+        {
+            const unsigned now = operation.empty() || request.operation == operation ? ++*number : 0;
+            return now >= first && now <= lastFault ? std::optional(fault) : std::nullopt;
+        };
+    }
+
+    void endFaults() { lastFault = 0; }
+
+    const std::string old = content(3'000, 1);
+    const Fault busy;
+    const Fault denied{How::Before, std::make_exception_ptr(PermissionDeniedException("Denied"))};
+    const std::shared_ptr<MemoryBucket> bucket = std::make_shared<MemoryBucket>();
+    std::atomic<unsigned> lastFault = 0;
+    FakeClock clock;
+    RetryPolicy retry;
+    std::uint64_t partSize = 64; // less than the store's minimum
+    std::unique_ptr<RemoteClient> client;
+};
+
+// Each fault at each request of each call. A single temporary fault is not noticed. Whatever happens, an object is the
+// old or the new one, and no part of an upload stays in the store.
+TEST_F(RemoteClientTest, EndsWithTheOldOrTheNewObjectWhateverFails)
+{
+    using Content = std::optional<std::string>;
+    const std::string small = content(500, 2);
+    const std::string patched = old.substr(0, 1'000) + small + old.substr(1'500);
+    const std::vector<std::string> pieces{content(150, 3), content(300, 4), content(40, 5)};
+    const auto expectReads = [&](CloudClient& from)
+    {
+        from.getObjectParts("k");
+        EXPECT_EQ(get(from, "k"), old);
+        EXPECT_EQ(get(from, "k", 0, 99) + get(from, "k", 100, 999), old.substr(0, 1'000));
+        EXPECT_EQ(from.getObjectInfo("k").size, old.size());
+        EXPECT_EQ(keys(from), std::vector<std::string>{"k"});
+    };
+    const struct
+    {
+        const char* name;
+        Content before, after;
+        std::function<void(CloudClient& client)> call;
+    } rows[] = {
+        {"put", old, small, [&](auto& by) { put(by, "k", small); }},
+        {"delete", old, {}, [](auto& by) { by.deleteObject("k"); }},
+        {"patch", old, patched, [&](auto& by) { patch(by, "k", 1'000, small); }},
+        {"append", old, old + small, [&](auto& by) { patch(by, "k", old.size(), small); }},
+        {"rewrite", old, old, [&](auto& by) { patch(by, "k", old.size(), ""); }},
+        {"new file", {}, pieces[0] + pieces[1] + pieces[2], [&](auto& by) { putParts(by, "k", pieces); }},
+        {"abort", old, old,
+            [&](auto& by)
+            {
+                const std::string id = by.createMultipartUpload("k", "");
+                uploadPart(by, "k", id, 0, pieces[0]);
+                by.abortMultipartUpload("k", id);
+            }},
+        {"read", old, old, expectReads},
+    };
+    const auto away = std::make_exception_ptr(TransientException("the store is away"));
+    const struct
+    {
+        const char* name;
+        Fault fault;
+        bool isTemporary = true;
+        unsigned count = 1; // of requests that fail
+    } faults[] = {{"busy", busy}, {"lost", {How::After}}, {"twice", {How::Twice}},
+        {"broken", {.how = How::Break, .bytes = 10}}, {"corrupt", {How::Corrupt}}, {"denied", denied, false},
+        {"away", {How::Before, away}, false, 1'000'000}, {"away after", {How::After, away}, false, 1'000'000}};
+    const struct
+    {
+        std::size_t transfers;
+        bool isRequired;    // the version before the call
+        bool hasConditions; // the store compares versions itself
+        bool knowsTags;
+    } kinds[] = {{1, true, true, true}, {1, true, false, true}, {4, false, true, true}, {4, true, false, false},
+        {1, false, true, false}};
+    int faultedRuns = 0;
+    for (const auto& [transfers, isRequired, hasConditions, knowsTags] : kinds)
+    {
+        setConditions(hasConditions);
+        bucket->tagsAreHashes = knowsTags;
+        for (const auto& row : rows)
+        {
+            for (const auto& [name, fault, isTemporary, count] : faults)
+            {
+                bool isOver = false;
+                for (unsigned request = 1; !isOver; ++request)
+                {
+                    SCOPED_TRACE(Message() << row.name << ", " << name << " at request " << request << ", kind "
+                                           << transfers << isRequired << hasConditions << knowsTags);
+                    bucket->put("k", row.before);
+                    fail("", fault, request, request + count - 1);
+                    open(transfers);
+                    bucket->takeRequests();
+                    auto condition = isRequired ? client->requireVersion("k", bucket->tag("k")) : nullptr;
+                    const auto failure = failureOf([&] { row.call(*client); });
+                    EXPECT_FALSE(failure && isTemporary && knowsTags) << *failure;
+                    condition.reset();
+                    isOver = bucket->takeRequests().size() < request;
+                    faultedRuns += isOver ? 0 : 1;
+                    endFaults();
+                    const Content now = bucket->content("k");
+                    EXPECT_TRUE(now == row.after || (failure && now == row.before));
+                    Content seen;
+                    const auto unknown = failureOf([&] { seen = get(*client, "k"); });
+                    EXPECT_TRUE(unknown ? failure || !now : seen == now || (failure && seen == row.before));
+                    clock.pass(std::chrono::hours(1)); // the end of an outage
+                    client.reset();
+                    EXPECT_EQ(bucket->openUploads(), 0U);
+                    ASSERT_FALSE(HasFailure());
+                }
+            }
+        }
+    }
+    RecordProperty("faultedRuns", faultedRuns); // for bench/campaigns/sweep.py
+}
+
+// One client opens an object, patches it and completes the upload; somebody else changes the object just before one of
+// the requests that this takes.
+TEST_F(RemoteClientTest, LeavesOneVersionOfTheTwo)
+{
+    const auto patched = [](std::string bytes) { return bytes.replace(1'000, 500, content(500, 2)); };
+    const std::string theirs = content(3'000, 9);
+    for (const auto& [isConditional, isRemoved] : {std::pair(true, true), {true, false}, {false, true}, {false, false}})
+    {
+        setConditions(isConditional);
+        unsigned requests = 1;
+        for (unsigned n = 1; n <= requests; ++n)
+        {
+            SCOPED_TRACE(Message() << "before request " << n << ' ' << isConditional << isRemoved);
+            bucket->put("k", old);
+            open(1);
+            bucket->faults = [&, removes = isRemoved](const StoreRequest&) -> std::optional<Fault>
+            {
+                if (n == ++requests)
+                {
+                    bucket->put("k", removes ? std::nullopt : std::optional(theirs));
+                }
+                return std::nullopt;
+            };
+            requests = 0;
+            const bool failed = failureOf([&] { patch(*client, "k", 1'000, content(500, 2)); }).has_value();
+            bucket->faults = {};
+            EXPECT_TRUE(failed || n == 1 || n > requests || (n == requests && !isConditional));
+            const std::string expected = n == 1 && !failed ? patched(theirs) : failed ? theirs : patched(old);
+            EXPECT_EQ(bucket->content("k"), isRemoved && failed ? std::nullopt : std::optional(expected));
+        }
+    }
+}
+
+TEST_F(RemoteClientTest, BehavesLikeAMapWhileEverythingFailsNowAndThen)
+{
+    retry.firstDelay = std::chrono::milliseconds(0);
+    const auto seed = static_cast<unsigned>(UnitTest::GetInstance()->random_seed());
+    SCOPED_TRACE(Message() << "--gtest_random_seed=" << seed);
+    bucket->faults = [&, count = std::make_shared<std::atomic<unsigned>>(seed)](const StoreRequest&)
+    {
+        std::minstd_rand random(++*count);
+        random.discard(3);
+        const Fault fault{static_cast<How>(random() % 5), busy.failure, random() % 200};
+        return random() % 4 == 0 ? std::optional(fault) : std::nullopt;
+    };
+    std::mt19937 random(seed);
+    const auto roll = [&](std::size_t end) { return static_cast<std::size_t>(random() % end); };
+    std::map<std::string, std::optional<std::string>> model;
+    for (const std::size_t transfers : {1U, 4U})
+    {
+        partSize = 32 + 32 * transfers;
+        open(transfers, 2'000);
+        for (unsigned round = 0; round < 500; ++round)
+        {
+            SCOPED_TRACE(round);
+            const std::string key = roll(2) == 0 ? "a" : "b";
+            const std::string bytes = content(roll(4) == 0 ? roll(3'000) : roll(300), round);
+            std::optional<std::string>& known = model[key];
+            EXPECT_EQ(client->getObjectInfo(key).exists, known.has_value());
+            const std::size_t call = roll(16);
+            if (call < 2)
+            {
+                put(*client, key, bytes);
+                known = bytes;
+            }
+            else if (call == 2)
+            {
+                client->deleteObject(key);
+                known = {};
+            }
+            else if (!known)
+            {
+                const std::string first = content(100 + round % 300, round);
+                putParts(*client, key, {first, bytes});
+                known = first + bytes;
+            }
+            else if (call < 9)
+            {
+                const std::size_t at = roll(known->size() + 1);
+                patch(*client, key, at, bytes);
+                known->replace(at, bytes.size(), bytes);
+            }
+            else
+            {
+                const std::size_t size = client->getObjectParts(key).back().Offset;
+                for (std::size_t at = roll(size + 1); at < size; at += partSize)
+                {
+                    const std::size_t last = std::min(at + partSize, known->size()) - 1;
+                    ASSERT_EQ(get(*client, key, at, last), known->substr(at, last + 1 - at));
+                }
+                ASSERT_EQ(get(*client, key), *known);
+            }
+            ASSERT_EQ(bucket->content(key), known);
+        }
+    }
+}
+
+TEST_F(RemoteClientTest, SendsOnTheCallersThreadWithOneTransferOrWithoutThreads)
+{
+    open(1);
+    std::string id = begin();
+    std::vector parts{send(id, 0, old)};
+    EXPECT_EQ(bucket->count("uploadPart"), 1U);
+
+    open(4);
+    id = begin();
+    pthread_attr_t usual;
+    ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
+    pthread_attr_t impossible = usual;
+    ASSERT_EQ(pthread_attr_setstacksize(&impossible, std::size_t{1} << 60U), 0);
+    ASSERT_EQ(pthread_setattr_default_np(&impossible), 0);
+    unsigned warnings = 0;
+    getLogger().setEnabledSeverities(foundation::log::severity::warning);
+    foundation::log::setSink([&](auto, auto, auto) { ++warnings; });
+    parts = {send(id, 0, old), send(id, 1, "some")};
+    EXPECT_EQ(bucket->count("uploadPart"), 2U);
+    complete(id, parts);
+    foundation::log::setSink({});
+    getLogger().setEnabledSeverities(0);
+    ASSERT_EQ(pthread_setattr_default_np(&usual), 0);
+    EXPECT_EQ(warnings, 1U) << "a warning for each part would hide all else";
+    EXPECT_EQ(bucket->content("k"), old + "some");
+    bucket->hold("uploadPart");
+    send(begin(), 0, old);
+    awaitParts(3); // threads can be started again
+}
+
+TEST_F(RemoteClientTest, SendsAPartAgainWhenItsFirstTransferHasEnded)
+{
+    open(4);
+    const std::string id = begin();
+    bucket->hold("uploadPart");
+    const PartInfo first = send(id, 0, content(200, 1));
+    awaitParts(1);
+    auto sending = std::async(std::launch::async, [&] { return send(id, 0, content(200, 2)); });
+    const PartInfo other = send(id, 1, content(200, 3));
+    awaitParts(2);
+    EXPECT_EQ(sending.wait_for(20ms), std::future_status::timeout) << "the first transfer is in flight";
+    bucket->hold("");
+    const PartInfo second = sending.get();
+    EXPECT_THROW(complete(id, {first, other}), UnknownErrorException);
+    EXPECT_THROW(complete(id, {{0, 0, second.Size, other.Tag}}), UnknownErrorException);
+    complete(id, {second});
+    EXPECT_EQ(bucket->content("k"), content(200, 2)) << "parts that are not listed are not in the object";
+}
+
+TEST_F(RemoteClientTest, AbortWaitsForPartsInFlightAndDropsTheOthers)
+{
+    open(2);
+    const std::string id = begin();
+    bucket->hold("uploadPart");
+    for (std::size_t i = 0; i < 5; ++i)
+    {
+        send(id, i, old);
+    }
+    awaitParts(2);
+    const std::string next = begin();
+    auto aborting = std::async(std::launch::async, [&] { client->abortMultipartUpload("k", id); });
+    const PartInfo part = send(next, 0, old);
+    EXPECT_EQ(aborting.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    bucket->hold("");
+    aborting.get();
+    EXPECT_THROW(complete(id, {part}), ResourceNotFoundException);
+    complete(next, {part});
+    EXPECT_EQ(bucket->openUploads(), 0U);
+    EXPECT_LE(bucket->count("uploadPart"), 4U) << "two were in flight, and one more may have begun";
+}
+
+TEST_F(RemoteClientTest, ReportsAFailedPartOnceAndSendsItAgain)
+{
+    bucket->put("k", old);
+    open(4);
+    const Parts stored = client->getObjectParts("k");
+    const std::string id = begin(stored[0].Tag);
+    PartInfo copied{1, 1'000, 200, stored[0].Tag};
+    const auto reports = [&] {
+        return failureOf([&] { copied.Tag = client->copyPart("k", id, {1, 1'000, 200, stored[0].Tag}); });
+    };
+    fail("uploadPart", denied);
+    const PartInfo sent = send(id, 0, content(300, 2));
+    while (!reports())
+    {
+        std::this_thread::yield(); // the part is in flight
+    }
+    EXPECT_FALSE(reports());
+    const PartInfo last = uploadPart(*client, "k", id, 2, content(300, 3), 500);
+    EXPECT_THROW(complete(id, {sent, copied, last}), PermissionDeniedException);
+    EXPECT_EQ(bucket->content("k"), old);
+    EXPECT_FALSE(reports()) << "the completion has reported it";
+    endFaults();
+    complete(id, {sent, copied, last});
+    EXPECT_EQ(bucket->content("k"), content(300, 2) + old.substr(1'000, 200) + content(300, 3));
+}
+
+TEST_F(RemoteClientTest, WaitsOnceForAnUploadWhoseStoreWentAway)
+{
+    retry = {std::chrono::seconds(1), std::chrono::seconds(1), std::chrono::minutes(1)};
+    open(1);
+    const std::string id = begin();
+    const std::string other = begin();
+    const PartInfo part = send(id, 0, old);
+    send(other, 0, old);
+    fail("", busy);
+    const auto abort = [&](const std::string& upload) { client->abortMultipartUpload("k", upload); };
+    const struct
+    {
+        std::function<void()> call;
+        std::chrono::seconds waited;
+        std::size_t attempts;
+    } rows[] = {{[&] { complete(id, {part}); }, 60s, 61}, {[&] { send(id, 1, old); }, 0s, 0},
+        {[&] { complete(id, {part}); }, 0s, 0}, {[&] { abort(id); }, 0s, 1}, {[&] { abort(id); }, 0s, 0},
+        {[&] { complete(other, {}); }, 0s, 0}, {[&] { abort(other); }, 60s, 61}};
+    for (const auto& row : rows)
+    {
+        const auto begun = clock.now();
+        bucket->takeRequests();
+        EXPECT_THROW(row.call(), UnknownErrorException);
+        EXPECT_EQ(clock.now() - begun, row.waited);
+        const std::size_t lookups = bucket->count("isOpen");
+        EXPECT_EQ(bucket->takeRequests().size() - lookups, row.attempts);
+    }
+    client.reset();
+    EXPECT_EQ(bucket->takeRequests().size(), 0U) << "the store is still away";
+    EXPECT_EQ(bucket->openUploads(), 2U);
+    endFaults();
+    open(1);
+    for (const PendingUpload& upload : client->pendingUploads())
+    {
+        client->abortMultipartUpload("k", upload.uploadId);
+    }
+}
+
+TEST_F(RemoteClientTest, CopiesNothingTwiceUnlessTheObjectWasAnotherVersion)
+{
+    open(1);
+    for (const bool isReplaced : {false, true})
+    {
+        bucket->put("k", old);
+        PartInfo part{0, 0, old.size(), client->getObjectParts("k")[0].Tag};
+        const std::string id = begin(part.Tag);
+        part.Tag = client->copyPart("k", id, part);
+        isReplaced ? bucket->put("k", "theirs") : fail("completeUpload", busy);
+        EXPECT_THROW(complete(id, {part}), UnknownErrorException);
+        isReplaced ? bucket->put("k", old) : endFaults();
+        clock.pass(std::chrono::hours(1));
+        complete(id, {part});
+        EXPECT_EQ(bucket->count("takePart"), isReplaced ? 3U + 1 : 3U); // three copies of at most 1,000 bytes
+        bucket->takeRequests();
+    }
+}
+
+// The completion fails, and the object is another one. While the upload is open the completion took no effect.
+TEST_F(RemoteClientTest, ALostRaceHasAKnownOutcomeWhileTheUploadIsOpen)
+{
+    for (const bool endsUpload : {false, true})
+    {
+        bucket->takeRequests();
+        open(1);
+        const std::string id = begin();
+        const PartInfo part = send(id, 0, old);
+        const auto condition = client->requireVersion("k", bucket->tag("k"));
+        bucket->faults = [&](const StoreRequest& request) -> std::optional<Fault>
+        {
+            if (request.operation != "completeUpload")
+            {
+                const bool isSecond = request.operation == "isOpen" && bucket->count("isOpen") == 2;
+                return isSecond ? std::optional(busy) : std::nullopt;
+            }
+            bucket->put("k", "theirs" + id);
+            if (endsUpload)
+            {
+                const auto store = bucket->connect();
+                store->abortUpload("k", store->listUploads("").uploads.at(0).uploadId);
+            }
+            return busy;
+        };
+        EXPECT_THAT([&] { complete(id, {part}); }, Throws<CloudException>(Property(&CloudException::what,
+                                                       HasSubstr(endsUpload ? "Outcome unknown" : "exists"))));
+        bucket->faults = {};
+        bucket->put("k", "x");
+    }
+}
+
+TEST_F(RemoteClientTest, KnowsThePartsOfTheLastUploads)
+{
+    bucket->put("k", old);
+    open(1);
+    std::string id = begin();
+    const PartInfo part = send(id, 0, old);
+    complete(id, {part});
+    id = begin(part.Tag);
+    client->copyPart("k", id, part);
+    for (int i = 0; i < 4'096; ++i)
+    {
+        client->abortMultipartUpload("k", begin());
+    }
+    EXPECT_THROW(client->copyPart("k", id, part), UnknownErrorException);
+}
+
+TEST_F(RemoteClientTest, ReadersSeeOneVersionThatWasThere)
+{
+    open(3, 800); // memory for two parts, or for one and some ranges
+    std::mutex writing;
+    std::atomic<unsigned> begun = 0;
+    std::atomic<unsigned> done = 0;
+    std::atomic<unsigned> seen = 0;
+    std::atomic<bool> losesResponse = false;
+    const Fault lost{How::After, std::make_exception_ptr(UnknownErrorException("Lost"))};
+    bucket->faults = [&](const StoreRequest& request)
+    { return losesResponse && request.operation == "putObject" ? std::optional(lost) : std::nullopt; };
+    bucket->put("k", content(900, 0));
+    const auto replace = [&](bool isWhole)
+    {
+        const std::lock_guard lock(writing);
+        losesResponse = isWhole && begun % 2 == 0;
+        const std::string bytes = content(900, ++begun);
+        isWhole ? void(failureOf([&] { put(*client, "k", bytes); }))
+                : putParts(*client, "k", {bytes.substr(0, 200), bytes.substr(200, 300), bytes.substr(500)});
+        done.store(begun);
+    };
+    const auto readAndWrite = [&](unsigned seed)
+    {
+        std::mt19937 random(seed);
+        for (int round = 0; round < 300; ++round)
+            try
+            {
+                random() % 8 == 0 ? replace(random() % 2 == 0) : void(client->getObjectParts("k"));
+                const std::size_t size = 20 * (1 + random() % 3);
+                for (std::size_t at = random() % 2 * 20 * (random() % 45); at + size <= 900 && random() % 8 != 0;
+                     at += size)
+                {
+                    unsigned number = done;
+                    const std::string bytes = get(*client, "k", at, at + size - 1);
+                    const unsigned last = begun;
+                    while (bytes != content(900, number).substr(at, size))
+                    {
+                        ASSERT_LT(number++, last) << "seed " << seed << ", round " << round << ", offset " << at;
+                    }
+                    ++seen;
+                }
+            }
+            catch (const UnknownErrorException&) // a write with an unknown outcome has replaced the opened version
+            {
+            }
+    };
+    const auto seed = static_cast<unsigned>(UnitTest::GetInstance()->random_seed());
+    auto other = std::async(std::launch::async, readAndWrite, seed);
+    readAndWrite(seed + 1);
+    other.get();
+    EXPECT_GT(seen, 300U);
+    client.reset(); // prefetches look at the variables above
+}
+
+TEST_F(RemoteClientTest, TakesFewRequests)
+{
+    bucket->abilities.maxTakeSize = 100U << 10U;
+    const std::string large = content(200U << 10U, 1);
+    const struct
+    {
+        std::size_t offset;
+        std::size_t requests; // to open, to read, to begin, to read and send at least what the store takes, to complete
+        std::size_t copies;
+    } rows[] = {{0, 6, 2}, {60U << 10U, 6, 3}, {100U << 10U, 6, 2}, {120U << 10U, 6, 3}, {(200U << 10U) - 20, 5, 2}};
+    for (const bool isConditional : {true, false})
+    {
+        setConditions(isConditional);
+        const std::size_t check = isConditional ? 0 : 1;
+        for (const auto& row : rows)
+        {
+            SCOPED_TRACE(Message() << "patch at " << row.offset << ", conditional " << isConditional);
+            bucket->put("k", large);
+            open(1);
+            bucket->takeRequests();
+            patch(*client, "k", row.offset, content(20, 2));
+            EXPECT_EQ(bucket->count("takePart"), row.copies);
+            EXPECT_EQ(bucket->takeRequests().size(), row.requests + row.copies + check);
+        }
+        const auto condition = client->requireVersion("k", bucket->tag("k"));
+        fail("putObject", busy, 1, 1);
+        put(*client, "k", "new");
+        std::ostringstream calls;
+        calls << client->callSnapshot();
+        EXPECT_THAT(calls.str(), HasSubstr("putObject 2 (3 B)"));
+        bucket->faults = {};
+    }
+}
+
+} // namespace
+
+} // namespace storage::clients

@@ -1,0 +1,170 @@
+#include "Retry.hpp"
+#include "FakeClock.hpp"
+
+#include <storage/cloudprovider/CloudExceptions.hpp>
+#include <storage/cloudprovider/Logger.hpp>
+
+#include <foundation/log/Severity.hpp>
+#include <foundation/log/basic_diagnostic_logger.hpp>
+
+#include <gmock/gmock.h>
+
+#include <functional>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace storage::clients
+{
+
+namespace
+{
+
+using namespace cloudprovider;
+using namespace std::chrono_literals;
+using namespace testing;
+using std::chrono::milliseconds;
+
+class RetryTest : public Test
+{
+protected:
+    [[noreturn]] void fail()
+    {
+        ++attempts;
+        throw TransientException("Busy", "store busy");
+    }
+
+    test::FakeClock time;
+    const std::string key = "a";
+    const Retry::Request lookup{Operation::GetObjectInfo, key};
+    unsigned attempts = 0;
+};
+
+auto hasDetail(const std::string& text)
+{
+    return Property(&CloudException::detail, Optional(HasSubstr(text)));
+}
+
+TEST_F(RetryTest, WaitsThenGivesUp)
+{
+    const struct
+    {
+        const char* name;
+        RetryPolicy policy;
+        milliseconds duration; // of an attempt
+        std::optional<milliseconds> retryAfter;
+        std::vector<int> attempts; // ms after the request began
+        std::string summary;
+        std::size_t progressing = 0; // attempts, the first ones, that make progress
+    } rows[] = {
+        {"doubles", {100ms, 1s, 3500ms}, 0ms, {}, {0, 100, 300, 700, 1500, 2500, 3500}, "attempt 7, 3.5"},
+        {"starts at the maximum", {5s, 1s, 2s}, 0ms, {}, {0, 1000, 2000}, "attempt 3, 2.0"},
+        {"expects attempts as long as the last", {100ms, 20s, 3300ms}, 1s, {}, {0, 1100, 2300}, "attempt 3, 3.3"},
+        {"begins no attempt that would end later", {100ms, 20s, 3299ms}, 1s, {}, {0, 1100}, "attempt 2, 2.1"},
+        {"tries twice where the time allows one", {100ms, 20s, 1100ms}, 1s, {}, {0, 1100}, "attempt 2, 2.1"},
+        {"obeys the store", {100ms, 20s, 12s}, 0ms, 5s, {0, 5100, 10300}, "attempt 3, 10.3"},
+        {"store asks for too long", {1ms, 1ms, 12s}, 0ms, 12s, {0}, "attempt 1, 0.0"},
+        {"store asks for the maximum", {1ms, 1ms, 12s}, 0ms, milliseconds::max(), {0}, "attempt 1, 0.0"},
+        {"store asks for less than nothing", {100ms, 20s, 300ms}, 0ms, -5s, {0, 100, 300}, "attempt 3, 0.3"},
+        {"restarts after progress", {100ms, 20s, 300ms}, 0ms, {}, {0, 100, 200, 300, 500}, "attempt 5, 0.5", 3},
+        {"progresses for long", {100ms, 20s, 300ms}, 400ms, {}, {0, 500, 1000}, "attempt 3, 1.4", 2},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.name);
+        const auto begin = time.now();
+        auto lastEnd = begin;
+        Retry retry(row.policy, time.clock(), {});
+        std::vector<int> begun;
+        const auto attempt = [&]
+        {
+            EXPECT_EQ(retry.waiting().failedAttempts, begun.size());
+            EXPECT_EQ(retry.waiting().quietTime, time.now() - lastEnd);
+            begun.push_back(static_cast<int>((time.now() - begin) / 1ms));
+            time.pass(row.duration);
+            lastEnd = time.now();
+            throw TransientException("Busy", "store busy", row.retryAfter);
+        };
+        const auto progress = [&] { return std::min(begun.size(), row.progressing); };
+        EXPECT_THAT([&] { retry.run(lookup, attempt, progress); },
+            Throws<TransientException>(
+                AllOf(hasDetail("store busy; gave up after " + row.summary + " s after the first: another attempt"),
+                    Property(&TransientException::retryAfter, row.retryAfter))));
+        EXPECT_EQ(begun, row.attempts);
+        EXPECT_EQ(retry.waiting().failedAttempts, 0U);
+    }
+}
+
+TEST_F(RetryTest, DoesNotRetryOtherFailuresNorAfterAnInterrupt)
+{
+    bool interrupted = false;
+    RetryClock clock = time.clock();
+    clock.sleep = [&](RetryClock::Duration nap)
+    {
+        EXPECT_LE(nap, 100ms) << "an interrupt is noticed after that time";
+        time.pass(nap);
+        interrupted = true;
+    };
+    Retry retry({10s, 10s, 1min}, clock, [&] { return interrupted; });
+    const auto deny = [&]
+    {
+        ++attempts;
+        throw PermissionDeniedException("Denied");
+    };
+    EXPECT_THROW(retry.run(lookup, deny), PermissionDeniedException);
+    EXPECT_EQ(std::exchange(attempts, 0), 1U);
+
+    getLogger().setEnabledSeverities(foundation::log::severity::progress);
+    std::string log;
+    foundation::log::setSink([&](std::uint32_t, std::string_view, std::string_view text) { log = text; });
+    EXPECT_THAT([&] { retry.run(lookup, [&] { fail(); }); }, Throws<TransientException>(hasDetail(": interrupted")));
+    foundation::log::setSink({});
+    getLogger().setEnabledSeverities(0);
+    EXPECT_EQ(log, "getObjectInfo of \"a\": attempt 1 failed, retrying in 10.000 s: store busy");
+    EXPECT_EQ(time.now().time_since_epoch(), 100ms);
+    EXPECT_EQ(attempts, 1U);
+}
+
+TEST_F(RetryTest, RetriesAnUnusableResponseOnce)
+{
+    Retry retry({}, time.clock(), {});
+    const auto misunderstand = [&]
+    {
+        ++attempts;
+        throw UnusableResponse("Malformed response", "no length");
+    };
+    EXPECT_THAT([&] { retry.run(lookup, misunderstand); },
+        Throws<TransientException>(hasDetail("no length; gave up after attempt 2")));
+    EXPECT_EQ(attempts, 2U);
+}
+
+TEST_F(RetryTest, StopsWhenAnotherRequestOfTheUploadGivesUp)
+{
+    Retry retry({1s, 1s, 1min}, time.clock(), {});
+    Outage outage;
+    const Retry::Request part{Operation::UploadPart, key, &outage};
+    const auto send = [&] { retry.run(part, [&] { fail(); }); };
+    bool isFirst = true;
+    EXPECT_THAT([&] { retry.run(part, [&] { std::exchange(isFirst, false) ? send() : void(), fail(); }); },
+        Throws<TransientException>(hasDetail("gave up")));
+    EXPECT_THAT(send, Throws<TransientException>(hasDetail("gave up")));
+    EXPECT_EQ(attempts, 61U);
+    EXPECT_EQ(time.now().time_since_epoch(), 60s);
+    time.pass(1min);
+    EXPECT_EQ(retry.run(part, [] { return 7; }), 7);
+}
+
+TEST_F(RetryTest, JitterReachesItsBounds)
+{
+    std::set<RetryClock::Duration::rep> drawn;
+    for (int i = 0; i < 1000; ++i)
+    {
+        drawn.insert(uniformJitter(RetryClock::Duration(3)).count());
+    }
+    EXPECT_THAT(drawn, ElementsAre(0, 1, 2, 3));
+}
+
+} // namespace
+
+} // namespace storage::clients

@@ -1,0 +1,215 @@
+#include "UploadPlan.hpp"
+#include "PartCutting.hpp"
+
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <optional>
+#include <random>
+#include <utility>
+#include <vector>
+
+namespace storage::clients
+{
+
+namespace
+{
+
+using How = PlannedPart::How;
+
+constexpr std::uint64_t gibi = 1 << 30;
+constexpr std::uint64_t mebi = 1 << 20;
+constexpr StoreAbilities usual;
+
+/// Where bytes come from, in order: adds a range, joined with the one before where it continues that.
+void add(std::vector<PlannedBytes>& origin, const PlannedBytes& bytes)
+{
+    PlannedBytes* const last = origin.empty() ? nullptr : &origin.back();
+    if (last != nullptr && last->place == bytes.place && last->index == bytes.index &&
+        last->offset + last->size == bytes.offset)
+    {
+        last->size += bytes.size;
+    }
+    else if (bytes.size > 0)
+    {
+        origin.push_back(bytes);
+    }
+}
+
+/// Expect that the plan makes the file's bytes within the store's limits.
+/// @param forced  bytes; a part that is sent has fewer, however few numbers there are for it
+/// @return bytes that are read from the object to be sent
+std::uint64_t expectRight(
+    const UploadPlan& plan, const std::vector<FilePart>& file, const StoreAbilities& store, std::uint64_t forced)
+{
+    std::vector<PlannedBytes> expected;
+    for (const FilePart& part : file)
+    {
+        const bool isObject = part.place == PartPlace::Object;
+        add(expected, {part.place, isObject ? 0 : part.index, isObject ? part.offset : 0, part.size});
+    }
+    std::vector<PlannedBytes> planned;
+    bool copies = false;
+    std::uint64_t size = 0;
+    std::uint64_t read = 0;
+    std::size_t number = 0;
+    for (const PlannedPart& part : plan.parts)
+    {
+        const bool isLast = &part == &plan.parts.back();
+        std::uint64_t sum = 0;
+        for (const PlannedBytes& bytes : part.bytes)
+        {
+            add(planned, bytes);
+            sum += bytes.size;
+            read += part.how == How::Send && bytes.place == PartPlace::Object ? bytes.size : 0;
+        }
+        EXPECT_EQ(sum, part.how == How::Keep ? 0 : part.size);
+        EXPECT_TRUE(part.size >= store.minPartSize || isLast) << "part of " << part.size << " bytes";
+        EXPECT_GT(part.number, std::exchange(number, part.number));
+        switch (part.how)
+        {
+        case How::Keep:
+            add(planned, {PartPlace::Uploaded, part.number - 1, 0, part.size});
+            break;
+        case How::Copy:
+            copies = true;
+            EXPECT_LE(part.size, store.maxTakeSize);
+            EXPECT_TRUE(part.bytes.size() == 1 && part.bytes[0].place == PartPlace::Object);
+            break;
+        case How::Send:
+            EXPECT_TRUE(store.equalParts || part.size < std::max(2 * store.minPartSize, forced)) << "too much memory";
+            if (isLast && store.maxTakeSize > 0 && !store.equalParts && part.bytes.size() > 1)
+            {
+                const PlannedBytes& tail = part.bytes.back();
+                EXPECT_TRUE(tail.place != PartPlace::Object || sum < store.minPartSize + tail.size) << "not copied";
+            }
+        }
+        EXPECT_TRUE(!store.equalParts || isLast || part.size == plan.parts[0].size);
+        size += part.size;
+    }
+    EXPECT_EQ(planned, expected);
+    EXPECT_LE(number, store.maxParts);
+    EXPECT_EQ(plan.size, size);
+    EXPECT_LE(plan.size, store.maxObjectSize);
+    EXPECT_EQ(plan.hasCopies, copies);
+    return read;
+}
+
+TEST(UploadPlanTest, KeepsToEveryLimitAndLosesNoByte)
+{
+    std::mt19937 random(1);
+    const auto roll = [&](std::uint64_t max) { return std::uniform_int_distribution<std::uint64_t>(0, max)(random); };
+    for (int round = 0; round < 20'000 && !testing::Test::HasFailure(); ++round)
+    {
+        StoreAbilities store{.minPartSize = 1 + roll(20), .maxParts = 1 + roll(40), .maxObjectSize = 1 + roll(1'000)};
+        store.maxTakeSize = roll(4) == 0 ? 0 : 2 * store.minPartSize + roll(100);
+        store.equalParts = roll(5) == 0;
+        const bool isLegal = roll(1) == 0; // as parts that the store itself has
+        const std::uint64_t min = isLegal ? store.minPartSize : 1;
+        const std::uint64_t more = isLegal && store.maxTakeSize > 0 ? store.maxTakeSize - min : 60;
+        const std::uint64_t common = min + roll(std::min<std::uint64_t>(more, 30));
+        std::vector<FilePart> file;
+        std::uint64_t objectEnd = 0;
+        std::uint64_t largest = 0;
+        std::uint64_t total = 0;
+        const std::size_t count = 1 + roll(isLegal ? std::min<std::uint64_t>(store.maxParts - 1, 30) : 30);
+        for (std::size_t i = 0; i < count; ++i)
+        {
+            const auto place = static_cast<PartPlace>(roll(9) < 6 ? 2 : roll(1));
+            const bool isUncommon = roll(3) == 0 && !store.equalParts;
+            const std::uint64_t size = i + 1 == count ? roll(common) : isUncommon ? min + roll(more) : common;
+            file.push_back({i, place, size, objectEnd, i + 1});
+            objectEnd += size + (roll(9) == 0 ? 1 : 0); // ranges need not touch
+            largest = std::max(largest, size);
+            total += size;
+        }
+        SCOPED_TRACE(testing::Message() << "round " << round);
+        try
+        {
+            const std::uint64_t forced = isLegal ? 2 * largest : std::numeric_limits<std::uint64_t>::max();
+            expectRight(planUpload(file, store), file, store, forced);
+        }
+        catch (const cloudprovider::UnsupportedOperationException& refusal)
+        {
+            EXPECT_TRUE(!isLegal || total > store.maxObjectSize) << refusal.detail().value_or("");
+        }
+    }
+}
+
+/// A stored object as the provider opens it, the parts from `first` to `last` changed, and bytes appended.
+std::vector<FilePart> patched(
+    std::uint64_t objectSize, std::uint64_t partSize, std::size_t first, std::size_t last, std::uint64_t appended)
+{
+    std::vector<FilePart> file;
+    const auto add = [&](PartPlace place, std::uint64_t size, std::uint64_t offset)
+    {
+        const bool isSent = place == PartPlace::Spooled && size >= usual.minPartSize;
+        file.push_back({file.size(), isSent ? PartPlace::Uploaded : place, size, offset, file.size() + 1});
+    };
+    auto parts = cutIntoParts({"tag", objectSize}, partSize, usual);
+    // The last part grows to the size of new ones first.
+    const std::uint64_t room = usual.minPartSize - std::min(parts.back().Size, usual.minPartSize);
+    const std::uint64_t grown = std::min(appended, room);
+    for (const auto& part : parts)
+    {
+        const bool isLast = &part == &parts.back();
+        const bool isChanged = (part.Index >= first && part.Index <= last) || (isLast && grown > 0);
+        add(isChanged ? PartPlace::Spooled : PartPlace::Object, part.Size + (isLast ? grown : 0), part.Offset);
+    }
+    for (std::uint64_t left = appended - grown; left > 0; left -= std::min<std::uint64_t>(left, usual.minPartSize))
+    {
+        add(PartPlace::Spooled, std::min<std::uint64_t>(left, usual.minPartSize), 0);
+    }
+    return file;
+}
+
+TEST(UploadPlanTest, PlansEveryPatchOfAnObjectAsItIsCut)
+{
+    std::mt19937_64 random(2);
+    const auto roll = [&](std::uint64_t max) { return std::uniform_int_distribution<std::uint64_t>(0, max)(random); };
+    for (int round = 0; round < 500 && !testing::Test::HasFailure(); ++round)
+    {
+        const std::uint64_t cut = std::array{mebi / 16, mebi / 4, mebi, 5 * mebi, 7 * mebi}.at(roll(4));
+        const std::uint64_t size = std::array{30 * mebi, 6 * mebi, 600 * mebi, 40 * gibi, 4000 * gibi}.at(roll(4));
+        const std::uint64_t objectSize = 1 + roll(size - 1);
+        const std::size_t first = roll(cutIntoParts({"tag", objectSize}, cut, usual).size());
+        const auto file =
+            patched(objectSize, cut, first, first + (roll(1) == 0 ? 0 : roll(20)), roll(3) * roll(9 * mebi));
+        for (const std::uint64_t copies : {usual.maxTakeSize, std::uint64_t()})
+        {
+            const StoreAbilities store{.maxTakeSize = copies};
+            SCOPED_TRACE(testing::Message() << "changed from part " << first << ", " << objectSize
+                                            << " bytes in parts of " << cut << ", round " << round);
+            const auto read = expectRight(planUpload(file, store), file, store, file.front().size / 4 * 5);
+            EXPECT_LE(read, copies > 0 ? 4 * usual.minPartSize : objectSize) << "sent instead of copied";
+        }
+    }
+    const UploadPlan append = planUpload(patched(256 * mebi, mebi, 999, 999, 1024), {});
+    EXPECT_TRUE(append.parts.size() == 2 && append.parts[1].size == 1024) << "more is sent than what was appended";
+}
+
+TEST(UploadPlanTest, CutsObjectsSoThatTheyCanGrow)
+{
+    for (const std::uint64_t cut : {mebi / 16, mebi / 4, mebi, 5 * mebi})
+    {
+        for (const std::uint64_t size : {std::uint64_t(0), std::uint64_t(1), cut, 5 * mebi, 5 * mebi + 1, 6 * mebi,
+                 5000 * cut, 5000 * cut + 1, 25 * gibi, 5000 * gibi, usual.maxObjectSize})
+        {
+            const auto parts = cutIntoParts({"tag", size}, cut, usual);
+            const bool hasEmptyEnd = parts.size() > 1 && parts[0].Size < usual.minPartSize;
+            EXPECT_EQ(parts.back().Offset + parts.back().Size, size);
+            EXPECT_EQ(parts.back().Size == 0, hasEmptyEnd || size == 0) << size << " bytes, cut into " << cut;
+            EXPECT_LE(parts.size(), usual.maxParts / 2 + 1);
+            const std::uint64_t beforeLast = parts[parts.size() - (hasEmptyEnd ? 2 : 1)].Offset;
+            EXPECT_TRUE(beforeLast == 0 || beforeLast >= usual.minPartSize) << size << " bytes, cut into " << cut;
+        }
+    }
+}
+
+} // namespace
+
+} // namespace storage::clients

@@ -1,0 +1,347 @@
+#include "S3Store.hpp"
+
+#include "RangeReceiver.hpp"
+
+#include "protocol/Responses.hpp"
+#include <storage/clients/http/Hashing.hpp>
+#include <storage/clients/http/Times.hpp>
+#include <storage/clients/http/UriEncoding.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <fmt/format.h>
+
+#include <utility>
+
+namespace storage::clients::s3
+{
+
+using namespace cloudprovider;
+
+namespace
+{
+
+std::string rangeField(const ByteRange& range)
+{
+    return fmt::format("bytes={}-{}", range.offset, range.offset + range.size - 1);
+}
+
+} // namespace
+
+S3Store::S3Store(const S3Settings& settings)
+    : m_requester(settings)
+    , m_capabilities(settings.capabilities)
+    , m_transfers(settings.transfers)
+{
+}
+
+StoreAbilities S3Store::abilities(const std::string& key) const
+{
+    StoreAbilities abilities{.equalParts = m_capabilities.equalParts,
+        .conditionalTakes = m_capabilities.conditionalCopies && !m_comparesOtherTags,
+        .conditionalWrites = m_capabilities.conditionalWrites,
+        .conditionalCreation = m_capabilities.conditionalWrites,
+        .conditionalCompletion = m_capabilities.conditionalCompletion};
+    if (!m_capabilities.copiesAnyKey && key.find('%') != std::string::npos)
+    {
+        abilities.maxTakeSize = 0; // a store that decodes the name twice would silently copy another object
+    }
+    return abilities;
+}
+
+std::optional<StoredObject> S3Store::findObject(const std::string& key)
+{
+    const S3Request request{Operation::GetObjectInfo, key, "HEAD"};
+    HttpResponse response = m_requester.send(request, {400, 401, 403, 404});
+    if (response.status >= 400 &&
+        (response.status != 404 || !m_requester.sawBucket())) // a 404 may mean a missing bucket
+    {
+        if (!existsByGet(request))
+        {
+            return std::nullopt;
+        }
+        response = m_requester.send(request, {404}); // the GET succeeded, so the failure was temporary
+    }
+    if (response.status == 404)
+    {
+        return std::nullopt;
+    }
+    const auto size = lengthOf(response);
+    const std::string* const tag = response.headers.find("ETag");
+    const std::string* const time = response.headers.find("Last-Modified");
+    if (!size || tag == nullptr || time == nullptr)
+    {
+        throwMalformedResponse(
+            m_requester.contextOf(request), response, "the response lacks length, entity tag or time");
+    }
+    return StoredObject{{unquotedTag(*tag), *size}, readHttpTime(*time)};
+}
+
+/// Send a failed HEAD request again as GET. Only the response to a GET contains the reason, from which the requester
+/// finds the bucket's region and recognises expired credentials.
+///
+/// @return whether there is such an object
+bool S3Store::existsByGet(S3Request request)
+{
+    request.method = "GET";
+    request.headers.add("Range", "bytes=0-0");
+    const HttpResponse response = m_requester.send(request, {404, 416});
+    if (response.status != 404)
+    {
+        return true;
+    }
+    requireMissingKey(request, response);
+    m_requester.setSawBucket();
+    return false;
+}
+
+/// Throw unless the 404 means that only the object is missing.
+void S3Store::requireMissingKey(const S3Request& request, const HttpResponse& response)
+{
+    if (readError(response.body).code != "NoSuchKey")
+    {
+        throwErrorResponse(m_requester.contextOf(request), response);
+    }
+}
+
+Version S3Store::getObject(const std::string& key, const std::optional<ByteRange>& range,
+    const std::optional<Version>& version, const ContentReceiver& receiver)
+{
+    S3Request request{Operation::GetObjectRange, key, "GET"};
+    if (range)
+    {
+        request.headers.add("Range", rangeField(*range));
+    }
+    if (version)
+    {
+        request.headers.add("If-Match", quotedTag(version->tag));
+    }
+    const FailureContext context = m_requester.contextOf(request);
+    RangeReceiver content(context, range, version, receiver);
+    const HttpResponse response = m_requester.send(
+        request, {416}, [&](const HttpResponse& head, std::string_view bytes) { content.take(head, bytes); });
+    if (response.status != 416)
+    {
+        return content.finish(response);
+    }
+    // The range is beyond the object, and the response need not tell the object's version.
+    const auto object = findObject(key);
+    if (version && (!object || object->version.tag != version->tag))
+    {
+        throwObjectChanged(context);
+    }
+    if (!object)
+    {
+        throw ResourceNotFoundException(context.action + " failed: there is no such object");
+    }
+    if (!range || range->offset < object->version.size)
+    {
+        throwMalformedResponse(context, response, "the object has bytes of the range");
+    }
+    receiver(object->version, {});
+    return object->version;
+}
+
+std::string S3Store::putObject(const std::string& key, RequestBody& body, const WriteCondition& condition)
+{
+    S3Request request{Operation::PutObject, key, "PUT"};
+    request.body = &body;
+    return sendWrite(request, condition, m_capabilities.conditionalWrites,
+        [&] { return m_requester.sentTag(request, m_requester.send(request)); });
+}
+
+/// Send a request that replaces an object.
+///
+/// An endpoint that knows no conditions on writes may refuse `If-None-Match` as not implemented, or as a bad request.
+/// It gets the request again without it, unless conditionalWrites is set: then nobody has looked for the object before.
+/// @param canMatch  the endpoint knows `If-Match` on this request
+std::string S3Store::sendWrite(
+    S3Request& request, const WriteCondition& condition, bool canMatch, const std::function<std::string()>& send)
+{
+    if (condition && !condition->empty() && canMatch)
+    {
+        request.headers.add("If-Match", quotedTag(*condition));
+    }
+    if (condition && condition->empty())
+    {
+        request.headers.add("If-None-Match", "*");
+        try
+        {
+            return send();
+        }
+        catch (const UnsupportedOperationException&)
+        {
+            m_capabilities.conditionalWrites ? throw : request.headers = {};
+        }
+        catch (const NotUnderstood&)
+        {
+            m_capabilities.conditionalWrites ? throw : request.headers = {};
+        }
+    }
+    return send();
+}
+
+void S3Store::deleteObject(const std::string& key, const WriteCondition& condition)
+{
+    S3Request request{Operation::DeleteObject, key, "DELETE"};
+    if (condition && condition->empty()) // no header says that, and there is nothing to delete
+    {
+        findObject(key) ? throwObjectChanged(m_requester.contextOf(request)) : void();
+        return;
+    }
+    if (condition && m_capabilities.conditionalWrites)
+    {
+        request.headers.add("If-Match", quotedTag(*condition));
+    }
+    const HttpResponse response = m_requester.send(request, {404});
+    if (response.status == 404)
+    {
+        requireMissingKey(request, response);
+        condition ? throwObjectChanged(m_requester.contextOf(request), response.wasSentTwice) : void();
+    }
+}
+
+ListingPage S3Store::listObjects(const std::string& prefix, const std::string& token, const ListOptions& options)
+{
+    S3Request request{Operation::ListObjects, "", "GET"};
+    request.query = {{"list-type", "2"}, {"encoding-type", "url"}, {"prefix", prefix}};
+    if (!options.delimiter.empty())
+    {
+        request.query.emplace_back("delimiter", options.delimiter);
+    }
+    if (options.maxKeys > 0)
+    {
+        request.query.emplace_back("max-keys", std::to_string(options.maxKeys));
+    }
+    if (!token.empty())
+    {
+        request.query.emplace_back("continuation-token", token);
+    }
+    return m_requester.sendAndRead(request, readListing);
+}
+
+std::string S3Store::createUpload(const std::string& key)
+{
+    S3Request request{Operation::CreateMultipartUpload, key, "POST"};
+    request.query = {{"uploads", ""}};
+    request.uninterruptible = true; // an upload whose id is lost could not be aborted
+    return m_requester.sendAndRead(request, readNewUpload);
+}
+
+std::string S3Store::uploadPart(
+    const std::string& key, const std::string& uploadId, std::size_t number, RequestBody& body)
+{
+    S3Request request{Operation::UploadPart, key, "PUT"};
+    request.query = {{"partNumber", std::to_string(number)}, {"uploadId", uploadId}};
+    request.body = &body;
+    return m_requester.sentTag(request, m_requester.send(request));
+}
+
+std::string S3Store::takePart(const std::string& key, const std::string& uploadId, std::size_t number,
+    const Version& source, const ByteRange& range)
+{
+    S3Request request{Operation::CopyPart, key, "PUT"};
+    request.query = {{"partNumber", std::to_string(number)}, {"uploadId", uploadId}};
+    request.headers.add(
+        "x-amz-copy-source", fmt::format("/{}/{}", uriEncode(m_requester.bucket()), uriEncodePath(key)));
+    if (range.size < source.size) // stores refuse ranges of small objects, which must be copied whole
+    {
+        request.headers.add("x-amz-copy-source-range", rangeField(range));
+    }
+    request.serverSideWork = true;
+    request.serverSideBytes = range.size * m_transfers; // as many copies of about this size may be running
+    if (m_comparesOtherTags)
+    {
+        return m_requester.sendAndRead(request, readCopiedPart);
+    }
+    S3Request pinned = request;
+    pinned.headers.add("x-amz-copy-source-if-match", quotedTag(source.tag));
+    try
+    {
+        return m_requester.sendAndRead(pinned, readCopiedPart);
+    }
+    catch (const PreconditionFailed&)
+    {
+        const auto object = findObject(key);
+        if (!object || object->version.tag != source.tag)
+        {
+            throw;
+        }
+    }
+    m_comparesOtherTags = true;
+    return m_requester.sendAndRead(request, readCopiedPart);
+}
+
+std::string S3Store::completeUpload(const std::string& key, const std::string& uploadId,
+    const std::vector<NumberedTag>& parts, const WriteCondition& condition)
+{
+    TextBody body(writeCompletion(parts));
+    S3Request request{Operation::CompleteMultipartUpload, key, "POST"};
+    request.query = {{"uploadId", uploadId}};
+    request.body = &body;
+    request.serverSideWork = true;
+    return sendWrite(request, condition, m_capabilities.conditionalCompletion,
+        [&] { return m_requester.sendAndRead(request, readCompletion); });
+}
+
+void S3Store::abortUpload(const std::string& key, const std::string& uploadId)
+{
+    S3Request request{Operation::AbortMultipartUpload, key, "DELETE"};
+    request.query = {{"uploadId", uploadId}};
+    request.cleansUp = true;
+    if (m_requester.send(request, {404}).status == 404)
+    {
+        throw ResourceNotFoundException(m_requester.contextOf(request).action + " failed: there is no such upload");
+    }
+}
+
+bool S3Store::isOpen(const std::string& key, const std::string& uploadId)
+{
+    S3Request request{Operation::CompleteMultipartUpload, key, "GET"};
+    request.query = {{"uploadId", uploadId}, {"max-parts", "1"}};
+    try
+    {
+        m_requester.send(request);
+        return true;
+    }
+    catch (const ResourceNotFoundException&)
+    {
+        return false;
+    }
+}
+
+UploadsPage S3Store::listUploads(const std::string& token)
+{
+    S3Request request{std::nullopt, "", "GET"};
+    request.query = {{"uploads", ""}};
+    if (const std::size_t slash = token.find('/'); slash != std::string::npos) // see below
+    {
+        request.query.emplace_back("key-marker", token.substr(slash + 1));
+        request.query.emplace_back("upload-id-marker", uriDecode(token.substr(0, slash)));
+    }
+    UploadsDocument page = m_requester.sendAndRead(request, readUploads);
+    return {std::move(page.uploads), page.nextKey.empty() ? "" : uriEncode(page.nextUploadId) + '/' + page.nextKey};
+}
+
+std::string S3Store::tagOf(RequestBody& body) const
+{
+    return toHex(md5(body));
+}
+
+/// The hash of the parts' hashes. Empty if the tags of the parts are not MD5 hashes; such a store returns the object's
+/// tag with the completion.
+std::string S3Store::tagOf(const std::vector<NumberedTag>& parts) const
+{
+    std::string hashes;
+    for (const auto& [number, tag] : parts)
+    {
+        const std::string hash = fromHex(tag);
+        if (hash.size() != 16)
+        {
+            return {};
+        }
+        hashes += hash;
+    }
+    return fmt::format("{}-{}", toHex(md5(hashes)), parts.size());
+}
+
+} // namespace storage::clients::s3

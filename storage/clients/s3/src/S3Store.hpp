@@ -1,0 +1,60 @@
+#pragma once
+
+#include "protocol/Requester.hpp"
+
+#include <storage/clients/remote/RemoteStore.hpp>
+#include <storage/clients/s3/S3Settings.hpp>
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace storage::clients::s3
+{
+
+/// The requests of the S3 protocol to one bucket. See S3Client.
+class S3Store : public RemoteStore
+{
+public:
+    /// @throws cloudprovider::InvalidLocationException when the settings are not a valid address
+    explicit S3Store(const S3Settings& settings);
+
+    StoreAbilities abilities(const std::string& key) const override;
+    std::optional<StoredObject> findObject(const std::string& key) override;
+    Version getObject(const std::string& key, const std::optional<ByteRange>& range,
+        const std::optional<Version>& version, const ContentReceiver& receiver) override;
+    std::string putObject(const std::string& key, RequestBody& body, const WriteCondition& condition) override;
+    void deleteObject(const std::string& key, const WriteCondition& condition) override;
+    ListingPage listObjects(
+        const std::string& prefix, const std::string& token, const cloudprovider::ListOptions& options) override;
+    std::string createUpload(const std::string& key) override;
+    std::string uploadPart(
+        const std::string& key, const std::string& uploadId, std::size_t number, RequestBody& body) override;
+    std::string takePart(const std::string& key, const std::string& uploadId, std::size_t number, const Version& source,
+        const ByteRange& range) override;
+    std::string completeUpload(const std::string& key, const std::string& uploadId,
+        const std::vector<NumberedTag>& parts, const WriteCondition& condition) override;
+    void abortUpload(const std::string& key, const std::string& uploadId) override;
+    bool isOpen(const std::string& key, const std::string& uploadId) override;
+    UploadsPage listUploads(const std::string& token) override;
+    std::string tagOf(RequestBody& body) const override;
+    std::string tagOf(const std::vector<NumberedTag>& parts) const override;
+
+private:
+    bool existsByGet(S3Request request);
+    void requireMissingKey(const S3Request& request, const HttpResponse& response);
+    std::string sendWrite(
+        S3Request& request, const WriteCondition& condition, bool canMatch, const std::function<std::string()>& send);
+
+    Requester m_requester;
+    const EndpointCapabilities m_capabilities;
+    const std::size_t m_transfers; // requests that may be running at a time
+    /// The endpoint has refused to copy the version that it shows: some compare `x-amz-copy-source-if-match` with
+    /// another tag of objects that are made of parts.
+    std::atomic<bool> m_comparesOtherTags = false;
+};
+
+} // namespace storage::clients::s3

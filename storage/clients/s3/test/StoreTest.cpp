@@ -1,0 +1,307 @@
+#include "TestCalls.hpp"
+
+#include <storage/clients/http/Hashing.hpp>
+#include <storage/clients/remote/RemoteFailures.hpp>
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <chrono>
+
+// Which requests the operations of the store send, and what they make of the responses.
+
+namespace storage::clients::s3::test
+{
+
+namespace
+{
+
+using namespace cloudprovider;
+using namespace clients::test;
+using testing::HasSubstr;
+using testing::StartsWith;
+using http = boost::beast::http::verb;
+
+const std::string content = "content";
+const std::string tag = toHex(md5(content));
+constexpr std::uint64_t gibi = 1 << 30;
+
+struct ReadRow
+{
+    const char* name;
+    std::optional<ByteRange> range;
+    Reply reply;
+    std::string received;
+    std::string failure = ""; // its beginning
+};
+
+Reply part(const std::string& place, const std::string& bytes)
+{
+    return {206, {{"ETag", '"' + tag + '"'}, {"Content-Range", place}}, bytes};
+}
+
+Reply whole(const std::string& bytes, const std::string& etag = tag, const std::string& encryption = "AES256")
+{
+    return {200, {{"ETag", '"' + etag + '"'}, {"x-amz-server-side-encryption", encryption}}, bytes};
+}
+
+/// @param rest  of a response that announces three bytes
+Reply cut(const std::string& rest)
+{
+    return Reply::raw(
+        "HTTP/1.1 206 OK\r\nETag: \"" + tag + "\"\r\nContent-Range: bytes 2-4/7\r\nContent-Length: 3\r\n" + rest,
+        Reply::Then::Close);
+}
+
+/// The response to a HEAD request.
+Reply described(const std::string& etag, int size)
+{
+    return {.fields = {{"ETag", '"' + etag + '"'}, {"Last-Modified", "Sat, 01 Jan 2022 00:00:00 GMT"},
+                {"Content-Length", std::to_string(size)}}};
+}
+
+const ReadRow reads[] = {
+    {"whole", {}, whole(content), content},
+    {"range", ByteRange{2, 3}, part("bytes 2-4/7", "nte"), "nte"},
+    {"rangeOverTheEnd", ByteRange{5, 9}, part("bytes 5-6/7", "nt"), "nt"},
+    {"wholeInsteadOfARangeOverIt", ByteRange{0, 9}, whole(content), content},
+    {"rangeBeyondTheEnd", ByteRange{7, 1}, {416}, ""},
+    {"noBytesAlthoughThereAreSome", ByteRange{6, 2}, {416}, "", "Malformed response"},
+    {"noBytesOfAnotherVersion", ByteRange{7, 1}, {416, {{"ETag", "\"other\""}}}, "", "Object changed"},
+    {"moreThanTheRange", ByteRange{0, 3}, whole(content), "", "Unsupported Cloud operation"},
+    {"damaged", {}, whole("cantent"), "cantent", "Malformed response"},
+    {"wholeInsteadOfARange", ByteRange{2, 9}, whole(content), "", "Unsupported Cloud operation"},
+    {"anotherRange", ByteRange{2, 3}, part("bytes 3-5/7", "ten"), "", "Malformed response"},
+    {"rangeOfUnknownSize", ByteRange{2, 3}, part("bytes 2-4/*", "nte"), "", "Malformed response"},
+    {"brokenOff", ByteRange{2, 3}, cut("\r\nnt"), "nt", "Store unreachable"},
+    {"fewerBytesThanAnnounced", ByteRange{2, 3}, cut("Transfer-Encoding: chunked\r\n\r\n2\r\nnt\r\n0\r\n\r\n"), "nt",
+        "Malformed response"},
+    {"anotherVersion", {}, whole(content, "other"), "", "Object changed"},
+    {"hashOfTheUnencryptedBytes", {}, whole("other", tag, "aws:kms"), "other"},
+};
+
+TEST(StoreTest, DeliversTheBytesOfTheRangeOrFails)
+{
+    for (const ReadRow& row : reads)
+    {
+        SCOPED_TRACE(row.name);
+        LoopbackServer server(
+            [&](const Request& request)
+            {
+                Reply head = described(tag, 7); // asked for when no bytes come
+                head.fields.insert(head.fields.end(), row.reply.fields.begin(), row.reply.fields.end());
+                return request.method() == http::head ? head : row.reply;
+            });
+        S3Store store(settingsFor(server));
+        std::string received;
+        int calls = 0;
+        const auto receive = [&](const Version& version, std::string_view bytes)
+        {
+            EXPECT_TRUE(version.tag == tag && version.size == (row.range ? 7U : row.reply.body.size()));
+            received += bytes;
+            ++calls;
+        };
+        const std::string failure = failureOf(
+            [&] {
+                EXPECT_EQ(store.getObject("key", row.range, Version{tag, 7}, receive).tag, tag);
+            });
+        EXPECT_EQ(received, row.received);
+        EXPECT_THAT(failure, StartsWith(row.failure));
+        EXPECT_TRUE(failure.empty() ? row.failure.empty() && calls > 0 : !row.failure.empty()) << failure;
+        EXPECT_EQ(server.requests()[0]["If-Match"], '"' + tag + '"');
+    }
+}
+
+/// A store of one object of one byte.
+struct ConditionalStore
+{
+    const Reply refusal = {}; // of requests with a condition; status 200: it knows conditions
+    std::atomic<char> stored = 0;
+    std::atomic<bool> losesResponse = false;
+    LoopbackServer server{[this](const Request& request) { return respond(request); }};
+
+    static std::string tagOf(char byte) { return toHex(md5(std::string(1, byte))); }
+
+    S3Settings settings(bool isTrusted)
+    {
+        S3Settings settings = settingsFor(server);
+        settings.capabilities.conditionalWrites = isTrusted;
+        settings.capabilities.conditionalCompletion = isTrusted;
+        return settings;
+    }
+
+    Reply respond(const Request& request)
+    {
+        if (request.method() == http::head || request.method() == http::get)
+        {
+            return stored == 0 ? Reply::error(404, "NoSuchKey") : described(tagOf(stored), 1);
+        }
+        const std::string etag = stored == 0 ? "" : '"' + tagOf(stored) + '"';
+        const auto ifNone = request["If-None-Match"];
+        const auto ifSame = request["If-Match"];
+        if (refusal.status != 200 && ifNone.size() + ifSame.size() > 0)
+        {
+            return refusal;
+        }
+        if ((!ifNone.empty() && stored != 0) || (!ifSame.empty() && ifSame != etag))
+        {
+            return stored == 0 ? Reply::error(404, "NoSuchKey") : Reply::error(412, "PreconditionFailed");
+        }
+        stored = request.method() == http::delete_ ? '\0' : request.method() == http::put ? request.body().at(0) : 'c';
+        return losesResponse.exchange(false)
+                   ? Reply::raw("", Reply::Then::Close)
+                   : Reply{.fields = {{"ETag", '"' + tagOf(stored) + '"'}},
+                         .body = request.method() == http::post ? "<CompleteMultipartUploadResult/>" : ""};
+    }
+};
+
+struct Write
+{
+    const char* name;
+    char result; // stored byte; 0: none
+    void (*send)(S3Store& store, const WriteCondition& condition);
+};
+
+const Write writes[] = {
+    {"put", 'p', [](S3Store& store, const WriteCondition& condition) { putObject(store, "key", "p", condition); }},
+    {"completion", 'c',
+        [](S3Store& store, const WriteCondition& condition) {
+            store.completeUpload("key", "id", {{1, "tag"}}, condition);
+        }},
+    {"deletion", 0, [](S3Store& store, const WriteCondition& condition) { store.deleteObject("key", condition); }},
+};
+
+TEST(ConditionTest, HoldsInOneStepWhereTheStoreIsTrustedWithIt)
+{
+    for (const Write& write : writes)
+    {
+        for (const bool isTrusted : {true, false})
+        {
+            SCOPED_TRACE(testing::Message() << write.name << ' ' << isTrusted);
+            ConditionalStore server;
+            S3Store store(server.settings(isTrusted));
+            const auto attempt = [&](char before, const WriteCondition& condition)
+            {
+                server.stored = before;
+                return failureOf([&] { write.send(store, condition); });
+            };
+            EXPECT_THAT(attempt('a', ""), StartsWith("Object changed"));
+            EXPECT_EQ(server.stored, 'a') << "If-None-Match is sent in any case";
+            EXPECT_EQ(attempt(0, ""), "");
+            EXPECT_EQ(server.stored, write.result);
+            EXPECT_EQ(attempt('a', server.tagOf('a')), "");
+            EXPECT_EQ(server.stored, write.result);
+            EXPECT_EQ(attempt('b', server.tagOf('a')).empty(), !isTrusted);
+            EXPECT_EQ(server.stored, isTrusted ? 'b' : write.result);
+            EXPECT_EQ(attempt('b', {}), "");
+
+            // The transport sends a request again when its connection breaks. The refusal of the second says nothing
+            // about the first.
+            server.stored = 'a';
+            server.losesResponse = true;
+            try
+            {
+                write.send(store, server.tagOf('a'));
+                EXPECT_FALSE(isTrusted) << "was not refused";
+            }
+            catch (const PreconditionFailed& failure)
+            {
+                EXPECT_TRUE(isTrusted && failure.wasSentTwice());
+            }
+            EXPECT_EQ(server.stored, write.result);
+        }
+    }
+}
+
+TEST(ConditionTest, IsLeftOutWhereAStoreWithoutItRefusesIt)
+{
+    const std::pair<Reply, bool> refusals[] = {{Reply::error(501, "NotImplemented"), true},
+        {Reply::error(400, "InvalidArgument"), true}, {Reply::error(409, "Conflict"), false},
+        {Reply::error(400, "EntityTooSmall"), false}};
+    for (const auto& [refusal, refusesCondition] : refusals)
+    {
+        for (const Write& write : {writes[0], writes[1]})
+        {
+            for (const bool isTrusted : {true, false})
+            {
+                SCOPED_TRACE(testing::Message() << write.name << ' ' << isTrusted << refusal.body);
+                ConditionalStore server{refusal};
+                S3Store store(server.settings(isTrusted));
+                const bool isStored = refusesCondition && !isTrusted;
+                EXPECT_EQ(failureOf([&] { write.send(store, ""); }).empty(), isStored);
+                EXPECT_EQ(server.stored, isStored ? write.result : 0);
+            }
+        }
+    }
+}
+
+TEST(UploadTest, CopiesFromOneVersionUnlessTheStoreRefusesTheVersionThatItShows)
+{
+    for (const auto& [refuses, stored] : {std::pair(false, "old"), std::pair(true, "old"), std::pair(true, "other")})
+    {
+        SCOPED_TRACE(testing::Message() << stored << refuses);
+        const bool isRefused = stored != std::string("old");
+        LoopbackServer server(
+            [&, stored = stored, refuses = refuses](const Request& request)
+            {
+                const bool isLarge = request["x-amz-copy-source-range"] == "bytes=1-1073741824";
+                return request.method() == http::head ? described(stored, 9)
+                       : refuses && request["x-amz-copy-source-if-match"] == "\"old\""
+                           ? Reply::error(412, "PreconditionFailed")
+                           : Reply{.body = "<CopyPartResult><ETag>\"tag\"</ETag></CopyPartResult>",
+                                 .delay = std::chrono::milliseconds(isLarge ? 1500 : 0)};
+            });
+        S3Settings settings = settingsFor(server);
+        settings.capabilities.conditionalCopies = true;
+        settings.timeouts.serverSideStallWindow = std::chrono::seconds(1);
+        settings.timeouts.serverSideBytesPerSecond = 1 << 24; // the window of a large copy is longer than its delay
+        S3Store store(settings);
+        const auto take = [&](std::uint64_t size) {
+            return failureOf(
+                [&] {
+                    EXPECT_EQ(store.takePart("a/b c", "id", 3, {"old", size}, {size - gibi, gibi}), "tag");
+                });
+        };
+        const std::string failure = take(gibi + 1);
+        EXPECT_TRUE(isRefused ? failure.starts_with("Object changed") : failure.empty()) << failure;
+        EXPECT_EQ(store.abilities("a b").conditionalTakes, isRefused || !refuses);
+        const auto before = server.requests();
+        EXPECT_EQ(before[0]["x-amz-copy-source"], "/bucket/a/b%20c");
+        EXPECT_EQ(before[0]["x-amz-copy-source-if-match"], "\"old\"");
+        EXPECT_EQ(take(gibi).empty(), !isRefused);
+        const auto requests = server.requests();
+        EXPECT_EQ(requests.size() - before.size(), isRefused ? 2U : 1U);
+        EXPECT_EQ(requests.back().count("x-amz-copy-source-range"), 0U) << "stores refuse ranges of small objects";
+        EXPECT_EQ(store.abilities("a%b").maxTakeSize, 0U);
+        EXPECT_GT(store.abilities("a b").maxTakeSize, 0U);
+    }
+}
+
+TEST(UploadTest, IsOpenUntilTheStoreSaysOtherwise)
+{
+    Reply reply;
+    LoopbackServer server([&](const Request&) { return reply; });
+    S3Settings settings = settingsFor(server);
+    settings.timeouts.cleanUp = std::chrono::milliseconds(200);
+    S3Store store(settings);
+    EXPECT_TRUE(store.isOpen("key", "id"));
+    reply = Reply::error(404, "NoSuchUpload");
+    EXPECT_FALSE(store.isOpen("key", "id"));
+    reply = Reply::stall();
+    EXPECT_THAT(failureOf([&] { store.abortUpload("key", "id"); }), HasSubstr("timed out after"))
+        << "the stall window is not for an abort";
+}
+
+TEST(UploadTest, TagsOfObjectsAreForetoldFromMd5Hashes)
+{
+    LoopbackServer server([](const Request&) { return Reply(); });
+    S3Store store(settingsFor(server));
+    TextBody body(content);
+    EXPECT_EQ(store.tagOf(body), tag);
+    EXPECT_EQ(store.tagOf({{1, tag}, {5, tag}}), toHex(md5(md5(content) + md5(content))) + "-2");
+    EXPECT_EQ(store.tagOf({{1, tag}, {2, "other"}}), "");
+}
+
+} // namespace
+
+} // namespace storage::clients::s3::test
