@@ -65,16 +65,13 @@ write_proxy_config()
 use = egg:swift#memcache
 memcache_servers = 127.0.0.1:$2
 
-# By default, objects have at most 1,000 parts.
 [filter:s3api]
 use = egg:swift#s3api
 location = us-east-1
 storage_domain = localhost
-max_upload_part_num = 10000
 
 [filter:slo]
 use = egg:swift#slo
-max_manifest_segments = 10000
 rate_limit_after_segment = 1000000
 
 [filter:tempauth]
