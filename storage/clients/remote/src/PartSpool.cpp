@@ -107,17 +107,17 @@ void PartSpool::clear() noexcept
     }
 }
 
-std::uint64_t PartSpool::allocate(std::size_t size)
+PartSpool::Space PartSpool::allocate(std::size_t size)
 {
     const std::lock_guard lock(m_mutex);
     if (m_file == -1)
     {
         m_file = openUnnamedFile();
     }
-    const std::uint64_t position = m_end;
-    allocateSpace(m_file, position, size);
+    allocateSpace(m_file, m_end, size);
+    Space space{m_end, {m_file, m_end, size}};
     m_end += (size + pageSize() - 1) / pageSize() * pageSize();
-    return position;
+    return space;
 }
 
 MappedBytes PartSpool::map(std::uint64_t position, std::size_t size) const

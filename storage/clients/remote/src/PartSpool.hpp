@@ -38,9 +38,15 @@ public:
     PartSpool& operator=(const PartSpool&) = delete;
     ~PartSpool();
 
-    /// Allocate space, so that writing to it through a mapping cannot fail. @return its position
+    struct Space
+    {
+        std::uint64_t position;
+        MappedBytes bytes;
+    };
+
+    /// Allocate space, so that writing to it cannot fail, and map it.
     /// @throws cloudprovider::UnknownErrorException when there is no space
-    std::uint64_t allocate(std::size_t size);
+    Space allocate(std::size_t size);
 
     /// Map bytes of allocated space.
     /// @throws cloudprovider::UnknownErrorException when they cannot be mapped

@@ -99,7 +99,7 @@ void Upload::setFailed(
 {
     const std::lock_guard lock(m_mutex);
     Part& part = m_parts.find(index)->second;
-    if (spooled)
+    if (spooled && !m_outage.isAborting()) // an abort has cleared the spool
     {
         part.place = PartPlace::Spooled;
         part.spooled = *spooled;

@@ -86,7 +86,7 @@ public:
     bool startSending(std::size_t index, std::uint64_t generation);
 
     /// Record how the transfer of a part has ended, after startSending() has returned true.
-    /// @param spooled  position of the part's bytes in the spool; nullopt: they are lost
+    /// @param spooled  position of the part's bytes in the spool; nullopt: they are lost, as during an abort
     void setSent(std::size_t index, std::string storeTag) noexcept;
     void setFailed(std::size_t index, std::exception_ptr failure, const std::optional<std::uint64_t>& spooled) noexcept;
 

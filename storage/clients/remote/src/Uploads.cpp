@@ -57,9 +57,9 @@ std::optional<std::uint64_t> spool(Upload& upload, std::string_view bytes) noexc
 {
     try
     {
-        const std::uint64_t position = upload.spool().allocate(bytes.size());
-        std::memcpy(upload.spool().map(position, bytes.size()).data(), bytes.data(), bytes.size());
-        return position;
+        const PartSpool::Space space = upload.spool().allocate(bytes.size());
+        std::memcpy(space.bytes.data(), bytes.data(), bytes.size());
+        return space.position;
     }
     catch (...) // the failure to send is the one to report
     {
@@ -107,11 +107,8 @@ std::string Uploads::send(const std::string& key, const std::string& id, const P
             fmt::format("{} cannot have a part {}: the store accepts at most {} parts; write it in larger parts",
                 quoted(key), part.Index + 1, store.maxParts));
     }
-    std::optional<PartBytes> bytes;
-    if (part.Size >= store.minPartSize || store.equalParts)
-    {
-        bytes.emplace(m_memory, part.Size);
-    }
+    const bool isWhole = part.Size >= store.minPartSize || store.equalParts;
+    const auto bytes = isWhole ? std::make_shared<PartBytes>(m_memory, part.Size) : nullptr;
     if (const auto failure = upload->outage().failure(m_retry.now()))
     {
         std::rethrow_exception(failure);
@@ -124,23 +121,23 @@ std::string Uploads::send(const std::string& key, const std::string& id, const P
     readContent(key, content, bytes->data(), part.Size);
     if (const auto sending = upload->beginSending(part, store))
     {
-        return sendLater(upload, part.Index, *sending, std::make_shared<PartBytes>(std::move(*bytes)));
+        return sendLater(upload, part.Index, *sending, bytes);
     }
     return spoolPart(*upload, part, [&](char* target) { std::memcpy(target, bytes->data(), part.Size); });
 }
 
 std::string Uploads::spoolPart(Upload& upload, const PartInfo& part, const std::function<void(char* target)>& write)
 {
-    const std::uint64_t position = upload.spool().allocate(part.Size);
+    const PartSpool::Space space = upload.spool().allocate(part.Size);
     try
     {
-        write(upload.spool().map(position, part.Size).data());
-        return upload.setPart(
-            part.Index, {.place = PartPlace::Spooled, .size = part.Size, .offset = part.Offset, .spooled = position});
+        write(space.bytes.data());
+        return upload.setPart(part.Index,
+            {.place = PartPlace::Spooled, .size = part.Size, .offset = part.Offset, .spooled = space.position});
     }
     catch (...)
     {
-        upload.spool().free(position, part.Size);
+        upload.spool().free(space.position, part.Size);
         throw;
     }
 }
@@ -174,7 +171,10 @@ std::string Uploads::sendLater(
     }
     catch (...) // no memory
     {
-        upload->setFailed(index, std::current_exception(), std::nullopt);
+        if (upload->startSending(index, part.generation))
+        {
+            upload->setFailed(index, std::current_exception(), std::nullopt);
+        }
         throw;
     }
 }
