@@ -95,7 +95,7 @@ void Upload::setSent(std::size_t index, std::string storeTag) noexcept
 }
 
 void Upload::setFailed(
-    std::size_t index, std::exception_ptr failure, const std::optional<std::uint64_t>& spooled) noexcept
+    std::size_t index, const std::exception_ptr& failure, const std::optional<std::uint64_t>& spooled) noexcept
 {
     const std::lock_guard lock(m_mutex);
     Part& part = m_parts.find(index)->second;

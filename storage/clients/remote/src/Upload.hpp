@@ -88,7 +88,8 @@ public:
     /// Record how the transfer of a part has ended, after startSending() has returned true.
     /// @param spooled  position of the part's bytes in the spool; nullopt: they are lost, as during an abort
     void setSent(std::size_t index, std::string storeTag) noexcept;
-    void setFailed(std::size_t index, std::exception_ptr failure, const std::optional<std::uint64_t>& spooled) noexcept;
+    void setFailed(
+        std::size_t index, const std::exception_ptr& failure, const std::optional<std::uint64_t>& spooled) noexcept;
 
     /// Throw the first failure of a part since the last report.
     void reportFailure();

@@ -500,7 +500,7 @@ std::optional<std::vector<NumberedTag>> Uploads::tagsOf(const Upload& upload, co
 std::string Uploads::finish(Upload& upload, const Completion& completion, const std::vector<NumberedTag>& parts)
 {
     const std::string& key = upload.key();
-    const std::string newTag = m_store.tagOf(parts);
+    std::string newTag = m_store.tagOf(parts);
     const auto isDone = [&](const std::optional<StoredObject>& stored)
     { return upload.isOutcomeUnknown() && stored && !newTag.empty() && stored->version.tag == newTag; };
 

@@ -45,7 +45,7 @@ Requester::Requester(const S3Settings& settings)
 std::string Requester::sentTag(const S3Request& request, const HttpResponse& response)
 {
     const std::string* const field = response.headers.find("ETag");
-    const std::string tag = field == nullptr ? "" : unquotedTag(*field);
+    std::string tag = field == nullptr ? "" : unquotedTag(*field);
     if (tag.empty())
     {
         throwMalformedResponse(contextOf(request), response, "the response lacks the entity tag");
