@@ -108,7 +108,7 @@ void TaskPool::run(const std::vector<Task>& tasks)
     shared->changed.wait(lock, [&] { return shared->running == 0; });
     if (shared->failure)
     {
-        std::rethrow_exception(shared->failure);
+        std::rethrow_exception(std::move(shared->failure)); // not destroyed by the last thread that lets go of the run
     }
 }
 
