@@ -7,44 +7,6 @@
 namespace storage::clients
 {
 
-void FetchedObject::learn(const Version& version, std::uint64_t generation)
-{
-    if (version.size == m_version.size && version.tag == m_version.tag)
-    {
-        return;
-    }
-    const bool isCurrent = generation == m_generation && m_writers == 0;
-    forget();
-    if (isCurrent)
-    {
-        m_version = version;
-    }
-}
-
-void FetchedObject::forget()
-{
-    m_version = {};
-    ++m_generation;
-    m_streams = {};
-    for (const auto& [offset, block] : m_blocks)
-    {
-        block->state = FetchedBlock::State::Gone;
-    }
-    m_blocks.clear();
-}
-
-void FetchedObject::beginWrite()
-{
-    ++m_writers;
-    forget();
-}
-
-void FetchedObject::endWrite()
-{
-    --m_writers;
-    forget(); // so that a getObjectParts() that started during the write is not learnt
-}
-
 FetchedBlocks FetchedObject::addMissing(std::uint64_t from, std::uint64_t to, std::uint64_t piece, MemoryBudget& budget)
 {
     FetchedBlocks added;
@@ -102,6 +64,15 @@ void FetchedObject::trim()
             ++block;
         }
     }
+}
+
+void FetchedObject::drop()
+{
+    for (const auto& [offset, block] : m_blocks)
+    {
+        block->state = FetchedBlock::State::Gone;
+    }
+    m_blocks.clear();
 }
 
 void FetchedObject::fail(FetchedBlock& block)

@@ -44,39 +44,22 @@ struct FetchedBlock
 using FetchedBlockPtr = std::shared_ptr<FetchedBlock>;
 using FetchedBlocks = std::vector<FetchedBlockPtr>;
 
-/// One object: its size, its readers, and the blocks of it that are in memory. Blocks do not overlap.
+/// One version of an object: its readers, and the blocks of it that are in memory. Blocks do not overlap.
 ///
 /// Not safe for concurrent calls: the owner's lock guards everything, including the states of the blocks.
 class FetchedObject
 {
 public:
-    explicit FetchedObject(std::string key)
+    FetchedObject(std::string key, Version version)
         : m_key(std::move(key))
+        , m_version(std::move(version))
     {
     }
 
     const std::string& key() const noexcept { return m_key; }
-
-    /// Bytes; 0: unknown, so nothing may be prefetched.
+    const Version& version() const noexcept { return m_version; }
     std::uint64_t size() const noexcept { return m_version.size; }
-
-    /// Changes with each forget().
-    std::uint64_t generation() const noexcept { return m_generation; }
-
     ReadStreams& streams() noexcept { return m_streams; }
-
-    /// Record the version that was opened. If it is another one than before, all blocks are dropped.
-    ///
-    /// @param generation  generation() when the store was asked. If it has changed since, or if a write is in progress,
-    ///                    the response may be outdated. Then nothing is known, unless it equals what is recorded.
-    void learn(const Version& version, std::uint64_t generation);
-
-    /// Drop all blocks and streams. Nothing is known until the next learn().
-    void forget();
-
-    /// Forget everything. Learn nothing until every write has ended: bytes fetched meanwhile may be of two versions.
-    void beginWrite();
-    void endWrite();
 
     /// Add blocks for those bytes in [from, to) that no block has, each of at most `piece` bytes.
     ///
@@ -92,6 +75,9 @@ public:
     /// Drop the blocks that no window overlaps and no call reads.
     void trim();
 
+    /// Drop all blocks, also those that a call waits for.
+    void drop();
+
     /// Drop a block whose download failed, and close all windows.
     void fail(FetchedBlock& block);
 
@@ -101,9 +87,7 @@ private:
     Blocks::const_iterator blockAt(std::uint64_t offset) const;
 
     const std::string m_key;
-    Version m_version;
-    std::uint64_t m_generation = 0;
-    unsigned m_writers = 0; // calls in progress that change the object
+    const Version m_version;
     ReadStreams m_streams;
     Blocks m_blocks;
 };

@@ -278,17 +278,6 @@ void ObjectReader::read(const std::string& key, std::ostream& out, std::uint64_t
         }
     }
     RangeRead reading(m_store, key, range, targetIn(key, out));
-    readPinned(key, reading);
-}
-
-void ObjectReader::read(const std::string& key, char* target, const ByteRange& range)
-{
-    RangeRead reading(m_store, key, range, targetIn(target));
-    readPinned(key, reading);
-}
-
-void ObjectReader::readPinned(const std::string& key, RangeRead& reading)
-{
     const auto tryRead = [&](const std::optional<Version>& version)
     {
         try

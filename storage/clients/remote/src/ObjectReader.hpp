@@ -41,10 +41,6 @@ public:
 
     void read(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last);
 
-    /// Read a range into memory, from the same version as read().
-    /// @param range  not empty
-    void read(const std::string& key, char* target, const ByteRange& range);
-
     /// Read a range of one version into memory.
     /// @param range    not empty
     /// @throws PreconditionFailed when the object has another version
@@ -52,8 +48,6 @@ public:
 
 private:
     class RangeRead;
-
-    void readPinned(const std::string& key, RangeRead& reading);
 
     RemoteStore& m_store;
     Retry& m_retry;

@@ -71,8 +71,10 @@ catch (...) // There is no memory for the text.
 
 } // namespace
 
-ReadAhead::ReadAhead(ObjectReader& reader, TaskPool& pool, MemoryBudget& budget, const RemoteSettings& settings)
+ReadAhead::ReadAhead(
+    ObjectReader& reader, VersionPins& pins, TaskPool& pool, MemoryBudget& budget, const RemoteSettings& settings)
     : m_reader(reader)
+    , m_pins(pins)
     , m_pool(pool)
     , m_budget(budget)
     , m_maxWindow(prefetchMemory(settings) / 4 * 3) // leaves room for the first windows of another reader
@@ -85,7 +87,16 @@ void ReadAhead::drop()
     const std::lock_guard lock(m_mutex);
     for (const ObjectPtr& object : m_objects)
     {
-        object->forget();
+        object->drop();
+    }
+}
+
+void ReadAhead::forget(const std::string& key)
+{
+    const std::lock_guard lock(m_mutex);
+    if (const auto object = find(key); object != m_objects.end())
+    {
+        forget(object);
     }
 }
 
@@ -104,16 +115,13 @@ bool ReadAhead::read(const std::string& key, std::ostream& out, const ByteRange&
 /// @return blocks that have the range, all Ready; empty: the range must be requested
 FetchedBlocks ReadAhead::obtain(const std::string& key, const ByteRange& range)
 {
-    if (!m_pool.isConcurrent())
+    const auto version = m_pool.isConcurrent() ? m_pins.pinned(key) : std::nullopt;
+    if (!version || range.offset >= version->size || range.size > version->size - range.offset)
     {
         return {};
     }
     std::unique_lock lock(m_mutex);
-    const ObjectPtr object = find(key);
-    if (!object || range.offset >= object->size() || range.size > object->size() - range.offset)
-    {
-        return {};
-    }
+    const ObjectPtr object = objectAt(key, *version);
     const auto ahead = object->streams().advance(range, ++m_reads, m_maxWindow, m_maxPiece);
     if (m_reads % idleTurns == 0) // not always, since this visits all objects
     {
@@ -229,7 +237,8 @@ void ReadAhead::fetch(FetchedObject& object, FetchedBlock& block, std::unique_lo
     bool isComplete = false;
     try
     {
-        m_reader.read(object.key(), block.bytes.data(), block.range);
+        m_reader.readVersion(
+            {Operation::GetObjectRange, object.key()}, block.bytes.data(), block.range, object.version());
         isComplete = true;
     }
     catch (...)
@@ -239,7 +248,7 @@ void ReadAhead::fetch(FetchedObject& object, FetchedBlock& block, std::unique_lo
     lock.lock();
     if (block.state == FetchedBlock::State::Gone)
     {
-        return; // dropped during the download, for example since the object was changed
+        return; // dropped during the download
     }
     if (isComplete)
     {
@@ -252,94 +261,33 @@ void ReadAhead::fetch(FetchedObject& object, FetchedBlock& block, std::unique_lo
     m_settled.notify_all();
 }
 
-ReadAhead::ObjectPtr ReadAhead::find(const std::string& key)
+/// Find or add an object. If it is there in another version, forget this one.
+ReadAhead::ObjectPtr ReadAhead::objectAt(const std::string& key, const Version& version)
 {
-    const auto entry = m_byKey.find(key);
-    if (entry == m_byKey.end())
+    const auto known = find(key);
+    if (known != m_objects.end() && (*known)->version().tag == version.tag)
     {
-        return nullptr;
+        m_objects.splice(m_objects.begin(), m_objects, known);
+        return m_objects.front();
     }
-    m_objects.splice(m_objects.begin(), m_objects, entry->second);
-    return m_objects.front();
-}
-
-ReadAhead::ObjectPtr ReadAhead::findOrAdd(const std::string& key)
-{
-    if (ObjectPtr object = find(key))
+    if (known != m_objects.end() || m_objects.size() == maxObjects)
     {
-        return object;
+        forget(known != m_objects.end() ? known : std::prev(m_objects.end()));
     }
-    if (m_objects.size() >= maxObjects)
-    {
-        // A call that works on an object holds a pointer of its own, which it took under this lock.
-        const auto unused = std::find_if(
-            m_objects.rbegin(), m_objects.rend(), [](const ObjectPtr& object) { return object.use_count() == 1; });
-        if (unused != m_objects.rend())
-        {
-            m_byKey.erase((*unused)->key());
-            m_objects.erase(std::next(unused).base());
-        }
-    }
-    m_objects.push_front(std::make_shared<FetchedObject>(key));
-    m_byKey.emplace(key, m_objects.begin());
-    return m_objects.front();
+    return m_objects.emplace_front(std::make_shared<FetchedObject>(key, version));
 }
 
-/// Release a pointer. Forget the object if its size is unknown and no other call works on it.
-void ReadAhead::release(ObjectPtr& object)
+ReadAhead::Objects::const_iterator ReadAhead::find(const std::string& key) const
 {
-    const bool isUnused = object.use_count() == 2; // here and in the list
-    const auto entry = m_byKey.find(object->key());
-    if (isUnused && object->size() == 0)
-    {
-        m_objects.erase(entry->second);
-        m_byKey.erase(entry);
-    }
-    object.reset();
+    return std::ranges::find(
+        m_objects, key, [](const ObjectPtr& object) -> const std::string& { return object->key(); });
 }
 
-ReadAhead::PartsLookup::PartsLookup(ReadAhead& owner, const std::string& key)
-    : m_owner(owner)
+void ReadAhead::forget(Objects::const_iterator object)
 {
-    const std::lock_guard lock(owner.m_mutex);
-    m_object = owner.findOrAdd(key);
-    m_generation = m_object->generation();
-}
-
-ReadAhead::PartsLookup::~PartsLookup()
-{
-    const std::lock_guard lock(m_owner.m_mutex);
-    if (!m_succeeded)
-    {
-        m_object->forget();
-        m_owner.m_settled.notify_all();
-    }
-    m_owner.release(m_object);
-}
-
-void ReadAhead::PartsLookup::succeeded(const std::vector<PartInfo>& parts)
-{
-    const std::lock_guard lock(m_owner.m_mutex);
-    m_object->learn({parts.back().Tag, parts.back().Offset + parts.back().Size}, m_generation);
-    m_owner.m_settled.notify_all();
-    m_succeeded = true;
-}
-
-ReadAhead::Write::Write(ReadAhead& owner, const std::string& key)
-    : m_owner(owner)
-{
-    const std::lock_guard lock(owner.m_mutex);
-    m_object = owner.findOrAdd(key);
-    m_object->beginWrite();
-    owner.m_settled.notify_all();
-}
-
-ReadAhead::Write::~Write()
-{
-    const std::lock_guard lock(m_owner.m_mutex);
-    m_object->endWrite();
-    m_owner.m_settled.notify_all();
-    m_owner.release(m_object);
+    (*object)->drop(); // other calls may wait for its blocks
+    m_objects.erase(object);
+    m_settled.notify_all();
 }
 
 } // namespace storage::clients

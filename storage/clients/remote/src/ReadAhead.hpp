@@ -7,8 +7,8 @@
 #include "TaskPool.hpp"
 
 #include <storage/clients/common/Content.hpp>
+#include <storage/clients/common/VersionPins.hpp>
 #include <storage/clients/remote/RemoteSettings.hpp>
-#include <storage/cloudprovider/CloudClient.hpp>
 
 #include <condition_variable>
 #include <cstddef>
@@ -18,8 +18,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_map>
-#include <vector>
 
 namespace storage::clients
 {
@@ -35,10 +33,10 @@ namespace storage::clients
 /// readers left unread stay in memory. If the budget has less than one range as readers request them, nothing is
 /// prefetched.
 ///
-/// Objects: an object is prefetched only if its size is known from a PartsLookup after the last Write. The sizes of 256
-/// objects are kept; the least recently used is forgotten. Prefetched bytes are dropped when a PartsLookup fails or
-/// finds another version, and at the start and at the end of a Write. Once a Write has ended, no byte is delivered that
-/// was prefetched before it.
+/// Objects: an object is prefetched only while VersionPins names its version, and only from this version. When another
+/// version is read, the bytes of the last one are dropped. Once a Write has ended, no byte is delivered that was
+/// prefetched before. The readers of 256 objects are known; the least recently read object is forgotten, with its
+/// bytes.
 ///
 /// Failures: a failed prefetch is not an error. It is logged and closes the window. The reader then has to request the
 /// range itself.
@@ -48,14 +46,16 @@ namespace storage::clients
 class ReadAhead
 {
     using ObjectPtr = std::shared_ptr<FetchedObject>;
+    using Objects = std::list<ObjectPtr>;
 
 public:
     /// All arguments are borrowed. The pool must end before this is destroyed.
-    ReadAhead(ObjectReader& reader, TaskPool& pool, MemoryBudget& budget, const RemoteSettings& settings);
+    ReadAhead(
+        ObjectReader& reader, VersionPins& pins, TaskPool& pool, MemoryBudget& budget, const RemoteSettings& settings);
     ReadAhead(const ReadAhead&) = delete;
     ReadAhead& operator=(const ReadAhead&) = delete;
 
-    /// Forget everything. Call this before the pool ends, so that it need not fetch what is queued.
+    /// Drop all prefetched bytes. Call this before the pool ends, so that it need not fetch what is queued.
     void drop();
 
     /// Record that a range is read, queue the resulting prefetches, and write the range if it is in memory.
@@ -64,43 +64,32 @@ public:
     /// @throws UnknownErrorException if `out` fails
     bool read(const std::string& key, std::ostream& out, const ByteRange& range);
 
-    /// The time in which ObjectReader::parts() is called. Unless it succeeds, nothing is known of the object after it.
-    class PartsLookup
-    {
-    public:
-        PartsLookup(ReadAhead& owner, const std::string& key);
-        PartsLookup(const PartsLookup&) = delete;
-        PartsLookup& operator=(const PartsLookup&) = delete;
-        ~PartsLookup();
-
-        void succeeded(const std::vector<cloudprovider::PartInfo>& parts);
-
-    private:
-        ReadAhead& m_owner;
-        ObjectPtr m_object;
-        std::uint64_t m_generation = 0;
-        bool m_succeeded = false;
-    };
-
-    /// The time in which this client may change the object. Nothing of the object is prefetched meanwhile.
+    /// The time in which this client may change the object. At its end the prefetched bytes are dropped, because the
+    /// pin stays if the object was deleted, or if the outcome is unknown.
     class Write
     {
     public:
-        Write(ReadAhead& owner, const std::string& key);
+        Write(ReadAhead& owner, const std::string& key)
+            : m_owner(owner)
+            , m_key(key)
+        {
+        }
         Write(const Write&) = delete;
         Write& operator=(const Write&) = delete;
-        ~Write();
+        ~Write() { m_owner.forget(m_key); }
 
     private:
         ReadAhead& m_owner;
-        ObjectPtr m_object;
+        const std::string& m_key;
     };
 
 private:
+    void forget(const std::string& key);
+
     // These are called under m_mutex. fetch() releases it during the download.
-    ObjectPtr find(const std::string& key);
-    ObjectPtr findOrAdd(const std::string& key);
-    void release(ObjectPtr& object);
+    ObjectPtr objectAt(const std::string& key, const Version& version);
+    Objects::const_iterator find(const std::string& key) const;
+    void forget(Objects::const_iterator object);
     void addAhead(FetchedObject& object, const ReadStreams::Ahead& ahead, FetchedBlocks& added);
     void add(FetchedObject& object, std::uint64_t from, std::uint64_t to, std::uint64_t piece, FetchedBlocks& added);
     void closeIdleWindows(std::uint64_t maxTurns);
@@ -110,6 +99,7 @@ private:
     void post(const ObjectPtr& object, FetchedBlocks added);
 
     ObjectReader& m_reader;
+    VersionPins& m_pins;
     TaskPool& m_pool;
     MemoryBudget& m_budget;
     const std::uint64_t m_maxWindow; // bytes
@@ -118,9 +108,8 @@ private:
     // Lock order: the lock of m_budget may be taken while this one is held, never the other way.
     std::mutex m_mutex;                // guards all members below, and the contents of the objects
     std::condition_variable m_settled; // blocks became Ready or Gone
-    std::list<ObjectPtr> m_objects;    // most recently used first
-    std::unordered_map<std::string, std::list<ObjectPtr>::iterator> m_byKey;
-    std::uint64_t m_reads = 0; // reads so far, of all objects
+    Objects m_objects;                 // at most one for each key, the most recently read first
+    std::uint64_t m_reads = 0;         // reads so far, of all objects
 };
 
 } // namespace storage::clients

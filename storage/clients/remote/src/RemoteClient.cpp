@@ -29,7 +29,7 @@ public:
         , memory(settings.memory)
         , reader(store, retry, pins, settings.partSize)
         , writer(store, retry, pins, required)
-        , readAhead(reader, pool, memory, settings)
+        , readAhead(reader, pins, pool, memory, settings)
         , uploads(store, retry, pins, required, reader, memory, pool)
         , pool(settings.transfers > 1 ? settings.transfers : 0)
     {
@@ -107,10 +107,7 @@ void RemoteClient::putObject(const std::string& key, std::istream& content, std:
 
 std::vector<PartInfo> RemoteClient::getObjectParts(const std::string& key)
 {
-    ReadAhead::PartsLookup lookup(m_engine->readAhead, key);
-    auto parts = m_engine->reader.parts(key);
-    lookup.succeeded(parts);
-    return parts;
+    return m_engine->reader.parts(key);
 }
 
 std::string RemoteClient::createMultipartUpload(const std::string& key, const std::string& tag)
