@@ -241,13 +241,15 @@ std::vector<PartInfo> ObjectReader::parts(const std::string& key)
     requirePossible(key, Operation::GetObjectParts);
     VersionPins::Opening opening(m_pins, key);
     std::string content;
-    const Version object = m_retry.run({Operation::GetObjectParts, key},
+    const Version object = m_retry.run(
+        {Operation::GetObjectParts, key},
         [&]
         {
             content.clear();
             return m_store.getObject(
                 key, openingRange, std::nullopt, [&](const Version&, std::string_view bytes) { content += bytes; });
-        });
+        },
+        [&] { return content.size(); });
     if (content.size() == object.size)
     {
         m_contents.keep(key, object.tag, std::move(content));

@@ -13,7 +13,7 @@ void ObjectWriter::put(const std::string& key, std::istream& content, std::uint6
     VersionPins::Write write(m_pins, key);
     StreamBody body(key, content, size);
     const auto required = m_required.find(key);
-    const std::string tag = m_retry.run({Operation::PutObject, key},
+    const std::string tag = m_retry.run({Operation::PutObject, key, nullptr, size},
         [&] { return required ? putAs(key, *required, body) : m_store.putObject(key, body, std::nullopt); });
     write.succeeded({tag, size});
 }

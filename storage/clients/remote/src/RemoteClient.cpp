@@ -1,6 +1,5 @@
 #include <storage/clients/remote/RemoteClient.hpp>
 
-#include "CountingStore.hpp"
 #include "MemoryBudget.hpp"
 #include "ObjectReader.hpp"
 #include "ObjectWriter.hpp"
@@ -23,14 +22,14 @@ using namespace cloudprovider;
 class RemoteClient::Engine
 {
 public:
-    Engine(std::unique_ptr<RemoteStore> inner, const RemoteSettings& settings)
-        : store(std::move(inner))
+    Engine(std::unique_ptr<RemoteStore> distant, const RemoteSettings& settings)
+        : store(std::move(distant))
         , retry(settings.retry, settings.clock, settings.interrupted)
         , memory(settings.memory)
-        , reader(store, retry, pins, settings.partSize)
-        , writer(store, retry, pins, required)
+        , reader(*store, retry, pins, settings.partSize)
+        , writer(*store, retry, pins, required)
         , readAhead(reader, pins, pool, memory, settings)
-        , uploads(store, retry, pins, required, reader, memory, pool)
+        , uploads(*store, retry, pins, required, reader, memory, pool)
         , pool(settings.transfers > 1 ? settings.transfers : 0)
     {
     }
@@ -43,7 +42,7 @@ public:
         uploads.abortAll();
     }
 
-    CountingStore store;
+    const std::unique_ptr<RemoteStore> store;
     Retry retry;
     VersionPins pins;
     RequiredVersions required;
@@ -150,13 +149,13 @@ std::unique_ptr<WriteConditions::Condition> RemoteClient::requireVersion(const s
 
 bool RemoteClient::isAtomic() const noexcept
 {
-    const StoreAbilities store = m_engine->store.abilities({});
+    const StoreAbilities store = m_engine->store->abilities({});
     return store.conditionalWrites && store.conditionalCreation && store.conditionalCompletion;
 }
 
 CallSnapshot RemoteClient::callSnapshot() const
 {
-    return m_engine->store.snapshot();
+    return m_engine->retry.callSnapshot();
 }
 
 RemoteClient::Waiting RemoteClient::waiting() const

@@ -90,6 +90,12 @@ Retry::Retry(const RetryPolicy& policy, RetryClock clock, std::function<bool()> 
 {
 }
 
+CallSnapshot Retry::callSnapshot() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_counted;
+}
+
 RemoteClient::Waiting Retry::waiting() const
 {
     const std::lock_guard lock(m_mutex);
@@ -121,10 +127,15 @@ Retry::Attempts::~Attempts()
 void Retry::Attempts::start()
 {
     m_attemptBegin = m_retry.m_clock.now();
-    if (const auto failure = m_request.outage == nullptr ? nullptr : m_request.outage->failure(m_attemptBegin))
+    Outage* const outage = m_request.outage;
+    const auto failure = outage == nullptr ? nullptr : outage->failure(m_attemptBegin);
+    const bool isAbort = m_request.operation == Operation::AbortMultipartUpload;
+    if (failure && !(isAbort && outage->mayAbort(m_attemptBegin)))
     {
         std::rethrow_exception(failure);
     }
+    const std::lock_guard lock(m_retry.m_mutex);
+    ++m_retry.m_counted[m_request.operation].calls;
 }
 
 void Retry::Attempts::succeeded()
@@ -132,6 +143,13 @@ void Retry::Attempts::succeeded()
     if (m_request.outage != nullptr)
     {
         m_request.outage->end();
+    }
+    const std::lock_guard lock(m_retry.m_mutex);
+    auto& counted = m_retry.m_counted[m_request.operation];
+    counted.bytes += m_request.bytes + (m_progress ? m_progress() : 0);
+    if (m_request.number > 0)
+    {
+        counted.parts.insert(m_request.number - 1);
     }
 }
 

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <storage/clients/common/Operation.hpp>
+#include <storage/clients/common/StoreCounters.hpp>
 #include <storage/clients/common/TransientException.hpp>
 #include <storage/clients/remote/RemoteClient.hpp>
 #include <storage/clients/remote/RetryPolicy.hpp>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -48,7 +50,7 @@ private:
     bool m_isAborting = false;
 };
 
-/// Retries requests that fail with a TransientException, with exponential backoff and jitter.
+/// Retries requests that fail with a TransientException, with exponential backoff and jitter, and counts the attempts.
 ///
 /// Waits: the k-th wait, k = 0 first, is uniformly random in [0, min(maxDelay, firstDelay * 2^k)], so that clients
 /// which failed at the same time do not retry at the same time. If the store said how long to wait, that time is added.
@@ -62,19 +64,21 @@ class Retry
 public:
     Retry(const RetryPolicy& policy, RetryClock clock, std::function<bool()> interrupted);
 
-    /// What is retried, for messages.
+    /// What is retried, for messages and counters.
     struct Request
     {
         Operation operation;
         const std::string& key;
         Outage* outage = nullptr; ///< of the upload that the request belongs to
+        std::uint64_t bytes = 0;  ///< of content that it sends, or lets the store copy
+        std::size_t number = 0;   ///< of the part that it stores; 0: none
     };
 
     /// Call a function until it does not fail with a TransientException, and return its result.
     ///
     /// @param attempt   makes one attempt
-    /// @param progress  returns how far the attempts have come, such as bytes; when this has grown since the last
-    ///                  failure, the delays and the budget start again. Empty: an attempt achieves all or nothing.
+    /// @param progress  returns how many bytes the attempts have received; when this has grown since the last failure,
+    ///                  the delays and the budget start again. Empty: an attempt achieves all or nothing.
     template <typename Attempt>
     auto run(const Request& request, const Attempt& attempt, const std::function<std::uint64_t()>& progress = {})
     {
@@ -102,6 +106,9 @@ public:
             }
         }
     }
+
+    /// See RemoteClient::callSnapshot().
+    CallSnapshot callSnapshot() const;
 
     /// See RemoteClient::waiting().
     RemoteClient::Waiting waiting() const;
@@ -152,6 +159,7 @@ private:
     const std::function<bool()> m_interrupted;
 
     mutable std::mutex m_mutex;               // innermost; guards everything below
+    CallSnapshot m_counted;                   // attempts
     std::multiset<unsigned> m_failedAttempts; // of each run() in progress
     std::chrono::steady_clock::time_point m_quietSince;
 };

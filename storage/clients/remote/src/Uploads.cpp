@@ -69,9 +69,9 @@ std::optional<std::uint64_t> spool(Upload& upload, std::string_view bytes) noexc
 
 } // namespace
 
-Retry::Request Uploads::request(Operation operation, Upload& upload) const
+Retry::Request Uploads::request(Operation operation, Upload& upload, std::uint64_t bytes, std::size_t number)
 {
-    return {operation, upload.key(), &upload.outage()};
+    return {operation, upload.key(), &upload.outage(), bytes, number};
 }
 
 std::string Uploads::create(const std::string& key, const std::string& tag)
@@ -92,7 +92,7 @@ std::string Uploads::openAtStore(Upload& upload)
 std::string Uploads::sendBody(Upload& upload, std::size_t number, RequestBody& body)
 {
     const std::string storeId = openAtStore(upload);
-    return m_retry.run(request(Operation::UploadPart, upload),
+    return m_retry.run(request(Operation::UploadPart, upload, body.size(), number),
         [&] { return requireTag(upload.key(), m_store.uploadPart(upload.key(), storeId, number, body)); });
 }
 
@@ -199,7 +199,7 @@ Version Uploads::requireSource(const PartInfo& part, Upload& upload)
     std::optional<Version> stored = m_pins.pinned(upload.key());
     if (!stored || (!wanted->empty() && stored->tag != *wanted))
     {
-        const auto object = m_reader.find(request(Operation::CopyPart, upload));
+        const auto object = m_reader.find(request(Operation::GetObjectInfo, upload));
         if (!object)
         {
             throw ResourceNotFoundException(fmt::format(
@@ -243,15 +243,10 @@ void Uploads::abortOwn(Upload& upload)
     {
         return;
     }
-    const auto failure = upload.outage().failure(m_retry.now());
-    if (failure && !upload.outage().mayAbort(m_retry.now()))
-    {
-        std::rethrow_exception(failure);
-    }
     try
     {
-        const auto abort = [&] { m_store.abortUpload(upload.key(), storeId); };
-        failure ? abort() : m_retry.run(request(Operation::AbortMultipartUpload, upload), abort);
+        m_retry.run(
+            request(Operation::AbortMultipartUpload, upload), [&] { m_store.abortUpload(upload.key(), storeId); });
     }
     catch (const ResourceNotFoundException&) // an upload that no longer exists counts as aborted
     {
@@ -448,7 +443,7 @@ std::string Uploads::transferPart(Upload& upload, const PlannedPart& part, const
     {
         const std::string storeId = openAtStore(upload);
         const ByteRange range{part.bytes.front().offset, part.size};
-        return m_retry.run(request(Operation::CopyPart, upload), [&]
+        return m_retry.run(request(Operation::CopyPart, upload, part.size, part.number), [&]
             { return requireTag(upload.key(), m_store.takePart(upload.key(), storeId, part.number, source, range)); });
     }
     std::list<MappedBytes> mapped;
@@ -464,7 +459,7 @@ std::string Uploads::transferPart(Upload& upload, const PlannedPart& part, const
         {
             mapped.push_back(PartSpool::scratch(bytes.size));
             m_reader.readVersion(
-                request(Operation::CopyPart, upload), mapped.back().data(), {bytes.offset, bytes.size}, source);
+                request(Operation::GetObjectRange, upload), mapped.back().data(), {bytes.offset, bytes.size}, source);
         }
         pieces.emplace_back(mapped.back().data(), bytes.size);
     }

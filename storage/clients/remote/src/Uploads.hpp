@@ -72,7 +72,7 @@ private:
         WriteCondition replaces;                 // the object that it may replace
     };
 
-    Retry::Request request(Operation operation, Upload& upload) const;
+    static Retry::Request request(Operation operation, Upload& upload, std::uint64_t bytes = 0, std::size_t number = 0);
     std::string openAtStore(Upload& upload);
     std::string sendBody(Upload& upload, std::size_t number, RequestBody& body);
     std::string sendLater(

@@ -13,10 +13,11 @@ namespace storage::clients
 
 /// The counters at one moment. A plain value.
 ///
-/// CountingClient counts the calls of a client. RemoteClient counts the requests to its store, retries and prefetches
-/// included, under the operation that each serves: the request that opens an object is a getObjectRange, one that lists
-/// open uploads a listObjects, and one that asks whether an upload is still open a completeMultipartUpload. Its parts
-/// are those of the store, so one copyPart may have copied many parts of the file.
+/// CountingClient counts the calls of a client. RemoteClient counts the attempts at requests to its store, retries and
+/// prefetches included. The request that opens an object is a getObjectParts, one that lists open uploads a
+/// listObjects, and one that reads bytes to send them again a getObjectRange. What a write looks up before or after its
+/// request belongs to the attempt and is not counted. Its parts are those of the store, so one copyPart may have copied
+/// many parts of the file.
 struct CallSnapshot
 {
     struct Count

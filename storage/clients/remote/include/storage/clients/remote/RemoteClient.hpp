@@ -97,7 +97,7 @@ public:
     std::unique_ptr<Condition> requireVersion(const std::string& key, const std::string& tag) override;
     bool isAtomic() const noexcept override;
 
-    /// Counts the requests to the store, failed attempts included, by the operation that they serve.
+    /// Counts the attempts at requests to the store. Lookups that a write needs belong to its attempt.
     CallSnapshot callSnapshot() const override;
 
     /// What the requests in progress wait for.
