@@ -13,26 +13,8 @@ namespace storage::clients
 
 std::string Upload::ensureStoreId(const std::function<std::string()>& open)
 {
-    const unsigned failedBefore = m_failedOpenings; // before waiting for the lock
     const std::lock_guard lock(m_openingMutex);
-    if (!m_storeId.empty())
-    {
-        return m_storeId;
-    }
-    if (m_failedOpenings != failedBefore)
-    {
-        std::rethrow_exception(m_openingFailure);
-    }
-    try
-    {
-        return m_storeId = open();
-    }
-    catch (...)
-    {
-        m_openingFailure = std::current_exception();
-        ++m_failedOpenings;
-        throw;
-    }
+    return m_storeId.empty() ? m_storeId = open() : m_storeId;
 }
 
 std::string Upload::storeId() const

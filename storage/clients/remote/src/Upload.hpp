@@ -6,7 +6,6 @@
 
 #include <storage/clients/common/VersionPins.hpp>
 
-#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -58,7 +57,7 @@ public:
     Outage& outage() noexcept { return m_outage; }
 
     /// The store's own id of the upload, which is opened first if it is not open. If another thread is opening it, wait
-    /// for that. If that fails, fail with the same exception, so that the threads do not fail one after the other.
+    /// for that. If that fails, try it again; the outage makes this fail at once if the store cannot be reached.
     ///
     /// @param open  opens the upload at the store and returns its id; not called again after it has succeeded
     std::string ensureStoreId(const std::function<std::string()>& open);
@@ -125,8 +124,6 @@ private:
     Outage m_outage;
     mutable std::mutex m_openingMutex;   // held while the upload is opened; taken before m_mutex
     std::string m_storeId;               // guarded by m_openingMutex
-    std::exception_ptr m_openingFailure; // guarded by m_openingMutex; the last one
-    std::atomic<unsigned> m_failedOpenings = 0;
     mutable std::mutex m_mutex;          // innermost; guards everything below
     std::condition_variable m_changed;   // a transfer has ended
     std::map<std::size_t, Part> m_parts; // by index
