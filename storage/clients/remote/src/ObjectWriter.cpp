@@ -12,46 +12,17 @@ void ObjectWriter::put(const std::string& key, std::istream& content, std::uint6
     checkKey(key);
     VersionPins::Write write(m_pins, key);
     StreamBody body(key, content, size);
+    std::string tag;
+    const auto send = [&](const WriteCondition& condition) { tag = m_store.putObject(key, body, condition); };
+    const auto isStored = [&](const std::optional<StoredObject>& stored)
+    {
+        tag = m_store.tagOf(body);
+        return stored && stored->version.tag == tag;
+    };
     const auto required = m_required.find(key);
-    const std::string tag = m_retry.run({Operation::PutObject, key, nullptr, size},
-        [&] { return required ? putAs(key, *required, body) : m_store.putObject(key, body, std::nullopt); });
+    m_retry.run({Operation::PutObject, key, nullptr, size},
+        [&] { attempt(key, required, !m_store.abilities(key).conditionalWrites, send, isStored); });
     write.succeeded({tag, size});
-}
-
-/// Make one attempt to put the object if it has the required version. Its tag tells whether an earlier attempt, whose
-/// response was lost, has stored it.
-std::string ObjectWriter::putAs(const std::string& key, const std::string& required, RequestBody& body)
-{
-    const auto isDone = [&](const std::optional<StoredObject>& stored)
-    { return stored && m_required.isOutcomeUnknown(key) && stored->version.tag == m_store.tagOf(body); };
-    if (!m_store.abilities(key).conditionalWrites || m_required.isOutcomeUnknown(key))
-    {
-        const auto stored = m_store.findObject(key);
-        if (isDone(stored))
-        {
-            return stored->version.tag;
-        }
-        checkRequiredVersion(key, required, stored ? stored->version.tag : "");
-    }
-    try
-    {
-        return m_store.putObject(key, body, required);
-    }
-    catch (const TransientException&)
-    {
-        m_required.setOutcomeUnknown(key);
-        throw;
-    }
-    catch (const PreconditionFailed& failure)
-    {
-        failure.wasSentTwice() ? m_required.setOutcomeUnknown(key) : void();
-        const auto stored = m_store.findObject(key);
-        if (!isDone(stored))
-        {
-            throwOtherVersion(key, required);
-        }
-        return stored->version.tag;
-    }
 }
 
 void ObjectWriter::remove(const std::string& key)
@@ -60,27 +31,36 @@ void ObjectWriter::remove(const std::string& key)
     {
         return;
     }
+    const auto send = [&](const WriteCondition& condition) { m_store.deleteObject(key, condition); };
+    const auto isGone = [](const std::optional<StoredObject>& stored) { return !stored; };
     const auto required = m_required.find(key);
+    const bool requiresNone = required && required->empty();
     m_retry.run({Operation::DeleteObject, key},
-        [&] { required ? removeAs(key, *required) : m_store.deleteObject(key, std::nullopt); });
+        [&] { attempt(key, required, requiresNone || !m_store.abilities(key).conditionalWrites, send, isGone); });
 }
 
-/// Make one attempt to delete the object if it has the required version.
-void ObjectWriter::removeAs(const std::string& key, const std::string& required)
+void ObjectWriter::attempt(
+    const std::string& key, const WriteCondition& required, bool needsLookup, const Send& send, const Effect& hasEffect)
 {
-    const bool mayBeDone = m_required.isOutcomeUnknown(key);
-    if (!m_store.abilities(key).conditionalWrites || required.empty() || mayBeDone)
+    if (!required)
+    {
+        send(required);
+        return;
+    }
+    const auto isDone = [&](const std::optional<StoredObject>& stored)
+    { return m_required.isOutcomeUnknown(key) && hasEffect(stored); };
+    if (needsLookup || m_required.isOutcomeUnknown(key))
     {
         const auto stored = m_store.findObject(key);
-        if (!stored && mayBeDone)
+        if (isDone(stored))
         {
             return;
         }
-        checkRequiredVersion(key, required, stored ? stored->version.tag : "");
+        checkRequiredVersion(key, *required, stored ? stored->version.tag : "");
     }
     try
     {
-        m_store.deleteObject(key, required);
+        send(required);
     }
     catch (const TransientException&)
     {
@@ -89,10 +69,10 @@ void ObjectWriter::removeAs(const std::string& key, const std::string& required)
     }
     catch (const PreconditionFailed& failure)
     {
-        // If it was sent twice, the first one may have removed the object.
-        if (!failure.wasSentTwice() || m_store.findObject(key))
+        failure.wasSentTwice() ? m_required.setOutcomeUnknown(key) : void(); // the first one may have taken effect
+        if (!isDone(m_store.findObject(key)))
         {
-            throwOtherVersion(key, required);
+            throwOtherVersion(key, *required);
         }
     }
 }

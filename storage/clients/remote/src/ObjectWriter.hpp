@@ -7,6 +7,7 @@
 #include <storage/clients/remote/RemoteStore.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <optional>
 #include <string>
@@ -31,8 +32,15 @@ public:
     void remove(const std::string& key);
 
 private:
-    std::string putAs(const std::string& key, const std::string& required, RequestBody& body);
-    void removeAs(const std::string& key, const std::string& required);
+    using Send = std::function<void(const WriteCondition& condition)>;
+    using Effect = std::function<bool(const std::optional<StoredObject>& stored)>;
+
+    /// Make one attempt to change an object if it has the required version.
+    ///
+    /// @param needsLookup  the store does not check the condition
+    /// @param hasEffect    whether the object shows that an earlier attempt, whose response was lost, has succeeded
+    void attempt(const std::string& key, const WriteCondition& required, bool needsLookup, const Send& send,
+        const Effect& hasEffect);
 
     RemoteStore& m_store;
     Retry& m_retry;
