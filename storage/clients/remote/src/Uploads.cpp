@@ -316,24 +316,19 @@ catch (...) // no memory, even for a message
 void Uploads::complete(const std::string& key, const std::string& id, const std::vector<PartInfo>& parts)
 {
     const auto upload = m_registry.find(key, id);
-    // What could not be sent is reported by the failure that is thrown.
-    const auto forgetUnreported = [&]
-    {
-        upload->waitUntilIdle();
-        upload->forgetUnreported();
-    };
     try
     {
         m_registry.finish(id, assembleObject(*upload, parts));
     }
     catch (const TransientException&)
     {
-        forgetUnreported();
+        upload->waitUntilIdle(); // the parts that are on the way fail soon, for the reason that is thrown
+        upload->forgetUnreported();
         throw;
     }
     catch (...)
     {
-        forgetUnreported();
+        upload->forgetUnreported();
         if (!upload->isOutcomeUnknown()) // otherwise the tags of the parts tell whether the new object was stored
         {
             upload->forgetDone(); // the parts may be of another version than the one that a retry will find

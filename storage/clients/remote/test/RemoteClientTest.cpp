@@ -425,6 +425,7 @@ TEST_F(RemoteClientTest, AbortWaitsForPartsInFlightAndDropsTheOthers)
         send(id, i, old);
     }
     awaitParts(2);
+    EXPECT_THROW(complete(id, {{0, 0, old.size(), "other"}}), UnknownErrorException) << "this need not wait";
     const std::string next = begin();
     auto aborting = std::async(std::launch::async, [&] { client->abortMultipartUpload("k", id); });
     const PartInfo part = send(next, 0, old);
