@@ -120,6 +120,15 @@ std::optional<Version> VersionPins::pinned(const std::string& key)
     return known == nullptr ? std::nullopt : std::optional(known->current);
 }
 
+void VersionPins::deleted(const std::string& key)
+{
+    const std::lock_guard lock(m_mutex);
+    if (const auto known = m_byKey.find(key); known != m_byKey.end())
+    {
+        known->second->current.metadata = nullptr;
+    }
+}
+
 bool VersionPins::descends(const std::string& key, const std::string& stored, const std::string& opened)
 {
     const std::lock_guard lock(m_mutex);

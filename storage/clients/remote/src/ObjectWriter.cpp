@@ -12,17 +12,19 @@ void ObjectWriter::put(const std::string& key, std::istream& content, std::uint6
     checkKey(key);
     VersionPins::Write write(m_pins, key);
     StreamBody body(key, content, size);
+    const auto required = m_required.find(key);
+    const auto metadata = m_metadata.after(m_pins.pinned(key), required, key);
     std::string tag;
-    const auto send = [&](const WriteCondition& condition) { tag = m_store.putObject(key, body, condition); };
+    const auto send = [&](const WriteCondition& condition)
+    { tag = m_store.putObject(key, body, condition, *metadata); };
     const auto isStored = [&](const std::optional<StoredObject>& stored)
     {
         tag = m_store.tagOf(body);
         return stored && stored->version.tag == tag;
     };
-    const auto required = m_required.find(key);
     m_retry.run({Operation::PutObject, key, nullptr, size},
         [&] { attempt(key, required, !m_store.abilities(key).conditionalWrites, send, isStored); });
-    write.succeeded({tag, size});
+    write.succeeded({tag, size, metadata});
 }
 
 void ObjectWriter::remove(const std::string& key)
@@ -37,6 +39,7 @@ void ObjectWriter::remove(const std::string& key)
     const bool requiresNone = required && required->empty();
     m_retry.run({Operation::DeleteObject, key},
         [&] { attempt(key, required, requiresNone || !m_store.abilities(key).conditionalWrites, send, isGone); });
+    m_pins.deleted(key);
 }
 
 void ObjectWriter::attempt(

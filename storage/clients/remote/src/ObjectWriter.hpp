@@ -1,5 +1,6 @@
 #pragma once
 
+#include "FileMetadata.hpp"
 #include "Retry.hpp"
 
 #include <storage/clients/common/RequiredVersions.hpp>
@@ -20,11 +21,13 @@ namespace storage::clients
 class ObjectWriter
 {
 public:
-    ObjectWriter(RemoteStore& store, Retry& retry, VersionPins& pins, RequiredVersions& required)
+    ObjectWriter(
+        RemoteStore& store, Retry& retry, VersionPins& pins, RequiredVersions& required, const FileMetadata& metadata)
         : m_store(store)
         , m_retry(retry)
         , m_pins(pins)
         , m_required(required)
+        , m_metadata(metadata)
     {
     }
 
@@ -46,6 +49,7 @@ private:
     Retry& m_retry;
     VersionPins& m_pins;
     RequiredVersions& m_required;
+    const FileMetadata& m_metadata;
 };
 
 } // namespace storage::clients

@@ -1,5 +1,6 @@
 #include <storage/clients/remote/RemoteClient.hpp>
 
+#include "FileMetadata.hpp"
 #include "MemoryBudget.hpp"
 #include "ObjectReader.hpp"
 #include "ObjectWriter.hpp"
@@ -25,11 +26,12 @@ public:
     Engine(std::unique_ptr<RemoteStore> distant, const RemoteSettings& settings)
         : store(std::move(distant))
         , retry(settings.retry, settings.clock, settings.interrupted)
+        , metadata(settings)
         , memory(settings.memory)
         , reader(*store, retry, pins, settings.partSize)
-        , writer(*store, retry, pins, required)
+        , writer(*store, retry, pins, required, metadata)
         , readAhead(reader, pins, pool, memory, settings)
-        , uploads(*store, retry, pins, required, reader, memory, pool)
+        , uploads(*store, retry, pins, required, reader, metadata, memory, pool)
         , pool(settings.transfers > 1 ? settings.transfers : 0)
     {
     }
@@ -46,6 +48,7 @@ public:
     Retry retry;
     VersionPins pins;
     RequiredVersions required;
+    const FileMetadata metadata;
     MemoryBudget memory;
     ObjectReader reader;
     ObjectWriter writer;

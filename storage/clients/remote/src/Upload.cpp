@@ -23,6 +23,18 @@ std::string Upload::storeId() const
     return m_storeId;
 }
 
+std::shared_ptr<const ObjectMetadata> Upload::metadata() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_metadata;
+}
+
+void Upload::setMetadata(std::shared_ptr<const ObjectMetadata> metadata)
+{
+    const std::lock_guard lock(m_mutex);
+    m_metadata = std::move(metadata);
+}
+
 std::string Upload::tagOf(std::size_t index, const Part& part) const
 {
     return fmt::format("{}.{}.{}", m_id, index, part.generation);

@@ -12,6 +12,7 @@
 #include <exception>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -64,6 +65,10 @@ public:
 
     /// The same, without opening; empty if the upload is not open at the store. Waits while it is being opened.
     std::string storeId() const;
+
+    /// Those of the object that the upload makes.
+    std::shared_ptr<const ObjectMetadata> metadata() const;
+    void setMetadata(std::shared_ptr<const ObjectMetadata> metadata);
 
     /// The tag of a part outside the client.
     std::string tagOf(std::size_t index, const Part& part) const;
@@ -122,10 +127,11 @@ private:
     const bool m_isNew;
     PartSpool m_spool;
     Outage m_outage;
-    mutable std::mutex m_openingMutex;   // held while the upload is opened; taken before m_mutex
-    std::string m_storeId;               // guarded by m_openingMutex
-    mutable std::mutex m_mutex;          // innermost; guards everything below
-    std::condition_variable m_changed;   // a transfer has ended
+    mutable std::mutex m_openingMutex; // held while the upload is opened; taken before m_mutex
+    std::string m_storeId;             // guarded by m_openingMutex
+    mutable std::mutex m_mutex;        // innermost; guards everything below
+    std::condition_variable m_changed; // a transfer has ended
+    std::shared_ptr<const ObjectMetadata> m_metadata;
     std::map<std::size_t, Part> m_parts; // by index
     std::size_t m_sending = 0;           // parts that are on the way
     std::uint64_t m_generation = 0;

@@ -84,8 +84,16 @@ std::string Uploads::openAtStore(Upload& upload)
     return upload.ensureStoreId(
         [&]
         {
-            return m_retry.run(
-                request(Operation::CreateMultipartUpload, upload), [&] { return m_store.createUpload(upload.key()); });
+            auto before = m_pins.pinned(upload.key());
+            if (!before && !upload.isNew()) // too many others were opened since
+            {
+                const auto stored = m_reader.find(request(Operation::CreateMultipartUpload, upload));
+                before = stored ? std::optional(stored->version) : std::nullopt;
+            }
+            const auto metadata = m_metadata.after(before, m_required.find(upload.key()), upload.key());
+            upload.setMetadata(metadata);
+            return m_retry.run(request(Operation::CreateMultipartUpload, upload),
+                [&] { return m_store.createUpload(upload.key(), *metadata); });
         });
 }
 
@@ -360,7 +368,7 @@ std::string Uploads::assembleObject(Upload& upload, const std::vector<PartInfo>&
         request(Operation::CompleteMultipartUpload, upload), [&] { return finish(upload, completion, *tags); });
     if (!tag.empty())
     {
-        write.succeeded({tag, completion.plan.size});
+        write.succeeded({tag, completion.plan.size, upload.metadata()});
     }
     return tag;
 }

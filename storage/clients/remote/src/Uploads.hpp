@@ -1,5 +1,6 @@
 #pragma once
 
+#include "FileMetadata.hpp"
 #include "MemoryBudget.hpp"
 #include "ObjectReader.hpp"
 #include "PartBytes.hpp"
@@ -39,12 +40,13 @@ class Uploads
 {
 public:
     Uploads(RemoteStore& store, Retry& retry, VersionPins& pins, const RequiredVersions& required, ObjectReader& reader,
-        MemoryBudget& memory, TaskPool& pool)
+        const FileMetadata& metadata, MemoryBudget& memory, TaskPool& pool)
         : m_store(store)
         , m_retry(retry)
         , m_pins(pins)
         , m_required(required)
         , m_reader(reader)
+        , m_metadata(metadata)
         , m_memory(memory)
         , m_pool(pool)
     {
@@ -95,6 +97,7 @@ private:
     VersionPins& m_pins;
     const RequiredVersions& m_required;
     ObjectReader& m_reader;
+    const FileMetadata& m_metadata;
     MemoryBudget& m_memory;
     TaskPool& m_pool;
     UploadRegistry m_registry;

@@ -73,8 +73,7 @@ public:
         const Request request(*m_bucket, {"findObject", key});
         const Object* const object = m_bucket->find(key);
         request.respond();
-        return object == nullptr ? std::nullopt
-                                 : std::optional(StoredObject{{object->tag, object->content.size()}, object->time});
+        return object == nullptr ? std::nullopt : std::optional(StoredObject{versionOf(*object), object->time});
     }
 
     Version getObject(const std::string& key, const std::optional<ByteRange>& range,
@@ -88,7 +87,7 @@ public:
             checkVersion(key, version ? std::optional(version->tag) : std::nullopt, true);
             fault = request.fault;
         }
-        const Version found{object.tag, object.content.size()};
+        const Version found = versionOf(object);
         const std::uint64_t offset = range ? std::min(range->offset, found.size) : 0;
         std::string bytes = object.content.substr(offset, range ? range->size : found.size);
         bytes.resize(fault && fault->how == How::Break ? std::min(bytes.size(), fault->bytes) : bytes.size());
@@ -105,12 +104,13 @@ public:
         return found;
     }
 
-    std::string putObject(const std::string& key, RequestBody& body, const WriteCondition& condition) override
+    std::string putObject(const std::string& key, RequestBody& body, const WriteCondition& condition,
+        const ObjectMetadata& metadata) override
     {
         const std::string bytes = readAll(body);
         const Request request(*m_bucket, {"putObject", key, {0, bytes.size()}});
         checkVersion(key, condition, m_bucket->abilities.conditionalWrites);
-        const Object& object = m_bucket->m_objects[key] = m_bucket->makeObject(bytes);
+        const Object& object = m_bucket->m_objects[key] = m_bucket->makeObject(bytes, "", metadata);
         request.respond(condition && m_bucket->abilities.conditionalWrites);
         return object.tag;
     }
@@ -143,12 +143,12 @@ public:
         return page;
     }
 
-    std::string createUpload(const std::string& key) override
+    std::string createUpload(const std::string& key, const ObjectMetadata& metadata) override
     {
         const Request request(*m_bucket, {"createUpload", key});
         const auto time = m_bucket->makeObject("").time;
         std::string id = std::to_string(1'000'000 + m_bucket->m_count); // in the order of their creation
-        m_bucket->m_uploads[id] = {key, time, {}};
+        m_bucket->m_uploads[id] = {key, time, metadata, {}};
         request.respond();
         return id;
     }
@@ -195,8 +195,9 @@ public:
         const bool mustCreate = condition.value_or("").empty();
         checkVersion(key, condition,
             mustCreate ? m_bucket->abilities.conditionalCreation : m_bucket->abilities.conditionalCompletion);
+        const Object& object = m_bucket->m_objects[key] =
+            m_bucket->makeObject(content, multipartHash(parts), upload.metadata);
         m_bucket->m_uploads.erase(uploadId);
-        const Object& object = m_bucket->m_objects[key] = m_bucket->makeObject(content, multipartHash(parts));
         request.respond(false, true);
         return object.tag;
     }
@@ -271,6 +272,11 @@ private:
         const std::optional<Fault> fault;
         const std::unique_lock<std::mutex> lock;
     };
+
+    static Version versionOf(const Object& object)
+    {
+        return {object.tag, object.content.size(), std::make_shared<const ObjectMetadata>(object.metadata)};
+    }
 
     const Object& existing(const std::string& key) const
     {
@@ -370,11 +376,12 @@ std::optional<Fault> MemoryBucket::begin(const StoreRequest& request)
     return faults ? faults(request) : std::nullopt;
 }
 
-MemoryBucket::Object MemoryBucket::makeObject(const std::string& content, const std::string& hash)
+MemoryBucket::Object MemoryBucket::makeObject(
+    const std::string& content, const std::string& hash, const ObjectMetadata& metadata)
 {
     const boost::posix_time::ptime time(boost::gregorian::date(2022, 1, 1), boost::posix_time::seconds(++m_count));
     const std::string number = "tag-" + std::to_string(m_count);
-    return {content, !tagsAreHashes ? number : hash.empty() ? toHex(md5(content)) : hash, time};
+    return {content, !tagsAreHashes ? number : hash.empty() ? toHex(md5(content)) : hash, time, metadata};
 }
 
 const MemoryBucket::Object* MemoryBucket::find(const std::string& key) const

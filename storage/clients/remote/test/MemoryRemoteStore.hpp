@@ -86,18 +86,20 @@ private:
         std::string content;
         std::string tag;
         boost::posix_time::ptime time;
+        ObjectMetadata metadata;
     };
     struct Upload
     {
         std::string key;
         boost::posix_time::ptime time;
+        ObjectMetadata metadata;
         std::map<std::size_t, Object> parts;
     };
 
     std::optional<Fault> begin(const StoreRequest& request);
 
     // With m_mutex held:
-    Object makeObject(const std::string& content, const std::string& hash = "");
+    Object makeObject(const std::string& content, const std::string& hash = "", const ObjectMetadata& metadata = {});
     const Object* find(const std::string& key) const; // null: there is none
     Upload& uploadAt(const std::string& key, const std::string& id);
 

@@ -2,6 +2,7 @@
 #include "MemoryRemoteStore.hpp"
 #include "awaitThreads.hpp"
 
+#include <storage/clients/remote/ContentType.hpp>
 #include <storage/clients/remote/RemoteClient.hpp>
 #include <storage/clients/testing/ClientCalls.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
@@ -59,6 +60,11 @@ catch (const CloudException& failure)
 }
 
 using Parts = std::vector<PartInfo>;
+
+ObjectMetadata ofNewFile(const std::string& key)
+{
+    return {{"type", "that of " + key}};
+}
 
 /// Replace bytes of an object as a file does: upload the parts that change, copy the others. After a failure the upload
 /// is aborted.
@@ -121,7 +127,8 @@ protected:
                                                                        .partSize = partSize,
                                                                        .retry = retry,
                                                                        .clock = clock.clock(),
-                                                                       .interrupted = nullptr});
+                                                                       .interrupted = nullptr,
+                                                                       .newMetadata = ofNewFile});
     }
 
     /// Whether the store compares versions itself.
@@ -621,6 +628,73 @@ TEST_F(RemoteClientTest, ReadersSeeOneVersionThatWasThere)
     other.get();
     EXPECT_GT(seen, 300U);
     client.reset(); // prefetches look at the variables above
+}
+
+TEST_F(RemoteClientTest, AChangedFileKeepsItsMetadataAndANewOneGetsItsOwn)
+{
+    const auto patched = [&] { patch(*client, "k", 10, "new"); };
+    const auto stored = [&] { put(*client, "k", "new"); };
+    const auto uploaded = [&](const std::string& tag)
+    {
+        const std::string id = begin(tag);
+        complete(id, {send(id, 0, content(100, 3))});
+    };
+    const auto created = [&] { uploaded(""); };
+    const auto removed = [&] { client->deleteObject("k"); };
+    const auto unpinned = [&] { uploaded(bucket->tag("k")); };
+    const auto removedByOther = [&]
+    {
+        auto ours = std::exchange(client, nullptr);
+        open(1);
+        removed();
+        client = std::move(ours);
+    };
+    const auto exclusive = [&](const auto& write)
+    {
+        return [&, write]
+        {
+            const auto condition = client->requireVersion("k", "");
+            write();
+        };
+    };
+    const std::pair<bool, std::vector<std::function<void()>>> rows[] = {{true, {patched, patched, stored, stored}},
+        {true, {patched, created, stored}}, {true, {unpinned, patched}}, {false, {stored, patched}},
+        {false, {created, stored}}, {false, {patched, removed, stored}}, {false, {patched, removed, created, patched}},
+        {false, {patched, removedByOther, exclusive(stored)}}, {false, {patched, removedByOther, exclusive(created)}}};
+    const ObjectMetadata kept{{"type", "red"}, {"", "x"}};
+    const auto store = bucket->connect();
+    for (const How how : {How::Before, How::After})
+    {
+        for (const auto& row : rows)
+        {
+            const auto& [isKept, calls] = row;
+            SCOPED_TRACE(Message() << "row " << &row - rows << ", fault " << static_cast<int>(how));
+            open(1);
+            SpanBody body({old});
+            store->putObject("k", body, {}, kept);
+            fail("", {how}, 2, 2);
+            std::ranges::for_each(calls, [](const auto& call) { call(); });
+            bucket->faults = {};
+            EXPECT_EQ(*store->findObject("k")->version.metadata, isKept ? kept : ofNewFile("k"));
+        }
+    }
+}
+
+TEST(ContentTypeTest, IsThatOfTheLongestSuffixOfTheName)
+{
+    std::istringstream globs(
+        "# 1:x:*.a\n80:first:*.a\n50:second:*.a\nno line\n9:tar:*.tar.gz\n9:gz:*.gz\n9:C:*.C:cs\n9:c:*.c\n"
+        "9:make:makefile\n9:wild:*.so.[0-9]*\n9:tail:*~\n");
+    const ContentTypes types(globs);
+    std::string found;
+    for (const char* const name :
+        {"x.a", "X.Y.A", "x.tar.gz", "x.gz", "x.C", "x.c", "Makefile", "x.so.1", "x~", "a", "x.", ""})
+    {
+        found += types.of(name) + ' ';
+    }
+    EXPECT_EQ(found, "first first tar gz C c make      ");
+    EXPECT_EQ(contentTypeOf("folder.css/index.html"), "text/html") << "with or without the machine's database";
+    EXPECT_EQ(contentTypeOf("folder.css/"), "");
 }
 
 TEST_F(RemoteClientTest, TakesFewRequests)

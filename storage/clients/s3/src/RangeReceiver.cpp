@@ -72,7 +72,7 @@ void RangeReceiver::check(const HttpResponse& head)
         throwMalformedResponse(
             m_context, head, "the response lacks the entity tag or its length"); // an error document, perhaps
     }
-    m_object = {unquotedTag(*tag), *length};
+    m_object = {unquotedTag(*tag), *length, m_version ? nullptr : metadataIn(head)};
     if (m_version && m_object.tag != m_version->tag)
     {
         throwObjectChanged(m_context);

@@ -2,6 +2,8 @@
 
 #include "S3Store.hpp"
 
+#include <storage/clients/remote/ContentType.hpp>
+
 #include <algorithm>
 
 namespace storage::clients
@@ -10,13 +12,20 @@ namespace storage::clients
 namespace
 {
 
+ObjectMetadata typeByName(const std::string& key)
+{
+    const std::string type = contentTypeOf(key);
+    return type.empty() ? ObjectMetadata() : ObjectMetadata{{"Content-Type", type}};
+}
+
 RemoteSettings remoteSettings(const s3::S3Settings& settings)
 {
     constexpr std::uint64_t minPartSize = StoreAbilities().minPartSize;
     return {.transfers = settings.transfers,
         .memory = settings.memory,
         .partSize = settings.capabilities.equalParts ? std::max(settings.partSize, minPartSize) : settings.partSize,
-        .interrupted = settings.interrupted};
+        .interrupted = settings.interrupted,
+        .newMetadata = settings.newMetadata ? settings.newMetadata : typeByName};
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 #include <storage/clients/http/UriEncoding.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
+#include <boost/algorithm/string/predicate.hpp>
 #include <fmt/format.h>
 
 #include <utility>
@@ -73,7 +74,7 @@ std::optional<StoredObject> S3Store::findObject(const std::string& key)
         throwMalformedResponse(
             m_requester.contextOf(request), response, "the response lacks length, entity tag or time");
     }
-    return StoredObject{{unquotedTag(*tag), *size}, readHttpTime(*time)};
+    return StoredObject{{unquotedTag(*tag), *size, metadataIn(response)}, readHttpTime(*time)};
 }
 
 /// Send a failed HEAD request again as GET. Only the response to a GET contains the reason, from which the requester
@@ -141,12 +142,40 @@ Version S3Store::getObject(const std::string& key, const std::optional<ByteRange
     return object->version;
 }
 
-std::string S3Store::putObject(const std::string& key, RequestBody& body, const WriteCondition& condition)
+std::string S3Store::putObject(
+    const std::string& key, RequestBody& body, const WriteCondition& condition, const ObjectMetadata& metadata)
 {
     S3Request request{Operation::PutObject, key, "PUT"};
+    request.headers = headersFor(request, metadata);
     request.body = &body;
     return sendWrite(request, condition, m_capabilities.conditionalWrites,
         [&] { return m_requester.sentTag(request, m_requester.send(request)); });
+}
+
+/// What a request sends, so that the new object has this metadata. If the object that it replaces has tags, they are
+/// requested: the responses to other requests only have their number.
+HttpHeaders S3Store::headersFor(const S3Request& write, const ObjectMetadata& metadata)
+{
+    HttpHeaders headers;
+    for (const auto& [name, value] : metadata)
+    {
+        if (!boost::algorithm::iequals(name, tagCountField))
+        {
+            headers.add(name, value);
+            continue;
+        }
+        S3Request request{write.operation, write.key, "GET"};
+        request.query = {{"tagging", ""}};
+        try
+        {
+            const std::string tags = encodeQuery(m_requester.sendAndRead(request, readTags));
+            tags.empty() ? void() : headers.add("x-amz-tagging", tags);
+        }
+        catch (const ResourceNotFoundException&) // the object is gone, and its tags with it
+        {
+        }
+    }
+    return headers;
 }
 
 /// Send a request that replaces an object.
@@ -163,6 +192,7 @@ std::string S3Store::sendWrite(
     }
     if (condition && condition->empty())
     {
+        const HttpHeaders unconditional = request.headers;
         request.headers.add("If-None-Match", "*");
         try
         {
@@ -170,11 +200,11 @@ std::string S3Store::sendWrite(
         }
         catch (const UnsupportedOperationException&)
         {
-            m_capabilities.conditionalWrites ? throw : request.headers = {};
+            m_capabilities.conditionalWrites ? throw : request.headers = unconditional;
         }
         catch (const NotUnderstood&)
         {
-            m_capabilities.conditionalWrites ? throw : request.headers = {};
+            m_capabilities.conditionalWrites ? throw : request.headers = unconditional;
         }
     }
     return send();
@@ -219,10 +249,11 @@ ListingPage S3Store::listObjects(const std::string& prefix, const std::string& t
     return m_requester.sendAndRead(request, readListing);
 }
 
-std::string S3Store::createUpload(const std::string& key)
+std::string S3Store::createUpload(const std::string& key, const ObjectMetadata& metadata)
 {
     S3Request request{Operation::CreateMultipartUpload, key, "POST"};
     request.query = {{"uploads", ""}};
+    request.headers = headersFor(request, metadata);
     request.uninterruptible = true; // an upload whose id is lost could not be aborted
     return m_requester.sendAndRead(request, readNewUpload);
 }

@@ -26,11 +26,12 @@ public:
     std::optional<StoredObject> findObject(const std::string& key) override;
     Version getObject(const std::string& key, const std::optional<ByteRange>& range,
         const std::optional<Version>& version, const ContentReceiver& receiver) override;
-    std::string putObject(const std::string& key, RequestBody& body, const WriteCondition& condition) override;
+    std::string putObject(const std::string& key, RequestBody& body, const WriteCondition& condition,
+        const ObjectMetadata& metadata) override;
     void deleteObject(const std::string& key, const WriteCondition& condition) override;
     ListingPage listObjects(
         const std::string& prefix, const std::string& token, const cloudprovider::ListOptions& options) override;
-    std::string createUpload(const std::string& key) override;
+    std::string createUpload(const std::string& key, const ObjectMetadata& metadata) override;
     std::string uploadPart(
         const std::string& key, const std::string& uploadId, std::size_t number, RequestBody& body) override;
     std::string takePart(const std::string& key, const std::string& uploadId, std::size_t number, const Version& source,
@@ -46,6 +47,7 @@ public:
 private:
     bool existsByGet(S3Request request);
     void requireMissingKey(const S3Request& request, const HttpResponse& response);
+    HttpHeaders headersFor(const S3Request& write, const ObjectMetadata& metadata);
     std::string sendWrite(
         S3Request& request, const WriteCondition& condition, bool canMatch, const std::function<std::string()>& send);
 

@@ -3,9 +3,10 @@
 #include "protocol/Requester.hpp"
 
 #include <storage/clients/s3/S3Client.hpp>
+#include <storage/clients/testing/ClientCalls.hpp>
 #include <storage/clients/testing/CloudClientConformance.hpp>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -56,6 +57,13 @@ public:
                                            "?path-style=1&endpoint=" + endpoint());
 };
 
+/// Whether the server is the known one; the tests excuse only what this one or the other lacks.
+bool isCeph()
+{
+    const char* const server = std::getenv("CLOUDFS_TEST_S3_SERVER");
+    return server != nullptr && std::string_view(server) == "ceph";
+}
+
 /// Uses virtual hosts; all other tests have the bucket in the path.
 class S3Harness : public conformance::Harness
 {
@@ -73,11 +81,7 @@ public:
 
     conformance::Capabilities capabilities() const override
     {
-        // What the known server lacks. The tests excuse nothing else.
-        const char* const server = std::getenv("CLOUDFS_TEST_S3_SERVER");
-        const bool wantsEveryPart = server != nullptr && std::string_view(server) == "ceph";
-        return {5 << 20, "", "", "an object is cut by rule",
-            wantsEveryPart ? "this gateway wants every part listed" : "",
+        return {5 << 20, "", "", "an object is cut by rule", isCeph() ? "this gateway wants every part listed" : "",
             "the store hears of an upload with its first part", ""};
     }
 
@@ -93,6 +97,36 @@ private:
     const GatewayBucket m_bucket;
     const CloudClientSharedPtr m_client = makeClient();
 };
+
+TEST(GatewayTest, AChangedFileKeepsItsMetadata)
+{
+    if (GatewayBucket::endpoint() == nullptr)
+    {
+        GTEST_SKIP() << "there is no gateway";
+    }
+    const GatewayBucket bucket;
+    S3Store store(bucket.settings);
+    S3Client client(bucket.settings);
+    const auto metadata = [&] { return *store.findObject("a.html")->version.metadata; };
+    conformance::put(client, "a.html", "new");
+    EXPECT_THAT(metadata(), testing::Contains(testing::Pair("Content-Type", testing::StartsWith("text/html"))));
+
+    ObjectMetadata fields{{"Content-Type", "text/x-test"}, {"Cache-Control", "no-cache"}, {"Content-Encoding", "gzip"},
+        {"Content-Disposition", "inline"}, {"Content-Language", "de"}, {"x-amz-meta-author", "a  b"}};
+    isCeph() ? void(fields.emplace_back("x-amz-tagging", "a%20b=1&c=")) : void(); // the other server has no tags
+    putObject(store, "a.html", "old", {}, fields);
+    auto before = metadata();
+    EXPECT_EQ(before.size(), fields.size());
+    const std::string tag = client.getObjectParts("a.html").at(0).Tag;
+    conformance::put(client, "a.html", "put");
+    EXPECT_EQ(metadata(), before);
+    const std::string id = client.createMultipartUpload("a.html", tag);
+    client.completeMultipartUpload("a.html", id, {conformance::uploadPart(client, "a.html", id, 0, "part")});
+    std::erase_if(before, [](const auto& field) { return field.first == tagCountField; }); // Ceph ignores them here
+    EXPECT_EQ(metadata(), before);
+    conformance::put(client, "a.html", "again");
+    EXPECT_EQ(metadata(), before);
+}
 
 CLOUD_CLIENT_CONFORMANCE(S3,
     []() -> std::unique_ptr<conformance::Harness>

@@ -5,8 +5,10 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <utility>
 
 // Which requests the operations of the store send, and what they make of the responses.
 
@@ -233,6 +235,50 @@ TEST(ConditionTest, IsLeftOutWhereAStoreWithoutItRefusesIt)
             }
         }
     }
+}
+
+TEST(StoreTest, SendsTheMetadataThatItHasRead)
+{
+    const ObjectMetadata kept{{"content-type", "text/html"}, {"Cache-Control", "no-cache"},
+        {"Content-Encoding", "gzip"}, {"Content-Disposition", "inline"}, {"Content-Language", "de"}, {"Expires", "0"},
+        {"X-Amz-Storage-Class", "STANDARD_IA"}, {"x-amz-meta-author", "she"}};
+    Reply object = described(tag, 7);
+    object.fields.insert(object.fields.end(), kept.begin(), kept.end());
+    object.body = content;
+    Reply tags{
+        .body = "<Tagging><TagSet><Tag><Key>a b</Key><Value>1</Value></Tag><Tag><Key>c</Key></Tag></TagSet></Tagging>"};
+    const std::string begun = "<InitiateMultipartUploadResult><UploadId>id</UploadId></InitiateMultipartUploadResult>";
+    LoopbackServer server(
+        [&](const Request& request)
+        {
+            return request.target() == "/bucket/key?tagging="                        ? tags
+                   : request.method() == http::get || request.method() == http::head ? object
+                   : request.count("If-None-Match") > 0 ? Reply::error(501, "NotImplemented")
+                                                        : Reply{.fields = {{"ETag", "\"new\""}}, .body = begun};
+        });
+    S3Store store(settingsFor(server));
+    std::size_t sent = 0;
+    const auto write = [&](std::size_t expected, const std::string& expectedTags)
+    {
+        const auto opened = store.getObject("key", {}, {}, [](const Version&, std::string_view) {}).metadata;
+        EXPECT_EQ(*store.findObject("key")->version.metadata, *opened);
+        putObject(store, "key", "new", "", *opened);
+        store.createUpload("key", *opened);
+        const auto requests = server.requests();
+        EXPECT_EQ(requests.size() - std::exchange(sent, requests.size()), expected);
+        for (const Request& request : {requests.back(), *(requests.rbegin() + (expected == 5 ? 1 : 2))})
+        {
+            const bool keepsAll =
+                std::ranges::all_of(kept, [&](const auto& field) { return request[field.first] == field.second; });
+            EXPECT_TRUE(keepsAll && request["x-amz-tagging"] == expectedTags) << request.method_string();
+            EXPECT_EQ(request.count("Last-Modified") + request.count("x-amz-tagging-count"), 0U);
+        }
+    };
+    write(5, "");
+    object.fields.emplace_back("x-amz-tagging-count", "2");
+    write(7, "a%20b=1&c=");
+    tags = Reply::error(404, "NoSuchKey");
+    write(7, "");
 }
 
 TEST(UploadTest, CopiesFromOneVersionUnlessTheStoreRefusesTheVersionThatItShows)

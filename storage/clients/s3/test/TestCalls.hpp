@@ -24,11 +24,11 @@ inline S3Settings settingsFor(const clients::test::LoopbackServer& server,
         .credentials = std::move(credentials)};
 }
 
-inline std::string putObject(
-    RemoteStore& store, const std::string& key, const std::string& content, const WriteCondition& condition = {})
+inline std::string putObject(RemoteStore& store, const std::string& key, const std::string& content,
+    const WriteCondition& condition = {}, const ObjectMetadata& metadata = {})
 {
     TextBody body(content);
-    return store.putObject(key, body, condition);
+    return store.putObject(key, body, condition, metadata);
 }
 
 /// What an exception of a client says.

@@ -4,6 +4,7 @@
 #include <storage/clients/http/Times.hpp>
 #include <storage/clients/http/UriEncoding.hpp>
 
+#include <boost/algorithm/string/predicate.hpp>
 #include <fmt/format.h>
 #include <pugixml.hpp>
 
@@ -193,6 +194,21 @@ std::string readCompletion(const std::string& document)
         textOf(Document(document, "CompleteMultipartUploadResult", "CompleteMultipartUpload").root(), "ETag"));
 }
 
+QueryParameters readTags(const std::string& document)
+{
+    if (document.empty()) // as Ceph responds for an object that had its tags dropped
+    {
+        return {};
+    }
+    const Document parsed(document, "Tagging", "GetObjectTagging");
+    QueryParameters tags;
+    for (const pugi::xml_node& node : parsed.root().child("TagSet").children("Tag"))
+    {
+        tags.emplace_back(requiredText(node, "Key"), textOf(node, "Value"));
+    }
+    return tags;
+}
+
 std::string writeCompletion(const std::vector<NumberedTag>& parts)
 {
     pugi::xml_document document;
@@ -206,6 +222,24 @@ std::string writeCompletion(const std::vector<NumberedTag>& parts)
     std::ostringstream out;
     document.save(out, "", pugi::format_raw);
     return std::move(out).str();
+}
+
+std::shared_ptr<const ObjectMetadata> metadataIn(const HttpResponse& response)
+{
+    constexpr std::string_view names[] = {"Content-Type", "Cache-Control", "Content-Encoding", "Content-Disposition",
+        "Content-Language", "Expires", "x-amz-storage-class", "x-amz-website-redirect-location", tagCountField};
+    auto metadata = std::make_shared<ObjectMetadata>();
+    for (const auto& [name, value] : response.headers)
+    {
+        const bool isKnown = std::ranges::any_of(
+            names, [&name = name](std::string_view known) { return boost::algorithm::iequals(known, name); });
+        const bool isNoTags = value == "0" && boost::algorithm::iequals(name, tagCountField);
+        if ((isKnown && !isNoTags) || boost::algorithm::istarts_with(name, "x-amz-meta-"))
+        {
+            metadata->emplace_back(name, value);
+        }
+    }
+    return metadata;
 }
 
 std::string unquotedTag(std::string tag)

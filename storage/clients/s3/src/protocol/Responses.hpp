@@ -1,9 +1,12 @@
 #pragma once
 
 #include <storage/clients/common/UploadInventory.hpp>
+#include <storage/clients/http/HttpMessage.hpp>
+#include <storage/clients/http/UriEncoding.hpp>
 #include <storage/clients/remote/RemoteStore.hpp>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -78,8 +81,17 @@ std::string readCopiedPart(const std::string& document);
 /// The entity tag of the completed object; empty when the store does not state it.
 std::string readCompletion(const std::string& document);
 
+/// The tags of an object.
+QueryParameters readTags(const std::string& document);
+
 /// The document that completes an upload.
 std::string writeCompletion(const std::vector<NumberedTag>& parts);
+
+/// The field that says how many tags an object has. It is part of the metadata, so that they are requested only then.
+constexpr std::string_view tagCountField = "x-amz-tagging-count";
+
+/// The fields of a response that tell the object's metadata.
+std::shared_ptr<const ObjectMetadata> metadataIn(const HttpResponse& response);
 
 /// An entity tag without quotes, as this client keeps it.
 std::string unquotedTag(std::string tag);

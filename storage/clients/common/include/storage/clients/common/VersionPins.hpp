@@ -6,21 +6,27 @@
 #include <functional>
 #include <list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace storage::clients
 {
+
+/// What a store keeps with an object besides its bytes, such as its type: names and values that the store defines.
+using ObjectMetadata = std::vector<std::pair<std::string, std::string>>;
 
 /// One version of an object.
 struct Version
 {
     std::string tag; ///< ObjectInfo::tag
     std::uint64_t size = 0;
+    std::shared_ptr<const ObjectMetadata> metadata = nullptr; ///< null: the store keeps none, or they are not known
 };
 
 /// Remembers for each key which version of its object was opened, so that no reader sees a mixture of two versions.
@@ -102,6 +108,10 @@ public:
 
     /// The pinned version. Nothing: there is no pin, or it was evicted.
     std::optional<Version> pinned(const std::string& key);
+
+    /// Forget the metadata of a key whose object this client has deleted: what is stored next is another file. The pin
+    /// stays otherwise.
+    void deleted(const std::string& key);
 
     /// Whether the version tagged `stored` is the one tagged `opened`, or was written by this client to a file opened
     /// at that version.

@@ -61,6 +61,10 @@ namespace storage::clients
 /// The tag of a part is `UPLOAD.INDEX.GENERATION` until the file is opened again. It stands for the object that the
 /// upload has made; the last 4,096 uploads are remembered.
 ///
+/// Metadata: a write of a key that this client has opened or written before, and not deleted since, changes a file, and
+/// the object keeps what the store has with it besides its bytes, such as its type. Any other write makes a new file,
+/// which gets RemoteSettings::newMetadata, whatever object it replaces.
+///
 /// Threads: any thread may call any operation at any time. At most RemoteSettings::transfers threads are started, on
 /// demand, and end with the client. Their requests, and those that callers wait for, run concurrently. No lock is held
 /// during a request, except that the parts of an upload wait while it is opened. Destroy the client only when no call

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <storage/clients/common/VersionPins.hpp>
 #include <storage/clients/remote/RetryPolicy.hpp>
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <string>
 
 namespace storage::clients
 {
@@ -26,6 +28,9 @@ struct RemoteSettings
 
     /// Whether the process is interrupted: then nothing is retried. Must be safe to call from any thread. Null: never.
     std::function<bool()> interrupted = nullptr;
+
+    /// The metadata of a new file. Must be safe to call from any thread. Null: none.
+    std::function<ObjectMetadata(const std::string& key)> newMetadata = nullptr;
 };
 
 } // namespace storage::clients

@@ -91,7 +91,7 @@ public:
     /// What the store can do for an object with this key. May change while requests show more. Sends nothing.
     virtual StoreAbilities abilities(const std::string& key) const = 0;
 
-    /// Look up an object. @return nullopt: there is none
+    /// Look up an object, with its metadata. @return nullopt: there is none
     virtual std::optional<StoredObject> findObject(const std::string& key) = 0;
 
     /// Fetch the bytes of an object that are in the range.
@@ -99,7 +99,8 @@ public:
     /// @param range    not empty; may end beyond the object, or be beyond it; nullopt: the whole object
     /// @param version  nullopt: whatever version is there. PreconditionFailed is thrown before any byte is received if
     ///                 the object has another tag.
-    /// @return the version of the object. Every byte of the range that the object has was received, and matched the
+    /// @return the version of the object, with its metadata unless `version` is given. Every byte of the range that the
+    /// object has was received, and matched the
     ///         checksums that the store sent.
     /// @throws ResourceNotFoundException
     /// @throws TransientException possibly after bytes were received: these are right, and a retry may fetch only the
@@ -108,8 +109,10 @@ public:
         const std::optional<Version>& version, const ContentReceiver& receiver) = 0;
 
     /// Store an object. @return its tag
+    /// @param metadata  of the object; those of an earlier version, or of a new file
     /// @throws PreconditionFailed if conditionalWrites is set; without it, a condition may be ignored
-    virtual std::string putObject(const std::string& key, RequestBody& body, const WriteCondition& condition) = 0;
+    virtual std::string putObject(
+        const std::string& key, RequestBody& body, const WriteCondition& condition, const ObjectMetadata& metadata) = 0;
 
     /// Delete an object. A missing object is not an error, unless the condition requires one.
     /// @throws PreconditionFailed as putObject()
@@ -120,8 +123,9 @@ public:
         const std::string& prefix, const std::string& token, const cloudprovider::ListOptions& options) = 0;
 
     /// Open a multipart upload. Once begun, the request is not ended by an interrupt, so that its result is not lost.
+    /// @param metadata  of the object that it will make; see putObject()
     /// @return the store's id of the upload
-    virtual std::string createUpload(const std::string& key) = 0;
+    virtual std::string createUpload(const std::string& key, const ObjectMetadata& metadata) = 0;
 
     /// Send a part. A part with the same number is replaced. @return its tag, which is not empty
     /// @param number  from 1 to maxParts

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <storage/clients/common/VersionPins.hpp>
 #include <storage/clients/http/HttpTimeouts.hpp>
 #include <storage/clients/s3/Credentials.hpp>
 
@@ -58,6 +59,11 @@ struct S3Settings
     /// HttpTimeouts::cleanUp. Only deletions and aborts are sent from then on, because they clean up;
     /// HttpTimeouts::cleanUp limits them. Null: nothing is cancelled.
     std::function<bool()> interrupted = nullptr;
+
+    /// The metadata of a new file, as fields of the request: Content-Type, Cache-Control, `x-amz-meta-…`,
+    /// x-amz-storage-class, x-amz-tagging and the like. Must be safe to call from any thread. Null: the Content-Type of
+    /// contentTypeOf(), if that is known.
+    std::function<ObjectMetadata(const std::string& key)> newMetadata = nullptr;
 };
 
 /// Parse a store's URL: `s3://BUCKET?endpoint=URL&region=REGION&path-style=1`.
