@@ -272,8 +272,7 @@ std::string S3Store::takePart(const std::string& key, const std::string& uploadI
 {
     S3Request request{Operation::CopyPart, key, "PUT"};
     request.query = {{"partNumber", std::to_string(number)}, {"uploadId", uploadId}};
-    request.headers.add(
-        "x-amz-copy-source", fmt::format("/{}/{}", uriEncode(m_requester.bucket()), uriEncodePath(key)));
+    request.headers.add("x-amz-copy-source", m_requester.copySource(key));
     if (range.size < source.size) // stores refuse ranges of small objects, which must be copied whole
     {
         request.headers.add("x-amz-copy-source-range", rangeField(range));

@@ -58,6 +58,33 @@ TEST(RequestTest, CarriesSignatureOrHash)
     EXPECT_EQ(server.requests().back().target(), "/bucket/a/./../b//c%20%2B%252F");
 }
 
+TEST(RequestTest, HasTheAddressOfItsBucketOrAccessPoint)
+{
+    const std::string arn = "arn:aws-cn:s3:cn-north-1:123456789012:accesspoint/test";
+    const struct
+    {
+        std::string url;
+        std::string address; // of the key
+        std::string source;  // of a copy
+    } rows[] = {
+        {"bucket?region=us-gov-west-1", "https://bucket.s3.us-gov-west-1.amazonaws.com/a%20b/c", "/bucket/a%20b/c"},
+        {"my.bucket?region=cn-north-1", "https://s3.cn-north-1.amazonaws.com.cn/my.bucket/a%20b/c",
+            "/my.bucket/a%20b/c"},
+        {"test-xyz-s3alias?region=r", "https://test-xyz-s3alias.s3.r.amazonaws.com/a%20b/c",
+            "/test-xyz-s3alias/a%20b/c"},
+        {arn + "?region=r", "https://test-123456789012.s3-accesspoint.cn-north-1.amazonaws.com.cn/a%20b/c",
+            "arn%3Aaws-cn%3As3%3Acn-north-1%3A123456789012%3Aaccesspoint/test/object/a%20b/c"},
+        {arn + "?endpoint=http://host:1/x", "http://test-123456789012.host:1/x/a%20b/c",
+            "arn%3Aaws-cn%3As3%3Acn-north-1%3A123456789012%3Aaccesspoint/test/object/a%20b/c"},
+    };
+    for (const auto& row : rows)
+    {
+        const BucketAddress address(parseS3Url("s3://" + row.url));
+        EXPECT_EQ(address.origin() + address.path("a b/c"), row.address);
+        EXPECT_EQ(address.copySource("a b/c"), row.source);
+    }
+}
+
 TEST(RequestTest, IsRepeatedOnceForAnotherRegionOrNewCredentials)
 {
     const std::vector<std::pair<std::string, std::string>> elsewhere = {

@@ -75,7 +75,9 @@ TEST_F(OpenStoreTest, RefusesOtherUrlsWithTheReasonAndTheForms)
 {
     const std::pair<std::string, const char*> rows[] = {{"", "unknown kind"}, {"ftp://host/x", "unknown kind"},
         {"memory:x", "unknown kind"}, {"s3://user:secret@bucket", "credentials"}, {"s3://", "bucket"},
-        {"s3://bucket/folder", "bucket"}, {"s3:bucket", "s3://"}, {"?colour=red", "colour"},
+        {"s3://bucket/folder", "bucket"}, {"s3:bucket", "s3://"},
+        {"s3://arn:aws:s3::123456789012:accesspoint/a.mrap", "the ARN"},
+        {"s3://arn:" + std::string(150'000, 'a'), "the ARN"}, {"?colour=red", "colour"},
         {"?region=a&region=b", "twice"}, {"?transfers=0", "\"transfers\" must be a number from 1 to 64"},
         {"?transfers=65", "\"transfers\" must be"}, {"?transfers=x", "\"transfers\" must be"},
         {"?memory=1099511627777", "from 0 to 1099511627776"}, {"?memory=64M", "\"memory\" must be"},

@@ -5,10 +5,10 @@
 #include <storage/clients/common/KeyRules.hpp>
 
 #include <curl/curl.h>
+#include <fmt/format.h>
 
 #include <memory>
 #include <new>
-#include <string_view>
 
 namespace storage::clients::s3
 {
@@ -28,17 +28,22 @@ std::string partOf(CURLU* address, CURLUPart part)
 }
 
 /// The end of the name of each host in a region.
-std::string domainOf(const std::string& region)
+std::string hostSuffix(const std::string& region)
 {
     constexpr std::string_view letters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-";
     if (region.find_first_not_of(letters) != std::string::npos || region.size() > 63)
     {
         throw invalidCredentials(quoted(region) + " is not a valid region name");
     }
-    return (region.empty() ? "" : "." + region) + (region.starts_with("cn-") ? ".amazonaws.com.cn" : ".amazonaws.com");
+    return fmt::format("{}{}.{}", region.empty() ? "" : ".", region, domainOf(region));
 }
 
 } // namespace
+
+std::string_view domainOf(std::string_view region)
+{
+    return region.starts_with("cn-") ? "amazonaws.com.cn" : "amazonaws.com";
+}
 
 ServiceAddress parseAddress(const std::string& name, const std::string& url)
 {
@@ -75,7 +80,7 @@ ServiceAddress regionalAddress(
             return address;
         }
     }
-    return parseAddress("the endpoint", "https://" + host + domainOf(region));
+    return parseAddress("the endpoint", "https://" + host + hostSuffix(region));
 }
 
 } // namespace storage::clients::s3

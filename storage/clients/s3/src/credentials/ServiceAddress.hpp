@@ -3,6 +3,7 @@
 #include "Environment.hpp"
 
 #include <string>
+#include <string_view>
 
 namespace storage::clients::s3
 {
@@ -16,6 +17,9 @@ struct ServiceAddress
     std::string port; ///< empty: the scheme's default
     std::string path; ///< from the first "/"
 };
+
+/// The domain of the store's own services in a region. The regions in China have another one.
+std::string_view domainOf(std::string_view region);
 
 /// Parse a URL.
 ///

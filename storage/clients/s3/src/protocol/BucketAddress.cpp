@@ -1,11 +1,15 @@
 #include "BucketAddress.hpp"
 
+#include "credentials/ServiceAddress.hpp"
+
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/http/UriEncoding.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/predicate.hpp>
+
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <cctype>
@@ -24,6 +28,7 @@ namespace
 }
 
 constexpr std::size_t maxEndpoint = 2'000; // characters; for long texts, matching needs more stack than there is
+constexpr std::size_t maxArn = 200;        // likewise
 
 /// Whether the bucket can be a part of the host name: the endpoint's certificate covers only one more label, and a
 /// numeric address has no labels.
@@ -48,14 +53,27 @@ void requireRegion(const std::string& region)
 
 BucketAddress::BucketAddress(const S3Settings& settings)
     : m_bucket(settings.bucket)
+    , m_label(settings.bucket)
     , m_region(settings.region)
     , m_scheme("https")
 {
+    if (m_bucket.starts_with("arn:"))
+    {
+        static const std::regex form("arn:aws[a-z-]*:s3:([a-z0-9-]+):([0-9]{12}):accesspoint/([a-z0-9-]{3,50})");
+        std::smatch match;
+        if (m_bucket.size() > maxArn || !std::regex_match(m_bucket, match, form))
+        {
+            refuse("the ARN of an access point is like arn:aws:s3:REGION:ACCOUNT:accesspoint/NAME");
+        }
+        m_region = match.str(1);
+        m_label = match.str(3) + "-" + match.str(2);
+        m_service = "s3-accesspoint";
+    }
     const bool isName =
-        m_bucket.size() >= 3 && m_bucket.size() <= 255 &&
-        std::all_of(m_bucket.begin(), m_bucket.end(),
+        m_label.size() >= 3 && m_label.size() <= 255 &&
+        std::all_of(m_label.begin(), m_label.end(),
             [](unsigned char c) { return std::isalnum(c) != 0 || c == '-' || c == '.' || c == '_' || c == ':'; });
-    if (!isName || m_bucket == "..")
+    if (!isName || m_label == "..")
     {
         refuse("\"" + m_bucket + "\" is not a valid bucket name");
     }
@@ -84,7 +102,7 @@ BucketAddress::BucketAddress(const S3Settings& settings)
             m_basePath.pop_back();
         }
     }
-    m_pathStyle = settings.pathStyle.value_or(!fitsIntoHostName(m_bucket, m_endpointHost));
+    m_pathStyle = settings.pathStyle.value_or(!fitsIntoHostName(m_label, m_endpointHost));
 }
 
 BucketAddress BucketAddress::inRegion(std::string region) const
@@ -97,13 +115,20 @@ BucketAddress BucketAddress::inRegion(std::string region) const
 
 std::string BucketAddress::host() const
 {
-    const std::string endpoint = m_endpointHost.empty() ? "s3." + m_region + ".amazonaws.com" : m_endpointHost;
-    return m_pathStyle ? endpoint : m_bucket + "." + endpoint;
+    const std::string endpoint =
+        m_endpointHost.empty() ? fmt::format("{}.{}.{}", m_service, m_region, domainOf(m_region)) : m_endpointHost;
+    return m_pathStyle ? endpoint : m_label + "." + endpoint;
 }
 
 std::string BucketAddress::path(std::string_view key) const
 {
-    return m_basePath + (m_pathStyle ? "/" + uriEncode(m_bucket) : "") + "/" + uriEncodePath(key);
+    return m_basePath + (m_pathStyle ? "/" + uriEncode(m_label) : "") + "/" + uriEncodePath(key);
+}
+
+std::string BucketAddress::copySource(std::string_view key) const
+{
+    std::string parent = m_label == m_bucket ? "/" + m_bucket + "/" : m_bucket + "/object/";
+    return uriEncodePath(parent.append(key));
 }
 
 std::string BucketAddress::origin() const

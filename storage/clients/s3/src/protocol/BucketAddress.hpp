@@ -8,7 +8,7 @@
 namespace storage::clients::s3
 {
 
-/// The address of one bucket: its host, and the paths of its keys. A value.
+/// The address of one bucket or access point: its host, and the paths of its keys. A value.
 class BucketAddress
 {
 public:
@@ -28,11 +28,16 @@ public:
     /// The encoded path of a key; of the bucket itself when the key is empty.
     std::string path(std::string_view key) const;
 
+    /// The encoded name of an object as the source of a copy.
+    std::string copySource(std::string_view key) const;
+
     /// Scheme and host, to which path() is appended. Also shown in messages.
     std::string origin() const;
 
 private:
-    std::string m_bucket;
+    std::string m_bucket; ///< or the ARN of an access point
+    std::string m_label;  ///< stands for it in host names and paths
+    std::string_view m_service = "s3";
     std::string m_region;
     std::string m_scheme;
     std::string m_endpointHost; ///< with the port, unless it is the scheme's default; empty: the region's own

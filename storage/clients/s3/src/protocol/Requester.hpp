@@ -79,7 +79,7 @@ public:
     /// What messages say about a request.
     FailureContext contextOf(const S3Request& request);
 
-    std::string bucket() { return address().bucket(); }
+    std::string copySource(const std::string& key) { return address().copySource(key); }
 
     /// Whether any response has shown that the bucket exists.
     bool sawBucket() const noexcept { return m_sawBucket; }

@@ -40,7 +40,7 @@ struct EndpointCapabilities
 /// Where a bucket is, and how to talk to it.
 struct S3Settings
 {
-    std::string bucket;
+    std::string bucket;            ///< or the ARN of an access point, which names the region, too
     std::string endpoint;          ///< http://HOST:PORT or https://HOST; empty: the region's own
     std::string region;            ///< what requests are signed for
     std::optional<bool> pathStyle; ///< the bucket is in the path, not in the host name; empty: if the names require it
