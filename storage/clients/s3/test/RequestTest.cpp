@@ -138,6 +138,7 @@ struct ErrorRow
     std::string expected; // in the message
     Reply reply;
     std::shared_ptr<CredentialsSource> credentials = nobody;
+    std::string endpointPath = "";
 };
 
 const auto find = [](S3Store& store) { store.findObject("a/key"); };
@@ -158,6 +159,8 @@ const std::string longText = "\n" + std::string(100'000, 'x');
 const ErrorRow errors[] = {
     {"missingKey", readRange, isA<ResourceNotFoundException>, "request tx-1", Reply::error(404, "NoSuchKey")},
     {"missingBucket", find, isA<InvalidLocationException>, "bucket \"bucket\"; ", Reply::error(404, "NoSuchBucket")},
+    {"endpointWithTheBucket", put, isA<InvalidLocationException>, "the endpoint's path \"/bucket\"",
+        Reply::error(404, "NoSuchBucket"), nobody, "/bucket/"},
     {"uploadInAMissingBucket", isOpen, isA<InvalidLocationException>, "404", Reply::error(404, "NoSuchBucket")},
     {"denied", put, isA<PermissionDeniedException>, "; key id AKIDNOBODY", Reply::error(403, "AccessDenied")},
     {"wrongSecret", list, isA<InvalidCredentialsException>, "the secret", Reply::error(403, "SignatureDoesNotMatch")},
@@ -208,7 +211,9 @@ TEST(RequestTest, ReportsErrorsWithTheirReasonAndWithoutSecrets)
         reply.fields.insert(
             reply.fields.end(), {{"Date", "Sat, 01 Jan 2022 00:00:00 GMT"}, {"x-amz-request-id", "tx-1"}});
         LoopbackServer server([&](const Request&) { return reply; });
-        S3Store store(settingsFor(server, row.credentials));
+        S3Settings settings = settingsFor(server, row.credentials);
+        settings.endpoint += row.endpointPath;
+        S3Store store(settings);
         try
         {
             row.call(store);

@@ -21,6 +21,7 @@ public:
 
     const std::string& bucket() const noexcept { return m_bucket; }
     const std::string& region() const noexcept { return m_region; }
+    const std::string& endpointPath() const noexcept { return m_basePath; }
 
     /// The value of the Host field: without the port when that is the scheme's default.
     std::string host() const;

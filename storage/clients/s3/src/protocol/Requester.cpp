@@ -67,7 +67,7 @@ FailureContext Requester::contextOf(const S3Request& request)
     const std::lock_guard lock(m_mutex);
     const std::string action = request.operation ? std::string(name(*request.operation)) : "listing the open uploads";
     return {action + (request.key.empty() ? "" : " of " + quoted(request.key)), m_address.bucket(), m_address.origin(),
-        m_lastKeyId, m_wasReached, hasCondition};
+        m_address.endpointPath(), m_lastKeyId, m_wasReached, hasCondition};
 }
 
 HttpResponse Requester::send(

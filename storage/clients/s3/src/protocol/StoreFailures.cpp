@@ -214,6 +214,12 @@ void throwErrorResponse(const FailureContext& context, const HttpResponse& respo
     {
         hint = skewHint(response);
     }
+    else if (row.code == "NoSuchBucket" && !context.endpointPath.empty())
+    {
+        hint =
+            fmt::format("the endpoint's path {} was sent before the bucket; leave it out if the store does not need it",
+                quoted(context.endpointPath));
+    }
     else if (row.meaning == Meaning::BadLocation)
     {
         hint = redirectHint(response, error, hint);

@@ -25,6 +25,7 @@ struct FailureContext
     std::string action; ///< the operation and the key: `getObjectInfo of "a/b"`
     std::string bucket;
     std::string origin;        ///< scheme and host
+    std::string endpointPath;  ///< comes before the bucket and the key; usually empty
     std::string keyId;         ///< of the credentials used; empty: anonymous
     bool wasReached = true;    ///< the store has responded before, so its address is correct
     bool hasCondition = false; ///< the request names a version
