@@ -1,10 +1,12 @@
 #include <storage/clients/s3/S3Settings.hpp>
 
 #include "protocol/BucketAddress.hpp"
+#include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/http/UriEncoding.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/replace.hpp>
 #include <boost/algorithm/string/split.hpp>
 
 #include <fmt/format.h>
@@ -25,7 +27,7 @@ namespace
 [[noreturn]] void refuse(const std::string& reason)
 {
     throw cloudprovider::InvalidLocationException(
-        "Invalid store", reason + "; the form is s3://BUCKET?endpoint=URL&region=REGION&path-style=1");
+        "Invalid store", reason + "; the form is s3://BUCKET/PREFIX?endpoint=URL&region=REGION&path-style=1");
 }
 
 bool readFlag(const std::string& name, const std::string& value)
@@ -61,6 +63,13 @@ std::string fromEnvironment(std::initializer_list<const char*> variables)
     return {};
 }
 
+/// Decode a part of a URL. It is not form data: a "+" in a path is a plus.
+std::string decoded(std::string text)
+{
+    boost::algorithm::replace_all(text, "+", "%2B");
+    return uriDecode(text);
+}
+
 std::map<std::string, std::string> readParameters(std::string_view query)
 {
     std::map<std::string, std::string> parameters;
@@ -73,13 +82,8 @@ std::map<std::string, std::string> readParameters(std::string_view query)
         {
             continue;
         }
-        // Values are not form data: a "+" in a path is a plus.
-        std::string value = equals == std::string::npos ? "" : pair.substr(equals + 1);
-        for (std::size_t plus = 0; (plus = value.find('+', plus)) != std::string::npos;)
-        {
-            value.replace(plus, 1, "%2B");
-        }
-        if (!parameters.emplace(pair.substr(0, equals), uriDecode(value)).second)
+        const std::string value = equals == std::string::npos ? "" : decoded(pair.substr(equals + 1));
+        if (!parameters.emplace(pair.substr(0, equals), value).second)
         {
             refuse("\"" + pair.substr(0, equals) + "\" is given twice");
         }
@@ -98,14 +102,23 @@ S3Settings parseS3Url(const std::string& url)
     }
     const std::size_t question = url.find('?');
     S3Settings settings;
-    settings.bucket = url.substr(scheme.size(), question == std::string::npos ? question : question - scheme.size());
-    if (settings.bucket.ends_with('/'))
+    const std::string place =
+        url.substr(scheme.size(), question == std::string::npos ? question : question - scheme.size());
+    if (place.find('@') != std::string::npos) // also behind the first "/", which may be part of a secret
     {
-        settings.bucket.pop_back();
+        refuse("credentials must not be part of a store's URL; write \"@\" in a prefix as %40");
     }
-    if (settings.bucket.find('@') != std::string::npos)
+    std::size_t slash = place.find('/');
+    if (place.starts_with("arn:") && slash != std::string::npos)
     {
-        refuse("credentials must not be part of a store's URL");
+        slash = place.find('/', slash + 1); // the first one is in the access point's name
+    }
+    settings.bucket = place.substr(0, slash);
+    if (slash < place.size() - 1)
+    {
+        settings.prefix = decoded(place.substr(slash + 1));
+        settings.prefix += settings.prefix.ends_with('/') ? "" : "/";
+        checkKey(settings.prefix);
     }
     bool anonymous = false;
     const std::map<std::string_view, std::function<void(const std::string& name, const std::string& value)>> known{

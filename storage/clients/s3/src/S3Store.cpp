@@ -26,10 +26,23 @@ std::string rangeField(const ByteRange& range)
     return fmt::format("bytes={}-{}", range.offset, range.offset + range.size - 1);
 }
 
+/// Remove the prefix from keys, and what is not below it. An object with the prefix as its key would be the root.
+template <typename Listed>
+void removePrefix(std::vector<Listed>& listed, const std::string& prefix)
+{
+    std::erase_if(listed,
+        [&](const Listed& object) { return !object.key.starts_with(prefix) || object.key.size() == prefix.size(); });
+    for (Listed& object : listed)
+    {
+        object.key.erase(0, prefix.size());
+    }
+}
+
 } // namespace
 
 S3Store::S3Store(const S3Settings& settings)
     : m_requester(settings)
+    , m_prefix(settings.prefix)
     , m_capabilities(settings.capabilities)
     , m_transfers(settings.transfers)
 {
@@ -42,7 +55,7 @@ StoreAbilities S3Store::abilities(const std::string& key) const
         .conditionalWrites = m_capabilities.conditionalWrites,
         .conditionalCreation = m_capabilities.conditionalWrites,
         .conditionalCompletion = m_capabilities.conditionalCompletion};
-    if (!m_capabilities.copiesAnyKey && key.find('%') != std::string::npos)
+    if (!m_capabilities.copiesAnyKey && (m_prefix + key).find('%') != std::string::npos)
     {
         abilities.maxTakeSize = 0; // a store that decodes the name twice would silently copy another object
     }
@@ -233,7 +246,7 @@ void S3Store::deleteObject(const std::string& key, const WriteCondition& conditi
 ListingPage S3Store::listObjects(const std::string& prefix, const std::string& token, const ListOptions& options)
 {
     S3Request request{Operation::ListObjects, "", "GET"};
-    request.query = {{"list-type", "2"}, {"encoding-type", "url"}, {"prefix", prefix}};
+    request.query = {{"list-type", "2"}, {"encoding-type", "url"}, {"prefix", m_prefix + prefix}};
     if (!options.delimiter.empty())
     {
         request.query.emplace_back("delimiter", options.delimiter);
@@ -246,7 +259,9 @@ ListingPage S3Store::listObjects(const std::string& prefix, const std::string& t
     {
         request.query.emplace_back("continuation-token", token);
     }
-    return m_requester.sendAndRead(request, readListing);
+    ListingPage page = m_requester.sendAndRead(request, readListing);
+    removePrefix(page.entries, m_prefix);
+    return page;
 }
 
 std::string S3Store::createUpload(const std::string& key, const ObjectMetadata& metadata)
@@ -343,12 +358,17 @@ UploadsPage S3Store::listUploads(const std::string& token)
 {
     S3Request request{std::nullopt, "", "GET"};
     request.query = {{"uploads", ""}};
+    if (!m_prefix.empty())
+    {
+        request.query.emplace_back("prefix", m_prefix);
+    }
     if (const std::size_t slash = token.find('/'); slash != std::string::npos) // see below
     {
         request.query.emplace_back("key-marker", token.substr(slash + 1));
         request.query.emplace_back("upload-id-marker", uriDecode(token.substr(0, slash)));
     }
     UploadsDocument page = m_requester.sendAndRead(request, readUploads);
+    removePrefix(page.uploads, m_prefix);
     return {std::move(page.uploads), page.nextKey.empty() ? "" : uriEncode(page.nextUploadId) + '/' + page.nextKey};
 }
 

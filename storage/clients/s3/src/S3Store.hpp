@@ -52,6 +52,7 @@ private:
         S3Request& request, const WriteCondition& condition, bool canMatch, const std::function<std::string()>& send);
 
     Requester m_requester;
+    const std::string m_prefix; // of all keys; the requester adds it to those of requests
     const EndpointCapabilities m_capabilities;
     const std::size_t m_transfers; // requests that may be running at a time
     /// The endpoint has refused to copy the version that it shows: some compare `x-amz-copy-source-if-match` with

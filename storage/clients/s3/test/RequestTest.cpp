@@ -72,8 +72,10 @@ TEST(RequestTest, HasTheAddressOfItsBucketOrAccessPoint)
             "/my.bucket/a%20b/c"},
         {"test-xyz-s3alias?region=r", "https://test-xyz-s3alias.s3.r.amazonaws.com/a%20b/c",
             "/test-xyz-s3alias/a%20b/c"},
-        {arn + "?region=r", "https://test-123456789012.s3-accesspoint.cn-north-1.amazonaws.com.cn/a%20b/c",
-            "arn%3Aaws-cn%3As3%3Acn-north-1%3A123456789012%3Aaccesspoint/test/object/a%20b/c"},
+        {"bucket/50%25%20+/?region=r", "https://bucket.s3.r.amazonaws.com/50%25%20%2B/a%20b/c",
+            "/bucket/50%25%20%2B/a%20b/c"},
+        {arn + "/p?region=r", "https://test-123456789012.s3-accesspoint.cn-north-1.amazonaws.com.cn/p/a%20b/c",
+            "arn%3Aaws-cn%3As3%3Acn-north-1%3A123456789012%3Aaccesspoint/test/object/p/a%20b/c"},
         {arn + "?endpoint=http://host:1/x", "http://test-123456789012.host:1/x/a%20b/c",
             "arn%3Aaws-cn%3As3%3Acn-north-1%3A123456789012%3Aaccesspoint/test/object/a%20b/c"},
     };
@@ -269,6 +271,31 @@ TEST(RequestTest, ReadsKeysOfBlanksAndTheTokenOfTheNextPage)
     EXPECT_EQ(page.nextToken, "b/c");
     EXPECT_TRUE(page.entries.size() == 2 && page.entries[0].key == " \r" && page.entries[1].key == " /");
     EXPECT_EQ(store.listUploads(store.listUploads("").nextToken).nextToken, "");
+}
+
+TEST(RequestTest, StaysBelowThePrefixAndDoesNotShowIt)
+{
+    const std::string entries =
+        "<Contents><Key>p%/</Key><Size>0</Size></Contents><Contents><Key>p%/a</Key><Size>1</Size>"
+        "</Contents><CommonPrefixes><Prefix>p%/a/</Prefix></CommonPrefixes>";
+    const auto upload = [](const std::string& key) {
+        return "<Upload><Key>" + key +
+               "</Key><UploadId>u</UploadId><Initiated>2026-11-21T10:50:54Z</Initiated></Upload>";
+    };
+    std::map<std::string, Reply> replies = {
+        {"/bucket/?encoding-type=url&list-type=2&prefix=p%25%2Fa", page("ListBucketResult", entries)},
+        {"/bucket/?prefix=p%25%2F&uploads=", page("ListMultipartUploadsResult", upload("other") + upload("p%/a"))},
+        {"/bucket/p%25/a", Reply::error(403, "AccessDenied")}};
+    LoopbackServer server([&](const Request& request) { return replies[std::string(request.target())]; });
+    S3Settings settings = settingsFor(server, nobody);
+    settings.prefix = "p%/";
+    S3Store store(settings);
+    const auto listed = store.listObjects("a", "", {}).entries;
+    EXPECT_TRUE(listed.size() == 2 && listed[0].key == "a" && listed[1].key == "a/");
+    const auto uploads = store.listUploads("").uploads;
+    EXPECT_TRUE(uploads.size() == 1 && uploads[0].key == "a");
+    EXPECT_THAT(failureOf([&] { putObject(store, "a", "content"); }), HasSubstr("putObject of \"a\" failed"));
+    EXPECT_EQ(store.abilities("a").maxTakeSize, 0U);
 }
 
 } // namespace

@@ -24,7 +24,7 @@ using cloudprovider::InvalidLocationException;
 {
     throw InvalidLocationException("Invalid store", reason +
                                                         "; use local:DIR, local: (the default directory), memory: or "
-                                                        "s3://BUCKET?endpoint=URL&region=REGION&path-style=1");
+                                                        "s3://BUCKET/PREFIX?endpoint=URL&region=REGION&path-style=1");
 }
 
 /// The directory that a variable names; empty when it is not set. A relative path counts as not set.

@@ -75,7 +75,7 @@ TEST_F(OpenStoreTest, RefusesOtherUrlsWithTheReasonAndTheForms)
 {
     const std::pair<std::string, const char*> rows[] = {{"", "unknown kind"}, {"ftp://host/x", "unknown kind"},
         {"memory:x", "unknown kind"}, {"s3://user:secret@bucket", "credentials"}, {"s3://", "bucket"},
-        {"s3://bucket/folder", "bucket"}, {"s3:bucket", "s3://"},
+        {"s3://key:sec/secret@bucket", "credentials"}, {"s3:bucket", "s3://"},
         {"s3://arn:aws:s3::123456789012:accesspoint/a.mrap", "the ARN"},
         {"s3://arn:" + std::string(150'000, 'a'), "the ARN"}, {"?colour=red", "colour"},
         {"?region=a&region=b", "twice"}, {"?transfers=0", "\"transfers\" must be a number from 1 to 64"},
@@ -98,11 +98,12 @@ TEST_F(OpenStoreTest, RefusesOtherUrlsWithTheReasonAndTheForms)
 TEST_F(OpenStoreTest, OpensABucketWithoutARequest)
 {
     set("AWS_ENDPOINT_URL", "http://127.0.0.1:1");
-    for (const char* url : {"s3://bucket", "s3://bucket/", "s3://my.bucket?region=eu-west-1&anonymous=1",
-             "s3://bucket?endpoint=http%3A%2F%2F%5B%3A%3A1%5D%3A9000&path-style=1",
-             "s3://bucket?endpoint=https://host/gate-way/s3%252Fa/", "s3://bucket?ca-file=/a+b&profile=x",
-             "s3://bucket?transfers=1&memory=0&part-size=65536",
-             "s3://bucket?transfers=64&memory=1099511627776&part-size=1073741824"})
+    for (const char* url :
+        {"s3://bucket", "s3://bucket/", "s3://bucket/a%40b/", "s3://my.bucket?region=eu-west-1&anonymous=1",
+            "s3://bucket?endpoint=http%3A%2F%2F%5B%3A%3A1%5D%3A9000&path-style=1",
+            "s3://bucket?endpoint=https://host/gate-way/s3%252Fa/", "s3://bucket?ca-file=/a+b&profile=x",
+            "s3://bucket?transfers=1&memory=0&part-size=65536",
+            "s3://bucket?transfers=64&memory=1099511627776&part-size=1073741824"})
     {
         EXPECT_NE(openStore(url), nullptr) << url;
     }

@@ -24,7 +24,7 @@ namespace
 [[noreturn]] void refuse(const std::string& reason)
 {
     throw cloudprovider::InvalidLocationException(
-        "Invalid store", reason + "; the form is s3://BUCKET?endpoint=URL&region=REGION&path-style=1");
+        "Invalid store", reason + "; the form is s3://BUCKET/PREFIX?endpoint=URL&region=REGION&path-style=1");
 }
 
 constexpr std::size_t maxEndpoint = 2'000; // characters; for long texts, matching needs more stack than there is
@@ -56,6 +56,7 @@ BucketAddress::BucketAddress(const S3Settings& settings)
     , m_label(settings.bucket)
     , m_region(settings.region)
     , m_scheme("https")
+    , m_prefix(settings.prefix)
 {
     if (m_bucket.starts_with("arn:"))
     {
@@ -122,13 +123,14 @@ std::string BucketAddress::host() const
 
 std::string BucketAddress::path(std::string_view key) const
 {
-    return m_basePath + (m_pathStyle ? "/" + uriEncode(m_label) : "") + "/" + uriEncodePath(key);
+    return m_basePath + (m_pathStyle ? "/" + uriEncode(m_label) : "") + "/" +
+           (key.empty() ? "" : uriEncodePath(m_prefix + std::string(key)));
 }
 
 std::string BucketAddress::copySource(std::string_view key) const
 {
     std::string parent = m_label == m_bucket ? "/" + m_bucket + "/" : m_bucket + "/object/";
-    return uriEncodePath(parent.append(key));
+    return uriEncodePath(parent.append(m_prefix).append(key));
 }
 
 std::string BucketAddress::origin() const

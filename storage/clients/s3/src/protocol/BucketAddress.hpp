@@ -42,7 +42,8 @@ private:
     std::string m_region;
     std::string m_scheme;
     std::string m_endpointHost; ///< with the port, unless it is the scheme's default; empty: the region's own
-    std::string m_basePath;     ///< of an endpoint with a path, without a trailing "/"
+    std::string m_prefix;
+    std::string m_basePath; ///< of an endpoint with a path, without a trailing "/"
     bool m_pathStyle = false;
 };
 

@@ -41,6 +41,7 @@ struct EndpointCapabilities
 struct S3Settings
 {
     std::string bucket;            ///< or the ARN of an access point, which names the region, too
+    std::string prefix = {};       ///< of all keys, with its last "/"; empty: the whole bucket
     std::string endpoint;          ///< http://HOST:PORT or https://HOST; empty: the region's own
     std::string region;            ///< what requests are signed for
     std::optional<bool> pathStyle; ///< the bucket is in the path, not in the host name; empty: if the names require it
@@ -66,13 +67,15 @@ struct S3Settings
     std::function<ObjectMetadata(const std::string& key)> newMetadata = nullptr;
 };
 
-/// Parse a store's URL: `s3://BUCKET?endpoint=URL&region=REGION&path-style=1`.
+/// Parse a store's URL: `s3://BUCKET/PREFIX?endpoint=URL&region=REGION&path-style=1`.
 ///
-/// All parameters are optional; values may be percent-encoded. The others are: `transfers=N`, `memory=BYTES`,
-/// `part-size=BYTES`, `profile=NAME` (a section of the shared files), `anonymous=1`, `ca-file=PATH`, and the endpoint's
-/// capabilities `conditional-copies=1`, `conditional-completion=1`, `conditional-writes=1`, `copies-any-key=1` and
-/// `equal-parts=1`. The endpoint defaults to the variables AWS_ENDPOINT_URL_S3 and AWS_ENDPOINT_URL, the region to
-/// defaultRegion(), else us-east-1, and the file of authorities to defaultAuthorities().
+/// Without a prefix, the bucket is the root of the store. With one, only the objects below it are in the store, and
+/// neither keys nor messages contain it. The bucket may be the ARN of an access point. All parameters are optional;
+/// values may be percent-encoded. The others are: `transfers=N`, `memory=BYTES`, `part-size=BYTES`, `profile=NAME` (a
+/// section of the shared files), `anonymous=1`, `ca-file=PATH`, and the endpoint's capabilities `conditional-copies=1`,
+/// `conditional-completion=1`, `conditional-writes=1`, `copies-any-key=1` and `equal-parts=1`. The endpoint defaults to
+/// the variables AWS_ENDPOINT_URL_S3 and AWS_ENDPOINT_URL, the region to defaultRegion(), else us-east-1, and the file
+/// of authorities to defaultAuthorities().
 /// @throws cloudprovider::InvalidLocationException whose detail says what is wrong; it never repeats what may be a
 ///         secret; cloudprovider::InvalidCredentialsException when a shared file exists and cannot be read
 S3Settings parseS3Url(const std::string& url);

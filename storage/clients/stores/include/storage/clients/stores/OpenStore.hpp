@@ -30,8 +30,8 @@ struct OpenStoreOptions
 /// - `local:`     the same in the directory $XDG_DATA_HOME/cloudfs, or ~/.local/share/cloudfs if that variable is not
 ///   set
 /// - `memory:`    a new, empty store in the memory of this process; see MemoryClient
-/// - `s3://BUCKET?endpoint=URL&region=REGION&path-style=1`  a bucket; see s3::parseS3Url() for all parameters, and
-///   S3Client
+/// - `s3://BUCKET/PREFIX?endpoint=URL&region=REGION&path-style=1`  a bucket, or what is below a prefix in it; see
+///   s3::parseS3Url() for all parameters, and S3Client
 ///
 /// On the result, findInterface() finds StoreCounters, UploadInventory and the store's own class. The counters are
 /// those of CountingClient, or of RemoteClient.
