@@ -455,17 +455,22 @@ TEST_F(RemoteClientTest, ReportsAFailedPartOnceAndSendsItAgain)
     const auto reports = [&] {
         return failureOf([&] { copied.Tag = client->copyPart("k", id, {1, 1'000, 200, stored[0].Tag}); });
     };
+    const auto awaitReport = [&]
+    {
+        while (!reports())
+        {
+            std::this_thread::yield(); // the part is in flight
+        }
+        EXPECT_FALSE(reports());
+    };
     fail("uploadPart", denied);
     const PartInfo sent = send(id, 0, content(300, 2));
-    while (!reports())
-    {
-        std::this_thread::yield(); // the part is in flight
-    }
-    EXPECT_FALSE(reports());
+    awaitReport();
     const PartInfo last = uploadPart(*client, "k", id, 2, content(300, 3), 500);
+    awaitReport();
     EXPECT_THROW(complete(id, {sent, copied, last}), PermissionDeniedException);
     EXPECT_EQ(bucket->content("k"), old);
-    EXPECT_FALSE(reports()) << "the completion has reported it";
+    EXPECT_FALSE(reports()) << "the completion has reported its own failures";
     endFaults();
     complete(id, {sent, copied, last});
     EXPECT_EQ(bucket->content("k"), content(300, 2) + old.substr(1'000, 200) + content(300, 3));

@@ -12,10 +12,15 @@ namespace storage::clients
 namespace
 {
 
-ObjectMetadata typeByName(const std::string& key)
+/// What a new file gets: its type by its name, and the storage class of the settings. A file that changes keeps both.
+ObjectMetadata metadataOfNew(const std::string& key, const std::string& storageClass)
 {
-    const std::string type = contentTypeOf(key);
-    return type.empty() ? ObjectMetadata() : ObjectMetadata{{"Content-Type", type}};
+    ObjectMetadata metadata;
+    const auto add = [&](const char* name, const std::string& value)
+    { value.empty() ? void() : void(metadata.emplace_back(name, value)); };
+    add("Content-Type", contentTypeOf(key));
+    add("x-amz-storage-class", storageClass);
+    return metadata;
 }
 
 RemoteSettings remoteSettings(const s3::S3Settings& settings)
@@ -25,7 +30,9 @@ RemoteSettings remoteSettings(const s3::S3Settings& settings)
         .memory = settings.memory,
         .partSize = settings.capabilities.equalParts ? std::max(settings.partSize, minPartSize) : settings.partSize,
         .interrupted = settings.interrupted,
-        .newMetadata = settings.newMetadata ? settings.newMetadata : typeByName};
+        .newMetadata = settings.newMetadata ? settings.newMetadata
+                                            : [storageClass = settings.objects.storageClass](const std::string& key)
+                           { return metadataOfNew(key, storageClass); }};
 }
 
 } // namespace

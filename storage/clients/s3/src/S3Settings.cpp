@@ -6,13 +6,16 @@
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/replace.hpp>
 #include <boost/algorithm/string/split.hpp>
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <string_view>
@@ -48,6 +51,40 @@ std::uint64_t readNumber(const std::string& name, const std::string& value, std:
         refuse(fmt::format("\"{}\" must be a number from {} to {}", name, min, max));
     }
     return number;
+}
+
+/// Read text that will be the value of a request's field.
+std::string readField(const std::string& name, const std::string& value)
+{
+    if (value.empty() || !std::all_of(value.begin(), value.end(), [](char c) { return c > ' ' && c <= '~'; }))
+    {
+        refuse("\"" + name + "\" must be printable ASCII characters without blanks");
+    }
+    return value;
+}
+
+std::string readChoice(const std::string& name, const std::string& value, const std::vector<std::string>& choices)
+{
+    if (std::find(choices.begin(), choices.end(), value) == choices.end())
+    {
+        refuse(fmt::format("\"{}\" must be {}", name, fmt::join(choices, " or ")));
+    }
+    return value;
+}
+
+/// @return the key in a file that has nothing else
+std::string readKey(const std::string& name, const std::string& path)
+{
+    constexpr std::size_t size = 32;
+    std::ifstream file(path, std::ios::binary);
+    std::string key(size + 1, '\0');
+    file.read(key.data(), size + 1);
+    key.resize(static_cast<std::size_t>(file.gcount()));
+    if (key.size() != size)
+    {
+        refuse(fmt::format("\"{}\" must name a file of exactly {} bytes that can be read", name, size));
+    }
+    return key;
 }
 
 std::string fromEnvironment(std::initializer_list<const char*> variables)
@@ -91,6 +128,22 @@ std::map<std::string, std::string> readParameters(std::string_view query)
     return parameters;
 }
 
+void requireConsistent(const ObjectSettings& objects, const std::string& endpoint)
+{
+    if (!objects.encryptionKey.empty() && !objects.encryption.starts_with("aws:kms"))
+    {
+        refuse("\"sse-key\" is only for sse=aws:kms and sse=aws:kms:dsse");
+    }
+    if (!objects.customerKey.empty() && !objects.encryption.empty())
+    {
+        refuse("\"sse\" and \"sse-c-key-file\" exclude each other");
+    }
+    if (!objects.customerKey.empty() && boost::algorithm::istarts_with(endpoint, "http:"))
+    {
+        refuse("\"sse-c-key-file\" needs an endpoint with https, because requests contain the key");
+    }
+}
+
 } // namespace
 
 S3Settings parseS3Url(const std::string& url)
@@ -132,6 +185,18 @@ S3Settings parseS3Url(const std::string& url)
         {"part-size", [&](const auto& name, const auto& value)
             { settings.partSize = readNumber(name, value, 64 << 10, 1 << 30); }},
         {"profile", [&](const auto&, const auto& value) { settings.profile = value; }},
+        {"request-payer", [&](const auto& name, const auto& value)
+            { settings.objects.requesterPays = !readChoice(name, value, {"requester"}).empty(); }},
+        {"storage-class",
+            [&](const auto& name, const auto& value) { settings.objects.storageClass = readField(name, value); }},
+        {"sse",
+            [&](const auto& name, const auto& value) {
+                settings.objects.encryption = readChoice(name, value, {"AES256", "aws:kms", "aws:kms:dsse"});
+            }},
+        {"sse-key",
+            [&](const auto& name, const auto& value) { settings.objects.encryptionKey = readField(name, value); }},
+        {"sse-c-key-file",
+            [&](const auto& name, const auto& value) { settings.objects.customerKey = readKey(name, value); }},
         {"anonymous", [&](const auto& name, const auto& value) { anonymous = readFlag(name, value); }},
         {"ca-file", [&](const auto&, const auto& value) { settings.authorities = value; }},
         {"conditional-copies", [&](const auto& name, const auto& value)
@@ -176,6 +241,7 @@ S3Settings parseS3Url(const std::string& url)
     {
         settings.credentials = anonymousCredentials();
     }
+    requireConsistent(settings.objects, settings.endpoint);
     const BucketAddress valid(settings);
     return settings;
 }

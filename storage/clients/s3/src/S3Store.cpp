@@ -45,6 +45,7 @@ S3Store::S3Store(const S3Settings& settings)
     , m_prefix(settings.prefix)
     , m_capabilities(settings.capabilities)
     , m_transfers(settings.transfers)
+    , m_hasHashesAsTags(settings.objects.customerKey.empty() && !settings.objects.encryption.starts_with("aws:kms"))
 {
 }
 
@@ -374,7 +375,7 @@ UploadsPage S3Store::listUploads(const std::string& token)
 
 std::string S3Store::tagOf(RequestBody& body) const
 {
-    return toHex(md5(body));
+    return m_hasHashesAsTags ? toHex(md5(body)) : "";
 }
 
 /// The hash of the parts' hashes. Empty if the tags of the parts are not MD5 hashes; such a store returns the object's

@@ -55,6 +55,7 @@ private:
     const std::string m_prefix; // of all keys; the requester adds it to those of requests
     const EndpointCapabilities m_capabilities;
     const std::size_t m_transfers; // requests that may be running at a time
+    const bool m_hasHashesAsTags;  // an object that is encrypted with somebody's key has none
     /// The endpoint has refused to copy the version that it shows: some compare `x-amz-copy-source-if-match` with
     /// another tag of objects that are made of parts.
     std::atomic<bool> m_comparesOtherTags = false;

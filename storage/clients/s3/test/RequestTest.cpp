@@ -9,6 +9,7 @@
 #include <atomic>
 #include <filesystem>
 #include <map>
+#include <tuple>
 
 // How requests are signed and sent, and what the store makes of responses.
 
@@ -60,40 +61,30 @@ TEST(RequestTest, CarriesSignatureOrHash)
 
 TEST(RequestTest, HasTheAddressOfItsBucketOrAccessPoint)
 {
-    const std::string arn = "arn:aws-cn:s3:cn-north-1:123456789012:accesspoint/test";
-    const struct
+    const std::string point = "arn:aws-cn:s3:cn-north-1:123456789012:accesspoint/test";
+    const std::string object = "arn%3Aaws-cn%3As3%3Acn-north-1%3A123456789012%3Aaccesspoint/test/object/";
+    const std::tuple<std::string, std::string, std::string> rows[] = {// URL, address of a key, source of a copy
+        {"bucket?region=us-gov-west-1", "bucket.s3.us-gov-west-1.amazonaws.com/k", "/bucket/k"},
+        {"a.b/5%25%20+/?region=cn-north-1", "s3.cn-north-1.amazonaws.com.cn/a.b/5%25%20%2B/k", "/a.b/5%25%20%2B/k"},
+        {point + "/p?region=r", "test-123456789012.s3-accesspoint.cn-north-1.amazonaws.com.cn/p/k", object + "p/k"},
+        {point + "?endpoint=https://host/x", "test-123456789012.host/x/k", object + "k"}};
+    for (const auto& [url, place, source] : rows)
     {
-        std::string url;
-        std::string address; // of the key
-        std::string source;  // of a copy
-    } rows[] = {
-        {"bucket?region=us-gov-west-1", "https://bucket.s3.us-gov-west-1.amazonaws.com/a%20b/c", "/bucket/a%20b/c"},
-        {"my.bucket?region=cn-north-1", "https://s3.cn-north-1.amazonaws.com.cn/my.bucket/a%20b/c",
-            "/my.bucket/a%20b/c"},
-        {"test-xyz-s3alias?region=r", "https://test-xyz-s3alias.s3.r.amazonaws.com/a%20b/c",
-            "/test-xyz-s3alias/a%20b/c"},
-        {"bucket/50%25%20+/?region=r", "https://bucket.s3.r.amazonaws.com/50%25%20%2B/a%20b/c",
-            "/bucket/50%25%20%2B/a%20b/c"},
-        {arn + "/p?region=r", "https://test-123456789012.s3-accesspoint.cn-north-1.amazonaws.com.cn/p/a%20b/c",
-            "arn%3Aaws-cn%3As3%3Acn-north-1%3A123456789012%3Aaccesspoint/test/object/p/a%20b/c"},
-        {arn + "?endpoint=http://host:1/x", "http://test-123456789012.host:1/x/a%20b/c",
-            "arn%3Aaws-cn%3As3%3Acn-north-1%3A123456789012%3Aaccesspoint/test/object/a%20b/c"},
-    };
-    for (const auto& row : rows)
-    {
-        const BucketAddress address(parseS3Url("s3://" + row.url));
-        EXPECT_EQ(address.origin() + address.path("a b/c"), row.address);
-        EXPECT_EQ(address.copySource("a b/c"), row.source);
+        const BucketAddress address(parseS3Url("s3://" + url));
+        EXPECT_EQ(address.origin() + address.path("k"), "https://" + place);
+        EXPECT_EQ(address.copySource("k"), source);
     }
 }
 
-TEST(RequestTest, IsRepeatedOnceForAnotherRegionOrNewCredentials)
+TEST(RequestTest, IsRepeatedOnceForAnotherRegionNewCredentialsOrMd5)
 {
     const std::vector<std::pair<std::string, std::string>> elsewhere = {
         {"x-amz-bucket-region", "elsewhere"}, {"Location", "/another"}};
-    for (const Reply& first : {Reply{301, elsewhere}, Reply{307, elsewhere},
-             Reply{400, {}, "<Error><Region>elsewhere</Region></Error>"}, Reply::error(400, "ExpiredToken"),
-             Reply::error(400, "TokenRefreshRequired"), Reply::error(400, "InvalidToken")})
+    for (const Reply& first :
+        {Reply{301, elsewhere}, Reply{307, elsewhere}, Reply{400, {}, "<Error><Region>elsewhere</Region></Error>"},
+            Reply::error(400, "ExpiredToken"), Reply::error(400, "TokenRefreshRequired"),
+            Reply::error(400, "InvalidToken"),
+            Reply{400, {}, "<Error><Message>Content-MD5 OR x-amz-checksum- HTTP header is required</Message></Error>"}})
     {
         for (const bool isHelpful : {true, false})
         {
@@ -107,7 +98,10 @@ TEST(RequestTest, IsRepeatedOnceForAnotherRegionOrNewCredentials)
             const std::string signature(server.requests().back()["Authorization"]);
             EXPECT_EQ(server.requests().size(), 2U);
             const bool isMoved = signature.find("/elsewhere/s3/") != signature.npos;
-            EXPECT_EQ(credentials->refreshed, isMoved ? 0 : 1);
+            const bool hasMd5 = server.requests().back()["Content-MD5"] == toBase64(md5("content"));
+            EXPECT_EQ(credentials->refreshed + isMoved + hasMd5, 1);
+            EXPECT_EQ(failureOf([&] { put(store); }).empty(), isHelpful);
+            EXPECT_EQ(server.requests().size(), isHelpful || isMoved || hasMd5 ? 3U : 4U) << "it is remembered";
         }
     }
 }
@@ -165,6 +159,7 @@ const ErrorRow errors[] = {
         Reply::error(404, "NoSuchBucket"), nobody, "/bucket/"},
     {"uploadInAMissingBucket", isOpen, isA<InvalidLocationException>, "404", Reply::error(404, "NoSuchBucket")},
     {"denied", put, isA<PermissionDeniedException>, "; key id AKIDNOBODY", Reply::error(403, "AccessDenied")},
+    {"archived", readRange, isA<UnknownErrorException>, "restore it", Reply::error(403, "InvalidObjectState")},
     {"wrongSecret", list, isA<InvalidCredentialsException>, "the secret", Reply::error(403, "SignatureDoesNotMatch")},
     {"clockSkew", put, isA<InvalidCredentialsException>, "s ahead of", Reply::error(403, "RequestTimeTooSkewed")},
     {"anonymous", put, isA<InvalidCredentialsException>, "no credentials were given",
@@ -275,25 +270,19 @@ TEST(RequestTest, ReadsKeysOfBlanksAndTheTokenOfTheNextPage)
 
 TEST(RequestTest, StaysBelowThePrefixAndDoesNotShowIt)
 {
-    const std::string entries =
-        "<Contents><Key>p%/</Key><Size>0</Size></Contents><Contents><Key>p%/a</Key><Size>1</Size>"
-        "</Contents><CommonPrefixes><Prefix>p%/a/</Prefix></CommonPrefixes>";
-    const auto upload = [](const std::string& key) {
-        return "<Upload><Key>" + key +
-               "</Key><UploadId>u</UploadId><Initiated>2026-11-21T10:50:54Z</Initiated></Upload>";
-    };
+    const std::string upload = "<UploadId>u</UploadId><Initiated>2026-11-21T10:50:54Z</Initiated></Upload>";
     std::map<std::string, Reply> replies = {
-        {"/bucket/?encoding-type=url&list-type=2&prefix=p%25%2Fa", page("ListBucketResult", entries)},
-        {"/bucket/?prefix=p%25%2F&uploads=", page("ListMultipartUploadsResult", upload("other") + upload("p%/a"))},
-        {"/bucket/p%25/a", Reply::error(403, "AccessDenied")}};
+        {"/bucket/?encoding-type=url&list-type=2&prefix=p%25%2Fa",
+            page("ListBucketResult", "<Contents><Key>p%/</Key><Size>0</Size></Contents><CommonPrefixes><Prefix>p%/a/"
+                                     "</Prefix></CommonPrefixes>")},
+        {"/bucket/?prefix=p%25%2F&uploads=",
+            page("ListMultipartUploadsResult", "<Upload><Key>q</Key>" + upload + "<Upload><Key>p%/a</Key>" + upload)}};
     LoopbackServer server([&](const Request& request) { return replies[std::string(request.target())]; });
     S3Settings settings = settingsFor(server, nobody);
     settings.prefix = "p%/";
     S3Store store(settings);
-    const auto listed = store.listObjects("a", "", {}).entries;
-    EXPECT_TRUE(listed.size() == 2 && listed[0].key == "a" && listed[1].key == "a/");
-    const auto uploads = store.listUploads("").uploads;
-    EXPECT_TRUE(uploads.size() == 1 && uploads[0].key == "a");
+    EXPECT_EQ(store.listObjects("a", "", {}).entries.at(0).key, "a/") << "p%/ itself is not listed";
+    EXPECT_EQ(store.listUploads("").uploads.at(0).key, "a") << "q is not listed";
     EXPECT_THAT(failureOf([&] { putObject(store, "a", "content"); }), HasSubstr("putObject of \"a\" failed"));
     EXPECT_EQ(store.abilities("a").maxTakeSize, 0U);
 }

@@ -2,6 +2,8 @@
 
 #include <storage/clients/http/Hashing.hpp>
 #include <storage/clients/remote/RemoteFailures.hpp>
+#include <storage/clients/s3/S3Client.hpp>
+#include <storage/clients/testing/ClientCalls.hpp>
 
 #include <gmock/gmock.h>
 
@@ -279,6 +281,45 @@ TEST(StoreTest, SendsTheMetadataThatItHasRead)
     write(7, "a%20b=1&c=");
     tags = Reply::error(404, "NoSuchKey");
     write(7, "");
+}
+
+TEST(StoreTest, SendsTheSettingsOfObjectsWhereTheyBelong)
+{
+    const char* const fields[] = {"server-side-encryption", "server-side-encryption-aws-kms-key-id",
+        "server-side-encryption-customer-key", "copy-source-server-side-encryption-customer-key"};
+    const std::pair<void (*)(S3Store & store), const char*> rows[] = {
+        {[](S3Store& store) { putObject(store, "key", "content"); }, "aws:kms a/b a2V5  "},
+        {[](S3Store& store) { store.createUpload("key", {}); }, "aws:kms a/b a2V5  "},
+        {[](S3Store& store) { store.findObject("key"); }, "  a2V5  "},
+        {[](S3Store& store) {
+             store.takePart("key", "id", 1, {"tag", 2}, {0, 2});
+         },
+            "  a2V5 a2V5 "},
+        {[](S3Store& store) { store.abortUpload("key", "id"); }, "    "},
+        {[](S3Store& store) { store.listObjects("", "", {}); }, "    "}};
+    LoopbackServer server([](const Request&) { return Reply{.fields = {{"ETag", "tag"}}}; });
+    S3Settings settings = parseS3Url("s3://bucket?request-payer=requester&storage-class=COLD&sse=aws:kms&sse-key=a/b"
+                                     "&endpoint=" +
+                                     server.url());
+    settings.objects.customerKey = "key";
+    settings.credentials = fixedCredentials({"id", "secret", ""});
+    S3Store store(settings);
+    for (const auto& [call, expected] : rows)
+    {
+        failureOf([&, call = call] { call(store); }); // the responses are empty
+        const Request request = server.requests().back();
+        std::string sent;
+        for (const std::string field : fields)
+        {
+            sent += std::string(request["x-amz-" + field]) + ' ';
+        }
+        EXPECT_EQ(sent, expected);
+        EXPECT_THAT(std::string(request["Authorization"]), HasSubstr(";x-amz-request-payer"));
+    }
+    S3Client client(settings);
+    conformance::put(client, "key.txt", "content");
+    EXPECT_EQ(server.requests().back()["x-amz-storage-class"], "COLD");
+    EXPECT_EQ(server.requests().back()["Content-Type"], "text/plain");
 }
 
 TEST(UploadTest, CopiesFromOneVersionUnlessTheStoreRefusesTheVersionThatItShows)

@@ -4,6 +4,8 @@
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/http/Hashing.hpp>
 
+#include <boost/algorithm/string/predicate.hpp>
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -22,6 +24,12 @@ bool isExpiryCode(const std::string& code)
     return code == "ExpiredToken" || code == "TokenRefreshRequired" || code == "InvalidToken";
 }
 
+/// Whether the store has refused a request only because it lacks the MD5 of its body. There is no code for that.
+bool demandsMd5(const HttpResponse& response)
+{
+    return response.status == 400 && boost::algorithm::icontains(readError(response.body).message, "Content-MD5");
+}
+
 /// Whether a response with a successful status reports a failure. A store that has already sent the status can only
 /// report one in the document.
 bool hasErrorDocument(const S3Request& request, const HttpResponse& response)
@@ -38,6 +46,7 @@ Requester::Requester(const S3Settings& settings)
                         : defaultCredentials(settings.profile, settings.authorities, settings.interrupted))
     , m_http({settings.timeouts, settings.authorities, settings.interrupted})
     , m_timeouts(settings.timeouts)
+    , m_objects(settings.objects)
     , m_address(settings)
 {
 }
@@ -85,7 +94,8 @@ HttpResponse Requester::send(
         for (;;)
         {
             const BucketAddress requested = address();
-            HttpResponse response = sendOnce(request, requested, receiver);
+            const bool hasMd5 = request.body != nullptr && m_needsMd5;
+            HttpResponse response = sendOnce(request, requested, hasMd5, receiver);
             if (isGood(response))
             {
                 m_sawBucket = m_sawBucket || response.status / 100 == 2;
@@ -100,6 +110,10 @@ HttpResponse Requester::send(
                 m_credentials->refresh();
                 hasRefreshed = true;
             }
+            else if (request.body != nullptr && !hasMd5 && demandsMd5(response))
+            {
+                m_needsMd5 = true;
+            }
             else
             {
                 throwErrorResponse(contextOf(request), response);
@@ -112,14 +126,40 @@ HttpResponse Requester::send(
     }
 }
 
+/// Add the fields for ObjectSettings. Stores refuse some of them in requests where they have no meaning.
+void Requester::addSettings(const S3Request& request, HttpHeaders& headers) const
+{
+    const auto add = [&](const std::string& name, const std::string& value)
+    { value.empty() ? void() : headers.add(name, value); };
+    const auto addCustomerKey = [&](const std::string& prefix)
+    {
+        headers.add(prefix + "algorithm", "AES256");
+        headers.add(prefix + "key", toBase64(m_objects.customerKey));
+        headers.add(prefix + "key-MD5", toBase64(md5(m_objects.customerKey)));
+    };
+    add("x-amz-request-payer", m_objects.requesterPays ? "requester" : "");
+    if (request.operation == Operation::PutObject || request.operation == Operation::CreateMultipartUpload)
+    {
+        add("x-amz-server-side-encryption", m_objects.encryption);
+        add("x-amz-server-side-encryption-aws-kms-key-id", m_objects.encryptionKey);
+    }
+    if (!m_objects.customerKey.empty() && !request.key.empty() && request.method != "DELETE")
+    {
+        addCustomerKey("x-amz-server-side-encryption-customer-");
+        request.operation == Operation::CopyPart ? addCustomerKey("x-amz-copy-source-server-side-encryption-customer-")
+                                                 : void();
+    }
+}
+
 HttpResponse Requester::sendOnce(
-    const S3Request& request, const BucketAddress& address, const HttpClient::Receiver& receiver)
+    const S3Request& request, const BucketAddress& address, bool withMd5, const HttpClient::Receiver& receiver)
 {
     const SigningContext context{address.host(), address.path(request.key), encodeQuery(request.query),
         request.body == nullptr ? hashOfNothing : sha256Hex(*request.body), address.region(), std::time(nullptr)};
     HttpRequest http{request.method,
         address.origin() + context.path + (context.query.empty() ? "" : "?" + context.query), request.headers,
         request.body};
+    addSettings(request, http.headers);
     http.uninterruptible = request.uninterruptible;
     if (request.serverSideWork)
     {
@@ -135,9 +175,9 @@ HttpResponse Requester::sendOnce(
         http.deadline = m_timeouts.cleanUp;
     }
     const Credentials credentials = m_credentials->credentials();
-    if (credentials.isAnonymous() && request.body != nullptr)
+    if (withMd5 || (credentials.isAnonymous() && request.body != nullptr)) // the signature checks only the SHA-256
     {
-        http.headers.add("Content-MD5", toBase64(md5(*request.body))); // the SHA-256 is only checked with a signature
+        http.headers.add("Content-MD5", toBase64(md5(*request.body)));
     }
     sign(http, context, credentials);
     {

@@ -36,8 +36,9 @@ struct S3Request
 /// Signs and sends requests to one bucket, and translates failures into exceptions.
 ///
 /// If the bucket turns out to be in another region, the request is sent again there, once. If the store calls the
-/// credentials expired, it is sent again with new ones, once. Other transient failures are left to callers that retry
-/// operations. Safe for concurrent calls.
+/// credentials expired, it is sent again with new ones, once. If it demands the MD5 of a body, as for buckets with
+/// Object Lock, all bodies from then on have one. Other transient failures are left to callers that retry operations.
+/// Safe for concurrent calls.
 class Requester
 {
 public:
@@ -87,17 +88,21 @@ public:
 
 private:
     BucketAddress address();
-    HttpResponse sendOnce(const S3Request& request, const BucketAddress& address, const HttpClient::Receiver& receiver);
+    void addSettings(const S3Request& request, HttpHeaders& headers) const;
+    HttpResponse sendOnce(
+        const S3Request& request, const BucketAddress& address, bool withMd5, const HttpClient::Receiver& receiver);
     bool followRegion(const HttpResponse& response, const BucketAddress& requested);
 
     const std::shared_ptr<CredentialsSource> m_credentials;
     HttpClient m_http;
     const HttpTimeouts m_timeouts;
+    const ObjectSettings m_objects;
     std::atomic<bool> m_wasReached = false;
     std::atomic<bool> m_sawBucket = false;
-    std::mutex m_mutex;      // innermost; never held during a request
-    BucketAddress m_address; // guarded by m_mutex
-    std::string m_lastKeyId; // guarded by m_mutex; for messages
+    std::atomic<bool> m_needsMd5 = false; // the store has refused a body without its MD5
+    std::mutex m_mutex;                   // innermost; never held during a request
+    BucketAddress m_address;              // guarded by m_mutex
+    std::string m_lastKeyId;              // guarded by m_mutex; for messages
 };
 
 } // namespace storage::clients::s3

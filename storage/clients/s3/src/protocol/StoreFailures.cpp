@@ -67,6 +67,7 @@ constexpr std::array rows{
     Row{"RequestTimeTooSkewed", Meaning::ClockSkew, ""},
     Row{"RequestExpired", Meaning::ClockSkew, ""},
     Row{"AccessDenied", Meaning::Denied, "ask the bucket's owner for permission"},
+    Row{"InvalidObjectState", Meaning::Other, "the object is archived; restore it first"},
     Row{"AllAccessDisabled", Meaning::Denied, ""},
     Row{"AccountProblem", Meaning::Denied, ""},
     Row{"QuotaExceeded", Meaning::Denied, "the quota is used up"},

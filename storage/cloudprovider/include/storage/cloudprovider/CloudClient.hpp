@@ -131,7 +131,8 @@ public:
 
     /// Upload one part. Uploading a part with the same Index again replaces it.
     ///
-    /// @param part  Index determines its position in the object; Size is the number of bytes in `content`
+    /// @param part  Index determines its position in the object; Size is the number of bytes in `content`. Offset is
+    ///              right, or 0 if the caller does not know it: RemoteClient can then not send the part early.
     /// @return the tag to pass to completeMultipartUpload() for this part
     /// @throws ResourceNotFoundException when there is no such upload
     virtual std::string uploadPart(

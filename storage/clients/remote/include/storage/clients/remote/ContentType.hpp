@@ -12,9 +12,8 @@ namespace storage::clients
 class ContentTypes
 {
 public:
-    /// @param globs  lines WEIGHT:TYPE:GLOB, as in globs2 of the shared MIME database. Of the globs only plain names
-    /// and
-    ///               `*.SUFFIX` are used. The first line for a glob counts.
+    /// @param globs  lines WEIGHT:TYPE:GLOB, as in globs2 of the shared MIME database. Of the globs, only plain names
+    ///               and `*.SUFFIX` are used. The first line for a glob counts.
     explicit ContentTypes(std::istream& globs);
 
     /// The type of the longest suffix that is known, as it is written or else in lower case. Empty: no suffix is known.

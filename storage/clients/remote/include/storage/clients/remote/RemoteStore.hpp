@@ -100,8 +100,7 @@ public:
     /// @param version  nullopt: whatever version is there. PreconditionFailed is thrown before any byte is received if
     ///                 the object has another tag.
     /// @return the version of the object, with its metadata unless `version` is given. Every byte of the range that the
-    /// object has was received, and matched the
-    ///         checksums that the store sent.
+    ///         object has was received, and matched the checksums that the store sent.
     /// @throws ResourceNotFoundException
     /// @throws TransientException possibly after bytes were received: these are right, and a retry may fetch only the
     ///         others. CorruptContent: the bytes are wrong; a retry must fetch all of them.

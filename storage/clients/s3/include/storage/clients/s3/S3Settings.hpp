@@ -37,6 +37,22 @@ struct EndpointCapabilities
     bool operator==(const EndpointCapabilities&) const = default;
 };
 
+/// Who pays for requests, and how objects are stored. Empty values leave it to the bucket.
+struct ObjectSettings
+{
+    bool requesterPays = false;    ///< agree to pay for requests to a bucket whose owner does not
+    std::string storageClass = {}; ///< of new files, unless S3Settings::newMetadata is set
+
+    /// What the store encrypts written objects with: `AES256` (a key of its own), `aws:kms` or `aws:kms:dsse` (a key of
+    /// the key service).
+    std::string encryption = {};
+    std::string encryptionKey = {}; ///< id of the key service's key; empty: the account's default key
+
+    /// 32 bytes that the store encrypts written objects with, and that it needs to read them: it does not keep them.
+    /// All objects that are used must have this key. Only sent, and secret; so use https. Excludes `encryption`.
+    std::string customerKey = {};
+};
+
 /// Where a bucket is, and how to talk to it.
 struct S3Settings
 {
@@ -46,6 +62,7 @@ struct S3Settings
     std::string region;            ///< what requests are signed for
     std::optional<bool> pathStyle; ///< the bucket is in the path, not in the host name; empty: if the names require it
     EndpointCapabilities capabilities = {};
+    ObjectSettings objects = {};
     HttpTimeouts timeouts = {};
 
     std::size_t transfers = 8;              ///< see RemoteSettings, also for the next two
@@ -72,10 +89,12 @@ struct S3Settings
 /// Without a prefix, the bucket is the root of the store. With one, only the objects below it are in the store, and
 /// neither keys nor messages contain it. The bucket may be the ARN of an access point. All parameters are optional;
 /// values may be percent-encoded. The others are: `transfers=N`, `memory=BYTES`, `part-size=BYTES`, `profile=NAME` (a
-/// section of the shared files), `anonymous=1`, `ca-file=PATH`, and the endpoint's capabilities `conditional-copies=1`,
-/// `conditional-completion=1`, `conditional-writes=1`, `copies-any-key=1` and `equal-parts=1`. The endpoint defaults to
-/// the variables AWS_ENDPOINT_URL_S3 and AWS_ENDPOINT_URL, the region to defaultRegion(), else us-east-1, and the file
-/// of authorities to defaultAuthorities().
+/// section of the shared files), `anonymous=1`, `ca-file=PATH`, `request-payer=requester`,
+/// `storage-class=NAME`, `sse=AES256`, `sse=aws:kms` or `sse=aws:kms:dsse`, `sse-key=ID`, `sse-c-key-file=PATH` (which
+/// is read now), and the endpoint's capabilities `conditional-copies=1`, `conditional-completion=1`,
+/// `conditional-writes=1`, `copies-any-key=1` and `equal-parts=1`. The endpoint defaults to the variables
+/// AWS_ENDPOINT_URL_S3 and AWS_ENDPOINT_URL, the region to defaultRegion(), else us-east-1, and the file of authorities
+/// to defaultAuthorities().
 /// @throws cloudprovider::InvalidLocationException whose detail says what is wrong; it never repeats what may be a
 ///         secret; cloudprovider::InvalidCredentialsException when a shared file exists and cannot be read
 S3Settings parseS3Url(const std::string& url);
