@@ -7,7 +7,7 @@
 namespace storage::clients
 {
 
-/// Pass every byte through to another buffer, in either direction, and count the bytes. Not seekable.
+/// Pass every byte that is written through to another buffer, and count the bytes. Not seekable.
 class PassThroughBuffer : public std::streambuf
 {
 public:
@@ -17,26 +17,11 @@ public:
     {
     }
 
-    /// The number of bytes read from the target or written to it. Counted before the transfer, so it includes bytes
-    /// whose transfer failed.
+    /// The number of bytes written. Counted before the transfer, so it includes bytes whose transfer failed.
     std::uint64_t bytes() const noexcept { return m_bytes; }
 
 protected:
     std::streambuf& target() const noexcept { return *m_target; }
-
-    int_type underflow() override { return target().sgetc(); } // leaves the byte where it is
-
-    int_type uflow() override
-    {
-        ++m_bytes;
-        return target().sbumpc();
-    }
-
-    std::streamsize xsgetn(char* bytes, std::streamsize count) override
-    {
-        m_bytes += static_cast<std::uint64_t>(count);
-        return target().sgetn(bytes, count);
-    }
 
     int_type overflow(int_type byte) override
     {
