@@ -12,7 +12,6 @@
 #include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 // The storage provider interfaces: IRIs and other values, stream failures and devices, the registry, and the operations
 // that a provider need not override. Default operations that call other operations are tested over the cloud provider.
@@ -105,55 +104,34 @@ TEST(StorageIRITest, ChildEscapesWhatCouldBeMisread)
 
 TEST(StorageIRITest, OrdersInStepWithEquality)
 {
-    // In ascending order; the texts of one row name one location. "%25zz" has the decoded path of the malformed "%zz".
-    const std::vector<std::vector<std::u16string>> rows{{u"x://h"}, {u"x://h/", u"X://H/"}, {u"x://h/%25zz"},
-        {u"x://h//", u"x://H/%2f"}, {u"x://h/A"}, {u"x://h/a"}, {u"x://h/a%20b", u"x://h/a b", u"X://h/%61%20b"},
-        {u"x://h/a/"}, {u"x://i/a"}, {u"x://\u00e4/a"}, {u"y://h/a"}, {u"X://h/%zz"}, {u"x://h/%zz"}};
-    std::vector<std::pair<std::size_t, StorageIRI>> all{{0, StorageIRI()}};
-    for (std::size_t row = 0; row < rows.size(); ++row)
+    // "%25zz" has the decoded path of the malformed "%zz".
+    const std::u16string ascending[] = {u"x://h", u"x://h/", u"x://h/%25zz", u"x://h//", u"x://h/A", u"x://h/a",
+        u"x://h/a%20b", u"x://h/a/", u"x://i/a", u"x://\u00e4/a", u"y://h/a", u"X://h/%zz", u"x://h/%zz"};
+    for (std::size_t i = 0; i < std::size(ascending); ++i)
     {
-        for (const auto& text : rows[row])
+        for (std::size_t j = 0; j < std::size(ascending); ++j)
         {
-            all.emplace_back(row + 1, text);
+            EXPECT_EQ(StorageIRI(ascending[i]) <=> StorageIRI(ascending[j]), i <=> j) << i << ' ' << j;
         }
     }
-    for (const auto& [leftRow, left] : all)
-    {
-        for (const auto& [rightRow, right] : all)
-        {
-            EXPECT_EQ(left <=> right, leftRow <=> rightRow) << left << ' ' << right;
-            EXPECT_EQ(left == right, leftRow == rightRow) << left << ' ' << right;
-        }
-    }
+    EXPECT_EQ(StorageIRI(u"x://h/"), StorageIRI(u"X://H/"));
+    EXPECT_EQ(StorageIRI(u"x://h//"), StorageIRI(u"x://H/%2f"));
+    EXPECT_EQ(StorageIRI(u"x://h/a b"), StorageIRI(u"X://h/%61%20b"));
 }
 
 TEST(ValueTest, ValuesAndExceptionsPrintOnOneLine)
 {
-    std::string codes;
-    for (const int code : {0, 1, 2, 3, 4, 5, 6, 9, 11})
-    {
-        codes += PrintToString(ErrorCode(code)) + " ";
-    }
-    EXPECT_EQ(codes, "FolderNotEmpty InvalidLocation PermissionDenied AlreadyExists NotFound ErrorCode 5 InUse Unknown "
-                     "Unsupported ");
-    EXPECT_EQ(PrintToString(ErrorCode(9, "text")), "Unknown: text");
     const fsp::Exception exception(ErrorCode(ErrorCode::NotFound, "no\nbucket\x7f"), StorageIRI(u"x://h/a b"));
     EXPECT_STREQ(exception.what(), "NotFound: x://h/a%20b: no bucket ");
-    EXPECT_EQ(PrintToString(fsp::ByteStreamOpenOptions{}),
-        "{readAccess=None, create=IfMissing, truncate=Discard, writePosition=Append}");
-    const fsp::ByteStreamOpenOptions options{fsp::ByteStreamReadAccess(1), fsp::ByteStreamCreate(1),
-        fsp::ByteStreamTruncate(1), fsp::ByteStreamWritePosition(2)};
-    EXPECT_EQ(PrintToString(options), "{readAccess=Allowed, create=MustExist, truncate=Keep, writePosition=2}");
-}
-
-TEST(StreamTest, FailuresAreStandardOnesThatSayWhyInOneLine)
-{
     const fsp::ByteStreamReadFailure failure(ErrorCode(ErrorCode::InUse, "a\ncause"));
     const std::ios_base::failure& standard = failure;
     EXPECT_EQ(standard.code(), std::io_errc::stream);
     EXPECT_STREQ(standard.what(), "ByteStreamReadFailure: InUse: a cause");
     EXPECT_EQ(failure.reason().detail(), "a\ncause");
     EXPECT_STREQ(fsp::ByteStreamReadFailure(ErrorCode::NotFound).what(), "ByteStreamReadFailure: NotFound");
+    const fsp::ByteStreamOpenOptions options{fsp::ByteStreamReadAccess(1), fsp::ByteStreamCreate(1),
+        fsp::ByteStreamTruncate(1), fsp::ByteStreamWritePosition(2)};
+    EXPECT_EQ(PrintToString(options), "{readAccess=Allowed, create=MustExist, truncate=Keep, writePosition=2}");
 }
 
 /// Bytes in memory; stored in the file when the stream is closed. Accepts one byte per write, and at most 10'000 bytes.
@@ -188,13 +166,10 @@ TEST(StreamTest, DevicesShareTheirStreamAndWriteEveryByte)
     std::string target = "abcdef";
     fsp::GenericByteStreamDevice first = device(target);
     fsp::GenericByteStreamDevice second = first;
-    char two[2] = {};
     EXPECT_EQ(first.seek(-4, std::ios_base::end), 2);
-    EXPECT_EQ(second.read(two, 2), 2);
-    EXPECT_EQ(std::string(two, 2), "cd");
-    EXPECT_EQ(first.write("XY", 2), 2);
+    EXPECT_EQ(second.write("XY", 2), 2);
     EXPECT_EQ(target, "abcdef") << "not closed yet";
-    second.close();
+    first.close();
     EXPECT_EQ(target, "abXYef");
 
     std::string source;
@@ -210,7 +185,7 @@ class BareProvider : public IProvider
 {
 };
 
-TEST(ProviderTest, RefusesOperationsWithoutADefault)
+TEST(ProviderTest, RefusesOperationsWithoutADefaultAndUnknownPolicies)
 {
     const BareProvider provider;
     const StorageIRI file(u"x://h/file");
@@ -226,23 +201,11 @@ TEST(ProviderTest, RefusesOperationsWithoutADefault)
     {
         EXPECT_THAT([&] { (provider.*transfer)(file, StorageIRI(), {}); }, isRefused);
     }
-    EXPECT_THAT([&] { provider.setLastModified(file, {}); }, isRefused);
-    EXPECT_THAT([&] { provider.setWritable(file, true); }, isRefused);
     EXPECT_THAT([&] { provider.fileExists(file); }, isRefused);
-}
-
-TEST(ProviderTest, DistinguishesCaseAndKnowsTwoReplacementPolicies)
-{
-    const BareProvider provider;
-    const StorageIRI upper(u"x://h/A");
-    const StorageIRI lower(u"x://h/a");
-    EXPECT_EQ(provider.getFilenameSensitivity(), fsp::FilenameSensitivity::CaseSensitive);
-    EXPECT_TRUE(provider.getPathComparator()(upper, lower));
-    EXPECT_FALSE(provider.getPathComparator()(lower, lower));
-    EXPECT_EQ(provider.getCanonicalLocation(upper), upper);
     EXPECT_TRUE(provider.supportsReplacementPolicy(fsp::ReplacementPolicy::Fail));
     EXPECT_TRUE(provider.supportsReplacementPolicy(fsp::ReplacementPolicy::Replace));
     EXPECT_FALSE(provider.supportsReplacementPolicy(fsp::ReplacementPolicy{2}));
+    EXPECT_FALSE(provider.getPathComparator()(file, file));
 }
 
 TEST(ProviderRegistryTest, FindsProvidersBySchemeAndAuthority)
