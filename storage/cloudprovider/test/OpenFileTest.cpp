@@ -107,6 +107,7 @@ TEST_F(OpenFileTest, SeeksUploadThePartThatTheyLeave)
     EXPECT_THAT(store->openUploads(), IsEmpty());
     stream->seek(4, std::ios_base::beg);
     EXPECT_EQ(store->openUploads().at(0).tag, store->getObjectParts("k").at(0).Tag);
+    EXPECT_THAT(store->openUploads().at(0).parts, testing::ElementsAre(0U));
     stream->seek(0, std::ios_base::end);
     EXPECT_EQ(stream->read(nullptr, 1), -1);
     EXPECT_EQ(write(*stream, "x"), -1) << "after a read has found the end, only a seek allows writes";
