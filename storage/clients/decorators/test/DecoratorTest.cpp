@@ -2,7 +2,6 @@
 #include <storage/clients/decorators/CountingClient.hpp>
 #include <storage/clients/decorators/FailureRecordingClient.hpp>
 #include <storage/clients/decorators/FaultyClient.hpp>
-#include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
 #include <storage/clients/testing/ClientCalls.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
@@ -161,15 +160,6 @@ TEST_F(DecoratorTest, InjectsFaultsAndEmptyPages)
     EXPECT_THAT(faults->listObjects("", token, {}), IsEmpty());
     EXPECT_THAT(faults->listObjects("", token, {}), SizeIs(2));
     EXPECT_EQ(token, "");
-}
-
-TEST_F(DecoratorTest, FindsInterfacesInsideDecorators)
-{
-    CancellableClient client(std::make_shared<FailureRecordingClient>(counted));
-    EXPECT_EQ(findInterface<UploadInventory>(client), store.get());
-    EXPECT_EQ(findInterface<const StoreCounters>(client), counted.get());
-    EXPECT_NE(findInterface<FailureRecordingClient>(client), nullptr);
-    EXPECT_EQ(findInterface<std::istream>(client), nullptr);
 }
 
 } // namespace
