@@ -1,4 +1,3 @@
-#include <storage/clients/common/Content.hpp>
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/common/PartRules.hpp>
 #include <storage/clients/common/TransientException.hpp>
@@ -57,14 +56,6 @@ TEST(PartRulesTest, CopiesOnlyRangesWithinAPartWithTheTag)
     }
     EXPECT_NO_THROW(checkCopySource("k", PartInfo{}, {}));
     EXPECT_THROW(checkCopySource("k", {0, 0, 1, ""}, {}), UnknownErrorException);
-}
-
-TEST(ContentTest, ResolvesRangesNearTheMaximumOffset)
-{
-    constexpr std::uint64_t huge = ~std::uint64_t{0};
-    EXPECT_THROW(resolveRange("k", 0, huge, 10), UnknownErrorException);
-    EXPECT_THROW(resolveRange("k", huge, huge, 10), UnknownErrorException);
-    EXPECT_EQ(resolveRange("k", huge, huge - 1, 10).size, 0U);
 }
 
 TEST(VersionPinsTest, RefusesAnEvictedKeyUntilItIsOpenedAgainOrWritten)
