@@ -21,8 +21,8 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t maxOutput = 64 << 10;
-constexpr int tick = 20; // milliseconds between two looks at the program and the interrupt
+constexpr std::size_t maxOutput = 64 << 10; // also the capacity of a pipe
+constexpr int tick = 20;                    // milliseconds between two looks at the program and the interrupt
 
 void require(int error, const char* what)
 {
@@ -36,11 +36,7 @@ void require(int error, const char* what)
 class Pipe
 {
 public:
-    Pipe()
-    {
-        require(::pipe2(m_ends.data(), O_CLOEXEC) == 0 ? 0 : errno, "opening a pipe");
-        require(::fcntl(m_ends[0], F_SETFL, O_NONBLOCK) == 0 ? 0 : errno, "opening a pipe");
-    }
+    Pipe() { require(::pipe2(m_ends.data(), O_CLOEXEC) == 0 ? 0 : errno, "opening a pipe"); }
     Pipe(const Pipe&) = delete;
     Pipe& operator=(const Pipe&) = delete;
     ~Pipe()
@@ -49,33 +45,27 @@ public:
         close(m_ends[1]);
     }
 
-    int readEnd() const { return m_ends[0]; } // -1: at the end
+    pollfd input() const { return {m_ends[0], POLLIN, 0}; } // at the end, one that is ignored
     int writeEnd() const { return m_ends[1]; }
     void closeWriteEnd() { close(m_ends[1]); }
 
-    /// Take what has been written, without waiting.
+    /// Take what has been written, without waiting. One read empties a pipe.
     void drain()
     {
-        std::array<char, 4096> piece{};
-        while (m_ends[0] >= 0)
+        std::array<char, maxOutput> piece{};
+        pollfd end = input();
+        if (::poll(&end, 1, 0) <= 0)
         {
-            const ssize_t count = ::read(m_ends[0], piece.data(), piece.size());
-            if (count < 0 && errno == EINTR)
-            {
-                continue;
-            }
-            if (count < 0 && errno == EAGAIN)
-            {
-                return;
-            }
-            if (count <= 0)
-            {
-                close(m_ends[0]);
-                return;
-            }
-            // The rest is read, too, so that the program can end.
-            m_text.append(piece.data(), std::min(static_cast<std::size_t>(count), maxOutput - m_text.size()));
+            return;
         }
+        const ssize_t count = ::read(m_ends[0], piece.data(), piece.size());
+        if (count <= 0)
+        {
+            close(m_ends[0]);
+            return;
+        }
+        // What does not fit is dropped, so that the program can end.
+        m_text.append(piece.data(), std::min(static_cast<std::size_t>(count), maxOutput - m_text.size()));
     }
 
     std::string takeText() { return std::move(m_text); }
@@ -152,17 +142,18 @@ public:
         }
     }
 
-    /// Whether the program has ended; sets how.
-    bool hasEnded(ProgramResult& result)
+    /// Whether the program has ended; sets the failure.
+    bool hasEnded(std::string& failure)
     {
         const siginfo_t info = wait(WNOHANG);
         if (!m_isReaped)
         {
             return false;
         }
-        result.end =
-            info.si_pid == 0 || info.si_code == CLD_EXITED ? ProgramResult::End::Exited : ProgramResult::End::Signal;
-        result.code = info.si_status;
+        const std::string code = std::to_string(info.si_status);
+        failure = info.si_status == 0          ? ""
+                  : info.si_code == CLD_EXITED ? "exited with status " + code
+                                               : "was ended by signal " + code;
         return true;
     }
 
@@ -196,15 +187,16 @@ ProgramResult runProgram(
         Child child(words, output, errors);
         output.closeWriteEnd();
         errors.closeWriteEnd();
-        while (!child.hasEnded(result))
+        while (!child.hasEnded(result.failure))
         {
-            const bool isInterrupted = interrupted && interrupted();
-            if (isInterrupted || Clock::now() >= end)
+            result.isInterrupted = interrupted && interrupted();
+            if (result.isInterrupted || Clock::now() >= end)
             {
-                result.end = isInterrupted ? ProgramResult::End::Interrupted : ProgramResult::End::Late;
+                result.failure = result.isInterrupted ? "was interrupted"
+                                                      : "has not ended within " + std::to_string(limit.count()) + " ms";
                 break;
             }
-            std::array<pollfd, 2> ends{{{output.readEnd(), POLLIN, 0}, {errors.readEnd(), POLLIN, 0}}};
+            std::array<pollfd, 2> ends{output.input(), errors.input()};
             ::poll(ends.data(), ends.size(), tick);
             output.drain();
             errors.drain();

@@ -11,18 +11,10 @@ namespace storage::clients::s3
 /// How a program ended and what it wrote.
 struct ProgramResult
 {
-    enum class End
-    {
-        Exited,     ///< by itself
-        Signal,     ///< by a signal
-        Late,       ///< it was ended because it took too long
-        Interrupted ///< it was ended because this process is interrupted
-    };
-
-    End end = End::Exited;
-    int code = 0;       ///< the exit status, or the number of the signal
-    std::string output; ///< the first 64 KiB of standard output
-    std::string errors; ///< the first 64 KiB of standard error
+    std::string failure;        ///< such as "exited with status 3"; empty: it exited with status 0
+    bool isInterrupted = false; ///< it was ended because this process is interrupted
+    std::string output;         ///< the first 64 KiB of standard output
+    std::string errors;         ///< the first 64 KiB of standard error
 };
 
 /// Run a program and wait for its end. It has the environment of this process, no input, no terminal and none of this

@@ -23,22 +23,6 @@ using namespace std::chrono_literals;
 
 constexpr auto limit = 60s; // the program may have to ask a service, or a person in a browser
 
-std::string describe(const ProgramResult& result)
-{
-    switch (result.end)
-    {
-    case ProgramResult::End::Exited:
-        return "exited with status " + std::to_string(result.code);
-    case ProgramResult::End::Signal:
-        return "was ended by signal " + std::to_string(result.code);
-    case ProgramResult::End::Late:
-        return "has not ended within a minute";
-    case ProgramResult::End::Interrupted:
-        break;
-    }
-    return "was interrupted";
-}
-
 /// What the program wrote to standard error, on one line. The end of a long text: most often it says what failed.
 std::string excerpt(const std::string& errors)
 {
@@ -69,13 +53,13 @@ IssuedCredentials processCredentials(const ProviderContext& context, const Share
     }
     // Only the program's name: an argument may be a secret.
     const std::string detail = where + ": " + words->front() + " ";
-    if (result.end == ProgramResult::End::Interrupted)
+    if (result.isInterrupted)
     {
-        throw credentialsUnavailable(detail + describe(result));
+        throw credentialsUnavailable(detail + result.failure);
     }
-    if (result.end != ProgramResult::End::Exited || result.code != 0)
+    if (!result.failure.empty())
     {
-        throw invalidCredentials(detail + describe(result) + excerpt(result.errors));
+        throw invalidCredentials(detail + result.failure + excerpt(result.errors));
     }
     try
     {
