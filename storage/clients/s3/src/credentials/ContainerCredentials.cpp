@@ -1,7 +1,3 @@
-#include "ContainerCredentials.hpp"
-
-#include "CredentialsDocument.hpp"
-#include "CredentialsFailure.hpp"
 #include "CredentialsService.hpp"
 #include "ServiceAddress.hpp"
 #include "SmallFile.hpp"
@@ -17,13 +13,9 @@ namespace storage::clients::s3
 namespace
 {
 
-using namespace std::chrono_literals;
-
 constexpr const char* relative = "AWS_CONTAINER_CREDENTIALS_RELATIVE_URI";
 constexpr const char* full = "AWS_CONTAINER_CREDENTIALS_FULL_URI";
 constexpr const char* tokenFile = "AWS_CONTAINER_AUTHORIZATION_TOKEN_FILE";
-constexpr auto deadline = 5s;        // the host itself may have to send requests
-constexpr auto connectDeadline = 1s; // it is near
 
 /// Whether requests to the host stay on this machine.
 bool isLocal(const std::string& host)
@@ -51,37 +43,24 @@ std::string authorization(const Environment& environment)
 
 } // namespace
 
-ContainerCredentials::ContainerCredentials(ProviderContext context)
-    : m_context(std::move(context))
+LoadResult containerCredentials(const SourceContext& context)
 {
-}
-
-CredentialsProvider::LoadResult ContainerCredentials::load()
-{
-    const auto url = address(m_context.environment);
+    const auto url = containerEndpoint(context.environment);
     if (!url)
     {
         return NoCredentials{std::string("neither ") + relative + " nor " + full + " is set"};
     }
     HttpHeaders headers;
     // Read each time: the file may be replaced while the program runs.
-    if (std::string token = authorization(m_context.environment); !token.empty())
+    if (std::string token = authorization(context.environment); !token.empty())
     {
         headers.add("Authorization", std::move(token));
     }
-    CredentialsService service({"the container's credentials endpoint", deadline, m_context.authorities,
-        m_context.interrupted, connectDeadline, true});
-    try
-    {
-        return service.read(service.send({"GET", *url, headers}), readCredentialsDocument);
-    }
-    catch (const HttpFailure& failure)
-    {
-        service.fail(failure);
-    }
+    CredentialsService service(context, "the container's credentials endpoint", CredentialsService::Place::Near);
+    return service.read(service.send({"GET", *url, headers}), readCredentialsDocument);
 }
 
-std::optional<std::string> ContainerCredentials::address(const Environment& environment)
+std::optional<std::string> containerEndpoint(const Environment& environment)
 {
     if (const std::string& path = environment[relative]; !path.empty())
     {

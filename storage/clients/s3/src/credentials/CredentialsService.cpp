@@ -1,8 +1,5 @@
 #include "CredentialsService.hpp"
 
-#include "CredentialsDocument.hpp"
-#include "CredentialsFailure.hpp"
-
 #include <utility>
 
 namespace storage::clients::s3
@@ -11,64 +8,55 @@ namespace storage::clients::s3
 namespace
 {
 
-HttpTimeouts timeoutsFor(const CredentialsService::Settings& settings)
+using namespace std::chrono_literals;
+
+constexpr auto connectDeadlineNear = 1s;
+constexpr auto deadlineNear = 5s; // the service itself may have to send requests
+constexpr auto deadlineFar = 20s;
+
+HttpTimeouts timeoutsAt(CredentialsService::Place place)
 {
     HttpTimeouts timeouts;
-    timeouts.connect = settings.connect.count() == 0 ? timeouts.connect : settings.connect;
+    timeouts.connect = place == CredentialsService::Place::Near ? connectDeadlineNear : timeouts.connect;
     return timeouts;
 }
 
 } // namespace
 
-CredentialsService::CredentialsService(Settings settings)
-    : m_settings(std::move(settings))
-    , m_client({timeoutsFor(m_settings), m_settings.authorities, m_settings.interrupted})
+CredentialsService::CredentialsService(const SourceContext& context, std::string name, Place place)
+    : m_name(std::move(name))
+    , m_place(place)
+    , m_client({timeoutsAt(place), context.authorities, context.interrupted})
 {
 }
 
 HttpResponse CredentialsService::send(HttpRequest request)
+try
 {
-    request.deadline = m_settings.deadline;
-    request.bypassProxy = m_settings.bypassProxy;
+    request.deadline = m_place == Place::Near ? deadlineNear : deadlineFar;
+    request.bypassProxy = m_place == Place::Near;
     HttpResponse response = m_client.perform(request);
     if (response.status == 429 || response.status >= 500)
     {
-        throw credentialsUnavailable(name() + " returned status " + std::to_string(response.status));
+        throw credentialsUnavailable(m_name + " returned status " + std::to_string(response.status));
     }
     return response;
 }
-
-IssuedCredentials CredentialsService::read(
-    const HttpResponse& response, IssuedCredentials (*parse)(const std::string& text)) const
+catch (const HttpFailure& failure)
 {
-    if (response.status != 200)
+    const std::string detail = m_name + " does not respond: " + failure.what();
+    if (failure.kind() == HttpFailure::Kind::Unreachable)
     {
-        throw invalidCredentials(name() + " returned no credentials: status " + std::to_string(response.status));
+        throw UnreachableService(detail);
     }
-    try
-    {
-        return parse(response.body);
-    }
-    catch (const CredentialsDocumentError& fault)
-    {
-        throw invalidCredentials("the response of " + name() + " is not a credentials document: " + fault.what());
-    }
-}
-
-void CredentialsService::fail(const HttpFailure& failure) const
-{
     if (failure.isTransient())
     {
-        throw credentialsUnavailable(describe(failure));
+        throw credentialsUnavailable(detail);
     }
-    throw invalidCredentials(describe(failure));
-}
-
-std::string CredentialsService::describe(const HttpFailure& failure) const
-{
-    const bool isUntrusted = failure.kind() == HttpFailure::Kind::Certificate;
-    return name() + " does not respond: " + failure.what() +
-           (isUntrusted ? "; if it has its own certificate authority, name the PEM file in AWS_CA_BUNDLE" : "");
+    throw invalidCredentials(
+        detail + (failure.kind() == HttpFailure::Kind::Certificate
+                         ? "; if it has its own certificate authority, name the PEM file in AWS_CA_BUNDLE"
+                         : ""));
 }
 
 } // namespace storage::clients::s3

@@ -1,58 +1,72 @@
 #pragma once
 
-#include "CredentialsProvider.hpp"
+#include "CredentialsDocument.hpp"
+#include "CredentialsFailure.hpp"
+#include "CredentialsSources.hpp"
 
 #include <storage/clients/http/HttpClient.hpp>
 
-#include <chrono>
-#include <filesystem>
-#include <functional>
 #include <string>
 
 namespace storage::clients::s3
 {
 
+/// No connection to a service.
+class UnreachableService : public TransientException
+{
+public:
+    explicit UnreachableService(const std::string& detail)
+        : TransientException(credentialsUnavailable(detail))
+    {
+    }
+};
+
 /// A server that provides credentials. Errors name it and contain nothing of its responses.
 class CredentialsService
 {
 public:
-    struct Settings
+    enum class Place
     {
-        std::string name;                       ///< for errors
-        std::chrono::milliseconds deadline;     ///< for each request
-        std::filesystem::path authorities = {}; ///< see HttpClient
-        std::function<bool()> interrupted = {}; ///< see HttpClient
-        std::chrono::milliseconds connect = {}; ///< for connecting; 0: the default of HttpTimeouts
-        bool bypassProxy = false;               ///< requests never go through a proxy
+        Near, ///< on this machine or its host: connects fast or not at all, and never through a proxy
+        Far
     };
 
-    explicit CredentialsService(Settings settings);
+    /// @param name  for errors
+    CredentialsService(const SourceContext& context, std::string name, Place place);
 
     /// Send a request.
     ///
     /// @return the response, of any status not mentioned below
-    /// @throws HttpFailure when there is no response
-    /// @throws TransientException for status 429, and 500 and above
+    /// @throws UnreachableService when there is no connection; TransientException when there is no response, and for
+    ///         status 429, and 500 and above; cloudprovider::InvalidCredentialsException when a retry cannot succeed
     HttpResponse send(HttpRequest request);
 
-    /// Parse the credentials in a response.
+    /// Parse the document in a response.
     ///
-    /// @param parse  throws CredentialsDocumentError for a document without credentials
+    /// @param parse  throws CredentialsDocumentError for another document
     /// @throws cloudprovider::InvalidCredentialsException when the response is a refusal or malformed
-    IssuedCredentials read(const HttpResponse& response, IssuedCredentials (*parse)(const std::string& text)) const;
+    template <typename Parse>
+    auto read(const HttpResponse& response, const Parse& parse) const
+    {
+        if (response.status != 200)
+        {
+            throw invalidCredentials(m_name + " returned no credentials: status " + std::to_string(response.status));
+        }
+        try
+        {
+            return parse(response.body);
+        }
+        catch (const CredentialsDocumentError& fault)
+        {
+            throw invalidCredentials("the response of " + m_name + " is not a credentials document: " + fault.what());
+        }
+    }
 
-    /// Report that a request has no response.
-    ///
-    /// @throws TransientException, or cloudprovider::InvalidCredentialsException when a retry cannot succeed
-    [[noreturn]] void fail(const HttpFailure& failure) const;
-
-    /// What fail() reports.
-    std::string describe(const HttpFailure& failure) const;
-
-    const std::string& name() const noexcept { return m_settings.name; }
+    const std::string& name() const noexcept { return m_name; }
 
 private:
-    const Settings m_settings;
+    const std::string m_name;
+    const Place m_place;
     HttpClient m_client;
 };
 

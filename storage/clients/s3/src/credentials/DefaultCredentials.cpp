@@ -1,10 +1,11 @@
-#include "CredentialsChain.hpp"
+#include "CredentialsSources.hpp"
 #include "RefreshingCredentials.hpp"
 #include "SharedConfig.hpp"
 
 #include <storage/clients/s3/Credentials.hpp>
 
 #include <utility>
+#include <vector>
 
 namespace storage::clients::s3
 {
@@ -38,11 +39,38 @@ std::shared_ptr<CredentialsSource> anonymousCredentials()
     return fixedCredentials({});
 }
 
+CredentialsLoader credentialsChain(SourceContext context)
+{
+    using Source = std::function<LoadResult(const SourceContext&)>;
+    std::vector<Source> sources{profileCredentials, containerCredentials,
+        [hasResponded = false](const SourceContext& shared) mutable
+        { return machineCredentials(shared, hasResponded); }};
+    if (context.profile.empty())
+    {
+        sources.insert(sources.begin(), {environmentCredentials, webIdentityCredentials});
+    }
+    return [context = std::move(context), sources = std::move(sources)]() -> LoadResult
+    {
+        std::string reasons;
+        for (const Source& source : sources)
+        {
+            LoadResult result = source(context);
+            const auto* none = std::get_if<NoCredentials>(&result);
+            if (none == nullptr)
+            {
+                return result;
+            }
+            reasons += (reasons.empty() ? "" : "; ") + none->reason;
+        }
+        return NoCredentials{reasons};
+    };
+}
+
 std::shared_ptr<CredentialsSource> defaultCredentials(
     const std::string& profile, const std::filesystem::path& authorities, const std::function<bool()>& interrupted)
 {
-    return std::make_shared<RefreshingCredentials>(std::make_unique<CredentialsChain>(
-        ProviderContext{Environment::ofProcess(), profile, authorities, interrupted}));
+    return std::make_shared<RefreshingCredentials>(
+        credentialsChain({Environment::ofProcess(), profile, authorities, interrupted}));
 }
 
 std::string defaultRegion(const std::string& profile)
@@ -52,7 +80,7 @@ std::string defaultRegion(const std::string& profile)
 
 std::filesystem::path defaultAuthorities(const std::string& profile)
 {
-    const ProviderContext context{Environment::ofProcess(), profile};
+    const SourceContext context{Environment::ofProcess(), profile};
     return expandHome(context.environment, configured(context, {"AWS_CA_BUNDLE"}, "ca_bundle"));
 }
 

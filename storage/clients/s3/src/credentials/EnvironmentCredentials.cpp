@@ -1,30 +1,49 @@
-#include "EnvironmentCredentials.hpp"
-
 #include "CredentialsFailure.hpp"
-
-#include <utility>
+#include "CredentialsSources.hpp"
+#include "SecurityTokenService.hpp"
 
 namespace storage::clients::s3
 {
 
-EnvironmentCredentials::EnvironmentCredentials(Environment environment)
-    : m_environment(std::move(environment))
+namespace
 {
+
+/// Whether both variables are set. It is a failure if only one is.
+bool areSet(const Environment& environment, const char* first, const char* second)
+{
+    if (environment[first].empty() != environment[second].empty())
+    {
+        throw invalidCredentials(std::string(first) + " and " + second + ": only one is set; set both or neither");
+    }
+    return !environment[first].empty();
 }
 
-CredentialsProvider::LoadResult EnvironmentCredentials::load()
+} // namespace
+
+LoadResult environmentCredentials(const SourceContext& context)
 {
-    const std::string& keyId = m_environment["AWS_ACCESS_KEY_ID"];
-    const std::string& secret = m_environment["AWS_SECRET_ACCESS_KEY"];
-    if (keyId.empty() && secret.empty())
+    constexpr const char* keyId = "AWS_ACCESS_KEY_ID";
+    constexpr const char* secret = "AWS_SECRET_ACCESS_KEY";
+    const Environment& environment = context.environment;
+    if (!areSet(environment, keyId, secret))
     {
-        return NoCredentials{"AWS_ACCESS_KEY_ID is not set"};
+        return NoCredentials{std::string(keyId) + " is not set"};
     }
-    if (keyId.empty() || secret.empty())
+    return IssuedCredentials{{environment[keyId], environment[secret], environment["AWS_SESSION_TOKEN"]}};
+}
+
+LoadResult webIdentityCredentials(const SourceContext& context)
+{
+    constexpr const char* role = "AWS_ROLE_ARN";
+    constexpr const char* tokenFile = "AWS_WEB_IDENTITY_TOKEN_FILE";
+    const Environment& environment = context.environment;
+    if (!areSet(environment, role, tokenFile))
     {
-        throw invalidCredentials("AWS_ACCESS_KEY_ID and AWS_SECRET_ACCESS_KEY: only one is set; set both or neither");
+        return NoCredentials{std::string(tokenFile) + " is not set"};
     }
-    return IssuedCredentials{{keyId, secret, m_environment["AWS_SESSION_TOKEN"]}};
+    return assumeRoleWithWebIdentity(context,
+        {.arn = environment[role], .namedBy = role, .sessionName = environment["AWS_ROLE_SESSION_NAME"]},
+        environment[tokenFile], tokenFile);
 }
 
 } // namespace storage::clients::s3

@@ -1,15 +1,11 @@
-#include "LoginCredentials.hpp"
-
-#include "CredentialsDocument.hpp"
-#include "CredentialsFailure.hpp"
 #include "CredentialsService.hpp"
 #include "ServiceAddress.hpp"
+#include "SharedConfig.hpp"
 #include "SmallFile.hpp"
 
 #include <storage/clients/http/Hashing.hpp>
 #include <storage/clients/http/UriEncoding.hpp>
 
-#include <chrono>
 #include <filesystem>
 #include <string>
 
@@ -18,10 +14,6 @@ namespace storage::clients::s3
 
 namespace
 {
-
-using namespace std::chrono_literals;
-
-constexpr auto deadline = 20s;
 
 const std::string& required(const SharedSection& section, const char* setting)
 {
@@ -41,7 +33,7 @@ const SharedSection& sessionOf(const SharedConfig& config, const SharedSection& 
     {
         return profile;
     }
-    const SharedSection* const session = config.session(name);
+    const SharedSection* const session = config.section("sso-session", name);
     if (session == nullptr)
     {
         throw invalidCredentials(
@@ -50,23 +42,10 @@ const SharedSection& sessionOf(const SharedConfig& config, const SharedSection& 
     return *session;
 }
 
-std::string readToken(const std::filesystem::path& file, const std::string& where)
-{
-    const std::string text = readSmallFile(file, "where \"aws sso login\" keeps the login of " + where);
-    try
-    {
-        return readLogin(text);
-    }
-    catch (const CredentialsDocumentError& fault)
-    {
-        throw invalidCredentials("the login of " + where + " in " + file.string() + ": " + fault.what());
-    }
-}
-
 } // namespace
 
 IssuedCredentials loginCredentials(
-    const ProviderContext& context, const SharedConfig& config, const SharedSection& profile)
+    const SourceContext& context, const SharedConfig& config, const SharedSection& profile)
 {
     const SharedSection& session = sessionOf(config, profile);
     const std::string& startUrl = required(session, "sso_start_url");
@@ -75,28 +54,27 @@ IssuedCredentials loginCredentials(
         {{"account_id", required(profile, "sso_account_id")}, {"role_name", required(profile, "sso_role_name")}});
 
     const std::string& name = profile["sso_session"];
-    const std::string file = sha1Hex(name.empty() ? startUrl : name) + ".json";
-    const std::string token = readToken(expandHome(context.environment, "~/.aws/sso/cache/" + file), session.where);
-    const ServiceAddress address = regionalAddress(context.environment, "SSO", "portal.sso", region);
-    CredentialsService service({.name = "the login portal at " + address.url + ", asked for " + profile.where + ",",
-        .deadline = deadline,
-        .authorities = context.authorities,
-        .interrupted = context.interrupted});
-    HttpRequest request{.method = "GET", .url = address.url + "/federation/credentials?" + query};
-    request.headers.add("x-amz-sso_bearer_token", token);
+    const std::filesystem::path file =
+        expandHome(context.environment, "~/.aws/sso/cache/" + sha1Hex(name.empty() ? startUrl : name) + ".json");
+    const ServiceAddress address = regionalAddress(context, "sso", "portal.sso", region);
+    CredentialsService portal(context, "the login portal at " + address.url + ", asked for " + profile.where + ",",
+        CredentialsService::Place::Far);
     try
     {
-        const HttpResponse response = service.send(request);
+        HttpRequest request{.method = "GET", .url = address.url + "/federation/credentials?" + query};
+        request.headers.add("x-amz-sso_bearer_token",
+            readLogin(readSmallFile(file, "where \"aws sso login\" keeps the login of " + session.where)));
+        const HttpResponse response = portal.send(request);
         if (response.status == 401)
         {
             throw invalidCredentials(
-                service.name() + " says that the login has expired; log in again with \"aws sso login\"");
+                portal.name() + " says that the login has expired; log in again with \"aws sso login\"");
         }
-        return service.read(response, readPortalCredentials);
+        return portal.read(response, readPortalCredentials);
     }
-    catch (const HttpFailure& failure)
+    catch (const CredentialsDocumentError& fault)
     {
-        service.fail(failure);
+        throw invalidCredentials("the login of " + session.where + " in " + file.string() + ": " + fault.what());
     }
 }
 

@@ -1,7 +1,4 @@
-#include "MachineCredentials.hpp"
-
-#include "CredentialsDocument.hpp"
-#include "CredentialsFailure.hpp"
+#include "CredentialsService.hpp"
 
 #include <boost/algorithm/string/predicate.hpp>
 
@@ -13,10 +10,6 @@ namespace storage::clients::s3
 namespace
 {
 
-using namespace std::chrono_literals;
-
-constexpr auto deadline = 2s;
-constexpr auto connectDeadline = 1s;        // where there is no such service, nothing responds
 constexpr const char* tokenLifetime = "60"; // seconds; each load requests a new token
 constexpr const char* roles = "/latest/meta-data/iam/security-credentials/";
 
@@ -43,64 +36,56 @@ bool isRoleName(std::string_view text)
     return !text.empty() && text.find_first_not_of(letters) == text.npos;
 }
 
-} // namespace
-
-MachineCredentials::MachineCredentials(const ProviderContext& context)
-    : m_isDisabled(boost::algorithm::iequals(context.environment["AWS_EC2_METADATA_DISABLED"], "true"))
-    , m_endpoint(endpointOf(context.environment))
-    , m_service(
-          {"the machine's metadata service", deadline, context.authorities, context.interrupted, connectDeadline, true})
+LoadResult request(CredentialsService& service, const std::string& endpoint, bool& hasResponded)
 {
-}
-
-CredentialsProvider::LoadResult MachineCredentials::load()
-{
-    if (m_isDisabled)
+    const auto send = [&](const char* method, const std::string& path, const char* field, const std::string& value)
     {
-        return NoCredentials{"AWS_EC2_METADATA_DISABLED is set"};
-    }
-    try
-    {
-        return request();
-    }
-    catch (const HttpFailure& failure)
-    {
-        if (failure.kind() == HttpFailure::Kind::Unreachable && !m_hasResponded)
-        {
-            return NoCredentials{m_service.describe(failure)};
-        }
-        m_service.fail(failure);
-    }
-}
-
-CredentialsProvider::LoadResult MachineCredentials::request()
-{
-    HttpHeaders lifetime;
-    lifetime.add("X-aws-ec2-metadata-token-ttl-seconds", tokenLifetime);
-    const HttpResponse token = send("PUT", "/latest/api/token", lifetime);
-    m_hasResponded = true;
+        HttpHeaders headers;
+        headers.add(field, value);
+        return service.send({method, endpoint + path, headers});
+    };
+    const HttpResponse token = send("PUT", "/latest/api/token", "X-aws-ec2-metadata-token-ttl-seconds", tokenLifetime);
+    hasResponded = true;
     if (token.status != 200)
     {
-        return NoCredentials{m_service.name() + " returned no token: status " + std::to_string(token.status)};
+        return NoCredentials{service.name() + " returned no token: status " + std::to_string(token.status)};
     }
-    HttpHeaders headers;
-    headers.add("X-aws-ec2-metadata-token", firstLine(token.body));
-    const HttpResponse role = send("GET", roles, headers);
+    const auto get = [&](const std::string& path)
+    { return send("GET", path, "X-aws-ec2-metadata-token", firstLine(token.body)); };
+    const HttpResponse role = get(roles);
     if (role.status == 404)
     {
-        return NoCredentials{m_service.name() + " has no role for this machine"};
+        return NoCredentials{service.name() + " has no role for this machine"};
     }
     const std::string name = firstLine(role.body);
     if (role.status != 200 || !isRoleName(name))
     {
-        throw invalidCredentials(m_service.name() + " returned no role: status " + std::to_string(role.status));
+        throw invalidCredentials(service.name() + " returned no role: status " + std::to_string(role.status));
     }
-    return m_service.read(send("GET", roles + name, headers), readCredentialsDocument);
+    return service.read(get(roles + name), readCredentialsDocument);
 }
 
-HttpResponse MachineCredentials::send(const char* method, const std::string& path, const HttpHeaders& headers)
+} // namespace
+
+LoadResult machineCredentials(const SourceContext& context, bool& hasResponded)
 {
-    return m_service.send({method, m_endpoint + path, headers});
+    if (boost::algorithm::iequals(context.environment["AWS_EC2_METADATA_DISABLED"], "true"))
+    {
+        return NoCredentials{"AWS_EC2_METADATA_DISABLED is set"};
+    }
+    CredentialsService service(context, "the machine's metadata service", CredentialsService::Place::Near);
+    try
+    {
+        return request(service, endpointOf(context.environment), hasResponded);
+    }
+    catch (const UnreachableService& failure)
+    {
+        if (hasResponded)
+        {
+            throw;
+        }
+        return NoCredentials{failure.detail().value_or(failure.what())};
+    }
 }
 
 } // namespace storage::clients::s3

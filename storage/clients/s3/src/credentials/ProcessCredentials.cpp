@@ -1,9 +1,9 @@
-#include "ProcessCredentials.hpp"
-
 #include "ChildProcess.hpp"
 #include "CommandWords.hpp"
 #include "CredentialsDocument.hpp"
 #include "CredentialsFailure.hpp"
+#include "CredentialsSources.hpp"
+#include "SharedConfig.hpp"
 
 #include <storage/clients/common/KeyRules.hpp>
 
@@ -34,7 +34,7 @@ std::string excerpt(const std::string& errors)
 
 } // namespace
 
-IssuedCredentials processCredentials(const ProviderContext& context, const SharedSection& profile)
+IssuedCredentials processCredentials(const SourceContext& context, const SharedSection& profile)
 {
     const std::string where = "credential_process of " + profile.where;
     const auto words = splitWords(profile["credential_process"]);

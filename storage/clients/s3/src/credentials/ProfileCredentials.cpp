@@ -1,11 +1,5 @@
-#include "ProfileCredentials.hpp"
-
-#include "ContainerCredentials.hpp"
 #include "CredentialsFailure.hpp"
-#include "EnvironmentCredentials.hpp"
-#include "LoginCredentials.hpp"
-#include "MachineCredentials.hpp"
-#include "ProcessCredentials.hpp"
+#include "CredentialsSources.hpp"
 #include "SecurityTokenService.hpp"
 #include "SharedConfig.hpp"
 
@@ -26,13 +20,13 @@ namespace
 class Resolver
 {
 public:
-    explicit Resolver(const ProviderContext& context)
+    explicit Resolver(const SourceContext& context)
         : m_context(context)
         , m_config(context.environment)
     {
     }
 
-    CredentialsProvider::LoadResult resolve(const std::string& name, bool isNamed)
+    LoadResult resolve(const std::string& name, bool isNamed)
     {
         const SharedSection* const profile = m_config.profile(name);
         if (profile == nullptr)
@@ -65,7 +59,7 @@ public:
         {
             throw invalidCredentials(profile->where + " has no keys but login_session, which is not supported");
         }
-        return NoCredentials{"profile \"" + name + "\" has no keys"};
+        return NoCredentials{"profile \"" + name + "\" has no credentials"};
     }
 
 private:
@@ -138,40 +132,36 @@ private:
         return assumeRole(m_context, role, std::get<IssuedCredentials>(source).credentials);
     }
 
-    CredentialsProvider::LoadResult loadFrom(const std::string& kind, const SharedSection& profile) const
+    LoadResult loadFrom(const std::string& kind, const SharedSection& profile) const
     {
         if (kind == "Environment")
         {
-            return EnvironmentCredentials(m_context.environment).load();
+            return environmentCredentials(m_context);
         }
         if (kind == "EcsContainer")
         {
-            return ContainerCredentials(m_context).load();
+            return containerCredentials(m_context);
         }
         if (kind == "Ec2InstanceMetadata")
         {
-            return MachineCredentials(m_context).load();
+            bool hasResponded = false;
+            return machineCredentials(m_context, hasResponded);
         }
         throw invalidCredentials(
             "credential_source of " + profile.where + " must be Environment, EcsContainer or Ec2InstanceMetadata");
     }
 
-    const ProviderContext& m_context;
+    const SourceContext& m_context;
     const SharedConfig m_config;
     std::vector<std::string> m_names; // of the profiles visited
 };
 
 } // namespace
 
-ProfileCredentials::ProfileCredentials(ProviderContext context)
-    : m_context(std::move(context))
+LoadResult profileCredentials(const SourceContext& context)
 {
-}
-
-CredentialsProvider::LoadResult ProfileCredentials::load()
-{
-    const std::string& name = namedProfile(m_context);
-    return Resolver(m_context).resolve(name.empty() ? "default" : name, !name.empty());
+    const std::string& name = namedProfile(context);
+    return Resolver(context).resolve(name.empty() ? "default" : name, !name.empty());
 }
 
 } // namespace storage::clients::s3

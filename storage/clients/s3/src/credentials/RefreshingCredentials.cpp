@@ -41,9 +41,9 @@ void checkUsable(const Credentials& credentials)
 
 } // namespace
 
-RefreshingCredentials::RefreshingCredentials(std::unique_ptr<CredentialsProvider> provider, Clock clock)
+RefreshingCredentials::RefreshingCredentials(CredentialsLoader loader, Clock clock)
     : m_clock(std::move(clock))
-    , m_provider(std::move(provider))
+    , m_loader(std::move(loader))
 {
 }
 
@@ -104,7 +104,7 @@ RefreshingCredentials::Outcome RefreshingCredentials::tryLoad() noexcept
 {
     try
     {
-        auto result = m_provider->load();
+        auto result = m_loader();
         if (const auto* none = std::get_if<NoCredentials>(&result))
         {
             return LoadFailure{false, "no credentials: " + none->reason};

@@ -1,11 +1,10 @@
 #pragma once
 
-#include "CredentialsProvider.hpp"
+#include "CredentialsSources.hpp"
 
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -14,7 +13,7 @@
 namespace storage::clients::s3
 {
 
-/// Caches a provider's credentials, and loads new ones before they expire.
+/// Caches credentials, and loads new ones before they expire.
 ///
 /// One thread loads at a time. Meanwhile other threads use the old credentials while those are valid, or else wait. A
 /// failure is cached for a while, too, so that not every request waits for a service that does not respond.
@@ -25,7 +24,7 @@ public:
     using Clock = std::function<TimePoint()>;
 
     /// @param clock  the current time
-    explicit RefreshingCredentials(std::unique_ptr<CredentialsProvider> provider, Clock clock = systemTime);
+    explicit RefreshingCredentials(CredentialsLoader loader, Clock clock = systemTime);
 
     Credentials credentials() override;
 
@@ -53,7 +52,7 @@ private:
     static TimePoint systemTime();
 
     const Clock m_clock;
-    const std::unique_ptr<CredentialsProvider> m_provider; // used only by the thread that has set m_isLoading
+    const CredentialsLoader m_loader; // used only by the thread that has set m_isLoading
 
     // Innermost except for the logger's; released while a thread loads.
     std::mutex m_mutex;

@@ -1,7 +1,5 @@
 #include "SecurityTokenService.hpp"
 
-#include "CredentialsDocument.hpp"
-#include "CredentialsFailure.hpp"
 #include "CredentialsService.hpp"
 #include "ServiceAddress.hpp"
 #include "SharedConfig.hpp"
@@ -27,9 +25,6 @@ namespace storage::clients::s3
 namespace
 {
 
-using namespace std::chrono_literals;
-
-constexpr auto deadline = 20s;
 constexpr const char* ourSession = "cloudprovider";
 
 /// The regions whose requests the global endpoint serves where AWS_STS_REGIONAL_ENDPOINTS asks for that.
@@ -37,7 +32,7 @@ constexpr std::array<std::string_view, 16> legacyRegions{"ap-northeast-1", "ap-s
     "ap-southeast-2", "aws-global", "ca-central-1", "eu-central-1", "eu-north-1", "eu-west-1", "eu-west-2", "eu-west-3",
     "sa-east-1", "us-east-1", "us-east-2", "us-west-1", "us-west-2"};
 
-bool usesGlobalEndpoint(const ProviderContext& context, const std::string& region)
+bool usesGlobalEndpoint(const SourceContext& context, const std::string& region)
 {
     const std::string kind = configured(context, {"AWS_STS_REGIONAL_ENDPOINTS"}, "sts_regional_endpoints");
     if (!kind.empty() && kind != "regional" && kind != "legacy")
@@ -68,13 +63,13 @@ bool usesGlobalEndpoint(const ProviderContext& context, const std::string& regio
 
 /// @param caller  null: the parameters say who asks
 IssuedCredentials request(
-    const ProviderContext& context, const RoleRequest& role, QueryParameters parameters, const Credentials* caller)
+    const SourceContext& context, const RoleRequest& role, QueryParameters parameters, const Credentials* caller)
 {
     constexpr const char* globalRegion = "us-east-1"; // where the global endpoint is
     std::string region = configured(context, {"AWS_REGION", "AWS_DEFAULT_REGION"}, "region");
     region = region.empty() ? globalRegion : region;
     const bool isGlobal = usesGlobalEndpoint(context, region);
-    const ServiceAddress address = regionalAddress(context.environment, "STS", "sts", isGlobal ? "" : region);
+    const ServiceAddress address = regionalAddress(context, "sts", "sts", isGlobal ? "" : region);
 
     parameters.insert(
         parameters.end(), {{"Version", "2011-06-15"}, {"RoleArn", role.arn},
@@ -94,29 +89,20 @@ IssuedCredentials request(
             {host, address.path, "", sha256Hex(form), isGlobal ? globalRegion : region, std::time(nullptr), "sts"},
             *caller);
     }
-    CredentialsService service({.name = "the security token service at " + address.url + ", asked for role " +
-                                        role.arn + " of " + role.namedBy + ",",
-        .deadline = deadline,
-        .authorities = context.authorities,
-        .interrupted = context.interrupted});
-    try
+    CredentialsService service(context,
+        "the security token service at " + address.url + ", asked for role " + role.arn + " of " + role.namedBy + ",",
+        CredentialsService::Place::Far);
+    const HttpResponse response = service.send(http);
+    if (response.status != 200)
     {
-        const HttpResponse response = service.send(http);
-        if (response.status != 200)
-        {
-            refuse(service, response);
-        }
-        return service.read(response, readAssumedRole);
+        refuse(service, response);
     }
-    catch (const HttpFailure& failure)
-    {
-        service.fail(failure);
-    }
+    return service.read(response, readAssumedRole);
 }
 
 } // namespace
 
-IssuedCredentials assumeRole(const ProviderContext& context, const RoleRequest& role, const Credentials& caller)
+IssuedCredentials assumeRole(const SourceContext& context, const RoleRequest& role, const Credentials& caller)
 {
     QueryParameters parameters{{"Action", "AssumeRole"}};
     if (!role.externalId.empty())
@@ -127,7 +113,7 @@ IssuedCredentials assumeRole(const ProviderContext& context, const RoleRequest& 
 }
 
 IssuedCredentials assumeRoleWithWebIdentity(
-    const ProviderContext& context, const RoleRequest& role, const std::string& tokenFile, const std::string& namedBy)
+    const SourceContext& context, const RoleRequest& role, const std::string& tokenFile, const std::string& namedBy)
 {
     const std::string token = readSmallFile(expandHome(context.environment, tokenFile), "which " + namedBy + " names");
     return request(context, role, {{"Action", "AssumeRoleWithWebIdentity"}, {"WebIdentityToken", token}}, nullptr);

@@ -1,7 +1,6 @@
 #pragma once
 
-#include "CredentialsProvider.hpp"
-#include "ProviderContext.hpp"
+#include "CredentialsSources.hpp"
 
 #include <string>
 
@@ -23,7 +22,7 @@ struct RoleRequest
 /// @param caller  who may assume the role
 /// @throws cloudprovider::InvalidCredentialsException when the service refuses that; TransientException when it is busy
 ///         or does not respond
-IssuedCredentials assumeRole(const ProviderContext& context, const RoleRequest& role, const Credentials& caller);
+IssuedCredentials assumeRole(const SourceContext& context, const RoleRequest& role, const Credentials& caller);
 
 /// The same, where a token of another identity provider says who the caller is.
 ///
@@ -31,6 +30,6 @@ IssuedCredentials assumeRole(const ProviderContext& context, const RoleRequest& 
 /// @param namedBy    what names the file, for messages
 /// @throws as above, and when the file cannot be read
 IssuedCredentials assumeRoleWithWebIdentity(
-    const ProviderContext& context, const RoleRequest& role, const std::string& tokenFile, const std::string& namedBy);
+    const SourceContext& context, const RoleRequest& role, const std::string& tokenFile, const std::string& namedBy);
 
 } // namespace storage::clients::s3

@@ -4,6 +4,8 @@
 
 #include <storage/clients/common/KeyRules.hpp>
 
+#include <boost/algorithm/string/case_conv.hpp>
+
 #include <curl/curl.h>
 #include <fmt/format.h>
 
@@ -66,11 +68,12 @@ ServiceAddress parseAddress(const std::string& name, const std::string& url)
 }
 
 ServiceAddress regionalAddress(
-    const Environment& environment, const std::string& service, const std::string& host, const std::string& region)
+    const SourceContext& context, const std::string& service, const std::string& host, const std::string& region)
 {
-    for (const std::string& variable : {"AWS_ENDPOINT_URL_" + service, std::string("AWS_ENDPOINT_URL")})
+    for (const std::string& variable :
+        {"AWS_ENDPOINT_URL_" + boost::algorithm::to_upper_copy(service), std::string("AWS_ENDPOINT_URL")})
     {
-        if (const std::string& url = environment[variable]; !url.empty())
+        if (const std::string& url = context.environment[variable]; !url.empty())
         {
             ServiceAddress address = parseAddress(variable, url);
             if (address.scheme != "https" && address.scheme != "http")

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Environment.hpp"
+#include "CredentialsSources.hpp"
 
 #include <string>
 #include <string_view>
@@ -30,11 +30,11 @@ ServiceAddress parseAddress(const std::string& name, const std::string& url);
 
 /// The address of one of the regional services that issue credentials.
 ///
-/// @param service  as in variables: AWS_ENDPOINT_URL_SERVICE, else AWS_ENDPOINT_URL replaces the region's own endpoint
+/// @param service  such as "sts": AWS_ENDPOINT_URL_STS, else AWS_ENDPOINT_URL replaces the region's own endpoint
 /// @param host     the first labels of the region's own endpoint
 /// @param region   empty: the service's global endpoint
 /// @throws cloudprovider::InvalidCredentialsException as above, or when the region is not a valid name
 ServiceAddress regionalAddress(
-    const Environment& environment, const std::string& service, const std::string& host, const std::string& region);
+    const SourceContext& context, const std::string& service, const std::string& host, const std::string& region);
 
 } // namespace storage::clients::s3

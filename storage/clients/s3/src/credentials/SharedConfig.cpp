@@ -24,8 +24,8 @@ bool hasKeys(const SharedSettings& settings)
     return !find(settings, keyId).empty() || !find(settings, secret).empty();
 }
 
-void merge(SharedSection& section, const SharedSettings& settings, const std::string& kind, const std::string& name,
-    const std::filesystem::path& file)
+void merge(
+    SharedSection& section, const SharedSettings& settings, const std::string& name, const std::filesystem::path& file)
 {
     const bool skipKeys = hasKeys(section.settings) || !hasKeys(settings);
     for (const auto& [setting, value] : settings)
@@ -36,7 +36,7 @@ void merge(SharedSection& section, const SharedSettings& settings, const std::st
             merged = value;
         }
     }
-    section.where += section.where.empty() ? kind + " \"" + name + "\" in " : " and ";
+    section.where += section.where.empty() ? name : " and ";
     section.where += file.string();
 }
 
@@ -57,14 +57,9 @@ SharedConfig::SharedConfig(const Environment& environment)
         {
             return;
         }
-        const SharedSections sections = readSharedFile(file);
-        for (const auto& [name, settings] : sections.profiles)
+        for (const auto& [name, settings] : readSharedFile(file))
         {
-            merge(m_profiles[name], settings, "profile", name, file.path);
-        }
-        for (const auto& [name, settings] : sections.sessions)
-        {
-            merge(m_sessions[name], settings, "sso-session", name, file.path);
+            merge(m_sections[name], settings, name.first + " \"" + name.second + "\" in ", file.path);
         }
         m_files.push_back(std::move(file));
     };
@@ -72,16 +67,10 @@ SharedConfig::SharedConfig(const Environment& environment)
     read(SharedFile::Kind::Config, "AWS_CONFIG_FILE", "~/.aws/config");
 }
 
-const SharedSection* SharedConfig::profile(const std::string& name) const
+const SharedSection* SharedConfig::section(const std::string& kind, const std::string& name) const
 {
-    const auto found = m_profiles.find(name);
-    return found == m_profiles.end() ? nullptr : &found->second;
-}
-
-const SharedSection* SharedConfig::session(const std::string& name) const
-{
-    const auto found = m_sessions.find(name);
-    return found == m_sessions.end() ? nullptr : &found->second;
+    const auto found = m_sections.find({kind, name});
+    return found == m_sections.end() ? nullptr : &found->second;
 }
 
 std::string SharedConfig::files() const
@@ -94,7 +83,7 @@ std::string SharedConfig::files() const
     return text.empty() ? "the shared files (HOME is not set)" : text;
 }
 
-const std::string& namedProfile(const ProviderContext& context)
+const std::string& namedProfile(const SourceContext& context)
 {
     const std::string& fromEnvironment = context.environment["AWS_PROFILE"];
     return !context.profile.empty()   ? context.profile
@@ -103,7 +92,7 @@ const std::string& namedProfile(const ProviderContext& context)
 }
 
 std::string configured(
-    const ProviderContext& context, std::initializer_list<const char*> variables, std::string_view setting)
+    const SourceContext& context, std::initializer_list<const char*> variables, std::string_view setting)
 {
     for (const char* variable : variables)
     {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ProviderContext.hpp"
+#include "CredentialsSources.hpp"
 #include "SharedFile.hpp"
 
 #include <initializer_list>
@@ -12,7 +12,7 @@
 namespace storage::clients::s3
 {
 
-/// What the shared files say about one profile or session.
+/// What the shared files say about one section.
 struct SharedSection
 {
     SharedSettings settings;
@@ -32,28 +32,25 @@ public:
     explicit SharedConfig(const Environment& environment);
 
     /// Null when neither file has it. Valid as long as this object.
-    const SharedSection* profile(const std::string& name) const;
-    const SharedSection* session(const std::string& name) const;
+    const SharedSection* section(const std::string& kind, const std::string& name) const;
+    const SharedSection* profile(const std::string& name) const { return section("profile", name); }
 
     /// Where the files are, for messages.
     std::string files() const;
 
 private:
-    using Sections = std::map<std::string, SharedSection>;
-
     std::vector<SharedFile> m_files;
-    Sections m_profiles;
-    Sections m_sessions;
+    std::map<SharedSections::key_type, SharedSection> m_sections;
 };
 
 /// The profile that the caller or a variable names; empty when none is named, which means "default".
-const std::string& namedProfile(const ProviderContext& context);
+const std::string& namedProfile(const SourceContext& context);
 
 /// A setting from the first of the variables that is set, else from the profile; empty when there is none.
 ///
 /// @throws cloudprovider::InvalidCredentialsException as above
 std::string configured(
-    const ProviderContext& context, std::initializer_list<const char*> variables, std::string_view setting);
+    const SourceContext& context, std::initializer_list<const char*> variables, std::string_view setting);
 
 /// Replace "~/" at the front of a path by the home folder: a variable from a unit file has not been through a shell.
 std::filesystem::path expandHome(const Environment& environment, const std::string& path);

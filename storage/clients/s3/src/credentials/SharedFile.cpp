@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
-#include <optional>
 #include <string_view>
 #include <system_error>
 
@@ -48,16 +47,6 @@ std::string lowerCase(std::string_view text)
     return result;
 }
 
-/// The name in a section "KIND NAME"; nothing when it is of another kind.
-std::optional<std::string> nameAfter(std::string_view kind, std::string_view section)
-{
-    if (section.starts_with(kind) && trimmed(section.substr(kind.size(), 1)).empty())
-    {
-        return std::string(trimmed(section.substr(kind.size())));
-    }
-    return std::nullopt;
-}
-
 class Parser
 {
 public:
@@ -95,23 +84,19 @@ private:
         {
             return "a section must be written [NAME]";
         }
-        m_settings = &settingsOf(trimmed(text.substr(1, end - 1)));
+        m_settings = &m_sections[nameOf(trimmed(text.substr(1, end - 1)))];
         m_indent = noSetting;
         return {};
     }
 
-    SharedSettings& settingsOf(std::string_view section)
+    SharedSections::key_type nameOf(std::string_view section) const
     {
         if (m_kind == SharedFile::Kind::Credentials || section == "default")
         {
-            return m_sections.profiles[std::string(section)];
+            return {"profile", std::string(section)};
         }
-        if (const auto name = nameAfter("profile", section))
-        {
-            return m_sections.profiles[*name];
-        }
-        const auto name = nameAfter("sso-session", section);
-        return name ? m_sections.sessions[*name] : m_ignored;
+        const std::string_view kind = section.substr(0, section.find_first_of(blanks));
+        return {std::string(kind), std::string(trimmed(section.substr(kind.size())))};
     }
 
     std::string_view takeSetting(std::string_view text, std::size_t indent)
@@ -133,7 +118,6 @@ private:
 
     const SharedFile::Kind m_kind;
     SharedSections m_sections;
-    SharedSettings m_ignored;
     SharedSettings* m_settings = nullptr; // of the current section
     std::size_t m_indent = noSetting;
 };

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <map>
 #include <string>
+#include <utility>
 
 namespace storage::clients::s3
 {
@@ -10,12 +11,8 @@ namespace storage::clients::s3
 /// The values of settings by name. Names are in lower case.
 using SharedSettings = std::map<std::string, std::string, std::less<>>;
 
-/// The sections of a file by name.
-struct SharedSections
-{
-    std::map<std::string, SharedSettings, std::less<>> profiles;
-    std::map<std::string, SharedSettings, std::less<>> sessions; ///< what several profiles say about one login
-};
+/// The sections of a file by kind and name, such as "profile" and "default".
+using SharedSections = std::map<std::pair<std::string, std::string>, SharedSettings>;
 
 /// One of the two files that the store's tools share.
 struct SharedFile
@@ -23,14 +20,14 @@ struct SharedFile
     enum class Kind
     {
         Credentials, ///< a section is named like its profile: [NAME]
-        Config       ///< [default], [profile NAME] for every other profile, and [sso-session NAME]
+        Config       ///< [default] for that profile, [KIND NAME] for all others
     };
 
     Kind kind;
     std::filesystem::path path;
 };
 
-/// Read a file, which consists of sections with settings `name = value`. Sections of other kinds are ignored.
+/// Read a file, which consists of sections with settings `name = value`.
 ///
 /// Blank lines and lines that begin with # or ; are ignored. A value ends before a blank followed by # or ;. Lines that
 /// are indented deeper than the setting above them belong to that setting and are ignored. Sections with the same name

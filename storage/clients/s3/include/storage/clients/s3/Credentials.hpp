@@ -58,8 +58,7 @@ std::shared_ptr<CredentialsSource> anonymousCredentials();
 ///      web_identity_token_file
 ///    - aws_access_key_id and aws_secret_access_key, with aws_session_token
 ///    - sso_session, or sso_start_url and sso_region, with sso_account_id and sso_role_name: the role for the token
-///    that
-///      a login has left in ~/.aws/sso/cache
+///      that a login has left in ~/.aws/sso/cache
 ///    - credential_process: a program, which is started without a shell, has no terminal, and must end within a minute
 /// 4. a container's endpoint (AWS_CONTAINER_CREDENTIALS_RELATIVE_URI or AWS_CONTAINER_CREDENTIALS_FULL_URI, with
 ///    AWS_CONTAINER_AUTHORIZATION_TOKEN or the file AWS_CONTAINER_AUTHORIZATION_TOKEN_FILE)
@@ -70,9 +69,10 @@ std::shared_ptr<CredentialsSource> anonymousCredentials();
 /// region (us-east-1 if there is none), of the global endpoint if AWS_STS_REGIONAL_ENDPOINTS is legacy, or from
 /// AWS_ENDPOINT_URL_STS, else AWS_ENDPOINT_URL; likewise AWS_ENDPOINT_URL_SSO for logins.
 ///
-/// A misconfigured source is an error and is not skipped: its credentials would be those of another identity. Examples
-/// are a key without its secret, a file that cannot be read, a role that is refused, a login that has expired, and a
-/// named profile that does not exist or that needs a one-time code. If there are no credentials, that result is cached
+/// A misconfigured source is an error and is not skipped: the next source's credentials would be those of another
+/// identity. Examples are a key without its secret, a file that cannot be read, a role that is refused, a login that
+/// has expired, and a named profile that does not exist or that needs a
+/// one-time code. If there are no credentials, that result is cached
 /// for a minute. Credentials that expire are replaced five minutes before that.
 ///
 /// Reads the variables now; no other thread may change the environment during the call. Reads files, runs programs and
