@@ -231,6 +231,8 @@ TEST_F(CredentialsTest, ComeFromTheFirstPlaceThatHasSome)
         {"id/S3CRET/.", "[default]\naws_session_token = t\n", {}, "", "[default]\nregion=r\n" + keys},
         {"id/S3CRET/.", "", {{"AWS_CONFIG_FILE", "~/.aws/credentials"}}, "", ours},
         {"unusable: no profile \"z\" in /", "[z]\n" + keys, {{"AWS_PROFILE", "z"}}, "", ours},
+        {"profile \"z\" in /", "[profile z]\nregion=r\n", {{"AWS_PROFILE", "z"}, {container, "ftp://a"}}},
+        {container, "[default]\nregion=r\n", {{container, "ftp://a"}}}, // not chosen by name, so it may have no keys
         {"only one of aws_access_key_id", "", {}, "", "[default]\naws_secret_access_key = S3CRET\n"},
         {"has no keys but login_session, which is not supported", "[default]\nlogin_session = a\n"},
         {"id/S3CRET/.", "", {{"AWS_DEFAULT_PROFILE", "z"}}, "", "[z]\n" + keys},
@@ -266,7 +268,7 @@ TEST_F(CredentialsTest, ComeFromTheFirstPlaceThatHasSome)
         {"\"default\" -> \"default\"", role("source_profile=default")},
         {"\"default\" -> \"b\" -> \"default\"", role("source_profile=b\n" + keys)},
         {"no profile \"x\" in /", role("source_profile=x")},
-        {"needs other credentials to assume its role: profile \"n\" has no", role("source_profile=n")},
+        {"profile \"n\" in /", role("source_profile=n")},
         {"has mfa_serial", role("source_profile=k\nmfa_serial=m")},
         {"must have one of", role(keys)},
         {"must have one of", role("source_profile=k\ncredential_source=Environment")},

@@ -56,7 +56,8 @@ LoadResult webIdentityCredentials(const SourceContext& context);
 
 /// One profile of the shared files. The first of these that it has is used: a role, keys, a login, a program.
 ///
-/// It is a failure if a profile that was chosen by name is in neither file. A missing "default" is not a failure.
+/// It is a failure if a profile that was chosen by name is in neither file or has no credentials. If "default" was not
+/// chosen by name, that is not a failure.
 LoadResult profileCredentials(const SourceContext& context);
 
 /// The endpoint that a container's host provides.

@@ -59,6 +59,10 @@ public:
         {
             throw invalidCredentials(profile->where + " has no keys but login_session, which is not supported");
         }
+        if (isNamed)
+        {
+            throw invalidCredentials(profile->where + " has no credentials, but was chosen by name");
+        }
         return NoCredentials{"profile \"" + name + "\" has no credentials"};
     }
 

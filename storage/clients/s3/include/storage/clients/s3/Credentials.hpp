@@ -71,7 +71,7 @@ std::shared_ptr<CredentialsSource> anonymousCredentials();
 ///
 /// A misconfigured source is an error and is not skipped: the next source's credentials would be those of another
 /// identity. Examples are a key without its secret, a file that cannot be read, a role that is refused, a login that
-/// has expired, and a named profile that does not exist or that needs a
+/// has expired, and a named profile that does not exist, that has no credentials, or that needs a
 /// one-time code. If there are no credentials, that result is cached
 /// for a minute. Credentials that expire are replaced five minutes before that.
 ///
