@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -85,19 +84,6 @@ std::string readKey(const std::string& name, const std::string& path)
         refuse(fmt::format("\"{}\" must name a file of exactly {} bytes that can be read", name, size));
     }
     return key;
-}
-
-std::string fromEnvironment(std::initializer_list<const char*> variables)
-{
-    for (const char* variable : variables)
-    {
-        const char* value = std::getenv(variable);
-        if (value != nullptr && *value != '\0')
-        {
-            return value;
-        }
-    }
-    return {};
 }
 
 /// Decode a part of a URL. It is not form data: a "+" in a path is a plus.
@@ -223,7 +209,7 @@ S3Settings parseS3Url(const std::string& url)
     }
     if (settings.endpoint.empty())
     {
-        settings.endpoint = fromEnvironment({"AWS_ENDPOINT_URL_S3", "AWS_ENDPOINT_URL"});
+        settings.endpoint = defaultEndpoint(settings.profile);
     }
     if (settings.region.empty())
     {

@@ -315,16 +315,31 @@ TEST_F(CredentialsTest, ComeFromTheFirstPlaceThatHasSome)
     EXPECT_THAT(outcomeOf(*source(endpoint, {}, home / "authority.pem")), HasSubstr("because of an interrupt"));
 }
 
-TEST_F(CredentialsTest, UseTheRegionsServicesUnlessAVariableNamesOthers)
+TEST_F(CredentialsTest, UseTheRegionsServicesUnlessAnEndpointIsConfigured)
 {
     using Failure = cloudprovider::InvalidCredentialsException;
     const SourceContext none{Environment({})};
     EXPECT_EQ(regionalAddress(none, "sts", "sts", "").url, "https://sts.amazonaws.com");
     EXPECT_EQ(regionalAddress(none, "sts", "sts", "cn-north-1").url, "https://sts.cn-north-1.amazonaws.com.cn");
     EXPECT_THROW(regionalAddress(none, "sts", "sts", "a.example/"), Failure);
-    const SourceContext both{Environment({{"AWS_ENDPOINT_URL", "https://a"}, {"AWS_ENDPOINT_URL_SSO", "ftp://b"}})};
-    EXPECT_EQ(regionalAddress(both, "sts", "sts", "").url, "https://a");
-    EXPECT_THROW(regionalAddress(both, "sso", "sts", ""), Failure);
+    write(".aws/config", "[default]\nendpoint_url=https://p\n[profile s]\nservices=x\nendpoint_url=https://p/\n"
+                         "[services x]\nS3 = # c\n  endpoint_url = https://s3 # d\nsso =\n  Endpoint_URL=ftp://b\n"
+                         "[profile i]\nendpoint_url=https://p\nignore_configured_endpoint_urls = True\n"
+                         "[profile none]\nservices = y\n");
+    const auto found = [&](const char* service, const std::string& profile, Environment::Variables variables = {})
+    {
+        variables.emplace("HOME", home);
+        return regionalAddress({Environment(std::move(variables)), profile}, service, "host", "r").url;
+    };
+    EXPECT_EQ(found("s3", ""), "https://p");
+    EXPECT_EQ(found("s3", "s"), "https://s3");
+    EXPECT_EQ(found("s3", "s", {{"AWS_ENDPOINT_URL", "https://a"}}), "https://a");
+    EXPECT_EQ(found("s3", "s", {{"AWS_ENDPOINT_URL", "https://a"}, {"AWS_ENDPOINT_URL_S3", "https://b"}}), "https://b");
+    EXPECT_EQ(found("s3", "s", {{"AWS_IGNORE_CONFIGURED_ENDPOINT_URLS", "true"}, {"AWS_ENDPOINT_URL", "a"}}),
+        found("s3", "i"));
+    EXPECT_EQ(found("s3", "i"), "https://host.r.amazonaws.com");
+    EXPECT_THROW(found("sso", "s"), Failure);
+    EXPECT_THROW(found("s3", "none"), Failure);
     const Environment::Variables relative{{"AWS_CONTAINER_CREDENTIALS_RELATIVE_URI", "/a?b"}};
     EXPECT_EQ(containerEndpoint(Environment(relative)), "http://169.254.170.2/a?b");
 }
@@ -444,7 +459,7 @@ TEST_F(RefreshTest, LetsOneThreadLoadForAll)
 
 TEST_F(CredentialsTest, ComeFromTheEnvironmentOfTheProcess)
 {
-    write(".aws/config", "[profile a]\nregion = filed\nca_bundle = ~/b\n" + keys);
+    write(".aws/config", "[profile a]\nregion = filed\nca_bundle = ~/b\nendpoint_url = http://p\n" + keys);
     const auto report = [this]
     {
         Environment::Variables variables = inVariables;
@@ -457,15 +472,16 @@ TEST_F(CredentialsTest, ComeFromTheEnvironmentOfTheProcess)
                 ::setenv(name.c_str(), text.c_str(), 1);
             }
             const S3Settings settings = parseS3Url("s3://bucket?profile=a");
-            std::cerr << settings.region << settings.authorities.filename();
+            std::cerr << settings.region << settings.endpoint << settings.authorities.filename();
         }
-        const S3Settings settings = parseS3Url("s3://bucket?profile=a&ca-file=d");
-        std::cerr << settings.authorities << '.' << defaultRegion("b") << '.' << outcomeOf(*defaultCredentials())
-                  << outcomeOf(*defaultCredentials("a"));
+        const S3Settings settings = parseS3Url("s3://bucket?profile=a&ca-file=d&endpoint=http://u");
+        std::cerr << settings.endpoint << settings.authorities << '.' << defaultRegion("b") << '.'
+                  << outcomeOf(*defaultCredentials()) << outcomeOf(*defaultCredentials("a"));
         std::_Exit(0);
     };
     // In a process of its own, whose environment it may change.
-    EXPECT_EXIT(report(), testing::ExitedWithCode(0), "filed\"b\"set\"set\"\"d\".set.own/S3CRET0/t.id/S3CRET/.");
+    EXPECT_EXIT(report(), testing::ExitedWithCode(0),
+        "filedhttp://p\"b\"sethttp://p\"set\"http://u\"d\".set.own/S3CRET0/t.id/S3CRET/.");
 }
 
 } // namespace

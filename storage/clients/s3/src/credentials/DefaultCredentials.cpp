@@ -78,6 +78,11 @@ std::string defaultRegion(const std::string& profile)
     return configured({Environment::ofProcess(), profile}, {"AWS_REGION", "AWS_DEFAULT_REGION"}, "region");
 }
 
+std::string defaultEndpoint(const std::string& profile)
+{
+    return configuredEndpoint({Environment::ofProcess(), profile}, "s3").url;
+}
+
 std::filesystem::path defaultAuthorities(const std::string& profile)
 {
     const SourceContext context{Environment::ofProcess(), profile};

@@ -1,10 +1,9 @@
 #include "ServiceAddress.hpp"
 
 #include "CredentialsFailure.hpp"
+#include "SharedConfig.hpp"
 
 #include <storage/clients/common/KeyRules.hpp>
-
-#include <boost/algorithm/string/case_conv.hpp>
 
 #include <curl/curl.h>
 #include <fmt/format.h>
@@ -70,18 +69,15 @@ ServiceAddress parseAddress(const std::string& name, const std::string& url)
 ServiceAddress regionalAddress(
     const SourceContext& context, const std::string& service, const std::string& host, const std::string& region)
 {
-    for (const std::string& variable :
-        {"AWS_ENDPOINT_URL_" + boost::algorithm::to_upper_copy(service), std::string("AWS_ENDPOINT_URL")})
+    const ConfiguredEndpoint configured = configuredEndpoint(context, service);
+    if (!configured.url.empty())
     {
-        if (const std::string& url = context.environment[variable]; !url.empty())
+        ServiceAddress address = parseAddress(configured.namedBy, configured.url);
+        if (address.scheme != "https" && address.scheme != "http")
         {
-            ServiceAddress address = parseAddress(variable, url);
-            if (address.scheme != "https" && address.scheme != "http")
-            {
-                throw invalidCredentials(variable + " must be like https://HOST or http://HOST:PORT");
-            }
-            return address;
+            throw invalidCredentials(configured.namedBy + " must be like https://HOST or http://HOST:PORT");
         }
+        return address;
     }
     return parseAddress("the endpoint", "https://" + host + hostSuffix(region));
 }

@@ -30,10 +30,10 @@ ServiceAddress parseAddress(const std::string& name, const std::string& url);
 
 /// The address of one of the regional services that issue credentials.
 ///
-/// @param service  such as "sts": AWS_ENDPOINT_URL_STS, else AWS_ENDPOINT_URL replaces the region's own endpoint
+/// @param service  see configuredEndpoint(), which replaces the region's own endpoint
 /// @param host     the first labels of the region's own endpoint
 /// @param region   empty: the service's global endpoint
-/// @throws cloudprovider::InvalidCredentialsException as above, or when the region is not a valid name
+/// @throws cloudprovider::InvalidCredentialsException as above and there, or when the region is not a valid name
 ServiceAddress regionalAddress(
     const SourceContext& context, const std::string& service, const std::string& host, const std::string& region);
 

@@ -1,5 +1,10 @@
 #include "SharedConfig.hpp"
 
+#include "CredentialsFailure.hpp"
+
+#include <boost/algorithm/string/case_conv.hpp>
+#include <boost/algorithm/string/predicate.hpp>
+
 #include <utility>
 
 namespace storage::clients::s3
@@ -38,6 +43,15 @@ void merge(
     }
     section.where += section.where.empty() ? name : " and ";
     section.where += file.string();
+}
+
+/// The profile that is used; one without settings when neither file has it.
+const SharedSection& chosenProfile(const SharedConfig& config, const SourceContext& context)
+{
+    static const SharedSection none;
+    const std::string& name = namedProfile(context);
+    const SharedSection* const profile = config.profile(name.empty() ? "default" : name);
+    return profile == nullptr ? none : *profile;
 }
 
 } // namespace
@@ -101,10 +115,41 @@ std::string configured(
             return value;
         }
     }
-    const std::string& name = namedProfile(context);
     const SharedConfig config(context.environment);
-    const SharedSection* const profile = config.profile(name.empty() ? "default" : name);
-    return profile == nullptr ? std::string() : (*profile)[setting];
+    return chosenProfile(config, context)[setting];
+}
+
+ConfiguredEndpoint configuredEndpoint(const SourceContext& context, const std::string& service)
+{
+    const auto ignores =
+        configured(context, {"AWS_IGNORE_CONFIGURED_ENDPOINT_URLS"}, "ignore_configured_endpoint_urls");
+    if (boost::algorithm::iequals(ignores, "true"))
+    {
+        return {};
+    }
+    for (const std::string& variable :
+        {"AWS_ENDPOINT_URL_" + boost::algorithm::to_upper_copy(service), std::string("AWS_ENDPOINT_URL")})
+    {
+        if (const std::string& url = context.environment[variable]; !url.empty())
+        {
+            return {url, variable};
+        }
+    }
+    const SharedConfig config(context.environment);
+    const SharedSection& profile = chosenProfile(config, context);
+    if (const std::string& name = profile["services"]; !name.empty())
+    {
+        const SharedSection* const services = config.section("services", name);
+        if (services == nullptr)
+        {
+            throw invalidCredentials("services of " + profile.where + ": there is no section [services " + name + "]");
+        }
+        if (const std::string& url = (*services)[service + ".endpoint_url"]; !url.empty())
+        {
+            return {url, "endpoint_url of " + service + " of " + services->where};
+        }
+    }
+    return {profile["endpoint_url"], "endpoint_url of " + profile.where};
 }
 
 std::filesystem::path expandHome(const Environment& environment, const std::string& path)

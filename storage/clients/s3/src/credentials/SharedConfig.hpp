@@ -52,6 +52,21 @@ const std::string& namedProfile(const SourceContext& context);
 std::string configured(
     const SourceContext& context, std::initializer_list<const char*> variables, std::string_view setting);
 
+/// An endpoint that replaces the store's own.
+struct ConfiguredEndpoint
+{
+    std::string url = {};     ///< empty: none is configured
+    std::string namedBy = {}; ///< what names it, for errors
+};
+
+/// The endpoint of a service: that of AWS_ENDPOINT_URL_SERVICE, else AWS_ENDPOINT_URL, else endpoint_url of the service
+/// in the section that the profile's `services` names, else endpoint_url of the profile. None where
+/// AWS_IGNORE_CONFIGURED_ENDPOINT_URLS or ignore_configured_endpoint_urls is true.
+///
+/// @param service  in lower case, such as "s3"
+/// @throws cloudprovider::InvalidCredentialsException as above, and when there is no section of that name
+ConfiguredEndpoint configuredEndpoint(const SourceContext& context, const std::string& service);
+
 /// Replace "~/" at the front of a path by the home folder: a variable from a unit file has not been through a shell.
 std::filesystem::path expandHome(const Environment& environment, const std::string& path);
 

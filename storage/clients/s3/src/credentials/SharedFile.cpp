@@ -66,6 +66,7 @@ public:
         const std::size_t indent = line.find_first_not_of(blanks);
         if (indent > m_indent)
         {
+            takeNested(text);
             return {};
         }
         return text.starts_with('[') ? takeSection(text) : takeSetting(text, indent);
@@ -110,16 +111,31 @@ private:
         {
             return "a setting before the first section";
         }
-        const std::string_view value = trimmed(withoutComment(text.substr(sign + 1)));
-        m_settings->insert_or_assign(lowerCase(trimmed(text.substr(0, sign))), std::string(value));
+        m_parent = lowerCase(trimmed(text.substr(0, sign)));
         m_indent = indent;
+        keep(m_parent, text.substr(sign + 1));
         return {};
+    }
+
+    /// Lines of other forms continue a value. No setting that is used has such a value.
+    void takeNested(std::string_view text)
+    {
+        if (const std::size_t sign = text.find('='); sign != text.npos)
+        {
+            keep(m_parent + '.' + lowerCase(trimmed(text.substr(0, sign))), text.substr(sign + 1));
+        }
+    }
+
+    void keep(const std::string& name, std::string_view value)
+    {
+        m_settings->insert_or_assign(name, std::string(trimmed(withoutComment(value))));
     }
 
     const SharedFile::Kind m_kind;
     SharedSections m_sections;
     SharedSettings* m_settings = nullptr; // of the current section
-    std::size_t m_indent = noSetting;
+    std::string m_parent;                 // the setting that deeper indented lines belong to
+    std::size_t m_indent = noSetting;     // its indentation
 };
 
 [[noreturn]] void failReading(const SharedFile& file, int error)

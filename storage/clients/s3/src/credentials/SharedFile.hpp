@@ -8,7 +8,8 @@
 namespace storage::clients::s3
 {
 
-/// The values of settings by name. Names are in lower case.
+/// The values of settings by name. Names are in lower case. Those that belong to another setting, because they are
+/// indented below it, are named like "s3.endpoint_url".
 using SharedSettings = std::map<std::string, std::string, std::less<>>;
 
 /// The sections of a file by kind and name, such as "profile" and "default".
@@ -29,9 +30,8 @@ struct SharedFile
 
 /// Read a file, which consists of sections with settings `name = value`.
 ///
-/// Blank lines and lines that begin with # or ; are ignored. A value ends before a blank followed by # or ;. Lines that
-/// are indented deeper than the setting above them belong to that setting and are ignored. Sections with the same name
-/// are merged; of settings with the same name the last one is used.
+/// Blank lines and lines that begin with # or ; are ignored. A value ends before a blank followed by # or ;. Sections
+/// with the same name are merged; of settings with the same name the last one is used.
 /// @return empty when there is no such file
 /// @throws cloudprovider::InvalidCredentialsException when it cannot be read or parsed, with the file and the line
 ///         number but never the text of a line

@@ -66,8 +66,8 @@ std::shared_ptr<CredentialsSource> anonymousCredentials();
 ///    AWS_EC2_METADATA_DISABLED is true
 ///
 /// 1 and 2 are skipped when a profile is given. Roles are requested from the security token service of the default
-/// region (us-east-1 if there is none), of the global endpoint if AWS_STS_REGIONAL_ENDPOINTS is legacy, or from
-/// AWS_ENDPOINT_URL_STS, else AWS_ENDPOINT_URL; likewise AWS_ENDPOINT_URL_SSO for logins.
+/// region (us-east-1 if there is none), or of the global endpoint if AWS_STS_REGIONAL_ENDPOINTS is legacy. A configured
+/// endpoint, see defaultEndpoint(), replaces that of the services "sts" and "sso".
 ///
 /// A misconfigured source is an error and is not skipped: the next source's credentials would be those of another
 /// identity. Examples are a key without its secret, a file that cannot be read, a role that is refused, a login that
@@ -89,6 +89,14 @@ std::shared_ptr<CredentialsSource> defaultCredentials(const std::string& profile
 /// @param profile  as above; a profile that does not exist is not an error here
 /// @throws cloudprovider::InvalidCredentialsException when a shared file exists and cannot be read
 std::string defaultRegion(const std::string& profile = {});
+
+/// Return the endpoint from the variable AWS_ENDPOINT_URL_S3, else from AWS_ENDPOINT_URL, else from endpoint_url below
+/// `s3` in the section [services NAME] that `services` of the profile names, else from endpoint_url of the profile;
+/// empty if none of them names one, or if AWS_IGNORE_CONFIGURED_ENDPOINT_URLS, else ignore_configured_endpoint_urls of
+/// the profile, is true. Otherwise as defaultRegion().
+///
+/// @throws as above, and when there is no such section
+std::string defaultEndpoint(const std::string& profile = {});
 
 /// Return the PEM file with certificate authorities that the variable AWS_CA_BUNDLE names, else ca_bundle of the
 /// profile; empty if neither does. Otherwise as defaultRegion().

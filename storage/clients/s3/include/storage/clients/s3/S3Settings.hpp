@@ -80,7 +80,7 @@ struct S3Settings
 
     /// The metadata of a new file, as fields of the request: Content-Type, Cache-Control, `x-amz-meta-…`,
     /// x-amz-storage-class, x-amz-tagging and the like. Must be safe to call from any thread. Null: the Content-Type of
-    /// contentTypeOf(), if that is known.
+    /// contentTypeOf(), if that is known, and ObjectSettings::storageClass.
     std::function<ObjectMetadata(const std::string& key)> newMetadata = nullptr;
 };
 
@@ -92,11 +92,10 @@ struct S3Settings
 /// section of the shared files), `anonymous=1`, `ca-file=PATH`, `request-payer=requester`,
 /// `storage-class=NAME`, `sse=AES256`, `sse=aws:kms` or `sse=aws:kms:dsse`, `sse-key=ID`, `sse-c-key-file=PATH` (which
 /// is read now), and the endpoint's capabilities `conditional-copies=1`, `conditional-completion=1`,
-/// `conditional-writes=1`, `copies-any-key=1` and `equal-parts=1`. The endpoint defaults to the variables
-/// AWS_ENDPOINT_URL_S3 and AWS_ENDPOINT_URL, the region to defaultRegion(), else us-east-1, and the file of authorities
-/// to defaultAuthorities().
+/// `conditional-writes=1`, `copies-any-key=1` and `equal-parts=1`. The endpoint defaults to defaultEndpoint(), else the
+/// region's own, the region to defaultRegion(), else us-east-1, and the file of authorities to defaultAuthorities().
 /// @throws cloudprovider::InvalidLocationException whose detail says what is wrong; it never repeats what may be a
-///         secret; cloudprovider::InvalidCredentialsException when a shared file exists and cannot be read
+///         secret; cloudprovider::InvalidCredentialsException as defaultEndpoint()
 S3Settings parseS3Url(const std::string& url);
 
 } // namespace storage::clients::s3
