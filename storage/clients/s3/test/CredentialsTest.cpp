@@ -5,6 +5,7 @@
 #include "credentials/CredentialsSources.hpp"
 #include "credentials/RefreshingCredentials.hpp"
 #include "credentials/ServiceAddress.hpp"
+#include "credentials/SmallFile.hpp"
 
 #include <storage/clients/http/Hashing.hpp>
 #include <storage/clients/http/UriEncoding.hpp>
@@ -167,6 +168,14 @@ TEST_F(CredentialsTest, ComeFromServices)
 /// Plays the security token service and the login portal. The key id that it issues says what it was asked for.
 Reply issue(const Request& request)
 {
+    if (request.target() == "/token")
+    {
+        constexpr const char* good =
+            R"({"grantType":"refresh_token","clientId":"c","clientSecret":"S3CRET","refreshToken":"good"})";
+        const std::string lifetime = std::to_string(4118083200 - std::time(nullptr)); // until the middle of 2100
+        return {request.body() == good + std::string("\n") ? 200 : 400, {},
+            R"({"accessToken":"loginS3CRET","refreshToken":"next","expiresIn":)" + lifetime + "}"};
+    }
     if (request.target() == "/federation/credentials?account_id=1&role_name=r")
     {
         const std::string key = R"({"roleCredentials":{"accessKeyId":"id","secretAccessKey":"S3CRET","sessionToken":")";
@@ -194,13 +203,29 @@ Reply issue(const Request& request)
 
 TEST_F(CredentialsTest, ComeFromTheFirstPlaceThatHasSome)
 {
-    LoopbackServer server(issue, home / "authority.pem");
+    const auto writeLogin = [&](const std::string& name, const std::string& token, const std::string& refreshToken)
+    {
+        write(".aws/sso/cache/" + sha1Hex(name) + ".json",
+            R"({"startUrl":"u","accessToken":")" + token +
+                R"(","clientId":"c","clientSecret":"S3CRET","refreshToken":")" + refreshToken + "\"}");
+    };
+    const auto respond = [&](const Request& request)
+    {
+        if (request.body().find("late") != std::string::npos)
+        {
+            writeLogin("w", "loginS3CRET", "next"); // another program is faster
+        }
+        return issue(request);
+    };
+    LoopbackServer server(respond, home / "authority.pem");
     write("token", "webS3CRET\n");
     write("empty", "\n");
     write("printed keys", R"({"Version":1,"AccessKeyId":"id","SecretAccessKey":"S3CRET","SessionToken":"t"})");
     std::filesystem::create_directories(home / ".aws/sso/cache");
     write(".aws/sso/cache/51e69892ab49df85c6230ccc57f8e1d1606caccc.json", R"({"accessToken":"oldS3CRET"})"); // of "u"
-    write(".aws/sso/cache/" + sha1Hex("s") + ".json", R"({"accessToken":"loginS3CRET"})");
+    writeLogin("s", "oldS3CRET", "good");
+    writeLogin("v", "oldS3CRET", "revoked");
+    writeLogin("w", "oldS3CRET", "late");
     const auto program = [](const std::string& command) { return "[default]\ncredential_process = " + command + "\n"; };
     const auto role = [](const std::string& settings) { return "[default]\nrole_arn = r\n" + settings + "\n"; };
     const std::string others = "[profile k]\n" + keys + "[profile a]\nrole_arn=q\nsource_profile=k\n[profile n]\n" +
@@ -283,7 +308,10 @@ TEST_F(CredentialsTest, ComeFromTheFirstPlaceThatHasSome)
         {"later: ", "[profile d]\nrole_arn=Throttling\nsource_profile=k\n", {}, "d"},
         {"it has no keys", "[profile d]\nrole_arn=empty\nsource_profile=k\n", {}, "d"},
         {"id/S3CRET/.", login + "sso_session=s\n"},
-        {"the login has expired", login + "sso_start_url=u\n"},
+        {"id/S3CRET/.", login + "sso_session=s\n"}, // renewed only once
+        {"refuses to renew it: status 400; run \"aws sso login\"", login + "sso_start_url=v\n"},
+        {"id/S3CRET/.", login + "sso_start_url=w\n"},
+        {"has nothing to renew it with; run \"aws sso login\"", login + "sso_start_url=u\n"},
         {"there is no section [sso-session x]", login + "sso_session=x\n"},
         {"sso-session \"i\" in ", login + "sso_session=i\n"},
         {"has no sso_account_id", "[default]\nsso_session=s\n"},
@@ -309,6 +337,10 @@ TEST_F(CredentialsTest, ComeFromTheFirstPlaceThatHasSome)
         EXPECT_THAT(outcomeOf(*source(variables, row.profile, home / "authority.pem")), HasSubstr(row.expected))
             << row.config;
     }
+    const std::filesystem::path file = home / ".aws/sso/cache" / (sha1Hex("s") + ".json");
+    EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0600));
+    EXPECT_THAT(readSmallFile(file, ""),
+        testing::MatchesRegex(R"(\{"startUrl":"u",.*"refreshToken":"next","expiresAt":"2100-07-01T00:0.*Z"\})"));
     const Environment::Variables endpoint{{"AWS_ENDPOINT_URL", server.url()}, {"AWS_PROFILE", "a"}};
     EXPECT_THAT(outcomeOf(*source(endpoint)), HasSubstr("AWS_CA_BUNDLE"));
     isInterrupted = true;

@@ -4,6 +4,7 @@
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 
+#include <fmt/chrono.h>
 #include <pugixml.hpp>
 
 #include <algorithm>
@@ -98,6 +99,23 @@ IssuedCredentials readKeys(const Document& document, const char* token)
         document.get_optional<std::string>("Expiration"));
 }
 
+std::string requireToken(const Document& document)
+{
+    std::string token = textOf(document, "accessToken");
+    if (token.empty())
+    {
+        throw CredentialsDocumentError("it has no accessToken");
+    }
+    return token;
+}
+
+std::string toText(const Document& document)
+{
+    std::ostringstream stream;
+    boost::property_tree::write_json(stream, document, false);
+    return stream.str();
+}
+
 } // namespace
 
 IssuedCredentials readCredentialsDocument(const std::string& text)
@@ -142,12 +160,35 @@ IssuedCredentials readAssumedRole(const std::string& text)
 
 std::string readLogin(const std::string& text)
 {
-    std::string token = textOf(parse(text), "accessToken");
-    if (token.empty())
+    return requireToken(parse(text));
+}
+
+std::optional<std::string> renewalRequest(const std::string& text)
+{
+    const Document login = parse(text);
+    Document request;
+    request.put("grantType", "refresh_token");
+    for (const char* name : {"clientId", "clientSecret", "refreshToken"})
     {
-        throw CredentialsDocumentError("it has no accessToken");
+        const std::string value = textOf(login, name);
+        if (value.empty())
+        {
+            return std::nullopt;
+        }
+        request.put(name, value);
     }
-    return token;
+    return toText(request);
+}
+
+std::string renewedLogin(const std::string& text, const std::string& response, std::time_t now)
+{
+    Document login = parse(text);
+    const Document renewed = parse(response);
+    login.put("accessToken", requireToken(renewed));
+    login.put("expiresAt", fmt::format("{:%FT%TZ}", fmt::gmtime(now + renewed.get<std::time_t>("expiresIn", 0))));
+    // Without a new one, the old one stays valid.
+    login.put("refreshToken", renewed.get<std::string>("refreshToken", textOf(login, "refreshToken")));
+    return toText(login);
 }
 
 } // namespace storage::clients::s3

@@ -81,7 +81,8 @@ LoadResult machineCredentials(const SourceContext& context, bool& hasResponded);
 CredentialsLoader credentialsChain(SourceContext context);
 
 /// Exchange the token that a login to the portal has left in ~/.aws/sso/cache for the credentials of the profile's
-/// role. The file is read at each call. It is not renewed: when it has expired, people log in again.
+/// role. The file is read at each call. If the portal reports that the token has expired, it is renewed, if possible,
+/// and written back for the store's own tools.
 ///
 /// @param profile  has sso_session, or sso_start_url
 IssuedCredentials loginCredentials(

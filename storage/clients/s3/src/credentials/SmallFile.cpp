@@ -2,6 +2,8 @@
 
 #include "CredentialsFailure.hpp"
 
+#include <fl/filesystem.hpp>
+
 #include <cerrno>
 #include <fstream>
 #include <system_error>
@@ -39,6 +41,27 @@ std::string readSmallFile(const std::filesystem::path& path, const std::string& 
         throw refuse("it is empty");
     }
     return text;
+}
+
+void replaceSmallFile(const std::filesystem::path& path, const std::string& text)
+{
+    const std::filesystem::path copy =
+        fl::filesystem::tmpnam(path.parent_path().native(), path.filename().native(), ".tmp").native();
+    try
+    {
+        std::ofstream file;
+        file.exceptions(std::ios::badbit | std::ios::failbit);
+        file.open(copy, std::ios::binary);
+        file << text;
+        file.close();
+        std::filesystem::rename(copy, path);
+    }
+    catch (...)
+    {
+        std::error_code ignored; // the first failure is reported
+        std::filesystem::remove(copy, ignored);
+        throw;
+    }
 }
 
 } // namespace storage::clients::s3

@@ -13,4 +13,9 @@ namespace storage::clients::s3
 /// @throws cloudprovider::InvalidCredentialsException when it cannot be read, is empty, or has more than 64 KiB
 std::string readSmallFile(const std::filesystem::path& path, const std::string& role);
 
+/// Replace such a file at once. Only its owner can read the new one (mode 0600).
+///
+/// @throws std::exception when that fails; the old file remains
+void replaceSmallFile(const std::filesystem::path& path, const std::string& text);
+
 } // namespace storage::clients::s3

@@ -58,7 +58,8 @@ std::shared_ptr<CredentialsSource> anonymousCredentials();
 ///      web_identity_token_file
 ///    - aws_access_key_id and aws_secret_access_key, with aws_session_token
 ///    - sso_session, or sso_start_url and sso_region, with sso_account_id and sso_role_name: the role for the token
-///      that a login has left in ~/.aws/sso/cache
+///      that a login has left in ~/.aws/sso/cache. When it has expired, it is renewed if the file has a refresh token,
+///      and the file is replaced.
 ///    - credential_process: a program, which is started without a shell, has no terminal, and must end within a minute
 /// 4. a container's endpoint (AWS_CONTAINER_CREDENTIALS_RELATIVE_URI or AWS_CONTAINER_CREDENTIALS_FULL_URI, with
 ///    AWS_CONTAINER_AUTHORIZATION_TOKEN or the file AWS_CONTAINER_AUTHORIZATION_TOKEN_FILE)
@@ -67,13 +68,13 @@ std::shared_ptr<CredentialsSource> anonymousCredentials();
 ///
 /// 1 and 2 are skipped when a profile is given. Roles are requested from the security token service of the default
 /// region (us-east-1 if there is none), or of the global endpoint if AWS_STS_REGIONAL_ENDPOINTS is legacy. A configured
-/// endpoint, see defaultEndpoint(), replaces that of the services "sts" and "sso".
+/// endpoint, see defaultEndpoint(), replaces that of the services "sts", "sso" and "sso_oidc", which renews logins.
 ///
 /// A misconfigured source is an error and is not skipped: the next source's credentials would be those of another
 /// identity. Examples are a key without its secret, a file that cannot be read, a role that is refused, a login that
-/// has expired, and a named profile that does not exist, that has no credentials, or that needs a
-/// one-time code. If there are no credentials, that result is cached
-/// for a minute. Credentials that expire are replaced five minutes before that.
+/// has expired and cannot be renewed, and a named profile that does not exist, that has no credentials, or that needs a
+/// one-time code. If there are no credentials, that result is cached for a minute. Credentials that expire are replaced
+/// five minutes before that.
 ///
 /// Reads the variables now; no other thread may change the environment during the call. Reads files, runs programs and
 /// uses services at the first use. Programs inherit the environment that the process has then.
