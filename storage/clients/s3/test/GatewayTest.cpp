@@ -64,7 +64,7 @@ bool isCeph()
     return server != nullptr && std::string_view(server) == "ceph";
 }
 
-/// Uses virtual hosts; all other tests have the bucket in the path.
+/// Uses virtual hosts and a prefix of the bucket; all other tests have the bucket in the path, and as root.
 class S3Harness : public conformance::Harness
 {
 public:
@@ -82,13 +82,16 @@ public:
     conformance::Capabilities capabilities() const override
     {
         return {5 << 20, "", "", "an object is cut by rule", isCeph() ? "this gateway wants every part listed" : "",
-            "the store hears of an upload with its first part", ""};
+            "the store hears of an upload with its first part", "", 1'024 - prefix.size()};
     }
 
 private:
+    static inline const std::string prefix = "a +/\xC3\xA4/";
+
     CloudClientSharedPtr makeClient() const
     {
         S3Settings settings = m_bucket.settings;
+        settings.prefix = prefix;
         settings.pathStyle = false;
         settings.endpoint.replace(settings.endpoint.find("127.0.0.1"), 9, "localhost");
         return std::make_shared<S3Client>(settings);

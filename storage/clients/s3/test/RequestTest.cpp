@@ -285,6 +285,7 @@ TEST(RequestTest, StaysBelowThePrefixAndDoesNotShowIt)
     EXPECT_EQ(store.listUploads("").uploads.at(0).key, "a") << "q is not listed";
     EXPECT_THAT(failureOf([&] { putObject(store, "a", "content"); }), HasSubstr("putObject of \"a\" failed"));
     EXPECT_EQ(store.abilities("a").maxTakeSize, 0U);
+    EXPECT_THAT(failureOf([&] { putObject(store, std::string(1'022, 'k'), "content"); }), HasSubstr("at most 1024"));
 }
 
 } // namespace

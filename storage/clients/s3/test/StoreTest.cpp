@@ -295,6 +295,10 @@ TEST(StoreTest, SendsTheSettingsOfObjectsWhereTheyBelong)
              store.takePart("key", "id", 1, {"tag", 2}, {0, 2});
          },
             "  a2V5 a2V5 "},
+        {[](S3Store& store) {
+             putObject(store, "key", "content", {}, {{"x-amz-tagging-count", "1"}});
+         },
+            "    "},
         {[](S3Store& store) { store.abortUpload("key", "id"); }, "    "},
         {[](S3Store& store) { store.listObjects("", "", {}); }, "    "}};
     LoopbackServer server([](const Request&) { return Reply{.fields = {{"ETag", "tag"}}}; });

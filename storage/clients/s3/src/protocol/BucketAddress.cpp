@@ -123,6 +123,12 @@ std::string BucketAddress::host() const
 
 std::string BucketAddress::path(std::string_view key) const
 {
+    if (key.size() + m_prefix.size() > maxKeyBytes)
+    {
+        throw cloudprovider::InvalidLocationException("Invalid name",
+            fmt::format("key {} is refused: it has {} bytes and the prefix of the store {}, at most {} are allowed",
+                quoted(std::string(key)), key.size(), m_prefix.size(), maxKeyBytes));
+    }
     return m_basePath + (m_pathStyle ? "/" + uriEncode(m_label) : "") + "/" +
            (key.empty() ? "" : uriEncodePath(m_prefix + std::string(key)));
 }

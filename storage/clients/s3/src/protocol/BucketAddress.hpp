@@ -27,6 +27,7 @@ public:
     std::string host() const;
 
     /// The encoded path of a key; of the bucket itself when the key is empty.
+    /// @throws cloudprovider::InvalidLocationException when the key is too long with the prefix
     std::string path(std::string_view key) const;
 
     /// The encoded name of an object as the source of a copy.

@@ -138,6 +138,10 @@ void Requester::addSettings(const S3Request& request, HttpHeaders& headers) cons
         headers.add(prefix + "key-MD5", toBase64(md5(m_objects.customerKey)));
     };
     add("x-amz-request-payer", m_objects.requesterPays ? "requester" : "");
+    if (!request.query.empty() && request.query.front().first == "tagging")
+    {
+        return; // tags are not encrypted
+    }
     if (request.operation == Operation::PutObject || request.operation == Operation::CreateMultipartUpload)
     {
         add("x-amz-server-side-encryption", m_objects.encryption);

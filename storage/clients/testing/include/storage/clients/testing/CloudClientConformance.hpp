@@ -30,6 +30,7 @@ struct Capabilities
     std::string noUnlistedParts;      ///< why completeMultipartUpload() must list every part that was sent
     std::string noSharedUploads; ///< why only the instance that began an upload can use it, also once it has a part
     std::string noVersionPins;   ///< why a file that was opened may be read or patched in another version
+    std::size_t maxKeyBytes = 1'024;
 };
 
 /// One store, empty when the harness is made. Destroying the harness removes the store.
