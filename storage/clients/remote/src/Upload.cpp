@@ -153,12 +153,20 @@ bool Upload::isOnTheWay(std::size_t index) const
 /// @return 0: there is no suitable number
 std::size_t Upload::numberFor(const cloudprovider::PartInfo& part, const StoreAbilities& store) const
 {
+    const auto isSent = [](const auto& entry) { return entry.second.place == PartPlace::Uploaded; };
+    if (store.equalParts) // the plan keeps parts of one size, which begin at multiples of it
+    {
+        const bool fits =
+            part.Index < store.maxParts && part.Offset == part.Index * part.Size &&
+            std::ranges::all_of(m_parts, [&](const auto& entry)
+                { return entry.first == part.Index || !isSent(entry) || entry.second.size == part.Size; });
+        return fits ? part.Index + 1 : 0;
+    }
     // In a file that had content, there may be more parts than the store accepts. But the plan never needs more of them
     // for the bytes before this part than have the minimum size.
-    const bool isOneToOne = m_isNew || store.equalParts;
     const std::size_t number =
-        isOneToOne ? part.Index + 1 : std::min<std::size_t>(part.Index, part.Offset / store.minPartSize) + 1;
-    if (number > store.maxParts || isOneToOne)
+        m_isNew ? part.Index + 1 : std::min<std::size_t>(part.Index, part.Offset / store.minPartSize) + 1;
+    if (number > store.maxParts || m_isNew)
     {
         return number > store.maxParts ? 0 : number;
     }
@@ -169,7 +177,6 @@ std::size_t Upload::numberFor(const cloudprovider::PartInfo& part, const StoreAb
     // The bytes between two sent parts, which are sent or copied later, must be none or enough for a part.
     const auto leavesRoom = [&](std::uint64_t end, std::uint64_t begin)
     { return end == begin || (end < begin && begin - end >= store.minPartSize); };
-    const auto isSent = [](const auto& entry) { return entry.second.place == PartPlace::Uploaded; };
     const auto next = m_parts.upper_bound(part.Index);
     const auto following = std::find_if(next, m_parts.end(), isSent);
     const auto preceding =

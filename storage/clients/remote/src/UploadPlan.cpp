@@ -229,32 +229,49 @@ private:
     std::vector<PlannedPart> m_parts; // not split yet
 };
 
-/// Plan each part of the file on its own.
-std::vector<PlannedPart> planEqual(const std::vector<FilePart>& file, const StoreAbilities& store)
+/// Plan parts of one size; only the last one may be smaller.
+std::vector<PlannedPart> planEqual(
+    const std::vector<FilePart>& file, std::uint64_t fileSize, const StoreAbilities& store)
 {
+    const auto isUploaded = [](const FilePart& part) { return part.place == PartPlace::Uploaded; };
+    const auto setting = std::find_if(file.begin(), file.end(), isUploaded);
+    const bool isSet = setting != file.end() && setting + 1 != file.end();
+    const std::uint64_t size = isSet ? setting->size
+                                     : std::max({store.minPartSize, file.empty() ? 0 : file.front().size,
+                                           (fileSize + store.maxParts - 1) / store.maxParts});
     std::vector<PlannedPart> parts;
+    Segments pending;
+    std::uint64_t pendingSize = 0;
+    const auto add = [&](std::uint64_t partSize)
+    {
+        Segments bytes = takeFront(pending, partSize);
+        pendingSize -= partSize;
+        const bool isCopied = bytes.size() == 1 && bytes[0].place == PartPlace::Object && partSize <= store.maxTakeSize;
+        parts.push_back({parts.size() + 1, isCopied ? How::Copy : How::Send, partSize, std::move(bytes)});
+    };
     for (const FilePart& part : file)
     {
-        const bool isCopied = part.place == PartPlace::Object && part.size > 0 && part.size <= store.maxTakeSize;
-        PlannedPart planned{part.index + 1, isCopied ? How::Copy : How::Send, part.size, {}};
-        if (part.place == PartPlace::Uploaded)
+        if (isUploaded(part))
         {
-            planned.how = How::Keep;
+            const bool fits = part.size == size || (&part == &file.back() && part.size <= size);
+            if (!fits || pendingSize > 0 || part.number != parts.size() + 1)
+            {
+                refuse(fmt::format("part {} was sent with {} bytes; every part but the last must have {} bytes",
+                    part.number, part.size, size));
+            }
+            parts.push_back({part.number, How::Keep, part.size, {}});
+            continue;
         }
-        else
+        append(pending, bytesOf(part));
+        pendingSize += part.size;
+        while (pendingSize >= size)
         {
-            append(planned.bytes, bytesOf(part));
+            add(size);
         }
-        parts.push_back(std::move(planned));
     }
-    for (std::size_t i = 1; i < parts.size(); ++i)
+    if (pendingSize > 0 || parts.empty())
     {
-        const bool isLast = i + 1 == parts.size();
-        if (isLast ? parts[i].size > parts[0].size : parts[i].size != parts[0].size)
-        {
-            refuse(fmt::format("part {} has {} bytes; every part but the last must have {} bytes, like the first",
-                parts[i].number, parts[i].size, parts[0].size));
-        }
+        add(pendingSize);
     }
     return parts;
 }
@@ -308,7 +325,7 @@ UploadPlan planUpload(const std::vector<FilePart>& file, const StoreAbilities& s
     {
         refuse(fmt::format("the object would have {} bytes; the maximum is {}", plan.size, store.maxObjectSize));
     }
-    plan.parts = store.equalParts ? planEqual(file, store) : planJoined(file, store);
+    plan.parts = store.equalParts ? planEqual(file, plan.size, store) : planJoined(file, store);
     if (plan.parts.back().number > store.maxParts)
     {
         refuse(

@@ -63,13 +63,16 @@ struct UploadPlan
     std::vector<PlannedPart> parts;
     std::uint64_t size = 0; ///< bytes of the new object
     bool hasCopies = false;
+
+    bool operator==(const UploadPlan&) const = default;
 };
 
 /// Plan as few requests as possible, of the kinds that the store allows, that make an object of these parts.
 ///
 /// Adjacent unchanged parts become one copy. Bytes that the store would refuse as a part of their own because they are
 /// too few, such as a small changed part or the unchanged bytes between two of them, are sent together with their
-/// neighbours.
+/// neighbours. If the store wants parts of equal size, all bytes are cut at multiples of one size, which is that of the
+/// parts that were uploaded.
 /// @throws cloudprovider::UnsupportedOperationException when the limits of the store make an upload impossible
 UploadPlan planUpload(const std::vector<FilePart>& file, const StoreAbilities& store);
 

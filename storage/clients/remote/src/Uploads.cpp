@@ -115,7 +115,7 @@ std::string Uploads::send(const std::string& key, const std::string& id, const P
             fmt::format("{} cannot have a part {}: the store accepts at most {} parts; write it in larger parts",
                 quoted(key), part.Index + 1, store.maxParts));
     }
-    const bool isWhole = part.Size >= store.minPartSize || store.equalParts;
+    const bool isWhole = part.Size >= store.minPartSize;
     const auto bytes = isWhole ? std::make_shared<PartBytes>(m_memory, part.Size) : nullptr;
     if (const auto failure = upload->outage().failure(m_retry.now()))
     {
@@ -349,23 +349,50 @@ void Uploads::complete(const std::string& key, const std::string& id, const std:
 std::string Uploads::assembleObject(Upload& upload, const std::vector<PartInfo>& parts)
 {
     Completion completion = prepare(upload, parts);
-    std::optional<std::vector<NumberedTag>> tags;
     for (;;)
     {
-        transferParts(upload, completion);
-        upload.waitUntilIdle();
-        tags = tagsOf(upload, completion);
-        if (tags)
+        try
         {
-            break;
+            transferParts(upload, completion);
+            upload.waitUntilIdle();
+            if (const auto tags = tagsOf(upload, completion))
+            {
+                return replaceObject(upload, completion, *tags);
+            }
         }
-        completion = prepare(upload, parts); // a part that was on the way has failed and is in the spool now
+        catch (const UnsupportedOperationException&)
+        {
+            if (!hasOtherPlan(upload, parts, completion.plan))
+            {
+                throw;
+            }
+        }
+        // A part that was on the way has failed and is in the spool now, or the store has shown what it cannot do.
+        completion = prepare(upload, parts);
     }
+}
+
+/// Whether there is another plan for these parts now. False: also if there is none because bytes are not here any more.
+bool Uploads::hasOtherPlan(Upload& upload, const std::vector<PartInfo>& parts, const UploadPlan& plan)
+{
+    try
+    {
+        return prepare(upload, parts).plan != plan;
+    }
+    catch (const UnsupportedOperationException&)
+    {
+        return false;
+    }
+}
+
+/// @return the new object's tag
+std::string Uploads::replaceObject(Upload& upload, const Completion& completion, const std::vector<NumberedTag>& parts)
+{
     // Not before the transfers: they may take minutes and change no object, and a read that finds another version
     // waits.
     VersionPins::Write write(m_pins, upload.key());
     std::string tag = m_retry.run(
-        request(Operation::CompleteMultipartUpload, upload), [&] { return finish(upload, completion, *tags); });
+        request(Operation::CompleteMultipartUpload, upload), [&] { return finish(upload, completion, parts); });
     if (!tag.empty())
     {
         write.succeeded({tag, completion.plan.size, upload.metadata()});

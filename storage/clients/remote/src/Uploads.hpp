@@ -86,6 +86,8 @@ private:
     void abortForeign(const std::string& key, const std::string& storeId);
     Completion prepare(Upload& upload, const std::vector<cloudprovider::PartInfo>& parts);
     std::string assembleObject(Upload& upload, const std::vector<cloudprovider::PartInfo>& parts);
+    bool hasOtherPlan(Upload& upload, const std::vector<cloudprovider::PartInfo>& parts, const UploadPlan& plan);
+    std::string replaceObject(Upload& upload, const Completion& completion, const std::vector<NumberedTag>& parts);
     void transferParts(Upload& upload, const Completion& completion);
     std::string transferPart(Upload& upload, const PlannedPart& part, const Version& source);
     std::optional<std::vector<NumberedTag>> tagsOf(const Upload& upload, const Completion& completion) const;

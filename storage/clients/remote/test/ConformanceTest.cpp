@@ -22,11 +22,12 @@ using test::StoreRequest;
 
 constexpr StoreAbilities everything{2'000, 1'000, 1U << 20U, 80'000, false, true, true, true, true};
 constexpr StoreAbilities noConditions{.minPartSize = 2'000, .maxTakeSize = 80'000};
-constexpr StoreAbilities noTakes{.minPartSize = 2'000, .maxTakeSize = 0, .conditionalCompletion = true};
+constexpr StoreAbilities equalParts{
+    .minPartSize = 2'000, .maxTakeSize = 80'000, .equalParts = true, .conditionalCompletion = true};
 
 /// A store with small and empty pages. Either every third request fails, or tags are hashes, so that an object may get
 /// a tag again that it had before; not both: after a lost response, two writers of the same bytes could not be told
-/// apart.
+/// apart. A store whose requests do not fail refuses to take parts, although it is said to do so.
 class RemoteHarness : public conformance::Harness
 {
 public:
@@ -35,6 +36,7 @@ public:
     {
         m_bucket->abilities = abilities;
         m_bucket->tagsAreHashes = !isFaulty;
+        m_bucket->refusesTakes = !isFaulty;
         m_bucket->pageSize = 3;
         m_bucket->emptyPages = 2;
         m_bucket->faults = [isFaulty](const StoreRequest& request)
@@ -82,7 +84,7 @@ private:
 
 CLOUD_CLIENT_CONFORMANCE(Remote, [] { return std::make_unique<RemoteHarness>(8, everything); });
 CLOUD_CLIENT_CONFORMANCE(RemoteWithoutThreads, [] { return std::make_unique<RemoteHarness>(1, noConditions); });
-CLOUD_CLIENT_CONFORMANCE(RemoteWithoutTakes, [] { return std::make_unique<RemoteHarness>(8, noTakes, false); });
+CLOUD_CLIENT_CONFORMANCE(RemoteWithEqualParts, [] { return std::make_unique<RemoteHarness>(8, equalParts, false); });
 
 } // namespace
 

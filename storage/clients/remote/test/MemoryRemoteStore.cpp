@@ -66,7 +66,11 @@ public:
     {
     }
 
-    StoreAbilities abilities(const std::string&) const override { return m_bucket->abilities; }
+    StoreAbilities abilities(const std::string&) const override
+    {
+        const std::lock_guard lock(m_bucket->m_mutex);
+        return m_bucket->abilities;
+    }
 
     std::optional<StoredObject> findObject(const std::string& key) override
     {
@@ -165,8 +169,9 @@ public:
         const ByteRange& range) override
     {
         const Request request(*m_bucket, {"takePart", key, range});
-        if (m_bucket->abilities.maxTakeSize == 0)
+        if (m_bucket->refusesTakes)
         {
+            m_bucket->abilities.maxTakeSize = 0;
             throw UnsupportedOperationException("takePart");
         }
         checkVersion(key, source.tag, m_bucket->abilities.conditionalTakes);
@@ -184,6 +189,14 @@ public:
         require(!parts.empty(), "no parts");
         std::string content;
         std::size_t number = 0;
+        const auto sizeOf = [&](const NumberedTag& part) { return upload.parts.at(part.first).content.size(); };
+        const bool areEqual = std::ranges::all_of(parts, [&](const NumberedTag& part)
+            { return sizeOf(part) == sizeOf(parts[0]) || (part == parts.back() && sizeOf(part) < sizeOf(parts[0])); });
+        if ((m_bucket->refusesUnequalParts || m_bucket->abilities.equalParts) && !areEqual)
+        {
+            require(!std::exchange(m_bucket->abilities.equalParts, true), "unequal parts although they are excluded");
+            throw UnsupportedOperationException("unequal parts");
+        }
         for (const auto& [listed, tag] : parts)
         {
             const auto part = upload.parts.find(listed);

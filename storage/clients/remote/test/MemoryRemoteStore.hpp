@@ -54,9 +54,11 @@ public:
 
     // Change these while no request runs.
     StoreAbilities abilities{1, 10'000, 1U << 30U, 1U << 20U, false, true, true, true, true};
-    bool tagsAreHashes = true;    ///< the tags of objects can be computed, else they cannot
-    std::size_t pageSize = 1'000; ///< maximum entries of a page
-    unsigned emptyPages = 0;      ///< before each page of a listing
+    bool refusesTakes = false;        ///< whatever `abilities` say, until a refusal has changed them
+    bool refusesUnequalParts = false; ///< likewise
+    bool tagsAreHashes = true;        ///< the tags of objects can be computed, else they cannot
+    std::size_t pageSize = 1'000;     ///< maximum entries of a page
+    unsigned emptyPages = 0;          ///< before each page of a listing
     /// Called without a lock before each request. It may block, change the bucket, throw, and return a fault.
     std::function<std::optional<Fault>(const StoreRequest& request)> faults;
 

@@ -233,12 +233,15 @@ TEST_F(RemoteClientTest, EndsWithTheOldOrTheNewObjectWhateverFails)
         bool isRequired;    // the version before the call
         bool hasConditions; // the store compares versions itself
         bool knowsTags;
+        bool takes = true; // else it refuses to
     } kinds[] = {{1, true, true, true}, {1, true, false, true}, {4, false, true, true}, {4, true, false, false},
-        {1, false, true, false}};
+        {1, false, true, false}, {4, false, true, true, false}};
     int faultedRuns = 0;
-    for (const auto& [transfers, isRequired, hasConditions, knowsTags] : kinds)
+    for (const auto& [transfers, isRequired, hasConditions, knowsTags, takes] : kinds)
     {
         setConditions(hasConditions);
+        bucket->refusesTakes = !takes;
+        bucket->abilities.minPartSize = takes ? 100 : 1'000;
         bucket->tagsAreHashes = knowsTags;
         for (const auto& row : rows)
         {
@@ -250,6 +253,7 @@ TEST_F(RemoteClientTest, EndsWithTheOldOrTheNewObjectWhateverFails)
                     SCOPED_TRACE(Message() << row.name << ", " << name << " at request " << request << ", kind "
                                            << transfers << isRequired << hasConditions << knowsTags);
                     bucket->put("k", row.before);
+                    bucket->abilities.maxTakeSize = takes ? 1'000 : 2'000;
                     fail("", fault, request, request + count - 1);
                     open(transfers);
                     bucket->takeRequests();
@@ -563,6 +567,29 @@ TEST_F(RemoteClientTest, ALostRaceHasAKnownOutcomeWhileTheUploadIsOpen)
         bucket->faults = {};
         bucket->put("k", "x");
     }
+}
+
+TEST_F(RemoteClientTest, MakesEqualPartsWhenTheStoreRefusesOthers)
+{
+    bucket->refusesUnequalParts = true;
+    bucket->put("k", old);
+    open(4);
+    EXPECT_TRUE(failureOf(
+        [&] {
+            putParts(*client, "k", {content(200, 1), content(300, 2), "end"});
+        }))
+        << "bytes that were sent in unequal parts are not here any more";
+    EXPECT_EQ(bucket->content("k"), old);
+    bucket->abilities.equalParts = false;
+    patch(*client, "k", 1'000, content(90, 3));
+    bucket->takeRequests();
+    patch(*client, "k", 2'000, content(90, 4));
+    EXPECT_EQ(bucket->count("completeUpload"), 1U) << "it is remembered";
+    EXPECT_EQ(bucket->count("takePart"), 27U); // 30 parts, of which 3 have changed bytes
+    EXPECT_EQ(
+        bucket->content("k"), std::string(old).replace(1'000, 90, content(90, 3)).replace(2'000, 90, content(90, 4)));
+    putParts(*client, "new", {content(200, 1), content(300, 2), content(200, 3), "end"});
+    EXPECT_EQ(bucket->content("new"), content(200, 1) + content(300, 2) + content(200, 3) + "end");
 }
 
 TEST_F(RemoteClientTest, KnowsThePartsOfTheLastUploads)

@@ -116,11 +116,12 @@ TEST(UploadPlanTest, KeepsToEveryLimitAndLosesNoByte)
         std::uint64_t objectEnd = 0;
         std::uint64_t largest = 0;
         std::uint64_t total = 0;
+        const bool hasSent = roll(3) > 0;
         const std::size_t count = 1 + roll(isLegal ? std::min<std::uint64_t>(store.maxParts - 1, 30) : 30);
         for (std::size_t i = 0; i < count; ++i)
         {
-            const auto place = static_cast<PartPlace>(roll(9) < 6 ? 2 : roll(1));
-            const bool isUncommon = roll(3) == 0 && !store.equalParts;
+            const auto place = static_cast<PartPlace>(roll(9) < 6 ? 2 : hasSent ? roll(1) : 1);
+            const bool isUncommon = roll(3) == 0 && (!store.equalParts || !hasSent);
             const std::uint64_t size = i + 1 == count ? roll(common) : isUncommon ? min + roll(more) : common;
             file.push_back({i, place, size, objectEnd, i + 1});
             objectEnd += size + (roll(9) == 0 ? 1 : 0); // ranges need not touch

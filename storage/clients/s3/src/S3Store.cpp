@@ -7,6 +7,9 @@
 #include <storage/clients/http/Times.hpp>
 #include <storage/clients/http/UriEncoding.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
+#include <storage/cloudprovider/Logger.hpp>
+
+#include <foundation/log/Severity.hpp>
 
 #include <boost/algorithm/string/predicate.hpp>
 #include <fmt/format.h>
@@ -38,6 +41,18 @@ void removePrefix(std::vector<Listed>& listed, const std::string& prefix)
     }
 }
 
+/// Whether the endpoint has refused a request as one that it does not implement or understand.
+bool isNotKnown(const CloudException& failure)
+{
+    return dynamic_cast<const UnsupportedOperationException*>(&failure) != nullptr ||
+           dynamic_cast<const NotUnderstood*>(&failure) != nullptr;
+}
+
+void warn(const std::string& text)
+{
+    getLogger().write(foundation::log::severity::warning, text);
+}
+
 } // namespace
 
 S3Store::S3Store(const S3Settings& settings)
@@ -51,14 +66,16 @@ S3Store::S3Store(const S3Settings& settings)
 
 StoreAbilities S3Store::abilities(const std::string& key) const
 {
-    StoreAbilities abilities{.equalParts = m_capabilities.equalParts,
-        .conditionalTakes = m_capabilities.conditionalCopies && !m_comparesOtherTags,
+    StoreAbilities abilities{.equalParts = m_capabilities.equalParts || m_refusesUnequalParts,
+        .conditionalTakes = m_capabilities.conditionalCopies && !m_refusesCopyConditions,
         .conditionalWrites = m_capabilities.conditionalWrites,
         .conditionalCreation = m_capabilities.conditionalWrites,
         .conditionalCompletion = m_capabilities.conditionalCompletion};
-    if (!m_capabilities.copiesAnyKey && (m_prefix + key).find('%') != std::string::npos)
+    // A store that decodes the name twice would silently copy another object.
+    const bool mayCopyOther = !m_capabilities.copiesAnyKey && (m_prefix + key).find('%') != std::string::npos;
+    if (mayCopyOther || m_refusesCopies)
     {
-        abilities.maxTakeSize = 0; // a store that decodes the name twice would silently copy another object
+        abilities.maxTakeSize = 0;
     }
     return abilities;
 }
@@ -162,8 +179,7 @@ std::string S3Store::putObject(
     S3Request request{Operation::PutObject, key, "PUT"};
     request.headers = headersFor(request, metadata);
     request.body = &body;
-    return sendWrite(request, condition, m_capabilities.conditionalWrites,
-        [&] { return m_requester.sentTag(request, m_requester.send(request)); });
+    return sendWrite(request, condition, [&] { return m_requester.sentTag(request, m_requester.send(request)); });
 }
 
 /// What a request sends, so that the new object has this metadata. If the object that it replaces has tags, they are
@@ -192,35 +208,42 @@ HttpHeaders S3Store::headersFor(const S3Request& write, const ObjectMetadata& me
     return headers;
 }
 
-/// Send a request that replaces an object.
+/// Send a request that replaces or deletes an object.
 ///
-/// An endpoint that knows no conditions on writes may refuse `If-None-Match` as not implemented, or as a bad request.
-/// It gets the request again without it, unless conditionalWrites is set: then nobody has looked for the object before.
-/// @param canMatch  the endpoint knows `If-Match` on this request
+/// An endpoint that knows no conditions on writes may refuse them as not implemented, or as a bad request. If the
+/// settings say that it knows them, nobody has looked for the object before, so the write fails. Otherwise the endpoint
+/// only gets `If-None-Match`, and the request again without it.
 std::string S3Store::sendWrite(
-    S3Request& request, const WriteCondition& condition, bool canMatch, const std::function<std::string()>& send)
+    S3Request& request, const WriteCondition& condition, const std::function<std::string()>& send)
 {
-    if (condition && !condition->empty() && canMatch)
+    const bool mustCreate = condition && condition->empty();
+    const bool isReplacing = request.operation == Operation::CompleteMultipartUpload && !mustCreate;
+    const bool isTrusted = isReplacing ? m_capabilities.conditionalCompletion : m_capabilities.conditionalWrites;
+    if (!condition || (!mustCreate && !isTrusted))
     {
-        request.headers.add("If-Match", quotedTag(*condition));
+        return send();
     }
-    if (condition && condition->empty())
+    const HttpHeaders unconditional = request.headers;
+    mustCreate ? request.headers.add("If-None-Match", "*") : request.headers.add("If-Match", quotedTag(*condition));
+    try
     {
-        const HttpHeaders unconditional = request.headers;
-        request.headers.add("If-None-Match", "*");
-        try
+        return send();
+    }
+    catch (const CloudException& failure)
+    {
+        if (!isNotKnown(failure))
         {
-            return send();
+            throw;
         }
-        catch (const UnsupportedOperationException&)
+        if (isTrusted)
         {
-            m_capabilities.conditionalWrites ? throw : request.headers = unconditional;
-        }
-        catch (const NotUnderstood&)
-        {
-            m_capabilities.conditionalWrites ? throw : request.headers = unconditional;
+            throw UnsupportedOperationException(
+                fmt::format("{}; if the endpoint does not implement {}, remove {}=1 from the store's URL",
+                    failure.detail().value_or(failure.what()), mustCreate ? "If-None-Match" : "If-Match",
+                    isReplacing ? "conditional-completion" : "conditional-writes"));
         }
     }
+    request.headers = unconditional;
     return send();
 }
 
@@ -232,16 +255,17 @@ void S3Store::deleteObject(const std::string& key, const WriteCondition& conditi
         findObject(key) ? throwObjectChanged(m_requester.contextOf(request)) : void();
         return;
     }
-    if (condition && m_capabilities.conditionalWrites)
-    {
-        request.headers.add("If-Match", quotedTag(*condition));
-    }
-    const HttpResponse response = m_requester.send(request, {404});
-    if (response.status == 404)
-    {
-        requireMissingKey(request, response);
-        condition ? throwObjectChanged(m_requester.contextOf(request), response.wasSentTwice) : void();
-    }
+    sendWrite(request, condition,
+        [&]
+        {
+            const HttpResponse response = m_requester.send(request, {404});
+            if (response.status == 404)
+            {
+                requireMissingKey(request, response);
+                condition ? throwObjectChanged(m_requester.contextOf(request), response.wasSentTwice) : void();
+            }
+            return std::string();
+        });
 }
 
 ListingPage S3Store::listObjects(const std::string& prefix, const std::string& token, const ListOptions& options)
@@ -288,33 +312,69 @@ std::string S3Store::takePart(const std::string& key, const std::string& uploadI
 {
     S3Request request{Operation::CopyPart, key, "PUT"};
     request.query = {{"partNumber", std::to_string(number)}, {"uploadId", uploadId}};
-    request.headers.add("x-amz-copy-source", m_requester.copySource(key));
     if (range.size < source.size) // stores refuse ranges of small objects, which must be copied whole
     {
         request.headers.add("x-amz-copy-source-range", rangeField(range));
     }
-    request.serverSideWork = true;
     request.serverSideBytes = range.size * m_transfers; // as many copies of about this size may be running
-    if (m_comparesOtherTags)
+    return sendCopy(request, source);
+}
+
+/// Send a request that copies from the version, which the endpoint compares if it can.
+///
+/// An endpoint that does not know the condition, or copies of parts at all, refuses both as not implemented or as a bad
+/// request, or stores an empty part. What it refuses is remembered.
+std::string S3Store::sendCopy(S3Request request, const Version& source)
+{
+    request.headers.add("x-amz-copy-source", m_requester.copySource(request.key));
+    request.serverSideWork = true;
+    const auto send = [this](const S3Request& copy)
     {
-        return m_requester.sendAndRead(request, readCopiedPart);
-    }
-    S3Request pinned = request;
-    pinned.headers.add("x-amz-copy-source-if-match", quotedTag(source.tag));
-    try
+        return m_requester.sendAndRead(copy,
+            [&](const std::string& document)
+            {
+                return document.empty() ? throw UnsupportedOperationException(m_requester.contextOf(copy).action +
+                                                                              " failed: the store has copied nothing")
+                                        : readCopiedPart(document);
+            });
+    };
+    for (bool isConditional = !m_refusesCopyConditions;; isConditional = false)
     {
-        return m_requester.sendAndRead(pinned, readCopiedPart);
-    }
-    catch (const PreconditionFailed&)
-    {
-        const auto object = findObject(key);
-        if (!object || object->version.tag != source.tag)
+        S3Request copy = request;
+        isConditional ? copy.headers.add("x-amz-copy-source-if-match", quotedTag(source.tag)) : void();
+        try
         {
-            throw;
+            std::string tag = send(copy);
+            if (!isConditional && !m_refusesCopyConditions.exchange(true) && m_capabilities.conditionalCopies)
+            {
+                warn("the endpoint refuses conditions on part copies, so versions are looked up instead; remove "
+                     "conditional-copies=1 from the store's URL");
+            }
+            return tag;
+        }
+        catch (const CloudException& failure)
+        {
+            const bool isOtherVersion = dynamic_cast<const PreconditionFailed*>(&failure) != nullptr;
+            if (!isOtherVersion && !isNotKnown(failure))
+            {
+                throw;
+            }
+            const auto object = findObject(request.key); // fails if the request was refused for another reason
+            if (!object || object->version.tag != source.tag)
+            {
+                throwObjectChanged(m_requester.contextOf(copy));
+            }
+            if (!isConditional)
+            {
+                const std::string reason = failure.detail().value_or(failure.what());
+                m_refusesCopies.exchange(true)
+                    ? void()
+                    : warn("the endpoint does not copy parts, so unchanged bytes are downloaded and uploaded: " +
+                           reason);
+                throw UnsupportedOperationException(reason);
+            }
         }
     }
-    m_comparesOtherTags = true;
-    return m_requester.sendAndRead(request, readCopiedPart);
 }
 
 std::string S3Store::completeUpload(const std::string& key, const std::string& uploadId,
@@ -325,8 +385,18 @@ std::string S3Store::completeUpload(const std::string& key, const std::string& u
     request.query = {{"uploadId", uploadId}};
     request.body = &body;
     request.serverSideWork = true;
-    return sendWrite(request, condition, m_capabilities.conditionalCompletion,
-        [&] { return m_requester.sendAndRead(request, readCompletion); });
+    try
+    {
+        return sendWrite(request, condition, [&] { return m_requester.sendAndRead(request, readCompletion); });
+    }
+    catch (const UnequalParts&)
+    {
+        m_refusesUnequalParts.exchange(true)
+            ? void()
+            : warn("the endpoint wants parts of equal size; set equal-parts=1 in the store's URL, so that files are "
+                   "written with fewer requests and less temporary space");
+        throw;
+    }
 }
 
 void S3Store::abortUpload(const std::string& key, const std::string& uploadId)

@@ -47,9 +47,10 @@ public:
 private:
     bool existsByGet(S3Request request);
     void requireMissingKey(const S3Request& request, const HttpResponse& response);
+    std::string sendCopy(S3Request request, const Version& source);
     HttpHeaders headersFor(const S3Request& write, const ObjectMetadata& metadata);
     std::string sendWrite(
-        S3Request& request, const WriteCondition& condition, bool canMatch, const std::function<std::string()>& send);
+        S3Request& request, const WriteCondition& condition, const std::function<std::string()>& send);
 
     Requester m_requester;
     const std::string m_prefix; // of all keys; the requester adds it to those of requests
@@ -57,8 +58,10 @@ private:
     const std::size_t m_transfers; // requests that may be running at a time
     const bool m_hasHashesAsTags;  // an object that is encrypted with somebody's key has none
     /// The endpoint has refused to copy the version that it shows: some compare `x-amz-copy-source-if-match` with
-    /// another tag of objects that are made of parts.
-    std::atomic<bool> m_comparesOtherTags = false;
+    /// another tag of objects that are made of parts, others do not implement it.
+    std::atomic<bool> m_refusesCopyConditions = false;
+    std::atomic<bool> m_refusesCopies = false;       // of parts
+    std::atomic<bool> m_refusesUnequalParts = false; // in a completion
 };
 
 } // namespace storage::clients::s3

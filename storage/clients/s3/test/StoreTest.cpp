@@ -4,6 +4,7 @@
 #include <storage/clients/remote/RemoteFailures.hpp>
 #include <storage/clients/s3/S3Client.hpp>
 #include <storage/clients/testing/ClientCalls.hpp>
+#include <storage/cloudprovider/Logger.hpp>
 
 #include <gmock/gmock.h>
 
@@ -224,16 +225,31 @@ TEST(ConditionTest, IsLeftOutWhereAStoreWithoutItRefusesIt)
         {Reply::error(400, "EntityTooSmall"), false}};
     for (const auto& [refusal, refusesCondition] : refusals)
     {
-        for (const Write& write : {writes[0], writes[1]})
+        for (const Write& write : writes)
         {
             for (const bool isTrusted : {true, false})
             {
                 SCOPED_TRACE(testing::Message() << write.name << ' ' << isTrusted << refusal.body);
                 ConditionalStore server{refusal};
                 S3Store store(server.settings(isTrusted));
-                const bool isStored = refusesCondition && !isTrusted;
-                EXPECT_EQ(failureOf([&] { write.send(store, ""); }).empty(), isStored);
-                EXPECT_EQ(server.stored, isStored ? write.result : 0);
+                const auto expectRemedy = [&, isNamed = refusesCondition && isTrusted](
+                                              const std::string& failure, const std::string& parameter)
+                { EXPECT_EQ(failure.find("remove " + parameter + "=1 ") != failure.npos, isNamed) << failure; };
+                if (write.result != 0)
+                {
+                    const bool isStored = refusesCondition && !isTrusted;
+                    const std::string failure = failureOf([&] { write.send(store, ""); });
+                    EXPECT_EQ(failure.empty(), isStored);
+                    expectRemedy(failure, "conditional-writes");
+                    EXPECT_EQ(server.stored, isStored ? write.result : 0);
+                }
+                if (isTrusted)
+                {
+                    server.stored = 'a';
+                    expectRemedy(failureOf([&] { write.send(store, server.tagOf('a')); }),
+                        write.result == 'c' ? "conditional-completion" : "conditional-writes");
+                    EXPECT_EQ(server.stored, 'a');
+                }
             }
         }
     }
@@ -301,7 +317,10 @@ TEST(StoreTest, SendsTheSettingsOfObjectsWhereTheyBelong)
             "    "},
         {[](S3Store& store) { store.abortUpload("key", "id"); }, "    "},
         {[](S3Store& store) { store.listObjects("", "", {}); }, "    "}};
-    LoopbackServer server([](const Request&) { return Reply{.fields = {{"ETag", "tag"}}}; });
+    LoopbackServer server(
+        [](const Request&) {
+            return Reply{.fields = {{"ETag", "tag"}}, .body = "<CopyPartResult><ETag>tag</ETag></CopyPartResult>"};
+        });
     S3Settings settings = parseS3Url("s3://bucket?request-payer=requester&storage-class=COLD&sse=aws:kms&sse-key=a/b"
                                      "&endpoint=" +
                                      server.url());
@@ -365,6 +384,64 @@ TEST(UploadTest, CopiesFromOneVersionUnlessTheStoreRefusesTheVersionThatItShows)
         EXPECT_EQ(requests.back().count("x-amz-copy-source-range"), 0U) << "stores refuse ranges of small objects";
         EXPECT_EQ(store.abilities("a%b").maxTakeSize, 0U);
         EXPECT_GT(store.abilities("a b").maxTakeSize, 0U);
+    }
+}
+
+TEST(UploadTest, LearnsWhatTheStoreRefuses)
+{
+    getLogger().setEnabledSeverities(0); // there are warnings
+    const Reply copied{.body = "<CopyPartResult><ETag>\"tag\"</ETag></CopyPartResult>"};
+    const Reply notImplemented = Reply::error(501, "NotImplemented");
+    const struct
+    {
+        Reply conditional, unconditional; // responses to copies
+        const char* failure;              // its beginning
+        bool canCopy;                     // afterwards
+    } rows[] = {{notImplemented, notImplemented, "Unsupported", false},
+        {Reply::error(405, "MethodNotAllowed"), Reply::error(405, "MethodNotAllowed"), "Unsupported", false},
+        {Reply::error(400, "InvalidRequest"), Reply::error(400, "InvalidArgument"), "Unsupported", false},
+        {Reply{}, Reply{}, "Unsupported", false}, {notImplemented, copied, "", true},
+        {Reply::error(400, "InvalidArgument"), copied, "", true},
+        {notImplemented, Reply::error(503, "SlowDown"), "Store busy", true},
+        {Reply::error(403, "AccessDenied"), copied, "Permission denied", true}};
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.conditional.body + row.unconditional.body);
+        LoopbackServer server(
+            [&](const Request& request)
+            {
+                return request.method() == http::head                    ? described("old", 9)
+                       : request.count("x-amz-copy-source-if-match") > 0 ? row.conditional
+                                                                         : row.unconditional;
+            });
+        S3Settings settings = settingsFor(server);
+        settings.capabilities.conditionalCopies = true;
+        S3Store store(settings);
+        const std::string failure = failureOf(
+            [&] {
+                EXPECT_EQ(store.takePart("key", "id", 1, {"old", 9}, {0, 9}), "tag");
+            });
+        EXPECT_TRUE(failure.starts_with(row.failure) && failure.empty() == (*row.failure == 0)) << failure;
+        EXPECT_EQ(store.abilities("key").maxTakeSize > 0, row.canCopy);
+        EXPECT_EQ(store.abilities("key").conditionalTakes, *row.failure != 0);
+        EXPECT_THAT(failureOf(
+                        [&] {
+                            store.takePart("key", "id", 1, {"other", 9}, {0, 9});
+                        }),
+            testing::AnyOf(StartsWith("Object changed"), StartsWith(row.failure)));
+    }
+    for (const char* const text : {"All non-trailing parts must have the same length.", "another reason"})
+    {
+        LoopbackServer server(
+            [&](const Request&) {
+                return Reply{
+                    400, {}, "<Error><Code>InvalidPart</Code><Message>" + std::string(text) + "</Message></Error>"};
+            });
+        S3Store store(settingsFor(server));
+        const std::string failure = failureOf([&] { store.completeUpload("key", "id", {{1, "tag"}}, {}); });
+        const bool isKnown = failure.find("equal-parts=1") != std::string::npos;
+        EXPECT_TRUE(isKnown == (text[0] == 'A') && isKnown == failure.starts_with("Unsupported")) << failure;
+        EXPECT_EQ(store.abilities("key").equalParts, isKnown);
     }
 }
 

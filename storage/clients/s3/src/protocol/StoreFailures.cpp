@@ -5,6 +5,7 @@
 #include <storage/clients/http/Times.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
+#include <boost/algorithm/string/predicate.hpp>
 #include <boost/date_time/posix_time/posix_time.hpp>
 
 #include <fmt/format.h>
@@ -32,6 +33,7 @@ enum class Meaning
     BadLocation,
     NotSupported,
     NotUnderstood,
+    UnequalParts,
     Changed,
     Transient,
     Other
@@ -120,8 +122,20 @@ Meaning meaningOf(int status)
     }
 }
 
-Row rowFor(int status, const std::string& code)
+/// Whether a completion was refused because its parts have different sizes. There is no code for that alone.
+bool wantsEqualParts(const ErrorDocument& error)
 {
+    return error.code == "InvalidPart" && (boost::algorithm::icontains(error.message, "same length") ||
+                                              boost::algorithm::icontains(error.message, "same size"));
+}
+
+Row rowFor(int status, const ErrorDocument& error)
+{
+    const std::string& code = error.code;
+    if (wantsEqualParts(error))
+    {
+        return {"", Meaning::UnequalParts, "write the file again with equal-parts=1 in the store's URL"};
+    }
     for (const Row& row : rows)
     {
         if (row.code == code)
@@ -205,7 +219,7 @@ void throwErrorResponse(const FailureContext& context, const HttpResponse& respo
 
 void throwErrorResponse(const FailureContext& context, const HttpResponse& response, const ErrorDocument& error)
 {
-    Row row = rowFor(response.status, error.code);
+    Row row = rowFor(response.status, error);
     if (row.meaning == Meaning::Changed && !context.hasCondition) // the store means something else
     {
         row.meaning = Meaning::Other;
@@ -254,6 +268,8 @@ void throwErrorResponse(const FailureContext& context, const HttpResponse& respo
         throw UnsupportedOperationException(detail);
     case Meaning::NotUnderstood:
         throw NotUnderstood("Store error", detail);
+    case Meaning::UnequalParts:
+        throw UnequalParts(detail);
     case Meaning::Changed:
         throw PreconditionFailed(detail, response.wasSentTwice);
     case Meaning::Transient:

@@ -19,6 +19,13 @@ public:
     using cloudprovider::UnknownErrorException::UnknownErrorException;
 };
 
+/// The store completes only uploads whose parts have equal sizes.
+class UnequalParts : public cloudprovider::UnsupportedOperationException
+{
+public:
+    using cloudprovider::UnsupportedOperationException::UnsupportedOperationException;
+};
+
 /// What a message says about a failed request.
 struct FailureContext
 {

@@ -28,7 +28,7 @@ struct StoreAbilities
     std::uint64_t maxObjectSize = 5ULL << 40U; ///< bytes
     /// Bytes that takePart() can take at once; at least 2 * minPartSize, or 0: the store has no takePart().
     std::uint64_t maxTakeSize = 5ULL << 30U;
-    bool equalParts = false;            ///< all parts of an upload but the last must have the same size
+    bool equalParts = false;            ///< no part may be larger than the first; all but the last have the same size
     bool conditionalTakes = false;      ///< takePart() checks the version in one step with the copy
     bool conditionalWrites = false;     ///< putObject() and deleteObject() check their condition in one step
     bool conditionalCreation = false;   ///< completeUpload() checks in one step that there is no object
@@ -88,7 +88,9 @@ public:
     RemoteStore& operator=(const RemoteStore&) = delete;
     virtual ~RemoteStore() = default;
 
-    /// What the store can do for an object with this key. May change while requests show more. Sends nothing.
+    /// What the store can do for an object with this key. May change while requests show more: if takePart() or
+    /// completeUpload() throws an UnsupportedOperationException, the completion is planned again with what the store
+    /// can do by then. Sends nothing.
     virtual StoreAbilities abilities(const std::string& key) const = 0;
 
     /// Look up an object, with its metadata. @return nullopt: there is none

@@ -31,7 +31,9 @@ struct EndpointCapabilities
     /// Otherwise the client downloads and uploads the bytes of such objects instead of copying them.
     bool copiesAnyKey = false;
 
-    /// All parts of an object but the last must have the same size. Parts are then not joined, and are at least 5 MiB.
+    /// All parts of an object but the last must have the same size. Unchanged parts are then not joined, and stored
+    /// objects are read in parts of at least 5 MiB. Without this, the client learns it when a completion is refused for
+    /// it, and logs a warning; but then appended parts wait in temporary files.
     bool equalParts = false;
 
     bool operator==(const EndpointCapabilities&) const = default;
