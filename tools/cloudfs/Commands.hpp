@@ -22,6 +22,8 @@ void addGetCommands(CLI::App& app, CommandContext& context);    // get, cat
 void addEditCommands(CLI::App& app, CommandContext& context);   // write, append
 void addCopyCommands(CLI::App& app, CommandContext& context);   // cp, mv
 void addUploadCommands(CLI::App& app, CommandContext& context); // uploads list, uploads abort
-void addCheckCommand(CLI::App& app, CommandContext& context);   // check; it runs without an open context
+// These run without an open context.
+void addCheckCommand(CLI::App& app, CommandContext& context);         // check
+void addCheckEndpointCommand(CLI::App& app, CommandContext& context); // check-endpoint
 
 } // namespace cloudfs

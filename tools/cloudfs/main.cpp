@@ -141,7 +141,8 @@ int run(int argc, char** argv)
     app.parse_complete_callback(
         [&]
         {
-            if (!app.got_subcommand("check")) // a damaged store cannot be opened
+            // A damaged store cannot be opened, and no store is needed to check an endpoint.
+            if (!app.got_subcommand("check") && !app.got_subcommand("check-endpoint"))
             {
                 context.open(app.got_subcommand("put") || app.got_subcommand("mkdir"));
             }
@@ -154,6 +155,7 @@ int run(int argc, char** argv)
     addCopyCommands(app, context);
     addUploadCommands(app, context);
     addCheckCommand(app, context);
+    addCheckEndpointCommand(app, context);
     app.footer(globalOptionForms); // after the commands, or they would inherit it
     try
     {

@@ -178,6 +178,7 @@ test_errors()
 1|one: .*not a folder.*code 3 .*|get -r / one
 1|/: .*root.*|rm -r /
 1|/x: .*code 11 .*|--folders prefix mkdir /x
+1|"local:": .*nothing to check.*code 11 .*|check-endpoint
 2|.*command is required.*|
 2|unknown command: frob; .*|frob
 2|--offset is required; see cloudfs write --help|write /file
@@ -368,6 +369,34 @@ test_check()
     rm cloudfs/index.sqlite && mkfifo cloudfs/index.sqlite
     fs check >out && fail "check did not report an index that cannot be opened"
     grep -q 'damaged  the index: ' out || fail "check did not name the index"
+}
+
+test_check_endpoint()
+{
+    local -A known=([ceph]='yes yes yes no no yes yes no no no no yes no no yes yes yes yes yes'
+        [swift]='yes yes yes no no yes yes no yes no yes no no no yes yes no yes yes')
+    local -A parameters=([ceph]='' [swift]='&copies-any-key=1')
+    local url=$store
+    store+='&copies-any-key=1&equal-parts=1'
+    expect 0 '' check-endpoint
+    head -n -2 out | cut -c36- | sed 's/[:,].*//' | paste -sd ' ' >results
+    [[ $(<results) == "${known[$CLOUDFS_TEST_S3_SERVER]}" ]] || fail "it has found: $(<out)"
+    [[ $(tail -n 1 out) == "--store '$url${parameters[$CLOUDFS_TEST_S3_SERVER]}'" ]] || fail "$(tail -n 1 out)"
+    prints '' ls -R
+
+    mkfifo lines
+    env --default-signal=INT "$program" --store "$store" check-endpoint >lines 2>err &
+    exec 3<lines
+    read -r <&3
+    kill -s INT $!
+    wait $!
+    [[ $? == 130 && $(<err) == 'cloudfs: interrupted' ]] || fail "interrupted: $(<err)"
+    exec 3<&-
+    prints '' ls -R
+    nothing_left
+
+    store=${store/"$bucket"/"$bucket-missing"} expect 1 '' check-endpoint
+    [[ $(wc -l <out) == 2 && $(tail -n 1 out) == 'usable '*' no' ]] || fail "without a bucket: $(<out)"
 }
 
 # A killed program leaves its temporary files and, in a bucket, its upload. The next one removes the files.

@@ -2,6 +2,7 @@
 
 #include <storage/clients/http/Hashing.hpp>
 #include <storage/clients/remote/RemoteFailures.hpp>
+#include <storage/clients/s3/EndpointProbe.hpp>
 #include <storage/clients/s3/S3Client.hpp>
 #include <storage/clients/testing/ClientCalls.hpp>
 #include <storage/cloudprovider/Logger.hpp>
@@ -443,6 +444,23 @@ TEST(UploadTest, LearnsWhatTheStoreRefuses)
         EXPECT_TRUE(isKnown == (text[0] == 'A') && isKnown == failure.starts_with("Unsupported")) << failure;
         EXPECT_EQ(store.abilities("key").equalParts, isKnown);
     }
+}
+
+TEST(EndpointProbeTest, NamesWhatItCannotRemove)
+{
+    const std::string other = "other";
+    LoopbackServer server(
+        [&](const Request& request) {
+            return request.method() == http::delete_ ? Reply::error(403, "AccessDenied")
+                                                     : whole(other, toHex(md5(other)));
+        });
+    std::string found;
+    S3Settings settings = settingsFor(server);
+    settings.prefix = "p/";
+    const auto report = probeEndpoint(settings, [&](const auto& feature) { found += feature.result; });
+    EXPECT_THAT(found, StartsWith("no: other bytes"));
+    EXPECT_THAT(report.leftovers, testing::ElementsAre(StartsWith("\"p/cloudfs-check-")));
+    EXPECT_TRUE(!report.isUsable && report.capabilities == EndpointCapabilities());
 }
 
 TEST(UploadTest, IsOpenUntilTheStoreSaysOtherwise)
