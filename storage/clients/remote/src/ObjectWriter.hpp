@@ -8,16 +8,19 @@
 #include <storage/clients/remote/RemoteStore.hpp>
 
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <iosfwd>
+#include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace storage::clients
 {
 
-/// Puts and deletes objects in one request, under the conditions of RequiredVersions, and finds out what a request with
-/// a lost response has done. Safe for concurrent calls.
+/// Puts, copies and deletes objects in one request, under the conditions of RequiredVersions, and finds out what a
+/// request with a lost response has done. Safe for concurrent calls.
 class ObjectWriter
 {
 public:
@@ -34,6 +37,12 @@ public:
     void put(const std::string& key, std::istream& content, std::uint64_t size);
     void remove(const std::string& key);
 
+    /// See RemoteClient::deleteObjects().
+    std::map<std::string, std::exception_ptr> remove(const std::vector<std::string>& keys);
+
+    /// Copy an object of at most StoreAbilities::maxTakeSize bytes.
+    void copy(const CopySource& source, const std::string& target);
+
 private:
     using Send = std::function<void(const WriteCondition& condition)>;
     using Effect = std::function<bool(const std::optional<StoredObject>& stored)>;
@@ -44,6 +53,12 @@ private:
     /// @param hasEffect    whether the object shows that an earlier attempt, whose response was lost, has succeeded
     void attempt(const std::string& key, const WriteCondition& required, bool needsLookup, const Send& send,
         const Effect& hasEffect);
+
+    /// @param failures  gets the keys that the store refuses to delete
+    void removeBatch(std::vector<std::string> keys, std::map<std::string, std::exception_ptr>& failures);
+
+    /// Throw unless the object has the version that is copied.
+    void requireCurrent(const CopySource& source);
 
     RemoteStore& m_store;
     Retry& m_retry;

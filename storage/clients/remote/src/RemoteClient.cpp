@@ -10,8 +10,10 @@
 #include "Uploads.hpp"
 
 #include <storage/clients/common/KeyRules.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <limits>
+#include <list>
 #include <utility>
 
 namespace storage::clients
@@ -154,6 +156,35 @@ bool RemoteClient::isAtomic() const noexcept
 {
     const StoreAbilities store = m_engine->store->abilities({});
     return store.conditionalWrites && store.conditionalCreation && store.conditionalCompletion;
+}
+
+std::string RemoteClient::copyObject(const std::string& source, const std::string& target)
+{
+    const ReadAhead::Write write(m_engine->readAhead, target);
+    const std::uint64_t maxSize = m_engine->store->abilities(source).maxTakeSize;
+    if (maxSize == 0)
+    {
+        throw UnsupportedOperationException("the store cannot copy " + quoted(source));
+    }
+    const auto object = m_engine->reader.find({Operation::GetObjectInfo, source});
+    if (!object)
+    {
+        throw ResourceNotFoundException("copying " + quoted(source) + " failed: there is no such object");
+    }
+    const CopySource copied{source, object->version};
+    copied.version.size > maxSize ? m_engine->uploads.copyObject(copied, target)
+                                  : m_engine->writer.copy(copied, target);
+    return copied.version.tag;
+}
+
+std::map<std::string, std::exception_ptr> RemoteClient::deleteObjects(const std::vector<std::string>& keys)
+{
+    std::list<ReadAhead::Write> writes;
+    for (const std::string& key : keys)
+    {
+        writes.emplace_back(m_engine->readAhead, key);
+    }
+    return m_engine->writer.remove(keys);
 }
 
 CallSnapshot RemoteClient::callSnapshot() const

@@ -42,9 +42,10 @@ public:
 
     /// @param base   tag of the object that the new one replaces parts of; empty: there is none, or it is unknown
     /// @param isNew  there is none
-    Upload(std::string id, std::string key, std::string base, bool isNew)
+    Upload(std::string id, std::string key, std::string base, bool isNew, std::string sourceKey)
         : m_id(std::move(id))
         , m_key(std::move(key))
+        , m_sourceKey(std::move(sourceKey))
         , m_base(std::move(base))
         , m_isNew(isNew)
     {
@@ -54,6 +55,8 @@ public:
     const std::string& key() const noexcept { return m_key; }
     const std::string& base() const noexcept { return m_base; }
     bool isNew() const noexcept { return m_isNew; }
+    /// The key of the object that its copied ranges come from; usually its own key.
+    const std::string& sourceKey() const noexcept { return m_sourceKey; }
     PartSpool& spool() noexcept { return m_spool; }
     Outage& outage() noexcept { return m_outage; }
 
@@ -123,6 +126,7 @@ private:
 
     const std::string m_id;
     const std::string m_key;
+    const std::string m_sourceKey;
     const std::string m_base;
     const bool m_isNew;
     PartSpool m_spool;

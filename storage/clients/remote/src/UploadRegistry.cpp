@@ -29,12 +29,12 @@ UploadRegistry::UploadRegistry()
 {
 }
 
-std::string UploadRegistry::begin(const std::string& key, const std::string& tag)
+std::string UploadRegistry::begin(const std::string& key, const std::string& tag, const std::string& sourceKey)
 {
     const std::string base = versionOf(tag).value_or("");
     const std::lock_guard lock(m_mutex);
     std::string id = m_prefix + std::to_string(++m_count);
-    m_open.emplace(id, std::make_shared<Upload>(id, key, base, tag.empty()));
+    m_open.emplace(id, std::make_shared<Upload>(id, key, base, tag.empty(), sourceKey));
     return id;
 }
 

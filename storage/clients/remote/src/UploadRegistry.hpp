@@ -26,8 +26,9 @@ public:
     /// Register a new upload.
     ///
     /// @param tag  of a part of the object that the new one is made from; empty: it is made from none
+    /// @param sourceKey  see Upload::sourceKey()
     /// @return its id, which is different from every store's ids
-    std::string begin(const std::string& key, const std::string& tag);
+    std::string begin(const std::string& key, const std::string& tag, const std::string& sourceKey);
 
     /// @return the open upload
     /// @throws cloudprovider::ResourceNotFoundException when the key has no open upload with this id

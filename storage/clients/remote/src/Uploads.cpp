@@ -76,7 +76,7 @@ Retry::Request Uploads::request(Operation operation, Upload& upload, std::uint64
 
 std::string Uploads::create(const std::string& key, const std::string& tag)
 {
-    return m_registry.begin(key, tag);
+    return m_registry.begin(key, tag, key);
 }
 
 std::string Uploads::openAtStore(Upload& upload)
@@ -84,16 +84,20 @@ std::string Uploads::openAtStore(Upload& upload)
     return upload.ensureStoreId(
         [&]
         {
-            auto before = m_pins.pinned(upload.key());
-            if (!before && !upload.isNew()) // too many others were opened since
+            auto metadata = upload.metadata();
+            if (!metadata)
             {
-                const auto stored = m_reader.find(request(Operation::CreateMultipartUpload, upload));
-                before = stored ? std::optional(stored->version) : std::nullopt;
+                auto before = m_pins.pinned(upload.key());
+                if (!before && !upload.isNew()) // too many others were opened since
+                {
+                    const auto stored = m_reader.find(request(Operation::CreateMultipartUpload, upload));
+                    before = stored ? std::optional(stored->version) : std::nullopt;
+                }
+                metadata = m_metadata.after(before, m_required.find(upload.key()), upload.key());
+                upload.setMetadata(metadata);
             }
-            const auto metadata = m_metadata.after(before, m_required.find(upload.key()), upload.key());
-            upload.setMetadata(metadata);
             return m_retry.run(request(Operation::CreateMultipartUpload, upload),
-                [&] { return m_store.createUpload(upload.key(), *metadata); });
+                [&] { return m_store.createUpload(upload.key(), *metadata, upload.sourceKey()); });
         });
 }
 
@@ -301,24 +305,63 @@ try
 {
     for (const UploadPtr& upload : m_registry.open())
     {
-        try
+        if (!tryToAbort(*upload))
         {
-            abort(upload->key(), upload->id());
-        }
-        catch (const CloudException& failure)
-        {
-            getLogger().write(foundation::log::severity::error,
-                fmt::format("Aborting an upload of {} failed; it stays open: {}", quoted(upload->key()),
-                    failure.detail().value_or(failure.what())));
-            if (dynamic_cast<const TransientException*>(&failure) != nullptr)
-            {
-                return;
-            }
+            return;
         }
     }
 }
+catch (...) // no memory
+{
+}
+
+/// Abort an upload of this client, or log why not. @return false: another one would take as long to fail
+bool Uploads::tryToAbort(const Upload& upload) noexcept
+try
+{
+    try
+    {
+        abort(upload.key(), upload.id());
+    }
+    catch (const CloudException& failure)
+    {
+        getLogger().write(
+            foundation::log::severity::error, fmt::format("Aborting an upload of {} failed; it stays open: {}",
+                                                  quoted(upload.key()), failure.detail().value_or(failure.what())));
+        return dynamic_cast<const TransientException*>(&failure) == nullptr;
+    }
+    return true;
+}
 catch (...) // no memory, even for a message
 {
+    return false;
+}
+
+void Uploads::copyObject(const CopySource& source, const std::string& target)
+{
+    checkKey(target);
+    const std::string id = m_registry.begin(target, "", source.key);
+    const auto upload = m_registry.find(target, id);
+    try
+    {
+        upload->setMetadata(source.version.metadata);
+        const std::uint64_t size = source.version.size;
+        const std::uint64_t maxSize = m_store.abilities(source.key).maxTakeSize;
+        std::vector<PartInfo> parts;
+        for (std::uint64_t offset = 0; offset < size; offset += maxSize)
+        {
+            PartInfo part{parts.size(), offset, std::min(maxSize, size - offset), ""};
+            part.Tag = upload->setPart(part.Index,
+                {.place = PartPlace::Object, .size = part.Size, .offset = offset, .source = source.version});
+            parts.push_back(part);
+        }
+        complete(target, id, parts);
+    }
+    catch (...)
+    {
+        tryToAbort(*upload);
+        throw;
+    }
 }
 
 void Uploads::complete(const std::string& key, const std::string& id, const std::vector<PartInfo>& parts)
@@ -431,8 +474,8 @@ Uploads::Completion Uploads::prepare(Upload& upload, const std::vector<PartInfo>
             completion.source = part.source;
         }
     }
-    completion.plan = planUpload(file, m_store.abilities(upload.key()));
-    std::string replaces = completion.source.tag;
+    completion.plan = planUpload(file, m_store.abilities(upload.sourceKey()));
+    std::string replaces = upload.sourceKey() == upload.key() ? completion.source.tag : "";
     if (replaces.empty() && !upload.base().empty())
     {
         // A version that this process has written since the file was opened may be replaced.
@@ -473,8 +516,12 @@ std::string Uploads::transferPart(Upload& upload, const PlannedPart& part, const
     {
         const std::string storeId = openAtStore(upload);
         const ByteRange range{part.bytes.front().offset, part.size};
-        return m_retry.run(request(Operation::CopyPart, upload, part.size, part.number), [&]
-            { return requireTag(upload.key(), m_store.takePart(upload.key(), storeId, part.number, source, range)); });
+        return m_retry.run(request(Operation::CopyPart, upload, part.size, part.number),
+            [&]
+            {
+                return requireTag(upload.key(),
+                    m_store.takePart(upload.key(), storeId, part.number, {upload.sourceKey(), source}, range));
+            });
     }
     std::list<MappedBytes> mapped;
     std::vector<std::string_view> pieces;
@@ -488,8 +535,8 @@ std::string Uploads::transferPart(Upload& upload, const PlannedPart& part, const
         else
         {
             mapped.push_back(PartSpool::scratch(bytes.size));
-            m_reader.readVersion(
-                request(Operation::GetObjectRange, upload), mapped.back().data(), {bytes.offset, bytes.size}, source);
+            m_reader.readVersion({Operation::GetObjectRange, upload.sourceKey(), &upload.outage()},
+                mapped.back().data(), {bytes.offset, bytes.size}, source);
         }
         pieces.emplace_back(mapped.back().data(), bytes.size);
     }
@@ -531,10 +578,19 @@ std::string Uploads::finish(Upload& upload, const Completion& completion, const 
 
     const StoreAbilities store = m_store.abilities(key);
     const bool mustCreate = completion.replaces && completion.replaces->empty();
+    const bool isUnverified = completion.plan.hasCopies && !store.conditionalTakes;
+    const bool copiesItself = upload.sourceKey() == key;
+    if (isUnverified && !copiesItself && !upload.isOutcomeUnknown()) // after the last copy, as below
+    {
+        const auto source = m_store.findObject(upload.sourceKey());
+        if (!source || source->version.tag != completion.source.tag)
+        {
+            throwObjectChanged(Operation::CopyPart, upload.sourceKey());
+        }
+    }
     const bool needsLookup =
         mustCreate ? !store.conditionalCreation
-                   : completion.replaces &&
-                         ((completion.plan.hasCopies && !store.conditionalTakes) || !store.conditionalCompletion);
+                   : completion.replaces && ((isUnverified && copiesItself) || !store.conditionalCompletion);
     if (upload.isOutcomeUnknown() || needsLookup)
     {
         // After the last copy: if the object is still this version, all copies came from it.

@@ -60,6 +60,9 @@ public:
     void complete(const std::string& key, const std::string& id, const std::vector<cloudprovider::PartInfo>& parts);
     std::vector<PendingUpload> pending();
 
+    /// Make a copy of a large object, of ranges that the store copies. Aborts the upload after a failure.
+    void copyObject(const CopySource& source, const std::string& target);
+
     /// Abort every upload that is open, and log failures. After a TransientException, abort no other: it would take as
     /// long to fail. Call before the thread pool ends; no other call may be in progress.
     void abortAll() noexcept;
@@ -83,6 +86,7 @@ private:
         Upload& upload, const cloudprovider::PartInfo& part, const std::function<void(char* target)>& write);
     Version requireSource(const cloudprovider::PartInfo& part, Upload& upload);
     void abortOwn(Upload& upload);
+    bool tryToAbort(const Upload& upload) noexcept;
     void abortForeign(const std::string& key, const std::string& storeId);
     Completion prepare(Upload& upload, const std::vector<cloudprovider::PartInfo>& parts);
     std::string assembleObject(Upload& upload, const std::vector<cloudprovider::PartInfo>& parts);

@@ -127,6 +127,40 @@ public:
         request.respond(condition && m_bucket->abilities.conditionalWrites);
     }
 
+    std::map<std::string, std::exception_ptr> deleteObjects(const std::vector<std::string>& keys) override
+    {
+        std::map<std::string, std::exception_ptr> failures;
+        for (const std::string& key : keys)
+        {
+            if (const auto fault = m_bucket->begin({"one of deleteObjects", key}); fault && fault->how == How::Before)
+            {
+                failures.emplace(key, fault->failure);
+            }
+        }
+        const Request request(*m_bucket, {"deleteObjects", keys.at(0)});
+        require(keys.size() <= m_bucket->abilities.maxDeletions, "the number of keys");
+        for (const std::string& key : keys)
+        {
+            failures.contains(key) ? 0 : m_bucket->m_objects.erase(key);
+        }
+        request.respond();
+        return failures;
+    }
+
+    std::string copyObject(
+        const CopySource& source, const std::string& target, const WriteCondition& condition) override
+    {
+        const Request request(*m_bucket, {"copyObject", target, {0, source.version.size}});
+        const StoreAbilities& can = m_bucket->abilities;
+        checkVersion(source.key, source.version.tag, can.conditionalTakes);
+        checkVersion(target, condition, can.conditionalWrites);
+        const Object object = existing(source.key);
+        require(object.content.size() <= can.maxTakeSize, "the size of what is copied");
+        const Object& copy = m_bucket->m_objects[target] = m_bucket->makeObject(object.content, "", object.metadata);
+        request.respond(condition && can.conditionalWrites);
+        return copy.tag;
+    }
+
     ListingPage listObjects(const std::string& prefix, const std::string& token, const ListOptions& options) override
     {
         const Request request(*m_bucket, {"listObjects", prefix});
@@ -147,7 +181,8 @@ public:
         return page;
     }
 
-    std::string createUpload(const std::string& key, const ObjectMetadata& metadata) override
+    std::string createUpload(
+        const std::string& key, const ObjectMetadata& metadata, const std::string& /*source*/) override
     {
         const Request request(*m_bucket, {"createUpload", key});
         const auto time = m_bucket->makeObject("").time;
@@ -165,8 +200,8 @@ public:
         return setPart(request, uploadId, number, bytes);
     }
 
-    std::string takePart(const std::string& key, const std::string& uploadId, std::size_t number, const Version& source,
-        const ByteRange& range) override
+    std::string takePart(const std::string& key, const std::string& uploadId, std::size_t number,
+        const CopySource& source, const ByteRange& range) override
     {
         const Request request(*m_bucket, {"takePart", key, range});
         if (m_bucket->refusesTakes)
@@ -174,8 +209,8 @@ public:
             m_bucket->abilities.maxTakeSize = 0;
             throw UnsupportedOperationException("takePart");
         }
-        checkVersion(key, source.tag, m_bucket->abilities.conditionalTakes);
-        const Object& object = existing(key);
+        checkVersion(source.key, source.version.tag, m_bucket->abilities.conditionalTakes);
+        const Object& object = existing(source.key);
         require(range.size > 0 && range.size <= m_bucket->abilities.maxTakeSize, "the size of what is taken");
         require(range.offset + range.size <= object.content.size(), "the range of what is taken");
         return setPart(request, uploadId, number, object.content.substr(range.offset, range.size));

@@ -196,6 +196,14 @@ TEST_F(RemoteClientTest, EndsWithTheOldOrTheNewObjectWhateverFails)
         EXPECT_EQ(from.getObjectInfo("k").size, old.size());
         EXPECT_EQ(keys(from), std::vector<std::string>{"k"});
     };
+    const auto copyOf = [&](const std::string& source)
+    {
+        return [&](CloudClient&)
+        {
+            bucket->put("source", source);
+            client->copyObject("source", "k");
+        };
+    };
     const struct
     {
         const char* name;
@@ -204,6 +212,14 @@ TEST_F(RemoteClientTest, EndsWithTheOldOrTheNewObjectWhateverFails)
     } rows[] = {
         {"put", old, small, [&](auto& by) { put(by, "k", small); }},
         {"delete", old, {}, [](auto& by) { by.deleteObject("k"); }},
+        {"delete many", old, {},
+            [&](auto&)
+            {
+                const auto failures = client->deleteObjects({"k", "other", ""});
+                failures.empty() ? void() : std::rethrow_exception(failures.begin()->second);
+            }},
+        {"copy", old, small, copyOf(small)},
+        {"copy ranges", old, patched, copyOf(patched)},
         {"patch", old, patched, [&](auto& by) { patch(by, "k", 1'000, small); }},
         {"append", old, old + small, [&](auto& by) { patch(by, "k", old.size(), small); }},
         {"rewrite", old, old, [&](auto& by) { patch(by, "k", old.size(), ""); }},
@@ -264,6 +280,7 @@ TEST_F(RemoteClientTest, EndsWithTheOldOrTheNewObjectWhateverFails)
                     isOver = bucket->takeRequests().size() < request;
                     faultedRuns += isOver ? 0 : 1;
                     endFaults();
+                    bucket->put("source", {});
                     const Content now = bucket->content("k");
                     EXPECT_TRUE(now == row.after || (failure && now == row.before));
                     Content seen;
@@ -310,6 +327,75 @@ TEST_F(RemoteClientTest, LeavesOneVersionOfTheTwo)
             const std::string expected = n == 1 && !failed ? patched(theirs) : failed ? theirs : patched(old);
             EXPECT_EQ(bucket->content("k"), isRemoved && failed ? std::nullopt : std::optional(expected));
         }
+    }
+}
+
+// The source is replaced just before one of the requests.
+TEST_F(RemoteClientTest, CopiesOneVersionOfTheTwoOrFails)
+{
+    for (const auto& [size, isConditional] : {std::pair(500U, true), {500U, false}, {3'000U, true}, {3'000U, false}})
+    {
+        setConditions(isConditional);
+        const std::string ours = content(size, 2);
+        const std::string theirs = content(size, 9);
+        unsigned requests = 1;
+        for (unsigned n = 1; n <= requests; ++n)
+        {
+            SCOPED_TRACE(Message() << size << " bytes, before request " << n << ' ' << isConditional);
+            bucket->put("k", old);
+            bucket->put("source", ours);
+            const std::string tag = bucket->tag("source");
+            open(1);
+            bucket->faults = [&](const StoreRequest& request) -> std::optional<Fault>
+            {
+                if (n == ++requests && request.operation != "abortUpload")
+                {
+                    bucket->put("source", theirs);
+                }
+                return std::nullopt;
+            };
+            requests = 0;
+            std::string copied;
+            const auto condition = client->requireVersion("k", bucket->tag("k"));
+            const auto failed = failureOf([&] { copied = client->copyObject("source", "k"); });
+            bucket->faults = {};
+            const auto now = bucket->content("k");
+            EXPECT_TRUE(failed ? now == old || now == theirs : now == (copied == tag ? ours : theirs));
+            EXPECT_EQ(failed.has_value(), n > 1 && n <= requests && now != ours);
+            EXPECT_THAT(failed.value_or("source"), HasSubstr("source")) << "it is the one that has changed";
+        }
+    }
+    EXPECT_THROW(client->copyObject("none", "k"), ResourceNotFoundException);
+    bucket->abilities.maxTakeSize = 0;
+    EXPECT_THROW(client->copyObject("source", "k"), UnsupportedOperationException);
+}
+
+TEST_F(RemoteClientTest, DeletesInBatchesAndReportsWhatIsRefused)
+{
+    const Fault unknown{How::Before, std::make_exception_ptr(UnsupportedOperationException("unknown"))};
+    for (const bool hasBatches : {true, false})
+    {
+        bucket->takeRequests();
+        std::vector<std::string> all;
+        for (int i = 0; i < 2'500; ++i)
+        {
+            bucket->put(all.emplace_back(std::to_string(i)), "x");
+        }
+        open(1);
+        bucket->faults = [&](const StoreRequest& request)
+        {
+            const bool isRefused = request.key == "7" || (request.operation == "deleteObjects" && !hasBatches);
+            const bool isBusy = request.key == "1300" && bucket->count("deleteObjects") == 1;
+            return isRefused ? std::optional(request.key == "7" ? denied : unknown)
+                   : isBusy  ? std::optional(busy)
+                             : std::nullopt;
+        };
+        const auto failures = client->deleteObjects(all);
+        ASSERT_EQ(failures.size(), 1U);
+        EXPECT_THROW(std::rethrow_exception(failures.at("7")), PermissionDeniedException);
+        EXPECT_EQ(keys(*client), std::vector<std::string>{"7"});
+        EXPECT_EQ(bucket->count("deleteObjects"), hasBatches ? 4U : 3U) << "one is sent again";
+        EXPECT_EQ(bucket->count("deleteObject"), hasBatches ? 0U : 2'500U);
     }
 }
 
@@ -673,6 +759,12 @@ TEST_F(RemoteClientTest, AChangedFileKeepsItsMetadataAndANewOneGetsItsOwn)
     };
     const auto created = [&] { uploaded(""); };
     const auto removed = [&] { client->deleteObject("k"); };
+    const auto copied = [&] // in ranges, and a small one in one request
+    {
+        client->copyObject("k", "copy");
+        removed();
+        client->copyObject("copy", "k");
+    };
     const auto unpinned = [&] { uploaded(bucket->tag("k")); };
     const auto removedByOther = [&]
     {
@@ -690,9 +782,10 @@ TEST_F(RemoteClientTest, AChangedFileKeepsItsMetadataAndANewOneGetsItsOwn)
         };
     };
     const std::pair<bool, std::vector<std::function<void()>>> rows[] = {{true, {patched, patched, stored, stored}},
-        {true, {patched, created, stored}}, {true, {unpinned, patched}}, {false, {stored, patched}},
-        {false, {created, stored}}, {false, {patched, removed, stored}}, {false, {patched, removed, created, patched}},
-        {false, {patched, removedByOther, exclusive(stored)}}, {false, {patched, removedByOther, exclusive(created)}}};
+        {true, {patched, created, stored}}, {true, {unpinned, patched}}, {true, {copied, stored, copied, stored}},
+        {false, {stored, patched}}, {false, {created, stored}}, {false, {patched, removed, stored}},
+        {false, {patched, removed, created, patched}}, {false, {patched, removedByOther, exclusive(stored)}},
+        {false, {patched, removedByOther, exclusive(created)}}};
     const ObjectMetadata kept{{"type", "red"}, {"", "x"}};
     const auto store = bucket->connect();
     for (const How how : {How::Before, How::After})

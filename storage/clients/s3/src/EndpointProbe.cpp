@@ -113,7 +113,7 @@ public:
     /// @return the id of an upload that will be aborted, unless it has ended by then
     std::string begin(const std::string& key, const ObjectMetadata& metadata = {})
     {
-        std::string id = m_store->createUpload(key, metadata);
+        std::string id = m_store->createUpload(key, metadata, key);
         m_uploads.emplace_back(key, id);
         return id;
     }
@@ -142,7 +142,7 @@ public:
     void copy(const std::string& key, const Version& version, const ByteRange& range)
     {
         const std::string id = begin(key);
-        m_store->completeUpload(key, id, {{1, m_store->takePart(key, id, 1, version, range)}}, {});
+        m_store->completeUpload(key, id, {{1, m_store->takePart(key, id, 1, {key, version}, range)}}, {});
         m_uploads.pop_back();
     }
 
@@ -337,7 +337,7 @@ std::string copyPartIfMatch(Workspace& space)
         [&](const std::string& key, const std::string& tag)
         {
             space.renewStore();
-            space.store().takePart(key, space.begin(key), 1, {tag, 3}, {0, 3});
+            space.store().takePart(key, space.begin(key), 1, {key, {tag, 3}}, {0, 3});
             if (!space.store().abilities(key).conditionalTakes) // it was sent again without the condition
             {
                 throw PreconditionFailed("");

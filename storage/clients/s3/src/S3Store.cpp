@@ -14,6 +14,7 @@
 #include <boost/algorithm/string/predicate.hpp>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace storage::clients::s3
@@ -67,6 +68,7 @@ S3Store::S3Store(const S3Settings& settings)
 StoreAbilities S3Store::abilities(const std::string& key) const
 {
     StoreAbilities abilities{.equalParts = m_capabilities.equalParts || m_refusesUnequalParts,
+        .maxDeletions = m_deletesMany ? 1'000U : 0U,
         .conditionalTakes = m_capabilities.conditionalCopies && !m_refusesCopyConditions,
         .conditionalWrites = m_capabilities.conditionalWrites,
         .conditionalCreation = m_capabilities.conditionalWrites,
@@ -76,6 +78,10 @@ StoreAbilities S3Store::abilities(const std::string& key) const
     if (mayCopyOther || m_refusesCopies)
     {
         abilities.maxTakeSize = 0;
+    }
+    if (std::ranges::any_of(key, [](unsigned char byte) { return byte < ' '; }))
+    {
+        abilities.maxDeletions = 0; // XML has no such characters, or has others instead
     }
     return abilities;
 }
@@ -177,14 +183,14 @@ std::string S3Store::putObject(
     const std::string& key, RequestBody& body, const WriteCondition& condition, const ObjectMetadata& metadata)
 {
     S3Request request{Operation::PutObject, key, "PUT"};
-    request.headers = headersFor(request, metadata);
+    request.headers = headersFor(request, metadata, key);
     request.body = &body;
     return sendWrite(request, condition, [&] { return m_requester.sentTag(request, m_requester.send(request)); });
 }
 
-/// What a request sends, so that the new object has this metadata. If the object that it replaces has tags, they are
+/// What a request sends, so that the new object has this metadata. If the object that it comes from has tags, they are
 /// requested: the responses to other requests only have their number.
-HttpHeaders S3Store::headersFor(const S3Request& write, const ObjectMetadata& metadata)
+HttpHeaders S3Store::headersFor(const S3Request& write, const ObjectMetadata& metadata, const std::string& source)
 {
     HttpHeaders headers;
     for (const auto& [name, value] : metadata)
@@ -194,7 +200,7 @@ HttpHeaders S3Store::headersFor(const S3Request& write, const ObjectMetadata& me
             headers.add(name, value);
             continue;
         }
-        S3Request request{write.operation, write.key, "GET"};
+        S3Request request{write.operation, source, "GET"};
         request.query = {{"tagging", ""}};
         try
         {
@@ -268,6 +274,129 @@ void S3Store::deleteObject(const std::string& key, const WriteCondition& conditi
         });
 }
 
+std::map<std::string, std::exception_ptr> S3Store::deleteObjects(const std::vector<std::string>& keys)
+{
+    TextBody body(writeDeletion(m_prefix, keys));
+    S3Request request{Operation::DeleteObject, "", "POST"};
+    request.query = {{"delete", ""}};
+    request.body = &body;
+    request.needsMd5 = true;
+    HttpResponse ok;
+    ok.status = 200;
+    std::map<std::string, std::exception_ptr> failures;
+    const auto addFailure = [&](const std::string& name, const ErrorDocument& error)
+    {
+        const std::string key = name.substr(std::min(m_prefix.size(), name.size()));
+        if (std::ranges::find(keys, key) == keys.end())
+        {
+            throw MalformedResponse("the response reports a key that was not to be deleted");
+        }
+        try
+        {
+            throwErrorResponse(m_requester.contextOf({Operation::DeleteObject, key, ""}), ok, error);
+        }
+        catch (const ResourceNotFoundException&) // as after deleteObject()
+        {
+        }
+        catch (const CloudException&)
+        {
+            failures.emplace(key, std::current_exception());
+        }
+    };
+    try
+    {
+        m_requester.sendAndRead(request, [&](const std::string& document) { readDeletion(document, addFailure); });
+    }
+    catch (const UnsupportedOperationException&)
+    {
+        m_deletesMany = false;
+        throw;
+    }
+    catch (const NotUnderstood& failure) // perhaps only one of the keys
+    {
+        throw UnsupportedOperationException(failure.detail().value_or(failure.what()));
+    }
+    return failures;
+}
+
+std::string S3Store::copyObject(const CopySource& source, const std::string& target, const WriteCondition& condition)
+{
+    S3Request request{Operation::PutObject, target, "PUT"};
+    for (const auto& [name, value] : *source.version.metadata)
+    {
+        if (boost::algorithm::iequals(name, "x-amz-storage-class") ||
+            boost::algorithm::iequals(name, "x-amz-website-redirect-location"))
+        {
+            request.headers.add(name, value); // the store copies all others
+        }
+    }
+    return sendWrite(request, condition, [&] { return sendCopy(request, source, source.version.size, readCopy); });
+}
+
+/// Send a request that copies from the version, which the endpoint compares if it can.
+///
+/// An endpoint that does not know the condition, or copies at all, refuses both as not implemented or as a bad request,
+/// or stores an empty part. What it refuses is remembered.
+/// @param size  bytes that it copies
+/// @param read  returns the tag of the copy
+std::string S3Store::sendCopy(S3Request request, const CopySource& source, std::uint64_t size,
+    const std::function<std::string(const std::string& document)>& read)
+{
+    request.headers.add("x-amz-copy-source", m_requester.copySource(source.key));
+    request.serverSideWork = true;
+    request.serverSideBytes = size * m_transfers; // as many copies of about this size may be running
+    const auto send = [&](const S3Request& copy)
+    {
+        return m_requester.sendAndRead(copy,
+            [&](const std::string& document)
+            {
+                return document.empty() ? throw UnsupportedOperationException(m_requester.contextOf(copy).action +
+                                                                              " failed: the store has copied nothing")
+                                        : read(document);
+            });
+    };
+    bool wasSentTwice = false;
+    for (bool isConditional = !m_refusesCopyConditions;; isConditional = false)
+    {
+        S3Request copy = request;
+        isConditional ? copy.headers.add("x-amz-copy-source-if-match", quotedTag(source.version.tag)) : void();
+        try
+        {
+            std::string tag = send(copy);
+            if (!isConditional && !m_refusesCopyConditions.exchange(true) && m_capabilities.conditionalCopies)
+            {
+                warn("the endpoint refuses conditions on copies, so versions are looked up instead; remove "
+                     "conditional-copies=1 from the store's URL");
+            }
+            return tag;
+        }
+        catch (const CloudException& failure)
+        {
+            const auto* const refusal = dynamic_cast<const PreconditionFailed*>(&failure);
+            if (refusal == nullptr && !isNotKnown(failure))
+            {
+                throw;
+            }
+            wasSentTwice = wasSentTwice || (refusal != nullptr && refusal->wasSentTwice());
+            const auto object = findObject(source.key); // fails if the request was refused for another reason
+            const bool isOther = !object || object->version.tag != source.version.tag;
+            if (isOther || (refusal != nullptr && !isConditional)) // the second is about the target
+            {
+                throwObjectChanged(m_requester.contextOf(copy), wasSentTwice);
+            }
+            if (!isConditional)
+            {
+                const std::string reason = failure.detail().value_or(failure.what());
+                if (request.operation == Operation::CopyPart && !m_refusesCopies.exchange(true))
+                {
+                    warn("the endpoint does not copy parts, so unchanged bytes are downloaded and uploaded: " + reason);
+                }
+                throw UnsupportedOperationException(reason);
+            }
+        }
+    }
+}
+
 ListingPage S3Store::listObjects(const std::string& prefix, const std::string& token, const ListOptions& options)
 {
     S3Request request{Operation::ListObjects, "", "GET"};
@@ -289,11 +418,11 @@ ListingPage S3Store::listObjects(const std::string& prefix, const std::string& t
     return page;
 }
 
-std::string S3Store::createUpload(const std::string& key, const ObjectMetadata& metadata)
+std::string S3Store::createUpload(const std::string& key, const ObjectMetadata& metadata, const std::string& source)
 {
     S3Request request{Operation::CreateMultipartUpload, key, "POST"};
     request.query = {{"uploads", ""}};
-    request.headers = headersFor(request, metadata);
+    request.headers = headersFor(request, metadata, source);
     request.uninterruptible = true; // an upload whose id is lost could not be aborted
     return m_requester.sendAndRead(request, readNewUpload);
 }
@@ -308,73 +437,15 @@ std::string S3Store::uploadPart(
 }
 
 std::string S3Store::takePart(const std::string& key, const std::string& uploadId, std::size_t number,
-    const Version& source, const ByteRange& range)
+    const CopySource& source, const ByteRange& range)
 {
     S3Request request{Operation::CopyPart, key, "PUT"};
     request.query = {{"partNumber", std::to_string(number)}, {"uploadId", uploadId}};
-    if (range.size < source.size) // stores refuse ranges of small objects, which must be copied whole
+    if (range.size < source.version.size) // stores refuse ranges of small objects, which must be copied whole
     {
         request.headers.add("x-amz-copy-source-range", rangeField(range));
     }
-    request.serverSideBytes = range.size * m_transfers; // as many copies of about this size may be running
-    return sendCopy(request, source);
-}
-
-/// Send a request that copies from the version, which the endpoint compares if it can.
-///
-/// An endpoint that does not know the condition, or copies of parts at all, refuses both as not implemented or as a bad
-/// request, or stores an empty part. What it refuses is remembered.
-std::string S3Store::sendCopy(S3Request request, const Version& source)
-{
-    request.headers.add("x-amz-copy-source", m_requester.copySource(request.key));
-    request.serverSideWork = true;
-    const auto send = [this](const S3Request& copy)
-    {
-        return m_requester.sendAndRead(copy,
-            [&](const std::string& document)
-            {
-                return document.empty() ? throw UnsupportedOperationException(m_requester.contextOf(copy).action +
-                                                                              " failed: the store has copied nothing")
-                                        : readCopiedPart(document);
-            });
-    };
-    for (bool isConditional = !m_refusesCopyConditions;; isConditional = false)
-    {
-        S3Request copy = request;
-        isConditional ? copy.headers.add("x-amz-copy-source-if-match", quotedTag(source.tag)) : void();
-        try
-        {
-            std::string tag = send(copy);
-            if (!isConditional && !m_refusesCopyConditions.exchange(true) && m_capabilities.conditionalCopies)
-            {
-                warn("the endpoint refuses conditions on part copies, so versions are looked up instead; remove "
-                     "conditional-copies=1 from the store's URL");
-            }
-            return tag;
-        }
-        catch (const CloudException& failure)
-        {
-            const bool isOtherVersion = dynamic_cast<const PreconditionFailed*>(&failure) != nullptr;
-            if (!isOtherVersion && !isNotKnown(failure))
-            {
-                throw;
-            }
-            const auto object = findObject(request.key); // fails if the request was refused for another reason
-            if (!object || object->version.tag != source.tag)
-            {
-                throwObjectChanged(m_requester.contextOf(copy));
-            }
-            if (!isConditional)
-            {
-                const std::string reason = failure.detail().value_or(failure.what());
-                m_refusesCopies.exchange(true)
-                    ? void()
-                    : warn("the endpoint does not copy parts, so unchanged bytes are downloaded and uploaded: " +
-                           reason);
-                throw UnsupportedOperationException(reason);
-            }
-        }
-    }
+    return sendCopy(request, source, range.size, readCopiedPart);
 }
 
 std::string S3Store::completeUpload(const std::string& key, const std::string& uploadId,

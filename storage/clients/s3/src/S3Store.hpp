@@ -7,7 +7,10 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
+#include <exception>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -29,13 +32,17 @@ public:
     std::string putObject(const std::string& key, RequestBody& body, const WriteCondition& condition,
         const ObjectMetadata& metadata) override;
     void deleteObject(const std::string& key, const WriteCondition& condition) override;
+    std::map<std::string, std::exception_ptr> deleteObjects(const std::vector<std::string>& keys) override;
+    std::string copyObject(
+        const CopySource& source, const std::string& target, const WriteCondition& condition) override;
     ListingPage listObjects(
         const std::string& prefix, const std::string& token, const cloudprovider::ListOptions& options) override;
-    std::string createUpload(const std::string& key, const ObjectMetadata& metadata) override;
+    std::string createUpload(
+        const std::string& key, const ObjectMetadata& metadata, const std::string& source) override;
     std::string uploadPart(
         const std::string& key, const std::string& uploadId, std::size_t number, RequestBody& body) override;
-    std::string takePart(const std::string& key, const std::string& uploadId, std::size_t number, const Version& source,
-        const ByteRange& range) override;
+    std::string takePart(const std::string& key, const std::string& uploadId, std::size_t number,
+        const CopySource& source, const ByteRange& range) override;
     std::string completeUpload(const std::string& key, const std::string& uploadId,
         const std::vector<NumberedTag>& parts, const WriteCondition& condition) override;
     void abortUpload(const std::string& key, const std::string& uploadId) override;
@@ -47,8 +54,9 @@ public:
 private:
     bool existsByGet(S3Request request);
     void requireMissingKey(const S3Request& request, const HttpResponse& response);
-    std::string sendCopy(S3Request request, const Version& source);
-    HttpHeaders headersFor(const S3Request& write, const ObjectMetadata& metadata);
+    HttpHeaders headersFor(const S3Request& write, const ObjectMetadata& metadata, const std::string& source);
+    std::string sendCopy(S3Request request, const CopySource& source, std::uint64_t size,
+        const std::function<std::string(const std::string& document)>& read);
     std::string sendWrite(
         S3Request& request, const WriteCondition& condition, const std::function<std::string()>& send);
 
@@ -62,6 +70,7 @@ private:
     std::atomic<bool> m_refusesCopyConditions = false;
     std::atomic<bool> m_refusesCopies = false;       // of parts
     std::atomic<bool> m_refusesUnequalParts = false; // in a completion
+    std::atomic<bool> m_deletesMany = true;          // until the endpoint refuses
 };
 
 } // namespace storage::clients::s3

@@ -120,6 +120,9 @@ TEST(GatewayTest, AChangedFileKeepsItsMetadata)
     putObject(store, "a.html", "old", {}, fields);
     auto before = metadata();
     EXPECT_EQ(before.size(), fields.size());
+    client.copyObject("a.html", "b");
+    EXPECT_EQ(store.findObject("b")->version.metadata->size(), fields.size());
+    client.deleteObject("b");
     const std::string tag = client.getObjectParts("a.html").at(0).Tag;
     conformance::put(client, "a.html", "put");
     EXPECT_EQ(metadata(), before);

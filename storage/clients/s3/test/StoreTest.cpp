@@ -59,11 +59,12 @@ Reply cut(const std::string& rest)
         Reply::Then::Close);
 }
 
-/// The response to a HEAD request.
-Reply described(const std::string& etag, int size)
+/// The response to a HEAD request, or to GET.
+Reply described(const std::string& etag, std::size_t size)
 {
     return {.fields = {{"ETag", '"' + etag + '"'}, {"Last-Modified", "Sat, 01 Jan 2022 00:00:00 GMT"},
-                {"Content-Length", std::to_string(size)}}};
+                {"Content-Length", std::to_string(size)}},
+        .body = std::string(size, 'x')};
 }
 
 const ReadRow reads[] = {
@@ -140,7 +141,10 @@ struct ConditionalStore
     {
         if (request.method() == http::head || request.method() == http::get)
         {
-            return stored == 0 ? Reply::error(404, "NoSuchKey") : described(tagOf(stored), 1);
+            const bool isSource = request.target() == "/bucket/source"; // of copies
+            return isSource      ? described(tag, 1)
+                   : stored == 0 ? Reply::error(404, "NoSuchKey")
+                                 : described(tagOf(stored), 1);
         }
         const std::string etag = stored == 0 ? "" : '"' + tagOf(stored) + '"';
         const auto ifNone = request["If-None-Match"];
@@ -153,11 +157,17 @@ struct ConditionalStore
         {
             return stored == 0 ? Reply::error(404, "NoSuchKey") : Reply::error(412, "PreconditionFailed");
         }
-        stored = request.method() == http::delete_ ? '\0' : request.method() == http::put ? request.body().at(0) : 'c';
+        const bool isCopy = request.count("x-amz-copy-source") > 0;
+        stored = request.method() == http::delete_ ? '\0'
+                 : isCopy                          ? 'k'
+                 : request.method() == http::put   ? request.body().at(0)
+                                                   : 'c';
+        const std::string newTag = tagOf(stored);
         return losesResponse.exchange(false)
                    ? Reply::raw("", Reply::Then::Close)
-                   : Reply{.fields = {{"ETag", '"' + tagOf(stored) + '"'}},
-                         .body = request.method() == http::post ? "<CompleteMultipartUploadResult/>" : ""};
+                   : Reply{.fields = {{"ETag", newTag}},
+                         .body = isCopy ? "<CopyObjectResult><ETag>" + newTag + "</ETag></CopyObjectResult>"
+                                        : "<CompleteMultipartUploadResult/>"};
     }
 };
 
@@ -173,6 +183,10 @@ const Write writes[] = {
     {"completion", 'c',
         [](S3Store& store, const WriteCondition& condition) {
             store.completeUpload("key", "id", {{1, "tag"}}, condition);
+        }},
+    {"copy", 'k',
+        [](S3Store& store, const WriteCondition& condition) {
+            store.copyObject({"source", {tag, 1, std::make_shared<ObjectMetadata>()}}, "key", condition);
         }},
     {"deletion", 0, [](S3Store& store, const WriteCondition& condition) { store.deleteObject("key", condition); }},
 };
@@ -282,7 +296,7 @@ TEST(StoreTest, SendsTheMetadataThatItHasRead)
         const auto opened = store.getObject("key", {}, {}, [](const Version&, std::string_view) {}).metadata;
         EXPECT_EQ(*store.findObject("key")->version.metadata, *opened);
         putObject(store, "key", "new", "", *opened);
-        store.createUpload("key", *opened);
+        store.createUpload("to", *opened, "key");
         const auto requests = server.requests();
         EXPECT_EQ(requests.size() - std::exchange(sent, requests.size()), expected);
         for (const Request& request : {requests.back(), *(requests.rbegin() + (expected == 5 ? 1 : 2))})
@@ -306,10 +320,14 @@ TEST(StoreTest, SendsTheSettingsOfObjectsWhereTheyBelong)
         "server-side-encryption-customer-key", "copy-source-server-side-encryption-customer-key"};
     const std::pair<void (*)(S3Store & store), const char*> rows[] = {
         {[](S3Store& store) { putObject(store, "key", "content"); }, "aws:kms a/b a2V5  "},
-        {[](S3Store& store) { store.createUpload("key", {}); }, "aws:kms a/b a2V5  "},
+        {[](S3Store& store) { store.createUpload("key", {}, ""); }, "aws:kms a/b a2V5  "},
         {[](S3Store& store) { store.findObject("key"); }, "  a2V5  "},
         {[](S3Store& store) {
-             store.takePart("key", "id", 1, {"tag", 2}, {0, 2});
+             store.copyObject({"key", {"tag", 2, std::make_shared<ObjectMetadata>()}}, "to", {});
+         },
+            "aws:kms a/b a2V5 a2V5 "},
+        {[](S3Store& store) {
+             store.takePart("key", "id", 1, {"key", {"tag", 2}}, {0, 2});
          },
             "  a2V5 a2V5 "},
         {[](S3Store& store) {
@@ -356,10 +374,11 @@ TEST(UploadTest, CopiesFromOneVersionUnlessTheStoreRefusesTheVersionThatItShows)
             [&, stored = stored, refuses = refuses](const Request& request)
             {
                 const bool isLarge = request["x-amz-copy-source-range"] == "bytes=1-1073741824";
-                return request.method() == http::head ? described(stored, 9)
+                const std::string result = request.target() == "/bucket/to" ? "CopyObjectResult" : "CopyPartResult";
+                return request.method() != http::put ? described(stored, 9)
                        : refuses && request["x-amz-copy-source-if-match"] == "\"old\""
                            ? Reply::error(412, "PreconditionFailed")
-                           : Reply{.body = "<CopyPartResult><ETag>\"tag\"</ETag></CopyPartResult>",
+                           : Reply{.body = '<' + result + "><ETag>\"tag\"</ETag></" + result + '>',
                                  .delay = std::chrono::milliseconds(isLarge ? 1500 : 0)};
             });
         S3Settings settings = settingsFor(server);
@@ -367,10 +386,11 @@ TEST(UploadTest, CopiesFromOneVersionUnlessTheStoreRefusesTheVersionThatItShows)
         settings.timeouts.serverSideStallWindow = std::chrono::seconds(1);
         settings.timeouts.serverSideBytesPerSecond = 1 << 24; // the window of a large copy is longer than its delay
         S3Store store(settings);
-        const auto take = [&](std::uint64_t size) {
+        const auto take = [&](std::uint64_t size)
+        {
             return failureOf(
                 [&] {
-                    EXPECT_EQ(store.takePart("a/b c", "id", 3, {"old", size}, {size - gibi, gibi}), "tag");
+                    EXPECT_EQ(store.takePart("key", "id", 3, {"a/b c", {"old", size}}, {size - gibi, gibi}), "tag");
                 });
         };
         const std::string failure = take(gibi + 1);
@@ -383,6 +403,12 @@ TEST(UploadTest, CopiesFromOneVersionUnlessTheStoreRefusesTheVersionThatItShows)
         const auto requests = server.requests();
         EXPECT_EQ(requests.size() - before.size(), isRefused ? 2U : 1U);
         EXPECT_EQ(requests.back().count("x-amz-copy-source-range"), 0U) << "stores refuse ranges of small objects";
+        const ObjectMetadata metadata{{"X-Amz-Storage-Class", "COLD"}, {"b", "c"}};
+        const CopySource whole{"a/b c", {"old", 9, std::make_shared<ObjectMetadata>(metadata)}};
+        EXPECT_EQ(failureOf([&] { EXPECT_EQ(store.copyObject(whole, "to", {}), "tag"); }).empty(), !isRefused);
+        const Request copy = server.requests()[requests.size()];
+        EXPECT_TRUE(copy["X-Amz-Storage-Class"] == "COLD" && copy.count("b") == 0);
+        EXPECT_TRUE(refuses || copy["x-amz-copy-source-if-match"] == "\"old\"");
         EXPECT_EQ(store.abilities("a%b").maxTakeSize, 0U);
         EXPECT_GT(store.abilities("a b").maxTakeSize, 0U);
     }
@@ -411,7 +437,7 @@ TEST(UploadTest, LearnsWhatTheStoreRefuses)
         LoopbackServer server(
             [&](const Request& request)
             {
-                return request.method() == http::head                    ? described("old", 9)
+                return request.method() != http::put                     ? described("old", 9)
                        : request.count("x-amz-copy-source-if-match") > 0 ? row.conditional
                                                                          : row.unconditional;
             });
@@ -420,14 +446,14 @@ TEST(UploadTest, LearnsWhatTheStoreRefuses)
         S3Store store(settings);
         const std::string failure = failureOf(
             [&] {
-                EXPECT_EQ(store.takePart("key", "id", 1, {"old", 9}, {0, 9}), "tag");
+                EXPECT_EQ(store.takePart("key", "id", 1, {"key", {"old", 9}}, {0, 9}), "tag");
             });
         EXPECT_TRUE(failure.starts_with(row.failure) && failure.empty() == (*row.failure == 0)) << failure;
         EXPECT_EQ(store.abilities("key").maxTakeSize > 0, row.canCopy);
         EXPECT_EQ(store.abilities("key").conditionalTakes, *row.failure != 0);
         EXPECT_THAT(failureOf(
                         [&] {
-                            store.takePart("key", "id", 1, {"other", 9}, {0, 9});
+                            store.takePart("key", "id", 1, {"key", {"other", 9}}, {0, 9});
                         }),
             testing::AnyOf(StartsWith("Object changed"), StartsWith(row.failure)));
     }
@@ -461,6 +487,38 @@ TEST(EndpointProbeTest, NamesWhatItCannotRemove)
     EXPECT_THAT(found, StartsWith("no: other bytes"));
     EXPECT_THAT(report.leftovers, testing::ElementsAre(StartsWith("\"p/cloudfs-check-")));
     EXPECT_TRUE(!report.isUsable && report.capabilities == EndpointCapabilities());
+}
+
+TEST(StoreTest, DeletesManyAndNamesTheKeysThatStay)
+{
+    const auto error = [](const std::string& key, const std::string& code)
+    { return "<Error><Key>" + key + "</Key><Code>" + code + "</Code></Error>"; };
+    Reply reply{.body = "<DeleteResult>" + error("p/ a", "AccessDenied") + error("p/&lt;", "InternalError") +
+                        error("p/gone", "NoSuchKey") + "</DeleteResult>"};
+    LoopbackServer server([&](const Request&) { return reply; });
+    S3Settings settings = settingsFor(server, fixedCredentials({"id", "secret", ""}));
+    settings.prefix = "p/";
+    S3Store store(settings);
+    const auto failures = store.deleteObjects({" a", "<", "c", "gone"});
+    const Request request = server.requests().at(0);
+    EXPECT_EQ(request.target(), "/bucket/?delete=");
+    EXPECT_THAT(request.body(),
+        testing::EndsWith(
+            "<Delete><Quiet>true</Quiet><Object><Key>p/ a</Key></Object><Object><Key>p/&lt;</Key></Object>"
+            "<Object><Key>p/c</Key></Object><Object><Key>p/gone</Key></Object></Delete>"));
+    EXPECT_EQ(request["Content-MD5"], toBase64(md5(request.body())));
+    ASSERT_EQ(failures.size(), 2U);
+    EXPECT_THAT(failureOf([&] { std::rethrow_exception(failures.at(" a")); }), StartsWith("Permission denied"));
+    EXPECT_THROW(std::rethrow_exception(failures.at("<")), TransientException);
+    EXPECT_THAT(failureOf([&] { store.deleteObjects({"c"}); }), HasSubstr("not to be deleted"));
+    EXPECT_EQ(store.abilities("a\r").maxDeletions, 0U) << "XML would have a line feed instead";
+    for (const auto& [refusal, left] :
+        {std::pair(Reply::error(400, "MalformedXML"), 1'000U), {Reply::error(405, "MethodNotAllowed"), 0U}})
+    {
+        reply = refusal;
+        EXPECT_THAT(failureOf([&] { store.deleteObjects({"a"}); }), StartsWith("Unsupported"));
+        EXPECT_EQ(store.abilities("a").maxDeletions, left);
+    }
 }
 
 TEST(UploadTest, IsOpenUntilTheStoreSaysOtherwise)

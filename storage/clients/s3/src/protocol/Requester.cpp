@@ -94,7 +94,7 @@ HttpResponse Requester::send(
         for (;;)
         {
             const BucketAddress requested = address();
-            const bool hasMd5 = request.body != nullptr && m_needsMd5;
+            const bool hasMd5 = request.needsMd5 || (request.body != nullptr && m_needsMd5);
             HttpResponse response = sendOnce(request, requested, hasMd5, receiver);
             if (isGood(response))
             {
@@ -150,8 +150,10 @@ void Requester::addSettings(const S3Request& request, HttpHeaders& headers) cons
     if (!m_objects.customerKey.empty() && !request.key.empty() && request.method != "DELETE")
     {
         addCustomerKey("x-amz-server-side-encryption-customer-");
-        request.operation == Operation::CopyPart ? addCustomerKey("x-amz-copy-source-server-side-encryption-customer-")
-                                                 : void();
+        if (headers.find("x-amz-copy-source") != nullptr)
+        {
+            addCustomerKey("x-amz-copy-source-server-side-encryption-customer-");
+        }
     }
 }
 

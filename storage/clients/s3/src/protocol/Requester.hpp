@@ -27,6 +27,7 @@ struct S3Request
     QueryParameters query = {};
     HttpHeaders headers = {};
     RequestBody* body = nullptr;       ///< borrowed; null: none
+    bool needsMd5 = false;             ///< the store demands the MD5 of the body
     bool uninterruptible = false;      ///< see HttpRequest
     bool cleansUp = false;             ///< HttpTimeouts::cleanUp limits it
     bool serverSideWork = false;       ///< the store moves bytes internally before it responds

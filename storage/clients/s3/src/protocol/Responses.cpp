@@ -54,6 +54,13 @@ boost::posix_time::ptime requiredTime(const pugi::xml_node& parent, const char* 
     return time;
 }
 
+std::string textOf(const pugi::xml_document& document)
+{
+    std::ostringstream out;
+    document.save(out, "", pugi::format_raw);
+    return std::move(out).str();
+}
+
 ErrorDocument errorIn(const pugi::xml_node& root)
 {
     return {textOf(root, "Code"), textOf(root, "Message"), textOf(root, "RequestId"), textOf(root, "Region"),
@@ -188,6 +195,21 @@ std::string readCopiedPart(const std::string& document)
     return unquotedTag(Document(document, "CopyPartResult", "UploadPartCopy").required("ETag"));
 }
 
+std::string readCopy(const std::string& document)
+{
+    return unquotedTag(Document(document, "CopyObjectResult", "CopyObject").required("ETag"));
+}
+
+void readDeletion(const std::string& document,
+    const std::function<void(const std::string& name, const ErrorDocument& error)>& addFailure)
+{
+    const Document parsed(document, "DeleteResult", "DeleteObjects");
+    for (const pugi::xml_node& node : parsed.root().children("Error"))
+    {
+        addFailure(parsed.key(node, "Key"), errorIn(node));
+    }
+}
+
 std::string readCompletion(const std::string& document)
 {
     return unquotedTag(
@@ -219,9 +241,19 @@ std::string writeCompletion(const std::vector<NumberedTag>& parts)
         part.append_child("PartNumber").text() = static_cast<unsigned long long>(number);
         part.append_child("ETag").text() = quotedTag(tag).c_str();
     }
-    std::ostringstream out;
-    document.save(out, "", pugi::format_raw);
-    return std::move(out).str();
+    return textOf(document);
+}
+
+std::string writeDeletion(const std::string& prefix, const std::vector<std::string>& keys)
+{
+    pugi::xml_document document;
+    pugi::xml_node root = document.append_child("Delete");
+    root.append_child("Quiet").text() = "true";
+    for (const std::string& key : keys)
+    {
+        root.append_child("Object").append_child("Key").text() = (prefix + key).c_str();
+    }
+    return textOf(document);
 }
 
 std::shared_ptr<const ObjectMetadata> metadataIn(const HttpResponse& response)

@@ -6,6 +6,7 @@
 #include <storage/clients/remote/RemoteStore.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -14,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-/// The documents in a store's responses, and the one that is sent to it.
+/// The documents in a store's responses, and those that are sent to it.
 namespace storage::clients::s3
 {
 
@@ -75,8 +76,13 @@ UploadsDocument readUploads(const std::string& document);
 /// The id of a new upload.
 std::string readNewUpload(const std::string& document);
 
-/// The entity tag of a copied part.
+/// The entity tag of a copied part, and of a copied object.
 std::string readCopiedPart(const std::string& document);
+std::string readCopy(const std::string& document);
+
+/// Call a function for each object that was not deleted.
+void readDeletion(const std::string& document,
+    const std::function<void(const std::string& name, const ErrorDocument& error)>& addFailure);
 
 /// The entity tag of the completed object; empty when the store does not state it.
 std::string readCompletion(const std::string& document);
@@ -86,6 +92,10 @@ QueryParameters readTags(const std::string& document);
 
 /// The document that completes an upload.
 std::string writeCompletion(const std::vector<NumberedTag>& parts);
+
+/// The document that deletes objects, and lets the response only have those that were not deleted.
+/// @param prefix  of all keys
+std::string writeDeletion(const std::string& prefix, const std::vector<std::string>& keys);
 
 /// The field that says how many tags an object has. It is part of the metadata, so that they are requested only then.
 constexpr std::string_view tagCountField = "x-amz-tagging-count";

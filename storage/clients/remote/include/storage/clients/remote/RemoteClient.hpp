@@ -1,5 +1,7 @@
 #pragma once
 
+#include <storage/clients/common/ObjectCopier.hpp>
+#include <storage/clients/common/ObjectRemover.hpp>
 #include <storage/clients/common/RequiredVersions.hpp>
 #include <storage/clients/common/StoreCounters.hpp>
 #include <storage/clients/common/UploadInventory.hpp>
@@ -9,6 +11,8 @@
 #include <storage/clients/remote/RemoteStore.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
 
+#include <exception>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -72,6 +76,8 @@ namespace storage::clients
 class RemoteClient : public cloudprovider::CloudClient,
                      public UploadInventory,
                      public WriteConditions,
+                     public ObjectCopier,
+                     public ObjectRemover,
                      public StoreCounters
 {
 public:
@@ -100,6 +106,13 @@ public:
 
     std::unique_ptr<Condition> requireVersion(const std::string& key, const std::string& tag) override;
     bool isAtomic() const noexcept override;
+
+    /// One request, or for an object that is too large for that, an upload of ranges that the store copies, several at
+    /// a time. A condition of the target is checked just before, even if isAtomic() is true, but for such an upload.
+    std::string copyObject(const std::string& source, const std::string& target) override;
+
+    /// In batches, or one after the other where the store cannot do that. What fails temporarily is retried.
+    std::map<std::string, std::exception_ptr> deleteObjects(const std::vector<std::string>& keys) override;
 
     /// Counts the attempts at requests to the store. Lookups that a write needs belong to its attempt.
     CallSnapshot callSnapshot() const override;

@@ -10,7 +10,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,10 +28,11 @@ struct StoreAbilities
     std::uint64_t minPartSize = 5U << 20;      ///< bytes; for every part of an upload but the last; at least 1
     std::size_t maxParts = 10'000;             ///< of one upload
     std::uint64_t maxObjectSize = 5ULL << 40U; ///< bytes
-    /// Bytes that takePart() can take at once; at least 2 * minPartSize, or 0: the store has no takePart().
+    /// Bytes that takePart() and copyObject() can copy at once; at least 2 * minPartSize, or 0: the store has neither.
     std::uint64_t maxTakeSize = 5ULL << 30U;
     bool equalParts = false;            ///< no part may be larger than the first; all but the last have the same size
-    bool conditionalTakes = false;      ///< takePart() checks the version in one step with the copy
+    std::size_t maxDeletions = 0;       ///< keys that deleteObjects() can delete at once; 0: the store lacks it
+    bool conditionalTakes = false;      ///< takePart() and copyObject() check the version in one step with the copy
     bool conditionalWrites = false;     ///< putObject() and deleteObject() check their condition in one step
     bool conditionalCreation = false;   ///< completeUpload() checks in one step that there is no object
     bool conditionalCompletion = false; ///< completeUpload() checks the replaced version in one step
@@ -56,6 +59,13 @@ struct UploadsPage
 {
     std::vector<PendingUpload> uploads;
     std::string nextToken; ///< empty on the last page
+};
+
+/// An object that is copied.
+struct CopySource
+{
+    std::string key;
+    Version version; ///< as findObject() returned it
 };
 
 /// A part that the store has: its number, from 1, and the tag that the store gave to it.
@@ -119,26 +129,40 @@ public:
     /// @throws PreconditionFailed as putObject()
     virtual void deleteObject(const std::string& key, const WriteCondition& condition) = 0;
 
+    /// Delete objects, 1 to maxDeletions. Missing ones are not failures.
+    /// @return the keys whose objects were not deleted, each with one of the exceptions above
+    virtual std::map<std::string, std::exception_ptr> deleteObjects(const std::vector<std::string>& keys) = 0;
+
+    /// Store a copy of an object, with its metadata, under another key. @return the copy's tag
+    ///
+    /// @param source     at most maxTakeSize bytes; its version is as for takePart()
+    /// @param condition  of the target; may be ignored, because RemoteClient looks up the target before
+    /// @throws PreconditionFailed because of the source or of the condition
+    virtual std::string copyObject(
+        const CopySource& source, const std::string& target, const WriteCondition& condition) = 0;
+
     /// List a page of keys. The parameters are those of CloudClient::listObjects().
     virtual ListingPage listObjects(
         const std::string& prefix, const std::string& token, const cloudprovider::ListOptions& options) = 0;
 
     /// Open a multipart upload. Once begun, the request is not ended by an interrupt, so that its result is not lost.
     /// @param metadata  of the object that it will make; see putObject()
+    /// @param source    key of the object that the metadata comes from, unless the file is new
     /// @return the store's id of the upload
-    virtual std::string createUpload(const std::string& key, const ObjectMetadata& metadata) = 0;
+    virtual std::string createUpload(
+        const std::string& key, const ObjectMetadata& metadata, const std::string& source) = 0;
 
     /// Send a part. A part with the same number is replaced. @return its tag, which is not empty
     /// @param number  from 1 to maxParts
     virtual std::string uploadPart(
         const std::string& key, const std::string& uploadId, std::size_t number, RequestBody& body) = 0;
 
-    /// Let the store copy a range of the object under the key into the upload. @return the part's tag, which
-    /// is not empty
+    /// Let the store copy a range of an object, mostly the one under the key, into the upload. @return the part's tag,
+    /// which is not empty
     /// @param source  PreconditionFailed may be thrown if the object has another tag, and is if conditionalTakes is set
     /// @param range   within the object; not empty
     virtual std::string takePart(const std::string& key, const std::string& uploadId, std::size_t number,
-        const Version& source, const ByteRange& range) = 0;
+        const CopySource& source, const ByteRange& range) = 0;
 
     /// Replace the object by the parts, and end the upload. @return the object's tag; empty: the store did not say
     /// @param parts      in ascending order of their numbers; at least one
