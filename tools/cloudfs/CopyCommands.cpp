@@ -2,6 +2,8 @@
 #include "Commands.hpp"
 #include "Progress.hpp"
 
+#include <storage/clients/common/ObjectCopier.hpp>
+#include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <foundation/storage/provider/ReplacementPolicy.hpp>
@@ -9,10 +11,13 @@
 #include <fmt/format.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace cloudfs
 {
+
+namespace cloudprovider = storage::cloudprovider;
 
 namespace
 {
@@ -45,7 +50,29 @@ CheckedPaths checkedPaths(const CommandContext& context, const Options& options)
     return {source, destination, context.requireCanStore(destination, options.force)};
 }
 
-void copyFile(const CommandContext& context, const CheckedPaths& paths, const Options& options)
+/// Let the store copy the file. @return the tag of the version that was copied; nullopt: the store cannot copy it
+std::optional<std::string> copyInStore(const CommandContext& context, const CheckedPaths& paths)
+{
+    auto* const copier = storage::clients::findInterface<storage::clients::ObjectCopier>(context.store());
+    if (copier == nullptr)
+    {
+        return std::nullopt;
+    }
+    return context.translateErrors(paths.destination,
+        [&]() -> std::optional<std::string>
+        {
+            try
+            {
+                return copier->copyObject(paths.source.key(), paths.destination.key());
+            }
+            catch (const cloudprovider::UnsupportedOperationException&)
+            {
+                return std::nullopt;
+            }
+        });
+}
+
+void copyBytes(const CommandContext& context, const CheckedPaths& paths, const Options& options)
 {
     context.translateErrors(paths.destination,
         [&] { context.provider().copyFile(paths.source.iri(), paths.destination.iri(), options.policy()); });
@@ -56,9 +83,10 @@ void copy(const CommandContext& context, const Options& options)
 {
     const Progress progress(context);
     const auto paths = checkedPaths(context, options);
-    if (paths.source.iri() != paths.destination.iri()) // a file that replaces itself stays as it is
+    const bool isSame = paths.source.iri() == paths.destination.iri(); // a file that replaces itself stays as it is
+    if (!isSame && !copyInStore(context, paths))
     {
-        copyFile(context, paths, options);
+        copyBytes(context, paths, options);
     }
 }
 
@@ -73,20 +101,25 @@ void move(const CommandContext& context, const Options& options)
     }
     // Not the provider's move, which removes whatever the source is by then. The version is looked up before the copy
     // reads it: if another program replaces the source meanwhile, this version is not the one that would be removed.
+    const auto copied = copyInStore(context, paths);
     const std::string version =
-        context.translateErrors(source, [&] { return context.client().getObjectInfo(source.key()).tag; });
+        copied ? *copied
+               : context.translateErrors(source, [&] { return context.client().getObjectInfo(source.key()).tag; });
     const auto unchanged = version.empty() ? nullptr : context.requireVersion(source, version);
     if (!unchanged)
     {
         throw CommandError(source.text(), "cannot be moved, because the store reports no version of it; use cp and rm",
             fsp::ErrorCode::Unsupported);
     }
-    copyFile(context, paths, options);
+    if (!copied)
+    {
+        copyBytes(context, paths, options);
+    }
     try
     {
         context.client().deleteObject(source.key());
     }
-    catch (const storage::cloudprovider::CloudException& exception)
+    catch (const cloudprovider::CloudException& exception)
     {
         throw CommandError::fromStore(
             source.text(), exception, fmt::format("was copied to {}, but not removed: ", paths.destination.text()));

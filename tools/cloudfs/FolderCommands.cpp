@@ -1,12 +1,22 @@
 #include "CommandError.hpp"
 #include "Commands.hpp"
+#include "Interrupt.hpp"
 #include "Progress.hpp"
 
+#include <storage/clients/common/ObjectRemover.hpp>
+#include <storage/clients/decorators/FindInterface.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <exception>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace cloudfs
 {
+
+using storage::cloudprovider::CloudException;
 
 namespace
 {
@@ -63,9 +73,47 @@ void removeFolder(const CommandContext& context, const std::string& argument)
     context.translateErrors(path, [&] { context.provider().removeFolder(path.iri()); });
 }
 
-void remove(const CommandContext& context, const std::string& argument, bool recursive)
+/// Remove a folder and its contents, page by page if the store removes many objects at once. A file that the store
+/// refuses to remove is reported, and the others are removed.
+void removeTree(CommandContext& context, const StorePath& path, Progress& progress)
 {
-    const Progress progress(context);
+    auto* const remover = storage::clients::findInterface<storage::clients::ObjectRemover>(context.store());
+    if (remover == nullptr)
+    {
+        context.translateErrors(path, [&] { context.provider().removeFolderRecursively(path.iri()); });
+        return;
+    }
+    context.translateErrors(path,
+        [&]
+        {
+            std::string token;
+            do
+            {
+                std::vector<std::string> keys;
+                for (auto& entry : context.client().listObjects(path.key() + '/', token, {"", -1}))
+                {
+                    keys.push_back(std::move(entry.key));
+                }
+                for (const auto& [key, failure] : remover->deleteObjects(keys))
+                {
+                    try
+                    {
+                        std::rethrow_exception(failure);
+                    }
+                    catch (const CloudException& exception)
+                    {
+                        progress.report(CommandError::fromStore('/' + key, exception).what());
+                        context.markFailed();
+                    }
+                }
+                interrupt::throwIfPending();
+            } while (!token.empty());
+        });
+}
+
+void remove(CommandContext& context, const std::string& argument, bool recursive)
+{
+    Progress progress(context);
     const StorePath path = StorePath::parse(argument);
     if (path.isRoot())
     {
@@ -86,7 +134,7 @@ void remove(const CommandContext& context, const std::string& argument, bool rec
         throw CommandError(
             path.text(), "is a folder; use -r to remove it and its contents", fsp::ErrorCode::InvalidLocation);
     }
-    context.translateErrors(path, [&] { context.provider().removeFolderRecursively(path.iri()); });
+    removeTree(context, path, progress);
 }
 
 struct Options

@@ -328,6 +328,30 @@ test_interrupted_get()
     resume 1 'cloudfs: target/file: File exists .*code 3 .*'
 }
 
+# A bucket copies files itself, and removes many with one request.
+test_in_store()
+{
+    local row
+    bytes 20000000 >big
+    mkdir tree
+    touch tree/{1..1498} 'tree/ <&%>' 'tree/x '
+    expect 0 '' put big /big
+    expect 0 '' put -r -j 8 tree /tree
+    expect 0 '' put big '/a%b'
+    for row in 'cp /big /copy|copyPart 1 (19.1 MiB)' 'mv /copy /moved|deleteObject 1, copyPart 1 (19.1 MiB)' \
+        'rm -r /tree|listObjects 3, deleteObject 2'; do
+        # shellcheck disable=SC2086 # several words
+        fs -v ${row%|*} 2>err || fail "$row: $(<err)"
+        [[ $(tail -n 1 err) =~ 'calls: getObjectInfo '.', '('listObjects '.', ')?"${row#*|}"$ ]] || fail "$row: $(<err)"
+    done
+    same big /moved
+    expect 0 '' mv "'/a%b'" "'/c%d'" # whose bytes are sent, because not every bucket understands such a name
+    same big '/c%d'
+    expect 1 '/moved: already exists.*code 3 .*' cp /big /moved
+    prints $'big\nc%d\nmoved' ls -R
+    nothing_left
+}
+
 # Another program truncates a file that is being uploaded, and stores another one after its folder was listed.
 test_concurrent_changes()
 {
