@@ -89,21 +89,26 @@ StoreAbilities S3Store::abilities(const std::string& key) const
 std::optional<StoredObject> S3Store::findObject(const std::string& key)
 {
     const S3Request request{Operation::GetObjectInfo, key, "HEAD"};
-    HttpResponse response = m_requester.send(request, {400, 401, 403, 404});
-    if (response.status >= 400 &&
-        (response.status != 404 || !m_requester.sawBucket())) // a 404 may mean a missing bucket
+    HttpResponse response;
+    const bool sawBucket = m_requester.sawBucket();
+    if (sawBucket)
     {
-        if (!existsByGet(request))
-        {
-            return std::nullopt;
-        }
-        response = m_requester.send(request, {404}); // the GET succeeded, so the failure was temporary
+        response = m_requester.send(request, {400, 401, 403, 404});
+    }
+    if (!sawBucket || (response.status >= 400 && response.status != 404))
+    {
+        response = getFirstByte(request);
+    }
+    if (response.status == 416) // the object is empty or archived
+    {
+        response = m_requester.send(request, {404});
     }
     if (response.status == 404)
     {
         return std::nullopt;
     }
-    const auto size = lengthOf(response);
+    const std::string* const range = response.headers.find("Content-Range");
+    const auto size = range == nullptr ? lengthOf(response) : readNumber(range->substr(range->find('/') + 1));
     const std::string* const tag = response.headers.find("ETag");
     const std::string* const time = response.headers.find("Last-Modified");
     if (!size || tag == nullptr || time == nullptr)
@@ -114,22 +119,26 @@ std::optional<StoredObject> S3Store::findObject(const std::string& key)
     return StoredObject{{unquotedTag(*tag), *size, metadataIn(response)}, readHttpTime(*time)};
 }
 
-/// Send a failed HEAD request again as GET. Only the response to a GET contains the reason, from which the requester
-/// finds the bucket's region and recognises expired credentials.
+/// Look up an object with GET. Only the response to that contains the reason of a failure: whether the object or the
+/// bucket is missing, from which the requester finds the bucket's region, and whether credentials have expired.
 ///
-/// @return whether there is such an object
-bool S3Store::existsByGet(S3Request request)
+/// @return 404: there is no such object; 416: it has no first byte, or not now
+HttpResponse S3Store::getFirstByte(S3Request request)
 {
     request.method = "GET";
     request.headers.add("Range", "bytes=0-0");
-    const HttpResponse response = m_requester.send(request, {404, 416});
-    if (response.status != 404)
+    HttpResponse response;
+    response.status = 416;
+    try
     {
-        return true;
+        response = m_requester.send(request, {404, 416});
     }
-    requireMissingKey(request, response);
+    catch (const ArchivedObject&)
+    {
+    }
+    response.status == 404 ? requireMissingKey(request, response) : void();
     m_requester.setSawBucket();
-    return false;
+    return response;
 }
 
 /// Throw unless the 404 means that only the object is missing.
@@ -162,6 +171,7 @@ Version S3Store::getObject(const std::string& key, const std::optional<ByteRange
         return content.finish(response);
     }
     // The range is beyond the object, and the response need not tell the object's version.
+    m_requester.setSawBucket();
     const auto object = findObject(key);
     if (version && (!object || object->version.tag != version->tag))
     {

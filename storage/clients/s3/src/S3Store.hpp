@@ -52,7 +52,7 @@ public:
     std::string tagOf(const std::vector<NumberedTag>& parts) const override;
 
 private:
-    bool existsByGet(S3Request request);
+    HttpResponse getFirstByte(S3Request request);
     void requireMissingKey(const S3Request& request, const HttpResponse& response);
     HttpHeaders headersFor(const S3Request& write, const ObjectMetadata& metadata, const std::string& source);
     std::string sendCopy(S3Request request, const CopySource& source, std::uint64_t size,

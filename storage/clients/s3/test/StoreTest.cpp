@@ -119,6 +119,27 @@ TEST(StoreTest, DeliversTheBytesOfTheRangeOrFails)
     }
 }
 
+TEST(StoreTest, LooksUpItsFirstObjectByARequestWhoseFailureTellsMore)
+{
+    Reply beginning = described(tag, 1);
+    beginning.status = 206;
+    beginning.fields.emplace_back("Content-Range", "bytes 0-0/9");
+    const std::tuple<Reply, std::uint64_t, std::string> rows[] = {// response to GET, size, methods with a second lookup
+        {Reply::error(404, "NoSuchKey"), 0, "GH"}, {beginning, 9, "GH"}, {{416}, 7, "GHH"},
+        {Reply::error(403, "InvalidObjectState"), 7, "GHH"}};
+    for (const auto& [first, size, methods] : rows)
+    {
+        LoopbackServer server([first = first](const Request& request)
+            { return request.method() == http::get ? first : described(tag, 7); });
+        S3Store store(settingsFor(server));
+        EXPECT_EQ(store.findObject("key").value_or(StoredObject()).version.size, size);
+        EXPECT_EQ(store.findObject("key")->version.size, 7U);
+        std::string sent;
+        std::ranges::for_each(server.requests(), [&](const Request& request) { sent += request.method_string()[0]; });
+        EXPECT_EQ(sent, methods);
+    }
+}
+
 /// A store of one object of one byte.
 struct ConditionalStore
 {

@@ -35,6 +35,7 @@ enum class Meaning
     NotUnderstood,
     UnequalParts,
     Changed,
+    Archived,
     Transient,
     Other
 };
@@ -69,7 +70,7 @@ constexpr std::array rows{
     Row{"RequestTimeTooSkewed", Meaning::ClockSkew, ""},
     Row{"RequestExpired", Meaning::ClockSkew, ""},
     Row{"AccessDenied", Meaning::Denied, "ask the bucket's owner for permission"},
-    Row{"InvalidObjectState", Meaning::Other, "the object is archived; restore it first"},
+    Row{"InvalidObjectState", Meaning::Archived, "the object is archived; restore it first"},
     Row{"AllAccessDisabled", Meaning::Denied, ""},
     Row{"AccountProblem", Meaning::Denied, ""},
     Row{"QuotaExceeded", Meaning::Denied, "the quota is used up"},
@@ -272,6 +273,8 @@ void throwErrorResponse(const FailureContext& context, const HttpResponse& respo
         throw UnequalParts(detail);
     case Meaning::Changed:
         throw PreconditionFailed(detail, response.wasSentTwice);
+    case Meaning::Archived:
+        throw ArchivedObject("Store error", detail);
     case Meaning::Transient:
         throw TransientException("Store busy", detail, retryAfter(response));
     case Meaning::Other:

@@ -26,6 +26,13 @@ public:
     using cloudprovider::UnsupportedOperationException::UnsupportedOperationException;
 };
 
+/// The object cannot be read before it is restored from an archive.
+class ArchivedObject : public cloudprovider::UnknownErrorException
+{
+public:
+    using cloudprovider::UnknownErrorException::UnknownErrorException;
+};
+
 /// What a message says about a failed request.
 struct FailureContext
 {
