@@ -80,6 +80,7 @@ CloudClientSharedPtr makeRemoteStore()
 {
     const auto bucket = std::make_shared<clients::test::MemoryBucket>();
     bucket->abilities.minPartSize = 8;
+    bucket->abilities.maxParts = 20;
     return std::make_shared<clients::RemoteClient>(
         bucket->connect(), clients::RemoteSettings{.transfers = 3, .memory = 80, .partSize = 16});
 }

@@ -8,11 +8,10 @@ namespace storage::clients
 std::vector<cloudprovider::PartInfo> cutIntoParts(
     const Version& object, std::uint64_t partSize, const StoreAbilities& store)
 {
-    constexpr std::uint64_t step = 256 << 10; // for round numbers
     const std::uint64_t maxCount = store.maxParts / 2;
     if (object.size > maxCount * partSize)
     {
-        partSize = (object.size / maxCount / step + 1) * step;
+        partSize *= object.size / maxCount / partSize + 1; // round numbers
     }
     if (object.size < store.minPartSize + partSize)
     {

@@ -57,46 +57,96 @@ std::string Upload::setPart(std::size_t index, Part part)
     return tag;
 }
 
-std::optional<Upload::Part> Upload::beginSending(const cloudprovider::PartInfo& part, const StoreAbilities& store)
+PartGroup Upload::groupOf(const cloudprovider::PartInfo& part, const StoreAbilities& store) const
+{
+    const bool isOneToOne = m_isNew || store.equalParts;
+    // An object is cut into so many parts at most. Each needs a number of its own if every second one changes.
+    const std::size_t ungrouped = m_isNew ? 0 : store.maxParts / 2 + 1;
+    PartGroup group = clients::groupOf(part.Index, ungrouped, store);
+    if (!isOneToOne && part.Index < ungrouped)
+    {
+        // The plan never needs more parts for the bytes before this one than have the minimum size.
+        group.number = std::min<std::size_t>(part.Index, part.Offset / store.minPartSize) + 1;
+    }
+    const bool isUnknown = !isOneToOne && part.Offset == 0 && part.Index > 0; // to the caller
+    return isUnknown || group.number > store.maxParts ? PartGroup() : group;
+}
+
+std::optional<Upload::Part> Upload::beginSending(
+    const cloudprovider::PartInfo& part, const PartGroup& group, const StoreAbilities& store)
 {
     std::unique_lock lock(m_mutex);
     m_changed.wait(lock, [&] { return !isOnTheWay(part.Index); });
-    Part sending{.size = part.Size, .offset = part.Offset, .number = numberFor(part, store)};
-    if (sending.number == 0)
+    if (!hasRoom(group, part.Offset, part.Offset + part.Size, store))
     {
         return std::nullopt;
     }
-    sending.generation = ++m_generation;
+    Part sending{.size = part.Size, .offset = part.Offset, .group = group, .generation = ++m_generation};
     replacePart(part.Index, sending);
     ++m_sending;
     return sending;
 }
 
-bool Upload::startSending(std::size_t index, std::uint64_t generation)
+std::pair<std::shared_ptr<const PlannedPart>, std::uint64_t> Upload::beginSending(
+    const PartGroup& group, const StoreAbilities& store)
 {
     const std::lock_guard lock(m_mutex);
-    Part& part = m_parts.find(index)->second;
-    part.isStarted = isOnTheWay(index) && part.generation == generation;
-    return part.isStarted;
+    const auto planned = std::make_shared<PlannedPart>(PlannedPart{group.number, PlannedPart::How::Send, 0, {}});
+    for (std::size_t index = group.first; index < group.end(); ++index)
+    {
+        const auto part = m_parts.find(index);
+        if (part == m_parts.end() || part->second.place != PartPlace::Spooled || part->second.group.number != 0 ||
+            part->second.size < store.minPartSize)
+        {
+            return {};
+        }
+        planned->bytes.push_back({PartPlace::Spooled, index, 0, part->second.size});
+        planned->size += part->second.size;
+    }
+    Part& first = m_parts.find(group.first)->second;
+    if (!hasRoom(group, first.offset, first.offset + planned->size, store))
+    {
+        return {};
+    }
+    for (const PlannedBytes& bytes : planned->bytes)
+    {
+        m_parts.find(bytes.index)->second.group = group;
+    }
+    first.isStarted = false;
+    ++m_sending;
+    return {planned, first.generation};
 }
 
-void Upload::setSent(std::size_t index, std::string storeTag) noexcept
+bool Upload::startSending(std::size_t first, std::uint64_t generation)
 {
     const std::lock_guard lock(m_mutex);
-    m_parts.find(index)->second.storeTag = std::move(storeTag);
+    Part& part = m_parts.find(first)->second;
+    const bool isExpected = isOnTheWay(first) && part.generation == generation;
+    part.isStarted = part.isStarted || isExpected;
+    return isExpected;
+}
+
+void Upload::setSent(std::size_t first, std::string storeTag) noexcept
+{
+    const std::lock_guard lock(m_mutex);
+    m_parts.find(first)->second.storeTag = std::move(storeTag);
     --m_sending;
     m_changed.notify_all();
 }
 
 void Upload::setFailed(
-    std::size_t index, const std::exception_ptr& failure, const std::optional<std::uint64_t>& spooled) noexcept
+    std::size_t first, const std::exception_ptr& failure, const std::optional<std::uint64_t>& spooled) noexcept
 {
     const std::lock_guard lock(m_mutex);
-    Part& part = m_parts.find(index)->second;
-    if (spooled && !m_outage.isAborting()) // an abort has cleared the spool
+    Part& part = m_parts.find(first)->second;
+    if (spooled)
     {
         part.place = PartPlace::Spooled;
         part.spooled = *spooled;
+    }
+    if (part.place == PartPlace::Spooled)
+    {
+        ungroup(part);
     }
     else
     {
@@ -105,6 +155,13 @@ void Upload::setFailed(
     m_unreported = m_unreported ? m_unreported : failure;
     --m_sending;
     m_changed.notify_all();
+}
+
+std::string Upload::storeTag(std::size_t index) const
+{
+    const std::lock_guard lock(m_mutex);
+    const PartGroup& group = m_parts.at(index).group;
+    return group.number == 0 ? "" : m_parts.at(group.first).storeTag;
 }
 
 void Upload::reportFailure()
@@ -135,6 +192,7 @@ void Upload::waitUntilIdle()
 void Upload::replacePart(std::size_t index, Part part)
 {
     Part& replaced = m_parts[index];
+    ungroup(replaced);
     if (replaced.place == PartPlace::Spooled)
     {
         m_spool.free(replaced.spooled, replaced.size);
@@ -143,50 +201,50 @@ void Upload::replacePart(std::size_t index, Part part)
     m_done.clear();
 }
 
+/// Forget that a group was sent.
+void Upload::ungroup(const Part& member) noexcept
+{
+    const PartGroup group = member.group;
+    for (std::size_t index = group.first; group.number != 0 && index < group.end(); ++index)
+    {
+        Part& part = m_parts.find(index)->second;
+        part.group = {};
+        part.storeTag.clear();
+    }
+}
+
 bool Upload::isOnTheWay(std::size_t index) const
 {
     const auto found = m_parts.find(index);
-    return found != m_parts.end() && found->second.place == PartPlace::Uploaded && found->second.storeTag.empty() &&
-           !found->second.failure;
+    return found != m_parts.end() && found->second.group.number != 0 && !found->second.failure &&
+           m_parts.at(found->second.group.first).storeTag.empty();
 }
 
-/// @return 0: there is no suitable number
-std::size_t Upload::numberFor(const cloudprovider::PartInfo& part, const StoreAbilities& store) const
+/// Whether a group can have its number.
+bool Upload::hasRoom(const PartGroup& group, std::uint64_t begin, std::uint64_t end, const StoreAbilities& store) const
 {
-    const auto isSent = [](const auto& entry) { return entry.second.place == PartPlace::Uploaded; };
-    if (store.equalParts) // the plan keeps parts of one size, which begin at multiples of it
+    const auto isSent = [](const auto& entry) { return entry.second.group.number != 0; };
+    if (store.equalParts && group.number != 0) // the plan keeps parts of one size, which begin at multiples of it
     {
-        const bool fits =
-            part.Index < store.maxParts && part.Offset == part.Index * part.Size &&
-            std::ranges::all_of(m_parts, [&](const auto& entry)
-                { return entry.first == part.Index || !isSent(entry) || entry.second.size == part.Size; });
-        return fits ? part.Index + 1 : 0;
+        const std::uint64_t size = end - begin;
+        return begin == group.first * size &&
+               std::ranges::all_of(m_parts, [&](const auto& entry)
+                   { return entry.first == group.first || !isSent(entry) || entry.second.size == size; });
     }
-    // In a file that had content, there may be more parts than the store accepts. But the plan never needs more of them
-    // for the bytes before this part than have the minimum size.
-    const std::size_t number =
-        m_isNew ? part.Index + 1 : std::min<std::size_t>(part.Index, part.Offset / store.minPartSize) + 1;
-    if (number > store.maxParts || m_isNew)
+    if (m_isNew || group.number == 0)
     {
-        return number > store.maxParts ? 0 : number;
-    }
-    if (part.Offset == 0 && part.Index > 0) // the caller does not know
-    {
-        return 0;
+        return group.number != 0;
     }
     // The bytes between two sent parts, which are sent or copied later, must be none or enough for a part.
-    const auto leavesRoom = [&](std::uint64_t end, std::uint64_t begin)
-    { return end == begin || (end < begin && begin - end >= store.minPartSize); };
-    const auto next = m_parts.upper_bound(part.Index);
-    const auto following = std::find_if(next, m_parts.end(), isSent);
+    const auto leavesRoom = [&](std::uint64_t from, std::uint64_t to)
+    { return from == to || (from < to && to - from >= store.minPartSize); };
+    const auto following = std::find_if(m_parts.lower_bound(group.end()), m_parts.end(), isSent);
     const auto preceding =
-        std::find_if(std::make_reverse_iterator(m_parts.lower_bound(part.Index)), m_parts.rend(), isSent);
-    const std::uint64_t end = preceding == m_parts.rend() ? 0 : preceding->second.offset + preceding->second.size;
-    const bool isSuitable =
-        leavesRoom(end, part.Offset) && (preceding == m_parts.rend() || preceding->second.number < number) &&
-        (following == m_parts.end() ||
-            (leavesRoom(part.Offset + part.Size, following->second.offset) && number < following->second.number));
-    return isSuitable ? number : 0;
+        std::find_if(std::make_reverse_iterator(m_parts.lower_bound(group.first)), m_parts.rend(), isSent);
+    const std::uint64_t sent = preceding == m_parts.rend() ? 0 : preceding->second.offset + preceding->second.size;
+    return leavesRoom(sent, begin) && (preceding == m_parts.rend() || preceding->second.group.number < group.number) &&
+           (following == m_parts.end() ||
+               (leavesRoom(end, following->second.offset) && group.number < following->second.group.number));
 }
 
 void Upload::recordDone(const PlannedPart& part, const std::string& tag)
@@ -210,20 +268,28 @@ void Upload::forgetDone()
 
 void Upload::dropUnsent()
 {
-    const std::lock_guard lock(m_mutex);
+    const auto dropped = std::make_exception_ptr(
+        cloudprovider::UnknownErrorException("Aborted", "the part was dropped by an abort that failed"));
+    std::unique_lock lock(m_mutex);
     for (auto& [index, part] : m_parts)
     {
-        const bool isWaiting = isOnTheWay(index) && !part.isStarted;
-        if (isWaiting || part.place == PartPlace::Spooled)
+        if (isOnTheWay(index) && !m_parts.at(part.group.first).isStarted)
+        {
+            part.failure = dropped;
+            m_sending -= index == part.group.first ? 1 : 0;
+        }
+    }
+    m_changed.notify_all();
+    m_changed.wait(lock, [&] { return m_sending == 0; });
+    for (auto& [index, part] : m_parts)
+    {
+        if (part.place == PartPlace::Spooled)
         {
             part.place = PartPlace::Uploaded;
-            part.failure = std::make_exception_ptr(
-                cloudprovider::UnknownErrorException("Aborted", "the part was dropped by an abort that failed"));
-            m_sending -= isWaiting ? 1 : 0;
+            part.failure = dropped;
         }
     }
     m_spool.clear();
-    m_changed.notify_all();
 }
 
 bool Upload::isOutcomeUnknown() const

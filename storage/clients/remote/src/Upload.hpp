@@ -1,5 +1,6 @@
 #pragma once
 
+#include "PartGroup.hpp"
 #include "PartSpool.hpp"
 #include "Retry.hpp"
 #include "UploadPlan.hpp"
@@ -33,11 +34,11 @@ public:
         std::uint64_t offset = 0;     ///< of Object: where it begins in the stored object; else as the caller said
         Version source = {};          ///< of Object: the stored object's version
         std::uint64_t spooled = 0;    ///< of Spooled: its position in the spool
-        std::size_t number = 0;       ///< of Uploaded: in the store
-        std::string storeTag = {};    ///< of Uploaded: the store's; empty: the part is on the way, or lost
-        std::exception_ptr failure{}; ///< of Uploaded: why its bytes are lost; null: they are not
+        PartGroup group = {};         ///< that it was sent with, or is on the way with; without a number: it is not
+        std::string storeTag = {};    ///< of the first part of a group: the store's; empty: it is on the way, or lost
+        std::exception_ptr failure{}; ///< why its bytes are lost; null: they are not
         std::uint64_t generation = 0; ///< set when it is recorded; tells uploads of the same part apart
-        bool isStarted = false;       ///< of a part on the way: startSending() was called
+        bool isStarted = false;       ///< of the first part of a group on the way: startSending() was called
     };
 
     /// @param base   tag of the object that the new one replaces parts of; empty: there is none, or it is unknown
@@ -83,20 +84,34 @@ public:
     /// @return its tag
     std::string setPart(std::size_t index, Part part);
 
-    /// Record that a part is on the way. Replaces and waits like setPart().
+    /// The group that a part belongs to. It has no number if the part is to wait for the completion.
+    PartGroup groupOf(const cloudprovider::PartInfo& part, const StoreAbilities& store) const;
+
+    /// Record that a part, which is a group of its own, is on the way. Replaces and waits like setPart().
     ///
     /// Its number in the store leaves enough numbers for the parts before it, whatever they become.
     /// @return nullopt: there is no such number, and nothing was recorded
-    std::optional<Part> beginSending(const cloudprovider::PartInfo& part, const StoreAbilities& store);
+    std::optional<Part> beginSending(
+        const cloudprovider::PartInfo& part, const PartGroup& group, const StoreAbilities& store);
 
-    /// Whether the part is still to be sent. If not, it was dropped.
-    bool startSending(std::size_t index, std::uint64_t generation);
+    /// The same for a group of several parts, which stay in the spool: it is sent again when one of them is replaced.
+    /// @return what to send, and the generation of the first part; null also: parts are missing, or too small, or on
+    ///         the way already
+    std::pair<std::shared_ptr<const PlannedPart>, std::uint64_t> beginSending(
+        const PartGroup& group, const StoreAbilities& store);
 
-    /// Record how the transfer of a part has ended, after startSending() has returned true.
-    /// @param spooled  position of the part's bytes in the spool; nullopt: they are lost, as during an abort
-    void setSent(std::size_t index, std::string storeTag) noexcept;
+    /// Whether the group with this first part is still to be sent. If not, it was dropped.
+    bool startSending(std::size_t first, std::uint64_t generation);
+
+    /// Record how the transfer of a group has ended, after startSending() has returned true.
+    /// @param spooled  of a group of one: position of its bytes in the spool; nullopt: they are lost, as during an
+    /// abort
+    void setSent(std::size_t first, std::string storeTag) noexcept;
     void setFailed(
-        std::size_t index, const std::exception_ptr& failure, const std::optional<std::uint64_t>& spooled) noexcept;
+        std::size_t first, const std::exception_ptr& failure, const std::optional<std::uint64_t>& spooled) noexcept;
+
+    /// The store's tag of the group that a part was sent with; empty: it was not.
+    std::string storeTag(std::size_t index) const;
 
     /// Throw the first failure of a part since the last report.
     void reportFailure();
@@ -105,7 +120,8 @@ public:
     /// Wait until no part is on the way.
     void waitUntilIdle();
 
-    /// Forget the bytes of all parts that are not sent and not being sent. They count as lost.
+    /// Forget the bytes of all parts that are not being sent, wait for those that are, and clear the spool. What was
+    /// dropped, or was in the spool, counts as lost.
     void dropUnsent();
 
     /// Remember that a planned part is in the store, for a retry of the completion.
@@ -121,8 +137,9 @@ public:
 private:
     // These require m_mutex.
     void replacePart(std::size_t index, Part part);
+    void ungroup(const Part& member) noexcept;
     bool isOnTheWay(std::size_t index) const;
-    std::size_t numberFor(const cloudprovider::PartInfo& part, const StoreAbilities& store) const;
+    bool hasRoom(const PartGroup& group, std::uint64_t begin, std::uint64_t end, const StoreAbilities& store) const;
 
     const std::string m_id;
     const std::string m_key;
@@ -137,7 +154,7 @@ private:
     std::condition_variable m_changed; // a transfer has ended
     std::shared_ptr<const ObjectMetadata> m_metadata;
     std::map<std::size_t, Part> m_parts; // by index
-    std::size_t m_sending = 0;           // parts that are on the way
+    std::size_t m_sending = 0;           // groups that are on the way
     std::uint64_t m_generation = 0;
     std::exception_ptr m_unreported; // of the first transfer that failed since the last report
     std::map<std::size_t, std::pair<PlannedPart, std::string>> m_done; // by number; cleared when a part is uploaded

@@ -91,6 +91,20 @@ public:
 
     std::vector<PlannedPart> plan()
     {
+        const std::uint64_t size = sizeOf(m_bytes);
+        std::vector<PlannedPart> parts = planCopies();
+        while (parts.size() > m_maxParts && m_minCopySize <= size)
+        {
+            m_minCopySize *= 2;
+            parts = planCopies();
+        }
+        return parts;
+    }
+
+private:
+    std::vector<PlannedPart> planCopies()
+    {
+        m_parts.clear();
         for (std::size_t i = 0; i < m_bytes.size(); ++i)
         {
             const PlannedBytes& bytes = m_bytes[i];
@@ -111,7 +125,6 @@ public:
         return split();
     }
 
-private:
     void addObjectRange(PlannedBytes bytes, bool isTail)
     {
         const std::uint64_t unsent = sizeOf(m_pending);
@@ -122,7 +135,7 @@ private:
             bytes.offset += filling;
             bytes.size -= filling;
         }
-        if (bytes.size < m_store.minPartSize && !isTail)
+        if (bytes.size < m_minCopySize && !isTail)
         {
             append(m_pending, bytes); // too few for a part of their own
         }
@@ -224,6 +237,7 @@ private:
     const StoreAbilities& m_store;
     const bool m_isLast;
     const std::size_t m_maxParts;
+    std::uint64_t m_minCopySize = m_store.minPartSize; // doubled while there are too many parts
     Segments m_bytes;
     Segments m_pending;               // to be sent together with the bytes that follow
     std::vector<PlannedPart> m_parts; // not split yet

@@ -113,29 +113,58 @@ std::string Uploads::send(const std::string& key, const std::string& id, const P
     const auto upload = m_registry.find(key, id);
     checkKey(key); // not when the upload is created, because a close might hide that failure
     const StoreAbilities store = m_store.abilities(key);
-    if (upload->isNew() && part.Index >= store.maxParts)
+    const bool isWhole = part.Size >= store.minPartSize;
+    if (isWhole && upload->isNew() && store.equalParts && part.Index >= store.maxParts)
     {
         throw UnknownErrorException("Too many parts",
             fmt::format("{} cannot have a part {}: the store accepts at most {} parts; write it in larger parts",
                 quoted(key), part.Index + 1, store.maxParts));
     }
-    const bool isWhole = part.Size >= store.minPartSize;
-    const auto bytes = isWhole ? std::make_shared<PartBytes>(m_memory, part.Size) : nullptr;
+    if (part.Size > store.maxObjectSize || part.Offset > store.maxObjectSize - part.Size)
+    {
+        throw UnknownErrorException("Too large", fmt::format("{} cannot have {} bytes: the store accepts at most {}",
+                                                     quoted(key), part.Offset + part.Size, store.maxObjectSize));
+    }
+    const PartGroup group = isWhole ? upload->groupOf(part, store) : PartGroup();
+    const bool isSingle = group.number != 0 && group.count == 1;
+    const auto bytes = isSingle ? std::make_shared<PartBytes>(m_memory, part.Size) : nullptr;
     if (const auto failure = upload->outage().failure(m_retry.now()))
     {
         std::rethrow_exception(failure);
     }
     upload->reportFailure();
-    if (!bytes)
+    if (bytes)
     {
-        return spoolPart(*upload, part, [&](char* target) { readContent(key, content, target, part.Size); });
+        readContent(key, content, bytes->data(), part.Size);
+        if (const auto sending = upload->beginSending(part, group, store))
+        {
+            const std::string_view view(bytes->data(), bytes->size());
+            sendLater(
+                upload, part.Index, sending->generation, bytes->isInMemory(),
+                [this, upload, bytes, view, group]
+                {
+                    SpanBody body({view});
+                    return sendBody(*upload, group.number, body);
+                },
+                [upload, bytes, view] { return spool(*upload, view); });
+            return upload->tagOf(part.Index, *sending);
+        }
     }
-    readContent(key, content, bytes->data(), part.Size);
-    if (const auto sending = upload->beginSending(part, store))
+    std::string tag = spoolPart(*upload, part,
+        [&](char* target) {
+            bytes ? void(std::memcpy(target, bytes->data(), part.Size)) : readContent(key, content, target, part.Size);
+        });
+    if (group.count > 1)
     {
-        return sendLater(upload, part.Index, *sending, bytes);
+        if (const auto [planned, generation] = upload->beginSending(group, store); planned)
+        {
+            sendLater(
+                upload, group.first, generation, true,
+                [this, upload, sent = planned] { return transferPart(*upload, *sent, {}); },
+                [] { return std::optional<std::uint64_t>(); });
+        }
     }
-    return spoolPart(*upload, part, [&](char* target) { std::memcpy(target, bytes->data(), part.Size); });
+    return tag;
 }
 
 std::string Uploads::spoolPart(Upload& upload, const PartInfo& part, const std::function<void(char* target)>& write)
@@ -154,38 +183,38 @@ std::string Uploads::spoolPart(Upload& upload, const PartInfo& part, const std::
     }
 }
 
-std::string Uploads::sendLater(
-    const UploadPtr& upload, std::size_t index, const Upload::Part& part, const std::shared_ptr<PartBytes>& bytes)
+/// Send a group of parts, which is on the way.
+/// @param isConcurrent  false: on this thread
+/// @param send          sends it, and returns the store's tag
+/// @param spool         called when that has failed, to keep its bytes; returns their position
+template <typename Send, typename Spool>
+void Uploads::sendLater(const UploadPtr& upload, std::size_t first, std::uint64_t generation, bool isConcurrent,
+    const Send& send, const Spool& spool)
 {
-    const auto task = [this, upload, index, number = part.number, generation = part.generation, bytes]
+    const auto task = [=]
     {
-        if (!upload->startSending(index, generation))
+        if (!upload->startSending(first, generation))
         {
             return;
         }
-        const std::string_view content(bytes->data(), bytes->size());
         try
         {
-            SpanBody body({content});
-            upload->setSent(index, sendBody(*upload, number, body));
+            upload->setSent(first, send());
         }
         catch (...)
         {
-            upload->setFailed(index, std::current_exception(),
-                upload->outage().isAborting() ? std::nullopt : spool(*upload, content));
+            upload->setFailed(first, std::current_exception(), upload->outage().isAborting() ? std::nullopt : spool());
         }
     };
     try
     {
-        std::string tag = upload->tagOf(index, part);
-        bytes->isInMemory() ? m_pool.post(task) : task();
-        return tag;
+        isConcurrent ? m_pool.post(task) : task();
     }
     catch (...) // no memory
     {
-        if (upload->startSending(index, part.generation))
+        if (upload->startSending(first, generation))
         {
-            upload->setFailed(index, std::current_exception(), std::nullopt);
+            upload->setFailed(first, std::current_exception(), std::nullopt);
         }
         throw;
     }
@@ -242,7 +271,6 @@ void Uploads::abort(const std::string& key, const std::string& id)
     const auto upload = m_registry.find(key, id);
     upload->outage().setAborting(true);
     upload->dropUnsent();
-    upload->waitUntilIdle();
     upload->outage().setAborting(false);
     abortOwn(*upload);
     m_registry.finish(id, upload->base());
@@ -453,17 +481,28 @@ Uploads::Completion Uploads::prepare(Upload& upload, const std::vector<PartInfo>
         });
     Completion completion;
     std::vector<FilePart> file;
-    for (const PartInfo& listed : parts)
+    const StoreAbilities store = m_store.abilities(upload.sourceKey());
+    for (std::size_t i = 0; i < parts.size();)
     {
-        const Upload::Part part = upload.part(listed.Index).value();
+        const std::size_t index = parts[i].Index;
+        const Upload::Part part = upload.part(index).value();
         if (part.failure)
         {
             std::rethrow_exception(part.failure);
         }
-        file.push_back({listed.Index, part.place, part.size, part.offset, part.number});
-        if (part.place == PartPlace::Uploaded)
+        FilePart planned{index, part.place, part.size, part.offset, part.group.number};
+        const PartGroup& group = part.group;
+        const std::size_t end = i + group.count; // of its group in the list
+        ++i;
+        if (group.number != 0 && group.first == index && end <= parts.size() &&
+            parts[end - 1].Index + 1 == group.end() && (group.count == 1 || !store.equalParts))
         {
-            completion.kept.emplace(part.number, listed.Index);
+            planned.place = PartPlace::Uploaded;
+            completion.kept.emplace(group.number, index);
+            for (; i < end; ++i)
+            {
+                planned.size += upload.part(parts[i].Index).value().size;
+            }
         }
         else if (part.place == PartPlace::Object)
         {
@@ -473,8 +512,9 @@ Uploads::Completion Uploads::prepare(Upload& upload, const std::vector<PartInfo>
             }
             completion.source = part.source;
         }
+        file.push_back(planned);
     }
-    completion.plan = planUpload(file, m_store.abilities(upload.sourceKey()));
+    completion.plan = planUpload(file, store);
     std::string replaces = upload.sourceKey() == upload.key() ? completion.source.tag : "";
     if (replaces.empty() && !upload.base().empty())
     {
@@ -550,20 +590,13 @@ std::optional<std::vector<NumberedTag>> Uploads::tagsOf(const Upload& upload, co
     std::vector<NumberedTag> tags;
     for (const PlannedPart& planned : completion.plan.parts)
     {
-        std::optional<std::string> tag;
-        if (planned.how != PlannedPart::How::Keep)
-        {
-            tag = upload.doneTag(planned);
-        }
-        else if (const auto part = upload.part(completion.kept.at(planned.number)))
-        {
-            tag = part->storeTag;
-        }
-        if (!tag || tag->empty())
+        const auto tag = planned.how == PlannedPart::How::Keep ? upload.storeTag(completion.kept.at(planned.number))
+                                                               : upload.doneTag(planned).value_or("");
+        if (tag.empty())
         {
             return std::nullopt;
         }
-        tags.emplace_back(planned.number, *tag);
+        tags.emplace_back(planned.number, tag);
     }
     return tags;
 }

@@ -30,8 +30,9 @@ namespace storage::clients
 /// Objects that are written in parts. The operations are those of CloudClient. Safe for concurrent calls.
 ///
 /// A part that the store accepts on its own is copied into a buffer and sent in the background. Copies are only
-/// recorded, and smaller parts are kept in the upload's spool. The completion knows the whole file: it combines them
-/// into few requests and runs several at a time. What it has transferred stays, so that a retry of the completion
+/// recorded, and smaller parts are kept in the upload's spool. So are those of a PartGroup of several, which is sent in
+/// the background when it is complete. The completion knows the whole file: it combines what is left into few requests
+/// and runs several at a time. What it has transferred stays, so that a retry of the completion
 /// transfers only what is missing.
 ///
 /// A part that could not be sent goes to the spool, too. The next uploadPart() or copyPart() of the upload throws its
@@ -80,8 +81,9 @@ private:
     static Retry::Request request(Operation operation, Upload& upload, std::uint64_t bytes = 0, std::size_t number = 0);
     std::string openAtStore(Upload& upload);
     std::string sendBody(Upload& upload, std::size_t number, RequestBody& body);
-    std::string sendLater(
-        const UploadPtr& upload, std::size_t index, const Upload::Part& part, const std::shared_ptr<PartBytes>& bytes);
+    template <typename Send, typename Spool>
+    void sendLater(const UploadPtr& upload, std::size_t first, std::uint64_t generation, bool isConcurrent,
+        const Send& send, const Spool& spool);
     std::string spoolPart(
         Upload& upload, const cloudprovider::PartInfo& part, const std::function<void(char* target)>& write);
     Version requireSource(const cloudprovider::PartInfo& part, Upload& upload);

@@ -101,6 +101,46 @@ void patch(CloudClient& client, const std::string& key, std::size_t offset, std:
     }
 }
 
+/// Make a file longer and change some of it, as the provider does: parts are written in any order, some twice, and all
+/// again after a failure. The file grows by parts of 100 bytes.
+/// @param stored  the parts that it has; of a new file: an empty one
+void rewrite(CloudClient& client, const std::string& key, const Parts& stored, const std::string& before,
+    const std::string& after, std::mt19937& random)
+{
+    Parts parts = stored;
+    parts.back().Size = std::min(std::max<std::size_t>(parts.back().Size, 100), after.size() - parts.back().Offset);
+    for (std::size_t end = parts.back().Offset + parts.back().Size; end < after.size(); end += 100)
+    {
+        parts.push_back({parts.size(), end, std::min<std::size_t>(100, after.size() - end), ""});
+    }
+    const auto untilItSucceeds = [](const std::function<void()>& call)
+    {
+        for (int attempts = 0; const auto failure = failureOf(call); ++attempts)
+        {
+            ASSERT_LT(attempts, 100) << *failure;
+        }
+    };
+    Parts order = parts;
+    const std::string id = client.createMultipartUpload(key, stored[0].Tag);
+    for (const bool isFinal : {false, true})
+    {
+        std::ranges::shuffle(order, random);
+        for (const PartInfo& part : order)
+        {
+            const std::string bytes = isFinal ? after.substr(part.Offset, part.Size) : std::string(part.Size, '#');
+            const bool isCopied =
+                part.Offset < before.size() && before.substr(part.Offset, part.Size) == bytes; // sizes are equal, too
+            const auto transfer = [&]
+            {
+                parts[part.Index].Tag = isCopied ? client.copyPart(key, id, stored[part.Index])
+                                                 : uploadPart(client, key, id, part.Index, bytes, part.Offset).Tag;
+            };
+            isFinal || random() % 2 == 0 ? untilItSucceeds(transfer) : void();
+        }
+    }
+    untilItSucceeds([&] { client.completeMultipartUpload(key, id, parts); });
+}
+
 class RemoteClientTest : public Test
 {
 protected:
@@ -404,13 +444,18 @@ TEST_F(RemoteClientTest, BehavesLikeAMapWhileEverythingFailsNowAndThen)
     retry.firstDelay = std::chrono::milliseconds(0);
     const auto seed = static_cast<unsigned>(UnitTest::GetInstance()->random_seed());
     SCOPED_TRACE(Message() << "--gtest_random_seed=" << seed);
+    std::atomic<bool> isPersistent = false; // whether requests fail that are not retried
     bucket->faults = [&, count = std::make_shared<std::atomic<unsigned>>(seed)](const StoreRequest&)
     {
         std::minstd_rand random(++*count);
         random.discard(3);
-        const Fault fault{static_cast<How>(random() % 5), busy.failure, random() % 200};
+        const Fault fault = isPersistent && random() % 8 == 0
+                                ? denied
+                                : Fault{static_cast<How>(random() % 5), busy.failure, random() % 200};
         return random() % 4 == 0 ? std::optional(fault) : std::nullopt;
     };
+    bucket->abilities.maxParts = 40;
+    bucket->abilities.maxObjectSize = 40'000;
     std::mt19937 random(seed);
     const auto roll = [&](std::size_t end) { return static_cast<std::size_t>(random() % end); };
     std::map<std::string, std::optional<std::string>> model;
@@ -426,7 +471,7 @@ TEST_F(RemoteClientTest, BehavesLikeAMapWhileEverythingFailsNowAndThen)
             std::optional<std::string>& known = model[key];
             EXPECT_EQ(client->getObjectInfo(key).exists, known.has_value());
             const std::size_t call = roll(16);
-            if (call < 2)
+            if (call < 2 || (known && known->size() > 25'000))
             {
                 put(*client, key, bytes);
                 known = bytes;
@@ -436,22 +481,20 @@ TEST_F(RemoteClientTest, BehavesLikeAMapWhileEverythingFailsNowAndThen)
                 client->deleteObject(key);
                 known = {};
             }
-            else if (!known)
+            else if (!known || call < 10)
             {
-                const std::string first = content(100 + round % 300, round);
-                putParts(*client, key, {first, bytes});
-                known = first + bytes;
-            }
-            else if (call < 9)
-            {
-                const std::size_t at = roll(known->size() + 1);
-                patch(*client, key, at, bytes);
-                known->replace(at, bytes.size(), bytes);
+                const std::string before = known.value_or("");
+                const Parts stored = known ? client->getObjectParts(key) : Parts(1);
+                known = before + content(1 + roll(roll(4) == 0 ? 12'000 : 600), round);
+                known->replace(roll(known->size()), bytes.size(), bytes);
+                isPersistent = true;
+                rewrite(*client, key, stored, before, *known, random);
+                isPersistent = false;
             }
             else
             {
                 const std::size_t size = client->getObjectParts(key).back().Offset;
-                for (std::size_t at = roll(size + 1); at < size; at += partSize)
+                for (std::size_t at = roll(size + 1), end = std::min(size, at + 3'000); at < end; at += partSize)
                 {
                     const std::size_t last = std::min(at + partSize, known->size()) - 1;
                     ASSERT_EQ(get(*client, key, at, last), known->substr(at, last + 1 - at));
@@ -491,6 +534,31 @@ TEST_F(RemoteClientTest, SendsOnTheCallersThreadWithOneTransferOrWithoutThreads)
     bucket->hold("uploadPart");
     send(begin(), 0, old);
     awaitParts(3); // threads can be started again
+}
+
+TEST_F(RemoteClientTest, SendsSeveralPartsOfALongFileAsOne)
+{
+    bucket->abilities.maxParts = 10; // of 1, 1, 2, 4, 8 parts of the file, and so on
+    bucket->abilities.maxObjectSize = 100'000;
+    open(1);
+    const std::string id = begin();
+    Parts parts(10);
+    std::string expected(1'000, '-');
+    const std::pair<unsigned, unsigned> calls[] = {
+        {0, 1}, {2, 1}, {1, 2}, {3, 3}, {4, 3}, {6, 3}, {5, 3}, {7, 4}, {8, 4}, {5, 5}, {9, 5}};
+    for (const auto& [index, sent] : calls)
+    {
+        expected.replace(index * 100, 100, content(100, index + sent));
+        parts[index] = send(id, index, content(100, index + sent));
+        EXPECT_EQ(bucket->count("uploadPart"), sent) << "part " << index;
+    }
+    complete(id, parts);
+    EXPECT_EQ(bucket->count("uploadPart"), 7U);
+    EXPECT_EQ(bucket->content("k"), expected);
+    const std::string next = begin();
+    EXPECT_THROW(uploadPart(*client, "k", next, 1, old, 97'001), UnknownErrorException);
+    bucket->abilities.equalParts = true;
+    EXPECT_THROW(send(next, 10, old), UnknownErrorException);
 }
 
 TEST_F(RemoteClientTest, SendsAPartAgainWhenItsFirstTransferHasEnded)

@@ -1,5 +1,6 @@
 #include "UploadPlan.hpp"
 #include "PartCutting.hpp"
+#include "PartGroup.hpp"
 
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
@@ -10,6 +11,7 @@
 #include <limits>
 #include <optional>
 #include <random>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -207,6 +209,29 @@ TEST(UploadPlanTest, CutsObjectsSoThatTheyCanGrow)
             EXPECT_LE(parts.size(), usual.maxParts / 2 + 1);
             const std::uint64_t beforeLast = parts[parts.size() - (hasEmptyEnd ? 2 : 1)].Offset;
             EXPECT_TRUE(beforeLast == 0 || beforeLast >= usual.minPartSize) << size << " bytes, cut into " << cut;
+        }
+    }
+}
+
+TEST(UploadPlanTest, NumbersLastForTheLargestObject)
+{
+    const StoreAbilities swift{.maxParts = 1'000};
+    const StoreAbilities large{.minPartSize = 16 * mebi};
+    const StoreAbilities small{.minPartSize = 100, .maxParts = 40, .maxObjectSize = 40'000};
+    const std::tuple<StoreAbilities, std::size_t, std::uint64_t> rows[] = {{usual, 0, 5 * gibi},
+        {usual, 5'001, 11 * gibi}, {swift, 0, 68 * gibi}, {large, 0, 5 * gibi}, {small, 0, 6'000}};
+    for (const auto& [store, ungrouped, largest] : rows)
+    {
+        const std::size_t count = store.maxObjectSize / store.minPartSize;
+        for (std::size_t index = 0; index < count; index += 1 + index / 20)
+        {
+            const PartGroup group = groupOf(index, ungrouped, store);
+            const PartGroup next = groupOf(group.end(), ungrouped, store);
+            EXPECT_TRUE(group.first <= index && index < group.end());
+            EXPECT_TRUE(next.first == group.end() && next.number == group.number + 1);
+            EXPECT_LE(group.number, store.maxParts) << "part " << index << " of " << count;
+            EXPECT_LE(group.count * store.minPartSize, largest);
+            EXPECT_TRUE(group.count == 1 || index > store.maxParts / 40);
         }
     }
 }
