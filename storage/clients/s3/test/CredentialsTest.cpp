@@ -371,6 +371,10 @@ TEST_F(CredentialsTest, UseTheRegionsServicesUnlessAnEndpointIsConfigured)
         found("s3", "i"));
     EXPECT_EQ(found("s3", "i"), "https://host.r.amazonaws.com");
     EXPECT_THROW(found("sso", "s"), Failure);
+    const Environment::Variables plain{{"AWS_ENDPOINT_URL", "http://192.0.2.1"}};
+    EXPECT_THROW(found("sso_oidc", "", plain), Failure) << "the token of a login would not be encrypted";
+    EXPECT_EQ(found("sts", "", plain) + found("sso", "", {{"AWS_ENDPOINT_URL", "http://[::1]"}}),
+        "http://192.0.2.1http://[::1]");
     EXPECT_THROW(found("s3", "none"), Failure);
     const Environment::Variables relative{{"AWS_CONTAINER_CREDENTIALS_RELATIVE_URI", "/a?b"}};
     EXPECT_EQ(containerEndpoint(Environment(relative)), "http://169.254.170.2/a?b");
@@ -509,11 +513,13 @@ TEST_F(CredentialsTest, ComeFromTheEnvironmentOfTheProcess)
         const S3Settings settings = parseS3Url("s3://bucket?profile=a&ca-file=d&endpoint=http://u");
         std::cerr << settings.endpoint << settings.authorities << '.' << defaultRegion("b") << '.'
                   << outcomeOf(*defaultCredentials()) << outcomeOf(*defaultCredentials("a"));
+        ::setenv("AWS_ENDPOINT_URL_S3", "ftp://host", 1);
+        std::cerr << test::failureOf([] { parseS3Url("s3://bucket"); });
         std::_Exit(0);
     };
     // In a process of its own, whose environment it may change.
     EXPECT_EXIT(report(), testing::ExitedWithCode(0),
-        "filedhttp://p\"b\"sethttp://p\"set\"http://u\"d\".set.own/S3CRET0/t.id/S3CRET/.");
+        "filedhttp://p\"b\"sethttp://p\"set\"http://u\"d\".set.own/S3CRET0/t.id/S3CRET/..*AWS_ENDPOINT_URL_S3 must be");
 }
 
 } // namespace

@@ -2,8 +2,6 @@
 #include "ServiceAddress.hpp"
 #include "SmallFile.hpp"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <utility>
 
@@ -16,17 +14,6 @@ namespace
 constexpr const char* relative = "AWS_CONTAINER_CREDENTIALS_RELATIVE_URI";
 constexpr const char* full = "AWS_CONTAINER_CREDENTIALS_FULL_URI";
 constexpr const char* tokenFile = "AWS_CONTAINER_AUTHORIZATION_TOKEN_FILE";
-
-/// Whether requests to the host stay on this machine.
-bool isLocal(const std::string& host)
-{
-    in_addr address{};
-    if (::inet_pton(AF_INET, host.c_str(), &address) == 1)
-    {
-        return host.starts_with("127.") || host == "169.254.170.2" || host == "169.254.170.23";
-    }
-    return host == "localhost" || host == "[::1]" || host == "[fd00:ec2::23]";
-}
 
 std::string authorization(const Environment& environment)
 {
@@ -75,8 +62,7 @@ std::optional<std::string> containerEndpoint(const Environment& environment)
     {
         return std::nullopt;
     }
-    const ServiceAddress address = parseAddress(full, url);
-    if (address.scheme != "https" && (address.scheme != "http" || !isLocal(address.host)))
+    if (!isPrivate(parseAddress(full, url)))
     {
         throw invalidCredentials(std::string(full) + " must be https, or http on this machine");
     }

@@ -1,5 +1,6 @@
 #include "CredentialsSources.hpp"
 #include "RefreshingCredentials.hpp"
+#include "ServiceAddress.hpp"
 #include "SharedConfig.hpp"
 
 #include <storage/clients/s3/Credentials.hpp>
@@ -80,7 +81,8 @@ std::string defaultRegion(const std::string& profile)
 
 std::string defaultEndpoint(const std::string& profile)
 {
-    return configuredEndpoint({Environment::ofProcess(), profile}, "s3").url;
+    const auto address = configuredAddress({Environment::ofProcess(), profile}, "s3");
+    return address ? address->url : "";
 }
 
 std::filesystem::path defaultAuthorities(const std::string& profile)

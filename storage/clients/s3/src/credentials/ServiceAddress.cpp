@@ -5,6 +5,8 @@
 
 #include <storage/clients/common/KeyRules.hpp>
 
+#include <arpa/inet.h>
+
 #include <curl/curl.h>
 #include <fmt/format.h>
 
@@ -26,6 +28,17 @@ std::string partOf(CURLU* address, CURLUPart part)
     }
     const std::unique_ptr<char, decltype(&curl_free)> owner(text, &curl_free);
     return text;
+}
+
+/// Whether requests to the host stay on this machine.
+bool isLocal(const std::string& host)
+{
+    in_addr address{};
+    if (::inet_pton(AF_INET, host.c_str(), &address) == 1)
+    {
+        return host.starts_with("127.") || host == "169.254.170.2" || host == "169.254.170.23";
+    }
+    return host == "localhost" || host == "[::1]" || host == "[fd00:ec2::23]";
 }
 
 /// The end of the name of each host in a region.
@@ -66,20 +79,36 @@ ServiceAddress parseAddress(const std::string& name, const std::string& url)
         partOf(parsed.get(), CURLUPART_PORT), partOf(parsed.get(), CURLUPART_PATH)};
 }
 
+bool isPrivate(const ServiceAddress& address)
+{
+    return address.scheme == "https" || (address.scheme == "http" && isLocal(address.host));
+}
+
+std::optional<ServiceAddress> configuredAddress(const SourceContext& context, const std::string& service)
+{
+    const ConfiguredEndpoint configured = configuredEndpoint(context, service);
+    if (configured.url.empty())
+    {
+        return std::nullopt;
+    }
+    ServiceAddress address = parseAddress(configured.namedBy, configured.url);
+    if (address.scheme != "https" && address.scheme != "http")
+    {
+        throw invalidCredentials(configured.namedBy + " must be like https://HOST or http://HOST:PORT");
+    }
+    // Other services receive signatures or short-lived tokens. That of a login is a person's, for all accounts.
+    if ((service == "sso" || service == "sso_oidc") && !isPrivate(address))
+    {
+        throw invalidCredentials(configured.namedBy + " must be https, or http on this machine, to use a login");
+    }
+    return address;
+}
+
 ServiceAddress regionalAddress(
     const SourceContext& context, const std::string& service, const std::string& host, const std::string& region)
 {
-    const ConfiguredEndpoint configured = configuredEndpoint(context, service);
-    if (!configured.url.empty())
-    {
-        ServiceAddress address = parseAddress(configured.namedBy, configured.url);
-        if (address.scheme != "https" && address.scheme != "http")
-        {
-            throw invalidCredentials(configured.namedBy + " must be like https://HOST or http://HOST:PORT");
-        }
-        return address;
-    }
-    return parseAddress("the endpoint", "https://" + host + hostSuffix(region));
+    const auto configured = configuredAddress(context, service);
+    return configured ? *configured : parseAddress("the endpoint", "https://" + host + hostSuffix(region));
 }
 
 } // namespace storage::clients::s3

@@ -2,6 +2,7 @@
 
 #include "CredentialsSources.hpp"
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -28,9 +29,19 @@ std::string_view domainOf(std::string_view region);
 ///         contains a user name
 ServiceAddress parseAddress(const std::string& name, const std::string& url);
 
+/// Whether nothing that is sent to an address crosses a network unencrypted: https, or http on this machine.
+bool isPrivate(const ServiceAddress& address);
+
+/// The address that replaces a service's own; nothing when none is configured.
+///
+/// @param service  see configuredEndpoint()
+/// @throws cloudprovider::InvalidCredentialsException as above and there, when it is neither https nor http, or when a
+///         login would be sent to it that is not private
+std::optional<ServiceAddress> configuredAddress(const SourceContext& context, const std::string& service);
+
 /// The address of one of the regional services that issue credentials.
 ///
-/// @param service  see configuredEndpoint(), which replaces the region's own endpoint
+/// @param service  see configuredAddress(), which replaces the region's own endpoint
 /// @param host     the first labels of the region's own endpoint
 /// @param region   empty: the service's global endpoint
 /// @throws cloudprovider::InvalidCredentialsException as above and there, or when the region is not a valid name

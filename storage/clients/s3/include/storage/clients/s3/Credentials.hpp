@@ -96,7 +96,7 @@ std::string defaultRegion(const std::string& profile = {});
 /// empty if none of them names one, or if AWS_IGNORE_CONFIGURED_ENDPOINT_URLS, else ignore_configured_endpoint_urls of
 /// the profile, is true. Otherwise as defaultRegion().
 ///
-/// @throws as above, and when there is no such section
+/// @throws as above, when there is no such section, and when the endpoint is neither https nor http
 std::string defaultEndpoint(const std::string& profile = {});
 
 /// Return the PEM file with certificate authorities that the variable AWS_CA_BUNDLE names, else ca_bundle of the
