@@ -250,7 +250,8 @@ TEST_F(CredentialsTest, ComeFromTheFirstPlaceThatHasSome)
         {"id/S3CRET/t.", "", {}, "",
             "# c\r\n\r\n[default] ; d\r\n" + keys + "[a]\n[default]#\nAWS_Session_Token=t #x\r\n"},
         {"id/x#y=/.", "", {}, "", "[a]\nb=c\n[default]\n  aws_access_key_id = id\n\taws_secret_access_key=x#y=\n"},
-        {"id/S3CRET/.", "", {}, "", ours + "s3 =\n  aws_access_key_id = no\n [no\n"},
+        {"id/S3CRET/.", "", {}, "", ours + "s3 =\n  aws_access_key_id = no\n no\n"},
+        {"config, line 4: ", ours + " [profile S3CRET]\n" + keys},
         {"id/S3CRET/.", "", inVariables, "z", "[default]\n[z]\n" + keys}, // a given profile before variables
         {"id/S3CRET/.", "[z]\n[profile\tz]\n" + keys, {{"AWS_PROFILE", "z"}}, "", "[default]\n"},
         {"id/S3CRET/.", "[default]\naws_session_token = t\n", {}, "", "[default]\nregion=r\n" + keys},

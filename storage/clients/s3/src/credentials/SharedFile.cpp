@@ -66,8 +66,7 @@ public:
         const std::size_t indent = line.find_first_not_of(blanks);
         if (indent > m_indent)
         {
-            takeNested(text);
-            return {};
+            return takeNested(text);
         }
         return text.starts_with('[') ? takeSection(text) : takeSetting(text, indent);
     }
@@ -118,12 +117,18 @@ private:
     }
 
     /// Lines of other forms continue a value. No setting that is used has such a value.
-    void takeNested(std::string_view text)
+    std::string_view takeNested(std::string_view text)
     {
+        if (text.starts_with('['))
+        {
+            // Ignored, it would add its settings to the section before: the keys of one profile to another.
+            return "a section must not be indented deeper than the setting before it";
+        }
         if (const std::size_t sign = text.find('='); sign != text.npos)
         {
             keep(m_parent + '.' + lowerCase(trimmed(text.substr(0, sign))), text.substr(sign + 1));
         }
+        return {};
     }
 
     void keep(const std::string& name, std::string_view value)
