@@ -129,6 +129,7 @@ TEST_F(CredentialsTest, ComeFromServices)
         {"id/S3CRET/tS3CRET.", container, {{"/", document("id", "9999-12-31T23:59:59.9Z")}}},
         {"later: ", container, {{"/", document("id", "2024-05-01T02:00:00.1+02:00")}}}, // expired
         {"its expiry is not a time", container, {{"/", document("id", "2024-02-30T01:00:00Z")}}},
+        {"its expiry is not a time", container, {{"/", document("id", "99999999999999999999")}}},
         {"never: ", container, {{"/", document("", "2024-05-01T01:00:00Z")}}},
         {"it is not JSON", container, {{"/", {.body = "S3CRET{"}}}},
         {"it has too many brackets", container, {{"/", {.body = std::string(150'000, '[')}}}},

@@ -32,7 +32,7 @@ std::chrono::sys_seconds readTime(const std::string& text)
     using namespace std::chrono;
     std::int64_t number = 0;
     const char* const end = text.data() + text.size();
-    if (!text.empty() && std::from_chars(text.data(), end, number).ptr == end)
+    if (const auto [rest, error] = std::from_chars(text.data(), end, number); error == std::errc() && rest == end)
     {
         return floor<seconds>(sys_time<milliseconds>(milliseconds(number)));
     }
