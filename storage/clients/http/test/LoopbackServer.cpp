@@ -41,7 +41,7 @@ std::string headOf(const Reply& reply)
     head.content_length(reply.body.size());
     for (const auto& [name, value] : reply.fields)
     {
-        head.set(name, value);
+        name == "Content-Length" ? head.set(name, value) : head.insert(name, value);
     }
     std::ostringstream text;
     text << head.base();

@@ -298,6 +298,7 @@ TEST(StoreTest, SendsTheMetadataThatItHasRead)
         {"X-Amz-Storage-Class", "STANDARD_IA"}, {"x-amz-meta-author", "she"}};
     Reply object = described(tag, 7);
     object.fields.insert(object.fields.end(), kept.begin(), kept.end());
+    object.fields.emplace_back("cache-control", "private"); // added by a proxy
     object.body = content;
     Reply tags{
         .body = "<Tagging><TagSet><Tag><Key>a b</Key><Value>1</Value></Tag><Tag><Key>c</Key></Tag></TagSet></Tagging>"};
@@ -326,6 +327,7 @@ TEST(StoreTest, SendsTheMetadataThatItHasRead)
                 std::ranges::all_of(kept, [&](const auto& field) { return request[field.first] == field.second; });
             EXPECT_TRUE(keepsAll && request["x-amz-tagging"] == expectedTags) << request.method_string();
             EXPECT_EQ(request.count("Last-Modified") + request.count("x-amz-tagging-count"), 0U);
+            EXPECT_EQ(request.count("Cache-Control"), 1U);
         }
     };
     write(5, "");

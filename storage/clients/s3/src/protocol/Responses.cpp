@@ -266,7 +266,9 @@ std::shared_ptr<const ObjectMetadata> metadataIn(const HttpResponse& response)
         const bool isKnown = std::ranges::any_of(
             names, [&name = name](std::string_view known) { return boost::algorithm::iequals(known, name); });
         const bool isNoTags = value == "0" && boost::algorithm::iequals(name, tagCountField);
-        if ((isKnown && !isNoTags) || boost::algorithm::istarts_with(name, "x-amz-meta-"))
+        const bool isRepeated = std::ranges::any_of(
+            *metadata, [&name = name](const auto& known) { return boost::algorithm::iequals(known.first, name); });
+        if (!isRepeated && ((isKnown && !isNoTags) || boost::algorithm::istarts_with(name, "x-amz-meta-")))
         {
             metadata->emplace_back(name, value);
         }

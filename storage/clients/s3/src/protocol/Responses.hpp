@@ -100,7 +100,8 @@ std::string writeDeletion(const std::string& prefix, const std::vector<std::stri
 /// The field that says how many tags an object has. It is part of the metadata, so that they are requested only then.
 constexpr std::string_view tagCountField = "x-amz-tagging-count";
 
-/// The fields of a response that tell the object's metadata.
+/// The fields of a response that tell the object's metadata. Of fields with the same name, the first is the object's;
+/// proxies add others.
 std::shared_ptr<const ObjectMetadata> metadataIn(const HttpResponse& response);
 
 /// An entity tag without quotes, as this client keeps it.
