@@ -70,7 +70,7 @@ public:
     /// The same, without opening; empty if the upload is not open at the store. Waits while it is being opened.
     std::string storeId() const;
 
-    /// Those of the object that the upload makes.
+    /// The metadata of the object that the upload makes; null before it is opened at the store.
     std::shared_ptr<const ObjectMetadata> metadata() const;
     void setMetadata(std::shared_ptr<const ObjectMetadata> metadata);
 

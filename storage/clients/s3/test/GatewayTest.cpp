@@ -57,7 +57,7 @@ public:
                                            "?path-style=1&endpoint=" + endpoint());
 };
 
-/// Whether the server is the known one; the tests excuse only what this one or the other lacks.
+/// Whether the server is Ceph's, as scripts/gateway.sh says. It decides which known faults a test excuses.
 bool isCeph()
 {
     const char* const server = std::getenv("CLOUDFS_TEST_S3_SERVER");
