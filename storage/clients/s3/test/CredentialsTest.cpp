@@ -399,15 +399,21 @@ TEST_F(CredentialsTest, EndAProgramAndItsChildren)
 
 TEST_F(CredentialsTest, AreNotExpectedFromAServiceThatNeverResponded)
 {
-    auto server = std::make_unique<LoopbackServer>([](const Request&) { return Reply{.body = "../"}; });
+    const std::string document =
+        R"({"AccessKeyId":"id","SecretAccessKey":"S3CRET","Expiration":"2024-05-01T01:00:00Z"})";
+    auto server = std::make_unique<LoopbackServer>(
+        [&](const Request& request) { return Reply{.body = request.target().ends_with("/r") ? document : "r"}; });
     const Environment::Variables variables = {{machine, server->url()}, {"AWS_EC2_METADATA_DISABLED", ""}};
     const auto seen = source(variables);
-    EXPECT_THAT(outcomeOf(*seen), HasSubstr("returned no role"));
+    EXPECT_EQ(outcomeOf(*seen), "id/S3CRET/.");
+    const std::string url = server->url();
     server.reset();
     now = now.load() + 2h;
     EXPECT_THAT(outcomeOf(*seen), HasSubstr("later: "));
     EXPECT_THAT(outcomeOf(*source(variables)),
         testing::AllOf(HasSubstr("never: "), HasSubstr("the machine's metadata service does not respond")));
+    EXPECT_THAT(
+        outcomeOf(*source({{container, url}})), testing::AllOf(HasSubstr("never: "), HasSubstr("check its address")));
 }
 
 class RefreshTest : public CredentialsTest

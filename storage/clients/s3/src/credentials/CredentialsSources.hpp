@@ -77,7 +77,8 @@ std::optional<std::string> containerEndpoint(const Environment& environment);
 LoadResult machineCredentials(const SourceContext& context, bool& hasResponded);
 
 /// All of the above in this order, the first two only when no profile is given. The first source that has credentials
-/// is used. If none has, the result has the reasons of all.
+/// is used. If none has, the result has the reasons of all. Until there have been credentials, a service that cannot be
+/// connected to is not a TransientException: a wrong address is more likely than an outage.
 CredentialsLoader credentialsChain(SourceContext context);
 
 /// Exchange the token that a login to the portal has left in ~/.aws/sso/cache for the credentials of the profile's

@@ -1,4 +1,4 @@
-#include "CredentialsSources.hpp"
+#include "CredentialsService.hpp"
 #include "RefreshingCredentials.hpp"
 #include "ServiceAddress.hpp"
 #include "SharedConfig.hpp"
@@ -50,15 +50,25 @@ CredentialsLoader credentialsChain(SourceContext context)
     {
         sources.insert(sources.begin(), {environmentCredentials, webIdentityCredentials});
     }
-    return [context = std::move(context), sources = std::move(sources)]() -> LoadResult
+    return [context = std::move(context), sources = std::move(sources), hasLoaded = false]() mutable -> LoadResult
     {
         std::string reasons;
         for (const Source& source : sources)
         {
-            LoadResult result = source(context);
+            LoadResult result = NoCredentials{};
+            try
+            {
+                result = source(context);
+            }
+            catch (const UnreachableService& failure)
+            {
+                const std::string detail = failure.detail().value_or(failure.what());
+                hasLoaded ? throw : throw invalidCredentials(detail + "; check its address and the network");
+            }
             const auto* none = std::get_if<NoCredentials>(&result);
             if (none == nullptr)
             {
+                hasLoaded = true;
                 return result;
             }
             reasons += (reasons.empty() ? "" : "; ") + none->reason;

@@ -72,9 +72,9 @@ std::shared_ptr<CredentialsSource> anonymousCredentials();
 ///
 /// A misconfigured source is an error and is not skipped: the next source's credentials would be those of another
 /// identity. Examples are a key without its secret, a file that cannot be read, a role that is refused, a login that
-/// has expired and cannot be renewed, and a named profile that does not exist, that has no credentials, or that needs a
-/// one-time code. If there are no credentials, that result is cached for a minute. Credentials that expire are replaced
-/// five minutes before that.
+/// has expired and cannot be renewed, a service that cannot be connected to and has never issued credentials, and a
+/// named profile that does not exist, that has no credentials, or that needs a one-time code. If there are no
+/// credentials, that result is cached for a minute. Credentials that expire are replaced five minutes before that.
 ///
 /// Reads the variables now; no other thread may change the environment during the call. Reads files, runs programs and
 /// uses services at the first use. Programs inherit the environment that the process has then.
