@@ -507,7 +507,8 @@ TEST_F(CredentialsTest, ComeFromTheEnvironmentOfTheProcess)
     const auto report = [this]
     {
         Environment::Variables variables = inVariables;
-        variables.insert({{"HOME", home}, {"AWS_CONFIG_FILE", ""}, {"AWS_DEFAULT_REGION", ""}});
+        variables.insert({{"HOME", home}, {"AWS_CONFIG_FILE", ""}, {"AWS_DEFAULT_REGION", ""}, {"AWS_ENDPOINT_URL", ""},
+            {"AWS_IGNORE_CONFIGURED_ENDPOINT_URLS", ""}});
         for (const char* value : {"", "set"})
         {
             variables["AWS_REGION"] = variables["AWS_CA_BUNDLE"] = value;
