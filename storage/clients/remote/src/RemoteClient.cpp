@@ -172,7 +172,7 @@ std::string RemoteClient::copyObject(const std::string& source, const std::strin
         throw ResourceNotFoundException("copying " + quoted(source) + " failed: there is no such object");
     }
     const CopySource copied{source, object->version};
-    copied.version.size > maxSize ? m_engine->uploads.copyObject(copied, target)
+    copied.version.size > maxSize ? m_engine->uploads.copyObject(copied, target, maxSize)
                                   : m_engine->writer.copy(copied, target);
     return copied.version.tag;
 }

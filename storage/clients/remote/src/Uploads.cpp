@@ -365,7 +365,7 @@ catch (...) // no memory, even for a message
     return false;
 }
 
-void Uploads::copyObject(const CopySource& source, const std::string& target)
+void Uploads::copyObject(const CopySource& source, const std::string& target, std::uint64_t rangeSize)
 {
     checkKey(target);
     const std::string id = m_registry.begin(target, "", source.key);
@@ -374,11 +374,10 @@ void Uploads::copyObject(const CopySource& source, const std::string& target)
     {
         upload->setMetadata(source.version.metadata);
         const std::uint64_t size = source.version.size;
-        const std::uint64_t maxSize = m_store.abilities(source.key).maxTakeSize;
         std::vector<PartInfo> parts;
-        for (std::uint64_t offset = 0; offset < size; offset += maxSize)
+        for (std::uint64_t offset = 0; offset < size; offset += rangeSize)
         {
-            PartInfo part{parts.size(), offset, std::min(maxSize, size - offset), ""};
+            PartInfo part{parts.size(), offset, std::min(rangeSize, size - offset), ""};
             part.Tag = upload->setPart(part.Index,
                 {.place = PartPlace::Object, .size = part.Size, .offset = offset, .source = source.version});
             parts.push_back(part);

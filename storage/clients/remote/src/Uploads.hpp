@@ -62,7 +62,8 @@ public:
     std::vector<PendingUpload> pending();
 
     /// Make a copy of a large object, of ranges that the store copies. Aborts the upload after a failure.
-    void copyObject(const CopySource& source, const std::string& target);
+    /// @param rangeSize  maximum bytes of a range
+    void copyObject(const CopySource& source, const std::string& target, std::uint64_t rangeSize);
 
     /// Abort every upload that is open, and log failures. After a TransientException, abort no other: it would take as
     /// long to fail. Call before the thread pool ends; no other call may be in progress.

@@ -360,9 +360,14 @@ std::string S3Store::sendCopy(S3Request request, const CopySource& source, std::
         return m_requester.sendAndRead(copy,
             [&](const std::string& document)
             {
-                return document.empty() ? throw UnsupportedOperationException(m_requester.contextOf(copy).action +
-                                                                              " failed: the store has copied nothing")
-                                        : read(document);
+                if (!document.empty())
+                {
+                    return read(document);
+                }
+                const std::string text = m_requester.contextOf(copy).action + " failed: the store has copied nothing";
+                copy.operation == Operation::CopyPart
+                    ? throw UnsupportedOperationException(text)
+                    : throw UnknownErrorException("Store error", text + ", and may have stored an empty object");
             });
     };
     bool wasSentTwice = false;

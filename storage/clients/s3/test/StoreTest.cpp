@@ -480,6 +480,12 @@ TEST(UploadTest, LearnsWhatTheStoreRefuses)
                         }),
             testing::AnyOf(StartsWith("Object changed"), StartsWith(row.failure)));
     }
+    LoopbackServer empty(
+        [](const Request& request) { return request.method() == http::put ? Reply{} : described("old", 9); });
+    S3Store ignoring(settingsFor(empty));
+    const CopySource source{"key", {"old", 9, std::make_shared<ObjectMetadata>()}};
+    EXPECT_THAT(failureOf([&] { ignoring.copyObject(source, "to", {}); }), StartsWith("Store error"))
+        << "the target may have changed";
     for (const char* const text : {"All non-trailing parts must have the same length.", "another reason"})
     {
         LoopbackServer server(
