@@ -73,6 +73,10 @@ std::map<std::string, std::exception_ptr> ObjectWriter::remove(const std::vector
     std::vector<std::string> batch;
     const auto removeOne = [&](const std::string& key)
     {
+        if (m_retry.isInterrupted()) // a store may send deletions nevertheless, because they clean up
+        {
+            throw TransientException("Interrupted", "deleting " + quoted(key) + " was not begun");
+        }
         try
         {
             remove(key);

@@ -207,7 +207,7 @@ void Retry::Attempts::sleep(const TransientException& failure, Duration time) co
     const auto end = m_retry.m_clock.now() + time;
     for (Duration left = time;; left = end - m_retry.m_clock.now())
     {
-        if (m_retry.m_interrupted && m_retry.m_interrupted())
+        if (m_retry.isInterrupted())
         {
             giveUp(failure, "interrupted");
         }

@@ -113,6 +113,9 @@ public:
     /// See RemoteClient::waiting().
     RemoteClient::Waiting waiting() const;
 
+    /// Whether the process is interrupted.
+    bool isInterrupted() const { return m_interrupted && m_interrupted(); }
+
     /// The time by the clock that the waits use.
     std::chrono::steady_clock::time_point now() const { return m_clock.now(); }
 

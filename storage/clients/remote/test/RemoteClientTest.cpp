@@ -162,13 +162,14 @@ protected:
     void open(std::size_t transfers, std::uint64_t memory = 100'000)
     {
         client.reset();
-        client = std::make_unique<RemoteClient>(bucket->connect(), RemoteSettings{.transfers = transfers,
-                                                                       .memory = memory,
-                                                                       .partSize = partSize,
-                                                                       .retry = retry,
-                                                                       .clock = clock.clock(),
-                                                                       .interrupted = nullptr,
-                                                                       .newMetadata = ofNewFile});
+        client = std::make_unique<RemoteClient>(
+            bucket->connect(), RemoteSettings{.transfers = transfers,
+                                   .memory = memory,
+                                   .partSize = partSize,
+                                   .retry = retry,
+                                   .clock = clock.clock(),
+                                   .interrupted = [this] { return isInterrupted.load(); },
+                                   .newMetadata = ofNewFile});
     }
 
     /// Whether the store compares versions itself.
@@ -214,6 +215,7 @@ protected:
     const Fault denied{How::Before, std::make_exception_ptr(PermissionDeniedException("Denied"))};
     const std::shared_ptr<MemoryBucket> bucket = std::make_shared<MemoryBucket>();
     std::atomic<unsigned> lastFault = 0;
+    std::atomic<bool> isInterrupted = false;
     FakeClock clock;
     RetryPolicy retry;
     std::uint64_t partSize = 64; // less than the store's minimum
@@ -443,6 +445,15 @@ TEST_F(RemoteClientTest, DeletesInBatchesAndReportsWhatIsRefused)
         EXPECT_EQ(bucket->count("deleteObjects"), hasBatches ? 4U : 3U) << "one is sent again";
         EXPECT_EQ(bucket->count("deleteObject"), hasBatches ? 0U : 2'500U);
     }
+    bucket->takeRequests();
+    bucket->abilities.maxDeletions = 0;
+    bucket->faults = [&](const StoreRequest&) -> std::optional<Fault>
+    {
+        isInterrupted = true;
+        return std::nullopt;
+    };
+    EXPECT_THROW(client->deleteObjects({"1", "2"}), TransientException);
+    EXPECT_EQ(bucket->count("deleteObject"), 1U);
 }
 
 TEST_F(RemoteClientTest, BehavesLikeAMapWhileEverythingFailsNowAndThen)

@@ -73,13 +73,14 @@ StoreAbilities S3Store::abilities(const std::string& key) const
         .conditionalWrites = m_capabilities.conditionalWrites,
         .conditionalCreation = m_capabilities.conditionalWrites,
         .conditionalCompletion = m_capabilities.conditionalCompletion};
+    const std::string name = m_prefix + key;
     // A store that decodes the name twice would silently copy another object.
-    const bool mayCopyOther = !m_capabilities.copiesAnyKey && (m_prefix + key).find('%') != std::string::npos;
+    const bool mayCopyOther = !m_capabilities.copiesAnyKey && name.find('%') != std::string::npos;
     if (mayCopyOther || m_refusesCopies)
     {
         abilities.maxTakeSize = 0;
     }
-    if (std::ranges::any_of(key, [](unsigned char byte) { return byte < ' '; }))
+    if (std::ranges::any_of(name, [](unsigned char byte) { return byte < ' '; }))
     {
         abilities.maxDeletions = 0; // XML has no such characters, or has others instead
     }
@@ -287,6 +288,10 @@ void S3Store::deleteObject(const std::string& key, const WriteCondition& conditi
 std::map<std::string, std::exception_ptr> S3Store::deleteObjects(const std::vector<std::string>& keys)
 {
     TextBody body(writeDeletion(m_prefix, keys));
+    if (body.size() > 1U << 20U) // some stores refuse more, each in its own way
+    {
+        throw UnsupportedOperationException("the names of the objects are too long for one request");
+    }
     S3Request request{Operation::DeleteObject, "", "POST"};
     request.query = {{"delete", ""}};
     request.body = &body;

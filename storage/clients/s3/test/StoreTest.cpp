@@ -540,7 +540,8 @@ TEST(StoreTest, DeletesManyAndNamesTheKeysThatStay)
     EXPECT_THAT(failureOf([&] { std::rethrow_exception(failures.at(" a")); }), StartsWith("Permission denied"));
     EXPECT_THROW(std::rethrow_exception(failures.at("<")), TransientException);
     EXPECT_THAT(failureOf([&] { store.deleteObjects({"c"}); }), HasSubstr("not to be deleted"));
-    EXPECT_EQ(store.abilities("a\r").maxDeletions, 0U) << "XML would have a line feed instead";
+    settings.prefix = "p\r/";
+    EXPECT_EQ(S3Store(settings).abilities("a").maxDeletions, 0U) << "XML would have a line feed instead";
     for (const auto& [refusal, left] :
         {std::pair(Reply::error(400, "MalformedXML"), 1'000U), {Reply::error(405, "MethodNotAllowed"), 0U}})
     {
@@ -548,6 +549,8 @@ TEST(StoreTest, DeletesManyAndNamesTheKeysThatStay)
         EXPECT_THAT(failureOf([&] { store.deleteObjects({"a"}); }), StartsWith("Unsupported"));
         EXPECT_EQ(store.abilities("a").maxDeletions, left);
     }
+    const std::vector<std::string> longest(1'000, std::string(1'022, 'k'));
+    EXPECT_THAT(failureOf([&] { store.deleteObjects(longest); }), HasSubstr("too long for one request"));
 }
 
 TEST(UploadTest, IsOpenUntilTheStoreSaysOtherwise)

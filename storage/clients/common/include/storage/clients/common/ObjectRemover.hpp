@@ -18,9 +18,8 @@ public:
     /// Delete objects, each as deleteObject() does, in no particular order. Any thread may call this.
     ///
     /// @return the keys that the store refused to delete, each with the CloudException that says why
-    /// @throws CloudException if a request fails as a whole or its retries are used up; any of the objects may have
-    /// been
-    ///         deleted
+    /// @throws CloudException if a request fails as a whole, its retries are used up, or the process is interrupted;
+    ///         any of the objects may have been deleted
     virtual std::map<std::string, std::exception_ptr> deleteObjects(const std::vector<std::string>& keys) = 0;
 };
 

@@ -16,9 +16,8 @@ namespace storage::clients
 /// CountingClient counts the calls of a client. RemoteClient counts the attempts at requests to its store, retries and
 /// prefetches included. The request that opens an object is a getObjectParts, one that lists open uploads a
 /// listObjects, one that reads bytes to send them again a getObjectRange, one that copies an object a copyPart, and one
-/// that deletes many a deleteObject. What a write looks up before or after its
-/// request belongs to the attempt and is not counted. Its parts are those of the store, so one copyPart may have copied
-/// many parts of the file.
+/// that deletes many a deleteObject. What a write looks up before or after its request belongs to the attempt and is
+/// not counted. Its parts are those of the store, so one copyPart may have copied many parts of the file.
 struct CallSnapshot
 {
     struct Count

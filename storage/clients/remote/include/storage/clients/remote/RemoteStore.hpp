@@ -131,6 +131,7 @@ public:
 
     /// Delete objects, 1 to maxDeletions. Missing ones are not failures.
     /// @return the keys whose objects were not deleted, each with one of the exceptions above
+    /// @throws UnsupportedOperationException if these must be deleted one by one
     virtual std::map<std::string, std::exception_ptr> deleteObjects(const std::vector<std::string>& keys) = 0;
 
     /// Store a copy of an object, with its metadata, under another key. @return the copy's tag
