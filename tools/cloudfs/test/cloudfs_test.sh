@@ -400,6 +400,7 @@ test_check_endpoint()
     local -A known=([ceph]='yes yes yes no no yes yes no no no no yes no no yes yes yes yes yes'
         [swift]='yes yes yes no no yes yes no yes no yes no no no yes yes no yes yes')
     local -A parameters=([ceph]='' [swift]='&copies-any-key=1')
+    store=${store/"$bucket"/"$bucket/a%26b"}
     local url=$store
     store+='&copies-any-key=1&equal-parts=1'
     expect 0 '' check-endpoint

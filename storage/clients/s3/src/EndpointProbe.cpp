@@ -2,7 +2,6 @@
 
 #include "S3Store.hpp"
 
-#include "protocol/Requester.hpp"
 #include "protocol/Responses.hpp"
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/common/TransientException.hpp>
@@ -392,20 +391,12 @@ std::string compareTag(Workspace& space)
 std::string deleteMany(Workspace& space)
 {
     const std::vector<std::string> keys{space.newKey(), space.newKey()};
-    std::string document;
     for (const std::string& key : keys)
     {
         space.put(key, "content");
-        document += "<Object><Key>" + space.settings().prefix + key + "</Key></Object>";
     }
-    TextBody body("<Delete>" + document + "</Delete>");
-    S3Request request{Operation::DeleteObject, "", "POST", {{"delete", ""}}};
-    request.body = &body;
-    if (!space.settings().credentials->credentials().isAnonymous()) // otherwise the requester adds it
-    {
-        request.headers.add("Content-MD5", toBase64(md5(body)));
-    }
-    Requester(space.settings()).send(request);
+    const auto failures = space.store().deleteObjects(keys);
+    failures.empty() ? void() : std::rethrow_exception(failures.begin()->second);
     return yesOrNo(
         std::ranges::none_of(keys, [&](const std::string& key) { return space.store().findObject(key).has_value(); }));
 }
