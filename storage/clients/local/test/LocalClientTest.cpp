@@ -436,43 +436,6 @@ TEST(LocalClientTest, ReadsManyPartsWithFewDescriptorsAndFewPartsFromOneVersion)
     EXPECT_EQ(removing.str(), boost::algorithm::join(parts, ""));
 }
 
-TEST(LocalClientTest, WorksAgainAfterAShortageOfDescriptors)
-{
-    rlimit before = {};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-    bool hasWorked = false;
-    for (int spare = -1; !hasWorked && spare < 40; ++spare)
-    {
-        const TestFolder folder;
-        LocalClient client(folder.store, nothingInline);
-        if (spare < 0) // no shortage yet: a sanitizer needs descriptors to look at a type for the first time
-        {
-            put(client, "k", "content");
-            EXPECT_EQ(checkLocalStore(folder.store, {}).damaged, 0U);
-            EXPECT_THROW(get(client, "missing"), ResourceNotFoundException);
-            ASSERT_EQ(shell(folder, "rm -r store/contents && mkfifo store/contents"), 0);
-            EXPECT_THROW(put(client, "k", "content"), UnknownErrorException);
-            continue;
-        }
-        const int next = ::dup(STDIN_FILENO);
-        ::close(next);
-        const rlimit few{static_cast<rlim_t>(next + spare), before.rlim_max};
-        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
-        try
-        {
-            put(client, "k", "content");
-            EXPECT_EQ(checkLocalStore(folder.store, {}).damaged, 0U);
-            hasWorked = true;
-        }
-        catch (const UnknownErrorException&)
-        {
-        }
-        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-        EXPECT_NO_THROW(put(client, "k", "content")) << spare;
-    }
-    EXPECT_TRUE(hasWorked);
-}
-
 TEST(LocalClientTest, AFullDiskLeavesEveryObjectAsItIs)
 {
     constexpr int notAllowed = 77; // to mount: for ordinary users, and for root in most containers

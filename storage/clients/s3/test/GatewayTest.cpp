@@ -111,9 +111,6 @@ TEST(GatewayTest, AChangedFileKeepsItsMetadata)
     S3Store store(bucket.settings);
     S3Client client(bucket.settings);
     const auto metadata = [&] { return *store.findObject("a.html")->version.metadata; };
-    conformance::put(client, "a.html", "new");
-    EXPECT_THAT(metadata(), testing::Contains(testing::Pair("Content-Type", testing::StartsWith("text/html"))));
-
     ObjectMetadata fields{{"Content-Type", "text/x-test"}, {"Cache-Control", "no-cache"}, {"Content-Encoding", "gzip"},
         {"Content-Disposition", "inline"}, {"Content-Language", "de"}, {"x-amz-meta-author", "a  b"}};
     isCeph() ? void(fields.emplace_back("x-amz-tagging", "a%20b=1&c=")) : void(); // the other server has no tags
@@ -129,8 +126,6 @@ TEST(GatewayTest, AChangedFileKeepsItsMetadata)
     const std::string id = client.createMultipartUpload("a.html", tag);
     client.completeMultipartUpload("a.html", id, {conformance::uploadPart(client, "a.html", id, 0, "part")});
     std::erase_if(before, [](const auto& field) { return field.first == tagCountField; }); // Ceph ignores them here
-    EXPECT_EQ(metadata(), before);
-    conformance::put(client, "a.html", "again");
     EXPECT_EQ(metadata(), before);
 }
 
