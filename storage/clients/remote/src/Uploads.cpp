@@ -150,11 +150,13 @@ std::string Uploads::send(const std::string& key, const std::string& id, const P
             return upload->tagOf(part.Index, *sending);
         }
     }
+    const bool isFirstTime = !upload->part(part.Index);
     std::string tag = spoolPart(*upload, part,
         [&](char* target) {
             bytes ? void(std::memcpy(target, bytes->data(), part.Size)) : readContent(key, content, target, part.Size);
         });
-    if (group.count > 1)
+    // A group in which a part is written again is left to the completion, as it may be rewritten part by part.
+    if (group.count > 1 && isFirstTime)
     {
         if (const auto [planned, generation] = upload->beginSending(group, store); planned)
         {

@@ -552,7 +552,7 @@ TEST_F(RemoteClientTest, SendsSeveralPartsOfALongFileAsOne)
     Parts parts(10);
     std::string expected(1'000, '-');
     const std::pair<unsigned, unsigned> calls[] = {
-        {0, 1}, {2, 1}, {1, 2}, {3, 3}, {4, 3}, {6, 3}, {5, 3}, {7, 4}, {8, 4}, {5, 5}, {9, 5}};
+        {0, 1}, {2, 1}, {1, 2}, {3, 3}, {4, 3}, {6, 3}, {5, 3}, {7, 4}, {8, 4}, {5, 4}, {9, 4}};
     for (const auto& [index, sent] : calls)
     {
         expected.replace(index * 100, 100, content(100, index + sent));
@@ -560,7 +560,7 @@ TEST_F(RemoteClientTest, SendsSeveralPartsOfALongFileAsOne)
         EXPECT_EQ(bucket->count("uploadPart"), sent) << "part " << index;
     }
     complete(id, parts);
-    EXPECT_EQ(bucket->count("uploadPart"), 7U);
+    EXPECT_EQ(bucket->count("uploadPart"), 10U) << "the group with part 5 was sent more than once again";
     EXPECT_EQ(bucket->content("k"), expected);
     const std::string next = begin();
     EXPECT_THROW(uploadPart(*client, "k", next, 1, old, 97'001), UnknownErrorException);
