@@ -36,7 +36,7 @@ std::string detailOf(const CloudException& failure)
 
 /// Call a function until it does not fail temporarily, at most three times.
 template <typename Call>
-auto retried(const S3Settings& settings, const Call& call)
+auto retried(const std::function<bool()>& interrupted, const Call& call)
 {
     for (int attempts = 1;; ++attempts)
     {
@@ -46,7 +46,7 @@ auto retried(const S3Settings& settings, const Call& call)
         }
         catch (const TransientException&)
         {
-            if (attempts == 3 || (settings.interrupted && settings.interrupted()))
+            if (attempts == 3 || (interrupted && interrupted()))
             {
                 throw;
             }
@@ -55,7 +55,8 @@ auto retried(const S3Settings& settings, const Call& call)
     }
 }
 
-/// The settings of a folder of the bucket that nobody else uses. All conditions are sent.
+/// The settings of a folder of the bucket that nobody else uses. All conditions are sent. Requests are not cancelled: a
+/// store may process one that was cancelled after what it has written was removed. Each sends a few MiB at most.
 S3Settings settingsForProbe(S3Settings settings)
 {
     std::random_device random;
@@ -66,6 +67,7 @@ S3Settings settingsForProbe(S3Settings settings)
     {
         settings.credentials = defaultCredentials(settings.profile, settings.authorities, settings.interrupted);
     }
+    settings.interrupted = nullptr;
     return settings;
 }
 
@@ -74,13 +76,15 @@ class Workspace
 {
 public:
     explicit Workspace(const S3Settings& settings)
-        : m_settings(settingsForProbe(settings))
+        : m_interrupted(settings.interrupted)
+        , m_settings(settingsForProbe(settings))
     {
         renewStore();
     }
 
     S3Store& store() { return *m_store; }
     const S3Settings& settings() const { return m_settings; }
+    const std::function<bool()>& interrupted() const { return m_interrupted; }
 
     /// Forget what the store has learnt from refusals.
     void renewStore() { m_store = std::make_unique<S3Store>(m_settings); }
@@ -154,7 +158,7 @@ public:
         {
             try
             {
-                isAway ? throw TransientException("Store unreachable", "not tried") : retried(m_settings, call);
+                isAway ? throw TransientException("Store unreachable", "not tried") : retried(m_interrupted, call);
             }
             catch (const ResourceNotFoundException&)
             {
@@ -178,10 +182,15 @@ public:
     }
 
 private:
-    /// Send a request that stores an object. It is to be removed unless the store has refused the request.
+    /// Unless the process is interrupted, send a request that stores an object. It is to be removed unless the store
+    /// has refused the request.
     template <typename Call>
     std::string write(const std::string& key, const Call& call)
     {
+        if (m_interrupted && m_interrupted())
+        {
+            throw TransientException("Interrupted", "not written");
+        }
         const bool isNew = m_keys.insert(key).second;
         try
         {
@@ -198,6 +207,7 @@ private:
         }
     }
 
+    const std::function<bool()> m_interrupted;
     const S3Settings m_settings;
     std::unique_ptr<S3Store> m_store;
     unsigned m_count = 0; // of keys
@@ -474,7 +484,7 @@ std::string run(Workspace& space, Probe probe)
 {
     try
     {
-        return retried(space.settings(), [&] { return probe(space); });
+        return retried(space.interrupted(), [&] { return probe(space); });
     }
     catch (const TransientException& failure)
     {
