@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <deque>
 #include <iterator>
 #include <utility>
 
@@ -15,7 +16,7 @@ namespace
 {
 
 using How = PlannedPart::How;
-using Segments = std::vector<PlannedBytes>;
+using Segments = std::deque<PlannedBytes>;
 
 [[noreturn]] void refuse(const std::string& reason)
 {
@@ -67,7 +68,7 @@ Segments takeFront(Segments& segments, std::uint64_t size)
         first.size -= taken.size;
         if (first.size == 0)
         {
-            segments.erase(segments.begin());
+            segments.pop_front();
         }
     }
     return front;
@@ -351,6 +352,10 @@ UploadPlan planUpload(const std::vector<FilePart>& file, const StoreAbilities& s
         {
             refuse(fmt::format("part {} has {} bytes; every part but the last needs at least {}", part.number,
                 part.size, store.minPartSize));
+        }
+        if (part.size > store.maxPartSize)
+        {
+            refuse(fmt::format("part {} has {} bytes; the maximum is {}", part.number, part.size, store.maxPartSize));
         }
     }
     plan.hasCopies = std::any_of(

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -52,7 +53,7 @@ struct PlannedPart
     std::size_t number = 0; ///< from 1, ascending
     How how = How::Keep;
     std::uint64_t size = 0;
-    std::vector<PlannedBytes> bytes; ///< in order; of Keep: none
+    std::deque<PlannedBytes> bytes; ///< in order; of Keep: none
 
     bool operator==(const PlannedPart&) const = default;
 };

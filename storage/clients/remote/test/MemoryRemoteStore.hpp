@@ -53,7 +53,7 @@ public:
     std::unique_ptr<RemoteStore> connect();
 
     // Change these while no request runs.
-    StoreAbilities abilities{1, 10'000, 1U << 30U, 1U << 20U, false, 1'000, true, true, true, true};
+    StoreAbilities abilities{1, 1U << 30U, 10'000, 1U << 30U, 1U << 20U, false, 1'000, true, true, true, true};
     bool refusesTakes = false;        ///< whatever `abilities` say, until a refusal has changed them
     bool refusesUnequalParts = false; ///< likewise
     bool tagsAreHashes = true;        ///< the tags of objects can be computed, else they cannot

@@ -26,6 +26,7 @@ namespace storage::clients
 struct StoreAbilities
 {
     std::uint64_t minPartSize = 5U << 20;      ///< bytes; for every part of an upload but the last; at least 1
+    std::uint64_t maxPartSize = 5ULL << 30U;   ///< bytes; at least 2 * minPartSize
     std::size_t maxParts = 10'000;             ///< of one upload
     std::uint64_t maxObjectSize = 5ULL << 40U; ///< bytes
     /// Bytes that takePart() and copyObject() can copy at once; at least 2 * minPartSize, or 0: the store has neither.
