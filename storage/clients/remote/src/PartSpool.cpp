@@ -103,8 +103,14 @@ void PartSpool::clear() noexcept
     if (m_file != -1)
     {
         ::close(std::exchange(m_file, -1));
-        m_end = 0;
+        m_begin = m_end;
     }
+}
+
+bool PartSpool::has(std::uint64_t position) const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_file != -1 && position >= m_begin;
 }
 
 PartSpool::Space PartSpool::allocate(std::size_t size)

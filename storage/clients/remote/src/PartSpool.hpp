@@ -55,8 +55,11 @@ public:
     /// Return allocated space to the file system.
     void free(std::uint64_t position, std::size_t size) noexcept;
 
-    /// Return all space. What is mapped stays until it is unmapped.
+    /// Return all space. What is mapped stays until it is unmapped. Positions are never used again.
     void clear() noexcept;
+
+    /// Whether space was allocated after the last clear().
+    bool has(std::uint64_t position) const;
 
     /// Map `size` new bytes of a temporary file of their own, whose space is returned with the mapping.
     /// @throws cloudprovider::UnknownErrorException when there is no space
@@ -65,7 +68,8 @@ public:
 private:
     mutable std::mutex m_mutex; // innermost; guards everything below
     int m_file = -1;            // -1: nothing was allocated yet
-    std::uint64_t m_end = 0;    // of the allocated space, at a page
+    std::uint64_t m_begin = 0;  // of the allocated space, at a page
+    std::uint64_t m_end = 0;    // likewise
 };
 
 } // namespace storage::clients

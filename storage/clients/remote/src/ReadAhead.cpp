@@ -115,7 +115,7 @@ bool ReadAhead::read(const std::string& key, std::ostream& out, const ByteRange&
 /// @return blocks that have the range, all Ready; empty: the range must be requested
 FetchedBlocks ReadAhead::obtain(const std::string& key, const ByteRange& range)
 {
-    const auto version = m_pool.isConcurrent() ? m_pins.pinned(key) : std::nullopt;
+    const auto version = m_pool.maxThreads() > 0 ? m_pins.pinned(key) : std::nullopt;
     if (!version || range.offset >= version->size || range.size > version->size - range.offset)
     {
         return {};

@@ -34,8 +34,7 @@ public:
     /// thrown when the running tasks have ended. Do not call this from a task.
     void run(const std::vector<Task>& tasks);
 
-    /// Whether tasks run on other threads than those that post them.
-    bool isConcurrent() const noexcept { return m_maxThreads > 0; }
+    std::size_t maxThreads() const noexcept { return m_maxThreads; }
 
 private:
     void startThread();

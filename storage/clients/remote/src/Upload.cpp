@@ -11,6 +11,17 @@
 namespace storage::clients
 {
 
+namespace
+{
+
+std::exception_ptr dropped()
+{
+    return std::make_exception_ptr(cloudprovider::UnknownErrorException(
+        "Dropped", "the part was dropped because it was to be replaced, or the upload to be aborted"));
+}
+
+} // namespace
+
 std::string Upload::ensureStoreId(const std::function<std::string()>& open)
 {
     const std::lock_guard lock(m_openingMutex);
@@ -50,7 +61,12 @@ std::optional<Upload::Part> Upload::part(std::size_t index) const
 std::string Upload::setPart(std::size_t index, Part part)
 {
     std::unique_lock lock(m_mutex);
+    cancel(index);
     m_changed.wait(lock, [&] { return !isOnTheWay(index); });
+    if (part.place == PartPlace::Spooled && !m_spool.has(part.spooled))
+    {
+        std::rethrow_exception(dropped());
+    }
     part.generation = ++m_generation;
     std::string tag = tagOf(index, part);
     replacePart(index, std::move(part));
@@ -59,16 +75,16 @@ std::string Upload::setPart(std::size_t index, Part part)
 
 PartGroup Upload::groupOf(const cloudprovider::PartInfo& part, const StoreAbilities& store) const
 {
-    const bool isOneToOne = m_isNew || store.equalParts;
+    const bool isNumberedByIndex = m_isNew || store.equalParts;
     // An object is cut into so many parts at most. Each needs a number of its own if every second one changes.
     const std::size_t ungrouped = m_isNew ? 0 : store.maxParts / 2 + 1;
     PartGroup group = clients::groupOf(part.Index, ungrouped, store);
-    if (!isOneToOne && part.Index < ungrouped)
+    if (!isNumberedByIndex && part.Index < ungrouped)
     {
         // The plan never needs more parts for the bytes before this one than have the minimum size.
         group.number = std::min<std::size_t>(part.Index, part.Offset / store.minPartSize) + 1;
     }
-    const bool isUnknown = !isOneToOne && part.Offset == 0 && part.Index > 0; // to the caller
+    const bool isUnknown = !isNumberedByIndex && part.Offset == 0 && part.Index > 0; // to the caller
     return isUnknown || group.number > store.maxParts ? PartGroup() : group;
 }
 
@@ -76,6 +92,7 @@ std::optional<Upload::Part> Upload::beginSending(
     const cloudprovider::PartInfo& part, const PartGroup& group, const StoreAbilities& store)
 {
     std::unique_lock lock(m_mutex);
+    cancel(part.Index);
     m_changed.wait(lock, [&] { return !isOnTheWay(part.Index); });
     if (!hasRoom(group, part.Offset, part.Offset + part.Size, store))
     {
@@ -87,8 +104,7 @@ std::optional<Upload::Part> Upload::beginSending(
     return sending;
 }
 
-std::pair<std::shared_ptr<const PlannedPart>, std::uint64_t> Upload::beginSending(
-    const PartGroup& group, const StoreAbilities& store)
+std::optional<Upload::SpooledGroup> Upload::beginSendingSpooled(const PartGroup& group, const StoreAbilities& store)
 {
     const std::lock_guard lock(m_mutex);
     const auto planned = std::make_shared<PlannedPart>(PlannedPart{group.number, PlannedPart::How::Send, 0, {}});
@@ -98,32 +114,44 @@ std::pair<std::shared_ptr<const PlannedPart>, std::uint64_t> Upload::beginSendin
         if (part == m_parts.end() || part->second.place != PartPlace::Spooled || part->second.group.number != 0 ||
             part->second.size < store.minPartSize)
         {
-            return {};
+            return std::nullopt;
         }
         planned->bytes.push_back({PartPlace::Spooled, index, 0, part->second.size});
         planned->size += part->second.size;
     }
     Part& first = m_parts.find(group.first)->second;
-    if (!hasRoom(group, first.offset, first.offset + planned->size, store))
+    if (planned->size > store.maxPartSize || !hasRoom(group, first.offset, first.offset + planned->size, store))
     {
-        return {};
+        return std::nullopt;
     }
     for (const PlannedBytes& bytes : planned->bytes)
     {
         m_parts.find(bytes.index)->second.group = group;
     }
-    first.isStarted = false;
+    first.sending = Sending::Queued;
     ++m_sending;
-    return {planned, first.generation};
+    return SpooledGroup{planned, first.generation};
+}
+
+void Upload::waitForTurn(std::size_t index, std::size_t maxSending)
+{
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [&] { return m_sending < maxSending || isOnTheWay(index); });
 }
 
 bool Upload::startSending(std::size_t first, std::uint64_t generation)
 {
     const std::lock_guard lock(m_mutex);
     Part& part = m_parts.find(first)->second;
-    const bool isExpected = isOnTheWay(first) && part.generation == generation;
-    part.isStarted = part.isStarted || isExpected;
+    const bool isExpected = isOnTheWay(first) && part.generation == generation && part.sending == Sending::Queued;
+    part.sending = isExpected ? Sending::Running : part.sending;
     return isExpected;
+}
+
+bool Upload::isCancelled(std::size_t first) const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_parts.at(first).sending == Sending::Cancelled;
 }
 
 void Upload::setSent(std::size_t first, std::string storeTag) noexcept
@@ -152,7 +180,10 @@ void Upload::setFailed(
     {
         part.failure = failure;
     }
-    m_unreported = m_unreported ? m_unreported : failure;
+    if (part.sending != Sending::Cancelled && !m_unreported)
+    {
+        m_unreported = failure;
+    }
     --m_sending;
     m_changed.notify_all();
 }
@@ -187,6 +218,35 @@ void Upload::waitUntilIdle()
 {
     std::unique_lock lock(m_mutex);
     m_changed.wait(lock, [&] { return m_sending == 0; });
+}
+
+bool Upload::isSendingOthers(const std::map<std::size_t, std::size_t>& kept) const
+{
+    const std::lock_guard lock(m_mutex);
+    const auto isSending = [&](const auto& entry) { return isOnTheWay(entry.second); };
+    return static_cast<std::size_t>(std::ranges::count_if(kept, isSending)) < m_sending;
+}
+
+/// Do not send the group of a part, or send no more of it. A transfer that runs is on the way until it ends.
+void Upload::cancel(std::size_t index)
+{
+    if (!isOnTheWay(index))
+    {
+        return;
+    }
+    Part& first = m_parts.at(m_parts.at(index).group.first);
+    if (first.sending != Sending::Queued)
+    {
+        first.sending = Sending::Cancelled;
+        return;
+    }
+    if (first.place != PartPlace::Spooled)
+    {
+        first.failure = dropped();
+    }
+    ungroup(first);
+    --m_sending;
+    m_changed.notify_all();
 }
 
 void Upload::replacePart(std::size_t index, Part part)
@@ -268,25 +328,18 @@ void Upload::forgetDone()
 
 void Upload::dropUnsent()
 {
-    const auto dropped = std::make_exception_ptr(
-        cloudprovider::UnknownErrorException("Aborted", "the part was dropped by an abort that failed"));
     std::unique_lock lock(m_mutex);
-    for (auto& [index, part] : m_parts)
+    for (const auto& [index, part] : m_parts)
     {
-        if (isOnTheWay(index) && !m_parts.at(part.group.first).isStarted)
-        {
-            part.failure = dropped;
-            m_sending -= index == part.group.first ? 1 : 0;
-        }
+        cancel(index);
     }
-    m_changed.notify_all();
     m_changed.wait(lock, [&] { return m_sending == 0; });
     for (auto& [index, part] : m_parts)
     {
         if (part.place == PartPlace::Spooled)
         {
             part.place = PartPlace::Uploaded;
-            part.failure = dropped;
+            part.failure = dropped();
         }
     }
     m_spool.clear();

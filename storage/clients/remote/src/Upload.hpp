@@ -27,6 +27,13 @@ namespace storage::clients
 class Upload
 {
 public:
+    enum class Sending
+    {
+        Queued,
+        Running,
+        Cancelled ///< it runs, but nobody wants the bytes any more
+    };
+
     struct Part
     {
         PartPlace place = PartPlace::Uploaded;
@@ -38,7 +45,7 @@ public:
         std::string storeTag = {};    ///< of the first part of a group: the store's; empty: it is on the way, or lost
         std::exception_ptr failure{}; ///< why its bytes are lost; null: they are not
         std::uint64_t generation = 0; ///< set when it is recorded; tells uploads of the same part apart
-        bool isStarted = false;       ///< of the first part of a group on the way: startSending() was called
+        Sending sending = Sending::Queued; ///< of the first part of a group on the way
     };
 
     /// @param base   tag of the object that the new one replaces parts of; empty: there is none, or it is unknown
@@ -79,29 +86,41 @@ public:
 
     std::optional<Part> part(std::size_t index) const;
 
-    /// Record a part that is not on the way, in place of an earlier one with this index. Waits while that is on the
-    /// way.
+    /// Record a part that is not on the way, in place of an earlier one with this index. If that is on the way, cancel
+    /// the transfer of its group, and wait until it has ended.
     /// @return its tag
+    /// @throws cloudprovider::UnknownErrorException if dropUnsent() has cleared the spool since its space was allocated
     std::string setPart(std::size_t index, Part part);
 
     /// The group that a part belongs to. It has no number if the part is to wait for the completion.
     PartGroup groupOf(const cloudprovider::PartInfo& part, const StoreAbilities& store) const;
 
-    /// Record that a part, which is a group of its own, is on the way. Replaces and waits like setPart().
+    /// Record that a part, which is a group of its own, is on the way. Replaces and waits as setPart().
     ///
     /// Its number in the store leaves enough numbers for the parts before it, whatever they become.
     /// @return nullopt: there is no such number, and nothing was recorded
     std::optional<Part> beginSending(
         const cloudprovider::PartInfo& part, const PartGroup& group, const StoreAbilities& store);
 
-    /// The same for a group of several parts, which stay in the spool: it is sent again when one of them is replaced.
-    /// @return what to send, and the generation of the first part; null also: parts are missing, or too small, or on
-    ///         the way already
-    std::pair<std::shared_ptr<const PlannedPart>, std::uint64_t> beginSending(
-        const PartGroup& group, const StoreAbilities& store);
+    struct SpooledGroup
+    {
+        std::shared_ptr<const PlannedPart> part; ///< that it becomes
+        std::uint64_t generation;                ///< of its first part
+    };
 
-    /// Whether the group with this first part is still to be sent. If not, it was dropped.
+    /// The same for a group of several parts, which stay in the spool: when one of them is replaced, the group counts
+    /// as not sent.
+    /// @return nullopt also: parts are missing, too small or on the way already, or are too large together
+    std::optional<SpooledGroup> beginSendingSpooled(const PartGroup& group, const StoreAbilities& store);
+
+    /// Wait while as many groups, or more, are on the way, unless that of this part is one of them.
+    void waitForTurn(std::size_t index, std::size_t maxSending);
+
+    /// Whether the group with this first part is still to be sent. If not, it was cancelled.
     bool startSending(std::size_t first, std::uint64_t generation);
+
+    /// Whether the transfer of a group that has started was cancelled.
+    bool isCancelled(std::size_t first) const;
 
     /// Record how the transfer of a group has ended, after startSending() has returned true.
     /// @param spooled  of a group of one: position of its bytes in the spool; nullopt: they are lost, as during an
@@ -120,8 +139,12 @@ public:
     /// Wait until no part is on the way.
     void waitUntilIdle();
 
-    /// Forget the bytes of all parts that are not being sent, wait for those that are, and clear the spool. What was
-    /// dropped, or was in the spool, counts as lost.
+    /// Whether other groups are on the way than those with these numbers.
+    /// @param kept  first parts by number
+    bool isSendingOthers(const std::map<std::size_t, std::size_t>& kept) const;
+
+    /// Cancel all transfers, wait until they have ended, and clear the spool. What was cancelled, or was in the spool,
+    /// counts as lost.
     void dropUnsent();
 
     /// Remember that a planned part is in the store, for a retry of the completion.
@@ -136,6 +159,7 @@ public:
 
 private:
     // These require m_mutex.
+    void cancel(std::size_t index);
     void replacePart(std::size_t index, Part part);
     void ungroup(const Part& member) noexcept;
     bool isOnTheWay(std::size_t index) const;

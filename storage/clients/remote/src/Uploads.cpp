@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <list>
 #include <string_view>
 #include <utility>
 
@@ -41,6 +40,35 @@ namespace
                     "the store uses tags of its own",
             name(Operation::CompleteMultipartUpload), quoted(key)));
 }
+
+/// Bytes of an upload, until its transfer is cancelled.
+class CancellableBody : public SpanBody
+{
+public:
+    /// @param first  of the group that is sent
+    CancellableBody(const Upload& upload, std::size_t first, std::vector<std::string_view> pieces)
+        : SpanBody(std::move(pieces))
+        , m_upload(upload)
+        , m_first(first)
+    {
+    }
+
+    /// When all bytes have been read, the store may have the part, so its response is waited for.
+    std::size_t read(char* target, std::size_t capacity) override
+    {
+        const std::size_t count = SpanBody::read(target, capacity);
+        if (count > 0 && m_upload.isCancelled(m_first))
+        {
+            throw UnknownErrorException(
+                "Dropped", "a part of " + quoted(m_upload.key()) + " was to be replaced, or its upload to be aborted");
+        }
+        return count;
+    }
+
+private:
+    const Upload& m_upload;
+    const std::size_t m_first;
+};
 
 /// A part without a tag could not be listed in the completion.
 std::string requireTag(const std::string& key, std::string tag)
@@ -113,7 +141,7 @@ std::string Uploads::send(const std::string& key, const std::string& id, const P
     const auto upload = m_registry.find(key, id);
     checkKey(key); // not when the upload is created, because a close might hide that failure
     const StoreAbilities store = m_store.abilities(key);
-    const bool isWhole = part.Size >= store.minPartSize;
+    const bool isWhole = part.Size >= store.minPartSize && part.Size <= store.maxPartSize;
     if (isWhole && upload->isNew() && store.equalParts && part.Index >= store.maxParts)
     {
         throw UnknownErrorException("Too many parts",
@@ -127,6 +155,8 @@ std::string Uploads::send(const std::string& key, const std::string& id, const P
     }
     const PartGroup group = isWhole ? upload->groupOf(part, store) : PartGroup();
     const bool isSingle = group.number != 0 && group.count == 1;
+    // With more of them in the queue, this upload would not be faster, but use memory and delay those of other files.
+    upload->waitForTurn(part.Index, std::max<std::size_t>(m_pool.maxThreads(), 1));
     const auto bytes = isSingle ? std::make_shared<PartBytes>(m_memory, part.Size) : nullptr;
     if (const auto failure = upload->outage().failure(m_retry.now()))
     {
@@ -143,7 +173,7 @@ std::string Uploads::send(const std::string& key, const std::string& id, const P
                 upload, part.Index, sending->generation, bytes->isInMemory(),
                 [this, upload, bytes, view, group]
                 {
-                    SpanBody body({view});
+                    CancellableBody body(*upload, group.first, {view});
                     return sendBody(*upload, group.number, body);
                 },
                 [upload, bytes, view] { return spool(*upload, view); });
@@ -158,15 +188,28 @@ std::string Uploads::send(const std::string& key, const std::string& id, const P
     // A group in which a part is written again is left to the completion, as it may be rewritten part by part.
     if (group.count > 1 && isFirstTime)
     {
-        if (const auto [planned, generation] = upload->beginSending(group, store); planned)
-        {
-            sendLater(
-                upload, group.first, generation, true,
-                [this, upload, sent = planned] { return transferPart(*upload, *sent, {}); },
-                [] { return std::optional<std::uint64_t>(); });
-        }
+        sendSpooled(upload, group, store);
     }
     return tag;
+}
+
+/// Send a group of several parts if it is complete.
+void Uploads::sendSpooled(const UploadPtr& upload, const PartGroup& group, const StoreAbilities& store)
+{
+    const auto sending = upload->beginSendingSpooled(group, store);
+    if (!sending)
+    {
+        return;
+    }
+    sendLater(
+        upload, group.first, sending->generation, true,
+        [this, upload, group, part = sending->part]
+        {
+            MappedPart bytes = map(*upload, *part, {});
+            CancellableBody body(*upload, group.first, std::move(bytes.pieces));
+            return sendBody(*upload, group.number, body);
+        },
+        [] { return std::optional<std::uint64_t>(); });
 }
 
 std::string Uploads::spoolPart(Upload& upload, const PartInfo& part, const std::function<void(char* target)>& write)
@@ -205,7 +248,7 @@ void Uploads::sendLater(const UploadPtr& upload, std::size_t first, std::uint64_
         }
         catch (...)
         {
-            upload->setFailed(first, std::current_exception(), upload->outage().isAborting() ? std::nullopt : spool());
+            upload->setFailed(first, std::current_exception(), upload->isCancelled(first) ? std::nullopt : spool());
         }
     };
     try
@@ -515,6 +558,11 @@ Uploads::Completion Uploads::prepare(Upload& upload, const std::vector<PartInfo>
         }
         file.push_back(planned);
     }
+    if (upload.isSendingOthers(completion.kept)) // whose numbers the plan uses, too
+    {
+        upload.waitUntilIdle();
+        return prepare(upload, parts);
+    }
     completion.plan = planUpload(file, store);
     std::string replaces = upload.sourceKey() == upload.key() ? completion.source.tag : "";
     if (replaces.empty() && !upload.base().empty())
@@ -564,25 +612,43 @@ std::string Uploads::transferPart(Upload& upload, const PlannedPart& part, const
                     m_store.takePart(upload.key(), storeId, part.number, {upload.sourceKey(), source}, range));
             });
     }
-    std::list<MappedBytes> mapped;
-    std::vector<std::string_view> pieces;
-    for (const PlannedBytes& bytes : part.bytes)
+    MappedPart bytes = map(upload, part, source);
+    SpanBody body(std::move(bytes.pieces));
+    return sendBody(upload, part.number, body);
+}
+
+/// Map what a part consists of. Bytes of the stored object are read first.
+Uploads::MappedPart Uploads::map(Upload& upload, const PlannedPart& part, const Version& source)
+{
+    std::vector<PlannedBytes> ranges; // with offsets in the spool, or in the object
+    for (PlannedBytes bytes : part.bytes)
     {
-        if (bytes.place == PartPlace::Spooled)
+        bytes.offset += bytes.place == PartPlace::Spooled ? upload.part(bytes.index).value().spooled : 0;
+        if (!ranges.empty() && ranges.back().place == bytes.place &&
+            ranges.back().offset + ranges.back().size == bytes.offset)
         {
-            const std::uint64_t position = upload.part(bytes.index).value().spooled;
-            mapped.push_back(upload.spool().map(position + bytes.offset, bytes.size));
+            ranges.back().size += bytes.size; // the number of mappings of a process is limited
         }
         else
         {
-            mapped.push_back(PartSpool::scratch(bytes.size));
-            m_reader.readVersion({Operation::GetObjectRange, upload.sourceKey(), &upload.outage()},
-                mapped.back().data(), {bytes.offset, bytes.size}, source);
+            ranges.push_back(bytes);
         }
-        pieces.emplace_back(mapped.back().data(), bytes.size);
     }
-    SpanBody body(std::move(pieces));
-    return sendBody(upload, part.number, body);
+    MappedPart mapped;
+    for (const PlannedBytes& range : ranges)
+    {
+        const bool isSpooled = range.place == PartPlace::Spooled;
+        mapped.mappings.push_back(
+            isSpooled ? upload.spool().map(range.offset, range.size) : PartSpool::scratch(range.size));
+        char* const data = mapped.mappings.back().data();
+        if (!isSpooled)
+        {
+            m_reader.readVersion({Operation::GetObjectRange, upload.sourceKey(), &upload.outage()}, data,
+                {range.offset, range.size}, source);
+        }
+        mapped.pieces.emplace_back(data, range.size);
+    }
+    return mapped;
 }
 
 /// @return the tags of all parts; nullopt: a part that was to be kept could not be sent

@@ -22,6 +22,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace storage::clients
@@ -79,12 +80,20 @@ private:
         WriteCondition replaces;                 // the object that it may replace
     };
 
+    /// The bytes of a part that is sent from temporary files.
+    struct MappedPart
+    {
+        std::vector<MappedBytes> mappings;
+        std::vector<std::string_view> pieces; // of them
+    };
+
     static Retry::Request request(Operation operation, Upload& upload, std::uint64_t bytes = 0, std::size_t number = 0);
     std::string openAtStore(Upload& upload);
     std::string sendBody(Upload& upload, std::size_t number, RequestBody& body);
     template <typename Send, typename Spool>
     void sendLater(const UploadPtr& upload, std::size_t first, std::uint64_t generation, bool isConcurrent,
         const Send& send, const Spool& spool);
+    void sendSpooled(const UploadPtr& upload, const PartGroup& group, const StoreAbilities& store);
     std::string spoolPart(
         Upload& upload, const cloudprovider::PartInfo& part, const std::function<void(char* target)>& write);
     Version requireSource(const cloudprovider::PartInfo& part, Upload& upload);
@@ -97,6 +106,7 @@ private:
     std::string replaceObject(Upload& upload, const Completion& completion, const std::vector<NumberedTag>& parts);
     void transferParts(Upload& upload, const Completion& completion);
     std::string transferPart(Upload& upload, const PlannedPart& part, const Version& source);
+    MappedPart map(Upload& upload, const PlannedPart& part, const Version& source);
     std::optional<std::vector<NumberedTag>> tagsOf(const Upload& upload, const Completion& completion) const;
     std::string finish(Upload& upload, const Completion& completion, const std::vector<NumberedTag>& parts);
     std::optional<bool> isOpenAtStore(const Upload& upload);

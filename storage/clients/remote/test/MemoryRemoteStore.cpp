@@ -20,8 +20,11 @@ namespace
 
 std::string readAll(RequestBody& body)
 {
-    std::string bytes;
-    body.forEachPiece([&](std::string_view piece) { bytes += piece; });
+    std::string bytes(body.size(), '\0');
+    body.rewind();
+    for (std::size_t at = 0; at < bytes.size(); at += body.read(bytes.data() + at, 64))
+    {
+    }
     return bytes;
 }
 
@@ -195,9 +198,8 @@ public:
     std::string uploadPart(
         const std::string& key, const std::string& uploadId, std::size_t number, RequestBody& body) override
     {
-        const std::string bytes = readAll(body);
-        const Request request(*m_bucket, {"uploadPart", key, {0, bytes.size()}});
-        return setPart(request, uploadId, number, bytes);
+        const Request request(*m_bucket, {"uploadPart", key, {0, body.size()}});
+        return setPart(request, uploadId, number, readAll(body));
     }
 
     std::string takePart(const std::string& key, const std::string& uploadId, std::size_t number,

@@ -568,36 +568,84 @@ TEST_F(RemoteClientTest, SendsSeveralPartsOfALongFileAsOne)
     EXPECT_THROW(send(next, 10, old), UnknownErrorException);
 }
 
-TEST_F(RemoteClientTest, AbortWaitsForPartsInFlightAndDropsTheOthers)
+TEST_F(RemoteClientTest, SendsNoMoreOfWhatIsReplacedOrAborted)
 {
     open(2);
-    const std::string id = begin();
     bucket->hold("uploadPart");
-    for (std::size_t i = 0; i < 5; ++i)
-    {
-        send(id, i, i == 0 ? content(200, 1) : old);
-    }
+    const std::string id = begin();
+    send(id, 0, content(200, 1));
+    const PartInfo second = send(id, 1, content(200, 2));
     awaitParts(2);
-    bucket->faults = [&](const StoreRequest& request)
-    {
-        const bool fails = request.range.size == 200; // of the two, when the other one has succeeded
-        while (fails && client->callSnapshot()[Operation::UploadPart].bytes == 0)
-        {
-            std::this_thread::yield();
-        }
-        return fails ? std::optional(busy) : std::nullopt;
-    };
+    const std::string other = begin();
+    send(other, 0, old);
+    const PartInfo queued = send(other, 0, old + "new");
     EXPECT_THROW(complete(id, {{0, 0, old.size(), "other"}}), UnknownErrorException) << "this need not wait";
-    const std::string next = begin();
-    auto aborting = std::async(std::launch::async, [&] { client->abortMultipartUpload("k", id); });
-    const PartInfo part = send(next, 0, old);
-    EXPECT_EQ(aborting.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    auto next = std::async(std::launch::async, [&] { return send(id, 2, content(200, 3)); });
+    auto replacing = std::async(std::launch::async, [&] { return send(id, 0, content(200, 4)); });
+    EXPECT_EQ(next.wait_for(20ms), std::future_status::timeout) << "two parts of the file are on the way";
+    EXPECT_EQ(replacing.wait_for(20ms), std::future_status::timeout);
+    bucket->hold("");
+    complete(id, {replacing.get(), second, next.get()});
+    EXPECT_EQ(bucket->content("k"), content(200, 4) + content(200, 2) + content(200, 3));
+    complete(other, {queued});
+    EXPECT_EQ(bucket->content("k"), old + "new");
+
+    bucket->hold("uploadPart");
+    const std::string aborted = begin();
+    send(aborted, 0, old);
+    awaitParts(6);
+    auto aborting = std::async(std::launch::async, [&] { client->abortMultipartUpload("k", aborted); });
+    EXPECT_EQ(aborting.wait_for(20ms), std::future_status::timeout) << "the store may still make it a part";
     bucket->hold("");
     aborting.get();
-    EXPECT_THROW(complete(id, {part}), ResourceNotFoundException);
-    complete(next, {part});
-    EXPECT_EQ(bucket->openUploads(), 0U);
-    EXPECT_LE(bucket->count("uploadPart"), 4U) << "two were in flight, and one more may have begun";
+    EXPECT_EQ(client->callSnapshot()[Operation::UploadPart].bytes, 3 * 200 + queued.Size);
+    EXPECT_THROW(complete(aborted, {queued}), ResourceNotFoundException);
+}
+
+/// Content that calls a function when it is read.
+struct CallingContent : std::streambuf
+{
+    int_type underflow() override
+    {
+        call();
+        setg(&byte, &byte, &byte + 1);
+        return byte;
+    }
+
+    char byte = 'x';
+    std::function<void()> call;
+};
+
+TEST_F(RemoteClientTest, TakesNoPartWhoseBytesAnAbortHasDropped)
+{
+    open(1);
+    const std::string id = begin();
+    send(id, 0, old);
+    fail("abortUpload", denied);
+    CallingContent buffer;
+    buffer.call = [&] { EXPECT_TRUE(failureOf([&] { client->abortMultipartUpload("k", id); })); };
+    std::istream dropped(&buffer);
+    EXPECT_THROW(client->uploadPart("k", id, {1, old.size(), 1, ""}, dropped), UnknownErrorException);
+    endFaults();
+}
+
+TEST_F(RemoteClientTest, UsesNoNumberTwiceAtATime)
+{
+    bucket->abilities.maxParts = 10; // of 1, 1, 2, 4, 8 parts of the file, and so on
+    bucket->abilities.maxObjectSize = 100'000;
+    open(2);
+    const std::string id = begin();
+    const Parts parts{send(id, 0, content(100, 0)), send(id, 1, content(100, 1)), send(id, 2, content(100, 2))};
+    awaitParts(2);
+    bucket->hold("uploadPart");
+    send(id, 3, content(100, 3));
+    awaitParts(3);
+    auto completing = std::async(std::launch::async, [&] { complete(id, parts); });
+    EXPECT_EQ(completing.wait_for(20ms), std::future_status::timeout);
+    EXPECT_EQ(bucket->count("uploadPart"), 3U) << "the part that is not in the list is still written";
+    bucket->hold("");
+    completing.get();
+    EXPECT_EQ(bucket->content("k"), content(100, 0) + content(100, 1) + content(100, 2));
 }
 
 TEST_F(RemoteClientTest, ReportsAFailedPartOnceAndSendsItAgain)

@@ -46,13 +46,14 @@ namespace storage::clients
 ///
 /// Uploads: createMultipartUpload() sends nothing. The upload is opened at the store with its first part, so that a
 /// failure to open it is that part's failure. uploadPart() reads the content into a buffer and returns; the part is
-/// sent in the background. It waits while there is no buffer. A part that is larger than half of RemoteSettings::memory
-/// is sent before the call returns, one that is smaller than the store accepts is kept in a temporary file until the
-/// completion. In a long file, several consecutive parts become one part of the store, so that StoreAbilities::maxParts
-/// last for StoreAbilities::maxObjectSize. They are kept in the temporary file, too, and are sent in the background
-/// when all of them are there. copyPart() only records the copy. completeMultipartUpload() knows the whole file: it
-/// joins adjacent unchanged parts into large copies, sends parts that are too small together with their neighbours,
-/// runs several requests at a time, and then completes the upload. An upload belongs to the instance that created it;
+/// sent in the background. It waits while there is no buffer, and while RemoteSettings::transfers parts of the upload
+/// are on the way. A part that is larger than half of RemoteSettings::memory is sent before the call returns, one that
+/// is smaller than the store accepts is kept in a temporary file until the completion. In a long file, several
+/// consecutive parts become one part of the store, so that StoreAbilities::maxParts last for
+/// StoreAbilities::maxObjectSize. They are kept in the temporary file, too, and are sent in the background when all of
+/// them are there. copyPart() only records the copy. completeMultipartUpload() knows the whole file: it joins adjacent
+/// unchanged parts into large copies, sends parts that are too small together with their neighbours, runs several
+/// requests at a time, and then completes the upload. An upload belongs to the instance that created it;
 /// abortMultipartUpload() also accepts the ids of others, as pendingUploads() returns them. The destructor aborts every
 /// upload that is still open, and logs failures.
 ///
