@@ -328,7 +328,9 @@ private:
 
     void setLimits(const HttpTimeouts& timeouts, bool isInterrupted)
     {
-        const auto longest = m_request.deadline.value_or(timeouts.request);
+        const std::uint64_t sent = m_request.body == nullptr ? 0 : m_request.body->size();
+        const auto longest = m_request.deadline.value_or(
+            timeouts.request + std::chrono::milliseconds(sent * 1'000 / timeouts.sendBytesPerSecond));
         const auto deadline = isInterrupted ? std::min(longest, timeouts.cleanUp) : longest;
         set(CURLOPT_TIMEOUT_MS, static_cast<long>(deadline.count()));
         set(CURLOPT_CONNECTTIMEOUT_MS,

@@ -61,12 +61,6 @@ void Outage::setAborting(bool isAborting)
     m_isAborting = isAborting;
 }
 
-bool Outage::isAborting() const
-{
-    const std::lock_guard lock(m_mutex);
-    return m_isAborting;
-}
-
 std::exception_ptr Outage::failure(Time now) const
 {
     const std::lock_guard lock(m_mutex);
@@ -163,6 +157,11 @@ void Retry::Attempts::wait(const TransientException& failure)
         counted.value() = ++m_failed;
         m_counted = m_retry.m_failedAttempts.insert(std::move(counted));
         m_retry.m_quietSince = now;
+    }
+    // A large part takes long on a slow line. After a single failure its bytes should not wait for the completion.
+    if (m_failed == 1 && m_request.operation == Operation::UploadPart && now - m_budgetBegin > policy.budget)
+    {
+        m_budgetBegin = now;
     }
     ++m_failedInBudget;
     if (const std::uint64_t reached = m_progress ? m_progress() : 0; reached > m_lastProgress)

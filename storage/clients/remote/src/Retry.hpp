@@ -34,7 +34,6 @@ public:
 
     /// While the upload is being aborted, all its requests fail, and none of them waits for another attempt.
     void setAborting(bool isAborting);
-    bool isAborting() const;
 
     /// What requests fail with now. @return null: they may be sent
     std::exception_ptr failure(Time now) const;
@@ -54,7 +53,8 @@ private:
 ///
 /// Waits: the k-th wait, k = 0 first, is uniformly random in [0, min(maxDelay, firstDelay * 2^k)], so that clients
 /// which failed at the same time do not retry at the same time. If the store said how long to wait, that time is added.
-/// An interrupt ends a wait within a tenth of a second. After a second UnusableResponse there is no further attempt.
+/// An interrupt ends a wait within a tenth of a second. After a second UnusableResponse there is no further attempt. If
+/// the first attempt to send a part took longer than the budget, the budget begins at its end.
 ///
 /// If there is no further attempt, a TransientException is thrown. Its detail is that of the last failure, followed by
 /// the number of attempts, the time since the first one, and the reason why there is no further one. All other

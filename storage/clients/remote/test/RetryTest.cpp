@@ -57,6 +57,7 @@ TEST_F(RetryTest, WaitsThenGivesUp)
         std::vector<int> attempts; // ms after the request began
         std::string summary;
         std::size_t progressing = 0; // attempts, the first ones, that make progress
+        Operation operation = Operation::GetObjectInfo;
     } rows[] = {
         {"doubles", {100ms, 1s, 3500ms}, 0ms, {}, {0, 100, 300, 700, 1500, 2500, 3500}, "attempt 7, 3.5"},
         {"starts at the maximum", {5s, 1s, 2s}, 0ms, {}, {0, 1000, 2000}, "attempt 3, 2.0"},
@@ -69,6 +70,8 @@ TEST_F(RetryTest, WaitsThenGivesUp)
         {"store asks for less than nothing", {100ms, 20s, 300ms}, 0ms, -5s, {0, 100, 300}, "attempt 3, 0.3"},
         {"restarts after progress", {100ms, 20s, 300ms}, 0ms, {}, {0, 100, 200, 300, 500}, "attempt 5, 0.5", 3},
         {"progresses for long", {100ms, 20s, 300ms}, 400ms, {}, {0, 500, 1000}, "attempt 3, 1.4", 2},
+        {"has used its time", {100ms, 20s, 1s}, 2s, {}, {0}, "attempt 1, 2.0"},
+        {"sends for long", {100ms, 20s, 1s}, 2s, {}, {0, 2100}, "attempt 2, 4.1", 0, Operation::UploadPart},
     };
     for (const auto& row : rows)
     {
@@ -87,7 +90,10 @@ TEST_F(RetryTest, WaitsThenGivesUp)
             throw TransientException("Busy", "store busy", row.retryAfter);
         };
         const auto progress = [&] { return std::min(begun.size(), row.progressing); };
-        EXPECT_THAT([&] { retry.run(lookup, attempt, progress); },
+        EXPECT_THAT(
+            [&] {
+                retry.run({row.operation, key}, attempt, progress);
+            },
             Throws<TransientException>(
                 AllOf(hasDetail("store busy; gave up after " + row.summary + " s after the first: another attempt"),
                     Property(&TransientException::retryAfter, row.retryAfter))));

@@ -25,8 +25,9 @@ struct HttpTimeouts
     std::uint64_t serverSideBytesPerSecond = 16 << 20;
 
     /// One request in total, even if its bytes move steadily. A copy may take its stall window instead if that is
-    /// longer.
+    /// longer. A body that is sent gets extra time: its size divided by `sendBytesPerSecond`, which must not be 0.
     std::chrono::seconds request{3'600};
+    std::uint64_t sendBytesPerSecond = 256 << 10;
 
     /// One request in total that cleans up: each that begins after an interrupt, and the abort of an upload of this
     /// client, which often follows the failure of a silent store. Also the rest of a request that opens an upload when

@@ -16,7 +16,7 @@ struct RetryPolicy
     std::chrono::milliseconds maxDelay = std::chrono::seconds(20);
     /// No attempt begins later than this after the request's first one, or after the last one that delivered bytes.
     /// Attempts after the first retry begin only if they would end by then, provided that they take as long as the last
-    /// one.
+    /// one. If the first attempt to send a part took longer than the budget, the time begins at its end.
     std::chrono::milliseconds budget = std::chrono::minutes(2);
 };
 
