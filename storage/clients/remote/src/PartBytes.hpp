@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <optional>
+#include <string_view>
 
 namespace storage::clients
 {
@@ -28,7 +29,7 @@ public:
 
     bool isInMemory() const noexcept { return m_buffer.has_value(); }
     char* data() noexcept { return m_buffer ? m_buffer->data() : m_file->data(); }
-    std::size_t size() const noexcept { return m_size; }
+    std::string_view view() noexcept { return {data(), m_size}; }
 
 private:
     std::optional<MemoryBudget::Lease> m_buffer;

@@ -157,7 +157,7 @@ std::string Uploads::send(const std::string& key, const std::string& id, const P
     const bool isSingle = group.number != 0 && group.count == 1;
     // With more of them in the queue, this upload would not be faster, but use memory and delay those of other files.
     upload->waitForTurn(part.Index, std::max<std::size_t>(m_pool.maxThreads(), 1));
-    const auto bytes = isSingle ? std::make_shared<PartBytes>(m_memory, part.Size) : nullptr;
+    auto bytes = isSingle ? std::make_shared<PartBytes>(m_memory, part.Size) : nullptr;
     if (const auto failure = upload->outage().failure(m_retry.now()))
     {
         std::rethrow_exception(failure);
@@ -168,16 +168,10 @@ std::string Uploads::send(const std::string& key, const std::string& id, const P
         readContent(key, content, bytes->data(), part.Size);
         if (const auto sending = upload->beginSending(part, group, store))
         {
-            const std::string_view view(bytes->data(), bytes->size());
-            sendLater(
-                upload, part.Index, sending->generation, bytes->isInMemory(),
-                [this, upload, bytes, view, group]
-                {
-                    CancellableBody body(*upload, group.first, {view});
-                    return sendBody(*upload, group.number, body);
-                },
-                [upload, bytes, view] { return spool(*upload, view); });
-            return upload->tagOf(part.Index, *sending);
+            std::string tag = upload->tagOf(part.Index, *sending);
+            const bool isConcurrent = bytes->isInMemory();
+            sendLater({upload, group, sending->generation, std::move(bytes), nullptr}, isConcurrent);
+            return tag;
         }
     }
     const bool isFirstTime = !upload->part(part.Index);
@@ -188,28 +182,12 @@ std::string Uploads::send(const std::string& key, const std::string& id, const P
     // A group in which a part is written again is left to the completion, as it may be rewritten part by part.
     if (group.count > 1 && isFirstTime)
     {
-        sendSpooled(upload, group, store);
+        if (const auto sending = upload->beginSendingSpooled(group, store))
+        {
+            sendLater({upload, group, sending->generation, nullptr, sending->part}, true);
+        }
     }
     return tag;
-}
-
-/// Send a group of several parts if it is complete.
-void Uploads::sendSpooled(const UploadPtr& upload, const PartGroup& group, const StoreAbilities& store)
-{
-    const auto sending = upload->beginSendingSpooled(group, store);
-    if (!sending)
-    {
-        return;
-    }
-    sendLater(
-        upload, group.first, sending->generation, true,
-        [this, upload, group, part = sending->part]
-        {
-            MappedPart bytes = map(*upload, *part, {});
-            CancellableBody body(*upload, group.first, std::move(bytes.pieces));
-            return sendBody(*upload, group.number, body);
-        },
-        [] { return std::optional<std::uint64_t>(); });
 }
 
 std::string Uploads::spoolPart(Upload& upload, const PartInfo& part, const std::function<void(char* target)>& write)
@@ -228,41 +206,48 @@ std::string Uploads::spoolPart(Upload& upload, const PartInfo& part, const std::
     }
 }
 
-/// Send a group of parts, which is on the way.
-/// @param isConcurrent  false: on this thread
-/// @param send          sends it, and returns the store's tag
-/// @param spool         called when that has failed, to keep its bytes; returns their position
-template <typename Send, typename Spool>
-void Uploads::sendLater(const UploadPtr& upload, std::size_t first, std::uint64_t generation, bool isConcurrent,
-    const Send& send, const Spool& spool)
+/// @param isConcurrent  false: send on this thread
+void Uploads::sendLater(Transfer transfer, bool isConcurrent)
 {
-    const auto task = [=]
-    {
-        if (!upload->startSending(first, generation))
-        {
-            return;
-        }
-        try
-        {
-            upload->setSent(first, send());
-        }
-        catch (...)
-        {
-            upload->setFailed(first, std::current_exception(), upload->isCancelled(first) ? std::nullopt : spool());
-        }
-    };
     try
     {
-        isConcurrent ? m_pool.post(task) : task();
+        isConcurrent ? m_pool.post([this, transfer]() mutable { send(std::move(transfer)); }) : send(transfer);
     }
     catch (...) // no memory
     {
-        if (upload->startSending(first, generation))
+        if (transfer.upload->startSending(transfer.group.first, transfer.generation))
         {
-            upload->setFailed(first, std::current_exception(), std::nullopt);
+            transfer.upload->setFailed(transfer.group.first, std::current_exception(), std::nullopt);
         }
         throw;
     }
+}
+
+void Uploads::send(Transfer transfer)
+{
+    Upload& upload = *transfer.upload;
+    const std::size_t first = transfer.group.first;
+    if (!upload.startSending(first, transfer.generation))
+    {
+        return;
+    }
+    std::string tag;
+    std::exception_ptr failure;
+    std::optional<std::uint64_t> spooled;
+    try
+    {
+        MappedPart mapped =
+            transfer.bytes ? MappedPart{{}, {transfer.bytes->view()}} : map(upload, *transfer.spooled, {});
+        CancellableBody body(upload, first, std::move(mapped.pieces));
+        tag = sendBody(upload, transfer.group.number, body);
+    }
+    catch (...)
+    {
+        failure = std::current_exception();
+        spooled = transfer.bytes && !upload.isCancelled(first) ? spool(upload, transfer.bytes->view()) : std::nullopt;
+    }
+    transfer.bytes.reset(); // before another part may take its turn, so that this buffer is used for it
+    failure ? upload.setFailed(first, failure, spooled) : upload.setSent(first, std::move(tag));
 }
 
 std::string Uploads::copy(const std::string& key, const std::string& id, const PartInfo& part)

@@ -80,6 +80,16 @@ private:
         WriteCondition replaces;                 // the object that it may replace
     };
 
+    /// A group of parts that is on the way.
+    struct Transfer
+    {
+        UploadPtr upload;
+        PartGroup group;
+        std::uint64_t generation;                   // of its first part
+        std::shared_ptr<PartBytes> bytes;           // of a group of one; null: they are in the spool
+        std::shared_ptr<const PlannedPart> spooled; // of a group of several
+    };
+
     /// The bytes of a part that is sent from temporary files.
     struct MappedPart
     {
@@ -90,10 +100,8 @@ private:
     static Retry::Request request(Operation operation, Upload& upload, std::uint64_t bytes = 0, std::size_t number = 0);
     std::string openAtStore(Upload& upload);
     std::string sendBody(Upload& upload, std::size_t number, RequestBody& body);
-    template <typename Send, typename Spool>
-    void sendLater(const UploadPtr& upload, std::size_t first, std::uint64_t generation, bool isConcurrent,
-        const Send& send, const Spool& spool);
-    void sendSpooled(const UploadPtr& upload, const PartGroup& group, const StoreAbilities& store);
+    void sendLater(Transfer transfer, bool isConcurrent);
+    void send(Transfer transfer);
     std::string spoolPart(
         Upload& upload, const cloudprovider::PartInfo& part, const std::function<void(char* target)>& write);
     Version requireSource(const cloudprovider::PartInfo& part, Upload& upload);
