@@ -88,64 +88,90 @@ PartGroup Upload::groupOf(const cloudprovider::PartInfo& part, const StoreAbilit
     return isUnknown || group.number > store.maxParts ? PartGroup() : group;
 }
 
-std::optional<Upload::Part> Upload::beginSending(
-    const cloudprovider::PartInfo& part, const PartGroup& group, const StoreAbilities& store)
+std::optional<Upload::Begun> Upload::beginSending(const cloudprovider::PartInfo& part, const PartGroup& group,
+    const std::shared_ptr<PartBytes>& bytes, const StoreAbilities& store, std::size_t maxSending)
 {
     std::unique_lock lock(m_mutex);
     cancel(part.Index);
-    m_changed.wait(lock, [&] { return !isOnTheWay(part.Index); });
+    m_changed.wait(lock, [&] { return m_sending < maxSending && !isOnTheWay(part.Index); });
     if (!hasRoom(group, part.Offset, part.Offset + part.Size, store))
     {
         return std::nullopt;
     }
-    Part sending{.size = part.Size, .offset = part.Offset, .group = group, .generation = ++m_generation};
+    const Part sending{
+        .size = part.Size, .offset = part.Offset, .group = group, .generation = ++m_generation, .bytes = bytes};
+    Begun begun{tagOf(part.Index, sending), sending.generation};
     replacePart(part.Index, sending);
     ++m_sending;
-    return sending;
+    return begun;
 }
 
-std::optional<Upload::SpooledGroup> Upload::beginSendingSpooled(const PartGroup& group, const StoreAbilities& store)
+std::optional<Upload::Begun> Upload::beginSendingSpooled(
+    const PartGroup& group, const StoreAbilities& store, std::size_t maxSending)
 {
-    const std::lock_guard lock(m_mutex);
-    const auto planned = std::make_shared<PlannedPart>(PlannedPart{group.number, PlannedPart::How::Send, 0, {}});
+    std::unique_lock lock(m_mutex);
+    if (!canSendSpooled(group, store))
+    {
+        return std::nullopt;
+    }
+    m_changed.wait(lock, [&] { return m_sending < maxSending; });
+    if (!canSendSpooled(group, store)) // any more
+    {
+        return std::nullopt;
+    }
+    for (std::size_t index = group.first; index < group.end(); ++index)
+    {
+        m_parts.find(index)->second.group = group;
+    }
+    Part& first = m_parts.find(group.first)->second;
+    first.sending = Sending::Queued;
+    ++m_sending;
+    return Begun{"", first.generation};
+}
+
+bool Upload::canSendSpooled(const PartGroup& group, const StoreAbilities& store) const
+{
     for (std::size_t index = group.first; index < group.end(); ++index)
     {
         const auto part = m_parts.find(index);
         if (part == m_parts.end() || part->second.place != PartPlace::Spooled || part->second.group.number != 0 ||
             part->second.size < store.minPartSize)
         {
-            return std::nullopt;
+            return false;
         }
-        planned->bytes.push_back({PartPlace::Spooled, index, 0, part->second.size});
-        planned->size += part->second.size;
     }
-    Part& first = m_parts.find(group.first)->second;
-    if (planned->size > store.maxPartSize || !hasRoom(group, first.offset, first.offset + planned->size, store))
-    {
-        return std::nullopt;
-    }
-    for (const PlannedBytes& bytes : planned->bytes)
-    {
-        m_parts.find(bytes.index)->second.group = group;
-    }
-    first.sending = Sending::Queued;
-    ++m_sending;
-    return SpooledGroup{planned, first.generation};
+    const std::uint64_t begin = m_parts.at(group.first).offset;
+    const std::uint64_t size = partOf(group).size;
+    return size <= store.maxPartSize && hasRoom(group, begin, begin + size, store);
 }
 
-void Upload::waitForTurn(std::size_t index, std::size_t maxSending)
-{
-    std::unique_lock lock(m_mutex);
-    m_changed.wait(lock, [&] { return m_sending < maxSending || isOnTheWay(index); });
-}
-
-bool Upload::startSending(std::size_t first, std::uint64_t generation)
+std::optional<std::shared_ptr<PartBytes>> Upload::startSending(std::size_t first, std::uint64_t generation)
 {
     const std::lock_guard lock(m_mutex);
     Part& part = m_parts.find(first)->second;
-    const bool isExpected = isOnTheWay(first) && part.generation == generation && part.sending == Sending::Queued;
-    part.sending = isExpected ? Sending::Running : part.sending;
-    return isExpected;
+    if (!isOnTheWay(first) || part.generation != generation || part.sending != Sending::Queued)
+    {
+        return std::nullopt;
+    }
+    part.sending = Sending::Running;
+    return std::exchange(part.bytes, nullptr);
+}
+
+PlannedPart Upload::spooledPart(const PartGroup& group) const
+{
+    const std::lock_guard lock(m_mutex);
+    return partOf(group);
+}
+
+PlannedPart Upload::partOf(const PartGroup& group) const
+{
+    PlannedPart planned{group.number, PlannedPart::How::Send, 0, {}};
+    for (std::size_t index = group.first; index < group.end(); ++index)
+    {
+        planned.bytes.push_back({PartPlace::Spooled, index, 0, m_parts.at(index).size});
+        planned.size += planned.bytes.back().size;
+    }
+    return planned;
 }
 
 bool Upload::isCancelled(std::size_t first) const
@@ -243,6 +269,7 @@ void Upload::cancel(std::size_t index)
     if (first.place != PartPlace::Spooled)
     {
         first.failure = dropped();
+        first.bytes.reset();
     }
     ungroup(first);
     --m_sending;
@@ -334,12 +361,13 @@ void Upload::dropUnsent()
         cancel(index);
     }
     m_changed.wait(lock, [&] { return m_sending == 0; });
+    const std::exception_ptr lost = dropped();
     for (auto& [index, part] : m_parts)
     {
         if (part.place == PartPlace::Spooled)
         {
             part.place = PartPlace::Uploaded;
-            part.failure = dropped();
+            part.failure = lost;
         }
     }
     m_spool.clear();

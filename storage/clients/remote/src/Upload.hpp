@@ -1,5 +1,6 @@
 #pragma once
 
+#include "PartBytes.hpp"
 #include "PartGroup.hpp"
 #include "PartSpool.hpp"
 #include "Retry.hpp"
@@ -31,7 +32,7 @@ public:
     {
         Queued,
         Running,
-        Cancelled ///< it runs, but nobody wants the bytes any more
+        Cancelled ///< it runs, but its bytes are not needed any more
     };
 
     struct Part
@@ -45,7 +46,8 @@ public:
         std::string storeTag = {};    ///< of the first part of a group: the store's; empty: it is on the way, or lost
         std::exception_ptr failure{}; ///< why its bytes are lost; null: they are not
         std::uint64_t generation = 0; ///< set when it is recorded; tells uploads of the same part apart
-        Sending sending = Sending::Queued; ///< of the first part of a group on the way
+        Sending sending = Sending::Queued;  ///< of the first part of a group on the way
+        std::shared_ptr<PartBytes> bytes{}; ///< to be sent, of a queued group of one
     };
 
     /// @param base   tag of the object that the new one replaces parts of; empty: there is none, or it is unknown
@@ -95,36 +97,39 @@ public:
     /// The group that a part belongs to. It has no number if the part is to wait for the completion.
     PartGroup groupOf(const cloudprovider::PartInfo& part, const StoreAbilities& store) const;
 
-    /// Record that a part, which is a group of its own, is on the way. Replaces and waits as setPart().
+    /// A group that is on the way.
+    struct Begun
+    {
+        std::string tag;          ///< of its first part
+        std::uint64_t generation; ///< of its first part
+    };
+
+    /// Record that a part, which is a group of its own, is on the way. Replaces as setPart(). Waits while `maxSending`
+    /// groups are on the way.
     ///
     /// Its number in the store leaves enough numbers for the parts before it, whatever they become.
     /// @return nullopt: there is no such number, and nothing was recorded
-    std::optional<Part> beginSending(
-        const cloudprovider::PartInfo& part, const PartGroup& group, const StoreAbilities& store);
-
-    struct SpooledGroup
-    {
-        std::shared_ptr<const PlannedPart> part; ///< that it becomes
-        std::uint64_t generation;                ///< of its first part
-    };
+    std::optional<Begun> beginSending(const cloudprovider::PartInfo& part, const PartGroup& group,
+        const std::shared_ptr<PartBytes>& bytes, const StoreAbilities& store, std::size_t maxSending);
 
     /// The same for a group of several parts, which stay in the spool: when one of them is replaced, the group counts
     /// as not sent.
     /// @return nullopt also: parts are missing, too small or on the way already, or are too large together
-    std::optional<SpooledGroup> beginSendingSpooled(const PartGroup& group, const StoreAbilities& store);
+    std::optional<Begun> beginSendingSpooled(
+        const PartGroup& group, const StoreAbilities& store, std::size_t maxSending);
 
-    /// Wait while as many groups, or more, are on the way, unless that of this part is one of them.
-    void waitForTurn(std::size_t index, std::size_t maxSending);
+    /// Take the bytes of the group with this first part, to send them. Null: they are in the spool.
+    /// @return nullopt: the group was cancelled
+    std::optional<std::shared_ptr<PartBytes>> startSending(std::size_t first, std::uint64_t generation);
 
-    /// Whether the group with this first part is still to be sent. If not, it was cancelled.
-    bool startSending(std::size_t first, std::uint64_t generation);
+    /// The part of the store that a group in the spool becomes, whose transfer has started.
+    PlannedPart spooledPart(const PartGroup& group) const;
 
     /// Whether the transfer of a group that has started was cancelled.
     bool isCancelled(std::size_t first) const;
 
     /// Record how the transfer of a group has ended, after startSending() has returned true.
-    /// @param spooled  of a group of one: position of its bytes in the spool; nullopt: they are lost, as during an
-    /// abort
+    /// @param spooled  of a group of one: position of its bytes in the spool; nullopt: they are lost, or not needed
     void setSent(std::size_t first, std::string storeTag) noexcept;
     void setFailed(
         std::size_t first, const std::exception_ptr& failure, const std::optional<std::uint64_t>& spooled) noexcept;
@@ -160,6 +165,8 @@ public:
 private:
     // These require m_mutex.
     void cancel(std::size_t index);
+    bool canSendSpooled(const PartGroup& group, const StoreAbilities& store) const;
+    PlannedPart partOf(const PartGroup& group) const;
     void replacePart(std::size_t index, Part part);
     void ungroup(const Part& member) noexcept;
     bool isOnTheWay(std::size_t index) const;

@@ -206,8 +206,10 @@ private:
     /// Copies are as large as possible; parts that are sent are small, since they are kept in memory.
     std::uint64_t piecesOf(const PlannedPart& part, std::uint64_t sendSize) const
     {
-        return part.how == How::Copy ? (part.size + m_store.maxTakeSize - 1) / m_store.maxTakeSize
-                                     : std::max<std::uint64_t>(part.size / sendSize, 1);
+        return part.how == How::Copy
+                   ? (part.size + m_store.maxTakeSize - 1) / m_store.maxTakeSize
+                   : std::max({part.size / sendSize, (part.size + m_store.maxPartSize - 1) / m_store.maxPartSize,
+                         std::uint64_t{1}});
     }
 
     /// @return minimum bytes of a part that results from splitting, so that the number of parts stays within m_maxParts

@@ -57,15 +57,35 @@ public:
     std::size_t read(char* target, std::size_t capacity) override
     {
         const std::size_t count = SpanBody::read(target, capacity);
-        if (count > 0 && m_upload.isCancelled(m_first))
+        count > 0 ? throwIfCancelled() : void();
+        return count;
+    }
+
+    void forEachPiece(const std::function<void(std::string_view)>& use) override
+    {
+        SpanBody::forEachPiece(
+            [&](std::string_view piece)
+            {
+                for (; !piece.empty(); piece.remove_prefix(std::min(piece.size(), pieceSize)))
+                {
+                    throwIfCancelled();
+                    use(piece.substr(0, pieceSize));
+                }
+            });
+    }
+
+private:
+    static constexpr std::size_t pieceSize = 1 << 20;
+
+    void throwIfCancelled() const
+    {
+        if (m_upload.isCancelled(m_first))
         {
             throw UnknownErrorException(
                 "Dropped", "a part of " + quoted(m_upload.key()) + " was to be replaced, or its upload to be aborted");
         }
-        return count;
     }
 
-private:
     const Upload& m_upload;
     const std::size_t m_first;
 };
@@ -155,9 +175,9 @@ std::string Uploads::send(const std::string& key, const std::string& id, const P
     }
     const PartGroup group = isWhole ? upload->groupOf(part, store) : PartGroup();
     const bool isSingle = group.number != 0 && group.count == 1;
-    // With more of them in the queue, this upload would not be faster, but use memory and delay those of other files.
-    upload->waitForTurn(part.Index, std::max<std::size_t>(m_pool.maxThreads(), 1));
-    auto bytes = isSingle ? std::make_shared<PartBytes>(m_memory, part.Size) : nullptr;
+    // With more of them in the queue, those of other files would wait behind them.
+    const std::size_t maxSending = std::max<std::size_t>(m_pool.maxThreads(), 1);
+    const auto bytes = isSingle ? std::make_shared<PartBytes>(m_memory, part.Size) : nullptr;
     if (const auto failure = upload->outage().failure(m_retry.now()))
     {
         std::rethrow_exception(failure);
@@ -166,12 +186,10 @@ std::string Uploads::send(const std::string& key, const std::string& id, const P
     if (bytes)
     {
         readContent(key, content, bytes->data(), part.Size);
-        if (const auto sending = upload->beginSending(part, group, store))
+        if (const auto begun = upload->beginSending(part, group, bytes, store, maxSending))
         {
-            std::string tag = upload->tagOf(part.Index, *sending);
-            const bool isConcurrent = bytes->isInMemory();
-            sendLater({upload, group, sending->generation, std::move(bytes), nullptr}, isConcurrent);
-            return tag;
+            sendLater({upload, group, begun->generation}, bytes->isInMemory());
+            return begun->tag;
         }
     }
     const bool isFirstTime = !upload->part(part.Index);
@@ -182,9 +200,9 @@ std::string Uploads::send(const std::string& key, const std::string& id, const P
     // A group in which a part is written again is left to the completion, as it may be rewritten part by part.
     if (group.count > 1 && isFirstTime)
     {
-        if (const auto sending = upload->beginSendingSpooled(group, store))
+        if (const auto begun = upload->beginSendingSpooled(group, store, maxSending))
         {
-            sendLater({upload, group, sending->generation, nullptr, sending->part}, true);
+            sendLater({upload, group, begun->generation}, true);
         }
     }
     return tag;
@@ -207,11 +225,11 @@ std::string Uploads::spoolPart(Upload& upload, const PartInfo& part, const std::
 }
 
 /// @param isConcurrent  false: send on this thread
-void Uploads::sendLater(Transfer transfer, bool isConcurrent)
+void Uploads::sendLater(const Transfer& transfer, bool isConcurrent)
 {
     try
     {
-        isConcurrent ? m_pool.post([this, transfer]() mutable { send(std::move(transfer)); }) : send(transfer);
+        isConcurrent ? m_pool.post([this, transfer] { send(transfer); }) : send(transfer);
     }
     catch (...) // no memory
     {
@@ -223,11 +241,12 @@ void Uploads::sendLater(Transfer transfer, bool isConcurrent)
     }
 }
 
-void Uploads::send(Transfer transfer)
+void Uploads::send(const Transfer& transfer)
 {
     Upload& upload = *transfer.upload;
     const std::size_t first = transfer.group.first;
-    if (!upload.startSending(first, transfer.generation))
+    auto bytes = upload.startSending(first, transfer.generation);
+    if (!bytes)
     {
         return;
     }
@@ -237,16 +256,16 @@ void Uploads::send(Transfer transfer)
     try
     {
         MappedPart mapped =
-            transfer.bytes ? MappedPart{{}, {transfer.bytes->view()}} : map(upload, *transfer.spooled, {});
+            *bytes ? MappedPart{{}, {(*bytes)->view()}} : map(upload, upload.spooledPart(transfer.group), {});
         CancellableBody body(upload, first, std::move(mapped.pieces));
         tag = sendBody(upload, transfer.group.number, body);
     }
     catch (...)
     {
         failure = std::current_exception();
-        spooled = transfer.bytes && !upload.isCancelled(first) ? spool(upload, transfer.bytes->view()) : std::nullopt;
+        spooled = *bytes && !upload.isCancelled(first) ? spool(upload, (*bytes)->view()) : std::nullopt;
     }
-    transfer.bytes.reset(); // before another part may take its turn, so that this buffer is used for it
+    bytes.reset(); // before another part takes its turn, which may then use the buffer
     failure ? upload.setFailed(first, failure, spooled) : upload.setSent(first, std::move(tag));
 }
 
@@ -303,6 +322,7 @@ void Uploads::abort(const std::string& key, const std::string& id)
     upload->dropUnsent();
     upload->outage().setAborting(false);
     abortOwn(*upload);
+    upload->outage().setAborting(true); // for good: a part that is sent now would stay at the store
     m_registry.finish(id, upload->base());
 }
 
@@ -430,7 +450,7 @@ void Uploads::complete(const std::string& key, const std::string& id, const std:
     }
     catch (const TransientException&)
     {
-        upload->waitUntilIdle(); // the parts that are on the way fail soon, for the reason that is thrown
+        upload->waitUntilIdle(); // the parts that are on the way probably fail, too, for the reason that is thrown
         upload->forgetUnreported();
         throw;
     }
@@ -543,7 +563,7 @@ Uploads::Completion Uploads::prepare(Upload& upload, const std::vector<PartInfo>
         }
         file.push_back(planned);
     }
-    if (upload.isSendingOthers(completion.kept)) // whose numbers the plan uses, too
+    if (upload.isSendingOthers(completion.kept)) // they would write the plan's numbers at the same time
     {
         upload.waitUntilIdle();
         return prepare(upload, parts);

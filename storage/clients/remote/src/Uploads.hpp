@@ -85,9 +85,7 @@ private:
     {
         UploadPtr upload;
         PartGroup group;
-        std::uint64_t generation;                   // of its first part
-        std::shared_ptr<PartBytes> bytes;           // of a group of one; null: they are in the spool
-        std::shared_ptr<const PlannedPart> spooled; // of a group of several
+        std::uint64_t generation; // of its first part
     };
 
     /// The bytes of a part that is sent from temporary files.
@@ -100,8 +98,8 @@ private:
     static Retry::Request request(Operation operation, Upload& upload, std::uint64_t bytes = 0, std::size_t number = 0);
     std::string openAtStore(Upload& upload);
     std::string sendBody(Upload& upload, std::size_t number, RequestBody& body);
-    void sendLater(Transfer transfer, bool isConcurrent);
-    void send(Transfer transfer);
+    void sendLater(const Transfer& transfer, bool isConcurrent);
+    void send(const Transfer& transfer);
     std::string spoolPart(
         Upload& upload, const cloudprovider::PartInfo& part, const std::function<void(char* target)>& write);
     Version requireSource(const cloudprovider::PartInfo& part, Upload& upload);

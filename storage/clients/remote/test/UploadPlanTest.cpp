@@ -195,6 +195,12 @@ TEST(UploadPlanTest, PlansEveryPatchOfAnObjectAsItIsCut)
     }
     const UploadPlan append = planUpload(patched(256 * mebi, mebi, 999, 999, 1024), {});
     EXPECT_TRUE(append.parts.size() == 2 && append.parts[1].size == 1024) << "more is sent than what was appended";
+
+    const StoreAbilities small{.minPartSize = 10, .maxPartSize = 100};
+    std::vector<FilePart> rewritten(122, {.place = PartPlace::Spooled, .size = 10}); // between two parts, 12 full ones
+    rewritten.front() = {0, PartPlace::Uploaded, 10, 0, 1};
+    rewritten.back() = {121, PartPlace::Uploaded, 10, 0, 14};
+    EXPECT_EQ(planUpload(rewritten, small).parts.size(), 14U);
 }
 
 TEST(UploadPlanTest, NumbersLastForTheLargestObject)
