@@ -61,10 +61,10 @@ void Outage::setAborting(bool isAborting)
     m_isAborting = isAborting;
 }
 
-std::exception_ptr Outage::failure(Time now) const
+std::exception_ptr Outage::failure(Time now, bool isAbort) const
 {
     const std::lock_guard lock(m_mutex);
-    if (m_isAborting)
+    if (m_isAborting && !isAbort)
     {
         return std::make_exception_ptr(cloudprovider::UnknownErrorException("Aborted", "the upload is being aborted"));
     }
@@ -100,6 +100,7 @@ RemoteClient::Waiting Retry::waiting() const
 Retry::Attempts::Attempts(Retry& retry, const Request& request, const std::function<std::uint64_t()>& progress)
     : m_retry(retry)
     , m_request(request)
+    , m_isAbort(request.operation == Operation::AbortMultipartUpload)
     , m_progress(progress)
     , m_begin(retry.m_clock.now())
     , m_attemptBegin(m_begin)
@@ -122,9 +123,8 @@ void Retry::Attempts::start()
 {
     m_attemptBegin = m_retry.m_clock.now();
     Outage* const outage = m_request.outage;
-    const auto failure = outage == nullptr ? nullptr : outage->failure(m_attemptBegin);
-    const bool isAbort = m_request.operation == Operation::AbortMultipartUpload;
-    if (failure && !(isAbort && outage->mayAbort(m_attemptBegin)))
+    const auto failure = outage == nullptr ? nullptr : outage->failure(m_attemptBegin, m_isAbort);
+    if (failure && !(m_isAbort && outage->mayAbort(m_attemptBegin)))
     {
         std::rethrow_exception(failure);
     }
@@ -210,7 +210,7 @@ void Retry::Attempts::sleep(const TransientException& failure, Duration time) co
         {
             giveUp(failure, "interrupted");
         }
-        if (m_request.outage != nullptr && m_request.outage->failure(m_retry.m_clock.now()))
+        if (m_request.outage != nullptr && m_request.outage->failure(m_retry.m_clock.now(), m_isAbort))
         {
             throw gaveUp(failure, "another request of this upload gave up");
         }
@@ -228,8 +228,8 @@ void Retry::Attempts::giveUp(const TransientException& failure, const std::strin
     const TransientException last = gaveUp(failure, whyNoRetry);
     if (m_request.outage != nullptr)
     {
-        m_request.outage->begin(std::make_exception_ptr(last), m_retry.m_clock.now() + m_retry.m_policy.budget,
-            m_request.operation == Operation::AbortMultipartUpload);
+        m_request.outage->begin(
+            std::make_exception_ptr(last), m_retry.m_clock.now() + m_retry.m_policy.budget, m_isAbort);
     }
     throw last;
 }

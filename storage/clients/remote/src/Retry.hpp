@@ -32,11 +32,11 @@ public:
     void begin(std::exception_ptr failure, Time end, bool isAbort);
     void end();
 
-    /// While the upload is being aborted, all its requests fail, and none of them waits for another attempt.
+    /// While the upload is being aborted, all its other requests fail, and none of them waits for another attempt.
     void setAborting(bool isAborting);
 
     /// What requests fail with now. @return null: they may be sent
-    std::exception_ptr failure(Time now) const;
+    std::exception_ptr failure(Time now, bool isAbort = false) const;
 
     /// Whether a request that aborts the upload may make an attempt: only the first one in an outage may.
     bool mayAbort(Time now);
@@ -145,6 +145,7 @@ private:
 
         Retry& m_retry;
         const Request m_request;
+        const bool m_isAbort;
         const std::function<std::uint64_t()>& m_progress;
         const Time m_begin;
         Time m_attemptBegin;

@@ -356,11 +356,15 @@ void Upload::forgetDone()
 void Upload::dropUnsent()
 {
     std::unique_lock lock(m_mutex);
-    for (const auto& [index, part] : m_parts)
+    const auto cancelAll = [&]
     {
-        cancel(index);
-    }
-    m_changed.wait(lock, [&] { return m_sending == 0; });
+        for (const auto& [index, part] : m_parts)
+        {
+            cancel(index);
+        }
+        return m_sending == 0;
+    };
+    m_changed.wait(lock, cancelAll); // also what takes its turn meanwhile
     const std::exception_ptr lost = dropped();
     for (auto& [index, part] : m_parts)
     {

@@ -128,7 +128,7 @@ public:
     /// Whether the transfer of a group that has started was cancelled.
     bool isCancelled(std::size_t first) const;
 
-    /// Record how the transfer of a group has ended, after startSending() has returned true.
+    /// Record how the transfer of a group has ended, after startSending() has returned a value.
     /// @param spooled  of a group of one: position of its bytes in the spool; nullopt: they are lost, or not needed
     void setSent(std::size_t first, std::string storeTag) noexcept;
     void setFailed(
@@ -181,7 +181,7 @@ private:
     Outage m_outage;
     mutable std::mutex m_openingMutex; // held while the upload is opened; taken before m_mutex
     std::string m_storeId;             // guarded by m_openingMutex
-    mutable std::mutex m_mutex;        // innermost; guards everything below
+    mutable std::mutex m_mutex;        // taken before those of the spool and the buffers; guards everything below
     std::condition_variable m_changed; // a transfer has ended
     std::shared_ptr<const ObjectMetadata> m_metadata;
     std::map<std::size_t, Part> m_parts; // by index

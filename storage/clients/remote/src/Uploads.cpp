@@ -319,10 +319,16 @@ void Uploads::abort(const std::string& key, const std::string& id)
     }
     const auto upload = m_registry.find(key, id);
     upload->outage().setAborting(true);
-    upload->dropUnsent();
-    upload->outage().setAborting(false);
-    abortOwn(*upload);
-    upload->outage().setAborting(true); // for good: a part that is sent now would stay at the store
+    try
+    {
+        upload->dropUnsent();
+        abortOwn(*upload);
+    }
+    catch (...)
+    {
+        upload->outage().setAborting(false);
+        throw;
+    }
     m_registry.finish(id, upload->base());
 }
 

@@ -589,17 +589,37 @@ TEST_F(RemoteClientTest, SendsNoMoreOfWhatIsReplacedOrAborted)
     EXPECT_EQ(bucket->content("k"), content(200, 4) + content(200, 2) + content(200, 3));
     complete(other, {queued});
     EXPECT_EQ(bucket->content("k"), old + "new");
+    EXPECT_EQ(client->callSnapshot()[Operation::UploadPart].bytes, 3 * 200 + queued.Size);
+}
 
+TEST_F(RemoteClientTest, AnAbortSendsNothingElseAndWaitsForNoOtherFile)
+{
+    std::promise<void> end;
+    bucket->faults = [ended = end.get_future().share()](const StoreRequest& request)
+    {
+        request.operation == "uploadPart" && request.key == "b" ? ended.wait() : void();
+        return std::optional<Fault>();
+    };
+    open(2);
+    const std::string other = client->createMultipartUpload("b", "");
+    uploadPart(*client, "b", other, 0, old);
+    awaitParts(1);
     bucket->hold("uploadPart");
-    const std::string aborted = begin();
-    send(aborted, 0, old);
-    awaitParts(6);
-    auto aborting = std::async(std::launch::async, [&] { client->abortMultipartUpload("k", aborted); });
+    const std::string id = begin();
+    send(id, 0, old);
+    awaitParts(2);
+    uploadPart(*client, "b", other, 1, old);
+    send(id, 1, old);
+    const auto next = std::async(std::launch::async, [&] { return failureOf([&] { send(id, 2, old); }); });
+    EXPECT_EQ(next.wait_for(20ms), std::future_status::timeout);
+    auto aborting = std::async(std::launch::async, [&] { client->abortMultipartUpload("k", id); });
     EXPECT_EQ(aborting.wait_for(20ms), std::future_status::timeout) << "the store may still make it a part";
     bucket->hold("");
     aborting.get();
-    EXPECT_EQ(client->callSnapshot()[Operation::UploadPart].bytes, 3 * 200 + queued.Size);
-    EXPECT_THROW(complete(aborted, {queued}), ResourceNotFoundException);
+    end.set_value();
+    next.wait();
+    client.reset();
+    EXPECT_EQ(std::ranges::count(bucket->takeRequests(), "k", &StoreRequest::key), 3) << "begin, one part, abort";
 }
 
 /// Content that calls a function when it is read.
@@ -616,7 +636,7 @@ struct CallingContent : std::streambuf
     std::function<void()> call;
 };
 
-TEST_F(RemoteClientTest, TakesNoPartWhoseBytesAnAbortHasDropped)
+TEST_F(RemoteClientTest, TakesNoPartThatMeetsAnAbort)
 {
     open(1);
     const std::string id = begin();
@@ -627,6 +647,11 @@ TEST_F(RemoteClientTest, TakesNoPartWhoseBytesAnAbortHasDropped)
     std::istream dropped(&buffer);
     EXPECT_THROW(client->uploadPart("k", id, {1, old.size(), 1, ""}, dropped), UnknownErrorException);
     endFaults();
+    const std::string unopened = begin();
+    buffer.call = [&] { failureOf([&] { client->abortMultipartUpload("k", unopened); }); };
+    std::istream late(&buffer);
+    failureOf([&] { client->uploadPart("k", unopened, {0, 0, 100, ""}, late); });
+    EXPECT_EQ(bucket->count("createUpload"), 1U) << "nobody would abort it";
 }
 
 TEST_F(RemoteClientTest, UsesNoNumberTwiceAtATime)
@@ -791,22 +816,6 @@ TEST_F(RemoteClientTest, MakesEqualPartsWhenTheStoreRefusesOthers)
     EXPECT_EQ(bucket->count("takePart"), 27U); // 30 parts, of which 3 have changed bytes
     EXPECT_EQ(
         bucket->content("k"), std::string(old).replace(1'000, 90, content(90, 3)).replace(2'000, 90, content(90, 4)));
-}
-
-TEST_F(RemoteClientTest, KnowsThePartsOfTheLastUploads)
-{
-    bucket->put("k", old);
-    open(1);
-    std::string id = begin();
-    const PartInfo part = send(id, 0, old);
-    complete(id, {part});
-    id = begin(part.Tag);
-    client->copyPart("k", id, part);
-    for (int i = 0; i < 4'096; ++i)
-    {
-        client->abortMultipartUpload("k", begin());
-    }
-    EXPECT_THROW(client->copyPart("k", id, part), UnknownErrorException);
 }
 
 TEST_F(RemoteClientTest, ReadersSeeOneVersionThatWasThere)
