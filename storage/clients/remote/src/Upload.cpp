@@ -46,6 +46,22 @@ void Upload::setMetadata(std::shared_ptr<const ObjectMetadata> metadata)
     m_metadata = std::move(metadata);
 }
 
+std::vector<std::uint64_t> Upload::sourceEnds(
+    const Version& source, const std::function<std::vector<std::uint64_t>()>& lookUp)
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_sourceEnds.first == source.tag)
+        {
+            return m_sourceEnds.second;
+        }
+    }
+    auto ends = lookUp();
+    const std::lock_guard lock(m_mutex);
+    m_sourceEnds = {source.tag, ends};
+    return ends;
+}
+
 std::string Upload::tagOf(std::size_t index, const Part& part) const
 {
     return fmt::format("{}.{}.{}", m_id, index, part.generation);

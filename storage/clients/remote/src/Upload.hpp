@@ -83,6 +83,10 @@ public:
     std::shared_ptr<const ObjectMetadata> metadata() const;
     void setMetadata(std::shared_ptr<const ObjectMetadata> metadata);
 
+    /// RemoteStore::partEnds() of the version that ranges are copied from, which is looked up once.
+    std::vector<std::uint64_t> sourceEnds(
+        const Version& source, const std::function<std::vector<std::uint64_t>()>& lookUp);
+
     /// The tag of a part outside the client.
     std::string tagOf(std::size_t index, const Part& part) const;
 
@@ -184,8 +188,9 @@ private:
     mutable std::mutex m_mutex;        // taken before those of the spool and the buffers; guards everything below
     std::condition_variable m_changed; // a transfer has ended
     std::shared_ptr<const ObjectMetadata> m_metadata;
-    std::map<std::size_t, Part> m_parts; // by index
-    std::size_t m_sending = 0;           // groups that are on the way
+    std::pair<std::string, std::vector<std::uint64_t>> m_sourceEnds; // of the version with this tag
+    std::map<std::size_t, Part> m_parts;                             // by index
+    std::size_t m_sending = 0;                                       // groups that are on the way
     std::uint64_t m_generation = 0;
     std::exception_ptr m_unreported; // of the first transfer that failed since the last report
     std::map<std::size_t, std::pair<PlannedPart, std::string>> m_done; // by number; cleared when a part is uploaded

@@ -74,6 +74,39 @@ Segments takeFront(Segments& segments, std::uint64_t size)
     return front;
 }
 
+/// Which ranges of the stored object the store takes.
+class TakeRules
+{
+public:
+    /// @param ends  of its parts; empty: any range is taken
+    TakeRules(const StoreAbilities& store, const std::vector<std::uint64_t>& ends)
+        : m_ends(ends)
+        , m_maxSize(ends.empty() ? store.maxTakeSize : store.maxObjectSize)
+    {
+    }
+
+    /// Maximum bytes of a range; 0: none is taken.
+    std::uint64_t maxSize() const noexcept { return m_maxSize; }
+
+    /// The first offset, from this one, at which a range may begin.
+    std::uint64_t beginFrom(std::uint64_t offset) const
+    {
+        const auto end = std::lower_bound(m_ends.begin(), m_ends.end(), offset);
+        return offset == 0 || end == m_ends.end() ? offset : *end;
+    }
+
+    /// The last offset, up to this one, at which a range may end; 0: there is none.
+    std::uint64_t endUpTo(std::uint64_t offset) const
+    {
+        const auto behind = std::upper_bound(m_ends.begin(), m_ends.end(), offset);
+        return m_ends.empty() ? offset : behind == m_ends.begin() ? 0 : *std::prev(behind);
+    }
+
+private:
+    const std::vector<std::uint64_t>& m_ends;
+    const std::uint64_t m_maxSize;
+};
+
 /// Plans the run of bytes between two uploaded parts. Each part of it must have the minimum size; only the last part of
 /// the file may be smaller.
 class PartRun
@@ -81,8 +114,9 @@ class PartRun
 public:
     /// @param isLast    whether it ends the file
     /// @param maxParts  maximum number of parts
-    PartRun(const StoreAbilities& store, bool isLast, std::size_t maxParts)
+    PartRun(const StoreAbilities& store, const TakeRules& takes, bool isLast, std::size_t maxParts)
         : m_store(store)
+        , m_takes(takes)
         , m_isLast(isLast)
         , m_maxParts(maxParts)
     {
@@ -92,9 +126,9 @@ public:
 
     std::vector<PlannedPart> plan()
     {
-        const std::uint64_t size = sizeOf(m_bytes);
+        m_size = sizeOf(m_bytes);
         std::vector<PlannedPart> parts = planCopies();
-        while (parts.size() > m_maxParts && m_minCopySize <= size)
+        while (parts.size() > m_maxParts && m_minCopySize <= m_size)
         {
             m_minCopySize *= 2;
             parts = planCopies();
@@ -109,7 +143,7 @@ private:
         for (std::size_t i = 0; i < m_bytes.size(); ++i)
         {
             const PlannedBytes& bytes = m_bytes[i];
-            if (bytes.place == PartPlace::Object && m_store.maxTakeSize > 0)
+            if (bytes.place == PartPlace::Object && m_takes.maxSize() > 0)
             {
                 addObjectRange(bytes, m_isLast && i + 1 == m_bytes.size());
             }
@@ -126,25 +160,29 @@ private:
         return split();
     }
 
-    void addObjectRange(PlannedBytes bytes, bool isTail)
+    void addObjectRange(const PlannedBytes& bytes, bool isTail)
     {
         const std::uint64_t unsent = sizeOf(m_pending);
-        if (unsent > 0 && unsent < m_store.minPartSize)
+        const bool mustSend = unsent > 0 || m_takes.beginFrom(bytes.offset) > bytes.offset;
+        const std::uint64_t missing = mustSend && unsent < m_store.minPartSize ? m_store.minPartSize - unsent : 0;
+        const std::uint64_t end = bytes.offset + bytes.size;
+        const std::uint64_t copyBegin = std::min(m_takes.beginFrom(std::min(bytes.offset + missing, end)), end);
+        const std::uint64_t copyEnd = std::max(m_takes.endUpTo(end), copyBegin);
+        const bool isLastCopy = isTail && copyEnd == end && m_minCopySize <= m_size;
+        const bool isCopied = copyEnd > copyBegin && (copyEnd - copyBegin >= m_minCopySize || isLastCopy);
+        const auto add = [&](std::uint64_t from, std::uint64_t to) {
+            append(m_pending, {bytes.place, bytes.index, from, to - from});
+        };
+        if (!isCopied) // too few for a part of their own
         {
-            const std::uint64_t filling = std::min(bytes.size, m_store.minPartSize - unsent);
-            append(m_pending, {bytes.place, bytes.index, bytes.offset, filling});
-            bytes.offset += filling;
-            bytes.size -= filling;
+            add(bytes.offset, end);
+            return;
         }
-        if (bytes.size < m_minCopySize && !isTail)
-        {
-            append(m_pending, bytes); // too few for a part of their own
-        }
-        else if (bytes.size > 0)
-        {
-            send();
-            m_parts.push_back({0, How::Copy, bytes.size, {bytes}});
-        }
+        add(bytes.offset, copyBegin);
+        send();
+        m_parts.push_back(
+            {0, How::Copy, copyEnd - copyBegin, {{bytes.place, bytes.index, copyBegin, copyEnd - copyBegin}}});
+        add(copyEnd, end);
     }
 
     void send()
@@ -167,8 +205,14 @@ private:
         }
         PlannedPart& before = m_parts.back();
         const std::uint64_t missing = m_store.minPartSize - sizeOf(m_pending);
-        const bool givesSome = before.how == How::Copy && before.size >= m_store.minPartSize + missing;
-        Segments kept = takeFront(before.bytes, givesSome ? before.size - missing : 0);
+        std::uint64_t keptSize = 0;
+        if (before.how == How::Copy && before.size >= m_store.minPartSize + missing)
+        {
+            const std::uint64_t begin = before.bytes.front().offset;
+            keptSize = std::max(m_takes.endUpTo(begin + before.size - missing), begin) - begin;
+        }
+        const bool givesSome = keptSize >= m_store.minPartSize;
+        Segments kept = takeFront(before.bytes, givesSome ? keptSize : 0);
         Segments filled = std::move(before.bytes);
         for (const PlannedBytes& bytes : m_pending)
         {
@@ -178,7 +222,7 @@ private:
         if (givesSome)
         {
             before.bytes = std::move(kept);
-            before.size -= missing;
+            before.size = keptSize;
         }
         else
         {
@@ -206,10 +250,9 @@ private:
     /// Copies are as large as possible; parts that are sent are small, since they are kept in memory.
     std::uint64_t piecesOf(const PlannedPart& part, std::uint64_t sendSize) const
     {
-        return part.how == How::Copy
-                   ? (part.size + m_store.maxTakeSize - 1) / m_store.maxTakeSize
-                   : std::max({part.size / sendSize, (part.size + m_store.maxPartSize - 1) / m_store.maxPartSize,
-                         std::uint64_t{1}});
+        const auto pieces = [&](std::uint64_t maxSize) { return (part.size + maxSize - 1) / maxSize; };
+        return part.how == How::Copy ? pieces(m_takes.maxSize())
+                                     : std::max({part.size / sendSize, pieces(m_store.maxPartSize), std::uint64_t{1}});
     }
 
     /// @return minimum bytes of a part that results from splitting, so that the number of parts stays within m_maxParts
@@ -238,10 +281,12 @@ private:
     }
 
     const StoreAbilities& m_store;
+    const TakeRules& m_takes;
     const bool m_isLast;
     const std::size_t m_maxParts;
     std::uint64_t m_minCopySize = m_store.minPartSize; // doubled while there are too many parts
     Segments m_bytes;
+    std::uint64_t m_size = 0;         // of m_bytes
     Segments m_pending;               // to be sent together with the bytes that follow
     std::vector<PlannedPart> m_parts; // not split yet
 };
@@ -293,8 +338,10 @@ std::vector<PlannedPart> planEqual(
     return parts;
 }
 
-std::vector<PlannedPart> planJoined(const std::vector<FilePart>& file, const StoreAbilities& store)
+std::vector<PlannedPart> planJoined(
+    const std::vector<FilePart>& file, const StoreAbilities& store, const std::vector<std::uint64_t>& ends)
 {
+    const TakeRules takes(store, ends);
     std::vector<PlannedPart> parts;
     for (auto next = file.begin(); next != file.end();)
     {
@@ -302,7 +349,7 @@ std::vector<PlannedPart> planJoined(const std::vector<FilePart>& file, const Sto
             std::find_if(next, file.end(), [](const FilePart& part) { return part.place == PartPlace::Uploaded; });
         const std::size_t used = parts.empty() ? 0 : parts.back().number;
         const std::size_t end = sent == file.end() ? store.maxParts : sent->number - 1;
-        PartRun run(store, sent == file.end(), std::max(end, used) - used);
+        PartRun run(store, takes, sent == file.end(), std::max(end, used) - used);
         for (; next != sent; ++next)
         {
             run.add(*next);
@@ -331,7 +378,8 @@ std::vector<PlannedPart> planJoined(const std::vector<FilePart>& file, const Sto
 
 } // namespace
 
-UploadPlan planUpload(const std::vector<FilePart>& file, const StoreAbilities& store)
+UploadPlan planUpload(
+    const std::vector<FilePart>& file, const StoreAbilities& store, const std::vector<std::uint64_t>& ends)
 {
     UploadPlan plan;
     for (const FilePart& part : file)
@@ -342,7 +390,7 @@ UploadPlan planUpload(const std::vector<FilePart>& file, const StoreAbilities& s
     {
         refuse(fmt::format("the object would have {} bytes; the maximum is {}", plan.size, store.maxObjectSize));
     }
-    plan.parts = store.equalParts ? planEqual(file, plan.size, store) : planJoined(file, store);
+    plan.parts = store.equalParts ? planEqual(file, plan.size, store) : planJoined(file, store, ends);
     if (plan.parts.back().number > store.maxParts)
     {
         refuse(
@@ -355,7 +403,7 @@ UploadPlan planUpload(const std::vector<FilePart>& file, const StoreAbilities& s
             refuse(fmt::format("part {} has {} bytes; every part but the last needs at least {}", part.number,
                 part.size, store.minPartSize));
         }
-        if (part.size > store.maxPartSize)
+        if (part.how == How::Send && part.size > store.maxPartSize)
         {
             refuse(fmt::format("part {} has {} bytes; the maximum is {}", part.number, part.size, store.maxPartSize));
         }

@@ -74,7 +74,9 @@ struct UploadPlan
 /// too few, such as a small changed part or the unchanged bytes between two of them, are sent together with their
 /// neighbours. If the store wants parts of equal size, all bytes are cut at multiples of one size, which is that of the
 /// parts that were uploaded.
+/// @param ends  RemoteStore::partEnds() of the stored object; not used if the store wants parts of equal size
 /// @throws cloudprovider::UnsupportedOperationException when the limits of the store make an upload impossible
-UploadPlan planUpload(const std::vector<FilePart>& file, const StoreAbilities& store);
+UploadPlan planUpload(
+    const std::vector<FilePart>& file, const StoreAbilities& store, const std::vector<std::uint64_t>& ends = {});
 
 } // namespace storage::clients

@@ -574,7 +574,18 @@ Uploads::Completion Uploads::prepare(Upload& upload, const std::vector<PartInfo>
         upload.waitUntilIdle();
         return prepare(upload, parts);
     }
-    completion.plan = planUpload(file, store);
+    std::vector<std::uint64_t> ends;
+    if (store.takesWholeParts && !completion.source.tag.empty() && upload.sourceKey() == upload.key())
+    {
+        // Not again for a retry: the object may have been replaced by this upload meanwhile.
+        ends = upload.sourceEnds(completion.source,
+            [&]
+            {
+                return m_retry.run(request(Operation::CopyPart, upload),
+                    [&] { return m_store.partEnds(upload.key(), completion.source); });
+            });
+    }
+    completion.plan = planUpload(file, store, ends);
     std::string replaces = upload.sourceKey() == upload.key() ? completion.source.tag : "";
     if (replaces.empty() && !upload.base().empty())
     {

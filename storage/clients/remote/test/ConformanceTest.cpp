@@ -20,7 +20,15 @@ using test::Fault;
 using test::MemoryBucket;
 using test::StoreRequest;
 
-constexpr StoreAbilities everything{2'000, 100'000, 1'000, 1U << 20U, 80'000, false, 1, true, true, true, true};
+constexpr StoreAbilities everything{.minPartSize = 2'000,
+    .maxParts = 1'000,
+    .maxObjectSize = 1U << 20U,
+    .maxTakeSize = 80'000,
+    .maxDeletions = 1,
+    .conditionalTakes = true,
+    .conditionalWrites = true,
+    .conditionalCreation = true,
+    .conditionalCompletion = true};
 constexpr StoreAbilities noConditions{.minPartSize = 2'000, .maxTakeSize = 80'000};
 constexpr StoreAbilities equalParts{
     .minPartSize = 2'000, .maxTakeSize = 80'000, .equalParts = true, .conditionalCompletion = true};

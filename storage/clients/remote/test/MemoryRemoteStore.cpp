@@ -202,6 +202,13 @@ public:
         return setPart(request, uploadId, number, readAll(body));
     }
 
+    std::vector<std::uint64_t> partEnds(const std::string& key, const Version& version) override
+    {
+        const Request request(*m_bucket, {"partEnds", key});
+        checkVersion(key, version.tag, true);
+        return existing(key).partEnds;
+    }
+
     std::string takePart(const std::string& key, const std::string& uploadId, std::size_t number,
         const CopySource& source, const ByteRange& range) override
     {
@@ -213,7 +220,11 @@ public:
         }
         checkVersion(source.key, source.version.tag, m_bucket->abilities.conditionalTakes);
         const Object& object = existing(source.key);
-        require(range.size > 0 && range.size <= m_bucket->abilities.maxTakeSize, "the size of what is taken");
+        const auto isEnd = [&](std::uint64_t offset)
+        { return offset == 0 || std::ranges::binary_search(object.partEnds, offset); };
+        const bool areParts = m_bucket->abilities.takesWholeParts && source.key == key && !object.partEnds.empty();
+        require(!areParts || (isEnd(range.offset) && isEnd(range.offset + range.size)), "a part of a part");
+        require(areParts || range.size <= m_bucket->abilities.maxTakeSize, "the size of what is taken");
         require(range.offset + range.size <= object.content.size(), "the range of what is taken");
         return setPart(request, uploadId, number, object.content.substr(range.offset, range.size));
     }
@@ -225,6 +236,7 @@ public:
         const Upload& upload = m_bucket->uploadAt(key, uploadId);
         require(!parts.empty(), "no parts");
         std::string content;
+        std::vector<std::uint64_t> ends;
         std::size_t number = 0;
         const auto sizeOf = [&](const NumberedTag& part) { return upload.parts.at(part.first).content.size(); };
         const bool areEqual = std::ranges::all_of(parts, [&](const NumberedTag& part)
@@ -241,12 +253,14 @@ public:
             require(number == 0 || upload.parts.at(number).content.size() >= m_bucket->abilities.minPartSize, "small");
             number = listed;
             content += part->second.content;
+            ends.push_back(content.size());
         }
         const bool mustCreate = condition.value_or("").empty();
         checkVersion(key, condition,
             mustCreate ? m_bucket->abilities.conditionalCreation : m_bucket->abilities.conditionalCompletion);
-        const Object& object = m_bucket->m_objects[key] =
+        Object& object = m_bucket->m_objects[key] =
             m_bucket->makeObject(content, multipartHash(parts), upload.metadata);
+        object.partEnds = ends;
         m_bucket->m_uploads.erase(uploadId);
         request.respond(false, true);
         return object.tag;
@@ -431,7 +445,7 @@ MemoryBucket::Object MemoryBucket::makeObject(
 {
     const boost::posix_time::ptime time(boost::gregorian::date(2022, 1, 1), boost::posix_time::seconds(++m_count));
     const std::string number = "tag-" + std::to_string(m_count);
-    return {content, !tagsAreHashes ? number : hash.empty() ? toHex(md5(content)) : hash, time, metadata};
+    return {content, !tagsAreHashes ? number : hash.empty() ? toHex(md5(content)) : hash, time, metadata, {}};
 }
 
 const MemoryBucket::Object* MemoryBucket::find(const std::string& key) const

@@ -53,7 +53,14 @@ public:
     std::unique_ptr<RemoteStore> connect();
 
     // Change these while no request runs.
-    StoreAbilities abilities{1, 1U << 30U, 10'000, 1U << 30U, 1U << 20U, false, 1'000, true, true, true, true};
+    StoreAbilities abilities{.minPartSize = 1,
+        .maxObjectSize = 1U << 30U,
+        .maxTakeSize = 1U << 20U,
+        .maxDeletions = 1'000,
+        .conditionalTakes = true,
+        .conditionalWrites = true,
+        .conditionalCreation = true,
+        .conditionalCompletion = true};
     bool refusesTakes = false;        ///< whatever `abilities` say, until a refusal has changed them
     bool refusesUnequalParts = false; ///< likewise
     bool tagsAreHashes = true;        ///< the tags of objects can be computed, else they cannot
@@ -89,6 +96,7 @@ private:
         std::string tag;
         boost::posix_time::ptime time;
         ObjectMetadata metadata;
+        std::vector<std::uint64_t> partEnds;
     };
     struct Upload
     {

@@ -463,9 +463,10 @@ TEST_F(RemoteClientTest, BehavesLikeAMapWhileEverythingFailsNowAndThen)
     std::mt19937 random(seed);
     const auto roll = [&](std::size_t end) { return static_cast<std::size_t>(random() % end); };
     std::map<std::string, std::optional<std::string>> model;
-    for (const std::size_t transfers : {1U, 4U})
+    for (const std::size_t transfers : {1U, 4U, 3U})
     {
         partSize = 32 + 32 * transfers;
+        bucket->abilities.takesWholeParts = transfers == 3;
         open(transfers, 2'000);
         for (unsigned round = 0; round < 500; ++round)
         {

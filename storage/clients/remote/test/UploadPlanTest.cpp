@@ -45,9 +45,11 @@ void add(std::vector<PlannedBytes>& origin, const PlannedBytes& bytes)
 /// Expect that the plan makes the file's bytes within the store's limits.
 /// @param forced  bytes; a part that is sent has fewer, however few numbers there are for it
 /// @return bytes that are read from the object to be sent
-std::uint64_t expectRight(
-    const UploadPlan& plan, const std::vector<FilePart>& file, const StoreAbilities& store, std::uint64_t forced)
+std::uint64_t expectRight(const UploadPlan& plan, const std::vector<FilePart>& file, const StoreAbilities& store,
+    std::uint64_t forced, const std::vector<std::uint64_t>& ends = {})
 {
+    const auto mayEnd = [&](std::uint64_t offset)
+    { return offset == 0 || ends.empty() || std::ranges::binary_search(ends, offset); };
     std::vector<PlannedBytes> expected;
     for (const FilePart& part : file)
     {
@@ -79,12 +81,13 @@ std::uint64_t expectRight(
             break;
         case How::Copy:
             copies = true;
-            EXPECT_LE(part.size, store.maxTakeSize);
+            EXPECT_TRUE(part.size <= store.maxTakeSize || !ends.empty());
             EXPECT_TRUE(part.bytes.size() == 1 && part.bytes[0].place == PartPlace::Object);
+            EXPECT_TRUE(mayEnd(part.bytes[0].offset) && mayEnd(part.bytes[0].offset + part.size));
             break;
         case How::Send:
             EXPECT_TRUE(store.equalParts || part.size < std::max(2 * store.minPartSize, forced)) << "too much memory";
-            if (isLast && store.maxTakeSize > 0 && !store.equalParts && part.bytes.size() > 1)
+            if (isLast && store.maxTakeSize > 0 && !store.equalParts && ends.empty() && part.bytes.size() > 1)
             {
                 const PlannedBytes& tail = part.bytes.back();
                 EXPECT_TRUE(tail.place != PartPlace::Object || sum < store.minPartSize + tail.size) << "not copied";
@@ -130,11 +133,17 @@ TEST(UploadPlanTest, KeepsToEveryLimitAndLosesNoByte)
             largest = std::max(largest, size);
             total += size;
         }
+        std::vector<std::uint64_t> ends;
+        for (std::uint64_t end = store.equalParts ? objectEnd : roll(1) * objectEnd; end < objectEnd;
+             ends.push_back(end))
+        {
+            end = std::min(objectEnd, end + 1 + roll(2 * store.minPartSize));
+        }
         SCOPED_TRACE(testing::Message() << "round " << round);
         try
         {
             const std::uint64_t forced = isLegal ? 2 * largest : std::numeric_limits<std::uint64_t>::max();
-            expectRight(planUpload(file, store), file, store, forced);
+            expectRight(planUpload(file, store, ends), file, store, forced, ends);
         }
         catch (const cloudprovider::UnsupportedOperationException& refusal)
         {

@@ -31,6 +31,7 @@ struct StoreAbilities
     std::uint64_t maxObjectSize = 5ULL << 40U; ///< bytes
     /// Bytes that takePart() and copyObject() can copy at once; at least 2 * minPartSize, or 0: the store has neither.
     std::uint64_t maxTakeSize = 5ULL << 30U;
+    bool takesWholeParts = false;       ///< takePart() needs no copy for whole parts of an object; see partEnds()
     bool equalParts = false;            ///< no part may be larger than the first; all but the last have the same size
     std::size_t maxDeletions = 0;       ///< keys that deleteObjects() can delete at once; 0: the store lacks it
     bool conditionalTakes = false;      ///< takePart() and copyObject() check the version in one step with the copy
@@ -158,6 +159,11 @@ public:
     /// @param number  from 1 to maxParts
     virtual std::string uploadPart(
         const std::string& key, const std::string& uploadId, std::size_t number, RequestBody& body) = 0;
+
+    /// Where the parts of an object end, in ascending order, the last at its end. Empty: it has none. If there are any,
+    /// only whole parts are taken into an upload of the same key, any number at once. Called if takesWholeParts is set.
+    /// @throws PreconditionFailed if the object has another version
+    virtual std::vector<std::uint64_t> partEnds(const std::string& /*key*/, const Version& /*version*/) { return {}; }
 
     /// Let the store copy a range of an object, mostly the one under the key, into the upload. @return the part's tag,
     /// which is not empty
