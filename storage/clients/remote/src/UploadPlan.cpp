@@ -168,7 +168,8 @@ private:
         const std::uint64_t end = bytes.offset + bytes.size;
         const std::uint64_t copyBegin = std::min(m_takes.beginFrom(std::min(bytes.offset + missing, end)), end);
         const std::uint64_t copyEnd = std::max(m_takes.endUpTo(end), copyBegin);
-        const bool isLastCopy = isTail && copyEnd == end && m_minCopySize <= m_size;
+        const bool isLastCopy =
+            isTail && copyEnd == end && (copyBegin == bytes.offset + missing || m_minCopySize <= m_size);
         const bool isCopied = copyEnd > copyBegin && (copyEnd - copyBegin >= m_minCopySize || isLastCopy);
         const auto add = [&](std::uint64_t from, std::uint64_t to) {
             append(m_pending, {bytes.place, bytes.index, from, to - from});
