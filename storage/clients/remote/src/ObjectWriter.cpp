@@ -44,8 +44,8 @@ void ObjectWriter::put(const std::string& key, std::istream& content, std::uint6
     { tag = m_store.putObject(key, body, condition, *metadata); };
     const auto isStored = [&](const std::optional<StoredObject>& stored)
     {
-        tag = m_store.tagOf(body);
-        return stored && stored->version.tag == tag;
+        tag = stored ? stored->version.tag : "";
+        return stored && m_store.isMadeOf(*stored, body);
     };
     m_retry.run({Operation::PutObject, key, nullptr, size},
         [&] { attempt(key, required, !m_store.abilities(key).conditionalWrites, send, isStored); });

@@ -694,9 +694,8 @@ std::optional<std::vector<NumberedTag>> Uploads::tagsOf(const Upload& upload, co
 std::string Uploads::finish(Upload& upload, const Completion& completion, const std::vector<NumberedTag>& parts)
 {
     const std::string& key = upload.key();
-    std::string newTag = m_store.tagOf(parts);
     const auto isDone = [&](const std::optional<StoredObject>& stored)
-    { return upload.isOutcomeUnknown() && stored && !newTag.empty() && stored->version.tag == newTag; };
+    { return upload.isOutcomeUnknown() && stored && m_store.isMadeOf(key, *stored, upload.storeId(), parts); };
 
     const StoreAbilities store = m_store.abilities(key);
     const bool mustCreate = completion.replaces && completion.replaces->empty();
@@ -719,7 +718,7 @@ std::string Uploads::finish(Upload& upload, const Completion& completion, const 
         const auto stored = m_store.findObject(key);
         if (isDone(stored))
         {
-            return newTag;
+            return stored->version.tag;
         }
         if (completion.replaces && *completion.replaces != (stored ? stored->version.tag : ""))
         {
@@ -733,8 +732,7 @@ std::string Uploads::finish(Upload& upload, const Completion& completion, const 
     }
     try
     {
-        const std::string tag = m_store.completeUpload(key, upload.storeId(), parts, completion.replaces);
-        return tag.empty() ? newTag : tag;
+        return m_store.completeUpload(key, upload.storeId(), parts, completion.replaces);
     }
     catch (const TransientException&)
     {
@@ -758,16 +756,15 @@ std::string Uploads::finish(Upload& upload, const Completion& completion, const 
         {
             upload.setOutcomeUnknown();
         }
-        if (!isDone(m_store.findObject(key)))
+        if (const auto stored = m_store.findObject(key); isDone(stored))
         {
-            isThere ? throwOtherVersion(key, "") : throw;
+            return stored->version.tag;
         }
+        isThere ? throwOtherVersion(key, "") : throw;
     }
-    if (isDone(m_store.findObject(key)))
-    {
-        return newTag;
-    }
-    throwOutcomeUnknown(key);
+    const auto stored = m_store.findObject(key);
+    isDone(stored) ? void() : throwOutcomeUnknown(key);
+    return stored->version.tag;
 }
 
 /// Whether the upload still exists; nothing when the store does not tell. A TransientException passes: the attempt to

@@ -295,11 +295,15 @@ public:
         return page;
     }
 
-    std::string tagOf(RequestBody& body) const override { return m_bucket->tagsAreHashes ? toHex(md5(body)) : ""; }
-
-    std::string tagOf(const std::vector<NumberedTag>& parts) const override
+    bool isMadeOf(const StoredObject& object, RequestBody& body) override
     {
-        return m_bucket->tagsAreHashes ? multipartHash(parts) : "";
+        return object.version.tag == toHex(md5(body));
+    }
+
+    bool isMadeOf(const std::string& /*key*/, const StoredObject& object, const std::string& /*uploadId*/,
+        const std::vector<NumberedTag>& parts) override
+    {
+        return object.version.tag == multipartHash(parts);
     }
 
 private:

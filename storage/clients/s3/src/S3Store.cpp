@@ -54,6 +54,23 @@ void warn(const std::string& text)
     getLogger().write(foundation::log::severity::warning, text);
 }
 
+/// The tag of an object that is made of these parts: the hash of their hashes. Empty if the tags of the parts are not
+/// MD5 hashes; such a store returns the object's tag with the completion.
+std::string tagOf(const std::vector<NumberedTag>& parts)
+{
+    std::string hashes;
+    for (const auto& [number, tag] : parts)
+    {
+        const std::string hash = fromHex(tag);
+        if (hash.size() != 16)
+        {
+            return {};
+        }
+        hashes += hash;
+    }
+    return fmt::format("{}-{}", toHex(md5(hashes)), parts.size());
+}
+
 } // namespace
 
 S3Store::S3Store(const S3Settings& settings)
@@ -478,7 +495,9 @@ std::string S3Store::completeUpload(const std::string& key, const std::string& u
     request.serverSideWork = true;
     try
     {
-        return sendWrite(request, condition, [&] { return m_requester.sendAndRead(request, readCompletion); });
+        std::string tag =
+            sendWrite(request, condition, [&] { return m_requester.sendAndRead(request, readCompletion); });
+        return tag.empty() ? tagOf(parts) : tag;
     }
     catch (const UnequalParts&)
     {
@@ -534,26 +553,15 @@ UploadsPage S3Store::listUploads(const std::string& token)
     return {std::move(page.uploads), page.nextKey.empty() ? "" : uriEncode(page.nextUploadId) + '/' + page.nextKey};
 }
 
-std::string S3Store::tagOf(RequestBody& body) const
+bool S3Store::isMadeOf(const StoredObject& object, RequestBody& body)
 {
-    return m_hasHashesAsTags ? toHex(md5(body)) : "";
+    return m_hasHashesAsTags && object.version.tag == toHex(md5(body));
 }
 
-/// The hash of the parts' hashes. Empty if the tags of the parts are not MD5 hashes; such a store returns the object's
-/// tag with the completion.
-std::string S3Store::tagOf(const std::vector<NumberedTag>& parts) const
+bool S3Store::isMadeOf(const std::string& /*key*/, const StoredObject& object, const std::string& /*uploadId*/,
+    const std::vector<NumberedTag>& parts)
 {
-    std::string hashes;
-    for (const auto& [number, tag] : parts)
-    {
-        const std::string hash = fromHex(tag);
-        if (hash.size() != 16)
-        {
-            return {};
-        }
-        hashes += hash;
-    }
-    return fmt::format("{}-{}", toHex(md5(hashes)), parts.size());
+    return object.version.tag == tagOf(parts);
 }
 
 } // namespace storage::clients::s3

@@ -48,8 +48,9 @@ public:
     void abortUpload(const std::string& key, const std::string& uploadId) override;
     bool isOpen(const std::string& key, const std::string& uploadId) override;
     UploadsPage listUploads(const std::string& token) override;
-    std::string tagOf(RequestBody& body) const override;
-    std::string tagOf(const std::vector<NumberedTag>& parts) const override;
+    bool isMadeOf(const StoredObject& object, RequestBody& body) override;
+    bool isMadeOf(const std::string& key, const StoredObject& object, const std::string& uploadId,
+        const std::vector<NumberedTag>& parts) override;
 
 private:
     HttpResponse getFirstByte(S3Request request);

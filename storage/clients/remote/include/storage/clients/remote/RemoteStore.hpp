@@ -187,10 +187,12 @@ public:
     /// List a page of the open uploads of all clients. @param token  empty: the first page
     virtual UploadsPage listUploads(const std::string& token) = 0;
 
-    /// The tag that an object with this content gets, and of an object made of these parts. Empty: not known before the
-    /// store tells it. RemoteClient uses them to recognise what a request with a lost response has stored.
-    virtual std::string tagOf(RequestBody& body) const = 0;
-    virtual std::string tagOf(const std::vector<NumberedTag>& parts) const = 0;
+    /// Whether an object is what putObject() makes of this body, or completeUpload() of this upload. Called when the
+    /// response to such a request was lost. @return false also: that cannot be told
+    /// @param object  as findObject() returned it
+    virtual bool isMadeOf(const StoredObject& object, RequestBody& body) = 0;
+    virtual bool isMadeOf(const std::string& key, const StoredObject& object, const std::string& uploadId,
+        const std::vector<NumberedTag>& parts) = 0;
 };
 
 } // namespace storage::clients
