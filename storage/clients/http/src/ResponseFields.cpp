@@ -47,6 +47,11 @@ std::string quotedTag(const std::string& tag)
 
 std::optional<std::chrono::milliseconds> retryAfter(const HttpResponse& response)
 {
+    const std::string* const exact = response.headers.find("x-ms-retry-after-ms");
+    if (const auto time = exact == nullptr ? std::nullopt : readNumber(*exact); time && *time < 100'000'000)
+    {
+        return std::chrono::milliseconds(*time);
+    }
     const std::string* const field = response.headers.find("Retry-After");
     if (field == nullptr || field->empty())
     {

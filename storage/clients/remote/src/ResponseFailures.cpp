@@ -1,6 +1,7 @@
 #include <storage/clients/remote/ResponseFailures.hpp>
 
 #include <storage/clients/common/KeyRules.hpp>
+#include <storage/clients/http/ResponseFields.hpp>
 
 #include <fmt/format.h>
 
@@ -24,6 +25,30 @@ std::string describe(const RequestContext& context, const HttpResponse& response
     text += error.message.empty() || error.message == error.code ? "" : " (" + excerpt(error.message) + ")";
     text += requestId.empty() ? "" : ", request " + excerpt(requestId);
     return text;
+}
+
+void throwFailure(FailureMeaning meaning, const std::string& detail, const HttpResponse& response)
+{
+    switch (meaning)
+    {
+    case FailureMeaning::NotFound:
+        throw ResourceNotFoundException(detail);
+    case FailureMeaning::BadCredentials:
+    case FailureMeaning::ClockSkew:
+        throw InvalidCredentialsException("Credentials refused", detail);
+    case FailureMeaning::Denied:
+        throw PermissionDeniedException("Permission denied", detail);
+    case FailureMeaning::BadLocation:
+        throw InvalidLocationException("Invalid location", detail);
+    case FailureMeaning::NotSupported:
+        throw UnsupportedOperationException(detail);
+    case FailureMeaning::Changed:
+        throw PreconditionFailed(detail, response.wasSentTwice);
+    case FailureMeaning::Transient:
+        throw TransientException("Store busy", detail, retryAfter(response));
+    default:
+        throw UnknownErrorException("Store error", detail);
+    }
 }
 
 void throwNoResponse(const RequestContext& context, const HttpFailure& failure)

@@ -5,12 +5,15 @@
 #include <storage/clients/http/UriEncoding.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
+#include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/replace.hpp>
 #include <boost/algorithm/string/split.hpp>
+#include <boost/algorithm/string/trim.hpp>
 
 #include <fmt/format.h>
 
+#include <regex>
 #include <set>
 #include <stdexcept>
 #include <vector>
@@ -92,6 +95,26 @@ void StoreUrl::read(const Readers& readers) const
 void StoreUrl::refuse(const std::string& reason) const
 {
     throw cloudprovider::InvalidLocationException("Invalid store", reason + "; the form is " + m_form);
+}
+
+std::optional<Endpoint> readEndpoint(const std::string& url)
+{
+    constexpr std::size_t maxSize = 2'000; // characters; for long texts, matching needs more stack than there is
+    // A path of these characters has only one encoded form, so client and store compute the same signature.
+    static const std::regex form(
+        R"((https?)://([a-z0-9.-]+|\[[0-9a-f:.]+\])(:\d{1,5})?(/([a-z0-9._~/-]|%[0-9a-f]{2})*)?)", std::regex::icase);
+    std::smatch match;
+    if (url.size() > maxSize || !std::regex_match(url, match, form))
+    {
+        return std::nullopt;
+    }
+    Endpoint endpoint{boost::algorithm::to_lower_copy(match.str(1)), boost::algorithm::to_lower_copy(match.str(2)),
+        boost::algorithm::trim_right_copy_if(match.str(4), boost::algorithm::is_any_of("/"))};
+    if (match.str(3) != (endpoint.scheme == "https" ? ":443" : ":80"))
+    {
+        endpoint.host += match.str(3);
+    }
+    return endpoint;
 }
 
 bool readFlag(const std::string& value)

@@ -171,12 +171,7 @@ HttpResponse Requester::sendOnce(
     http.uninterruptible = request.uninterruptible;
     if (request.serverSideWork)
     {
-        http.stallWindow = m_timeouts.serverSideStallWindow +
-                           std::chrono::seconds(request.serverSideBytes / m_timeouts.serverSideBytesPerSecond);
-    }
-    if (request.serverSideBytes > 0)
-    {
-        http.deadline = std::max<std::chrono::milliseconds>(m_timeouts.request, *http.stallWindow);
+        allowServerSideWork(http, m_timeouts, request.serverSideBytes);
     }
     if (request.cleansUp)
     {

@@ -21,21 +21,7 @@ using namespace cloudprovider;
 namespace
 {
 
-enum class Meaning
-{
-    NotFound,
-    BadCredentials,
-    ClockSkew,
-    Denied,
-    BadLocation,
-    NotSupported,
-    NotUnderstood,
-    UnequalParts,
-    Changed,
-    Archived,
-    Transient,
-    Other
-};
+using Meaning = FailureMeaning;
 
 struct Row
 {
@@ -200,31 +186,15 @@ void throwErrorResponse(const FailureContext& context, const HttpResponse& respo
 
     switch (row.meaning)
     {
-    case Meaning::NotFound:
-        throw ResourceNotFoundException(detail);
-    case Meaning::BadCredentials:
-    case Meaning::ClockSkew:
-        throw InvalidCredentialsException("Credentials refused", detail);
-    case Meaning::Denied:
-        throw PermissionDeniedException("Permission denied", detail);
-    case Meaning::BadLocation:
-        throw InvalidLocationException("Invalid location", detail);
-    case Meaning::NotSupported:
-        throw UnsupportedOperationException(detail);
     case Meaning::NotUnderstood:
         throw NotUnderstood("Store error", detail);
     case Meaning::UnequalParts:
         throw UnequalParts(detail);
-    case Meaning::Changed:
-        throw PreconditionFailed(detail, response.wasSentTwice);
     case Meaning::Archived:
         throw ArchivedObject("Store error", detail);
-    case Meaning::Transient:
-        throw TransientException("Store busy", detail, retryAfter(response));
-    case Meaning::Other:
-        break;
+    default:
+        throwFailure(row.meaning, detail, response);
     }
-    throw UnknownErrorException("Store error", detail);
 }
 
 } // namespace storage::clients::s3

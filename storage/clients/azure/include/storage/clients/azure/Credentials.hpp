@@ -12,9 +12,9 @@ namespace storage::clients::azure
 /// What requests are authorised with. A plain value. At most one of the first three is set.
 struct Credentials
 {
-    std::string accountKey;  ///< in base64, as the service shows it; never printed
-    std::string sas;         ///< a shared access signature: a query without "?", percent-encoded; never printed
-    std::string bearerToken; ///< of an identity; never printed
+    std::string accountKey = {};  ///< in base64, as the service shows it; never printed
+    std::string sas = {};         ///< a shared access signature: a query without "?", percent-encoded; never printed
+    std::string bearerToken = {}; ///< of an identity; never printed
 
     /// When the bearer token expires; the maximum: never, or not known. The signature of `sas` has its own time.
     std::chrono::system_clock::time_point expires = std::chrono::system_clock::time_point::max();

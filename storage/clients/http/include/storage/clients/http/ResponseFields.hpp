@@ -28,7 +28,7 @@ std::string unquotedTag(std::string tag);
 /// An entity tag as it is written in conditions.
 std::string quotedTag(const std::string& tag);
 
-/// How long the store asks to be left alone: Retry-After, as seconds or as a time.
+/// How long the store asks to be left alone: Retry-After as seconds or as a time, or x-ms-retry-after-ms.
 std::optional<std::chrono::milliseconds> retryAfter(const HttpResponse& response);
 
 /// What to do about a request that the store calls too old or too new: how wrong this machine's clock is.

@@ -28,6 +28,23 @@ struct StoreError
     std::string requestId; ///< unless the response has it as a field
 };
 
+/// What an error response means. Not every store has all of them.
+enum class FailureMeaning
+{
+    NotFound,
+    BadCredentials,
+    ClockSkew,
+    Denied,
+    BadLocation,
+    NotSupported,
+    NotUnderstood,
+    UnequalParts,
+    Changed,
+    Archived,
+    Transient,
+    Other
+};
+
 inline constexpr std::string_view objectChanged = "somebody has changed or removed the object since it was opened";
 
 /// Text from a store as messages show it: on one line, and truncated when it is long.
@@ -35,6 +52,9 @@ std::string excerpt(const std::string& text);
 
 /// The request and its response.
 std::string describe(const RequestContext& context, const HttpResponse& response, const StoreError& error = {});
+
+/// Throw the exception for a meaning; an UnknownErrorException for one that has no exception of its own.
+[[noreturn]] void throwFailure(FailureMeaning meaning, const std::string& detail, const HttpResponse& response);
 
 /// Throw the exception for a request without a complete response.
 [[noreturn]] void throwNoResponse(const RequestContext& context, const HttpFailure& failure);

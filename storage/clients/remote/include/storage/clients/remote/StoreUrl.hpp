@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 
 namespace storage::clients
@@ -40,6 +41,19 @@ private:
     std::string m_place;
     std::string m_query;
 };
+
+/// The address of a service.
+struct Endpoint
+{
+    std::string scheme; ///< https or http
+    std::string host;   ///< in lower case, with the port unless it is the scheme's default
+    std::string path;   ///< encoded, without a trailing "/"; usually empty
+
+    std::string origin() const { return scheme + "://" + host; }
+};
+
+/// Parse a URL such as `http://HOST:PORT/PATH`; nothing for any other text.
+std::optional<Endpoint> readEndpoint(const std::string& url);
 
 // The values of parameters, for StoreUrl::Readers.
 bool readFlag(const std::string& value);
