@@ -107,7 +107,7 @@ std::string BlockUploads::open(
                 quoted(key), upload->idSize, minIdSize));
     }
     const std::lock_guard lock(m_mutex);
-    const std::string id = upload->id;
+    std::string id = upload->id;
     m_uploads.emplace(id, std::move(upload));
     return id;
 }

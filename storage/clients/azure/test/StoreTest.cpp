@@ -230,6 +230,34 @@ TEST(StoreTest, ListsWholeBlocksAgainAndFindsTheBlobOfALostResponse)
     EXPECT_FALSE(store.isOpen("k", id));
 }
 
+TEST(StoreTest, FindsItsOwnBlobAfterALostResponseToAConditionalPut)
+{
+    for (const bool isOwn : {true, false})
+    {
+        LoopbackServer server(
+            [&](const Request& request)
+            {
+                return request.method() == boost::beast::http::verb::put
+                           ? Reply::raw("", Reply::Then::Close)
+                           : Reply{200,
+                                 {{"ETag", "\"new\""}, {"Content-MD5", toBase64(md5(isOwn ? "content" : "others."))}},
+                                 "content"};
+            });
+        AzureStore store(settingsFor(server));
+        std::string tag;
+        try
+        {
+            TextBody body("content");
+            tag = store.putObject("a/key", body, "old", {});
+        }
+        catch (const TransientException&)
+        {
+        }
+        EXPECT_EQ(tag, isOwn ? "new" : "");
+        EXPECT_EQ(server.requests().back().method_string(), "HEAD");
+    }
+}
+
 TEST(StoreTest, DoesNotChangeABlobOfAnotherKind)
 {
     LoopbackServer server([](const Request&) { return created("t"); });

@@ -49,12 +49,12 @@ std::string textToSign(const HttpRequest& request, const SigningContext& context
     }
     for (const auto& [name, value] : fields)
     {
-        text += name.starts_with("x-ms-") ? name + ":" + value + "\n" : "";
+        text += name.starts_with("x-ms-") ? fmt::format("{}:{}\n", name, value) : "";
     }
     text += "/" + context.account + context.path;
     for (const auto& [name, value] : std::map(context.query.begin(), context.query.end()))
     {
-        text += "\n" + name + ":" + value;
+        text += fmt::format("\n{}:{}", name, value);
     }
     return text;
 }
