@@ -5,6 +5,7 @@ include(CMakePackageConfigHelpers)
 
 set(libraries foundation cloudprovider)
 set(stores
+    cloudprovider_azure
     cloudprovider_clients_common
     cloudprovider_decorators
     cloudprovider_http

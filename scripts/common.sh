@@ -38,3 +38,8 @@ build()
     quietly "$log-configure.log" cmake --preset "$preset"
     quietly "$log-build.log" cmake --build --preset "$preset" ${1:+--target "$@"}
 }
+
+# Print the folder that Azurite is installed in, with its version. It is outside of the source tree, so that all checkouts
+# share it.
+azurite_version=3.33.0
+azurite_folder() { echo "${XDG_CACHE_HOME:-$HOME/.cache}/cloudfs/azurite-$azurite_version"; }

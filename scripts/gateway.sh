@@ -2,15 +2,15 @@
 # Run a real object gateway for tests and demonstrations: one node on loopback, as ordinary processes of the current
 # user. All its objects are lost when it stops.
 #
-# Usage: scripts/gateway.sh [swift] start      start it and wait until it responds; a running gateway is kept
-#        scripts/gateway.sh [swift] env        print the settings for the tests: eval "$(scripts/gateway.sh env)"
-#        scripts/gateway.sh [swift] stop       stop it and remove its folder; not an error if none is running
+# Usage: scripts/gateway.sh [SERVER] start      start it and wait until it responds; a running gateway is kept
+#        scripts/gateway.sh [SERVER] env        print the settings for the tests: eval "$(scripts/gateway.sh env)"
+#        scripts/gateway.sh [SERVER] stop       stop it and remove its folder; not an error if none is running
 #
 # It is the gateway of Ceph, with its objects in memory, or with "swift" that of OpenStack Swift, with its objects in its
-# folder. The two share no code.
+# folder. The two share no code. With "azurite", it is an emulator of Azure Blob Storage.
 #
-# CLOUDFS_GATEWAY_DIR   its folder, build/gateway by default, with "-swift" appended for that one; each folder has its
-#                       own gateway
+# CLOUDFS_GATEWAY_DIR   its folder, build/gateway by default, with "-SERVER" appended for the others; each folder has
+#                       its own gateway
 # CLOUDFS_GATEWAY_SIZE  the capacity of Ceph in GiB, 6 by default; deleted objects count for up to a minute
 #
 # It has one user, the owner of the bucket.
@@ -25,14 +25,15 @@ die()
 }
 
 server=ceph
-if [[ ${1:-} == swift ]]; then
-    server=swift
+if [[ ${1:-} == swift || ${1:-} == azurite ]]; then
+    server=$1
     shift
 fi
 dir=${CLOUDFS_GATEWAY_DIR:-build/gateway}
 [[ $server == ceph ]] || dir+=-$server
 dir=$(realpath -m "$dir")
 bucket=bench
+protocol=s3
 ulimit -c 0 # crashes leave no core files
 
 # The server's file defines:
@@ -40,6 +41,7 @@ ulimit -c 0 # crashes leave no core files
 #   daemons        their names, in the order in which they are ended
 #   owner_key, owner_secret
 #   check_needs    fail with a message if the machine lacks something
+#   protocol       azure, if it is not s3; then also create_container_azure and write_env_azure, see those of s3 below
 #   start_daemons  configure and launch them; set $doing to the current step, and $url to the endpoint
 # shellcheck source=scripts/gateway/ceph.sh
 source "scripts/gateway/$server.sh"
@@ -119,8 +121,8 @@ free_port()
 
 serves() { curl --silent --max-time 2 --output /dev/null "$1/"; }
 
-# create_bucket URL: also succeeds if an earlier attempt has created it, although that one reported a failure.
-create_bucket()
+# create_container_s3 URL: also succeeds if an earlier attempt has created it, although that one reported a failure.
+create_container_s3()
 {
     # Debian's curl omits the digest of the empty body, which makes the signature wrong.
     local digest status
@@ -132,7 +134,7 @@ create_bucket()
     [[ $status == 200 || $status == 409 ]]
 }
 
-write_env()
+write_env_s3()
 {
     cat >"$dir/env" <<END
 export CLOUDFS_TEST_S3_ENDPOINT=$1
@@ -153,8 +155,8 @@ bring_up()
     await 60 serves "$url" || return 1
 
     doing="creating the bucket"
-    await 60 create_bucket "$url" || return 1
-    write_env "$url"
+    await 60 "create_container_$protocol" "$url" || return 1
+    "write_env_$protocol" "$url"
 }
 
 # Print the endpoint of the gateway; nothing if it was not started.
@@ -209,7 +211,7 @@ case $command in
         cat "$dir/env"
         ;;
     *)
-        echo "usage: scripts/gateway.sh [swift] start|env|stop" >&2
+        echo "usage: scripts/gateway.sh [swift|azurite] start|env|stop" >&2
         exit 2
         ;;
 esac

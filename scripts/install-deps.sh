@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
-# Install the packages for building, testing, checking and benchmarks on Debian 12. Does nothing if all are installed.
+# Install the packages for building, testing, checking and benchmarks on Debian 12, and Azurite in a cache folder of the
+# user. Does nothing if all are installed.
 #
 # Usage: scripts/install-deps.sh [compare]        as root, or as a user who may use sudo
 #
 # With "compare", also install the other tools that bench/compare.sh measures, and the library that draws its chart.
 set -euo pipefail
+# shellcheck source=scripts/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 packages=(
     # building
@@ -40,6 +43,22 @@ case ${1:-} in
         ;;
 esac
 
+# testing against an emulator of Azure Blob Storage; other distributions of Node.js have npm in the same package
+command -v npm >/dev/null || packages+=(nodejs npm)
+
+install_azurite()
+{
+    local folder
+    folder=$(azurite_folder)
+    [[ -d $folder ]] && return
+    echo "Installing Azurite $azurite_version in $folder"
+    rm -rf "$folder.new"
+    mkdir -p "$folder.new"
+    quietly build/logs/azurite.log \
+        npm install --prefix "$folder.new" --ignore-scripts --no-audit --no-fund "azurite@$azurite_version"
+    mv -T "$folder.new" "$folder"
+}
+
 if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
     echo "install-deps: needs Debian's package tools; elsewhere, install these by hand: ${packages[*]}" >&2
     exit 1
@@ -53,6 +72,7 @@ for package in "${packages[@]}"; do
     fi
 done
 if ((${#missing[@]} == 0)); then
+    install_azurite
     exit 0
 fi
 
@@ -81,3 +101,4 @@ if ! { apt update && apt install --no-install-recommends "${missing[@]}"; }; the
     echo "install-deps: could not install: ${missing[*]}" >&2
     exit 1
 fi
+install_azurite

@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Install what is missing, build, and run all tests. Prints only failures and the summary.
 #
-# Usage: scripts/test.sh [PRESET] [swift]       PRESET is release (default), debug, asan or tsan
+# Usage: scripts/test.sh [PRESET] [swift|azurite]       PRESET is release (default), debug, asan or tsan
 #
-# The S3 tests run against a gateway that this script starts and stops. If it does not start, one line says that they
+# The tests of distant stores run against a gateway that this script starts and stops. If it does not start, one line says that they
 # are skipped; with CLOUDFS_REQUIRE_GATEWAY=1 that is a failure.
 #
-# With "swift", run only the programs that have S3 tests, against the gateway of OpenStack Swift.
+# With "swift", run only the programs that have S3 tests, against the gateway of OpenStack Swift. With "azurite", run only
+# those of Azure Blob Storage, against that emulator; otherwise they are skipped.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -18,8 +19,12 @@ if [[ ${2:-} == swift ]]; then
     run+=-swift
     gateway+=(swift)
     tests=(-R '^(s3_test|stores_test|cloudfs\.gateway)\.')
+elif [[ ${2:-} == azurite ]]; then
+    run+=-azurite
+    gateway+=(azurite)
+    tests=(-R '^azure_test\.')
 elif [[ -n ${2:-} ]]; then
-    echo "usage: scripts/test.sh [PRESET] [swift]" >&2
+    echo "usage: scripts/test.sh [PRESET] [swift|azurite]" >&2
     exit 2
 fi
 
@@ -41,11 +46,11 @@ else
     reason=${reason#gateway: }
     if [[ ${CLOUDFS_REQUIRE_GATEWAY:-0} == 1 ]]; then
         cat "$log" >&2
-        echo "test: the S3 tests cannot run: $reason" >&2
+        echo "test: the tests of distant stores cannot run: $reason" >&2
         exit 1
     fi
-    echo "test: the S3 tests are skipped: $reason"
-    unset CLOUDFS_TEST_S3_ENDPOINT # do not use another gateway
+    echo "test: the tests of distant stores are skipped: $reason"
+    unset CLOUDFS_TEST_S3_ENDPOINT CLOUDFS_TEST_AZURE_ENDPOINT # do not use another gateway
 fi
 
 # Each test has its own time limit; this one is for all of them together. At the limit and at Ctrl-C, the whole process

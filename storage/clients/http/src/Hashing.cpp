@@ -130,6 +130,20 @@ std::string toBase64(std::string_view bytes)
     return text;
 }
 
+std::string fromBase64(std::string_view text)
+{
+    std::string bytes(text.size() / 4 * 3, '\0');
+    const std::size_t padding = text.ends_with("==") ? 2 : text.ends_with('=') ? 1 : 0;
+    if (text.empty() || text.size() % 4 != 0 ||
+        EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()),
+            reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size())) < 0)
+    {
+        return {};
+    }
+    bytes.resize(bytes.size() - padding); // the decoder counts the padding as bytes
+    return bytes;
+}
+
 std::string toHex(std::string_view bytes)
 {
     std::string digits;

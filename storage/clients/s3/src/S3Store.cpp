@@ -1,11 +1,12 @@
 #include "S3Store.hpp"
 
-#include "RangeReceiver.hpp"
-
 #include "protocol/Responses.hpp"
 #include <storage/clients/http/Hashing.hpp>
+#include <storage/clients/http/ResponseFields.hpp>
 #include <storage/clients/http/Times.hpp>
 #include <storage/clients/http/UriEncoding.hpp>
+#include <storage/clients/remote/KeyPrefix.hpp>
+#include <storage/clients/remote/RangeReceiver.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 #include <storage/cloudprovider/Logger.hpp>
 
@@ -25,21 +26,15 @@ using namespace cloudprovider;
 namespace
 {
 
-std::string rangeField(const ByteRange& range)
+/// The MD5 of an object's bytes; empty when its tag is not one, as for an object made of parts or encrypted with a
+/// customer's key.
+std::string hashIn(const HttpResponse& head, const std::string& tag, bool isWhole)
 {
-    return fmt::format("bytes={}-{}", range.offset, range.offset + range.size - 1);
-}
-
-/// Remove the prefix from keys, and what is not below it. An object with the prefix as its key would be the root.
-template <typename Listed>
-void removePrefix(std::vector<Listed>& listed, const std::string& prefix)
-{
-    std::erase_if(listed,
-        [&](const Listed& object) { return !object.key.starts_with(prefix) || object.key.size() == prefix.size(); });
-    for (Listed& object : listed)
-    {
-        object.key.erase(0, prefix.size());
-    }
+    const std::string* const encryption = head.headers.find("x-amz-server-side-encryption");
+    const bool hasKey = head.headers.find("x-amz-server-side-encryption-customer-algorithm") != nullptr ||
+                        (encryption != nullptr && *encryption != "AES256");
+    const std::string hash = fromHex(tag);
+    return !isWhole || hasKey || hash.size() != 16 ? "" : hash;
 }
 
 /// Whether the endpoint has refused a request as one that it does not implement or understand.
@@ -181,30 +176,16 @@ Version S3Store::getObject(const std::string& key, const std::optional<ByteRange
         request.headers.add("If-Match", quotedTag(version->tag));
     }
     const FailureContext context = m_requester.contextOf(request);
-    RangeReceiver content(context, range, version, receiver);
+    const ContentFields fields{metadataIn, hashIn};
+    RangeReceiver content(context, fields, range, version, receiver);
     const HttpResponse response = m_requester.send(
         request, {416}, [&](const HttpResponse& head, std::string_view bytes) { content.take(head, bytes); });
     if (response.status != 416)
     {
         return content.finish(response);
     }
-    // The range is beyond the object, and the response need not tell the object's version.
     m_requester.setSawBucket();
-    const auto object = findObject(key);
-    if (version && (!object || object->version.tag != version->tag))
-    {
-        throwObjectChanged(context);
-    }
-    if (!object)
-    {
-        throw ResourceNotFoundException(context.action + " failed: there is no such object");
-    }
-    if (!range || range->offset < object->version.size)
-    {
-        throwMalformedResponse(context, response, "the object has bytes of the range");
-    }
-    receiver(object->version, {});
-    return object->version;
+    return content.finishBeyond(response, findObject(key));
 }
 
 std::string S3Store::putObject(

@@ -82,7 +82,7 @@ public:
     conformance::Capabilities capabilities() const override
     {
         return {5 << 20, "", "", "an object is cut by rule", isCeph() ? "this gateway wants every part listed" : "",
-            "the store hears of an upload with its first part", "", 1'024 - prefix.size()};
+            "the store hears of an upload with its first part", "", "", "", 1'024 - prefix.size()};
     }
 
 private:

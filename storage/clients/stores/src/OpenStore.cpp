@@ -1,5 +1,7 @@
 #include <storage/clients/stores/OpenStore.hpp>
 
+#include <storage/clients/azure/AzureClient.hpp>
+#include <storage/clients/azure/AzureSettings.hpp>
 #include <storage/clients/decorators/CountingClient.hpp>
 #include <storage/clients/local/LocalClient.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
@@ -23,8 +25,9 @@ using cloudprovider::InvalidLocationException;
 [[noreturn]] void refuse(const std::string& reason)
 {
     throw InvalidLocationException("Invalid store", reason +
-                                                        "; use local:DIR, local: (the default directory), memory: or "
-                                                        "s3://BUCKET/PREFIX?endpoint=URL&region=REGION&path-style=1");
+                                                        "; use local:DIR, local: (the default directory), memory:, "
+                                                        "s3://BUCKET/PREFIX?endpoint=URL&region=REGION&path-style=1 or "
+                                                        "azure://ACCOUNT/CONTAINER/PREFIX?endpoint=URL");
 }
 
 /// The directory that a variable names; empty when it is not set. A relative path counts as not set.
@@ -72,6 +75,12 @@ std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, co
         s3::S3Settings settings = s3::parseS3Url(url);
         settings.interrupted = options.interrupted;
         return std::make_shared<S3Client>(settings);
+    }
+    if (url.starts_with("azure:"))
+    {
+        azure::AzureSettings settings = azure::parseAzureUrl(url);
+        settings.interrupted = options.interrupted;
+        return std::make_shared<AzureClient>(settings);
     }
     refuse("unknown kind of store");
 }

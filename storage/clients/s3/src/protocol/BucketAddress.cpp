@@ -4,10 +4,8 @@
 
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/http/UriEncoding.hpp>
+#include <storage/clients/remote/StoreUrl.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
-
-#include <boost/algorithm/string/case_conv.hpp>
-#include <boost/algorithm/string/predicate.hpp>
 
 #include <fmt/format.h>
 
@@ -27,8 +25,7 @@ namespace
         "Invalid store", reason + "; the form is s3://BUCKET/PREFIX?endpoint=URL&region=REGION&path-style=1");
 }
 
-constexpr std::size_t maxEndpoint = 2'000; // characters; for long texts, matching needs more stack than there is
-constexpr std::size_t maxArn = 200;        // likewise
+constexpr std::size_t maxArn = 200; // characters; for long texts, matching needs more stack than there is
 
 /// Whether the bucket can be a part of the host name: the endpoint's certificate covers only one more label, and a
 /// numeric address has no labels.
@@ -81,27 +78,15 @@ BucketAddress::BucketAddress(const S3Settings& settings)
     requireRegion(m_region);
     if (!settings.endpoint.empty())
     {
-        // A path of these characters has only one encoded form, so client and store compute the same signature.
-        static const std::regex form(
-            R"((https?)://([a-z0-9.-]+|\[[0-9a-f:.]+\])(:\d{1,5})?(/([a-z0-9._~/-]|%[0-9a-f]{2})*)?)",
-            std::regex::icase);
-        std::smatch match;
-        if (settings.endpoint.size() > maxEndpoint || !std::regex_match(settings.endpoint, match, form))
+        const auto endpoint = readEndpoint(settings.endpoint);
+        if (!endpoint)
         {
             refuse(
                 "the endpoint must be like https://HOST or http://HOST:PORT"); // not quoted: it may contain a password
         }
-        m_scheme = boost::algorithm::to_lower_copy(match.str(1));
-        m_endpointHost = boost::algorithm::to_lower_copy(match.str(2));
-        if (match.str(3) != (m_scheme == "https" ? ":443" : ":80"))
-        {
-            m_endpointHost += match.str(3);
-        }
-        m_basePath = match.str(4);
-        while (m_basePath.ends_with('/'))
-        {
-            m_basePath.pop_back();
-        }
+        m_scheme = endpoint->scheme;
+        m_endpointHost = endpoint->host;
+        m_basePath = endpoint->path;
     }
     m_pathStyle = settings.pathStyle.value_or(!fitsIntoHostName(m_label, m_endpointHost));
 }

@@ -3,6 +3,7 @@
 #include "signing/RequestSigner.hpp"
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/http/Hashing.hpp>
+#include <storage/clients/http/ResponseFields.hpp>
 
 #include <boost/algorithm/string/predicate.hpp>
 
@@ -75,8 +76,9 @@ FailureContext Requester::contextOf(const S3Request& request)
         { return field.name.starts_with("If-") || field.name == "x-amz-copy-source-if-match"; });
     const std::lock_guard lock(m_mutex);
     const std::string action = request.operation ? std::string(name(*request.operation)) : "listing the open uploads";
-    return {action + (request.key.empty() ? "" : " of " + quoted(request.key)), m_address.bucket(), m_address.origin(),
-        m_address.endpointPath(), m_lastKeyId, m_wasReached, hasCondition};
+    return {{action + (request.key.empty() ? "" : " of " + quoted(request.key)), m_address.origin(), "x-amz-request-id",
+                m_wasReached},
+        m_address.bucket(), m_address.endpointPath(), m_lastKeyId, hasCondition};
 }
 
 HttpResponse Requester::send(
@@ -169,12 +171,7 @@ HttpResponse Requester::sendOnce(
     http.uninterruptible = request.uninterruptible;
     if (request.serverSideWork)
     {
-        http.stallWindow = m_timeouts.serverSideStallWindow +
-                           std::chrono::seconds(request.serverSideBytes / m_timeouts.serverSideBytesPerSecond);
-    }
-    if (request.serverSideBytes > 0)
-    {
-        http.deadline = std::max<std::chrono::milliseconds>(m_timeouts.request, *http.stallWindow);
+        allowServerSideWork(http, m_timeouts, request.serverSideBytes);
     }
     if (request.cleansUp)
     {

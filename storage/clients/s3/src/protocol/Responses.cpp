@@ -1,65 +1,21 @@
 #include "Responses.hpp"
 
-#include <storage/clients/http/HttpFailure.hpp>
+#include <storage/clients/http/ResponseFields.hpp>
 #include <storage/clients/http/Times.hpp>
 #include <storage/clients/http/UriEncoding.hpp>
+#include <storage/clients/http/XmlDocument.hpp>
 
 #include <boost/algorithm/string/predicate.hpp>
-#include <fmt/format.h>
 #include <pugixml.hpp>
 
 #include <algorithm>
-#include <charconv>
 #include <iterator>
-#include <sstream>
 
 namespace storage::clients::s3
 {
 
 namespace
 {
-
-std::string textOf(const pugi::xml_node& parent, const char* name)
-{
-    return parent.child(name).text().as_string();
-}
-
-std::string requiredText(const pugi::xml_node& parent, const char* name)
-{
-    std::string text = textOf(parent, name);
-    if (text.empty())
-    {
-        throw MalformedResponse(std::string("the response lacks ") + name);
-    }
-    return text;
-}
-
-std::uint64_t requiredNumber(const pugi::xml_node& parent, const char* name)
-{
-    const auto number = readNumber(requiredText(parent, name));
-    if (!number)
-    {
-        throw MalformedResponse(std::string(name) + " in the response is not a number");
-    }
-    return *number;
-}
-
-boost::posix_time::ptime requiredTime(const pugi::xml_node& parent, const char* name)
-{
-    const auto time = readIsoTime(requiredText(parent, name));
-    if (time.is_special())
-    {
-        throw MalformedResponse(std::string(name) + " in the response is not a time");
-    }
-    return time;
-}
-
-std::string textOf(const pugi::xml_document& document)
-{
-    std::ostringstream out;
-    document.save(out, "", pugi::format_raw);
-    return std::move(out).str();
-}
 
 ErrorDocument errorIn(const pugi::xml_node& root)
 {
@@ -79,29 +35,16 @@ class Document
 public:
     /// @param action  the store's name for the request
     Document(const std::string& text, const char* rootName, const char* action)
+        : m_document(text)
     {
-        // Keys may consist of blanks, and ends of lines in keys must not be normalised.
-        const auto result = m_document.load_buffer(
-            text.data(), text.size(), (pugi::parse_default | pugi::parse_ws_pcdata_single) & ~pugi::parse_eol);
-        const pugi::xml_node root = m_document.document_element();
-        if (result && std::string_view(root.name()) == "Error")
+        if (m_document.isComplete() && std::string_view(root().name()) == "Error")
         {
-            throw ErrorResponse(errorIn(root));
+            throw ErrorResponse(errorIn(root()));
         }
-        if (std::string_view(root.name()) != rootName)
-        {
-            throw MalformedResponse(fmt::format("the response is not a {} document: either the store does not support "
-                                                "{}, or a proxy has responded for it",
-                rootName, action));
-        }
-        if (!result)
-        {
-            throw HttpFailure(
-                HttpFailure::Kind::Broken, fmt::format("the {} document in the response is truncated", rootName));
-        }
+        m_document.requireRoot(rootName, action);
     }
 
-    pugi::xml_node root() const { return m_document.document_element(); }
+    pugi::xml_node root() const { return m_document.root(); }
 
     std::string required(const char* name) const { return requiredText(root(), name); }
 
@@ -116,17 +59,10 @@ public:
     bool isTruncated() const { return required("IsTruncated") == "true"; }
 
 private:
-    pugi::xml_document m_document;
+    const XmlDocument m_document;
 };
 
 } // namespace
-
-std::optional<std::uint64_t> readNumber(std::string_view text)
-{
-    std::uint64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size() ? std::optional(number) : std::nullopt;
-}
 
 ErrorDocument readError(const std::string& document)
 {
@@ -274,20 +210,6 @@ std::shared_ptr<const ObjectMetadata> metadataIn(const HttpResponse& response)
         }
     }
     return metadata;
-}
-
-std::string unquotedTag(std::string tag)
-{
-    if (tag.size() >= 2 && tag.front() == '"' && tag.back() == '"')
-    {
-        return tag.substr(1, tag.size() - 2);
-    }
-    return tag;
-}
-
-std::string quotedTag(const std::string& tag)
-{
-    return tag.starts_with("W/") ? tag : '"' + tag + '"';
 }
 
 } // namespace storage::clients::s3

@@ -3,12 +3,11 @@
 #include <storage/clients/common/UploadInventory.hpp>
 #include <storage/clients/http/HttpMessage.hpp>
 #include <storage/clients/http/UriEncoding.hpp>
+#include <storage/clients/http/XmlDocument.hpp>
 #include <storage/clients/remote/RemoteStore.hpp>
 
-#include <cstdint>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -29,13 +28,6 @@ struct ErrorDocument
     std::string endpoint; ///< likewise
 };
 
-/// A document that lacks something, or of another kind than requested.
-class MalformedResponse : public std::runtime_error
-{
-public:
-    using std::runtime_error::runtime_error;
-};
-
 /// An error document in a response with a successful status.
 class ErrorResponse : public std::runtime_error
 {
@@ -51,9 +43,6 @@ public:
 private:
     ErrorDocument m_error;
 };
-
-/// Parse a number of digits only; nothing when the text is anything else.
-std::optional<std::uint64_t> readNumber(std::string_view text);
 
 /// Parse an error document; all fields are empty when it is not one.
 ErrorDocument readError(const std::string& document);
@@ -103,11 +92,5 @@ constexpr std::string_view tagCountField = "x-amz-tagging-count";
 /// The fields of a response that tell the object's metadata. Of fields with the same name, the first is the object's;
 /// proxies add others.
 std::shared_ptr<const ObjectMetadata> metadataIn(const HttpResponse& response);
-
-/// An entity tag without quotes, as this client keeps it.
-std::string unquotedTag(std::string tag);
-
-/// An entity tag as it is written in conditions.
-std::string quotedTag(const std::string& tag);
 
 } // namespace storage::clients::s3

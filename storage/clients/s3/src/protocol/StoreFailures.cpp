@@ -2,17 +2,14 @@
 
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/common/TransientException.hpp>
-#include <storage/clients/http/Times.hpp>
+#include <storage/clients/http/ResponseFields.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <boost/algorithm/string/predicate.hpp>
-#include <boost/date_time/posix_time/posix_time.hpp>
 
 #include <fmt/format.h>
 
 #include <array>
-#include <chrono>
-#include <cstdlib>
 #include <optional>
 #include <string_view>
 
@@ -24,21 +21,7 @@ using namespace cloudprovider;
 namespace
 {
 
-enum class Meaning
-{
-    NotFound,
-    BadCredentials,
-    ClockSkew,
-    Denied,
-    BadLocation,
-    NotSupported,
-    NotUnderstood,
-    UnequalParts,
-    Changed,
-    Archived,
-    Transient,
-    Other
-};
+using Meaning = FailureMeaning;
 
 struct Row
 {
@@ -47,7 +30,6 @@ struct Row
     std::string_view hint; ///< what to do about it; may be empty
 };
 
-constexpr std::string_view changed = "somebody has changed or removed the object since it was opened";
 constexpr std::string_view checkCredentials = "check the credentials in the environment and the shared files";
 
 constexpr std::array rows{
@@ -151,64 +133,12 @@ Row rowFor(int status, const ErrorDocument& error)
     return {"", meaningOf(status), ""};
 }
 
-/// Text from a store as messages show it: on one line, and truncated when it is long.
-std::string excerpt(const std::string& text)
-{
-    const std::string inQuotes = quoted(text);
-    return inQuotes.substr(1, inQuotes.size() - 2);
-}
-
-/// The request and its response.
-std::string describe(const FailureContext& context, const HttpResponse& response, const ErrorDocument& error)
-{
-    const std::string* const header = response.headers.find("x-amz-request-id");
-    const std::string requestId = header != nullptr ? *header : error.requestId;
-    std::string text = fmt::format("{} failed: {} returned {}", context.action, context.origin, response.status);
-    text += error.code.empty() ? "" : " " + excerpt(error.code);
-    text += error.message.empty() || error.message == error.code ? "" : " (" + excerpt(error.message) + ")";
-    text += requestId.empty() ? "" : ", request " + excerpt(requestId);
-    return text;
-}
-
-std::string skewHint(const HttpResponse& response)
-{
-    const std::string* const date = response.headers.find("Date");
-    const auto theirs = date == nullptr ? boost::posix_time::ptime() : readHttpTime(*date);
-    if (theirs.is_special())
-    {
-        return "set this machine's clock";
-    }
-    const auto ahead = (boost::posix_time::second_clock::universal_time() - theirs).total_seconds();
-    return fmt::format(
-        "this machine's clock is {} s {} the store's; set it", std::abs(ahead), ahead < 0 ? "behind" : "ahead of");
-}
-
 std::string redirectHint(const HttpResponse& response, const ErrorDocument& error, std::string_view hint)
 {
     const std::string* const region = response.headers.find("x-amz-bucket-region");
     const std::string place = region == nullptr ? error.region : *region;
     return std::string(hint) + (place.empty() ? "" : "; the bucket is in " + excerpt(place)) +
            (error.endpoint.empty() ? "" : ", at " + excerpt(error.endpoint));
-}
-
-std::optional<std::chrono::milliseconds> retryAfter(const HttpResponse& response)
-{
-    const std::string* const field = response.headers.find("Retry-After");
-    if (field == nullptr || field->empty())
-    {
-        return std::nullopt;
-    }
-    if (field->find_first_not_of("0123456789") == std::string::npos && field->size() < 8)
-    {
-        return std::chrono::seconds(std::stol(*field));
-    }
-    const auto moment = readHttpTime(*field);
-    if (moment.is_special())
-    {
-        return std::nullopt;
-    }
-    const auto seconds = (moment - boost::posix_time::second_clock::universal_time()).total_seconds();
-    return std::chrono::seconds(std::max(seconds, decltype(seconds){0}));
 }
 
 } // namespace
@@ -228,7 +158,7 @@ void throwErrorResponse(const FailureContext& context, const HttpResponse& respo
     std::string hint(row.hint);
     if (row.meaning == Meaning::ClockSkew)
     {
-        hint = skewHint(response);
+        hint = clockHint(response);
     }
     else if (row.code == "NoSuchBucket" && !context.endpointPath.empty())
     {
@@ -246,84 +176,25 @@ void throwErrorResponse(const FailureContext& context, const HttpResponse& respo
     }
     else if (row.meaning == Meaning::Changed)
     {
-        hint = changed;
+        hint = objectChanged;
     }
 
-    std::string detail = describe(context, response, error);
+    std::string detail = describe(context, response, {error.code, error.message, error.requestId});
     detail += row.code == "NoSuchBucket" ? "; bucket \"" + context.bucket + "\"" : "";
     detail += row.meaning == Meaning::Denied && !context.keyId.empty() ? "; key id " + context.keyId : "";
     detail += hint.empty() ? "" : "; " + hint;
 
     switch (row.meaning)
     {
-    case Meaning::NotFound:
-        throw ResourceNotFoundException(detail);
-    case Meaning::BadCredentials:
-    case Meaning::ClockSkew:
-        throw InvalidCredentialsException("Credentials refused", detail);
-    case Meaning::Denied:
-        throw PermissionDeniedException("Permission denied", detail);
-    case Meaning::BadLocation:
-        throw InvalidLocationException("Invalid location", detail);
-    case Meaning::NotSupported:
-        throw UnsupportedOperationException(detail);
     case Meaning::NotUnderstood:
         throw NotUnderstood("Store error", detail);
     case Meaning::UnequalParts:
         throw UnequalParts(detail);
-    case Meaning::Changed:
-        throw PreconditionFailed(detail, response.wasSentTwice);
     case Meaning::Archived:
         throw ArchivedObject("Store error", detail);
-    case Meaning::Transient:
-        throw TransientException("Store busy", detail, retryAfter(response));
-    case Meaning::Other:
-        break;
+    default:
+        throwFailure(row.meaning, detail, response);
     }
-    throw UnknownErrorException("Store error", detail);
-}
-
-void throwNoResponse(const FailureContext& context, const HttpFailure& failure)
-{
-    const std::string detail = fmt::format("{} failed: {}: {}", context.action, context.origin, failure.what());
-    switch (failure.kind())
-    {
-    case HttpFailure::Kind::Certificate:
-        throw InvalidLocationException("Certificate refused",
-            detail + "; if the store has its own certificate authority, pass its PEM file as ca-file in the URL");
-    case HttpFailure::Kind::Invalid:
-        throw InvalidLocationException("Invalid store", detail);
-    case HttpFailure::Kind::Unreachable:
-        if (!context.wasReached)
-        {
-            throw UnknownErrorException(
-                "Store unreachable", detail + "; check the endpoint, and that the store is running");
-        }
-        break;
-    case HttpFailure::Kind::Unusable:
-        throw UnusableResponse("Malformed response", detail + "; check the endpoint");
-    case HttpFailure::Kind::Stalled:
-    case HttpFailure::Kind::Broken:
-    case HttpFailure::Kind::Interrupted: // the request may have taken effect, as after a broken connection
-        break;
-    }
-    throw TransientException("Store unreachable", detail);
-}
-
-void throwMalformedResponse(const FailureContext& context, const HttpResponse& response, const std::string& reason)
-{
-    throw UnusableResponse("Malformed response", describe(context, response, {}) + "; " + reason);
-}
-
-void throwCorruptContent(const FailureContext& context, const HttpResponse& response)
-{
-    throw CorruptContent(
-        "Malformed response", describe(context, response, {}) + "; the bytes do not match the entity tag");
-}
-
-void throwObjectChanged(const FailureContext& context, bool wasSentTwice)
-{
-    throw PreconditionFailed(fmt::format("{} failed: {}", context.action, changed), wasSentTwice);
 }
 
 } // namespace storage::clients::s3

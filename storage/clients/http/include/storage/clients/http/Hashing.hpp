@@ -47,6 +47,9 @@ private:
 /// Base64 encoding, as in request fields.
 std::string toBase64(std::string_view bytes);
 
+/// Decode base64; empty for any other text.
+std::string fromBase64(std::string_view text);
+
 /// Two lower-case hexadecimal digits for each byte.
 std::string toHex(std::string_view bytes);
 

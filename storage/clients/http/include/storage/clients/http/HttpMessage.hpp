@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,6 +11,7 @@ namespace storage::clients
 {
 
 class RequestBody;
+struct HttpTimeouts;
 
 /// The fields of a request or a response, in order. Names are case-insensitive.
 class HttpHeaders
@@ -44,6 +46,10 @@ struct HttpRequest
     bool bypassProxy = false;                                  ///< never through a proxy
     bool uninterruptible = false; ///< an interrupt cancels it only after HttpTimeouts::cleanUp: it cannot be undone
 };
+
+/// Let a request take as long as the store may need to move bytes internally before it responds; see HttpTimeouts.
+/// @param bytes  of copies, including those of concurrent requests; 0: few
+void allowServerSideWork(HttpRequest& request, const HttpTimeouts& timeouts, std::uint64_t bytes);
 
 struct HttpResponse
 {

@@ -1,39 +1,16 @@
-#include "RangeReceiver.hpp"
+#include <storage/clients/remote/RangeReceiver.hpp>
 
-#include "protocol/Responses.hpp"
-
+#include <storage/clients/http/ResponseFields.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <fmt/format.h>
 
 #include <algorithm>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
 using namespace cloudprovider;
-
-namespace
-{
-
-/// The MD5 of an object's bytes; empty when its tag is not one, as for an object made of parts or encrypted with a
-/// customer's key.
-std::string hashIn(const HttpResponse& head, const std::string& tag)
-{
-    const std::string* const encryption = head.headers.find("x-amz-server-side-encryption");
-    const bool hasKey = head.headers.find("x-amz-server-side-encryption-customer-algorithm") != nullptr ||
-                        (encryption != nullptr && *encryption != "AES256");
-    const std::string hash = fromHex(tag);
-    return hasKey || hash.size() != 16 ? "" : hash;
-}
-
-} // namespace
-
-std::optional<std::uint64_t> lengthOf(const HttpResponse& response)
-{
-    const std::string* const field = response.headers.find("Content-Length");
-    return field == nullptr ? std::nullopt : readNumber(*field);
-}
 
 void RangeReceiver::take(const HttpResponse& head, std::string_view bytes)
 {
@@ -63,6 +40,24 @@ Version RangeReceiver::finish(const HttpResponse& response)
     return m_object;
 }
 
+Version RangeReceiver::finishBeyond(const HttpResponse& response, const std::optional<StoredObject>& object)
+{
+    if (m_version && (!object || object->version.tag != m_version->tag))
+    {
+        throwObjectChanged(m_context);
+    }
+    if (!object)
+    {
+        throw ResourceNotFoundException(m_context.action + " failed: there is no such object");
+    }
+    if (!m_range || m_range->offset < object->version.size)
+    {
+        throwMalformedResponse(m_context, response, "the object has bytes of the range");
+    }
+    m_receiver(object->version, {});
+    return object->version;
+}
+
 void RangeReceiver::check(const HttpResponse& head)
 {
     const std::string* const tag = head.headers.find("ETag");
@@ -72,7 +67,7 @@ void RangeReceiver::check(const HttpResponse& head)
         throwMalformedResponse(
             m_context, head, "the response lacks the entity tag or its length"); // an error document, perhaps
     }
-    m_object = {unquotedTag(*tag), *length, m_version ? nullptr : metadataIn(head)};
+    m_object = {unquotedTag(*tag), *length, m_version ? nullptr : m_fields.metadata(head)};
     if (m_version && m_object.tag != m_version->tag)
     {
         throwObjectChanged(m_context);
@@ -82,7 +77,7 @@ void RangeReceiver::check(const HttpResponse& head)
         checkRange(head, *length);
     }
     m_expected = *length;
-    m_expectedHash = m_object.size == *length ? hashIn(head, m_object.tag) : "";
+    m_expectedHash = m_fields.hash(head, m_object.tag, m_object.size == *length);
     if (!m_expectedHash.empty())
     {
         m_hash.emplace();
@@ -115,4 +110,4 @@ void RangeReceiver::checkRange(const HttpResponse& head, std::uint64_t length)
     m_object.size = *objectSize;
 }
 
-} // namespace storage::clients::s3
+} // namespace storage::clients

@@ -1,0 +1,379 @@
+#include "AzureStore.hpp"
+
+#include <storage/clients/common/TransientException.hpp>
+#include <storage/clients/http/Hashing.hpp>
+#include <storage/clients/http/ResponseFields.hpp>
+#include <storage/clients/http/Times.hpp>
+#include <storage/clients/remote/KeyPrefix.hpp>
+#include <storage/clients/remote/RangeReceiver.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+#include <storage/cloudprovider/Logger.hpp>
+
+#include <foundation/log/Severity.hpp>
+
+#include <boost/algorithm/string/predicate.hpp>
+
+#include <algorithm>
+#include <utility>
+
+namespace storage::clients::azure
+{
+
+using namespace cloudprovider;
+
+namespace
+{
+
+constexpr std::uint64_t maxHashedRange = 4U << 20; // bytes; the service hashes no larger ones
+constexpr std::uint64_t maxCopy = 256U << 20;      // bytes that the service copies before it responds
+constexpr std::uint64_t minBlockSize = 256U << 10; // bytes; the service takes smaller ones, but has room for 50,000
+constexpr std::uint64_t maxBlockSize = 4'000ULL << 20U;
+
+} // namespace
+
+AzureStore::AzureStore(const AzureSettings& settings)
+    : m_requester(settings)
+    , m_prefix(settings.prefix)
+    , m_transfers(settings.transfers)
+{
+}
+
+StoreAbilities AzureStore::abilities(const std::string& /*key*/) const
+{
+    return {.minPartSize = minBlockSize,
+        .maxPartSize = maxBlockSize,
+        .maxParts = maxBlocks,
+        .maxObjectSize = maxBlocks * maxBlockSize,
+        .maxTakeSize = m_refusesCopies ? 0 : maxCopy,
+        .conditionalTakes = true,
+        .conditionalWrites = true,
+        .conditionalCreation = true,
+        .conditionalCompletion = true};
+}
+
+/// Whether a response means that there is no such blob. Throw if it is a 404 for another reason.
+bool AzureStore::isMissing(const AzureRequest& request, const HttpResponse& response)
+{
+    if (response.status != 404)
+    {
+        return false;
+    }
+    const std::string code = errorCode(response);
+    if (code != "BlobNotFound" && code != "ResourceNotFound")
+    {
+        throwErrorResponse(m_requester.contextOf(request), response);
+    }
+    return true;
+}
+
+std::optional<StoredObject> AzureStore::findObject(const std::string& key)
+{
+    const AzureRequest request{Operation::GetObjectInfo, key, "HEAD"};
+    const HttpResponse response = m_requester.send(request, {404});
+    if (isMissing(request, response))
+    {
+        return std::nullopt;
+    }
+    const auto size = lengthOf(response);
+    const std::string* const time = response.headers.find("Last-Modified");
+    if (!size || time == nullptr)
+    {
+        throwMalformedResponse(m_requester.contextOf(request), response, "the response lacks length or time");
+    }
+    return StoredObject{{m_requester.tagIn(request, response), *size, metadataIn(response)}, readHttpTime(*time)};
+}
+
+Version AzureStore::getObject(const std::string& key, const std::optional<ByteRange>& range,
+    const std::optional<Version>& version, const ContentReceiver& receiver)
+{
+    AzureRequest request{Operation::GetObjectRange, key, "GET"};
+    if (range)
+    {
+        request.headers.add("x-ms-range", rangeField(*range));
+        range->size <= maxHashedRange ? request.headers.add("x-ms-range-get-content-md5", "true") : void();
+    }
+    if (version)
+    {
+        request.headers.add("If-Match", quotedTag(version->tag));
+    }
+    const FailureContext context = m_requester.contextOf(request);
+    const ContentFields fields{metadataIn, hashIn};
+    RangeReceiver content(context, fields, range, version, receiver);
+    const HttpResponse response = m_requester.send(
+        request, {416}, [&](const HttpResponse& head, std::string_view bytes) { content.take(head, bytes); });
+    return response.status == 416 ? content.finishBeyond(response, findObject(key)) : content.finish(response);
+}
+
+/// The fields of a request that makes a blob with this metadata. The tier and the values of tags are requested if the
+/// metadata only says that there may be some.
+HttpHeaders AzureStore::headersFor(const AzureRequest& write, const ObjectMetadata& metadata, const std::string& source)
+{
+    HttpHeaders headers;
+    for (const auto& [name, value] : metadata)
+    {
+        if (name == blobTypeField)
+        {
+            throw UnknownErrorException("Not a block blob", m_requester.contextOf(write).action + " failed: it is a " +
+                                                                value + "; only block blobs can be written");
+        }
+        if (name == tierField && value.empty())
+        {
+            const auto stored = findObject(source);
+            for (const auto& [field, tier] : stored ? *stored->version.metadata : ObjectMetadata())
+            {
+                field == tierField && !tier.empty() ? headers.add(field, tier) : void();
+            }
+            continue;
+        }
+        if (name != tagCountField)
+        {
+            headers.add(name, value);
+            continue;
+        }
+        const AzureRequest request{write.operation, source, "GET", {{"comp", "tags"}}};
+        const HttpResponse response = m_requester.send(request, {404});
+        if (!isMissing(request, response)) // else its tags are gone, too
+        {
+            headers.add("x-ms-tags", encodeQuery(m_requester.read(request, response, readTags)));
+        }
+    }
+    return headers;
+}
+
+/// Send a request that makes a blob. @return its tag
+///
+/// @param findOwn  looks up whether a request without a response has made the blob; returns its tag, or nothing.
+/// Without
+///                 this, the same request would be refused, because the blob is no longer the required one.
+std::string AzureStore::sendWrite(
+    AzureRequest& request, const WriteCondition& condition, const std::function<std::string()>& findOwn)
+{
+    if (condition)
+    {
+        condition->empty() ? request.headers.add("If-None-Match", "*")
+                           : request.headers.add("If-Match", quotedTag(*condition));
+    }
+    const auto settle = [&]() -> std::string
+    {
+        std::string tag = findOwn ? findOwn() : "";
+        return tag.empty() ? throw : tag;
+    };
+    try
+    {
+        return m_requester.tagIn(request, m_requester.send(request));
+    }
+    catch (const TransientException&)
+    {
+        return settle();
+    }
+    catch (const PreconditionFailed& refusal)
+    {
+        return refusal.wasSentTwice() ? settle() : throw;
+    }
+}
+
+std::string AzureStore::putObject(
+    const std::string& key, RequestBody& body, const WriteCondition& condition, const ObjectMetadata& metadata)
+{
+    AzureRequest request{Operation::PutObject, key, "PUT"};
+    request.headers = headersFor(request, metadata, key);
+    request.headers.add(std::string(blobTypeField), "BlockBlob");
+    request.body = &body;
+    const auto findOwn = [&]
+    {
+        const AzureRequest lookup{Operation::PutObject, key, "HEAD"};
+        const HttpResponse response = m_requester.send(lookup, {404});
+        const std::string* const hash = response.headers.find("Content-MD5");
+        const bool isOwn = hash != nullptr && *hash == toBase64(md5(body)) && lengthOf(response) == body.size();
+        return isOwn ? m_requester.tagIn(lookup, response) : "";
+    };
+    return sendWrite(request, condition, condition ? std::function<std::string()>(findOwn) : nullptr);
+}
+
+void AzureStore::deleteObject(const std::string& key, const WriteCondition& condition)
+{
+    AzureRequest request{Operation::DeleteObject, key, "DELETE"};
+    if (condition && condition->empty()) // no header says that, and there is nothing to delete
+    {
+        findObject(key) ? throwObjectChanged(m_requester.contextOf(request)) : void();
+        return;
+    }
+    if (condition)
+    {
+        request.headers.add("If-Match", quotedTag(*condition));
+    }
+    const HttpResponse response = m_requester.send(request, {404});
+    if (isMissing(request, response) && condition)
+    {
+        throwObjectChanged(m_requester.contextOf(request), response.wasSentTwice);
+    }
+}
+
+std::map<std::string, std::exception_ptr> AzureStore::deleteObjects(const std::vector<std::string>& /*keys*/)
+{
+    throw UnsupportedOperationException("blobs are deleted one by one");
+}
+
+/// Send a request that lets the store read the version of a blob.
+HttpResponse AzureStore::sendCopy(AzureRequest request, const CopySource& source, std::uint64_t size)
+{
+    request.source = source.key;
+    request.headers.add("x-ms-source-if-match", quotedTag(source.version.tag));
+    request.serverSideWork = true;
+    request.serverSideBytes = size * m_transfers; // as many copies of about this size may be running
+    try
+    {
+        return m_requester.send(request);
+    }
+    catch (const UnsupportedOperationException& failure)
+    {
+        if (!m_refusesCopies.exchange(true))
+        {
+            getLogger().write(
+                foundation::log::severity::warning, "the server does not copy, so bytes are downloaded and uploaded: " +
+                                                        failure.detail().value_or(failure.what()));
+        }
+        throw;
+    }
+}
+
+std::string AzureStore::copyObject(const CopySource& source, const std::string& target, const WriteCondition& condition)
+{
+    AzureRequest request{Operation::PutObject, target, "PUT"};
+    const HttpHeaders all = headersFor(request, *source.version.metadata, source.key);
+    for (const char* const name : {"x-ms-access-tier", "x-ms-tags"}) // the store copies all others
+    {
+        const std::string* const value = all.find(name);
+        value == nullptr ? void() : request.headers.add(name, *value);
+    }
+    request.headers.add("x-ms-requires-sync", "true");
+    if (condition)
+    {
+        condition->empty() ? request.headers.add("If-None-Match", "*")
+                           : request.headers.add("If-Match", quotedTag(*condition));
+    }
+    return m_requester.tagIn(request, sendCopy(request, source, source.version.size));
+}
+
+ListingPage AzureStore::listObjects(const std::string& prefix, const std::string& token, const ListOptions& options)
+{
+    AzureRequest request{Operation::ListObjects, "", "GET"};
+    request.query = {{"restype", "container"}, {"comp", "list"}};
+    const auto add = [&](const char* name, const std::string& value)
+    { value.empty() ? void() : void(request.query.emplace_back(name, value)); };
+    add("prefix", m_prefix + prefix);
+    add("delimiter", options.delimiter);
+    add("marker", token);
+    add("maxresults", options.maxKeys > 0 ? std::to_string(options.maxKeys) : "");
+    ListingPage page = m_requester.read(request, m_requester.send(request), readListing);
+    removePrefix(page.entries, m_prefix);
+    return page;
+}
+
+/// The blocks of a blob, and those that were sent for it.
+AzureStore::StoredBlocks AzureStore::findBlocks(const std::string& key, Operation operation)
+{
+    const AzureRequest request{operation, key, "GET", {{"comp", "blocklist"}, {"blocklisttype", "all"}}};
+    const HttpResponse response = m_requester.send(request, {404});
+    if (isMissing(request, response))
+    {
+        return {};
+    }
+    const std::string* const tag = response.headers.find("ETag"); // not of a name that only has blocks
+    return {tag == nullptr ? "" : unquotedTag(*tag), m_requester.read(request, response, readBlockList)};
+}
+
+std::string AzureStore::createUpload(const std::string& key, const ObjectMetadata& metadata, const std::string& source)
+{
+    const AzureRequest request{Operation::CreateMultipartUpload, key, ""};
+    HttpHeaders headers = headersFor(request, metadata, source);
+    const StoredBlocks stored =
+        findBlocks(key, request.operation); // also of a blob that a new file replaces: see idSize
+    return m_uploads.open(key, stored.tag, stored.list, std::move(headers));
+}
+
+std::string AzureStore::uploadPart(
+    const std::string& key, const std::string& uploadId, std::size_t number, RequestBody& body)
+{
+    std::string id = m_uploads.get(key, uploadId)->blockId(number);
+    AzureRequest request{Operation::UploadPart, key, "PUT", {{"comp", "block"}, {"blockid", id}}};
+    request.body = &body;
+    m_requester.send(request);
+    return id;
+}
+
+std::string AzureStore::takePart(const std::string& key, const std::string& uploadId, std::size_t number,
+    const CopySource& source, const ByteRange& range)
+{
+    const auto upload = m_uploads.get(key, uploadId);
+    if (auto run = upload->takeRun(source, range))
+    {
+        return *run;
+    }
+    std::string id = upload->blockId(number);
+    AzureRequest request{Operation::CopyPart, key, "PUT", {{"comp", "block"}, {"blockid", id}}};
+    request.headers.add("x-ms-source-range", rangeField(range));
+    sendCopy(request, source, range.size);
+    return id;
+}
+
+std::string AzureStore::completeUpload(const std::string& key, const std::string& uploadId,
+    const std::vector<NumberedTag>& parts, const WriteCondition& condition)
+{
+    const auto upload = m_uploads.get(key, uploadId);
+    const std::vector<ListedBlock> blocks = upload->listed(parts);
+    // The ids of another version may be the same, with other bytes.
+    const bool hasRuns = std::ranges::any_of(blocks, &ListedBlock::isCommitted);
+    const WriteCondition needed = hasRuns ? upload->tag : condition;
+    AzureRequest request{Operation::CompleteMultipartUpload, key, "PUT", {{"comp", "blocklist"}}, upload->headers};
+    if (hasRuns && condition && *condition != upload->tag)
+    {
+        throwObjectChanged(m_requester.contextOf(request));
+    }
+    TextBody body(writeBlockList(blocks));
+    request.body = &body;
+    request.serverSideWork = true;
+    const auto findOwn = [&]
+    {
+        const StoredBlocks stored = findBlocks(key, request.operation);
+        const bool isOwn = std::ranges::equal(stored.list.committed, blocks, {}, &Block::id, &ListedBlock::id);
+        return isOwn && stored.tag != upload->tag ? stored.tag : "";
+    };
+    std::string tag = sendWrite(request, needed, findOwn);
+    m_uploads.close(uploadId);
+    return tag;
+}
+
+void AzureStore::abortUpload(const std::string& key, const std::string& uploadId)
+{
+    m_uploads.get(key, uploadId);
+    m_uploads.close(uploadId); // the service drops the blocks after a week; no request does that
+}
+
+bool AzureStore::isOpen(const std::string& key, const std::string& uploadId)
+{
+    const auto upload = m_uploads.find(key, uploadId);
+    if (!upload)
+    {
+        return false;
+    }
+    const StoredBlocks stored = findBlocks(key, Operation::CompleteMultipartUpload);
+    return !stored.list.uncommitted.empty() || stored.tag == upload->tag;
+}
+
+UploadsPage AzureStore::listUploads(const std::string& /*token*/)
+{
+    return {m_uploads.pending(), ""};
+}
+
+std::string AzureStore::tagOf(RequestBody& /*body*/) const
+{
+    return {};
+}
+
+std::string AzureStore::tagOf(const std::vector<NumberedTag>& /*parts*/) const
+{
+    return {};
+}
+
+} // namespace storage::clients::azure

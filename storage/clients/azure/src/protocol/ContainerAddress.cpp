@@ -1,0 +1,62 @@
+#include "ContainerAddress.hpp"
+
+#include <storage/clients/common/KeyRules.hpp>
+#include <storage/clients/http/UriEncoding.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <fmt/format.h>
+
+#include <regex>
+
+namespace storage::clients::azure
+{
+
+ContainerAddress::ContainerAddress(const AzureSettings& settings)
+    : m_account(settings.account)
+    , m_container(settings.container)
+    , m_prefix(settings.prefix)
+{
+    const auto refuse = [](const std::string& reason)
+    { throw cloudprovider::InvalidLocationException("Invalid store", reason + "; the form is " + urlForm); };
+    static const std::regex accountForm("[a-z0-9]{3,24}");
+    static const std::regex containerForm(R"([a-z0-9](-?[a-z0-9]){2,62}|\$root|\$web|\$logs)");
+    constexpr std::size_t maxName = 63; // characters, which the forms do not limit if there are many "-"
+    if (!std::regex_match(m_account, accountForm))
+    {
+        refuse(clients::quoted(m_account) + " is not a valid account name");
+    }
+    if (m_container.size() > maxName || !std::regex_match(m_container, containerForm))
+    {
+        refuse(clients::quoted(m_container) + " is not a valid container name");
+    }
+    const auto endpoint =
+        readEndpoint(settings.endpoint.empty() ? "https://" + m_account + ".blob.core.windows.net" : settings.endpoint);
+    if (!endpoint)
+    {
+        refuse("the endpoint must be like https://HOST or http://HOST:PORT/ACCOUNT"); // it may contain a password
+    }
+    m_endpoint = *endpoint;
+}
+
+std::string ContainerAddress::path(const std::string& key) const
+{
+    if (key.size() + m_prefix.size() > maxKeyBytes)
+    {
+        throw cloudprovider::InvalidLocationException("Invalid name",
+            fmt::format("key {} is refused: it has {} bytes and the prefix of the store {}, at most {} are allowed",
+                quoted(key), key.size(), m_prefix.size(), maxKeyBytes));
+    }
+    if (key.find('\\') != std::string::npos)
+    {
+        throw cloudprovider::InvalidLocationException(
+            "Invalid name", "key " + clients::quoted(key) + " is refused: the store takes a backslash for a slash");
+    }
+    return m_endpoint.path + "/" + uriEncode(m_container) + (key.empty() ? "" : "/" + uriEncodePath(m_prefix + key));
+}
+
+std::string ContainerAddress::resource(const std::string& key) const
+{
+    return fmt::format("/blob/{}/{}/{}{}", m_account, m_container, m_prefix, key);
+}
+
+} // namespace storage::clients::azure

@@ -1,0 +1,138 @@
+#include "StoreFailures.hpp"
+
+#include <storage/clients/http/ResponseFields.hpp>
+#include <storage/clients/http/XmlDocument.hpp>
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+namespace storage::clients::azure
+{
+
+namespace
+{
+
+using Meaning = FailureMeaning;
+
+struct Row
+{
+    std::string_view code;
+    Meaning meaning;
+    std::string_view hint; ///< what to do about it; may be empty
+};
+
+constexpr std::string_view leased = "somebody else holds a lease on the blob; release or break it";
+constexpr std::string_view notBlocks = "only block blobs can be written; copy the file to another name";
+
+constexpr std::array rows{
+    Row{"BlobNotFound", Meaning::NotFound, ""},
+    Row{"ResourceNotFound", Meaning::NotFound, ""},
+    Row{"ContainerNotFound", Meaning::BadLocation, "there is no such container; check its name, or create it first"},
+    Row{"ContainerBeingDeleted", Meaning::BadLocation, "the container is being deleted"},
+    Row{"ContainerDisabled", Meaning::Denied, ""},
+    Row{"AccountIsDisabled", Meaning::Denied, ""},
+    Row{"InvalidResourceName", Meaning::BadLocation, "the store does not accept this name"},
+    Row{"InvalidUri", Meaning::BadLocation, "the store does not accept this name"},
+    Row{"OutOfRangeInput", Meaning::BadLocation, "the store does not accept this name"},
+    Row{"AuthenticationFailed", Meaning::ClockSkew, "check the key, the signature or the token, and the account; "},
+    Row{"InvalidAuthenticationInfo", Meaning::BadCredentials, "the token has expired or is not for this store"},
+    Row{"NoAuthenticationInformation", Meaning::BadCredentials, ""},
+    Row{"PublicAccessNotPermitted", Meaning::BadCredentials, ""},
+    Row{"AuthorizationPermissionMismatch", Meaning::Denied,
+        "the signature or the identity's role does not include this operation"},
+    Row{"AuthorizationResourceTypeMismatch", Meaning::Denied, "the signature does not include this kind of resource"},
+    Row{"AuthorizationSourceIPMismatch", Meaning::Denied, "the signature is not for this machine's address"},
+    Row{"BlobImmutableDueToPolicy", Meaning::Denied, "a policy keeps the blob from being changed"},
+    Row{"BlobArchived", Meaning::Other, "the blob is archived; move it to another tier first"},
+    Row{"BlobBeingRehydrated", Meaning::Other, "the blob is still being moved out of the archive"},
+    Row{"SnapshotsPresent", Meaning::Other, "the blob has snapshots; delete them first"},
+    Row{"InvalidBlobType", Meaning::Other, notBlocks},
+    Row{"InvalidBlockList", Meaning::Other,
+        "somebody else has written the blob, and with that the store has dropped the blocks that were sent"},
+    Row{"LeaseIdMissing", Meaning::Other, leased},
+    Row{"LeaseAlreadyPresent", Meaning::Other, leased},
+    Row{"ConditionNotMet", Meaning::Changed, ""},
+    Row{"SourceConditionNotMet", Meaning::Changed, ""},
+    Row{"TargetConditionNotMet", Meaning::Changed, ""},
+    Row{"BlobAlreadyExists", Meaning::Changed, ""},
+    Row{"Md5Mismatch", Meaning::Transient, "the bytes were corrupted in transit"},
+    Row{"PendingCopyOperation", Meaning::Transient, ""},
+    Row{"ServerBusy", Meaning::Transient, ""},
+    Row{"OperationTimedOut", Meaning::Transient, ""},
+    Row{"InternalError", Meaning::Transient, ""},
+    Row{"APINotImplemented", Meaning::NotSupported, ""}, // an emulator's, with the status 500
+    Row{"UnsupportedHeader", Meaning::NotSupported, ""},
+    Row{"UnsupportedQueryParameter", Meaning::NotSupported, ""},
+    Row{"UnsupportedHttpVerb", Meaning::NotSupported, ""},
+    Row{"FeatureVersionMismatch", Meaning::NotSupported, ""},
+};
+
+Meaning meaningOf(int status)
+{
+    switch (status)
+    {
+    case 401:
+        return Meaning::BadCredentials;
+    case 403:
+        return Meaning::Denied;
+    case 404:
+        return Meaning::NotFound;
+    case 405:
+    case 501:
+        return Meaning::NotSupported;
+    case 408:
+    case 429:
+        return Meaning::Transient;
+    default:
+        return status >= 500 && status != 507 ? Meaning::Transient : Meaning::Other;
+    }
+}
+
+Row rowFor(int status, const std::string& code)
+{
+    if (code.empty() && status < 500 && meaningOf(status) != Meaning::Transient)
+    {
+        return {"", Meaning::BadLocation, "this is not the response of an Azure store; check the endpoint"};
+    }
+    const auto* const row = std::ranges::find(rows, code, &Row::code);
+    return row != rows.end() ? *row : Row{"", meaningOf(status), ""};
+}
+
+} // namespace
+
+std::string errorCode(const HttpResponse& response)
+{
+    const std::string* const field = response.headers.find("x-ms-error-code");
+    return field == nullptr ? textOf(XmlDocument(response.body).root(), "Code") : *field;
+}
+
+void throwErrorResponse(const FailureContext& context, const HttpResponse& response)
+{
+    const std::string code = errorCode(response);
+    Row row = rowFor(response.status, code);
+    if (row.meaning == Meaning::Changed && !context.hasCondition)
+    {
+        row.meaning = Meaning::Other;
+    }
+    std::string hint(row.hint);
+    if (row.meaning == Meaning::ClockSkew)
+    {
+        hint += clockHint(response);
+    }
+    else if (row.meaning == Meaning::BadCredentials && context.isAnonymous)
+    {
+        hint = "no credentials were given";
+    }
+    else if (row.meaning == Meaning::Changed)
+    {
+        hint = objectChanged;
+    }
+    const std::string message = textOf(XmlDocument(response.body).root(), "Message");
+    std::string detail = describe(context, response, {code, message.substr(0, message.find('\n')), ""});
+    detail += row.meaning == Meaning::BadLocation ? "; container \"" + context.container + "\"" : "";
+    detail += hint.empty() ? "" : "; " + hint;
+    throwFailure(row.meaning, detail, response);
+}
+
+} // namespace storage::clients::azure

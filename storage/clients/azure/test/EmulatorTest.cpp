@@ -1,0 +1,139 @@
+#include "AzureStore.hpp"
+
+#include <storage/clients/azure/AzureClient.hpp>
+#include <storage/clients/decorators/FindInterface.hpp>
+#include <storage/clients/stores/OpenStore.hpp>
+#include <storage/clients/testing/ClientCalls.hpp>
+#include <storage/clients/testing/CloudClientConformance.hpp>
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <map>
+
+#include <unistd.h>
+
+// The client against an emulator of the service: what every store must do.
+
+namespace storage::clients::azure::test
+{
+
+namespace
+{
+
+using namespace cloudprovider;
+
+/// A container of its own in the emulator that the environment names, as scripts/gateway.sh sets it up.
+class EmulatorContainer
+{
+public:
+    EmulatorContainer() { send("PUT"); }
+    EmulatorContainer(const EmulatorContainer&) = delete;
+    EmulatorContainer& operator=(const EmulatorContainer&) = delete;
+    ~EmulatorContainer() { EXPECT_NO_THROW(send("DELETE")); }
+
+    /// Null: there is no emulator.
+    static const char* endpoint() { return std::getenv("CLOUDFS_TEST_AZURE_ENDPOINT"); }
+
+    static inline std::atomic<unsigned> count = 0;
+    const std::string name = "test-" + std::to_string(::getpid()) + "-" + std::to_string(++count);
+
+    std::string url(const std::string& prefix = "") const
+    {
+        return std::string("azure://") + std::getenv("AZURE_STORAGE_ACCOUNT") + "/" + name + prefix +
+               "?endpoint=" + endpoint();
+    }
+
+private:
+    void send(const std::string& method) const
+    {
+        Requester(parseAzureUrl(url())).send({Operation::PutObject, "", method, {{"restype", "container"}}});
+    }
+};
+
+/// With a prefix, the client is opened as a host does that.
+template <bool hasPrefix>
+class EmulatorHarness : public conformance::Harness
+{
+public:
+    CloudClient& client() override { return *m_client; }
+    CloudClientSharedPtr openAnother() override { return makeClient(); }
+
+    CloudClientSharedPtr openReadOnly() override
+    {
+        AzureSettings settings = parseAzureUrl(m_container.url());
+        settings.container += "-missing";
+        return std::make_shared<AzureClient>(settings);
+    }
+
+    conformance::Capabilities capabilities() const override
+    {
+        conformance::Capabilities result;
+        result.minPartSize = 256 << 10;
+        result.noPartBoundaries = "an object is cut by rule";
+        result.noSharedUploads = "an upload is a record of the instance";
+        result.noBackslashes = "the server takes them for slashes";
+        result.noByteOrder = "the server compares the 16-bit units of names";
+        result.maxKeyBytes -= hasPrefix ? prefix.size() : 0;
+        return result;
+    }
+
+private:
+    static inline const std::string prefix = "a +/\xC3\xA4/";
+
+    CloudClientSharedPtr makeClient() const
+    {
+        return hasPrefix ? openStore(m_container.url("/" + uriEncodePath(prefix)))
+                         : std::make_shared<AzureClient>(parseAzureUrl(m_container.url()));
+    }
+
+    const EmulatorContainer m_container;
+    const CloudClientSharedPtr m_client = makeClient();
+};
+
+TEST(EmulatorTest, AChangedFileKeepsItsMetadata)
+{
+    if (EmulatorContainer::endpoint() == nullptr)
+    {
+        GTEST_SKIP() << "there is no emulator";
+    }
+    const EmulatorContainer container;
+    AzureStore store(parseAzureUrl(container.url()));
+    AzureClient client(parseAzureUrl(container.url()));
+    const auto metadata = [&](const std::string& key)
+    {
+        const auto found = *store.findObject(key)->version.metadata;
+        return std::map(found.begin(), found.end());
+    };
+    const ObjectMetadata fields{{"x-ms-blob-content-type", "text/x-test"}, {"x-ms-blob-cache-control", "no-cache"},
+        {"x-ms-blob-content-encoding", "gzip"}, {"x-ms-blob-content-disposition", "inline"},
+        {"x-ms-blob-content-language", "de"}, {"x-ms-meta-author", "a  b"}, {"x-ms-access-tier", "Cool"},
+        {"x-ms-tags", "a%20b=1&c="}};
+    TextBody body("old");
+    store.putObject("a.html", body, {}, fields);
+    const auto before = metadata("a.html");
+    EXPECT_EQ(before.size(), fields.size());
+    client.copyObject("a.html", "b");
+    EXPECT_EQ(metadata("b"), before);
+    const std::string tag = client.getObjectParts("a.html").at(0).Tag;
+    conformance::put(client, "a.html", "put");
+    EXPECT_EQ(metadata("a.html"), before);
+    const std::string id = client.createMultipartUpload("a.html", tag);
+    client.completeMultipartUpload("a.html", id, {conformance::uploadPart(client, "a.html", id, 0, "part")});
+    EXPECT_EQ(metadata("a.html"), before);
+}
+
+/// A harness if there is an emulator; null: the case is skipped.
+template <bool hasPrefix>
+std::unique_ptr<conformance::Harness> makeHarness()
+{
+    return EmulatorContainer::endpoint() == nullptr ? nullptr : std::make_unique<EmulatorHarness<hasPrefix>>();
+}
+
+CLOUD_CLIENT_CONFORMANCE(Azure, makeHarness<false>);
+CLOUD_CLIENT_CONFORMANCE(OpenedAzure, makeHarness<true>);
+
+} // namespace
+
+} // namespace storage::clients::azure::test
