@@ -3,6 +3,7 @@
 #include "SharedConfig.hpp"
 
 #include <storage/clients/credentials/CredentialsService.hpp>
+#include <storage/clients/credentials/FixedCredentials.hpp>
 #include <storage/clients/credentials/RefreshingCredentials.hpp>
 #include <storage/clients/s3/Credentials.hpp>
 
@@ -12,28 +13,9 @@
 namespace storage::clients::s3
 {
 
-namespace
-{
-
-class FixedCredentials : public CredentialsSource
-{
-public:
-    explicit FixedCredentials(Credentials credentials)
-        : m_credentials(std::move(credentials))
-    {
-    }
-
-    Credentials credentials() override { return m_credentials; }
-
-private:
-    const Credentials m_credentials;
-};
-
-} // namespace
-
 std::shared_ptr<CredentialsSource> fixedCredentials(Credentials credentials)
 {
-    return std::make_shared<FixedCredentials>(std::move(credentials));
+    return std::make_shared<FixedCredentials<CredentialsSource>>(std::move(credentials));
 }
 
 std::shared_ptr<CredentialsSource> anonymousCredentials()

@@ -13,8 +13,6 @@
 #include <cctype>
 #include <regex>
 
-#include <fmt/format.h>
-
 namespace storage::clients::s3
 {
 
