@@ -7,6 +7,7 @@ set(libraries foundation cloudprovider)
 set(stores
     cloudprovider_azure
     cloudprovider_clients_common
+    cloudprovider_credentials
     cloudprovider_decorators
     cloudprovider_http
     cloudprovider_local

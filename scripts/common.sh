@@ -6,7 +6,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit
 root=$PWD
 
 # Programs without credentials must not ask the metadata service of the machine that they run on.
-export AWS_EC2_METADATA_DISABLED=true
+export AWS_EC2_METADATA_DISABLED=true AZURE_METADATA_DISABLED=true
 
 # Use ccache if it is installed. Clones share its cache, because paths below the root are ignored.
 if command -v ccache >/dev/null; then

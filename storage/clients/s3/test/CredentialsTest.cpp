@@ -1,18 +1,15 @@
 #include "TestCalls.hpp"
-
 #include "credentials/ChildProcess.hpp"
-#include "credentials/CredentialsFailure.hpp"
 #include "credentials/CredentialsSources.hpp"
-#include "credentials/RefreshingCredentials.hpp"
-#include "credentials/ServiceAddress.hpp"
-#include "credentials/SmallFile.hpp"
+#include "credentials/ServiceEndpoints.hpp"
 
+#include <storage/clients/credentials/CredentialsFailure.hpp>
+#include <storage/clients/credentials/RefreshingCredentials.hpp>
+#include <storage/clients/credentials/SmallFile.hpp>
 #include <storage/clients/http/Hashing.hpp>
 #include <storage/clients/http/UriEncoding.hpp>
 
 #include <foundation/log/basic_diagnostic_logger.hpp>
-
-#include <gmock/gmock.h>
 
 #include <algorithm>
 #include <atomic>
@@ -25,6 +22,7 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -90,8 +88,9 @@ protected:
     {
         variables.emplace("HOME", home);
         variables.emplace("AWS_EC2_METADATA_DISABLED", "TRUE");
-        return std::make_unique<RefreshingCredentials>(credentialsChain({Environment(std::move(variables)), profile,
-                                                           authorities, [this] { return isInterrupted; }}),
+        return std::make_unique<RefreshingCredentials<CredentialsSource>>(
+            credentialsChain(
+                {{Environment(std::move(variables)), authorities, [this] { return isInterrupted; }}, profile}),
             clock);
     }
 
@@ -101,8 +100,8 @@ protected:
     }
 
     std::filesystem::path home;
-    std::atomic<RefreshingCredentials::TimePoint> now{std::chrono::sys_days(std::chrono::year(2024) / 5 / 1)};
-    const RefreshingCredentials::Clock clock = [this] { return now.load(); };
+    std::atomic<std::chrono::sys_seconds> now{std::chrono::sys_days(std::chrono::year(2024) / 5 / 1)};
+    const std::function<std::chrono::sys_seconds()> clock = [this] { return now.load(); };
     bool isInterrupted = false;
     std::string log;
 };
@@ -344,7 +343,7 @@ TEST_F(CredentialsTest, ComeFromTheFirstPlaceThatHasSome)
     EXPECT_THAT(readSmallFile(file, ""),
         testing::MatchesRegex(R"(\{"startUrl":"u",.*"refreshToken":"next","expiresAt":"2100-07-01T00:0.*Z"\})"));
     const Environment::Variables endpoint{{"AWS_ENDPOINT_URL", server.url()}, {"AWS_PROFILE", "a"}};
-    EXPECT_THAT(outcomeOf(*source(endpoint)), HasSubstr("AWS_CA_BUNDLE"));
+    EXPECT_THAT(outcomeOf(*source(endpoint)), HasSubstr("ca-file"));
     isInterrupted = true;
     EXPECT_THAT(outcomeOf(*source(endpoint, {}, home / "authority.pem")), HasSubstr("because of an interrupt"));
 }
@@ -352,7 +351,7 @@ TEST_F(CredentialsTest, ComeFromTheFirstPlaceThatHasSome)
 TEST_F(CredentialsTest, UseTheRegionsServicesUnlessAnEndpointIsConfigured)
 {
     using Failure = cloudprovider::InvalidCredentialsException;
-    const SourceContext none{Environment({})};
+    const SourceContext none{{Environment({})}};
     EXPECT_EQ(regionalAddress(none, "sts", "sts", "").url, "https://sts.amazonaws.com");
     EXPECT_EQ(regionalAddress(none, "sts", "sts", "cn-north-1").url, "https://sts.cn-north-1.amazonaws.com.cn");
     EXPECT_THROW(regionalAddress(none, "sts", "sts", "a.example/"), Failure);
@@ -363,7 +362,7 @@ TEST_F(CredentialsTest, UseTheRegionsServicesUnlessAnEndpointIsConfigured)
     const auto found = [&](const char* service, const std::string& profile, Environment::Variables variables = {})
     {
         variables.emplace("HOME", home);
-        return regionalAddress({Environment(std::move(variables)), profile}, service, "host", "r").url;
+        return regionalAddress({{Environment(std::move(variables))}, profile}, service, "host", "r").url;
     };
     EXPECT_EQ(found("s3", ""), "https://p");
     EXPECT_EQ(found("s3", "s"), "https://s3");
@@ -439,7 +438,7 @@ protected:
     };
     const Loading failForNow = [](const auto&) -> IssuedCredentials { throw credentialsUnavailable("closed"); };
     Loading onLoad;
-    RefreshingCredentials tested{[this] { return onLoad("id" + std::to_string(++loads)); }, clock};
+    RefreshingCredentials<CredentialsSource> tested{[this] { return onLoad("id" + std::to_string(++loads)); }, clock};
 };
 
 TEST_F(RefreshTest, LoadsWhenTheyAreDueOrRefusedAndLimitsHowOftenItFails)

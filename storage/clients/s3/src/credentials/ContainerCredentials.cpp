@@ -1,6 +1,9 @@
-#include "CredentialsService.hpp"
-#include "ServiceAddress.hpp"
-#include "SmallFile.hpp"
+#include "CredentialsDocument.hpp"
+#include "CredentialsSources.hpp"
+
+#include <storage/clients/credentials/CredentialsService.hpp>
+#include <storage/clients/credentials/ServiceAddress.hpp>
+#include <storage/clients/credentials/SmallFile.hpp>
 
 #include <algorithm>
 #include <utility>

@@ -1,18 +1,13 @@
 #include "CredentialsDocument.hpp"
 
-#define BOOST_BIND_GLOBAL_PLACEHOLDERS // json_parser.hpp still uses them, and Boost.Bind says so at every compilation
-#include <boost/property_tree/json_parser.hpp>
-#include <boost/property_tree/ptree.hpp>
+#include <storage/clients/credentials/JsonDocument.hpp>
 
 #include <fmt/chrono.h>
 #include <pugixml.hpp>
 
-#include <algorithm>
 #include <charconv>
-#include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <sstream>
 #include <utility>
 
 namespace storage::clients::s3
@@ -20,10 +15,6 @@ namespace storage::clients::s3
 
 namespace
 {
-
-using Document = boost::property_tree::ptree;
-
-constexpr std::ptrdiff_t maxBrackets = 100; // a document with credentials has one
 
 /// Parse milliseconds since 1970, or a time of RFC 3339 such as "2024-05-01T12:34:56Z". Fractions of a second are
 /// dropped.
@@ -53,31 +44,6 @@ std::chrono::sys_seconds readTime(const std::string& text)
     return result;
 }
 
-Document parse(const std::string& text)
-{
-    // The parser calls itself for each bracket, so that a long row of them would overflow the stack.
-    if (std::count_if(text.begin(), text.end(), [](char c) { return c == '[' || c == '{'; }) > maxBrackets)
-    {
-        throw CredentialsDocumentError("it has too many brackets");
-    }
-    Document document;
-    try
-    {
-        std::istringstream stream(text);
-        boost::property_tree::read_json(stream, document);
-    }
-    catch (const boost::property_tree::json_parser_error&)
-    {
-        throw CredentialsDocumentError("it is not JSON");
-    }
-    return document;
-}
-
-std::string textOf(const Document& document, const char* name)
-{
-    return document.get<std::string>(name, "");
-}
-
 IssuedCredentials issued(Credentials credentials, const boost::optional<std::string>& expiry)
 {
     if (credentials.keyId.empty() || credentials.secret.empty())
@@ -93,13 +59,13 @@ IssuedCredentials issued(Credentials credentials, const boost::optional<std::str
 }
 
 /// The keys in a document whose names differ in that of the token.
-IssuedCredentials readKeys(const Document& document, const char* token)
+IssuedCredentials readKeys(const JsonDocument& document, const char* token)
 {
     return issued({textOf(document, "AccessKeyId"), textOf(document, "SecretAccessKey"), textOf(document, token)},
         document.get_optional<std::string>("Expiration"));
 }
 
-std::string requireToken(const Document& document)
+std::string requireToken(const JsonDocument& document)
 {
     std::string token = textOf(document, "accessToken");
     if (token.empty())
@@ -109,18 +75,11 @@ std::string requireToken(const Document& document)
     return token;
 }
 
-std::string toText(const Document& document)
-{
-    std::ostringstream stream;
-    boost::property_tree::write_json(stream, document, false);
-    return stream.str();
-}
-
 } // namespace
 
 IssuedCredentials readCredentialsDocument(const std::string& text)
 {
-    const Document document = parse(text);
+    const JsonDocument document = parseJson(text);
     if (const auto code = document.get<std::string>("Code", "Success"); code != "Success")
     {
         throw CredentialsDocumentError("it reports " + code);
@@ -130,7 +89,7 @@ IssuedCredentials readCredentialsDocument(const std::string& text)
 
 IssuedCredentials readPrintedCredentials(const std::string& text)
 {
-    const Document document = parse(text);
+    const JsonDocument document = parseJson(text);
     if (textOf(document, "Version") != "1")
     {
         throw CredentialsDocumentError("its Version is not 1");
@@ -140,7 +99,7 @@ IssuedCredentials readPrintedCredentials(const std::string& text)
 
 IssuedCredentials readPortalCredentials(const std::string& text)
 {
-    const Document document = parse(text).get_child("roleCredentials", Document());
+    const JsonDocument document = parseJson(text).get_child("roleCredentials", JsonDocument());
     return issued(
         {textOf(document, "accessKeyId"), textOf(document, "secretAccessKey"), textOf(document, "sessionToken")},
         document.get_optional<std::string>("expiration"));
@@ -160,13 +119,13 @@ IssuedCredentials readAssumedRole(const std::string& text)
 
 std::string readLogin(const std::string& text)
 {
-    return requireToken(parse(text));
+    return requireToken(parseJson(text));
 }
 
 std::optional<std::string> renewalRequest(const std::string& text)
 {
-    const Document login = parse(text);
-    Document request;
+    const JsonDocument login = parseJson(text);
+    JsonDocument request;
     request.put("grantType", "refresh_token");
     for (const char* name : {"clientId", "clientSecret", "refreshToken"})
     {
@@ -182,8 +141,8 @@ std::optional<std::string> renewalRequest(const std::string& text)
 
 std::string renewedLogin(const std::string& text, const std::string& response, std::time_t now)
 {
-    Document login = parse(text);
-    const Document renewed = parse(response);
+    JsonDocument login = parseJson(text);
+    const JsonDocument renewed = parseJson(response);
     login.put("accessToken", requireToken(renewed));
     login.put("expiresAt", fmt::format("{:%FT%TZ}", fmt::gmtime(now + renewed.get<std::time_t>("expiresIn", 0))));
     // Without a new one, the old one stays valid.

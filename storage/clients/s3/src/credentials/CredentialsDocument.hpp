@@ -4,19 +4,12 @@
 
 #include <ctime>
 #include <optional>
-#include <stdexcept>
 #include <string>
 
 namespace storage::clients::s3
 {
 
-/// A document without credentials. what() says why, and contains nothing of the document except its error code. All
-/// functions below throw it.
-class CredentialsDocumentError : public std::runtime_error
-{
-public:
-    using std::runtime_error::runtime_error;
-};
+// All functions below throw CredentialsDocumentError.
 
 /// Parse the JSON document in which containers and machines receive credentials.
 IssuedCredentials readCredentialsDocument(const std::string& text);

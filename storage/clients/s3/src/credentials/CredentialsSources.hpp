@@ -1,15 +1,10 @@
 #pragma once
 
-#include "Environment.hpp"
-
+#include <storage/clients/credentials/CredentialsLoader.hpp>
 #include <storage/clients/s3/Credentials.hpp>
 
-#include <chrono>
-#include <filesystem>
-#include <functional>
 #include <optional>
 #include <string>
-#include <variant>
 
 namespace storage::clients::s3
 {
@@ -18,35 +13,19 @@ class SharedConfig;
 struct SharedSection;
 
 /// What the sources of one chain share: the parameters of defaultCredentials(), and the variables.
-struct SourceContext
+struct SourceContext : ServiceContext
 {
-    Environment environment;
     std::string profile = {};
-    std::filesystem::path authorities = {};
-    std::function<bool()> interrupted = {};
 };
 
-struct IssuedCredentials
-{
-    Credentials credentials;
-    /// Nothing: they do not expire. In seconds: nanoseconds end in 2262, and some services send a time in 9999.
-    std::optional<std::chrono::sys_seconds> expiry = {};
-};
+using IssuedCredentials = Issued<Credentials>;
+using LoadResult = LoadResultOf<Credentials>;
+using CredentialsLoader = LoaderOf<Credentials>;
 
-/// Why a source has no credentials, for people: "AWS_ACCESS_KEY_ID is not set".
-struct NoCredentials
-{
-    std::string reason;
-};
+/// Refuse control characters, see RefreshingCredentials.
+void checkUsable(const Credentials& credentials);
 
-/// What a source has now. NoCredentials: it is not set up, so the next source may have some.
-using LoadResult = std::variant<IssuedCredentials, NoCredentials>;
-
-/// Loads what a source has now. Used by one thread at a time.
-///
-/// All sources below throw cloudprovider::InvalidCredentialsException when they are set up wrongly, because the next
-/// source's credentials would be those of another identity; TransientException when a service does not respond now.
-using CredentialsLoader = std::function<LoadResult()>;
+// All sources below throw what a loader throws.
 
 /// The keys in variables.
 LoadResult environmentCredentials(const SourceContext& context);
@@ -76,9 +55,7 @@ std::optional<std::string> containerEndpoint(const Environment& environment);
 ///                      machines have no such service.
 LoadResult machineCredentials(const SourceContext& context, bool& hasResponded);
 
-/// All of the above in this order, the first two only when no profile is given. The first source that has credentials
-/// is used. If none has, the result has the reasons of all. Until there have been credentials, a service that cannot be
-/// connected to is not a TransientException: a wrong address is more likely than an outage.
+/// The first of the above in this order that has credentials; the first two only when no profile is given.
 CredentialsLoader credentialsChain(SourceContext context);
 
 /// Exchange the token that a login to the portal has left in ~/.aws/sso/cache for the credentials of the profile's

@@ -1,24 +1,10 @@
-#include "CredentialsFailure.hpp"
 #include "CredentialsSources.hpp"
 #include "SecurityTokenService.hpp"
 
+#include <storage/clients/credentials/CredentialsFailure.hpp>
+
 namespace storage::clients::s3
 {
-
-namespace
-{
-
-/// Whether both variables are set. It is a failure if only one is.
-bool areSet(const Environment& environment, const char* first, const char* second)
-{
-    if (environment[first].empty() != environment[second].empty())
-    {
-        throw invalidCredentials(std::string(first) + " and " + second + ": only one is set; set both or neither");
-    }
-    return !environment[first].empty();
-}
-
-} // namespace
 
 LoadResult environmentCredentials(const SourceContext& context)
 {

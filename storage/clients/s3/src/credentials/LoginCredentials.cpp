@@ -1,8 +1,10 @@
-#include "CredentialsService.hpp"
-#include "ServiceAddress.hpp"
+#include "CredentialsDocument.hpp"
+#include "CredentialsSources.hpp"
+#include "ServiceEndpoints.hpp"
 #include "SharedConfig.hpp"
-#include "SmallFile.hpp"
 
+#include <storage/clients/credentials/CredentialsService.hpp>
+#include <storage/clients/credentials/SmallFile.hpp>
 #include <storage/clients/http/Hashing.hpp>
 #include <storage/clients/http/RequestBody.hpp>
 #include <storage/clients/http/UriEncoding.hpp>

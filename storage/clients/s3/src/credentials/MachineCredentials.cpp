@@ -1,4 +1,7 @@
-#include "CredentialsService.hpp"
+#include "CredentialsDocument.hpp"
+#include "CredentialsSources.hpp"
+
+#include <storage/clients/credentials/CredentialsService.hpp>
 
 #include <boost/algorithm/string/predicate.hpp>
 

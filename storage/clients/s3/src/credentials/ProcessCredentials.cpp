@@ -1,11 +1,11 @@
 #include "ChildProcess.hpp"
 #include "CommandWords.hpp"
 #include "CredentialsDocument.hpp"
-#include "CredentialsFailure.hpp"
 #include "CredentialsSources.hpp"
 #include "SharedConfig.hpp"
 
 #include <storage/clients/common/KeyRules.hpp>
+#include <storage/clients/credentials/CredentialsFailure.hpp>
 
 #include <boost/algorithm/string/trim_all.hpp>
 

@@ -1,7 +1,8 @@
-#include "CredentialsFailure.hpp"
 #include "CredentialsSources.hpp"
 #include "SecurityTokenService.hpp"
 #include "SharedConfig.hpp"
+
+#include <storage/clients/credentials/CredentialsFailure.hpp>
 
 #include <algorithm>
 #include <array>

@@ -1,12 +1,12 @@
 #include "SecurityTokenService.hpp"
-
-#include "CredentialsService.hpp"
-#include "ServiceAddress.hpp"
+#include "CredentialsDocument.hpp"
+#include "ServiceEndpoints.hpp"
 #include "SharedConfig.hpp"
-#include "SmallFile.hpp"
 #include "signing/RequestSigner.hpp"
 
 #include <storage/clients/common/KeyRules.hpp>
+#include <storage/clients/credentials/CredentialsService.hpp>
+#include <storage/clients/credentials/SmallFile.hpp>
 #include <storage/clients/http/Hashing.hpp>
 #include <storage/clients/http/RequestBody.hpp>
 #include <storage/clients/http/UriEncoding.hpp>

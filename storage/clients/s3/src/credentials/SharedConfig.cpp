@@ -1,6 +1,6 @@
 #include "SharedConfig.hpp"
 
-#include "CredentialsFailure.hpp"
+#include <storage/clients/credentials/CredentialsFailure.hpp>
 
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/predicate.hpp>
@@ -77,7 +77,7 @@ SharedConfig::SharedConfig(const Environment& environment)
         }
         m_files.push_back(std::move(file));
     };
-    read(SharedFile::Kind::Credentials, "AWS_SHARED_CREDENTIALS_FILE", "~/.aws/credentials");
+    read(SharedFile::Kind::Profiles, "AWS_SHARED_CREDENTIALS_FILE", "~/.aws/credentials");
     read(SharedFile::Kind::Config, "AWS_CONFIG_FILE", "~/.aws/config");
 }
 
@@ -150,16 +150,6 @@ ConfiguredEndpoint configuredEndpoint(const SourceContext& context, const std::s
         }
     }
     return {profile["endpoint_url"], "endpoint_url of " + profile.where};
-}
-
-std::filesystem::path expandHome(const Environment& environment, const std::string& path)
-{
-    if (!path.starts_with("~/"))
-    {
-        return path;
-    }
-    const std::filesystem::path home = environment["HOME"];
-    return home.empty() ? home : home / path.substr(2);
 }
 
 } // namespace storage::clients::s3

@@ -1,7 +1,8 @@
 #pragma once
 
 #include "CredentialsSources.hpp"
-#include "SharedFile.hpp"
+
+#include <storage/clients/credentials/SharedFile.hpp>
 
 #include <initializer_list>
 #include <map>
@@ -66,8 +67,5 @@ struct ConfiguredEndpoint
 /// @param service  in lower case, such as "s3"
 /// @throws cloudprovider::InvalidCredentialsException as above, and when there is no section of that name
 ConfiguredEndpoint configuredEndpoint(const SourceContext& context, const std::string& service);
-
-/// Replace "~/" at the front of a path by the home folder: a variable from a unit file has not been through a shell.
-std::filesystem::path expandHome(const Environment& environment, const std::string& path);
 
 } // namespace storage::clients::s3

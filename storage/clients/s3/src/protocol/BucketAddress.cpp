@@ -1,6 +1,6 @@
 #include "BucketAddress.hpp"
 
-#include "credentials/ServiceAddress.hpp"
+#include "credentials/ServiceEndpoints.hpp"
 
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/http/UriEncoding.hpp>

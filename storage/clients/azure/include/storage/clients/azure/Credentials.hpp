@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -15,9 +14,6 @@ struct Credentials
     std::string accountKey = {};  ///< in base64, as the service shows it; never printed
     std::string sas = {};         ///< a shared access signature: a query without "?", percent-encoded; never printed
     std::string bearerToken = {}; ///< of an identity; never printed
-
-    /// When the bearer token expires; the maximum: never, or not known. The signature of `sas` has its own time.
-    std::chrono::system_clock::time_point expires = std::chrono::system_clock::time_point::max();
 
     /// Whether requests are sent as they are, which is enough to read a public container.
     bool isAnonymous() const noexcept { return accountKey.empty() && sas.empty() && bearerToken.empty(); }
@@ -49,17 +45,36 @@ public:
 /// Credentials that never change.
 std::shared_ptr<CredentialsSource> fixedCredentials(Credentials credentials);
 
-/// Credentials from the environment; the first of these that is set is used:
+/// Credentials from the sources that the store's own tools use. The first source that has some is used.
 ///
-/// 1. AZURE_STORAGE_CONNECTION_STRING, with AccountKey or SharedAccessSignature
-/// 2. AZURE_STORAGE_KEY
-/// 3. AZURE_STORAGE_SAS_TOKEN
+/// 1. the variable AZURE_STORAGE_CONNECTION_STRING, else AZURE_STORAGE_KEY, else AZURE_STORAGE_SAS_TOKEN. A connection
+///    string has AccountKey or SharedAccessSignature. Only these and AccountName are read from it, not its endpoints
+/// 2. the application AZURE_CLIENT_ID of AZURE_TENANT_ID, with AZURE_CLIENT_SECRET, else with the token in the file
+///    AZURE_FEDERATED_TOKEN_FILE
+/// 3. an app's identity endpoint (IDENTITY_ENDPOINT and IDENTITY_HEADER)
+/// 4. connection_string, key or sas_token in the section [storage] of the file `config` of the command line `az`,
+/// unless
+///    they are for another account
+/// 5. the user who has logged in with `az` and the tenant of the default subscription: the token in the token cache,
+///    or a new one. The cache must not be encrypted, and is not written
+/// 6. the machine's metadata service (AZURE_POD_IDENTITY_AUTHORITY_HOST); skipped when AZURE_METADATA_DISABLED is true
 ///
-/// What is set and cannot be used is a failure, also a connection string or an AZURE_STORAGE_ACCOUNT for another
-/// account. Reads the variables now; no other thread may change the environment during the call. Failures are thrown
-/// at the first use, and again at each later one.
+/// 3 and 6 request a token for AZURE_CLIENT_ID when it is set; 4 and 5 are skipped then. The files of 4 and 5 are in
+/// the folder AZURE_CONFIG_DIR, else ~/.azure. Tokens of 2 and 5 are requested from AZURE_AUTHORITY_HOST, else from
+/// login.microsoftonline.com, or from the host of the login.
+///
+/// A misconfigured source is an error and is not skipped: the next source's credentials would be those of another
+/// identity. Examples are a connection string or AZURE_STORAGE_ACCOUNT for another account, a secret without its
+/// application, a certificate (AZURE_CLIENT_CERTIFICATE_PATH), a file that cannot be read, an application that is
+/// refused, a login that has expired, or that of an application, an encrypted token cache, and a service that cannot be
+/// connected to and has never issued credentials. If there are no credentials, that result is cached for a minute.
+/// Tokens are replaced five minutes before they expire. Secrets and tokens are sent to these services over https, or on
+/// this machine.
+///
+/// Reads the variables now; no other thread may change the environment during the call. Reads files and uses services
+/// at the first use.
 /// @param account      the storage account that requests are for
-/// @param authorities  PEM file of the certificate authorities for services that are asked; empty: the system's
+/// @param authorities  PEM file of the certificate authorities for these services; empty: the system's
 /// @param interrupted  as in AzureSettings; ends waiting for a service
 std::shared_ptr<CredentialsSource> defaultCredentials(const std::string& account,
     const std::filesystem::path& authorities = {}, const std::function<bool()>& interrupted = {});

@@ -1,45 +1,17 @@
-#include "ServiceAddress.hpp"
+#include "ServiceEndpoints.hpp"
 
-#include "CredentialsFailure.hpp"
 #include "SharedConfig.hpp"
 
 #include <storage/clients/common/KeyRules.hpp>
+#include <storage/clients/credentials/CredentialsFailure.hpp>
 
-#include <arpa/inet.h>
-
-#include <curl/curl.h>
 #include <fmt/format.h>
-
-#include <memory>
-#include <new>
 
 namespace storage::clients::s3
 {
 
 namespace
 {
-
-std::string partOf(CURLU* address, CURLUPart part)
-{
-    char* text = nullptr;
-    if (curl_url_get(address, part, &text, CURLU_NO_DEFAULT_PORT) != CURLUE_OK)
-    {
-        return {};
-    }
-    const std::unique_ptr<char, decltype(&curl_free)> owner(text, &curl_free);
-    return text;
-}
-
-/// Whether requests to the host stay on this machine.
-bool isLocal(const std::string& host)
-{
-    in_addr address{};
-    if (::inet_pton(AF_INET, host.c_str(), &address) == 1)
-    {
-        return host.starts_with("127.") || host == "169.254.170.2" || host == "169.254.170.23";
-    }
-    return host == "localhost" || host == "[::1]" || host == "[fd00:ec2::23]";
-}
 
 /// The end of the name of each host in a region.
 std::string hostSuffix(const std::string& region)
@@ -57,31 +29,6 @@ std::string hostSuffix(const std::string& region)
 std::string_view domainOf(std::string_view region)
 {
     return region.starts_with("cn-") ? "amazonaws.com.cn" : "amazonaws.com";
-}
-
-ServiceAddress parseAddress(const std::string& name, const std::string& url)
-{
-    const std::string base = url.substr(0, url.find_last_not_of('/') + 1);
-    const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> parsed(curl_url(), &curl_url_cleanup);
-    if (parsed == nullptr)
-    {
-        throw std::bad_alloc();
-    }
-    if (curl_url_set(parsed.get(), CURLUPART_URL, base.c_str(), CURLU_PATH_AS_IS) != CURLUE_OK)
-    {
-        throw invalidCredentials(name + " is not a valid URL");
-    }
-    if (!partOf(parsed.get(), CURLUPART_USER).empty())
-    {
-        throw invalidCredentials(name + " must not contain a user name");
-    }
-    return {base, partOf(parsed.get(), CURLUPART_SCHEME), partOf(parsed.get(), CURLUPART_HOST),
-        partOf(parsed.get(), CURLUPART_PORT), partOf(parsed.get(), CURLUPART_PATH)};
-}
-
-bool isPrivate(const ServiceAddress& address)
-{
-    return address.scheme == "https" || (address.scheme == "http" && isLocal(address.host));
 }
 
 std::optional<ServiceAddress> configuredAddress(const SourceContext& context, const std::string& service)

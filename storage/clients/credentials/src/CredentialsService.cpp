@@ -1,8 +1,8 @@
-#include "CredentialsService.hpp"
+#include <storage/clients/credentials/CredentialsService.hpp>
 
 #include <utility>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
 namespace
@@ -23,7 +23,7 @@ HttpTimeouts timeoutsAt(CredentialsService::Place place)
 
 } // namespace
 
-CredentialsService::CredentialsService(const SourceContext& context, std::string name, Place place)
+CredentialsService::CredentialsService(const ServiceContext& context, std::string name, Place place)
     : m_name(std::move(name))
     , m_place(place)
     , m_client({timeoutsAt(place), context.authorities, context.interrupted})
@@ -55,8 +55,8 @@ catch (const HttpFailure& failure)
     }
     throw invalidCredentials(
         detail + (failure.kind() == HttpFailure::Kind::Certificate
-                         ? "; if it has its own certificate authority, name the PEM file in AWS_CA_BUNDLE"
+                         ? "; if it has its own certificate authority, name the PEM file as ca-file in the store's URL"
                          : ""));
 }
 
-} // namespace storage::clients::s3
+} // namespace storage::clients

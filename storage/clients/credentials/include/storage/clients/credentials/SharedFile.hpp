@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
 /// The values of settings by name. Names are in lower case. Those that belong to another setting, because they are
@@ -15,13 +15,13 @@ using SharedSettings = std::map<std::string, std::string, std::less<>>;
 /// The sections of a file by kind and name, such as "profile" and "default".
 using SharedSections = std::map<std::pair<std::string, std::string>, SharedSettings>;
 
-/// One of the two files that the store's tools share.
+/// One of the files that the store's tools share.
 struct SharedFile
 {
     enum class Kind
     {
-        Credentials, ///< a section is named like its profile: [NAME]
-        Config       ///< [default] for that profile, [KIND NAME] for all others
+        Profiles, ///< a section is named like its profile: [NAME]
+        Config    ///< [default] for that profile, [KIND NAME] for all others
     };
 
     Kind kind;
@@ -37,4 +37,4 @@ struct SharedFile
 ///         number but never the text of a line
 SharedSections readSharedFile(const SharedFile& file);
 
-} // namespace storage::clients::s3
+} // namespace storage::clients

@@ -1,25 +1,13 @@
 #pragma once
 
-#include "CredentialsDocument.hpp"
-#include "CredentialsFailure.hpp"
-#include "CredentialsSources.hpp"
-
+#include <storage/clients/credentials/CredentialsFailure.hpp>
+#include <storage/clients/credentials/CredentialsLoader.hpp>
 #include <storage/clients/http/HttpClient.hpp>
 
 #include <string>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
-
-/// No connection to a service.
-class UnreachableService : public TransientException
-{
-public:
-    explicit UnreachableService(const std::string& detail)
-        : TransientException(credentialsUnavailable(detail))
-    {
-    }
-};
 
 /// A server that provides credentials. Errors name it and contain nothing of its responses.
 class CredentialsService
@@ -32,7 +20,7 @@ public:
     };
 
     /// @param name  for errors
-    CredentialsService(const SourceContext& context, std::string name, Place place);
+    CredentialsService(const ServiceContext& context, std::string name, Place place);
 
     /// Send a request.
     ///
@@ -70,4 +58,4 @@ private:
     HttpClient m_client;
 };
 
-} // namespace storage::clients::s3
+} // namespace storage::clients

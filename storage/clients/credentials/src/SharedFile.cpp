@@ -1,6 +1,6 @@
-#include "SharedFile.hpp"
+#include <storage/clients/credentials/SharedFile.hpp>
 
-#include "CredentialsFailure.hpp"
+#include <storage/clients/credentials/CredentialsFailure.hpp>
 
 #include <algorithm>
 #include <cerrno>
@@ -8,7 +8,7 @@
 #include <string_view>
 #include <system_error>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
 namespace
@@ -91,7 +91,7 @@ private:
 
     SharedSections::key_type nameOf(std::string_view section) const
     {
-        if (m_kind == SharedFile::Kind::Credentials || section == "default")
+        if (m_kind == SharedFile::Kind::Profiles || section == "default")
         {
             return {"profile", std::string(section)};
         }
@@ -181,4 +181,4 @@ SharedSections readSharedFile(const SharedFile& file)
     return parser.takeSections();
 }
 
-} // namespace storage::clients::s3
+} // namespace storage::clients

@@ -1,6 +1,6 @@
-#include "SmallFile.hpp"
+#include <storage/clients/credentials/SmallFile.hpp>
 
-#include "CredentialsFailure.hpp"
+#include <storage/clients/credentials/CredentialsFailure.hpp>
 
 #include <fl/filesystem.hpp>
 
@@ -8,17 +8,10 @@
 #include <fstream>
 #include <system_error>
 
-namespace storage::clients::s3
+namespace storage::clients
 {
 
-namespace
-{
-
-constexpr std::size_t maxSize = 64 << 10; // services accept less
-
-} // namespace
-
-std::string readSmallFile(const std::filesystem::path& path, const std::string& role)
+std::string readSmallFile(const std::filesystem::path& path, const std::string& role, std::size_t maxSize)
 {
     const auto refuse = [&](const std::string& reason)
     { return invalidCredentials("reading " + path.string() + ", " + role + ": " + reason); };
@@ -64,4 +57,4 @@ void replaceSmallFile(const std::filesystem::path& path, const std::string& text
     }
 }
 
-} // namespace storage::clients::s3
+} // namespace storage::clients
