@@ -1,6 +1,5 @@
 #include "AzureStore.hpp"
 
-#include <storage/clients/common/TransientException.hpp>
 #include <storage/clients/http/Hashing.hpp>
 #include <storage/clients/http/ResponseFields.hpp>
 #include <storage/clients/http/Times.hpp>
@@ -26,7 +25,8 @@ namespace
 
 constexpr std::uint64_t maxHashedRange = 4U << 20; // bytes; the service hashes no larger ones
 constexpr std::uint64_t maxCopy = 256U << 20;      // bytes that the service copies before it responds
-constexpr std::uint64_t minBlockSize = 256U << 10; // bytes; the service takes smaller ones, but has room for 50,000
+constexpr std::uint64_t minBlockSize = 5U << 20;   // bytes; the service takes smaller ones, but has room for 50,000
+constexpr std::uint64_t maxResent = 64U << 20;     // bytes of a block that is sent again when some of it changes
 constexpr std::uint64_t maxBlockSize = 4'000ULL << 20U;
 
 } // namespace
@@ -45,6 +45,7 @@ StoreAbilities AzureStore::abilities(const std::string& /*key*/) const
         .maxParts = maxBlocks,
         .maxObjectSize = maxBlocks * maxBlockSize,
         .maxTakeSize = m_refusesCopies ? 0 : maxCopy,
+        .takesWholeParts = true,
         .conditionalTakes = true,
         .conditionalWrites = true,
         .conditionalCreation = true,
@@ -141,35 +142,14 @@ HttpHeaders AzureStore::headersFor(const AzureRequest& write, const ObjectMetada
 }
 
 /// Send a request that makes a blob. @return its tag
-///
-/// @param findOwn  looks up whether a request without a response has made the blob; returns its tag, or nothing.
-/// Without
-///                 this, the same request would be refused, because the blob is no longer the required one.
-std::string AzureStore::sendWrite(
-    AzureRequest& request, const WriteCondition& condition, const std::function<std::string()>& findOwn)
+std::string AzureStore::sendWrite(AzureRequest& request, const WriteCondition& condition)
 {
     if (condition)
     {
         condition->empty() ? request.headers.add("If-None-Match", "*")
                            : request.headers.add("If-Match", quotedTag(*condition));
     }
-    const auto settle = [&]() -> std::string
-    {
-        std::string tag = findOwn ? findOwn() : "";
-        return tag.empty() ? throw : tag;
-    };
-    try
-    {
-        return m_requester.tagIn(request, m_requester.send(request));
-    }
-    catch (const TransientException&)
-    {
-        return settle();
-    }
-    catch (const PreconditionFailed& refusal)
-    {
-        return refusal.wasSentTwice() ? settle() : throw;
-    }
+    return m_requester.tagIn(request, m_requester.send(request));
 }
 
 std::string AzureStore::putObject(
@@ -179,15 +159,7 @@ std::string AzureStore::putObject(
     request.headers = headersFor(request, metadata, key);
     request.headers.add(std::string(blobTypeField), "BlockBlob");
     request.body = &body;
-    const auto findOwn = [&]
-    {
-        const AzureRequest lookup{Operation::PutObject, key, "HEAD"};
-        const HttpResponse response = m_requester.send(lookup, {404});
-        const std::string* const hash = response.headers.find("Content-MD5");
-        const bool isOwn = hash != nullptr && *hash == toBase64(md5(body)) && lengthOf(response) == body.size();
-        return isOwn ? m_requester.tagIn(lookup, response) : "";
-    };
-    return sendWrite(request, condition, condition ? std::function<std::string()>(findOwn) : nullptr);
+    return sendWrite(request, condition);
 }
 
 void AzureStore::deleteObject(const std::string& key, const WriteCondition& condition)
@@ -283,6 +255,29 @@ AzureStore::StoredBlocks AzureStore::findBlocks(const std::string& key, Operatio
     return {tag == nullptr ? "" : unquotedTag(*tag), m_requester.read(request, response, readBlockList)};
 }
 
+std::vector<std::uint64_t> AzureStore::partEnds(const std::string& key, const Version& version)
+{
+    const AzureRequest request{Operation::CopyPart, key, ""};
+    const StoredBlocks stored = findBlocks(key, request.operation);
+    if (stored.tag != version.tag)
+    {
+        throwObjectChanged(m_requester.contextOf(request));
+    }
+    const auto& blocks = stored.list.committed;
+    const bool hasLarge = std::ranges::any_of(blocks, [](const Block& block) { return block.size > maxResent; });
+    std::vector<std::uint64_t> ends;
+    if (hasLarge && !m_refusesCopies)
+    {
+        return ends; // a small change would send one of them again; copying both of its sides is faster
+    }
+    std::uint64_t end = 0;
+    for (const Block& block : blocks)
+    {
+        ends.push_back(end += block.size);
+    }
+    return ends;
+}
+
 std::string AzureStore::createUpload(const std::string& key, const ObjectMetadata& metadata, const std::string& source)
 {
     const AzureRequest request{Operation::CreateMultipartUpload, key, ""};
@@ -333,13 +328,7 @@ std::string AzureStore::completeUpload(const std::string& key, const std::string
     TextBody body(writeBlockList(blocks));
     request.body = &body;
     request.serverSideWork = true;
-    const auto findOwn = [&]
-    {
-        const StoredBlocks stored = findBlocks(key, request.operation);
-        const bool isOwn = std::ranges::equal(stored.list.committed, blocks, {}, &Block::id, &ListedBlock::id);
-        return isOwn && stored.tag != upload->tag ? stored.tag : "";
-    };
-    std::string tag = sendWrite(request, needed, findOwn);
+    std::string tag = sendWrite(request, needed);
     m_uploads.close(uploadId);
     return tag;
 }
@@ -366,14 +355,30 @@ UploadsPage AzureStore::listUploads(const std::string& /*token*/)
     return {m_uploads.pending(), ""};
 }
 
-std::string AzureStore::tagOf(RequestBody& /*body*/) const
+/// Its MD5 is part of what is known about a blob.
+bool AzureStore::isMadeOf(const std::string& key, const StoredObject& object, RequestBody& body)
 {
-    return {};
+    const AzureRequest request{Operation::PutObject, key, "HEAD"};
+    const HttpResponse response = m_requester.send(request, {404});
+    const std::string* const hash = response.headers.find("Content-MD5");
+    return hash != nullptr && *hash == toBase64(md5(body)) && lengthOf(response) == body.size() &&
+           m_requester.tagIn(request, response) == object.version.tag;
 }
 
-std::string AzureStore::tagOf(const std::vector<NumberedTag>& /*parts*/) const
+/// The ids of its blocks tell which upload made a blob. Ends the upload if it did.
+bool AzureStore::isMadeOf(const std::string& key, const StoredObject& object, const std::string& uploadId,
+    const std::vector<NumberedTag>& parts)
 {
-    return {};
+    const auto upload = m_uploads.find(key, uploadId);
+    if (!upload || object.version.tag == upload->tag)
+    {
+        return false;
+    }
+    const StoredBlocks stored = findBlocks(key, Operation::CompleteMultipartUpload);
+    const bool isOwn = stored.tag == object.version.tag && std::ranges::equal(stored.list.committed,
+                                                               upload->listed(parts), {}, &Block::id, &ListedBlock::id);
+    isOwn ? m_uploads.close(uploadId) : void();
+    return isOwn;
 }
 
 } // namespace storage::clients::azure

@@ -48,6 +48,7 @@ public:
         const std::string& key, const ObjectMetadata& metadata, const std::string& source) override;
     std::string uploadPart(
         const std::string& key, const std::string& uploadId, std::size_t number, RequestBody& body) override;
+    std::vector<std::uint64_t> partEnds(const std::string& key, const Version& version) override;
     std::string takePart(const std::string& key, const std::string& uploadId, std::size_t number,
         const CopySource& source, const ByteRange& range) override;
     std::string completeUpload(const std::string& key, const std::string& uploadId,
@@ -58,9 +59,9 @@ public:
     /// Only those of this object: the service does not say which blocks belong together.
     UploadsPage listUploads(const std::string& token) override;
 
-    /// Always empty: entity tags are not hashes.
-    std::string tagOf(RequestBody& body) const override;
-    std::string tagOf(const std::vector<NumberedTag>& parts) const override;
+    bool isMadeOf(const std::string& key, const StoredObject& object, RequestBody& body) override;
+    bool isMadeOf(const std::string& key, const StoredObject& object, const std::string& uploadId,
+        const std::vector<NumberedTag>& parts) override;
 
 private:
     struct StoredBlocks
@@ -73,8 +74,7 @@ private:
     bool isMissing(const AzureRequest& request, const HttpResponse& response);
     HttpHeaders headersFor(const AzureRequest& write, const ObjectMetadata& metadata, const std::string& source);
     HttpResponse sendCopy(AzureRequest request, const CopySource& source, std::uint64_t size);
-    std::string sendWrite(
-        AzureRequest& request, const WriteCondition& condition, const std::function<std::string()>& findOwn);
+    std::string sendWrite(AzureRequest& request, const WriteCondition& condition);
 
     Requester m_requester;
     BlockUploads m_uploads;

@@ -45,7 +45,7 @@ void ObjectWriter::put(const std::string& key, std::istream& content, std::uint6
     const auto isStored = [&](const std::optional<StoredObject>& stored)
     {
         tag = stored ? stored->version.tag : "";
-        return stored && m_store.isMadeOf(*stored, body);
+        return stored && m_store.isMadeOf(key, *stored, body);
     };
     m_retry.run({Operation::PutObject, key, nullptr, size},
         [&] { attempt(key, required, !m_store.abilities(key).conditionalWrites, send, isStored); });

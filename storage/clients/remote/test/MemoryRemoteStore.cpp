@@ -295,7 +295,7 @@ public:
         return page;
     }
 
-    bool isMadeOf(const StoredObject& object, RequestBody& body) override
+    bool isMadeOf(const std::string& /*key*/, const StoredObject& object, RequestBody& body) override
     {
         return object.version.tag == toHex(md5(body));
     }

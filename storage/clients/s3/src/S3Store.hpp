@@ -48,7 +48,7 @@ public:
     void abortUpload(const std::string& key, const std::string& uploadId) override;
     bool isOpen(const std::string& key, const std::string& uploadId) override;
     UploadsPage listUploads(const std::string& token) override;
-    bool isMadeOf(const StoredObject& object, RequestBody& body) override;
+    bool isMadeOf(const std::string& key, const StoredObject& object, RequestBody& body) override;
     bool isMadeOf(const std::string& key, const StoredObject& object, const std::string& uploadId,
         const std::vector<NumberedTag>& parts) override;
 

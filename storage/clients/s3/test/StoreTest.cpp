@@ -549,7 +549,7 @@ TEST(UploadTest, RecognisesItsObjectsByMd5Hashes)
     LoopbackServer server([](const Request&) { return Reply(); });
     S3Store store(settingsFor(server));
     TextBody body(content);
-    EXPECT_TRUE(store.isMadeOf({{tag, 1}, {}}, body) && !store.isMadeOf({{"other", 1}, {}}, body));
+    EXPECT_TRUE(store.isMadeOf("key", {{tag, 1}, {}}, body) && !store.isMadeOf("key", {{"other", 1}, {}}, body));
     const StoredObject object{{toHex(md5(md5(content) + md5(content))) + "-2", 1}, {}};
     EXPECT_TRUE(store.isMadeOf("key", object, "id", {{1, tag}, {5, tag}}));
     EXPECT_FALSE(store.isMadeOf("key", object, "id", {{1, tag}, {2, "other"}}));

@@ -190,7 +190,7 @@ public:
     /// Whether an object is what putObject() makes of this body, or completeUpload() of this upload. Called when the
     /// response to such a request was lost. @return false also: that cannot be told
     /// @param object  as findObject() returned it
-    virtual bool isMadeOf(const StoredObject& object, RequestBody& body) = 0;
+    virtual bool isMadeOf(const std::string& key, const StoredObject& object, RequestBody& body) = 0;
     virtual bool isMadeOf(const std::string& key, const StoredObject& object, const std::string& uploadId,
         const std::vector<NumberedTag>& parts) = 0;
 };
