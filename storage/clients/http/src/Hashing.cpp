@@ -140,8 +140,7 @@ std::string fromBase64(std::string_view text)
     {
         return {};
     }
-    bytes.resize(bytes.size() - padding); // the decoder counts the padding as bytes
-    return bytes;
+    return bytes.substr(0, bytes.size() - padding); // the decoder counts the padding as bytes
 }
 
 std::string toHex(std::string_view bytes)

@@ -21,9 +21,9 @@ std::string describe(const RequestContext& context, const HttpResponse& response
     const std::string* const header = response.headers.find(context.requestIdField);
     const std::string requestId = header != nullptr ? *header : error.requestId;
     std::string text = fmt::format("{} failed: {} returned {}", context.action, context.origin, response.status);
-    text += error.code.empty() ? "" : " " + excerpt(error.code);
-    text += error.message.empty() || error.message == error.code ? "" : " (" + excerpt(error.message) + ")";
-    text += requestId.empty() ? "" : ", request " + excerpt(requestId);
+    text += error.code.empty() ? "" : fmt::format(" {}", excerpt(error.code));
+    text += error.message.empty() || error.message == error.code ? "" : fmt::format(" ({})", excerpt(error.message));
+    text += requestId.empty() ? "" : fmt::format(", request {}", excerpt(requestId));
     return text;
 }
 

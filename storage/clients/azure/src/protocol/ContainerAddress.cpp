@@ -29,8 +29,8 @@ ContainerAddress::ContainerAddress(const AzureSettings& settings)
     {
         refuse(clients::quoted(m_container) + " is not a valid container name");
     }
-    const auto endpoint =
-        readEndpoint(settings.endpoint.empty() ? "https://" + m_account + ".blob.core.windows.net" : settings.endpoint);
+    const auto endpoint = readEndpoint(
+        settings.endpoint.empty() ? fmt::format("https://{}.blob.core.windows.net", m_account) : settings.endpoint);
     if (!endpoint)
     {
         refuse("the endpoint must be like https://HOST or http://HOST:PORT/ACCOUNT"); // it may contain a password
@@ -51,7 +51,8 @@ std::string ContainerAddress::path(const std::string& key) const
         throw cloudprovider::InvalidLocationException(
             "Invalid name", "key " + clients::quoted(key) + " is refused: the store takes a backslash for a slash");
     }
-    return m_endpoint.path + "/" + uriEncode(m_container) + (key.empty() ? "" : "/" + uriEncodePath(m_prefix + key));
+    return fmt::format("{}/{}{}{}", m_endpoint.path, uriEncode(m_container), key.empty() ? "" : "/",
+        key.empty() ? "" : uriEncodePath(m_prefix + key));
 }
 
 std::string ContainerAddress::resource(const std::string& key) const

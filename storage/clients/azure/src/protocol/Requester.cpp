@@ -5,6 +5,8 @@
 #include <storage/clients/http/Hashing.hpp>
 #include <storage/clients/http/ResponseFields.hpp>
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <ctime>
 
@@ -37,8 +39,9 @@ FailureContext Requester::contextOf(const AzureRequest& request) const
     const bool hasCondition = std::any_of(request.headers.begin(), request.headers.end(),
         [](const HttpHeaders::Field& field)
         { return field.name.starts_with("If-") || field.name == "x-ms-source-if-match"; });
-    return {{std::string(name(request.operation)) + (request.key.empty() ? "" : " of " + quoted(request.key)),
-                m_address.origin(), "x-ms-request-id", m_wasReached},
+    return {
+        {std::string(name(request.operation)) + (request.key.empty() ? "" : fmt::format(" of {}", quoted(request.key))),
+            m_address.origin(), "x-ms-request-id", m_wasReached},
         m_address.container(), hasCondition, m_isAnonymous};
 }
 
@@ -73,7 +76,8 @@ HttpResponse Requester::sendOnce(
 {
     const SigningContext context{m_address.account(), m_address.path(request.key), request.query, std::time(nullptr)};
     HttpRequest http{request.method,
-        m_address.origin() + context.path + (request.query.empty() ? "" : "?" + encodeQuery(request.query)),
+        m_address.origin() + context.path +
+            (request.query.empty() ? "" : fmt::format("?{}", encodeQuery(request.query))),
         request.headers, request.body};
     if (request.serverSideWork)
     {
