@@ -70,7 +70,7 @@ public:
     conformance::Capabilities capabilities() const override
     {
         conformance::Capabilities result;
-        result.minPartSize = 256 << 10;
+        result.minPartSize = 5 << 20;
         result.noPartBoundaries = "an object is cut by rule";
         result.noSharedUploads = "an upload is a record of the instance";
         result.noBackslashes = "the server takes them for slashes";

@@ -221,40 +221,32 @@ TEST(StoreTest, ListsWholeBlocksAgainAndFindsTheBlobOfALostResponse)
     EXPECT_EQ(server.requests().back()["x-ms-source-range"], "bytes=100-119");
     EXPECT_EQ(copied.size(), 20U) << "as long as the others";
     EXPECT_THROW(store.completeUpload("k", id, {{1, run}}, "other"), PreconditionFailed);
-    EXPECT_EQ(store.completeUpload("k", id, {{1, run}, {2, copied}}, {}), "new");
-    const auto requests = server.requests();
-    EXPECT_EQ(requests.at(requests.size() - 2)["If-Match"], "\"old\"") << "the blocks are those of this version";
-    EXPECT_EQ(requests.at(requests.size() - 2).body(),
+    EXPECT_EQ(store.partEnds("k", source.version), (std::vector<std::uint64_t>{100, 150}));
+    const std::vector<NumberedTag> parts{{1, run}, {2, copied}};
+    EXPECT_THROW(store.completeUpload("k", id, parts, {}), TransientException);
+    const Request completion = server.requests().back();
+    EXPECT_EQ(completion["If-Match"], "\"old\"") << "the blocks are those of this version";
+    EXPECT_EQ(completion.body(),
         "<?xml version=\"1.0\"?><BlockList><Committed>Zmlyc3QgYmxvY2sgLi4u</Committed><Uncommitted>" + copied +
             "</Uncommitted></BlockList>");
+    EXPECT_FALSE(store.isMadeOf("k", {source.version, {}}, id, parts));
+    EXPECT_TRUE(store.isMadeOf("k", {{"new", 120, nullptr}, {}}, id, parts));
     EXPECT_FALSE(store.isOpen("k", id));
+    EXPECT_THROW(store.partEnds("k", source.version), PreconditionFailed);
 }
 
-TEST(StoreTest, FindsItsOwnBlobAfterALostResponseToAConditionalPut)
+TEST(StoreTest, KnowsItsOwnBlobByItsHash)
 {
-    for (const bool isOwn : {true, false})
+    LoopbackServer server(
+        [](const Request&) {
+            return Reply{200, {{"ETag", "\"new\""}, {"Content-MD5", toBase64(md5("content"))}}, "content"};
+        });
+    AzureStore store(settingsFor(server));
+    for (const auto& [bytes, tag, isOwn] : {std::tuple("content", "new", true), std::tuple("others.", "new", false),
+             std::tuple("content", "other", false)})
     {
-        LoopbackServer server(
-            [&](const Request& request)
-            {
-                return request.method() == boost::beast::http::verb::put
-                           ? Reply::raw("", Reply::Then::Close)
-                           : Reply{200,
-                                 {{"ETag", "\"new\""}, {"Content-MD5", toBase64(md5(isOwn ? "content" : "others."))}},
-                                 "content"};
-            });
-        AzureStore store(settingsFor(server));
-        std::string tag;
-        try
-        {
-            TextBody body("content");
-            tag = store.putObject("a/key", body, "old", {});
-        }
-        catch (const TransientException&)
-        {
-        }
-        EXPECT_EQ(tag, isOwn ? "new" : "");
-        EXPECT_EQ(server.requests().back().method_string(), "HEAD");
+        TextBody body(bytes);
+        EXPECT_EQ(store.isMadeOf("key", {{tag, 7, nullptr}, {}}, body), isOwn);
     }
 }
 
