@@ -122,7 +122,7 @@ std::optional<Upload::Begun> Upload::beginSending(const cloudprovider::PartInfo&
     return begun;
 }
 
-std::optional<Upload::Begun> Upload::beginSendingSpooled(
+std::optional<std::uint64_t> Upload::beginSendingSpooled(
     const PartGroup& group, const StoreAbilities& store, std::size_t maxSending)
 {
     std::unique_lock lock(m_mutex);
@@ -142,11 +142,12 @@ std::optional<Upload::Begun> Upload::beginSendingSpooled(
     Part& first = m_parts.find(group.first)->second;
     first.sending = Sending::Queued;
     ++m_sending;
-    return Begun{"", first.generation};
+    return first.generation;
 }
 
 bool Upload::canSendSpooled(const PartGroup& group, const StoreAbilities& store) const
 {
+    std::uint64_t size = 0;
     for (std::size_t index = group.first; index < group.end(); ++index)
     {
         const auto part = m_parts.find(index);
@@ -155,9 +156,9 @@ bool Upload::canSendSpooled(const PartGroup& group, const StoreAbilities& store)
         {
             return false;
         }
+        size += part->second.size;
     }
     const std::uint64_t begin = m_parts.at(group.first).offset;
-    const std::uint64_t size = partOf(group).size;
     return size <= store.maxPartSize && hasRoom(group, begin, begin + size, store);
 }
 
@@ -176,11 +177,6 @@ std::optional<std::shared_ptr<PartBytes>> Upload::startSending(std::size_t first
 PlannedPart Upload::spooledPart(const PartGroup& group) const
 {
     const std::lock_guard lock(m_mutex);
-    return partOf(group);
-}
-
-PlannedPart Upload::partOf(const PartGroup& group) const
-{
     PlannedPart planned{group.number, PlannedPart::How::Send, 0, {}};
     for (std::size_t index = group.first; index < group.end(); ++index)
     {

@@ -101,11 +101,11 @@ public:
     /// The group that a part belongs to. It has no number if the part is to wait for the completion.
     PartGroup groupOf(const cloudprovider::PartInfo& part, const StoreAbilities& store) const;
 
-    /// A group that is on the way.
+    /// A part that is on the way.
     struct Begun
     {
-        std::string tag;          ///< of its first part
-        std::uint64_t generation; ///< of its first part
+        std::string tag;
+        std::uint64_t generation;
     };
 
     /// Record that a part, which is a group of its own, is on the way. Replaces as setPart(). Waits while `maxSending`
@@ -118,8 +118,9 @@ public:
 
     /// The same for a group of several parts, which stay in the spool: when one of them is replaced, the group counts
     /// as not sent.
-    /// @return nullopt also: parts are missing, too small or on the way already, or are too large together
-    std::optional<Begun> beginSendingSpooled(
+    /// @return the generation of its first part; nullopt also: parts are missing, too small or on the way already, or
+    ///         are too large together
+    std::optional<std::uint64_t> beginSendingSpooled(
         const PartGroup& group, const StoreAbilities& store, std::size_t maxSending);
 
     /// Take the bytes of the group with this first part, to send them. Null: they are in the spool.
@@ -170,7 +171,6 @@ private:
     // These require m_mutex.
     void cancel(std::size_t index);
     bool canSendSpooled(const PartGroup& group, const StoreAbilities& store) const;
-    PlannedPart partOf(const PartGroup& group) const;
     void replacePart(std::size_t index, Part part);
     void ungroup(const Part& member) noexcept;
     bool isOnTheWay(std::size_t index) const;

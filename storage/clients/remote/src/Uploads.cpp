@@ -200,9 +200,9 @@ std::string Uploads::send(const std::string& key, const std::string& id, const P
     // A group in which a part is written again is left to the completion, as it may be rewritten part by part.
     if (group.count > 1 && isFirstTime)
     {
-        if (const auto begun = upload->beginSendingSpooled(group, store, maxSending))
+        if (const auto generation = upload->beginSendingSpooled(group, store, maxSending))
         {
-            sendLater({upload, group, begun->generation}, true);
+            sendLater({upload, group, *generation}, true);
         }
     }
     return tag;

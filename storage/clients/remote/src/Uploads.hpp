@@ -88,11 +88,11 @@ private:
         std::uint64_t generation; // of its first part
     };
 
-    /// The bytes of a part that is sent from temporary files.
+    /// The bytes of a part that is sent.
     struct MappedPart
     {
-        std::vector<MappedBytes> mappings;
-        std::vector<std::string_view> pieces; // of them
+        std::vector<MappedBytes> mappings;    // none if they are in a buffer
+        std::vector<std::string_view> pieces; // in order
     };
 
     static Retry::Request request(Operation operation, Upload& upload, std::uint64_t bytes = 0, std::size_t number = 0);

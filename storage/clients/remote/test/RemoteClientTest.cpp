@@ -659,8 +659,7 @@ TEST_F(RemoteClientTest, UsesNoNumberTwiceAtATime)
 {
     bucket->abilities.maxParts = 10; // of 1, 1, 2, 4, 8 parts of the file, and so on
     bucket->abilities.maxObjectSize = 100'000;
-    for (const bool areEqual :
-        {false, true}) // whether the store turns out to want equal parts, or part 3 is not listed
+    for (const bool areEqual : {false, true}) // the store turns out to want that; else part 3 is not listed
     {
         open(2);
         bucket->takeRequests();

@@ -90,10 +90,8 @@ TEST_F(RetryTest, WaitsThenGivesUp)
             throw TransientException("Busy", "store busy", row.retryAfter);
         };
         const auto progress = [&] { return std::min(begun.size(), row.progressing); };
-        EXPECT_THAT(
-            [&] {
-                retry.run({row.operation, key}, attempt, progress);
-            },
+        const Retry::Request request{row.operation, key};
+        EXPECT_THAT([&] { retry.run(request, attempt, progress); },
             Throws<TransientException>(
                 AllOf(hasDetail("store busy; gave up after " + row.summary + " s after the first: another attempt"),
                     Property(&TransientException::retryAfter, row.retryAfter))));
