@@ -1,19 +1,25 @@
 #!/usr/bin/env bash
 # Demonstrate the library: store a real tree of files and one large file, read them back and compare.
 #
-# Usage: scripts/demo.sh [local|gateway]
+# Usage: scripts/demo.sh [local|gateway|azurite]
 #
-# The store is a local directory, or a bucket of an object gateway that is started on loopback and stopped at the end.
+# The store is a local directory, a bucket of an object gateway, or a container of an emulator of Azure Blob Storage. The
+# last two are started on loopback and stopped at the end.
 # Installs missing packages and builds first. Removes everything at the end except build/.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 kind=${1:-local}
-if [[ $kind != local && $kind != gateway ]]; then
-    echo "usage: scripts/demo.sh [local|gateway]" >&2
-    exit 2
-fi
+gateway=() # the server, for scripts/gateway.sh
+case $kind in
+    local | gateway) ;;
+    azurite) gateway=(azurite) ;;
+    *)
+        echo "usage: scripts/demo.sh [local|gateway|azurite]" >&2
+        exit 2
+        ;;
+esac
 
 scripts/install-deps.sh
 echo "Building; the output goes to build/logs …"
@@ -22,7 +28,7 @@ build release cloudfs
 work=$(mktemp -d)
 clean_up()
 {
-    [[ $kind == local ]] || scripts/gateway.sh stop >/dev/null
+    [[ $kind == local ]] || scripts/gateway.sh "${gateway[@]}" stop >/dev/null
     rm -rf "$work"
 }
 trap clean_up EXIT
@@ -32,12 +38,15 @@ export TMPDIR=$work/tmp # the provider's temporary files, so that an interrupted
 step=0
 
 store=local:$work/store
-if [[ $kind == gateway ]]; then
+if [[ $kind != local ]]; then
     export CLOUDFS_GATEWAY_DIR=$work/gateway # does not disturb another running gateway
-    scripts/gateway.sh start >/dev/null
-    eval "$(scripts/gateway.sh env)"
-    store="s3://$CLOUDFS_TEST_S3_BUCKET?endpoint=$CLOUDFS_TEST_S3_ENDPOINT&path-style=1"
+    scripts/gateway.sh "${gateway[@]}" start >/dev/null
+    eval "$(scripts/gateway.sh "${gateway[@]}" env)"
 fi
+case $kind in
+    gateway) store="s3://$CLOUDFS_TEST_S3_BUCKET?endpoint=$CLOUDFS_TEST_S3_ENDPOINT&path-style=1" ;;
+    azurite) store="azure://$AZURE_STORAGE_ACCOUNT/$CLOUDFS_TEST_AZURE_CONTAINER?endpoint=$CLOUDFS_TEST_AZURE_ENDPOINT" ;;
+esac
 cloudfs() { "$root/build/release/tools/cloudfs/cloudfs" --store "$store" "$@"; }
 
 # begin, then report TEXT…: measure a step and print it with its duration.
@@ -112,7 +121,7 @@ printf 'changed' | dd of="$large" bs=1M seek=$middle oflag=seek_bytes conv=notru
 calls=$(sed -n 's/^cloudfs: store calls: //p' "$work/log")
 grep -qE 'uploadPart 1 .*copyPart [0-9]+ ' <<<"$calls" || die "expected one part to be uploaded: $calls"
 grep -oE '(uploadPart|copyPart) [0-9]+ \([^)]*\)' <<<"$calls" | sed 's/^/       /'
-report "changed 7 bytes in the middle of it: uploaded one part, the store copied the others"
+report "changed 7 bytes in the middle of it: uploaded one part, the store kept or copied the others"
 
 begin
 printf 'the end' | cloudfs append /large.tar

@@ -55,6 +55,8 @@ constexpr const char* globalOptionForms = // at most 100 columns
     "  memory:         A store in memory: empty, and gone when the command ends\n"
     "  s3://BUCKET/PREFIX?endpoint=URL&region=REGION&path-style=1\n"
     "                  A bucket of an S3-compatible store, or a folder in it\n"
+    "  azure://ACCOUNT/CONTAINER/PREFIX?endpoint=URL\n"
+    "                  A container of Azure Blob Storage, or a folder in it\n"
     "\n"
     "Folders:\n"
     "  marker          Each folder is an object of its own, so it may be empty\n"

@@ -33,8 +33,7 @@ struct OpenStoreOptions
 /// - `s3://BUCKET/PREFIX?endpoint=URL&region=REGION&path-style=1`  a bucket, or what is below a prefix in it; see
 ///   s3::parseS3Url() for all parameters, and S3Client
 /// - `azure://ACCOUNT/CONTAINER/PREFIX?endpoint=URL`  a container of Azure Blob Storage, or what is below a prefix in
-/// it;
-///   see azure::parseAzureUrl() for all parameters, and AzureClient
+///   it; see azure::parseAzureUrl() for all parameters, and AzureClient
 ///
 /// On the result, findInterface() finds StoreCounters, UploadInventory and the store's own class. The counters are
 /// those of CountingClient, or of RemoteClient.
