@@ -29,6 +29,14 @@ constexpr std::uint64_t minBlockSize = 5U << 20;   // bytes; the service takes s
 constexpr std::uint64_t maxResent = 64U << 20;     // bytes of a block that is sent again when some of it changes
 constexpr std::uint64_t maxBlockSize = 4'000ULL << 20U;
 
+void addCondition(HttpHeaders& headers, const WriteCondition& condition)
+{
+    if (condition)
+    {
+        condition->empty() ? headers.add("If-None-Match", "*") : headers.add("If-Match", quotedTag(*condition));
+    }
+}
+
 } // namespace
 
 AzureStore::AzureStore(const AzureSettings& settings)
@@ -144,11 +152,7 @@ HttpHeaders AzureStore::headersFor(const AzureRequest& write, const ObjectMetada
 /// Send a request that makes a blob. @return its tag
 std::string AzureStore::sendWrite(AzureRequest& request, const WriteCondition& condition)
 {
-    if (condition)
-    {
-        condition->empty() ? request.headers.add("If-None-Match", "*")
-                           : request.headers.add("If-Match", quotedTag(*condition));
-    }
+    addCondition(request.headers, condition);
     return m_requester.tagIn(request, m_requester.send(request));
 }
 
@@ -219,11 +223,7 @@ std::string AzureStore::copyObject(const CopySource& source, const std::string& 
         value == nullptr ? void() : request.headers.add(name, *value);
     }
     request.headers.add("x-ms-requires-sync", "true");
-    if (condition)
-    {
-        condition->empty() ? request.headers.add("If-None-Match", "*")
-                           : request.headers.add("If-Match", quotedTag(*condition));
-    }
+    addCondition(request.headers, condition);
     return m_requester.tagIn(request, sendCopy(request, source, source.version.size));
 }
 
