@@ -124,6 +124,35 @@ TEST(EmulatorTest, AChangedFileKeepsItsMetadata)
     EXPECT_EQ(metadata("a.html"), before);
 }
 
+TEST(EmulatorTest, AChangeSendsOneBlockAndOneList)
+{
+    if (EmulatorContainer::endpoint() == nullptr)
+    {
+        GTEST_SKIP() << "there is no emulator";
+    }
+    const EmulatorContainer container;
+    AzureClient client(parseAzureUrl(container.url()));
+    std::string content(40 << 20, 'b');
+    conformance::putParts(client, "k", std::vector(8, content.substr(0, 5 << 20)));
+    std::vector<PartInfo> parts = client.getObjectParts("k");
+    const std::string id = client.createMultipartUpload("k", parts[0].Tag);
+    for (PartInfo& part : parts)
+    {
+        part.Tag =
+            part.Index == 77
+                ? conformance::uploadPart(client, "k", id, part.Index, std::string(part.Size, 'c'), part.Offset).Tag
+                : client.copyPart("k", id, part);
+    }
+    content.replace(parts[77].Offset, parts[77].Size, parts[77].Size, 'c');
+    CallSnapshot before = client.callSnapshot();
+    client.completeMultipartUpload("k", id, parts);
+    CallSnapshot after = client.callSnapshot();
+    EXPECT_EQ(after[Operation::UploadPart].calls - before[Operation::UploadPart].calls, 1U);
+    EXPECT_EQ(after[Operation::UploadPart].bytes - before[Operation::UploadPart].bytes, 5U << 20);
+    EXPECT_EQ(after[Operation::CompleteMultipartUpload].calls - before[Operation::CompleteMultipartUpload].calls, 1U);
+    EXPECT_TRUE(conformance::get(client, "k") == content);
+}
+
 /// A harness if there is an emulator; null: the case is skipped.
 template <bool hasPrefix>
 std::unique_ptr<conformance::Harness> makeHarness()
