@@ -74,6 +74,7 @@ public:
         result.noPartBoundaries = "an object is cut by rule";
         result.noSharedUploads = "an upload is a record of the instance";
         result.noBackslashes = "the server takes them for slashes";
+        result.noTrailingDots = "the service ignores them";
         result.noByteOrder = "the server compares the 16-bit units of names";
         result.maxKeyBytes -= hasPrefix ? prefix.size() : 0;
         return result;

@@ -81,8 +81,13 @@ public:
 
     conformance::Capabilities capabilities() const override
     {
-        return {5 << 20, "", "", "an object is cut by rule", isCeph() ? "this gateway wants every part listed" : "",
-            "the store hears of an upload with its first part", "", "", "", 1'024 - prefix.size()};
+        conformance::Capabilities result;
+        result.minPartSize = 5 << 20;
+        result.noPartBoundaries = "an object is cut by rule";
+        result.noUnlistedParts = isCeph() ? "this gateway wants every part listed" : "";
+        result.noSharedUploads = "the store hears of an upload with its first part";
+        result.maxKeyBytes -= prefix.size();
+        return result;
     }
 
 private:

@@ -115,9 +115,12 @@ TEST_P(CloudClientConformance, StoresObjectsUnderUnusualNames)
              "\x7F", "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "CON", "index.db"})
     {
         EXPECT_NO_THROW(client().validateObjectName(name)) << name;
-        if (name.find('\\') != std::string::npos && !capabilities().noBackslashes.empty())
+        const std::string refused = name.find('\\') != std::string::npos ? capabilities().noBackslashes
+                                    : name.ends_with('.')                ? capabilities().noTrailingDots
+                                                                         : "";
+        if (!refused.empty())
         {
-            EXPECT_THROW(put("n/" + name, name), InvalidLocationException) << capabilities().noBackslashes;
+            EXPECT_THROW(put("n/" + name, name), InvalidLocationException) << refused;
             continue;
         }
         put("n/" + name, name);

@@ -46,10 +46,14 @@ std::string ContainerAddress::path(const std::string& key) const
             fmt::format("key {} is refused: it has {} bytes and the prefix of the store {}, at most {} are allowed",
                 quoted(key), key.size(), m_prefix.size(), maxKeyBytes));
     }
-    if (key.find('\\') != std::string::npos)
+    // Otherwise a request would be for the blob of another key, which the service takes the name for.
+    const std::string segments = m_prefix + key + "/";
+    const bool hasBackslash = segments.find('\\') != std::string::npos;
+    if (hasBackslash || segments.find("./") != std::string::npos)
     {
         throw cloudprovider::InvalidLocationException(
-            "Invalid name", "key " + clients::quoted(key) + " is refused: the store takes a backslash for a slash");
+            "Invalid name", fmt::format("key {} is refused: the store {}", clients::quoted(m_prefix + key),
+                                hasBackslash ? "takes a backslash for a slash" : "ignores dots at the end of a name"));
     }
     return fmt::format("{}/{}{}{}", m_endpoint.path, uriEncode(m_container), key.empty() ? "" : "/",
         key.empty() ? "" : uriEncodePath(m_prefix + key));

@@ -25,7 +25,9 @@ public:
     std::string origin() const { return m_endpoint.origin(); }
 
     /// The encoded path of a key; of the container itself when the key is empty.
-    /// @throws cloudprovider::InvalidLocationException when the key is too long with the prefix, or has a backslash
+    /// @throws cloudprovider::InvalidLocationException when the key is too long with the prefix, has a backslash, or a
+    /// segment
+    ///         that ends with a dot
     std::string path(const std::string& key) const;
 
     /// The name of the blob of a key, as signatures of its URL have it.

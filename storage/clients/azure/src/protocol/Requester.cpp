@@ -2,8 +2,10 @@
 
 #include "signing/Authorizer.hpp"
 #include <storage/clients/common/KeyRules.hpp>
+#include <storage/clients/credentials/ServiceAddress.hpp>
 #include <storage/clients/http/Hashing.hpp>
 #include <storage/clients/http/ResponseFields.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <fmt/format.h>
 
@@ -20,6 +22,7 @@ Requester::Requester(const AzureSettings& settings)
     , m_http({settings.timeouts, settings.authorities, settings.interrupted})
     , m_timeouts(settings.timeouts)
     , m_address(settings)
+    , m_isPrivate(isPrivate(parseAddress("the endpoint", m_address.origin())))
 {
 }
 
@@ -53,6 +56,13 @@ HttpResponse Requester::send(
         for (bool hasRefreshed = false;; hasRefreshed = true)
         {
             const Credentials credentials = m_credentials->credentials();
+            if (!m_isPrivate && !(credentials.sas.empty() && credentials.bearerToken.empty()))
+            {
+                throw cloudprovider::InvalidCredentialsException("Invalid credentials",
+                    "a token or a signature is sent only over https, or to this machine: whoever reads it can use it; "
+                    "change the endpoint " +
+                        m_address.origin());
+            }
             HttpResponse response = sendOnce(request, credentials, receiver);
             if (response.status / 100 == 2 || std::ranges::find(accepted, response.status) != accepted.end())
             {

@@ -39,6 +39,7 @@ struct AzureRequest
 class Requester
 {
 public:
+    /// @throws cloudprovider::InvalidLocationException when the settings are not a valid address
     explicit Requester(const AzureSettings& settings);
 
     /// Send a request.
@@ -80,6 +81,7 @@ private:
     HttpClient m_http;
     const HttpTimeouts m_timeouts;
     const ContainerAddress m_address;
+    const bool m_isPrivate; // no network is crossed unencrypted
     std::atomic<bool> m_wasReached = false;
     std::atomic<bool> m_isAnonymous = false; // of the last request; for messages
 };

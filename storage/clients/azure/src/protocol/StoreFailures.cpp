@@ -23,6 +23,7 @@ struct Row
 };
 
 constexpr std::string_view leased = "somebody else holds a lease on the blob; release or break it";
+constexpr std::string_view notBlockIds = "the blob, or an unfinished upload to its name, has block ids of another size";
 constexpr std::string_view notBlocks = "only block blobs can be written; copy the file to another name";
 
 constexpr std::array rows{
@@ -50,6 +51,9 @@ constexpr std::array rows{
     Row{"InvalidBlobType", Meaning::Other, notBlocks},
     Row{"InvalidBlockList", Meaning::Other,
         "somebody else has written the blob, and with that the store has dropped the blocks that were sent"},
+    Row{"InvalidBlobOrBlock", Meaning::Other, notBlockIds},
+    Row{"BlockCountExceedsLimit", Meaning::Other,
+        "too many blocks were sent that belong to no blob; the store drops them after a week"},
     Row{"LeaseIdMissing", Meaning::Other, leased},
     Row{"LeaseAlreadyPresent", Meaning::Other, leased},
     Row{"ConditionNotMet", Meaning::Changed, ""},
@@ -94,6 +98,10 @@ Row rowFor(int status, const std::string& code)
     if (code.empty() && status < 500 && meaningOf(status) != Meaning::Transient)
     {
         return {"", Meaning::BadLocation, "this is not the response of an Azure store; check the endpoint"};
+    }
+    if (code == "CannotVerifyCopySource") // its status is that of reading the source
+    {
+        return {"", status == 412 ? Meaning::Changed : meaningOf(status), "the store could not read the source"};
     }
     const auto* const row = std::ranges::find(rows, code, &Row::code);
     return row != rows.end() ? *row : Row{"", meaningOf(status), ""};

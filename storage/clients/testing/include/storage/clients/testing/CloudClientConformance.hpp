@@ -28,10 +28,11 @@ struct Capabilities
     std::string noSubrangeCopies;     ///< why copyPart() copies only whole parts, as getObjectParts() returned them
     std::string noPartBoundaries;     ///< why getObjectParts() returns other parts than were uploaded, at least one
     std::string noUnlistedParts;      ///< why completeMultipartUpload() must list every part that was sent
-    std::string noSharedUploads;    ///< why only the instance that began an upload can use it, also once it has a part
-    std::string noVersionPins;      ///< why a file that was opened may be read or patched in another version
-    std::string noBackslashes = {}; ///< why keys with a backslash are refused
-    std::string noByteOrder = {};   ///< why keys are listed in an order other than that of their bytes
+    std::string noSharedUploads;     ///< why only the instance that began an upload can use it, also once it has a part
+    std::string noVersionPins;       ///< why a file that was opened may be read or patched in another version
+    std::string noBackslashes = {};  ///< why keys with a backslash are refused
+    std::string noTrailingDots = {}; ///< why keys with a segment that ends with a dot are refused
+    std::string noByteOrder = {};    ///< why keys are listed in an order other than that of their bytes
     std::size_t maxKeyBytes = 1'024;
 };
 
