@@ -12,6 +12,8 @@
 
 #include <boost/algorithm/string/predicate.hpp>
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -28,6 +30,7 @@ constexpr std::uint64_t maxCopy = 256U << 20;      // bytes that the service cop
 constexpr std::uint64_t minBlockSize = 5U << 20;   // bytes; the service takes smaller ones, but has room for 50,000
 constexpr std::uint64_t maxResent = 64U << 20;     // bytes of a block that is sent again when some of it changes
 constexpr std::uint64_t maxBlockSize = 4'000ULL << 20U;
+constexpr std::size_t maxBlocks = 50'000; // of a blob
 
 void addCondition(HttpHeaders& headers, const WriteCondition& condition)
 {
@@ -52,7 +55,8 @@ StoreAbilities AzureStore::abilities(const std::string& /*key*/) const
         .maxPartSize = maxBlockSize,
         .maxParts = maxBlocks,
         .maxObjectSize = maxBlocks * maxBlockSize,
-        .maxTakeSize = m_refusesCopies ? 0 : maxCopy,
+        .maxCopySize = m_refusesCopies ? 0 : maxCopy,
+        .maxTakeSize = m_refusesTakes ? 0 : maxCopy,
         .takesWholeParts = true,
         .conditionalTakes = true,
         .conditionalWrites = true,
@@ -203,11 +207,12 @@ HttpResponse AzureStore::sendCopy(AzureRequest request, const CopySource& source
     }
     catch (const UnsupportedOperationException& failure)
     {
-        if (!m_refusesCopies.exchange(true))
+        const bool isRange = request.operation == Operation::CopyPart;
+        if (!(isRange ? m_refusesTakes : m_refusesCopies).exchange(true))
         {
-            getLogger().write(
-                foundation::log::severity::warning, "the server does not copy, so bytes are downloaded and uploaded: " +
-                                                        failure.detail().value_or(failure.what()));
+            getLogger().write(foundation::log::severity::warning,
+                fmt::format("the server does not copy {}, so bytes are downloaded and uploaded: {}",
+                    isRange ? "ranges" : "blobs", failure.detail().value_or(failure.what())));
         }
         throw;
     }
@@ -217,7 +222,8 @@ std::string AzureStore::copyObject(const CopySource& source, const std::string& 
 {
     AzureRequest request{Operation::PutObject, target, "PUT"};
     const HttpHeaders all = headersFor(request, *source.version.metadata, source.key);
-    for (const char* const name : {"x-ms-access-tier", "x-ms-tags"}) // the store copies all others
+    for (const char* const name :
+        {"x-ms-access-tier", "x-ms-tags", encryptionScopeField}) // the store copies all others
     {
         const std::string* const value = all.find(name);
         value == nullptr ? void() : request.headers.add(name, *value);
@@ -266,7 +272,7 @@ std::vector<std::uint64_t> AzureStore::partEnds(const std::string& key, const Ve
     const auto& blocks = stored.list.committed;
     const bool hasLarge = std::ranges::any_of(blocks, [](const Block& block) { return block.size > maxResent; });
     std::vector<std::uint64_t> ends;
-    if (hasLarge && !m_refusesCopies)
+    if (hasLarge && !m_refusesTakes)
     {
         return ends; // a small change would send one of them again; copying both of its sides is faster
     }
@@ -287,29 +293,43 @@ std::string AzureStore::createUpload(const std::string& key, const ObjectMetadat
     return m_uploads.open(key, stored.tag, stored.list, std::move(headers));
 }
 
+/// A request that sends a block of an upload.
+AzureRequest AzureStore::blockRequest(Operation operation, BlockUpload& upload, std::size_t number)
+{
+    AzureRequest request{operation, upload.key, "PUT", {{"comp", "block"}, {"blockid", upload.nextBlockId(number)}}};
+    const std::string* const scope = upload.headers.find(encryptionScopeField); // blocks must have the blob's
+    scope == nullptr ? void() : request.headers.add(encryptionScopeField, *scope);
+    return request;
+}
+
 std::string AzureStore::uploadPart(
     const std::string& key, const std::string& uploadId, std::size_t number, RequestBody& body)
 {
-    std::string id = m_uploads.get(key, uploadId)->blockId(number);
-    AzureRequest request{Operation::UploadPart, key, "PUT", {{"comp", "block"}, {"blockid", id}}};
+    AzureRequest request = blockRequest(Operation::UploadPart, *m_uploads.get(key, uploadId), number);
     request.body = &body;
     m_requester.send(request);
-    return id;
+    return request.query.back().second;
+}
+
+std::string AzureStore::takeWholeParts(const std::string& key, const std::string& uploadId, std::size_t /*number*/,
+    const Version& version, const ByteRange& range)
+{
+    const auto upload = m_uploads.get(key, uploadId);
+    if (version.tag != upload->tag)
+    {
+        throwObjectChanged(m_requester.contextOf({Operation::CopyPart, key, ""}));
+    }
+    return upload->runOf(range);
 }
 
 std::string AzureStore::takePart(const std::string& key, const std::string& uploadId, std::size_t number,
     const CopySource& source, const ByteRange& range)
 {
     const auto upload = m_uploads.get(key, uploadId);
-    if (auto run = upload->takeRun(source, range))
-    {
-        return *run;
-    }
-    std::string id = upload->blockId(number);
-    AzureRequest request{Operation::CopyPart, key, "PUT", {{"comp", "block"}, {"blockid", id}}};
+    AzureRequest request = blockRequest(Operation::CopyPart, *upload, number);
     request.headers.add("x-ms-source-range", rangeField(range));
     sendCopy(request, source, range.size);
-    return id;
+    return request.query.back().second;
 }
 
 std::string AzureStore::completeUpload(const std::string& key, const std::string& uploadId,
@@ -347,7 +367,8 @@ bool AzureStore::isOpen(const std::string& key, const std::string& uploadId)
         return false;
     }
     const StoredBlocks stored = findBlocks(key, Operation::CompleteMultipartUpload);
-    return !stored.list.uncommitted.empty() || stored.tag == upload->tag;
+    return std::ranges::any_of(stored.list.uncommitted, [&](const Block& block) { return upload->owns(block); }) ||
+           (!stored.tag.empty() && stored.tag == upload->tag); // if all parts are blocks that the blob has
 }
 
 UploadsPage AzureStore::listUploads(const std::string& /*token*/)

@@ -49,6 +49,8 @@ public:
     std::string uploadPart(
         const std::string& key, const std::string& uploadId, std::size_t number, RequestBody& body) override;
     std::vector<std::uint64_t> partEnds(const std::string& key, const Version& version) override;
+    std::string takeWholeParts(const std::string& key, const std::string& uploadId, std::size_t number,
+        const Version& version, const ByteRange& range) override;
     std::string takePart(const std::string& key, const std::string& uploadId, std::size_t number,
         const CopySource& source, const ByteRange& range) override;
     std::string completeUpload(const std::string& key, const std::string& uploadId,
@@ -73,6 +75,7 @@ private:
     StoredBlocks findBlocks(const std::string& key, Operation operation);
     bool isMissing(const AzureRequest& request, const HttpResponse& response);
     HttpHeaders headersFor(const AzureRequest& write, const ObjectMetadata& metadata, const std::string& source);
+    AzureRequest blockRequest(Operation operation, BlockUpload& upload, std::size_t number);
     HttpResponse sendCopy(AzureRequest request, const CopySource& source, std::uint64_t size);
     std::string sendWrite(AzureRequest& request, const WriteCondition& condition);
 
@@ -80,7 +83,8 @@ private:
     BlockUploads m_uploads;
     const std::string m_prefix;                // of all keys; the requester adds it to those of requests
     const std::size_t m_transfers;             // requests that may be running at a time
-    std::atomic<bool> m_refusesCopies = false; // the server does not implement them; emulators do not
+    std::atomic<bool> m_refusesCopies = false; // the server does not implement copies of blobs
+    std::atomic<bool> m_refusesTakes = false;  // nor those of ranges; emulators do not
 };
 
 } // namespace storage::clients::azure

@@ -4,6 +4,7 @@
 #include <storage/clients/http/Hashing.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
+#include <boost/algorithm/hex.hpp>
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
 #include <fmt/format.h>
@@ -19,9 +20,9 @@ using namespace cloudprovider;
 namespace
 {
 
-constexpr std::size_t digitsOfNumber = 5;             // up to maxBlocks
-constexpr std::size_t minIdSize = digitsOfNumber + 8; // 32 random bits tell uploads apart
-constexpr std::size_t ownIdSize = 24;                 // no padding in base64
+constexpr std::size_t countSize = 4;             // bytes of the number of the part, and of the count
+constexpr std::size_t minIdSize = countSize + 4; // 32 random bits tell uploads apart
+constexpr std::size_t ownIdSize = countSize + 8; // no padding in base64
 
 std::string randomId()
 {
@@ -31,34 +32,41 @@ std::string randomId()
 
 } // namespace
 
-std::string BlockUpload::blockId(std::size_t number) const
+std::string BlockUpload::idPrefix() const
 {
-    std::string text = id;
-    text.resize(idSize - digitsOfNumber, '0');
-    return toBase64(text + fmt::format("{:05}", number));
+    std::string bytes = boost::algorithm::unhex(id);
+    bytes.resize(idSize - countSize, '\0');
+    return bytes;
 }
 
-std::optional<std::string> BlockUpload::takeRun(const CopySource& source, const ByteRange& range) const
+std::string BlockUpload::nextBlockId(std::size_t number)
 {
-    if (source.key != key || source.version.tag != tag)
+    const unsigned sent = ++sentBlocks;
+    std::string bytes = idPrefix();
+    for (const std::size_t byte : {number >> 8U, number, std::size_t{sent >> 8U}, std::size_t{sent}})
     {
-        return std::nullopt;
+        bytes += static_cast<char>(byte & 0xFFU);
     }
-    std::uint64_t offset = 0;
+    return toBase64(bytes);
+}
+
+bool BlockUpload::owns(const Block& block) const
+{
+    return fromBase64(block.id).starts_with(idPrefix());
+}
+
+std::string BlockUpload::runOf(const ByteRange& range) const
+{
     std::size_t first = 0;
-    for (; first < blocks.size() && offset < range.offset; ++first)
+    std::size_t last = 0;
+    std::uint64_t offset = 0;
+    for (const Block& block : blocks)
     {
-        offset += blocks[first].size;
+        first += offset < range.offset ? 1 : 0;
+        last += offset < range.offset + range.size ? 1 : 0;
+        offset += block.size;
     }
-    const std::uint64_t end = range.offset + range.size;
-    std::size_t last = first;
-    std::uint64_t covered = offset;
-    for (; last < blocks.size() && covered < end; ++last)
-    {
-        covered += blocks[last].size;
-    }
-    return offset == range.offset && covered == end ? std::optional(fmt::format("run:{}:{}", first, last))
-                                                    : std::nullopt;
+    return fmt::format("run:{}:{}", first, last);
 }
 
 std::vector<ListedBlock> BlockUpload::listed(const std::vector<NumberedTag>& parts) const
@@ -78,48 +86,43 @@ std::vector<ListedBlock> BlockUpload::listed(const std::vector<NumberedTag>& par
             result.push_back({blocks.at(i).id, true});
         }
     }
-    if (result.size() > maxBlocks)
-    {
-        throw UnknownErrorException("Too many blocks",
-            fmt::format("completeMultipartUpload of {} failed: the blob would have {} blocks, at most {} are allowed; "
-                        "copy the file, which writes it with fewer",
-                quoted(key), result.size(), maxBlocks));
-    }
     return result;
 }
 
 std::string BlockUploads::open(
     const std::string& key, const std::string& tag, const BlockList& list, HttpHeaders headers)
 {
-    auto upload = std::make_shared<BlockUpload>(BlockUpload{randomId(),
-        boost::posix_time::microsec_clock::universal_time(), key, tag, list.committed, ownIdSize, std::move(headers)});
-    const auto& known = list.committed.empty() ? list.uncommitted : list.committed;
-    if (!known.empty())
-    {
-        upload->idSize = fromBase64(known.front().id).size();
-    }
+    const auto upload = std::make_shared<BlockUpload>();
+    upload->id = randomId();
+    upload->created = boost::posix_time::microsec_clock::universal_time();
+    upload->key = key;
+    upload->tag = tag;
+    upload->blocks = list.committed;
+    upload->headers = std::move(headers);
+    const bool isBlob = !list.committed.empty();
+    const auto& known = isBlob ? list.committed : list.uncommitted;
+    upload->idSize = known.empty() ? ownIdSize : fromBase64(known.front().id).size();
     if (upload->idSize < minIdSize)
     {
-        throw UnknownErrorException("Unusable blob",
-            fmt::format(
-                "changing {} failed: it was written in blocks with ids of {} bytes, and at least {} are needed; "
-                "copy the file to another name",
-                quoted(key), upload->idSize, minIdSize));
+        throw UnknownErrorException("Unusable block ids",
+            fmt::format("writing {} failed: {} block ids of {} bytes, and all of a blob must have the same size, but "
+                        "at least {} are needed to tell uploads apart; {}",
+                quoted(key), isBlob ? "the blob has" : "an unfinished upload of another program has", upload->idSize,
+                minIdSize, isBlob ? "write to another name, or delete it first" : "write to another name"));
     }
     const std::lock_guard lock(m_mutex);
-    std::string id = upload->id;
-    m_uploads.emplace(id, std::move(upload));
-    return id;
+    m_uploads.emplace(upload->id, upload);
+    return upload->id;
 }
 
-std::shared_ptr<const BlockUpload> BlockUploads::find(const std::string& key, const std::string& id) const
+std::shared_ptr<BlockUpload> BlockUploads::find(const std::string& key, const std::string& id) const
 {
     const std::lock_guard lock(m_mutex);
     const auto upload = m_uploads.find(id);
     return upload != m_uploads.end() && upload->second->key == key ? upload->second : nullptr;
 }
 
-std::shared_ptr<const BlockUpload> BlockUploads::get(const std::string& key, const std::string& id) const
+std::shared_ptr<BlockUpload> BlockUploads::get(const std::string& key, const std::string& id) const
 {
     auto upload = find(key, id);
     if (!upload)

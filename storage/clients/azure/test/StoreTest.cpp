@@ -65,6 +65,23 @@ TEST(StoreTest, AuthorisesRequestsAndCopies)
         EXPECT_EQ(requests.at(1)["x-ms-copy-source"], server.url() + "/container/source" + query);
         EXPECT_EQ(requests.at(1)["x-ms-copy-source-authorization"], expected);
         EXPECT_EQ(requests.at(1)["x-ms-source-if-match"], "\"tag\"");
+        AzureSettings insecure = settingsFor(server, credentials);
+        insecure.endpoint = "http://192.0.2.1";
+        insecure.interrupted = [] { return true; };
+        AzureStore other(insecure);
+        try
+        {
+            put(other);
+            FAIL();
+        }
+        catch (const InvalidCredentialsException&)
+        {
+            EXPECT_FALSE(credentials.isAnonymous());
+        }
+        catch (const CloudException&) // interrupted
+        {
+            EXPECT_TRUE(credentials.isAnonymous());
+        }
     }
 }
 
@@ -102,6 +119,10 @@ TEST(StoreTest, TranslatesFailures)
     const auto find = [](AzureStore& store) { store.findObject("a/key"); };
     const auto list = [](AzureStore& store) { store.listObjects("", "", {}); };
     const auto write = [](AzureStore& store) { put(store); };
+    const auto copy = [](AzureStore& store) {
+        store.copyObject({"k", {"tag", 1, std::make_shared<ObjectMetadata>()}}, "k2", {});
+    };
+    const auto open = [](AzureStore& store) { store.createUpload("k", {}, "k"); };
     const auto remove = [](AzureStore& store) { store.deleteObject("a/key", {}); };
     const std::vector<std::pair<std::string, std::string>> right = {
         {"ETag", "\"tag\""}, {"Content-Range", "bytes 0-6/9"}};
@@ -123,6 +144,13 @@ TEST(StoreTest, TranslatesFailures)
         {error(403, "AuthorizationPermissionMismatch"), write, isA<PermissionDeniedException>, "role"},
         {error(412, "ConditionNotMet"), get, isA<PreconditionFailed>, "somebody has changed"},
         {error(409, "BlobAlreadyExists"), create, isA<PreconditionFailed>, "somebody has changed"},
+        {error(412, "CannotVerifyCopySource"), copy, isA<PreconditionFailed>, "somebody has changed"},
+        {error(403, "CannotVerifyCopySource"), copy, isA<PermissionDeniedException>, "read the source"},
+        {error(400, "InvalidBlockList"), write, isA<UnknownErrorException>, "somebody else has written"},
+        {{200, {},
+             "<BlockList><UncommittedBlocks><Block><Name>YWJj</Name><Size>1</Size></Block></UncommittedBlocks></"
+             "BlockList>"},
+            open, isA<UnknownErrorException>, "another program has block ids of 3"},
         {error(412, "LeaseIdMissing"), write, isA<UnknownErrorException>, "holds a lease"},
         {error(409, "SnapshotsPresent"), remove, isA<UnknownErrorException>, "has snapshots"},
         {error(503, "ServerBusy"), list, isBusy, "503 ServerBusy"},
@@ -201,7 +229,8 @@ struct Blob
                 list += "<Block><Name>" + sent.substr(start, 20) + "</Name><Size>1</Size></Block>";
             }
         }
-        list += "</CommittedBlocks>";
+        list += "</CommittedBlocks><UncommittedBlocks><Block><Name>b3RoZXIncyBibG9jay4u</Name><Size>1</Size></Block>"
+                "</UncommittedBlocks>";
         return Reply::raw("", Reply::Then::Close);
     }
 };
@@ -212,14 +241,19 @@ TEST(StoreTest, ListsWholeBlocksAgainAndFindsTheBlobOfALostResponse)
     LoopbackServer server([&](const Request& request) { return blob(request); });
     AzureStore store(settingsFor(server));
     const CopySource source{"k", {"old", 150, nullptr}};
-    const std::string id = store.createUpload("k", {}, "k");
+    const std::string id = store.createUpload("k", {{"x-ms-encryption-scope", "scope"}}, "k");
     EXPECT_TRUE(store.isOpen("k", id));
-    std::size_t before = server.requests().size();
-    const std::string run = store.takePart("k", id, 1, source, {0, 100});
+    const std::size_t before = server.requests().size();
+    const std::string run = store.takeWholeParts("k", id, 1, source.version, {0, 100});
     EXPECT_EQ(server.requests().size(), before) << "no request";
     const std::string copied = store.takePart("k", id, 2, source, {100, 20});
     EXPECT_EQ(server.requests().back()["x-ms-source-range"], "bytes=100-119");
+    EXPECT_EQ(server.requests().back()["x-ms-encryption-scope"], "scope");
     EXPECT_EQ(copied.size(), 20U) << "as long as the others";
+    TextBody sent("sent");
+    const std::string again = store.uploadPart("k", id, 2, sent);
+    EXPECT_GT(fromBase64(again), fromBase64(copied)) << "an earlier request may take effect later";
+    EXPECT_GT(fromBase64(store.uploadPart("k", id, 3, sent)), fromBase64(again)) << "in the order of the parts";
     EXPECT_THROW(store.completeUpload("k", id, {{1, run}}, "other"), PreconditionFailed);
     EXPECT_EQ(store.partEnds("k", source.version), (std::vector<std::uint64_t>{100, 150}));
     const std::vector<NumberedTag> parts{{1, run}, {2, copied}};
@@ -230,8 +264,9 @@ TEST(StoreTest, ListsWholeBlocksAgainAndFindsTheBlobOfALostResponse)
         "<?xml version=\"1.0\"?><BlockList><Committed>Zmlyc3QgYmxvY2sgLi4u</Committed><Uncommitted>" + copied +
             "</Uncommitted></BlockList>");
     EXPECT_FALSE(store.isMadeOf("k", {source.version, {}}, id, parts));
+    EXPECT_FALSE(store.isOpen("k", id)) << "the blocks are another program's";
     EXPECT_TRUE(store.isMadeOf("k", {{"new", 120, nullptr}, {}}, id, parts));
-    EXPECT_FALSE(store.isOpen("k", id));
+    EXPECT_FALSE(store.isOpen("k", id)) << "isMadeOf() has ended it";
     EXPECT_THROW(store.partEnds("k", source.version), PreconditionFailed);
 }
 

@@ -40,7 +40,7 @@ public:
     /// See RemoteClient::deleteObjects().
     std::map<std::string, std::exception_ptr> remove(const std::vector<std::string>& keys);
 
-    /// Copy an object of at most StoreAbilities::maxTakeSize bytes.
+    /// Copy an object of at most StoreAbilities::maxCopySize bytes.
     void copy(const CopySource& source, const std::string& target);
 
 private:

@@ -161,19 +161,25 @@ bool RemoteClient::isAtomic() const noexcept
 std::string RemoteClient::copyObject(const std::string& source, const std::string& target)
 {
     const ReadAhead::Write write(m_engine->readAhead, target);
-    const std::uint64_t maxSize = m_engine->store->abilities(source).maxTakeSize;
-    if (maxSize == 0)
-    {
-        throw UnsupportedOperationException("the store cannot copy " + quoted(source));
-    }
     const auto object = m_engine->reader.find({Operation::GetObjectInfo, source});
     if (!object)
     {
         throw ResourceNotFoundException("copying " + quoted(source) + " failed: there is no such object");
     }
     const CopySource copied{source, object->version};
-    copied.version.size > maxSize ? m_engine->uploads.copyObject(copied, target, maxSize)
-                                  : m_engine->writer.copy(copied, target);
+    const StoreAbilities store = m_engine->store->abilities(source);
+    if (copied.version.size <= store.maxCopySize)
+    {
+        m_engine->writer.copy(copied, target);
+    }
+    else if (store.maxTakeSize > 0)
+    {
+        m_engine->uploads.copyObject(copied, target, store.maxTakeSize);
+    }
+    else
+    {
+        throw UnsupportedOperationException("the store cannot copy " + quoted(source));
+    }
     return copied.version.tag;
 }
 

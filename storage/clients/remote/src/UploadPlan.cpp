@@ -85,6 +85,8 @@ public:
     {
     }
 
+    How how() const noexcept { return m_ends.empty() ? How::Copy : How::Take; }
+
     /// Maximum bytes of a range; 0: none is taken.
     std::uint64_t maxSize() const noexcept { return m_maxSize; }
 
@@ -100,6 +102,23 @@ public:
     {
         const auto behind = std::upper_bound(m_ends.begin(), m_ends.end(), offset);
         return m_ends.empty() ? offset : behind == m_ends.begin() ? 0 : *std::prev(behind);
+    }
+
+    /// Where a range that could end here ends if bytes that are sent follow. A small part is sent with them: otherwise
+    /// a file that grows by little would get one more part each time.
+    std::uint64_t endBeforeSent(std::uint64_t offset, std::uint64_t minPartSize) const
+    {
+        const auto end = std::lower_bound(m_ends.begin(), m_ends.end(), offset);
+        const std::uint64_t begin = end == m_ends.begin() ? 0 : *std::prev(end);
+        return m_ends.empty() || offset - begin >= minPartSize ? offset : begin;
+    }
+
+    /// The parts that the new object gets from a range.
+    std::size_t countIn(const PlannedBytes& bytes) const
+    {
+        const auto first = std::upper_bound(m_ends.begin(), m_ends.end(), bytes.offset);
+        const auto last = std::upper_bound(first, m_ends.end(), bytes.offset + bytes.size);
+        return static_cast<std::size_t>(last - first);
     }
 
 private:
@@ -167,9 +186,10 @@ private:
         const std::uint64_t missing = mustSend && unsent < m_store.minPartSize ? m_store.minPartSize - unsent : 0;
         const std::uint64_t end = bytes.offset + bytes.size;
         const std::uint64_t copyBegin = std::min(m_takes.beginFrom(std::min(bytes.offset + missing, end)), end);
-        const std::uint64_t copyEnd = std::max(m_takes.endUpTo(end), copyBegin);
-        const bool isLastCopy =
-            isTail && copyEnd == end && (copyBegin == bytes.offset + missing || m_minCopySize <= m_size);
+        std::uint64_t copyEnd = std::max(m_takes.endUpTo(end), copyBegin);
+        const bool endsFile = isTail && copyEnd == end;
+        copyEnd = endsFile ? end : std::max(m_takes.endBeforeSent(copyEnd, m_store.minPartSize), copyBegin);
+        const bool isLastCopy = endsFile && (copyBegin == bytes.offset + missing || m_minCopySize <= m_size);
         const bool isCopied = copyEnd > copyBegin && (copyEnd - copyBegin >= m_minCopySize || isLastCopy);
         const auto add = [&](std::uint64_t from, std::uint64_t to) {
             append(m_pending, {bytes.place, bytes.index, from, to - from});
@@ -182,7 +202,7 @@ private:
         add(bytes.offset, copyBegin);
         send();
         m_parts.push_back(
-            {0, How::Copy, copyEnd - copyBegin, {{bytes.place, bytes.index, copyBegin, copyEnd - copyBegin}}});
+            {0, m_takes.how(), copyEnd - copyBegin, {{bytes.place, bytes.index, copyBegin, copyEnd - copyBegin}}});
         add(copyEnd, end);
     }
 
@@ -207,7 +227,7 @@ private:
         PlannedPart& before = m_parts.back();
         const std::uint64_t missing = m_store.minPartSize - sizeOf(m_pending);
         std::uint64_t keptSize = 0;
-        if (before.how == How::Copy && before.size >= m_store.minPartSize + missing)
+        if (before.how != How::Send && before.size >= m_store.minPartSize + missing)
         {
             const std::uint64_t begin = before.bytes.front().offset;
             keptSize = std::max(m_takes.endUpTo(begin + before.size - missing), begin) - begin;
@@ -252,7 +272,7 @@ private:
     std::uint64_t piecesOf(const PlannedPart& part, std::uint64_t sendSize) const
     {
         const auto pieces = [&](std::uint64_t maxSize) { return (part.size + maxSize - 1) / maxSize; };
-        return part.how == How::Copy ? pieces(m_takes.maxSize())
+        return part.how != How::Send ? pieces(m_takes.maxSize())
                                      : std::max({part.size / sendSize, pieces(m_store.maxPartSize), std::uint64_t{1}});
     }
 
@@ -340,9 +360,8 @@ std::vector<PlannedPart> planEqual(
 }
 
 std::vector<PlannedPart> planJoined(
-    const std::vector<FilePart>& file, const StoreAbilities& store, const std::vector<std::uint64_t>& ends)
+    const std::vector<FilePart>& file, const StoreAbilities& store, const TakeRules& takes)
 {
-    const TakeRules takes(store, ends);
     std::vector<PlannedPart> parts;
     for (auto next = file.begin(); next != file.end();)
     {
@@ -391,14 +410,12 @@ UploadPlan planUpload(
     {
         refuse(fmt::format("the object would have {} bytes; the maximum is {}", plan.size, store.maxObjectSize));
     }
-    plan.parts = store.equalParts ? planEqual(file, plan.size, store) : planJoined(file, store, ends);
-    if (plan.parts.back().number > store.maxParts)
-    {
-        refuse(
-            fmt::format("the object would have {} parts; the maximum is {}", plan.parts.back().number, store.maxParts));
-    }
+    const TakeRules takes(store, ends);
+    plan.parts = store.equalParts ? planEqual(file, plan.size, store) : planJoined(file, store, takes);
+    std::size_t count = plan.parts.back().number; // of parts that the object will have
     for (const PlannedPart& part : plan.parts)
     {
+        count += part.how == How::Take ? takes.countIn(part.bytes.front()) - 1 : 0;
         if (part.size < store.minPartSize && &part != &plan.parts.back())
         {
             refuse(fmt::format("part {} has {} bytes; every part but the last needs at least {}", part.number,
@@ -409,8 +426,16 @@ UploadPlan planUpload(
             refuse(fmt::format("part {} has {} bytes; the maximum is {}", part.number, part.size, store.maxPartSize));
         }
     }
-    plan.hasCopies = std::any_of(
-        plan.parts.begin(), plan.parts.end(), [](const PlannedPart& part) { return part.how == How::Copy; });
+    if (count > store.maxParts)
+    {
+        if (!ends.empty())
+        {
+            return planUpload(file, store); // small parts are copied together
+        }
+        refuse(fmt::format("the object would have {} parts; the maximum is {}", count, store.maxParts));
+    }
+    plan.hasCopies = std::any_of(plan.parts.begin(), plan.parts.end(),
+        [](const PlannedPart& part) { return part.how == How::Copy || part.how == How::Take; });
     return plan;
 }
 

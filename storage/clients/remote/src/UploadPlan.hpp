@@ -47,6 +47,7 @@ struct PlannedPart
     {
         Keep, ///< it was uploaded already
         Copy, ///< the store copies `bytes`, one range of the stored object
+        Take, ///< the new object gets `bytes` without a copy: whole parts of the stored object
         Send  ///< the client sends `bytes`; those of the stored object are read first
     };
 
@@ -63,7 +64,7 @@ struct UploadPlan
 {
     std::vector<PlannedPart> parts;
     std::uint64_t size = 0; ///< bytes of the new object
-    bool hasCopies = false;
+    bool hasCopies = false; ///< or parts that are taken
 
     bool operator==(const UploadPlan&) const = default;
 };
@@ -74,7 +75,7 @@ struct UploadPlan
 /// too few, such as a small changed part or the unchanged bytes between two of them, are sent together with their
 /// neighbours. If the store wants parts of equal size, all bytes are cut at multiples of one size, which is that of the
 /// parts that were uploaded.
-/// @param ends  RemoteStore::partEnds() of the stored object; not used if the store wants parts of equal size
+/// @param ends  RemoteStore::partEnds() of the stored object; empty if the store wants parts of equal size
 /// @throws cloudprovider::UnsupportedOperationException when the limits of the store make an upload impossible
 UploadPlan planUpload(
     const std::vector<FilePart>& file, const StoreAbilities& store, const std::vector<std::uint64_t>& ends = {});

@@ -623,7 +623,7 @@ void Uploads::transferParts(Upload& upload, const Completion& completion)
 /// @return the store's tag
 std::string Uploads::transferPart(Upload& upload, const PlannedPart& part, const Version& source)
 {
-    if (part.how == PlannedPart::How::Copy)
+    if (part.how == PlannedPart::How::Copy || part.how == PlannedPart::How::Take)
     {
         const std::string storeId = openAtStore(upload);
         const ByteRange range{part.bytes.front().offset, part.size};
@@ -631,7 +631,9 @@ std::string Uploads::transferPart(Upload& upload, const PlannedPart& part, const
             [&]
             {
                 return requireTag(upload.key(),
-                    m_store.takePart(upload.key(), storeId, part.number, {upload.sourceKey(), source}, range));
+                    part.how == PlannedPart::How::Take
+                        ? m_store.takeWholeParts(upload.key(), storeId, part.number, source, range)
+                        : m_store.takePart(upload.key(), storeId, part.number, {upload.sourceKey(), source}, range));
             });
     }
     MappedPart bytes = map(upload, part, source);

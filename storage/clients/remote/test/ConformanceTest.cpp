@@ -23,15 +23,19 @@ using test::StoreRequest;
 constexpr StoreAbilities everything{.minPartSize = 2'000,
     .maxParts = 1'000,
     .maxObjectSize = 1U << 20U,
+    .maxCopySize = 80'000,
     .maxTakeSize = 80'000,
     .maxDeletions = 1,
     .conditionalTakes = true,
     .conditionalWrites = true,
     .conditionalCreation = true,
     .conditionalCompletion = true};
-constexpr StoreAbilities noConditions{.minPartSize = 2'000, .maxTakeSize = 80'000};
-constexpr StoreAbilities equalParts{
-    .minPartSize = 2'000, .maxTakeSize = 80'000, .equalParts = true, .conditionalCompletion = true};
+constexpr StoreAbilities noConditions{.minPartSize = 2'000, .maxCopySize = 80'000, .maxTakeSize = 80'000};
+constexpr StoreAbilities equalParts{.minPartSize = 2'000,
+    .maxCopySize = 80'000,
+    .maxTakeSize = 80'000,
+    .equalParts = true,
+    .conditionalCompletion = true};
 
 /// A store with small and empty pages. Either every third request fails, or tags are hashes, so that an object may get
 /// a tag again that it had before; not both: after a lost response, two writers of the same bytes could not be told

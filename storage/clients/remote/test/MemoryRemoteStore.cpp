@@ -158,7 +158,7 @@ public:
         checkVersion(source.key, source.version.tag, can.conditionalTakes);
         checkVersion(target, condition, can.conditionalWrites);
         const Object object = existing(source.key);
-        require(object.content.size() <= can.maxTakeSize, "the size of what is copied");
+        require(object.content.size() <= can.maxCopySize, "the size of what is copied");
         const Object& copy = m_bucket->m_objects[target] = m_bucket->makeObject(object.content, "", object.metadata);
         request.respond(condition && can.conditionalWrites);
         return copy.tag;
@@ -220,13 +220,25 @@ public:
         }
         checkVersion(source.key, source.version.tag, m_bucket->abilities.conditionalTakes);
         const Object& object = existing(source.key);
-        const auto isEnd = [&](std::uint64_t offset)
-        { return offset == 0 || std::ranges::binary_search(object.partEnds, offset); };
-        const bool areParts = m_bucket->abilities.takesWholeParts && source.key == key && !object.partEnds.empty();
-        require(!areParts || (isEnd(range.offset) && isEnd(range.offset + range.size)), "a part of a part");
-        require(areParts || range.size <= m_bucket->abilities.maxTakeSize, "the size of what is taken");
+        require(range.size <= m_bucket->abilities.maxTakeSize, "the size of what is taken");
         require(range.offset + range.size <= object.content.size(), "the range of what is taken");
         return setPart(request, uploadId, number, object.content.substr(range.offset, range.size));
+    }
+
+    std::string takeWholeParts(const std::string& key, const std::string& uploadId, std::size_t number,
+        const Version& version, const ByteRange& range) override
+    {
+        const Request request(*m_bucket, {"takeWholeParts", key, range});
+        checkVersion(key, version.tag, m_bucket->abilities.conditionalTakes);
+        const Object& object = existing(key);
+        std::vector<std::uint64_t> ends;
+        for (const std::uint64_t end : object.partEnds)
+        {
+            end > range.offset&& end <= range.offset + range.size ? ends.push_back(end - range.offset) : void();
+        }
+        require(range.offset == 0 || std::ranges::binary_search(object.partEnds, range.offset), "the rest of a part");
+        require(!ends.empty() && ends.back() == range.size, "only some of a part");
+        return setPart(request, uploadId, number, object.content.substr(range.offset, range.size), ends);
     }
 
     std::string completeUpload(const std::string& key, const std::string& uploadId,
@@ -252,9 +264,13 @@ public:
             require(listed > number && part != upload.parts.end() && part->second.tag == tag, "a part");
             require(number == 0 || upload.parts.at(number).content.size() >= m_bucket->abilities.minPartSize, "small");
             number = listed;
+            for (const std::uint64_t end : part->second.partEnds)
+            {
+                ends.push_back(content.size() + end);
+            }
             content += part->second.content;
-            ends.push_back(content.size());
         }
+        require(ends.size() <= m_bucket->abilities.maxParts, "too many parts");
         const bool mustCreate = condition.value_or("").empty();
         checkVersion(key, condition,
             mustCreate ? m_bucket->abilities.conditionalCreation : m_bucket->abilities.conditionalCompletion);
@@ -361,12 +377,12 @@ private:
         }
     }
 
-    std::string setPart(
-        const Request& request, const std::string& uploadId, std::size_t number, const std::string& bytes)
+    std::string setPart(const Request& request, const std::string& uploadId, std::size_t number,
+        const std::string& bytes, const std::vector<std::uint64_t>& ends = {})
     {
         require(number > 0 && number <= m_bucket->abilities.maxParts, "the number of a part");
-        const Object& part = m_bucket->uploadAt(request.request.key, uploadId).parts[number] =
-            m_bucket->makeObject(bytes);
+        Object& part = m_bucket->uploadAt(request.request.key, uploadId).parts[number] = m_bucket->makeObject(bytes);
+        part.partEnds = ends.empty() ? std::vector{std::uint64_t{bytes.size()}} : ends;
         request.respond();
         return part.tag;
     }

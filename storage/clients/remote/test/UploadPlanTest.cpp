@@ -48,8 +48,7 @@ void add(std::vector<PlannedBytes>& origin, const PlannedBytes& bytes)
 std::uint64_t expectRight(const UploadPlan& plan, const std::vector<FilePart>& file, const StoreAbilities& store,
     std::uint64_t forced, const std::vector<std::uint64_t>& ends = {})
 {
-    const auto mayEnd = [&](std::uint64_t offset)
-    { return offset == 0 || ends.empty() || std::ranges::binary_search(ends, offset); };
+    const auto mayEnd = [&](std::uint64_t offset) { return offset == 0 || std::ranges::binary_search(ends, offset); };
     std::vector<PlannedBytes> expected;
     for (const FilePart& part : file)
     {
@@ -61,6 +60,7 @@ std::uint64_t expectRight(const UploadPlan& plan, const std::vector<FilePart>& f
     std::uint64_t size = 0;
     std::uint64_t read = 0;
     std::size_t number = 0;
+    std::ptrdiff_t count = 0; // of parts that are taken, besides one for each number
     for (const PlannedPart& part : plan.parts)
     {
         const bool isLast = &part == &plan.parts.back();
@@ -79,11 +79,15 @@ std::uint64_t expectRight(const UploadPlan& plan, const std::vector<FilePart>& f
         case How::Keep:
             add(planned, {PartPlace::Uploaded, part.number - 1, 0, part.size});
             break;
+        case How::Take:
+            EXPECT_TRUE(mayEnd(part.bytes[0].offset) && mayEnd(part.bytes[0].offset + part.size));
+            count += std::ranges::upper_bound(ends, part.bytes[0].offset + part.size - 1) -
+                     std::ranges::upper_bound(ends, part.bytes[0].offset);
+            [[fallthrough]];
         case How::Copy:
             copies = true;
-            EXPECT_TRUE(part.size <= store.maxTakeSize || !ends.empty());
+            EXPECT_TRUE(part.size <= store.maxTakeSize || part.how == How::Take);
             EXPECT_TRUE(part.bytes.size() == 1 && part.bytes[0].place == PartPlace::Object);
-            EXPECT_TRUE(mayEnd(part.bytes[0].offset) && mayEnd(part.bytes[0].offset + part.size));
             break;
         case How::Send:
             EXPECT_TRUE(store.equalParts || part.size < std::max(2 * store.minPartSize, forced)) << "too much memory";
@@ -97,7 +101,7 @@ std::uint64_t expectRight(const UploadPlan& plan, const std::vector<FilePart>& f
         size += part.size;
     }
     EXPECT_EQ(planned, expected);
-    EXPECT_LE(number, store.maxParts);
+    EXPECT_LE(number + static_cast<std::size_t>(count), store.maxParts);
     EXPECT_EQ(plan.size, size);
     EXPECT_LE(plan.size, store.maxObjectSize);
     EXPECT_EQ(plan.hasCopies, copies);
@@ -151,6 +155,22 @@ TEST(UploadPlanTest, KeepsToEveryLimitAndLosesNoByte)
             EXPECT_TRUE(!isLegal || total > store.maxObjectSize) << refusal.detail().value_or("");
         }
     }
+}
+
+TEST(UploadPlanTest, AppendingOftenDoesNotLeaveManySmallParts)
+{
+    constexpr StoreAbilities store{.minPartSize = 100, .maxTakeSize = 1'000, .takesWholeParts = true};
+    std::vector<std::uint64_t> ends{500};
+    for (int i = 0; i < 100; ++i)
+    {
+        const std::uint64_t size = ends.back();
+        const std::vector<FilePart> file{{0, PartPlace::Object, size, 0, 1}, {1, PartPlace::Spooled, 30, 0, 2}};
+        const UploadPlan plan = planUpload(file, store, ends);
+        ASSERT_EQ(plan.parts.front().how, How::Take);
+        std::erase_if(ends, [&](std::uint64_t end) { return end > plan.parts.front().size; });
+        ends.push_back(size + 30);
+    }
+    EXPECT_LE(ends.size(), 1 + 100 * 30 / store.minPartSize + 1);
 }
 
 /// A stored object as the provider opens it, the parts from `first` to `last` changed, and bytes appended.

@@ -90,6 +90,7 @@ StoreAbilities S3Store::abilities(const std::string& key) const
     const bool mayCopyOther = !m_capabilities.copiesAnyKey && name.find('%') != std::string::npos;
     if (mayCopyOther || m_refusesCopies)
     {
+        abilities.maxCopySize = 0;
         abilities.maxTakeSize = 0;
     }
     if (std::ranges::any_of(name, [](unsigned char byte) { return byte < ' '; }))

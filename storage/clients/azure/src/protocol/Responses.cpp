@@ -97,7 +97,8 @@ std::shared_ptr<const ObjectMetadata> metadataIn(const HttpResponse& response)
     constexpr std::pair<std::string_view, std::string_view> names[] = {{"Content-Type", "x-ms-blob-content-type"},
         {"Content-Encoding", "x-ms-blob-content-encoding"}, {"Content-Language", "x-ms-blob-content-language"},
         {"Content-Disposition", "x-ms-blob-content-disposition"}, {"Cache-Control", "x-ms-blob-cache-control"},
-        {tierField, tierField}, {tagCountField, tagCountField}, {blobTypeField, blobTypeField}};
+        {tierField, tierField}, {tagCountField, tagCountField}, {blobTypeField, blobTypeField},
+        {encryptionScopeField, encryptionScopeField}};
     const std::string* const inferred = response.headers.find("x-ms-access-tier-inferred");
     const bool hasDefaultTier = inferred != nullptr && *inferred == "true";
     auto metadata = std::make_shared<ObjectMetadata>();

@@ -48,6 +48,9 @@ inline constexpr std::string_view tierField = "x-ms-access-tier"; // empty: the 
 inline constexpr std::string_view tagCountField = "x-ms-tag-count";
 inline constexpr std::string_view blobTypeField = "x-ms-blob-type";
 
+/// Field of the key that the service encrypts a blob with, in responses and in requests.
+inline constexpr const char* encryptionScopeField = "x-ms-encryption-scope";
+
 /// The metadata of an object, as the fields that a request sends so that a new one has it.
 std::shared_ptr<const ObjectMetadata> metadataIn(const HttpResponse& response);
 

@@ -29,9 +29,9 @@ struct StoreAbilities
     std::uint64_t maxPartSize = 5ULL << 30U;   ///< bytes; at least 2 * minPartSize
     std::size_t maxParts = 10'000;             ///< of one upload
     std::uint64_t maxObjectSize = 5ULL << 40U; ///< bytes
-    /// Bytes that takePart() and copyObject() can copy at once; at least 2 * minPartSize, or 0: the store has neither.
-    std::uint64_t maxTakeSize = 5ULL << 30U;
-    bool takesWholeParts = false;       ///< takePart() needs no copy for whole parts of an object; see partEnds()
+    std::uint64_t maxCopySize = 5ULL << 30U;   ///< bytes that copyObject() can copy; 0: the store lacks it
+    std::uint64_t maxTakeSize = 5ULL << 30U;   ///< the same for takePart(); at least 2 * minPartSize, or 0
+    bool takesWholeParts = false;              ///< the store has partEnds() and takeWholeParts()
     bool equalParts = false;            ///< no part may be larger than the first; all but the last have the same size
     std::size_t maxDeletions = 0;       ///< keys that deleteObjects() can delete at once; 0: the store lacks it
     bool conditionalTakes = false;      ///< takePart() and copyObject() check the version in one step with the copy
@@ -138,7 +138,7 @@ public:
 
     /// Store a copy of an object, with its metadata, under another key. @return the copy's tag
     ///
-    /// @param source     at most maxTakeSize bytes; its version is as for takePart()
+    /// @param source     at most maxCopySize bytes; its version is as for takePart()
     /// @param condition  of the target; may be ignored, because RemoteClient looks up the target before
     /// @throws PreconditionFailed because of the source or of the condition
     virtual std::string copyObject(
@@ -160,10 +160,20 @@ public:
     virtual std::string uploadPart(
         const std::string& key, const std::string& uploadId, std::size_t number, RequestBody& body) = 0;
 
-    /// Where the parts of an object end, in ascending order, the last at its end. Empty: it has none. If there are any,
-    /// only whole parts are taken into an upload of the same key, any number at once. Called if takesWholeParts is set.
+    /// Where the parts of an object end, in ascending order, the last at its end. Empty: it has none, or copies are
+    /// better. Called if takesWholeParts is set.
     /// @throws PreconditionFailed if the object has another version
     virtual std::vector<std::uint64_t> partEnds(const std::string& /*key*/, const Version& /*version*/) { return {}; }
+
+    /// Make parts of the object under the key parts of the upload, without a copy. Called if takesWholeParts is set.
+    /// @param version  of the object; see takePart()
+    /// @param range    any number of parts, as partEnds() told; they count as one part of the upload, of any size
+    /// @return what completeUpload() gets as their tag, which is not empty
+    virtual std::string takeWholeParts(const std::string& /*key*/, const std::string& /*uploadId*/,
+        std::size_t /*number*/, const Version& /*version*/, const ByteRange& /*range*/)
+    {
+        return {};
+    }
 
     /// Let the store copy a range of an object, mostly the one under the key, into the upload. @return the part's tag,
     /// which is not empty
