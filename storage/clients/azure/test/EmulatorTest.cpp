@@ -154,6 +154,33 @@ TEST(EmulatorTest, AChangeSendsOneBlockAndOneList)
     EXPECT_TRUE(conformance::get(client, "k") == content);
 }
 
+TEST(EmulatorTest, TheFirstOfTwoUploadsIsStored)
+{
+    if (EmulatorContainer::endpoint() == nullptr)
+    {
+        GTEST_SKIP() << "there is no emulator";
+    }
+    const EmulatorContainer container;
+    AzureClient client(parseAzureUrl(container.url()));
+    const std::string ids[] = {client.createMultipartUpload("k", ""), client.createMultipartUpload("k", "")};
+    std::vector<PartInfo> parts[2];
+    for (const std::size_t upload : {0U, 1U})
+    {
+        for (const std::size_t index : {0U, 1U})
+        {
+            const std::string bytes(5 << 20, upload == 0 ? 'a' : 'b');
+            parts[upload].push_back(
+                conformance::uploadPart(client, "k", ids[upload], index, bytes, index * bytes.size()));
+        }
+    }
+    client.completeMultipartUpload("k", ids[1], parts[1]);
+    EXPECT_THAT([&] { client.completeMultipartUpload("k", ids[0], parts[0]); },
+        testing::Throws<UnknownErrorException>(testing::Property(
+            &CloudException::detail, testing::Optional(testing::HasSubstr("somebody else has written the blob")))));
+    client.abortMultipartUpload("k", ids[0]);
+    EXPECT_TRUE(conformance::get(client, "k") == std::string(10 << 20, 'b'));
+}
+
 /// A harness if there is an emulator; null: the case is skipped.
 template <bool hasPrefix>
 std::unique_ptr<conformance::Harness> makeHarness()
