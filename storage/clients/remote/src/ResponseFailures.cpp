@@ -5,10 +5,26 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace storage::clients
 {
 
 using namespace cloudprovider;
+
+namespace
+{
+
+constexpr std::string_view objectChanged = "somebody has changed or removed the object since it was opened";
+
+} // namespace
+
+bool hasCondition(const HttpHeaders& fields)
+{
+    return std::any_of(fields.begin(), fields.end(),
+        [](const HttpHeaders::Field& field)
+        { return field.name.starts_with("If-") || field.name.ends_with("-source-if-match"); });
+}
 
 std::string excerpt(const std::string& text)
 {
@@ -25,6 +41,59 @@ std::string describe(const RequestContext& context, const HttpResponse& response
     text += error.message.empty() || error.message == error.code ? "" : fmt::format(" ({})", excerpt(error.message));
     text += requestId.empty() ? "" : fmt::format(", request {}", excerpt(requestId));
     return text;
+}
+
+FailureMeaning meaningOf(int status)
+{
+    switch (status)
+    {
+    case 400:
+        return FailureMeaning::NotUnderstood;
+    case 401:
+        return FailureMeaning::BadCredentials;
+    case 403:
+        return FailureMeaning::Denied;
+    case 404:
+        return FailureMeaning::NotFound;
+    case 405:
+    case 501:
+        return FailureMeaning::NotSupported;
+    case 412:
+        return FailureMeaning::Changed;
+    case 408:
+    case 409: // another request is changing the object
+    case 429:
+        return FailureMeaning::Transient;
+    case 301:
+    case 302:
+    case 307:
+    case 308:
+        return FailureMeaning::BadLocation;
+    default:
+        return status >= 500 && status != 507 ? FailureMeaning::Transient : FailureMeaning::Other;
+    }
+}
+
+FailureMeaning meaningOf(const KnownFailure& failure, const RequestContext& context)
+{
+    const bool isOther = failure.meaning == FailureMeaning::Changed && !context.hasCondition;
+    return isOther ? FailureMeaning::Other : failure.meaning;
+}
+
+std::string hintFor(const KnownFailure& failure, const RequestContext& context, const HttpResponse& response)
+{
+    const std::string hint(failure.hint);
+    switch (meaningOf(failure, context))
+    {
+    case FailureMeaning::ClockSkew:
+        return hint + clockHint(response);
+    case FailureMeaning::BadCredentials:
+        return context.isAnonymous ? "no credentials were given" : hint;
+    case FailureMeaning::Changed:
+        return std::string(objectChanged);
+    default:
+        return hint;
+    }
 }
 
 void throwFailure(FailureMeaning meaning, const std::string& detail, const HttpResponse& response)

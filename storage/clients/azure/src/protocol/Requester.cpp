@@ -39,13 +39,10 @@ std::string Requester::tagIn(const AzureRequest& request, const HttpResponse& re
 
 FailureContext Requester::contextOf(const AzureRequest& request) const
 {
-    const bool hasCondition = std::any_of(request.headers.begin(), request.headers.end(),
-        [](const HttpHeaders::Field& field)
-        { return field.name.starts_with("If-") || field.name == "x-ms-source-if-match"; });
     return {
         {std::string(name(request.operation)) + (request.key.empty() ? "" : fmt::format(" of {}", quoted(request.key))),
-            m_address.origin(), "x-ms-request-id", m_wasReached},
-        m_address.container(), hasCondition, m_isAnonymous};
+            m_address.origin(), "x-ms-request-id", m_wasReached, hasCondition(request.headers), m_isAnonymous},
+        m_address.container()};
 }
 
 HttpResponse Requester::send(

@@ -15,12 +15,7 @@ namespace
 
 using Meaning = FailureMeaning;
 
-struct Row
-{
-    std::string_view code;
-    Meaning meaning;
-    std::string_view hint; ///< what to do about it; may be empty
-};
+using Row = KnownFailure;
 
 constexpr std::string_view leased = "somebody else holds a lease on the blob; release or break it";
 constexpr std::string_view notBlockIds = "the blob, or an unfinished upload to its name, has block ids of another size";
@@ -72,27 +67,6 @@ constexpr std::array rows{
     Row{"FeatureVersionMismatch", Meaning::NotSupported, ""},
 };
 
-Meaning meaningOf(int status)
-{
-    switch (status)
-    {
-    case 401:
-        return Meaning::BadCredentials;
-    case 403:
-        return Meaning::Denied;
-    case 404:
-        return Meaning::NotFound;
-    case 405:
-    case 501:
-        return Meaning::NotSupported;
-    case 408:
-    case 429:
-        return Meaning::Transient;
-    default:
-        return status >= 500 && status != 507 ? Meaning::Transient : Meaning::Other;
-    }
-}
-
 Row rowFor(int status, const std::string& code)
 {
     if (code.empty() && status < 500 && meaningOf(status) != Meaning::Transient)
@@ -101,10 +75,10 @@ Row rowFor(int status, const std::string& code)
     }
     if (code == "CannotVerifyCopySource") // its status is that of reading the source
     {
-        return {"", status == 412 ? Meaning::Changed : meaningOf(status), "the store could not read the source"};
+        return {"", meaningOf(status), "the store could not read the source"};
     }
     const auto* const row = std::ranges::find(rows, code, &Row::code);
-    return row != rows.end() ? *row : Row{"", meaningOf(status), ""};
+    return row != rows.end() ? *row : Row{"", status == 409 ? Meaning::Other : meaningOf(status), ""};
 }
 
 } // namespace
@@ -118,29 +92,13 @@ std::string errorCode(const HttpResponse& response)
 void throwErrorResponse(const FailureContext& context, const HttpResponse& response)
 {
     const std::string code = errorCode(response);
-    Row row = rowFor(response.status, code);
-    if (row.meaning == Meaning::Changed && !context.hasCondition)
-    {
-        row.meaning = Meaning::Other;
-    }
-    std::string hint(row.hint);
-    if (row.meaning == Meaning::ClockSkew)
-    {
-        hint += clockHint(response);
-    }
-    else if (row.meaning == Meaning::BadCredentials && context.isAnonymous)
-    {
-        hint = "no credentials were given";
-    }
-    else if (row.meaning == Meaning::Changed)
-    {
-        hint = objectChanged;
-    }
+    const Row row = rowFor(response.status, code);
+    const std::string hint = hintFor(row, context, response);
     const std::string message = textOf(XmlDocument(response.body).root(), "Message");
     std::string detail = describe(context, response, {code, message.substr(0, message.find('\n')), ""});
     detail += row.meaning == Meaning::BadLocation ? "; container \"" + context.container + "\"" : "";
     detail += hint.empty() ? "" : "; " + hint;
-    throwFailure(row.meaning, detail, response);
+    throwFailure(meaningOf(row, context), detail, response);
 }
 
 } // namespace storage::clients::azure

@@ -12,8 +12,6 @@ namespace storage::clients::azure
 struct FailureContext : RequestContext
 {
     std::string container;
-    bool hasCondition = false; ///< the request names a version
-    bool isAnonymous = false;  ///< it was sent without credentials
 };
 
 /// The code of an error response: in a field, so that responses to HEAD have it, too. Empty: it is not the service's.

@@ -71,14 +71,11 @@ BucketAddress Requester::address()
 
 FailureContext Requester::contextOf(const S3Request& request)
 {
-    const bool hasCondition = std::any_of(request.headers.begin(), request.headers.end(),
-        [](const HttpHeaders::Field& field)
-        { return field.name.starts_with("If-") || field.name == "x-amz-copy-source-if-match"; });
     const std::lock_guard lock(m_mutex);
     const std::string action = request.operation ? std::string(name(*request.operation)) : "listing the open uploads";
     return {{action + (request.key.empty() ? "" : " of " + quoted(request.key)), m_address.origin(), "x-amz-request-id",
-                m_wasReached},
-        m_address.bucket(), m_address.endpointPath(), m_lastKeyId, hasCondition};
+                m_wasReached, hasCondition(request.headers), m_lastKeyId.empty()},
+        m_address.bucket(), m_address.endpointPath(), m_lastKeyId};
 }
 
 HttpResponse Requester::send(

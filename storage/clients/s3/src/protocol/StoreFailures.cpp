@@ -23,12 +23,7 @@ namespace
 
 using Meaning = FailureMeaning;
 
-struct Row
-{
-    std::string_view code;
-    Meaning meaning;
-    std::string_view hint; ///< what to do about it; may be empty
-};
+using Row = KnownFailure;
 
 constexpr std::string_view checkCredentials = "check the credentials in the environment and the shared files";
 
@@ -73,37 +68,6 @@ constexpr std::array rows{
     Row{"InvalidPart", Meaning::Other, ""},
     Row{"InvalidPartOrder", Meaning::Other, ""},
 };
-
-Meaning meaningOf(int status)
-{
-    switch (status)
-    {
-    case 400:
-        return Meaning::NotUnderstood;
-    case 401:
-        return Meaning::BadCredentials;
-    case 403:
-        return Meaning::Denied;
-    case 404:
-        return Meaning::NotFound;
-    case 405:
-    case 501:
-        return Meaning::NotSupported;
-    case 412:
-        return Meaning::Changed;
-    case 408:
-    case 409: // another request is changing the object
-    case 429:
-        return Meaning::Transient;
-    case 301:
-    case 302:
-    case 307:
-    case 308:
-        return Meaning::BadLocation;
-    default:
-        return status >= 500 && status != 507 ? Meaning::Transient : Meaning::Other;
-    }
-}
 
 /// Whether a completion was refused because its parts have different sizes. There is no code for that alone.
 bool wantsEqualParts(const ErrorDocument& error)
@@ -150,17 +114,9 @@ void throwErrorResponse(const FailureContext& context, const HttpResponse& respo
 
 void throwErrorResponse(const FailureContext& context, const HttpResponse& response, const ErrorDocument& error)
 {
-    Row row = rowFor(response.status, error);
-    if (row.meaning == Meaning::Changed && !context.hasCondition) // the store means something else
-    {
-        row.meaning = Meaning::Other;
-    }
-    std::string hint(row.hint);
-    if (row.meaning == Meaning::ClockSkew)
-    {
-        hint = clockHint(response);
-    }
-    else if (row.code == "NoSuchBucket" && !context.endpointPath.empty())
+    const Row row = rowFor(response.status, error);
+    std::string hint = hintFor(row, context, response);
+    if (row.code == "NoSuchBucket" && !context.endpointPath.empty())
     {
         hint =
             fmt::format("the endpoint's path {} was sent before the bucket; leave it out if the store does not need it",
@@ -170,21 +126,13 @@ void throwErrorResponse(const FailureContext& context, const HttpResponse& respo
     {
         hint = redirectHint(response, error, hint);
     }
-    else if (row.meaning == Meaning::BadCredentials && context.keyId.empty())
-    {
-        hint = "no credentials were given";
-    }
-    else if (row.meaning == Meaning::Changed)
-    {
-        hint = objectChanged;
-    }
-
     std::string detail = describe(context, response, {error.code, error.message, error.requestId});
     detail += row.code == "NoSuchBucket" ? "; bucket \"" + context.bucket + "\"" : "";
     detail += row.meaning == Meaning::Denied && !context.keyId.empty() ? "; key id " + context.keyId : "";
     detail += hint.empty() ? "" : "; " + hint;
 
-    switch (row.meaning)
+    const Meaning meaning = meaningOf(row, context);
+    switch (meaning)
     {
     case Meaning::NotUnderstood:
         throw NotUnderstood("Store error", detail);
@@ -193,7 +141,7 @@ void throwErrorResponse(const FailureContext& context, const HttpResponse& respo
     case Meaning::Archived:
         throw ArchivedObject("Store error", detail);
     default:
-        throwFailure(row.meaning, detail, response);
+        throwFailure(meaning, detail, response);
     }
 }
 

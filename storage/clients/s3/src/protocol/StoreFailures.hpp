@@ -36,9 +36,8 @@ public:
 struct FailureContext : RequestContext
 {
     std::string bucket;
-    std::string endpointPath;  ///< comes before the bucket and the key; usually empty
-    std::string keyId;         ///< of the credentials used; empty: anonymous
-    bool hasCondition = false; ///< the request names a version
+    std::string endpointPath; ///< comes before the bucket and the key; usually empty
+    std::string keyId;        ///< of the credentials used; empty: anonymous
 };
 
 /// Throw the exception for a response that reports a failure.

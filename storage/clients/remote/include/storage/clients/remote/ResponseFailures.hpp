@@ -18,7 +18,12 @@ struct RequestContext
     std::string origin;              ///< scheme and host
     std::string_view requestIdField; ///< of responses; valid until the program ends
     bool wasReached = true;          ///< the store has responded before, so its address is correct
+    bool hasCondition = false;       ///< the request names a version
+    bool isAnonymous = false;        ///< it was sent without credentials
 };
+
+/// Whether the fields of a request name the version of an object that it needs.
+bool hasCondition(const HttpHeaders& fields);
 
 /// The part of an error response that is shown; every field may be empty.
 struct StoreError
@@ -45,7 +50,22 @@ enum class FailureMeaning
     Other
 };
 
-inline constexpr std::string_view objectChanged = "somebody has changed or removed the object since it was opened";
+/// What a code in an error response means.
+struct KnownFailure
+{
+    std::string_view code;
+    FailureMeaning meaning;
+    std::string_view hint; ///< what to do about it; may be empty
+};
+
+/// What a status means if the code does not tell.
+FailureMeaning meaningOf(int status);
+
+/// What a failed request means: not that the object has changed if the request has no condition.
+FailureMeaning meaningOf(const KnownFailure& failure, const RequestContext& context);
+
+/// What to do about a failure, or why it happened; may be empty.
+std::string hintFor(const KnownFailure& failure, const RequestContext& context, const HttpResponse& response);
 
 /// Text from a store as messages show it: on one line, and truncated when it is long.
 std::string excerpt(const std::string& text);
