@@ -82,7 +82,7 @@ FailureMeaning meaningOf(const KnownFailure& failure, const RequestContext& cont
 
 std::string hintFor(const KnownFailure& failure, const RequestContext& context, const HttpResponse& response)
 {
-    const std::string hint(failure.hint);
+    std::string hint(failure.hint);
     switch (meaningOf(failure, context))
     {
     case FailureMeaning::ClockSkew:
