@@ -5,7 +5,7 @@
 #
 # Usage: bench/campaigns.sh [short|full]      full (default) takes about an hour, short a few minutes
 #
-# Builds the release preset. The campaigns on a bucket use a gateway of their own on loopback. Exits with 1 if a
+# Builds the release preset. The campaigns on distant stores use servers of their own on loopback. Exits with 1 if a
 # campaign found anything that must not happen; it then prints the seed that repeats it.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
@@ -22,8 +22,9 @@ build release
 program=build/release/tools/cloudfs/cloudfs
 
 export CLOUDFS_GATEWAY_DIR=$root/build/campaigns-gateway PYTHONDONTWRITEBYTECODE=1
-trap 'scripts/gateway.sh stop' EXIT
-scripts/gateway.sh stop # one that a killed run has left
+stop_gateways() { scripts/gateway.sh stop && scripts/gateway.sh azurite stop; }
+trap stop_gateways EXIT
+stop_gateways # those that a killed run has left
 scripts/gateway.sh start >/dev/null
 settings=$(scripts/gateway.sh env)
 eval "$settings"
@@ -39,6 +40,11 @@ echo "|---|---|---|"
 campaign kills "$kills"
 campaign power "$losses"
 campaign damage "$damages"
+campaign network "$faults"
+campaign network "$flips" --flips
+scripts/gateway.sh azurite start >/dev/null
+settings=$(scripts/gateway.sh azurite env)
+eval "$settings"
 campaign network "$faults"
 campaign network "$flips" --flips
 if unshare --mount true 2>/dev/null; then

@@ -44,7 +44,7 @@ class Campaign:
         self.buffers = self.folder / "buffers"
         self.buffers.mkdir()
         self.environment = {**os.environ, "TMPDIR": str(self.buffers), "LC_ALL": "C.UTF-8",
-                            "AWS_EC2_METADATA_DISABLED": "true"}  # fmt: skip
+                            "AWS_EC2_METADATA_DISABLED": "true", "AZURE_METADATA_DISABLED": "true"}  # fmt: skip
 
     def command(self, store, *arguments):
         return [str(self.program), "--store", store, *map(str, arguments)]

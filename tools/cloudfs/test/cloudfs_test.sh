@@ -3,8 +3,8 @@
 #
 # Usage: cloudfs_test.sh PROGRAM CASE [gateway]
 #
-# CASE is the name of a function below, without its prefix test_. The store is a new local one, or a new bucket of the
-# gateway that the environment names. Exits with 77 if this machine lacks something that the case needs.
+# CASE is the name of a function below, without its prefix test_. The store is a new local one, or with "gateway" a new
+# bucket, or a folder of a container, of the server that the environment names. Exits with 77 if this machine lacks something that the case needs.
 # shellcheck disable=SC2317 # the cases are called by name
 set -uo pipefail
 
@@ -14,10 +14,12 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work" || exit
 mkdir buffers
-export TMPDIR=$work/buffers XDG_DATA_HOME=$work TZ=UTC LC_ALL=C.UTF-8 AWS_EC2_METADATA_DISABLED=true
+export TMPDIR=$work/buffers XDG_DATA_HOME=$work TZ=UTC LC_ALL=C.UTF-8 AWS_EC2_METADATA_DISABLED=true AZURE_METADATA_DISABLED=true
 
 store=local:
-if [[ ${3-} == gateway ]]; then
+if [[ ${3-} == gateway && -n ${CLOUDFS_TEST_AZURE_ENDPOINT-} ]]; then
+    store="azure://$AZURE_STORAGE_ACCOUNT/$CLOUDFS_TEST_AZURE_CONTAINER/cli-$$-$2?endpoint=$CLOUDFS_TEST_AZURE_ENDPOINT"
+elif [[ ${3-} == gateway ]]; then
     [[ -n ${CLOUDFS_TEST_S3_ENDPOINT-} ]] || { echo "skipped: no gateway; scripts/test.sh starts one"; exit 77; }
     bucket=cli-$$-${2//_/-}
     store="s3://$bucket?endpoint=$CLOUDFS_TEST_S3_ENDPOINT&path-style=1"
@@ -222,7 +224,9 @@ test_trees()
 {
     local name mode
     mkdir -p 'tree/sp ace/a+b%41' tree/empty
-    for name in '100%' 'sp ace/naïve 日本' $'sp ace/a+b%41/new\nline' '?#[]*"\' ..hidden nothing; do
+    local unusual='?#[]*"\'
+    [[ $store != azure:* ]] || unusual='?#[]*"' # it takes a backslash for a slash
+    for name in '100%' 'sp ace/naïve 日本' $'sp ace/a+b%41/new\nline' "$unusual" ..hidden nothing; do
         echo "$name" >"tree/$name"
     done
     : >tree/nothing
@@ -331,7 +335,8 @@ test_interrupted_get()
 # A bucket copies files itself, and removes many with one request.
 test_in_store()
 {
-    local row
+    local row removal='listObjects 3, deleteObject 2'
+    [[ $store == s3:* ]] || removal='listObjects 2, deleteObject 1501' # one by one
     bytes 20000000 >big
     mkdir tree
     touch tree/{1..1498} 'tree/ <&%>' 'tree/x '
@@ -339,7 +344,7 @@ test_in_store()
     expect 0 '' put -r -j 8 tree /tree
     expect 0 '' put big '/a%b'
     for row in 'cp /big /copy|copyPart 1 (19.1 MiB)' 'mv /copy /moved|deleteObject 1, copyPart 1 (19.1 MiB)' \
-        'rm -r /tree|listObjects 3, deleteObject 2'; do
+        "rm -r /tree|$removal"; do
         # shellcheck disable=SC2086 # several words
         fs -v ${row%|*} 2>err || fail "$row: $(<err)"
         [[ $(tail -n 1 err) =~ 'calls: getObjectInfo '.', '('listObjects '.', ')?"${row#*|}"$ ]] || fail "$row: $(<err)"

@@ -5,6 +5,7 @@
 #include <storage/clients/stores/OpenStore.hpp>
 #include <storage/clients/testing/ClientCalls.hpp>
 #include <storage/clients/testing/CloudClientConformance.hpp>
+#include <storage/cloudprovider/CloudProvider.hpp>
 
 #include <gmock/gmock.h>
 
@@ -23,6 +24,7 @@ namespace
 {
 
 using namespace cloudprovider;
+namespace fsp = foundation::storage::provider;
 
 /// A container of its own in the emulator that the environment names, as scripts/gateway.sh sets it up.
 class EmulatorContainer
@@ -132,26 +134,29 @@ TEST(EmulatorTest, AChangeSendsOneBlockAndOneList)
         GTEST_SKIP() << "there is no emulator";
     }
     const EmulatorContainer container;
-    AzureClient client(parseAzureUrl(container.url()));
-    std::string content(40 << 20, 'b');
-    conformance::putParts(client, "k", std::vector(8, content.substr(0, 5 << 20)));
-    std::vector<PartInfo> parts = client.getObjectParts("k");
-    const std::string id = client.createMultipartUpload("k", parts[0].Tag);
-    for (PartInfo& part : parts)
+    const auto client = std::make_shared<AzureClient>(parseAzureUrl(container.url()));
+    const std::string block(5 << 20, 'b');
+    conformance::putParts(*client, "k", std::vector(52, block)); // 260 MiB
+    const auto provider = buildCloudProvider(client, FolderPolicy::MarkerObjects, false);
+    const auto stream = provider->openStream(fsp::StorageIRI(u"cloud://account/k"),
+        {.truncate = fsp::ByteStreamTruncate::Keep, .writePosition = fsp::ByteStreamWritePosition::AtOffset});
+    stream->seek(130 << 20, std::ios_base::beg);
+    const std::string patch(1'024, 'c');
+    stream->write(patch.data(), 1'024);
+    CallSnapshot before = client->callSnapshot();
+    stream->close();
+    CallSnapshot after = client->callSnapshot();
+    const auto isOf = [&](Operation operation, std::size_t calls, std::size_t bytes)
     {
-        part.Tag =
-            part.Index == 77
-                ? conformance::uploadPart(client, "k", id, part.Index, std::string(part.Size, 'c'), part.Offset).Tag
-                : client.copyPart("k", id, part);
-    }
-    content.replace(parts[77].Offset, parts[77].Size, parts[77].Size, 'c');
-    CallSnapshot before = client.callSnapshot();
-    client.completeMultipartUpload("k", id, parts);
-    CallSnapshot after = client.callSnapshot();
-    EXPECT_EQ(after[Operation::UploadPart].calls - before[Operation::UploadPart].calls, 1U);
-    EXPECT_EQ(after[Operation::UploadPart].bytes - before[Operation::UploadPart].bytes, 5U << 20);
-    EXPECT_EQ(after[Operation::CompleteMultipartUpload].calls - before[Operation::CompleteMultipartUpload].calls, 1U);
-    EXPECT_TRUE(conformance::get(client, "k") == content);
+        return after[operation].calls - before[operation].calls == calls &&
+               after[operation].bytes - before[operation].bytes == bytes;
+    };
+    EXPECT_TRUE(isOf(Operation::UploadPart, 1, block.size()));
+    EXPECT_TRUE(isOf(Operation::CompleteMultipartUpload, 1, 0));
+    EXPECT_TRUE(isOf(Operation::PutObject, 0, 0));
+    std::string content(52 * block.size(), 'b');
+    content.replace(130 << 20, patch.size(), patch);
+    EXPECT_TRUE(conformance::get(*client, "k") == content);
 }
 
 TEST(EmulatorTest, TheFirstOfTwoUploadsIsStored)

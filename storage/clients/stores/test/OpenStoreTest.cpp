@@ -122,8 +122,18 @@ TEST_F(OpenStoreTest, OpensADistantStoreWithoutARequest)
 
 TEST_F(OpenStoreTest, KeepsTheLimitsInTheUrl)
 {
-    const char* const endpoint = std::getenv("CLOUDFS_TEST_S3_ENDPOINT");
-    if (endpoint == nullptr)
+    std::string store;
+    if (const char* const bucketEndpoint = std::getenv("CLOUDFS_TEST_S3_ENDPOINT"))
+    {
+        store =
+            std::string("s3://") + std::getenv("CLOUDFS_TEST_S3_BUCKET") + "?path-style=1&endpoint=" + bucketEndpoint;
+    }
+    else if (const char* const blobEndpoint = std::getenv("CLOUDFS_TEST_AZURE_ENDPOINT"))
+    {
+        store = std::string("azure://") + std::getenv("AZURE_STORAGE_ACCOUNT") + "/" +
+                std::getenv("CLOUDFS_TEST_AZURE_CONTAINER") + "?endpoint=" + blobEndpoint;
+    }
+    else
     {
         GTEST_SKIP() << "there is no gateway; scripts/test.sh starts one";
     }
@@ -138,8 +148,7 @@ TEST_F(OpenStoreTest, KeepsTheLimitsInTheUrl)
     for (const auto& row : rows)
     {
         SCOPED_TRACE(row.parameters);
-        const auto client = openStore(std::string("s3://") + std::getenv("CLOUDFS_TEST_S3_BUCKET") +
-                                      "?path-style=1&endpoint=" + endpoint + "&" + row.parameters);
+        const auto client = openStore(store + "&" + row.parameters);
         conformance::put(*client, key, std::string(6 << 20, 'x'));
         EXPECT_EQ(client->getObjectParts(key).at(0).Size, row.partSize);
         conformance::get(*client, key, 0, 999);
