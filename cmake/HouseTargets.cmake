@@ -69,12 +69,8 @@ function(house_add_test name)
     target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} GTest::gmock GTest::gtest GTest::gtest_main)
     target_include_directories(${name} PRIVATE ${ARG_INCLUDES})
     include(GoogleTest)
-    # Rows have names of their own; the values behind them are pages of bytes. Tests never ask the metadata service of
-    # the machine that they run on for credentials, and its user's files and variables name no endpoint for them.
-    gtest_discover_tests(${name} TEST_PREFIX "${name}." NO_PRETTY_VALUES DISCOVERY_TIMEOUT 60
-        PROPERTIES TIMEOUT 300 ENVIRONMENT AWS_EC2_METADATA_DISABLED=true
-        ENVIRONMENT_MODIFICATION AWS_IGNORE_CONFIGURED_ENDPOINT_URLS=set:true
-        ENVIRONMENT_MODIFICATION AZURE_METADATA_DISABLED=set:true)
+    # Rows have names of their own; the values behind them are pages of bytes.
+    gtest_discover_tests(${name} TEST_PREFIX "${name}." NO_PRETTY_VALUES DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
     foreach(source IN LISTS ARG_SOURCES)
         cmake_path(ABSOLUTE_PATH source BASE_DIRECTORY "${CMAKE_CURRENT_SOURCE_DIR}" NORMALIZE)
         set_property(GLOBAL APPEND PROPERTY HOUSE_TEST_FILES "${source}")
