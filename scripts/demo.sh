@@ -21,7 +21,7 @@ case $kind in
         ;;
 esac
 
-scripts/install-deps.sh
+scripts/install-deps.sh "${gateway[@]}"
 echo "Building; the output goes to build/logs …"
 build release cloudfs
 

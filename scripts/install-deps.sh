@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Install the packages for building, testing, checking and benchmarks on Debian 12, and Azurite in a cache folder of the
-# user. Does nothing if all are installed.
+# Install the packages for building, testing, checking and benchmarks on Debian 12. Does nothing if all are installed.
 #
-# Usage: scripts/install-deps.sh [compare]        as root, or as a user who may use sudo
+# Usage: scripts/install-deps.sh [compare|azurite]        as root, or as a user who may use sudo
 #
-# With "compare", also install the other tools that bench/compare.sh measures, and the library that draws its chart.
+# With "compare", also install the other tools that bench/compare.sh measures, and the library that draws its chart. With
+# "azurite", also download that emulator of Azure Blob Storage, by npm, into a cache folder of the user.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -37,20 +37,18 @@ packages=(
 case ${1:-} in
     '') ;;
     compare) packages+=(fuse3 libgdal-dev python3-matplotlib rclone s3fs) ;;
+    azurite) command -v npm >/dev/null || packages+=(nodejs npm) ;; # others than Debian's have npm in the same package
     *)
-        echo "usage: scripts/install-deps.sh [compare]" >&2
+        echo "usage: scripts/install-deps.sh [compare|azurite]" >&2
         exit 2
         ;;
 esac
-
-# testing against an emulator of Azure Blob Storage; other distributions of Node.js have npm in the same package
-command -v npm >/dev/null || packages+=(nodejs npm)
 
 install_azurite()
 {
     local folder
     folder=$(azurite_folder)
-    [[ -d $folder ]] && return
+    [[ $1 == azurite && ! -d $folder ]] || return 0
     echo "Installing Azurite $azurite_version in $folder"
     rm -rf "$folder.new"
     mkdir -p "$folder.new"
@@ -72,7 +70,7 @@ for package in "${packages[@]}"; do
     fi
 done
 if ((${#missing[@]} == 0)); then
-    install_azurite
+    install_azurite "${1:-}"
     exit 0
 fi
 
@@ -101,4 +99,4 @@ if ! { apt update && apt install --no-install-recommends "${missing[@]}"; }; the
     echo "install-deps: could not install: ${missing[*]}" >&2
     exit 1
 fi
-install_azurite
+install_azurite "${1:-}"

@@ -3,8 +3,8 @@
 #
 # Usage: scripts/test.sh [PRESET] [swift|azurite]       PRESET is release (default), debug, asan or tsan
 #
-# The tests of distant stores run against a gateway that this script starts and stops. If it does not start, one line says that they
-# are skipped; with CLOUDFS_REQUIRE_GATEWAY=1 that is a failure.
+# The tests of distant stores run against a gateway that this script starts and stops. If it does not start, one line
+# says that they are skipped; with CLOUDFS_REQUIRE_GATEWAY=1 that is a failure.
 #
 # With "swift", run only the tests of S3, against the gateway of OpenStack Swift. With "azurite", run only those of Azure
 # Blob Storage, against that emulator; otherwise they are skipped.
@@ -15,6 +15,7 @@ preset=${1:-release}
 run=$preset
 gateway=(scripts/gateway.sh)
 tests=()
+deps=() # besides the usual ones
 if [[ ${2:-} == swift ]]; then
     run+=-swift
     gateway+=(swift)
@@ -22,6 +23,7 @@ if [[ ${2:-} == swift ]]; then
 elif [[ ${2:-} == azurite ]]; then
     run+=-azurite
     gateway+=(azurite)
+    deps=(azurite)
     # Not check_endpoint, which is for buckets, nor uploads, because such a store lists only those of the same process.
     tests=(-R '^(azure_test|stores_test)\.|^cloudfs\.gateway\.(closed_pipe|commands|in_store|interrupted_put|trees)$')
 elif [[ -n ${2:-} ]]; then
@@ -29,7 +31,7 @@ elif [[ -n ${2:-} ]]; then
     exit 2
 fi
 
-scripts/install-deps.sh
+scripts/install-deps.sh "${deps[@]}"
 build "$preset"
 
 # Use a separate gateway, because it keeps all objects in memory.
@@ -69,5 +71,9 @@ elif ((status != 0)); then
     # Show neither passed or skipped tests nor the lines that announce a test.
     grep -vE '^ *Start +[0-9]+: |^ *[0-9]+/[0-9]+ Test +#[0-9]+: .*(\*\*\*Skipped| Passed) +[0-9.]+ sec$' "$log" || true
     exit "$status"
+fi
+if [[ ${2:-} == azurite ]] && grep -F '***Skipped' "$log"; then
+    echo "test: no test of this selection may be skipped"
+    exit 1
 fi
 sed -n '/ tests passed, /,$p' "$log"

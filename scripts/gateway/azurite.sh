@@ -10,7 +10,7 @@ program=$(azurite_folder)/node_modules/azurite/dist/src/blob/main.js
 check_needs()
 {
     need node openssl
-    [[ -f $program ]] || die "Azurite is missing; scripts/install-deps.sh installs it"
+    [[ -f $program ]] || die "Azurite is missing; scripts/install-deps.sh azurite installs it"
 }
 
 start_daemons()

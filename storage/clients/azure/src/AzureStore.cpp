@@ -26,9 +26,10 @@ namespace
 {
 
 constexpr std::uint64_t maxHashedRange = 4U << 20; // bytes; the service hashes no larger ones
-constexpr std::uint64_t maxCopy = 256U << 20;      // bytes that the service copies before it responds
+constexpr std::uint64_t maxCopy = 256U << 20;      // bytes of a blob that the service copies before it responds
 constexpr std::uint64_t minBlockSize = 5U << 20;   // bytes; the service takes smaller ones, but has room for 50,000
-constexpr std::uint64_t maxResent = 64U << 20;     // bytes of a block that is sent again when some of it changes
+constexpr std::uint64_t maxResent = 64U << 20;     // bytes of a block that is sent again when some of it changes;
+                                                   // so no larger ones are made by copies
 constexpr std::uint64_t maxBlockSize = 4'000ULL << 20U;
 constexpr std::size_t maxBlocks = 50'000; // of a blob
 
@@ -46,6 +47,8 @@ AzureStore::AzureStore(const AzureSettings& settings)
     : m_requester(settings)
     , m_prefix(settings.prefix)
     , m_transfers(settings.transfers)
+    , m_refusesCopies(!m_requester.isPrivate())
+    , m_refusesTakes(!m_requester.isPrivate())
 {
 }
 
@@ -56,7 +59,7 @@ StoreAbilities AzureStore::abilities(const std::string& /*key*/) const
         .maxParts = maxBlocks,
         .maxObjectSize = maxBlocks * maxBlockSize,
         .maxCopySize = m_refusesCopies ? 0 : maxCopy,
-        .maxTakeSize = m_refusesTakes ? 0 : maxCopy,
+        .maxTakeSize = m_refusesTakes ? 0 : maxResent,
         .takesWholeParts = true,
         .conditionalTakes = true,
         .conditionalWrites = true,
@@ -96,14 +99,31 @@ std::optional<StoredObject> AzureStore::findObject(const std::string& key)
     return StoredObject{{m_requester.tagIn(request, response), *size, metadataIn(response)}, readHttpTime(*time)};
 }
 
+/// Larger ranges are fetched in pieces, so that each has a hash. Otherwise a change could send wrong bytes back.
 Version AzureStore::getObject(const std::string& key, const std::optional<ByteRange>& range,
+    const std::optional<Version>& version, const ContentReceiver& receiver)
+{
+    if (!range || range->size <= maxHashedRange)
+    {
+        return getRange(key, range, version, receiver);
+    }
+    Version object = getRange(key, ByteRange{range->offset, maxHashedRange}, version, receiver);
+    const std::uint64_t end = std::min(range->offset + range->size, object.size);
+    for (std::uint64_t offset = range->offset + maxHashedRange; offset < end; offset += maxHashedRange)
+    {
+        getRange(key, ByteRange{offset, std::min(maxHashedRange, end - offset)}, object, receiver);
+    }
+    return object;
+}
+
+Version AzureStore::getRange(const std::string& key, const std::optional<ByteRange>& range,
     const std::optional<Version>& version, const ContentReceiver& receiver)
 {
     AzureRequest request{Operation::GetObjectRange, key, "GET"};
     if (range)
     {
         request.headers.add("x-ms-range", rangeField(*range));
-        range->size <= maxHashedRange ? request.headers.add("x-ms-range-get-content-md5", "true") : void();
+        request.headers.add("x-ms-range-get-content-md5", "true");
     }
     if (version)
     {
@@ -271,8 +291,9 @@ std::vector<std::uint64_t> AzureStore::partEnds(const std::string& key, const Ve
     }
     const auto& blocks = stored.list.committed;
     const bool hasLarge = std::ranges::any_of(blocks, [](const Block& block) { return block.size > maxResent; });
+    const bool canCopy = !m_refusesTakes && version.size / maxResent < maxBlocks;
     std::vector<std::uint64_t> ends;
-    if (hasLarge && !m_refusesTakes)
+    if (hasLarge && canCopy)
     {
         return ends; // a small change would send one of them again; copying both of its sides is faster
     }
@@ -305,7 +326,12 @@ AzureRequest AzureStore::blockRequest(Operation operation, BlockUpload& upload, 
 std::string AzureStore::uploadPart(
     const std::string& key, const std::string& uploadId, std::size_t number, RequestBody& body)
 {
-    AzureRequest request = blockRequest(Operation::UploadPart, *m_uploads.get(key, uploadId), number);
+    const auto upload = m_uploads.get(key, uploadId);
+    if (body.size() == 0)
+    {
+        return upload->runOf({0, 0}); // no block; the service takes no empty ones
+    }
+    AzureRequest request = blockRequest(Operation::UploadPart, *upload, number);
     request.body = &body;
     m_requester.send(request);
     return request.query.back().second;

@@ -72,6 +72,8 @@ private:
         BlockList list;
     };
 
+    Version getRange(const std::string& key, const std::optional<ByteRange>& range,
+        const std::optional<Version>& version, const ContentReceiver& receiver);
     StoredBlocks findBlocks(const std::string& key, Operation operation);
     bool isMissing(const AzureRequest& request, const HttpResponse& response);
     HttpHeaders headersFor(const AzureRequest& write, const ObjectMetadata& metadata, const std::string& source);
@@ -81,10 +83,12 @@ private:
 
     Requester m_requester;
     BlockUploads m_uploads;
-    const std::string m_prefix;                // of all keys; the requester adds it to those of requests
-    const std::size_t m_transfers;             // requests that may be running at a time
-    std::atomic<bool> m_refusesCopies = false; // the server does not implement copies of blobs
-    std::atomic<bool> m_refusesTakes = false;  // nor those of ranges; emulators do not
+    const std::string m_prefix;    // of all keys; the requester adds it to those of requests
+    const std::size_t m_transfers; // requests that may be running at a time
+    // The server does not implement copies of blobs, or of ranges, as emulators do not; or it is not reached privately,
+    // so that others could use the signature of the source.
+    std::atomic<bool> m_refusesCopies;
+    std::atomic<bool> m_refusesTakes;
 };
 
 } // namespace storage::clients::azure

@@ -69,6 +69,8 @@ TEST(StoreTest, AuthorisesRequestsAndCopies)
         insecure.endpoint = "http://192.0.2.1";
         insecure.interrupted = [] { return true; };
         AzureStore other(insecure);
+        EXPECT_EQ(other.abilities("k").maxCopySize + other.abilities("k").maxTakeSize, 0U) << "they need a signature";
+        EXPECT_GT(store.abilities("k").maxCopySize, 0U);
         try
         {
             put(other);
@@ -243,9 +245,9 @@ TEST(StoreTest, ListsWholeBlocksAgainAndFindsTheBlobOfALostResponse)
     const CopySource source{"k", {"old", 150, nullptr}};
     const std::string id = store.createUpload("k", {{"x-ms-encryption-scope", "scope"}}, "k");
     EXPECT_TRUE(store.isOpen("k", id));
-    const std::size_t before = server.requests().size();
+    const std::size_t sentBefore = server.requests().size();
     const std::string run = store.takeWholeParts("k", id, 1, source.version, {0, 100});
-    EXPECT_EQ(server.requests().size(), before) << "no request";
+    EXPECT_EQ(server.requests().size(), sentBefore) << "no request";
     const std::string copied = store.takePart("k", id, 2, source, {100, 20});
     EXPECT_EQ(server.requests().back()["x-ms-source-range"], "bytes=100-119");
     EXPECT_EQ(server.requests().back()["x-ms-encryption-scope"], "scope");
@@ -256,6 +258,11 @@ TEST(StoreTest, ListsWholeBlocksAgainAndFindsTheBlobOfALostResponse)
     EXPECT_GT(fromBase64(store.uploadPart("k", id, 3, sent)), fromBase64(again)) << "in the order of the parts";
     EXPECT_THROW(store.completeUpload("k", id, {{1, run}}, "other"), PreconditionFailed);
     EXPECT_EQ(store.partEnds("k", source.version), (std::vector<std::uint64_t>{100, 150}));
+    const Blob before = blob;
+    blob.tag = "changed";
+    blob.list = "<UncommittedBlocks><Block><Name>" + again + "</Name><Size>1</Size></Block></UncommittedBlocks>";
+    EXPECT_TRUE(store.isOpen("k", id)) << "its blocks are still there";
+    blob = before;
     const std::vector<NumberedTag> parts{{1, run}, {2, copied}};
     EXPECT_THROW(store.completeUpload("k", id, parts, {}), TransientException);
     const Request completion = server.requests().back();
@@ -268,6 +275,30 @@ TEST(StoreTest, ListsWholeBlocksAgainAndFindsTheBlobOfALostResponse)
     EXPECT_TRUE(store.isMadeOf("k", {{"new", 120, nullptr}, {}}, id, parts));
     EXPECT_FALSE(store.isOpen("k", id)) << "isMadeOf() has ended it";
     EXPECT_THROW(store.partEnds("k", source.version), PreconditionFailed);
+}
+
+TEST(StoreTest, EveryPieceOfALargeRangeHasAHash)
+{
+    const std::string object = std::string(4 << 20, 'a') + std::string(4 << 20, 'b') + "c";
+    LoopbackServer server(
+        [&](const Request& request)
+        {
+            const std::string range(request["x-ms-range"]); // bytes=FIRST-LAST
+            const std::size_t first = std::stoul(range.substr(6));
+            const std::string bytes = object.substr(first, std::stoul(range.substr(range.find('-') + 1)) - first + 1);
+            EXPECT_EQ(request["x-ms-range-get-content-md5"], "true");
+            EXPECT_EQ(request["If-Match"], first == 0 ? "" : "\"tag\"");
+            return Reply{206,
+                {{"ETag", "\"tag\""}, {"Content-MD5", toBase64(md5(bytes))},
+                    {"Content-Range", "bytes " + range.substr(6) + "/" + std::to_string(object.size())}},
+                bytes};
+        });
+    AzureStore store(settingsFor(server));
+    std::string received;
+    store.getObject(
+        "k", ByteRange{0, object.size()}, {}, [&](const Version&, std::string_view bytes) { received += bytes; });
+    EXPECT_TRUE(received == object);
+    EXPECT_EQ(server.requests().size(), 3U);
 }
 
 TEST(StoreTest, KnowsItsOwnBlobByItsHash)

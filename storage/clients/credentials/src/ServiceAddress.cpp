@@ -29,8 +29,7 @@ std::string partOf(CURLU* address, CURLUPart part)
 /// Whether requests to the host stay on this machine.
 bool isLocal(const std::string& host)
 {
-    return host == "localhost" || host == "[::1]" || host == "[fd00:ec2::23]" || isAddressIn(host, "127.") ||
-           host == "169.254.170.2" || host == "169.254.170.23";
+    return isLoopback(host) || host == "[fd00:ec2::23]" || host == "169.254.170.2" || host == "169.254.170.23";
 }
 
 } // namespace
@@ -53,6 +52,11 @@ ServiceAddress parseAddress(const std::string& name, const std::string& url)
     }
     return {base, partOf(parsed.get(), CURLUPART_SCHEME), partOf(parsed.get(), CURLUPART_HOST),
         partOf(parsed.get(), CURLUPART_PORT), partOf(parsed.get(), CURLUPART_PATH)};
+}
+
+bool isLoopback(const std::string& host)
+{
+    return host == "localhost" || host == "[::1]" || isAddressIn(host, "127.");
 }
 
 bool isPrivate(const ServiceAddress& address)

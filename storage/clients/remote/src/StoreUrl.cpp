@@ -75,7 +75,9 @@ void StoreUrl::read(const Readers& readers) const
         const auto reader = readers.find(name);
         if (reader == readers.end())
         {
-            refuse("unknown parameter \"" + name + "\"");
+            // Anything else may be a secret.
+            const bool isName = !name.empty() && name.find_first_not_of("abcdefghijklmnopqrstuvwxyz-") == name.npos;
+            refuse(isName ? "unknown parameter \"" + name + "\"" : "unknown parameter");
         }
         if (!names.insert(name).second)
         {

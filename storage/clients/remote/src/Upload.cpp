@@ -62,6 +62,12 @@ std::vector<std::uint64_t> Upload::sourceEnds(
     return ends;
 }
 
+void Upload::forgetSourceEnds()
+{
+    const std::lock_guard lock(m_mutex);
+    m_sourceEnds = {};
+}
+
 std::string Upload::tagOf(std::size_t index, const Part& part) const
 {
     return fmt::format("{}.{}.{}", m_id, index, part.generation);

@@ -86,6 +86,7 @@ public:
     /// RemoteStore::partEnds() of the version that ranges are copied from, which is looked up once.
     std::vector<std::uint64_t> sourceEnds(
         const Version& source, const std::function<std::vector<std::uint64_t>()>& lookUp);
+    void forgetSourceEnds();
 
     /// The tag of a part outside the client.
     std::string tagOf(std::size_t index, const Part& part) const;

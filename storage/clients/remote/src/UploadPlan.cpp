@@ -412,7 +412,7 @@ UploadPlan planUpload(
     }
     const TakeRules takes(store, ends);
     plan.parts = store.equalParts ? planEqual(file, plan.size, store) : planJoined(file, store, takes);
-    std::size_t count = plan.parts.back().number; // of parts that the object will have
+    std::size_t count = plan.parts.size(); // of parts that the object will have
     for (const PlannedPart& part : plan.parts)
     {
         count += part.how == How::Take ? takes.countIn(part.bytes.front()) - 1 : 0;
@@ -426,6 +426,7 @@ UploadPlan planUpload(
             refuse(fmt::format("part {} has {} bytes; the maximum is {}", part.number, part.size, store.maxPartSize));
         }
     }
+    count = std::max(count, plan.parts.back().number);
     if (count > store.maxParts)
     {
         if (!ends.empty())

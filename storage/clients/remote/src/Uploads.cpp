@@ -488,6 +488,7 @@ std::string Uploads::assembleObject(Upload& upload, const std::vector<PartInfo>&
         }
         catch (const UnsupportedOperationException&)
         {
+            upload.forgetSourceEnds(); // they may depend on what the store cannot do
             if (!hasOtherPlan(upload, parts, completion.plan))
             {
                 throw;

@@ -87,7 +87,7 @@ IssuedCredentials requestToken(const SourceContext& context, const Grant& grant)
     request.headers.add("Content-Type", "application/x-www-form-urlencoded");
     CredentialsService service(context,
         "the identity service at " + authority.url + ", asked for " + grant.holder + ",",
-        CredentialsService::Place::Far);
+        authority.scheme == "https" ? CredentialsService::Place::Far : CredentialsService::Place::Near);
     const auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
     const HttpResponse response = service.send(request);
     if (response.status != 200)

@@ -23,7 +23,7 @@ ContainerAddress::ContainerAddress(const AzureSettings& settings)
     constexpr std::size_t maxName = 63; // characters, which the forms do not limit if there are many "-"
     if (!std::regex_match(m_account, accountForm))
     {
-        refuse(clients::quoted(m_account) + " is not a valid account name");
+        refuse("the account's name is not valid"); // it may be followed by a key
     }
     if (m_container.size() > maxName || !std::regex_match(m_container, containerForm))
     {
@@ -36,6 +36,14 @@ ContainerAddress::ContainerAddress(const AzureSettings& settings)
         refuse("the endpoint must be like https://HOST or http://HOST:PORT/ACCOUNT"); // it may contain a password
     }
     m_endpoint = *endpoint;
+}
+
+std::string ContainerAddress::host() const
+{
+    const std::string& host = m_endpoint.host;
+    const std::size_t colon = host.rfind(':');
+    const bool hasPort = colon != host.npos && host.find(']', colon) == host.npos; // an IPv6 address has colons, too
+    return hasPort ? host.substr(0, colon) : host;
 }
 
 std::string ContainerAddress::path(const std::string& key) const

@@ -21,6 +21,11 @@ public:
     const std::string& account() const noexcept { return m_account; }
     const std::string& container() const noexcept { return m_container; }
 
+    bool isEncrypted() const noexcept { return m_endpoint.scheme == "https"; }
+
+    /// Without the port.
+    std::string host() const;
+
     /// Scheme and host, to which path() is appended. Also shown in messages.
     std::string origin() const { return m_endpoint.origin(); }
 

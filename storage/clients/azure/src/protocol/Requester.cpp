@@ -22,7 +22,7 @@ Requester::Requester(const AzureSettings& settings)
     , m_http({settings.timeouts, settings.authorities, settings.interrupted})
     , m_timeouts(settings.timeouts)
     , m_address(settings)
-    , m_isPrivate(isPrivate(parseAddress("the endpoint", m_address.origin())))
+    , m_isPrivate(m_address.isEncrypted() || isLoopback(m_address.host()))
 {
 }
 
@@ -86,6 +86,7 @@ HttpResponse Requester::sendOnce(
         m_address.origin() + context.path +
             (request.query.empty() ? "" : fmt::format("?{}", encodeQuery(request.query))),
         request.headers, request.body};
+    http.bypassProxy = m_isPrivate && !m_address.isEncrypted();
     if (request.serverSideWork)
     {
         allowServerSideWork(http, m_timeouts, request.serverSideBytes);

@@ -67,6 +67,9 @@ public:
         }
     }
 
+    /// Whether requests are encrypted, or stay on this machine.
+    bool isPrivate() const noexcept { return m_isPrivate; }
+
     /// Return the entity tag in a response, without quotes.
     std::string tagIn(const AzureRequest& request, const HttpResponse& response) const;
 
@@ -81,7 +84,7 @@ private:
     HttpClient m_http;
     const HttpTimeouts m_timeouts;
     const ContainerAddress m_address;
-    const bool m_isPrivate; // no network is crossed unencrypted
+    const bool m_isPrivate;
     std::atomic<bool> m_wasReached = false;
     std::atomic<bool> m_isAnonymous = false; // of the last request; for messages
 };

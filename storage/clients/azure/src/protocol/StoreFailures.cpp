@@ -61,8 +61,8 @@ constexpr std::array rows{
     Row{"OperationTimedOut", Meaning::Transient, ""},
     Row{"InternalError", Meaning::Transient, ""},
     Row{"APINotImplemented", Meaning::NotSupported, ""}, // an emulator's, with the status 500
-    Row{"UnsupportedHeader", Meaning::NotSupported, ""},
-    Row{"UnsupportedQueryParameter", Meaning::NotSupported, ""},
+    Row{"UnsupportedHeader", Meaning::Other, ""},
+    Row{"UnsupportedQueryParameter", Meaning::Other, ""},
     Row{"UnsupportedHttpVerb", Meaning::NotSupported, ""},
     Row{"FeatureVersionMismatch", Meaning::NotSupported, ""},
 };

@@ -5,6 +5,7 @@
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <boost/algorithm/string/case_conv.hpp>
+#include <boost/algorithm/string/replace.hpp>
 #include <boost/algorithm/string/trim.hpp>
 
 #include <fmt/chrono.h>
@@ -42,14 +43,15 @@ std::string textToSign(const HttpRequest& request, const SigningContext& context
         const std::string* const value = request.headers.find(name);
         text += (value == nullptr ? "" : *value) + "\n";
     }
-    std::map<std::string, std::string> fields;
+    std::map<std::string, std::pair<std::string, std::string>> fields; // in the order of the service: "_" before digits
     for (const auto& [name, value] : request.headers)
     {
-        fields.emplace(boost::algorithm::to_lower_copy(name), boost::algorithm::trim_copy(value));
+        const std::string lower = boost::algorithm::to_lower_copy(name);
+        fields[boost::algorithm::replace_all_copy(lower, "_", "!")] = {lower, boost::algorithm::trim_copy(value)};
     }
-    for (const auto& [name, value] : fields)
+    for (const auto& [order, field] : fields)
     {
-        text += name.starts_with("x-ms-") ? fmt::format("{}:{}\n", name, value) : "";
+        text += order.starts_with("x-ms-") ? fmt::format("{}:{}\n", field.first, field.second) : "";
     }
     text += "/" + context.account + context.path;
     for (const auto& [name, value] : std::map(context.query.begin(), context.query.end()))
@@ -86,7 +88,7 @@ void addSource(HttpHeaders& headers, const std::string& url, const std::string& 
     std::string query = credentials.sas;
     if (!credentials.accountKey.empty())
     {
-        constexpr std::time_t validity = 24 * 3'600; // seconds; longer than any copy takes
+        constexpr std::time_t validity = 4 * 3'600; // seconds; longer than any copy takes
         const std::string expiry = fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(time + validity));
         // Permissions, start, expiry, resource, policy, addresses, protocol, version, kind of resource, and seven more.
         const std::string text =

@@ -22,6 +22,9 @@ struct ServiceAddress
 ///         contains a user name
 ServiceAddress parseAddress(const std::string& name, const std::string& url);
 
+/// Whether a host, without a port, is this machine.
+bool isLoopback(const std::string& host);
+
 /// Whether nothing that is sent to an address crosses a network unencrypted: https, or http on this machine.
 bool isPrivate(const ServiceAddress& address);
 
