@@ -242,6 +242,21 @@ TEST(UploadPlanTest, PlansEveryPatchOfAnObjectAsItIsCut)
     rewritten.front() = {0, PartPlace::Uploaded, 10, 0, 1};
     rewritten.back() = {121, PartPlace::Uploaded, 10, 0, 14};
     EXPECT_EQ(planUpload(rewritten, small).parts.size(), 14U);
+
+    // A change in the middle of as many whole parts as a store takes, and one part more.
+    const StoreAbilities blocks{.minPartSize = 1, .maxPartSize = 10, .maxParts = 50'000, .takesWholeParts = true};
+    std::vector<FilePart> changed(blocks.maxParts, {.place = PartPlace::Object, .size = 1});
+    std::vector<std::uint64_t> ends(blocks.maxParts);
+    for (std::size_t i = 0; i < changed.size(); ++i)
+    {
+        changed[i].index = changed[i].offset = i;
+        changed[i].number = ends[i] = i + 1;
+    }
+    changed[25'000].place = PartPlace::Spooled;
+    const UploadPlan full = planUpload(changed, blocks, ends);
+    EXPECT_TRUE(full.parts.size() == 3 && full.parts[1].how == How::Send && full.parts[1].size == 1);
+    changed.push_back({blocks.maxParts, PartPlace::Spooled, 10, 0, blocks.maxParts + 1});
+    expectRight(planUpload(changed, blocks, ends), changed, blocks, 0, ends);
 }
 
 TEST(UploadPlanTest, NumbersLastForTheLargestObject)
