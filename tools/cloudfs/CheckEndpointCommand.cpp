@@ -63,7 +63,8 @@ void checkEndpoint(CommandContext& context)
     {
         if (!context.storeUrl.starts_with("s3:"))
         {
-            throw CommandError(context.storeForMessages(), "there is nothing to check: only buckets have an endpoint",
+            throw CommandError(context.storeForMessages(),
+                "there is nothing to check: only the endpoint of a bucket has differences",
                 fsp::ErrorCode::Unsupported);
         }
         auto settings = storage::clients::s3::parseS3Url(context.storeUrl);

@@ -582,7 +582,7 @@ Uploads::Completion Uploads::prepare(Upload& upload, const std::vector<PartInfo>
         ends = upload.sourceEnds(completion.source,
             [&]
             {
-                return m_retry.run(request(Operation::CopyPart, upload),
+                return m_retry.run(request(Operation::GetObjectParts, upload),
                     [&] { return m_store.partEnds(upload.key(), completion.source); });
             });
     }

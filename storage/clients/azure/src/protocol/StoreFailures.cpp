@@ -35,6 +35,7 @@ constexpr std::array rows{
     Row{"InvalidAuthenticationInfo", Meaning::BadCredentials, "the token has expired or is not for this store"},
     Row{"NoAuthenticationInformation", Meaning::BadCredentials, ""},
     Row{"PublicAccessNotPermitted", Meaning::BadCredentials, ""},
+    Row{"AuthorizationFailure", Meaning::Denied, "check the account's key, and which networks it accepts"},
     Row{"AuthorizationPermissionMismatch", Meaning::Denied,
         "the signature or the identity's role does not include this operation"},
     Row{"AuthorizationResourceTypeMismatch", Meaning::Denied, "the signature does not include this kind of resource"},
@@ -45,7 +46,9 @@ constexpr std::array rows{
     Row{"SnapshotsPresent", Meaning::Other, "the blob has snapshots; delete them first"},
     Row{"InvalidBlobType", Meaning::Other, notBlocks},
     Row{"InvalidBlockList", Meaning::Other,
-        "somebody else has written the blob, and with that the store has dropped the blocks that were sent"},
+        "somebody else has written the blob, and with that the store has dropped the blocks that were sent; or the "
+        "list of "
+        "blocks was damaged in transit"},
     Row{"InvalidBlobOrBlock", Meaning::Other, notBlockIds},
     Row{"BlockCountExceedsLimit", Meaning::Other,
         "too many blocks were sent that belong to no blob; the store drops them after a week"},

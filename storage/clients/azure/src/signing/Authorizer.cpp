@@ -5,13 +5,14 @@
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <boost/algorithm/string/case_conv.hpp>
-#include <boost/algorithm/string/replace.hpp>
 #include <boost/algorithm/string/trim.hpp>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <map>
+#include <utility>
 
 namespace storage::clients::azure
 {
@@ -47,7 +48,9 @@ std::string textToSign(const HttpRequest& request, const SigningContext& context
     for (const auto& [name, value] : request.headers)
     {
         const std::string lower = boost::algorithm::to_lower_copy(name);
-        fields[boost::algorithm::replace_all_copy(lower, "_", "!")] = {lower, boost::algorithm::trim_copy(value)};
+        std::string order = lower;
+        std::ranges::replace(order, '_', '!');
+        fields[order] = {lower, boost::algorithm::trim_copy(value)};
     }
     for (const auto& [order, field] : fields)
     {
