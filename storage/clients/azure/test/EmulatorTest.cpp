@@ -80,6 +80,7 @@ public:
         result.noSharedUploads = "an upload is a record of the instance";
         result.noBackslashes = "the server takes them for slashes";
         result.noTrailingDots = "the service ignores them";
+        result.noCreationBesideUploads = "the server takes the blocks of an upload for a blob";
         result.noByteOrder = "the server compares the 16-bit units of names";
         result.maxKeyBytes -= hasPrefix ? prefix.size() : 0;
         return result;

@@ -33,6 +33,7 @@ struct Capabilities
     std::string noBackslashes = {};  ///< why keys with a backslash are refused
     std::string noTrailingDots = {}; ///< why keys with a segment that ends with a dot are refused
     std::string noByteOrder = {};    ///< why keys are listed in an order other than that of their bytes
+    std::string noCreationBesideUploads = {}; ///< why creating an object may be refused while it is being uploaded
     std::size_t maxKeyBytes = 1'024;
 };
 
