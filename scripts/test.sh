@@ -36,6 +36,7 @@ build "$preset"
 
 # Use a separate gateway, because it keeps all objects in memory.
 export CLOUDFS_GATEWAY_DIR=$root/build/$preset/gateway
+unset CLOUDFS_TEST_S3_ENDPOINT CLOUDFS_TEST_AZURE_ENDPOINT # of another server, whose contents are not ours
 trap '"${gateway[@]}" stop' EXIT
 trap 'exit 130' INT TERM
 "${gateway[@]}" stop # one that a killed run has left
@@ -53,7 +54,6 @@ else
         exit 1
     fi
     echo "test: the tests of distant stores are skipped: $reason"
-    unset CLOUDFS_TEST_S3_ENDPOINT CLOUDFS_TEST_AZURE_ENDPOINT # do not use another gateway
 fi
 
 # Each test has its own time limit; this one is for all of them together. At the limit and at Ctrl-C, the whole process

@@ -1,6 +1,7 @@
 #include "Requester.hpp"
 
 #include "signing/Authorizer.hpp"
+
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/credentials/ServiceAddress.hpp>
 #include <storage/clients/http/Hashing.hpp>

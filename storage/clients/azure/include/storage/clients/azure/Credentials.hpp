@@ -52,9 +52,8 @@ std::shared_ptr<CredentialsSource> fixedCredentials(Credentials credentials);
 /// 2. the application AZURE_CLIENT_ID of AZURE_TENANT_ID, with AZURE_CLIENT_SECRET, else with the token in the file
 ///    AZURE_FEDERATED_TOKEN_FILE
 /// 3. an app's identity endpoint (IDENTITY_ENDPOINT and IDENTITY_HEADER)
-/// 4. connection_string, key or sas_token in the section [storage] of the file `config` of the command line `az`,
-/// unless
-///    they are for another account
+/// 4. connection_string, key or sas_token in the section [storage] of the file `config` of the command line `az`; those
+///    for another account are not used
 /// 5. the user who has logged in with `az` and the tenant of the default subscription: the token in the token cache,
 ///    or a new one. The cache must not be encrypted, and is not written
 /// 6. the machine's metadata service (AZURE_POD_IDENTITY_AUTHORITY_HOST); skipped when AZURE_METADATA_DISABLED is true
