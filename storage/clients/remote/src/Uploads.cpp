@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 namespace storage::clients
@@ -98,6 +99,25 @@ std::string requireTag(const std::string& key, std::string tag)
         throw UnusableResponse("Malformed response", "the store gave no tag to a part of " + quoted(key));
     }
     return tag;
+}
+
+/// Ask the store what became of a completion. @return nothing: it does not tell, for example for lack of a permission,
+/// which must not replace the failure of the completion. A TransientException passes: the completion is tried again.
+template <typename Ask>
+std::optional<std::invoke_result_t<Ask>> answerOf(const Ask& ask)
+{
+    try
+    {
+        return ask();
+    }
+    catch (const TransientException&)
+    {
+        throw;
+    }
+    catch (const CloudException&)
+    {
+        return std::nullopt;
+    }
 }
 
 /// Keep the bytes of a part that could not be sent. @return their position; nullopt: there is no space
@@ -698,7 +718,10 @@ std::string Uploads::finish(Upload& upload, const Completion& completion, const 
 {
     const std::string& key = upload.key();
     const auto isDone = [&](const std::optional<StoredObject>& stored)
-    { return upload.isOutcomeUnknown() && stored && m_store.isMadeOf(key, *stored, upload.storeId(), parts); };
+    {
+        const auto isMade = [&] { return m_store.isMadeOf(key, *stored, upload.storeId(), parts); };
+        return upload.isOutcomeUnknown() && stored && answerOf(isMade).value_or(false);
+    };
 
     const StoreAbilities store = m_store.abilities(key);
     const bool mustCreate = completion.replaces && completion.replaces->empty();
@@ -759,7 +782,8 @@ std::string Uploads::finish(Upload& upload, const Completion& completion, const 
         {
             upload.setOutcomeUnknown();
         }
-        if (const auto stored = m_store.findObject(key); isDone(stored))
+        const auto stored = answerOf([&] { return m_store.findObject(key); }).value_or(std::nullopt);
+        if (isDone(stored))
         {
             return stored->version.tag;
         }
@@ -770,22 +794,10 @@ std::string Uploads::finish(Upload& upload, const Completion& completion, const 
     return stored->version.tag;
 }
 
-/// Whether the upload still exists; nothing when the store does not tell. A TransientException passes: the attempt to
-/// complete the upload is made again.
+/// Whether the upload still exists; nothing when the store does not tell.
 std::optional<bool> Uploads::isOpenAtStore(const Upload& upload)
 {
-    try
-    {
-        return m_store.isOpen(upload.key(), upload.storeId());
-    }
-    catch (const TransientException&)
-    {
-        throw;
-    }
-    catch (const CloudException&)
-    {
-        return std::nullopt;
-    }
+    return answerOf([&] { return m_store.isOpen(upload.key(), upload.storeId()); });
 }
 
 std::vector<PendingUpload> Uploads::pending()

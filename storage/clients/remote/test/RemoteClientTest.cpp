@@ -797,6 +797,21 @@ TEST_F(RemoteClientTest, ALostRaceHasAKnownOutcomeWhileTheUploadIsOpen)
     }
 }
 
+TEST_F(RemoteClientTest, ReportsWhyACompletionFailedIfTheObjectCannotBeRead)
+{
+    open(1);
+    const Fault refused{How::Before, std::make_exception_ptr(UnknownErrorException("Refused"))};
+    bucket->faults = [&](const StoreRequest& request)
+    {
+        return request.operation == "completeUpload" ? std::optional(refused)
+               : request.operation == "findObject"   ? std::optional(denied)
+                                                     : std::nullopt;
+    };
+    const std::string id = begin();
+    EXPECT_THROW(complete(id, {send(id, 0, old)}), UnknownErrorException);
+    client->abortMultipartUpload("k", id);
+}
+
 TEST_F(RemoteClientTest, MakesEqualPartsWhenTheStoreRefusesOthers)
 {
     bucket->refusesUnequalParts = true;
