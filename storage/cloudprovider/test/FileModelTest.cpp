@@ -208,6 +208,7 @@ protected:
         // An upload stays if its id was lost or if it could not be aborted.
         EXPECT_TRUE(faults->hasFailed(Operation::CreateMultipartUpload) ||
                     faults->hasFailed(Operation::AbortMultipartUpload) || openUploads().empty());
+        faults->endUploads();
         for (const clients::PendingUpload& upload : openUploads())
         {
             faults->inner().abortMultipartUpload(upload.key, upload.uploadId);

@@ -167,6 +167,16 @@ public:
         return m_failed.contains(operation);
     }
 
+    /// End the uploads whose abort has failed. A client with threads of its own may open one at the store later.
+    void endUploads()
+    {
+        const std::lock_guard lock(m_mutex);
+        for (const auto& [key, id] : std::exchange(m_notAborted, {}))
+        {
+            outcome([&] { inner().abortMultipartUpload(key, id); });
+        }
+    }
+
     std::vector<ObjectEntry> listObjects(
         const std::string& prefix, std::string& continuationToken, const ListOptions& options) override
     {
@@ -203,15 +213,20 @@ protected:
             const std::lock_guard lock(m_mutex);
             m_failed.insert(call.operation);
             allocationsLeft = left;
+            if (call.operation == Operation::AbortMultipartUpload)
+            {
+                m_notAborted.emplace_back(call.key, *call.uploadId);
+            }
             throw;
         }
     }
 
 private:
     std::mutex m_mutex;
-    std::string m_calls;                                // guarded by m_mutex
-    std::set<Operation> m_failed;                       // guarded by m_mutex
-    static inline thread_local std::string s_arguments; // of the call that is about to begin
+    std::string m_calls;                                           // guarded by m_mutex
+    std::set<Operation> m_failed;                                  // guarded by m_mutex
+    std::vector<std::pair<std::string, std::string>> m_notAborted; // guarded by m_mutex
+    static inline thread_local std::string s_arguments;            // of the call that is about to begin
 };
 
 /// A provider over a store in memory in which every object has the time 5 s after 1970 began.
