@@ -167,6 +167,7 @@ TEST_F(CredentialsTest, ComeFromTheFirstPlaceThatHasSome)
         {"///app?api-version=2019-08-01&client_id=c&resource=https://storage.azure.com/",
             {{endpoint, server->url() + "/app"}, {"IDENTITY_HEADER", "S3CRET"}, {"AZURE_CLIENT_ID", "c"}}},
         {"no credentials: status 400", {{endpoint, server->url() + "/app"}, {"IDENTITY_HEADER", "x"}}},
+        {"Azure Arc are not supported; connection_string", {{endpoint, server->url()}, {"IMDS_ENDPOINT", "x"}}},
         {"IDENTITY_ENDPOINT must be", {{endpoint, "http://169.254.example"}, {"IDENTITY_HEADER", "x"}}},
         {"k//.", {}, "[core]\nkey=x\n[storage]\naccount = a\nkey = k\n", user, valid},
         {"k//.", {{"AZURE_CONFIG_DIR", home / ".azure"}, {"HOME", ""}}, "[storage]\nconnection_string=AccountKey=k\n"},

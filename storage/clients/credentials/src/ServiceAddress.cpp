@@ -26,12 +26,6 @@ std::string partOf(CURLU* address, CURLUPart part)
     return text;
 }
 
-/// Whether requests to the host stay on this machine.
-bool isLocal(const std::string& host)
-{
-    return isLoopback(host) || host == "[fd00:ec2::23]" || host == "169.254.170.2" || host == "169.254.170.23";
-}
-
 } // namespace
 
 ServiceAddress parseAddress(const std::string& name, const std::string& url)
@@ -61,7 +55,7 @@ bool isLoopback(const std::string& host)
 
 bool isPrivate(const ServiceAddress& address)
 {
-    return address.scheme == "https" || (address.scheme == "http" && isLocal(address.host));
+    return address.scheme == "https" || (address.scheme == "http" && isLoopback(address.host));
 }
 
 bool isAddressIn(const std::string& host, const char* prefix)

@@ -36,8 +36,8 @@ CredentialsLoader credentialsChain(SourceContext context)
 std::shared_ptr<CredentialsSource> defaultCredentials(
     const std::string& account, const std::filesystem::path& authorities, const std::function<bool()>& interrupted)
 {
-    return std::make_shared<RefreshingCredentials<CredentialsSource>>(
-        credentialsChain({{Environment::ofProcess({"AZURE_", "IDENTITY_"}), authorities, interrupted}, account}));
+    return std::make_shared<RefreshingCredentials<CredentialsSource>>(credentialsChain(
+        {{Environment::ofProcess({"AZURE_", "IDENTITY_", "IMDS_"}), authorities, interrupted}, account}));
 }
 
 } // namespace storage::clients::azure

@@ -42,12 +42,17 @@ LoadResult appServiceCredentials(const SourceContext& context)
     {
         return NoCredentials{std::string(variable) + " is not set"};
     }
+    if (context.environment[secret].empty() && !context.environment["IMDS_ENDPOINT"].empty())
+    {
+        return NoCredentials{"tokens of Azure Arc are not supported"};
+    }
     if (context.environment[secret].empty())
     {
         throw invalidCredentials(std::string(variable) + " is set without " + secret);
     }
     const ServiceAddress address = parseAddress(variable, endpoint);
-    if (!isPrivate(address) && !isAddressIn(address.host, "169.254."))
+    const bool isMachine = isAddressIn(address.host, "169.254."); // link-local
+    if (!isPrivate(address) && !(isMachine && address.scheme == "http"))
     {
         throw invalidCredentials(std::string(variable) + " must be https, or http on this machine");
     }

@@ -65,7 +65,11 @@ std::optional<std::string> containerEndpoint(const Environment& environment)
     {
         return std::nullopt;
     }
-    if (!isPrivate(parseAddress(full, url)))
+    const ServiceAddress address = parseAddress(full, url);
+    // Link-local addresses at which the machine responds to its containers.
+    const bool isMachine =
+        address.host == "169.254.170.2" || address.host == "169.254.170.23" || address.host == "[fd00:ec2::23]";
+    if (!isPrivate(address) && !(isMachine && address.scheme == "http"))
     {
         throw invalidCredentials(std::string(full) + " must be https, or http on this machine");
     }
