@@ -46,15 +46,15 @@ esac
 
 install_azurite()
 {
-    local folder
+    local folder new
     folder=$(azurite_folder)
     [[ $1 == azurite && ! -d $folder ]] || return 0
     echo "Installing Azurite $azurite_version in $folder"
-    rm -rf "$folder.new"
-    mkdir -p "$folder.new"
+    mkdir -p "$(dirname "$folder")"
+    new=$(mktemp -d "$folder.XXXXXX")
     quietly build/logs/azurite.log \
-        npm install --prefix "$folder.new" --ignore-scripts --no-audit --no-fund "azurite@$azurite_version"
-    mv -T "$folder.new" "$folder"
+        npm install --prefix "$new" --ignore-scripts --no-audit --no-fund "azurite@$azurite_version"
+    mv -T "$new" "$folder" || { rm -rf "$new" && [[ -d $folder ]]; } # another run was faster
 }
 
 if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
