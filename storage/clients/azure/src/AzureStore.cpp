@@ -41,6 +41,21 @@ void addCondition(HttpHeaders& headers, const WriteCondition& condition)
     }
 }
 
+std::string_view valueIn(const ObjectMetadata& metadata, std::string_view name)
+{
+    const auto found = std::ranges::find(metadata, name, &ObjectMetadata::value_type::first);
+    return found == metadata.end() ? std::string_view() : found->second;
+}
+
+/// Blocks and copies must have the key of the blob.
+void addScope(HttpHeaders& headers, const ObjectMetadata& metadata)
+{
+    if (const std::string_view scope = valueIn(metadata, encryptionScopeField); !scope.empty())
+    {
+        headers.add(encryptionScopeField, std::string(scope));
+    }
+}
+
 } // namespace
 
 AzureStore::AzureStore(const AzureSettings& settings)
@@ -137,40 +152,53 @@ Version AzureStore::getRange(const std::string& key, const std::optional<ByteRan
     return response.status == 416 ? content.finishBeyond(response, findObject(key)) : content.finish(response);
 }
 
-/// The fields of a request that makes a blob with this metadata. The tier and the values of tags are requested if the
-/// metadata only says that there may be some.
+void AzureStore::requireBlockBlob(const AzureRequest& write, const ObjectMetadata& metadata) const
+{
+    if (const std::string_view type = valueIn(metadata, blobTypeField); !type.empty())
+    {
+        throw UnknownErrorException(
+            "Not a block blob", fmt::format("{} failed: it is a {}; only block blobs can be written",
+                                    m_requester.contextOf(write).action, type));
+    }
+}
+
+/// The fields of a request that makes a blob with this metadata, which is that of a new file or of the source.
 HttpHeaders AzureStore::headersFor(const AzureRequest& write, const ObjectMetadata& metadata, const std::string& source)
 {
     HttpHeaders headers;
+    bool isNew = true;
     for (const auto& [name, value] : metadata)
     {
-        if (name == blobTypeField)
-        {
-            throw UnknownErrorException("Not a block blob", m_requester.contextOf(write).action + " failed: it is a " +
-                                                                value + "; only block blobs can be written");
-        }
-        if (name == tierField && value.empty())
-        {
-            const auto stored = findObject(source);
-            for (const auto& [field, tier] : stored ? *stored->version.metadata : ObjectMetadata())
-            {
-                field == tierField && !tier.empty() ? headers.add(field, tier) : void();
-            }
-            continue;
-        }
-        if (name != tagCountField)
-        {
-            headers.add(name, value);
-            continue;
-        }
-        const AzureRequest request{write.operation, source, "GET", {{"comp", "tags"}}};
-        const HttpResponse response = m_requester.send(request, {404});
-        if (!isMissing(request, response)) // else its tags are gone, too
-        {
-            headers.add("x-ms-tags", encodeQuery(m_requester.read(request, response, readTags)));
-        }
+        const bool isTier = name == tierField;
+        isNew = isNew && !isTier;
+        isTier || name == tagCountField ? void() : headers.add(name, value);
+    }
+    // Who sets a tier or tags makes no new version. So they may have changed since the version was read.
+    if (const auto stored = isNew ? std::nullopt : findObject(source))
+    {
+        addTierAndTags(headers, write, *stored->version.metadata, source);
     }
     return headers;
+}
+
+/// @param metadata  of the source, as a lookup returned it
+void AzureStore::addTierAndTags(
+    HttpHeaders& headers, const AzureRequest& write, const ObjectMetadata& metadata, const std::string& source)
+{
+    if (const std::string_view tier = valueIn(metadata, tierField); !tier.empty())
+    {
+        headers.add(std::string(tierField), std::string(tier));
+    }
+    if (valueIn(metadata, tagCountField).empty())
+    {
+        return;
+    }
+    const AzureRequest request{write.operation, source, "GET", {{"comp", "tags"}}};
+    const HttpResponse response = m_requester.send(request, {404});
+    if (!isMissing(request, response)) // else its tags are gone, too
+    {
+        headers.add("x-ms-tags", encodeQuery(m_requester.read(request, response, readTags)));
+    }
 }
 
 /// Send a request that makes a blob. @return its tag
@@ -184,6 +212,7 @@ std::string AzureStore::putObject(
     const std::string& key, RequestBody& body, const WriteCondition& condition, const ObjectMetadata& metadata)
 {
     AzureRequest request{Operation::PutObject, key, "PUT"};
+    requireBlockBlob(request, metadata);
     request.headers = headersFor(request, metadata, key);
     request.headers.add(std::string(blobTypeField), "BlockBlob");
     request.body = &body;
@@ -241,13 +270,10 @@ HttpResponse AzureStore::sendCopy(AzureRequest request, const CopySource& source
 std::string AzureStore::copyObject(const CopySource& source, const std::string& target, const WriteCondition& condition)
 {
     AzureRequest request{Operation::PutObject, target, "PUT"};
-    const HttpHeaders all = headersFor(request, *source.version.metadata, source.key);
-    for (const char* const name :
-        {"x-ms-access-tier", "x-ms-tags", encryptionScopeField}) // the store copies all others
-    {
-        const std::string* const value = all.find(name);
-        value == nullptr ? void() : request.headers.add(name, *value);
-    }
+    const ObjectMetadata& metadata = *source.version.metadata;
+    requireBlockBlob(request, metadata);
+    addTierAndTags(request.headers, request, metadata, source.key); // the store copies all others but the scope
+    addScope(request.headers, metadata);
     request.headers.add("x-ms-requires-sync", "true");
     addCondition(request.headers, condition);
     return m_requester.tagIn(request, sendCopy(request, source, source.version.size));
@@ -277,7 +303,7 @@ AzureStore::StoredBlocks AzureStore::findBlocks(const std::string& key, Operatio
     {
         return {};
     }
-    const std::string* const tag = response.headers.find("ETag"); // not of a name that only has blocks
+    const std::string* const tag = response.headers.find("ETag"); // the service sends it with committed blocks
     return {tag == nullptr ? "" : unquotedTag(*tag), m_requester.read(request, response, readBlockList)};
 }
 
@@ -285,11 +311,11 @@ std::vector<std::uint64_t> AzureStore::partEnds(const std::string& key, const Ve
 {
     const AzureRequest request{Operation::CopyPart, key, ""};
     const StoredBlocks stored = findBlocks(key, request.operation);
-    if (stored.tag != version.tag)
+    const auto& blocks = stored.list.committed;
+    if (!blocks.empty() && stored.tag != version.tag) // without blocks, each copy compares the version
     {
         throwObjectChanged(m_requester.contextOf(request));
     }
-    const auto& blocks = stored.list.committed;
     const bool hasLarge = std::ranges::any_of(blocks, [](const Block& block) { return block.size > maxResent; });
     const bool canCopy = !m_refusesTakes && version.size / maxResent < maxBlocks;
     std::vector<std::uint64_t> ends;
@@ -308,18 +334,17 @@ std::vector<std::uint64_t> AzureStore::partEnds(const std::string& key, const Ve
 std::string AzureStore::createUpload(const std::string& key, const ObjectMetadata& metadata, const std::string& source)
 {
     const AzureRequest request{Operation::CreateMultipartUpload, key, ""};
-    HttpHeaders headers = headersFor(request, metadata, source);
+    requireBlockBlob(request, metadata);
     const StoredBlocks stored =
         findBlocks(key, request.operation); // also of a blob that a new file replaces: see idSize
-    return m_uploads.open(key, stored.tag, stored.list, std::move(headers));
+    return m_uploads.open(key, stored.tag, stored.list, {metadata, source});
 }
 
 /// A request that sends a block of an upload.
 AzureRequest AzureStore::blockRequest(Operation operation, BlockUpload& upload, std::size_t number)
 {
     AzureRequest request{operation, upload.key, "PUT", {{"comp", "block"}, {"blockid", upload.nextBlockId(number)}}};
-    const std::string* const scope = upload.headers.find(encryptionScopeField); // blocks must have the blob's
-    scope == nullptr ? void() : request.headers.add(encryptionScopeField, *scope);
+    addScope(request.headers, upload.metadata.fields);
     return request;
 }
 
@@ -366,11 +391,12 @@ std::string AzureStore::completeUpload(const std::string& key, const std::string
     // The ids of another version may be the same, with other bytes.
     const bool hasRuns = std::ranges::any_of(blocks, &ListedBlock::isCommitted);
     const WriteCondition needed = hasRuns ? upload->tag : condition;
-    AzureRequest request{Operation::CompleteMultipartUpload, key, "PUT", {{"comp", "blocklist"}}, upload->headers};
+    AzureRequest request{Operation::CompleteMultipartUpload, key, "PUT", {{"comp", "blocklist"}}};
     if (hasRuns && condition && *condition != upload->tag)
     {
         throwObjectChanged(m_requester.contextOf(request));
     }
+    request.headers = headersFor(request, upload->metadata.fields, upload->metadata.source);
     TextBody body(writeBlockList(blocks));
     request.body = &body;
     request.serverSideWork = true;
@@ -412,7 +438,8 @@ bool AzureStore::isMadeOf(const std::string& key, const StoredObject& object, Re
            m_requester.tagIn(request, response) == object.version.tag;
 }
 
-/// The ids of its blocks tell which upload made a blob. Ends the upload if it did.
+/// The ids of its blocks tell which upload made a blob, if one of them is the upload's own: others may list the blocks
+/// that were there, too. Ends the upload if it did.
 bool AzureStore::isMadeOf(const std::string& key, const StoredObject& object, const std::string& uploadId,
     const std::vector<NumberedTag>& parts)
 {
@@ -422,8 +449,10 @@ bool AzureStore::isMadeOf(const std::string& key, const StoredObject& object, co
         return false;
     }
     const StoredBlocks stored = findBlocks(key, Operation::CompleteMultipartUpload);
-    const bool isOwn = stored.tag == object.version.tag && std::ranges::equal(stored.list.committed,
-                                                               upload->listed(parts), {}, &Block::id, &ListedBlock::id);
+    const auto& blocks = stored.list.committed;
+    const bool isOwn = stored.tag == object.version.tag &&
+                       std::ranges::equal(blocks, upload->listed(parts), {}, &Block::id, &ListedBlock::id) &&
+                       std::ranges::any_of(blocks, [&](const Block& block) { return upload->owns(block); });
     isOwn ? m_uploads.close(uploadId) : void();
     return isOwn;
 }

@@ -68,7 +68,7 @@ public:
 private:
     struct StoredBlocks
     {
-        std::string tag; // of the blob; empty: there is none
+        std::string tag; // of the blob; empty: there is none, or it has no blocks
         BlockList list;
     };
 
@@ -76,7 +76,10 @@ private:
         const std::optional<Version>& version, const ContentReceiver& receiver);
     StoredBlocks findBlocks(const std::string& key, Operation operation);
     bool isMissing(const AzureRequest& request, const HttpResponse& response);
+    void requireBlockBlob(const AzureRequest& write, const ObjectMetadata& metadata) const;
     HttpHeaders headersFor(const AzureRequest& write, const ObjectMetadata& metadata, const std::string& source);
+    void addTierAndTags(
+        HttpHeaders& headers, const AzureRequest& write, const ObjectMetadata& metadata, const std::string& source);
     AzureRequest blockRequest(Operation operation, BlockUpload& upload, std::size_t number);
     HttpResponse sendCopy(AzureRequest request, const CopySource& source, std::uint64_t size);
     std::string sendWrite(AzureRequest& request, const WriteCondition& condition);

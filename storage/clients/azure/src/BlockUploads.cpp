@@ -90,7 +90,7 @@ std::vector<ListedBlock> BlockUpload::listed(const std::vector<NumberedTag>& par
 }
 
 std::string BlockUploads::open(
-    const std::string& key, const std::string& tag, const BlockList& list, HttpHeaders headers)
+    const std::string& key, const std::string& tag, const BlockList& list, BlobMetadata metadata)
 {
     const auto upload = std::make_shared<BlockUpload>();
     upload->id = randomId();
@@ -98,7 +98,7 @@ std::string BlockUploads::open(
     upload->key = key;
     upload->tag = tag;
     upload->blocks = list.committed;
-    upload->headers = std::move(headers);
+    upload->metadata = std::move(metadata);
     const bool isBlob = !list.committed.empty();
     const auto& known = isBlob ? list.committed : list.uncommitted;
     upload->idSize = known.empty() ? ownIdSize : fromBase64(known.front().id).size();

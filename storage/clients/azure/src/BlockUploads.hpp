@@ -18,16 +18,23 @@
 namespace storage::clients::azure
 {
 
+/// What a blob gets besides its bytes.
+struct BlobMetadata
+{
+    ObjectMetadata fields;
+    std::string source; ///< key of the blob that they come from, unless the blob is new
+};
+
 /// Blocks that are sent to become a blob. All but the count is constant after its creation.
 struct BlockUpload
 {
     std::string id; ///< 16 hexadecimal digits
     boost::posix_time::ptime created;
     std::string key;
-    std::string tag;           ///< of the blob that was there; empty: none
+    std::string tag;           ///< of the blob that was there; empty: there was none, or it has no blocks
     std::vector<Block> blocks; ///< of that blob
     std::size_t idSize = 0;    ///< bytes of all block ids, before they are encoded
-    HttpHeaders headers;       ///< of the request that makes the blob
+    BlobMetadata metadata;
     std::atomic<unsigned> sentBlocks = 0;
 
     /// The id of the next block that is sent for a part: no other block has it. A request whose response was lost may
@@ -53,11 +60,11 @@ private:
 class BlockUploads
 {
 public:
-    /// @param tag   of the blob that is there; empty: none
+    /// @param tag   of the blob that is there; empty: there is none, or it has no blocks
     /// @param list  of its blocks
     /// @throws UnknownErrorException when the ids of the blocks that are there are so short that new ones could not be
     ///         told apart
-    std::string open(const std::string& key, const std::string& tag, const BlockList& list, HttpHeaders headers);
+    std::string open(const std::string& key, const std::string& tag, const BlockList& list, BlobMetadata metadata);
 
     /// Null: there is no such upload of the key.
     std::shared_ptr<BlockUpload> find(const std::string& key, const std::string& id) const;
