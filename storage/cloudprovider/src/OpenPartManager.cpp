@@ -78,10 +78,11 @@ void OpenPartManager::initPreserveExisting(bool requirePresent)
     const MutexLock lock(m_partsMutex);
     m_parts.clear();
     m_parts.reserve(stored.size());
-    for (const PartInfo& part : stored)
+    for (PartInfo& part : stored) // there may be hundreds of thousands
     {
         const bool isLastPart = part.Index + 1 == stored.size();
-        m_parts.push_back(std::make_shared<OpenPartBuffer>(part, LocalDataVersion::CLOUD, isLastPart, m_context));
+        m_parts.push_back(
+            std::make_shared<OpenPartBuffer>(std::move(part), LocalDataVersion::CLOUD, isLastPart, m_context));
     }
     m_parts.front()->setSinglePartFile(m_parts.size() == 1);
 }

@@ -5,13 +5,21 @@
 namespace storage::clients
 {
 
+namespace
+{
+
+constexpr std::uint64_t maxGrownSize = 8U << 20; // bytes; what reading one byte of the largest object may move
+
+} // namespace
+
 std::vector<cloudprovider::PartInfo> cutIntoParts(
     const Version& object, std::uint64_t partSize, const StoreAbilities& store)
 {
     const std::uint64_t maxCount = store.maxParts / 2;
     if (object.size > maxCount * partSize)
     {
-        partSize *= object.size / maxCount / partSize + 1; // round numbers
+        const std::uint64_t grown = partSize * (object.size / maxCount / partSize + 1); // round numbers
+        partSize = store.equalParts ? grown : std::min(grown, std::max(partSize, maxGrownSize));
     }
     if (object.size < store.minPartSize + partSize)
     {

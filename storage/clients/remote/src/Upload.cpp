@@ -98,7 +98,7 @@ std::string Upload::setPart(std::size_t index, Part part)
 PartGroup Upload::groupOf(const cloudprovider::PartInfo& part, const StoreAbilities& store) const
 {
     const bool isNumberedByIndex = m_isNew || store.equalParts;
-    // An object is cut into so many parts at most. Each needs a number of its own if every second one changes.
+    // The first parts of an object, of most objects all, have numbers of their own, in case every second one changes.
     const std::size_t ungrouped = m_isNew ? 0 : store.maxParts / 2 + 1;
     PartGroup group = clients::groupOf(part.Index, ungrouped, store);
     if (!isNumberedByIndex && part.Index < ungrouped)

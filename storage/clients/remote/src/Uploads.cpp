@@ -120,6 +120,11 @@ std::optional<std::invoke_result_t<Ask>> answerOf(const Ask& ask)
     }
 }
 
+bool isZero(std::string_view bytes)
+{
+    return bytes.empty() || (bytes[0] == '\0' && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
+}
+
 /// Keep the bytes of a part that could not be sent. @return their position; nullopt: there is no space
 std::optional<std::uint64_t> spool(Upload& upload, std::string_view bytes) noexcept
 {
@@ -234,6 +239,10 @@ std::string Uploads::spoolPart(Upload& upload, const PartInfo& part, const std::
     try
     {
         write(space.bytes.data());
+        if (isZero({space.bytes.data(), part.Size})) // returned space reads as zeros, so a hole takes none
+        {
+            upload.spool().free(space.position, part.Size);
+        }
         return upload.setPart(part.Index,
             {.place = PartPlace::Spooled, .size = part.Size, .offset = part.Offset, .spooled = space.position});
     }

@@ -191,7 +191,8 @@ std::vector<FilePart> patched(
     std::vector<FilePart> file;
     const auto add = [&](PartPlace place, std::uint64_t size, std::uint64_t offset)
     {
-        const bool isSent = place == PartPlace::Spooled && size >= usual.minPartSize;
+        const bool isSent =
+            place == PartPlace::Spooled && size >= usual.minPartSize && file.size() <= usual.maxParts / 2;
         file.push_back({file.size(), isSent ? PartPlace::Uploaded : place, size, offset, file.size() + 1});
     };
     auto parts = cutIntoParts({"tag", objectSize}, partSize, usual);
@@ -218,19 +219,23 @@ TEST(UploadPlanTest, PlansEveryPatchOfAnObjectAsItIsCut)
     for (int round = 0; round < 500 && !testing::Test::HasFailure(); ++round)
     {
         const std::uint64_t cut = std::array{mebi / 16, mebi / 4, mebi, 5 * mebi, 7 * mebi}.at(roll(4));
-        const std::uint64_t size = std::array{30 * mebi, 6 * mebi, 600 * mebi, 40 * gibi, 4000 * gibi}.at(roll(4));
+        const std::uint64_t size = std::array{30 * mebi, 6 * mebi, 600 * mebi, 40 * gibi, 60 * gibi}.at(roll(4));
         const std::uint64_t objectSize = 1 + roll(size - 1);
-        const std::size_t count = cutIntoParts({"tag", objectSize}, cut, usual).size();
-        EXPECT_LE(count, usual.maxParts / 2 + 1) << "no numbers are left for appended parts";
+        const auto parts = cutIntoParts({"tag", objectSize}, cut, usual);
+        const std::size_t count = parts.size();
+        EXPECT_LE(parts.front().Size, std::max(8 * mebi, cut));
+        EXPECT_TRUE(count <= usual.maxParts / 2 + 1 || parts.front().Size == 8 * mebi) << "few numbers are left";
+        EXPECT_LE(cutIntoParts({"tag", objectSize}, cut, {.equalParts = true}).size(), usual.maxParts / 2 + 1);
         const std::size_t first = roll(count);
         const auto file =
             patched(objectSize, cut, first, first + (roll(1) == 0 ? 0 : roll(20)), roll(3) * roll(9 * mebi));
+        const std::uint64_t forced = std::max(file.front().size, 2 * objectSize / usual.maxParts);
         for (const std::uint64_t copies : {usual.maxTakeSize, std::uint64_t()})
         {
             const StoreAbilities store{.maxTakeSize = copies};
             SCOPED_TRACE(testing::Message() << "changed from part " << first << ", " << objectSize
                                             << " bytes in parts of " << cut << ", round " << round);
-            const auto read = expectRight(planUpload(file, store), file, store, file.front().size / 4 * 5);
+            const auto read = expectRight(planUpload(file, store), file, store, forced / 4 * 5);
             EXPECT_LE(read, copies > 0 ? 4 * usual.minPartSize : objectSize) << "sent instead of copied";
         }
     }
