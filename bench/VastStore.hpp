@@ -31,6 +31,7 @@ public:
     using RequestBody = storage::clients::RequestBody;
     using WriteCondition = storage::clients::WriteCondition;
     using ObjectMetadata = storage::clients::ObjectMetadata;
+    using WrittenMetadata = storage::clients::WrittenMetadata;
 
     /// @param size  bytes of the object; 0: there is none
     VastStore(std::uint64_t size, std::shared_ptr<Traffic> traffic)
@@ -73,13 +74,12 @@ public:
     }
 
     std::string putObject(const std::string& /*key*/, RequestBody& body, const WriteCondition& /*condition*/,
-        const ObjectMetadata& /*metadata*/) override
+        const WrittenMetadata& /*metadata*/) override
     {
         return take(body);
     }
 
-    std::string createUpload(
-        const std::string& /*key*/, const ObjectMetadata& /*metadata*/, const std::string& /*source*/) override
+    std::string createUpload(const std::string& /*key*/, const WrittenMetadata& /*metadata*/) override
     {
         ++m_traffic->requests;
         return "upload";

@@ -52,9 +52,12 @@ install_azurite()
     echo "Installing Azurite $azurite_version in $folder"
     mkdir -p "$(dirname "$folder")"
     new=$(mktemp -d "$folder.XXXXXX")
-    quietly build/logs/azurite.log \
-        npm install --prefix "$new" --ignore-scripts --no-audit --no-fund "azurite@$azurite_version"
-    mv -T "$new" "$folder" || { rm -rf "$new" && [[ -d $folder ]]; } # another run was faster
+    if ! quietly build/logs/azurite.log \
+        npm install --prefix "$new" --ignore-scripts --no-audit --no-fund "azurite@$azurite_version"; then
+        rm -rf "$new"
+        return 1
+    fi
+    mv -T "$new" "$folder" 2>/dev/null || { rm -rf "$new" && [[ -d $folder ]]; } # another run was faster
 }
 
 if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then

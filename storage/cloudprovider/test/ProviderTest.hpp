@@ -167,7 +167,7 @@ public:
         return m_failed.contains(operation);
     }
 
-    /// End the uploads whose abort has failed. A client with threads of its own may open one at the store later.
+    /// End the uploads whose abort has failed. Otherwise a client that opens uploads on its threads could do so later.
     void endUploads()
     {
         const std::lock_guard lock(m_mutex);
@@ -212,11 +212,11 @@ protected:
         {
             const std::lock_guard lock(m_mutex);
             m_failed.insert(call.operation);
-            allocationsLeft = left;
             if (call.operation == Operation::AbortMultipartUpload)
             {
                 m_notAborted.emplace_back(call.key, *call.uploadId);
             }
+            allocationsLeft = left;
             throw;
         }
     }

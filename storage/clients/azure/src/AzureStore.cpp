@@ -162,21 +162,22 @@ void AzureStore::requireBlockBlob(const AzureRequest& write, const ObjectMetadat
     }
 }
 
-/// The fields of a request that makes a blob with this metadata, which is that of a new file or of the source.
-HttpHeaders AzureStore::headersFor(const AzureRequest& write, const ObjectMetadata& metadata, const std::string& source)
+/// The fields of a request that makes a blob with this metadata. Somebody may have set the tier or tags of its source
+/// since its version was read, because that makes no new one. So these are looked up.
+HttpHeaders AzureStore::headersFor(const AzureRequest& write, const WrittenMetadata& metadata)
 {
+    const bool isNew = metadata.source.empty();
     HttpHeaders headers;
-    bool isNew = true;
-    for (const auto& [name, value] : metadata)
+    for (const auto& [name, value] : metadata.fields)
     {
-        const bool isTier = name == tierField;
-        isNew = isNew && !isTier;
-        isTier || name == tagCountField ? void() : headers.add(name, value);
+        if (isNew || (name != tierField && name != tagsField && name != tagCountField))
+        {
+            headers.add(name, value);
+        }
     }
-    // Who sets a tier or tags makes no new version. So they may have changed since the version was read.
-    if (const auto stored = isNew ? std::nullopt : findObject(source))
+    if (const auto stored = isNew ? std::nullopt : findObject(metadata.source))
     {
-        addTierAndTags(headers, write, *stored->version.metadata, source);
+        addTierAndTags(headers, write, *stored->version.metadata, metadata.source);
     }
     return headers;
 }
@@ -197,7 +198,7 @@ void AzureStore::addTierAndTags(
     const HttpResponse response = m_requester.send(request, {404});
     if (!isMissing(request, response)) // else its tags are gone, too
     {
-        headers.add("x-ms-tags", encodeQuery(m_requester.read(request, response, readTags)));
+        headers.add(tagsField, encodeQuery(m_requester.read(request, response, readTags)));
     }
 }
 
@@ -209,11 +210,11 @@ std::string AzureStore::sendWrite(AzureRequest& request, const WriteCondition& c
 }
 
 std::string AzureStore::putObject(
-    const std::string& key, RequestBody& body, const WriteCondition& condition, const ObjectMetadata& metadata)
+    const std::string& key, RequestBody& body, const WriteCondition& condition, const WrittenMetadata& metadata)
 {
     AzureRequest request{Operation::PutObject, key, "PUT"};
-    requireBlockBlob(request, metadata);
-    request.headers = headersFor(request, metadata, key);
+    requireBlockBlob(request, metadata.fields);
+    request.headers = headersFor(request, metadata);
     request.headers.add(std::string(blobTypeField), "BlockBlob");
     request.body = &body;
     return sendWrite(request, condition);
@@ -331,13 +332,16 @@ std::vector<std::uint64_t> AzureStore::partEnds(const std::string& key, const Ve
     return ends;
 }
 
-std::string AzureStore::createUpload(const std::string& key, const ObjectMetadata& metadata, const std::string& source)
+std::string AzureStore::createUpload(const std::string& key, const WrittenMetadata& metadata)
 {
     const AzureRequest request{Operation::CreateMultipartUpload, key, ""};
-    requireBlockBlob(request, metadata);
+    requireBlockBlob(request, metadata.fields);
+    // What a change sends is looked up when it is complete, but a lack of permissions shows before bytes are sent.
+    const bool isLater = metadata.source == key && valueIn(metadata.fields, tagCountField).empty();
+    HttpHeaders headers = isLater ? HttpHeaders() : headersFor(request, metadata);
     const StoredBlocks stored =
         findBlocks(key, request.operation); // also of a blob that a new file replaces: see idSize
-    return m_uploads.open(key, stored.tag, stored.list, {metadata, source});
+    return m_uploads.open(key, stored.tag, stored.list, metadata, std::move(headers));
 }
 
 /// A request that sends a block of an upload.
@@ -396,7 +400,7 @@ std::string AzureStore::completeUpload(const std::string& key, const std::string
     {
         throwObjectChanged(m_requester.contextOf(request));
     }
-    request.headers = headersFor(request, upload->metadata.fields, upload->metadata.source);
+    request.headers = upload->metadata.source == key ? headersFor(request, upload->metadata) : upload->headers;
     TextBody body(writeBlockList(blocks));
     request.body = &body;
     request.serverSideWork = true;

@@ -37,15 +37,14 @@ public:
     Version getObject(const std::string& key, const std::optional<ByteRange>& range,
         const std::optional<Version>& version, const ContentReceiver& receiver) override;
     std::string putObject(const std::string& key, RequestBody& body, const WriteCondition& condition,
-        const ObjectMetadata& metadata) override;
+        const WrittenMetadata& metadata) override;
     void deleteObject(const std::string& key, const WriteCondition& condition) override;
     std::map<std::string, std::exception_ptr> deleteObjects(const std::vector<std::string>& keys) override;
     std::string copyObject(
         const CopySource& source, const std::string& target, const WriteCondition& condition) override;
     ListingPage listObjects(
         const std::string& prefix, const std::string& token, const cloudprovider::ListOptions& options) override;
-    std::string createUpload(
-        const std::string& key, const ObjectMetadata& metadata, const std::string& source) override;
+    std::string createUpload(const std::string& key, const WrittenMetadata& metadata) override;
     std::string uploadPart(
         const std::string& key, const std::string& uploadId, std::size_t number, RequestBody& body) override;
     std::vector<std::uint64_t> partEnds(const std::string& key, const Version& version) override;
@@ -77,7 +76,7 @@ private:
     StoredBlocks findBlocks(const std::string& key, Operation operation);
     bool isMissing(const AzureRequest& request, const HttpResponse& response);
     void requireBlockBlob(const AzureRequest& write, const ObjectMetadata& metadata) const;
-    HttpHeaders headersFor(const AzureRequest& write, const ObjectMetadata& metadata, const std::string& source);
+    HttpHeaders headersFor(const AzureRequest& write, const WrittenMetadata& metadata);
     void addTierAndTags(
         HttpHeaders& headers, const AzureRequest& write, const ObjectMetadata& metadata, const std::string& source);
     AzureRequest blockRequest(Operation operation, BlockUpload& upload, std::size_t number);

@@ -89,8 +89,8 @@ std::vector<ListedBlock> BlockUpload::listed(const std::vector<NumberedTag>& par
     return result;
 }
 
-std::string BlockUploads::open(
-    const std::string& key, const std::string& tag, const BlockList& list, BlobMetadata metadata)
+std::string BlockUploads::open(const std::string& key, const std::string& tag, const BlockList& list,
+    WrittenMetadata metadata, HttpHeaders headers)
 {
     const auto upload = std::make_shared<BlockUpload>();
     upload->id = randomId();
@@ -99,6 +99,7 @@ std::string BlockUploads::open(
     upload->tag = tag;
     upload->blocks = list.committed;
     upload->metadata = std::move(metadata);
+    upload->headers = std::move(headers);
     const bool isBlob = !list.committed.empty();
     const auto& known = isBlob ? list.committed : list.uncommitted;
     upload->idSize = known.empty() ? ownIdSize : fromBase64(known.front().id).size();

@@ -18,13 +18,6 @@
 namespace storage::clients::azure
 {
 
-/// What a blob gets besides its bytes.
-struct BlobMetadata
-{
-    ObjectMetadata fields;
-    std::string source; ///< key of the blob that they come from, unless the blob is new
-};
-
 /// Blocks that are sent to become a blob. All but the count is constant after its creation.
 struct BlockUpload
 {
@@ -34,7 +27,8 @@ struct BlockUpload
     std::string tag;           ///< of the blob that was there; empty: there was none, or it has no blocks
     std::vector<Block> blocks; ///< of that blob
     std::size_t idSize = 0;    ///< bytes of all block ids, before they are encoded
-    BlobMetadata metadata;
+    WrittenMetadata metadata;
+    HttpHeaders headers; ///< of the request that makes the blob, unless that looks them up again
     std::atomic<unsigned> sentBlocks = 0;
 
     /// The id of the next block that is sent for a part: no other block has it. A request whose response was lost may
@@ -64,7 +58,8 @@ public:
     /// @param list  of its blocks
     /// @throws UnknownErrorException when the ids of the blocks that are there are so short that new ones could not be
     ///         told apart
-    std::string open(const std::string& key, const std::string& tag, const BlockList& list, BlobMetadata metadata);
+    std::string open(const std::string& key, const std::string& tag, const BlockList& list, WrittenMetadata metadata,
+        HttpHeaders headers);
 
     /// Null: there is no such upload of the key.
     std::shared_ptr<BlockUpload> find(const std::string& key, const std::string& id) const;

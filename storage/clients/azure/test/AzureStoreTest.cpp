@@ -32,7 +32,7 @@ AzureSettings settingsFor(const LoopbackServer& server, const Credentials& crede
 void put(AzureStore& store, const WriteCondition& condition = {})
 {
     TextBody body("content");
-    store.putObject("a/key", body, condition, {{"x-ms-meta-b", "2"}, {"x-ms-meta-A", " 1"}});
+    store.putObject("a/key", body, condition, {{{"x-ms-meta-b", "2"}, {"x-ms-meta-A", " 1"}}, ""});
 }
 
 void get(AzureStore& store)
@@ -115,7 +115,7 @@ TEST(AzureStoreTest, TranslatesFailures)
     const auto copy = [](AzureStore& store) {
         store.copyObject({"k", {"tag", 1, std::make_shared<ObjectMetadata>()}}, "k2", {});
     };
-    const auto open = [](AzureStore& store) { store.createUpload("k", {}, "k"); };
+    const auto open = [](AzureStore& store) { store.createUpload("k", {}); };
     const auto remove = [](AzureStore& store) { store.deleteObject("a/key", {}); };
     const std::vector<std::pair<std::string, std::string>> right = {
         {"ETag", "\"tag\""}, {"Content-Range", "bytes 0-6/9"}};
@@ -227,7 +227,7 @@ TEST(AzureStoreTest, ListsWholeBlocksAgainAndFindsTheBlobOfALostResponse)
     LoopbackServer server([&](const Request& request) { return blob(request); });
     AzureStore store(settingsFor(server));
     const CopySource source{"k", {"old", 150, nullptr}};
-    const std::string id = store.createUpload("k", {{"x-ms-encryption-scope", "scope"}}, "k");
+    const std::string id = store.createUpload("k", {{{"x-ms-encryption-scope", "scope"}}, ""});
     EXPECT_TRUE(store.isOpen("k", id));
     const std::size_t sentBefore = server.requests().size();
     const std::string run = store.takeWholeParts("k", id, 1, source.version, {0, 100});
@@ -310,8 +310,8 @@ TEST(AzureStoreTest, DoesNotChangeABlobOfAnotherKind)
     LoopbackServer server([](const Request&) { return created("t"); });
     AzureStore store(settingsFor(server));
     TextBody body("content");
-    EXPECT_THROW(store.putObject("k", body, {}, {{"x-ms-blob-type", "PageBlob"}}), UnknownErrorException);
-    EXPECT_THROW(store.createUpload("k", {{"x-ms-blob-type", "AppendBlob"}}, "k"), UnknownErrorException);
+    EXPECT_THROW(store.putObject("k", body, {}, {{{"x-ms-blob-type", "PageBlob"}}, "k"}), UnknownErrorException);
+    EXPECT_THROW(store.createUpload("k", {{{"x-ms-blob-type", "AppendBlob"}}, "k"}), UnknownErrorException);
     EXPECT_EQ(server.requests().size(), 0U);
 }
 

@@ -180,7 +180,7 @@ TEST_F(CredentialsTest, ComeFromTheFirstPlaceThatHasSome)
         {"has no refresh token of user \"v\"", {}, "", login(R"("name":"v","type":"user")"), valid},
         {"never: the identity service at https://127.0.0.1:1, asked for the login of user \"u@x\" in ",
             {{"AZURE_AUTHORITY_HOST", ""}}, "", user, expired},
-        {"AZURE_AUTHORITY_HOST must be", {{"AZURE_AUTHORITY_HOST", "http://192.0.2.1"}}, "", user, expired},
+        {"AZURE_AUTHORITY_HOST must be", {{"AZURE_AUTHORITY_HOST", "http://169.254.170.2"}}, "", user, expired},
         {"msal_token_cache.bin is encrypted", {}, "", user, "", "x"},
         {"azureProfile.json: it is not JSON", {}, "", "S3CRET{"},
         {"has no default subscription", {}, "", login("", "false")},

@@ -49,7 +49,7 @@ void ObjectWriter::put(const std::string& key, std::istream& content, std::uint6
     };
     m_retry.run({Operation::PutObject, key, nullptr, size},
         [&] { attempt(key, required, !m_store.abilities(key).conditionalWrites, send, isStored); });
-    write.succeeded({tag, size, metadata});
+    write.succeeded({tag, size, fieldsOf(metadata)});
 }
 
 void ObjectWriter::remove(const std::string& key)

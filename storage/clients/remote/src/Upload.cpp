@@ -34,13 +34,13 @@ std::string Upload::storeId() const
     return m_storeId;
 }
 
-std::shared_ptr<const ObjectMetadata> Upload::metadata() const
+std::shared_ptr<const WrittenMetadata> Upload::metadata() const
 {
     const std::lock_guard lock(m_mutex);
     return m_metadata;
 }
 
-void Upload::setMetadata(std::shared_ptr<const ObjectMetadata> metadata)
+void Upload::setMetadata(std::shared_ptr<const WrittenMetadata> metadata)
 {
     const std::lock_guard lock(m_mutex);
     m_metadata = std::move(metadata);

@@ -80,8 +80,8 @@ public:
     std::string storeId() const;
 
     /// The metadata of the object that the upload makes; null before it is opened at the store.
-    std::shared_ptr<const ObjectMetadata> metadata() const;
-    void setMetadata(std::shared_ptr<const ObjectMetadata> metadata);
+    std::shared_ptr<const WrittenMetadata> metadata() const;
+    void setMetadata(std::shared_ptr<const WrittenMetadata> metadata);
 
     /// RemoteStore::partEnds() of the version that ranges are copied from, which is looked up once.
     std::vector<std::uint64_t> sourceEnds(
@@ -188,7 +188,7 @@ private:
     std::string m_storeId;             // guarded by m_openingMutex
     mutable std::mutex m_mutex;        // taken before those of the spool and the buffers; guards everything below
     std::condition_variable m_changed; // a transfer has ended
-    std::shared_ptr<const ObjectMetadata> m_metadata;
+    std::shared_ptr<const WrittenMetadata> m_metadata;
     std::pair<std::string, std::vector<std::uint64_t>> m_sourceEnds; // of the version with this tag
     std::map<std::size_t, Part> m_parts;                             // by index
     std::size_t m_sending = 0;                                       // groups that are on the way

@@ -170,7 +170,7 @@ std::string Uploads::openAtStore(Upload& upload)
                 upload.setMetadata(metadata);
             }
             return m_retry.run(request(Operation::CreateMultipartUpload, upload),
-                [&] { return m_store.createUpload(upload.key(), *metadata, upload.sourceKey()); });
+                [&] { return m_store.createUpload(upload.key(), *metadata); });
         });
 }
 
@@ -457,7 +457,8 @@ void Uploads::copyObject(const CopySource& source, const std::string& target, st
     const auto upload = m_registry.find(target, id);
     try
     {
-        upload->setMetadata(source.version.metadata);
+        upload->setMetadata(
+            std::make_shared<const WrittenMetadata>(WrittenMetadata{*source.version.metadata, source.key}));
         const std::uint64_t size = source.version.size;
         std::vector<PartInfo> parts;
         for (std::uint64_t offset = 0; offset < size; offset += rangeSize)
@@ -551,7 +552,7 @@ std::string Uploads::replaceObject(Upload& upload, const Completion& completion,
         request(Operation::CompleteMultipartUpload, upload), [&] { return finish(upload, completion, parts); });
     if (!tag.empty())
     {
-        write.succeeded({tag, completion.plan.size, upload.metadata()});
+        write.succeeded({tag, completion.plan.size, fieldsOf(upload.metadata())});
     }
     return tag;
 }
@@ -787,7 +788,8 @@ std::string Uploads::finish(Upload& upload, const Completion& completion, const 
         // A request that was sent twice may have been refused because the first one has succeeded.
         const auto* const refusal = dynamic_cast<const PreconditionFailed*>(&failure);
         const bool isThere = mustCreate && refusal != nullptr;
-        if (!isThere || refusal->wasSentTwice())
+        const bool mayBeDone = upload.isOutcomeUnknown() || (refusal != nullptr && refusal->wasSentTwice());
+        if (!isThere || mayBeDone)
         {
             upload.setOutcomeUnknown();
         }
@@ -796,9 +798,13 @@ std::string Uploads::finish(Upload& upload, const Completion& completion, const 
         {
             return stored->version.tag;
         }
+        if (mayBeDone && !isOpenAtStore(upload).value_or(true))
+        {
+            throwOutcomeUnknown(key);
+        }
         isThere ? throwOtherVersion(key, "") : throw;
     }
-    const auto stored = m_store.findObject(key);
+    const auto stored = answerOf([&] { return m_store.findObject(key); }).value_or(std::nullopt);
     isDone(stored) ? void() : throwOutcomeUnknown(key);
     return stored->version.tag;
 }

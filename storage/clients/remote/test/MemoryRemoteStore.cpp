@@ -112,12 +112,12 @@ public:
     }
 
     std::string putObject(const std::string& key, RequestBody& body, const WriteCondition& condition,
-        const ObjectMetadata& metadata) override
+        const WrittenMetadata& metadata) override
     {
         const std::string bytes = readAll(body);
         const Request request(*m_bucket, {"putObject", key, {0, bytes.size()}});
         checkVersion(key, condition, m_bucket->abilities.conditionalWrites);
-        const Object& object = m_bucket->m_objects[key] = m_bucket->makeObject(bytes, "", metadata);
+        const Object& object = m_bucket->m_objects[key] = m_bucket->makeObject(bytes, "", metadata.fields);
         request.respond(condition && m_bucket->abilities.conditionalWrites);
         return object.tag;
     }
@@ -184,13 +184,12 @@ public:
         return page;
     }
 
-    std::string createUpload(
-        const std::string& key, const ObjectMetadata& metadata, const std::string& /*source*/) override
+    std::string createUpload(const std::string& key, const WrittenMetadata& metadata) override
     {
         const Request request(*m_bucket, {"createUpload", key});
         const auto time = m_bucket->makeObject("").time;
         std::string id = std::to_string(1'000'000 + m_bucket->m_count); // in the order of their creation
-        m_bucket->m_uploads[id] = {key, time, metadata, {}};
+        m_bucket->m_uploads[id] = {key, time, metadata.fields, {}};
         request.respond();
         return id;
     }

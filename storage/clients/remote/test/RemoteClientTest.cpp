@@ -4,6 +4,7 @@
 
 #include <storage/clients/remote/ContentType.hpp>
 #include <storage/clients/remote/RemoteClient.hpp>
+#include <storage/clients/remote/RemoteFailures.hpp>
 #include <storage/clients/testing/ClientCalls.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 #include <storage/cloudprovider/Logger.hpp>
@@ -765,10 +766,11 @@ TEST_F(RemoteClientTest, CopiesNothingTwiceUnlessTheObjectWasAnotherVersion)
     }
 }
 
-// The completion fails, and the object is another one. While the upload is open the completion took no effect.
+// The first or second completion fails, and the object is another one. While the upload is open it took no effect.
 TEST_F(RemoteClientTest, ALostRaceHasAKnownOutcomeWhileTheUploadIsOpen)
 {
-    for (const bool endsUpload : {false, true})
+    const Fault refused{How::Before, std::make_exception_ptr(PreconditionFailed("Refused"))};
+    for (const auto& [endsUpload, failing] : {std::pair(false, 1U), std::pair(true, 1U), std::pair(true, 2U)})
     {
         bucket->takeRequests();
         open(1);
@@ -782,13 +784,17 @@ TEST_F(RemoteClientTest, ALostRaceHasAKnownOutcomeWhileTheUploadIsOpen)
                 const bool isSecond = request.operation == "isOpen" && bucket->count("isOpen") == 2;
                 return isSecond ? std::optional(busy) : std::nullopt;
             }
+            if (bucket->count("completeUpload") < failing)
+            {
+                return busy;
+            }
             bucket->put("k", "theirs" + id);
             if (endsUpload)
             {
                 const auto store = bucket->connect();
                 store->abortUpload("k", store->listUploads("").uploads.at(0).uploadId);
             }
-            return busy;
+            return failing == 1 ? busy : refused;
         };
         EXPECT_THAT([&] { complete(id, {part}); }, Throws<CloudException>(Property(&CloudException::what,
                                                        HasSubstr(endsUpload ? "Outcome unknown" : "exists"))));
@@ -929,7 +935,7 @@ TEST_F(RemoteClientTest, AChangedFileKeepsItsMetadataAndANewOneGetsItsOwn)
             SCOPED_TRACE(Message() << "row " << &row - rows << ", fault " << static_cast<int>(how));
             open(1);
             SpanBody body({old});
-            store->putObject("k", body, {}, kept);
+            store->putObject("k", body, {}, {kept, "k"});
             fail("", {how}, 2, 2);
             std::ranges::for_each(calls, [](const auto& call) { call(); });
             bucket->faults = {};

@@ -96,7 +96,7 @@ public:
         const ObjectMetadata& metadata = {})
     {
         TextBody body(content);
-        return write(key, [&] { return m_store->putObject(key, body, condition, metadata); });
+        return write(key, [&] { return m_store->putObject(key, body, condition, {metadata, key}); });
     }
 
     std::string get(const std::string& key, const std::optional<ByteRange>& range = {})
@@ -116,7 +116,7 @@ public:
     /// @return the id of an upload that will be aborted, unless it has ended by then
     std::string begin(const std::string& key, const ObjectMetadata& metadata = {})
     {
-        std::string id = m_store->createUpload(key, metadata, key);
+        std::string id = m_store->createUpload(key, {metadata, key});
         m_uploads.emplace_back(key, id);
         return id;
     }

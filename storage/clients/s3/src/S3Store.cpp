@@ -190,27 +190,27 @@ Version S3Store::getObject(const std::string& key, const std::optional<ByteRange
 }
 
 std::string S3Store::putObject(
-    const std::string& key, RequestBody& body, const WriteCondition& condition, const ObjectMetadata& metadata)
+    const std::string& key, RequestBody& body, const WriteCondition& condition, const WrittenMetadata& metadata)
 {
     S3Request request{Operation::PutObject, key, "PUT"};
-    request.headers = headersFor(request, metadata, key);
+    request.headers = headersFor(request, metadata);
     request.body = &body;
     return sendWrite(request, condition, [&] { return m_requester.sentTag(request, m_requester.send(request)); });
 }
 
 /// What a request sends, so that the new object has this metadata. If the object that it comes from has tags, they are
 /// requested: the responses to other requests only have their number.
-HttpHeaders S3Store::headersFor(const S3Request& write, const ObjectMetadata& metadata, const std::string& source)
+HttpHeaders S3Store::headersFor(const S3Request& write, const WrittenMetadata& metadata)
 {
     HttpHeaders headers;
-    for (const auto& [name, value] : metadata)
+    for (const auto& [name, value] : metadata.fields)
     {
         if (!boost::algorithm::iequals(name, tagCountField))
         {
             headers.add(name, value);
             continue;
         }
-        S3Request request{write.operation, source, "GET"};
+        S3Request request{write.operation, metadata.source, "GET"};
         request.query = {{"tagging", ""}};
         try
         {
@@ -437,11 +437,11 @@ ListingPage S3Store::listObjects(const std::string& prefix, const std::string& t
     return page;
 }
 
-std::string S3Store::createUpload(const std::string& key, const ObjectMetadata& metadata, const std::string& source)
+std::string S3Store::createUpload(const std::string& key, const WrittenMetadata& metadata)
 {
     S3Request request{Operation::CreateMultipartUpload, key, "POST"};
     request.query = {{"uploads", ""}};
-    request.headers = headersFor(request, metadata, source);
+    request.headers = headersFor(request, metadata);
     request.uninterruptible = true; // an upload whose id is lost could not be aborted
     return m_requester.sendAndRead(request, readNewUpload);
 }

@@ -30,15 +30,14 @@ public:
     Version getObject(const std::string& key, const std::optional<ByteRange>& range,
         const std::optional<Version>& version, const ContentReceiver& receiver) override;
     std::string putObject(const std::string& key, RequestBody& body, const WriteCondition& condition,
-        const ObjectMetadata& metadata) override;
+        const WrittenMetadata& metadata) override;
     void deleteObject(const std::string& key, const WriteCondition& condition) override;
     std::map<std::string, std::exception_ptr> deleteObjects(const std::vector<std::string>& keys) override;
     std::string copyObject(
         const CopySource& source, const std::string& target, const WriteCondition& condition) override;
     ListingPage listObjects(
         const std::string& prefix, const std::string& token, const cloudprovider::ListOptions& options) override;
-    std::string createUpload(
-        const std::string& key, const ObjectMetadata& metadata, const std::string& source) override;
+    std::string createUpload(const std::string& key, const WrittenMetadata& metadata) override;
     std::string uploadPart(
         const std::string& key, const std::string& uploadId, std::size_t number, RequestBody& body) override;
     std::string takePart(const std::string& key, const std::string& uploadId, std::size_t number,
@@ -55,7 +54,7 @@ public:
 private:
     HttpResponse getFirstByte(S3Request request);
     void requireMissingKey(const S3Request& request, const HttpResponse& response);
-    HttpHeaders headersFor(const S3Request& write, const ObjectMetadata& metadata, const std::string& source);
+    HttpHeaders headersFor(const S3Request& write, const WrittenMetadata& metadata);
     std::string sendCopy(S3Request request, const CopySource& source, std::uint64_t size,
         const std::function<std::string(const std::string& document)>& read);
     std::string sendWrite(

@@ -318,7 +318,7 @@ TEST(StoreTest, SendsTheMetadataThatItHasRead)
         const auto opened = store.getObject("key", {}, {}, [](const Version&, std::string_view) {}).metadata;
         EXPECT_EQ(*store.findObject("key")->version.metadata, *opened);
         putObject(store, "key", "new", "", *opened);
-        store.createUpload("to", *opened, "key");
+        store.createUpload("to", {*opened, "key"});
         const auto requests = server.requests();
         EXPECT_EQ(requests.size() - std::exchange(sent, requests.size()), expected);
         for (const Request& request : {requests.back(), *(requests.rbegin() + (expected == 5 ? 1 : 2))})
@@ -343,7 +343,7 @@ TEST(StoreTest, SendsTheSettingsOfObjectsWhereTheyBelong)
         "server-side-encryption-customer-key", "copy-source-server-side-encryption-customer-key"};
     const std::pair<void (*)(S3Store & store), const char*> rows[] = {
         {[](S3Store& store) { putObject(store, "key", "content"); }, "aws:kms a/b a2V5  "},
-        {[](S3Store& store) { store.createUpload("key", {}, ""); }, "aws:kms a/b a2V5  "},
+        {[](S3Store& store) { store.createUpload("key", {}); }, "aws:kms a/b a2V5  "},
         {[](S3Store& store) { store.findObject("key"); }, "  a2V5  "},
         {[](S3Store& store) {
              store.copyObject({"key", {"tag", 2, std::make_shared<ObjectMetadata>()}}, "to", {});

@@ -28,7 +28,7 @@ inline std::string putObject(RemoteStore& store, const std::string& key, const s
     const WriteCondition& condition = {}, const ObjectMetadata& metadata = {})
 {
     TextBody body(content);
-    return store.putObject(key, body, condition, metadata);
+    return store.putObject(key, body, condition, {metadata, key});
 }
 
 /// What an exception of a client says.

@@ -114,10 +114,6 @@ std::shared_ptr<const ObjectMetadata> metadataIn(const HttpResponse& response)
             metadata->emplace_back(isKnown ? known->second : name, value);
         }
     }
-    if (response.headers.find(tierField) == nullptr)
-    {
-        metadata->emplace_back(tierField, "");
-    }
     return metadata;
 }
 

@@ -44,9 +44,12 @@ std::string writeBlockList(const std::vector<ListedBlock>& blocks);
 
 // Fields of ObjectMetadata that are not sent as they are: the blob's tier, how many tags it has, and what kind of blob
 // it is, unless that is a block blob.
-inline constexpr std::string_view tierField = "x-ms-access-tier"; // empty: the response to GET did not tell it
+inline constexpr std::string_view tierField = "x-ms-access-tier"; // responses to GET lack it
 inline constexpr std::string_view tagCountField = "x-ms-tag-count";
 inline constexpr std::string_view blobTypeField = "x-ms-blob-type";
+
+/// Field of the tags, in requests.
+inline constexpr const char* tagsField = "x-ms-tags";
 
 /// Field of the key that the service encrypts a blob with, in responses and in requests.
 inline constexpr const char* encryptionScopeField = "x-ms-encryption-scope";

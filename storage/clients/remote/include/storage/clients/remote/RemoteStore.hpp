@@ -70,6 +70,13 @@ struct CopySource
     Version version; ///< as findObject() returned it
 };
 
+/// What a written object gets besides its bytes.
+struct WrittenMetadata
+{
+    ObjectMetadata fields;
+    std::string source; ///< key of the stored object that the fields come from; empty: the file is new
+};
+
 /// A part that the store has: its number, from 1, and the tag that the store gave to it.
 using NumberedTag = std::pair<std::size_t, std::string>;
 
@@ -122,10 +129,9 @@ public:
         const std::optional<Version>& version, const ContentReceiver& receiver) = 0;
 
     /// Store an object. @return its tag
-    /// @param metadata  of the object; those of an earlier version, or of a new file
     /// @throws PreconditionFailed if conditionalWrites is set; without it, a condition may be ignored
-    virtual std::string putObject(
-        const std::string& key, RequestBody& body, const WriteCondition& condition, const ObjectMetadata& metadata) = 0;
+    virtual std::string putObject(const std::string& key, RequestBody& body, const WriteCondition& condition,
+        const WrittenMetadata& metadata) = 0;
 
     /// Delete an object. A missing object is not an error, unless the condition requires one.
     /// @throws PreconditionFailed as putObject()
@@ -149,11 +155,9 @@ public:
         const std::string& prefix, const std::string& token, const cloudprovider::ListOptions& options) = 0;
 
     /// Open a multipart upload. Once begun, the request is not ended by an interrupt, so that its result is not lost.
-    /// @param metadata  of the object that it will make; see putObject()
-    /// @param source    key of the object that the metadata comes from, unless the file is new
+    /// @param metadata  of the object that it will make
     /// @return the store's id of the upload
-    virtual std::string createUpload(
-        const std::string& key, const ObjectMetadata& metadata, const std::string& source) = 0;
+    virtual std::string createUpload(const std::string& key, const WrittenMetadata& metadata) = 0;
 
     /// Send a part. A part with the same number is replaced. @return its tag, which is not empty
     /// @param number  from 1 to maxParts
