@@ -114,6 +114,10 @@ void throwFailure(FailureMeaning meaning, const std::string& detail, const HttpR
     case FailureMeaning::Changed:
         throw PreconditionFailed(detail, response.wasSentTwice);
     case FailureMeaning::Transient:
+        if (response.status == 429 || response.status == 503)
+        {
+            throw TooManyRequests("Store busy", detail, retryAfter(response));
+        }
         throw TransientException("Store busy", detail, retryAfter(response));
     default:
         throw UnknownErrorException("Store error", detail);

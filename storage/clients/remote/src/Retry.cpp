@@ -121,6 +121,18 @@ Retry::Attempts::~Attempts()
 
 void Retry::Attempts::start()
 {
+    if (m_failed == 0)
+    {
+        for (Duration left; (left = m_retry.m_rate.begin(m_retry.m_clock.now())) > Duration::zero();)
+        {
+            if (m_retry.isInterrupted() || isOutage())
+            {
+                break;
+            }
+            m_retry.m_clock.sleep(std::min(left, maxSleep));
+        }
+        m_begin = m_budgetBegin = m_retry.m_clock.now();
+    }
     m_attemptBegin = m_retry.m_clock.now();
     Outage* const outage = m_request.outage;
     const auto failure = outage == nullptr ? nullptr : outage->failure(m_attemptBegin, m_isAbort);
@@ -158,6 +170,10 @@ void Retry::Attempts::wait(const TransientException& failure)
         m_counted = m_retry.m_failedAttempts.insert(std::move(counted));
         m_retry.m_quietSince = now;
     }
+    if (dynamic_cast<const TooManyRequests*>(&failure) != nullptr)
+    {
+        m_retry.m_rate.refused(m_attemptBegin, now);
+    }
     // A large part takes long on a slow line. After a single failure its bytes should not wait for the completion.
     if (m_failed == 1 && m_request.operation == Operation::UploadPart && now - m_budgetBegin > policy.budget)
     {
@@ -187,7 +203,7 @@ void Retry::Attempts::wait(const TransientException& failure)
     const Duration left = policy.budget - (now - m_budgetBegin) - expected;
     if (asked > std::chrono::floor<std::chrono::milliseconds>(left) || jitter > left - asked)
     {
-        giveUp(failure, fmt::format("another attempt would exceed the limit of {} s", seconds(policy.budget)));
+        exceedBudget(failure);
     }
     const Duration time = asked + jitter;
 
@@ -198,28 +214,49 @@ void Retry::Attempts::wait(const TransientException& failure)
             fmt::format("{} of {}: attempt {} failed, retrying in {:.3f} s: {}", name(m_request.operation),
                 quoted(m_request.key), m_failed, seconds(time), reason(failure)));
     }
-    sleep(failure, time);
+    sleep(failure, time, now + left);
 }
 
-void Retry::Attempts::sleep(const TransientException& failure, Duration time) const
+bool Retry::Attempts::isOutage() const
+{
+    return m_request.outage != nullptr && m_request.outage->failure(m_retry.m_clock.now(), m_isAbort);
+}
+
+/// Wait for some time, and then for the turn of the next attempt, which may not begin later than `lastBegin`.
+void Retry::Attempts::sleep(const TransientException& failure, Duration time, Time lastBegin) const
 {
     const auto end = m_retry.m_clock.now() + time;
-    for (Duration left = time;; left = end - m_retry.m_clock.now())
+    for (;;)
     {
         if (m_retry.isInterrupted())
         {
             giveUp(failure, "interrupted");
         }
-        if (m_request.outage != nullptr && m_request.outage->failure(m_retry.m_clock.now(), m_isAbort))
+        if (isOutage())
         {
             throw gaveUp(failure, "another request of this upload gave up");
         }
+        const auto now = m_retry.m_clock.now();
+        Duration left = end - now;
         if (left <= Duration::zero())
         {
-            return;
+            left = m_retry.m_rate.begin(now);
+            if (left <= Duration::zero())
+            {
+                return;
+            }
+            if (left > lastBegin - now)
+            {
+                exceedBudget(failure);
+            }
         }
         m_retry.m_clock.sleep(std::min(left, maxSleep));
     }
+}
+
+void Retry::Attempts::exceedBudget(const TransientException& failure) const
+{
+    giveUp(failure, fmt::format("another attempt would exceed the limit of {} s", seconds(m_retry.m_policy.budget)));
 }
 
 /// Throw the last failure, and let the other requests of the upload fail with it.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "RequestRate.hpp"
+
 #include <storage/clients/common/Operation.hpp>
 #include <storage/clients/common/StoreCounters.hpp>
 #include <storage/clients/common/TransientException.hpp>
@@ -53,8 +55,10 @@ private:
 ///
 /// Waits: the k-th wait, k = 0 first, is uniformly random in [0, min(maxDelay, firstDelay * 2^k)], so that clients
 /// which failed at the same time do not retry at the same time. If the store said how long to wait, that time is added.
-/// An interrupt ends a wait within a tenth of a second. After a second UnusableResponse there is no further attempt. If
-/// the first attempt to send a part took longer than the budget, the budget begins at its end.
+/// After a TooManyRequests, each attempt also waits for its turn at the RequestRate of all requests. The first attempt
+/// waits before the budget begins. An interrupt ends a wait within a tenth of a second; a first attempt then begins
+/// without its turn. After a second UnusableResponse there is no further attempt. If the first attempt to send a part
+/// took longer than the budget, the budget begins at its end.
 ///
 /// If there is no further attempt, a TransientException is thrown. Its detail is that of the last failure, followed by
 /// the number of attempts, the time since the first one, and the reason why there is no further one. All other
@@ -129,6 +133,7 @@ private:
         Attempts& operator=(const Attempts&) = delete;
         ~Attempts();
 
+        /// Wait for the turn of a first attempt. Retries have waited.
         /// @throws what the outage of the upload says
         void start();
         void succeeded();
@@ -139,7 +144,9 @@ private:
     private:
         using Time = std::chrono::steady_clock::time_point;
 
-        void sleep(const TransientException& failure, RetryClock::Duration time) const;
+        bool isOutage() const;
+        void sleep(const TransientException& failure, RetryClock::Duration time, Time lastBegin) const;
+        [[noreturn]] void exceedBudget(const TransientException& failure) const;
         [[noreturn]] void giveUp(const TransientException& failure, const std::string& whyNoRetry) const;
         TransientException gaveUp(const TransientException& failure, const std::string& whyNoRetry) const;
 
@@ -147,7 +154,7 @@ private:
         const Request m_request;
         const bool m_isAbort;
         const std::function<std::uint64_t()>& m_progress;
-        const Time m_begin;
+        Time m_begin;
         Time m_attemptBegin;
         Time m_budgetBegin;
         RetryClock::Duration m_nextMaxDelay;
@@ -161,6 +168,7 @@ private:
     const RetryPolicy m_policy;
     const RetryClock m_clock;
     const std::function<bool()> m_interrupted;
+    RequestRate m_rate;
 
     mutable std::mutex m_mutex;               // innermost; guards everything below
     CallSnapshot m_counted;                   // attempts

@@ -10,9 +10,12 @@
 #include <gmock/gmock.h>
 
 #include <functional>
+#include <future>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace storage::clients
@@ -58,6 +61,7 @@ TEST_F(RetryTest, WaitsThenGivesUp)
         std::string summary;
         std::size_t progressing = 0; // attempts, the first ones, that make progress
         Operation operation = Operation::GetObjectInfo;
+        bool tooMany = false;
     } rows[] = {
         {"doubles", {100ms, 1s, 3500ms}, 0ms, {}, {0, 100, 300, 700, 1500, 2500, 3500}, "attempt 7, 3.5"},
         {"starts at the maximum", {5s, 1s, 2s}, 0ms, {}, {0, 1000, 2000}, "attempt 3, 2.0"},
@@ -72,6 +76,7 @@ TEST_F(RetryTest, WaitsThenGivesUp)
         {"progresses for long", {100ms, 20s, 300ms}, 400ms, {}, {0, 500, 1000}, "attempt 3, 1.4", 2},
         {"has used its time", {100ms, 20s, 1s}, 2s, {}, {0}, "attempt 1, 2.0"},
         {"sends for long", {100ms, 20s, 1s}, 2s, {}, {0, 2100}, "attempt 2, 4.1", 0, Operation::UploadPart},
+        {"waits for its turn", {10ms, 20s, 300ms}, 0ms, {}, {0, 200}, "attempt 2, 0.2", 0, Operation::PutObject, true},
     };
     for (const auto& row : rows)
     {
@@ -87,6 +92,7 @@ TEST_F(RetryTest, WaitsThenGivesUp)
             begun.push_back(static_cast<int>((time.now() - begin) / 1ms));
             time.pass(row.duration);
             lastEnd = time.now();
+            row.tooMany ? throw TooManyRequests("Busy", "store busy") : void();
             throw TransientException("Busy", "store busy", row.retryAfter);
         };
         const auto progress = [&] { return std::min(begun.size(), row.progressing); };
@@ -157,6 +163,56 @@ TEST_F(RetryTest, StopsWhenAnotherRequestOfTheUploadGivesUp)
     EXPECT_EQ(time.now().time_since_epoch(), 60s);
     time.pass(1min);
     EXPECT_EQ(retry.run(part, [] { return 7; }), 7);
+}
+
+TEST_F(RetryTest, HalvesTheRateAtARefusalAndRaisesItSlowlyThenFast)
+{
+    // Columns: name, attempts before the refusals (one each 10 ms), how many are refused, time after that, ms between
+    // attempts from then on.
+    for (const auto& [name, begun, refusals, passed, interval] : {
+             std::tuple("halves again", 1000, 2, 0ms, 40.),
+             std::tuple("is at the refused rate again", 1000, 1, 7937ms, 10.),
+             std::tuple("has doubled it", 1000, 1, 17937ms, 5.),
+             std::tuple("has a minimum", 1000, 100, 0ms, 10'000.),
+             std::tuple("one refusal does not stop who sends little", 1, 1, 0ms, 200.),
+         })
+    {
+        RequestRate rate;
+        for (int i = 0; i < begun; ++i, time.pass(10ms))
+        {
+            EXPECT_EQ(rate.begin(time.now()), 0ms);
+        }
+        for (int i = 0; i < refusals; ++i)
+        {
+            rate.refused(time.now(), time.now());
+            rate.refused(time.now() - 1ms, time.now()); // was in progress, so does not count
+        }
+        time.pass(passed);
+        const auto next = std::max(rate.begin(time.now()), rate.begin(time.now()));
+        EXPECT_NEAR(std::chrono::duration<double>(next) / 1ms, interval, interval / 50) << name;
+    }
+}
+
+TEST_F(RetryTest, ApproachesTheRateOfTheStore)
+{
+    Retry retry({}, time.clock(), {});
+    std::mutex mutex; // guards the store: it accepts 50 requests per second, not necessarily one each 20 ms
+    auto free = time.now();
+    const auto attempt = [&]
+    {
+        const std::lock_guard lock(mutex);
+        time.pass(1ms);
+        time.now() < free - 1s ? throw TooManyRequests("Busy", std::to_string(++attempts))
+                               : void(free = std::max(free, time.now()) + 20ms);
+    };
+    const std::vector<int> requests(1000);
+    const auto send = [&]
+    { std::for_each(requests.begin(), requests.end(), [&](int) { retry.run(lookup, attempt); }); };
+    auto other = std::async(std::launch::async, send);
+    send();
+    other.get();
+    EXPECT_LT(attempts, 40U) << "were refused, of 2,000";
+    EXPECT_LT(time.now().time_since_epoch(), 60s) << "40 s are the minimum";
 }
 
 TEST_F(RetryTest, JitterReachesItsBounds)

@@ -33,6 +33,13 @@ private:
     std::optional<std::chrono::milliseconds> m_retryAfter;
 };
 
+/// The store refuses requests of this client, or of everybody, because there are too many (429, 503).
+class TooManyRequests : public TransientException
+{
+public:
+    using TransientException::TransientException;
+};
+
 /// The response can hardly get better: retry once. The store lacks what the request needs, or is no such store at all.
 ///
 /// It is transient nevertheless, because a proxy may have responded for a store that is being restarted.

@@ -29,14 +29,14 @@ namespace storage::clients
 /// writer wins.
 ///
 /// Retries: a request that fails with a TransientException is sent again, after a random time that doubles on average,
-/// until RetryPolicy::budget is used up; after an UnusableResponse only once. A read that broke goes on behind the last
-/// byte that it delivered. A caller's stream is written in order. Only if delivered bytes turn out to be wrong, or if
-/// this client has replaced the object meanwhile, is it rewound and written again; if it cannot be rewound, the call
-/// fails. So do not pass a file stream opened for appending, which writes at the end wherever it is rewound to. If the
-/// response to a write is lost, the
-/// client finds out whether the write took effect before it repeats one that may not take effect twice. When a request
-/// of an upload has used up its budget, all calls of this upload fail at once for the time of another budget, except
-/// the first abort, which makes one attempt.
+/// until RetryPolicy::budget is used up; after an UnusableResponse only once. After a TooManyRequests, all requests
+/// wait for turns, whose rate is halved at each refusal and rises again while there is none. A read that broke goes on
+/// behind the last byte that it delivered. A caller's stream is written in order. Only if delivered bytes turn out to
+/// be wrong, or if this client has replaced the object meanwhile, is it rewound and written again; if it cannot be
+/// rewound, the call fails. So do not pass a file stream opened for appending, which writes at the end wherever it is
+/// rewound to. If the response to a write is lost, the client finds out whether the write took effect before it repeats
+/// one that may not take effect twice. When a request of an upload has used up its budget, all calls of this upload
+/// fail at once for the time of another budget, except the first abort, which makes one attempt.
 ///
 /// Reads: getObjectParts() splits every object by fixed rules, however it was written, into parts that are small enough
 /// to be read on their own. It also fetches the first 16 KiB. If that is the whole object, the next read of it returns

@@ -93,6 +93,7 @@ using ContentReceiver = std::function<void(const Version& object, std::string_vi
 /// Failures are CloudExceptions whose detail names the request, the key, the store's response and a remedy where one is
 /// known. Each operation may throw:
 /// - TransientException: the request may succeed later. It may have taken effect. UnusableResponse: it hardly will.
+///   TooManyRequests: the store asks for fewer requests.
 /// - PreconditionFailed: the object is not the version that the operation requires.
 /// - ResourceNotFoundException: there is no such object or upload.
 /// - UnsupportedOperationException: the store does not have this request.
