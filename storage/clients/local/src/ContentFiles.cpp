@@ -51,6 +51,7 @@ IncomingFile::IncomingFile(IncomingFile&& other) noexcept
     : m_files(other.m_files)
     , m_path(std::move(other.m_path))
     , m_file(std::move(other.m_file))
+    , m_started(other.m_started)
 {
     other.m_path.clear();
 }
@@ -66,12 +67,20 @@ IncomingFile::~IncomingFile()
 void IncomingFile::append(const char* bytes, std::uint64_t size)
 {
     writeFile(m_file, m_path, bytes, size);
+    startWriteBack(size);
 }
 
 void IncomingFile::append(
     const FileHandle& from, const std::filesystem::path& fromPath, std::uint64_t offset, std::uint64_t size)
 {
     copyFile(from, fromPath, offset, m_file, m_path, size);
+    startWriteBack(size);
+}
+
+void IncomingFile::startWriteBack(std::uint64_t size) noexcept
+{
+    local::startWriteBack(m_file, m_started, size);
+    m_started += size;
 }
 
 void IncomingFile::sync()

@@ -32,6 +32,8 @@ public:
     IncomingFile& operator=(IncomingFile&&) = delete;
     ~IncomingFile();
 
+    // Both let the disk begin to write the bytes: a sync at the end then waits for few of them, and the disk does not
+    // idle while the next ones are received.
     void append(const char* bytes, std::uint64_t size);
     void append(
         const FileHandle& from, const std::filesystem::path& fromPath, std::uint64_t offset, std::uint64_t size);
@@ -42,10 +44,12 @@ public:
 private:
     friend class ContentFiles;
     IncomingFile(ContentFiles& files, std::filesystem::path path);
+    void startWriteBack(std::uint64_t size) noexcept;
 
     ContentFiles& m_files;
     std::filesystem::path m_path; // empty: published, or moved from
     FileHandle m_file;
+    std::uint64_t m_started = 0; // bytes that the disk may have begun to write
 };
 
 /// The files beside the index. They have the bytes of the objects and parts that are not stored inline in the index.

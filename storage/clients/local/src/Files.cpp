@@ -181,6 +181,12 @@ void writeFile(const FileHandle& file, const std::filesystem::path& path, const 
     }
 }
 
+void startWriteBack(const FileHandle& file, std::uint64_t offset, std::uint64_t size) noexcept
+{
+    // A file system that cannot do this writes the bytes when they are synced. An error stays to be reported then.
+    ::sync_file_range(file.get(), static_cast<off_t>(offset), static_cast<off_t>(size), SYNC_FILE_RANGE_WRITE);
+}
+
 void readFile(
     const FileHandle& file, const std::filesystem::path& path, char* target, std::uint64_t size, std::uint64_t offset)
 {

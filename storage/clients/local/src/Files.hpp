@@ -65,6 +65,10 @@ std::uint64_t fileSize(const FileHandle& file, const std::filesystem::path& path
 
 void writeFile(const FileHandle& file, const std::filesystem::path& path, const char* bytes, std::uint64_t size);
 
+/// Let the disk begin to write these bytes, so that a later sync finds little to wait for. Promises nothing: only
+/// syncFile() makes bytes durable and reports errors.
+void startWriteBack(const FileHandle& file, std::uint64_t offset, std::uint64_t size) noexcept;
+
 /// Read exactly `size` bytes from `offset` on. A file that ends earlier is an error.
 void readFile(
     const FileHandle& file, const std::filesystem::path& path, char* target, std::uint64_t size, std::uint64_t offset);
