@@ -227,6 +227,21 @@ void barrier(sqlite3_file* base)
 
 // Methods of the index.
 
+// SQLite takes an empty index for a new one and deletes its log. But an index gets its log after its first pages, and
+// keeps it: one that is empty beside a log was truncated.
+int sizeOfIndex(sqlite3_file* base, sqlite3_int64* size)
+{
+    File& file = fileOf(base);
+    return guarded(
+        [&]
+        {
+            const int code = file.call().xFileSize(file.inner(), size);
+            const bool isLost =
+                code == SQLITE_OK && *size == 0 && ::access((std::string(file.name) + "-wal").c_str(), F_OK) == 0;
+            return isLost ? SQLITE_CORRUPT : code;
+        });
+}
+
 int readIndex(sqlite3_file* base, void* target, int size, sqlite3_int64 offset)
 {
     File& file = fileOf(base);
@@ -242,8 +257,9 @@ int readIndex(sqlite3_file* base, void* target, int size, sqlite3_int64 offset)
     if (code == SQLITE_IOERR_SHORT_READ)
     {
         sqlite3_int64 fileSize = 0;
-        const int sizeCode = file.call().xFileSize(file.inner(), &fileSize);
-        return sizeCode == SQLITE_OK && fileSize > 0 ? SQLITE_CORRUPT : code;
+        const int sizeCode = sizeOfIndex(base, &fileSize);
+        const bool isNew = sizeCode == SQLITE_OK && fileSize == 0 && offset == 0;
+        return isNew ? code : SQLITE_CORRUPT; // SQLite takes what is missing for zeros
     }
     if (code != SQLITE_OK)
     {
@@ -468,7 +484,7 @@ int sizeOfLog(sqlite3_file* base, sqlite3_int64* size)
 using Methods = sqlite3_io_methods;
 
 constexpr Methods indexMethods = {2, // without the methods for memory mapping, which would bypass the checks
-    close, readIndex, writeIndex, forward<&Methods::xTruncate>, forward<&Methods::xSync>, forward<&Methods::xFileSize>,
+    close, readIndex, writeIndex, forward<&Methods::xTruncate>, forward<&Methods::xSync>, sizeOfIndex,
     forward<&Methods::xLock>, forward<&Methods::xUnlock>, forward<&Methods::xCheckReservedLock>, controlIndex,
     forward<&Methods::xSectorSize>, forward<&Methods::xDeviceCharacteristics>, mapShared, lockShared, barrier,
     forward<&Methods::xShmUnmap>, nullptr, nullptr};

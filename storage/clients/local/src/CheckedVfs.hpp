@@ -30,9 +30,10 @@ constexpr int ignoreLogEnd = 1001;
 ///   and loses the transactions after it. So a small file beside the index keeps the place up to which the log was
 ///   synced, and a log that is damaged before that place is refused.
 ///
-/// Damage fails with SQLITE_CORRUPT, as does something that is not a regular file in the place of one. An index that
-/// was replaced while it was being opened fails with SQLITE_READONLY_DBMOVED. The contents of the shared memory of the
-/// connections is not checked: it does not outlive them.
+/// Damage fails with SQLITE_CORRUPT, as does an index that was truncated, also to nothing or while it is open, and
+/// something that is not a regular file in the place of one. An index that was replaced while it was being opened fails
+/// with SQLITE_READONLY_DBMOVED. The contents of the shared memory of the connections is not checked: it does not
+/// outlive them.
 ///
 /// The layer also keeps the room that removals need on a full disk. A transaction that enlarges the index gets the room
 /// for it before it is committed, so that a checkpoint never needs more. The log is never removed, and a part of it is

@@ -123,6 +123,10 @@ void upgrade(
 {
     constexpr const char* unchecked = "unix";
     const std::filesystem::path file = indexFile(directory);
+    if (std::filesystem::file_size(file) < indexPageSize)
+    {
+        throw StoreError(error); // truncated; SQLite would delete its log
+    }
     for (const char* suffix : {"-wal", "-shm", logEndSuffix})
     {
         if (isIrregular(file.native() + suffix))

@@ -74,7 +74,10 @@ TEST(LocalClientTest, RefusesOtherDirectoriesAndReportsDamage)
         {noStore, "its index belongs to another program", "true", "PRAGMA application_id = 0"},
         {damaged, "the index is damaged", "head -c 8192 /dev/zero > store/index.sqlite"},
         {damaged, "the index is not a regular file", "rm store/index.sqlite && mkfifo store/index.sqlite"},
-        {damaged, "damaged: the index is empty", "truncate -s 0 store/index.sqlite"},
+        {damaged, "damaged: the index is empty", "truncate -s 0 store/index.sqlite && rm store/index.sqlite-wal"},
+        {damaged, "the index is damaged", "cd store && truncate -s 0 index.sqlite && rm -r contents incoming sessions"},
+        {damaged, "the index is damaged", "truncate -s 1 store/index.sqlite"},
+        {damaged, "the index is damaged", "truncate -s 8192 store/index.sqlite"},
         {damaged, "has version 3; this program supports only versions 1 and 2", "true", "PRAGMA user_version = 3"},
         {damaged, "damaged: the file", "rm store/contents/*"},
         {damaged, "499999 bytes instead of 500000", "truncate -s 499999 store/contents/*"},
@@ -98,8 +101,26 @@ TEST(LocalClientTest, RefusesOtherDirectoriesAndReportsDamage)
         EXPECT_THAT([&] { LocalClient(folder.store).getObjectRange("large", out, 0, 0); },
             row.fails(row.reason, '"' + folder.store.native() + '"'));
         EXPECT_EQ(out.str(), "");
-        EXPECT_EQ(shell(folder, "! diff -r -x 'index.sqlite-*' before store | grep -v 'is a fifo while'"), 0)
+        EXPECT_EQ(shell(folder, "! diff -r -x '*-shm' -x '*-end' before store | grep -v 'is a fifo while'"), 0)
             << "expected no change";
+    }
+}
+
+TEST(LocalClientTest, NoticesThatTheIndexIsTruncatedWhileItIsOpen)
+{
+    const TestFolder folder;
+    put(*std::make_unique<LocalClient>(folder.store), "inline", content(1, 50'000));
+    for (const bool hasLog : {true, false})
+    {
+        LocalClient client(folder.store);
+        hasLog ? put(client, "new", content(2, 1000)) : void();
+        ASSERT_EQ(keys(client).size(), 2U);
+        ASSERT_EQ(shell(folder, "cp store/index.sqlite whole && truncate -s 0 store/index.sqlite"), 0);
+        EXPECT_THAT([&] { get(client, "inline"); }, fails<UnknownErrorException>("the index is damaged"));
+        EXPECT_THAT([&] { LocalClient(folder.store); }, fails<UnknownErrorException>("damaged"));
+        ASSERT_EQ(shell(folder, "cat whole > store/index.sqlite"), 0);
+        EXPECT_EQ(versionOf(get(client, "inline")), 1U);
+        EXPECT_EQ(versionOf(get(client, "new")), 2U);
     }
 }
 
