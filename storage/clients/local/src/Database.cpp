@@ -92,7 +92,7 @@ void Database::restartLog(std::optional<LockWait> wait)
     borrow(*wait)->execute("PRAGMA wal_checkpoint(TRUNCATE)");
 }
 
-void Database::shrink()
+void Database::shrink(std::size_t removals)
 {
     constexpr std::int64_t minFree = 256; // pages: fewer are soon used again
     constexpr std::int64_t minShare = 4;  // a quarter
@@ -105,8 +105,12 @@ void Database::shrink()
     };
     try
     {
-        if (const std::int64_t free = count("PRAGMA freelist_count");
-            free >= minFree && free * minShare >= count("PRAGMA page_count"))
+        const auto isMuchFree = [&]
+        {
+            const std::int64_t free = count("PRAGMA freelist_count");
+            return free >= minFree && free * minShare >= count("PRAGMA page_count");
+        };
+        for (; removals > 0 && isMuchFree(); --removals)
         {
             // More than a removal frees on average, and little enough that other writers do not notice.
             WriteTransaction transaction(*this, Durability::Deferred, LockWait(noWait));

@@ -96,7 +96,9 @@ public:
     void restartLog(std::optional<LockWait> wait = std::nullopt);
 
     /// Give some pages back to the file system if much of the index is free. To be called after a removal.
-    void shrink();
+    ///
+    /// @param removals  contents that were removed; the more, the more pages are given back
+    void shrink(std::size_t removals);
 
 private:
     Turn takeTurn(const LockWait& wait);

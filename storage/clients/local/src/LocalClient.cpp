@@ -146,6 +146,58 @@ void LocalClient::deleteObject(const std::string& key)
         });
 }
 
+std::map<std::string, std::exception_ptr> LocalClient::deleteObjects(const std::vector<std::string>& keys)
+{
+    // A transaction of this size takes some milliseconds, most of which no longer depend on the number of syncs.
+    constexpr std::size_t maxTogether = 256;
+    std::map<std::string, std::exception_ptr> failures;
+    for (std::span<const std::string> rest = keys; !rest.empty();)
+    {
+        const auto some = rest.first(std::min(maxTogether, rest.size()));
+        rest = rest.subspan(some.size());
+        perform(Operation::DeleteObject, some.front(), [&] { deleteTogether(some, failures); });
+    }
+    return failures;
+}
+
+void LocalClient::deleteTogether(std::span<const std::string> keys, std::map<std::string, std::exception_ptr>& failures)
+{
+    const auto remove = [&](std::span<const std::string> some)
+    {
+        StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
+        for (const std::string& key : some)
+        {
+            try
+            {
+                checkRequired(transaction.index(), key);
+            }
+            catch (const cloudprovider::CloudException&)
+            {
+                failures.emplace(key, std::current_exception());
+                continue;
+            }
+            removeObject(transaction, key);
+        }
+        transaction.commit();
+    };
+    try
+    {
+        remove(keys);
+    }
+    catch (const StoreError& error)
+    {
+        if (error.kind() != StoreError::Kind::NoSpace)
+        {
+            throw;
+        }
+        // The log has room for the changes of one removal, but not of many.
+        for (std::size_t i = 0; i < keys.size(); ++i)
+        {
+            local::freeRoom(*m_index, [&] { remove(keys.subspan(i, 1)); });
+        }
+    }
+}
+
 void LocalClient::getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last)
 {
     perform(Operation::GetObjectRange, key,

@@ -77,7 +77,7 @@ void StoreTransaction::share(std::int64_t content)
 
 void StoreTransaction::release(std::int64_t content)
 {
-    m_hasReleased = true;
+    ++m_released;
     Query query = index().query("SELECT refs, session FROM contents WHERE id = ?", content);
     if (!query.next())
     {
@@ -130,10 +130,7 @@ void StoreTransaction::commit()
     m_added.clear();
     m_index.reset();
     removeDroppedFiles();
-    if (m_hasReleased)
-    {
-        m_database.shrink();
-    }
+    m_database.shrink(m_released);
     if (m_hasRest)
     {
         dropRemoved(m_database, m_files);

@@ -5,6 +5,7 @@
 #include "StagedContent.hpp"
 #include "StoreError.hpp"
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -70,8 +71,8 @@ private:
     SessionLock::Notes m_notes;
     std::optional<Database::WriteTransaction> m_index; // empty after the commit
     bool m_filesToSync = false;
-    bool m_hasReleased = false;
     bool m_hasRest = false;
+    std::size_t m_released = 0;           // references to contents that were removed
     std::optional<std::int64_t> m_nextId; // empty: newId() was not called
     std::vector<FileName> m_added;        // removed unless this is committed
     std::vector<FileName> m_dropped;      // removed after the commit

@@ -1,5 +1,6 @@
 #include "Cases.hpp"
 
+#include <storage/clients/common/ObjectRemover.hpp>
 #include <storage/clients/common/TransientException.hpp>
 #include <storage/clients/common/WriteConditions.hpp>
 #include <storage/clients/decorators/FindInterface.hpp>
@@ -246,7 +247,19 @@ TEST_P(CloudClientConformance, WritesOnlyOverTheRequiredVersion)
     const auto finish = [](CloudClient& by) { putParts(by, "k", {"new"}); };
     const auto replace = [](CloudClient& by) { conformance::put(by, "k", "new"); };
     const auto remove = [](CloudClient& by) { by.deleteObject("k"); };
-    for (const auto& write : std::vector<std::function<void(CloudClient&)>>{finish, replace, remove})
+    std::vector<std::function<void(CloudClient&)>> writes{finish, replace, remove};
+    if (findInterface<ObjectRemover>(client()) != nullptr)
+    {
+        writes.emplace_back(
+            [](CloudClient& by)
+            {
+                conformance::put(by, "free", "x");
+                const auto failures = findInterface<ObjectRemover>(by)->deleteObjects({"missing", "k", "free"});
+                EXPECT_FALSE(by.getObjectInfo("free").exists);
+                failures.empty() ? void() : std::rethrow_exception(failures.at("k"));
+            });
+    }
+    for (const auto& write : writes)
     {
         put("k", "stored");
         const std::string stored = client().getObjectInfo("k").tag;

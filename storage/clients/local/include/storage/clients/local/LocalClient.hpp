@@ -1,5 +1,6 @@
 #pragma once
 
+#include <storage/clients/common/ObjectRemover.hpp>
 #include <storage/clients/common/Operation.hpp>
 #include <storage/clients/common/RequiredVersions.hpp>
 #include <storage/clients/common/UploadInventory.hpp>
@@ -9,11 +10,14 @@
 
 #include <chrono>
 #include <cstdint>
+#include <exception>
 #include <filesystem>
 #include <functional>
 #include <iosfwd>
+#include <map>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -102,7 +106,10 @@ struct LocalSettings
 /// takes as long and as much room as a copy of its file. A crash leaves the old index or the new one. Content files
 /// from before have no checksums; only their sizes are checked. Older programs refuse an upgraded store, and must not
 /// use the store while it is upgraded: opening it fails then.
-class LocalClient final : public cloudprovider::CloudClient, public UploadInventory, public WriteConditions
+class LocalClient final : public cloudprovider::CloudClient,
+                          public ObjectRemover,
+                          public UploadInventory,
+                          public WriteConditions
 {
 public:
     /// Open the store in a directory. A missing directory is created with its parents, and an empty one becomes an
@@ -136,6 +143,10 @@ public:
     void completeMultipartUpload(const std::string& key, const std::string& uploadId,
         const std::vector<cloudprovider::PartInfo>& parts) override;
 
+    /// Delete the objects in transactions of up to 256 keys each; other writers take turns in between. A transaction is
+    /// durable before the next one begins. On a disk without the room for one, the keys are deleted one by one.
+    std::map<std::string, std::exception_ptr> deleteObjects(const std::vector<std::string>& keys) override;
+
     std::vector<PendingUpload> pendingUploads() override;
 
     std::unique_ptr<Condition> requireVersion(const std::string& key, const std::string& tag) override;
@@ -146,6 +157,9 @@ private:
     auto perform(Operation operation, const std::string& key, Body body);
 
     void checkRequired(local::Connection& index, const std::string& key) const;
+
+    // Delete objects in one transaction, except those that are not the required version.
+    void deleteTogether(std::span<const std::string> keys, std::map<std::string, std::exception_ptr>& failures);
 
     local::StagedContent stage(std::uint64_t size);
 
