@@ -63,6 +63,7 @@ public:
     void commit();
 
 private:
+    void removeAddedFiles() noexcept;
     void removeDroppedFiles();
 
     const Durability m_durability;
