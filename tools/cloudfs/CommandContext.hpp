@@ -12,6 +12,7 @@
 #include <foundation/usm/Context.hpp>
 
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace cloudfs
@@ -66,6 +67,9 @@ public:
     bool folderExists(const StorePath& path) const;
 
     fsp::FileAttributes fileAttributes(const StorePath& path) const;
+
+    /// Look up a file. @return nullopt: there is none
+    std::optional<fsp::FileAttributes> findFile(const StorePath& path) const;
 
     /// Check a file after its last change.
     ///

@@ -34,13 +34,6 @@ struct Options
 
 constexpr auto notAFolder = "already exists and is not a folder";
 
-void downloadFile(const CommandContext& context, const StorePath& path, LocalTarget& target, Progress& progress)
-{
-    download(
-        context, path, [&](const char* data, std::size_t size) { target.write(data, size); }, progress);
-    target.commit();
-}
-
 void printFile(const CommandContext& context, const StorePath& path)
 {
     context.requireFile(path);
@@ -132,7 +125,7 @@ private:
             [this, path, local = m_target + "/" + name]
             {
                 LocalTarget target(local, m_options.force, LocalTarget::Destination::InsideTree);
-                downloadFile(m_context, path, target, m_progress);
+                download(m_context, path, target, m_progress);
             });
     }
 
@@ -171,18 +164,17 @@ void get(CommandContext& context, const Options& options)
     }
     const std::string local = localDestination(options, path);
     Progress progress(context);
-    const bool isFile = !path.namesFolder() && context.fileExists(path);
-    if (isFile || !options.recursive)
+    const auto file = path.namesFolder() ? std::nullopt : context.findFile(path);
+    if (file || !options.recursive)
     {
-        if (!isFile)
+        if (!file)
         {
             context.requireFile(path);
         }
-        const auto attributes = context.fileAttributes(path);
-        progress.addToTotal(attributes.size().value_or(0));
+        progress.addToTotal(file ? file->size().value_or(0) : 0);
         progress.markTotalFinal();
         LocalTarget target(local, options.force, LocalTarget::Destination::NamedByUser);
-        downloadFile(context, path, target, progress);
+        download(context, path, target, progress);
         return;
     }
     if (!context.folderExists(path))

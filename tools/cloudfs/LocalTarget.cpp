@@ -28,6 +28,8 @@ namespace
 
 constexpr auto temporaryName = ".cloudfs";
 
+constexpr std::size_t blockSize = 4096; // bytes; most file systems have holes of such blocks
+
 /// Resolve all symbolic links of a path. A path that cannot be resolved, such as that of a new file, stays unchanged.
 std::string resolveLinks(const std::string& path)
 {
@@ -46,6 +48,18 @@ std::string folderOf(const std::string& path)
 std::string pathOf(int descriptor)
 {
     return fmt::format("/proc/self/fd/{}", descriptor);
+}
+
+/// Whether bytes need not be written: they are zeros, and the file has a hole there or ends before. Where it has data,
+/// these were wrong bytes.
+bool isHole(int descriptor, std::uint64_t offset, std::string_view bytes)
+{
+    if (bytes.find_first_not_of('\0') != std::string_view::npos)
+    {
+        return false;
+    }
+    const off_t data = ::lseek(descriptor, static_cast<off_t>(offset), SEEK_DATA);
+    return data < 0 ? errno == ENXIO : static_cast<std::uint64_t>(data) >= offset + bytes.size();
 }
 
 } // namespace
@@ -148,8 +162,47 @@ LocalTarget::~LocalTarget()
     }
 }
 
+void LocalTarget::writeAt(std::uint64_t offset, std::string_view bytes)
+{
+    interrupt::throwIfPending();
+    const std::uint64_t end = offset + bytes.size();
+    for (std::uint64_t size = m_size; size < end && !m_size.compare_exchange_weak(size, end);)
+    {
+    }
+    std::size_t begin = 0; // of what is not written yet
+    for (std::size_t at = 0, next = 0; at < bytes.size(); at = next)
+    {
+        next = std::min<std::size_t>(bytes.size(), at + blockSize - (offset + at) % blockSize);
+        if (isHole(m_descriptor, offset + at, bytes.substr(at, next - at)))
+        {
+            writeData(offset + begin, bytes.substr(begin, at - begin));
+            begin = next;
+        }
+    }
+    writeData(offset + begin, bytes.substr(begin));
+}
+
+void LocalTarget::writeData(std::uint64_t offset, std::string_view bytes)
+{
+    while (!bytes.empty())
+    {
+        const ssize_t written = ::pwrite(m_descriptor, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        if (written < 0 && errno != EINTR)
+        {
+            throw CommandError::fromErrno(m_name, errno);
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
+        offset += static_cast<std::uint64_t>(std::max<ssize_t>(written, 0));
+    }
+}
+
 void LocalTarget::write(const char* data, std::size_t size)
 {
+    if (isRegularFile())
+    {
+        writeAt(m_size, {data, size});
+        return;
+    }
     while (size > 0)
     {
         interrupt::waitUntilReady(m_descriptor, POLLOUT);
@@ -169,6 +222,10 @@ void LocalTarget::write(const char* data, std::size_t size)
 
 void LocalTarget::commit()
 {
+    if (isRegularFile() && ::ftruncate(m_descriptor, static_cast<off_t>(m_size.load())) != 0)
+    {
+        throw CommandError::fromErrno(m_name, errno);
+    }
     // Some file systems report a full disk only here. An unnamed file would be lost if its last descriptor was closed.
     const int copy = ::fcntl(m_descriptor, F_DUPFD_CLOEXEC, 0);
     if (copy < 0 || ::close(copy) != 0 || !makeVisible())

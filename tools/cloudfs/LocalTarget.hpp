@@ -1,13 +1,18 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 
 namespace cloudfs
 {
 
-/// Writes a local file that appears complete or not at all. One thread at a time.
+/// Writes a local file that appears complete or not at all. One thread at a time, except for writeAt().
+///
+/// Blocks of zeros become holes, where the file system has them, so that a sparse file stays sparse.
 ///
 /// Until commit() the file has no name, so nothing is left if the process is killed. A file that replaces another one
 /// then gets a temporary name in the same folder for an instant. On file systems without unnamed files, such as NFS, it
@@ -37,7 +42,16 @@ public:
     /// Remove the file, unless it was committed. A failure is printed.
     ~LocalTarget();
 
-    /// Append bytes.
+    /// Whether it is a regular file, and not a device or a pipe.
+    bool isRegularFile() const noexcept { return m_isUnnamed || !m_temporary.empty(); }
+
+    /// Write bytes of a regular file at their offset. Any threads may do that at a time, but not for the same bytes; if
+    /// these are written again, the last ones count.
+    ///
+    /// @throws CommandError; interrupt::Interrupted
+    void writeAt(std::uint64_t offset, std::string_view bytes);
+
+    /// Write bytes behind those of the last call. Not to be mixed with writeAt().
     ///
     /// @throws CommandError; interrupt::Interrupted
     void write(const char* data, std::size_t size);
@@ -48,6 +62,7 @@ public:
     void commit();
 
 private:
+    void writeData(std::uint64_t offset, std::string_view bytes);
     void createTemporary();
     bool makeTemporaryName(const std::function<bool(const char* name)>& make);
     bool makeVisible();
@@ -58,7 +73,8 @@ private:
     const std::string m_folder;
     std::string m_temporary; // empty: none
     int m_descriptor = -1;
-    bool m_isUnnamed = false; // until it is committed
+    bool m_isUnnamed = false;             // until it is committed
+    std::atomic<std::uint64_t> m_size{0}; // bytes of a regular file; it may end in a hole
 };
 
 } // namespace cloudfs

@@ -3,12 +3,16 @@
 #include "CommandError.hpp"
 #include "Interrupt.hpp"
 
+#include <storage/clients/common/ObjectDownloader.hpp>
+#include <storage/clients/decorators/FindInterface.hpp>
+
 #include <foundation/storage/provider/ByteStream.hpp>
 
 #include <fmt/format.h>
 
 #include <ios>
 #include <memory>
+#include <string_view>
 
 namespace cloudfs
 {
@@ -90,6 +94,28 @@ void download(const CommandContext& context, const StorePath& path, const Sink& 
             }
             stream->close();
         });
+}
+
+void download(const CommandContext& context, const StorePath& path, LocalTarget& target, Progress& progress)
+{
+    auto* const downloader = target.isRegularFile()
+                                 ? storage::clients::findInterface<storage::clients::ObjectDownloader>(context.store())
+                                 : nullptr;
+    if (downloader == nullptr)
+    {
+        download(
+            context, path, [&](const char* data, std::size_t size) { target.write(data, size); }, progress);
+    }
+    else
+    {
+        const auto write = [&](std::uint64_t offset, std::string_view bytes)
+        {
+            target.writeAt(offset, bytes);
+            progress.advance(bytes.size());
+        };
+        context.translateErrors(path, [&] { downloader->downloadObject(path.key(), write); });
+    }
+    target.commit();
 }
 
 } // namespace cloudfs

@@ -2,6 +2,7 @@
 
 #include "CommandContext.hpp"
 #include "LocalSource.hpp"
+#include "LocalTarget.hpp"
 #include "Progress.hpp"
 #include "StorePath.hpp"
 
@@ -32,5 +33,11 @@ using Sink = std::function<void(const char* data, std::size_t size)>;
 ///
 /// @throws CommandError; interrupt::Interrupted; whatever the sink throws
 void download(const CommandContext& context, const StorePath& path, const Sink& sink, Progress& progress);
+
+/// Read a whole file of the store and commit it as a local one. If the store has an ObjectDownloader and the target is
+/// a regular file, the bytes arrive in any order, without the provider's streams and their temporary files.
+///
+/// @throws CommandError; interrupt::Interrupted
+void download(const CommandContext& context, const StorePath& path, LocalTarget& target, Progress& progress);
 
 } // namespace cloudfs

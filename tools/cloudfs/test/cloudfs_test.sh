@@ -121,6 +121,11 @@ test_commands()
 
     expect 0 '' get big copy
     same copy big
+    truncate -s 30M sparse && cat big >>sparse && truncate -s 60M sparse
+    expect 0 '' put sparse sparse
+    expect 0 '' get sparse back
+    cmp sparse back && (($(stat -c %b back) < 40000)) || fail "a sparse file came back with $(stat -c %b back) blocks"
+    expect 0 '' rm sparse
     expect 0 '' put - /docs/two <one
     same one cloudfs://store/docs/t%77o
 
@@ -330,6 +335,22 @@ test_interrupted_get()
     start_until doRead get /many target/file
     echo theirs >target/file
     resume 1 'cloudfs: target/file: File exists .*code 3 .*'
+
+    # A bucket stops in the middle of a range.
+    perl -MIO::Socket::INET -e '$| = 1; $s = IO::Socket::INET->new(Listen => 9, LocalAddr => "127.0.0.1") or die;
+        print $s->sockport, "\n"; while ($c = $s->accept) { next if fork; $to = 8999999; while (<$c>) {
+            ($get, $from, $to) = (1, $1, $2) if /^range: bytes=(\d+)-(\d+)/i; next unless $_ eq "\r\n";
+            print $c "HTTP/1.1 ", $get ? "206 x\r\nContent-Range: bytes $from-$to/9000000" : "200 x", "\r\nETag: \"x\"\r\n",
+                "Last-Modified: Mon, 05 Jan 2026 10:00:00 GMT\r\nContent-Length: ", $to + 1 - $from, "\r\n\r\n",
+                $get ? "x" x ($from ? 9 : $to + 1) : ""; print "stopped\n" if $from } exit }' >port &
+    local server=$!
+    until [[ -s port ]]; do kill -0 $server || exit; done
+    AWS_ACCESS_KEY_ID=x AWS_SECRET_ACCESS_KEY=y env --default-signal=INT "$program" \
+        --store "s3://bucket?endpoint=http://127.0.0.1:$(<port)&region=r&path-style=1" get /x target/x 2>err &
+    until grep -q stopped port || ! kill -0 $!; do :; done
+    kill -s INT $!; wait $!
+    [[ $? == 130 && $(<err) == 'cloudfs: interrupted' && $(ls -A target) == file ]] || fail "$(<err), $(ls -A target)"
+    kill $server
 }
 
 # A bucket copies files itself, and removes many with one request.

@@ -26,7 +26,7 @@ namespace
 {
 
 /// Requested when a file is opened: as many bytes as arrive in the same round trip as the head of a response.
-constexpr ByteRange openingRange{0, 16 << 10};
+constexpr std::uint64_t openingSize = 16 << 10;
 
 /// Maximum number of consecutive empty pages. Each may stand for thousands of deleted keys, so a listing may have many.
 constexpr unsigned maxEmptyPages = 1000;
@@ -74,15 +74,9 @@ catch (const std::ios_base::failure&) // some buffers report in this way that th
 /// Where the bytes of a read go.
 struct Target
 {
-    std::function<void(std::uint64_t position, std::string_view bytes)> write; ///< in order
+    ObjectReader::Write write;                       ///< in order
     std::function<bool(std::uint64_t bytes)> rewind; ///< go back to position 0; false: impossible
 };
-
-Target targetIn(char* memory)
-{
-    return {[memory](std::uint64_t position, std::string_view bytes) { std::ranges::copy(bytes, memory + position); },
-        [](std::uint64_t) { return true; }};
-}
 
 Target targetIn(const std::string& key, std::ostream& out)
 {
@@ -236,20 +230,25 @@ std::vector<ObjectEntry> ObjectReader::list(const std::string& prefix, std::stri
     }
 }
 
-std::vector<PartInfo> ObjectReader::parts(const std::string& key)
+Version ObjectReader::open(const std::string& key, std::uint64_t size, std::string& content)
 {
     requirePossible(key, Operation::GetObjectParts);
-    VersionPins::Opening opening(m_pins, key);
-    std::string content;
-    const Version object = m_retry.run(
+    return m_retry.run(
         {Operation::GetObjectParts, key},
         [&]
         {
             content.clear();
-            return m_store.getObject(
-                key, openingRange, std::nullopt, [&](const Version&, std::string_view bytes) { content += bytes; });
+            return m_store.getObject(key, ByteRange{0, size}, std::nullopt,
+                [&](const Version&, std::string_view bytes) { content += bytes; });
         },
         [&] { return content.size(); });
+}
+
+std::vector<PartInfo> ObjectReader::parts(const std::string& key)
+{
+    VersionPins::Opening opening(m_pins, key);
+    std::string content;
+    const Version object = open(key, openingSize, content);
     if (content.size() == object.size)
     {
         m_contents.keep(key, object.tag, std::move(content));
@@ -299,7 +298,15 @@ void ObjectReader::read(const std::string& key, std::ostream& out, std::uint64_t
 void ObjectReader::readVersion(
     const Retry::Request& request, char* target, const ByteRange& range, const Version& version)
 {
-    RangeRead reading(m_store, request.key, range, targetIn(target));
+    readVersion(
+        request, [&](std::uint64_t position, std::string_view bytes) { std::ranges::copy(bytes, target + position); },
+        range, version);
+}
+
+void ObjectReader::readVersion(
+    const Retry::Request& request, const Write& write, const ByteRange& range, const Version& version)
+{
+    RangeRead reading(m_store, request.key, range, {write, [](std::uint64_t) { return true; }});
     m_retry.run(
         request, [&] { reading.attempt(version); }, [&] { return reading.progress(); });
 }

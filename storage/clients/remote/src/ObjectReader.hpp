@@ -8,9 +8,11 @@
 #include <storage/cloudprovider/CloudClient.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace storage::clients
@@ -37,6 +39,11 @@ public:
     std::vector<cloudprovider::ObjectEntry> list(
         const std::string& prefix, std::string& token, const cloudprovider::ListOptions& options);
 
+    /// Fetch the first bytes of the object, whichever version is there.
+    /// @param size     maximum bytes; not 0
+    /// @param content  replaced by the bytes, all of them if the object has no more
+    Version open(const std::string& key, std::uint64_t size, std::string& content);
+
     std::vector<cloudprovider::PartInfo> parts(const std::string& key);
 
     void read(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last);
@@ -45,6 +52,12 @@ public:
     /// @param range    not empty
     /// @throws PreconditionFailed when the object has another version
     void readVersion(const Retry::Request& request, char* target, const ByteRange& range, const Version& version);
+
+    /// Takes bytes of a range: in order, but if bytes turn out to be wrong, again from position 0.
+    using Write = std::function<void(std::uint64_t position, std::string_view bytes)>;
+
+    /// The same, with a function. What it throws ends the read.
+    void readVersion(const Retry::Request& request, const Write& write, const ByteRange& range, const Version& version);
 
 private:
     class RangeRead;

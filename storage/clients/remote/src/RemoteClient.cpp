@@ -1,5 +1,6 @@
 #include <storage/clients/remote/RemoteClient.hpp>
 
+#include "Downloads.hpp"
 #include "FileMetadata.hpp"
 #include "MemoryBudget.hpp"
 #include "ObjectReader.hpp"
@@ -33,6 +34,7 @@ public:
         , reader(*store, retry, pins, settings.partSize)
         , writer(*store, retry, pins, required, metadata)
         , readAhead(reader, pins, pool, memory, settings)
+        , downloads(reader, pool, settings.partSize)
         , uploads(*store, retry, pins, required, reader, metadata, memory, pool)
         , pool(settings.transfers > 1 ? settings.transfers : 0)
     {
@@ -55,6 +57,7 @@ public:
     ObjectReader reader;
     ObjectWriter writer;
     ReadAhead readAhead;
+    Downloads downloads;
     Uploads uploads;
     TaskPool pool; // last: destroyed first, since its tasks use all others
 };
@@ -181,6 +184,11 @@ std::string RemoteClient::copyObject(const std::string& source, const std::strin
         throw UnsupportedOperationException("the store cannot copy " + quoted(source));
     }
     return copied.version.tag;
+}
+
+std::uint64_t RemoteClient::downloadObject(const std::string& key, const Sink& sink)
+{
+    return m_engine->downloads.fetch(key, sink);
 }
 
 std::map<std::string, std::exception_ptr> RemoteClient::deleteObjects(const std::vector<std::string>& keys)

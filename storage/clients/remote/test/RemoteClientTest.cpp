@@ -891,6 +891,39 @@ TEST_F(RemoteClientTest, ReadersSeeOneVersionThatWasThere)
     client.reset(); // prefetches look at the variables above
 }
 
+// Something happens to each of the eight ranges that follow the first bytes.
+TEST_F(RemoteClientTest, DownloadsOneVersionWhateverHappens)
+{
+    const std::string bytes = content(15'000, 1);
+    const Fault broken{.how = How::Break, .bytes = 100};
+    std::atomic<bool> isFull = false;
+    const struct
+    {
+        std::optional<Fault> fault;
+        std::function<void()> happens = [] {};
+        const char* failure = nullptr;
+    } rows[] = {{busy}, {broken}, {Fault{.how = How::Corrupt}}, {denied, [] {}, "Denied"},
+        {broken, [&] { isInterrupted = true; }, "interrupted"},
+        {broken, [&] { bucket->put("k", content(9, 2)); }, "changed or removed the object"},
+        {std::nullopt, [&] { bucket->put("k", std::nullopt); }, "no object k"},
+        {std::nullopt, [&] { isFull = true; }, "full"}};
+    for (std::size_t i = 0; i < std::size(rows) * 16; ++i)
+    {
+        const auto& row = rows[i / 16];
+        SCOPED_TRACE(::testing::Message() << "row " << i / 16 << ", case " << i % 16);
+        open(i % 2 == 0 ? 1 : 3);
+        isInterrupted = isFull = false;
+        bucket->put("k", bytes);
+        bucket->faults = [&, number = std::make_shared<std::atomic<unsigned>>()](const StoreRequest&)
+        { return ++*number == i % 16 / 2 + 2 ? (row.happens(), row.fault) : std::nullopt; };
+        std::string target(bytes.size(), '.');
+        const auto sink = [&](std::uint64_t offset, std::string_view piece)
+        { isFull ? throw UnknownErrorException("full") : piece.copy(&target[offset], piece.size()); };
+        const auto failure = failureOf([&] { EXPECT_EQ(client->downloadObject("k", sink), bytes.size()); });
+        EXPECT_THAT(failure.value_or(target), HasSubstr(row.failure != nullptr ? row.failure : bytes));
+    }
+}
+
 TEST_F(RemoteClientTest, AChangedFileKeepsItsMetadataAndANewOneGetsItsOwn)
 {
     const auto patched = [&] { patch(*client, "k", 10, "new"); };

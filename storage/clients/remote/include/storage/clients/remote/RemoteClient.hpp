@@ -1,6 +1,7 @@
 #pragma once
 
 #include <storage/clients/common/ObjectCopier.hpp>
+#include <storage/clients/common/ObjectDownloader.hpp>
 #include <storage/clients/common/ObjectRemover.hpp>
 #include <storage/clients/common/RequiredVersions.hpp>
 #include <storage/clients/common/StoreCounters.hpp>
@@ -80,6 +81,7 @@ class RemoteClient : public cloudprovider::CloudClient,
                      public UploadInventory,
                      public WriteConditions,
                      public ObjectCopier,
+                     public ObjectDownloader,
                      public ObjectRemover,
                      public StoreCounters
 {
@@ -113,6 +115,10 @@ public:
     /// One request, or for an object that is too large for that, an upload of ranges that the store copies, several at
     /// a time. A condition of the target is checked just before, even if isAtomic() is true, but for such an upload.
     std::string copyObject(const std::string& source, const std::string& target) override;
+
+    /// One request for an object of up to 1 MiB. The rest of a larger one follows in ranges of 8 MiB, of which
+    /// RemoteSettings::transfers are on the way at a time. A broken range goes on behind its last byte.
+    std::uint64_t downloadObject(const std::string& key, const Sink& sink) override;
 
     /// In batches, or one after the other where the store cannot do that. What fails temporarily is retried.
     std::map<std::string, std::exception_ptr> deleteObjects(const std::vector<std::string>& keys) override;

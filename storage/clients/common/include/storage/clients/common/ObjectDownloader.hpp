@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace storage::clients
+{
+
+/// An interface that a client implements besides CloudClient if it can fetch a whole object faster than one range after
+/// the other. A caller that needs all bytes, in any order, looks for it with findInterface().
+class ObjectDownloader
+{
+public:
+    virtual ~ObjectDownloader() = default;
+
+    /// Takes bytes at their offset in the object. Called by several threads at a time, never for the same bytes. May be
+    /// called again for bytes that it has had, if these turned out to be wrong: the last ones count.
+    using Sink = std::function<void(std::uint64_t offset, std::string_view bytes)>;
+
+    /// Fetch all bytes of one version of an object: the one that is there when the call begins.
+    ///
+    /// Blocks until the sink has all of them. It is called by this thread and by others of the client, and not after
+    /// this returns or throws. Any thread may call this, but not the sink.
+    ///
+    /// @param sink  what it throws, of any type, ends the download and is thrown here
+    /// @return the size of the object, in bytes
+    /// @throws ResourceNotFoundException if there is no object
+    /// @throws CloudException for other failures; UnknownErrorException if the object has changed meanwhile
+    virtual std::uint64_t downloadObject(const std::string& key, const Sink& sink) = 0;
+};
+
+} // namespace storage::clients
