@@ -55,6 +55,10 @@ VersionPins::Write::Write(VersionPins& pins, const std::string& key)
 
 VersionPins::Write::~Write()
 {
+    if (!m_hasSucceeded)
+    {
+        m_pins.doubt(m_activity->first);
+    }
     const std::lock_guard lock(m_pins.m_mutex);
     --m_activity->second.writers;
     m_pins.endActivity(m_activity);
@@ -65,6 +69,7 @@ void VersionPins::Write::succeeded(const Version& version)
 {
     const std::lock_guard lock(m_pins.m_mutex);
     auto& [key, activity] = *m_activity;
+    m_hasSucceeded = true;
     ++activity.stored;
     activity.last = version;
     const Pin* const before = m_pins.find(key);
@@ -120,6 +125,24 @@ std::optional<Version> VersionPins::pinned(const std::string& key)
     return known == nullptr ? std::nullopt : std::optional(known->current);
 }
 
+std::optional<PinnedVersion> VersionPins::certain(const std::string& key)
+{
+    const std::lock_guard lock(m_mutex);
+    const Pin* const known = find(key);
+    return known == nullptr || known->isDoubtful
+               ? std::nullopt
+               : std::optional(PinnedVersion{known->current.tag, known->current.size, known->moves});
+}
+
+void VersionPins::doubt(const std::string& key)
+{
+    const std::lock_guard lock(m_mutex);
+    if (const auto known = m_byKey.find(key); known != m_byKey.end())
+    {
+        known->second->isDoubtful = true;
+    }
+}
+
 void VersionPins::deleted(const std::string& key)
 {
     const std::lock_guard lock(m_mutex);
@@ -165,6 +188,7 @@ void VersionPins::pin(const std::string& key, const std::string& opened, const V
         m_pins.front().opened = opened;
         m_pins.front().current = current;
         m_pins.front().moves = ++m_moves;
+        m_pins.front().isDoubtful = false;
         return;
     }
     Pins added{{key, opened, current, ++m_moves}};

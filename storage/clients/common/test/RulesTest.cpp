@@ -95,8 +95,15 @@ TEST(VersionPinsTest, AVersionStoredWhileTheKeyIsOpenedIsPinned)
     VersionPins::Write(pins, "k").succeeded({"written"});
     {
         const VersionPins::Write unknown(pins, "k");
+        EXPECT_EQ(pins.certain("k").value().tag, "written");
     }
+    EXPECT_FALSE(pins.certain("k").has_value()) << "the write may have taken effect";
     opening.opened({"fetched"});
+    EXPECT_EQ(pins.certain("k").value().tag, "written");
+    {
+        const VersionPins::Deletion deletion(pins, "k");
+    }
+    EXPECT_FALSE(pins.certain("k").has_value());
     EXPECT_EQ(pins.pinned("k").value().tag, "written");
     opening.opened({"fetched"});
     VersionPins::Write late(pins, "k");

@@ -93,6 +93,7 @@ std::vector<ObjectEntry> RemoteClient::listObjects(
 void RemoteClient::deleteObject(const std::string& key)
 {
     const ReadAhead::Write write(m_engine->readAhead, key);
+    const VersionPins::Deletion deletion(m_engine->pins, key);
     m_engine->writer.remove(key);
 }
 
@@ -194,11 +195,18 @@ std::uint64_t RemoteClient::downloadObject(const std::string& key, const Sink& s
 std::map<std::string, std::exception_ptr> RemoteClient::deleteObjects(const std::vector<std::string>& keys)
 {
     std::list<ReadAhead::Write> writes;
+    std::list<VersionPins::Deletion> deletions;
     for (const std::string& key : keys)
     {
         writes.emplace_back(m_engine->readAhead, key);
+        deletions.emplace_back(m_engine->pins, key);
     }
     return m_engine->writer.remove(keys);
+}
+
+std::optional<PinnedVersion> RemoteClient::pinnedVersion(const std::string& key)
+{
+    return m_engine->pins.certain(key);
 }
 
 CallSnapshot RemoteClient::callSnapshot() const

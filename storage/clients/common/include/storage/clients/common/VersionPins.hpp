@@ -1,5 +1,7 @@
 #pragma once
 
+#include <storage/clients/common/PinnedVersions.hpp>
+
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -94,6 +96,25 @@ public:
     private:
         VersionPins& m_pins;
         Activities::iterator m_activity;
+        bool m_hasSucceeded = false;
+    };
+
+    /// The time in which this client may delete the object.
+    class Deletion
+    {
+    public:
+        Deletion(VersionPins& pins, const std::string& key)
+            : m_pins(pins)
+            , m_key(key)
+        {
+        }
+        Deletion(const Deletion&) = delete;
+        Deletion& operator=(const Deletion&) = delete;
+        ~Deletion() { m_pins.doubt(m_key); }
+
+    private:
+        VersionPins& m_pins;
+        const std::string m_key;
     };
 
     /// Read from the pinned version.
@@ -108,6 +129,9 @@ public:
 
     /// The pinned version. Nothing: there is no pin, or it was evicted.
     std::optional<Version> pinned(const std::string& key);
+
+    /// The same, unless a Deletion or a Write that has not succeeded may have replaced the version since it was pinned.
+    std::optional<PinnedVersion> certain(const std::string& key);
 
     /// Forget the metadata of a key whose object this client has deleted: what is stored next is another file. The pin
     /// stays otherwise.
@@ -124,8 +148,11 @@ private:
         std::string opened; ///< tag
         Version current;
         std::uint64_t moves = 0; ///< m_moves when `current` was set
+        bool isDoubtful = false; ///< this client may have replaced or deleted the object since
     };
     using Pins = std::list<Pin>;
+
+    void doubt(const std::string& key);
 
     // All of these require m_mutex.
     Activities::iterator beginActivity(const std::string& key);

@@ -3,6 +3,7 @@
 #include <storage/clients/common/ObjectCopier.hpp>
 #include <storage/clients/common/ObjectDownloader.hpp>
 #include <storage/clients/common/ObjectRemover.hpp>
+#include <storage/clients/common/PinnedVersions.hpp>
 #include <storage/clients/common/RequiredVersions.hpp>
 #include <storage/clients/common/StoreCounters.hpp>
 #include <storage/clients/common/UploadInventory.hpp>
@@ -15,6 +16,7 @@
 #include <exception>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -83,7 +85,8 @@ class RemoteClient : public cloudprovider::CloudClient,
                      public ObjectCopier,
                      public ObjectDownloader,
                      public ObjectRemover,
-                     public StoreCounters
+                     public StoreCounters,
+                     public PinnedVersions
 {
 public:
     /// Sends nothing.
@@ -122,6 +125,8 @@ public:
 
     /// In batches, or one after the other where the store cannot do that. What fails temporarily is retried.
     std::map<std::string, std::exception_ptr> deleteObjects(const std::vector<std::string>& keys) override;
+
+    std::optional<PinnedVersion> pinnedVersion(const std::string& key) override;
 
     /// Counts the attempts at requests to the store. Lookups that a write needs belong to its attempt.
     CallSnapshot callSnapshot() const override;
