@@ -6,6 +6,7 @@ include(CMakePackageConfigHelpers)
 set(libraries foundation cloudprovider)
 set(stores
     cloudprovider_azure
+    cloudprovider_cache
     cloudprovider_clients_common
     cloudprovider_credentials
     cloudprovider_decorators
