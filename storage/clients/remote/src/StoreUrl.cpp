@@ -119,6 +119,15 @@ std::optional<Endpoint> readEndpoint(const std::string& url)
     return endpoint;
 }
 
+std::string readFolder(const std::string& value)
+{
+    if (value.empty())
+    {
+        throw std::invalid_argument("must name a folder");
+    }
+    return value;
+}
+
 bool readFlag(const std::string& value)
 {
     if (value != "0" && value != "1")

@@ -2,12 +2,19 @@
 
 #include <storage/clients/azure/AzureClient.hpp>
 #include <storage/clients/azure/AzureSettings.hpp>
+#include <storage/clients/cache/CachingClient.hpp>
+#include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/decorators/CountingClient.hpp>
 #include <storage/clients/local/LocalClient.hpp>
 #include <storage/clients/memory/MemoryClient.hpp>
 #include <storage/clients/s3/S3Client.hpp>
 #include <storage/clients/s3/S3Settings.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
+#include <storage/cloudprovider/Logger.hpp>
+
+#include <foundation/log/Severity.hpp>
+
+#include <fmt/format.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -57,6 +64,25 @@ std::shared_ptr<CountingClient> counted(const Arguments&... arguments)
     return std::make_shared<CountingClient>(std::make_shared<Store>(arguments...));
 }
 
+/// Let a client read through the cache of its settings, if they have one. @param store  see CachingClient
+std::shared_ptr<cloudprovider::CloudClient> cached(
+    std::shared_ptr<cloudprovider::CloudClient> client, const CacheSettings& settings, std::string store)
+{
+    if (settings.folder.empty())
+    {
+        return client;
+    }
+    auto cache = RangeCache::open({settings.folder, settings.maxSize});
+    if (!cache)
+    {
+        cloudprovider::getLogger().write(foundation::log::severity::warning,
+            fmt::format("another process, or another store of this one, uses the cache in {}; reading without a cache",
+                quoted(settings.folder.native())));
+        return client;
+    }
+    return std::make_shared<CachingClient>(std::move(client), std::move(cache), std::move(store));
+}
+
 } // namespace
 
 std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, const OpenStoreOptions& options)
@@ -74,13 +100,15 @@ std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, co
     {
         s3::S3Settings settings = s3::parseS3Url(url);
         settings.interrupted = options.interrupted;
-        return std::make_shared<S3Client>(settings);
+        return cached(std::make_shared<S3Client>(settings), settings.cache,
+            fmt::format("s3 {} {} {} {}", settings.endpoint, settings.region, settings.bucket, settings.prefix));
     }
     if (url.starts_with("azure:"))
     {
         azure::AzureSettings settings = azure::parseAzureUrl(url);
         settings.interrupted = options.interrupted;
-        return std::make_shared<AzureClient>(settings);
+        return cached(std::make_shared<AzureClient>(settings), settings.cache,
+            fmt::format("azure {} {} {} {}", settings.endpoint, settings.account, settings.container, settings.prefix));
     }
     refuse("unknown kind of store");
 }

@@ -3,6 +3,7 @@
 #include <storage/clients/azure/Credentials.hpp>
 #include <storage/clients/common/VersionPins.hpp>
 #include <storage/clients/http/HttpTimeouts.hpp>
+#include <storage/clients/remote/CacheSettings.hpp>
 
 #include <cstddef>
 #include <cstdint>
@@ -23,9 +24,10 @@ struct AzureSettings
     std::string endpoint = {}; ///< http://HOST:PORT/PATH or https://HOST; empty: the account's own
     HttpTimeouts timeouts = {};
 
-    std::size_t transfers = 8;              ///< see RemoteSettings, also for the next two
-    std::uint64_t memory = 64 << 20;        ///< bytes
-    std::uint64_t partSize = 256 << 10;     ///< bytes
+    std::size_t transfers = 8;          ///< see RemoteSettings, also for the next two
+    std::uint64_t memory = 64 << 20;    ///< bytes
+    std::uint64_t partSize = 256 << 10; ///< bytes
+    CacheSettings cache = {};
     std::filesystem::path authorities = {}; ///< PEM file that replaces the system's certificate authorities
     std::shared_ptr<CredentialsSource> credentials = nullptr; ///< null: defaultCredentials() of the account
 
@@ -44,8 +46,8 @@ struct AzureSettings
 ///
 /// Without a prefix, the container is the root of the store. With one, only the blobs below it are in the store, and
 /// neither keys nor messages contain it. All parameters are optional; values may be percent-encoded. The others are:
-/// `transfers=N`, `memory=BYTES`, `part-size=BYTES`, `ca-file=PATH` and `anonymous=1`. The endpoint defaults to
-/// `https://ACCOUNT.blob.core.windows.net`. That of an emulator ends with the account:
+/// `transfers=N`, `memory=BYTES`, `part-size=BYTES`, `cache=DIR`, `cache-size=BYTES`, `ca-file=PATH` and `anonymous=1`.
+/// The endpoint defaults to `https://ACCOUNT.blob.core.windows.net`. That of an emulator ends with the account:
 /// `http://127.0.0.1:10000/ACCOUNT`.
 /// @throws cloudprovider::InvalidLocationException whose detail says what is wrong; it never repeats what may be a
 ///         secret

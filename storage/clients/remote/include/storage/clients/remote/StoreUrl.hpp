@@ -56,6 +56,7 @@ struct Endpoint
 std::optional<Endpoint> readEndpoint(const std::string& url);
 
 // The values of parameters, for StoreUrl::Readers.
+std::string readFolder(const std::string& value);
 bool readFlag(const std::string& value);
 std::uint64_t readNumber(const std::string& value, std::uint64_t min, std::uint64_t max);
 
@@ -67,6 +68,8 @@ StoreUrl::Readers transferReaders(Settings& settings)
         {"transfers", [&](const auto& value) { settings.transfers = readNumber(value, 1, 64); }},
         {"memory", [&](const auto& value) { settings.memory = readNumber(value, 0, 1ULL << 40U); }},
         {"part-size", [&](const auto& value) { settings.partSize = readNumber(value, 64 << 10, 1 << 30); }},
+        {"cache", [&](const auto& value) { settings.cache.folder = readFolder(value); }},
+        {"cache-size", [&](const auto& value) { settings.cache.maxSize = readNumber(value, 16 << 20, 1ULL << 50U); }},
         {"ca-file", [&](const auto& value) { settings.authorities = value; }}};
 }
 

@@ -2,6 +2,7 @@
 
 #include <storage/clients/common/VersionPins.hpp>
 #include <storage/clients/http/HttpTimeouts.hpp>
+#include <storage/clients/remote/CacheSettings.hpp>
 #include <storage/clients/s3/Credentials.hpp>
 
 #include <filesystem>
@@ -67,9 +68,10 @@ struct S3Settings
     ObjectSettings objects = {};
     HttpTimeouts timeouts = {};
 
-    std::size_t transfers = 8;              ///< see RemoteSettings, also for the next two
-    std::uint64_t memory = 64 << 20;        ///< bytes
-    std::uint64_t partSize = 256 << 10;     ///< bytes
+    std::size_t transfers = 8;          ///< see RemoteSettings, also for the next two
+    std::uint64_t memory = 64 << 20;    ///< bytes
+    std::uint64_t partSize = 256 << 10; ///< bytes
+    CacheSettings cache = {};
     std::filesystem::path authorities = {}; ///< PEM file that replaces the system's certificate authorities
     std::shared_ptr<CredentialsSource> credentials = nullptr; ///< null: defaultCredentials() of the profile
     std::string profile = {};                                 ///< see there
@@ -90,12 +92,13 @@ struct S3Settings
 ///
 /// Without a prefix, the bucket is the root of the store. With one, only the objects below it are in the store, and
 /// neither keys nor messages contain it. The bucket may be the ARN of an access point. All parameters are optional;
-/// values may be percent-encoded. The others are: `transfers=N`, `memory=BYTES`, `part-size=BYTES`, `profile=NAME` (a
-/// section of the shared files), `anonymous=1`, `ca-file=PATH`, `request-payer=requester`,
-/// `storage-class=NAME`, `sse=AES256`, `sse=aws:kms` or `sse=aws:kms:dsse`, `sse-key=ID`, `sse-c-key-file=PATH` (which
-/// is read now), and the endpoint's capabilities `conditional-copies=1`, `conditional-completion=1`,
-/// `conditional-writes=1`, `copies-any-key=1` and `equal-parts=1`. The endpoint defaults to defaultEndpoint(), else the
-/// region's own, the region to defaultRegion(), else us-east-1, and the file of authorities to defaultAuthorities().
+/// values may be percent-encoded. The others are: `transfers=N`, `memory=BYTES`, `part-size=BYTES`, `cache=DIR`,
+/// `cache-size=BYTES`, `profile=NAME` (a section of the shared files), `anonymous=1`, `ca-file=PATH`,
+/// `request-payer=requester`, `storage-class=NAME`, `sse=AES256`, `sse=aws:kms` or `sse=aws:kms:dsse`, `sse-key=ID`,
+/// `sse-c-key-file=PATH` (which is read now), and the endpoint's capabilities `conditional-copies=1`,
+/// `conditional-completion=1`, `conditional-writes=1`, `copies-any-key=1` and `equal-parts=1`. The endpoint defaults to
+/// defaultEndpoint(), else the region's own, the region to defaultRegion(), else us-east-1, and the file of authorities
+/// to defaultAuthorities().
 /// @throws cloudprovider::InvalidLocationException whose detail says what is wrong; it never repeats what may be a
 ///         secret; cloudprovider::InvalidCredentialsException as defaultEndpoint()
 S3Settings parseS3Url(const std::string& url);

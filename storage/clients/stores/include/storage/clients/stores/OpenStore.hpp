@@ -35,6 +35,10 @@ struct OpenStoreOptions
 /// - `azure://ACCOUNT/CONTAINER/PREFIX?endpoint=URL`  a container of Azure Blob Storage, or what is below a prefix in
 ///   it; see azure::parseAzureUrl() for all parameters, and AzureClient
 ///
+/// With the parameters `cache=DIR&cache-size=BYTES`, what is read of a distant store is kept in the folder, up to so
+/// many bytes (1 GiB by default), and read from there again; see CachingClient and RangeCache. If another process, or
+/// another store of this process, uses the folder, a warning is logged and the store is read without a cache.
+///
 /// On the result, findInterface() finds StoreCounters, UploadInventory and the store's own class. The counters are
 /// those of CountingClient, or of RemoteClient.
 ///
