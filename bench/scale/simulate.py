@@ -30,7 +30,7 @@ FIRST_DELAY, MAX_DELAY = 0.1, 20.0  # s, RetryPolicy
 READ, PATCH = 2, 10  # requests
 PATCHES = 1 / 6  # of all operations
 
-DECREASE, PERIOD, MIN_RATE, MIN_FIRST_PEAK = 0.5, 10.0, 0.1, 10.0  # RequestRate
+DECREASE, PERIOD, GRACE, MIN_RATE, MIN_FIRST_PEAK = 0.5, 10.0, 2.0, 0.1, 10.0  # RequestRate
 
 
 @dataclasses.dataclass(frozen=True)
@@ -51,7 +51,7 @@ class Limit:
     def __init__(self):
         self.next = 0.0  # no attempt begins earlier
         self.peak = math.inf  # requests/s at the last decrease
-        self.since = -1.0
+        self.since = -GRACE
         self.recent = 0.0  # attempts of the last second, approximately
         self.last = 0.0
 
@@ -70,7 +70,7 @@ class Limit:
         return True
 
     def refused(self, begin, now):
-        if begin >= self.since:
+        if begin >= self.since + GRACE:
             self.peak = max(MIN_RATE, min(self.rate(now), max(MIN_FIRST_PEAK, self.recent * math.exp(self.last - now))))
             self.since = now
             self.next = max(self.next, now + 1 / self.rate(now))

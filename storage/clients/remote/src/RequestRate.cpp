@@ -11,11 +11,12 @@ namespace
 
 using Seconds = std::chrono::duration<double>;
 
-constexpr double decrease = 0.5;    // what remains of the rate after a refusal
-constexpr Seconds period{10};       // from the refused rate to twice as much
-constexpr double minRate = 0.1;     // attempts/s; one may be the first in 10 s, so that several fit into a budget
-constexpr double minFirstPeak = 10; // attempts/s; a client that sends little does not pause after one refusal
-constexpr Seconds countedTime{1};   // after this time an attempt counts 1/e
+constexpr double decrease = 0.5;         // what remains of the rate after a refusal
+constexpr Seconds period{10};            // from the refused rate to twice as much
+constexpr std::chrono::seconds grace{2}; // refusals of retries that begin so soon belong to the same event
+constexpr double minRate = 0.1;          // attempts/s; one may be the first in 10 s, so that several fit into a budget
+constexpr double minFirstPeak = 10;      // attempts/s; a client that sends little does not pause after one refusal
+constexpr Seconds countedTime{1};        // after this time an attempt counts 1/e
 
 } // namespace
 
@@ -35,7 +36,7 @@ RequestRate::Duration RequestRate::begin(Time now)
 void RequestRate::refused(Time begun, Time now)
 {
     const std::lock_guard lock(m_mutex);
-    if (begun < m_decreased)
+    if (begun < m_decreased + grace)
     {
         return;
     }

@@ -25,8 +25,8 @@ public:
     /// @return zero: it begins. Otherwise nothing has changed, and there is no turn before this time has passed.
     Duration begin(Time now);
 
-    /// The store has refused an attempt. The rate is halved only once for all attempts that were in progress: those
-    /// that began before the last decrease say nothing about the rate after it.
+    /// The store has refused an attempt. The rate is halved only once for all attempts that were in progress, and for
+    /// their first retries: what began less than 2 s after the last decrease says nothing about the rate after it.
     /// @param begun  when the attempt began
     void refused(Time begun, Time now);
 

@@ -113,8 +113,9 @@ void throwFailure(FailureMeaning meaning, const std::string& detail, const HttpR
         throw UnsupportedOperationException(detail);
     case FailureMeaning::Changed:
         throw PreconditionFailed(detail, response.wasSentTwice);
+    case FailureMeaning::TooMany:
     case FailureMeaning::Transient:
-        if (response.status == 429 || response.status == 503)
+        if (meaning == FailureMeaning::TooMany || response.status == 429 || response.status == 503)
         {
             throw TooManyRequests("Store busy", detail, retryAfter(response));
         }

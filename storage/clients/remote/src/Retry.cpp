@@ -125,7 +125,8 @@ void Retry::Attempts::start()
     {
         for (Duration left; (left = m_retry.m_rate.begin(m_retry.m_clock.now())) > Duration::zero();)
         {
-            if (m_retry.isInterrupted() || isOutage())
+            const bool hasWaited = m_retry.m_clock.now() - m_begin >= m_retry.m_policy.budget;
+            if (hasWaited || m_retry.isInterrupted() || isOutage())
             {
                 break;
             }

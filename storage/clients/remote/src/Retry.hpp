@@ -56,9 +56,9 @@ private:
 /// Waits: the k-th wait, k = 0 first, is uniformly random in [0, min(maxDelay, firstDelay * 2^k)], so that clients
 /// which failed at the same time do not retry at the same time. If the store said how long to wait, that time is added.
 /// After a TooManyRequests, each attempt also waits for its turn at the RequestRate of all requests. The first attempt
-/// waits before the budget begins. An interrupt ends a wait within a tenth of a second; a first attempt then begins
-/// without its turn. After a second UnusableResponse there is no further attempt. If the first attempt to send a part
-/// took longer than the budget, the budget begins at its end.
+/// waits before the budget begins, and as long at most. An interrupt ends a wait within a tenth of a second; a first
+/// attempt then begins without its turn. After a second UnusableResponse there is no further attempt. If the first
+/// attempt to send a part took longer than the budget, the budget begins at its end.
 ///
 /// If there is no further attempt, a TransientException is thrown. Its detail is that of the last failure, followed by
 /// the number of attempts, the time since the first one, and the reason why there is no further one. All other

@@ -167,14 +167,14 @@ TEST_F(RetryTest, StopsWhenAnotherRequestOfTheUploadGivesUp)
 
 TEST_F(RetryTest, HalvesTheRateAtARefusalAndRaisesItSlowlyThenFast)
 {
-    // Columns: name, attempts before the refusals (one each 10 ms), how many are refused, time after that, ms between
-    // attempts from then on.
-    for (const auto& [name, begun, refusals, passed, interval] : {
-             std::tuple("halves again", 1000, 2, 0ms, 40.),
-             std::tuple("is at the refused rate again", 1000, 1, 7937ms, 10.),
-             std::tuple("has doubled it", 1000, 1, 17937ms, 5.),
-             std::tuple("has a minimum", 1000, 100, 0ms, 10'000.),
-             std::tuple("one refusal does not stop who sends little", 1, 1, 0ms, 200.),
+    // Columns: name, attempts before the refusals (one each 10 ms), how many are refused, time between these, time
+    // after them, ms between attempts from then on.
+    for (const auto& [name, begun, refusals, apart, passed, interval] : {
+             std::tuple("an event counts once", 1000, 9, 0ms, 0ms, 20.),
+             std::tuple("is at the refused rate again", 1000, 1, 0ms, 7937ms, 10.),
+             std::tuple("has doubled it", 1000, 1, 0ms, 17937ms, 5.),
+             std::tuple("has a minimum", 1000, 100, 2000ms, 0ms, 10'000.),
+             std::tuple("one refusal does not stop who sends little", 1, 1, 0ms, 0ms, 200.),
          })
     {
         RequestRate rate;
@@ -184,6 +184,7 @@ TEST_F(RetryTest, HalvesTheRateAtARefusalAndRaisesItSlowlyThenFast)
         }
         for (int i = 0; i < refusals; ++i)
         {
+            time.pass(i > 0 ? apart : 0ms);
             rate.refused(time.now(), time.now());
             rate.refused(time.now() - 1ms, time.now()); // was in progress, so does not count
         }

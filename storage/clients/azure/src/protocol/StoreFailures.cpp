@@ -60,7 +60,7 @@ constexpr std::array rows{
     Row{"BlobAlreadyExists", Meaning::Changed, ""},
     Row{"Md5Mismatch", Meaning::Transient, "the bytes were corrupted in transit"},
     Row{"PendingCopyOperation", Meaning::Transient, ""},
-    Row{"ServerBusy", Meaning::Transient, ""},
+    Row{"ServerBusy", Meaning::TooMany, ""},
     Row{"OperationTimedOut", Meaning::Transient, ""},
     Row{"InternalError", Meaning::Transient, ""},
     Row{"APINotImplemented", Meaning::NotSupported, ""}, // an emulator's, with the status 500

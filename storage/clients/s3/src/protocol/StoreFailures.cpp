@@ -58,7 +58,7 @@ constexpr std::array rows{
     Row{"XAmzContentSHA256Mismatch", Meaning::Transient, "the bytes were corrupted in transit"},
     Row{"IncompleteBody", Meaning::Transient, ""},
     Row{"RequestTimeout", Meaning::Transient, ""},
-    Row{"SlowDown", Meaning::Transient, ""},
+    Row{"SlowDown", Meaning::TooMany, ""}, // also in a response with the status 200
     Row{"ServiceUnavailable", Meaning::Transient, ""},
     Row{"InternalError", Meaning::Transient, ""},
     Row{"OperationAborted", Meaning::Transient, ""},

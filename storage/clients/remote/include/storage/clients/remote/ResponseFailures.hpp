@@ -47,6 +47,7 @@ enum class FailureMeaning
     Changed,
     Archived,
     Transient,
+    TooMany,
     Other
 };
 
