@@ -8,7 +8,8 @@ namespace storage::clients
 namespace
 {
 
-constexpr std::uint64_t maxGrownSize = 8U << 20; // bytes; what reading one byte of the largest object may move
+constexpr std::uint64_t maxGrownSize = 8U << 20; // bytes; what reading one byte of an object of up to 5 TiB may move
+constexpr std::uint64_t maxOpenParts = 5ULL * (1U << 20U) / 8; // of that object; an open file needs memory for each
 
 } // namespace
 
@@ -19,7 +20,8 @@ std::vector<cloudprovider::PartInfo> cutIntoParts(
     if (object.size > maxCount * partSize)
     {
         const std::uint64_t grown = partSize * (object.size / maxCount / partSize + 1); // round numbers
-        partSize = store.equalParts ? grown : std::min(grown, std::max(partSize, maxGrownSize));
+        partSize =
+            store.equalParts ? grown : std::min(grown, std::max({partSize, maxGrownSize, object.size / maxOpenParts}));
     }
     if (object.size < store.minPartSize + partSize)
     {

@@ -340,16 +340,27 @@ bool Upload::hasRoom(const PartGroup& group, std::uint64_t begin, std::uint64_t 
     {
         return group.number != 0;
     }
-    // The bytes between two sent parts, which are sent or copied later, must be none or enough for a part.
-    const auto leavesRoom = [&](std::uint64_t from, std::uint64_t to)
-    { return from == to || (from < to && to - from >= store.minPartSize); };
+    // The bytes between two sent parts, which are sent or copied later, must be none or enough for a part. And there
+    // must be numbers for their copies, and for a change between these.
+    const std::uint64_t maxSize = store.maxTakeSize > 0 ? store.maxTakeSize : store.maxPartSize;
+    const auto leavesRoom = [&](std::uint64_t from, std::uint64_t to, std::size_t parts, std::size_t numbers)
+    {
+        const std::uint64_t bytes = to - std::min(from, to);
+        const std::uint64_t needed = (bytes + maxSize - 1) / maxSize + 2;
+        return from == to || (bytes >= store.minPartSize &&
+                                 numbers >= std::min<std::uint64_t>({needed, parts, bytes / store.minPartSize}));
+    };
     const auto following = std::find_if(m_parts.lower_bound(group.end()), m_parts.end(), isSent);
     const auto preceding =
         std::find_if(std::make_reverse_iterator(m_parts.lower_bound(group.first)), m_parts.rend(), isSent);
-    const std::uint64_t sent = preceding == m_parts.rend() ? 0 : preceding->second.offset + preceding->second.size;
-    return leavesRoom(sent, begin) && (preceding == m_parts.rend() || preceding->second.group.number < group.number) &&
-           (following == m_parts.end() ||
-               (leavesRoom(end, following->second.offset) && group.number < following->second.group.number));
+    const bool isFirst = preceding == m_parts.rend();
+    const std::uint64_t sent = isFirst ? 0 : preceding->second.offset + preceding->second.size;
+    const std::size_t sentParts = isFirst ? 0 : preceding->first + 1;
+    const std::size_t used = isFirst ? 0 : preceding->second.group.number;
+    return used < group.number && leavesRoom(sent, begin, group.first - sentParts, group.number - used - 1) &&
+           (following == m_parts.end() || (group.number < following->second.group.number &&
+                                              leavesRoom(end, following->second.offset, following->first - group.end(),
+                                                  following->second.group.number - group.number - 1)));
 }
 
 void Upload::recordDone(const PlannedPart& part, const std::string& tag)

@@ -37,7 +37,8 @@ namespace
 {
     throw UnknownErrorException("Outcome unknown",
         fmt::format("{} of {} failed: the response was lost, the upload no longer exists, and the object under the key "
-                    "is not the expected one; the upload may have been aborted, the object may have been replaced, or "
+                    "is not the expected one or cannot be looked up; the upload may have been aborted, the object may "
+                    "have been replaced, or "
                     "the store uses tags of its own",
             name(Operation::CompleteMultipartUpload), quoted(key)));
 }
@@ -118,11 +119,6 @@ std::optional<std::invoke_result_t<Ask>> answerOf(const Ask& ask)
     {
         return std::nullopt;
     }
-}
-
-bool isZero(std::string_view bytes)
-{
-    return bytes.empty() || (bytes[0] == '\0' && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
 }
 
 /// Keep the bytes of a part that could not be sent. @return their position; nullopt: there is no space
@@ -239,10 +235,6 @@ std::string Uploads::spoolPart(Upload& upload, const PartInfo& part, const std::
     try
     {
         write(space.bytes.data());
-        if (isZero({space.bytes.data(), part.Size})) // returned space reads as zeros, so a hole takes none
-        {
-            upload.spool().free(space.position, part.Size);
-        }
         return upload.setPart(part.Index,
             {.place = PartPlace::Spooled, .size = part.Size, .offset = part.Offset, .spooled = space.position});
     }
@@ -751,12 +743,14 @@ std::string Uploads::finish(Upload& upload, const Completion& completion, const 
     if (upload.isOutcomeUnknown() || needsLookup)
     {
         // After the last copy: if the object is still this version, all copies came from it.
-        const auto stored = m_store.findObject(key);
+        const auto find = [&] { return m_store.findObject(key); };
+        const auto found = needsLookup ? std::optional(find()) : answerOf(find);
+        const auto stored = found.value_or(std::nullopt);
         if (isDone(stored))
         {
             return stored->version.tag;
         }
-        if (completion.replaces && *completion.replaces != (stored ? stored->version.tag : ""))
+        if (found && completion.replaces && *completion.replaces != (stored ? stored->version.tag : ""))
         {
             // No completion has taken effect while the upload is open: the object is somebody else's.
             if (upload.isOutcomeUnknown() && !isOpenAtStore(upload).value_or(false))
