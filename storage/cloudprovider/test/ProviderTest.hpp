@@ -171,9 +171,9 @@ public:
     void endUploads()
     {
         const std::lock_guard lock(m_mutex);
-        for (const auto& [key, id] : std::exchange(m_notAborted, {}))
+        for (const auto& upload : std::exchange(m_notAborted, {}))
         {
-            outcome([&] { inner().abortMultipartUpload(key, id); });
+            outcome([&] { inner().abortMultipartUpload(upload.first, upload.second); });
         }
     }
 

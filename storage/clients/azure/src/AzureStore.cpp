@@ -166,16 +166,16 @@ void AzureStore::requireBlockBlob(const AzureRequest& write, const ObjectMetadat
 /// since its version was read, because that makes no new one. So these are looked up.
 HttpHeaders AzureStore::headersFor(const AzureRequest& write, const WrittenMetadata& metadata)
 {
-    const bool isNew = metadata.source.empty();
+    const auto stored = metadata.source.empty() ? std::nullopt : findObject(metadata.source);
     HttpHeaders headers;
     for (const auto& [name, value] : metadata.fields)
     {
-        if (isNew || (name != tierField && name != tagsField && name != tagCountField))
+        if (name != tagCountField && (!stored || (name != tierField && name != tagsField)))
         {
             headers.add(name, value);
         }
     }
-    if (const auto stored = isNew ? std::nullopt : findObject(metadata.source))
+    if (stored)
     {
         addTierAndTags(headers, write, *stored->version.metadata, metadata.source);
     }

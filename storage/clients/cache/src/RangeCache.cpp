@@ -122,7 +122,7 @@ std::shared_ptr<RangeCache> RangeCache::open(const RangeCacheSettings& settings)
     {
         return nullptr;
     }
-    const std::shared_ptr<RangeCache> cache(new RangeCache(settings, *lock));
+    std::shared_ptr<RangeCache> cache(new RangeCache(settings, *lock));
     cache->scan();
     return cache;
 }

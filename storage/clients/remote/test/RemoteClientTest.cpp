@@ -770,8 +770,10 @@ TEST_F(RemoteClientTest, CopiesNothingTwiceUnlessTheObjectWasAnotherVersion)
 TEST_F(RemoteClientTest, ALostRaceHasAKnownOutcomeWhileTheUploadIsOpen)
 {
     const Fault refused{How::Before, std::make_exception_ptr(PreconditionFailed("Refused"))};
-    for (const auto& [endsUpload, failing] : {std::pair(false, 1U), std::pair(true, 1U), std::pair(true, 2U)})
+    for (const auto& row : {std::pair(false, 1U), std::pair(true, 1U), std::pair(true, 2U)})
     {
+        const bool endsUpload = row.first;
+        const unsigned failing = row.second;
         bucket->takeRequests();
         open(1);
         const std::string id = begin();
