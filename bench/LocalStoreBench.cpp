@@ -112,32 +112,6 @@ void putSmallLocal(benchmark::State& state)
     state.SetItemsProcessed(state.iterations());
 }
 
-// Several threads with one client.
-void putSmallShared(benchmark::State& state)
-{
-    static std::unique_ptr<ScratchFolder> folder;
-    static std::unique_ptr<LocalClient> client;
-    if (state.thread_index() == 0)
-    {
-        folder = std::make_unique<ScratchFolder>();
-        client = std::make_unique<LocalClient>(folder->path() / "store");
-    }
-    std::string content(smallSize, 'x');
-    std::size_t number = 0;
-    for (auto _ : state) // begins when all threads are here, and ends when all have left
-    {
-        Bytes bytes(content.data(), content.size());
-        std::istream stream(&bytes);
-        client->putObject(fmt::format("small/{}/{:08}", state.thread_index(), number++), stream, content.size());
-    }
-    if (state.thread_index() == 0)
-    {
-        client.reset();
-        folder.reset();
-    }
-    state.SetItemsProcessed(state.iterations());
-}
-
 void putSmallSqlite(benchmark::State& state)
 {
     const ScratchFolder folder;
@@ -260,7 +234,6 @@ void listAboveMillion(benchmark::State& state)
 }
 
 BENCHMARK(putSmallLocal)->UseRealTime();
-BENCHMARK(putSmallShared)->Threads(1)->Threads(4)->UseRealTime();
 BENCHMARK(putSmallSqlite)->UseRealTime();
 BENCHMARK(largeInLocal)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 BENCHMARK(largeInFile)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);

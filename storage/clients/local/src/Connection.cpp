@@ -36,12 +36,10 @@ std::optional<pid_t> findHolder(const std::filesystem::path& index, bool alone)
 
 // A transaction stays in memory until it is committed, because CheckedVfs expects that no frame of the log is written
 // twice. Pages that a removal frees are not overwritten: on a full disk, there may be no room in the log for that. A
-// log that has grown beyond the limit, because a reader was slow, gives its room back. What a savepoint needs for its
-// rollback stays in memory, too, and needs no room on a disk.
+// log that has grown beyond the limit, because a reader was slow, gives its room back.
 constexpr const char* settings = R"(
     PRAGMA cache_spill = OFF;
     PRAGMA secure_delete = OFF;
-    PRAGMA temp_store = MEMORY;
     PRAGMA journal_size_limit = 4194304;
 )";
 

@@ -13,31 +13,6 @@
 namespace storage::clients::local
 {
 
-// A StoreError, but with text that threads do not share.
-struct Database::Failure
-{
-    StoreError::Kind kind;
-    std::string reason;
-};
-
-// Written by the writer whose turn it is, except where it says otherwise.
-struct Database::Group
-{
-    Group(Lease leased, Durability requested)
-        : connection(std::move(leased))
-        , durability(requested)
-    {
-    }
-
-    Lease connection; // empty: the group has ended
-    const Durability durability;
-    std::function<void()> before;
-    std::function<void()> after;
-    std::vector<std::function<void(StoreError::Kind)>> failed; // of all transactions
-    bool isDone = false;                                       // guarded by m_turnMutex
-    std::optional<Failure> failure;                            // constant when isDone
-};
-
 Database::Database(std::filesystem::path file, LockLimits limits)
     : m_file(std::move(file))
     , m_limits(std::move(limits))
@@ -54,20 +29,14 @@ Database::~Database()
     }
 }
 
-Database::Turn Database::takeTurn(const LockWait& wait, bool sharesCommit)
+Database::Turn Database::takeTurn(const LockWait& wait)
 {
     // The writer in front may be waiting for another process. Let it fail first: then this one finds that process, too.
     constexpr std::chrono::seconds grace{1};
     const auto end = wait.end() > std::chrono::steady_clock::now() ? wait.end() + grace : wait.end();
     std::unique_lock lock(m_turnMutex);
-    m_waiting += sharesCommit ? 1 : 0;
-    const bool isOurs =
-        m_turnEnded.wait_until(lock, end, [&] { return !m_isWriting && (sharesCommit || m_open == nullptr); });
-    m_waiting -= sharesCommit ? 1 : 0;
-    if (!isOurs)
+    if (!m_turnEnded.wait_until(lock, end, [this] { return !m_isWriting; }))
     {
-        lock.unlock();
-        m_turnEnded.notify_all(); // others may have left their commit to this writer
         wait.fail("the index", ::getpid());
     }
     m_isWriting = true;
@@ -80,74 +49,7 @@ void Database::endTurn() noexcept
         const std::lock_guard lock(m_turnMutex);
         m_isWriting = false;
     }
-    m_turnEnded.notify_all();
-}
-
-void Database::commit(const std::shared_ptr<Group>& group, Turn turn)
-{
-    {
-        std::unique_lock lock(m_turnMutex);
-        // On a full disk, there may be room for one transaction, but not for several.
-        if (group->durability == Durability::Synced && m_waiting > 0 && !m_isFull)
-        {
-            m_open = group;
-            m_isWriting = false;
-            static_cast<void>(turn.release()); // ended above, so that this does not unlock and lock
-            m_turnEnded.notify_all();
-            m_turnEnded.wait(lock, [&] { return group->isDone || (!m_isWriting && m_waiting == 0); });
-            if (group->isDone)
-            {
-                return throwIfFailed(*group);
-            }
-            m_isWriting = true; // the writer that was to commit has failed or given up
-            turn.reset(this);
-        }
-        m_open.reset();
-    }
-    std::optional<Failure> failure;
-    try
-    {
-        group->before ? group->before() : void();
-        group->connection->run("COMMIT");
-        m_hasCommitted = true;
-        group->after ? group->after() : void();
-    }
-    catch (const StoreError& error)
-    {
-        failure = {error.kind(), error.what()};
-    }
-    catch (const std::exception& error) // the others wait for the end
-    {
-        failure = {StoreError::Kind::Other, error.what()};
-    }
-    finish(*group, std::move(failure));
-    turn.reset();
-    throwIfFailed(*group);
-}
-
-void Database::throwIfFailed(const Group& group)
-{
-    if (group.failure)
-    {
-        throw StoreError(group.failure->kind, group.failure->reason);
-    }
-}
-
-// End the group, while it is the turn of one of its writers.
-void Database::finish(Group& group, std::optional<Failure> failure) noexcept
-{
-    if (failure)
-    {
-        for (const auto& failed : group.failed)
-        {
-            failed(failure->kind);
-        }
-    }
-    group.connection.reset(); // rolls back what was not committed
-    const std::lock_guard lock(m_turnMutex);
-    m_isFull = failure && failure->kind == StoreError::Kind::NoSpace;
-    group.failure = std::move(failure);
-    group.isDone = true;
+    m_turnEnded.notify_one();
 }
 
 Database::Lease Database::borrow(const LockWait& wait)
@@ -186,7 +88,7 @@ void Database::returnConnection(Connection* connection) noexcept
 
 void Database::restartLog(std::optional<LockWait> wait)
 {
-    const Turn turn = takeTurn(wait ? *wait : wait.emplace(m_limits), false);
+    const Turn turn = takeTurn(wait ? *wait : wait.emplace(m_limits));
     borrow(*wait)->execute("PRAGMA wal_checkpoint(TRUNCATE)");
 }
 
@@ -213,7 +115,7 @@ void Database::shrink(std::size_t removals)
             // More than a removal frees on average, and little enough that other writers do not notice.
             WriteTransaction transaction(*this, Durability::Deferred, LockWait(noWait));
             transaction->execute("PRAGMA incremental_vacuum(128)");
-            transaction.commit({});
+            transaction.commit();
         }
     }
     catch (const StoreError& error) // The disk is full, or others keep the index busy. A later removal tries again.
@@ -230,74 +132,19 @@ Database::ReadTransaction::ReadTransaction(Database& database)
 }
 
 Database::WriteTransaction::WriteTransaction(Database& database, Durability durability, std::optional<LockWait> wait)
-    : m_database(database)
-    , m_turn(database.takeTurn(wait ? *wait : wait.emplace(database.m_limits), durability == Durability::Synced))
-    , m_group(
-          [&]
-          {
-              const std::lock_guard lock(database.m_turnMutex);
-              return database.m_open;
-          }())
-    , m_isSavepoint(m_group != nullptr)
+    : m_turn(database.takeTurn(wait ? *wait : wait.emplace(database.m_limits)))
+    , m_connection(database.borrow(*wait))
 {
-    if (m_isSavepoint)
-    {
-        m_group->connection->run("SAVEPOINT writer");
-        return;
-    }
-    m_group = std::make_shared<Group>(database.borrow(*wait), durability);
     // Whether the commit waits for the disk. SQLite does not allow a change inside a transaction.
-    Connection& connection = **this;
-    connection.execute(durability == Durability::Synced ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
-    connection.run("BEGIN IMMEDIATE");
+    m_connection->execute(
+        durability == Durability::Synced ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
+    m_connection->run("BEGIN IMMEDIATE");
 }
 
-Database::WriteTransaction::~WriteTransaction()
+void Database::WriteTransaction::commit()
 {
-    if (!m_turn || !m_isSavepoint)
-    {
-        return;
-    }
-    try
-    {
-        m_group->connection->run("ROLLBACK TO writer");
-        m_group->connection->run("RELEASE writer");
-    }
-    catch (const StoreError& error) // it has also undone what the others did
-    {
-        {
-            const std::lock_guard lock(m_database.m_turnMutex);
-            m_database.m_open.reset();
-        }
-        m_database.finish(*m_group, Failure{error.kind(), error.what()});
-    }
-}
-
-Connection& Database::WriteTransaction::operator*() const
-{
-    return *m_group->connection;
-}
-
-void Database::WriteTransaction::commit(Steps steps)
-{
-    m_group->failed.reserve(m_group->failed.size() + 1);
-    if (m_isSavepoint)
-    {
-        m_group->connection->run("RELEASE writer");
-    }
-    if (steps.before)
-    {
-        m_group->before = std::move(steps.before);
-    }
-    if (steps.after)
-    {
-        m_group->after = std::move(steps.after);
-    }
-    if (steps.failed)
-    {
-        m_group->failed.push_back(std::move(steps.failed));
-    }
-    m_database.commit(m_group, std::move(m_turn));
+    m_connection->run("COMMIT");
+    m_turn->m_hasCommitted = true;
 }
 
 } // namespace storage::clients::local

@@ -1,12 +1,10 @@
 #pragma once
 
 #include "Connection.hpp"
-#include "StoreError.hpp"
 
 #include <condition_variable>
 #include <cstddef>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -27,16 +25,8 @@ enum class Durability
 ///
 /// Readers never wait, neither for each other nor for a writer. Only one writer runs at a time: writers of this client
 /// take turns without polling, which is fairer, and wait for SQLite's lock if another client or process writes.
-///
-/// Synced transactions of writers that wait for their turn share one commit, and so one sync: a writer that finishes
-/// while the next one waits leaves the commit to it. Each is a savepoint of SQLite, so one that is rolled back takes
-/// nothing of the others away. None of them returns before the commit.
 class Database
 {
-    // Synced transactions that share a commit.
-    struct Group;
-    struct Failure;
-
     // Ends the turn of a writer of this client.
     struct EndTurn
     {
@@ -74,8 +64,7 @@ public:
         const Lease m_connection;
     };
 
-    /// The only write transaction on the index at this time; rolled back unless it is committed. It sees the changes of
-    /// those that it shares a commit with.
+    /// The only write transaction on the index at this time; rolled back unless it is committed.
     class WriteTransaction
     {
     public:
@@ -84,31 +73,19 @@ public:
         WriteTransaction(Database& database, Durability durability, std::optional<LockWait> wait = std::nullopt);
         WriteTransaction(const WriteTransaction&) = delete;
         WriteTransaction& operator=(const WriteTransaction&) = delete;
-        ~WriteTransaction();
 
-        /// What belongs to a commit besides the index. All of it is called while no other writer runs.
-        struct Steps
-        {
-            std::function<void()> before;                 ///< may throw StoreError, so that nothing is committed
-            std::function<void()> after;                  ///< must not throw
-            std::function<void(StoreError::Kind)> failed; ///< instead of `after`; must not throw
-        };
-
-        /// Make the changes visible, with the requested durability. Blocks until that is done, maybe by another thread.
-        /// Of transactions that share a commit, the last `before` and `after` that are not empty count for all.
+        /// Make the changes visible, with the requested durability.
         ///
         /// @throws StoreError; the changes are not visible then. Unless its kind is NoSpace, they may have reached the
         ///         disk nevertheless, and a later crash may make them visible.
-        void commit(Steps steps);
+        void commit();
 
-        Connection& operator*() const;
-        Connection* operator->() const { return &**this; }
+        Connection& operator*() const { return *m_connection; }
+        Connection* operator->() const { return m_connection.get(); }
 
     private:
-        Database& m_database;
-        Turn m_turn; // empty: ended
-        std::shared_ptr<Group> m_group;
-        bool m_isSavepoint = false; // in the transaction of the group; else this one has begun that
+        const Turn m_turn;
+        const Lease m_connection;
     };
 
     /// Merge the write-ahead log into the index, so that the next transaction overwrites it from its start on. Needs no
@@ -124,10 +101,7 @@ public:
     void shrink(std::size_t removals);
 
 private:
-    Turn takeTurn(const LockWait& wait, bool sharesCommit);
-    void commit(const std::shared_ptr<Group>& group, Turn turn);
-    void finish(Group& group, std::optional<Failure> failure) noexcept;
-    static void throwIfFailed(const Group& group);
+    Turn takeTurn(const LockWait& wait);
     void endTurn() noexcept;
     Lease borrow(const LockWait& wait);
     void returnConnection(Connection* connection) noexcept;
@@ -138,11 +112,8 @@ private:
     // A writer takes its turn before SQLite's lock. Both mutexes are innermost.
     std::mutex m_turnMutex;
     std::condition_variable m_turnEnded;
-    bool m_isWriting = false;      // guarded by m_turnMutex
-    std::size_t m_waiting = 0;     // guarded by m_turnMutex; writers that could share a commit and wait for their turn
-    std::shared_ptr<Group> m_open; // guarded by m_turnMutex; what the next of them joins; empty: nothing
-    bool m_isFull = false;         // guarded by m_turnMutex; the disk had no room for the last commit
-    bool m_hasCommitted = false;   // changed by the writer whose turn it is
+    bool m_isWriting = false;    // guarded by m_turnMutex
+    bool m_hasCommitted = false; // changed by the writer whose turn it is
     std::mutex m_poolMutex;
     std::size_t m_connections = 0;                   // guarded by m_poolMutex; opened so far
     std::vector<std::unique_ptr<Connection>> m_idle; // guarded by m_poolMutex; has capacity for all of them

@@ -43,7 +43,7 @@ bool commitBarrier(Database::WriteTransaction& index)
 try
 {
     index->run("UPDATE store SET next_id = next_id + 1");
-    index.commit({});
+    index.commit();
     return true;
 }
 catch (const StoreError& error)

@@ -28,12 +28,6 @@ StoreTransaction::StoreTransaction(
 
 StoreTransaction::~StoreTransaction()
 {
-    removeAddedFiles();
-}
-
-// To be called before another writer may take its turn, because that may assign the same ids.
-void StoreTransaction::removeAddedFiles() noexcept
-{
     for (const FileName name : m_added)
     {
         m_files.remove(name);
@@ -107,26 +101,32 @@ void StoreTransaction::commit()
     {
         index().run("UPDATE store SET next_id = ?", *m_nextId);
     }
+    if (m_filesToSync && m_durability == Durability::Synced)
+    {
+        m_files.syncContentsFolder();
+    }
     if (!m_dropped.empty() || m_hasRest)
     {
         m_files.prepareRemoval(m_dropped, m_notes);
     }
-    Database::WriteTransaction::Steps steps;
-    if (m_filesToSync && m_durability == Durability::Synced)
+    try
     {
-        steps.before = [this] { m_files.syncContentsFolder(); };
+        m_index->commit();
+    }
+    catch (const StoreError& error)
+    {
+        // The commit may have reached the disk nevertheless. After a crash the index would then name these files.
+        if (error.kind() != StoreError::Kind::NoSpace)
+        {
+            m_files.leaveOrphans();
+            m_added.clear();
+        }
+        throw;
     }
     if (m_durability == Durability::Synced || !m_added.empty())
     {
-        steps.after = [this] { m_files.setUnsynced(m_durability == Durability::Deferred); };
+        m_files.setUnsynced(m_durability == Durability::Deferred); // while no other transaction of this client commits
     }
-    steps.failed = [this](StoreError::Kind kind)
-    {
-        // The commit may have reached the disk nevertheless. After a crash the index would then name these files.
-        kind == StoreError::Kind::NoSpace ? removeAddedFiles() : m_files.leaveOrphans();
-        m_added.clear();
-    };
-    m_index->commit(std::move(steps));
     m_added.clear();
     m_index.reset();
     removeDroppedFiles();

@@ -63,7 +63,6 @@ public:
     void commit();
 
 private:
-    void removeAddedFiles() noexcept;
     void removeDroppedFiles();
 
     const Durability m_durability;

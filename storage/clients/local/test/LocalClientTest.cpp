@@ -6,7 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -171,56 +170,6 @@ TEST(LocalClientTest, WaitsForAStoppedWriterOnlyToWriteAndNotForEver)
     ASSERT_EQ(::kill(process, SIGCONT), 0);
     EXPECT_EQ(waitForProcess(process), 0);
     put(reader, "small", "new");
-}
-
-TEST(LocalClientTest, WritersThatShareACommitSucceedAndFailOnTheirOwn)
-{
-    const TestFolder folder;
-    auto opened = std::make_unique<LocalClient>(folder.store, LocalSettings{.maxInlineSize = 1000});
-    LocalClient& client = *opened;
-    for (const std::string failing : {"ABORT", "ROLLBACK"}) // of one writer, of all that share its transaction
-    {
-        runSql(folder.store,
-            "CREATE TRIGGER bad BEFORE INSERT ON objects WHEN substr(new.key, -3) = x'626164' BEGIN SELECT RAISE(" +
-                failing + ", 'refused'); END");
-        std::atomic<int> refused = 0;
-        std::vector<std::thread> threads;
-        for (std::uint64_t thread = 0; thread < 4; ++thread)
-        {
-            threads.emplace_back(
-                [&, thread]
-                {
-                    for (std::uint64_t i = 0; i < 60; ++i)
-                    {
-                        const bool isBad = (i + thread) % 4 == 0;
-                        const std::string key = failing + std::to_string(thread * 60 + i) + (isBad ? "bad" : "");
-                        bool isStored = false;
-                        try
-                        {
-                            put(client, key, content(i, i % 2 == 0 ? 100 : 2000));
-                            isStored = true;
-                        }
-                        catch (const CloudException&)
-                        {
-                            ++refused;
-                            EXPECT_TRUE(isBad || failing == "ROLLBACK") << key;
-                        }
-                        EXPECT_EQ(client.getObjectInfo(key).exists, isStored) << key;
-                        EXPECT_FALSE(isBad && isStored) << key;
-                    }
-                });
-        }
-        std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
-        EXPECT_GE(refused, 60);
-        runSql(folder.store, "DROP TRIGGER bad");
-    }
-    opened.reset();
-    LocalClient next(folder.store); // collects what the transactions that were rolled back have left
-    for (const std::string& key : keys(next))
-    {
-        versionOf(get(next, key));
-    }
-    checkStore(folder.store);
 }
 
 TEST(LocalClientTest, AFlippedBitIsNeverServed)

@@ -264,12 +264,6 @@ TEST(UploadPlanTest, PlansEveryPatchOfAnObjectAsItIsCut)
     const UploadPlan append = planUpload(patched(256 * mebi, mebi, 999, 999, 1024, usual), {});
     EXPECT_TRUE(append.parts.size() == 2 && append.parts[1].size == 1024) << "more is sent than what was appended";
 
-    const StoreAbilities small{.minPartSize = 10, .maxPartSize = 100};
-    std::vector<FilePart> rewritten(122, {.place = PartPlace::Spooled, .size = 10}); // between two parts, 12 full ones
-    rewritten.front() = {0, PartPlace::Uploaded, 10, 0, 1};
-    rewritten.back() = {121, PartPlace::Uploaded, 10, 0, 14};
-    EXPECT_EQ(planUpload(rewritten, small).parts.size(), 14U);
-
     // A change in the middle of as many whole parts as a store takes, and one part more.
     const StoreAbilities blocks{.minPartSize = 1, .maxPartSize = 10, .maxParts = 50'000, .takesWholeParts = true};
     std::vector<FilePart> changed(blocks.maxParts, {.place = PartPlace::Object, .size = 1});
