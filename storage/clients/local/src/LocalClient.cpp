@@ -148,7 +148,7 @@ void LocalClient::deleteObject(const std::string& key)
 
 std::map<std::string, std::exception_ptr> LocalClient::deleteObjects(const std::vector<std::string>& keys)
 {
-    // A transaction of this size takes some milliseconds, most of which no longer depend on the number of syncs.
+    // Large enough that the sync of each commit costs little per key; small enough that other writers wait briefly.
     constexpr std::size_t maxTogether = 256;
     std::map<std::string, std::exception_ptr> failures;
     for (std::span<const std::string> rest = keys; !rest.empty();)
