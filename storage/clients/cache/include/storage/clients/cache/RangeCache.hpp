@@ -15,7 +15,7 @@
 namespace storage::clients
 {
 
-/// One version of one object. Whoever stores other bytes has to use another key, tag, size or store.
+/// One version of one object. Different bytes must differ in key, tag, size or store.
 struct ObjectVersion
 {
     std::string store; ///< the same text for no other store
@@ -38,8 +38,8 @@ struct RangeCacheSettings
 /// Keep ranges of object versions in files of a folder, so that they survive the process.
 ///
 /// Content: an object is cut into blocks of a fixed size. 64 consecutive blocks of a version are in one sparse file,
-/// with a checksum of each block at its beginning. A block is never stale, because it belongs to one version: whoever
-/// reads names the version that he was told when he opened the object.
+/// with a checksum of each block at its beginning. A block is never stale, because it belongs to one version, and the
+/// reader names the version that it opened.
 ///
 /// Damage: a block counts only if its checksum is right, so what a crash has left incomplete is a miss, and so is what
 /// the disk has changed. Its file is removed then. Nothing is synced.
@@ -47,9 +47,9 @@ struct RangeCacheSettings
 /// Limit: before a block is written, the files that were used longest ago are removed until it fits. If it cannot fit,
 /// it is not kept. Each use of a file sets its modification time, which tells the next process the order.
 ///
-/// Failures: a cache is never the reason of a failure. What cannot be read is a miss. When a block cannot be written,
-/// for example because the disk is full, a warning is logged, and from then on this instance only reads: whatever else
-/// is on that disk needs the rest of it more.
+/// Failures: after it was opened, a cache never causes a failure. A block that cannot be read is a miss. If a block
+/// cannot be written, for example because the disk is full, the cache logs a warning and only reads from then on, so
+/// that it does not use up the space that others need.
 ///
 /// Processes: one instance at a time uses a folder. Two that share one could not hold the limit without asking each
 /// other before each block. Folders of their own would each need the space, and somebody would have to remove them.
@@ -57,7 +57,7 @@ struct RangeCacheSettings
 /// Files have mode 0600, the folder 0700 if it is made here. Their names are hashes, so they do not tell keys; but
 /// their bytes are those of the objects, unencrypted. Other files in the folder are not touched.
 ///
-/// Safe for concurrent calls. No lock is held while blocks are read or written, but while files are removed.
+/// Safe for concurrent calls. Files are removed under the lock; blocks are read and written without it.
 class RangeCache
 {
 public:
