@@ -1,11 +1,14 @@
 #include "Downloads.hpp"
 
+#include "Retry.hpp"
+
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/remote/RemoteFailures.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <algorithm>
 #include <atomic>
+#include <exception>
 #include <string_view>
 #include <vector>
 
@@ -21,7 +24,33 @@ constexpr std::uint64_t maxOpeningSize = 1U << 20;
 /// Large, so that the round trip of a request takes little of its time; small enough that the last ranges end together.
 constexpr std::uint64_t maxRangeSize = 8U << 20;
 
-/// Ends the requests that are in progress after another one has failed. No std::exception, so that nobody handles it.
+/// The first failure of a download, which ends the other requests: those that wait for another attempt, too.
+class FirstFailure
+{
+public:
+    bool isThere() const noexcept { return m_isThere; }
+    Outage& outage() noexcept { return m_outage; }
+
+    /// Keep the exception that is being handled, unless there is one already.
+    void keep()
+    {
+        if (!m_isThere.exchange(true))
+        {
+            m_exception = std::current_exception();
+            m_outage.setAborting(true);
+        }
+    }
+
+    /// Call this when all requests have ended.
+    void throwIfThere() const { m_exception ? std::rethrow_exception(m_exception) : void(); }
+
+private:
+    std::atomic<bool> m_isThere = false;
+    std::exception_ptr m_exception;
+    Outage m_outage;
+};
+
+/// Ends a request after another one has failed. No std::exception, so that nobody handles it.
 struct Stopped
 {
 };
@@ -46,48 +75,47 @@ std::uint64_t Downloads::fetch(const std::string& key, const ObjectDownloader::S
         sink(0, content);
         next = content.size();
     }
-    std::atomic<bool> hasFailed = false;
+    FirstFailure failure;
     const auto fetchRange = [&](std::uint64_t offset)
     {
         const auto write = [&](std::uint64_t position, std::string_view bytes)
         {
-            if (hasFailed)
+            if (failure.isThere())
             {
                 throw Stopped();
             }
             sink(offset + position, bytes);
         };
-        m_reader.readVersion(
-            {Operation::GetObjectRange, key}, write, {offset, std::min(m_rangeSize, object.size - offset)}, object);
+        m_reader.readVersion({Operation::GetObjectRange, key, &failure.outage()}, write,
+            {offset, std::min(m_rangeSize, object.size - offset)}, object);
     };
     const auto fetchRanges = [&]
     {
         try
         {
-            for (auto offset = next.fetch_add(m_rangeSize); offset < object.size && !hasFailed;
+            for (auto offset = next.fetch_add(m_rangeSize); offset < object.size && !failure.isThere();
                  offset = next.fetch_add(m_rangeSize))
             {
                 fetchRange(offset);
             }
         }
-        catch (const Stopped&) // the failure of another range is thrown
-        {
-        }
-        catch (const PreconditionFailed&)
-        {
-            hasFailed = true;
-            throw cloudprovider::UnknownErrorException("Object changed",
-                "reading " + quoted(key) + ": somebody has changed or removed the object since it was opened");
-        }
         catch (...)
         {
-            hasFailed = true;
-            throw;
+            failure.keep();
         }
     };
     const std::uint64_t ranges = (object.size - next + m_rangeSize - 1) / m_rangeSize;
     const std::uint64_t threads = std::max<std::uint64_t>(m_pool.maxThreads(), 1);
     m_pool.run(std::vector<TaskPool::Task>(std::min(ranges, threads), fetchRanges));
+    try
+    {
+        failure.throwIfThere();
+    }
+    catch (const PreconditionFailed&)
+    {
+        throw cloudprovider::UnknownErrorException("Object changed",
+            "reading " + quoted(key) + ": somebody has changed or removed the object since it was opened");
+    }
     return object.size;
 }
 

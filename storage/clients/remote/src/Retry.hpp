@@ -21,9 +21,9 @@
 namespace storage::clients
 {
 
-/// The common fate of the requests of one upload. When one of them has used up its budget, the others are not retried
-/// for the time of another budget, so that a store that went away is not waited for again with each part. A request
-/// that succeeds ends this early. Safe for concurrent calls.
+/// The common fate of the requests of one upload or download. When one of them has used up its budget, the others are
+/// not retried for the time of another budget, so that a store that went away is not waited for again with each part. A
+/// request that succeeds ends this early. Safe for concurrent calls.
 class Outage
 {
 public:
@@ -34,7 +34,7 @@ public:
     void begin(std::exception_ptr failure, Time end, bool isAbort);
     void end();
 
-    /// While the upload is being aborted, all its other requests fail, and none of them waits for another attempt.
+    /// While the transfer is being aborted, all its other requests fail, and none of them waits for another attempt.
     void setAborting(bool isAborting);
 
     /// What requests fail with now. @return null: they may be sent
@@ -73,7 +73,7 @@ public:
     {
         Operation operation;
         const std::string& key;
-        Outage* outage = nullptr; ///< of the upload that the request belongs to
+        Outage* outage = nullptr; ///< of the transfer that the request belongs to
         std::uint64_t bytes = 0;  ///< of content that it sends, or lets the store copy
         std::size_t number = 0;   ///< of the part that it stores; 0: none
     };

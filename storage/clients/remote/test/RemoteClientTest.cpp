@@ -15,6 +15,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <functional>
 #include <future>
@@ -169,7 +170,7 @@ protected:
                                    .memory = memory,
                                    .partSize = partSize,
                                    .retry = retry,
-                                   .clock = clock.clock(),
+                                   .clock = waits,
                                    .interrupted = [this] { return isInterrupted.load(); },
                                    .newMetadata = ofNewFile});
     }
@@ -230,6 +231,7 @@ protected:
     std::atomic<unsigned> lastFault = 0;
     std::atomic<bool> isInterrupted = false;
     FakeClock clock;
+    RetryClock waits = clock.clock();
     RetryPolicy retry;
     std::uint64_t partSize = 64; // less than the store's minimum
     std::unique_ptr<RemoteClient> client;
@@ -922,6 +924,22 @@ TEST_F(RemoteClientTest, DownloadsOneVersionWhateverHappens)
         const auto failure = failureOf([&] { EXPECT_EQ(client->downloadObject("k", sink), bytes.size()); });
         EXPECT_THAT(failure.value_or(target), HasSubstr(row.failure != nullptr ? row.failure : bytes));
     }
+}
+
+// A range that waits for its next attempt does not hold up the failure of the one behind it.
+TEST_F(RemoteClientTest, ADownloadEndsAtItsFirstFailure)
+{
+    waits = {};
+    open(3);
+    bucket->put("k", content(15'000, 1));
+    const Fault busyForLong{How::Before, std::make_exception_ptr(TransientException("Busy", "", 100s))};
+    bucket->faults = [&, number = std::make_shared<std::atomic<unsigned>>()](const StoreRequest&) {
+        return std::array<std::optional<Fault>, 4>{{{}, busyForLong, denied, {}}}.at(std::min(++*number - 1, 3U));
+    };
+    const auto begin = std::chrono::steady_clock::now();
+    const auto failure = failureOf([&] { client->downloadObject("k", [](std::uint64_t, std::string_view) {}); });
+    EXPECT_THAT(failure.value_or(""), HasSubstr("Denied"));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 50s);
 }
 
 TEST_F(RemoteClientTest, AChangedFileKeepsItsMetadataAndANewOneGetsItsOwn)
