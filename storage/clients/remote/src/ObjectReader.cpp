@@ -299,7 +299,7 @@ void ObjectReader::readVersion(
     const Retry::Request& request, char* target, const ByteRange& range, const Version& version)
 {
     readVersion(
-        request, [&](std::uint64_t position, std::string_view bytes) { std::ranges::copy(bytes, target + position); },
+        request, [&](std::uint64_t position, std::string_view bytes) { bytes.copy(target + position, bytes.size()); },
         range, version);
 }
 
