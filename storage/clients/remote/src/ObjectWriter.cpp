@@ -32,11 +32,10 @@ catch (const CloudException&)
 
 } // namespace
 
-void ObjectWriter::put(const std::string& key, std::istream& content, std::uint64_t size)
+void ObjectWriter::put(const std::string& key, RequestBody& body)
 {
     checkKey(key);
     VersionPins::Write write(m_pins, key);
-    StreamBody body(key, content, size);
     const auto required = m_required.find(key);
     const auto metadata = m_metadata.after(m_pins.pinned(key), required, key);
     std::string tag;
@@ -47,9 +46,9 @@ void ObjectWriter::put(const std::string& key, std::istream& content, std::uint6
         tag = stored ? stored->version.tag : "";
         return stored && m_store.isMadeOf(key, *stored, body);
     };
-    m_retry.run({Operation::PutObject, key, nullptr, size},
+    m_retry.run({Operation::PutObject, key, nullptr, body.size()},
         [&] { attempt(key, required, !m_store.abilities(key).conditionalWrites, send, isStored); });
-    write.succeeded({tag, size, fieldsOf(metadata)});
+    write.succeeded({tag, body.size(), fieldsOf(metadata)});
 }
 
 void ObjectWriter::remove(const std::string& key)

@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
-#include <iosfwd>
 #include <map>
 #include <optional>
 #include <string>
@@ -34,7 +33,7 @@ public:
     {
     }
 
-    void put(const std::string& key, std::istream& content, std::uint64_t size);
+    void put(const std::string& key, RequestBody& body);
     void remove(const std::string& key);
 
     /// See RemoteClient::deleteObjects().

@@ -10,15 +10,19 @@
 namespace storage::clients
 {
 
-/// The bytes of a part while it is sent: in a buffer of the client, or in a temporary file if the part is too large for
-/// one.
+/// The bytes of a part while it is sent: in a buffer of the client, or in a temporary file if there is none for it.
 class PartBytes
 {
 public:
-    /// Waits until there is a buffer.
+    enum class Wait
+    {
+        UntilThereIsABuffer,
+        Never ///< use a file instead; for threads that others wait for, who may have all buffers
+    };
+
     /// @throws cloudprovider::UnknownErrorException when there is no space in the file system
-    PartBytes(MemoryBudget& memory, std::size_t size)
-        : m_buffer(memory.acquireForPart(size))
+    PartBytes(MemoryBudget& memory, std::size_t size, Wait wait = Wait::UntilThereIsABuffer)
+        : m_buffer(wait == Wait::Never ? memory.tryAcquireForPart(size) : memory.acquireForPart(size))
         , m_size(size)
     {
         if (!m_buffer)

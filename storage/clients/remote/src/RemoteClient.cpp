@@ -5,6 +5,7 @@
 #include "MemoryBudget.hpp"
 #include "ObjectReader.hpp"
 #include "ObjectWriter.hpp"
+#include "PartBytes.hpp"
 #include "ReadAhead.hpp"
 #include "Retry.hpp"
 #include "TaskPool.hpp"
@@ -110,7 +111,8 @@ void RemoteClient::getObjectRange(const std::string& key, std::ostream& out, std
 void RemoteClient::putObject(const std::string& key, std::istream& content, std::uint64_t size)
 {
     const ReadAhead::Write write(m_engine->readAhead, key);
-    m_engine->writer.put(key, content, size);
+    StreamBody body(key, content, size);
+    m_engine->writer.put(key, body);
 }
 
 std::vector<PartInfo> RemoteClient::getObjectParts(const std::string& key)
@@ -190,6 +192,21 @@ std::string RemoteClient::copyObject(const std::string& source, const std::strin
 std::uint64_t RemoteClient::downloadObject(const std::string& key, const Sink& sink)
 {
     return m_engine->downloads.fetch(key, sink);
+}
+
+void RemoteClient::uploadObject(const std::string& key, const Source& source)
+{
+    const ReadAhead::Write write(m_engine->readAhead, key);
+    if (source.size / 2 >= m_engine->store->abilities(key).minPartSize)
+    {
+        m_engine->uploads.storeObject(key, source);
+        return;
+    }
+    PartBytes bytes(m_engine->memory, source.size); // as an upload it would have one part, too
+    source.read(0, bytes.data(), source.size);
+    source.check();
+    SpanBody body({bytes.view()});
+    m_engine->writer.put(key, body);
 }
 
 std::map<std::string, std::exception_ptr> RemoteClient::deleteObjects(const std::vector<std::string>& keys)

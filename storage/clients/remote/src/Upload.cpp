@@ -34,6 +34,18 @@ std::string Upload::storeId() const
     return m_storeId;
 }
 
+const ObjectUploader::Source* Upload::source() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_source;
+}
+
+void Upload::setSource(const ObjectUploader::Source* source)
+{
+    const std::lock_guard lock(m_mutex);
+    m_source = source;
+}
+
 std::shared_ptr<const WrittenMetadata> Upload::metadata() const
 {
     const std::lock_guard lock(m_mutex);

@@ -6,6 +6,7 @@
 #include "Retry.hpp"
 #include "UploadPlan.hpp"
 
+#include <storage/clients/common/ObjectUploader.hpp>
 #include <storage/clients/common/VersionPins.hpp>
 
 #include <condition_variable>
@@ -39,7 +40,7 @@ public:
     {
         PartPlace place = PartPlace::Uploaded;
         std::size_t size = 0;         ///< bytes
-        std::uint64_t offset = 0;     ///< of Object: where it begins in the stored object; else as the caller said
+        std::uint64_t offset = 0;     ///< of Object: where it begins in the stored object; else in the new one
         Version source = {};          ///< of Object: the stored object's version
         std::uint64_t spooled = 0;    ///< of Spooled: its position in the spool
         PartGroup group = {};         ///< that it was sent with, or is on the way with; without a number: it is not
@@ -78,6 +79,10 @@ public:
 
     /// The same, without opening; empty if the upload is not open at the store. Waits while it is being opened.
     std::string storeId() const;
+
+    /// Where the bytes of parts with PartPlace::Source come from; null: there are none. Borrowed.
+    const ObjectUploader::Source* source() const;
+    void setSource(const ObjectUploader::Source* source);
 
     /// The metadata of the object that the upload makes; null before it is opened at the store.
     std::shared_ptr<const WrittenMetadata> metadata() const;
@@ -188,6 +193,7 @@ private:
     std::string m_storeId;             // guarded by m_openingMutex
     mutable std::mutex m_mutex;        // taken before those of the spool and the buffers; guards everything below
     std::condition_variable m_changed; // a transfer has ended
+    const ObjectUploader::Source* m_source = nullptr;
     std::shared_ptr<const WrittenMetadata> m_metadata;
     std::pair<std::string, std::vector<std::uint64_t>> m_sourceEnds; // of the version with this tag
     std::map<std::size_t, Part> m_parts;                             // by index

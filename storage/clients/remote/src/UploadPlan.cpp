@@ -39,10 +39,10 @@ std::uint64_t sizeOf(const Segments& segments)
     return size;
 }
 
-/// Append bytes to the segments; adjacent ranges of the object are merged.
+/// Append bytes to the segments; adjacent ranges of the object, or of the source, are merged.
 void append(Segments& segments, const PlannedBytes& bytes)
 {
-    if (!segments.empty() && segments.back().place == PartPlace::Object && bytes.place == PartPlace::Object &&
+    if (!segments.empty() && segments.back().place == bytes.place && bytes.place != PartPlace::Spooled &&
         segments.back().offset + segments.back().size == bytes.offset)
     {
         segments.back().size += bytes.size;

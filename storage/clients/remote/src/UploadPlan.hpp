@@ -16,7 +16,8 @@ enum class PartPlace
 {
     Uploaded, ///< in the store, as a part of the upload, or on the way there
     Spooled,  ///< in the upload's spool, to be sent
-    Object    ///< unchanged; in the stored object that the new one replaces
+    Object,   ///< unchanged; in the stored object that the new one replaces
+    Source    ///< where the caller has them, to be sent; see ObjectUploader
 };
 
 /// One part of the file that becomes an object. The parts of a file are in order and have no gaps between them.
@@ -25,16 +26,16 @@ struct FilePart
     std::size_t index = 0;
     PartPlace place = PartPlace::Uploaded;
     std::uint64_t size = 0;   ///< bytes
-    std::uint64_t offset = 0; ///< of Object: where its bytes begin in the stored object
+    std::uint64_t offset = 0; ///< of Object, Source: where its bytes begin in the stored object, or in the source
     std::size_t number = 0;   ///< of Uploaded: of the upload's part
 };
 
 /// A contiguous range of bytes in one place.
 struct PlannedBytes
 {
-    PartPlace place = PartPlace::Spooled; ///< Spooled or Object
+    PartPlace place = PartPlace::Spooled; ///< not Uploaded
     std::size_t index = 0;                ///< of Spooled: the part of the file
-    std::uint64_t offset = 0;             ///< of Spooled: from the part's first byte; of Object: from the object's
+    std::uint64_t offset = 0; ///< of Spooled: from the part's first byte; else from the object's or source's
     std::uint64_t size = 0;
 
     bool operator==(const PlannedBytes&) const = default;
@@ -48,7 +49,7 @@ struct PlannedPart
         Keep, ///< it was uploaded already
         Copy, ///< the store copies `bytes`, one range of the stored object
         Take, ///< the new object gets `bytes` without a copy: whole parts of the stored object
-        Send  ///< the client sends `bytes`; those of the stored object are read first
+        Send  ///< the client sends `bytes`; those of the stored object and of the source are read first
     };
 
     std::size_t number = 0; ///< from 1, ascending

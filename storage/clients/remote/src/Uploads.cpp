@@ -445,22 +445,36 @@ catch (...) // no memory, even for a message
 void Uploads::copyObject(const CopySource& source, const std::string& target, std::uint64_t rangeSize)
 {
     checkKey(target);
-    const std::string id = m_registry.begin(target, "", source.key);
-    const auto upload = m_registry.find(target, id);
+    const auto upload = m_registry.find(target, m_registry.begin(target, "", source.key));
+    upload->setMetadata(std::make_shared<const WrittenMetadata>(WrittenMetadata{*source.version.metadata, source.key}));
+    completeWhole(upload, source.version.size, rangeSize, {.place = PartPlace::Object, .source = source.version});
+}
+
+void Uploads::storeObject(const std::string& key, const ObjectUploader::Source& source)
+{
+    checkKey(key);
+    const StoreAbilities store = m_store.abilities(key);
+    const auto upload = m_registry.find(key, m_registry.begin(key, "", key));
+    upload->setSource(&source);
+    const std::uint64_t partSize = std::max(store.minPartSize, (source.size + store.maxParts - 1) / store.maxParts);
+    completeWhole(upload, source.size, partSize, {.place = PartPlace::Source});
+}
+
+/// Complete an upload whose parts are all in one place, one after the other. Abort it after a failure.
+/// @param part  what the parts have in common
+void Uploads::completeWhole(const UploadPtr& upload, std::uint64_t size, std::uint64_t partSize, Upload::Part part)
+{
     try
     {
-        upload->setMetadata(
-            std::make_shared<const WrittenMetadata>(WrittenMetadata{*source.version.metadata, source.key}));
-        const std::uint64_t size = source.version.size;
         std::vector<PartInfo> parts;
-        for (std::uint64_t offset = 0; offset < size; offset += rangeSize)
+        for (std::uint64_t offset = 0; offset < size; offset += partSize)
         {
-            PartInfo part{parts.size(), offset, std::min(rangeSize, size - offset), ""};
-            part.Tag = upload->setPart(part.Index,
-                {.place = PartPlace::Object, .size = part.Size, .offset = offset, .source = source.version});
-            parts.push_back(part);
+            part.offset = offset;
+            part.size = std::min(partSize, size - offset);
+            std::string tag = upload->setPart(parts.size(), part);
+            parts.push_back({parts.size(), offset, part.size, std::move(tag)});
         }
-        complete(target, id, parts);
+        complete(upload->key(), upload->id(), parts);
     }
     catch (...)
     {
@@ -540,6 +554,7 @@ std::string Uploads::replaceObject(Upload& upload, const Completion& completion,
     // Not before the transfers: they may take minutes and change no object, and a read that finds another version
     // waits.
     VersionPins::Write write(m_pins, upload.key());
+    upload.source() != nullptr ? upload.source()->check() : void();
     std::string tag = m_retry.run(
         request(Operation::CompleteMultipartUpload, upload), [&] { return finish(upload, completion, parts); });
     if (!tag.empty())
@@ -658,6 +673,13 @@ std::string Uploads::transferPart(Upload& upload, const PlannedPart& part, const
                         ? m_store.takeWholeParts(upload.key(), storeId, part.number, source, range)
                         : m_store.takePart(upload.key(), storeId, part.number, {upload.sourceKey(), source}, range));
             });
+    }
+    if (!part.bytes.empty() && part.bytes.front().place == PartPlace::Source) // one range, as these have no neighbours
+    {
+        PartBytes bytes(m_memory, part.size, PartBytes::Wait::Never);
+        upload.source()->read(part.bytes.front().offset, bytes.data(), part.size);
+        SpanBody body({bytes.view()});
+        return sendBody(upload, part.number, body);
     }
     MappedPart bytes = map(upload, part, source);
     SpanBody body(std::move(bytes.pieces));

@@ -8,6 +8,7 @@
 #include "TaskPool.hpp"
 #include "UploadRegistry.hpp"
 
+#include <storage/clients/common/ObjectUploader.hpp>
 #include <storage/clients/common/RequiredVersions.hpp>
 #include <storage/clients/common/UploadInventory.hpp>
 #include <storage/clients/common/VersionPins.hpp>
@@ -66,6 +67,9 @@ public:
     /// @param rangeSize  maximum bytes of a range
     void copyObject(const CopySource& source, const std::string& target, std::uint64_t rangeSize);
 
+    /// Store a large object. Aborts the upload after a failure.
+    void storeObject(const std::string& key, const ObjectUploader::Source& source);
+
     /// Abort every upload that is open, and log failures. After a TransientException, abort no other: it would take as
     /// long to fail. Call before the thread pool ends; no other call may be in progress.
     void abortAll() noexcept;
@@ -102,6 +106,7 @@ private:
     void send(const Transfer& transfer);
     std::string spoolPart(
         Upload& upload, const cloudprovider::PartInfo& part, const std::function<void(char* target)>& write);
+    void completeWhole(const UploadPtr& upload, std::uint64_t size, std::uint64_t partSize, Upload::Part part);
     Version requireSource(const cloudprovider::PartInfo& part, Upload& upload);
     void abortOwn(Upload& upload);
     bool tryToAbort(const Upload& upload) noexcept;

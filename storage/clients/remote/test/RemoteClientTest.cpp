@@ -192,6 +192,19 @@ protected:
 
     void complete(const std::string& id, const Parts& parts) { client->completeMultipartUpload("k", id, parts); }
 
+    /// Store bytes as those of a source that can be read in any order.
+    /// @param read  called before each reading, and at the end
+    void store(
+        const std::string& bytes, const std::function<void()>& read = [] {})
+    {
+        const auto copy = [&](std::uint64_t offset, char* target, std::size_t size)
+        {
+            read();
+            bytes.copy(target, size, offset);
+        };
+        client->uploadObject("k", {bytes.size(), copy, read});
+    }
+
     /// Wait until the store has received so many parts.
     void awaitParts(std::ptrdiff_t count)
     {
@@ -275,6 +288,8 @@ TEST_F(RemoteClientTest, EndsWithTheOldOrTheNewObjectWhateverFails)
                 const auto failures = client->deleteObjects({"k", "other", ""});
                 failures.empty() ? void() : std::rethrow_exception(failures.begin()->second);
             }},
+        {"store", old, small, [&](auto&) { store(small); }},
+        {"store small", old, pieces[0], [&](auto&) { store(pieces[0]); }},
         {"copy", old, small, copyOf(small)},
         {"copy ranges", old, patched, copyOf(patched)},
         {"patch", old, patched, [&](auto& by) { patch(by, "k", 1'000, small); }},
@@ -926,6 +941,41 @@ TEST_F(RemoteClientTest, DownloadsOneVersionWhateverHappens)
     }
 }
 
+// All sizes around those of parts, with and without memory for them. The source fails at each of its calls.
+TEST_F(RemoteClientTest, StoresAWholeSourceOrNothing)
+{
+    bucket->abilities.maxParts = 20;
+    const struct
+    {
+        std::size_t transfers;
+        std::uint64_t memory;
+        bool hasEqualParts;
+    } rows[] = {{1, 1'000, false}, {3, 1'000, true}, {3, 10, false}};
+    for (const std::size_t size : std::vector<std::size_t>{0, 1, 199, 200, 201, 399, 1'999, 2'000, 2'001, 5'003})
+    {
+        for (const auto& [transfers, memory, hasEqualParts] : rows)
+        {
+            SCOPED_TRACE(Message() << size << " bytes, " << transfers << " transfers, equal parts " << hasEqualParts);
+            bucket->abilities.equalParts = hasEqualParts;
+            open(transfers, memory);
+            const std::string bytes = content(size, 1);
+            std::atomic<unsigned> calls = 0;
+            store(bytes, [&] { ++calls; });
+            EXPECT_EQ(bucket->content("k"), bytes);
+            EXPECT_LE(calls, 21U);
+            for (unsigned failing = calls; failing > 0; --failing)
+            {
+                bucket->put("k", old);
+                calls = 0;
+                const auto gone = [&] { ++calls == failing ? throw UnknownErrorException("gone") : void(); };
+                EXPECT_THAT(failureOf([&] { store(bytes, gone); }), Optional(HasSubstr("gone")));
+                EXPECT_EQ(bucket->content("k"), old);
+                EXPECT_EQ(bucket->openUploads(), 0U);
+            }
+        }
+    }
+}
+
 // A range that waits for its next attempt does not hold up the failure of the one behind it.
 TEST_F(RemoteClientTest, ADownloadEndsAtItsFirstFailure)
 {
@@ -952,6 +1002,7 @@ TEST_F(RemoteClientTest, AChangedFileKeepsItsMetadataAndANewOneGetsItsOwn)
         complete(id, {send(id, 0, content(100, 3))});
     };
     const auto created = [&] { uploaded(""); };
+    const auto whole = [&] { store(content(500, 3)); };
     const auto removed = [&] { client->deleteObject("k"); };
     const auto copied = [&] // in ranges, and a small one in one request
     {
@@ -973,9 +1024,10 @@ TEST_F(RemoteClientTest, AChangedFileKeepsItsMetadataAndANewOneGetsItsOwn)
         stored();
     };
     const std::pair<bool, std::vector<std::function<void()>>> rows[] = {{true, {patched, patched, stored, stored}},
-        {true, {patched, created, stored}}, {true, {unpinned, patched}}, {true, {copied, stored, copied, stored}},
-        {false, {stored, patched}}, {false, {created, stored}}, {false, {patched, removed, stored}},
-        {false, {patched, removed, created, patched}}, {false, {patched, removedByOther, storedAsNew}}};
+        {true, {patched, created, stored}}, {true, {unpinned, patched}}, {true, {patched, whole, patched}},
+        {false, {whole, patched}}, {true, {copied, stored, copied, stored}}, {false, {stored, patched}},
+        {false, {created, stored}}, {false, {patched, removed, stored}}, {false, {patched, removed, created, patched}},
+        {false, {patched, removedByOther, storedAsNew}}};
     const ObjectMetadata kept{{"type", "red"}, {"", "x"}};
     const auto store = bucket->connect();
     for (const How how : {How::Before, How::After})

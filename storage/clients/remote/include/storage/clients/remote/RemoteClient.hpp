@@ -3,6 +3,7 @@
 #include <storage/clients/common/ObjectCopier.hpp>
 #include <storage/clients/common/ObjectDownloader.hpp>
 #include <storage/clients/common/ObjectRemover.hpp>
+#include <storage/clients/common/ObjectUploader.hpp>
 #include <storage/clients/common/PinnedVersions.hpp>
 #include <storage/clients/common/RequiredVersions.hpp>
 #include <storage/clients/common/StoreCounters.hpp>
@@ -85,6 +86,7 @@ class RemoteClient : public cloudprovider::CloudClient,
                      public ObjectCopier,
                      public ObjectDownloader,
                      public ObjectRemover,
+                     public ObjectUploader,
                      public StoreCounters,
                      public PinnedVersions
 {
@@ -122,6 +124,11 @@ public:
     /// One request for an object of up to 1 MiB. The rest of a larger one follows in ranges of 8 MiB, of which
     /// RemoteSettings::transfers are on the way at a time. A broken range goes on behind its last byte.
     std::uint64_t downloadObject(const std::string& key, const Sink& sink) override;
+
+    /// One request for an object below twice the store's minimum part size. A larger one is an upload of parts that are
+    /// read into memory by the threads that send them, RemoteSettings::transfers at a time; a part that does not fit
+    /// there is read into a temporary file. After a failure the upload is aborted. The last writer wins.
+    void uploadObject(const std::string& key, const Source& source) override;
 
     /// In batches, or one after the other where the store cannot do that. What fails temporarily is retried.
     std::map<std::string, std::exception_ptr> deleteObjects(const std::vector<std::string>& keys) override;

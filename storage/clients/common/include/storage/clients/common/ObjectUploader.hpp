@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace storage::clients
+{
+
+/// An interface that a client implements besides CloudClient if it can store a whole object faster than part after
+/// part. A caller that can read all bytes in any order, such as those of a local file, looks for it with
+/// findInterface().
+class ObjectUploader
+{
+public:
+    virtual ~ObjectUploader() = default;
+
+    /// Where the bytes of a new object come from.
+    struct Source
+    {
+        std::uint64_t size; ///< bytes
+
+        /// Read bytes [offset, offset + size). Called by several threads at a time. May be called again for bytes that
+        /// it has read.
+        std::function<void(std::uint64_t offset, char* target, std::size_t size)> read;
+
+        /// Throw if the bytes that were read may belong to different states of the source. Called when all of them
+        /// have been read, before the object becomes visible.
+        std::function<void()> check;
+    };
+
+    /// Store an object, in place of one that may be there: all of it or nothing.
+    ///
+    /// Blocks until it is stored. The source is called by this thread and by others of the client, and not after this
+    /// returns or throws. Any thread may call this, but not the source.
+    /// @param source  what its functions throw, of any type, ends the upload and is thrown here
+    /// @throws as CloudClient::putObject()
+    virtual void uploadObject(const std::string& key, const Source& source) = 0;
+};
+
+} // namespace storage::clients
