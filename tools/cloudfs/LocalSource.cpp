@@ -49,15 +49,15 @@ LocalSource::LocalSource(const std::string& path)
     : m_path(path)
     , m_descriptor(openForReading(path))
 {
-    const struct stat status = statusOf(m_descriptor, m_path);
-    if (S_ISDIR(status.st_mode))
+    m_status = statusOf(m_descriptor, m_path);
+    if (S_ISDIR(m_status.st_mode))
     {
         ::close(m_descriptor);
         throw CommandError(m_path, "is a folder; use -r to upload it", fsp::ErrorCode::InvalidLocation);
     }
-    if (S_ISREG(status.st_mode))
+    if (S_ISREG(m_status.st_mode))
     {
-        m_size = static_cast<std::uint64_t>(status.st_size);
+        m_size = static_cast<std::uint64_t>(m_status.st_size);
         ::posix_fadvise(m_descriptor, 0, 0, POSIX_FADV_SEQUENTIAL); // only a hint: a failure does not matter
     }
 }
@@ -104,12 +104,66 @@ bool LocalSource::isTerminal() const noexcept
     return ::isatty(m_descriptor) == 1;
 }
 
+bool LocalSource::hasStatedSize() const noexcept
+{
+    if (!m_size)
+    {
+        return false;
+    }
+    char byte = 0;
+    const auto isThere = [&](std::uint64_t offset)
+    { return ::pread(m_descriptor, &byte, 1, static_cast<off_t>(offset)) > 0; };
+    return !isThere(*m_size) && (*m_size == 0 || isThere(*m_size - 1));
+}
+
+void LocalSource::readAt(std::uint64_t offset, char* buffer, std::size_t size) const
+{
+    while (size > 0)
+    {
+        const ssize_t count = ::pread(m_descriptor, buffer, size, static_cast<off_t>(offset));
+        if (count < 0 && errno == EINTR)
+        {
+            continue;
+        }
+        if (count < 0)
+        {
+            throw CommandError::fromErrno(m_path, errno);
+        }
+        if (count == 0)
+        {
+            throwTruncated();
+        }
+        buffer += count;
+        offset += static_cast<std::uint64_t>(count);
+        size -= static_cast<std::size_t>(count);
+    }
+}
+
+void LocalSource::requireUnchanged() const
+{
+    const struct stat now = statusOf(m_descriptor, m_path);
+    if (now.st_size < m_status.st_size)
+    {
+        throwTruncated();
+    }
+    if (now.st_size != m_status.st_size || now.st_mtim.tv_sec != m_status.st_mtim.tv_sec ||
+        now.st_mtim.tv_nsec != m_status.st_mtim.tv_nsec)
+    {
+        throw CommandError(m_path, "was changed while being read", fsp::ErrorCode::Unknown);
+    }
+}
+
+void LocalSource::throwTruncated() const
+{
+    throw CommandError(m_path, "was truncated while being read", fsp::ErrorCode::Unknown);
+}
+
 void LocalSource::requireNotTruncated() const
 {
     // Files of /proc and /sys may report a size that they never deliver. They still report it now, and are complete.
     if (m_size && m_read < *m_size && static_cast<std::uint64_t>(statusOf(m_descriptor, m_path).st_size) < *m_size)
     {
-        throw CommandError(m_path, "was truncated while being read", fsp::ErrorCode::Unknown);
+        throwTruncated();
     }
 }
 

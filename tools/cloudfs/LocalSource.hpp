@@ -5,10 +5,12 @@
 #include <optional>
 #include <string>
 
+#include <sys/stat.h>
+
 namespace cloudfs
 {
 
-/// Reads a local file, or standard input, from the current position to the end. One thread at a time.
+/// Reads a local file, or standard input. One thread at a time calls read(), any thread the others.
 class LocalSource
 {
 public:
@@ -24,7 +26,7 @@ public:
     LocalSource& operator=(const LocalSource&) = delete;
     ~LocalSource();
 
-    /// Read at most `size` bytes into the buffer. Blocks until there is at least one.
+    /// Read at most `size` bytes from the current position into the buffer. Blocks until there is at least one.
     ///
     /// A file that has grown since it was opened is read to its new end.
     /// @return the number of bytes; 0 at the end
@@ -37,14 +39,26 @@ public:
 
     bool isTerminal() const noexcept;
 
+    /// Whether it is a regular file that has as many bytes as size() says. Files of /proc and /sys may have others.
+    bool hasStatedSize() const noexcept;
+
+    /// Read `size` bytes at an offset of a file with hasStatedSize().
+    /// @throws CommandError, also if the file has become shorter
+    void readAt(std::uint64_t offset, char* buffer, std::size_t size) const;
+
+    /// @throws CommandError if the file's size or modification time are others than when it was opened
+    void requireUnchanged() const;
+
 private:
     LocalSource();
 
     void requireNotTruncated() const;
+    [[noreturn]] void throwTruncated() const;
 
     const std::string m_path;
     const int m_descriptor;
-    std::optional<std::uint64_t> m_size; // constant after construction
+    struct stat m_status = {}; // when it was opened; constant after construction, and so is m_size
+    std::optional<std::uint64_t> m_size;
     std::uint64_t m_read = 0;
 };
 

@@ -37,7 +37,7 @@ void uploadFile(const CommandContext& context, const Options& options, LocalSour
     const auto condition = context.requireCanStore(path, options.force);
     progress.addToTotal(source.size().value_or(0));
     progress.markTotalFinal();
-    upload(context, path, wholeFile, 0, source, progress);
+    upload(context, path, source, progress);
 }
 
 /// Uploads a local folder and its contents. The thread that walks the tree creates each folder in the store before it
@@ -87,7 +87,7 @@ private:
                     {
                         const auto condition = snapshot->requireCanStore(path, m_options.force, size);
                         LocalSource source(local);
-                        upload(m_context, path, wholeFile, 0, source, m_progress);
+                        upload(m_context, path, source, m_progress);
                     });
             });
     }

@@ -4,6 +4,7 @@
 #include "Interrupt.hpp"
 
 #include <storage/clients/common/ObjectDownloader.hpp>
+#include <storage/clients/common/ObjectUploader.hpp>
 #include <storage/clients/decorators/FindInterface.hpp>
 
 #include <foundation/storage/provider/ByteStream.hpp>
@@ -66,6 +67,30 @@ void upload(const CommandContext& context, const StorePath& path, const fsp::Byt
     }
     context.translateErrors(path, [&] { stream->close(); });
     context.requireCommitted(path);
+}
+
+void upload(const CommandContext& context, const StorePath& path, LocalSource& source, Progress& progress)
+{
+    auto* const uploader = source.hasStatedSize()
+                               ? storage::clients::findInterface<storage::clients::ObjectUploader>(context.store())
+                               : nullptr;
+    if (uploader == nullptr)
+    {
+        upload(context, path, wholeFile, 0, source, progress);
+        return;
+    }
+    const auto read = [&](std::uint64_t offset, char* target, std::size_t size)
+    {
+        interrupt::throwIfPending();
+        source.readAt(offset, target, size);
+        progress.advance(size);
+    };
+    const auto check = [&]
+    {
+        interrupt::throwIfPending();
+        source.requireUnchanged();
+    };
+    context.translateErrors(path, [&] { uploader->uploadObject(path.key(), {*source.size(), read, check}); });
 }
 
 void download(const CommandContext& context, const StorePath& path, const Sink& sink, Progress& progress)

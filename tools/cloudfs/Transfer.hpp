@@ -27,6 +27,14 @@ inline constexpr fsp::ByteStreamOpenOptions wholeFile{fsp::ByteStreamReadAccess:
 void upload(const CommandContext& context, const StorePath& path, const fsp::ByteStreamOpenOptions& options,
     std::uint64_t offset, LocalSource& source, Progress& progress);
 
+/// Store everything from the source as a whole file of the store. If the store has an ObjectUploader and the source is
+/// a regular file, its bytes are read in any order, without the provider's streams and their temporary files. It must
+/// not change then until it is stored.
+///
+/// All or nothing, as above.
+/// @throws CommandError; interrupt::Interrupted
+void upload(const CommandContext& context, const StorePath& path, LocalSource& source, Progress& progress);
+
 using Sink = std::function<void(const char* data, std::size_t size)>;
 
 /// Read a whole file of the store and pass it to the sink, block by block in order.

@@ -315,6 +315,11 @@ test_interrupted_put()
         [[ $actual == "$status" && $(<err) == 'cloudfs: interrupted' ]] || fail "exit $actual, $(<err)"
         nothing_left
     done
+    truncate -s 100M regular
+    start_until doFolderExists put -f regular /file
+    kill -s INT "$pid"
+    resume 130 'cloudfs: interrupted'
+    nothing_left
     same <(echo old) /file
 }
 
@@ -353,7 +358,7 @@ test_interrupted_get()
     kill $server
 }
 
-# A bucket copies files itself, and removes many with one request.
+# A bucket copies files itself, and removes many with one request. A file that changes is not stored there.
 test_in_store()
 {
     local row removal='listObjects 3, deleteObject 2'
@@ -374,6 +379,9 @@ test_in_store()
     expect 0 '' mv "'/a%b'" "'/c%d'" # whose bytes are sent, because not every bucket understands such a name
     same big '/c%d'
     expect 1 '/moved: already exists.*code 3 .*' cp /big /moved
+    while touch big; do :; done &
+    expect 1 'big: was changed while being read .*' put big /new
+    kill $!
     prints $'big\nc%d\nmoved' ls -R
     nothing_left
 }
