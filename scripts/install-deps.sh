@@ -36,7 +36,7 @@ packages=(
 )
 case ${1:-} in
     '') ;;
-    compare) packages+=(fuse3 libgdal-dev python3-matplotlib rclone s3fs) ;;
+    compare) packages+=(fuse3 libgdal-dev python3-awscrt python3-matplotlib rclone s3fs) ;;
     azurite) command -v npm >/dev/null || packages+=(nodejs npm) ;; # others than Debian's have npm in the same package
     *)
         echo "usage: scripts/install-deps.sh [compare|azurite]" >&2

@@ -20,7 +20,8 @@ from measure import Failed, Proxy, Run
 ROOT = Path(__file__).resolve().parents[2]
 MIB = 1024 * 1024
 BIG, WHOLE = 256 * MIB, 1024 * MIB
-TOOLS = [tool.name for tool in (tools.Ours, tools.Rclone, tools.RcloneMount, tools.S3fs, tools.Gdal, tools.Curl)]
+TOOLS = [tool.name for tool in (tools.Ours, tools.Rclone, tools.RcloneMount, tools.S3fs, tools.Gdal, tools.Awscrt, tools.Curl)]
+WORKS = "W1 W1s W2 W2s W3 W4 W5 W5a W5b W6 W7 W8 W9".split()  # W5 is both of W5a and W5b
 MIDDLE = BIG // 2 + 4096  # not on a part boundary of any tool
 
 
@@ -140,8 +141,10 @@ class Works:
         m = material
         # Columns: name, title, what the store must contain before, the work.
         self.rows = [
-            ("W1", "write 256 MiB", [], self._write),
-            ("W2", "read 256 MiB", ["big"], self._read),
+            ("W1", "write 256 MiB", [], self._write("write")),
+            ("W1s", "write 256 MiB from standard input", [], self._write("write_stream")),
+            ("W2", "read 256 MiB", ["big"], self._read("read")),
+            ("W2s", "read 256 MiB to standard output", ["big"], self._read("read_stream")),
             ("W3", "create 500 files of 4 KiB", [], self._write_all),
             ("W4", "read 500 files of 4 KiB", ["small"], self._read_all),
             ("W5a", "list 20,000 objects in 100 folders", ["tree"], self._list("list_all", "tree", m.tree)),
@@ -160,14 +163,19 @@ class Works:
         else:
             self._gateway.put_names(what, getattr(self._material, what), self._material.patch)
 
-    def _write(self, tool, run):
-        self._gateway.clear("made")
-        tool.write(run, self._material.big, "made")
-        return self._gateway.holds("made", self._material.big)
+    def _write(self, method):
+        def work(tool, run):
+            self._gateway.clear("made")
+            getattr(tool, method)(run, self._material.big, "made")
+            return self._gateway.holds("made", self._material.big)
+        return work
 
-    def _read(self, tool, run):
-        tool.read(run, "big", run.folder / "back")
-        return filecmp.cmp(run.folder / "back", self._material.big, shallow=False)
+    def _read(self, method):
+        def work(tool, run):
+            back = run.folder / "back"
+            getattr(tool, method)(run, "big", back)
+            return filecmp.cmp(back, self._material.big, shallow=False)
+        return work
 
     def _write_all(self, tool, run):
         self._gateway.clear("made")
@@ -229,8 +237,7 @@ def known(names):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, prog="bench/compare.sh")
     parser.add_argument("runs", nargs="?", type=int, default=5, metavar="RUNS", help="number of runs; the medians are shown (default 5)")
-    parser.add_argument("works", nargs="*", metavar="WORK", help="W1 to W9 (default: all)",
-                        type=known(f"W{number}" for number in range(1, 10)))
+    parser.add_argument("works", nargs="*", metavar="WORK", help=f"{' '.join(WORKS)} (default: all)", type=known(WORKS))
     parser.add_argument("--tools", help="comma-separated names (default: all)",
                         type=lambda names: list(map(known(TOOLS), names.split(","))), default=TOOLS)
     parser.add_argument("--delays", default="0,20", help="milliseconds added to each response, comma-separated (default 0,20)")
@@ -258,7 +265,7 @@ def compare(gateway, material, delay, options, scratch, figures):
     proxy = Proxy(options.programs / "bench/compare/delay_proxy", gateway.endpoint.rsplit(":", 1)[1])
     common = proxy.endpoint, gateway.bucket, options.programs
     contenders = [tools.Ours(*common, options.parameters), tools.Rclone(*common), tools.RcloneMount(*common, gateway.tag), tools.S3fs(*common),
-                  tools.Gdal(*common), tools.Curl(*common, *gateway.keys)]
+                  tools.Gdal(*common), tools.Awscrt(*common), tools.Curl(*common, *gateway.keys)]
     contenders = [tool for tool in contenders if tool.name in options.tools]
     for tool in [tool for tool in contenders if tool.missing()]:
         print(f"{tool.name} is skipped: {tool.missing()}", file=sys.stderr)
@@ -268,7 +275,7 @@ def compare(gateway, material, delay, options, scratch, figures):
     proxy.delay(delay)
     filled = set()
     for name, title, wanted, work in works.rows:
-        if options.works and name[:2] not in options.works:
+        if options.works and not {name, name.rstrip("ab")} & set(options.works):
             continue
         for what in set(wanted) - filled:
             works.fill(what)

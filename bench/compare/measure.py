@@ -1,6 +1,7 @@
 """Measure one run of one tool: wall time, CPU time, memory and network traffic."""
 
 import contextlib
+import json
 import os
 import re
 import shutil
@@ -97,6 +98,14 @@ class Run:
                 raise Failed(f"{command[0]} ended with {status}: {errors.read()[-300:].strip()}")
         self.figures.cpu += usage.ru_utime + usage.ru_stime
         self.figures.peak = max(self.figures.peak, int(peak.read_text().split()[-1]) * 1024)
+
+    def call_self_timed(self, command, **environment):
+        """Like call(), but count the wall and CPU time that the program prints as JSON instead of those of its whole run."""
+        wall, cpu = self.figures.wall, self.figures.cpu
+        printed = self.folder / "printed"
+        self.call(command, stdout=printed, **environment)
+        own = json.loads(printed.read_text())
+        self.figures.wall, self.figures.cpu = wall + own["wall"], cpu + own["cpu"]
 
     @contextlib.contextmanager
     def mounted(self, command, **environment):

@@ -83,7 +83,7 @@ def draw(figures, path):
     works = list(figures.works)
     panes, axes = pyplot.subplots(1, len(figures.delays), figsize=(4.6 * len(figures.delays), 3.6), sharey=True, squeeze=False)
     for axis, delay in zip(axes[0], figures.delays):
-        for tool, marker in zip(others, "os^DvP"):
+        for tool, marker in zip(others, "os^DvPX"):
             points = []
             for position, work in enumerate(works):
                 mine, theirs = (figures.value(work, delay, name, lambda row: row["wall"]) for name in (ours, tool))

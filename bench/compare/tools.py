@@ -7,6 +7,7 @@ arguments are paths. Each tool transfers JOBS small files at a time.
 import contextlib
 import hashlib
 import hmac
+import importlib.util
 import re
 import shutil
 import time
@@ -32,7 +33,7 @@ class Tool:
     def _cannot(self, run, *_):
         raise NotImplementedError
 
-    write = read = write_all = read_all = list_all = list_level = patch = append = pick = _cannot
+    write = read = write_stream = read_stream = write_all = read_all = list_all = list_level = patch = append = pick = _cannot
 
 
 class Curl(Tool):
@@ -71,6 +72,12 @@ class Curl(Tool):
 
     def read(self, run, key, local):
         self.curl(run, "--output", local, self.url(key))
+
+    def write_stream(self, run, local, key):
+        self.curl(run, "--upload-file", "-", self.url(key), stdin=local)
+
+    def read_stream(self, run, key, local):
+        self.curl(run, self.url(key), stdout=local)
 
     def write_all(self, run, folder, prefix):
         self.many(run, [[("upload-file", file), ("url", self.url(f"{prefix}/{file.name}"))]
@@ -191,6 +198,12 @@ class Ours(Tool):
     def read(self, run, key, local):
         self._cloudfs(run, "get", key, local)
 
+    def write_stream(self, run, local, key):
+        self._cloudfs(run, "put", "-", key, stdin=local)
+
+    def read_stream(self, run, key, local):
+        self._cloudfs(run, "cat", key, stdout=local)
+
     def write_all(self, run, folder, prefix):
         self._cloudfs(run, "put", "-r", "-j", JOBS, folder, prefix)
 
@@ -235,6 +248,11 @@ class Rclone(Tool):
 
     def read(self, run, key, local):
         self._rclone(run, "cat", "--buffer-size", "0", self._path(key), stdout=local)  # faster than copyto, even with 4 streams
+
+    def write_stream(self, run, local, key):
+        self._rclone(run, "rcat", self._path(key), stdin=local)
+
+    read_stream = read
 
     def write_all(self, run, folder, prefix):
         self._rclone(run, "copy", "--no-check-dest", folder, self._path(prefix))
@@ -370,3 +388,22 @@ class Gdal(Tool):
         # Smaller pieces transfer less but take longer.
         self._gdal(run, "pick", size, offsets, out, self._path(key), CPL_VSIL_CURL_CHUNK_SIZE=str(128 * 1024),
                    CPL_VSIL_CURL_CACHE_SIZE=str(64 * MIB))
+
+
+class Awscrt(Tool):
+    """A client in C that transfers the parts of one object in parallel, called from Python. Its start-up is not counted."""
+
+    name = "awscrt"
+
+    def missing(self):
+        return None if importlib.util.find_spec("awscrt") else "python3-awscrt is not installed"
+
+    def _transfer(self, run, verb, key, local):
+        run.call_self_timed(["/usr/bin/python3", Path(__file__).with_name("awscrt_client.py"), verb, self.endpoint, self.bucket,
+                             key, local], HTTP_PROXY=f"http://{self.endpoint}")
+
+    def write(self, run, local, key):
+        self._transfer(run, "put", key, local)
+
+    def read(self, run, key, local):
+        self._transfer(run, "get", key, local)
