@@ -73,9 +73,6 @@ class Curl(Tool):
     def read(self, run, key, local):
         self.curl(run, "--output", local, self.url(key))
 
-    def write_stream(self, run, local, key):
-        self.curl(run, "--upload-file", "-", self.url(key), stdin=local)
-
     def read_stream(self, run, key, local):
         self.curl(run, self.url(key), stdout=local)
 
