@@ -25,7 +25,8 @@ quietly build/logs/compare-build.log cmake --build "$programs"
 
 export TMPDIR=${TMPDIR:-/dev/shm} PYTHONDONTWRITEBYTECODE=1
 export CLOUDFS_GATEWAY_DIR=$root/$programs/gateway
-export CLOUDFS_GATEWAY_SIZE=${CLOUDFS_GATEWAY_SIZE:-8} # deleted objects use space for another minute
+# GiB: deleted objects use space for another minute, and writes to a full gateway wait. 2 are too few for all tools.
+export CLOUDFS_GATEWAY_SIZE=${CLOUDFS_GATEWAY_SIZE:-8}
 /usr/bin/python3 bench/compare/compare.py "$@" --programs "$programs" --figures "$results.jsonl"
 
 chart=(--chart "$results.svg")
