@@ -1,5 +1,7 @@
 #include <storage/clients/cache/CachingClient.hpp>
 
+#include "RestFetcher.hpp"
+
 #include <storage/clients/common/Content.hpp>
 #include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
@@ -8,6 +10,7 @@
 #include <boost/iostreams/stream.hpp>
 
 #include <algorithm>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -41,8 +44,20 @@ CachingClient::CachingClient(
     , m_cache(std::move(cache))
     , m_store(std::move(store))
     , m_versions(findInterface<PinnedVersions>(this->inner()))
+    , m_rest(std::make_unique<RestFetcher>(*m_cache,
+          [this](const ObjectVersion& object, const ByteRange& range)
+          {
+              const auto version = m_versions->pinnedVersion(object.key);
+              const auto bytes = std::make_unique_for_overwrite<char[]>(range.size);
+              const bool isThere = version && version->tag == object.tag && version->size == object.size &&
+                                   fetch(object.key, *version, range, bytes.get());
+              isThere ? m_cache->write(object, range, bytes.get()) : void();
+              return isThere;
+          }))
 {
 }
+
+CachingClient::~CachingClient() = default;
 
 void CachingClient::getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last)
 {
@@ -58,7 +73,9 @@ void CachingClient::getObjectRange(const std::string& key, std::ostream& out, st
     const ByteRange blocks = wholeBlocks(*range, version->size);
     const auto bytes = std::make_unique_for_overwrite<char[]>(blocks.size);
     char* const wanted = bytes.get() + (range->offset - blocks.offset);
-    if (const ByteRange part = m_cache->read(object, *range, wanted); part.size > 0)
+    const ByteRange part = m_cache->read(object, *range, wanted);
+    const auto begin = std::chrono::steady_clock::now();
+    if (part.size > 0)
     {
         const ByteRange missing = wholeBlocks(part, version->size);
         char* const target = bytes.get() + (missing.offset - blocks.offset);
@@ -67,7 +84,12 @@ void CachingClient::getObjectRange(const std::string& key, std::ostream& out, st
             InterceptingClient::getObjectRange(key, out, first, last);
             return;
         }
+        m_rest->read(object, missing, std::chrono::steady_clock::now() - begin);
         m_cache->write(object, missing, target);
+    }
+    else
+    {
+        m_rest->read(object, part, {});
     }
     writeContent(key, out, wanted, range->size);
 }

@@ -98,6 +98,35 @@ struct RangeCache::Piece
     }
 };
 
+/// The smallest range that has all missing blocks of a range.
+struct RangeCache::Gap
+{
+    explicit Gap(const ByteRange& range)
+        : first(range.offset + range.size)
+        , end(first)
+    {
+    }
+
+    /// @param present  bit n: block n of the piece's file is not missing
+    void add(const Piece& piece, std::uint64_t present)
+    {
+        for (std::size_t block = piece.firstBlock; block <= piece.lastBlock; ++block)
+        {
+            if ((present >> block & 1U) == 0)
+            {
+                const ByteRange bytes = piece.bytesOf(block);
+                first = std::min(first, std::max(bytes.offset, piece.range.offset));
+                end = std::min(bytes.offset + bytes.size, piece.range.offset + piece.range.size);
+            }
+        }
+    }
+
+    ByteRange range() const { return {first, end - first}; }
+
+    std::uint64_t first; // offsets in the object
+    std::uint64_t end;
+};
+
 /// Call visit(piece) for each file that has a part of the range, in order.
 template <typename Visit>
 void RangeCache::forEachFile(const ObjectVersion& object, const ByteRange& range, Visit visit) const
@@ -178,23 +207,17 @@ catch (const std::filesystem::filesystem_error& failure)
 
 ByteRange RangeCache::read(const ObjectVersion& object, const ByteRange& range, char* target)
 {
-    std::uint64_t first = range.offset + range.size;
-    std::uint64_t end = first;
+    Gap gap(range);
     forEachFile(object, range,
-        [&](const Piece& piece)
-        {
-            const std::uint64_t done = readPiece(piece, target + (piece.range.offset - range.offset));
-            for (std::size_t block = piece.firstBlock; block <= piece.lastBlock; ++block)
-            {
-                if ((done >> block & 1U) == 0)
-                {
-                    const ByteRange bytes = piece.bytesOf(block);
-                    first = std::min(first, std::max(bytes.offset, piece.range.offset));
-                    end = std::min(bytes.offset + bytes.size, piece.range.offset + piece.range.size);
-                }
-            }
-        });
-    return {first, end - first};
+        [&](const Piece& piece) { gap.add(piece, readPiece(piece, target + (piece.range.offset - range.offset))); });
+    return gap.range();
+}
+
+ByteRange RangeCache::missing(const ObjectVersion& object, const ByteRange& range)
+{
+    Gap gap(range);
+    forEachFile(object, range, [&](const Piece& piece) { gap.add(piece, presentBlocks(piece.name)); });
+    return gap.range();
 }
 
 /// @return bit n: block n was read

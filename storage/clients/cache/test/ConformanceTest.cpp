@@ -8,8 +8,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <memory>
+#include <random>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace storage::clients
 {
@@ -24,6 +30,12 @@ using test::MemoryBucket;
 class CacheHarness : public conformance::Harness
 {
 public:
+    explicit CacheHarness(const RangeCacheSettings& settings = {{}, 1 << 20, 64}, std::uint64_t partSize = 1'100)
+        : m_cache(RangeCache::open({m_folder.path, settings.maxSize, settings.blockSize}))
+        , m_partSize(partSize)
+    {
+    }
+
     cloudprovider::CloudClient& client() override { return *m_client; }
     CloudClientSharedPtr openAnother() override { return connect(); }
 
@@ -34,18 +46,21 @@ public:
     }
 
     MemoryBucket& bucket() { return *m_bucket; }
+    void close() { m_client.reset(); }
 
 private:
     CloudClientSharedPtr connect() const
     {
         return std::make_shared<CachingClient>(
-            std::make_shared<RemoteClient>(m_bucket->connect(), RemoteSettings{.partSize = 1'100}), m_cache, "bucket");
+            std::make_shared<RemoteClient>(m_bucket->connect(), RemoteSettings{.partSize = m_partSize}), m_cache,
+            "bucket");
     }
 
     const test::CacheFolder m_folder{};
-    const std::shared_ptr<RangeCache> m_cache = RangeCache::open({m_folder.path, 1 << 20, 64});
+    const std::shared_ptr<RangeCache> m_cache;
+    const std::uint64_t m_partSize;
     const std::shared_ptr<MemoryBucket> m_bucket = std::make_shared<MemoryBucket>();
-    const CloudClientSharedPtr m_client = connect();
+    CloudClientSharedPtr m_client = connect();
 };
 
 CLOUD_CLIENT_CONFORMANCE(Cache, [] { return std::make_unique<CacheHarness>(); });
@@ -69,6 +84,76 @@ TEST(CachingClientTest, RequestsOnceWhatItReadsOfAVersionAndNeverDeliversAnother
     EXPECT_EQ(conformance::get(harness.client(), "k", 19'990, 20'009), std::string(20, 'n'));
     harness.client().deleteObject("k");
     EXPECT_THROW(conformance::get(harness.client(), "k", 19'990, 20'009), cloudprovider::CloudException);
+}
+
+// Four threads read pieces of an object at random, or one in order, from a store that takes 10 ms for each.
+TEST(CachingClientTest, FetchesTheRestForReadersWhoHaveWaitedForLong)
+{
+    constexpr std::uint64_t size = 12 << 20;
+    constexpr std::uint64_t piece = 64 << 10;
+    enum class End
+    {
+        AfterAll,
+        InBetween,
+        Replaced ///< the object is, in between
+    };
+    const struct
+    {
+        std::uint64_t cacheSize;
+        std::size_t reads;
+        bool areInOrder;
+        End end;
+        bool isFetched;
+    } rows[] = {{64 << 20, 3, false, End::AfterAll, false}, {20 << 20, 40, false, End::AfterAll, false},
+        {64 << 20, 40, true, End::AfterAll, false}, {64 << 20, 40, false, End::AfterAll, true},
+        {64 << 20, 40, false, End::InBetween, true}, {64 << 20, 40, false, End::Replaced, true}};
+    std::string old(size, '\0');
+    std::ranges::generate(old, [next = std::minstd_rand()]() mutable { return static_cast<char>(next()); });
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(&row - rows);
+        CacheHarness harness({{}, row.cacheSize, piece}, 256 << 10);
+        harness.bucket().put("k", old);
+        harness.client().getObjectParts("k");
+        std::atomic<std::uint64_t> requested = 0;
+        std::atomic<bool> isFetched = false;
+        harness.bucket().faults = [&](const test::StoreRequest& request)
+        {
+            requested += request.range.size;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            const bool isRest = request.range.offset == 8 << 20 && request.range.size == 4 << 20;
+            if (isRest && !isFetched.exchange(true) && row.end == End::Replaced)
+            {
+                harness.bucket().put("k", std::string(size, 'n'));
+            }
+            return std::optional<test::Fault>();
+        };
+        std::vector<std::jthread> readers;
+        for (std::size_t reader = 0; reader < (row.areInOrder ? 1 : 4); ++reader)
+        {
+            readers.emplace_back(
+                [&, reader]
+                {
+                    for (std::size_t i = 0; i < row.reads && !(row.end != End::AfterAll && isFetched); ++i)
+                    {
+                        const std::size_t at = row.areInOrder ? i : (reader * 48 + i * 7) % 192;
+                        try
+                        {
+                            EXPECT_EQ(conformance::get(harness.client(), "k", at * piece, (at + 1) * piece - 1),
+                                old.substr(at * piece, piece));
+                        }
+                        catch (const cloudprovider::CloudException&)
+                        {
+                            EXPECT_EQ(row.end, End::Replaced);
+                        }
+                    }
+                });
+        }
+        readers.clear();
+        harness.close();
+        EXPECT_EQ(isFetched, row.isFetched);
+        EXPECT_LE(requested, size + 4 * row.reads * piece);
+    }
 }
 
 } // namespace

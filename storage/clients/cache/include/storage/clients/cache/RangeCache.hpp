@@ -22,6 +22,8 @@ struct ObjectVersion
     std::string key;
     std::string tag;        ///< cloudprovider::ObjectInfo::tag; not empty
     std::uint64_t size = 0; ///< bytes of the object
+
+    bool operator==(const ObjectVersion&) const = default;
 };
 
 /// How a RangeCache keeps its blocks.
@@ -80,6 +82,9 @@ public:
     ///         size 0: nothing. The bytes of `range` outside of it are in `target`, those inside are undefined.
     ByteRange read(const ObjectVersion& object, const ByteRange& range, char* target);
 
+    /// The same, without reading: what is here may turn out to be damaged.
+    ByteRange missing(const ObjectVersion& object, const ByteRange& range);
+
     /// Keep those blocks that are completely inside a range. The last block of an object ends with the object.
     ///
     /// @param range  must not end beyond the object
@@ -89,6 +94,7 @@ public:
     /// Bytes that the files use: a header of 4 KiB for each, and whole blocks. At most RangeCacheSettings::maxSize.
     std::uint64_t size() const;
 
+    std::uint64_t maxSize() const noexcept { return m_settings.maxSize; }
     std::uint64_t blockSize() const noexcept { return m_settings.blockSize; }
 
 private:
@@ -101,6 +107,7 @@ private:
     };
     using Entries = std::list<Entry>;
     struct Piece;
+    struct Gap;
 
     RangeCache(const RangeCacheSettings& settings, int lock);
 

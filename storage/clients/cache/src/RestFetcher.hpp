@@ -1,0 +1,103 @@
+#pragma once
+
+#include <storage/clients/cache/RangeCache.hpp>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <mutex>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace storage::clients
+{
+
+/// Fetches the rest of an object into a RangeCache when waiting for single ranges of it has cost as much as that would.
+///
+/// Random readers give no hint of what they read next, or whether they read on at all. Whoever has waited as long as
+/// the rest takes is assumed to go on: then nobody waits more than twice as long as with the better of both, whatever
+/// comes. The time that the rest takes follows from the bytes that were not requested yet, and from the throughput of
+/// the store. That is measured by a trial of 4 MiB after the 16th range that a reader of an object has waited for, and
+/// by each rest that was fetched. So the first readings of an object never cause a request.
+///
+/// The rest is read in pieces of 4 MiB by 4 threads, the last piece first: a client that reads ahead would fetch pieces
+/// in ascending order twice. Pieces that are in the cache as a whole are left out. It stops when nobody has read the
+/// object for a second, and goes on when somebody has to wait again. When its version is not read any more, when the
+/// cache does not keep it, and after a failure, which is logged, readers must have waited as long again before it
+/// begins anew. An object of more than half of the cache is not begun. 64 objects are known, and those that were read
+/// longest ago are forgotten.
+///
+/// Safe for concurrent calls.
+class RestFetcher
+{
+public:
+    using Duration = std::chrono::steady_clock::duration;
+
+    /// Gets a range of a version and writes it to the cache. Called on a thread of this, without a lock. May throw.
+    /// @return false: this version is not read any more
+    using Fetch = std::function<bool(const ObjectVersion& object, const ByteRange& range)>;
+
+    /// @param cache  borrowed
+    RestFetcher(RangeCache& cache, Fetch fetch);
+    RestFetcher(const RestFetcher&) = delete;
+    RestFetcher& operator=(const RestFetcher&) = delete;
+
+    /// Ends the threads. Waits for their requests in progress.
+    ~RestFetcher();
+
+    /// A range was read.
+    /// @param fetched  what was missing in the cache; size 0: nothing
+    /// @param waited   until it was there
+    void read(const ObjectVersion& object, const ByteRange& fetched, Duration waited);
+
+private:
+    using Time = std::chrono::steady_clock::time_point;
+
+    /// What is known of the readers of one version.
+    struct Reading
+    {
+        explicit Reading(ObjectVersion version)
+            : object(std::move(version))
+            , missing(object.size)
+        {
+        }
+
+        ObjectVersion object;
+        std::uint64_t missing;     ///< bytes that nobody has requested
+        std::uint64_t lastEnd = 0; ///< of the range that was fetched last for a reader
+        unsigned misses = 0;       ///< that did not begin there
+        Duration waited{};         ///< for these
+        Duration shortestWait = Duration::max();
+        Time lastRead{};
+        std::uint64_t left = object.size; ///< bytes before the pieces that were begun
+        bool isWanted = false;            ///< more pieces are to be begun
+        unsigned running = 0;             ///< pieces that are being fetched
+        Time begin{};                     ///< of the first piece since the last measurement
+        std::uint64_t fetched = 0;        ///< bytes since then
+    };
+
+    // These require m_mutex.
+    Reading& readingOf(const ObjectVersion& object);
+    bool isWorthIt(const Reading& reading) const;
+    void startThreads();
+    void fetchPiece(Reading& reading, std::unique_lock<std::mutex>& lock);
+    void end(Reading& reading, bool isTrial);
+
+    void work();
+    bool fetch(const ObjectVersion& object, const ByteRange& piece) noexcept;
+
+    RangeCache& m_cache;
+    const Fetch m_fetch;
+
+    std::mutex m_mutex; // the lock of m_cache may be taken while this one is held; guards everything below
+    std::condition_variable m_changed;
+    std::list<Reading> m_readings; // the one that was read last is the first
+    double m_bytesPerSecond = 0;   // 0: not measured
+    bool m_isEnding = false;
+    std::vector<std::thread> m_threads; // started when the first rest is wanted
+};
+
+} // namespace storage::clients
