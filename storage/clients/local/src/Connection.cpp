@@ -36,10 +36,12 @@ std::optional<pid_t> findHolder(const std::filesystem::path& index, bool alone)
 
 // A transaction stays in memory until it is committed, because CheckedVfs expects that no frame of the log is written
 // twice. Pages that a removal frees are not overwritten: on a full disk, there may be no room in the log for that. A
-// log that has grown beyond the limit, because a reader was slow, gives its room back.
+// log that has grown beyond the limit, because a reader was slow, gives its room back. What a savepoint needs for its
+// rollback stays in memory, too, and so needs no room on a disk.
 constexpr const char* settings = R"(
     PRAGMA cache_spill = OFF;
     PRAGMA secure_delete = OFF;
+    PRAGMA temp_store = MEMORY;
     PRAGMA journal_size_limit = 4194304;
 )";
 
@@ -193,11 +195,33 @@ void Connection::emptyLog() noexcept
     sqlite3_wal_checkpoint_v2(m_handle, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
 }
 
+bool Connection::tryInSavepoint(const std::function<void(Connection&)>& function) noexcept
+try
+{
+    run("SAVEPOINT tried");
+    function(*this);
+    run("RELEASE tried");
+    return true;
+}
+catch (...) // whoever needs the reason runs the function again
+{
+    // Some errors have already rolled the whole transaction back.
+    constexpr const char* undo = "ROLLBACK TO tried; RELEASE tried";
+    if (isInTransaction() && sqlite3_exec(m_handle, undo, nullptr, nullptr, nullptr) != SQLITE_OK)
+    {
+        rollBack();
+    }
+    return false;
+}
+
+bool Connection::isInTransaction() const noexcept
+{
+    return sqlite3_get_autocommit(m_handle) == 0;
+}
+
 bool Connection::rollBack() noexcept
 {
-    // Some errors have already rolled the transaction back.
-    return sqlite3_get_autocommit(m_handle) != 0 ||
-           sqlite3_exec(m_handle, "ROLLBACK", nullptr, nullptr, nullptr) == SQLITE_OK;
+    return !isInTransaction() || sqlite3_exec(m_handle, "ROLLBACK", nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
 sqlite3_stmt* Connection::prepared(std::string_view sql)

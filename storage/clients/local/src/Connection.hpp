@@ -134,6 +134,13 @@ public:
     /// meanwhile.
     void emptyLog() noexcept;
 
+    /// Run a function inside the open transaction, and undo what it has done if it throws.
+    ///
+    /// @return false: it has thrown, and the whole transaction is rolled back if isInTransaction() is false now
+    bool tryInSavepoint(const std::function<void(Connection&)>& function) noexcept;
+
+    bool isInTransaction() const noexcept;
+
     /// Roll the open transaction back, if there is one.
     ///
     /// @return false when that failed: only closing the connection ends the transaction then

@@ -8,8 +8,6 @@
 
 #include <fmt/format.h>
 
-#include <unistd.h>
-
 namespace storage::clients::local
 {
 
@@ -31,25 +29,9 @@ Database::~Database()
 
 Database::Turn Database::takeTurn(const LockWait& wait)
 {
-    // The writer in front may be waiting for another process. Let it fail first: then this one finds that process, too.
-    constexpr std::chrono::seconds grace{1};
-    const auto end = wait.end() > std::chrono::steady_clock::now() ? wait.end() + grace : wait.end();
-    std::unique_lock lock(m_turnMutex);
-    if (!m_turnEnded.wait_until(lock, end, [this] { return !m_isWriting; }))
-    {
-        wait.fail("the index", ::getpid());
-    }
-    m_isWriting = true;
-    return Turn(this);
-}
-
-void Database::endTurn() noexcept
-{
-    {
-        const std::lock_guard lock(m_turnMutex);
-        m_isWriting = false;
-    }
-    m_turnEnded.notify_one();
+    WriterQueue::Writer writer;
+    m_writers.enter(writer, wait);
+    return Turn(&m_writers);
 }
 
 Database::Lease Database::borrow(const LockWait& wait)
@@ -84,6 +66,60 @@ void Database::returnConnection(Connection* connection) noexcept
         const std::lock_guard lock(m_poolMutex);
         m_idle.push_back(std::move(returned));
     }
+}
+
+Database::Lease Database::begin(Durability durability, const LockWait& wait)
+{
+    Lease connection = borrow(wait);
+    // Whether the commit waits for the disk. SQLite does not allow a change inside a transaction.
+    connection->execute(durability == Durability::Synced ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
+    connection->run("BEGIN IMMEDIATE");
+    return connection;
+}
+
+bool Database::commitShared(const SharedChange& change)
+{
+    const LockWait wait(m_limits);
+    WriterQueue::Writer self(&change);
+    if (const auto state = m_writers.enter(self, wait); state != WriterQueue::State::HasTurn)
+    {
+        self.throwFailure();
+        return state == WriterQueue::State::Committed;
+    }
+    const Turn turn(&m_writers);
+    const Lease connection = begin(Durability::Synced, wait);
+    change.make(*connection);
+    bool isShared = false;
+    while (WriterQueue::Writer* const other = m_writers.takeNext())
+    {
+        isShared = true;
+        if (!connection->tryInSavepoint(other->change().make))
+        {
+            m_writers.revert(*other);
+            if (!connection->isInTransaction())
+            {
+                return false;
+            }
+        }
+    }
+    try
+    {
+        connection->run("COMMIT");
+    }
+    catch (const StoreError& error)
+    {
+        // There may be room for each change alone.
+        if (isShared && error.kind() == StoreError::Kind::NoSpace)
+        {
+            return false;
+        }
+        m_writers.failed(error);
+        throw;
+    }
+    m_hasCommitted = true;
+    m_writers.committed(self);
+    self.throwFailure();
+    return true;
 }
 
 void Database::restartLog(std::optional<LockWait> wait)
@@ -132,19 +168,16 @@ Database::ReadTransaction::ReadTransaction(Database& database)
 }
 
 Database::WriteTransaction::WriteTransaction(Database& database, Durability durability, std::optional<LockWait> wait)
-    : m_turn(database.takeTurn(wait ? *wait : wait.emplace(database.m_limits)))
-    , m_connection(database.borrow(*wait))
+    : m_database(database)
+    , m_turn(database.takeTurn(wait ? *wait : wait.emplace(database.m_limits)))
+    , m_connection(database.begin(durability, *wait))
 {
-    // Whether the commit waits for the disk. SQLite does not allow a change inside a transaction.
-    m_connection->execute(
-        durability == Durability::Synced ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
-    m_connection->run("BEGIN IMMEDIATE");
 }
 
 void Database::WriteTransaction::commit()
 {
     m_connection->run("COMMIT");
-    m_turn->m_hasCommitted = true;
+    m_database.m_hasCommitted = true;
 }
 
 } // namespace storage::clients::local

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "Connection.hpp"
+#include "WriterQueue.hpp"
 
-#include <condition_variable>
 #include <cstddef>
 #include <filesystem>
 #include <memory>
@@ -23,16 +23,17 @@ enum class Durability
 
 /// The index, shared by all threads of one client: a pool of connections. Each transaction borrows one.
 ///
-/// Readers never wait, neither for each other nor for a writer. Only one writer runs at a time: writers of this client
-/// take turns without polling, which is fairer, and wait for SQLite's lock if another client or process writes.
+/// Readers never wait, neither for each other nor for a writer. Only one transaction writes at a time: writers of this
+/// client take turns without polling, which is fairer, or share a transaction, and wait for SQLite's lock if another
+/// client or process writes.
 class Database
 {
     // Ends the turn of a writer of this client.
     struct EndTurn
     {
-        void operator()(Database* database) const noexcept { database->endTurn(); }
+        void operator()(WriterQueue* writers) const noexcept { writers->endTurn(); }
     };
-    using Turn = std::unique_ptr<Database, EndTurn>;
+    using Turn = std::unique_ptr<WriterQueue, EndTurn>;
 
     // Returns a connection to the pool.
     struct Return
@@ -84,9 +85,17 @@ public:
         Connection* operator->() const { return m_connection.get(); }
 
     private:
+        Database& m_database;
         const Turn m_turn;
         const Lease m_connection;
     };
+
+    /// Make a change in a Synced transaction, together with the changes of other threads that wait for their turn. A
+    /// thread that is alone does what a WriteTransaction does.
+    ///
+    /// @return false: nothing has changed, and the caller has to use a WriteTransaction; see WriterQueue
+    /// @throws what the change throws, and what a WriteTransaction does
+    bool commitShared(const SharedChange& change);
 
     /// Merge the write-ahead log into the index, so that the next transaction overwrites it from its start on. Needs no
     /// disk space. Waits for all readers and writers.
@@ -102,19 +111,16 @@ public:
 
 private:
     Turn takeTurn(const LockWait& wait);
-    void endTurn() noexcept;
     Lease borrow(const LockWait& wait);
+    Lease begin(Durability durability, const LockWait& wait);
     void returnConnection(Connection* connection) noexcept;
 
     const std::filesystem::path m_file;
     const LockLimits m_limits;
 
-    // A writer takes its turn before SQLite's lock. Both mutexes are innermost.
-    std::mutex m_turnMutex;
-    std::condition_variable m_turnEnded;
-    bool m_isWriting = false;    // guarded by m_turnMutex
-    bool m_hasCommitted = false; // changed by the writer whose turn it is
-    std::mutex m_poolMutex;
+    WriterQueue m_writers;                           // a writer takes its turn before SQLite's lock
+    bool m_hasCommitted = false;                     // changed by the writer that has the turn
+    std::mutex m_poolMutex;                          // innermost
     std::size_t m_connections = 0;                   // guarded by m_poolMutex; opened so far
     std::vector<std::unique_ptr<Connection>> m_idle; // guarded by m_poolMutex; has capacity for all of them
 };

@@ -242,11 +242,20 @@ void LocalClient::putObject(const std::string& key, std::istream& content, std::
             StagedContent staged = stage(size);
             staged.receive(key, content);
             VersionPins::Write write(m_pins, key);
+            StoredObject object;
+            const auto change = [&](StoreTransaction& transaction)
+            {
+                checkRequired(transaction.index(), key);
+                object = local::putObject(transaction, key, staged);
+            };
+            const auto committed = [&] { write.succeeded(versionOf(object)); };
+            if (!staged.file())
+            {
+                return commitShared(*m_index, *m_files, change, committed);
+            }
             StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
-            checkRequired(transaction.index(), key);
-            const StoredObject object = local::putObject(transaction, key, staged);
-            transaction.commit();
-            write.succeeded(versionOf(object));
+            change(transaction);
+            transaction.commit(committed);
         });
 }
 
@@ -336,8 +345,7 @@ void LocalClient::completeMultipartUpload(
                 [&](std::int64_t stored, std::int64_t base)
                 { return m_pins.descends(key, local::tagOf(stored), local::tagOf(base)); });
             m_uploads->end(upload);
-            transaction.commit();
-            write.succeeded(versionOf(object));
+            transaction.commit([&] { write.succeeded(versionOf(object)); });
         });
 }
 

@@ -22,7 +22,17 @@ StoreTransaction::StoreTransaction(
     , m_database(database)
     , m_files(files)
     , m_notes(files.session())
-    , m_index(std::in_place, database, durability, wait)
+    , m_own(std::in_place, database, durability, wait)
+    , m_index(&**m_own)
+{
+}
+
+StoreTransaction::StoreTransaction(Database& database, ContentFiles& files, Connection& index)
+    : m_durability(Durability::Synced)
+    , m_database(database)
+    , m_files(files)
+    , m_notes(files.session())
+    , m_index(&index)
 {
 }
 
@@ -95,7 +105,7 @@ void StoreTransaction::release(std::int64_t content)
     index().run("DELETE FROM contents WHERE id = ?", content);
 }
 
-void StoreTransaction::commit()
+void StoreTransaction::prepareCommit()
 {
     if (m_nextId)
     {
@@ -109,18 +119,18 @@ void StoreTransaction::commit()
     {
         m_files.prepareRemoval(m_dropped, m_notes);
     }
+}
+
+void StoreTransaction::commit(const std::function<void()>& committed)
+{
+    prepareCommit();
     try
     {
-        m_index->commit();
+        m_own->commit();
     }
     catch (const StoreError& error)
     {
-        // The commit may have reached the disk nevertheless. After a crash the index would then name these files.
-        if (error.kind() != StoreError::Kind::NoSpace)
-        {
-            m_files.leaveOrphans();
-            m_added.clear();
-        }
+        commitFailed(error);
         throw;
     }
     if (m_durability == Durability::Synced || !m_added.empty())
@@ -128,13 +138,63 @@ void StoreTransaction::commit()
         m_files.setUnsynced(m_durability == Durability::Deferred); // while no other transaction of this client commits
     }
     m_added.clear();
-    m_index.reset();
+    committed ? committed() : void();
+    m_own.reset();
+    finishCommit();
+}
+
+void StoreTransaction::commitFailed(const StoreError& error)
+{
+    // The commit may have reached the disk nevertheless. After a crash the index would then name the files that were
+    // added, and no longer those that were dropped.
+    if (error.kind() != StoreError::Kind::NoSpace)
+    {
+        m_files.leaveOrphans();
+        m_added.clear();
+    }
+}
+
+void StoreTransaction::finishCommit()
+{
     removeDroppedFiles();
     m_database.shrink(m_released);
     if (m_hasRest)
     {
         dropRemoved(m_database, m_files);
     }
+}
+
+void commitShared(Database& database, ContentFiles& files, const std::function<void(StoreTransaction&)>& change,
+    const std::function<void()>& committed)
+{
+    {
+        std::optional<StoreTransaction> shared;
+        const auto make = [&](Connection& index)
+        {
+            change(shared.emplace(database, files, index));
+            shared->prepareCommit();
+        };
+        const auto whenCommitted = [&]
+        {
+            files.setUnsynced(false);
+            committed();
+        };
+        try
+        {
+            if (database.commitShared({make, whenCommitted}))
+            {
+                return shared->finishCommit();
+            }
+        }
+        catch (const StoreError& error)
+        {
+            shared ? shared->commitFailed(error) : void();
+            throw;
+        }
+    }
+    StoreTransaction own(database, files, Durability::Synced);
+    change(own);
+    own.commit(committed);
 }
 
 void StoreTransaction::removeDroppedFiles()

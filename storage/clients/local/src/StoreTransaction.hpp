@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -28,11 +29,15 @@ public:
     /// @param wait  see Database::WriteTransaction
     StoreTransaction(
         Database& database, ContentFiles& files, Durability durability, std::optional<LockWait> wait = std::nullopt);
+
+    /// A part of a Synced transaction that others share; see commitShared().
+    StoreTransaction(Database& database, ContentFiles& files, Connection& index);
+
     StoreTransaction(const StoreTransaction&) = delete;
     StoreTransaction& operator=(const StoreTransaction&) = delete;
     ~StoreTransaction();
 
-    Connection& index() { return **m_index; }
+    Connection& index() { return *m_index; }
 
     /// The session of this client. Other clients see that it has ended when the client has.
     std::int64_t session();
@@ -59,8 +64,14 @@ public:
     /// Leave the rest of a removal to other transactions, after this one: see dropRemoved().
     void leaveRest() { m_hasRest = true; }
 
+    /// @param committed  called before another writer of this client has its turn; empty: nothing
     /// @throws StoreError; nothing has changed
-    void commit();
+    void commit(const std::function<void()>& committed = {});
+
+    // What commit() does before and after the commit of the index, or after its failure.
+    void prepareCommit();
+    void finishCommit();
+    void commitFailed(const StoreError& error);
 
 private:
     void removeDroppedFiles();
@@ -69,7 +80,8 @@ private:
     Database& m_database;
     ContentFiles& m_files;
     SessionLock::Notes m_notes;
-    std::optional<Database::WriteTransaction> m_index; // empty after the commit
+    std::optional<Database::WriteTransaction> m_own; // empty: others share it, or it was committed
+    Connection* const m_index;                       // not to be used after the commit
     bool m_filesToSync = false;
     bool m_hasRest = false;
     std::size_t m_released = 0;           // references to contents that were removed
@@ -77,6 +89,15 @@ private:
     std::vector<FileName> m_added;        // removed unless this is committed
     std::vector<FileName> m_dropped;      // removed after the commit
 };
+
+/// Make a change in a Synced transaction, which the changes of other threads may share. When this returns, it is
+/// durable.
+///
+/// @param change     must not add a file; may be called twice, also on another thread, and not twice at the same time
+/// @param committed  see StoreTransaction::commit()
+/// @throws what the change throws, and StoreError; nothing has changed
+void commitShared(Database& database, ContentFiles& files, const std::function<void(StoreTransaction&)>& change,
+    const std::function<void()>& committed);
 
 /// Run a transaction that frees more room than it needs. On a full disk, the write-ahead log may have no room for it
 /// before it is overwritten; then the transaction runs twice.

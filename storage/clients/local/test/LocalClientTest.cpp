@@ -6,9 +6,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -55,6 +57,20 @@ void makeStore(const path& store)
         put(client, "large", content(2, 500'000));
     }
     runSql(store, "PRAGMA wal_checkpoint(TRUNCATE)");
+}
+
+// The commits in the log of the index.
+int countCommits(const path& store)
+{
+    std::ifstream log(store / "index.sqlite-wal", std::ios::binary);
+    char header[32];
+    log.read(header, sizeof(header));
+    int commits = 0;
+    for (char frame[24 + 4096]; log.read(frame, sizeof(frame)) && std::memcmp(frame + 8, header + 16, 8) == 0;)
+    {
+        commits += std::memcmp(frame + 4, "\0\0\0", 4) == 0 ? 0 : 1; // the size of the index after a commit
+    }
+    return commits;
 }
 
 } // namespace
@@ -170,6 +186,92 @@ TEST(LocalClientTest, WaitsForAStoppedWriterOnlyToWriteAndNotForEver)
     ASSERT_EQ(::kill(process, SIGCONT), 0);
     EXPECT_EQ(waitForProcess(process), 0);
     put(reader, "small", "new");
+}
+
+TEST(LocalClientTest, WritersThatShareACommitSucceedAndFailOnTheirOwn)
+{
+    const TestFolder folder;
+    makeStore(folder.store);
+    for (const std::string failing : {"ABORT", "ROLLBACK"}) // of one writer, of all that share its transaction
+    {
+        std::atomic<int> polls = 0; // of the writer that waits for the lock, while the others wait for it
+        LocalClient client(folder.store, {.interrupted = [&] { return ++polls < 0; }});
+        runSql(folder.store, "CREATE TRIGGER bad BEFORE INSERT ON objects WHEN substr(new.key, -3) = x'626164' BEGIN "
+                             "SELECT RAISE(" +
+                                 failing + ", 'refused'); END; PRAGMA wal_checkpoint(TRUNCATE)");
+        const auto known = client.requireVersion("small", "none");
+        put(client, "based", content(1, 100));
+        const PartInfo part{0, 0, 100, client.getObjectParts("based").at(0).Tag};
+        const std::string upload = client.createMultipartUpload("based", part.Tag);
+        const std::vector<PartInfo> parts{uploadPart(client, "based", upload, 0, content(2, 100))};
+        sqlite3* lock = nullptr;
+        ASSERT_EQ(sqlite3_open((folder.store / "index.sqlite").c_str(), &lock), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(lock, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+        const auto begin = countCommits(folder.store);
+        std::vector<std::jthread> writers;
+        const auto write = [&](std::uint64_t i, std::string key, const std::string& reason)
+        {
+            key += key == "good" ? std::to_string(i) : "";
+            std::string failure;
+            try
+            {
+                put(client, key, content(i, 1000));
+                EXPECT_TRUE(key == "based" || versionOf(get(client, key)) == i);
+            }
+            catch (const CloudException& error)
+            {
+                failure = error.detail().value();
+            }
+            EXPECT_TRUE(failure == reason || (reason != "" && failure.find(reason) < failure.size())) << failure;
+        };
+        for (std::uint64_t i = 0; i < 20;)
+        {
+            writers.emplace_back(write, i++, "bad", "refused");
+            writers.emplace_back(write, i++, "small", "not the expected version");
+            writers.emplace_back(write, i++, "based", "");
+            writers.emplace_back(write, i++, "good", "");
+        }
+        writers.emplace_back([&] { EXPECT_NO_THROW(client.completeMultipartUpload("based", upload, parts)); });
+        for (const int seen = polls; polls < seen + 100;)
+        {
+            std::this_thread::yield();
+        }
+        ASSERT_EQ(sqlite3_close(lock), SQLITE_OK);
+        writers.clear(); // joins them
+        const auto commits = countCommits(folder.store) - begin;
+        EXPECT_LT(commits, failing == "ROLLBACK" ? 12 : 8) << "for 10 puts and a completion";
+        EXPECT_EQ(versionOf(get(client, "small")), 1U);
+        runSql(folder.store, "DROP TRIGGER bad");
+        checkStore(folder.store);
+    }
+}
+
+TEST(LocalClientTest, ThreadsThatCompareAndSwapLoseNoUpdateBesideOthersThatPut)
+{
+    const TestFolder folder;
+    LocalClient client(folder.store);
+    put(client, "count", "0");
+    const auto swap = [&](const std::string& own)
+    {
+        for (int done = 0; done < 12;)
+            try
+            {
+                const auto expected = client.requireVersion("count", client.getObjectInfo("count").tag);
+                put(client, "count", std::to_string(std::stoi(get(client, "count")) + 1));
+                ++done;
+            }
+            catch (const CloudException&)
+            {
+                put(client, own, "");
+            }
+    };
+    std::vector<std::jthread> threads;
+    for (int thread = 0; thread < 8; ++thread)
+    {
+        threads.emplace_back(swap, std::to_string(thread));
+    }
+    threads.clear(); // joins them
+    EXPECT_EQ(get(client, "count"), std::to_string(8 * 12));
 }
 
 TEST(LocalClientTest, AFlippedBitIsNeverServed)
@@ -495,14 +597,23 @@ TEST(LocalClientTest, AFullDiskLeavesEveryObjectAsItIs)
             for (const std::string room : {"0", "100K", "4K"})
             {
                 shell(folder, "truncate -s -" + room + " filler");
-                expectFull(
-                    [&]
+                LocalClient& filling = room == "0" ? client : clientWithFiles;
+                std::atomic<std::uint64_t> next = 0;
+                const auto fill = [&]
+                {
+                    for (std::uint64_t i = 0; (i = ++next) < 10'000;)
                     {
-                        for (std::uint64_t i = 0; i < 10'000; ++i)
-                        {
-                            put(room == "0" ? client : clientWithFiles, "more" + std::to_string(i), content(i, 1000));
-                        }
-                    });
+                        put(filling, "more" + std::to_string(i), content(i, 1000));
+                        EXPECT_EQ(versionOf(get(filling, "more" + std::to_string(i))), i);
+                    }
+                };
+                std::vector<std::jthread> others; // that share commits, for which there is no room
+                while (room == "0" && others.size() < 4)
+                {
+                    others.emplace_back([&] { EXPECT_THROW(fill(), UnknownErrorException); });
+                }
+                others.clear();
+                expectFull(fill);
             }
             EXPECT_EQ(versionOf(get(client, "small")), 1U);
             EXPECT_EQ(get(client, "large"), content(2, 300'000) + content(3, 300'000));

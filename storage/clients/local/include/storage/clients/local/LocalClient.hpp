@@ -63,8 +63,9 @@ struct LocalSettings
 /// the store. Exception: an upload and its parts survive a crash at once, but a loss of power only after completion.
 ///
 /// Sharing: any number of threads, clients and processes of this machine may use one directory at the same time.
-/// Readers never wait. Writers take turns at the index, but transfer contents in parallel. If a process is stopped
-/// during its turn, opening the store, reading and listing go on, and other writers fail after
+/// Readers never wait. Writers take turns at the index, but transfer contents in parallel. Threads of one client that
+/// put inline contents meanwhile share the next turn, with one commit and one sync. If a process is stopped during its
+/// turn, opening the store, reading and listing go on, and other writers fail after
 /// LocalSettings::lockTimeout with a message that names the process. Readers wait, as long as writers, only while a
 /// process is stopped in the instant in which it opens the store as its only user: it then prepares what all users
 /// share. The directory must be on a local disk: network file systems lack the locks and the shared memory that SQLite
