@@ -51,6 +51,7 @@ IncomingFile::IncomingFile(IncomingFile&& other) noexcept
     : m_files(other.m_files)
     , m_path(std::move(other.m_path))
     , m_file(std::move(other.m_file))
+    , m_size(other.m_size)
     , m_started(other.m_started)
 {
     other.m_path.clear();
@@ -79,8 +80,13 @@ void IncomingFile::append(
 
 void IncomingFile::startWriteBack(std::uint64_t size) noexcept
 {
-    local::startWriteBack(m_file, m_started, size);
-    m_started += size;
+    constexpr std::uint64_t minPiece = 1024 * 1024; // as much as is received at a time
+    m_size += size;
+    if (m_size - m_started >= minPiece)
+    {
+        local::startWriteBack(m_file, m_started, m_size - m_started);
+        m_started = m_size;
+    }
 }
 
 void IncomingFile::sync()

@@ -32,8 +32,8 @@ public:
     IncomingFile& operator=(IncomingFile&&) = delete;
     ~IncomingFile();
 
-    // Both let the disk begin to write the bytes: a sync at the end then waits for few of them, and the disk does not
-    // idle while the next ones are received.
+    // Both let the disk begin to write the bytes once there is a MiB of them: a sync at the end then waits for few, and
+    // the disk does not idle while the next ones are received. Less is left to the sync: no page is written twice.
     void append(const char* bytes, std::uint64_t size);
     void append(
         const FileHandle& from, const std::filesystem::path& fromPath, std::uint64_t offset, std::uint64_t size);
@@ -49,6 +49,7 @@ private:
     ContentFiles& m_files;
     std::filesystem::path m_path; // empty: published, or moved from
     FileHandle m_file;
+    std::uint64_t m_size = 0;    // bytes appended
     std::uint64_t m_started = 0; // bytes that the disk may have begun to write
 };
 

@@ -47,12 +47,25 @@ using local::translateErrors;
 namespace
 {
 
-constexpr std::size_t pageSize = 1000;                                        // entries; about 100 KiB of keys
+constexpr std::size_t pageSize = 1000; // entries; about 100 KiB of keys
+// Keys, or contents, that one transaction removes: so many that the sync of each commit costs little per key, and so
+// few that other writers wait briefly. The key that reaches the limit may release some more: see removeParts().
+constexpr std::size_t maxTogether = 256;
+
 constexpr std::uint64_t maxOffset = std::numeric_limits<std::int64_t>::max(); // the largest integer of SQLite
 
 Version versionOf(const StoredObject& object)
 {
     return {local::tagOf(object.id), object.size};
+}
+
+// Throw the error on if the next key would also have to wait until it fails. To be called in the error's handler.
+void throwIfLocked(const StoreError& error)
+{
+    if (error.kind() == StoreError::Kind::Locked)
+    {
+        throw;
+    }
 }
 
 // Find the object that a part is to be copied from and its parts in that range, and check that they are those that the
@@ -132,68 +145,94 @@ std::vector<ObjectEntry> LocalClient::listObjects(
 
 void LocalClient::deleteObject(const std::string& key)
 {
-    perform(Operation::DeleteObject, key,
-        [&]
-        {
-            local::freeRoom(*m_index,
-                [&]
-                {
-                    StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
-                    checkRequired(transaction.index(), key);
-                    removeObject(transaction, key);
-                    transaction.commit();
-                });
-        });
+    perform(Operation::DeleteObject, key, [&] { deleteAlone(key); });
 }
 
 std::map<std::string, std::exception_ptr> LocalClient::deleteObjects(const std::vector<std::string>& keys)
 {
-    // Large enough that the sync of each commit costs little per key; small enough that other writers wait briefly.
-    constexpr std::size_t maxTogether = 256;
     std::map<std::string, std::exception_ptr> failures;
     for (std::span<const std::string> rest = keys; !rest.empty();)
     {
-        const auto some = rest.first(std::min(maxTogether, rest.size()));
-        rest = rest.subspan(some.size());
-        perform(Operation::DeleteObject, some.front(), [&] { deleteTogether(some, failures); });
+        const auto deleteSome = [&]
+        {
+            try
+            {
+                return deleteTogether(rest, failures);
+            }
+            catch (const StoreError& error)
+            {
+                throwIfLocked(error);
+                // The log has no room for so many changes, or a key has failed: which one, and why?
+                const auto some = rest.first(std::min(maxTogether, rest.size()));
+                deleteOneByOne(some, failures);
+                return some.size();
+            }
+        };
+        rest = rest.subspan(translateErrors(deleteSome,
+            [&] { return fmt::format("deleting {} objects in \"{}\"", rest.size(), m_directory.native()); }));
     }
     return failures;
 }
 
-void LocalClient::deleteTogether(std::span<const std::string> keys, std::map<std::string, std::exception_ptr>& failures)
+void LocalClient::deleteAlone(const std::string& key)
 {
-    const auto remove = [&](std::span<const std::string> some)
+    local::freeRoom(*m_index,
+        [&]
+        {
+            StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
+            checkRequired(transaction.index(), key);
+            removeObject(transaction, key);
+            transaction.commit();
+        });
+}
+
+std::size_t LocalClient::deleteTogether(
+    std::span<const std::string> keys, std::map<std::string, std::exception_ptr>& failures)
+{
+    std::map<std::string, std::exception_ptr> refused;
+    StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
+    std::size_t done = 0;
+    for (; done < std::min(maxTogether, keys.size()) && transaction.released() < maxTogether; ++done)
     {
-        StoreTransaction transaction(*m_index, *m_files, Durability::Synced);
-        for (const std::string& key : some)
+        try
+        {
+            checkRequired(transaction.index(), keys[done]);
+        }
+        catch (const cloudprovider::CloudException&)
+        {
+            refused.emplace(keys[done], std::current_exception());
+            continue;
+        }
+        removeObject(transaction, keys[done]);
+    }
+    transaction.commit();
+    failures.merge(refused);
+    return done;
+}
+
+void LocalClient::deleteOneByOne(std::span<const std::string> keys, std::map<std::string, std::exception_ptr>& failures)
+{
+    for (const std::string& key : keys)
+    {
+        const auto tryOne = [&]
         {
             try
             {
-                checkRequired(transaction.index(), key);
+                deleteAlone(key);
             }
-            catch (const cloudprovider::CloudException&)
+            catch (const StoreError& error)
             {
-                failures.emplace(key, std::current_exception());
-                continue;
+                throwIfLocked(error);
+                perform(Operation::DeleteObject, key, [] { throw; });
             }
-            removeObject(transaction, key);
-        }
-        transaction.commit();
-    };
-    try
-    {
-        remove(keys);
-    }
-    catch (const StoreError& error)
-    {
-        if (error.kind() != StoreError::Kind::NoSpace)
+        };
+        try
         {
-            throw;
+            tryOne();
         }
-        // The log has room for the changes of one removal, but not of many.
-        for (std::size_t i = 0; i < keys.size(); ++i)
+        catch (const cloudprovider::CloudException&)
         {
-            local::freeRoom(*m_index, [&] { remove(keys.subspan(i, 1)); });
+            failures.emplace(key, std::current_exception());
         }
     }
 }

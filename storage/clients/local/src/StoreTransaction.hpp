@@ -61,6 +61,9 @@ public:
     /// none is left.
     void release(std::int64_t content);
 
+    /// How many references were removed by release().
+    std::size_t released() const noexcept { return m_released; }
+
     /// Leave the rest of a removal to other transactions, after this one: see dropRemoved().
     void leaveRest() { m_hasRest = true; }
 

@@ -274,6 +274,24 @@ TEST(LocalClientTest, ThreadsThatCompareAndSwapLoseNoUpdateBesideOthersThatPut)
     EXPECT_EQ(get(client, "count"), std::to_string(8 * 12));
 }
 
+TEST(LocalClientTest, DeletesManyObjectsAndNamesThoseThatFail)
+{
+    const TestFolder folder;
+    LocalClient client(folder.store);
+    for (const char* key : {"a", "b", "c", "d", "e"})
+    {
+        putParts(client, key, std::vector<std::string>(*key == 'b' ? 300 : 1, "x"));
+    }
+    const auto known = client.requireVersion("d", "none");
+    runSql(folder.store, "CREATE TRIGGER stuck BEFORE DELETE ON objects WHEN old.key = x'63' "
+                         "BEGIN SELECT RAISE(ABORT, 'stuck'); END");
+    const auto failures = client.deleteObjects({"a", "b", "c", "d", "e"});
+    EXPECT_THAT(failures, ElementsAre(Key("c"), Key("d")));
+    EXPECT_THAT(
+        [&] { std::rethrow_exception(failures.at("c")); }, fails<UnknownErrorException>("stuck", "deleteObject \"c\""));
+    EXPECT_THAT(keys(client), ElementsAre("c", "d"));
+}
+
 TEST(LocalClientTest, AFlippedBitIsNeverServed)
 {
     const TestFolder folder;

@@ -144,8 +144,12 @@ public:
     void completeMultipartUpload(const std::string& key, const std::string& uploadId,
         const std::vector<cloudprovider::PartInfo>& parts) override;
 
-    /// Delete the objects in transactions of up to 256 keys each; other writers take turns in between. A transaction is
-    /// durable before the next one begins. On a disk without the room for one, the keys are deleted one by one.
+    /// Delete the objects in transactions; other writers take turns in between. A transaction is durable before the
+    /// next one begins. It ends after 256 keys, or with the key that has released the 256th part. If it fails, for
+    /// example because the disk has no room for it, its keys are deleted one by one, and the result has those that
+    /// fail.
+    ///
+    /// @throws UnknownErrorException when a transaction has not begun because another process keeps the index locked
     std::map<std::string, std::exception_ptr> deleteObjects(const std::vector<std::string>& keys) override;
 
     std::vector<PendingUpload> pendingUploads() override;
@@ -159,8 +163,16 @@ private:
 
     void checkRequired(local::Connection& index, const std::string& key) const;
 
-    // Delete objects in one transaction, except those that are not the required version.
-    void deleteTogether(std::span<const std::string> keys, std::map<std::string, std::exception_ptr>& failures);
+    // Delete the object, unless it is not the required version. Throws StoreError, like the next one.
+    void deleteAlone(const std::string& key);
+
+    // Delete the first objects in one transaction, except those that are not the required version.
+    //
+    // @return how many keys are done; if this throws, nothing has changed
+    std::size_t deleteTogether(std::span<const std::string> keys, std::map<std::string, std::exception_ptr>& failures);
+
+    // @throws StoreError only if the index is locked
+    void deleteOneByOne(std::span<const std::string> keys, std::map<std::string, std::exception_ptr>& failures);
 
     local::StagedContent stage(std::uint64_t size);
 
