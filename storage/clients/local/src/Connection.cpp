@@ -195,6 +195,15 @@ void Connection::emptyLog() noexcept
     sqlite3_wal_checkpoint_v2(m_handle, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
 }
 
+void Connection::setSynced(bool isSynced)
+{
+    if (m_isSynced != isSynced)
+    {
+        execute(isSynced ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
+        m_isSynced = isSynced;
+    }
+}
+
 bool Connection::tryInSavepoint(const std::function<void(Connection&)>& function) noexcept
 try
 {
@@ -221,7 +230,19 @@ bool Connection::isInTransaction() const noexcept
 
 bool Connection::rollBack() noexcept
 {
-    return !isInTransaction() || sqlite3_exec(m_handle, "ROLLBACK", nullptr, nullptr, nullptr) == SQLITE_OK;
+    if (!isInTransaction())
+    {
+        return true;
+    }
+    try
+    {
+        run("ROLLBACK"); // prepared: each reading transaction ends here
+        return true;
+    }
+    catch (const std::exception&) // closing the connection ends the transaction
+    {
+        return false;
+    }
 }
 
 sqlite3_stmt* Connection::prepared(std::string_view sql)

@@ -134,6 +134,9 @@ public:
     /// meanwhile.
     void emptyLog() noexcept;
 
+    /// Set whether commits wait until they are on the disk. To be called outside a transaction.
+    void setSynced(bool isSynced);
+
     /// Run a function inside the open transaction, and undo what it has done if it throws.
     ///
     /// @return false: it has thrown, and the whole transaction is rolled back if isInTransaction() is false now
@@ -156,6 +159,7 @@ private:
     sqlite3* m_handle = nullptr;
     std::optional<LockWait> m_wait;
     bool m_keepsOthersOut = false;
+    std::optional<bool> m_isSynced;                                   // as setSynced() was called last
     std::unordered_map<std::string_view, sqlite3_stmt*> m_statements; // by SQL text
 };
 

@@ -52,6 +52,9 @@ Database::Lease Database::borrow(const LockWait& wait)
     if (!lease)
     {
         lease.reset(new Connection(m_file, wait));
+        // In KiB: for all pages of an index of ten million keys that are not leaves (about 4 MiB) and some leaves, so
+        // that finding a key reads one page. Reads the index, so only connections that are about to do so have it.
+        lease->execute("PRAGMA cache_size = -8192");
     }
     lease->setWait(wait);
     return lease;
@@ -71,8 +74,7 @@ void Database::returnConnection(Connection* connection) noexcept
 Database::Lease Database::begin(Durability durability, const LockWait& wait)
 {
     Lease connection = borrow(wait);
-    // Whether the commit waits for the disk. SQLite does not allow a change inside a transaction.
-    connection->execute(durability == Durability::Synced ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
+    connection->setSynced(durability == Durability::Synced);
     connection->run("BEGIN IMMEDIATE");
     return connection;
 }
