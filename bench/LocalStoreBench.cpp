@@ -13,8 +13,10 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <istream>
+#include <map>
 #include <memory>
 #include <ostream>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <streambuf>
@@ -108,6 +110,32 @@ void putSmallLocal(benchmark::State& state)
         Bytes bytes(content.data(), content.size());
         std::istream stream(&bytes);
         client.putObject(fmt::format("small/{:08}", number++), stream, content.size());
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+// Several threads with one client.
+void putSmallShared(benchmark::State& state)
+{
+    static std::unique_ptr<ScratchFolder> folder;
+    static std::unique_ptr<LocalClient> client;
+    if (state.thread_index() == 0)
+    {
+        folder = std::make_unique<ScratchFolder>();
+        client = std::make_unique<LocalClient>(folder->path() / "store");
+    }
+    std::string content(smallSize, 'x');
+    std::size_t number = 0;
+    for (auto _ : state) // begins when all threads are here, and ends when all have left
+    {
+        Bytes bytes(content.data(), content.size());
+        std::istream stream(&bytes);
+        client->putObject(fmt::format("small/{}/{:08}", state.thread_index(), number++), stream, content.size());
+    }
+    if (state.thread_index() == 0)
+    {
+        client.reset();
+        folder.reset();
     }
     state.SetItemsProcessed(state.iterations());
 }
@@ -233,12 +261,130 @@ void listAboveMillion(benchmark::State& state)
     state.SetItemsProcessed(state.iterations() * 1000);
 }
 
+/// A store with that many small inline objects in 1,000 groups. It stays until the program ends, because it takes a
+/// minute to make ten million of them: with statements on the index, in the order of the keys.
+class FilledStore
+{
+public:
+    static FilledStore& withKeys(const benchmark::State& state)
+    {
+        static std::map<std::uint64_t, FilledStore> stores;
+        const auto keys = static_cast<std::uint64_t>(state.range(0));
+        return stores.try_emplace(keys, keys).first->second;
+    }
+
+    explicit FilledStore(std::uint64_t keys)
+        : m_perGroup(keys / groups)
+    {
+        const LocalClient created(path());
+        sqlite3* index = nullptr;
+        check(sqlite3_open_v2((path() / "index.sqlite").c_str(), &index, SQLITE_OPEN_READWRITE,
+                  "cloudprovider-checked") == SQLITE_OK,
+            "opening the index");
+        const auto run = [&](const std::string& sql)
+        { check(sqlite3_exec(index, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK, "filling the index"); };
+        run("PRAGMA cache_spill = OFF; PRAGMA synchronous = OFF; CREATE TEMP TABLE n AS WITH RECURSIVE c(i) AS "
+            "(SELECT 0 UNION ALL SELECT i + 1 FROM c WHERE i + 1 < " +
+            std::to_string(m_perGroup) + ") SELECT i FROM c");
+        for (std::uint64_t group = 0; group < groups; ++group)
+        {
+            const std::string id =
+                fmt::format("2 * ({} + i)", group * m_perGroup); // of the object; its content is next
+            run(fmt::format("BEGIN; INSERT INTO objects SELECT CAST(format('top/%04d/%06d', {0}, i) AS BLOB), {1}, 16, "
+                            "0 FROM n; INSERT INTO object_parts SELECT {1}, 0, {1} + 1 FROM n; INSERT INTO contents "
+                            "(id, refs, size, data) SELECT {1} + 1, 1, 16, zeroblob(16) FROM n; COMMIT",
+                group, id));
+        }
+        run(fmt::format("UPDATE store SET next_id = {}; PRAGMA wal_checkpoint(TRUNCATE)", 2 * keys));
+        sqlite3_close(index);
+    }
+
+    std::filesystem::path path() const { return m_folder.path() / "store"; }
+
+    std::string randomGroup() { return fmt::format("top/{:04}/", m_random() % groups); }
+    std::string randomKey() { return randomGroup() + fmt::format("{:06}", m_random() % m_perGroup); }
+
+private:
+    static constexpr std::uint64_t groups = 1000;
+
+    const ScratchFolder m_folder;
+    const std::uint64_t m_perGroup;
+    std::mt19937_64 m_random{1};
+};
+
+void openAmong(benchmark::State& state)
+{
+    FilledStore& store = FilledStore::withKeys(state);
+    for (auto _ : state)
+    {
+        LocalClient client(store.path());
+        check(client.getObjectInfo(store.randomKey()).exists, "finding a key");
+    }
+}
+
+void findAmong(benchmark::State& state)
+{
+    FilledStore& store = FilledStore::withKeys(state);
+    LocalClient client(store.path());
+    for (auto _ : state)
+    {
+        check(client.getObjectInfo(store.randomKey()).exists, "finding a key");
+    }
+}
+
+void readAmong(benchmark::State& state)
+{
+    FilledStore& store = FilledStore::withKeys(state);
+    LocalClient client(store.path());
+    for (auto _ : state)
+    {
+        std::ostringstream out;
+        client.getObjectRange(store.randomKey(), out, 0, 0);
+        check(out.good(), "reading");
+    }
+}
+
+// Ten entries of a random group.
+void listAmong(benchmark::State& state)
+{
+    FilledStore& store = FilledStore::withKeys(state);
+    LocalClient client(store.path());
+    for (auto _ : state)
+    {
+        std::string token;
+        check(client.listObjects(store.randomGroup(), token, ListOptions{"/", 10}).size() == 10, "listing");
+    }
+}
+
+// New objects of 4 KiB between the others.
+void putAmong(benchmark::State& state)
+{
+    FilledStore& store = FilledStore::withKeys(state);
+    LocalClient client(store.path());
+    static std::size_t number = 0; // makes the key new
+    std::string content(smallSize, 'x');
+    for (auto _ : state)
+    {
+        Bytes bytes(content.data(), content.size());
+        std::istream stream(&bytes);
+        client.putObject(store.randomKey() + std::to_string(number++), stream, content.size());
+    }
+}
+
 BENCHMARK(putSmallLocal)->UseRealTime();
+BENCHMARK(putSmallShared)->Threads(1)->Threads(4)->Threads(8)->UseRealTime();
 BENCHMARK(putSmallSqlite)->UseRealTime();
 BENCHMARK(largeInLocal)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 BENCHMARK(largeInFile)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 BENCHMARK(largeOutLocal)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(largeOutFile)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(listAboveMillion)->Arg(10'000)->Arg(1'000'000)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// In this order, because a put adds keys.
+BENCHMARK(openAmong)->Arg(10'000)->Arg(10'000'000)->UseRealTime();
+BENCHMARK(findAmong)->Arg(10'000)->Arg(10'000'000)->UseRealTime();
+BENCHMARK(readAmong)->Arg(10'000)->Arg(10'000'000)->UseRealTime();
+BENCHMARK(listAmong)->Arg(10'000)->Arg(10'000'000)->UseRealTime();
+BENCHMARK(putAmong)->Arg(10'000)->Arg(10'000'000)->UseRealTime();
 
 } // namespace
