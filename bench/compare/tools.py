@@ -220,7 +220,8 @@ class Ours(Tool):
         self._cloudfs(run, "append", key, stdin=local)
 
     def pick(self, run, key, size, offsets, out):
-        run.call([self.programs / "bench/compare/random_reads", size, offsets, out, self._url(), "/" + key])
+        cache = f"&cache={run.folder}/cache&cache-size={1 << 30}"
+        run.call([self.programs / "bench/compare/random_reads", size, offsets, out, self._url() + cache, "/" + key])
 
 
 class Rclone(Tool):
