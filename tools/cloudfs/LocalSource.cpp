@@ -58,6 +58,7 @@ LocalSource::LocalSource(const std::string& path)
     if (S_ISREG(m_status.st_mode))
     {
         m_size = static_cast<std::uint64_t>(m_status.st_size);
+        m_hasStatedSize = findStatedSize();
         ::posix_fadvise(m_descriptor, 0, 0, POSIX_FADV_SEQUENTIAL); // only a hint: a failure does not matter
     }
 }
@@ -104,16 +105,12 @@ bool LocalSource::isTerminal() const noexcept
     return ::isatty(m_descriptor) == 1;
 }
 
-bool LocalSource::hasStatedSize() const noexcept
+/// Whether the last byte can be read, or an empty file is empty.
+bool LocalSource::findStatedSize() const noexcept
 {
-    if (!m_size)
-    {
-        return false;
-    }
     char byte = 0;
-    const auto isThere = [&](std::uint64_t offset)
-    { return ::pread(m_descriptor, &byte, 1, static_cast<off_t>(offset)) > 0; };
-    return !isThere(*m_size) && (*m_size == 0 || isThere(*m_size - 1));
+    const auto last = static_cast<off_t>(*m_size > 0 ? *m_size - 1 : 0);
+    return ::pread(m_descriptor, &byte, 1, last) == (*m_size > 0 ? 1 : 0);
 }
 
 void LocalSource::readAt(std::uint64_t offset, char* buffer, std::size_t size) const

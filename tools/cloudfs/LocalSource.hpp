@@ -39,8 +39,8 @@ public:
 
     bool isTerminal() const noexcept;
 
-    /// Whether it is a regular file that has as many bytes as size() says. Files of /proc and /sys may have others.
-    bool hasStatedSize() const noexcept;
+    /// Whether it was a regular file that has as many bytes as size() says. Files of /proc and /sys may have others.
+    bool hasStatedSize() const noexcept { return m_hasStatedSize; }
 
     /// Read `size` bytes at an offset of a file with hasStatedSize().
     /// @throws CommandError, also if the file has become shorter
@@ -54,11 +54,13 @@ private:
 
     void requireNotTruncated() const;
     [[noreturn]] void throwTruncated() const;
+    bool findStatedSize() const noexcept;
 
     const std::string m_path;
     const int m_descriptor;
     struct stat m_status = {}; // when it was opened; constant after construction, and so is m_size
     std::optional<std::uint64_t> m_size;
+    bool m_hasStatedSize = false; // constant after construction
     std::uint64_t m_read = 0;
 };
 

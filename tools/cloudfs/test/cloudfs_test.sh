@@ -379,9 +379,10 @@ test_in_store()
     expect 0 '' mv "'/a%b'" "'/c%d'" # whose bytes are sent, because not every bucket understands such a name
     same big '/c%d'
     expect 1 '/moved: already exists.*code 3 .*' cp /big /moved
-    while touch big; do :; done &
+    while echo >>big; do :; done &
     expect 1 'big: was changed while being read .*' put big /new
     kill $!
+    expect 1 '/proc/self/mem: Input/output error .*' put /proc/self/mem /new
     prints $'big\nc%d\nmoved' ls -R
     nothing_left
 }

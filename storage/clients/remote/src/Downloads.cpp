@@ -1,5 +1,6 @@
 #include "Downloads.hpp"
 
+#include "FirstFailure.hpp"
 #include "Retry.hpp"
 
 #include <storage/clients/common/KeyRules.hpp>
@@ -8,7 +9,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <exception>
 #include <string_view>
 #include <vector>
 
@@ -23,32 +23,6 @@ constexpr std::uint64_t maxOpeningSize = 1U << 20;
 
 /// Large, so that the round trip of a request takes little of its time; small enough that the last ranges end together.
 constexpr std::uint64_t maxRangeSize = 8U << 20;
-
-/// The first failure of a download, which ends the other requests: those that wait for another attempt, too.
-class FirstFailure
-{
-public:
-    bool isThere() const noexcept { return m_isThere; }
-    Outage& outage() noexcept { return m_outage; }
-
-    /// Keep the exception that is being handled, unless there is one already.
-    void keep()
-    {
-        if (!m_isThere.exchange(true))
-        {
-            m_exception = std::current_exception();
-            m_outage.setAborting(true);
-        }
-    }
-
-    /// Call this when all requests have ended.
-    void throwIfThere() const { m_exception ? std::rethrow_exception(m_exception) : void(); }
-
-private:
-    std::atomic<bool> m_isThere = false;
-    std::exception_ptr m_exception;
-    Outage m_outage;
-};
 
 /// Ends a request after another one has failed. No std::exception, so that nobody handles it.
 struct Stopped
@@ -75,7 +49,8 @@ std::uint64_t Downloads::fetch(const std::string& key, const ObjectDownloader::S
         sink(0, content);
         next = content.size();
     }
-    FirstFailure failure;
+    Outage outage;
+    FirstFailure failure(outage);
     const auto fetchRange = [&](std::uint64_t offset)
     {
         const auto write = [&](std::uint64_t position, std::string_view bytes)
@@ -86,7 +61,7 @@ std::uint64_t Downloads::fetch(const std::string& key, const ObjectDownloader::S
             }
             sink(offset + position, bytes);
         };
-        m_reader.readVersion({Operation::GetObjectRange, key, &failure.outage()}, write,
+        m_reader.readVersion({Operation::GetObjectRange, key, &outage}, write,
             {offset, std::min(m_rangeSize, object.size - offset)}, object);
     };
     const auto fetchRanges = [&]

@@ -58,13 +58,13 @@ void Outage::end()
 void Outage::setAborting(bool isAborting)
 {
     const std::lock_guard lock(m_mutex);
-    m_isAborting = isAborting;
+    isAborting ? ++m_aborting : --m_aborting;
 }
 
 std::exception_ptr Outage::failure(Time now, bool isAbort) const
 {
     const std::lock_guard lock(m_mutex);
-    if (m_isAborting && !isAbort)
+    if (m_aborting > 0 && !isAbort)
     {
         return std::make_exception_ptr(cloudprovider::UnknownErrorException("Aborted", "the upload is being aborted"));
     }

@@ -34,7 +34,8 @@ public:
     void begin(std::exception_ptr failure, Time end, bool isAbort);
     void end();
 
-    /// While the transfer is being aborted, all its other requests fail, and none of them waits for another attempt.
+    /// While the transfer is being aborted, all its other requests fail, and none of them waits for another attempt. It
+    /// is until all who have set this have reset it.
     void setAborting(bool isAborting);
 
     /// What requests fail with now. @return null: they may be sent
@@ -48,7 +49,7 @@ private:
     std::exception_ptr m_failure;
     Time m_end;
     bool m_isAbortTried = false;
-    bool m_isAborting = false;
+    unsigned m_aborting = 0; // who have set it
 };
 
 /// Retries requests that fail with a TransientException, with exponential backoff and jitter, and counts the attempts.

@@ -411,7 +411,9 @@ UploadPlan planUpload(
         refuse(fmt::format("the object would have {} bytes; the maximum is {}", plan.size, store.maxObjectSize));
     }
     const TakeRules takes(store, ends);
-    plan.parts = store.equalParts ? planEqual(file, plan.size, store) : planJoined(file, store, takes);
+    // Bytes that have no parts of their own become equal ones in any case: not every store tells that it wants that.
+    const bool isWhole = !file.empty() && file.front().place == PartPlace::Source;
+    plan.parts = store.equalParts || isWhole ? planEqual(file, plan.size, store) : planJoined(file, store, takes);
     std::size_t count = plan.parts.size(); // of parts that the object will have
     for (const PlannedPart& part : plan.parts)
     {

@@ -74,8 +74,8 @@ struct UploadPlan
 ///
 /// Adjacent unchanged parts become one copy. Bytes that the store would refuse as a part of their own because they are
 /// too few, such as a small changed part or the unchanged bytes between two of them, are sent together with their
-/// neighbours. If the store wants parts of equal size, all bytes are cut at multiples of one size, which is that of the
-/// parts that were uploaded.
+/// neighbours. If the store wants parts of equal size, or the bytes are in a source, all bytes are cut at multiples of
+/// one size, which is that of the parts that were uploaded.
 /// @param ends  RemoteStore::partEnds() of the stored object; empty if the store wants parts of equal size
 /// @throws cloudprovider::UnsupportedOperationException when the limits of the store make an upload impossible
 UploadPlan planUpload(

@@ -1,5 +1,7 @@
 #include "Uploads.hpp"
 
+#include "FirstFailure.hpp"
+
 #include <storage/clients/common/Content.hpp>
 #include <storage/clients/common/KeyRules.hpp>
 #include <storage/clients/common/PartRules.hpp>
@@ -644,18 +646,31 @@ Uploads::Completion Uploads::prepare(Upload& upload, const std::vector<PartInfo>
     return completion;
 }
 
-/// Copy and send the parts that are not sent yet.
+/// Copy and send the parts that are not sent yet. The first failure ends all of them.
 void Uploads::transferParts(Upload& upload, const Completion& completion)
 {
+    FirstFailure failure(upload.outage());
+    const auto transfer = [&](const PlannedPart& part)
+    {
+        try
+        {
+            failure.isThere() ? void() : upload.recordDone(part, transferPart(upload, part, completion.source));
+        }
+        catch (...)
+        {
+            failure.keep();
+        }
+    };
     std::vector<TaskPool::Task> tasks;
     for (const PlannedPart& part : completion.plan.parts)
     {
         if (part.how != PlannedPart::How::Keep && !upload.doneTag(part))
         {
-            tasks.emplace_back([&] { upload.recordDone(part, transferPart(upload, part, completion.source)); });
+            tasks.emplace_back([&] { transfer(part); });
         }
     }
     m_pool.run(tasks);
+    failure.throwIfThere();
 }
 
 /// @return the store's tag
