@@ -91,9 +91,15 @@ bool Database::commitShared(const SharedChange& change)
     const Turn turn(&m_writers);
     const Lease connection = begin(Durability::Synced, wait);
     change.make(*connection);
+    constexpr unsigned maxGroup = 64; // changes of at most 64 KiB each: others wait no longer, and memory is bounded
     bool isShared = false;
-    while (WriterQueue::Writer* const other = m_writers.takeNext())
+    for (unsigned size = 1; size < maxGroup; ++size)
     {
+        WriterQueue::Writer* const other = m_writers.takeNext();
+        if (other == nullptr)
+        {
+            break;
+        }
         isShared = true;
         if (!connection->tryInSavepoint(other->change().make))
         {
@@ -134,6 +140,8 @@ void Database::shrink(std::size_t removals)
 {
     constexpr std::int64_t minFree = 256; // pages: fewer are soon used again
     constexpr std::int64_t minShare = 4;  // a quarter
+    // Long enough for the turn of this client; it is queued behind the other writers, which never let go of it.
+    static const LockLimits shortWait{std::chrono::milliseconds(100), {}};
     const auto count = [this](const char* pragma)
     {
         const Lease connection = borrow(LockWait(m_limits));
@@ -151,7 +159,7 @@ void Database::shrink(std::size_t removals)
         for (; removals > 0 && isMuchFree(); --removals)
         {
             // More than a removal frees on average, and little enough that other writers do not notice.
-            WriteTransaction transaction(*this, Durability::Deferred, LockWait(noWait));
+            WriteTransaction transaction(*this, Durability::Deferred, LockWait(shortWait));
             transaction->execute("PRAGMA incremental_vacuum(128)");
             transaction.commit();
         }

@@ -28,7 +28,7 @@ struct SharedChange
 /// The writers of one client, in the order in which they came. One of them has the turn, and so may write to the index.
 /// Before it commits, it takes others that wait with a SharedChange, makes their changes in its transaction, each in a
 /// savepoint, and commits all of them together. Nobody waits for company: a group is whoever waits by then, and nobody
-/// is in it twice, because its members wait until it has ended. The states of a writer:
+/// is in it twice, because its members wait until it has ended. Database limits its size. The states of a writer:
 ///
 ///     Waiting    in the queue; becomes HasTurn when it is the first one and the turn ends, or Taken, or gives up
 ///     HasTurn    ends with endTurn()
