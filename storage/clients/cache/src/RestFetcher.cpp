@@ -138,9 +138,9 @@ void RestFetcher::fetchPiece(Reading& reading, std::unique_lock<std::mutex>& loc
     const std::uint64_t offset = (reading.left - 1) / pieceSize * pieceSize;
     const ByteRange piece{offset, std::exchange(reading.left, offset) - offset};
     const bool isTrial = m_bytesPerSecond == 0;
-    const bool isThere = m_cache.missing(reading.object, piece).size == 0;
-    reading.isWanted = reading.left > 0 && (isThere || !isTrial);
-    if (!isThere)
+    const bool isHere = isInCache(reading.object, piece);
+    reading.isWanted = reading.left > 0 && (isHere || !isTrial);
+    if (!isHere)
     {
         reading.begin = reading.running == 0 && reading.fetched == 0 ? std::chrono::steady_clock::now() : reading.begin;
         ++reading.running;
@@ -177,11 +177,21 @@ void RestFetcher::end(Reading& reading, bool isTrial)
     }
 }
 
+bool RestFetcher::isInCache(const ObjectVersion& object, const ByteRange& piece) const noexcept
+try
+{
+    return m_cache.missing(object, piece).size == 0;
+}
+catch (...) // no memory to look
+{
+    return false;
+}
+
 /// @return false: do not go on
 bool RestFetcher::fetch(const ObjectVersion& object, const ByteRange& piece) noexcept
 try
 {
-    return m_fetch(object, piece) && m_cache.missing(object, piece).size == 0;
+    return m_fetch(object, piece) && isInCache(object, piece);
 }
 catch (...)
 {

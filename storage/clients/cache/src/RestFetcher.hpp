@@ -88,6 +88,7 @@ private:
 
     void work();
     bool fetch(const ObjectVersion& object, const ByteRange& piece) noexcept;
+    bool isInCache(const ObjectVersion& object, const ByteRange& piece) const noexcept;
 
     RangeCache& m_cache;
     const Fetch m_fetch;
