@@ -128,20 +128,6 @@ fsp::FileAttributes CommandContext::fileAttributes(const StorePath& path) const
     return translateErrors(path, [&] { return provider().getFileAttributes(path.iri()); });
 }
 
-std::optional<fsp::FileAttributes> CommandContext::findFile(const StorePath& path) const
-try
-{
-    return fileAttributes(path);
-}
-catch (const CommandError& failure)
-{
-    if (failure.code() != fsp::ErrorCode::NotFound)
-    {
-        throw;
-    }
-    return std::nullopt;
-}
-
 void CommandContext::requireCommitted(const StorePath& path) const
 {
     throwRecordedFailure(path.text(), path.key());

@@ -68,9 +68,6 @@ public:
 
     fsp::FileAttributes fileAttributes(const StorePath& path) const;
 
-    /// Look up a file. @return nullopt: there is none
-    std::optional<fsp::FileAttributes> findFile(const StorePath& path) const;
-
     /// Check a file after its last change.
     ///
     /// The provider reports no error for a file whose multipart upload could not be opened: it keeps the old object.

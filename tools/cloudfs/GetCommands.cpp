@@ -11,6 +11,9 @@
 #include <fl/i18n.hpp>
 
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -34,14 +37,34 @@ struct Options
 
 constexpr auto notAFolder = "already exists and is not a folder";
 
+void ignoreSize(std::uint64_t) {}
+
+/// Read a file without looking it up first, which would take a round trip. If it is missing, say what is there instead.
+///
+/// @param read  throws CommandError
+void readFile(const CommandContext& context, const StorePath& path, const std::function<void()>& read)
+{
+    if (path.namesFolder())
+    {
+        context.requireFile(path);
+    }
+    try
+    {
+        read();
+    }
+    catch (const CommandError& failure)
+    {
+        failure.code() == fsp::ErrorCode::NotFound ? context.requireFile(path) : void();
+        throw;
+    }
+}
+
 void printFile(const CommandContext& context, const StorePath& path)
 {
-    context.requireFile(path);
     StandardOutput output;
     Progress progress(context, false);
-    download(
-        context, path, [&](const char* data, std::size_t size) { output.write(std::string_view(data, size)); },
-        progress);
+    const auto write = [&](const char* data, std::size_t size) { output.write(std::string_view(data, size)); };
+    readFile(context, path, [&] { download(context, path, ignoreSize, write, progress); });
 }
 
 /// Downloads a folder of the store and its contents. The thread that lists creates each local folder before it queues
@@ -125,7 +148,7 @@ private:
             [this, path, local = m_target + "/" + name]
             {
                 LocalTarget target(local, m_options.force, LocalTarget::Destination::InsideTree);
-                download(m_context, path, target, m_progress);
+                download(m_context, path, ignoreSize, target, m_progress);
             });
     }
 
@@ -164,17 +187,19 @@ void get(CommandContext& context, const Options& options)
     }
     const std::string local = localDestination(options, path);
     Progress progress(context);
-    const auto file = path.namesFolder() ? std::nullopt : context.findFile(path);
-    if (file || !options.recursive)
+    if (!options.recursive || (!path.namesFolder() && context.fileExists(path)))
     {
-        if (!file)
+        const auto begin = [&](std::uint64_t size)
         {
-            context.requireFile(path);
-        }
-        progress.addToTotal(file ? file->size().value_or(0) : 0);
-        progress.markTotalFinal();
-        LocalTarget target(local, options.force, LocalTarget::Destination::NamedByUser);
-        download(context, path, target, progress);
+            progress.addToTotal(size);
+            progress.markTotalFinal();
+        };
+        readFile(context, path,
+            [&]
+            {
+                LocalTarget target(local, options.force, LocalTarget::Destination::NamedByUser);
+                download(context, path, begin, target, progress);
+            });
         return;
     }
     if (!context.folderExists(path))

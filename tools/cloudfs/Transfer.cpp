@@ -83,17 +83,18 @@ void upload(const CommandContext& context, const StorePath& path, LocalSource& s
     {
         interrupt::throwIfPending();
         source.readAt(offset, target, size);
-        progress.advance(size);
     };
     const auto check = [&]
     {
         interrupt::throwIfPending();
         source.requireUnchanged();
     };
-    context.translateErrors(path, [&] { uploader->uploadObject(path.key(), {*source.size(), read, check}); });
+    const auto sent = [&](std::uint64_t bytes) { progress.advance(bytes); };
+    context.translateErrors(path, [&] { uploader->uploadObject(path.key(), {*source.size(), read, check, sent}); });
 }
 
-void download(const CommandContext& context, const StorePath& path, const Sink& sink, Progress& progress)
+void download(
+    const CommandContext& context, const StorePath& path, const TakeSize& begin, const Write& write, Progress& progress)
 {
     context.translateErrors(path,
         [&]
@@ -102,6 +103,7 @@ void download(const CommandContext& context, const StorePath& path, const Sink& 
             // The stream's size, not the store's: the file may have been replaced since it was opened.
             const std::streamoff size = stream->seek(0, std::ios_base::end);
             stream->seek(0, std::ios_base::beg);
+            begin(static_cast<std::uint64_t>(size));
             const auto block = std::make_unique_for_overwrite<char[]>(blockSize);
             std::streamoff done = 0;
             while (done < size)
@@ -113,7 +115,7 @@ void download(const CommandContext& context, const StorePath& path, const Sink& 
                     throw CommandError(
                         path.text(), fmt::format("ended after {} of {} bytes", done, size), fsp::ErrorCode::Unknown);
                 }
-                sink(block.get(), static_cast<std::size_t>(count));
+                write(block.get(), static_cast<std::size_t>(count));
                 progress.advance(static_cast<std::uint64_t>(count));
                 done += count;
             }
@@ -121,7 +123,8 @@ void download(const CommandContext& context, const StorePath& path, const Sink& 
         });
 }
 
-void download(const CommandContext& context, const StorePath& path, LocalTarget& target, Progress& progress)
+void download(const CommandContext& context, const StorePath& path, const TakeSize& begin, LocalTarget& target,
+    Progress& progress)
 {
     auto* const downloader = target.isRegularFile()
                                  ? storage::clients::findInterface<storage::clients::ObjectDownloader>(context.store())
@@ -129,7 +132,7 @@ void download(const CommandContext& context, const StorePath& path, LocalTarget&
     if (downloader == nullptr)
     {
         download(
-            context, path, [&](const char* data, std::size_t size) { target.write(data, size); }, progress);
+            context, path, begin, [&](const char* data, std::size_t size) { target.write(data, size); }, progress);
     }
     else
     {
@@ -138,7 +141,7 @@ void download(const CommandContext& context, const StorePath& path, LocalTarget&
             target.writeAt(offset, bytes);
             progress.advance(bytes.size());
         };
-        context.translateErrors(path, [&] { downloader->downloadObject(path.key(), write); });
+        context.translateErrors(path, [&] { downloader->downloadObject(path.key(), {begin, write}); });
     }
     target.commit();
 }

@@ -35,17 +35,22 @@ void upload(const CommandContext& context, const StorePath& path, const fsp::Byt
 /// @throws CommandError; interrupt::Interrupted
 void upload(const CommandContext& context, const StorePath& path, LocalSource& source, Progress& progress);
 
-using Sink = std::function<void(const char* data, std::size_t size)>;
+/// Takes the size of a file in bytes, before any of them.
+using TakeSize = std::function<void(std::uint64_t size)>;
 
-/// Read a whole file of the store and pass it to the sink, block by block in order.
+using Write = std::function<void(const char* data, std::size_t size)>;
+
+/// Read a whole file of the store and pass it on, block by block in order.
 ///
-/// @throws CommandError; interrupt::Interrupted; whatever the sink throws
-void download(const CommandContext& context, const StorePath& path, const Sink& sink, Progress& progress);
+/// @throws CommandError; interrupt::Interrupted; whatever the functions throw
+void download(const CommandContext& context, const StorePath& path, const TakeSize& begin, const Write& write,
+    Progress& progress);
 
 /// Read a whole file of the store and commit it as a local one. If the store has an ObjectDownloader and the target is
 /// a regular file, the bytes arrive in any order, without the provider's streams and their temporary files.
 ///
 /// @throws CommandError; interrupt::Interrupted
-void download(const CommandContext& context, const StorePath& path, LocalTarget& target, Progress& progress);
+void download(const CommandContext& context, const StorePath& path, const TakeSize& begin, LocalTarget& target,
+    Progress& progress);
 
 } // namespace cloudfs

@@ -8,9 +8,8 @@
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <algorithm>
-#include <atomic>
+#include <cstddef>
 #include <string_view>
-#include <vector>
 
 namespace storage::clients
 {
@@ -39,49 +38,41 @@ Downloads::Downloads(ObjectReader& reader, TaskPool& pool, std::uint64_t partSiz
 {
 }
 
-std::uint64_t Downloads::fetch(const std::string& key, const ObjectDownloader::Sink& sink)
+void Downloads::fetch(const std::string& key, const ObjectDownloader::Sink& sink)
 {
-    Version object;
-    std::atomic<std::uint64_t> next; // offset of the next range
-    {
-        std::string content;
-        object = m_reader.open(key, m_openingSize, content);
-        sink(0, content);
-        next = content.size();
-    }
+    std::string content;
+    const Version object = m_reader.open(key, m_openingSize, content);
+    sink.begin(object.size);
+    sink.write(0, content);
     Outage outage;
     FirstFailure failure(outage);
-    const auto fetchRange = [&](std::uint64_t offset)
+    const std::uint64_t rest = object.size - content.size();
+    const auto fetchRange = [&](std::size_t index)
     {
+        const std::uint64_t begin = index * m_rangeSize; // in the rest
+        const ByteRange range{content.size() + begin, std::min(m_rangeSize, rest - begin)};
         const auto write = [&](std::uint64_t position, std::string_view bytes)
         {
             if (failure.isThere())
             {
                 throw Stopped();
             }
-            sink(offset + position, bytes);
+            sink.write(range.offset + position, bytes);
         };
-        m_reader.readVersion({Operation::GetObjectRange, key, &outage}, write,
-            {offset, std::min(m_rangeSize, object.size - offset)}, object);
+        m_reader.readVersion({Operation::GetObjectRange, key, &outage}, write, range, object);
     };
-    const auto fetchRanges = [&]
+    const auto tryRange = [&](std::size_t index)
     {
         try
         {
-            for (auto offset = next.fetch_add(m_rangeSize); offset < object.size && !failure.isThere();
-                 offset = next.fetch_add(m_rangeSize))
-            {
-                fetchRange(offset);
-            }
+            failure.isThere() ? void() : fetchRange(index);
         }
         catch (...)
         {
             failure.keep();
         }
     };
-    const std::uint64_t ranges = (object.size - next + m_rangeSize - 1) / m_rangeSize;
-    const std::uint64_t threads = std::max<std::uint64_t>(m_pool.maxThreads(), 1);
-    m_pool.run(std::vector<TaskPool::Task>(std::min(ranges, threads), fetchRanges));
+    m_pool.run((rest + m_rangeSize - 1) / m_rangeSize, tryRange);
     try
     {
         failure.throwIfThere();
@@ -91,7 +82,6 @@ std::uint64_t Downloads::fetch(const std::string& key, const ObjectDownloader::S
         throw cloudprovider::UnknownErrorException("Object changed",
             "reading " + quoted(key) + ": somebody has changed or removed the object since it was opened");
     }
-    return object.size;
 }
 
 } // namespace storage::clients

@@ -23,7 +23,7 @@ public:
     Downloads(ObjectReader& reader, TaskPool& pool, std::uint64_t partSize);
 
     /// See RemoteClient::downloadObject().
-    std::uint64_t fetch(const std::string& key, const ObjectDownloader::Sink& sink);
+    void fetch(const std::string& key, const ObjectDownloader::Sink& sink);
 
 private:
     ObjectReader& m_reader;

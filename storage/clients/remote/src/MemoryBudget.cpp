@@ -50,16 +50,6 @@ std::optional<MemoryBudget::Lease> MemoryBudget::acquireForPart(std::size_t size
     return Lease(*this, take(size, m_limit), false);
 }
 
-std::optional<MemoryBudget::Lease> MemoryBudget::tryAcquireForPart(std::size_t size)
-{
-    const std::lock_guard lock(m_mutex);
-    if (size > m_limit - m_limit / 2 || size > m_limit - m_lentBytes)
-    {
-        return std::nullopt;
-    }
-    return Lease(*this, take(size, m_limit), false);
-}
-
 std::optional<MemoryBudget::Lease> MemoryBudget::tryAcquireForPrefetch(std::size_t size)
 {
     const std::lock_guard lock(m_mutex);

@@ -53,9 +53,6 @@ public:
     /// @return nullopt if `size` exceeds the half of the limit that parts always have
     std::optional<Lease> acquireForPart(std::size_t size);
 
-    /// The same, without waiting. @return nullopt also if there is not enough space now
-    std::optional<Lease> tryAcquireForPart(std::size_t size);
-
     /// Borrow a buffer of at least `size` uninitialized bytes for a prefetched range. Never waits.
     /// @return nullopt if there is no space now
     std::optional<Lease> tryAcquireForPrefetch(std::size_t size);

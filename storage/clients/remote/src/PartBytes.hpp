@@ -14,15 +14,10 @@ namespace storage::clients
 class PartBytes
 {
 public:
-    enum class Wait
-    {
-        UntilThereIsABuffer,
-        Never ///< use a file instead; for threads that others wait for, who may have all buffers
-    };
-
+    /// Waits while other parts have all buffers.
     /// @throws cloudprovider::UnknownErrorException when there is no space in the file system
-    PartBytes(MemoryBudget& memory, std::size_t size, Wait wait = Wait::UntilThereIsABuffer)
-        : m_buffer(wait == Wait::Never ? memory.tryAcquireForPart(size) : memory.acquireForPart(size))
+    PartBytes(MemoryBudget& memory, std::size_t size)
+        : m_buffer(memory.acquireForPart(size))
         , m_size(size)
     {
         if (!m_buffer)

@@ -189,15 +189,15 @@ std::string RemoteClient::copyObject(const std::string& source, const std::strin
     return copied.version.tag;
 }
 
-std::uint64_t RemoteClient::downloadObject(const std::string& key, const Sink& sink)
+void RemoteClient::downloadObject(const std::string& key, const Sink& sink)
 {
-    return m_engine->downloads.fetch(key, sink);
+    m_engine->downloads.fetch(key, sink);
 }
 
 void RemoteClient::uploadObject(const std::string& key, const Source& source)
 {
     const ReadAhead::Write write(m_engine->readAhead, key);
-    if (source.size / 2 >= m_engine->store->abilities(key).minPartSize)
+    if (source.size > 2 * m_engine->store->abilities(key).minPartSize)
     {
         m_engine->uploads.storeObject(key, source);
         return;
@@ -207,6 +207,7 @@ void RemoteClient::uploadObject(const std::string& key, const Source& source)
     source.check();
     SpanBody body({bytes.view()});
     m_engine->writer.put(key, body);
+    source.sent(source.size);
 }
 
 std::map<std::string, std::exception_ptr> RemoteClient::deleteObjects(const std::vector<std::string>& keys)

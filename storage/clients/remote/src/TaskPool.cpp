@@ -50,66 +50,107 @@ void TaskPool::post(Task task)
     task();
 }
 
-void TaskPool::run(const std::vector<Task>& tasks)
+/// The calls of one run(). The threads may find that none is left after run() has returned, so they share this.
+class TaskPool::Run
 {
-    // The threads may find that nothing is left to do after this has returned, so they own what they look at.
-    struct Run
+public:
+    /// @param task  valid while a call is left or running
+    Run(std::size_t count, const IndexedTask& task)
+        : m_count(count)
+        , m_task(task)
     {
-        std::mutex mutex; // guards everything below
-        std::condition_variable changed;
-        const std::vector<Task>* tasks; // valid while a task is left or running
-        std::size_t left;
-        std::size_t running = 0;
-        std::exception_ptr failure; // the first one
-    };
-    const auto shared = std::make_shared<Run>();
-    shared->tasks = &tasks;
-    shared->left = tasks.size();
-    const auto work = [shared]
+    }
+
+    /// Make the next call. @return false: none was left
+    bool callNext()
     {
-        Run& run = *shared;
-        std::unique_lock lock(run.mutex);
-        while (run.left > 0)
+        std::unique_lock lock(m_mutex);
+        if (m_next == m_count)
         {
-            const Task& task = (*run.tasks)[run.tasks->size() - run.left--];
-            ++run.running;
-            lock.unlock();
-            std::exception_ptr failure;
-            try
-            {
-                task();
-            }
-            catch (...)
-            {
-                failure = std::current_exception();
-            }
-            lock.lock();
-            --run.running;
-            if (failure && !run.failure)
-            {
-                run.failure = failure;
-                run.left = 0;
-            }
-            run.changed.notify_all();
+            return false;
         }
-    };
+        const std::size_t index = m_next++;
+        ++m_running;
+        lock.unlock();
+        std::exception_ptr failure;
+        try
+        {
+            m_task(index);
+        }
+        catch (...)
+        {
+            failure = std::current_exception();
+        }
+        lock.lock();
+        --m_running;
+        if (failure && !m_failure)
+        {
+            m_failure = failure;
+            m_next = m_count;
+        }
+        m_changed.notify_all();
+        return true;
+    }
+
+    /// Wait for the calls that are running. @throws the first failure
+    void wait()
+    {
+        std::unique_lock lock(m_mutex);
+        m_changed.wait(lock, [this] { return m_running == 0; });
+        if (m_failure)
+        {
+            std::rethrow_exception(std::move(m_failure)); // not destroyed by the last thread that lets go of the run
+        }
+    }
+
+private:
+    const std::size_t m_count;
+    const IndexedTask& m_task;
+    std::mutex m_mutex; // guards everything below
+    std::condition_variable m_changed;
+    std::size_t m_next = 0; // index
+    std::size_t m_running = 0;
+    std::exception_ptr m_failure; // the first one
+};
+
+void TaskPool::run(std::size_t count, const IndexedTask& task)
+{
+    const auto shared = std::make_shared<Run>(count, task);
     try
     {
-        for (std::size_t i = 1; i < std::min(m_maxThreads, tasks.size()); ++i)
+        for (std::size_t i = 1; i < std::min(m_maxThreads, count); ++i)
         {
-            post(work);
+            post([this, shared] { help(shared); });
         }
     }
-    catch (const std::bad_alloc&) // the threads that have been asked, and this one, run all tasks
+    catch (const std::bad_alloc&) // the threads that have been asked, and this one, make all calls
     {
     }
-    work();
-    std::unique_lock lock(shared->mutex);
-    shared->changed.wait(lock, [&] { return shared->running == 0; });
-    if (shared->failure)
+    while (shared->callNext())
     {
-        std::rethrow_exception(std::move(shared->failure)); // not destroyed by the last thread that lets go of the run
     }
+    shared->wait();
+}
+
+/// Make calls of a run until none is left or a task waits for a thread; then queue behind it.
+void TaskPool::help(const std::shared_ptr<Run>& run)
+{
+    while (run->callNext() && !requeue(run))
+    {
+    }
+}
+
+/// @return false: there is nothing to queue behind
+bool TaskPool::requeue(const std::shared_ptr<Run>& run)
+try
+{
+    const std::lock_guard lock(m_mutex);
+    // No thread needs to wake up: this one takes the first task instead.
+    return !m_tasks.empty() && (m_tasks.push_back([this, run] { help(run); }), true);
+}
+catch (const std::bad_alloc&)
+{
+    return false;
 }
 
 /// Start a thread if that is possible.

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -30,13 +31,22 @@ public:
     /// @param task  must not throw
     void post(Task task);
 
-    /// Run tasks concurrently and wait for all of them. After a failure no further task starts; the first failure is
-    /// thrown when the running tasks have ended. Do not call this from a task.
-    void run(const std::vector<Task>& tasks);
+    using IndexedTask = std::function<void(std::size_t index)>;
+
+    /// Call a function for each index below `count`, on this thread and on those of the pool, and wait for all calls.
+    ///
+    /// Calls start in the order of their indices. Between two of them, a thread of the pool runs the tasks that others
+    /// have posted meanwhile. After a failure no further call starts; the first failure is thrown when the running
+    /// calls have ended. Do not call this from a task.
+    void run(std::size_t count, const IndexedTask& task);
 
     std::size_t maxThreads() const noexcept { return m_maxThreads; }
 
 private:
+    class Run;
+
+    void help(const std::shared_ptr<Run>& run);
+    bool requeue(const std::shared_ptr<Run>& run);
     void startThread();
     void work();
 

@@ -1,6 +1,7 @@
 #include "Uploads.hpp"
 
 #include "FirstFailure.hpp"
+#include "SourceBody.hpp"
 
 #include <storage/clients/common/Content.hpp>
 #include <storage/clients/common/KeyRules.hpp>
@@ -458,8 +459,19 @@ void Uploads::storeObject(const std::string& key, const ObjectUploader::Source& 
     const StoreAbilities store = m_store.abilities(key);
     const auto upload = m_registry.find(key, m_registry.begin(key, "", key));
     upload->setSource(&source);
-    const std::uint64_t partSize = std::max(store.minPartSize, (source.size + store.maxParts - 1) / store.maxParts);
-    completeWhole(upload, source.size, partSize, {.place = PartPlace::Source});
+    // Twice the minimum: half the requests. But what a store copies in whole parts only, it also changes in whole
+    // parts.
+    const std::uint64_t wanted = store.takesWholeParts ? store.minPartSize : 2 * store.minPartSize;
+    const std::uint64_t partSize = std::max(wanted, (source.size + store.maxParts - 1) / store.maxParts);
+    try
+    {
+        completeWhole(upload, source.size, partSize, {.place = PartPlace::Source});
+    }
+    catch (...)
+    {
+        source.check(); // a store that verifies hashes refuses bytes that have changed since they were hashed
+        throw;
+    }
 }
 
 /// Complete an upload whose parts are all in one place, one after the other. Abort it after a failure.
@@ -661,15 +673,15 @@ void Uploads::transferParts(Upload& upload, const Completion& completion)
             failure.keep();
         }
     };
-    std::vector<TaskPool::Task> tasks;
+    std::vector<const PlannedPart*> missing;
     for (const PlannedPart& part : completion.plan.parts)
     {
         if (part.how != PlannedPart::How::Keep && !upload.doneTag(part))
         {
-            tasks.emplace_back([&] { transfer(part); });
+            missing.push_back(&part);
         }
     }
-    m_pool.run(tasks);
+    m_pool.run(missing.size(), [&](std::size_t index) { transfer(*missing[index]); });
     failure.throwIfThere();
 }
 
@@ -691,9 +703,7 @@ std::string Uploads::transferPart(Upload& upload, const PlannedPart& part, const
     }
     if (!part.bytes.empty() && part.bytes.front().place == PartPlace::Source) // one range, as these have no neighbours
     {
-        PartBytes bytes(m_memory, part.size, PartBytes::Wait::Never);
-        upload.source()->read(part.bytes.front().offset, bytes.data(), part.size);
-        SpanBody body({bytes.view()});
+        SourceBody body(*upload.source(), part.bytes.front().offset, part.size);
         return sendBody(upload, part.number, body);
     }
     MappedPart bytes = map(upload, part, source);

@@ -15,20 +15,26 @@ class ObjectDownloader
 public:
     virtual ~ObjectDownloader() = default;
 
-    /// Takes bytes at their offset in the object. Called by several threads at a time, never for the same bytes. May be
-    /// called again for bytes that it has had, if these turned out to be wrong: the last ones count.
-    using Sink = std::function<void(std::uint64_t offset, std::string_view bytes)>;
+    /// Where the bytes go.
+    struct Sink
+    {
+        /// Takes the size of the object, in bytes. Called once, before all of the bytes.
+        std::function<void(std::uint64_t size)> begin;
+
+        /// Takes bytes at their offset in the object. Called by several threads at a time, never for the same bytes.
+        /// May be called again for bytes that it has had, if these turned out to be wrong: the last ones count.
+        std::function<void(std::uint64_t offset, std::string_view bytes)> write;
+    };
 
     /// Fetch all bytes of one version of an object: the one that is there when the call begins.
     ///
     /// Blocks until the sink has all of them. It is called by this thread and by others of the client, and not after
     /// this returns or throws. Any thread may call this, but not the sink.
     ///
-    /// @param sink  what it throws, of any type, ends the download and is thrown here
-    /// @return the size of the object, in bytes
+    /// @param sink  what its functions throw, of any type, ends the download and is thrown here
     /// @throws ResourceNotFoundException if there is no object
     /// @throws CloudException for other failures; UnknownErrorException if the object has changed meanwhile
-    virtual std::uint64_t downloadObject(const std::string& key, const Sink& sink) = 0;
+    virtual void downloadObject(const std::string& key, const Sink& sink) = 0;
 };
 
 } // namespace storage::clients

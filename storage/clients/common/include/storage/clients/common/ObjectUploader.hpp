@@ -21,13 +21,16 @@ public:
     {
         std::uint64_t size; ///< bytes
 
-        /// Read bytes [offset, offset + size). Called by several threads at a time. May be called again for bytes that
-        /// it has read.
+        /// Read bytes [offset, offset + size). Called by several threads at a time, and more than once for the same
+        /// bytes: for example to hash them, and then to send them.
         std::function<void(std::uint64_t offset, char* target, std::size_t size)> read;
 
         /// Throw if the bytes that were read may belong to different states of the source. Called when all of them
         /// have been read, before the object becomes visible.
         std::function<void()> check;
+
+        /// Count bytes that are sent for the first time. Called by several threads at a time.
+        std::function<void(std::uint64_t bytes)> sent;
     };
 
     /// Store an object, in place of one that may be there: all of it or nothing.

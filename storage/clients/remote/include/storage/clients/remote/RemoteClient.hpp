@@ -123,11 +123,11 @@ public:
 
     /// One request for an object of up to 1 MiB. The rest of a larger one follows in ranges of 8 MiB, of which
     /// RemoteSettings::transfers are on the way at a time. A broken range goes on behind its last byte.
-    std::uint64_t downloadObject(const std::string& key, const Sink& sink) override;
+    void downloadObject(const std::string& key, const Sink& sink) override;
 
-    /// One request for an object below twice the store's minimum part size. A larger one is an upload of parts that are
-    /// read into memory by the threads that send them, RemoteSettings::transfers at a time; a part that does not fit
-    /// there is read into a temporary file. After a failure the upload is aborted. The last writer wins.
+    /// One request for an object of up to twice the store's minimum part size. A larger one is an upload, whose parts
+    /// are read by the threads that send them, RemoteSettings::transfers at a time. Their bytes are read twice if the
+    /// store wants a hash before them. After a failure the upload is aborted. The last writer wins.
     void uploadObject(const std::string& key, const Source& source) override;
 
     /// In batches, or one after the other where the store cannot do that. What fails temporarily is retried.
