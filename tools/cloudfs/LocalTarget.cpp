@@ -184,6 +184,7 @@ void LocalTarget::writeAt(std::uint64_t offset, std::string_view bytes)
 
 void LocalTarget::writeData(std::uint64_t offset, std::string_view bytes)
 {
+    const std::lock_guard lock(m_writing);
     while (!bytes.empty())
     {
         const ssize_t written = ::pwrite(m_descriptor, bytes.data(), bytes.size(), static_cast<off_t>(offset));

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -75,6 +76,7 @@ private:
     int m_descriptor = -1;
     bool m_isUnnamed = false;             // until it is committed
     std::atomic<std::uint64_t> m_size{0}; // bytes of a regular file; it may end in a hole
+    std::mutex m_writing; // file systems admit one writer of a file; others that wait in the kernel use the processor
 };
 
 } // namespace cloudfs
