@@ -190,19 +190,19 @@ class Ours(Tool):
         run.call([self.programs / "tools/cloudfs/cloudfs", "--store", self._url(), *arguments], **files)
 
     def write(self, run, local, key):
-        self._cloudfs(run, "put", local, key)
+        self._cloudfs(run, "put", "-f", local, key)
 
     def read(self, run, key, local):
         self._cloudfs(run, "get", key, local)
 
     def write_stream(self, run, local, key):
-        self._cloudfs(run, "put", "-", key, stdin=local)
+        self._cloudfs(run, "put", "-f", "-", key, stdin=local)
 
     def read_stream(self, run, key, local):
         self._cloudfs(run, "cat", key, stdout=local)
 
     def write_all(self, run, folder, prefix):
-        self._cloudfs(run, "put", "-r", "-j", JOBS, folder, prefix)
+        self._cloudfs(run, "put", "-r", "-f", "-j", JOBS, folder, prefix)
 
     def read_all(self, run, prefix, names, folder):
         self._cloudfs(run, "get", "-r", "-j", JOBS, prefix, folder)
