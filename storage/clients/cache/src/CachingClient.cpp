@@ -84,8 +84,8 @@ void CachingClient::getObjectRange(const std::string& key, std::ostream& out, st
             InterceptingClient::getObjectRange(key, out, first, last);
             return;
         }
-        m_rest->read(object, missing, std::chrono::steady_clock::now() - begin);
         m_cache->write(object, missing, target);
+        m_rest->read(object, missing, std::chrono::steady_clock::now() - begin);
     }
     else
     {

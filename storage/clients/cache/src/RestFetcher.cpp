@@ -22,7 +22,8 @@ namespace
 constexpr std::size_t maxReadings = 64;
 constexpr std::size_t maxThreads = 4;
 constexpr unsigned minMisses = 16;             // before anything is fetched that nobody has asked for
-constexpr std::uint64_t pieceSize = 4U << 20U; // bytes; the transfer takes longer than a round trip
+constexpr std::uint64_t trialSize = 4U << 20U; // bytes; the transfer takes longer than a round trip
+constexpr std::uint64_t pieceSize = 2 * trialSize;
 constexpr std::chrono::seconds maxIdleTime{1}; // a reader that comes back later continues the rest
 
 void logFailure(const ObjectVersion& object) noexcept
@@ -135,9 +136,10 @@ void RestFetcher::work()
 /// Fetch the next piece, unless it is there. Releases the lock during the request.
 void RestFetcher::fetchPiece(Reading& reading, std::unique_lock<std::mutex>& lock)
 {
-    const std::uint64_t offset = (reading.left - 1) / pieceSize * pieceSize;
-    const ByteRange piece{offset, std::exchange(reading.left, offset) - offset};
     const bool isTrial = m_bytesPerSecond == 0;
+    const std::uint64_t size = isTrial ? trialSize : pieceSize;
+    const std::uint64_t offset = (reading.left - 1) / size * size;
+    const ByteRange piece{offset, std::exchange(reading.left, offset) - offset};
     const bool isHere = isInCache(reading.object, piece);
     reading.isWanted = reading.left > 0 && (isHere || !isTrial);
     if (!isHere)
@@ -162,7 +164,7 @@ void RestFetcher::fetchPiece(Reading& reading, std::unique_lock<std::mutex>& loc
 /// Measure what was fetched, and forget the readers if all of it is there, or if it was in vain.
 void RestFetcher::end(Reading& reading, bool isTrial)
 {
-    if (reading.fetched >= pieceSize / 4)
+    if (reading.fetched >= trialSize / 4)
     {
         // In a trial nothing else is on the way, so it waits for the response as the readers do.
         const Duration response = isTrial ? reading.shortestWait : Duration();

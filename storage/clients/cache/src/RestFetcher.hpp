@@ -23,7 +23,7 @@ namespace storage::clients
 /// the store. That is measured by a trial of 4 MiB after the 16th range that a reader of an object has waited for, and
 /// by each rest that was fetched. So the first readings of an object never cause a request.
 ///
-/// The rest is read in pieces of 4 MiB by 4 threads, the last piece first: a client that reads ahead would fetch pieces
+/// The rest is read in pieces of 8 MiB by 4 threads, the last piece first: a client that reads ahead would fetch pieces
 /// in ascending order twice. Pieces that are in the cache as a whole are left out. It stops when nobody has read the
 /// object for a second, and goes on when somebody has to wait again. When its version is not read any more, when the
 /// cache does not keep it, and after a failure, which is logged, readers must have waited as long again before it
