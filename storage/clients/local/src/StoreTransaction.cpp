@@ -169,10 +169,13 @@ void commitShared(Database& database, ContentFiles& files, const std::function<v
 {
     {
         std::optional<StoreTransaction> shared;
+        bool isMade = false;
         const auto make = [&](Connection& index)
         {
+            isMade = false;
             change(shared.emplace(database, files, index));
             shared->prepareCommit();
+            isMade = true;
         };
         const auto whenCommitted = [&]
         {
@@ -188,7 +191,7 @@ void commitShared(Database& database, ContentFiles& files, const std::function<v
         }
         catch (const StoreError& error)
         {
-            shared ? shared->commitFailed(error) : void();
+            isMade ? shared->commitFailed(error) : void(); // otherwise the change has failed, and was undone
             throw;
         }
     }

@@ -63,11 +63,18 @@ void WriterQueue::committed(Writer& first) noexcept
     wakeTaken(State::Committed);
 }
 
-void WriterQueue::failed(const StoreError& error)
+void WriterQueue::failed(const StoreError& error) noexcept
 {
     for (Writer* const writer : m_taken) // an exception each, because several threads must not share the text of one
     {
-        writer->m_failure = std::make_exception_ptr(StoreError(error.kind(), error.what()));
+        try
+        {
+            throw StoreError(error.kind(), error.what());
+        }
+        catch (...) // std::bad_alloc is a failure, too; without any, the writer would store its change again
+        {
+            writer->m_failure = std::current_exception();
+        }
     }
     wakeTaken(State::Failed);
 }

@@ -96,7 +96,7 @@ public:
     void committed(Writer& first) noexcept;
 
     /// Nobody knows whether the changes of the writers that were taken are on the disk.
-    void failed(const StoreError& error);
+    void failed(const StoreError& error) noexcept;
 
     /// Let the next writer have its turn. Writers that were taken are Reverted unless they have another state.
     void endTurn() noexcept;
