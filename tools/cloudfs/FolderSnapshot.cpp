@@ -21,24 +21,30 @@ constexpr std::uint64_t largeFile = 5 << 20; // bytes; larger files are sent in 
 FolderSnapshot::FolderSnapshot(const CommandContext& context, const StorePath& folder)
     : m_context(context)
 {
-    context.translateErrors(folder,
-        [&]
+    try
+    {
+        context.translateErrors(folder,
+            [&]
+            {
+                const auto entries = context.provider().listAll(folder.iri());
+                while (entries->hasNext() && m_isFolder.size() < maxListed)
+                {
+                    interrupt::throwIfPending();
+                    entries->next();
+                    const fsp::FolderEntry entry = entries->getCurrent();
+                    m_isFolder[fl::i18n::ustring_to_utf8(entry.name())] |= entry.isFolder();
+                }
+                m_isComplete = !entries->hasNext();
+            });
+    }
+    catch (const CommandError& failure)
+    {
+        if (failure.code() != fsp::ErrorCode::NotFound) // possible with --folders prefix
         {
-            if (!context.provider().folderExists(folder.iri())) // possible with --folders prefix
-            {
-                m_isComplete = true;
-                return;
-            }
-            const auto entries = context.provider().listAll(folder.iri());
-            while (entries->hasNext() && m_isFolder.size() < maxListed)
-            {
-                interrupt::throwIfPending();
-                entries->next();
-                const fsp::FolderEntry entry = entries->getCurrent();
-                m_isFolder[fl::i18n::ustring_to_utf8(entry.name())] |= entry.isFolder();
-            }
-            m_isComplete = !entries->hasNext();
-        });
+            throw;
+        }
+        m_isComplete = true;
+    }
 }
 
 CommandContext::Condition FolderSnapshot::requireCanStore(const StorePath& file, bool replace, std::uint64_t size) const
