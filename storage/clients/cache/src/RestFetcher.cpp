@@ -68,7 +68,8 @@ void RestFetcher::read(const ObjectVersion& object, const ByteRange& fetched, Du
     reading.lastRead = std::chrono::steady_clock::now();
     reading.missing -= std::min(reading.missing, fetched.size);
     const bool isNext = std::exchange(reading.lastEnd, fetched.offset + fetched.size) == fetched.offset;
-    if (fetched.size == 0 || isNext)
+    // Who reads in order waits as long as others only where nothing was read ahead, for lack of memory.
+    if (fetched.size == 0 || (isNext && waited < reading.shortestWait / 2))
     {
         return;
     }

@@ -17,11 +17,12 @@ namespace storage::clients
 
 /// Fetches the rest of an object into a RangeCache when waiting for single ranges of it has cost as much as that would.
 ///
-/// Random readers give no hint of what they read next, or whether they read on at all. Whoever has waited as long as
-/// the rest takes is assumed to go on: then nobody waits more than twice as long as with the better of both, whatever
-/// comes. The time that the rest takes follows from the bytes that were not requested yet, and from the throughput of
-/// the store. That is measured by a trial of 4 MiB after the 16th range that a reader of an object has waited for, and
-/// by each rest that was fetched. So the first readings of an object never cause a request.
+/// Random readers give no hint of what they read next, or whether they read on at all. Readers in order can be helped
+/// sooner, but only as far as there is memory to read ahead; beyond that, they wait like others. Whoever has waited as
+/// long as the rest takes is assumed to go on: then nobody waits more than twice as long as with the better of both,
+/// whatever comes. The time that the rest takes follows from the bytes that were not requested yet, and from the
+/// throughput of the store. That is measured by a trial of 4 MiB after the 16th range that a reader of an object has
+/// waited for, and by each rest that was fetched. So the first readings of an object never cause a request.
 ///
 /// The rest is read in pieces of 8 MiB by 4 threads, the last piece first: a client that reads ahead would fetch pieces
 /// in ascending order twice. Pieces that are in the cache as a whole are left out. It stops when nobody has read the
@@ -66,10 +67,10 @@ private:
         }
 
         ObjectVersion object;
-        std::uint64_t missing;     ///< bytes that nobody has requested
-        std::uint64_t lastEnd = 0; ///< of the range that was fetched last for a reader
-        unsigned misses = 0;       ///< that did not begin there
-        Duration waited{};         ///< for these
+        std::uint64_t missing;               ///< bytes that nobody has requested
+        std::uint64_t lastEnd = object.size; ///< of the range that was fetched last for a reader
+        unsigned misses = 0;                 ///< ranges that did not begin there, or for which a reader waited as long
+        Duration waited{};                   ///< for these
         Duration shortestWait = Duration::max();
         Time lastRead{};
         std::uint64_t left = object.size; ///< bytes before the pieces that were begun

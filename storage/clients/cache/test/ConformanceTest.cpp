@@ -30,9 +30,10 @@ using test::MemoryBucket;
 class CacheHarness : public conformance::Harness
 {
 public:
-    explicit CacheHarness(const RangeCacheSettings& settings = {{}, 1 << 20, 64}, std::uint64_t partSize = 1'100)
+    explicit CacheHarness(const RangeCacheSettings& settings = {{}, 1 << 20, 64}, std::uint64_t partSize = 1'100,
+        std::uint64_t memory = 64 << 20)
         : m_cache(RangeCache::open({m_folder.path, settings.maxSize, settings.blockSize}))
-        , m_partSize(partSize)
+        , m_settings{.memory = memory, .partSize = partSize}
     {
     }
 
@@ -52,13 +53,12 @@ private:
     CloudClientSharedPtr connect() const
     {
         return std::make_shared<CachingClient>(
-            std::make_shared<RemoteClient>(m_bucket->connect(), RemoteSettings{.partSize = m_partSize}), m_cache,
-            "bucket");
+            std::make_shared<RemoteClient>(m_bucket->connect(), m_settings), m_cache, "bucket");
     }
 
     const test::CacheFolder m_folder{};
     const std::shared_ptr<RangeCache> m_cache;
-    const std::uint64_t m_partSize;
+    const RemoteSettings m_settings;
     const std::shared_ptr<MemoryBucket> m_bucket = std::make_shared<MemoryBucket>();
     CloudClientSharedPtr m_client = connect();
 };
@@ -97,14 +97,15 @@ TEST(CachingClientTest, FetchesTheRestForReadersWhoHaveWaitedForLong)
         std::size_t reads;
         bool areInOrder = false, isFetched = false;
         bool stop = false, isReplaced = false; // once it is being fetched
-    } rows[] = {{64 << 20, 3}, {20 << 20, 40}, {64 << 20, 40, true}, {64 << 20, 40, false, true},
-        {64 << 20, 40, false, true, true}, {64 << 20, 40, false, true, true, true}};
+        std::uint64_t memory = 64 << 20;
+    } rows[] = {{64 << 20, 3}, {20 << 20, 40}, {64 << 20, 40, true}, {64 << 20, 40, true, true, false, false, 100'000},
+        {64 << 20, 40, false, true}, {64 << 20, 40, false, true, true}, {64 << 20, 40, false, true, true, true}};
     std::string old(size, '\0');
     std::ranges::generate(old, [next = std::minstd_rand()]() mutable { return static_cast<char>(next()); });
     for (const auto& row : rows)
     {
         SCOPED_TRACE(&row - rows);
-        CacheHarness harness({{}, row.cacheSize, piece}, 256 << 10);
+        CacheHarness harness({{}, row.cacheSize, piece}, 256 << 10, row.memory);
         harness.bucket().put("k", old);
         harness.client().getObjectParts("k");
         std::atomic<std::uint64_t> requested = 0;
