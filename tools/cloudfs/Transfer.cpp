@@ -71,12 +71,22 @@ void upload(const CommandContext& context, const StorePath& path, const fsp::Byt
 
 void upload(const CommandContext& context, const StorePath& path, LocalSource& source, Progress& progress)
 {
-    auto* const uploader = source.hasStatedSize()
-                               ? storage::clients::findInterface<storage::clients::ObjectUploader>(context.store())
-                               : nullptr;
+    auto* const uploader = storage::clients::findInterface<storage::clients::ObjectUploader>(context.store());
     if (uploader == nullptr)
     {
         upload(context, path, wholeFile, 0, source, progress);
+        return;
+    }
+    if (!source.hasStatedSize())
+    {
+        const auto readNext = [&](char* target, std::size_t size)
+        {
+            interrupt::throwIfPending();
+            const std::size_t count = source.read(target, size);
+            progress.advance(count);
+            return count;
+        };
+        context.translateErrors(path, [&] { uploader->uploadStream(path.key(), readNext); });
         return;
     }
     const auto read = [&](std::uint64_t offset, char* target, std::size_t size)
@@ -96,6 +106,17 @@ void upload(const CommandContext& context, const StorePath& path, LocalSource& s
 void download(
     const CommandContext& context, const StorePath& path, const TakeSize& begin, const Write& write, Progress& progress)
 {
+    if (auto* const downloader = storage::clients::findInterface<storage::clients::ObjectDownloader>(context.store()))
+    {
+        const auto writeNext = [&](std::uint64_t, std::string_view bytes)
+        {
+            interrupt::throwIfPending();
+            write(bytes.data(), bytes.size());
+            progress.advance(bytes.size());
+        };
+        context.translateErrors(path, [&] { downloader->downloadObject(path.key(), {begin, writeNext, true}); });
+        return;
+    }
     context.translateErrors(path,
         [&]
         {

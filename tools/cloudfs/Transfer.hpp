@@ -27,9 +27,9 @@ inline constexpr fsp::ByteStreamOpenOptions wholeFile{fsp::ByteStreamReadAccess:
 void upload(const CommandContext& context, const StorePath& path, const fsp::ByteStreamOpenOptions& options,
     std::uint64_t offset, LocalSource& source, Progress& progress);
 
-/// Store everything from the source as a whole file of the store. If the store has an ObjectUploader and the source is
-/// a regular file, its bytes are read in any order, without the provider's streams and their temporary files. It must
-/// not change then until it is stored.
+/// Store everything from the source as a whole file of the store. If the store has an ObjectUploader, this works
+/// without the provider's streams and their temporary files; a regular file is read in any order, and must not change
+/// until it is stored.
 ///
 /// All or nothing, as above.
 /// @throws CommandError; interrupt::Interrupted
@@ -40,14 +40,15 @@ using TakeSize = std::function<void(std::uint64_t size)>;
 
 using Write = std::function<void(const char* data, std::size_t size)>;
 
-/// Read a whole file of the store and pass it on, block by block in order.
+/// Read a whole file of the store and pass it on, block by block in order, from any thread but one at a time. If the
+/// store has an ObjectDownloader, this works without the provider's streams and their temporary files.
 ///
 /// @throws CommandError; interrupt::Interrupted; whatever the functions throw
 void download(const CommandContext& context, const StorePath& path, const TakeSize& begin, const Write& write,
     Progress& progress);
 
 /// Read a whole file of the store and commit it as a local one. If the store has an ObjectDownloader and the target is
-/// a regular file, the bytes arrive in any order, without the provider's streams and their temporary files.
+/// a regular file, the bytes arrive in any order.
 ///
 /// @throws CommandError; interrupt::Interrupted
 void download(const CommandContext& context, const StorePath& path, const TakeSize& begin, LocalTarget& target,

@@ -1,6 +1,7 @@
 #include "Downloads.hpp"
 
 #include "FirstFailure.hpp"
+#include "InOrder.hpp"
 #include "Retry.hpp"
 
 #include <storage/clients/common/KeyRules.hpp>
@@ -10,6 +11,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <string_view>
+#include <utility>
 
 namespace storage::clients
 {
@@ -30,11 +32,12 @@ struct Stopped
 
 } // namespace
 
-Downloads::Downloads(ObjectReader& reader, TaskPool& pool, std::uint64_t partSize)
+Downloads::Downloads(ObjectReader& reader, TaskPool& pool, const RemoteSettings& settings)
     : m_reader(reader)
     , m_pool(pool)
-    , m_openingSize(std::min(4 * partSize, maxOpeningSize))
-    , m_rangeSize(std::min(32 * partSize, maxRangeSize))
+    , m_openingSize(std::min(4 * settings.partSize, maxOpeningSize))
+    , m_rangeSize(std::min(32 * settings.partSize, maxRangeSize))
+    , m_orderedSize(std::clamp(settings.memory / 2 / settings.transfers, m_openingSize / 4, m_rangeSize))
 {
 }
 
@@ -47,19 +50,29 @@ void Downloads::fetch(const std::string& key, const ObjectDownloader::Sink& sink
     Outage outage;
     FirstFailure failure(outage);
     const std::uint64_t rest = object.size - content.size();
+    const std::uint64_t rangeSize = sink.isOrdered ? m_orderedSize : m_rangeSize;
+    InOrder order(rangeSize);
     const auto fetchRange = [&](std::size_t index)
     {
-        const std::uint64_t begin = index * m_rangeSize; // in the rest
-        const ByteRange range{content.size() + begin, std::min(m_rangeSize, rest - begin)};
+        const std::uint64_t begin = index * rangeSize; // in the rest
+        const ByteRange range{content.size() + begin, std::min(rangeSize, rest - begin)};
+        InOrder::Buffer early = sink.isOrdered ? order.takeBuffer() : nullptr;
         const auto write = [&](std::uint64_t position, std::string_view bytes)
         {
             if (failure.isThere())
             {
                 throw Stopped();
             }
-            sink.write(range.offset + position, bytes);
+            early ? void(bytes.copy(early.get() + position, bytes.size())) : sink.write(range.offset + position, bytes);
         };
         m_reader.readVersion({Operation::GetObjectRange, key, &outage}, write, range, object);
+        if (early)
+        {
+            order.passOn(index, std::move(early),
+                [&](const char* bytes) {
+                    sink.write(range.offset, {bytes, range.size});
+                });
+        }
     };
     const auto tryRange = [&](std::size_t index)
     {
@@ -70,9 +83,10 @@ void Downloads::fetch(const std::string& key, const ObjectDownloader::Sink& sink
         catch (...)
         {
             failure.keep();
+            order.end();
         }
     };
-    m_pool.run((rest + m_rangeSize - 1) / m_rangeSize, tryRange);
+    m_pool.run((rest + rangeSize - 1) / rangeSize, tryRange);
     try
     {
         failure.throwIfThere();

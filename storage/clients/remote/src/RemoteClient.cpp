@@ -35,7 +35,7 @@ public:
         , reader(*store, retry, pins, settings.partSize)
         , writer(*store, retry, pins, required, metadata)
         , readAhead(reader, pins, pool, memory, settings)
-        , downloads(reader, pool, settings.partSize)
+        , downloads(reader, pool, settings)
         , uploads(*store, retry, pins, required, reader, metadata, memory, pool)
         , pool(settings.transfers > 1 ? settings.transfers : 0)
     {
@@ -208,6 +208,30 @@ void RemoteClient::uploadObject(const std::string& key, const Source& source)
     SpanBody body({bytes.view()});
     m_engine->writer.put(key, body);
     source.sent(source.size);
+}
+
+void RemoteClient::uploadStream(const std::string& key, const ReadNext& read)
+{
+    const ReadAhead::Write write(m_engine->readAhead, key);
+    const std::size_t capacity = m_engine->store->abilities(key).minPartSize;
+    const auto bytes = std::make_unique_for_overwrite<char[]>(capacity);
+    const auto readPart = [&]
+    {
+        std::size_t size = 0;
+        for (std::size_t count = 1; count > 0 && size < capacity; size += count)
+        {
+            count = read(bytes.get() + size, capacity - size);
+        }
+        return std::string_view(bytes.get(), size);
+    };
+    const std::string_view first = readPart();
+    if (first.size() == capacity)
+    {
+        m_engine->uploads.storeStream(key, first, readPart);
+        return;
+    }
+    SpanBody body({first});
+    m_engine->writer.put(key, body);
 }
 
 std::map<std::string, std::exception_ptr> RemoteClient::deleteObjects(const std::vector<std::string>& keys)

@@ -13,6 +13,8 @@
 
 #include <foundation/log/Severity.hpp>
 
+#include <boost/iostreams/device/array.hpp>
+#include <boost/iostreams/stream.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -470,6 +472,29 @@ void Uploads::storeObject(const std::string& key, const ObjectUploader::Source& 
     catch (...)
     {
         source.check(); // a store that verifies hashes refuses bytes that have changed since they were hashed
+        throw;
+    }
+}
+
+void Uploads::storeStream(const std::string& key, std::string_view part, const std::function<std::string_view()>& next)
+{
+    const std::string id = create(key, "");
+    const auto upload = m_registry.find(key, id);
+    try
+    {
+        std::vector<PartInfo> parts;
+        for (std::uint64_t offset = 0; !part.empty(); part = next())
+        {
+            boost::iostreams::stream<boost::iostreams::array_source> content(part.data(), part.size());
+            parts.push_back({parts.size(), offset, part.size(), ""});
+            parts.back().Tag = send(key, id, parts.back(), content);
+            offset += part.size();
+        }
+        complete(key, id, parts);
+    }
+    catch (...)
+    {
+        tryToAbort(*upload);
         throw;
     }
 }

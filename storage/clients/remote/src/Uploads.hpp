@@ -70,6 +70,11 @@ public:
     /// Store a large object. Aborts the upload after a failure.
     void storeObject(const std::string& key, const ObjectUploader::Source& source);
 
+    /// Upload an object part by part, and abort that after a failure.
+    /// @param part  the first one
+    /// @param next  reads the one behind it; empty: there is none
+    void storeStream(const std::string& key, std::string_view part, const std::function<std::string_view()>& next);
+
     /// Abort every upload that is open, and log failures. After a TransientException, abort no other: it would take as
     /// long to fail. Call before the thread pool ends; no other call may be in progress.
     void abortAll() noexcept;

@@ -192,18 +192,30 @@ protected:
 
     void complete(const std::string& id, const Parts& parts) { client->completeMultipartUpload("k", id, parts); }
 
-    /// Store bytes as those of a source that can be read in any order.
+    /// Store bytes as those of a source that can be read in any order, or of a stream.
     /// @param read  called before each reading, and at the end
-    /// @return how many bytes are said to have been sent
+    /// @return how many bytes are said to have been sent, or were read
     std::uint64_t store(
-        const std::string& bytes, const std::function<void()>& read = [] {})
+        const std::string& bytes, const std::function<void()>& read = [] {}, bool isStream = false)
     {
+        std::atomic<std::uint64_t> sent = 0;
+        const auto copyNext = [&](char* target, std::size_t size)
+        {
+            read();
+            const std::size_t count = bytes.copy(target, std::min<std::size_t>(size, 70), sent);
+            sent += count;
+            return count;
+        };
+        if (isStream)
+        {
+            client->uploadStream("k", copyNext);
+            return sent;
+        }
         const auto copy = [&](std::uint64_t offset, char* target, std::size_t size)
         {
             read();
             bytes.copy(target, size, offset);
         };
-        std::atomic<std::uint64_t> sent = 0;
         client->uploadObject("k", {bytes.size(), copy, read, [&](std::uint64_t count) { sent += count; }});
         return sent;
     }
@@ -927,10 +939,11 @@ TEST_F(RemoteClientTest, DownloadsOneVersionWhateverHappens)
         {broken, [&] { bucket->put("k", content(9, 2)); }, "changed or removed the object"},
         {std::nullopt, [&] { bucket->put("k", std::nullopt); }, "no object k"},
         {std::nullopt, [&] { isFull = true; }, "full"}};
-    for (std::size_t i = 0; i < std::size(rows) * 16; ++i)
+    for (std::size_t i = 0; i < std::size(rows) * 32; ++i)
     {
-        const auto& row = rows[i / 16];
-        SCOPED_TRACE(::testing::Message() << "row " << i / 16 << ", case " << i % 16);
+        const auto& row = rows[i / 32];
+        const bool isOrdered = i % 32 >= 16;
+        SCOPED_TRACE(::testing::Message() << "row " << i / 32 << ", case " << i % 32);
         open(i % 2 == 0 ? 1 : 3);
         isInterrupted = isFull = false;
         bucket->put("k", bytes);
@@ -938,14 +951,18 @@ TEST_F(RemoteClientTest, DownloadsOneVersionWhateverHappens)
         { return ++*number == i % 16 / 2 + 2 ? (row.happens(), row.fault) : std::nullopt; };
         std::string target(bytes.size(), '.');
         const auto begin = [&](std::uint64_t size) { EXPECT_EQ(size, bytes.size()); };
+        std::uint64_t done = 0;
         const auto write = [&](std::uint64_t offset, std::string_view piece)
-        { isFull ? throw UnknownErrorException("full") : piece.copy(&target[offset], piece.size()); };
-        const auto failure = failureOf([&] { client->downloadObject("k", {begin, write}); });
+        {
+            isFull ? throw UnknownErrorException("full") : piece.copy(&target[offset], piece.size());
+            EXPECT_TRUE(!isOrdered || std::exchange(done, offset + piece.size()) == offset);
+        };
+        const auto failure = failureOf([&] { client->downloadObject("k", {begin, write, isOrdered}); });
         EXPECT_THAT(failure.value_or(target), HasSubstr(row.failure != nullptr ? row.failure : bytes));
     }
 }
 
-// All sizes around those of parts, with and without memory for them. The source fails at each of its calls.
+// All sizes around those of parts. The source fails at each of its calls.
 TEST_F(RemoteClientTest, StoresAWholeSourceOrNothing)
 {
     bucket->abilities.maxParts = 20;
@@ -953,25 +970,27 @@ TEST_F(RemoteClientTest, StoresAWholeSourceOrNothing)
     {
         std::size_t transfers;
         std::uint64_t memory;
-        bool hasEqualParts;
-    } rows[] = {{1, 1'000, false}, {3, 1'000, true}, {3, 10, false}};
+        bool hasEqualParts, isStream;
+    } rows[] = {{1, 1'000, false, false}, {3, 1'000, true, false}, {1, 1'000, false, true}, {3, 1'000, false, true}};
     for (const std::size_t size : std::vector<std::size_t>{0, 1, 199, 200, 201, 399, 1'999, 2'000, 2'001, 5'003})
     {
-        for (const auto& [transfers, memory, hasEqualParts] : rows)
+        for (const auto& [transfers, memory, hasEqualParts, isStream] : rows)
         {
-            SCOPED_TRACE(Message() << size << " bytes, " << transfers << " transfers, equal parts " << hasEqualParts);
+            SCOPED_TRACE(Message() << size << " bytes, " << transfers << " transfers, equal parts " << hasEqualParts
+                                   << ", stream " << isStream);
             bucket->abilities.equalParts = hasEqualParts;
             open(transfers, memory);
             const std::string bytes = content(size, 1);
             std::atomic<unsigned> calls = 0;
-            EXPECT_EQ(store(bytes, [&] { ++calls; }), size);
+            const auto count = [&] { ++calls; };
+            EXPECT_EQ(store(bytes, count, isStream), size);
             EXPECT_EQ(bucket->content("k"), bytes);
             for (unsigned failing = calls; failing > 0; --failing)
             {
                 bucket->put("k", old);
                 calls = 0;
                 const auto gone = [&] { ++calls == failing ? throw UnknownErrorException("gone") : void(); };
-                EXPECT_THAT(failureOf([&] { store(bytes, gone); }), Optional(HasSubstr("gone")));
+                EXPECT_THAT(failureOf([&] { store(bytes, gone, isStream); }), Optional(HasSubstr("gone")));
                 EXPECT_EQ(bucket->content("k"), old);
                 EXPECT_EQ(bucket->openUploads(), 0U);
             }

@@ -24,6 +24,10 @@ public:
         /// Takes bytes at their offset in the object. Called by several threads at a time, never for the same bytes.
         /// May be called again for bytes that it has had, if these turned out to be wrong: the last ones count.
         std::function<void(std::uint64_t offset, std::string_view bytes)> write;
+
+        /// Whether write() must be called by one thread at a time, with the bytes in order and each of them once. The
+        /// bytes that arrive too early are kept in memory.
+        bool isOrdered = false;
     };
 
     /// Fetch all bytes of one version of an object: the one that is there when the call begins.

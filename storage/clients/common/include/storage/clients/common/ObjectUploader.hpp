@@ -9,8 +9,7 @@ namespace storage::clients
 {
 
 /// An interface that a client implements besides CloudClient if it can store a whole object faster than part after
-/// part. A caller that can read all bytes in any order, such as those of a local file, looks for it with
-/// findInterface().
+/// part. A caller that has all bytes, such as those of a local file or a pipe, looks for it with findInterface().
 class ObjectUploader
 {
 public:
@@ -40,6 +39,14 @@ public:
     /// @param source  what its functions throw, of any type, ends the upload and is thrown here
     /// @throws as CloudClient::putObject()
     virtual void uploadObject(const std::string& key, const Source& source) = 0;
+
+    /// Reads the next bytes, at most `size`, which is not 0. @return how many; 0: there are no more
+    using ReadNext = std::function<std::size_t(char* target, std::size_t size)>;
+
+    /// The same for bytes that come in order and whose number is not known, such as those of a pipe. They are read by
+    /// this thread, while others of the client send those that were read before.
+    /// @param read  what it throws, of any type, ends the upload and is thrown here
+    virtual void uploadStream(const std::string& key, const ReadNext& read) = 0;
 };
 
 } // namespace storage::clients

@@ -122,13 +122,18 @@ public:
     std::string copyObject(const std::string& source, const std::string& target) override;
 
     /// One request for an object of up to 1 MiB. The rest of a larger one follows in ranges of 8 MiB, of which
-    /// RemoteSettings::transfers are on the way at a time. A broken range goes on behind its last byte.
+    /// RemoteSettings::transfers are on the way at a time; for an ordered sink, they are smaller if that takes more
+    /// than half of RemoteSettings::memory. A broken range goes on behind its last byte.
     void downloadObject(const std::string& key, const Sink& sink) override;
 
     /// One request for an object of up to twice the store's minimum part size. A larger one is an upload, whose parts
     /// are read by the threads that send them, RemoteSettings::transfers at a time. Their bytes are read twice if the
     /// store wants a hash before them. After a failure the upload is aborted. The last writer wins.
     void uploadObject(const std::string& key, const Source& source) override;
+
+    /// One request for an object below the store's minimum part size. A larger one is an upload of parts of that size,
+    /// as by uploadPart(). After a failure the upload is aborted. The last writer wins.
+    void uploadStream(const std::string& key, const ReadNext& read) override;
 
     /// In batches, or one after the other where the store cannot do that. What fails temporarily is retried.
     std::map<std::string, std::exception_ptr> deleteObjects(const std::vector<std::string>& keys) override;

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace storage::clients
+{
+
+/// Lets several threads fetch pieces at the same time, and pass them on in order. Each holds one piece, so what has
+/// arrived too early is bounded by the number of threads. Safe for concurrent calls.
+class InOrder
+{
+public:
+    using Buffer = std::unique_ptr<char[]>;
+
+    /// @param maxSize  bytes of a piece
+    explicit InOrder(std::size_t maxSize)
+        : m_maxSize(maxSize)
+    {
+    }
+    InOrder(const InOrder&) = delete;
+    InOrder& operator=(const InOrder&) = delete;
+
+    /// Memory for a piece, not initialized.
+    Buffer takeBuffer()
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_free.empty())
+        {
+            return std::make_unique_for_overwrite<char[]>(m_maxSize);
+        }
+        Buffer buffer = std::move(m_free.back());
+        m_free.pop_back();
+        return buffer;
+    }
+
+    /// Wait until all pieces before this one were passed on, and pass it on. If that throws, call end().
+    ///
+    /// @param index  of the piece, from 0; each must come from a thread that does not wait for a later one
+    /// @return false: end() was called, and nothing was passed on
+    bool passOn(std::size_t index, Buffer buffer, const std::function<void(const char* bytes)>& pass)
+    {
+        std::unique_lock lock(m_mutex);
+        m_changed.wait(lock, [&] { return m_next == index || m_hasEnded; });
+        if (m_hasEnded)
+        {
+            return false;
+        }
+        lock.unlock(); // no other thread has its turn now
+        pass(buffer.get());
+        lock.lock();
+        ++m_next;
+        m_free.push_back(std::move(buffer));
+        m_changed.notify_all();
+        return true;
+    }
+
+    /// Let nobody wait any more.
+    void end()
+    {
+        const std::lock_guard lock(m_mutex);
+        m_hasEnded = true;
+        m_changed.notify_all();
+    }
+
+private:
+    const std::size_t m_maxSize;
+    std::mutex m_mutex; // innermost; guards all members below
+    std::condition_variable m_changed;
+    std::size_t m_next = 0; // index of the piece to be passed on
+    bool m_hasEnded = false;
+    std::vector<Buffer> m_free;
+};
+
+} // namespace storage::clients
