@@ -21,7 +21,7 @@ ROOT = Path(__file__).resolve().parents[2]
 MIB = 1024 * 1024
 BIG, WHOLE = 256 * MIB, 1024 * MIB
 TOOLS = [tool.name for tool in (tools.Ours, tools.Rclone, tools.RcloneMount, tools.S3fs, tools.Gdal, tools.Awscrt, tools.Curl)]
-WORKS = "W1 W1s W2 W2s W3 W4 W5 W5a W5b W6 W7 W8 W9".split()  # W5 is both of W5a and W5b
+WORKS = "W1 W1s W1h W2 W2s W2h W3 W4 W5 W5a W5b W6 W7 W8 W9".split()  # W5 is both of W5a and W5b
 MIDDLE = BIG // 2 + 4096  # not on a part boundary of any tool
 
 
@@ -143,8 +143,10 @@ class Works:
         self.rows = [
             ("W1", "write 256 MiB", [], self._write("write")),
             ("W1s", "write 256 MiB from standard input", [], self._write("write_stream")),
+            ("W1h", "write 256 MiB through a stream of the provider", [], self._write("write_as_host")),
             ("W2", "read 256 MiB", ["big"], self._read("read")),
             ("W2s", "read 256 MiB to standard output", ["big"], self._read("read_stream")),
+            ("W2h", "read 256 MiB through a stream of the provider", ["big"], self._read("read_as_host")),
             ("W3", "create 500 files of 4 KiB", [], self._write_all),
             ("W4", "read 500 files of 4 KiB", ["small"], self._read_all),
             ("W5a", "list 20,000 objects in 100 folders", ["tree"], self._list("list_all", "tree", m.tree)),

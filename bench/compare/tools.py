@@ -33,7 +33,7 @@ class Tool:
     def _cannot(self, run, *_):
         raise NotImplementedError
 
-    write = read = write_stream = read_stream = write_all = read_all = list_all = list_level = patch = append = pick = _cannot
+    write = read = write_stream = read_stream = write_as_host = read_as_host = write_all = read_all = list_all = list_level = patch = append = pick = _cannot
 
 
 class Curl(Tool):
@@ -200,6 +200,12 @@ class Ours(Tool):
 
     def read_stream(self, run, key, local):
         self._cloudfs(run, "cat", key, stdout=local)
+
+    def write_as_host(self, run, local, key):
+        run.call([self.programs / "bench/compare/host_stream", "write", local, self._url(), key])
+
+    def read_as_host(self, run, key, local):
+        run.call([self.programs / "bench/compare/host_stream", "read", local, self._url(), key])
 
     def write_all(self, run, folder, prefix):
         self._cloudfs(run, "put", "-r", "-f", "-j", JOBS, folder, prefix)
