@@ -3,6 +3,7 @@
 #include "CommandError.hpp"
 #include "Interrupt.hpp"
 
+#include <storage/clients/cache/CachingClient.hpp>
 #include <storage/clients/common/ObjectDownloader.hpp>
 #include <storage/clients/common/ObjectUploader.hpp>
 #include <storage/clients/decorators/FindInterface.hpp>
@@ -35,6 +36,15 @@ void writeAll(fsp::ByteStream& stream, const StorePath& path, const char* data, 
         data += written;
         size -= static_cast<std::size_t>(written);
     }
+}
+
+/// @return null if the store has none, or a cache: streams read what is there, and keep the rest
+storage::clients::ObjectDownloader* findDownloader(const CommandContext& context)
+{
+    auto& store = context.store();
+    return storage::clients::findInterface<storage::clients::CachingClient>(store) == nullptr
+               ? storage::clients::findInterface<storage::clients::ObjectDownloader>(store)
+               : nullptr;
 }
 
 } // namespace
@@ -106,7 +116,7 @@ void upload(const CommandContext& context, const StorePath& path, LocalSource& s
 void download(
     const CommandContext& context, const StorePath& path, const TakeSize& begin, const Write& write, Progress& progress)
 {
-    if (auto* const downloader = storage::clients::findInterface<storage::clients::ObjectDownloader>(context.store()))
+    if (auto* const downloader = findDownloader(context))
     {
         const auto writeNext = [&](std::uint64_t, std::string_view bytes)
         {
@@ -147,9 +157,7 @@ void download(
 void download(const CommandContext& context, const StorePath& path, const TakeSize& begin, LocalTarget& target,
     Progress& progress)
 {
-    auto* const downloader = target.isRegularFile()
-                                 ? storage::clients::findInterface<storage::clients::ObjectDownloader>(context.store())
-                                 : nullptr;
+    auto* const downloader = target.isRegularFile() ? findDownloader(context) : nullptr;
     if (downloader == nullptr)
     {
         download(

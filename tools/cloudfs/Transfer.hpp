@@ -41,14 +41,14 @@ using TakeSize = std::function<void(std::uint64_t size)>;
 using Write = std::function<void(const char* data, std::size_t size)>;
 
 /// Read a whole file of the store and pass it on, block by block in order, from any thread but one at a time. If the
-/// store has an ObjectDownloader, this works without the provider's streams and their temporary files.
+/// store has an ObjectDownloader and no cache, this works without the provider's streams and their temporary files.
 ///
 /// @throws CommandError; interrupt::Interrupted; whatever the functions throw
 void download(const CommandContext& context, const StorePath& path, const TakeSize& begin, const Write& write,
     Progress& progress);
 
-/// Read a whole file of the store and commit it as a local one. If the store has an ObjectDownloader and the target is
-/// a regular file, the bytes arrive in any order.
+/// Read a whole file of the store and commit it as a local one. If the store has an ObjectDownloader, but no cache, and
+/// the target is a regular file, the bytes arrive in any order.
 ///
 /// @throws CommandError; interrupt::Interrupted
 void download(const CommandContext& context, const StorePath& path, const TakeSize& begin, LocalTarget& target,

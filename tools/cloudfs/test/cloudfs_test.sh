@@ -376,6 +376,10 @@ test_in_store()
         [[ $(tail -n 1 err) =~ 'calls: getObjectInfo '.', '('listObjects '.', ')?"${row#*|}"$ ]] || fail "$row: $(<err)"
     done
     same big /moved
+    for row in 1 2; do
+        "$program" --store "$store&cache=$PWD/cache" -v cat /moved 2>err | cmp - big >&2 || fail "$(<err)"
+    done
+    [[ $(tail -n 1 err) != *getObjectRange* ]] || fail "not read from the cache: $(<err)"
     expect 0 '' mv "'/a%b'" "'/c%d'" # whose bytes are sent, because not every bucket understands such a name
     same big '/c%d'
     expect 1 '/moved: already exists.*code 3 .*' cp /big /moved

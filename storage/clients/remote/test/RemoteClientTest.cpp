@@ -990,7 +990,8 @@ TEST_F(RemoteClientTest, StoresAWholeSourceOrNothing)
                 bucket->put("k", old);
                 calls = 0;
                 const auto gone = [&] { ++calls == failing ? throw UnknownErrorException("gone") : void(); };
-                EXPECT_THAT(failureOf([&] { store(bytes, gone, isStream); }), Optional(HasSubstr("gone")));
+                EXPECT_THAT(
+                    failureOf([&, isStream = isStream] { store(bytes, gone, isStream); }), Optional(HasSubstr("gone")));
                 EXPECT_EQ(bucket->content("k"), old);
                 EXPECT_EQ(bucket->openUploads(), 0U);
             }

@@ -26,7 +26,7 @@ public:
         std::function<void(std::uint64_t offset, std::string_view bytes)> write;
 
         /// Whether write() must be called by one thread at a time, with the bytes in order and each of them once. The
-        /// bytes that arrive too early are kept in memory.
+        /// bytes that arrive too early are kept in memory, and while write() blocks, threads of the client wait.
         bool isOrdered = false;
     };
 
