@@ -7,12 +7,14 @@
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <boost/iostreams/device/array.hpp>
-#include <boost/iostreams/stream.hpp>
+#include <boost/iostreams/stream_buffer.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <utility>
 
 namespace storage::clients
@@ -38,6 +40,26 @@ std::optional<ByteRange> keptRange(std::uint64_t first, std::uint64_t last, std:
 
 } // namespace
 
+/// Takes bytes into memory, and refuses them once that is in vain.
+class CachingClient::MemoryBuffer : public boost::iostreams::stream_buffer<boost::iostreams::array_sink>
+{
+public:
+    MemoryBuffer(char* target, std::size_t size, const std::atomic<bool>& isEnding)
+        : stream_buffer(boost::iostreams::array_sink(target, size))
+        , m_isEnding(isEnding)
+    {
+    }
+
+protected:
+    std::streamsize xsputn(const char* bytes, std::streamsize count) override
+    {
+        return m_isEnding ? 0 : stream_buffer::xsputn(bytes, count);
+    }
+
+private:
+    const std::atomic<bool>& m_isEnding;
+};
+
 CachingClient::CachingClient(
     std::shared_ptr<cloudprovider::CloudClient> inner, std::shared_ptr<RangeCache> cache, std::string store)
     : InterceptingClient(std::move(inner))
@@ -45,12 +67,13 @@ CachingClient::CachingClient(
     , m_store(std::move(store))
     , m_versions(findInterface<PinnedVersions>(this->inner()))
     , m_rest(std::make_unique<RestFetcher>(*m_cache,
-          [this](const ObjectVersion& object, const ByteRange& range)
+          [this](const ObjectVersion& object, const ByteRange& range, const std::atomic<bool>& isEnding)
           {
               const auto version = m_versions->pinnedVersion(object.key);
               const auto bytes = std::make_unique_for_overwrite<char[]>(range.size);
+              MemoryBuffer target(bytes.get(), range.size, isEnding);
               const bool isThere = version && version->tag == object.tag && version->size == object.size &&
-                                   fetch(object.key, *version, range, bytes.get());
+                                   fetch(object.key, *version, range, target);
               isThere ? m_cache->write(object, range, bytes.get()) : void();
               return isThere;
           }))
@@ -79,7 +102,9 @@ void CachingClient::getObjectRange(const std::string& key, std::ostream& out, st
     {
         const ByteRange missing = wholeBlocks(part, version->size);
         char* const target = bytes.get() + (missing.offset - blocks.offset);
-        if (!fetch(key, *version, missing, target))
+        const std::atomic<bool> isEnding = false;
+        MemoryBuffer memory(target, missing.size, isEnding);
+        if (!fetch(key, *version, missing, memory))
         {
             InterceptingClient::getObjectRange(key, out, first, last);
             return;
@@ -96,10 +121,11 @@ void CachingClient::getObjectRange(const std::string& key, std::ostream& out, st
 
 /// Read bytes of a version into memory.
 /// @return false: another version is to be read by now, of which some bytes may have been read
-bool CachingClient::fetch(const std::string& key, const PinnedVersion& version, const ByteRange& range, char* target)
+bool CachingClient::fetch(
+    const std::string& key, const PinnedVersion& version, const ByteRange& range, MemoryBuffer& target)
 try
 {
-    boost::iostreams::stream<boost::iostreams::basic_array_sink<char>> memory(target, range.size);
+    std::ostream memory(&target);
     InterceptingClient::getObjectRange(key, memory, range.offset, range.offset + range.size - 1);
     return m_versions->pinnedVersion(key) == version;
 }

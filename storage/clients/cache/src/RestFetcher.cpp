@@ -194,7 +194,7 @@ catch (...) // no memory to look
 bool RestFetcher::fetch(const ObjectVersion& object, const ByteRange& piece) noexcept
 try
 {
-    return m_fetch(object, piece) && isInCache(object, piece);
+    return m_fetch(object, piece, m_isEnding) && isInCache(object, piece);
 }
 catch (...)
 {

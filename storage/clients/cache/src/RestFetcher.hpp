@@ -2,6 +2,7 @@
 
 #include <storage/clients/cache/RangeCache.hpp>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -38,15 +39,17 @@ public:
     using Duration = std::chrono::steady_clock::duration;
 
     /// Gets a range of a version and writes it to the cache. Called on a thread of this, without a lock. May throw.
+    /// @param isEnding  whether it should give up
     /// @return false: this version is not read any more
-    using Fetch = std::function<bool(const ObjectVersion& object, const ByteRange& range)>;
+    using Fetch =
+        std::function<bool(const ObjectVersion& object, const ByteRange& range, const std::atomic<bool>& isEnding)>;
 
     /// @param cache  borrowed
     RestFetcher(RangeCache& cache, Fetch fetch);
     RestFetcher(const RestFetcher&) = delete;
     RestFetcher& operator=(const RestFetcher&) = delete;
 
-    /// Ends the threads. Waits for their requests in progress.
+    /// Ends the threads, and their requests when the next bytes arrive.
     ~RestFetcher();
 
     /// A range was read.
@@ -96,10 +99,10 @@ private:
 
     std::mutex m_mutex; // the lock of m_cache may be taken while this one is held; guards everything below
     std::condition_variable m_changed;
-    std::list<Reading> m_readings; // the one that was read last is the first
-    double m_bytesPerSecond = 0;   // 0: not measured
-    bool m_isEnding = false;
-    std::vector<std::thread> m_threads; // started when the first rest is wanted
+    std::list<Reading> m_readings;        // the one that was read last is the first
+    double m_bytesPerSecond = 0;          // 0: not measured
+    std::atomic<bool> m_isEnding = false; // set while the mutex is held
+    std::vector<std::thread> m_threads;   // started when the first rest is wanted
 };
 
 } // namespace storage::clients

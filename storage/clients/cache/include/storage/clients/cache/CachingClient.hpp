@@ -43,7 +43,9 @@ public:
     void getObjectRange(const std::string& key, std::ostream& out, std::uint64_t first, std::uint64_t last) override;
 
 private:
-    bool fetch(const std::string& key, const PinnedVersion& version, const ByteRange& range, char* target);
+    class MemoryBuffer;
+
+    bool fetch(const std::string& key, const PinnedVersion& version, const ByteRange& range, MemoryBuffer& target);
     ByteRange wholeBlocks(const ByteRange& range, std::uint64_t objectSize) const;
 
     const std::shared_ptr<RangeCache> m_cache;
