@@ -19,7 +19,8 @@ struct RemoteSettings
     std::size_t transfers = 8;
 
     /// Maximum bytes of the buffers for parts that wait to be sent and for prefetched ranges; the latter use at most
-    /// half of them. Larger parts are in temporary files while they are sent.
+    /// half of them. Larger parts are in temporary files while they are sent. A download whose bytes must be in order
+    /// takes up to half as much in addition.
     std::uint64_t memory = 64U << 20;
 
     std::uint64_t partSize = 256U << 10; ///< bytes of the parts that stored objects are read in; 64 KiB to 1 GiB
