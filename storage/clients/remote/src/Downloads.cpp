@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <string_view>
-#include <utility>
 
 namespace storage::clients
 {
@@ -52,27 +51,26 @@ void Downloads::fetch(const std::string& key, const ObjectDownloader::Sink& sink
     const std::uint64_t rest = object.size - content.size();
     const std::uint64_t rangeSize = sink.isOrdered ? m_orderedSize : m_rangeSize;
     InOrder order(rangeSize);
+    const auto receive = [&](const ByteRange& range, const ObjectReader::Write& take)
+    {
+        const auto write = [&](std::uint64_t position, std::string_view bytes)
+        { failure.isThere() ? throw Stopped() : take(position, bytes); };
+        m_reader.readVersion({Operation::GetObjectRange, key, &outage}, write, range, object);
+    };
     const auto fetchRange = [&](std::size_t index)
     {
         const std::uint64_t begin = index * rangeSize; // in the rest
         const ByteRange range{content.size() + begin, std::min(rangeSize, rest - begin)};
-        InOrder::Buffer early = sink.isOrdered ? order.takeBuffer() : nullptr;
-        const auto write = [&](std::uint64_t position, std::string_view bytes)
+        if (!sink.isOrdered)
         {
-            if (failure.isThere())
-            {
-                throw Stopped();
-            }
-            early ? void(bytes.copy(early.get() + position, bytes.size())) : sink.write(range.offset + position, bytes);
-        };
-        m_reader.readVersion({Operation::GetObjectRange, key, &outage}, write, range, object);
-        if (early)
-        {
-            order.passOn(index, std::move(early),
-                [&](const char* bytes) {
-                    sink.write(range.offset, {bytes, range.size});
-                });
+            receive(range,
+                [&](std::uint64_t position, std::string_view bytes) { sink.write(range.offset + position, bytes); });
+            return;
         }
+        InOrder::Buffer early = order.takeBuffer();
+        receive(range,
+            [&](std::uint64_t position, std::string_view bytes) { bytes.copy(early.get() + position, bytes.size()); });
+        order.passOn(index, early, [&](const char* bytes) { sink.write(range.offset, {bytes, range.size}); });
     };
     const auto tryRange = [&](std::size_t index)
     {

@@ -41,9 +41,10 @@ public:
 
     /// Wait until all pieces before this one were passed on, and pass it on. If that throws, call end().
     ///
-    /// @param index  of the piece, from 0; each must come from a thread that does not wait for a later one
+    /// @param index   of the piece, from 0; each must come from a thread that does not wait for a later one
+    /// @param buffer  taken back when it was passed on
     /// @return false: end() was called, and nothing was passed on
-    bool passOn(std::size_t index, Buffer buffer, const std::function<void(const char* bytes)>& pass)
+    bool passOn(std::size_t index, Buffer& buffer, const std::function<void(const char* bytes)>& pass)
     {
         std::unique_lock lock(m_mutex);
         m_changed.wait(lock, [&] { return m_next == index || m_hasEnded; });
