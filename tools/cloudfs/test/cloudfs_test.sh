@@ -315,7 +315,7 @@ test_interrupted_put()
         [[ $actual == "$status" && $(<err) == 'cloudfs: interrupted' ]] || fail "exit $actual, $(<err)"
         nothing_left
     done
-    truncate -s 100M regular
+    truncate -s 2G regular # takes seconds to send, so the signal comes in time
     start_until doFolderExists put -f regular /file
     kill -s INT "$pid"
     resume 130 'cloudfs: interrupted'
