@@ -39,15 +39,17 @@ constexpr auto notAFolder = "already exists and is not a folder";
 
 void ignoreSize(std::uint64_t) {}
 
+/// Fail for a path with a final "/".
+void requireFileName(const CommandContext& context, const StorePath& path)
+{
+    path.namesFolder() ? context.requireFile(path) : void();
+}
+
 /// Read a file without looking it up first, which would take a round trip. If it is missing, say what is there instead.
 ///
-/// @param read  throws CommandError
+/// @param read  throws CommandError; with NotFound only if the file is missing
 void readFile(const CommandContext& context, const StorePath& path, const std::function<void()>& read)
 {
-    if (path.namesFolder())
-    {
-        context.requireFile(path);
-    }
     try
     {
         read();
@@ -64,6 +66,7 @@ void printFile(const CommandContext& context, const StorePath& path)
     StandardOutput output;
     Progress progress(context, false);
     const auto write = [&](const char* data, std::size_t size) { output.write(std::string_view(data, size)); };
+    requireFileName(context, path);
     readFile(context, path, [&] { download(context, path, ignoreSize, write, progress); });
 }
 
@@ -194,12 +197,9 @@ void get(CommandContext& context, const Options& options)
             progress.addToTotal(size);
             progress.markTotalFinal();
         };
-        readFile(context, path,
-            [&]
-            {
-                LocalTarget target(local, options.force, LocalTarget::Destination::NamedByUser);
-                download(context, path, begin, target, progress);
-            });
+        requireFileName(context, path);
+        LocalTarget target(local, options.force, LocalTarget::Destination::NamedByUser);
+        readFile(context, path, [&] { download(context, path, begin, target, progress); });
         return;
     }
     if (!context.folderExists(path))

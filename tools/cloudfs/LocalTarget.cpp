@@ -206,8 +206,7 @@ void LocalTarget::write(const char* data, std::size_t size)
     }
     while (size > 0)
     {
-        interrupt::waitUntilReady(m_descriptor, POLLOUT);
-        const ssize_t written = ::write(m_descriptor, data, size);
+        const ssize_t written = interrupt::writeWhenReady(m_descriptor, {data, size});
         if (written < 0)
         {
             if (errno == EINTR || errno == EAGAIN)

@@ -4,7 +4,6 @@
 #include "Interrupt.hpp"
 
 #include <cerrno>
-#include <poll.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -16,8 +15,7 @@ void StandardOutput::write(std::string_view text)
     flush();
     while (!text.empty())
     {
-        interrupt::waitUntilReady(STDOUT_FILENO, POLLOUT);
-        const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
+        const ssize_t written = interrupt::writeWhenReady(STDOUT_FILENO, text);
         if (written < 0)
         {
             if (errno == EINTR || errno == EAGAIN)

@@ -536,6 +536,16 @@ test_closed_pipe()
     fs get /big - 2>err | head -c 1 >/dev/null
     local status=${PIPESTATUS[0]}
     [[ $status == 141 && ! -s err ]] || fail "exit $status: $(<err)"
+    mkfifo stalled # its reader stops reading; whichever thread writes, Ctrl-C ends the program
+    env --default-signal=INT "$program" --store "$store" get /big - >stalled 2>err &
+    exec 4<stalled
+    head -c 6000000 <&4 >/dev/null
+    sleep 0.3
+    kill -s INT $!
+    status=0
+    wait $! || status=$?
+    exec 4<&-
+    [[ $status == 130 && $(<err) == 'cloudfs: interrupted' ]] || fail "exit $status: $(<err)"
     [[ -z $(ls buffers) ]] || fail "buffers left: $(ls buffers)"
 }
 

@@ -70,7 +70,7 @@ void Downloads::fetch(const std::string& key, const ObjectDownloader::Sink& sink
         InOrder::Buffer early = order.takeBuffer();
         receive(range,
             [&](std::uint64_t position, std::string_view bytes) { bytes.copy(early.get() + position, bytes.size()); });
-        order.passOn(index, early, [&](const char* bytes) { sink.write(range.offset, {bytes, range.size}); });
+        order.deliver(index, early, [&](const char* bytes) { sink.write(range.offset, {bytes, range.size}); });
     };
     const auto tryRange = [&](std::size_t index)
     {

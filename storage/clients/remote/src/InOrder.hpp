@@ -11,8 +11,8 @@
 namespace storage::clients
 {
 
-/// Lets several threads fetch pieces at the same time, and pass them on in order. Each holds one piece, so what has
-/// arrived too early is bounded by the number of threads. Safe for concurrent calls.
+/// Lets several threads fetch pieces at the same time and deliver them in order. Each thread buffers one piece until
+/// its turn, so the memory is bounded. Safe for concurrent calls.
 class InOrder
 {
 public:
@@ -39,12 +39,12 @@ public:
         return buffer;
     }
 
-    /// Wait until all pieces before this one were passed on, and pass it on. If that throws, call end().
+    /// Wait until all pieces before this one were delivered, and deliver it. If that throws, call end().
     ///
     /// @param index   of the piece, from 0; each must come from a thread that does not wait for a later one
-    /// @param buffer  taken back when it was passed on
-    /// @return false: end() was called, and nothing was passed on
-    bool passOn(std::size_t index, Buffer& buffer, const std::function<void(const char* bytes)>& pass)
+    /// @param buffer  reused after the delivery
+    /// @return false: end() was called, and nothing was delivered
+    bool deliver(std::size_t index, Buffer& buffer, const std::function<void(const char* bytes)>& write)
     {
         std::unique_lock lock(m_mutex);
         m_changed.wait(lock, [&] { return m_next == index || m_hasEnded; });
@@ -53,7 +53,7 @@ public:
             return false;
         }
         lock.unlock(); // no other thread has its turn now
-        pass(buffer.get());
+        write(buffer.get());
         lock.lock();
         ++m_next;
         m_free.push_back(std::move(buffer));
@@ -61,7 +61,7 @@ public:
         return true;
     }
 
-    /// Let nobody wait any more.
+    /// Cancel all waits.
     void end()
     {
         const std::lock_guard lock(m_mutex);
@@ -73,7 +73,7 @@ private:
     const std::size_t m_maxSize;
     std::mutex m_mutex; // innermost; guards all members below
     std::condition_variable m_changed;
-    std::size_t m_next = 0; // index of the piece to be passed on
+    std::size_t m_next = 0; // index of the piece to be delivered
     bool m_hasEnded = false;
     std::vector<Buffer> m_free;
 };

@@ -469,9 +469,9 @@ void Uploads::storeObject(const std::string& key, const ObjectUploader::Source& 
     {
         completeWhole(upload, source.size, partSize, {.place = PartPlace::Source});
     }
-    catch (...)
+    catch (const TransientException&)
     {
-        source.check(); // a store that verifies hashes refuses bytes that have changed since they were hashed
+        source.check(); // the store may have refused bytes that have changed since they were hashed
         throw;
     }
 }
@@ -483,8 +483,11 @@ void Uploads::storeStream(const std::string& key, std::string_view part, const s
     try
     {
         std::vector<PartInfo> parts;
-        for (std::uint64_t offset = 0; !part.empty(); part = next())
+        const std::size_t size = part.size();
+        bool isLast = false;
+        for (std::uint64_t offset = 0; !part.empty(); part = isLast ? std::string_view() : next())
         {
+            isLast = part.size() < size; // reading behind the end of a terminal or a pipe may return more
             boost::iostreams::stream<boost::iostreams::array_source> content(part.data(), part.size());
             parts.push_back({parts.size(), offset, part.size(), ""});
             parts.back().Tag = send(key, id, parts.back(), content);

@@ -199,10 +199,12 @@ protected:
         const std::string& bytes, const std::function<void()>& read = [] {}, bool isStream = false)
     {
         std::atomic<std::uint64_t> sent = 0;
+        bool hasEnded = false;
         const auto copyNext = [&](char* target, std::size_t size)
         {
             read();
             const std::size_t count = bytes.copy(target, std::min<std::size_t>(size, 70), sent);
+            EXPECT_FALSE(std::exchange(hasEnded, count == 0)) << "the next bytes would be others";
             sent += count;
             return count;
         };
@@ -1008,12 +1010,17 @@ TEST_F(RemoteClientTest, ATransferEndsAtItsFirstFailure)
     const auto load = [&] { client->downloadObject("k", {[](auto) {}, [](auto, auto) {}}); };
     const Fault busyForLong{How::Before, std::make_exception_ptr(TransientException("Busy", "", 100s))};
     const auto begin = std::chrono::steady_clock::now();
-    for (const std::function<void()>& call : {std::function<void()>(load), {[&] { store(old); }}})
+    std::atomic<bool> isDenied = false;
+    const auto change = [&] { isDenied ? throw UnknownErrorException("changed") : void(); }; // is not the reason
+    for (const std::function<void()>& call : {std::function<void()>(load), {[&] { store(old, change); }}})
     {
+        isDenied = false;
         bucket->faults = [&, number = std::make_shared<std::atomic<unsigned>>()](const StoreRequest&)
         {
             const std::array<std::optional<Fault>, 4> faults{{{}, busyForLong, denied, {}}};
-            return faults.at(std::min(++*number - 1, 3U));
+            const unsigned index = std::min(++*number - 1, 3U);
+            isDenied = isDenied || index == 2;
+            return faults.at(index);
         };
         EXPECT_THAT(failureOf(call), Optional(HasSubstr("Denied")));
     }

@@ -25,8 +25,9 @@ public:
         /// May be called again for bytes that it has had, if these turned out to be wrong: the last ones count.
         std::function<void(std::uint64_t offset, std::string_view bytes)> write;
 
-        /// Whether write() must be called by one thread at a time, with the bytes in order and each of them once. The
-        /// bytes that arrive too early are kept in memory, and while write() blocks, threads of the client wait.
+        /// Whether write() must be called by one thread at a time, with the bytes in order and each of them once. Bytes
+        /// that arrive early are buffered. While write() blocks, threads of the client block, too, so write() must not
+        /// wait for other transfers of this client.
         bool isOrdered = false;
     };
 
