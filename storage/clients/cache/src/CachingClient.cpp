@@ -40,24 +40,24 @@ std::optional<ByteRange> keptRange(std::uint64_t first, std::uint64_t last, std:
 
 } // namespace
 
-/// Takes bytes into memory, and refuses them once that is in vain.
+/// Writes to memory. Every write fails once the fetch is cancelled.
 class CachingClient::MemoryBuffer : public boost::iostreams::stream_buffer<boost::iostreams::array_sink>
 {
 public:
-    MemoryBuffer(char* target, std::size_t size, const std::atomic<bool>& isEnding)
+    MemoryBuffer(char* target, std::size_t size, const std::atomic<bool>& isCancelled)
         : stream_buffer(boost::iostreams::array_sink(target, size))
-        , m_isEnding(isEnding)
+        , m_isCancelled(isCancelled)
     {
     }
 
 protected:
     std::streamsize xsputn(const char* bytes, std::streamsize count) override
     {
-        return m_isEnding ? 0 : stream_buffer::xsputn(bytes, count);
+        return m_isCancelled ? 0 : stream_buffer::xsputn(bytes, count);
     }
 
 private:
-    const std::atomic<bool>& m_isEnding;
+    const std::atomic<bool>& m_isCancelled;
 };
 
 CachingClient::CachingClient(
@@ -67,11 +67,11 @@ CachingClient::CachingClient(
     , m_store(std::move(store))
     , m_versions(findInterface<PinnedVersions>(this->inner()))
     , m_rest(std::make_unique<RestFetcher>(*m_cache,
-          [this](const ObjectVersion& object, const ByteRange& range, const std::atomic<bool>& isEnding)
+          [this](const ObjectVersion& object, const ByteRange& range, const std::atomic<bool>& isCancelled)
           {
               const auto version = m_versions->pinnedVersion(object.key);
               const auto bytes = std::make_unique_for_overwrite<char[]>(range.size);
-              MemoryBuffer target(bytes.get(), range.size, isEnding);
+              MemoryBuffer target(bytes.get(), range.size, isCancelled);
               const bool isThere = version && version->tag == object.tag && version->size == object.size &&
                                    fetch(object.key, *version, range, target);
               isThere ? m_cache->write(object, range, bytes.get()) : void();
@@ -102,8 +102,8 @@ void CachingClient::getObjectRange(const std::string& key, std::ostream& out, st
     {
         const ByteRange missing = wholeBlocks(part, version->size);
         char* const target = bytes.get() + (missing.offset - blocks.offset);
-        const std::atomic<bool> isEnding = false;
-        MemoryBuffer memory(target, missing.size, isEnding);
+        const std::atomic<bool> isCancelled = false;
+        MemoryBuffer memory(target, missing.size, isCancelled);
         if (!fetch(key, *version, missing, memory))
         {
             InterceptingClient::getObjectRange(key, out, first, last);

@@ -215,15 +215,16 @@ ByteRange RangeCache::read(const ObjectVersion& object, const ByteRange& range, 
 
 ByteRange RangeCache::missing(const ObjectVersion& object, const ByteRange& range)
 {
+    const auto blocks = [](const Entry& entry) { return entry.present | entry.writing; };
     Gap gap(range);
-    forEachFile(object, range, [&](const Piece& piece) { gap.add(piece, presentBlocks(piece.name)); });
+    forEachFile(object, range, [&](const Piece& piece) { gap.add(piece, blocks(use(piece.name))); });
     return gap.range();
 }
 
 /// @return bit n: block n was read
 std::uint64_t RangeCache::readPiece(const Piece& piece, char* target)
 {
-    const std::uint64_t present = presentBlocks(piece.name);
+    const std::uint64_t present = use(piece.name).present;
     std::uint64_t done = 0;
     if (present == 0)
     {
@@ -320,17 +321,17 @@ std::uint64_t RangeCache::size() const
     return m_size;
 }
 
-/// The blocks of a file that can be read. The file counts as used now.
-std::uint64_t RangeCache::presentBlocks(const std::string& name)
+/// What is known of a file, which counts as used now.
+RangeCache::Entry RangeCache::use(const std::string& name)
 {
     const std::lock_guard lock(m_mutex);
     const auto known = m_byName.find(name);
     if (known == m_byName.end())
     {
-        return 0;
+        return {name};
     }
     m_entries.splice(m_entries.begin(), m_entries, known->second);
-    return m_entries.front().present;
+    return m_entries.front();
 }
 
 /// Make room for blocks. The file counts as used now, and stays until finishWrite().

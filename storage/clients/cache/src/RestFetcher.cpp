@@ -68,7 +68,7 @@ void RestFetcher::read(const ObjectVersion& object, const ByteRange& fetched, Du
     reading.lastRead = std::chrono::steady_clock::now();
     reading.missing -= std::min(reading.missing, fetched.size);
     const bool isNext = std::exchange(reading.lastEnd, fetched.offset + fetched.size) == fetched.offset;
-    // Who reads in order waits as long as others only where nothing was read ahead, for lack of memory.
+    // A sequential reader waits for a whole round trip only if there was no memory to prefetch the range.
     if (fetched.size == 0 || (isNext && waited < reading.shortestWait / 2))
     {
         return;
@@ -78,21 +78,21 @@ void RestFetcher::read(const ObjectVersion& object, const ByteRange& fetched, Du
     reading.shortestWait = std::min(reading.shortestWait, waited);
     if (!reading.isWanted && reading.running == 0 && isWorthIt(reading))
     {
-        reading.isWanted = true;
         startThreads();
+        reading.isWanted = !m_threads.empty();
         m_changed.notify_all();
     }
 }
 
 bool RestFetcher::isWorthIt(const Reading& reading) const
 {
-    if (reading.misses < minMisses || reading.object.size > m_cache.maxSize() / 2)
+    if (reading.misses < minMisses || reading.object.size > m_cache.maxSize() / 2 || m_cache.isReadOnly())
     {
         return false;
     }
-    const bool isTrial = m_bytesPerSecond == 0;
+    const bool isTrial = reading.bytesPerSecond == 0;
     return isTrial ||
-           std::chrono::duration<double>(reading.waited).count() * m_bytesPerSecond >= double(reading.missing);
+           std::chrono::duration<double>(reading.waited).count() * reading.bytesPerSecond >= double(reading.missing);
 }
 
 /// Find or add the readers of a version, as those that have read last.
@@ -105,11 +105,21 @@ RestFetcher::Reading& RestFetcher::readingOf(const ObjectVersion& object)
         return m_readings.front();
     }
     m_readings.emplace_front(object);
-    if (m_readings.size() > maxReadings && !m_readings.back().isWanted && m_readings.back().running == 0)
-    {
-        m_readings.pop_back();
-    }
+    m_readings.size() > maxReadings ? forgetOldest() : void();
     return m_readings.front();
+}
+
+/// Evict the readers that have read longest ago, unless something is being fetched for them.
+void RestFetcher::forgetOldest()
+{
+    for (auto each = std::prev(m_readings.end()); each != m_readings.begin(); --each)
+    {
+        if (!each->isWanted && each->running == 0)
+        {
+            m_readings.erase(each);
+            return;
+        }
+    }
 }
 
 void RestFetcher::startThreads()
@@ -137,7 +147,7 @@ void RestFetcher::work()
 /// Fetch the next piece, unless it is there. Releases the lock during the request.
 void RestFetcher::fetchPiece(Reading& reading, std::unique_lock<std::mutex>& lock)
 {
-    const bool isTrial = m_bytesPerSecond == 0;
+    const bool isTrial = reading.bytesPerSecond == 0;
     const std::uint64_t size = isTrial ? trialSize : pieceSize;
     const std::uint64_t offset = (reading.left - 1) / size * size;
     const ByteRange piece{offset, std::exchange(reading.left, offset) - offset};
@@ -170,13 +180,13 @@ void RestFetcher::end(Reading& reading, bool isTrial)
         // In a trial nothing else is on the way, so it waits for the response as the readers do.
         const Duration response = isTrial ? reading.shortestWait : Duration();
         const Duration time = std::chrono::steady_clock::now() - reading.begin;
-        m_bytesPerSecond =
+        reading.bytesPerSecond =
             double(reading.fetched) / std::chrono::duration<double>(std::max(time - response, time / 8)).count();
     }
     reading.missing -= std::min(reading.missing, std::exchange(reading.fetched, 0));
     if (reading.left == 0)
     {
-        reading = Reading(reading.object);
+        reading = Reading(std::move(reading.object)); // must not allocate: no handler on this thread
     }
 }
 

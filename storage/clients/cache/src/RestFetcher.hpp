@@ -18,12 +18,12 @@ namespace storage::clients
 
 /// Fetches the rest of an object into a RangeCache when waiting for single ranges of it has cost as much as that would.
 ///
-/// Random readers give no hint of what they read next, or whether they read on at all. Readers in order can be helped
-/// sooner, but only as far as there is memory to read ahead; beyond that, they wait like others. Whoever has waited as
-/// long as the rest takes is assumed to go on: then nobody waits more than twice as long as with the better of both,
-/// whatever comes. The time that the rest takes follows from the bytes that were not requested yet, and from the
-/// throughput of the store. That is measured by a trial of 4 MiB after the 16th range that a reader of an object has
-/// waited for, and by each rest that was fetched. So the first readings of an object never cause a request.
+/// A random reader gives no hint of what it reads next, or whether it reads on at all. A sequential reader is served by
+/// prefetching, but waits like a random one if there is no memory for that. Readers that have waited as long as the
+/// rest takes are assumed to continue: then they wait at most twice as long as with the better of both choices. The
+/// time that the rest takes follows from the bytes that were not requested yet, and from the throughput of the store.
+/// That is measured for each object, by a trial of 4 MiB after 16 ranges that readers have waited for, and by each part
+/// of the rest that was fetched. So the first reads of an object never cause a request.
 ///
 /// The rest is read in pieces of 8 MiB by 4 threads, the last piece first: a client that reads ahead would fetch pieces
 /// in ascending order twice. Pieces that are in the cache as a whole are left out. It stops when nobody has read the
@@ -39,17 +39,17 @@ public:
     using Duration = std::chrono::steady_clock::duration;
 
     /// Gets a range of a version and writes it to the cache. Called on a thread of this, without a lock. May throw.
-    /// @param isEnding  whether it should give up
+    /// @param isCancelled  becomes true when the fetch must fail
     /// @return false: this version is not read any more
     using Fetch =
-        std::function<bool(const ObjectVersion& object, const ByteRange& range, const std::atomic<bool>& isEnding)>;
+        std::function<bool(const ObjectVersion& object, const ByteRange& range, const std::atomic<bool>& isCancelled)>;
 
     /// @param cache  borrowed
     RestFetcher(RangeCache& cache, Fetch fetch);
     RestFetcher(const RestFetcher&) = delete;
     RestFetcher& operator=(const RestFetcher&) = delete;
 
-    /// Ends the threads, and their requests when the next bytes arrive.
+    /// Ends the threads. Cancels their requests when the next bytes arrive, but waits for responses and retries.
     ~RestFetcher();
 
     /// A range was read.
@@ -75,6 +75,7 @@ private:
         unsigned misses = 0;                 ///< ranges that did not begin there, or for which a reader waited as long
         Duration waited{};                   ///< for these
         Duration shortestWait = Duration::max();
+        double bytesPerSecond = 0; ///< throughput of the store; 0: not measured
         Time lastRead{};
         std::uint64_t left = object.size; ///< bytes before the pieces that were begun
         bool isWanted = false;            ///< more pieces are to be begun
@@ -86,6 +87,7 @@ private:
     // These require m_mutex.
     Reading& readingOf(const ObjectVersion& object);
     bool isWorthIt(const Reading& reading) const;
+    void forgetOldest();
     void startThreads();
     void fetchPiece(Reading& reading, std::unique_lock<std::mutex>& lock);
     void end(Reading& reading, bool isTrial);
@@ -100,7 +102,6 @@ private:
     std::mutex m_mutex; // the lock of m_cache may be taken while this one is held; guards everything below
     std::condition_variable m_changed;
     std::list<Reading> m_readings;        // the one that was read last is the first
-    double m_bytesPerSecond = 0;          // 0: not measured
     std::atomic<bool> m_isEnding = false; // set while the mutex is held
     std::vector<std::thread> m_threads;   // started when the first rest is wanted
 };

@@ -42,7 +42,16 @@ void VersionPins::Opening::opened(const Version& version)
 {
     const std::lock_guard lock(m_pins.m_mutex);
     const auto& [key, activity] = *m_activity;
-    m_pins.pin(key, version.tag, activity.stored == m_storedBefore ? version : activity.last);
+    const Version& current = activity.stored == m_storedBefore ? version : activity.last;
+    const Pin* const known = m_pins.find(key);
+    const bool isSame =
+        known != nullptr && !known->isDoubtful && !current.tag.empty() && known->current.tag == current.tag;
+    const std::uint64_t moves = isSame ? known->moves : 0;
+    m_pins.pin(key, version.tag, current);
+    if (isSame)
+    {
+        m_pins.m_pins.front().moves = moves; // what is being fetched of this version is still valid
+    }
 }
 
 VersionPins::Write::Write(VersionPins& pins, const std::string& key)

@@ -71,7 +71,7 @@ void WriterQueue::failed(const StoreError& error) noexcept
         {
             throw StoreError(error.kind(), error.what());
         }
-        catch (...) // std::bad_alloc is a failure, too; without any, the writer would store its change again
+        catch (...) // also std::bad_alloc: without an exception, the writer would retry a change that may be stored
         {
             writer->m_failure = std::current_exception();
         }

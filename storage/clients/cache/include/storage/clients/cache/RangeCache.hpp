@@ -32,7 +32,8 @@ struct RangeCacheSettings
     std::filesystem::path folder;      ///< made if it is missing; its parent must exist
     std::uint64_t maxSize = 1U << 30U; ///< bytes that all files together may use, see RangeCache::size()
 
-    /// Bytes of a block, at least 1. The default is large enough for a sequential read, and a quarter of a part as
+    /// Bytes of a block, at least 1. A CachingClient fetches the rest of an object in pieces of 4 and 8 MiB, which must
+    /// be multiples of it. The default is large enough for a sequential read, and a quarter of a part as
     /// RemoteClient reads it. A cache with another block size starts empty.
     std::uint64_t blockSize = 64U << 10U;
 };
@@ -82,7 +83,7 @@ public:
     ///         size 0: nothing. The bytes of `range` outside of it are in `target`, those inside are undefined.
     ByteRange read(const ObjectVersion& object, const ByteRange& range, char* target);
 
-    /// The same, without reading: what is here may turn out to be damaged.
+    /// The same, without reading: what is here may turn out to be damaged. What is being written counts as here.
     ByteRange missing(const ObjectVersion& object, const ByteRange& range);
 
     /// Keep those blocks that are completely inside a range. The last block of an object ends with the object.
@@ -93,6 +94,9 @@ public:
 
     /// Bytes that the files use: a header of 4 KiB for each, and whole blocks. At most RangeCacheSettings::maxSize.
     std::uint64_t size() const;
+
+    /// Whether a write has failed, so that nothing more is kept.
+    bool isReadOnly() const noexcept { return m_isReadOnly; }
 
     std::uint64_t maxSize() const noexcept { return m_settings.maxSize; }
     std::uint64_t blockSize() const noexcept { return m_settings.blockSize; }
@@ -118,7 +122,7 @@ private:
     void scan();
     std::filesystem::path pathOf(const std::string& name) const { return m_settings.folder / name; }
 
-    std::uint64_t presentBlocks(const std::string& name);
+    Entry use(const std::string& name);
     std::uint64_t reserve(const std::string& name, std::uint64_t blocks);
     void finishWrite(const std::string& name, std::uint64_t blocks, bool isWritten);
     void drop(const std::string& name);
