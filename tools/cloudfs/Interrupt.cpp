@@ -2,15 +2,12 @@
 
 #include <foundation/interrupt/utInterruptState.hpp>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -101,15 +98,6 @@ void waitUntilReady(int descriptor, short events)
         // poll() reports an unusable descriptor as ready; the read or write that follows then fails.
     } while (::poll(watched.data(), watched.size(), -1) < 0 && errno == EINTR);
     throwIfPending();
-}
-
-ssize_t writeWhenReady(int descriptor, std::string_view bytes)
-{
-    waitUntilReady(descriptor, POLLOUT);
-    struct stat status = {};
-    const bool isRegular = ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
-    // A pipe that is ready has room for PIPE_BUF bytes. A larger write would block until the reader continues.
-    return ::write(descriptor, bytes.data(), isRegular ? bytes.size() : std::min<std::size_t>(bytes.size(), PIPE_BUF));
 }
 
 } // namespace cloudfs::interrupt

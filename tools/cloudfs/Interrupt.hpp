@@ -1,9 +1,5 @@
 #pragma once
 
-#include <string_view>
-
-#include <sys/types.h>
-
 /// Ctrl-C, SIGTERM and a closed terminal (SIGHUP): the command stops at its next step, and no partial file becomes
 /// visible.
 namespace cloudfs::interrupt
@@ -40,12 +36,5 @@ int exitStatus() noexcept;
 /// @param events  POLLIN or POLLOUT
 /// @throws Interrupted, also if the signal arrives during the wait
 void waitUntilReady(int descriptor, short events);
-
-/// Wait until a descriptor accepts bytes, and write some of them. Never blocks in the write itself: only the main
-/// thread receives signals, so a blocked write of another thread could not be interrupted.
-///
-/// @return as write()
-/// @throws Interrupted
-ssize_t writeWhenReady(int descriptor, std::string_view bytes);
 
 } // namespace cloudfs::interrupt

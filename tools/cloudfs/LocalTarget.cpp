@@ -15,9 +15,9 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <memory>
-#include <poll.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace cloudfs
@@ -90,6 +90,10 @@ LocalTarget::LocalTarget(const std::string& path, bool replace, Destination dest
             throw CommandError(m_name, "already exists and is not a regular file", fsp::ErrorCode::AlreadyExists);
         }
         m_descriptor = ::open(m_path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
+        if (m_descriptor >= 0)
+        {
+            m_stream.emplace(m_descriptor);
+        }
     }
     else if (exists && !m_replace)
     {
@@ -204,19 +208,9 @@ void LocalTarget::write(const char* data, std::size_t size)
         writeAt(m_size, {data, size});
         return;
     }
-    while (size > 0)
+    if (const std::error_code error = m_stream->write({data, size}))
     {
-        const ssize_t written = interrupt::writeWhenReady(m_descriptor, {data, size});
-        if (written < 0)
-        {
-            if (errno == EINTR || errno == EAGAIN)
-            {
-                continue;
-            }
-            throw CommandError::fromErrno(m_name, errno);
-        }
-        data += written;
-        size -= static_cast<std::size_t>(written);
+        throw CommandError::fromErrno(m_name, error.value());
     }
 }
 
@@ -247,7 +241,7 @@ bool LocalTarget::makeVisible()
     {
         return false;
     }
-    if (m_temporary.empty()) // a device or pipe
+    if (!isRegularFile())
     {
         return true;
     }

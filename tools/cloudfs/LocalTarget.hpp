@@ -1,10 +1,13 @@
 #pragma once
 
+#include "InterruptibleWriter.hpp"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -44,7 +47,7 @@ public:
     ~LocalTarget();
 
     /// Whether it is a regular file, and not a device or a pipe.
-    bool isRegularFile() const noexcept { return m_isUnnamed || !m_temporary.empty(); }
+    bool isRegularFile() const noexcept { return !m_stream; }
 
     /// Write bytes of a regular file at their offset. Any threads may do that at a time, but not for the same bytes; if
     /// these are written again, the last ones count.
@@ -74,8 +77,9 @@ private:
     const std::string m_folder;
     std::string m_temporary; // empty: none
     int m_descriptor = -1;
-    bool m_isUnnamed = false;             // until it is committed
-    std::atomic<std::uint64_t> m_size{0}; // bytes of a regular file; it may end in a hole
+    std::optional<InterruptibleWriter> m_stream; // of a device or pipe
+    bool m_isUnnamed = false;                    // until it is committed
+    std::atomic<std::uint64_t> m_size{0};        // bytes of a regular file; it may end in a hole
     std::mutex m_writing; // file systems admit one writer of a file; others that wait in the kernel use the processor
 };
 

@@ -1,10 +1,8 @@
 #include "StandardOutput.hpp"
 
 #include "CommandError.hpp"
-#include "Interrupt.hpp"
 
-#include <cerrno>
-#include <sys/types.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace cloudfs
@@ -13,22 +11,13 @@ namespace cloudfs
 void StandardOutput::write(std::string_view text)
 {
     flush();
-    while (!text.empty())
+    if (const std::error_code error = m_writer.write(text))
     {
-        const ssize_t written = interrupt::writeWhenReady(STDOUT_FILENO, text);
-        if (written < 0)
+        if (error == std::errc::broken_pipe)
         {
-            if (errno == EINTR || errno == EAGAIN)
-            {
-                continue;
-            }
-            if (errno == EPIPE)
-            {
-                throw BrokenPipe();
-            }
-            throw CommandError::fromErrno("standard output", errno);
+            throw BrokenPipe();
         }
-        text.remove_prefix(static_cast<std::size_t>(written));
+        throw CommandError::fromErrno("standard output", error.value());
     }
 }
 

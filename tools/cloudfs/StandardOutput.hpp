@@ -1,8 +1,11 @@
 #pragma once
 
+#include "InterruptibleWriter.hpp"
+
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <unistd.h>
 
 namespace cloudfs
 {
@@ -34,6 +37,7 @@ public:
     static bool isTerminal();
 
 private:
+    InterruptibleWriter m_writer{STDOUT_FILENO};
     std::string m_pending;
 };
 
