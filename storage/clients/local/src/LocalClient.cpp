@@ -388,6 +388,11 @@ void LocalClient::completeMultipartUpload(
         });
 }
 
+std::optional<PinnedVersion> LocalClient::pinnedVersion(const std::string& key)
+{
+    return m_pins.certain(key);
+}
+
 std::vector<PendingUpload> LocalClient::pendingUploads()
 {
     return translateErrors(

@@ -165,6 +165,11 @@ std::vector<std::string> MemoryClient::keys() const
     return m_store->keys();
 }
 
+std::optional<PinnedVersion> MemoryClient::pinnedVersion(const std::string& key)
+{
+    return m_pins.certain(key);
+}
+
 std::vector<PendingUpload> MemoryClient::pendingUploads()
 {
     std::vector<PendingUpload> pending;

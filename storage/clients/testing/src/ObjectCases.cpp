@@ -1,6 +1,8 @@
 #include "Cases.hpp"
 
+#include <storage/clients/common/PinnedVersions.hpp>
 #include <storage/clients/common/TransientException.hpp>
+#include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/testing/CloudClientConformance.hpp>
 
 #include <gmock/gmock.h>
@@ -53,6 +55,11 @@ TEST_P(CloudClientConformance, StoresReplacesAndRemovesAnObject)
         const ObjectInfo info = client().getObjectInfo("a/b");
         EXPECT_TRUE(info.exists && info.size == size && !info.lastModified.is_special());
         EXPECT_TRUE(get("a/b") == bytes);
+        if (auto* const versions = findInterface<PinnedVersions>(client()))
+        {
+            const auto pinned = versions->pinnedVersion("a/b");
+            EXPECT_TRUE(pinned && pinned->tag == info.tag && pinned->size == size);
+        }
 
         const auto entries = list(client(), "a/");
         EXPECT_TRUE(entries.size() == 1 && entries[0].key == "a/b" && entries[0].size == size);

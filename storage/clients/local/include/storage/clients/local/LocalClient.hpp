@@ -2,6 +2,7 @@
 
 #include <storage/clients/common/ObjectRemover.hpp>
 #include <storage/clients/common/Operation.hpp>
+#include <storage/clients/common/PinnedVersions.hpp>
 #include <storage/clients/common/RequiredVersions.hpp>
 #include <storage/clients/common/UploadInventory.hpp>
 #include <storage/clients/common/VersionPins.hpp>
@@ -109,6 +110,7 @@ struct LocalSettings
 /// use the store while it is upgraded: opening it fails then.
 class LocalClient final : public cloudprovider::CloudClient,
                           public ObjectRemover,
+                          public PinnedVersions,
                           public UploadInventory,
                           public WriteConditions
 {
@@ -151,6 +153,8 @@ public:
     ///
     /// @throws UnknownErrorException when a transaction has not begun because another process keeps the index locked
     std::map<std::string, std::exception_ptr> deleteObjects(const std::vector<std::string>& keys) override;
+
+    std::optional<PinnedVersion> pinnedVersion(const std::string& key) override;
 
     std::vector<PendingUpload> pendingUploads() override;
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <storage/clients/common/PinnedVersions.hpp>
 #include <storage/clients/common/RequiredVersions.hpp>
 #include <storage/clients/common/UploadInventory.hpp>
 #include <storage/clients/common/VersionPins.hpp>
@@ -46,7 +47,10 @@ struct OpenUpload
 /// is one part. checkObjectName() and checkKey() decide which names and keys are valid.
 ///
 /// Threads: any thread may call any operation at any time. No lock is held while a content stream or the clock is used.
-class MemoryClient : public cloudprovider::CloudClient, public UploadInventory, public WriteConditions
+class MemoryClient : public cloudprovider::CloudClient,
+                     public PinnedVersions,
+                     public UploadInventory,
+                     public WriteConditions
 {
 public:
     using Clock = std::function<boost::posix_time::ptime()>;
@@ -78,6 +82,8 @@ public:
     void abortMultipartUpload(const std::string& key, const std::string& uploadId) override;
     void completeMultipartUpload(const std::string& key, const std::string& uploadId,
         const std::vector<cloudprovider::PartInfo>& parts) override;
+
+    std::optional<PinnedVersion> pinnedVersion(const std::string& key) override;
 
     std::vector<PendingUpload> pendingUploads() override;
 
