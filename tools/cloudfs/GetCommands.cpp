@@ -47,7 +47,7 @@ void requireFileName(const CommandContext& context, const StorePath& path)
 
 /// Read a file without looking it up first, which would take a round trip. If it is missing, say what is there instead.
 ///
-/// @param read  throws CommandError; with NotFound only if the file is missing
+/// @param read  throws CommandError; with NotFound if the file is missing
 void readFile(const CommandContext& context, const StorePath& path, const std::function<void()>& read)
 {
     try

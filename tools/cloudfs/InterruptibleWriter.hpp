@@ -7,8 +7,8 @@
 namespace cloudfs
 {
 
-/// Writes to a descriptor of any kind so that a signal ends the wait for a slow reader, on whichever thread. Only the
-/// main thread receives signals, so a write() that blocks on another one would go on for ever.
+/// Writes to a descriptor of any kind. If the reader of a pipe, socket or terminal is slow, a signal ends the wait,
+/// whichever thread writes: only the main thread receives signals, and a write() that blocks another thread goes on.
 ///
 /// One thread at a time.
 class InterruptibleWriter
@@ -31,7 +31,8 @@ public:
 private:
     int m_descriptor;
     bool m_isOwn = false;
-    std::size_t m_maxWrite; // bytes that write() takes at once without blocking, after poll() has said that it is ready
+    bool m_isSocket = false;
+    std::size_t m_maxWrite; // bytes that are written at once
 };
 
 } // namespace cloudfs
