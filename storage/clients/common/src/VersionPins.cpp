@@ -50,7 +50,7 @@ void VersionPins::Opening::opened(const Version& version)
     m_pins.pin(key, version.tag, current);
     if (isSame)
     {
-        m_pins.m_pins.front().moves = moves; // what is being fetched of this version is still valid
+        m_pins.m_pins.front().moves = moves; // what was fetched before belongs to this version, too
     }
 }
 

@@ -23,6 +23,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <list>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -145,11 +146,17 @@ std::vector<ObjectEntry> LocalClient::listObjects(
 
 void LocalClient::deleteObject(const std::string& key)
 {
+    const VersionPins::Deletion deletion(m_pins, key);
     perform(Operation::DeleteObject, key, [&] { deleteAlone(key); });
 }
 
 std::map<std::string, std::exception_ptr> LocalClient::deleteObjects(const std::vector<std::string>& keys)
 {
+    std::list<VersionPins::Deletion> deletions;
+    for (const std::string& key : keys)
+    {
+        deletions.emplace_back(m_pins, key);
+    }
     std::map<std::string, std::exception_ptr> failures;
     for (std::span<const std::string> rest = keys; !rest.empty();)
     {

@@ -61,6 +61,7 @@ std::vector<ObjectEntry> MemoryClient::listObjects(
 
 void MemoryClient::deleteObject(const std::string& key)
 {
+    const VersionPins::Deletion deletion(m_pins, key);
     m_store->remove(key, m_required.find(key));
 }
 

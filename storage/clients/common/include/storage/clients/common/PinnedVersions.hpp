@@ -12,7 +12,7 @@ struct PinnedVersion
 {
     std::string tag;        ///< cloudprovider::ObjectInfo::tag
     std::uint64_t size = 0; ///< bytes of the object
-    std::uint64_t pin = 0;  ///< changes when the key is pinned to another version, and with each write of this client
+    std::uint64_t pin = 0;  ///< the same until the key is pinned to another version; it may change at other times, too
 
     bool operator==(const PinnedVersion&) const = default;
 };

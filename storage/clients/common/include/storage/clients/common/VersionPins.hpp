@@ -147,7 +147,7 @@ private:
         std::string key;
         std::string opened; ///< tag
         Version current;
-        std::uint64_t moves = 0; ///< m_moves when `current` became another version, or was written
+        std::uint64_t moves = 0; ///< m_moves when `current` was set; kept when the same version is opened again
         bool isDoubtful = false; ///< this client may have replaced or deleted the object since
     };
     using Pins = std::list<Pin>;
