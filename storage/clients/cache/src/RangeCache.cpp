@@ -215,16 +215,20 @@ ByteRange RangeCache::read(const ObjectVersion& object, const ByteRange& range, 
 
 ByteRange RangeCache::missing(const ObjectVersion& object, const ByteRange& range)
 {
-    const auto blocks = [](const Entry& entry) { return entry.present | entry.writing; };
     Gap gap(range);
-    forEachFile(object, range, [&](const Piece& piece) { gap.add(piece, blocks(use(piece.name))); });
+    forEachFile(object, range,
+        [&](const Piece& piece)
+        {
+            const auto [present, writing] = blocksOf(piece.name);
+            gap.add(piece, present | writing);
+        });
     return gap.range();
 }
 
 /// @return bit n: block n was read
 std::uint64_t RangeCache::readPiece(const Piece& piece, char* target)
 {
-    const std::uint64_t present = use(piece.name).present;
+    const std::uint64_t present = blocksOf(piece.name).first;
     std::uint64_t done = 0;
     if (present == 0)
     {
@@ -303,7 +307,7 @@ void RangeCache::writePiece(const Piece& piece, const char* bytes)
         file.touch();
         finishWrite(piece.name, blocks, true);
     }
-    catch (const std::system_error& failure)
+    catch (const std::exception& failure) // also std::bad_alloc
     {
         finishWrite(piece.name, blocks, false);
         if (!m_isReadOnly.exchange(true))
@@ -321,17 +325,17 @@ std::uint64_t RangeCache::size() const
     return m_size;
 }
 
-/// What is known of a file, which counts as used now.
-RangeCache::Entry RangeCache::use(const std::string& name)
+/// Entry::present and Entry::writing of a file, which counts as used now.
+std::pair<std::uint64_t, std::uint64_t> RangeCache::blocksOf(const std::string& name)
 {
     const std::lock_guard lock(m_mutex);
     const auto known = m_byName.find(name);
     if (known == m_byName.end())
     {
-        return {name};
+        return {};
     }
     m_entries.splice(m_entries.begin(), m_entries, known->second);
-    return m_entries.front();
+    return {m_entries.front().present, m_entries.front().writing};
 }
 
 /// Make room for blocks. The file counts as used now, and stays until finishWrite().

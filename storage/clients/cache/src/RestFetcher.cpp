@@ -86,7 +86,8 @@ void RestFetcher::read(const ObjectVersion& object, const ByteRange& fetched, Du
 
 bool RestFetcher::isWorthIt(const Reading& reading) const
 {
-    if (reading.misses < minMisses || reading.object.size > m_cache.maxSize() / 2 || m_cache.isReadOnly())
+    const bool canBeKept = !m_cache.isReadOnly() && trialSize % m_cache.blockSize() == 0; // pieces are whole blocks
+    if (reading.misses < minMisses || reading.object.size > m_cache.maxSize() / 2 || !canBeKept)
     {
         return false;
     }
@@ -105,21 +106,25 @@ RestFetcher::Reading& RestFetcher::readingOf(const ObjectVersion& object)
         return m_readings.front();
     }
     m_readings.emplace_front(object);
-    m_readings.size() > maxReadings ? forgetOldest() : void();
+    while (m_readings.size() > maxReadings && forgetOldest())
+    {
+    }
     return m_readings.front();
 }
 
-/// Evict the readers that have read longest ago, unless something is being fetched for them.
-void RestFetcher::forgetOldest()
+/// Evict the readers that have read longest ago, of those for whom nothing is being fetched.
+/// @return whether there were any
+bool RestFetcher::forgetOldest()
 {
     for (auto each = std::prev(m_readings.end()); each != m_readings.begin(); --each)
     {
         if (!each->isWanted && each->running == 0)
         {
             m_readings.erase(each);
-            return;
+            return true;
         }
     }
+    return false;
 }
 
 void RestFetcher::startThreads()
@@ -130,7 +135,7 @@ try
         m_threads.emplace_back([this] { work(); });
     }
 }
-catch (const std::system_error&) // fewer will do; without one, nothing is fetched ahead
+catch (const std::exception&) // fewer will do; without one, nothing is fetched ahead
 {
 }
 
@@ -172,7 +177,7 @@ void RestFetcher::fetchPiece(Reading& reading, std::unique_lock<std::mutex>& loc
     }
 }
 
-/// Measure what was fetched, and forget the readers if all of it is there, or if it was in vain.
+/// Measure what was fetched. If all of it is there, or if it was in vain, forget all but the throughput.
 void RestFetcher::end(Reading& reading, bool isTrial)
 {
     if (reading.fetched >= trialSize / 4)
@@ -183,10 +188,16 @@ void RestFetcher::end(Reading& reading, bool isTrial)
         reading.bytesPerSecond =
             double(reading.fetched) / std::chrono::duration<double>(std::max(time - response, time / 8)).count();
     }
+    else if (isTrial)
+    {
+        reading.bytesPerSecond = 1; // too few to make it worth trying again
+    }
     reading.missing -= std::min(reading.missing, std::exchange(reading.fetched, 0));
     if (reading.left == 0)
     {
+        const double bytesPerSecond = reading.bytesPerSecond;
         reading = Reading(std::move(reading.object)); // must not allocate: no handler on this thread
+        reading.bytesPerSecond = bytesPerSecond;
     }
 }
 

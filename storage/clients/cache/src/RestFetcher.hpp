@@ -72,8 +72,8 @@ private:
         ObjectVersion object;
         std::uint64_t missing;               ///< bytes that nobody has requested
         std::uint64_t lastEnd = object.size; ///< of the range that was fetched last for a reader
-        unsigned misses = 0;                 ///< ranges that did not begin there, or for which a reader waited as long
-        Duration waited{};                   ///< for these
+        unsigned misses = 0; ///< ranges that did not begin there, or that a reader waited for nevertheless
+        Duration waited{};   ///< for these
         Duration shortestWait = Duration::max();
         double bytesPerSecond = 0; ///< throughput of the store; 0: not measured
         Time lastRead{};
@@ -87,7 +87,7 @@ private:
     // These require m_mutex.
     Reading& readingOf(const ObjectVersion& object);
     bool isWorthIt(const Reading& reading) const;
-    void forgetOldest();
+    bool forgetOldest();
     void startThreads();
     void fetchPiece(Reading& reading, std::unique_lock<std::mutex>& lock);
     void end(Reading& reading, bool isTrial);

@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 namespace storage::clients
 {
@@ -32,9 +33,9 @@ struct RangeCacheSettings
     std::filesystem::path folder;      ///< made if it is missing; its parent must exist
     std::uint64_t maxSize = 1U << 30U; ///< bytes that all files together may use, see RangeCache::size()
 
-    /// Bytes of a block, at least 1. A CachingClient fetches the rest of an object in pieces of 4 and 8 MiB, which must
-    /// be multiples of it. The default is large enough for a sequential read, and a quarter of a part as
-    /// RemoteClient reads it. A cache with another block size starts empty.
+    /// Bytes of a block, at least 1. The default is large enough for a sequential read, and a quarter of a part as
+    /// RemoteClient reads it. A cache with another block size starts empty. A CachingClient fetches the rest of an
+    /// object only if 4 MiB are a multiple of it.
     std::uint64_t blockSize = 64U << 10U;
 };
 
@@ -122,7 +123,7 @@ private:
     void scan();
     std::filesystem::path pathOf(const std::string& name) const { return m_settings.folder / name; }
 
-    Entry use(const std::string& name);
+    std::pair<std::uint64_t, std::uint64_t> blocksOf(const std::string& name);
     std::uint64_t reserve(const std::string& name, std::uint64_t blocks);
     void finishWrite(const std::string& name, std::uint64_t blocks, bool isWritten);
     void drop(const std::string& name);
