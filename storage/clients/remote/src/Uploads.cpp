@@ -471,7 +471,8 @@ void Uploads::storeObject(const std::string& key, const ObjectUploader::Source& 
     }
     catch (const TransientException&)
     {
-        source.check(); // the store may have refused bytes that have changed since they were hashed
+        // The store may have refused bytes that have changed since they were hashed.
+        upload->isOutcomeUnknown() ? void() : source.check();
         throw;
     }
 }
@@ -487,7 +488,7 @@ void Uploads::storeStream(const std::string& key, std::string_view part, const s
         bool isLast = false;
         for (std::uint64_t offset = 0; !part.empty(); part = isLast ? std::string_view() : next())
         {
-            isLast = part.size() < size; // reading behind the end of a terminal or a pipe may return more
+            isLast = part.size() < size; // a terminal could be read again behind the end of the input
             boost::iostreams::stream<boost::iostreams::array_source> content(part.data(), part.size());
             parts.push_back({parts.size(), offset, part.size(), ""});
             parts.back().Tag = send(key, id, parts.back(), content);

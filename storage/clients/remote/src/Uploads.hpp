@@ -72,7 +72,7 @@ public:
 
     /// Upload an object part by part, and abort that after a failure.
     /// @param part  the first one
-    /// @param next  reads the one behind it; empty: there is none
+    /// @param next  reads the one behind it; empty: there is none. A part that is shorter than the first is the last.
     void storeStream(const std::string& key, std::string_view part, const std::function<std::string_view()>& next);
 
     /// Abort every upload that is open, and log failures. After a TransientException, abort no other: it would take as

@@ -1027,6 +1027,16 @@ TEST_F(RemoteClientTest, ATransferEndsAtItsFirstFailure)
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 50s);
 }
 
+TEST_F(RemoteClientTest, ASourceThatHasChangedIsWhyTheStoreRefusesItsParts)
+{
+    open(3);
+    fail("uploadPart", {});
+    const auto fill = [](auto, char* target, std::size_t size) { std::fill_n(target, size, 'x'); };
+    const auto check = [] { throw UnknownErrorException("changed"); };
+    const auto upload = [&] { client->uploadObject("k", {10'000, fill, check, [](auto) {}}); };
+    EXPECT_THAT(failureOf(upload), Optional(HasSubstr("changed")));
+}
+
 TEST_F(RemoteClientTest, AChangedFileKeepsItsMetadataAndANewOneGetsItsOwn)
 {
     const auto patched = [&] { patch(*client, "k", 10, "new"); };

@@ -25,7 +25,7 @@ public:
         std::function<void(std::uint64_t offset, char* target, std::size_t size)> read;
 
         /// Throw if the bytes that were read may belong to different states of the source. Called when all of them
-        /// have been read, before the object becomes visible.
+        /// have been read, before the object becomes visible, and after a failure that this may be the reason of.
         std::function<void()> check;
 
         /// Count bytes that are sent for the first time. Called by several threads at a time.
