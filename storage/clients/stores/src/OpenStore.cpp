@@ -64,6 +64,11 @@ std::shared_ptr<CountingClient> counted(const Arguments&... arguments)
     return std::make_shared<CountingClient>(std::make_shared<Store>(arguments...));
 }
 
+const CacheSettings& orElse(const CacheSettings& named, const CacheSettings& otherwise)
+{
+    return named.folder.empty() ? otherwise : named;
+}
+
 /// Let a client read through the cache of its settings, if they have one. @param store  see CachingClient
 std::shared_ptr<cloudprovider::CloudClient> cached(
     std::shared_ptr<cloudprovider::CloudClient> client, const CacheSettings& settings, std::string store)
@@ -100,14 +105,14 @@ std::shared_ptr<cloudprovider::CloudClient> openStore(const std::string& url, co
     {
         s3::S3Settings settings = s3::parseS3Url(url);
         settings.interrupted = options.interrupted;
-        return cached(std::make_shared<S3Client>(settings), settings.cache,
+        return cached(std::make_shared<S3Client>(settings), orElse(settings.cache, options.cache),
             fmt::format("s3 {} {} {} {}", settings.endpoint, settings.region, settings.bucket, settings.prefix));
     }
     if (url.starts_with("azure:"))
     {
         azure::AzureSettings settings = azure::parseAzureUrl(url);
         settings.interrupted = options.interrupted;
-        return cached(std::make_shared<AzureClient>(settings), settings.cache,
+        return cached(std::make_shared<AzureClient>(settings), orElse(settings.cache, options.cache),
             fmt::format("azure {} {} {} {}", settings.endpoint, settings.account, settings.container, settings.prefix));
     }
     refuse("unknown kind of store");

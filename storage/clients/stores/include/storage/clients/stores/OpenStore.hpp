@@ -1,5 +1,6 @@
 #pragma once
 
+#include <storage/clients/remote/CacheSettings.hpp>
 #include <storage/cloudprovider/CloudClient.hpp>
 
 #include <filesystem>
@@ -21,6 +22,9 @@ struct OpenStoreOptions
 
     /// Create a local store that does not exist. False: opening it throws, and nothing is created.
     bool createMissing = true;
+
+    /// The cache of a distant store whose URL names none.
+    CacheSettings cache = {};
 };
 
 /// Open the store with this URL.
