@@ -17,6 +17,8 @@ packages=(
     libcli11-dev libfmt-dev libsqlite3-dev libxxhash-dev
     # building the client for object gateways: HTTP, hashes and signatures, XML
     libcurl4-openssl-dev libssl-dev libpugixml-dev
+    # building the mount, and mounting as a user other than root
+    fuse3 libfuse3-dev
     # testing: the second compiler, its sanitizer runtimes, and the consumer of the installed package
     libgtest-dev libgmock-dev
     clang-14 libclang-rt-14-dev
@@ -36,7 +38,7 @@ packages=(
 )
 case ${1:-} in
     '') ;;
-    compare) packages+=(fuse3 libgdal-dev python3-awscrt python3-matplotlib rclone s3fs) ;;
+    compare) packages+=(libgdal-dev python3-awscrt python3-matplotlib rclone s3fs) ;;
     azurite) command -v npm >/dev/null || packages+=(nodejs npm) ;; # others than Debian's have npm in the same package
     *)
         echo "usage: scripts/install-deps.sh [compare|azurite]" >&2

@@ -1,0 +1,152 @@
+#pragma once
+
+#include "Extents.hpp"
+#include "LocalFile.hpp"
+#include "MountedStore.hpp"
+#include "UnsentFiles.hpp"
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace storage::mount
+{
+
+/// The contents of one file: a stored version, and what was written here since.
+///
+/// What is written goes into a local file, and send() stores it. The bytes of a file are, where several of these hold,
+/// those of the first one:
+/// - what is in the local file (m_local);
+/// - the stored version (m_before), up to the smallest size that the file had since (m_kept);
+/// - zeros.
+///
+/// Any thread may call any operation. `key` is the file's key, which must not change during the call. While the file is
+/// being sent, reads go on, and writes wait.
+class FileContents
+{
+public:
+    /// Make the contents of a file that does not exist yet.
+    static std::unique_ptr<FileContents> createNew(MountedStore& store, UnsentFiles& unsent, const std::string& key);
+
+    /// Make the contents of a stored file, as a lookup or a listing has found it.
+    ///
+    /// @param found  its tag may be empty; then open() before any other operation
+    FileContents(MountedStore& store, UnsentFiles& unsent, const Found& found);
+
+    /// Make the contents that an earlier process has not sent.
+    FileContents(MountedStore& store, UnsentFiles& unsent, const UnsentFile& file);
+
+    FileContents(const FileContents&) = delete;
+    FileContents& operator=(const FileContents&) = delete;
+
+    /// Removes the local file, but not the record of an unsent file.
+    ~FileContents();
+
+    std::uint64_t size() const;
+
+    /// Whether send() has something to do.
+    bool isUnsent() const;
+
+    /// Whether the file has never been stored.
+    bool isNew() const;
+
+    /// The stored version, if it is known.
+    std::optional<ObjectVersion> stored() const;
+
+    /// Whether it is new, and nothing has been written to it.
+    bool isUntouched() const;
+
+    /// What the store has, compared with what reads return.
+    enum class Match
+    {
+        Same,     ///< or something is unsent, so that reads return that
+        Replaced, ///< another version, which reads return from now on
+        Refused   ///< another version, but somebody reads the old one
+    };
+
+    /// Take note that a lookup or a listing has found the file.
+    ///
+    /// @param mayReplace  false: somebody reads this version, so it must stay
+    Match found(const Found& found, bool mayReplace);
+
+    /// Let reads return the version that is stored now.
+    ///
+    /// @throws ResourceNotFoundException
+    Match open(const std::string& key, bool mayReplace);
+
+    /// Read up to `size` bytes. @return how many; fewer at the end of the file
+    /// @throws Failure  ESTALE if another client has replaced or removed the version that was opened
+    std::size_t read(const std::string& key, std::uint64_t offset, char* target, std::size_t size);
+
+    /// @throws Failure  ENOSPC if the local disk is full; part of the bytes may have been written where the file had
+    ///         others before, but the size has not changed
+    void write(const std::string& key, std::uint64_t offset, const char* bytes, std::size_t size);
+
+    /// Cut the file off, or extend it with zeros.
+    void resize(const std::string& key, std::uint64_t size);
+
+    /// Store what is unsent. If that fails, it is still unsent.
+    ///
+    /// @throws Failure  ESTALE if another client has replaced or removed the version that was changed
+    void send(const std::string& key);
+
+    /// Get all bytes into the local file, so that the stored object is not needed any more.
+    void load(const std::string& key);
+
+    /// Write a copy of the file, as read() would return it. Ranges that cannot be read any more are left out.
+    ///
+    /// @return whether all bytes are there
+    bool copyTo(const std::string& key, const std::filesystem::path& path);
+
+    /// The file has another key now, where the store has this version.
+    void moved(const std::string& newKey, const std::optional<ObjectVersion>& version);
+
+    /// Nobody has the file open any more: drop the local file, if everything is stored.
+    void trim();
+
+    /// Drop what is unsent, because the file was removed.
+    void drop();
+
+    /// Drop what is unsent, and let reads return what is stored.
+    void forgetVersion();
+
+private:
+    class Busy;
+
+    bool isKnown() const { return m_isNew || m_before; }
+    std::unique_lock<std::mutex> lockKnown(const std::string& key);
+    std::unique_lock<std::mutex> beginChange(const std::string& key);
+    void makeLocal();
+    void record(const std::string& key);
+    void replace(std::optional<ObjectVersion> version, std::uint64_t size);
+    Extents missing(std::uint64_t offset, std::uint64_t size) const;
+    void readNow(const std::string& key, std::uint64_t offset, char* target, std::size_t size) const;
+    MountedStore::Change change(const std::string& key) const;
+    std::optional<ObjectVersion> findOurs(const std::string& key) const;
+
+    MountedStore& m_store;
+    UnsentFiles& m_unsent;
+
+    mutable std::mutex m_mutex; // never held during a call of the store; guards everything below
+    std::condition_variable m_changed;
+    std::optional<ObjectVersion> m_before; // nullopt: not stored, or not known
+    bool m_isNew = false;
+    bool m_isUntouched = false;
+    std::optional<Time> m_foundModified; // of m_before, as the store tells it; nullopt: it has not yet
+    std::uint64_t m_size = 0;
+    std::uint64_t m_kept = 0;
+    Extents m_local;   // below m_kept; from there on, all bytes are in m_file
+    Extents m_written; // part of m_local: not stored yet
+    bool m_isUnsent = false;
+    bool m_isBusy = false; // being sent or loaded: nothing below changes, and m_before neither
+    std::int64_t m_id = 0;
+    std::unique_ptr<LocalFile> m_file;   // null: nothing was written or loaded
+    MountedStore::Condition m_condition; // of the attempts to send; not null only after one has failed
+};
+
+} // namespace storage::mount

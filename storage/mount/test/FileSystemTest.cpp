@@ -1,0 +1,520 @@
+#include "FileSystem.hpp"
+
+#include <storage/clients/common/TransientException.hpp>
+#include <storage/clients/decorators/FaultyClient.hpp>
+#include <storage/clients/memory/MemoryClient.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace storage::mount
+{
+
+using clients::Operation;
+using namespace testing;
+using namespace std::chrono_literals;
+
+namespace
+{
+
+std::string bytesOf(std::size_t size, unsigned seed)
+{
+    std::string bytes(size, '\0');
+    std::ranges::generate(bytes, [next = std::minstd_rand(seed + 1)]() mutable { return static_cast<char>(next()); });
+    return bytes;
+}
+
+/// A mounted store in memory, used through paths as programs do.
+class FileSystemTest : public Test
+{
+protected:
+    ~FileSystemTest() override
+    {
+        handles.clear();
+        files.reset();
+        std::filesystem::remove_all(folder);
+    }
+
+    /// Mount, after a process that was killed if there was one.
+    void mount(std::chrono::milliseconds timeout = 0ms)
+    {
+        handles.clear();
+        files.reset();
+        files = std::make_unique<FileSystem>(store, FileSystemSettings{.folder = folder, .attributeTimeout = timeout});
+        files->recover();
+    }
+
+    /// @return the node of a path, without a reference
+    NodeId find(const std::string& path)
+    {
+        NodeId node = rootId;
+        for (std::size_t begin = 0; begin < path.size();)
+        {
+            const std::size_t end = std::min(path.find('/', begin), path.size());
+            const auto found = files->lookup(node, path.substr(begin, end - begin));
+            if (!found)
+            {
+                throw Failure(ENOENT, path);
+            }
+            references.push_back(found->node);
+            node = found->node;
+            begin = end + 1;
+        }
+        return node;
+    }
+
+    static std::string nameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+    NodeId folderOf(const std::string& path) { return find(path.substr(0, std::max(path.rfind('/') + 1, 1UL) - 1)); }
+
+    FileHandle& open(const std::string& path)
+    {
+        const auto known = handles.find(path);
+        return known != handles.end() ? known->second : handles.emplace(path, files->open(find(path))).first->second;
+    }
+    void create(const std::string& path)
+    {
+        handles.emplace(path, files->create(folderOf(path), nameOf(path), 0644).second);
+    }
+    void write(const std::string& path, std::uint64_t offset, const std::string& bytes)
+    {
+        files->write(open(path), offset, bytes.data(), bytes.size());
+    }
+    std::string read(const std::string& path)
+    {
+        std::string bytes(files->attributes(find(path)).size + 10, '?');
+        bytes.resize(files->read(open(path), 0, bytes.data(), bytes.size()));
+        return bytes;
+    }
+    void close(const std::string& path)
+    {
+        const auto handle = handles.extract(path);
+        files->flush(handle.mapped());
+        files->release(handle.mapped());
+    }
+    /// Release a file without flushing it.
+    void drop(const std::string& path)
+    {
+        const auto handle = handles.extract(path);
+        handle ? files->release(handle.mapped()) : void();
+    }
+    void put(const std::string& path, const std::string& bytes)
+    {
+        create(path);
+        write(path, 0, bytes);
+        close(path);
+    }
+    void rename(const std::string& path, const std::string& newPath, bool replaces = true)
+    {
+        files->rename(folderOf(path), nameOf(path), folderOf(newPath), nameOf(newPath), replaces);
+        for (auto handle = handles.begin(); handle != handles.end();)
+        {
+            const auto next = std::next(handle);
+            if (handle->first == path || handle->first.starts_with(path + '/'))
+            {
+                auto moved = handles.extract(handle);
+                moved.key().replace(0, path.size(), newPath);
+                handles.insert(std::move(moved));
+            }
+            handle = next;
+        }
+    }
+    std::set<std::string> list(const std::string& path)
+    {
+        FolderHandle handle = files->openFolder(find(path));
+        files->list(handle, true);
+        std::set<std::string> names;
+        for (const auto& entry : handle.entries)
+        {
+            names.insert(entry.name);
+        }
+        files->release(handle);
+        return names;
+    }
+
+    static int errorOf(const std::function<void()>& call)
+    try
+    {
+        call();
+        return 0;
+    }
+    catch (...)
+    {
+        return Failure::current().error();
+    }
+
+    const std::shared_ptr<clients::MemoryClient> bucket = std::make_shared<clients::MemoryClient>();
+    const std::shared_ptr<clients::FaultyClient> client = std::make_shared<clients::FaultyClient>(bucket);
+    MountedStore store{client};
+    const std::filesystem::path folder = []
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "mount-test-XXXXXX").string();
+        return std::filesystem::path(mkdtemp(name.data()));
+    }();
+    std::unique_ptr<FileSystem> files;
+    std::map<std::string, FileHandle> handles; // by path
+    std::vector<NodeId> references;
+};
+
+// A random program, compared with a map of paths. Stores fail and mounts are killed now and then; nothing is lost.
+TEST_F(FileSystemTest, BehavesLikeAMapOfStrings)
+{
+    std::mt19937 random(static_cast<unsigned>(UnitTest::GetInstance()->random_seed()));
+    const auto below = [&](std::size_t count) { return static_cast<std::size_t>(random() % count); };
+    std::map<std::string, std::string> model;
+    const std::string paths[] = {"a", "b", "d/a", "d/b", "d/e/a", "d/e/b."};
+    const std::string folders[] = {"d", "d/e"};
+    mount();
+    files->createFolder(rootId, "d", 0755);
+    files->createFolder(find("d"), "e", 0755);
+    for (unsigned step = 0; step < 4'000; ++step)
+    {
+        const std::string path = paths[below(std::size(paths))];
+        const bool exists = model.contains(path);
+        const std::size_t operation = below(100);
+        SCOPED_TRACE(Message() << "step " << step << ", operation " << operation << " of " << path);
+        if (!exists)
+        {
+            create(path);
+        }
+        std::string& expected = model[path];
+        if (operation < 35)
+        {
+            const std::size_t offset = below(100) < 5 ? below(13U << 20) : below(expected.size() + 100);
+            const std::string bytes = bytesOf(below(30'000), step);
+            write(path, offset, bytes);
+            expected.resize(std::max(expected.size(), bytes.empty() ? 0 : offset + bytes.size()));
+            expected.replace(offset, bytes.size(), bytes);
+        }
+        else if (operation < 40)
+        {
+            const std::size_t size = below(expected.size() + 5'000);
+            files->setAttributes(find(path), {.size = size, .mode = {}, .modified = {}});
+            expected.resize(size);
+        }
+        else if (operation < 60)
+        {
+            ASSERT_TRUE(read(path) == expected);
+        }
+        else if (operation < 70)
+        {
+            files->sync(open(path));
+        }
+        else if (operation < 80)
+        {
+            open(path);
+            close(path);
+            ASSERT_TRUE(bucket->get(path) == expected);
+        }
+        else if (operation < 85)
+        {
+            files->removeFile(folderOf(path), nameOf(path));
+            drop(path);
+            model.erase(path);
+        }
+        else if (operation < 92)
+        {
+            const std::string target = paths[below(std::size(paths))];
+            path != target ? drop(target) : void();
+            rename(path, target);
+            std::string bytes = expected;
+            model.erase(path);
+            model[target] = std::move(bytes);
+        }
+        else if (operation < 94)
+        {
+            rename("d", "f");
+            rename("f", "d");
+        }
+        else if (operation < 96)
+        {
+            mount(below(2) * 1s);
+        }
+        else
+        {
+            std::set<std::string> names;
+            for (const auto& [name, bytes] : model)
+            {
+                name.starts_with("d/e/") ? void(names.insert(nameOf(name))) : void();
+            }
+            ASSERT_EQ(list("d/e"), names);
+        }
+    }
+    EXPECT_THAT(files->sendAll(), IsEmpty());
+    for (const auto& [path, bytes] : model)
+    {
+        EXPECT_TRUE(bucket->get(path) == bytes) << path;
+    }
+    EXPECT_EQ(bucket->keys().size(), model.size() + std::size(folders));
+}
+
+TEST_F(FileSystemTest, ReportsAFailedUploadAndKeepsTheBytesUntilTheyAreStored)
+{
+    mount();
+    put("a", "old");
+    for (const auto moment : {clients::Fault::Moment::BeforeEffect, clients::Fault::Moment::AfterEffect})
+    {
+        const std::string bytes = moment == clients::Fault::Moment::BeforeEffect ? "new" : "newer";
+        client->inject({Operation::PutObject, 0, moment,
+            std::make_exception_ptr(clients::TransientException("Busy", "the store is busy"))});
+        write("a", 0, bytes);
+        EXPECT_EQ(errorOf([&] { files->sync(open("a")); }), ETIMEDOUT);
+        // An earlier attempt that has taken effect is recognised.
+        const int error = moment == clients::Fault::Moment::BeforeEffect ? ETIMEDOUT : 0;
+        EXPECT_EQ(errorOf([&] { files->sync(open("a")); }), error);
+        EXPECT_EQ(errorOf([&] { close("a"); }), error);
+        EXPECT_EQ(read("a"), bytes);
+        drop("a");
+        EXPECT_EQ(files->sendAll().empty(), error == 0);
+        client->clearFaults();
+        mount(); // what is unsent survives the process
+        EXPECT_THAT(files->sendAll(), IsEmpty());
+        EXPECT_EQ(bucket->get("a"), bytes);
+    }
+}
+
+TEST_F(FileSystemTest, NeverOverwritesOrMixesWhatAnotherProgramHasStored)
+{
+    mount();
+    const std::string old = bytesOf(6U << 20, 1), foreign = bytesOf(6U << 20, 2);
+    for (const bool isNew : {true, false})
+    {
+        SCOPED_TRACE(isNew);
+        const std::string path = isNew ? "new" : "stored";
+        isNew ? create(path) : put(path, old);
+        write(path, 100, "ours");
+        bucket->put(path, foreign);
+        EXPECT_EQ(errorOf([&] { close(path); }), ESTALE);
+        EXPECT_EQ(bucket->get(path), foreign);
+        EXPECT_EQ(read(path), foreign);
+        drop(path);
+    }
+    std::vector<std::string> conflicts;
+    for (const auto& entry : std::filesystem::directory_iterator(folder / "conflicts"))
+    {
+        std::ifstream file(entry.path());
+        conflicts.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    }
+    std::string patched = old;
+    patched.replace(100, 4, "ours");
+    // The old version is gone, so of that only what was written is left.
+    EXPECT_THAT(conflicts, UnorderedElementsAre(std::string(100, '\0') + "ours", EndsWith(std::string(1000, '\0'))));
+
+    put("read", old);
+    FileHandle reader = files->open(find("read"));
+    char byte = 0;
+    EXPECT_EQ(files->read(reader, 0, &byte, 1), 1U);
+    bucket->put("read", foreign);
+    EXPECT_EQ(errorOf([&] { files->read(reader, 5U << 20, &byte, 1); }), ESTALE);
+    EXPECT_EQ(errorOf([&] { files->open(reader.node->id); }), ESTALE) << "so that the kernel looks it up again";
+    EXPECT_EQ(read("read"), foreign);
+    EXPECT_EQ(errorOf([&] { files->read(reader, 5U << 20, &byte, 1); }), ESTALE);
+    files->release(reader);
+}
+
+TEST_F(FileSystemTest, SendsNoMoreThanItNeeds)
+{
+    mount(1h);
+    std::vector<std::string> calls;
+    std::mutex mutex;
+    client->setHook(
+        [&](Operation operation, const std::string& key)
+        {
+            const std::lock_guard lock(mutex);
+            calls.push_back(std::string(name(operation)) + ' ' + key);
+        });
+    const auto callsOf = [&](const std::function<void()>& call)
+    {
+        calls.clear();
+        call();
+        std::ranges::sort(calls);
+        return calls;
+    };
+    EXPECT_THAT(
+        callsOf([&] { EXPECT_FALSE(files->lookup(rootId, "a")); }), ElementsAre("getObjectInfo a", "listObjects a/"));
+    create("a");
+    write("a", 0, "1");
+    rename("a", "b");
+    EXPECT_THAT(callsOf([&] { close("b"); }), ElementsAre("putObject b"));
+    list("");
+    EXPECT_THAT(callsOf(
+                    [&]
+                    {
+                        EXPECT_FALSE(files->lookup(rootId, "missing"));
+                        EXPECT_TRUE(files->lookup(rootId, "b"));
+                        EXPECT_EQ(read("b"), "1");
+                    }),
+        ElementsAre("getObjectRange b"))
+        << "the folder was listed";
+    drop("b");
+    EXPECT_THAT(callsOf(
+                    [&]
+                    {
+                        create("c");
+                        files->flush(open("c"));
+                    }),
+        IsEmpty())
+        << "shells close it twice";
+    EXPECT_THAT(callsOf([&] { close("c"); }), ElementsAre("putObject c"));
+
+    put("large", bytesOf(100U << 20, 1));
+    EXPECT_THAT(callsOf(
+                    [&]
+                    {
+                        write("large", 50U << 20, "x");
+                        close("large");
+                    }),
+        Contains(StartsWith("uploadPart")).Times(1));
+    EXPECT_THAT(callsOf(
+                    [&]
+                    {
+                        files->setAttributes(find("large"), {.size = (50U << 20) - 1});
+                        open("large");
+                        close("large");
+                    }),
+        Contains(StartsWith("uploadPart")).Times(1));
+}
+
+TEST_F(FileSystemTest, MovesFoldersAsAWholeWhateverFails)
+{
+    const std::map<std::string, std::string> tree{{"", ""}, {"a", "1"}, {"b/", ""}, {"b/c", "22"}, {"b/d.", "333"}};
+    for (unsigned failing = 1; failing <= 12; ++failing)
+    {
+        for (const bool isKilled : {false, true})
+        {
+            SCOPED_TRACE(Message() << failing << (isKilled ? " killed" : ""));
+            mount();
+            for (const std::string& key : bucket->keys())
+            {
+                bucket->remove(key);
+            }
+            for (const auto& [name, bytes] : tree)
+            {
+                bucket->put("f/" + name, bytes);
+            }
+            find("f");
+            unsigned calls = 0;
+            client->setHook(
+                [&](Operation operation, const std::string&)
+                {
+                    static std::mutex mutex;
+                    const std::lock_guard lock(mutex);
+                    const bool isCounted = changesStore(operation);
+                    calls += isCounted;
+                    isCounted && (calls == failing || (isKilled && calls > failing))
+                        ? throw cloudprovider::UnknownErrorException("failed")
+                        : void();
+                });
+            const int error = errorOf([&] { rename("f", "g"); });
+            client->setHook({});
+            isKilled ? mount() : void();
+            std::vector<std::string> there;
+            for (const std::string& key : bucket->keys())
+            {
+                there.push_back(key.substr(0, 2));
+                EXPECT_EQ(bucket->get(key), tree.at(key.substr(2)));
+            }
+            const std::string folderKey = error == 0 || isKilled ? "g/" : "f/";
+            const bool mayBeBoth = error == 0 && !isKilled && failing > 5; // deleting failed, and is tried again
+            EXPECT_THAT(
+                there, AllOf(Contains(folderKey).Times(5), SizeIs(mayBeBoth ? Matcher<std::size_t>(Ge(5)) : Eq(5))));
+        }
+    }
+    const auto other = folder / "other";
+    std::filesystem::create_directory(other);
+    files = std::make_unique<FileSystem>(store, FileSystemSettings{.folder = other, .renameLimit = 4});
+    EXPECT_EQ(errorOf([&] { rename("g", "h"); }), EXDEV);
+}
+
+TEST_F(FileSystemTest, ShowsEveryKeyUnderANameOfItsOwn)
+{
+    mount();
+    const std::map<std::string, std::string> names{{"a.", "a."}, {"x//y", "x/\u241B/y"}, {"./z", "\u241B./z"},
+        {"../z", "\u241B../z"}, {"/r", "\u241B/r"}, {"\u241B", "\u241B\u241B"}, {"e\u241B", "e\u241B"}, {"%2F", "%2F"},
+        {"line\nbreak", "line\nbreak"}};
+    for (const auto& [key, path] : names)
+    {
+        bucket->put(key, key);
+        EXPECT_EQ(read(path), key);
+        EXPECT_THAT(list(path.substr(0, std::max(path.rfind('/') + 1, 1UL) - 1)), Contains(nameOf(path)));
+        write(path, 0, "new");
+        close(path);
+        EXPECT_EQ(bucket->get(key), "new" + key.substr(std::min<std::size_t>(3, key.size())));
+    }
+    bucket->put("both", "hidden");
+    bucket->put("both/inside", "1");
+    EXPECT_EQ(read("both/inside"), "1");
+    EXPECT_EQ(errorOf([&] { create(std::string(256, 'x')); }), ENAMETOOLONG);
+    EXPECT_EQ(errorOf([&] { create("\xFF"); }), EILSEQ);
+    EXPECT_EQ(errorOf([&] { files->createFolder(rootId, "\x01", 0755); }), EILSEQ);
+}
+
+TEST_F(FileSystemTest, ThreadsShareFilesAndFolders)
+{
+    mount(1ms);
+    files->createFolder(rootId, "d", 0755);
+    put("d/shared", "");
+    std::vector<std::jthread> threads;
+    for (unsigned thread = 0; thread < 4; ++thread)
+    {
+        threads.emplace_back(
+            [&, thread]
+            {
+                const std::string own = "own" + std::to_string(thread);
+                for (unsigned i = 0; i < 50; ++i)
+                {
+                    const auto folderNode = files->lookup(rootId, i % 2 == 0 ? "d" : "e");
+                    if (!folderNode)
+                    {
+                        continue;
+                    }
+                    errorOf(
+                        [&]
+                        {
+                            auto [attributes, file] = files->create(folderNode->node, own, 0644);
+                            files->write(file, 0, own.data(), own.size());
+                            files->release(file);
+                            files->forget(attributes.node, 1);
+                        });
+                    errorOf(
+                        [&] { files->rename(rootId, i % 2 == 0 ? "d" : "e", rootId, i % 2 == 0 ? "e" : "d", false); });
+                    errorOf(
+                        [&]
+                        {
+                            const auto shared = files->lookup(folderNode->node, "shared");
+                            const FileHandle file = files->open(shared.value().node);
+                            files->write(file, i, "x", 1);
+                            char byte = 0;
+                            files->read(file, 0, &byte, 1);
+                            files->release(file);
+                            files->forget(shared->node, 1);
+                        });
+                    errorOf([&] { files->removeFile(folderNode->node, own); });
+                    files->forget(folderNode->node, 1);
+                }
+            });
+    }
+    threads.clear();
+    EXPECT_THAT(files->sendAll(), IsEmpty());
+}
+
+} // namespace
+
+} // namespace storage::mount
