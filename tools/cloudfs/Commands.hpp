@@ -25,5 +25,6 @@ void addUploadCommands(CLI::App& app, CommandContext& context); // uploads list,
 // These run without an open context.
 void addCheckCommand(CLI::App& app, CommandContext& context);         // check
 void addCheckEndpointCommand(CLI::App& app, CommandContext& context); // check-endpoint
+void addMountCommand(CLI::App& app, CommandContext& context);         // mount
 
 } // namespace cloudfs

@@ -143,8 +143,8 @@ int run(int argc, char** argv)
     app.parse_complete_callback(
         [&]
         {
-            // A damaged store cannot be opened, and no store is needed to check an endpoint.
-            if (!app.got_subcommand("check") && !app.got_subcommand("check-endpoint"))
+            // A damaged store cannot be opened, no store is needed to check an endpoint, and a mount needs another one.
+            if (!app.got_subcommand("check") && !app.got_subcommand("check-endpoint") && !app.got_subcommand("mount"))
             {
                 context.open(app.got_subcommand("put") || app.got_subcommand("mkdir"));
             }
@@ -158,6 +158,7 @@ int run(int argc, char** argv)
     addUploadCommands(app, context);
     addCheckCommand(app, context);
     addCheckEndpointCommand(app, context);
+    addMountCommand(app, context);
     app.footer(globalOptionForms); // after the commands, or they would inherit it
     try
     {

@@ -539,6 +539,56 @@ test_closed_pipe()
     [[ -z $(ls buffers) ]] || fail "buffers left: $(ls buffers)"
 }
 
+# start_mount: mount the store on the folder mnt; sets mount_pid.
+start_mount()
+{
+    env --default-signal=INT "$program" --store "$store" mount mnt --cache-dir cache "$@" 2>>log &
+    mount_pid=$!
+    for ((i = 0; i < 300; i++)); do
+        ! mountpoint -q mnt || return 0
+        kill -0 $mount_pid 2>/dev/null || break
+        sleep 0.1
+    done
+    fail "no mount: $(<log)"
+}
+
+test_mount()
+{
+    unshare --mount test -w /dev/fuse 2>/dev/null || { echo "skipped: only root can mount here"; exit 77; }
+    trap 'umount -l mnt 2>/dev/null; rm -rf "$work"' EXIT
+    mkdir mnt tree tree/deep
+    expect 0 '' mkdir /folder
+    expect 1 'none: .*' mount none --cache-dir cache
+    bytes 12000000 >tree/big
+    echo small >tree/deep/small
+    start_mount
+    ! fs mount mnt --cache-dir cache 2>err && [[ $(<err) == *'another mount uses the cache folder'* ]] || fail "$(<err)"
+    cp -r tree mnt/copy && mv mnt/copy mnt/moved && diff -r tree mnt/moved || fail "the tree differs"
+    for path in tree mnt/moved; do
+        printf patch | dd of=$path/big bs=1 seek=6000000 conv=notrunc status=none
+        truncate -s 7000000 $path/big
+    done
+    same tree/big /moved/big
+    diff -r tree mnt/moved || fail "the changed tree differs"
+    [[ $(stat -c %s mnt/moved/big) == 7000000 && $(ls mnt) == $'folder\nmoved' ]] || fail "$(ls -lR mnt)"
+    exec 4<mnt/moved/deep/small
+    rm -r mnt/moved/deep
+    [[ $(cat <&4) == small ]] || fail "removed while it was open"
+    exec 4<&- 4>mnt/unsent
+    echo unsent >&4
+    kill -s KILL $mount_pid # and what was written is not closed yet
+    wait $mount_pid
+    exec 4>&-
+    umount -l mnt
+    start_mount --read-only
+    [[ $(<mnt/unsent) == unsent ]] || fail "lost"
+    ! echo x 2>/dev/null >mnt/unsent || fail "written"
+    kill -s INT $mount_pid
+    wait $mount_pid || fail "exit $?: $(<log)"
+    ! mountpoint -q mnt || fail "still mounted"
+    [[ $(fs cat /unsent) == unsent && $(ls cache/*) != *[0-9]* ]] || fail "not stored: $(ls cache/*)"
+}
+
 test_full_disk()
 {
     if [[ -z ${CLOUDFS_OWN_MOUNTS-} ]]; then

@@ -1,0 +1,181 @@
+#include "CommandError.hpp"
+#include "Commands.hpp"
+#include "Diagnostics.hpp"
+#include "Interrupt.hpp"
+#include "Text.hpp"
+#include "Validators.hpp"
+
+#include <storage/clients/stores/OpenStore.hpp>
+#include <storage/cloudprovider/CloudExceptions.hpp>
+#include <storage/mount/Mount.hpp>
+
+#include <fmt/format.h>
+
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <exception>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <poll.h>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+
+namespace cloudfs
+{
+
+namespace
+{
+
+struct Options
+{
+    std::string mountPoint;
+    std::string cacheFolder;
+    std::uint64_t cacheSize = 1ULL << 30U;
+    std::uint64_t attributeTimeout = 1;
+    uid_t user = ::getuid();
+    gid_t group = ::getgid();
+    std::string fileMode = "644";
+    std::string folderMode = "755";
+    bool readOnly = false;
+    bool allowOther = false;
+};
+
+/// The folder for what every store keeps on this machine.
+std::filesystem::path defaultCacheFolder()
+{
+    const auto from = [](const char* variable)
+    {
+        const char* value = std::getenv(variable);
+        const std::filesystem::path path(value == nullptr ? "" : value);
+        return path.is_absolute() ? path : std::filesystem::path();
+    };
+    const auto cache = from("XDG_CACHE_HOME");
+    return (cache.empty() ? from("HOME") / ".cache" : cache) / "cloudfs";
+}
+
+/// A name for the files of a store, which is the same for the same store.
+std::string nameOf(const std::string& storeUrl)
+{
+    std::string name = storeUrl.substr(0, storeUrl.find('?'));
+    for (char& character : name)
+    {
+        character = std::isalnum(static_cast<unsigned char>(character)) != 0 ? character : '-';
+    }
+    return fmt::format("{}-{:016x}", name.substr(0, 60), std::hash<std::string>()(storeUrl));
+}
+
+mode_t modeOf(const std::string& octal)
+{
+    return static_cast<mode_t>(std::stoul(octal, nullptr, 8));
+}
+
+/// Serve until the folder is unmounted or a signal arrives.
+void serve(storage::mount::Mount& mount)
+{
+    std::array<int, 2> ended{-1, -1};
+    if (::pipe2(ended.data(), O_CLOEXEC) != 0)
+    {
+        throw std::system_error(errno, std::generic_category(), "pipe");
+    }
+    std::thread server(
+        [&]
+        {
+            interrupt::blockSignalsInThisThread();
+            mount.run();
+            ::close(ended[1]);
+        });
+    try
+    {
+        interrupt::waitUntilReady(ended[0], POLLIN);
+    }
+    catch (const interrupt::Interrupted&)
+    {
+        mount.sendAll(); // before programs lose the folder
+        mount.stop();
+    }
+    server.join();
+    ::close(ended[0]);
+}
+
+void mountStore(CommandContext& context, const Options& options)
+{
+    diagnostics::install(context.verbose);
+    try
+    {
+        const std::filesystem::path root =
+            options.cacheFolder.empty() ? defaultCacheFolder() : std::filesystem::path(options.cacheFolder);
+        const auto folder = root / nameOf(context.storeUrl);
+        std::filesystem::create_directories(folder);
+        const auto store = storage::clients::openStore(context.storeUrl,
+            {.interrupted = {}, .createMissing = false, .cache = {folder / "ranges", options.cacheSize}});
+        storage::mount::Mount mount(store, {.mountPoint = options.mountPoint,
+                                               .source = context.storeUrl,
+                                               .folder = folder,
+                                               .folderPolicy = context.folderPolicy,
+                                               .attributeTimeout = std::chrono::seconds(options.attributeTimeout),
+                                               .user = options.user,
+                                               .group = options.group,
+                                               .fileMode = modeOf(options.fileMode),
+                                               .folderMode = modeOf(options.folderMode),
+                                               .isReadOnly = options.readOnly,
+                                               .allowsOthers = options.allowOther});
+        serve(mount);
+        for (const std::string& path : mount.sendAll())
+        {
+            diagnostics::printLine(text::printable(path) + " is not stored; the next mount of this store tries again");
+            context.markFailed();
+        }
+    }
+    catch (const storage::cloudprovider::CloudException& exception)
+    {
+        throw CommandError::fromStore(context.storeForMessages(), exception);
+    }
+    catch (const CommandError&)
+    {
+        throw;
+    }
+    catch (const std::exception& exception)
+    {
+        throw CommandError(options.mountPoint, exception.what(), fsp::ErrorCode::Unknown);
+    }
+}
+
+} // namespace
+
+void addMountCommand(CLI::App& app, CommandContext& context)
+{
+    auto* command = app.add_subcommand("mount", "Show the store as a folder of this machine, until it is unmounted");
+    auto options = std::make_shared<Options>();
+    command->add_option("DIR", options->mountPoint, "An empty folder")->required();
+    command->add_option("--cache-dir", options->cacheFolder,
+        "A folder for what is not stored yet, and for what was read; by default $XDG_CACHE_HOME/cloudfs");
+    command->add_option("--cache-size", options->cacheSize, "Bytes of the files that keep what was read")
+        ->check(numberBetween(16U << 20U, 1ULL << 50U))
+        ->capture_default_str();
+    command
+        ->add_option("--attr-timeout", options->attributeTimeout,
+            "Seconds for which names and attributes count without asking the store")
+        ->check(numberBetween(0, 86'400));
+    command->add_option("--uid", options->user, "The owner of all files");
+    command->add_option("--gid", options->group, "The group of all files");
+    command->add_option("--file-mode", options->fileMode, "Permissions of files, octal")->capture_default_str();
+    command->add_option("--dir-mode", options->folderMode, "Permissions of folders, octal")->capture_default_str();
+    command->add_flag("--read-only", options->readOnly, "Refuse every change");
+    command->add_flag("--allow-other", options->allowOther, "Let other users use the mount, as permissions allow");
+    command->footer(
+        "Closing a file stores it; an error of that is an error of close(). docs/mount.md has all promises.\n"
+        "Ends when the folder is unmounted, or with Ctrl-C or SIGTERM: what is not stored is stored, and then\n"
+        "the folder is unmounted. If some files cannot be stored, the exit status is 1, and the next mount\n"
+        "of this store with the same cache folder tries again.");
+    command->callback([&context, options] { mountStore(context, *options); });
+}
+
+} // namespace cloudfs
