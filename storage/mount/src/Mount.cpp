@@ -45,7 +45,7 @@ Time toTime(const timespec& time)
 thread_local std::string* messages = nullptr; // of libfuse, for an exception; null: they are logged
 
 /// Take what libfuse would print to standard error.
-void takeMessage(fuse_log_level, const char* format, va_list arguments)
+[[gnu::format(printf, 2, 0)]] void takeMessage(fuse_log_level, const char* format, va_list arguments)
 {
     std::array<char, 500> text{};
     std::vsnprintf(text.data(), text.size(), format, arguments); // NOLINT(cert-err33-c): a cut message will do
