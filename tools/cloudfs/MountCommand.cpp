@@ -1,3 +1,4 @@
+#include "Background.hpp"
 #include "CommandError.hpp"
 #include "Commands.hpp"
 #include "Diagnostics.hpp"
@@ -40,12 +41,14 @@ struct Options
     std::string cacheFolder;
     std::uint64_t cacheSize = 1ULL << 30U;
     std::uint64_t attributeTimeout = 1;
+    std::size_t renameLimit = 10'000;
     uid_t user = ::getuid();
     gid_t group = ::getgid();
     std::string fileMode = "644";
     std::string folderMode = "755";
     bool readOnly = false;
     bool allowOther = false;
+    bool background = false;
 };
 
 /// The folder for what every store keeps on this machine.
@@ -78,7 +81,9 @@ mode_t modeOf(const std::string& octal)
 }
 
 /// Serve until the folder is unmounted or a signal arrives.
-void serve(storage::mount::Mount& mount)
+///
+/// @param answers  called when programs can use the mount
+void serve(storage::mount::Mount& mount, const std::string& mountPoint, const std::function<void()>& answers)
 {
     std::array<int, 2> ended{-1, -1};
     if (::pipe2(ended.data(), O_CLOEXEC) != 0)
@@ -94,6 +99,9 @@ void serve(storage::mount::Mount& mount)
         });
     try
     {
+        std::error_code ignored;
+        [[maybe_unused]] const auto status = std::filesystem::status(mountPoint, ignored);
+        answers();
         interrupt::waitUntilReady(ended[0], POLLIN);
     }
     catch (const interrupt::Interrupted&)
@@ -108,26 +116,31 @@ void serve(storage::mount::Mount& mount)
 void mountStore(CommandContext& context, const Options& options)
 {
     diagnostics::install(context.verbose);
+    const auto background = options.background ? std::make_unique<Background>() : nullptr;
     try
     {
         const std::filesystem::path root =
             options.cacheFolder.empty() ? defaultCacheFolder() : std::filesystem::path(options.cacheFolder);
-        const auto folder = root / nameOf(context.storeUrl);
+        const auto folder = std::filesystem::absolute(root / nameOf(context.storeUrl));
+        const std::string mountPoint = std::filesystem::absolute(options.mountPoint);
         std::filesystem::create_directories(folder);
         const auto store = storage::clients::openStore(context.storeUrl,
             {.interrupted = {}, .createMissing = false, .cache = {folder / "ranges", options.cacheSize}});
-        storage::mount::Mount mount(store, {.mountPoint = options.mountPoint,
-                                               .source = context.storeUrl,
-                                               .folder = folder,
-                                               .folderPolicy = context.folderPolicy,
-                                               .attributeTimeout = std::chrono::seconds(options.attributeTimeout),
-                                               .user = options.user,
-                                               .group = options.group,
-                                               .fileMode = modeOf(options.fileMode),
-                                               .folderMode = modeOf(options.folderMode),
-                                               .isReadOnly = options.readOnly,
-                                               .allowsOthers = options.allowOther});
-        serve(mount);
+        storage::mount::Mount mount(
+            store, {.mountPoint = mountPoint,
+                       .source = context.storeUrl,
+                       .folder = folder,
+                       .folderPolicy = context.folderPolicy,
+                       .attributeTimeout = std::chrono::seconds(options.attributeTimeout),
+                       .user = options.user,
+                       .group = options.group,
+                       .fileMode = modeOf(options.fileMode),
+                       .folderMode = modeOf(options.folderMode),
+                       .renameLimit = options.renameLimit,
+                       .disk = storage::clients::localStoreDirectory(context.storeUrl).value_or(""),
+                       .isReadOnly = options.readOnly,
+                       .allowsOthers = options.allowOther});
+        serve(mount, mountPoint, [&] { background ? background->ready() : void(); });
         for (const std::string& path : mount.sendAll())
         {
             diagnostics::printLine(text::printable(path) + " is not stored; the next mount of this store tries again");
@@ -164,6 +177,9 @@ void addMountCommand(CLI::App& app, CommandContext& context)
         ->add_option("--attr-timeout", options->attributeTimeout,
             "Seconds for which names and attributes count without asking the store")
         ->check(numberBetween(0, 86'400));
+    command
+        ->add_option("--rename-limit", options->renameLimit, "Renaming a folder with more files than this is refused")
+        ->capture_default_str();
     command->add_option("--uid", options->user, "The owner of all files");
     command->add_option("--gid", options->group, "The group of all files");
     command->add_option("--file-mode", options->fileMode, "Permissions of files, octal")->capture_default_str();
@@ -175,6 +191,7 @@ void addMountCommand(CLI::App& app, CommandContext& context)
         "Ends when the folder is unmounted, or with Ctrl-C or SIGTERM: what is not stored is stored, and then\n"
         "the folder is unmounted. If some files cannot be stored, the exit status is 1, and the next mount\n"
         "of this store with the same cache folder tries again.");
+    command->add_flag("--background", options->background, "Return as soon as the folder can be used");
     command->callback([&context, options] { mountStore(context, *options); });
 }
 

@@ -283,7 +283,7 @@ std::unique_lock<std::mutex> FileContents::beginChange(const std::string& key)
     std::unique_lock lock = lockKnown(key);
     m_changed.wait(lock, [this] { return !m_isBusy; });
     makeLocal();
-    m_isUnsent ? void() : record(key);
+    m_isUnsent || m_isRemoved ? void() : record(key);
     m_isUntouched = false;
     return lock;
 }
@@ -305,7 +305,7 @@ void FileContents::write(const std::string& key, std::uint64_t offset, const cha
         const Extent written(offset, std::min(offset + size, m_kept));
         Extents all = m_written;
         all.add(written);
-        m_unsent.wrote(m_id, *all.find(written));
+        m_isRemoved ? void() : m_unsent.wrote(m_id, *all.find(written));
         m_written = std::move(all);
         m_local.add(written);
     }
@@ -322,7 +322,7 @@ void FileContents::resize(const std::string& key, std::uint64_t size)
         m_kept = size;
         m_local -= Extent(size, endOfAll);
         m_written -= Extent(size, endOfAll);
-        record(key);
+        m_isRemoved ? void() : record(key);
     }
 }
 
@@ -462,7 +462,8 @@ void FileContents::trim()
     }
 }
 
-void FileContents::drop()
+/// Waits until the contents may change, and returns with the lock.
+std::unique_lock<std::mutex> FileContents::forgetUnsent()
 {
     std::unique_lock lock(m_mutex);
     m_changed.wait(lock, [this] { return !m_isBusy; });
@@ -472,12 +473,18 @@ void FileContents::drop()
         m_unsent.forget(m_id);
         m_isUnsent = false;
     }
+    return lock;
+}
+
+void FileContents::remove()
+{
+    const auto lock = forgetUnsent();
+    m_isRemoved = true;
 }
 
 void FileContents::forgetVersion()
 {
-    drop();
-    const std::lock_guard lock(m_mutex);
+    const auto lock = forgetUnsent();
     replace(std::nullopt, m_size);
 }
 

@@ -109,8 +109,8 @@ public:
     /// Nobody has the file open any more: drop the local file, if everything is stored.
     void trim();
 
-    /// Drop what is unsent, because the file was removed.
-    void drop();
+    /// The file was removed: what is unsent, and what is written from now on, is only for those who have it open.
+    void remove();
 
     /// Drop what is unsent, and let reads return what is stored.
     void forgetVersion();
@@ -123,6 +123,7 @@ private:
     std::unique_lock<std::mutex> beginChange(const std::string& key);
     void makeLocal();
     void record(const std::string& key);
+    std::unique_lock<std::mutex> forgetUnsent();
     void replace(std::optional<ObjectVersion> version, std::uint64_t size);
     Extents missing(std::uint64_t offset, std::uint64_t size) const;
     void readNow(const std::string& key, std::uint64_t offset, char* target, std::size_t size) const;
@@ -143,6 +144,7 @@ private:
     Extents m_local;   // below m_kept; from there on, all bytes are in m_file
     Extents m_written; // part of m_local: not stored yet
     bool m_isUnsent = false;
+    bool m_isRemoved = false;
     bool m_isBusy = false; // being sent or loaded: nothing below changes, and m_before neither
     std::int64_t m_id = 0;
     std::unique_ptr<LocalFile> m_file;   // null: nothing was written or loaded

@@ -321,7 +321,7 @@ std::pair<Attributes, FileHandle> FileSystem::create(NodeId folderId, const std:
     const std::lock_guard lock(m_tree.mutex);
     if (childOf(*folder, name))
     {
-        contents->drop();
+        contents->remove();
         throw Failure(EEXIST, clients::quoted(name) + " exists");
     }
     const NodePtr node = m_tree.add(*folder, name, false, std::move(contents));
@@ -542,7 +542,7 @@ void FileSystem::removeFile(NodeId folderId, const std::string& name)
         keepFolder(folder, folderKey);
         m_store.remove(key);
     }
-    node->contents->drop();
+    node->contents->remove();
     const std::lock_guard lock(m_tree.mutex);
     noteOwnChange(*folder, name, std::nullopt);
     folder->modified = folder->changed = now();
@@ -652,7 +652,7 @@ void FileSystem::rename(
             keepFolder(folder, folderKey);
             moveFile(node, key, newKey);
         }
-        target ? target->contents->drop() : void();
+        target ? target->contents->remove() : void();
     }
     const std::lock_guard lock(m_tree.mutex);
     noteOwnChange(*folder, name, std::nullopt);

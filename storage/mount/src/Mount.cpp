@@ -11,15 +11,20 @@
 
 #include <fmt/format.h>
 #include <fuse3/fuse_lowlevel.h>
+#include <sys/statvfs.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <pthread.h>
 #include <span>
+#include <thread>
 #include <utility>
 
 namespace storage::mount
@@ -29,6 +34,7 @@ namespace
 {
 
 constexpr unsigned maxThreads = 32;
+constexpr int stopSignal = SIGUSR2;
 
 timespec toTimespec(Time time)
 {
@@ -99,6 +105,7 @@ public:
         fuse_args args = FUSE_ARGS_INIT(arguments.size(), const_cast<char**>(arguments.data()));
         const fuse_lowlevel_ops operations = this->operations();
         m_session = ::fuse_session_new(&args, &operations, sizeof(operations), this);
+        ::fuse_opt_free_args(&args);
         if (m_session == nullptr || ::fuse_session_mount(m_session, settings.mountPoint.c_str()) != 0)
         {
             m_session != nullptr ? ::fuse_session_destroy(m_session) : void();
@@ -122,13 +129,25 @@ public:
         const std::unique_ptr<fuse_loop_config, void (*)(fuse_loop_config*)> config(
             ::fuse_loop_cfg_create(), &::fuse_loop_cfg_destroy);
         ::fuse_loop_cfg_set_max_threads(config.get(), maxThreads);
+        struct sigaction action = {}, before = {};
+        action.sa_handler = [](int) {};
+        ::sigaction(stopSignal, &action, &before);
+        m_runner = ::pthread_self();
+        m_isRunning = true;
         ::fuse_session_loop_mt(m_session, config.get());
+        m_isRunning = false;
+        ::sigaction(stopSignal, &before, nullptr);
     }
 
     void stop()
     {
         ::fuse_session_exit(m_session);
-        ::fuse_session_unmount(m_session);
+        // libfuse waits until a signal arrives, and looks then. One that arrives just before it waits is lost.
+        while (m_isRunning)
+        {
+            ::pthread_kill(m_runner, stopSignal);
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
     }
 
     FileSystem& files() noexcept { return m_files; }
@@ -138,8 +157,8 @@ private:
     {
         std::filesystem::create_directory(settings.folder);
         std::filesystem::permissions(settings.folder, std::filesystem::perms::owner_all);
-        return {
-            settings.folder, settings.folderPolicy, settings.attributeTimeout, settings.fileMode, settings.folderMode};
+        return {settings.folder, settings.folderPolicy, settings.attributeTimeout, settings.fileMode,
+            settings.folderMode, settings.renameLimit};
     }
 
     /// Options are separated by commas.
@@ -508,6 +527,12 @@ private:
     static void statistics(fuse_req_t request, fuse_ino_t)
     {
         struct statvfs space = {};
+        const auto& disk = of(request).m_settings.disk;
+        if (!disk.empty() && ::statvfs(disk.c_str(), &space) == 0)
+        {
+            ::fuse_reply_statfs(request, &space);
+            return;
+        }
         space.f_bsize = space.f_frsize = 4096;
         space.f_blocks = space.f_bfree = space.f_bavail = 1ULL << 40U;
         space.f_files = space.f_ffree = space.f_favail = 1ULL << 40U;
@@ -551,6 +576,8 @@ private:
     MountedStore m_store;
     FileSystem m_files;
     fuse_session* m_session = nullptr;
+    pthread_t m_runner{};                  // set before m_isRunning
+    std::atomic<bool> m_isRunning = false; // run() waits in libfuse
 };
 
 Mount::Mount(std::shared_ptr<cloudprovider::CloudClient> client, const MountSettings& settings)

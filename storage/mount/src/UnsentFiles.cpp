@@ -80,6 +80,7 @@ std::vector<UnsentFile> UnsentFiles::recover()
         }
     }
     std::vector<UnsentFile> result;
+    result.reserve(files.size());
     for (auto& [id, file] : files)
     {
         result.push_back(std::move(file));

@@ -329,6 +329,23 @@ TEST_F(FileSystemTest, NeverOverwritesOrMixesWhatAnotherProgramHasStored)
     files->release(reader);
 }
 
+TEST_F(FileSystemTest, ARemovedFileServesThoseWhoHaveItOpenAndNobodyElse)
+{
+    mount();
+    const std::string bytes = bytesOf(6U << 20, 1);
+    put("a", bytes);
+    FileHandle& file = open("a");
+    files->removeFile(rootId, "a");
+    files->write(file, 6U << 20, "more", 4);
+    std::string got((6U << 20) + 4, '\0');
+    EXPECT_EQ(files->read(file, 0, got.data(), got.size()), got.size());
+    EXPECT_TRUE(got == bytes + "more");
+    files->sync(file);
+    mount();
+    EXPECT_THAT(files->sendAll(), IsEmpty());
+    EXPECT_THAT(bucket->keys(), IsEmpty());
+}
+
 TEST_F(FileSystemTest, SendsNoMoreThanItNeeds)
 {
     mount(1h);

@@ -586,6 +586,9 @@ test_mount()
     kill -s INT $mount_pid
     wait $mount_pid || fail "exit $?: $(<log)"
     ! mountpoint -q mnt || fail "still mounted"
+    expect 1 'none: .*' mount none --cache-dir cache --background
+    expect 0 '' mount mnt --cache-dir cache --background
+    [[ $(<mnt/unsent) == unsent ]] && umount mnt || fail "not in the background"
     [[ $(fs cat /unsent) == unsent && $(ls cache/*) != *[0-9]* ]] || fail "not stored: $(ls cache/*)"
 }
 

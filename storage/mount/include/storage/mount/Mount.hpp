@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstddef>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -33,6 +34,8 @@ struct MountSettings
     gid_t group = 0;
     mode_t fileMode = 0644;
     mode_t folderMode = 0755;
+    std::size_t renameLimit = 10'000; ///< objects in a folder that can be renamed
+    std::filesystem::path disk = {};  ///< whose space programs see as that of the store; empty: a large constant
     bool isReadOnly = false;
     bool allowsOthers = false; ///< other users may use the mount, as far as modes allow
 };
@@ -54,10 +57,11 @@ public:
     /// Unmount, if run() has not.
     ~Mount();
 
-    /// Serve programs until somebody unmounts the folder or stop() is called.
+    /// Serve programs until somebody unmounts the folder or stop() is called. Meanwhile, SIGUSR2 must not be blocked in
+    /// this thread, and is handled.
     void run();
 
-    /// Unmount. Any thread may call this, while run() works.
+    /// Let run() return. Any thread may call this, while run() works.
     void stop();
 
     /// Store everything that programs have written.
