@@ -142,6 +142,8 @@ void FileContents::replace(std::optional<ObjectVersion> version, std::uint64_t s
     m_isNew = false;
     m_size = size;
     m_kept = size;
+    m_frontier = 0;
+    m_hasAheadFailed = false;
 }
 
 FileContents::Match FileContents::found(const Found& found, bool mayReplace)
@@ -288,9 +290,35 @@ std::unique_lock<std::mutex> FileContents::beginChange(const std::string& key)
     return lock;
 }
 
+/// Send the parts that are full, if the file is large enough. Requires the lock, and releases it meanwhile.
+void FileContents::sendAhead(const std::string& key, std::unique_lock<std::mutex>& lock)
+{
+    if (m_isRemoved || m_hasAheadFailed || m_frontier < 2 * m_store.partSizeAhead() ||
+        (m_ahead && !m_ahead->canSend(m_frontier)))
+    {
+        return;
+    }
+    const Busy busy(*this, lock);
+    try
+    {
+        m_condition = m_condition ? std::move(m_condition) : m_store.require(key, m_before);
+        m_ahead = m_ahead ? std::move(m_ahead) : m_store.uploadAhead(key);
+        while (m_ahead->canSend(m_frontier))
+        {
+            m_ahead->sendNext([this, key](std::uint64_t offset, char* target, std::size_t size)
+                { readNow(key, offset, target, size); });
+        }
+    }
+    catch (const std::exception&) // close tries again and reports it
+    {
+        m_ahead.reset();
+        m_hasAheadFailed = true;
+    }
+}
+
 void FileContents::write(const std::string& key, std::uint64_t offset, const char* bytes, std::size_t size)
 {
-    const std::unique_lock lock = beginChange(key);
+    std::unique_lock lock = beginChange(key);
     try
     {
         m_file->write(offset, bytes, size);
@@ -310,6 +338,12 @@ void FileContents::write(const std::string& key, std::uint64_t offset, const cha
         m_local.add(written);
     }
     m_size = std::max(m_size, offset + size);
+    if (m_kept == 0)
+    {
+        m_frontier = offset <= m_frontier ? std::max(m_frontier, offset + size) : m_frontier;
+        m_ahead ? m_ahead->changed(offset, size) : void();
+        sendAhead(key, lock);
+    }
 }
 
 void FileContents::resize(const std::string& key, std::uint64_t size)
@@ -317,6 +351,8 @@ void FileContents::resize(const std::string& key, std::uint64_t size)
     const std::unique_lock lock = beginChange(key);
     m_file->resize(size);
     m_size = size;
+    m_frontier = std::min(m_frontier, size);
+    m_ahead ? m_ahead->cut(size) : void();
     if (size < m_kept)
     {
         m_kept = size;
@@ -327,13 +363,14 @@ void FileContents::resize(const std::string& key, std::uint64_t size)
 }
 
 /// How the unsent contents differ from the stored version. Used while they do not change.
-MountedStore::Change FileContents::change(const std::string& key) const
+MountedStore::Change FileContents::change(const std::string& key, UploadAhead* ahead) const
 {
     return {m_size, m_kept,
         [this](std::uint64_t offset, std::uint64_t size)
         { return boost::icl::intersects(m_written, extent(offset, size)); },
         boost::icl::cardinality(m_written) + (m_size - m_kept),
-        [this, key](std::uint64_t offset, char* target, std::size_t size) { readNow(key, offset, target, size); }};
+        [this, key](std::uint64_t offset, char* target, std::size_t size) { readNow(key, offset, target, size); },
+        ahead};
 }
 
 /// Find out whether an earlier attempt has stored the file, although its response was lost or the process killed.
@@ -376,9 +413,11 @@ void FileContents::send(const std::string& key)
     {
         const Busy busy(*this, lock);
         m_condition = m_condition ? std::move(m_condition) : m_store.require(key, m_before);
+        const auto ahead = std::move(m_ahead); // another attempt sends the whole file
+        m_hasAheadFailed = true;
         try
         {
-            version = m_store.store(key, m_before, change(key));
+            version = m_store.store(key, m_before, change(key, ahead.get()));
         }
         catch (const Failure& failure)
         {
@@ -394,7 +433,7 @@ void FileContents::send(const std::string& key)
     m_kept < m_size ? void(m_local.add(Extent(m_kept, m_size))) : void();
     m_kept = m_size;
     m_written.clear();
-    m_isUnsent = false;
+    m_isUnsent = m_hasAheadFailed = false;
 }
 
 void FileContents::load(const std::string& key)
@@ -446,6 +485,7 @@ bool FileContents::copyTo(const std::string& key, const std::filesystem::path& p
 
 void FileContents::moved(const std::string& newKey, const std::optional<ObjectVersion>& version)
 {
+    const auto ahead = takeAhead(); // to another key
     const std::lock_guard lock(m_mutex);
     m_condition.reset();
     m_before = version;
@@ -462,9 +502,18 @@ void FileContents::trim()
     }
 }
 
+/// Return what was sent ahead, so that it is discarded without the lock.
+std::unique_ptr<UploadAhead> FileContents::takeAhead()
+{
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [this] { return !m_isBusy; });
+    return std::move(m_ahead);
+}
+
 /// Waits until the contents may change, and returns with the lock.
 std::unique_lock<std::mutex> FileContents::forgetUnsent()
 {
+    takeAhead().reset();
     std::unique_lock lock(m_mutex);
     m_changed.wait(lock, [this] { return !m_isBusy; });
     m_condition.reset();

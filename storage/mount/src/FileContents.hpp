@@ -26,7 +26,8 @@ namespace storage::mount
 /// - zeros.
 ///
 /// Any thread may call any operation. `key` is the file's key, which must not change during the call. While the file is
-/// being sent, reads go on, and writes wait.
+/// being sent, reads go on, and writes wait. The parts of a file that is written from its beginning on are sent when
+/// they are full, by the thread that has filled them.
 class FileContents
 {
 public:
@@ -122,12 +123,14 @@ private:
     std::unique_lock<std::mutex> lockKnown(const std::string& key);
     std::unique_lock<std::mutex> beginChange(const std::string& key);
     void makeLocal();
+    void sendAhead(const std::string& key, std::unique_lock<std::mutex>& lock);
     void record(const std::string& key);
     std::unique_lock<std::mutex> forgetUnsent();
+    std::unique_ptr<UploadAhead> takeAhead();
     void replace(std::optional<ObjectVersion> version, std::uint64_t size);
     Extents missing(std::uint64_t offset, std::uint64_t size) const;
     void readNow(const std::string& key, std::uint64_t offset, char* target, std::size_t size) const;
-    MountedStore::Change change(const std::string& key) const;
+    MountedStore::Change change(const std::string& key, UploadAhead* ahead) const;
     std::optional<ObjectVersion> findOurs(const std::string& key) const;
 
     MountedStore& m_store;
@@ -148,7 +151,10 @@ private:
     bool m_isBusy = false; // being sent or loaded: nothing below changes, and m_before neither
     std::int64_t m_id = 0;
     std::unique_ptr<LocalFile> m_file;   // null: nothing was written or loaded
-    MountedStore::Condition m_condition; // of the attempts to send; not null only after one has failed
+    MountedStore::Condition m_condition; // of the attempts to send; not null only after one has begun
+    std::uint64_t m_frontier = 0;        // with m_kept == 0: all bytes before it were written
+    std::unique_ptr<UploadAhead> m_ahead;
+    bool m_hasAheadFailed = false; // so close sends the whole file
 };
 
 } // namespace storage::mount

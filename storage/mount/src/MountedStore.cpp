@@ -26,11 +26,6 @@ using namespace cloudprovider;
 namespace
 {
 
-/// Bytes of a new part. A smaller file is stored in one piece, because most stores can copy no smaller parts.
-constexpr std::uint64_t partSize = 5U << 20;
-
-constexpr std::streamsize bufferSize = 256 << 10;
-
 std::optional<Time> timeOf(const boost::posix_time::ptime& time)
 {
     return time.is_special() ? std::nullopt : std::optional(toTime(time));
@@ -46,69 +41,11 @@ Interface& require(CloudClient& client)
     throw Failure(ENOTSUP, "this store cannot be mounted, because it cannot compare versions");
 }
 
-/// Reads a part of a file, for a stream.
-class PartSource
-{
-public:
-    using char_type = char;
-    using category = boost::iostreams::source_tag;
-
-    PartSource(const ReadBytes& read, std::uint64_t offset, std::uint64_t size)
-        : m_read(&read)
-        , m_offset(offset)
-        , m_left(size)
-    {
-    }
-
-    std::streamsize read(char* target, std::streamsize size)
-    {
-        const std::uint64_t count = std::min<std::uint64_t>(static_cast<std::uint64_t>(size), m_left);
-        if (count == 0)
-        {
-            return -1;
-        }
-        (*m_read)(m_offset, target, count);
-        m_offset += count;
-        m_left -= count;
-        return static_cast<std::streamsize>(count);
-    }
-
-private:
-    const ReadBytes* m_read;
-    std::uint64_t m_offset;
-    std::uint64_t m_left;
-};
-
-/// Call `send` with a stream of a part's bytes. The stream hides what reading them throws; this does not.
-template <typename Send>
-auto withStream(const ReadBytes& read, std::uint64_t offset, std::uint64_t size, Send send)
-{
-    std::exception_ptr failure;
-    const ReadBytes readOrRemember = [&](std::uint64_t at, char* target, std::size_t count)
-    {
-        try
-        {
-            read(at, target, count);
-        }
-        catch (...)
-        {
-            failure = std::current_exception();
-            throw;
-        }
-    };
-    boost::iostreams::stream<PartSource> content(PartSource(readOrRemember, offset, size), bufferSize);
-    try
-    {
-        return send(content);
-    }
-    catch (...)
-    {
-        failure ? std::rethrow_exception(failure) : throw;
-    }
-}
-
 /// Plan the parts of a new version: those of the old one that have not changed keep their tag, the others have none.
-std::vector<PartInfo> planParts(const MountedStore::Change& change, const std::vector<PartInfo>& stored)
+///
+/// @param partSize  bytes of a part without one in the old version
+std::vector<PartInfo> planParts(
+    const MountedStore::Change& change, const std::vector<PartInfo>& stored, std::uint64_t partSize)
 {
     std::vector<PartInfo> parts;
     std::uint64_t end = 0;
@@ -141,8 +78,9 @@ std::vector<PartInfo> planParts(const MountedStore::Change& change, const std::v
 
 } // namespace
 
-MountedStore::MountedStore(std::shared_ptr<CloudClient> client)
+MountedStore::MountedStore(std::shared_ptr<CloudClient> client, std::uint64_t partSize)
     : m_client(std::move(client))
+    , m_partSize(partSize)
     , m_versions(mount::require<clients::PinnedVersions>(*m_client))
     , m_conditions(mount::require<clients::WriteConditions>(*m_client))
     , m_uploader(clients::findInterface<clients::ObjectUploader>(*m_client))
@@ -285,6 +223,11 @@ MountedStore::Condition MountedStore::require(const std::string& key, const std:
     return m_conditions.requireVersion(key, before ? before->tag : "");
 }
 
+std::unique_ptr<UploadAhead> MountedStore::uploadAhead(const std::string& key)
+{
+    return std::make_unique<UploadAhead>(*m_client, key, partSizeAhead());
+}
+
 ObjectVersion MountedStore::store(
     const std::string& key, const std::optional<ObjectVersion>& before, const Change& change)
 {
@@ -313,7 +256,11 @@ ObjectVersion MountedStore::store(
 
 void MountedStore::write(const std::string& key, const std::optional<ObjectVersion>& before, const Change& change)
 {
-    if (before && change.size > partSize && change.changed < change.size / 2)
+    if (change.ahead != nullptr && change.ahead->canComplete(change.size))
+    {
+        change.ahead->complete(change.size, change.read);
+    }
+    else if (before && change.size > m_partSize && change.changed < change.size / 2)
     {
         const auto stored = m_client->getObjectParts(key);
         if (versionOf(key) != *before)
@@ -326,9 +273,9 @@ void MountedStore::write(const std::string& key, const std::optional<ObjectVersi
     {
         m_uploader->uploadObject(key, {change.size, change.read, [] {}, [](std::uint64_t) {}});
     }
-    else if (change.size <= partSize)
+    else if (change.size <= m_partSize)
     {
-        withStream(change.read, 0, change.size,
+        withPartStream(change.read, 0, change.size,
             [&](std::istream& content) { m_client->putObject(key, content, change.size); });
     }
     else
@@ -342,11 +289,11 @@ void MountedStore::writeParts(const std::string& key, const Change& change, cons
     const std::string upload = m_client->createMultipartUpload(key, stored.empty() ? "" : stored.front().Tag);
     try
     {
-        std::vector<PartInfo> parts = planParts(change, stored);
+        std::vector<PartInfo> parts = planParts(change, stored, m_partSize);
         for (PartInfo& part : parts)
         {
             part.Tag = !part.Tag.empty() ? m_client->copyPart(key, upload, part)
-                                         : withStream(change.read, part.Offset, part.Size,
+                                         : withPartStream(change.read, part.Offset, part.Size,
                                                [&](std::istream& content)
                                                { return m_client->uploadPart(key, upload, part, content); });
         }

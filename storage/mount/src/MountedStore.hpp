@@ -1,6 +1,8 @@
 #pragma once
 
+#include "PartStream.hpp"
 #include "Time.hpp"
+#include "UploadAhead.hpp"
 
 #include <storage/clients/common/ObjectCopier.hpp>
 #include <storage/clients/common/ObjectUploader.hpp>
@@ -45,11 +47,6 @@ struct Listing
     bool hasMarker = false;               ///< the folder has an object of its own, so it may be empty
 };
 
-/// Where the bytes of an object to be stored come from.
-///
-/// Reads bytes [offset, offset + size). Called by several threads at a time. What it throws ends the transfer.
-using ReadBytes = std::function<void(std::uint64_t offset, char* target, std::size_t size)>;
-
 /// The requests of a mount, for objects and folders by key. The key of a folder ends in "/", that of the root is empty.
 ///
 /// Any thread may call any operation at any time. Each blocks until the store has responded. Unless it says something
@@ -57,9 +54,11 @@ using ReadBytes = std::function<void(std::uint64_t offset, char* target, std::si
 class MountedStore
 {
 public:
-    /// @param client  must be able to tell its PinnedVersions and to take WriteConditions
-    /// @throws Failure  ENOTSUP if it is not
-    explicit MountedStore(std::shared_ptr<cloudprovider::CloudClient> client);
+    /// @param client    must be able to tell its PinnedVersions and to take WriteConditions
+    /// @param partSize  bytes of a new part. A smaller file is stored in one piece. Most stores copy no smaller parts
+    ///                  than the default
+    /// @throws Failure  ENOTSUP if the client is not able to do that
+    explicit MountedStore(std::shared_ptr<cloudprovider::CloudClient> client, std::uint64_t partSize = 5U << 20);
 
     /// Look for a file or a folder, with two requests at the same time. A folder hides a file with the same name.
     ///
@@ -94,8 +93,9 @@ public:
         /// Whether any of the bytes [offset, offset + size) differ from those of the old version. Not called beyond
         /// `kept`.
         std::function<bool(std::uint64_t offset, std::uint64_t size)> isChanged;
-        std::uint64_t changed = 0; ///< about how many bytes differ
-        ReadBytes read;            ///< of the new version
+        std::uint64_t changed = 0;    ///< about how many bytes differ
+        ReadBytes read;               ///< of the new version
+        UploadAhead* ahead = nullptr; ///< what has been sent already
     };
 
     using Condition = std::unique_ptr<clients::WriteConditions::Condition>;
@@ -104,6 +104,12 @@ public:
     ///
     /// @param before  nullopt: there must be no object
     Condition require(const std::string& key, const std::optional<ObjectVersion>& before);
+
+    /// Begin to send a file that is still being written.
+    std::unique_ptr<UploadAhead> uploadAhead(const std::string& key);
+
+    /// Bytes of its parts: twice the usual ones, for half the requests.
+    std::uint64_t partSizeAhead() const { return 2 * m_partSize; }
 
     /// Store a new version of a file: all of it or nothing.
     ///
@@ -128,6 +134,7 @@ private:
     ObjectVersion versionOf(const std::string& key);
 
     const std::shared_ptr<cloudprovider::CloudClient> m_client;
+    const std::uint64_t m_partSize;
     clients::PinnedVersions& m_versions;
     clients::WriteConditions& m_conditions;
     clients::ObjectUploader* const m_uploader; // null: the store has none, like the next one

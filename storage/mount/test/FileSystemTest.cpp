@@ -54,11 +54,12 @@ protected:
     }
 
     /// Mount, after a process that was killed if there was one.
-    void mount(std::chrono::milliseconds timeout = 0ms)
+    void mount(std::chrono::milliseconds timeout = 0ms, bool hasSmallParts = false)
     {
         handles.clear();
         files.reset();
-        files = std::make_unique<FileSystem>(store, FileSystemSettings{.folder = folder, .attributeTimeout = timeout});
+        files = std::make_unique<FileSystem>(hasSmallParts ? storeOfSmallParts : store,
+            FileSystemSettings{.folder = folder, .attributeTimeout = timeout});
         files->recover();
     }
 
@@ -163,6 +164,7 @@ protected:
     const std::shared_ptr<clients::MemoryClient> bucket = std::make_shared<clients::MemoryClient>();
     const std::shared_ptr<clients::FaultyClient> client = std::make_shared<clients::FaultyClient>(bucket);
     MountedStore store{client};
+    MountedStore storeOfSmallParts{client, 2048};
     const std::filesystem::path folder = []
     {
         std::string name = (std::filesystem::temp_directory_path() / "mount-test-XXXXXX").string();
@@ -181,7 +183,7 @@ TEST_F(FileSystemTest, BehavesLikeAMapOfStrings)
     std::map<std::string, std::string> model;
     const std::string paths[] = {"a", "b", "d/a", "d/b", "d/e/a", "d/e/b."};
     const std::string folders[] = {"d", "d/e"};
-    mount();
+    mount(0ms, true);
     files->createFolder(rootId, "d", 0755);
     files->createFolder(find("d"), "e", 0755);
     for (unsigned step = 0; step < 4'000; ++step)
@@ -197,15 +199,18 @@ TEST_F(FileSystemTest, BehavesLikeAMapOfStrings)
         std::string& expected = model[path];
         if (operation < 35)
         {
-            const std::size_t offset = below(100) < 5 ? below(13U << 20) : below(expected.size() + 100);
-            const std::string bytes = bytesOf(below(30'000), step);
+            const std::size_t kind = below(100);
+            const std::size_t offset = kind < 5    ? below(1U << 18)
+                                       : kind < 50 ? expected.size()
+                                                   : below(expected.size() + 100);
+            const std::string bytes = bytesOf(1 + below(30'000), step);
             write(path, offset, bytes);
-            expected.resize(std::max(expected.size(), bytes.empty() ? 0 : offset + bytes.size()));
+            expected.resize(std::max(expected.size(), offset + bytes.size()));
             expected.replace(offset, bytes.size(), bytes);
         }
         else if (operation < 40)
         {
-            const std::size_t size = below(expected.size() + 5'000);
+            const std::size_t size = below(2) * below(expected.size() + 5'000);
             files->setAttributes(find(path), {.size = size, .mode = {}, .modified = {}});
             expected.resize(size);
         }
@@ -245,7 +250,7 @@ TEST_F(FileSystemTest, BehavesLikeAMapOfStrings)
         }
         else if (operation < 96)
         {
-            mount(below(2) * 1s);
+            mount(below(2) * 1s, true);
         }
         else
         {
@@ -391,7 +396,19 @@ TEST_F(FileSystemTest, SendsNoMoreThanItNeeds)
         << "shells close it twice";
     EXPECT_THAT(callsOf([&] { close("c"); }), ElementsAre("putObject c"));
 
-    put("large", bytesOf(100U << 20, 1));
+    create("large");
+    EXPECT_THAT(callsOf([&] { write("large", 0, bytesOf(95U << 20, 1)); }), Contains("uploadPart large").Times(9));
+    EXPECT_THAT(callsOf(
+                    [&]
+                    {
+                        write("large", 95U << 20, bytesOf(6U << 20, 1));
+                        write("large", 0, "changed");
+                    }),
+        ElementsAre("uploadPart large"))
+        << "parts are sent while it is written";
+    EXPECT_THAT(callsOf([&] { close("large"); }),
+        ElementsAre("completeMultipartUpload large", "uploadPart large", "uploadPart large"))
+        << "the first one and the last one";
     EXPECT_THAT(callsOf(
                     [&]
                     {
