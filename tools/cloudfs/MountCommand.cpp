@@ -65,8 +65,17 @@ std::filesystem::path defaultCacheFolder()
 }
 
 /// A name for the files of a store, which is the same for the same store.
-std::string nameOf(const std::string& storeUrl)
+std::string nameOf(std::string storeUrl)
 {
+    if (const auto directory = storage::clients::localStoreDirectory(storeUrl))
+    {
+        storeUrl = "local:" + std::filesystem::weakly_canonical(*directory).native();
+    }
+    for (const char* const variable : {"AWS_ENDPOINT_URL_S3", "AWS_ENDPOINT_URL"})
+    {
+        const char* const value = std::getenv(variable);
+        storeUrl += value == nullptr ? "" : fmt::format("?{}={}", variable, value);
+    }
     std::string name = storeUrl.substr(0, storeUrl.find('?'));
     for (char& character : name)
     {
@@ -122,28 +131,28 @@ void mountStore(CommandContext& context, const Options& options)
         const std::filesystem::path root =
             options.cacheFolder.empty() ? defaultCacheFolder() : std::filesystem::path(options.cacheFolder);
         const auto folder = std::filesystem::absolute(root / nameOf(context.storeUrl));
+        const auto disk = storage::clients::localStoreDirectory(context.storeUrl);
         const std::string mountPoint = std::filesystem::absolute(options.mountPoint);
         std::filesystem::create_directories(folder);
         const auto store = storage::clients::openStore(context.storeUrl,
             {.interrupted = {}, .createMissing = false, .cache = {folder / "ranges", options.cacheSize}});
-        storage::mount::Mount mount(
-            store, {.mountPoint = mountPoint,
-                       .source = context.storeUrl,
-                       .folder = folder,
-                       .folderPolicy = context.folderPolicy,
-                       .attributeTimeout = std::chrono::seconds(options.attributeTimeout),
-                       .user = options.user,
-                       .group = options.group,
-                       .fileMode = modeOf(options.fileMode),
-                       .folderMode = modeOf(options.folderMode),
-                       .renameLimit = options.renameLimit,
-                       .disk = storage::clients::localStoreDirectory(context.storeUrl).value_or(""),
-                       .isReadOnly = options.readOnly,
-                       .allowsOthers = options.allowOther});
+        storage::mount::Mount mount(store, {.mountPoint = mountPoint,
+                                               .source = context.storeUrl,
+                                               .folder = folder,
+                                               .folderPolicy = context.folderPolicy,
+                                               .attributeTimeout = std::chrono::seconds(options.attributeTimeout),
+                                               .user = options.user,
+                                               .group = options.group,
+                                               .fileMode = modeOf(options.fileMode),
+                                               .folderMode = modeOf(options.folderMode),
+                                               .renameLimit = options.renameLimit,
+                                               .disk = disk ? std::filesystem::absolute(*disk) : "",
+                                               .isReadOnly = options.readOnly,
+                                               .allowsOthers = options.allowOther});
         serve(mount, mountPoint, [&] { background ? background->ready() : void(); });
-        for (const std::string& path : mount.sendAll())
+        for (const auto& file : mount.sendAll())
         {
-            diagnostics::printLine(text::printable(path) + " is not stored; the next mount of this store tries again");
+            diagnostics::printLine(text::printable(file.key) + " is not stored: " + text::printable(file.reason));
             context.markFailed();
         }
     }

@@ -4,11 +4,15 @@
 
 #include <storage/clients/common/KeyRules.hpp>
 
+#include <storage/cloudprovider/CloudExceptions.hpp>
+
 #include <boost/icl/interval_set.hpp>
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <limits>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -26,6 +30,32 @@ constexpr std::uint64_t endOfAll = std::numeric_limits<std::uint64_t>::max();
 bool isSameTime(Time one, Time other)
 {
     return std::chrono::floor<std::chrono::seconds>(one) == std::chrono::floor<std::chrono::seconds>(other);
+}
+
+/// Hash ranges of a file. @return nullopt: `read` has returned false
+std::optional<XXH128_hash_t> hashOf(
+    const Extents& ranges, const std::function<bool(std::uint64_t offset, char* target, std::size_t size)>& read)
+{
+    const std::unique_ptr<XXH3_state_t, XXH_errorcode (*)(XXH3_state_t*)> state(XXH3_createState(), XXH3_freeState);
+    if (!state)
+    {
+        throw std::bad_alloc();
+    }
+    XXH3_128bits_reset(state.get());
+    std::vector<char> bytes(pieceSize);
+    for (const Extent& range : ranges)
+    {
+        for (std::uint64_t at = range.lower(); at < range.upper(); at += pieceSize)
+        {
+            const std::size_t size = std::min(pieceSize, range.upper() - at);
+            if (!read(at, bytes.data(), size))
+            {
+                return std::nullopt;
+            }
+            XXH3_128bits_update(state.get(), bytes.data(), size);
+        }
+    }
+    return XXH3_128bits_digest(state.get());
 }
 
 } // namespace
@@ -80,6 +110,7 @@ FileContents::FileContents(MountedStore& store, UnsentFiles& unsent, const Unsen
     , m_isNew(!file.before)
     , m_written(file.written)
     , m_isUnsent(true)
+    , m_isRecovered(true)
     , m_id(file.id)
     , m_file(std::make_unique<LocalFile>(unsent.pathOf(file.id), LocalFile::Mode::Open))
 {
@@ -116,10 +147,10 @@ bool FileContents::isNew() const
     return m_isNew;
 }
 
-bool FileContents::isUntouched() const
+bool FileContents::needsFlush() const
 {
     const std::lock_guard lock(m_mutex);
-    return m_isUntouched;
+    return m_hasLostBytes || (m_isUnsent && !m_isUntouched);
 }
 
 std::optional<ObjectVersion> FileContents::stored() const
@@ -149,32 +180,62 @@ void FileContents::replace(std::optional<ObjectVersion> version, std::uint64_t s
 FileContents::Match FileContents::found(const Found& found, bool mayReplace)
 {
     const std::lock_guard lock(m_mutex);
-    if (m_isUnsent || m_isBusy)
+    if (m_isUnsent || m_isBusy || m_isSuperseded)
     {
         return Match::Same;
     }
-    const bool isSame = found.tag.empty()
-                            ? m_before && m_before->size == found.size &&
-                                  (!m_foundModified || !found.modified || isSameTime(*m_foundModified, *found.modified))
-                            : m_before && m_before->tag == found.tag;
+    // A listing tells no tag. One of the same size may be another version if we do not know the time of ours, or if two
+    // may have been stored within the same second.
+    const bool hasSameSize = m_before && m_before->size == found.size;
+    const bool isSameListed =
+        hasSameSize &&
+        (m_foundModified && found.modified ? isSameTime(*m_foundModified, *found.modified) &&
+                                                 (!mayReplace || *found.modified + std::chrono::seconds(2) < now())
+                                           : !mayReplace || !found.modified);
+    const bool isSame = found.tag.empty() ? isSameListed : m_before && m_before->tag == found.tag;
     if (!isSame && !mayReplace)
     {
+        m_isSuperseded = true;
         return Match::Refused;
     }
-    m_foundModified = found.modified ? found.modified : m_foundModified;
     if (isSame)
     {
+        const bool isTimeOfOurs = m_foundModified || !found.tag.empty();
+        m_foundModified = found.modified && isTimeOfOurs ? found.modified : m_foundModified;
         return Match::Same;
     }
+    m_foundModified = found.modified;
     replace(found.tag.empty() ? std::nullopt : std::optional(ObjectVersion{found.tag, found.size}), found.size);
     return Match::Replaced;
 }
 
+bool FileContents::supersede()
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_isUnsent || m_isBusy)
+    {
+        return false;
+    }
+    m_isSuperseded = true;
+    return true;
+}
+
+bool FileContents::isSuperseded() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_isSuperseded;
+}
+
 FileContents::Match FileContents::open(const std::string& key, bool mayReplace)
 {
-    if (isUnsent())
+    std::optional<ObjectVersion> before;
     {
-        return Match::Same;
+        const std::lock_guard lock(m_mutex);
+        if (m_isUnsent)
+        {
+            return Match::Same;
+        }
+        before = m_before;
     }
     const ObjectVersion version = m_store.open(key);
     const std::lock_guard lock(m_mutex);
@@ -182,7 +243,7 @@ FileContents::Match FileContents::open(const std::string& key, bool mayReplace)
     {
         return Match::Same;
     }
-    if (m_before && !mayReplace)
+    if (m_before && (!mayReplace || m_before != before)) // somebody else has opened it meanwhile
     {
         return Match::Refused;
     }
@@ -211,7 +272,8 @@ Extents FileContents::missing(std::uint64_t offset, std::uint64_t size) const
     if (offset < end)
     {
         result.add(Extent(offset, end));
-        result -= m_local;
+        const auto [first, last] = m_local.equal_range(Extent(offset, end));
+        std::for_each(first, last, [&](const Extent& local) { result -= local; });
     }
     return result;
 }
@@ -284,9 +346,14 @@ std::unique_lock<std::mutex> FileContents::beginChange(const std::string& key)
 {
     std::unique_lock lock = lockKnown(key);
     m_changed.wait(lock, [this] { return !m_isBusy; });
+    if (m_isSuperseded)
+    {
+        throw Failure(ESTALE, "another program has replaced or removed " + clients::quoted(key));
+    }
     makeLocal();
     m_isUnsent || m_isRemoved ? void() : record(key);
     m_isUntouched = false;
+    m_attempt ? void(m_attempt->isCurrent = false) : void();
     return lock;
 }
 
@@ -322,20 +389,18 @@ void FileContents::write(const std::string& key, std::uint64_t offset, const cha
     try
     {
         m_file->write(offset, bytes, size);
+        if (offset < m_kept && size > 0)
+        {
+            const Extent written(offset, std::min(offset + size, m_kept));
+            m_written.add(written);
+            m_local.add(written);
+            m_isRemoved ? void() : m_unsent.wrote(m_id, *m_written.find(written));
+        }
     }
     catch (...)
     {
         m_file->resize(m_size);
         throw;
-    }
-    if (offset < m_kept && size > 0)
-    {
-        const Extent written(offset, std::min(offset + size, m_kept));
-        Extents all = m_written;
-        all.add(written);
-        m_isRemoved ? void() : m_unsent.wrote(m_id, *all.find(written));
-        m_written = std::move(all);
-        m_local.add(written);
     }
     m_size = std::max(m_size, offset + size);
     if (m_kept == 0)
@@ -346,9 +411,10 @@ void FileContents::write(const std::string& key, std::uint64_t offset, const cha
     }
 }
 
-void FileContents::resize(const std::string& key, std::uint64_t size)
+void FileContents::resize(const std::string& key, std::uint64_t size, bool isOpening)
 {
     const std::unique_lock lock = beginChange(key);
+    m_isUntouched = isOpening;
     m_file->resize(size);
     m_size = size;
     m_frontier = std::min(m_frontier, size);
@@ -373,67 +439,136 @@ MountedStore::Change FileContents::change(const std::string& key, UploadAhead* a
         ahead};
 }
 
+/// Describe what an attempt to send the file now would change. Used while it does not change.
+FileContents::Attempt FileContents::describe() const
+{
+    Attempt attempt{m_size, m_written, {}};
+    m_kept < m_size ? void(attempt.bytes.add(Extent(m_kept, m_size))) : void();
+    attempt.hash = hashOf(attempt.bytes,
+        [&](std::uint64_t offset, char* target, std::size_t size)
+        {
+            m_file->read(offset, target, size);
+            return true;
+        }).value();
+    return attempt;
+}
+
 /// Find out whether an earlier attempt has stored the file, although its response was lost or the process killed.
 ///
-/// @return the stored version, if it has the right size and all bytes that were written here
+/// @return the stored version, if it has the size and all the bytes of the attempt
 std::optional<ObjectVersion> FileContents::findOurs(const std::string& key) const
 try
 {
-    const ObjectVersion stored = m_store.open(key);
-    Extents ours = m_written;
-    m_kept < m_size ? void(ours.add(Extent(m_kept, m_size))) : void();
-    bool isSame = stored.size == m_size;
-    std::vector<char> here(std::min(pieceSize, m_size)), there(here.size());
-    for (const Extent& part : ours)
+    if (!m_attempt && !m_isRecovered)
     {
-        for (std::uint64_t at = part.lower(); isSame && at < part.upper(); at += pieceSize)
-        {
-            const std::size_t size = std::min(pieceSize, part.upper() - at);
-            m_file->read(at, here.data(), size);
-            isSame = m_store.read(key, stored, at, there.data(), size) &&
-                     std::equal(here.begin(), here.begin() + static_cast<std::ptrdiff_t>(size), there.begin());
-        }
+        return std::nullopt;
     }
-    return isSame ? std::optional(stored) : std::nullopt;
+    const Attempt attempt = m_attempt ? *m_attempt : describe();
+    const ObjectVersion stored = m_store.open(key);
+    const bool isComparable = !attempt.bytes.empty() || attempt.size == 0; // otherwise any version would be ours
+    if (!isComparable || stored.size != attempt.size)
+    {
+        return std::nullopt;
+    }
+    const auto hash = hashOf(attempt.bytes, [&](std::uint64_t offset, char* target, std::size_t size)
+        { return m_store.read(key, stored, offset, target, size); });
+    return hash && XXH128_isEqual(*hash, attempt.hash) != 0 ? std::optional(stored) : std::nullopt;
 }
-catch (const std::exception&) // there is no object, or it cannot be read
+catch (const cloudprovider::ResourceNotFoundException&)
 {
     return std::nullopt;
 }
 
-void FileContents::send(const std::string& key)
+/// Store the file while it does not change. Requires the lock, and releases it meanwhile.
+///
+/// @return nullopt: an earlier attempt has been found, but more was written since
+std::optional<ObjectVersion> FileContents::storeNow(const std::string& key, std::unique_lock<std::mutex>& lock)
 {
-    std::unique_lock lock(m_mutex);
-    m_changed.wait(lock, [this] { return !m_isBusy; });
-    if (!m_isUnsent)
-    {
-        return;
-    }
-    ObjectVersion version;
+    std::optional<ObjectVersion> ours;
     {
         const Busy busy(*this, lock);
-        m_condition = m_condition ? std::move(m_condition) : m_store.require(key, m_before);
         const auto ahead = std::move(m_ahead); // another attempt sends the whole file
         m_hasAheadFailed = true;
         try
         {
-            version = m_store.store(key, m_before, change(key, ahead.get()));
+            m_condition = m_condition ? std::move(m_condition) : m_store.require(key, m_before);
+            return m_store.store(key, m_before, change(key, ahead.get()));
         }
-        catch (const Failure& failure)
+        catch (...)
         {
-            const auto ours = failure.error() == ESTALE ? findOurs(key) : std::nullopt;
-            version = ours ? *ours : throw;
+            ours = Failure::current().error() == ESTALE ? findOurs(key) : std::nullopt;
+            if (!ours)
+            {
+                m_attempt && m_attempt->isCurrent ? void() : void(m_attempt = describe());
+                throw;
+            }
         }
-        m_condition.reset();
     }
+    const bool isAll = !m_attempt || m_attempt->isCurrent;
+    m_before = ours;
+    m_isNew = m_isRecovered = false;
+    m_condition.reset();
+    m_attempt.reset();
+    m_local = m_written; // other bytes may be of another version
+    record(key);
+    return isAll ? ours : std::nullopt;
+}
+
+/// Requires the lock.
+void FileContents::setSent(const ObjectVersion& version)
+{
     m_unsent.forget(m_id);
+    m_condition.reset();
+    m_attempt.reset();
     m_before = version;
     m_foundModified.reset();
-    m_isNew = m_isUntouched = false;
+    m_isNew = m_isUntouched = m_isRecovered = false;
     m_kept < m_size ? void(m_local.add(Extent(m_kept, m_size))) : void();
     m_kept = m_size;
     m_written.clear();
     m_isUnsent = m_hasAheadFailed = false;
+}
+
+bool FileContents::send(const std::string& key)
+{
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [this] { return !m_isBusy; });
+    if (m_hasLostBytes)
+    {
+        throw Failure(ESTALE, "what was written to " + clients::quoted(key) + " was kept as a conflict");
+    }
+    while (m_isUnsent)
+    {
+        if (const auto version = storeNow(key, lock))
+        {
+            setSent(*version);
+            return true;
+        }
+    }
+    return false;
+}
+
+void FileContents::settle(const std::string& key)
+{
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [this] { return !m_isBusy; });
+    if (!m_isNew || (!m_attempt && !m_isRecovered))
+    {
+        return;
+    }
+    std::optional<ObjectVersion> ours;
+    {
+        const Busy busy(*this, lock);
+        ours = findOurs(key);
+    }
+    if (ours)
+    {
+        m_before = ours;
+        m_isNew = m_isRecovered = false;
+        m_condition.reset();
+        m_attempt.reset();
+        record(key);
+    }
 }
 
 void FileContents::load(const std::string& key)
@@ -457,11 +592,9 @@ void FileContents::load(const std::string& key)
     m_kept > 0 ? void(m_local.add(Extent(0, m_kept))) : void();
 }
 
-bool FileContents::copyTo(const std::string& key, const std::filesystem::path& path)
+/// Used while nothing changes.
+bool FileContents::copyTo(const std::string& key, const std::filesystem::path& path) const
 {
-    std::unique_lock lock(m_mutex);
-    m_changed.wait(lock, [this] { return !m_isBusy; });
-    const Busy busy(*this, lock);
     LocalFile copy(path, LocalFile::Mode::Create);
     copy.resize(m_size);
     bool isComplete = true;
@@ -483,14 +616,55 @@ bool FileContents::copyTo(const std::string& key, const std::filesystem::path& p
     return isComplete;
 }
 
-void FileContents::moved(const std::string& newKey, const std::optional<ObjectVersion>& version)
+std::optional<bool> FileContents::moveToConflict(const std::string& key, const std::filesystem::path& path)
+{
+    takeAhead().reset();
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [this] { return !m_isBusy; });
+    if (!m_isUnsent)
+    {
+        return std::nullopt;
+    }
+    bool isComplete = false;
+    {
+        const Busy busy(*this, lock);
+        isComplete = copyTo(key, path);
+    }
+    m_unsent.forget(m_id);
+    m_condition.reset();
+    m_isUnsent = false;
+    m_isSuperseded = m_hasLostBytes = true;
+    return isComplete;
+}
+
+void FileContents::moved(const std::string& newKey, const std::optional<MountedStore::Copy>& copy, bool mayReplace)
 {
     const auto ahead = takeAhead(); // to another key
     const std::lock_guard lock(m_mutex);
     m_condition.reset();
-    m_before = version;
-    m_isNew = m_isNew && !version;
+    m_attempt.reset();
+    m_foundModified.reset();
+    if (copy && m_before && m_before->tag == copy->sourceTag)
+    {
+        m_before = copy->target;
+    }
+    else if (copy && !m_isUnsent && mayReplace)
+    {
+        replace(copy->target, copy->target.size);
+    }
+    // Otherwise another program has changed the file, which is found when it is read or sent.
     m_isUnsent ? record(newKey) : void();
+}
+
+void FileContents::movedUnsent(const std::string& newKey, const std::optional<ObjectVersion>& replaced)
+{
+    const auto ahead = takeAhead(); // to another key
+    const std::lock_guard lock(m_mutex);
+    m_condition.reset();
+    m_attempt.reset();
+    m_before = replaced;
+    m_isNew = !replaced;
+    record(newKey);
 }
 
 void FileContents::trim()
@@ -510,31 +684,15 @@ std::unique_ptr<UploadAhead> FileContents::takeAhead()
     return std::move(m_ahead);
 }
 
-/// Waits until the contents may change, and returns with the lock.
-std::unique_lock<std::mutex> FileContents::forgetUnsent()
+void FileContents::remove()
 {
     takeAhead().reset();
     std::unique_lock lock(m_mutex);
     m_changed.wait(lock, [this] { return !m_isBusy; });
     m_condition.reset();
-    if (m_isUnsent)
-    {
-        m_unsent.forget(m_id);
-        m_isUnsent = false;
-    }
-    return lock;
-}
-
-void FileContents::remove()
-{
-    const auto lock = forgetUnsent();
+    m_isUnsent ? m_unsent.forget(m_id) : void();
+    m_isUnsent = false;
     m_isRemoved = true;
-}
-
-void FileContents::forgetVersion()
-{
-    const auto lock = forgetUnsent();
-    replace(std::nullopt, m_size);
 }
 
 } // namespace storage::mount

@@ -5,10 +5,11 @@
 #include "MountedStore.hpp"
 #include "UnsentFiles.hpp"
 
+#include <xxhash.h>
+
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -59,8 +60,8 @@ public:
     /// The stored version, if it is known.
     std::optional<ObjectVersion> stored() const;
 
-    /// Whether it is new, and nothing has been written to it.
-    bool isUntouched() const;
+    /// Whether a close must call send(): not for a file that was only created or emptied by opening it.
+    bool needsFlush() const;
 
     /// What the store has, compared with what reads return.
     enum class Match
@@ -70,10 +71,18 @@ public:
         Refused   ///< another version, but somebody reads the old one
     };
 
-    /// Take note that a lookup or a listing has found the file.
+    /// Take note that a lookup or a listing has found the file. After Refused, these contents are superseded.
     ///
     /// @param mayReplace  false: somebody reads this version, so it must stay
     Match found(const Found& found, bool mayReplace);
+
+    /// Take note that the file is not there any more: who has it open can read what is here, and not write any more.
+    ///
+    /// @return false: something is unsent, so the file is here
+    bool supersede();
+
+    /// Whether other contents have the name of the file now.
+    bool isSuperseded() const;
 
     /// Let reads return the version that is stored now.
     ///
@@ -85,27 +94,41 @@ public:
     std::size_t read(const std::string& key, std::uint64_t offset, char* target, std::size_t size);
 
     /// @throws Failure  ENOSPC if the local disk is full; part of the bytes may have been written where the file had
-    ///         others before, but the size has not changed
+    ///         others before, but the size has not changed. ESTALE if the contents are superseded
     void write(const std::string& key, std::uint64_t offset, const char* bytes, std::size_t size);
 
     /// Cut the file off, or extend it with zeros.
-    void resize(const std::string& key, std::uint64_t size);
+    ///
+    /// @param isOpening  a program opens the file with O_TRUNC, and has written nothing yet
+    void resize(const std::string& key, std::uint64_t size, bool isOpening = false);
 
     /// Store what is unsent. If that fails, it is still unsent.
     ///
-    /// @throws Failure  ESTALE if another client has replaced or removed the version that was changed
-    void send(const std::string& key);
+    /// @return whether anything was stored
+    /// @throws Failure  ESTALE if another client has replaced or removed the version that was changed; or that has
+    ///         happened before, and what was written here is a conflict
+    bool send(const std::string& key);
+
+    /// Find out whether an attempt to store a new file has succeeded without telling it.
+    void settle(const std::string& key);
+
+    /// Write a copy of what is unsent, as read() would return it, and drop it: the contents are superseded. Ranges that
+    /// cannot be read any more are left out.
+    ///
+    /// @return whether all bytes are there; nullopt: another thread has done this, or nothing is unsent
+    std::optional<bool> moveToConflict(const std::string& key, const std::filesystem::path& path);
 
     /// Get all bytes into the local file, so that the stored object is not needed any more.
     void load(const std::string& key);
 
-    /// Write a copy of the file, as read() would return it. Ranges that cannot be read any more are left out.
+    /// The file was copied to another key, which it has from now on.
     ///
-    /// @return whether all bytes are there
-    bool copyTo(const std::string& key, const std::filesystem::path& path);
+    /// @param copy        nullopt: there was no object to copy
+    /// @param mayReplace  as for found()
+    void moved(const std::string& newKey, const std::optional<MountedStore::Copy>& copy, bool mayReplace);
 
-    /// The file has another key now, where the store has this version.
-    void moved(const std::string& newKey, const std::optional<ObjectVersion>& version);
+    /// The file is new, and has another key now. @param replaced  what the store has there
+    void movedUnsent(const std::string& newKey, const std::optional<ObjectVersion>& replaced);
 
     /// Nobody has the file open any more: drop the local file, if everything is stored.
     void trim();
@@ -113,11 +136,17 @@ public:
     /// The file was removed: what is unsent, and what is written from now on, is only for those who have it open.
     void remove();
 
-    /// Drop what is unsent, and let reads return what is stored.
-    void forgetVersion();
-
 private:
     class Busy;
+
+    /// What an attempt to store the file has sent.
+    struct Attempt
+    {
+        std::uint64_t size = 0; // of the file
+        Extents bytes;          // that differ from the version before
+        XXH128_hash_t hash{};   // of them
+        bool isCurrent = true;  // nothing was written since
+    };
 
     bool isKnown() const { return m_isNew || m_before; }
     std::unique_lock<std::mutex> lockKnown(const std::string& key);
@@ -125,12 +154,15 @@ private:
     void makeLocal();
     void sendAhead(const std::string& key, std::unique_lock<std::mutex>& lock);
     void record(const std::string& key);
-    std::unique_lock<std::mutex> forgetUnsent();
     std::unique_ptr<UploadAhead> takeAhead();
+    std::optional<ObjectVersion> storeNow(const std::string& key, std::unique_lock<std::mutex>& lock);
+    void setSent(const ObjectVersion& version);
+    bool copyTo(const std::string& key, const std::filesystem::path& path) const;
     void replace(std::optional<ObjectVersion> version, std::uint64_t size);
     Extents missing(std::uint64_t offset, std::uint64_t size) const;
     void readNow(const std::string& key, std::uint64_t offset, char* target, std::size_t size) const;
     MountedStore::Change change(const std::string& key, UploadAhead* ahead) const;
+    Attempt describe() const;
     std::optional<ObjectVersion> findOurs(const std::string& key) const;
 
     MountedStore& m_store;
@@ -148,10 +180,14 @@ private:
     Extents m_written; // part of m_local: not stored yet
     bool m_isUnsent = false;
     bool m_isRemoved = false;
-    bool m_isBusy = false; // being sent or loaded: nothing below changes, and m_before neither
+    bool m_isSuperseded = false;
+    bool m_hasLostBytes = false; // what was written is a conflict
+    bool m_isRecovered = false;  // an earlier process may have sent it
+    bool m_isBusy = false;       // being sent or loaded: nothing below changes, and m_before neither
     std::int64_t m_id = 0;
     std::unique_ptr<LocalFile> m_file;   // null: nothing was written or loaded
     MountedStore::Condition m_condition; // of the attempts to send; not null only after one has begun
+    std::optional<Attempt> m_attempt;    // the last one; it has failed, or its response was lost
     std::uint64_t m_frontier = 0;        // with m_kept == 0: all bytes before it were written
     std::unique_ptr<UploadAhead> m_ahead;
     bool m_hasAheadFailed = false; // so close sends the whole file

@@ -119,7 +119,7 @@ bool FileSystem::isUnsent(const Node& node)
 Attributes FileSystem::describe(const Node& node) const
 {
     return {node.id, node.inode, node.isFolder, node.contents ? node.contents->size() : 0, node.modified, node.changed,
-        node.mode};
+        node.mode, node.parent == nullptr && node.id != rootId};
 }
 
 /// Requires the lock of the tree.
@@ -137,7 +137,7 @@ NodePtr FileSystem::apply(Node& folder, const std::string& name, const std::opti
     NodePtr node = childOf(folder, name);
     if (node && (!found || found->isFolder != node->isFolder))
     {
-        if (isUnsent(*node))
+        if (isUnsent(*node) || (node->contents && !node->contents->supersede()))
         {
             return node;
         }
@@ -147,6 +147,10 @@ NodePtr FileSystem::apply(Node& folder, const std::string& name, const std::opti
     if (!found)
     {
         return nullptr;
+    }
+    if (node && node->sending > 0)
+    {
+        return node; // what was found may be from before
     }
     const auto match =
         node && node->contents ? node->contents->found(*found, node->opens == 0) : FileContents::Match::Same;
@@ -290,6 +294,10 @@ Attributes FileSystem::setAttributes(NodeId id, const AttributeChanges& changes)
         }
         const Tree::Use use(m_tree, node);
         node->contents->resize(use.key(), *changes.size);
+        std::unique_lock lock(m_tree.mutex);
+        const bool isSentNow = node->opens == 0 && node->parent != nullptr; // no close will do it
+        lock.unlock();
+        isSentNow ? send(node, use.key()) : void();
     }
     const std::lock_guard lock(m_tree.mutex);
     node->changed = now();
@@ -304,7 +312,11 @@ Attributes FileSystem::setAttributes(NodeId id, const AttributeChanges& changes)
 FileHandle FileSystem::handle(const NodePtr& node, bool isNew)
 {
     ++node->opens;
-    return {node, isNew, false};
+    const auto stored = node->contents->stored();
+    std::string tag = stored ? stored->tag : "";
+    const bool keepsPages = !tag.empty() && node->cachedTag == tag;
+    node->cachedTag = std::move(tag);
+    return {node, isNew, keepsPages};
 }
 
 std::pair<Attributes, FileHandle> FileSystem::create(NodeId folderId, const std::string& name, mode_t mode)
@@ -332,7 +344,7 @@ std::pair<Attributes, FileHandle> FileSystem::create(NodeId folderId, const std:
     return {reference(*node), handle(node, true)};
 }
 
-FileHandle FileSystem::open(NodeId id)
+FileHandle FileSystem::open(NodeId id, bool truncates)
 {
     const NodePtr node = find(id);
     if (node->isFolder)
@@ -340,32 +352,65 @@ FileHandle FileSystem::open(NodeId id)
         throw Failure(EISDIR, "it is a folder");
     }
     const Tree::Use use(m_tree, node);
-    bool mayReplace = false;
+    bool isCurrent = false, mayReplace = false;
     {
+        // From now on it counts as open, so that of several who open it at a time, one chooses the version.
         const std::lock_guard lock(m_tree.mutex);
-        mayReplace = node->opens == 0;
-        if (node->parent == nullptr || (Node::Clock::now() < node->expires && node->contents->stored()))
-        {
-            FileHandle result = handle(node, false);
-            result.keepsPages = true;
-            return result;
-        }
+        mayReplace = node->opens++ == 0;
+        isCurrent = node->contents->isSuperseded()
+                        ? false
+                        : node->parent == nullptr || (Node::Clock::now() < node->expires && node->contents->stored());
     }
     try
     {
-        const auto match = node->contents->open(use.key(), mayReplace);
-        const std::lock_guard lock(m_tree.mutex);
-        if (match == FileContents::Match::Refused)
+        if (!isCurrent)
         {
-            throw Failure(ESTALE, "another version is open"); // the kernel looks it up again, and gets another node
+            openCurrent(node, use.key(), mayReplace);
         }
-        FileHandle result = handle(node, false);
-        result.keepsPages = match == FileContents::Match::Same;
-        return result;
+        truncates ? node->contents->resize(use.key(), 0, true) : void();
+    }
+    catch (...)
+    {
+        const std::lock_guard lock(m_tree.mutex);
+        --node->opens;
+        throw;
+    }
+    const std::lock_guard lock(m_tree.mutex);
+    node->modified = truncates ? now() : node->modified;
+    node->changed = truncates ? node->modified : node->changed;
+    FileHandle result = handle(node, false);
+    --node->opens; // counted twice
+    result.keepsPages = result.keepsPages && !truncates;
+    return result;
+}
+
+/// Let reads return the version that is stored now.
+///
+/// @throws Failure  ESTALE: look the file up again, and open what that finds
+void FileSystem::openCurrent(const NodePtr& node, const std::string& key, bool mayReplace)
+{
+    if (node->contents->isSuperseded())
+    {
+        throw Failure(ESTALE, "another program has replaced or removed the file");
+    }
+    const std::uint64_t size = node->contents->size();
+    auto match = FileContents::Match::Same;
+    try
+    {
+        match = node->contents->open(key, mayReplace);
     }
     catch (const cloudprovider::ResourceNotFoundException&)
     {
-        throw Failure(ESTALE, "the file was removed"); // likewise
+        match = FileContents::Match::Refused;
+    }
+    // The kernel must not read a version with the size of another.
+    const bool hasOtherSize = match == FileContents::Match::Replaced && node->contents->size() != size;
+    if (match == FileContents::Match::Refused || hasOtherSize)
+    {
+        const std::lock_guard lock(m_tree.mutex);
+        node->expires = {};
+        node->parent != nullptr ? void(node->parent->listedUntil = {}) : void();
+        throw Failure(ESTALE, "the file was replaced or removed");
     }
 }
 
@@ -386,13 +431,15 @@ void FileSystem::write(const FileHandle& file, std::uint64_t offset, const char*
 void FileSystem::send(const NodePtr& node, const std::string& key)
 {
     std::optional<Failure> failure;
+    bool isStored = false;
+    const auto before = node->contents->stored();
     {
         const std::lock_guard lock(m_tree.mutex);
         ++node->sending;
     }
     try
     {
-        node->contents->send(key);
+        isStored = node->contents->send(key);
     }
     catch (...)
     {
@@ -401,11 +448,7 @@ void FileSystem::send(const NodePtr& node, const std::string& key)
     {
         const std::lock_guard lock(m_tree.mutex);
         --node->sending;
-        if (!failure && node->parent != nullptr)
-        {
-            node->expires = Node::Clock::now() + m_settings.attributeTimeout;
-            noteOwnChange(*node->parent, node->name, Found{false, node->contents->size(), std::nullopt, ""});
-        }
+        isStored ? noteSent(*node, before) : void();
     }
     if (!failure)
     {
@@ -413,7 +456,13 @@ void FileSystem::send(const NodePtr& node, const std::string& key)
     }
     if (failure->error() == ESTALE)
     {
-        keepConflict(node, key, *failure);
+        keepConflict(*node->contents, key, failure->what());
+        const std::lock_guard lock(m_tree.mutex);
+        if (node->parent != nullptr && node->contents->isSuperseded())
+        {
+            node->parent->listedUntil = {};
+            m_tree.detach(*node);
+        }
     }
     else
     {
@@ -424,26 +473,48 @@ void FileSystem::send(const NodePtr& node, const std::string& key)
     throw Failure(*failure);
 }
 
+/// Requires the lock of the tree. @param before  the version that was replaced
+void FileSystem::noteSent(Node& node, const std::optional<ObjectVersion>& before)
+{
+    const auto stored = node.contents->stored();
+    if (node.cachedTag == (before ? before->tag : "") && stored)
+    {
+        node.cachedTag = stored->tag; // all writes went through the kernel
+    }
+    if (node.parent != nullptr)
+    {
+        node.expires = Node::Clock::now() + m_settings.attributeTimeout;
+        noteOwnChange(*node.parent, node.name, Found{false, node.contents->size(), std::nullopt, ""});
+    }
+}
+
 /// Keep our version of a file that another program has changed, too.
-void FileSystem::keepConflict(const NodePtr& node, const std::string& key, const Failure& failure)
+void FileSystem::keepConflict(FileContents& contents, const std::string& key, const std::string& reason)
 {
     const auto folder = m_settings.folder / "conflicts";
     std::filesystem::create_directories(folder);
     std::string name =
-        fmt::format("{:%Y%m%dT%H%M%SZ}-{}-{}", fmt::gmtime(std::chrono::system_clock::now()), node->id, key);
+        fmt::format("{:%Y%m%dT%H%M%SZ}-{}-{}", fmt::gmtime(std::chrono::system_clock::now()), m_unsent.nextId(), key);
     std::ranges::replace(name, '/', '_');
     name.resize(std::min<std::size_t>(name.size(), 200));
-    const bool isComplete = node->contents->copyTo(key, folder / name);
-    warn(fmt::format("{}; what was written here is in {}{}", failure.what(), clients::quoted((folder / name).native()),
-        isComplete ? "" : ", with zeros where only the old version had bytes"));
-    node->contents->forgetVersion();
-    const std::lock_guard lock(m_tree.mutex);
-    node->expires = {};
+    while (std::filesystem::exists(folder / name))
+    {
+        name += '+'; // an earlier process has used the same number in this second
+    }
+    const std::lock_guard lock(m_conflictMutex);
+    if (const auto isComplete = contents.moveToConflict(key, folder / name))
+    {
+        std::string text =
+            fmt::format("{}; what was written here is in {}{}", reason, clients::quoted((folder / name).native()),
+                *isComplete ? "" : ", with zeros where only the old version had bytes");
+        warn(text);
+        m_conflicts.push_back({key, std::move(text)});
+    }
 }
 
 void FileSystem::flush(const FileHandle& file)
 {
-    if (file.node->contents->isUnsent() && !file.node->contents->isUntouched())
+    if (file.node->contents->needsFlush())
     {
         sync(file);
     }
@@ -454,9 +525,9 @@ void FileSystem::sync(const FileHandle& file)
     const Tree::Use use(m_tree, file.node);
     {
         const std::lock_guard lock(m_tree.mutex);
-        if (file.node->parent == nullptr)
+        if (file.node->parent == nullptr && !file.node->contents->isSuperseded())
         {
-            return; // nobody will see it
+            return; // it was removed here, so nobody will see it
         }
     }
     send(file.node, use.key());
@@ -518,6 +589,20 @@ void FileSystem::keepFolder(const NodePtr& folder, const std::string& key)
     folder->isLocal = !hasMarkers;
 }
 
+/// Get all bytes of a file that is about to be removed.
+void FileSystem::loadForReaders(FileContents& contents, const std::string& key)
+{
+    try
+    {
+        contents.load(key);
+    }
+    catch (const Failure& failure)
+    {
+        // Another program has replaced it; those who read it see that.
+        failure.error() == ESTALE ? void() : throw;
+    }
+}
+
 void FileSystem::removeFile(NodeId folderId, const std::string& name)
 {
     const Reference reference = hold(folderId, name);
@@ -536,9 +621,10 @@ void FileSystem::removeFile(NodeId folderId, const std::string& name)
         key = Tree::keyOf(*node);
         folderKey = Tree::keyOf(*folder);
     }
+    node->contents->settle(key);
     if (!node->contents->isNew())
     {
-        isOpen ? node->contents->load(key) : void();
+        isOpen ? loadForReaders(*node->contents, key) : void();
         keepFolder(folder, folderKey);
         m_store.remove(key);
     }
@@ -617,18 +703,20 @@ void FileSystem::rename(
     }
     const Tree::Change change(m_tree, {node, target});
     std::string key, newKey, folderKey;
-    bool isTargetOpen = false;
+    bool isTargetOpen = false, hasUnsent = false;
     {
         const std::lock_guard lock(m_tree.mutex);
         key = Tree::keyOf(*node);
         folderKey = Tree::keyOf(*folder);
         newKey = Tree::keyOf(*newFolder, newName);
         isTargetOpen = target && target->opens > 0;
+        hasUnsent =
+            target && std::ranges::any_of(target->children, [](const auto& child) { return isUnsent(*child.second); });
     }
     names::check(newName, newKey);
     if (node->isFolder)
     {
-        if (target && m_store.hasEntries(newKey + '/'))
+        if (target && (hasUnsent || m_store.hasEntries(newKey + '/')))
         {
             throw Failure(ENOTEMPTY, clients::quoted(newName) + " is not empty");
         }
@@ -637,15 +725,17 @@ void FileSystem::rename(
     }
     else
     {
+        node->contents->settle(key);
+        target ? target->contents->settle(newKey) : void();
         auto replaced = target ? target->contents->stored() : std::nullopt;
         if (target && !replaced && !target->contents->isNew())
         {
             replaced = m_store.open(newKey);
         }
-        isTargetOpen && !target->contents->isNew() ? target->contents->load(newKey) : void();
+        isTargetOpen && !target->contents->isNew() ? loadForReaders(*target->contents, newKey) : void();
         if (node->contents->isNew())
         {
-            node->contents->moved(newKey, replaced);
+            node->contents->movedUnsent(newKey, replaced);
         }
         else
         {
@@ -665,9 +755,23 @@ void FileSystem::rename(
 
 void FileSystem::moveFile(const NodePtr& node, const std::string& source, const std::string& target)
 {
-    const ObjectVersion copy = m_store.copy(source, target);
-    m_store.remove(source);
-    node->contents->moved(target, copy);
+    bool isOpen = false;
+    {
+        const std::lock_guard lock(m_tree.mutex);
+        isOpen = node->opens > 0;
+    }
+    const MountedStore::Copy copy = m_store.copy(source, target);
+    node->contents->moved(target, copy, !isOpen); // first, for the case that the process is killed
+    try
+    {
+        m_store.removeVersion(source, copy.sourceTag);
+    }
+    catch (...)
+    {
+        warn(fmt::format("{} was moved to {}, but deleting it failed and will be tried again: {}",
+            clients::quoted(source), clients::quoted(target), Failure::current().what()));
+        m_moves.deleteLater(source, target, copy);
+    }
 }
 
 void FileSystem::moveFolder(const NodePtr& node, const std::string& source, const std::string& target)
@@ -688,8 +792,13 @@ void FileSystem::moveFolder(const NodePtr& node, const std::string& source, cons
     }
     for (const auto& [file, key] : files)
     {
+        std::unique_lock lock(m_tree.mutex);
+        const bool isOpen = file->opens > 0;
+        lock.unlock();
         const auto copy = copies.find(key);
-        file->contents->moved(key, copy != copies.end() ? std::optional(copy->second) : std::nullopt);
+        file->contents->isNew()
+            ? file->contents->movedUnsent(key, std::nullopt)
+            : file->contents->moved(key, copy != copies.end() ? std::optional(copy->second) : std::nullopt, !isOpen);
     }
 }
 
@@ -769,9 +878,10 @@ std::optional<Attributes> FileSystem::lookup(const FolderHandle& folder, const F
         {
             return std::nullopt; // may have been removed since
         }
-        node = apply(*folder.node, entry.name, entry.found);
+        const auto listed = folder.node->listed.find(entry.name);
+        node = listed == folder.node->listed.end() ? nullptr : apply(*folder.node, entry.name, listed->second);
     }
-    return reference(*node);
+    return node ? std::optional(reference(*node)) : std::nullopt;
 }
 
 void FileSystem::release(const FolderHandle& folder) noexcept
@@ -799,38 +909,57 @@ void FileSystem::recover()
     m_moves.resume();
     for (const UnsentFile& file : m_unsent.recover())
     {
-        NodePtr node;
+        try
         {
-            const std::lock_guard lock(m_tree.mutex);
-            NodePtr folder = m_tree.root();
-            std::size_t begin = 0;
-            for (std::size_t end = 0; (end = file.key.find('/', begin)) != std::string::npos; begin = end + 1)
-            {
-                folder =
-                    ensureFolder(folder, names::fromSegment(std::string_view(file.key).substr(begin, end - begin)));
-            }
-            node = m_tree.add(*folder, names::fromSegment(std::string_view(file.key).substr(begin)), false,
-                std::make_unique<FileContents>(m_store, m_unsent, file));
-            node->mode = m_settings.fileMode;
-            node->modified = node->changed = now();
+            recover(file);
         }
-        if (file.isOfThisBoot)
+        catch (...) // others can be recovered
         {
-            const std::lock_guard lock(m_retryMutex);
-            m_failed.emplace(node->id, node);
-            m_isHurried = true;
-        }
-        else
-        {
-            keepConflict(node, file.key,
-                Failure(ESTALE,
-                    clients::quoted(file.key) + " was not stored when the machine stopped, so it may be incomplete"));
+            warn(fmt::format("{} was not stored, and is left for the next mount: {}", clients::quoted(file.key),
+                Failure::current().what()));
         }
     }
     m_retryChanged.notify_all();
 }
 
-std::vector<std::string> FileSystem::sendAll()
+void FileSystem::recover(const UnsentFile& file)
+{
+    if (!std::filesystem::exists(m_unsent.pathOf(file.id)))
+    {
+        warn(clients::quoted(file.key) + " was not stored, and what was written to it is lost");
+        m_unsent.forget(file.id);
+        return;
+    }
+    auto contents = std::make_unique<FileContents>(m_store, m_unsent, file);
+    if (!file.isOfThisBoot)
+    {
+        keepConflict(*contents, file.key,
+            clients::quoted(file.key) + " was not stored when the machine stopped, so it may be incomplete");
+        return;
+    }
+    std::unique_lock lock(m_tree.mutex);
+    NodePtr folder = m_tree.root();
+    std::size_t begin = 0;
+    for (std::size_t end = 0; (end = file.key.find('/', begin)) != std::string::npos; begin = end + 1)
+    {
+        folder = ensureFolder(folder, names::fromSegment(std::string_view(file.key).substr(begin, end - begin)));
+    }
+    const std::string name = names::fromSegment(std::string_view(file.key).substr(begin));
+    if (childOf(*folder, name)) // a rename was recorded in part
+    {
+        lock.unlock();
+        keepConflict(*contents, file.key, clients::quoted(file.key) + " was left unsent twice");
+        return;
+    }
+    const NodePtr node = m_tree.add(*folder, name, false, std::move(contents));
+    node->mode = m_settings.fileMode;
+    node->modified = node->changed = now();
+    const std::lock_guard retryLock(m_retryMutex);
+    m_failed.emplace(node->id, node);
+    m_isHurried = true;
+}
+
+std::vector<NotStored> FileSystem::sendAll()
 {
     std::vector<NodePtr> unsent;
     const auto collect = [&](const auto& self, const Node& folder) -> void
@@ -845,7 +974,7 @@ std::vector<std::string> FileSystem::sendAll()
         collect(collect, *m_tree.root());
     }
     std::mutex mutex;
-    std::vector<std::string> failed;
+    std::vector<NotStored> failed;
     inParallel(unsent.size(),
         [&](std::size_t index)
         {
@@ -853,14 +982,39 @@ std::vector<std::string> FileSystem::sendAll()
             {
                 sync({unsent[index]});
             }
-            catch (const std::exception&) // was logged
+            catch (...) // was logged
             {
+                const Failure failure = Failure::current();
                 const std::lock_guard treeLock(m_tree.mutex);
                 const std::lock_guard lock(mutex);
-                failed.push_back(Tree::keyOf(*unsent[index]));
+                failure.error() == ESTALE
+                    ? void() // a conflict
+                    : failed.push_back({Tree::keyOf(*unsent[index]),
+                          fmt::format("{}; the next mount of this store tries again", failure.what())});
             }
         });
+    const std::lock_guard lock(m_conflictMutex);
+    failed.insert(failed.end(), m_conflicts.begin(), m_conflicts.end());
     return failed;
+}
+
+void FileSystem::retry(const NodePtr& node)
+{
+    {
+        const std::scoped_lock lock(m_tree.mutex, m_retryMutex);
+        if (node->opens > 0 || m_isEnding)
+        {
+            m_failed.emplace(node->id, node); // it may be half written, and is sent when it is closed
+            return;
+        }
+    }
+    try
+    {
+        sync({node});
+    }
+    catch (const std::exception&) // was logged
+    {
+    }
 }
 
 /// Try again to store what could not be stored.
@@ -877,15 +1031,10 @@ void FileSystem::retry()
         m_isHurried = false;
         const auto failed = std::exchange(m_failed, {});
         lock.unlock();
+        m_moves.resume();
         for (const auto& [id, node] : failed)
         {
-            try
-            {
-                sync({node});
-            }
-            catch (const std::exception&) // was logged
-            {
-            }
+            retry(node);
         }
         lock.lock();
     }

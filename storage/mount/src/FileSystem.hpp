@@ -9,6 +9,7 @@
 #include "UnsentFiles.hpp"
 
 #include <storage/cloudprovider/CloudProvider.hpp>
+#include <storage/mount/NotStored.hpp>
 
 #include <chrono>
 #include <condition_variable>
@@ -44,7 +45,8 @@ struct Attributes
     std::uint64_t size = 0; ///< bytes
     Time modified;
     Time changed;
-    mode_t mode = 0; ///< permissions
+    mode_t mode = 0;        ///< permissions
+    bool isRemoved = false; ///< only those who have it open see it
 };
 
 /// What setAttributes() changes.
@@ -99,11 +101,14 @@ public:
     Attributes setAttributes(NodeId node, const AttributeChanges& changes);
 
     std::pair<Attributes, FileHandle> create(NodeId folder, const std::string& name, mode_t mode);
-    FileHandle open(NodeId node);
+
+    /// @param truncates  open it empty
+    FileHandle open(NodeId node, bool truncates = false);
     std::size_t read(const FileHandle& file, std::uint64_t offset, char* target, std::size_t size);
     void write(const FileHandle& file, std::uint64_t offset, const char* bytes, std::size_t size);
 
-    /// A program closes one of its descriptors: store what is unsent, except a new file to which nothing was written.
+    /// A program closes one of its descriptors: store what is unsent, except a file that was created or emptied by
+    /// opening it and to which nothing was written.
     void flush(const FileHandle& file);
 
     /// Store what is unsent.
@@ -135,8 +140,8 @@ public:
     /// the file.
     void recover();
 
-    /// Store all that is unsent. @return the paths of the files that could not be stored
-    std::vector<std::string> sendAll();
+    /// Store all that is unsent. @return what could not be stored, and all conflicts since the mount
+    std::vector<NotStored> sendAll();
 
 private:
     /// A node that must not be forgotten during an operation; may be null.
@@ -152,15 +157,20 @@ private:
     NodePtr apply(Node& folder, const std::string& name, const std::optional<Found>& found);
     Reference hold(NodeId folder, const std::string& name);
     void refresh(const NodePtr& node);
+    void openCurrent(const NodePtr& node, const std::string& key, bool mayReplace);
     Attributes describe(const Node& node) const;
     Attributes reference(Node& node) const;
     FileHandle handle(const NodePtr& node, bool isNew);
     void send(const NodePtr& node, const std::string& key);
-    void keepConflict(const NodePtr& node, const std::string& key, const Failure& failure);
+    void noteSent(Node& node, const std::optional<ObjectVersion>& before);
+    void keepConflict(FileContents& contents, const std::string& key, const std::string& reason);
+    void recover(const UnsentFile& file);
+    void loadForReaders(FileContents& contents, const std::string& key);
     void keepFolder(const NodePtr& folder, const std::string& key);
     void moveFile(const NodePtr& node, const std::string& source, const std::string& target);
     void moveFolder(const NodePtr& node, const std::string& source, const std::string& target);
     void retry();
+    void retry(const NodePtr& node);
 
     MountedStore& m_store;
     const FileSystemSettings m_settings;
@@ -169,6 +179,9 @@ private:
     FolderMoves m_moves;
     Tree m_tree;
     std::uint64_t m_lastChange = 0; // of this mount; guarded by the lock of the tree
+
+    std::mutex m_conflictMutex; // held while a conflict is copied; taken before the lock of FileContents
+    std::vector<NotStored> m_conflicts;
 
     std::mutex m_retryMutex; // innermost; guards the next four
     std::condition_variable m_retryChanged;

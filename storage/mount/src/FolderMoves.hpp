@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -14,41 +16,66 @@ namespace storage::mount
 
 /// Moves folders of the store: copies every object inside the store, and then deletes the old ones.
 ///
-/// Each move is recorded, so that resume() can complete it after a crash. Any thread may call any operation, for
+/// Each move is recorded, so that resume() can complete it after a crash, or undo it after a failure. Objects that
+/// another program has stored meanwhile are neither replaced nor deleted. Any thread may call any operation, for
 /// folders that do not overlap.
 class FolderMoves
 {
 public:
     FolderMoves(Database& database, MountedStore& store);
 
-    /// Move a folder. After a failure, the target has none of the objects, unless that could not be reached.
+    /// Move a folder, and record the new keys of unsent files in it.
     ///
-    /// If all is copied, but not all old objects could be deleted, the folder counts as moved; resume() deletes them.
+    /// After a failure, the target has none of the objects, unless the store could not be reached; then resume()
+    /// deletes them, but not a copy that was made without telling it. If all is copied, but not all old objects could
+    /// be deleted, the folder counts as moved; likewise.
     /// @param source, target  keys of folders
     /// @param maxKeys         of objects that are moved
     /// @return the objects of the target, by key
     /// @throws Failure  EXDEV if there are more keys
-    std::map<std::string, ObjectVersion> move(
+    std::map<std::string, MountedStore::Copy> move(
         const std::string& source, const std::string& target, std::size_t maxKeys);
 
-    /// Complete the moves of earlier processes, and those that lack deletions.
+    /// Let resume() delete the old object of a file that was copied.
+    void deleteLater(const std::string& source, const std::string& target, const MountedStore::Copy& copy);
+
+    /// Try to end the moves that are recorded and not in progress. Logs failures, after which it can be called again.
     void resume();
 
 private:
+    enum class State
+    {
+        Copying,
+        Deleting, ///< the old objects
+        Undoing   ///< deleting the copies
+    };
+
+    struct Object
+    {
+        std::string name;                       ///< its key without that of the folder
+        std::optional<MountedStore::Copy> copy; ///< nullopt: not copied yet, or that is not known
+    };
+
     struct Move
     {
         std::int64_t id = 0;
         std::string source, target;
-        std::vector<std::string> names; ///< keys without the folder's key
+        State state = State::Copying;
+        std::vector<Object> objects;
     };
 
-    std::map<std::string, ObjectVersion> copyAll(const Move& move);
-    void removeAll(const Move& move, const std::string& folder);
-    void setCopied(const Move& move);
+    void record(Move& move);
+    std::vector<Move> recorded();
+    void copy(const Move& move, Object& object, bool isResumed);
+    void setCopy(const Move& move, const Object& object);
+    void copyAll(Move& move, bool isResumed);
+    void end(const Move& move);
+    void setState(Move& move, State state);
     void forget(const Move& move);
 
     Database& m_database;
     MountedStore& m_store;
+    std::set<std::int64_t> m_active; // moves that are in progress; guarded by the lock of m_database
 };
 
 } // namespace storage::mount

@@ -201,7 +201,7 @@ private:
         struct stat status = {};
         status.st_ino = attributes.inode;
         status.st_mode = (attributes.isFolder ? S_IFDIR : S_IFREG) | attributes.mode;
-        status.st_nlink = 1; // also for folders: it tells that nobody counts those inside
+        status.st_nlink = attributes.isRemoved ? 0 : 1; // also for folders: it tells that nobody counts those inside
         status.st_uid = m_settings.user;
         status.st_gid = m_settings.group;
         status.st_size = static_cast<off_t>(attributes.size);
@@ -361,12 +361,44 @@ private:
             });
     }
 
+    /// The kernel may believe for a while that a name is free which another program has created.
+    static std::pair<Attributes, FileHandle> createOrOpen(
+        FileSystem& files, fuse_ino_t parent, const char* name, mode_t mode, int flags)
+    {
+        try
+        {
+            return files.create(parent, name, mode);
+        }
+        catch (const Failure& failure)
+        {
+            if (failure.error() != EEXIST || (flags & O_EXCL) != 0)
+            {
+                throw;
+            }
+        }
+        const auto found = files.lookup(parent, name);
+        if (!found)
+        {
+            throw Failure(ESTALE, "the file was removed meanwhile");
+        }
+        try
+        {
+            FileHandle file = files.open(found->node, (flags & O_TRUNC) != 0);
+            return {files.attributes(found->node), std::move(file)};
+        }
+        catch (...)
+        {
+            files.forget(found->node, 1);
+            throw;
+        }
+    }
+
     static void create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode, fuse_file_info* info)
     {
         answer(request, "create", parent,
             [&](FileSystem& files)
             {
-                auto [attributes, file] = files.create(parent, name, mode);
+                auto [attributes, file] = createOrOpen(files, parent, name, mode, info->flags);
                 keep(*info, std::move(file));
                 const fuse_entry_param entry = of(request).entryOf(attributes);
                 if (::fuse_reply_create(request, &entry, info) != 0)
@@ -382,12 +414,7 @@ private:
         answer(request, "open", node,
             [&](FileSystem& files)
             {
-                FileHandle file = files.open(node);
-                if ((info->flags & O_TRUNC) != 0)
-                {
-                    files.setAttributes(node, {.size = 0, .mode = {}, .modified = {}});
-                    file.keepsPages = false;
-                }
+                FileHandle file = files.open(node, (info->flags & O_TRUNC) != 0);
                 info->keep_cache = file.keepsPages;
                 keep(*info, std::move(file));
                 if (::fuse_reply_open(request, info) != 0)
@@ -597,7 +624,7 @@ void Mount::stop()
     m_server->stop();
 }
 
-std::vector<std::string> Mount::sendAll()
+std::vector<NotStored> Mount::sendAll()
 {
     return m_server->files().sendAll();
 }

@@ -17,6 +17,7 @@
 #include <ios>
 #include <sstream>
 #include <utility>
+#include <vector>
 
 namespace storage::mount
 {
@@ -180,7 +181,14 @@ bool MountedStore::read(
     auto pinned = m_versions.pinnedVersion(key);
     if (!isPinned(pinned))
     {
-        m_client->getObjectParts(key);
+        try
+        {
+            m_client->getObjectParts(key);
+        }
+        catch (const ResourceNotFoundException&)
+        {
+            return false;
+        }
         pinned = m_versions.pinnedVersion(key);
     }
     if (!isPinned(pinned))
@@ -318,19 +326,47 @@ void MountedStore::createMarker(const std::string& folder)
     m_client->putObject(folder, empty, 0);
 }
 
+bool MountedStore::isThere(const std::string& key)
+{
+    return m_client->getObjectInfo(key).exists;
+}
+
 void MountedStore::remove(const std::string& key)
 {
     m_client->deleteObject(key);
 }
 
-ObjectVersion MountedStore::copy(const std::string& source, const std::string& target)
+bool MountedStore::removeVersion(const std::string& key, const std::string& tag)
+{
+    const ObjectVersion version{tag, 0};
+    const Condition condition = require(key, version);
+    try
+    {
+        m_client->deleteObject(key);
+        return true;
+    }
+    catch (const clients::TransientException&)
+    {
+        throw;
+    }
+    catch (const CloudException&)
+    {
+        if (isStored(key, version))
+        {
+            throw;
+        }
+        return false;
+    }
+}
+
+MountedStore::Copy MountedStore::copy(const std::string& source, const std::string& target)
 {
     if (m_copier != nullptr)
     {
         try
         {
-            m_copier->copyObject(source, target);
-            return versionOf(target);
+            std::string tag = m_copier->copyObject(source, target);
+            return {std::move(tag), versionOf(target)};
         }
         catch (const UnsupportedOperationException&) // this one; the bytes can be sent
         {
@@ -345,7 +381,26 @@ ObjectVersion MountedStore::copy(const std::string& source, const std::string& t
         }
     };
     write(target, std::nullopt, {version.size, 0, {}, version.size, readSource});
-    return versionOf(target);
+    return {version.tag, versionOf(target)};
+}
+
+std::optional<MountedStore::Copy> MountedStore::findCopy(const std::string& source, const std::string& target)
+try
+{
+    const ObjectVersion from = open(source), to = open(target);
+    bool isSame = from.size == to.size;
+    std::vector<char> one(std::min<std::uint64_t>(from.size, 4U << 20)), other(one.size());
+    for (std::uint64_t at = 0; isSame && at < from.size; at += one.size())
+    {
+        const std::size_t size = std::min<std::uint64_t>(one.size(), from.size - at);
+        isSame = read(source, from, at, one.data(), size) && read(target, to, at, other.data(), size) &&
+                 std::equal(one.begin(), one.begin() + static_cast<std::ptrdiff_t>(size), other.begin());
+    }
+    return isSame ? std::optional(Copy{from.tag, to}) : std::nullopt;
+}
+catch (const ResourceNotFoundException&)
+{
+    return std::nullopt;
 }
 
 } // namespace storage::mount

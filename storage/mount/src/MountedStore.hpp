@@ -122,10 +122,25 @@ public:
     /// Store the marker of a folder. @param folder  its key
     void createMarker(const std::string& folder);
 
+    bool isThere(const std::string& key);
+
     void remove(const std::string& key);
 
-    /// Copy an object, inside the store if it can do that. @return the version of the copy
-    ObjectVersion copy(const std::string& source, const std::string& target);
+    /// Remove an object if it has this version. @return false: it has another one, or is not there
+    bool removeVersion(const std::string& key, const std::string& tag);
+
+    /// An object and its copy.
+    struct Copy
+    {
+        std::string sourceTag; ///< of the version that was copied
+        ObjectVersion target;
+    };
+
+    /// Copy an object, inside the store if it can do that.
+    Copy copy(const std::string& source, const std::string& target);
+
+    /// Return two objects with the same bytes. @return nullopt: they differ, or one of them is not there
+    std::optional<Copy> findCopy(const std::string& source, const std::string& target);
 
 private:
     void write(const std::string& key, const std::optional<ObjectVersion>& before, const Change& change);

@@ -11,19 +11,8 @@
 namespace storage::mount
 {
 
-namespace
-{
-
-NodePtr makeNode(NodeId id, bool isFolder, const std::string& key, std::unique_ptr<FileContents> contents)
-{
-    const std::uint64_t inode = id == rootId ? rootId : std::uint64_t(XXH3_64bits(key.data(), key.size()));
-    return std::make_shared<Node>(id, isFolder, inode, std::move(contents));
-}
-
-} // namespace
-
 Tree::Tree()
-    : m_root(makeNode(rootId, true, "", nullptr))
+    : m_root(std::make_shared<Node>(rootId, true, rootId, nullptr))
 {
     m_root->lookups = 1; // never forgotten
     m_root->hasMarker = true;
@@ -43,7 +32,12 @@ NodePtr Tree::find(NodeId id) const
 NodePtr Tree::add(Node& parent, const std::string& name, bool isFolder, std::unique_ptr<FileContents> contents)
 {
     const std::string key = keyOf(parent, name);
-    NodePtr node = makeNode(++m_lastId, isFolder, key, std::move(contents));
+    std::uint64_t inode = XXH3_64bits(key.data(), key.size());
+    while (!m_inodes.insert(inode).second) // of a file that had this name before
+    {
+        ++inode;
+    }
+    NodePtr node = std::make_shared<Node>(++m_lastId, isFolder, inode, std::move(contents));
     m_nodes.emplace(node->id, node);
     move(*node, parent, name);
     return node;
@@ -90,6 +84,7 @@ void Tree::release(NodePtr node)
             return;
         }
         m_nodes.erase(node->id);
+        m_inodes.erase(node->inode);
         if (node->parent == nullptr)
         {
             return;

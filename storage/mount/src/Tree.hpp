@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -41,7 +42,7 @@ struct Node : std::enable_shared_from_this<Node>
 
     const NodeId id;
     const bool isFolder;
-    const std::uint64_t inode;                    ///< what programs see as its number: the same at the next mount
+    const std::uint64_t inode; ///< what programs see as its number: usually the same at the next mount
     const std::unique_ptr<FileContents> contents; ///< of a file
 
     // These require the lock of the Tree.
@@ -55,6 +56,7 @@ struct Node : std::enable_shared_from_this<Node>
     Time changed{};                ///< of anything
     mode_t mode = 0;               ///< permissions
     unsigned sending = 0;          ///< threads that are sending its contents
+    std::string cachedTag;         ///< of the version that the kernel may have in its page cache; empty: a new file
     bool hasOwnAttributes = false; ///< that a program has set; the store may not keep them
 
     // Of a folder.
@@ -161,6 +163,7 @@ private:
 
     const NodePtr m_root;
     std::unordered_map<NodeId, NodePtr> m_nodes;
+    std::unordered_set<std::uint64_t> m_inodes; // of m_nodes
     NodeId m_lastId = rootId;
     std::condition_variable m_changed; // users or isChanging of a node
 };

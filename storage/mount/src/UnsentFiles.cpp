@@ -122,8 +122,12 @@ void UnsentFiles::wrote(std::int64_t id, const Extent& bytes)
 void UnsentFiles::forget(std::int64_t id)
 {
     const auto lock = m_database.lock();
-    m_forget.run({}, id);
-    m_forgetExtents.run({}, id);
+    m_database.atomically(
+        [&]
+        {
+            m_forget.run({}, id);
+            m_forgetExtents.run({}, id);
+        });
 }
 
 } // namespace storage::mount

@@ -150,6 +150,25 @@ protected:
         return names;
     }
 
+    void emptyBucket()
+    {
+        for (const std::string& key : bucket->keys())
+        {
+            bucket->remove(key);
+        }
+    }
+
+    std::vector<std::string> conflicts() const
+    {
+        std::vector<std::string> result;
+        for (const auto& entry : std::filesystem::directory_iterator(folder / "conflicts"))
+        {
+            std::ifstream file(entry.path());
+            result.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+        }
+        return result;
+    }
+
     static int errorOf(const std::function<void()>& call)
     try
     {
@@ -306,21 +325,16 @@ TEST_F(FileSystemTest, NeverOverwritesOrMixesWhatAnotherProgramHasStored)
         isNew ? create(path) : put(path, old);
         write(path, 100, "ours");
         bucket->put(path, foreign);
+        EXPECT_EQ(errorOf([&] { files->flush(open(path)); }), ESTALE);
+        EXPECT_EQ(errorOf([&] { write(path, 0, "more"); }), ESTALE);
         EXPECT_EQ(errorOf([&] { close(path); }), ESTALE);
         EXPECT_EQ(bucket->get(path), foreign);
         EXPECT_EQ(read(path), foreign);
         drop(path);
     }
-    std::vector<std::string> conflicts;
-    for (const auto& entry : std::filesystem::directory_iterator(folder / "conflicts"))
-    {
-        std::ifstream file(entry.path());
-        conflicts.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-    }
-    std::string patched = old;
-    patched.replace(100, 4, "ours");
     // The old version is gone, so of that only what was written is left.
-    EXPECT_THAT(conflicts, UnorderedElementsAre(std::string(100, '\0') + "ours", EndsWith(std::string(1000, '\0'))));
+    EXPECT_THAT(conflicts(), UnorderedElementsAre(std::string(100, '\0') + "ours", EndsWith(std::string(1000, '\0'))));
+    EXPECT_THAT(files->sendAll(), SizeIs(2));
 
     put("read", old);
     FileHandle reader = files->open(find("read"));
@@ -332,6 +346,175 @@ TEST_F(FileSystemTest, NeverOverwritesOrMixesWhatAnotherProgramHasStored)
     EXPECT_EQ(read("read"), foreign);
     EXPECT_EQ(errorOf([&] { files->read(reader, 5U << 20, &byte, 1); }), ESTALE);
     files->release(reader);
+}
+
+// Whatever the mount does with a file that another program replaces or removes meanwhile.
+TEST_F(FileSystemTest, LeavesVersionsOfOtherProgramsAsTheyAre)
+{
+    const auto dirty = [&] { write("a", 0, "OURS"); };
+    const auto conflict = [&] { EXPECT_EQ(errorOf([&] { close(handles.begin()->first); }), ESTALE); };
+    const struct
+    {
+        const char* name;
+        bool isRemoved;
+        std::function<void()> before, after;
+        std::string key;
+        bool isConflict;
+    } cases[] = {
+        {"stat, write", false, [&] { open("a"); },
+            [&]
+            {
+                files->attributes(open("a").node->id);
+                EXPECT_EQ(errorOf(dirty), ESTALE);
+            },
+            "a", false},
+        {"write, rename", false, dirty,
+            [&]
+            {
+                rename("a", "b");
+                conflict();
+            },
+            "b", true},
+        {"rename, append", false,
+            [&]
+            {
+                mount(1h);
+                find("a");
+            },
+            [&]
+            {
+                rename("a", "b");
+                write("b", files->attributes(find("b")).size, "+");
+                close("b");
+            },
+            "b", false},
+        {"write, rename the folder", true, [&] { write("d/a", 0, "OURS"); },
+            [&]
+            {
+                bucket->remove("d/a");
+                rename("d", "e");
+                conflict();
+            },
+            "", true},
+        {"truncate", false, [&] { open("a"); },
+            [&]
+            {
+                files->setAttributes(open("a").node->id, {.size = 10});
+                conflict();
+            },
+            "a", true},
+        {"killed", true, dirty,
+            [&]
+            {
+                mount();
+                files->sendAll();
+            },
+            "", true},
+        {"killed", false, dirty,
+            [&]
+            {
+                mount();
+                EXPECT_THAT(files->sendAll(), SizeIs(1));
+            },
+            "a", true},
+        {"listing, append", false,
+            [&]
+            {
+                mount(1h);
+                list("");
+            },
+            [&]
+            {
+                EXPECT_EQ(errorOf([&] { files->open(find("a")); }), ESTALE) << "the kernel looks it up again";
+                write("a", files->attributes(find("a")).size, "+");
+                close("a");
+            },
+            "a", false},
+    };
+    for (const auto& each : cases)
+    {
+        SCOPED_TRACE(each.name);
+        std::filesystem::remove_all(folder / "conflicts");
+        std::filesystem::create_directory(folder / "conflicts");
+        emptyBucket();
+        bucket->put("a", "1234567890");
+        bucket->put("d/a", "1234567890");
+        mount();
+        each.before();
+        const std::string foreign(each.isConflict ? 10 : 20, 'f');
+        each.isRemoved ? void(bucket->remove("a")) : bucket->put("a", foreign);
+        each.after();
+        drop(handles.empty() ? "" : handles.begin()->first);
+        if (!each.key.empty())
+        {
+            EXPECT_THAT(bucket->get(each.key).value_or("none"), StartsWith(foreign));
+        }
+        EXPECT_THAT(conflicts(), SizeIs(each.isConflict ? 1 : 0));
+    }
+
+    bucket->put("a", "copied");
+    mount(1h);
+    client->setHook([&](Operation operation, const std::string&)
+        { operation == Operation::DeleteObject ? bucket->put("a", "stored meanwhile") : void(); });
+    rename("a", "c");
+    client->setHook({});
+    EXPECT_EQ(bucket->get("a"), "stored meanwhile");
+    EXPECT_EQ(bucket->get("c"), "copied");
+}
+
+TEST_F(FileSystemTest, RecognisesWhatItHasStoredAlthoughTheResponseWasLost)
+{
+    const auto lose = [&](Operation operation, const std::function<void()>& call, int error)
+    {
+        client->inject({operation, 1, clients::Fault::Moment::AfterEffect,
+            std::make_exception_ptr(clients::TransientException("Busy", "the response is lost"))});
+        EXPECT_EQ(errorOf(call), error);
+        client->clearFaults();
+    };
+    mount(1s);
+    create("removed");
+    write("removed", 0, "x");
+    lose(
+        Operation::PutObject, [&] { files->sync(open("removed")); }, ETIMEDOUT);
+    files->removeFile(rootId, "removed");
+    drop("removed");
+    EXPECT_THAT(bucket->keys(), IsEmpty());
+
+    put("a", "1234567890");
+    write("a", 0, "A");
+    lose(
+        Operation::PutObject, [&] { files->sync(open("a")); }, ETIMEDOUT);
+    write("a", 1, "B");
+    files->sync(open("a"));
+    EXPECT_EQ(bucket->get("a"), "AB34567890");
+
+    write("a", 2, "C");
+    lose(
+        Operation::DeleteObject, [&] { rename("a", "b"); }, 0);
+    mount();
+    EXPECT_THAT(files->sendAll(), IsEmpty());
+    EXPECT_EQ(bucket->get("b"), "ABC4567890");
+    EXPECT_THAT(bucket->keys(), ElementsAre("b"));
+}
+
+TEST_F(FileSystemTest, ReadersSeeWhatAnotherProgramHasStored)
+{
+    mount(50ms);
+    put("a", "ours_");
+    for (int number = 0; number < 8; ++number)
+    {
+        const std::string bytes = "other" + std::to_string(number % 2); // of the same size, in the same second
+        bucket->put("a", bytes);
+        std::this_thread::sleep_for(60ms);
+        number % 4 < 2 ? void(list("")) : void();
+        find("a");
+        EXPECT_EQ(read("a"), bytes);
+        EXPECT_FALSE(open("a").keepsPages);
+        drop("a");
+        const FileHandle again = files->open(find("a"));
+        EXPECT_TRUE(again.keepsPages);
+        files->release(again);
+    }
 }
 
 TEST_F(FileSystemTest, ARemovedFileServesThoseWhoHaveItOpenAndNobodyElse)
@@ -435,16 +618,15 @@ TEST_F(FileSystemTest, MovesFoldersAsAWholeWhateverFails)
         {
             SCOPED_TRACE(Message() << failing << (isKilled ? " killed" : ""));
             mount();
-            for (const std::string& key : bucket->keys())
-            {
-                bucket->remove(key);
-            }
+            emptyBucket();
             for (const auto& [name, bytes] : tree)
             {
                 bucket->put("f/" + name, bytes);
             }
             find("f");
             unsigned calls = 0;
+            const std::filesystem::path records = folder / "records.sqlite";
+            const std::filesystem::path killed = folder / "killed";
             client->setHook(
                 [&](Operation operation, const std::string&)
                 {
@@ -452,13 +634,29 @@ TEST_F(FileSystemTest, MovesFoldersAsAWholeWhateverFails)
                     const std::lock_guard lock(mutex);
                     const bool isCounted = changesStore(operation);
                     calls += isCounted;
+                    for (const char* const file : {"", "-wal"})
+                    {
+                        isCounted&& isKilled&& calls == failing
+                            ? void(std::filesystem::copy_file(records.native() + file, killed.native() + file,
+                                  std::filesystem::copy_options::overwrite_existing))
+                            : void();
+                    }
                     isCounted && (calls == failing || (isKilled && calls > failing))
                         ? throw cloudprovider::UnknownErrorException("failed")
                         : void();
                 });
             const int error = errorOf([&] { rename("f", "g"); });
             client->setHook({});
-            isKilled ? mount() : void();
+            if (isKilled)
+            {
+                files.reset();
+                for (const char* const file : {"", "-wal"})
+                {
+                    std::error_code ignored; // not there: nothing has failed
+                    std::filesystem::rename(killed.native() + file, records.native() + file, ignored);
+                }
+                mount();
+            }
             std::vector<std::string> there;
             for (const std::string& key : bucket->keys())
             {
@@ -475,6 +673,29 @@ TEST_F(FileSystemTest, MovesFoldersAsAWholeWhateverFails)
     std::filesystem::create_directory(other);
     files = std::make_unique<FileSystem>(store, FileSystemSettings{.folder = other, .renameLimit = 4});
     EXPECT_EQ(errorOf([&] { rename("g", "h"); }), EXDEV);
+    // What is left of failed moves touches nothing that was stored since.
+    for (const Operation failing : {Operation::PutObject, Operation::DeleteObject})
+    {
+        mount();
+        emptyBucket();
+        bucket->put("d/x", "old");
+        bool isAway = false;
+        client->setHook(
+            [&](Operation operation, const std::string& key)
+            {
+                isAway = isAway || (operation == failing && key == (failing == Operation::PutObject ? "e/y" : "d/x"));
+                isAway ? throw clients::TransientException("Busy", "the store is away") : void();
+            });
+        bucket->put("d/y", "old");
+        EXPECT_EQ(errorOf([&] { rename("d", "e"); }), failing == Operation::PutObject ? ETIMEDOUT : 0);
+        client->setHook({});
+        bucket->put("d/x", "new");
+        bucket->put("e/x", "new");
+        mount();
+        EXPECT_EQ(bucket->get("d/x"), "new");
+        EXPECT_EQ(bucket->get("e/x"), "new");
+        EXPECT_EQ(bucket->get(failing == Operation::PutObject ? "d/y" : "e/y"), "old");
+    }
 }
 
 TEST_F(FileSystemTest, ShowsEveryKeyUnderANameOfItsOwn)
@@ -547,6 +768,25 @@ TEST_F(FileSystemTest, ThreadsShareFilesAndFolders)
     }
     threads.clear();
     EXPECT_THAT(files->sendAll(), IsEmpty());
+
+    // A lookup that was begun before a write does not hide it.
+    mount();
+    create("written");
+    const FileHandle file = open("written");
+    const std::jthread other(
+        [&](const std::stop_token& stop)
+        {
+            while (!stop.stop_requested())
+            {
+                files->attributes(file.node->id);
+            }
+        });
+    for (std::size_t i = 0; i < 300; ++i)
+    {
+        files->write(file, i, "x", 1);
+        files->sync(file);
+        ASSERT_EQ(bucket->get("written"), std::string(i + 1, 'x'));
+    }
 }
 
 } // namespace

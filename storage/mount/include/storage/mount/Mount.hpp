@@ -2,6 +2,7 @@
 
 #include <storage/cloudprovider/CloudClient.hpp>
 #include <storage/cloudprovider/CloudProvider.hpp>
+#include <storage/mount/NotStored.hpp>
 
 #include <sys/types.h>
 
@@ -66,8 +67,8 @@ public:
 
     /// Store everything that programs have written.
     ///
-    /// @return the paths of the files that could not be stored; the next Mount of this store tries again
-    std::vector<std::string> sendAll();
+    /// @return what could not be stored, and all conflicts since the mount
+    std::vector<NotStored> sendAll();
 
 private:
     class Server;
