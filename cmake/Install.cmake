@@ -30,6 +30,12 @@ install(TARGETS ${libraries} ${stores} ${programs}
     EXPORT cloudprovider
     FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
 
+# What mount(8) runs for entries of /etc/fstab.
+install(CODE "
+    file(MAKE_DIRECTORY \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}\")
+    file(CREATE_LINK \"../${CMAKE_INSTALL_BINDIR}/cloudfs\"
+        \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}/mount.cloudfs\" SYMBOLIC)")
+
 set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/cloudprovider")
 install(EXPORT cloudprovider
     FILE cloudproviderTargets.cmake

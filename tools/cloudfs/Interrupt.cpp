@@ -35,14 +35,8 @@ extern "C" void onSignal(int signal)
     errno = savedError;
 }
 
-} // namespace
-
-void install()
+void handleSignals()
 {
-    if (::pipe2(wakeUpPipe.data(), O_CLOEXEC | O_NONBLOCK) != 0)
-    {
-        throw std::system_error(errno, std::generic_category(), "pipe");
-    }
     struct sigaction action = {};
     action.sa_handler = onSignal;
     action.sa_flags = static_cast<int>(SA_RESETHAND); // without SA_RESTART, so that blocking calls return
@@ -55,9 +49,28 @@ void install()
             ::sigaction(signal, &action, nullptr);
         }
     }
+}
+
+} // namespace
+
+void install()
+{
+    if (::pipe2(wakeUpPipe.data(), O_CLOEXEC | O_NONBLOCK) != 0)
+    {
+        throw std::system_error(errno, std::generic_category(), "pipe");
+    }
+    handleSignals();
     // The default actions would leave temporary files behind. Ignored, the write fails with EPIPE or EFBIG.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
+}
+
+void reset()
+{
+    std::array<char, 16> bytes{};
+    [[maybe_unused]] const auto count = ::read(wakeUpPipe[0], bytes.data(), bytes.size());
+    utInterruptState::ClearInterrupt();
+    handleSignals();
 }
 
 void blockSignalsInThisThread()

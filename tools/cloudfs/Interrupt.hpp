@@ -10,6 +10,9 @@ struct Interrupted
 {
 };
 
+/// Forget the signal that has arrived, so that the next one is noticed, too.
+void reset();
+
 /// Install handlers for SIGINT, SIGTERM and SIGHUP, except for those that the caller ignores. After a signal the store
 /// refuses every commit, listings end, and isPending() is true. A second signal of the same kind kills the process.
 ///

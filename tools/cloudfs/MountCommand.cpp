@@ -3,9 +3,13 @@
 #include "Commands.hpp"
 #include "Diagnostics.hpp"
 #include "Interrupt.hpp"
+#include "MountReport.hpp"
 #include "Text.hpp"
 #include "Validators.hpp"
 
+#include <storage/clients/common/StoreCounters.hpp>
+#include <storage/clients/decorators/CountingClient.hpp>
+#include <storage/clients/decorators/FindInterface.hpp>
 #include <storage/clients/stores/OpenStore.hpp>
 #include <storage/cloudprovider/CloudExceptions.hpp>
 #include <storage/mount/Mount.hpp>
@@ -13,6 +17,7 @@
 #include <fmt/format.h>
 
 #include <array>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <chrono>
@@ -25,6 +30,7 @@
 #include <memory>
 #include <poll.h>
 #include <string>
+#include <sys/resource.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -89,42 +95,103 @@ mode_t modeOf(const std::string& octal)
     return static_cast<mode_t>(std::stoul(octal, nullptr, 8));
 }
 
+/// A pipe whose end for reading is at its end when a thread has done something.
+class Ending
+{
+public:
+    Ending()
+    {
+        if (::pipe2(m_pipe.data(), O_CLOEXEC) != 0)
+        {
+            throw std::system_error(errno, std::generic_category(), "pipe");
+        }
+    }
+    Ending(const Ending&) = delete;
+    Ending& operator=(const Ending&) = delete;
+    ~Ending() { ::close(m_pipe[0]); }
+
+    void isReached() { ::close(m_pipe[1]); }
+
+    /// @throws interrupt::Interrupted
+    void wait() { interrupt::waitUntilReady(m_pipe[0], POLLIN); }
+
+private:
+    std::array<int, 2> m_pipe{-1, -1};
+};
+
+/// Store what programs have written, and let the mount end.
+///
+/// @param ended       of the mount
+/// @param isStopping  set by a second signal; ends requests in progress
+void endMount(storage::mount::Mount& mount, Ending& ended, std::atomic<bool>& isStopping)
+{
+    interrupt::reset();
+    std::thread sender(
+        [&]
+        {
+            interrupt::blockSignalsInThisThread();
+            if (const auto unsent = mount.unsent(); !unsent.empty())
+            {
+                diagnostics::printLine(
+                    fmt::format("storing {} files; another signal leaves them to the next mount", unsent.size()));
+            }
+            mount.sendAll(); // before programs lose the folder
+            mount.stop();
+        });
+    try
+    {
+        ended.wait();
+    }
+    catch (const interrupt::Interrupted&)
+    {
+        isStopping = true;
+    }
+    sender.join();
+}
+
 /// Serve until the folder is unmounted or a signal arrives.
 ///
 /// @param answers  called when programs can use the mount
-void serve(storage::mount::Mount& mount, const std::string& mountPoint, const std::function<void()>& answers)
+void serve(storage::mount::Mount& mount, const std::string& mountPoint, const std::function<void()>& answers,
+    std::atomic<bool>& isStopping)
 {
-    std::array<int, 2> ended{-1, -1};
-    if (::pipe2(ended.data(), O_CLOEXEC) != 0)
-    {
-        throw std::system_error(errno, std::generic_category(), "pipe");
-    }
+    Ending ended;
     std::thread server(
         [&]
         {
             interrupt::blockSignalsInThisThread();
             mount.run();
-            ::close(ended[1]);
+            ended.isReached();
         });
     try
     {
         std::error_code ignored;
         [[maybe_unused]] const auto status = std::filesystem::status(mountPoint, ignored);
         answers();
-        interrupt::waitUntilReady(ended[0], POLLIN);
+        ended.wait();
     }
     catch (const interrupt::Interrupted&)
     {
-        mount.sendAll(); // before programs lose the folder
-        mount.stop();
+        endMount(mount, ended, isStopping);
     }
     server.join();
-    ::close(ended[0]);
+}
+
+/// Let a mount have many files open.
+void raiseDescriptorLimit()
+{
+    struct rlimit limit = {};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 void mountStore(CommandContext& context, const Options& options)
 {
     diagnostics::install(context.verbose);
+    raiseDescriptorLimit();
+    MountReport::blockSignal();
+    std::atomic<bool> isStopping = false;
     const auto background = options.background ? std::make_unique<Background>() : nullptr;
     try
     {
@@ -134,23 +201,31 @@ void mountStore(CommandContext& context, const Options& options)
         const auto disk = storage::clients::localStoreDirectory(context.storeUrl);
         const std::string mountPoint = std::filesystem::absolute(options.mountPoint);
         std::filesystem::create_directories(folder);
-        const auto store = storage::clients::openStore(context.storeUrl,
-            {.interrupted = {}, .createMissing = false, .cache = {folder / "ranges", options.cacheSize}});
-        storage::mount::Mount mount(store, {.mountPoint = mountPoint,
-                                               .source = context.storeUrl,
-                                               .folder = folder,
-                                               .folderPolicy = context.folderPolicy,
-                                               .attributeTimeout = std::chrono::seconds(options.attributeTimeout),
-                                               .user = options.user,
-                                               .group = options.group,
-                                               .fileMode = modeOf(options.fileMode),
-                                               .folderMode = modeOf(options.folderMode),
-                                               .renameLimit = options.renameLimit,
-                                               .disk = disk ? std::filesystem::absolute(*disk) : "",
-                                               .isReadOnly = options.readOnly,
-                                               .allowsOthers = options.allowOther});
-        serve(mount, mountPoint, [&] { background ? background->ready() : void(); });
-        for (const auto& file : mount.sendAll())
+        const auto store =
+            storage::clients::openStore(context.storeUrl, {.interrupted = [&] { return isStopping.load(); },
+                                                              .createMissing = false,
+                                                              .cache = {folder / "ranges", options.cacheSize}});
+        const bool isCounting = storage::clients::findInterface<storage::clients::StoreCounters>(*store) != nullptr;
+        const auto client = isCounting ? store : std::make_shared<storage::clients::CountingClient>(store);
+        storage::mount::Mount mount(client, {.mountPoint = mountPoint,
+                                                .source = context.storeUrl,
+                                                .folder = folder,
+                                                .folderPolicy = context.folderPolicy,
+                                                .attributeTimeout = std::chrono::seconds(options.attributeTimeout),
+                                                .user = options.user,
+                                                .group = options.group,
+                                                .fileMode = modeOf(options.fileMode),
+                                                .folderMode = modeOf(options.folderMode),
+                                                .renameLimit = options.renameLimit,
+                                                .disk = disk ? std::filesystem::absolute(*disk) : "",
+                                                .isReadOnly = options.readOnly,
+                                                .allowsOthers = options.allowOther});
+        {
+            const MountReport report(mount, *client, folder / "status");
+            serve(
+                mount, mountPoint, [&] { background ? background->ready() : void(); }, isStopping);
+        }
+        for (const auto& file : mount.sendAll()) // if it was interrupted, each fails at once
         {
             diagnostics::printLine(text::printable(file.key) + " is not stored: " + text::printable(file.reason));
             context.markFailed();

@@ -2,6 +2,7 @@
 #include "Commands.hpp"
 #include "Diagnostics.hpp"
 #include "Interrupt.hpp"
+#include "MountHelper.hpp"
 #include "StandardOutput.hpp"
 #include "Text.hpp"
 
@@ -160,9 +161,11 @@ int run(int argc, char** argv)
     addCheckEndpointCommand(app, context);
     addMountCommand(app, context);
     app.footer(globalOptionForms); // after the commands, or they would inherit it
+    std::vector<std::string> arguments(argv + 1, argv + argc);
+    arguments = cloudfs::fromMountHelper(argv[0], arguments).value_or(arguments);
     try
     {
-        app.parse(argc, argv);
+        app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
         context.printCounters();
         return context.hasFailed() ? exitFailed : EXIT_SUCCESS;
     }
@@ -176,8 +179,7 @@ int run(int argc, char** argv)
     catch (const CLI::ParseError& error)
     {
         const auto unknown = app.remaining();
-        const std::string reason =
-            unknown.empty() ? describe(error) : describeUnknown(app, unknown.front(), {argv + 1, argv + argc});
+        const std::string reason = unknown.empty() ? describe(error) : describeUnknown(app, unknown.front(), arguments);
         cloudfs::diagnostics::printLine(
             fmt::format("{}; see {}", cloudfs::text::printable(reason), helpCommand(app, reason)));
         return exitUsage;

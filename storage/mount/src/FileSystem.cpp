@@ -959,7 +959,8 @@ void FileSystem::recover(const UnsentFile& file)
     m_isHurried = true;
 }
 
-std::vector<NotStored> FileSystem::sendAll()
+/// Requires the lock of the tree.
+std::vector<NodePtr> FileSystem::unsentNodes()
 {
     std::vector<NodePtr> unsent;
     const auto collect = [&](const auto& self, const Node& folder) -> void
@@ -969,10 +970,26 @@ std::vector<NotStored> FileSystem::sendAll()
             child->isFolder ? self(self, *child) : child->contents->isUnsent() ? unsent.push_back(child) : void();
         }
     };
+    collect(collect, *m_tree.root());
+    return unsent;
+}
+
+std::vector<Unsent> FileSystem::unsent()
+{
+    const std::lock_guard lock(m_tree.mutex);
+    std::vector<Unsent> result;
+    for (const NodePtr& node : unsentNodes())
     {
-        const std::lock_guard lock(m_tree.mutex);
-        collect(collect, *m_tree.root());
+        result.push_back({Tree::keyOf(*node), node->contents->size(), node->sending > 0});
     }
+    return result;
+}
+
+std::vector<NotStored> FileSystem::sendAll()
+{
+    std::unique_lock treeLock(m_tree.mutex);
+    const auto unsent = unsentNodes();
+    treeLock.unlock();
     std::mutex mutex;
     std::vector<NotStored> failed;
     inParallel(unsent.size(),
@@ -985,8 +1002,7 @@ std::vector<NotStored> FileSystem::sendAll()
             catch (...) // was logged
             {
                 const Failure failure = Failure::current();
-                const std::lock_guard treeLock(m_tree.mutex);
-                const std::lock_guard lock(mutex);
+                const std::scoped_lock lock(m_tree.mutex, mutex);
                 failure.error() == ESTALE
                     ? void() // a conflict
                     : failed.push_back({Tree::keyOf(*unsent[index]),

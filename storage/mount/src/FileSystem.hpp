@@ -10,6 +10,7 @@
 
 #include <storage/cloudprovider/CloudProvider.hpp>
 #include <storage/mount/NotStored.hpp>
+#include <storage/mount/Unsent.hpp>
 
 #include <chrono>
 #include <condition_variable>
@@ -143,6 +144,9 @@ public:
     /// Store all that is unsent. @return what could not be stored, and all conflicts since the mount
     std::vector<NotStored> sendAll();
 
+    /// Return the files that are not stored yet.
+    std::vector<Unsent> unsent();
+
 private:
     /// A node that must not be forgotten during an operation; may be null.
     class Reference;
@@ -162,6 +166,7 @@ private:
     Attributes reference(Node& node) const;
     FileHandle handle(const NodePtr& node, bool isNew);
     void send(const NodePtr& node, const std::string& key);
+    std::vector<NodePtr> unsentNodes();
     void noteSent(Node& node, const std::optional<ObjectVersion>& before);
     void keepConflict(FileContents& contents, const std::string& key, const std::string& reason);
     void recover(const UnsentFile& file);

@@ -624,6 +624,11 @@ void Mount::stop()
     m_server->stop();
 }
 
+std::vector<Unsent> Mount::unsent()
+{
+    return m_server->files().unsent();
+}
+
 std::vector<NotStored> Mount::sendAll()
 {
     return m_server->files().sendAll();

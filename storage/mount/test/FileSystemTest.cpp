@@ -679,7 +679,7 @@ TEST_F(FileSystemTest, MovesFoldersAsAWholeWhateverFails)
         mount();
         emptyBucket();
         bucket->put("d/x", "old");
-        bool isAway = false;
+        std::atomic<bool> isAway = false;
         client->setHook(
             [&](Operation operation, const std::string& key)
             {

@@ -574,11 +574,18 @@ test_mount()
     exec 4<mnt/moved/deep/small
     rm -r mnt/moved/deep
     [[ $(cat <&4) == small ]] || fail "removed while it was open"
-    exec 4<&- 4>mnt/unsent
-    echo unsent >&4
-    kill -s KILL $mount_pid # and what was written is not closed yet
+    exec 4<&-
+    { echo unsent; exec sleep 100; } >mnt/unsent & # never closes it, which would store it
+    local writer=$!
+    for ((i = 0; i < 50; i++)); do
+        kill -s USR1 $mount_pid
+        sleep 0.1
+        ! grep -qs 'unsent (7 bytes)' cache/*/status || break
+    done
+    [[ $(cat cache/*/status) == '1 files are not stored yet'*'unsent (7 bytes)'*'store calls: '* ]] || fail "$(<log)"
+    kill -s KILL $mount_pid
     wait $mount_pid
-    exec 4>&-
+    kill $writer
     umount -l mnt
     start_mount --read-only
     [[ $(<mnt/unsent) == unsent ]] || fail "lost"
@@ -589,6 +596,10 @@ test_mount()
     expect 1 'none: .*' mount none --cache-dir cache --background
     expect 0 '' mount mnt --cache-dir cache --background
     [[ $(<mnt/unsent) == unsent ]] && umount mnt || fail "not in the background"
+    ln -s "$program" mount.cloudfs # as mount(8) calls it for an entry of /etc/fstab
+    ./mount.cloudfs "$store" mnt -v -o "ro,_netdev,cache_dir=cache,file_mode=640" || fail "not mounted"
+    [[ $(<mnt/unsent) == unsent && $(stat -c %a mnt/unsent) == 640 ]] && umount mnt || fail "$(stat mnt/unsent)"
+    ! ./mount.cloudfs "$store" mnt -o strange 2>err && [[ $(<err) == *'unknown option: --strange'* ]] || fail "$(<err)"
     [[ $(fs cat /unsent) == unsent && $(ls cache/*) != *[0-9]* ]] || fail "not stored: $(ls cache/*)"
 }
 

@@ -3,6 +3,7 @@
 #include <storage/cloudprovider/CloudClient.hpp>
 #include <storage/cloudprovider/CloudProvider.hpp>
 #include <storage/mount/NotStored.hpp>
+#include <storage/mount/Unsent.hpp>
 
 #include <sys/types.h>
 
@@ -43,7 +44,7 @@ struct MountSettings
 
 /// A store as a folder of this machine, which all programs can use.
 ///
-/// The promises to these programs are in docs/mount.md. One thread at a time uses an instance.
+/// The promises to these programs are in docs/mount.md. Any thread may call any operation but run().
 class Mount
 {
 public:
@@ -69,6 +70,9 @@ public:
     ///
     /// @return what could not be stored, and all conflicts since the mount
     std::vector<NotStored> sendAll();
+
+    /// Return the files that are not stored yet.
+    std::vector<Unsent> unsent();
 
 private:
     class Server;
