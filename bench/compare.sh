@@ -6,7 +6,8 @@
 # Usage: bench/compare.sh [RUNS [WORK…]] [--tools A,B] [--delays MS,MS] [--parameters P=V&P=V]
 #
 # Prints medians of RUNS runs (default 5) of W1 to W9, of W1s and W2s, which are W1 and W2 through standard input and
-# output, and of W1h and W2h, which are W1 and W2 through a stream, as a host reads and writes (default: all). The
+# output, of W1h and W2h, which are W1 and W2 through a stream, as a host reads and writes, and of what only mounts do:
+# M1 to M6, M1r, which removes what M1 has made, and M5w and M6w, which do M5 and M6 a second time (default: all). The
 # parameters are added to cloudfs's store URL.
 #
 # `scripts/install-deps.sh compare` installs the other tools; a missing tool is skipped. Local files, up to 4 GiB, are

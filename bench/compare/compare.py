@@ -2,6 +2,7 @@
 """Compare the command line and the provider with other tools. bench/compare.sh builds the programs and runs this."""
 
 import argparse
+import contextlib
 import filecmp
 import json
 import os
@@ -9,19 +10,26 @@ import random
 import re
 import shutil
 import signal
+import sqlite3
 import subprocess
 import sys
+import tarfile
 import tempfile
 from pathlib import Path
 
+import durable_writes
 import tools
 from measure import Failed, Proxy, Run
 
 ROOT = Path(__file__).resolve().parents[2]
 MIB = 1024 * 1024
 BIG, WHOLE = 256 * MIB, 1024 * MIB
-TOOLS = [tool.name for tool in (tools.Ours, tools.Rclone, tools.RcloneMount, tools.S3fs, tools.Gdal, tools.Awscrt, tools.Curl)]
-WORKS = "W1 W1s W1h W2 W2s W2h W3 W4 W5 W5a W5b W6 W7 W8 W9".split()  # W5 is both of W5a and W5b
+TOOLS = [tool.name for tool in (tools.Ours, tools.OursMounted, tools.Rclone, tools.RcloneMount, tools.S3fs, tools.Gdal,
+                                tools.Awscrt, tools.Curl)]
+MOUNT_WORKS = "M1 M1r M2 M3 M4 M5 M5w M6 M6w".split()  # for mounts only
+WORKS = "W1 W1s W1h W2 W2s W2h W3 W4 W5 W5a W5b W6 W7 W8 W9".split() + MOUNT_WORKS  # W5 is both of W5a and W5b
+LIMIT, MOUNT_LIMIT = 300, 120  # seconds for each program; some mounts would take many minutes
+TRANSACTIONS, LINES = 1000, 100
 MIDDLE = BIG // 2 + 4096  # not on a part boundary of any tool
 
 
@@ -72,15 +80,24 @@ class Gateway:
         back.unlink()
         return same
 
-    def holds_all(self, prefix, folder):
-        back = self.aside.folder / "all"
-        self.curl.read_all(self.aside, prefix, os.listdir(folder), back)
-        same = same_folders(back, folder)
-        shutil.rmtree(back)
-        return same
+    def put_all(self, folder, prefix):
+        self.curl.write_all(self.aside, folder, prefix)
 
-    def tag(self, key):
-        return self.curl.tag(self.aside, key)
+    def files(self, prefix):
+        """The keys that start with the prefix, without those of empty objects that mounts make for folders."""
+        return [key for key in self.curl.keys(self.aside, prefix) if not key.endswith("/")]
+
+    def fetch_all(self, prefix):
+        """Read all files into a new folder."""
+        back = self.aside.folder / "all"
+        shutil.rmtree(back, ignore_errors=True)
+        back.mkdir()
+        self.curl.many(self.aside, [[("output", back / key.removeprefix(prefix + "/")), ("url", self.curl.url(key))]
+                                    for key in self.files(prefix + "/")], "--create-dirs")
+        return back
+
+    def holds_all(self, prefix, folder):
+        return same_folders(self.fetch_all(prefix), folder)
 
     def clear(self, prefix):
         self.curl.clear(self.aside, prefix)
@@ -90,8 +107,18 @@ class Gateway:
 
 
 def same_folders(left, right):
-    names = os.listdir(right)
-    return sorted(os.listdir(left)) == sorted(names) and filecmp.cmpfiles(left, right, names, shallow=False)[1:] == ([], [])
+    def files(folder):
+        return sorted(str(path.relative_to(folder)) for path in Path(folder).rglob("*") if path.is_file())
+
+    names = files(right)
+    return files(left) == names and filecmp.cmpfiles(left, right, names, shallow=False)[1:] == ([], [])
+
+
+def git(folder, *arguments, **options):
+    """What git prints; None if it fails."""
+    done = subprocess.run(["git", "-C", folder, *arguments], stdout=subprocess.PIPE, env=os.environ | tools.GIT,
+                          timeout=LIMIT, **options)
+    return done.stdout.decode().strip() if done.returncode == 0 else None
 
 
 class Material:
@@ -123,6 +150,31 @@ class Material:
         self.offset, self.glimpse = folder / "offset", folder / "glimpse"
         self.offset.write_text(str(WHOLE // 2))
         self._cut(self.whole, [WHOLE // 2], 1024, self.glimpse)
+        self.many, self.archive, self.repository = (folder / name for name in ("many", "many.tar", "repository"))
+        for number in range(20):
+            (self.many / f"{number:02}").mkdir(parents=True)
+            for name in range(100):
+                (self.many / f"{number:02}/{name:02}").write_bytes(source.randbytes(source.randrange(1024, 3072)))
+        with tarfile.open(self.archive, "w") as archive:
+            archive.add(self.many, ".")
+        self._make_repository(source)
+
+    def _make_repository(self, source):
+        """Fifty commits. The first makes 300 files, the others change 20 files each."""
+        def text():
+            return "".join(f"{source.getrandbits(64):016x}\n" for _ in range(120))
+
+        commands = []
+        for number in range(50):
+            commands.append(f"commit refs/heads/main\ncommitter A <a@example.org> {1600000000 + number} +0000\n"
+                            "data 6\nchange\n")
+            for file in range(300) if number == 0 else source.sample(range(300), 20):
+                content = text()
+                commands.append(f"M 100644 inline {file % 10}/{file:03}\ndata {len(content)}\n{content}\n")
+        self.repository.mkdir()
+        git(self.repository, "init", "--quiet", "--bare", "--initial-branch=main")
+        git(self.repository, "fast-import", "--quiet", input="".join(commands).encode())
+        self.commit = git(self.repository, "rev-parse", "main")
 
     @staticmethod
     def _cut(path, offsets, size, target):
@@ -155,13 +207,22 @@ class Works:
             ("W7", "1,000 random reads of 64 KiB in 256 MiB", ["big"], self._pick("big", 64 * 1024, m.offsets, m.picked)),
             ("W8", "read 1 KiB inside 1 GiB", ["whole"], self._pick("whole", 1024, m.offset, m.glimpse)),
             ("W9", "append 1 KiB to 256 MiB", [], self._change("append", [], m.appended)),
+            ("M1", "unpack 2,000 files of 2 KiB in 20 folders", [], self._unpack),
+            ("M1r", "remove 2,000 files in 20 folders", [], self._remove_all),
+            ("M2", "clone a repository of 300 files and 50 commits", [], self._clone),
+            ("M3", f"{TRANSACTIONS:,} transactions of SQLite", [], self._transactions),
+            ("M4", f"append {LINES} lines, with an fsync after each", [], self._append_lines),
+            ("M5", "list 20,000 files with sizes and times", ["tree"], self._list_details(1)),
+            ("M5w", "do that a second time in the same mount", ["tree"], self._list_details(2)),
+            ("M6", "read 256 MiB with a cache", ["big"], self._read("read_cached", 1)),
+            ("M6w", "do that a second time in the same mount", ["big"], self._read("read_cached", 2)),
         ]
 
     def fill(self, what):
         if what in ("big", "whole"):
             self._gateway.put(getattr(self._material, what), what)
         elif what == "small":
-            self._gateway.curl.write_all(self._gateway.aside, self._material.small, "small")
+            self._gateway.put_all(self._material.small, "small")
         else:
             self._gateway.put_names(what, getattr(self._material, what), self._material.patch)
 
@@ -172,10 +233,10 @@ class Works:
             return self._gateway.holds("made", self._material.big)
         return work
 
-    def _read(self, method):
+    def _read(self, method, *times):
         def work(tool, run):
             back = run.folder / "back"
-            getattr(tool, method)(run, "big", back)
+            getattr(tool, method)(run, "big", back, *times)
             return filecmp.cmp(back, self._material.big, shallow=False)
         return work
 
@@ -211,15 +272,63 @@ class Works:
             return filecmp.cmp(out, expected, shallow=False)
         return work
 
+    def _unpack(self, tool, run):
+        self._gateway.clear("made")
+        tool.unpack(run, self._material.archive, "made")
+        return self._gateway.holds_all("made", self._material.many)
 
-def measure(tool, work, proxy, folder):
+    def _remove_all(self, tool, run):
+        self._gateway.put_all(self._material.many, "removed")
+        tool.remove_all(run, "removed")
+        return not self._gateway.files("removed")
+
+    def _clone(self, tool, run):
+        self._gateway.clear("made")
+        tool.clone(run, self._material.repository, "made")
+        back = self._gateway.fetch_all("made")
+        return (git(back, "rev-parse", "HEAD") == self._material.commit and git(back, "status", "--porcelain") == ""
+                and git(back, "fsck", "--strict") is not None)
+
+    def _transactions(self, tool, run):
+        self._gateway.clear("made")
+        tool.transactions(run, "made/database", TRANSACTIONS)
+        back = self._gateway.fetch_all("made")
+        if os.listdir(back) != ["database"]:  # a journal is left
+            return False
+        with contextlib.closing(sqlite3.connect(back / "database")) as database:
+            found = database.execute("SELECT * FROM entries ORDER BY number").fetchall()
+            return (database.execute("PRAGMA integrity_check").fetchall() == [("ok",)]
+                    and found == durable_writes.rows(TRANSACTIONS))
+
+    def _append_lines(self, tool, run):
+        self._gateway.clear("made")
+        tool.append_lines(run, "made", LINES)
+        expected = run.folder / "expected"
+        expected.write_text("".join(durable_writes.lines(LINES)))
+        return self._gateway.holds("made", expected)
+
+    def _list_details(self, times):
+        def work(tool, run):
+            out, folder, files = run.folder / "details", "", []
+            tool.list_details(run, "tree", out, times)
+            for line in out.read_text().splitlines():
+                if line.endswith(":"):
+                    folder = line[-4:-1]
+                elif line.startswith("-"):
+                    words = line.split()
+                    files.append((f"{folder}/{words[-1]}", words[4]))
+            return files == [(name, "1024") for name in self._material.tree]
+        return work
+
+
+def measure(tool, work, proxy, folder, limit):
     """The figures of one run, or the reason why there are none."""
-    run = Run(proxy, folder)
+    run = Run(proxy, folder, limit)
     try:
         correct = work(tool, run)
     except NotImplementedError:
         return {"cannot": True}
-    except Failed as reason:
+    except (Failed, OSError) as reason:  # a mount that has crashed causes any error
         return {"failed": str(reason)}
     finally:
         figures = run.end()
@@ -266,8 +375,9 @@ def main():
 def compare(gateway, material, delay, options, scratch, figures):
     proxy = Proxy(options.programs / "bench/compare/delay_proxy", gateway.endpoint.rsplit(":", 1)[1])
     common = proxy.endpoint, gateway.bucket, options.programs
-    contenders = [tools.Ours(*common, options.parameters), tools.Rclone(*common), tools.RcloneMount(*common, gateway.tag), tools.S3fs(*common),
-                  tools.Gdal(*common), tools.Awscrt(*common), tools.Curl(*common, *gateway.keys)]
+    contenders = [tools.Ours(*common, options.parameters), tools.OursMounted(*common, options.parameters),
+                  tools.Rclone(*common), tools.RcloneMount(*common), tools.S3fs(*common), tools.Gdal(*common),
+                  tools.Awscrt(*common), tools.Curl(*common, *gateway.keys)]
     contenders = [tool for tool in contenders if tool.name in options.tools]
     for tool in [tool for tool in contenders if tool.missing()]:
         print(f"{tool.name} is skipped: {tool.missing()}", file=sys.stderr)
@@ -285,7 +395,8 @@ def compare(gateway, material, delay, options, scratch, figures):
         able = list(contenders)
         for number in range(options.runs):
             for tool in list(able):  # in turns, so that a change in the machine's speed affects all tools
-                result = measure(tool, work, proxy, scratch / "run")
+                limit = MOUNT_LIMIT if name in MOUNT_WORKS else LIMIT
+                result = measure(tool, work, proxy, scratch / "run", limit)
                 if "wall" not in result:
                     able.remove(tool)
                 row = {"work": name, "title": title, "delay": delay, "tool": tool.name, "run": number, **result}
@@ -300,7 +411,7 @@ def show(row):
                 f"{row['sent'] / MIB:8.2f} + {row['received'] / MIB:8.2f} MiB")
     else:
         text = "cannot" if "cannot" in row else "failed: " + row["failed"]
-    print(f"{row['delay']:2} ms {row['work']:3} {row['tool']:12} {text}", file=sys.stderr)
+    print(f"{row['delay']:2} ms {row['work']:3} {row['tool']:13} {text}", file=sys.stderr)
 
 
 if __name__ == "__main__":

@@ -12,7 +12,7 @@ import time
 from dataclasses import asdict, dataclass
 from pathlib import Path
 
-LIMIT = 300  # seconds; a program that runs longer is killed, and its tool has failed
+END_LIMIT = 10  # seconds; a mount that needs longer to end after it was unmounted hangs
 TICKS = os.sysconf("SC_CLK_TCK")
 
 
@@ -57,8 +57,10 @@ class Figures:
 class Run:
     """One run. Its programs share a new folder for temporary files, which end() removes."""
 
-    def __init__(self, proxy, folder):
+    def __init__(self, proxy, folder, limit):
+        """limit: seconds; if a program runs longer, it is killed, and its tool has failed"""
         self._proxy = proxy
+        self.limit = limit
         self.folder = Path(folder)
         self.figures = Figures()
         shutil.rmtree(folder, ignore_errors=True)
@@ -92,7 +94,7 @@ class Run:
             with self.timing():
                 process = subprocess.Popen(words, stdin=source, stdout=sink, stderr=errors,
                                            env=self.environment | environment, start_new_session=True)
-                usage, status = await_end(process)
+                usage, status = await_end(process, self.limit, self._mount)
             errors.seek(0)
             if status != 0:
                 raise Failed(f"{command[0]} ended with {status}: {errors.read()[-300:].strip()}")
@@ -108,32 +110,48 @@ class Run:
         self.figures.wall, self.figures.cpu = wall + own["wall"], cpu + own["cpu"]
 
     @contextlib.contextmanager
-    def mounted(self, command, **environment):
-        """Mount, and unmount at the end. Everything after the mounting is counted, except the wall time of the unmounting."""
+    def mounted(self, command, counts_end=False, **environment):
+        """Mount, and unmount at the end. Everything after the mounting is counted, except the wall time of the
+        unmounting. With counts_end, that is counted too, because the mount stores the last changes then."""
         mount_point = self.folder / "mount"
         mount_point.mkdir()
-        with open(self.folder / "mount.log", "w+") as log:
-            mount = subprocess.Popen([str(word) for word in command] + [str(mount_point)], stdin=subprocess.DEVNULL,
-                                     stdout=log, stderr=log, env=self.environment | environment, start_new_session=True)
-            try:
-                for _ in range(500):
-                    if os.path.ismount(mount_point) or mount.poll() is not None:
-                        break
-                    time.sleep(0.02)
-                if not os.path.ismount(mount_point):
-                    log.seek(0)
-                    raise Failed(f"{command[0]} did not mount: {log.read()[-300:].strip()}")
-                self._proxy.take()
-                before = Path(f"/proc/{mount.pid}/stat").read_text().rsplit(")", 1)[1].split()
-                yield mount_point
-                status = Path(f"/proc/{mount.pid}/status").read_text()
-                peak = int(re.search(r"VmHWM:\s+(\d+)", status)[1]) * 1024
-                self.figures.peak = max(self.figures.peak, peak)
-            finally:
+        log = self.folder / "mount.log"
+        with open(log, "w") as sink:
+            mount = subprocess.Popen([*map(str, command), str(mount_point)], stdin=subprocess.DEVNULL, stdout=sink,
+                                     stderr=sink, env=self.environment | environment, start_new_session=True)
+        try:
+            for _ in range(500):
+                if os.path.ismount(mount_point) or mount.poll() is not None:
+                    break
+                time.sleep(0.02)
+            if not os.path.ismount(mount_point):
+                raise Failed(f"{command[0]} did not mount: {log.read_text()[-300:].strip()}")
+            self._mount = mount
+            self.restart()
+            yield mount_point
+            status = Path(f"/proc/{mount.pid}/status").read_text()
+            self.figures.peak = max(self.figures.peak, int(re.search(r"VmHWM:\s+(\d+)", status)[1]) * 1024)
+            with self.timing() if counts_end else contextlib.nullcontext():
                 unmount(mount_point)
-                if mount.returncode is None:
-                    usage, _ = await_end(mount, 10)
-        self.figures.cpu += usage.ru_utime + usage.ru_stime - (int(before[11]) + int(before[12])) / TICKS
+                usage, status = await_end(mount, self.limit if counts_end else END_LIMIT)
+            if status != 0:
+                raise Failed(f"{command[0]} ended with {status}: {log.read_text()[-300:].strip()}")
+            self.figures.cpu += usage.ru_utime + usage.ru_stime - self._cpu_before
+        except BaseException:
+            if mount.returncode is None:
+                os.killpg(mount.pid, signal.SIGKILL)
+                mount.wait()
+            subprocess.run(["fusermount", "-uz", mount_point], stderr=subprocess.DEVNULL, check=False)
+            raise
+        finally:
+            self._mount = None
+
+    def restart(self):
+        """Count only what follows, for example the second use of a mount. Its peak memory stays that of all uses."""
+        self.figures = Figures()
+        self._proxy.take()
+        times = Path(f"/proc/{self._mount.pid}/stat").read_text().rsplit(")", 1)[1].split()
+        self._cpu_before = (int(times[11]) + int(times[12])) / TICKS
 
 
 def unmount(mount_point):
@@ -146,13 +164,22 @@ def unmount(mount_point):
     subprocess.run(["fusermount", "-uz", mount_point], check=False)
 
 
-def await_end(process, limit=LIMIT):
-    """Wait for a process. Return the resources that it and its children used, and its status. Kill it at the limit."""
+def drop_page_cache():
+    """Let the mounts themselves answer what was read before. Only root can do that."""
+    with contextlib.suppress(OSError):
+        Path("/proc/sys/vm/drop_caches").write_text("3")
+
+
+def await_end(process, limit, mount=None):
+    """Wait for a process. Return the resources that it and its children used, and its status.
+
+    Kill it at the limit, and the mount that it uses: a process that waits for a mount cannot be killed alone."""
     over = threading.Event()
 
     def end():
         over.set()
-        os.killpg(process.pid, signal.SIGKILL)  # it leads its own session and process group
+        for each in filter(None, (process, mount)):
+            os.killpg(each.pid, signal.SIGKILL)  # it leads its own session and process group
 
     timer = threading.Timer(limit, end)
     timer.start()

@@ -53,8 +53,9 @@ def table(figures, title, figure, show, delays):
         cells = []
         for tool in figures.tools:
             values = [figures.value(work, delay, tool, figure) for delay in delays]
-            cells.append(" / ".join("–" if value is None else show(value) for value in values) if any(
-                value is not None for value in values) else "–")
+            texts = ["failed" if (work, delay, tool) in figures.failed else "–" if value is None else show(value)
+                     for delay, value in zip(delays, values)]
+            cells.append("–" if set(texts) == {"–"} else " / ".join(texts))
         yield f"| {work} | {label} | " + " | ".join(cells) + " |"
 
 
@@ -80,7 +81,8 @@ def draw(figures, path):
     from matplotlib.ticker import FuncFormatter
 
     ours, *others = figures.tools
-    works = list(figures.works)
+    works = [work for work in figures.works
+             if any(figures.value(work, delay, ours, lambda row: row["wall"]) for delay in figures.delays)]
     panes, axes = pyplot.subplots(1, len(figures.delays), figsize=(4.6 * len(figures.delays), 3.6), sharey=True, squeeze=False)
     for axis, delay in zip(axes[0], figures.delays):
         for tool, marker in zip(others, "os^DvPX"):

@@ -8,14 +8,18 @@ import contextlib
 import hashlib
 import hmac
 import importlib.util
+import json
 import re
 import shutil
 import time
 import urllib.parse
 from pathlib import Path
 
+from measure import Failed, drop_page_cache
+
 JOBS = 16
 MIB = 1024 * 1024
+GIT = {"GIT_CONFIG_GLOBAL": "/dev/null", "GIT_CONFIG_NOSYSTEM": "1"}  # without the settings of the user
 
 
 class Tool:
@@ -34,6 +38,8 @@ class Tool:
         raise NotImplementedError
 
     write = read = write_stream = read_stream = write_as_host = read_as_host = write_all = read_all = list_all = list_level = patch = append = pick = _cannot
+    # For mounts only:
+    unpack = remove_all = clone = transactions = append_lines = list_details = read_cached = _cannot
 
 
 class Curl(Tool):
@@ -77,8 +83,8 @@ class Curl(Tool):
         self.curl(run, self.url(key), stdout=local)
 
     def write_all(self, run, folder, prefix):
-        self.many(run, [[("upload-file", file), ("url", self.url(f"{prefix}/{file.name}"))]
-                        for file in Path(folder).iterdir()])
+        self.many(run, [[("upload-file", file), ("url", self.url(f"{prefix}/{file.relative_to(folder)}"))]
+                        for file in Path(folder).rglob("*") if file.is_file()])
 
     def read_all(self, run, prefix, names, folder):
         Path(folder).mkdir()
@@ -157,19 +163,21 @@ class Curl(Tool):
 
     # The methods below are for the comparison itself.
 
-    def tag(self, run, key):
-        head = run.folder / "head"
-        self.curl(run, "--head", self.url(key), stdout=head)
-        return re.search('ETag: "(.*)"', head.read_text())[1]
+    def keys(self, run, prefix):
+        """The keys of all objects that start with the prefix."""
+        page, keys = run.folder / "page", []
+        while True:
+            start = {"start_after": keys[-1]} if keys else {}
+            self.curl(run, self.url(list_type=2, prefix=prefix, **start), stdout=page)
+            found = re.findall("<Key>(.*?)</Key>", page.read_text())
+            if not found:
+                return keys
+            keys += found
 
     def clear(self, run, prefix):
         """Remove all objects whose keys start with the prefix."""
-        page = run.folder / "page"
-        while True:
-            self.curl(run, self.url(list_type=2, prefix=prefix), stdout=page)
-            keys = re.findall("<Key>(.*?)</Key>", page.read_text())
-            if not keys:
-                return
+        keys = self.keys(run, prefix)
+        if keys:
             self.many(run, [[("url", self.url(key))] for key in keys], "--request", "DELETE")
 
 
@@ -187,7 +195,10 @@ class Ours(Tool):
         return f"s3://{self.bucket}?endpoint=http://{self.endpoint}&path-style=1&{self._parameters}"
 
     def _cloudfs(self, run, *arguments, **files):
-        run.call([self.programs / "tools/cloudfs/cloudfs", "--store", self._url(), *arguments], **files)
+        run.call([*self.command(), *arguments], **files)
+
+    def command(self):
+        return [self.programs / "tools/cloudfs/cloudfs", "--store", self._url()]
 
     def write(self, run, local, key):
         self._cloudfs(run, "put", "-f", local, key)
@@ -278,7 +289,15 @@ class Rclone(Tool):
 
 
 class Mount(Tool):
-    """A mounted file system, used by the standard programs of the system."""
+    """A mounted file system, used by the standard programs of the system.
+
+    A tool defines mounted(run, mode). The modes are: "stream" files from beginning to end, "edit" files, also "replace"
+    them by renaming others, "pick" small pieces, and read files that are "cached".
+    """
+
+    def changing(self, run, mode="edit"):
+        """Mounted until the store has the changes. Here closing the files is enough."""
+        return self.mounted(run, mode)
 
     def write(self, run, local, key):
         with self.mounted(run, "stream") as mount_point:
@@ -305,47 +324,113 @@ class Mount(Tool):
     list_level = list_all
 
     def patch(self, run, key, offset, local):
-        with self.mounted(run, "edit") as mount_point, self.stored(run, key):
+        with self.changing(run) as mount_point:
             run.call(["dd", f"if={local}", f"of={mount_point}/{key}", "bs=1K", "conv=notrunc", f"seek={offset // 1024}"])
 
     def append(self, run, key, local):
-        with self.mounted(run, "edit") as mount_point, self.stored(run, key):
+        with self.changing(run) as mount_point:
             run.call(["dd", f"if={local}", f"of={mount_point}/{key}", "bs=1K", "conv=notrunc", "oflag=append"])
 
     def pick(self, run, key, size, offsets, out):
         with self.mounted(run, "pick") as mount_point:
             run.call([self.programs / "bench/compare/random_reads", size, offsets, out, mount_point / key])
 
-    def stored(self, run, key):
-        """Wait at the end of a change until the store has it. Here closing the file is enough."""
-        return contextlib.nullcontext()
+    def unpack(self, run, archive, prefix):
+        with self.changing(run) as mount_point:
+            run.call(["mkdir", mount_point / prefix])
+            run.call(["tar", "--extract", "--no-same-owner", "--file", archive, "--directory", mount_point / prefix])
+
+    def remove_all(self, run, prefix):
+        with self.changing(run) as mount_point:
+            run.call(["rm", "-r", mount_point / prefix])
+
+    def clone(self, run, repository, prefix):
+        with self.changing(run, "replace") as mount_point:
+            run.call(["git", "clone", "--quiet", "--no-hardlinks", "--template=", repository, mount_point / prefix],
+                     **GIT)
+
+    def transactions(self, run, key, count):
+        self._write_durably(run, "replace", "transactions", key, count)
+
+    def append_lines(self, run, key, count):
+        self._write_durably(run, "edit", "lines", key, count)
+
+    def _write_durably(self, run, mode, verb, key, count):
+        with self.changing(run, mode) as mount_point:
+            program = Path(__file__).with_name("durable_writes.py")
+            run.call(["/usr/bin/python3", program, verb, mount_point / key, count])
+
+    def list_details(self, run, prefix, out, times):
+        with self.mounted(run, "stream") as mount_point:
+            for _ in range(times):  # the last is counted
+                run.restart()
+                run.call(["ls", "-lR", mount_point / prefix], stdout=out)
+
+    def read_cached(self, run, key, local, times):
+        with self.mounted(run, "cached") as mount_point:
+            for _ in range(times):  # the last is counted
+                drop_page_cache()
+                run.restart()
+                run.call(["dd", f"if={mount_point}/{key}", f"of={local}", "bs=1M"])
+
+
+class OursMounted(Mount):
+    name = "cloudfs mount"
+
+    def __init__(self, endpoint, bucket, programs, parameters):
+        super().__init__(endpoint, bucket, programs)
+        self._store = Ours(endpoint, bucket, programs, parameters)
+
+    def missing(self):
+        return None
+
+    def mounted(self, run, mode):
+        # It stores a file when it is closed, but a new file without content only after that.
+        return run.mounted([*self._store.command(), "mount", "--cache-dir", run.folder / "cache"],
+                           counts_end=mode in ("edit", "replace"))
 
 
 class RcloneMount(Mount):
     name = "rclone mount"
     program = "rclone"
 
-    def __init__(self, endpoint, bucket, programs, tag):
+    def __init__(self, endpoint, bucket, programs):
         super().__init__(endpoint, bucket, programs)
         self._settings = Rclone(endpoint, bucket, programs)._settings()
-        self._tag = tag  # returns the etag of a key, directly from the store
         self._modes = {
             "stream": ["--vfs-cache-mode", "off", "--vfs-read-wait", "200ms"],  # else reads out of order start new requests
             "edit": ["--vfs-cache-mode", "writes", "--vfs-write-back", "0"],
-            "pick": ["--vfs-cache-mode", "full", "--vfs-read-chunk-size", "1Mi", "--buffer-size", "0"]}
+            # With 0, what is renamed during its upload is lost.
+            "replace": ["--vfs-cache-mode", "writes", "--vfs-write-back", "1s"],
+            "pick": ["--vfs-cache-mode", "full", "--vfs-read-chunk-size", "1Mi", "--buffer-size", "0"],
+            "cached": ["--vfs-cache-mode", "full"]}
 
     def mounted(self, run, mode):
-        return run.mounted(["rclone", "mount", "--no-modtime", "--no-checksum", "--poll-interval", "0", "--cache-dir", run.folder / "cache",
-                            *self._modes[mode], f"gw:{self.bucket}"], **self._settings)
+        return run.mounted(["rclone", "mount", "--no-modtime", "--no-checksum", "--poll-interval", "0", "--cache-dir",
+                            run.folder / "cache", *self._modes[mode], f"gw:{self.bucket}"], **self._settings)
 
-    # It uploads a change only after the file is closed.
+    # It uploads a change only after the file is closed, and does not wait for uploads when it ends. Beside each file in
+    # its cache is another that tells whether the store has it.
     @contextlib.contextmanager
-    def stored(self, run, key):
-        before = self._tag(key)
-        yield
-        with run.timing():
-            while self._tag(key) == before:
-                time.sleep(0.05)
+    def changing(self, run, mode="edit"):
+        with self.mounted(run, mode) as mount_point:
+            yield mount_point
+            with run.timing():
+                deadline = time.monotonic() + run.limit
+                for known in [path for path in (run.folder / "cache/vfsMeta").rglob("*") if path.is_file()]:
+                    while not self._is_stored(known):
+                        if time.monotonic() > deadline:
+                            raise Failed(f"did not upload {known.name} within {run.limit} s")
+                        time.sleep(0.02)
+
+    @staticmethod
+    def _is_stored(known):
+        try:
+            return json.loads(known.read_text())["Dirty"] is False
+        except FileNotFoundError:  # removed
+            return True
+        except ValueError:  # being written
+            return False
 
 
 class S3fs(Mount):
@@ -354,6 +439,8 @@ class S3fs(Mount):
     def mounted(self, run, mode):
         options = ["use_path_request_style", f"url=http://{self.endpoint}", "endpoint=us-east-1", f"tmpdir={run.folder}",
                    "listobjectsv2", "enable_noobj_cache"]  # larger parts or more parts at a time were not faster
+        if mode == "cached":
+            options.append(f"use_cache={run.folder}/cache")
         return run.mounted(["s3fs", self.bucket, "-f", "-o", ",".join(options)])
 
 
