@@ -23,6 +23,8 @@ namespace storage::mount
 namespace
 {
 
+constexpr std::size_t maxMissing = 1'000; // names of a folder that are remembered
+
 constexpr auto retryInterval = std::chrono::seconds(5);
 
 void warn(const std::string& text)
@@ -191,6 +193,11 @@ NodePtr FileSystem::resolve(const NodePtr& folder, const std::string& name)
         return referenced(
             apply(*folder, name, listed != folder->listed.end() ? std::optional(listed->second) : std::nullopt));
     }
+    const auto missing = folder->missing.find(name);
+    if (!node && missing != folder->missing.end() && time < missing->second)
+    {
+        return nullptr;
+    }
     const std::uint64_t before = m_lastChange;
     const std::string key = Tree::keyOf(*folder, name);
     ++folder->requests;
@@ -211,6 +218,8 @@ NodePtr FileSystem::resolve(const NodePtr& folder, const std::string& name)
     const bool isOld = own != folder->ownChanges.end() && own->second.sequence > before;
     found = isOld ? own->second.result : found;
     endRequest(*folder);
+    folder->missing.size() < maxMissing ? void() : folder->missing.clear();
+    found ? void() : void(folder->missing[name] = Node::Clock::now() + m_settings.attributeTimeout);
     const NodePtr current = childOf(*folder, name);
     return referenced(isOld && current ? current : apply(*folder, name, found));
 }
@@ -221,6 +230,7 @@ void FileSystem::noteOwnChange(Node& folder, const std::string& name, const std:
 {
     ++m_lastChange;
     folder.requests > 0 ? void(folder.ownChanges[name] = {m_lastChange, result}) : void();
+    folder.missing.erase(name);
     if (!result)
     {
         folder.listed.erase(name);

@@ -22,9 +22,12 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <pthread.h>
 #include <span>
 #include <thread>
+#include <unordered_map>
 #include <utility>
 
 namespace storage::mount
@@ -69,19 +72,6 @@ template <typename Handle>
 Handle& handleOf(const fuse_file_info* info)
 {
     return *reinterpret_cast<Handle*>(info->fh); // NOLINT(performance-no-int-to-ptr): that is how libfuse keeps it
-}
-
-template <typename Handle>
-void keep(fuse_file_info& info, Handle handle)
-{
-    info.fh = reinterpret_cast<std::uint64_t>(new Handle(std::move(handle)));
-}
-
-/// Take over what keep() has kept.
-template <typename Handle>
-std::unique_ptr<Handle> take(const fuse_file_info* info)
-{
-    return std::unique_ptr<Handle>(&handleOf<Handle>(info));
 }
 
 } // namespace
@@ -169,6 +159,23 @@ private:
             text.insert(at, 1, '\\');
         }
         return text;
+    }
+
+    template <typename Handle>
+    void keep(fuse_file_info& info, Handle handle)
+    {
+        auto kept = std::make_shared<Handle>(std::move(handle));
+        info.fh = reinterpret_cast<std::uint64_t>(kept.get());
+        const std::lock_guard lock(m_handlesMutex);
+        m_handles.emplace(info.fh, std::move(kept));
+    }
+
+    /// Take over what keep() has kept.
+    template <typename Handle>
+    std::shared_ptr<Handle> take(const fuse_file_info* info)
+    {
+        const std::lock_guard lock(m_handlesMutex);
+        return std::static_pointer_cast<Handle>(m_handles.extract(info->fh).mapped());
     }
 
     static Server& of(fuse_req_t request) { return *static_cast<Server*>(::fuse_req_userdata(request)); }
@@ -399,11 +406,11 @@ private:
             [&](FileSystem& files)
             {
                 auto [attributes, file] = createOrOpen(files, parent, name, mode, info->flags);
-                keep(*info, std::move(file));
+                of(request).keep(*info, std::move(file));
                 const fuse_entry_param entry = of(request).entryOf(attributes);
                 if (::fuse_reply_create(request, &entry, info) != 0)
                 {
-                    files.release(*take<FileHandle>(info));
+                    files.release(*of(request).take<FileHandle>(info));
                     files.forget(attributes.node, 1);
                 }
             });
@@ -416,10 +423,10 @@ private:
             {
                 FileHandle file = files.open(node, (info->flags & O_TRUNC) != 0);
                 info->keep_cache = file.keepsPages;
-                keep(*info, std::move(file));
+                of(request).keep(*info, std::move(file));
                 if (::fuse_reply_open(request, info) != 0)
                 {
-                    files.release(*take<FileHandle>(info));
+                    files.release(*of(request).take<FileHandle>(info));
                 }
             });
     }
@@ -469,7 +476,7 @@ private:
 
     static void release(fuse_req_t request, fuse_ino_t, fuse_file_info* info)
     {
-        of(request).m_files.release(*take<FileHandle>(info));
+        of(request).m_files.release(*of(request).take<FileHandle>(info));
         ::fuse_reply_err(request, 0);
     }
 
@@ -478,10 +485,10 @@ private:
         answer(request, "opendir", node,
             [&](FileSystem& files)
             {
-                keep(*info, files.openFolder(node));
+                of(request).keep(*info, files.openFolder(node));
                 if (::fuse_reply_open(request, info) != 0)
                 {
-                    files.release(*take<FolderHandle>(info));
+                    files.release(*of(request).take<FolderHandle>(info));
                 }
             });
     }
@@ -542,7 +549,7 @@ private:
 
     static void releaseFolder(fuse_req_t request, fuse_ino_t, fuse_file_info* info)
     {
-        of(request).m_files.release(*take<FolderHandle>(info));
+        of(request).m_files.release(*of(request).take<FolderHandle>(info));
         ::fuse_reply_err(request, 0);
     }
 
@@ -602,6 +609,8 @@ private:
     const MountSettings m_settings;
     MountedStore m_store;
     FileSystem m_files;
+    std::mutex m_handlesMutex;
+    std::unordered_map<std::uint64_t, std::shared_ptr<void>> m_handles; // open files and folders, also at the end
     fuse_session* m_session = nullptr;
     pthread_t m_runner{};                  // set before m_isRunning
     std::atomic<bool> m_isRunning = false; // run() waits in libfuse

@@ -63,9 +63,10 @@ struct Node : std::enable_shared_from_this<Node>
     std::map<std::string, std::shared_ptr<Node>> children; ///< those that have a Node
     std::map<std::string, Found> listed;                   ///< all that the store has, while listedUntil is not over
     Clock::time_point listedUntil{};
-    bool hasMarker = false; ///< false also: not known
-    bool isLocal = false;   ///< the store does not have it, because it represents no empty folders
-    unsigned requests = 0;  ///< lookups and listings of it that are in progress
+    std::map<std::string, Clock::time_point> missing; ///< names that the store did not have, and until when that counts
+    bool hasMarker = false;                           ///< false also: not known
+    bool isLocal = false;  ///< the store does not have it, because it represents no empty folders
+    unsigned requests = 0; ///< lookups and listings of it that are in progress
 
     /// What this mount has done under a name meanwhile, which the store may have done after it has read its response.
     struct OwnChange
