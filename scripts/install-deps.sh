@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Install the packages for building, testing, checking and benchmarks on Debian 12. Does nothing if all are installed.
 #
-# Usage: scripts/install-deps.sh [compare|azurite]        as root, or as a user who may use sudo
+# Usage: scripts/install-deps.sh [compare|programs|azurite]   as root, or a user who may use sudo
 #
 # With "compare", also install the other tools that bench/compare.sh measures, and the library that draws its chart. With
-# "azurite", also download that emulator of Azure Blob Storage, by npm, into a cache folder of the user.
+# "programs", also those that scripts/mount-programs.sh runs in a mounted store. With "azurite", also download that
+# emulator of Azure Blob Storage, by npm, into a cache folder of the user.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -39,9 +40,10 @@ packages=(
 case ${1:-} in
     '') ;;
     compare) packages+=(libgdal-dev python3-awscrt python3-matplotlib rclone s3fs) ;;
+    programs) packages+=(dbench fio git make rsync sqlite3 stress-ng tar) ;;
     azurite) command -v npm >/dev/null || packages+=(nodejs npm) ;; # others than Debian's have npm in the same package
     *)
-        echo "usage: scripts/install-deps.sh [compare|azurite]" >&2
+        echo "usage: scripts/install-deps.sh [compare|programs|azurite]" >&2
         exit 2
         ;;
 esac
