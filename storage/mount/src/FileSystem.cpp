@@ -770,6 +770,7 @@ void FileSystem::moveFile(const NodePtr& node, const std::string& source, const 
         const std::lock_guard lock(m_tree.mutex);
         isOpen = node->opens > 0;
     }
+    node->contents->isUnsent() ? send(node, source) : void(); // or the copy would be a version that nobody wanted there
     const MountedStore::Copy copy = m_store.copy(source, target);
     node->contents->moved(target, copy, !isOpen); // first, for the case that the process is killed
     try

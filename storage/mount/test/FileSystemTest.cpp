@@ -371,10 +371,10 @@ TEST_F(FileSystemTest, LeavesVersionsOfOtherProgramsAsTheyAre)
         {"write, rename", false, dirty,
             [&]
             {
-                rename("a", "b");
+                EXPECT_EQ(errorOf([&] { rename("a", "b"); }), ESTALE);
                 conflict();
             },
-            "b", true},
+            "a", true},
         {"rename, append", false,
             [&]
             {
