@@ -130,12 +130,19 @@ void endMount(storage::mount::Mount& mount, Ending& ended, std::atomic<bool>& is
         [&]
         {
             interrupt::blockSignalsInThisThread();
-            if (const auto unsent = mount.unsent(); !unsent.empty())
+            try
             {
-                diagnostics::printLine(
-                    fmt::format("storing {} files; another signal leaves them to the next mount", unsent.size()));
+                if (const auto unsent = mount.unsent(); !unsent.empty())
+                {
+                    diagnostics::printLine(
+                        fmt::format("storing {} files; another signal leaves them to the next mount", unsent.size()));
+                }
+                mount.sendAll(); // before programs lose the folder
             }
-            mount.sendAll(); // before programs lose the folder
+            catch (const std::exception& exception) // no memory, no thread
+            {
+                diagnostics::printLine(exception.what());
+            }
             mount.stop();
         });
     try

@@ -46,9 +46,13 @@ std::optional<std::vector<std::string>> fromMountHelper(
                 }
             }
         }
-        else if (!arguments[i].starts_with('-')) // others, such as -v, are of mount(8)
+        else if (arguments[i] == "-t" || arguments[i] == "-N")
         {
-            names.push_back(arguments[i]);
+            ++i; // the type, or a name space that this process is in already
+        }
+        else if (arguments[i] != "-s" && arguments[i] != "-n" && arguments[i] != "-v")
+        {
+            names.push_back(arguments[i]); // an option is refused as unknown
         }
     }
     std::vector<std::string> result{"mount", "--background"};
@@ -56,8 +60,7 @@ std::optional<std::vector<std::string>> fromMountHelper(
     if (!names.empty())
     {
         result.insert(result.begin(), {"--store", names.front()});
-        names.front() = "--"; // a folder's name may begin with "-"
-        result.insert(result.end(), names.begin(), names.end());
+        result.insert(result.end(), names.begin() + 1, names.end());
     }
     return result;
 }

@@ -3,7 +3,6 @@
 #include "Failure.hpp"
 
 #include <storage/clients/common/KeyRules.hpp>
-
 #include <storage/cloudprovider/CloudExceptions.hpp>
 
 #include <boost/icl/interval_set.hpp>
@@ -226,32 +225,6 @@ bool FileContents::isSuperseded() const
     return m_isSuperseded;
 }
 
-FileContents::Match FileContents::open(const std::string& key, bool mayReplace)
-{
-    std::optional<ObjectVersion> before;
-    {
-        const std::lock_guard lock(m_mutex);
-        if (m_isUnsent)
-        {
-            return Match::Same;
-        }
-        before = m_before;
-    }
-    const ObjectVersion version = m_store.open(key);
-    const std::lock_guard lock(m_mutex);
-    if (m_isUnsent || m_isBusy || m_before == version)
-    {
-        return Match::Same;
-    }
-    if (m_before && (!mayReplace || m_before != before)) // somebody else has opened it meanwhile
-    {
-        return Match::Refused;
-    }
-    m_foundModified.reset();
-    replace(version, version.size);
-    return Match::Replaced;
-}
-
 /// Lock, and know which version is stored.
 std::unique_lock<std::mutex> FileContents::lockKnown(const std::string& key)
 {
@@ -259,8 +232,9 @@ std::unique_lock<std::mutex> FileContents::lockKnown(const std::string& key)
     while (!isKnown())
     {
         lock.unlock();
-        open(key, true);
+        const ObjectVersion version = m_store.open(key);
         lock.lock();
+        isKnown() || m_isBusy ? void() : replace(version, version.size);
     }
     return lock;
 }

@@ -37,7 +37,7 @@ public:
 
     /// Make the contents of a stored file, as a lookup or a listing has found it.
     ///
-    /// @param found  its tag may be empty; then open() before any other operation
+    /// @param found  its tag may be empty; then the first operation that needs the version asks for it
     FileContents(MountedStore& store, UnsentFiles& unsent, const Found& found);
 
     /// Make the contents that an earlier process has not sent.
@@ -83,11 +83,6 @@ public:
 
     /// Whether other contents have the name of the file now.
     bool isSuperseded() const;
-
-    /// Let reads return the version that is stored now.
-    ///
-    /// @throws ResourceNotFoundException
-    Match open(const std::string& key, bool mayReplace);
 
     /// Read up to `size` bytes. @return how many; fewer at the end of the file
     /// @throws Failure  ESTALE if another client has replaced or removed the version that was opened

@@ -319,14 +319,14 @@ Attributes FileSystem::setAttributes(NodeId id, const AttributeChanges& changes)
 }
 
 /// Requires the lock of the tree.
-FileHandle FileSystem::handle(const NodePtr& node, bool isNew)
+FileHandle FileSystem::handle(const NodePtr& node)
 {
     ++node->opens;
     const auto stored = node->contents->stored();
     std::string tag = stored ? stored->tag : "";
     const bool keepsPages = !tag.empty() && node->cachedTag == tag;
     node->cachedTag = std::move(tag);
-    return {node, isNew, keepsPages};
+    return {node, keepsPages};
 }
 
 std::pair<Attributes, FileHandle> FileSystem::create(NodeId folderId, const std::string& name, mode_t mode)
@@ -351,7 +351,7 @@ std::pair<Attributes, FileHandle> FileSystem::create(NodeId folderId, const std:
     node->hasOwnAttributes = node->mode != m_settings.fileMode;
     node->modified = node->changed = folder->modified = folder->changed = now();
     noteOwnChange(*folder, name, Found());
-    return {reference(*node), handle(node, true)};
+    return {reference(*node), handle(node)};
 }
 
 FileHandle FileSystem::open(NodeId id, bool truncates)
@@ -362,11 +362,11 @@ FileHandle FileSystem::open(NodeId id, bool truncates)
         throw Failure(EISDIR, "it is a folder");
     }
     const Tree::Use use(m_tree, node);
-    bool isCurrent = false, mayReplace = false;
+    bool isCurrent = false;
     {
-        // From now on it counts as open, so that of several who open it at a time, one chooses the version.
+        // From here on it counts as open, so that of several who open it at a time, none replaces the others' version.
         const std::lock_guard lock(m_tree.mutex);
-        mayReplace = node->opens++ == 0;
+        ++node->opens;
         isCurrent = node->contents->isSuperseded()
                         ? false
                         : node->parent == nullptr || (Node::Clock::now() < node->expires && node->contents->stored());
@@ -375,7 +375,7 @@ FileHandle FileSystem::open(NodeId id, bool truncates)
     {
         if (!isCurrent)
         {
-            openCurrent(node, use.key(), mayReplace);
+            openCurrent(node, use.key());
         }
         truncates ? node->contents->resize(use.key(), 0, true) : void();
     }
@@ -388,7 +388,7 @@ FileHandle FileSystem::open(NodeId id, bool truncates)
     const std::lock_guard lock(m_tree.mutex);
     node->modified = truncates ? now() : node->modified;
     node->changed = truncates ? node->modified : node->changed;
-    FileHandle result = handle(node, false);
+    FileHandle result = handle(node);
     --node->opens; // counted twice
     result.keepsPages = result.keepsPages && !truncates;
     return result;
@@ -397,30 +397,37 @@ FileHandle FileSystem::open(NodeId id, bool truncates)
 /// Let reads return the version that is stored now.
 ///
 /// @throws Failure  ESTALE: look the file up again, and open what that finds
-void FileSystem::openCurrent(const NodePtr& node, const std::string& key, bool mayReplace)
+void FileSystem::openCurrent(const NodePtr& node, const std::string& key)
 {
-    if (node->contents->isSuperseded())
+    if (node->contents->isUnsent())
     {
-        throw Failure(ESTALE, "another program has replaced or removed the file");
+        return;
     }
-    const std::uint64_t size = node->contents->size();
-    auto match = FileContents::Match::Same;
+    std::optional<ObjectVersion> version;
     try
     {
-        match = node->contents->open(key, mayReplace);
+        version = m_store.open(key);
     }
-    catch (const cloudprovider::ResourceNotFoundException&)
+    catch (const cloudprovider::ResourceNotFoundException&) // removed since it was looked up
     {
-        match = FileContents::Match::Refused;
     }
+    const std::lock_guard lock(m_tree.mutex);
+    const std::uint64_t size = node->contents->size();
+    const auto match =
+        version && !node->contents->isSuperseded()
+            ? node->contents->found(Found{false, version->size, std::nullopt, version->tag}, node->opens == 1)
+            : FileContents::Match::Refused;
     // The kernel must not read a version with the size of another.
     const bool hasOtherSize = match == FileContents::Match::Replaced && node->contents->size() != size;
     if (match == FileContents::Match::Refused || hasOtherSize)
     {
-        const std::lock_guard lock(m_tree.mutex);
         node->expires = {};
-        node->parent != nullptr ? void(node->parent->listedUntil = {}) : void();
-        throw Failure(ESTALE, "the file was replaced or removed");
+        if (node->parent != nullptr)
+        {
+            node->parent->listedUntil = {};
+            node->contents->isSuperseded() ? m_tree.detach(*node) : void();
+        }
+        throw Failure(ESTALE, "another program has replaced or removed the file");
     }
 }
 

@@ -62,7 +62,6 @@ struct AttributeChanges
 struct FileHandle
 {
     NodePtr node;
-    bool isNew = false;      ///< it was created by opening it
     bool keepsPages = false; ///< what the kernel has read of the file is still right
 };
 
@@ -161,10 +160,10 @@ private:
     NodePtr apply(Node& folder, const std::string& name, const std::optional<Found>& found);
     Reference hold(NodeId folder, const std::string& name);
     void refresh(const NodePtr& node);
-    void openCurrent(const NodePtr& node, const std::string& key, bool mayReplace);
+    void openCurrent(const NodePtr& node, const std::string& key);
     Attributes describe(const Node& node) const;
     Attributes reference(Node& node) const;
-    FileHandle handle(const NodePtr& node, bool isNew);
+    FileHandle handle(const NodePtr& node);
     void send(const NodePtr& node, const std::string& key);
     std::vector<NodePtr> unsentNodes();
     void noteSent(Node& node, const std::optional<ObjectVersion>& before);
@@ -185,7 +184,9 @@ private:
     Tree m_tree;
     std::uint64_t m_lastChange = 0; // of this mount; guarded by the lock of the tree
 
-    std::mutex m_conflictMutex; // held while a conflict is copied; taken before the lock of FileContents
+    // Held while a conflict is copied, also during calls of the store: only other conflicts and the end of sendAll()
+    // wait for it, which must not miss one. Taken before the lock of FileContents.
+    std::mutex m_conflictMutex;
     std::vector<NotStored> m_conflicts;
 
     std::mutex m_retryMutex; // innermost; guards the next four

@@ -12,7 +12,6 @@
 #include <fmt/format.h>
 
 #include <cerrno>
-#include <memory>
 #include <utility>
 
 namespace storage::mount
@@ -38,6 +37,28 @@ void warn(const std::string& text)
 
 } // namespace
 
+/// The time in which a recorded move is in progress.
+class FolderMoves::Active
+{
+public:
+    Active(FolderMoves& moves, std::int64_t id)
+        : m_moves(moves)
+        , m_id(id)
+    {
+    }
+    Active(const Active&) = delete;
+    Active& operator=(const Active&) = delete;
+    ~Active()
+    {
+        const auto lock = m_moves.m_database.lock();
+        m_moves.m_active.erase(m_id);
+    }
+
+private:
+    FolderMoves& m_moves;
+    const std::int64_t m_id;
+};
+
 FolderMoves::FolderMoves(Database& database, MountedStore& store)
     : m_database(withTables(database))
     , m_store(store)
@@ -57,12 +78,7 @@ std::map<std::string, MountedStore::Copy> FolderMoves::move(
         throw Failure(EXDEV, fmt::format("{} has more than {} files", clients::quoted(source), maxKeys));
     }
     record(move);
-    const auto inactive = [&](void*)
-    {
-        const auto lock = m_database.lock();
-        m_active.erase(move.id);
-    };
-    const std::unique_ptr<void, decltype(inactive)> active(this, inactive);
+    const Active active(*this, move.id);
     const auto endLater = [&]
     {
         try
@@ -101,8 +117,7 @@ void FolderMoves::deleteLater(const std::string& source, const std::string& targ
 {
     Move move{0, source, target, State::Deleting, {{"", copy}}};
     record(move);
-    const auto lock = m_database.lock();
-    m_active.erase(move.id);
+    const Active recorded(*this, move.id);
 }
 
 void FolderMoves::resume()
@@ -184,6 +199,9 @@ void FolderMoves::copy(const Move& move, Object& object, bool isResumed)
     if (isResumed && m_store.isThere(target))
     {
         object.copy = m_store.findCopy(source, target);
+        object.copy ? void()
+                    : warn(fmt::format("{} is not moved to {}, where another program has stored something",
+                          clients::quoted(source), clients::quoted(target)));
     }
     else
     {

@@ -64,6 +64,8 @@ private:
         std::vector<Object> objects;
     };
 
+    class Active;
+
     void record(Move& move);
     std::vector<Move> recorded();
     void copy(const Move& move, Object& object, bool isResumed);

@@ -200,24 +200,35 @@ bool MountedStore::read(
     std::array<char, 2> bytes{};
     boost::iostreams::stream<boost::iostreams::array_sink> out(
         isFirstByte ? bytes.data() : target, isFirstByte ? bytes.size() : size);
-    try
+    const bool isRead = unlessChanged(key, version,
+        [&] { m_client->getObjectRange(key, out, offset, offset + (isFirstByte ? bytes.size() : size) - 1); });
+    if (!isRead)
     {
-        m_client->getObjectRange(key, out, offset, offset + (isFirstByte ? bytes.size() : size) - 1);
-    }
-    catch (const clients::TransientException&)
-    {
-        throw;
-    }
-    catch (const CloudException&)
-    {
-        if (isStored(key, version))
-        {
-            throw;
-        }
         return false;
     }
     isFirstByte ? void(*target = bytes.front()) : void();
     return m_versions.pinnedVersion(key) == pinned;
+}
+
+/// Call the store. @return false: that has failed, and the store does not have this version of the object
+bool MountedStore::unlessChanged(
+    const std::string& key, const std::optional<ObjectVersion>& version, const std::function<void()>& call)
+try
+{
+    call();
+    return true;
+}
+catch (const clients::TransientException&)
+{
+    throw;
+}
+catch (const CloudException&)
+{
+    if (isStored(key, version))
+    {
+        throw;
+    }
+    return false;
 }
 
 bool MountedStore::isStored(const std::string& key, const std::optional<ObjectVersion>& version)
@@ -239,24 +250,8 @@ std::unique_ptr<UploadAhead> MountedStore::uploadAhead(const std::string& key)
 ObjectVersion MountedStore::store(
     const std::string& key, const std::optional<ObjectVersion>& before, const Change& change)
 {
-    try
+    if (!unlessChanged(key, before, [&] { write(key, before, change); }))
     {
-        write(key, before, change);
-    }
-    catch (const Failure&)
-    {
-        throw;
-    }
-    catch (const clients::TransientException&)
-    {
-        throw;
-    }
-    catch (const CloudException&)
-    {
-        if (isStored(key, before))
-        {
-            throw;
-        }
         throw Failure(ESTALE, clients::quoted(key) + " has been changed by another program meanwhile");
     }
     return versionOf(key);
@@ -340,23 +335,7 @@ bool MountedStore::removeVersion(const std::string& key, const std::string& tag)
 {
     const ObjectVersion version{tag, 0};
     const Condition condition = require(key, version);
-    try
-    {
-        m_client->deleteObject(key);
-        return true;
-    }
-    catch (const clients::TransientException&)
-    {
-        throw;
-    }
-    catch (const CloudException&)
-    {
-        if (isStored(key, version))
-        {
-            throw;
-        }
-        return false;
-    }
+    return unlessChanged(key, version, [&] { m_client->deleteObject(key); });
 }
 
 MountedStore::Copy MountedStore::copy(const std::string& source, const std::string& target)

@@ -145,6 +145,8 @@ public:
 private:
     void write(const std::string& key, const std::optional<ObjectVersion>& before, const Change& change);
     void writeParts(const std::string& key, const Change& change, const std::vector<cloudprovider::PartInfo>& stored);
+    bool unlessChanged(
+        const std::string& key, const std::optional<ObjectVersion>& version, const std::function<void()>& call);
     bool isStored(const std::string& key, const std::optional<ObjectVersion>& version);
     ObjectVersion versionOf(const std::string& key);
 

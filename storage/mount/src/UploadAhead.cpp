@@ -1,7 +1,15 @@
 #include "UploadAhead.hpp"
 
+#include "Failure.hpp"
+
+#include <storage/clients/common/KeyRules.hpp>
+#include <storage/cloudprovider/Logger.hpp>
+
+#include <foundation/log/Severity.hpp>
+
+#include <fmt/format.h>
+
 #include <algorithm>
-#include <exception>
 #include <utility>
 
 namespace storage::mount
@@ -12,7 +20,17 @@ namespace
 
 constexpr std::size_t maxParts = 10'000; // of one object, in common stores
 
+void warn(const std::string& key, const char* reason) noexcept
+try
+{
+    cloudprovider::getLogger().write(foundation::log::severity::warning,
+        fmt::format("aborting an upload of {} failed; it stays open: {}", key, reason));
 }
+catch (...) // no memory
+{
+}
+
+} // namespace
 
 UploadAhead::UploadAhead(cloudprovider::CloudClient& client, std::string key, std::uint64_t partSize)
     : m_client(client)
@@ -28,8 +46,9 @@ UploadAhead::~UploadAhead()
     {
         m_isComplete ? void() : m_client.abortMultipartUpload(m_key, m_id);
     }
-    catch (const std::exception&) // the store forgets it some day
+    catch (...)
     {
+        warn(clients::quoted(m_key), Failure::current().what());
     }
 }
 

@@ -517,12 +517,45 @@ TEST_F(FileSystemTest, ReadersSeeWhatAnotherProgramHasStored)
     }
 }
 
+TEST_F(FileSystemTest, TwoWhoOpenAFileAtATimeReadOneVersion)
+{
+    mount();
+    const std::string first(20, '1'), second(20, '2');
+    bucket->put("a", first);
+    const NodeId node = find("a");
+    std::atomic<int> calls = 0;
+    std::atomic<bool> mayGoOn = false;
+    client->setHook(
+        [&](Operation operation, const std::string&)
+        {
+            const bool isFirst = operation == Operation::GetObjectParts && calls++ == 0;
+            isFirst ? mayGoOn.wait(false) : void();
+        });
+    std::jthread other([&] { errorOf([&] { files->release(files->open(node)); }); });
+    while (calls == 0)
+    {
+        std::this_thread::yield();
+    }
+    const FileHandle file = files->open(node);
+    std::string bytes(20, '?');
+    files->read(file, 0, bytes.data(), 10);
+    bucket->put("a", second);
+    mayGoOn = true;
+    mayGoOn.notify_all();
+    other.join();
+    EXPECT_EQ(errorOf([&] { files->read(file, 10, bytes.data() + 10, 10); }), ESTALE) << bytes;
+    files->release(file);
+}
+
 TEST_F(FileSystemTest, ARemovedFileServesThoseWhoHaveItOpenAndNobodyElse)
 {
     mount();
     const std::string bytes = bytesOf(6U << 20, 1);
     put("a", bytes);
     FileHandle& file = open("a");
+    files->removeFile(rootId, "a");
+    EXPECT_TRUE(files->attributes(file.node->id).isRemoved);
+    EXPECT_NE(files->create(rootId, "a", 0644).first.inode, files->attributes(file.node->id).inode);
     files->removeFile(rootId, "a");
     files->write(file, 6U << 20, "more", 4);
     std::string got((6U << 20) + 4, '\0');
