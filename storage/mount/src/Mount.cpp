@@ -175,7 +175,10 @@ private:
     std::shared_ptr<Handle> take(const fuse_file_info* info)
     {
         const std::lock_guard lock(m_handlesMutex);
-        return std::static_pointer_cast<Handle>(m_handles.extract(info->fh).mapped());
+        const auto kept = m_handles.find(info->fh);
+        auto handle = std::static_pointer_cast<Handle>(std::move(kept->second));
+        m_handles.erase(kept);
+        return handle;
     }
 
     static Server& of(fuse_req_t request) { return *static_cast<Server*>(::fuse_req_userdata(request)); }
